@@ -1,0 +1,49 @@
+#pragma once
+// The encoders behind ImageCompressor. Each is synchronous, re-entrant and owns every
+// library object it creates for the length of one call. All throw
+// ImageProcessingError::encodingFailed(label) unless noted.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "engine/DecodedImage.h"
+#include "engine/EncodingStrategy.h"
+#include "engine/RGBABuffer.h"
+
+namespace quillane {
+
+using Bytes = std::vector<uint8_t>;
+
+// JPEG (libjpeg-turbo), HEIC (libheif with x265) and AVIF (libavif with aom).
+namespace NativeImageIOEncoder {
+// `format` must be jpeg, heic or avif and `plan.mode` lossy. JPEG flattens alpha over white.
+Bytes encode(const DecodedImage& image, bool hasAlpha, ImageFormat format, const EncodingPlan& plan);
+// The 8-bit opaque copy handed to the writers; nothing when it can't be made.
+std::optional<DecodedImage> opaqueCopy(const DecodedImage& image, bool overWhite);
+}  // namespace NativeImageIOEncoder
+
+namespace WebPEncoder {
+Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan, const ImageCharacteristics& characteristics);
+}  // namespace WebPEncoder
+
+namespace JXLEncoder {
+Bytes encode(const RGBABuffer& rgba, bool hasAlpha, const EncodingPlan& plan);
+// Lossless repackaging of a JPEG file, reconstructible byte for byte; nothing on any failure.
+std::optional<Bytes> transcodeJPEG(std::span<const uint8_t> jpeg, int effort);
+// The Butteraugli distance for a lossy quality.
+float distance(double quality);
+}  // namespace JXLEncoder
+
+namespace PNGQuantEncoder {
+// Palette PNG through libimagequant, falling back to encodeLossless; truecolour when the
+// plan prefers lossless.
+Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan);
+// The palette path alone (also the plan's lossy alternative). Throws encodingFailed("PNG").
+Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan);
+// Truecolour PNG with per-row filter choice. Throws ZlibError.
+Bytes encodeLossless(const RGBABuffer& rgba, const EncodingPlan& plan);
+}  // namespace PNGQuantEncoder
+
+}  // namespace quillane

@@ -1,0 +1,77 @@
+#pragma once
+// From a decoded picture and one slider value to encoder settings that suit the picture:
+// ImageAnalyzer measures and classes, EncodingStrategy plans, QualityCalibration maps a
+// perceptual quality to a codec's. All pure functions, any thread.
+
+#include <array>
+#include <optional>
+#include <string_view>
+
+#include "engine/ImageFormat.h"
+#include "engine/RGBABuffer.h"
+
+namespace quillane {
+
+struct ImageCharacteristics {
+  enum class ContentClass { flatGraphic, screenText, illustration, photo, noisyPhoto };
+
+  int width = 0;
+  int height = 0;
+  ContentClass contentClass = ContentClass::flatGraphic;
+  int distinctColorCount = 0;
+  bool colorCountSaturated = false;
+  double flatFraction = 0;
+  double edgeFraction = 0;
+  double gradientFraction = 0;
+  double noiseLevel = 0;
+  bool hasAlpha = false;
+  bool hasPartialAlpha = false;
+
+  static std::string_view name(ContentClass c);  // "flatGraphic", ...
+};
+
+struct EncodingPlan {
+  struct Mode {
+    enum class Kind { lossy, nearLossless, lossless };
+    Kind kind = Kind::lossy;
+    double quality = 0;  // lossy: the codec's quality, 0...100
+    int level = 0;       // nearLossless: the level
+
+    static Mode lossy(double q) { return {Kind::lossy, q, 0}; }
+    static Mode nearLossless(int level) { return {Kind::nearLossless, 0, level}; }
+    static Mode lossless() { return {Kind::lossless, 0, 0}; }
+    bool operator==(const Mode&) const = default;
+  };
+  // A second encoding that competes with the first: lossy(q) or lossless only.
+  using Alternative = Mode;
+
+  Mode mode;
+  int effort = 2;  // 0, 1 or 2; 2 is the most work
+  double quality = 75;
+  std::optional<Alternative> alternative;
+  float dithering = 0.7f;
+  bool prefersLossless = false;
+
+  static std::string_view modeName(Mode::Kind kind);  // "lossy", "nearLossless", "lossless"
+};
+
+namespace ImageAnalyzer {
+// Samples at most about 1.2 million points, whatever the size.
+ImageCharacteristics analyze(const RGBABuffer& rgba);
+}  // namespace ImageAnalyzer
+
+namespace QualityCalibration {
+struct Anchor {
+  double perceptual, jpeg, heic, avif, webp;
+};
+extern const std::array<Anchor, 9> anchors;
+inline constexpr double calibrationWeight = 0.0;
+double codecQuality(double perceptual, ImageFormat format);
+}  // namespace QualityCalibration
+
+namespace EncodingStrategy {
+EncodingPlan plan(const ImageCharacteristics& characteristics, ImageFormat format, double perceptualQuality);
+EncodingPlan::Mode mode(const ImageCharacteristics& characteristics, ImageFormat format, double quality);
+}  // namespace EncodingStrategy
+
+}  // namespace quillane

@@ -1,0 +1,81 @@
+#include "engine/FileIO.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "engine/Errors.h"
+
+namespace quillane::FileIO {
+namespace {
+struct Fd {
+  int fd = -1;
+  ~Fd() {
+    if (fd >= 0) ::close(fd);
+  }
+};
+[[noreturn]] void fail(const std::string& path, int err) { throw FileError(path, std::strerror(err)); }
+}  // namespace
+
+std::vector<uint8_t> readFile(const std::string& path) {
+  Fd f;
+  f.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (f.fd < 0) fail(path, errno);
+  struct stat st {};
+  if (::fstat(f.fd, &st) != 0) fail(path, errno);
+  if (S_ISDIR(st.st_mode)) fail(path, EISDIR);
+  std::vector<uint8_t> data;
+  if (st.st_size > 0) data.reserve(size_t(st.st_size));
+  uint8_t buf[1 << 16];
+  for (;;) {
+    ssize_t n = ::read(f.fd, buf, sizeof buf);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      fail(path, errno);
+    }
+    if (n == 0) break;
+    data.insert(data.end(), buf, buf + n);
+  }
+  return data;
+}
+
+void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes) {
+  std::string tmpl = path + ".XXXXXX";
+  Fd f;
+  f.fd = ::mkostemp(tmpl.data(), O_CLOEXEC);
+  if (f.fd < 0) fail(path, errno);
+  auto cleanup = [&](int err) {
+    ::close(f.fd);
+    f.fd = -1;
+    ::unlink(tmpl.c_str());
+    fail(path, err);
+  };
+  ::fchmod(f.fd, 0644 & ~[] { mode_t m = ::umask(0); ::umask(m); return m; }());
+  size_t written = 0;
+  while (written < bytes.size()) {
+    ssize_t n = ::write(f.fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      cleanup(errno);
+    }
+    written += size_t(n);
+  }
+  if (::fsync(f.fd) != 0) cleanup(errno);
+  if (::close(f.fd) != 0) {
+    f.fd = -1;
+    int err = errno;
+    ::unlink(tmpl.c_str());
+    fail(path, err);
+  }
+  f.fd = -1;
+  if (::rename(tmpl.c_str(), path.c_str()) != 0) {
+    int err = errno;
+    ::unlink(tmpl.c_str());
+    fail(path, err);
+  }
+}
+
+}  // namespace quillane::FileIO

@@ -1,0 +1,53 @@
+#pragma once
+// Reading images: headers and thumbnails for import, full first frames for encoding,
+// bounded previews for the comparison view. Stateless; every function works on any thread.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "engine/DecodedImage.h"
+#include "engine/ImageFormat.h"
+
+namespace quillane {
+
+namespace ImageDecoder {
+
+struct LightDecodedImage {
+  ImageFormat format;
+  int pixelWidth = 0;   // displayed size: swapped already when the orientation turns by a quarter
+  int pixelHeight = 0;
+  int64_t fileSizeBytes = 0;
+  int frameCount = 1;   // above 1 means animated
+  DecodedImage thumbnail;  // at most 256 pixels on the longer side, upright, 8-bit
+};
+
+struct DecodedSource {
+  ImageFormat format;
+  DecodedImage image;  // first frame, full size, upright, at its own depth
+  int frameCount = 1;
+};
+
+// Reads headers and makes a thumbnail; never decodes the full picture where the codec can
+// decode at a reduced scale. Throws ImageProcessingError::decodingFailed.
+LightDecodedImage inspect(const std::string& path);
+
+// Decodes the first frame in full and bakes its orientation into the pixels.
+// Throws ImageProcessingError::decodingFailed.
+DecodedSource decodeCGImageSource(std::span<const uint8_t> fileData);
+
+// Bakes an EXIF orientation (2 to 8) into the pixels. Any other value: nothing, and the
+// caller keeps the image as it is. Keeps the depth and the alpha of the source.
+std::optional<DecodedImage> applyOrientation(int orientation, const DecodedImage& image);
+
+// An upright picture of at most `maxPixelSize` on its longer side, 8-bit RGBA; nothing when
+// the file can't be read. Not limited to the six formats.
+std::optional<DecodedImage> loadPreview(const std::string& path, int maxPixelSize);
+std::optional<DecodedImage> loadPreview(std::span<const uint8_t> data, int maxPixelSize);
+
+// The file's size in bytes, 0 when it can't be read. Never throws.
+int64_t fileSize(const std::string& path);
+
+}  // namespace ImageDecoder
+}  // namespace quillane

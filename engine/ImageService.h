@@ -1,0 +1,43 @@
+#pragma once
+// The image service: all reading of image files over the codec libraries, one reader per
+// codec (engine/codecs/). Stateless and re-entrant; every library object lives for one call.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "engine/DecodedImage.h"
+
+namespace quillane::ImageService {
+
+// Enough leading bytes to recognise every type: ISO-BMFF brands can sit a little way in.
+inline constexpr size_t kSniffBytes = 64;
+
+// The type identifier of the bytes, from their content alone: the six formats give
+// "public.png", "public.jpeg", "public.heic", "public.avif", "org.webmproject.webp",
+// "public.jpeg-xl"; GIF, TIFF and BMP give "com.compuserve.gif", "public.tiff",
+// "com.microsoft.bmp"; anything else nothing.
+std::optional<std::string> typeIdentifier(std::span<const uint8_t> bytes);
+
+struct Properties {
+  int width = 0;   // as stored, before orientation
+  int height = 0;
+  std::optional<int> orientation;  // EXIF 1...8 where the file states one that the decoder won't apply
+  int frameCount = 1;
+};
+
+// Header-only read of image 0. Nothing when the bytes are not a readable image of the six
+// formats or the header is damaged.
+std::optional<Properties> properties(std::span<const uint8_t> bytes);
+
+// Full decode of image 0, not turned, at its own depth (8 or 16 bits). Grey and CMYK become
+// RGB. Refuses pictures above kMaxPixels before allocating them.
+// Throws ImageProcessingError::decodingFailed.
+DecodedImage decodeFirstFrame(std::span<const uint8_t> bytes);
+
+// An 8-bit picture of image 0 of at most `maxPixelSize` on the longer side, orientation
+// applied, decoded at a reduced scale where the codec can (JPEG DCT scaling). Nothing on failure.
+std::optional<DecodedImage> thumbnail(std::span<const uint8_t> bytes, int maxPixelSize);
+
+}  // namespace quillane::ImageService

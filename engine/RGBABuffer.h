@@ -1,0 +1,34 @@
+#pragma once
+// Straight (not premultiplied) 8-bit RGBA pixels: what the analyzer and all encoders but the
+// JPEG/HEIC/AVIF writers read. 16-bit sources are dithered down, not truncated.
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "engine/ColorSpace.h"
+#include "engine/DecodedImage.h"
+
+namespace quillane {
+
+struct RGBABuffer {
+  int width = 0;
+  int height = 0;
+  std::vector<uint8_t> pixels;  // width * height * 4, row-major from the top
+  bool hasAlpha = false;        // some pixel has alpha below 255
+  ColorSpace colorSpace;
+
+  RGBABuffer() = default;
+  // Throws ImageProcessingError::contextCreationFailed when the picture can't be converted.
+  explicit RGBABuffer(const DecodedImage& image);
+
+  // 8 by 8 Bayer thresholds times 4 (0...252), row by row.
+  static const std::array<int32_t, 64> bayer8;
+  // Largest 16-bit picture that takes the dithered route.
+  static constexpr uint64_t kDitherPixelLimit = 40'000'000;
+
+  // In place; returns whether any alpha was below 255. Exposed for tests.
+  static bool unpremultiply(std::vector<uint8_t>& bytes);
+};
+
+}  // namespace quillane

@@ -1,0 +1,114 @@
+#include "tests/support/TestImages.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <stdexcept>
+
+namespace quillane::testing {
+namespace {
+uint8_t clamp8(double v) { return uint8_t(std::lround(std::clamp(v, 0.0, 255.0))); }
+}  // namespace
+
+DecodedImage makeImage(int width, int height, Pattern pattern, uint32_t seed, bool withAlpha) {
+  DecodedImage img;
+  img.width = width;
+  img.height = height;
+  img.bitsPerComponent = 8;
+  img.alpha = withAlpha ? AlphaInfo::straight : AlphaInfo::none;
+  img.pixels8.assign(size_t(width) * size_t(height) * 4, 255);
+  std::mt19937 rng(seed);
+  std::normal_distribution<double> mild(0.0, 2.0), strong(0.0, 28.0);
+  const uint8_t palette[4][3] = {{20, 90, 200}, {240, 180, 30}, {30, 30, 30}, {250, 250, 250}};
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      uint8_t* p = &img.pixels8[(size_t(y) * size_t(width) + size_t(x)) * 4];
+      double fx = double(x) / std::max(1, width - 1), fy = double(y) / std::max(1, height - 1);
+      switch (pattern) {
+        case Pattern::photo: {
+          double base = 110 + 60 * std::sin(fx * 7.0 + seed) * std::cos(fy * 5.0);
+          p[0] = clamp8(base + 40 * fx + mild(rng));
+          p[1] = clamp8(base * 0.8 + 50 * fy + mild(rng));
+          p[2] = clamp8(200 - base * 0.5 + mild(rng));
+          break;
+        }
+        case Pattern::noisyPhoto: {
+          double base = 128 + 50 * std::sin(fx * 4.0) * std::cos(fy * 3.0);
+          p[0] = clamp8(base + strong(rng));
+          p[1] = clamp8(base + strong(rng));
+          p[2] = clamp8(base + strong(rng));
+          break;
+        }
+        case Pattern::screenshot: {
+          bool text = (y % 18) < 10 && (x % 9) < 6 && ((x / 9 + y / 18 + int(seed)) % 5) != 0 && x > 20 &&
+                      x < width - 20;
+          bool bar = y < height / 12;
+          const uint8_t* c = text ? palette[2] : bar ? palette[0] : palette[3];
+          p[0] = c[0], p[1] = c[1], p[2] = c[2];
+          break;
+        }
+        case Pattern::flatLogo: {
+          double dx = fx - 0.5, dy = fy - 0.5;
+          double r = std::sqrt(dx * dx + dy * dy);
+          int band = r < 0.2 ? 0 : r < 0.35 ? 1 : r < 0.45 ? 2 : 3;
+          const uint8_t* c = palette[band];
+          p[0] = c[0], p[1] = c[1], p[2] = c[2];
+          if (withAlpha && band == 3) p[3] = 0, p[0] = p[1] = p[2] = 0;
+          break;
+        }
+        case Pattern::gradient: {
+          p[0] = clamp8(255 * fx);
+          p[1] = clamp8(255 * fy);
+          p[2] = clamp8(128 + 100 * (fx - fy));
+          break;
+        }
+      }
+      if (withAlpha && pattern != Pattern::flatLogo) p[3] = clamp8(255 * (0.5 + 0.5 * fx));
+    }
+  }
+  return img;
+}
+
+RGBABuffer makeBuffer(int width, int height, Pattern pattern, uint32_t seed, bool withAlpha) {
+  DecodedImage img = makeImage(width, height, pattern, seed, withAlpha);
+  RGBABuffer buf;
+  buf.width = width;
+  buf.height = height;
+  buf.pixels = std::move(img.pixels8);
+  buf.hasAlpha = false;
+  for (size_t i = 3; i < buf.pixels.size(); i += 4)
+    if (buf.pixels[i] < 255) {
+      buf.hasAlpha = true;
+      break;
+    }
+  return buf;
+}
+
+TempDir::TempDir() {
+  std::string tmpl = (std::filesystem::temp_directory_path() / "quillane-test-XXXXXX").string();
+  if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
+  path_ = tmpl;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::permissions(path_, std::filesystem::perms::owner_all, std::filesystem::perm_options::add, ec);
+  std::filesystem::remove_all(path_, ec);
+}
+
+void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+std::vector<uint8_t> readBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+}  // namespace quillane::testing

@@ -1,0 +1,43 @@
+#pragma once
+// Test pictures made in code from a seed, so that no binary fixtures are needed.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "engine/DecodedImage.h"
+#include "engine/RGBABuffer.h"
+
+namespace quillane::testing {
+
+enum class Pattern {
+  photo,       // smooth gradients with mild noise: many colours, few flat samples
+  noisyPhoto,  // strong per-pixel noise
+  screenshot,  // flat background, hard-edged text-like blocks
+  flatLogo,    // a few flat colours, transparent surround
+  gradient,    // a clean diagonal gradient
+};
+
+// An 8-bit RGBA picture; `withAlpha` keeps the pattern's transparency (flatLogo has some).
+DecodedImage makeImage(int width, int height, Pattern pattern, uint32_t seed = 1, bool withAlpha = false);
+// The same picture as a straight RGBA buffer.
+RGBABuffer makeBuffer(int width, int height, Pattern pattern, uint32_t seed = 1, bool withAlpha = false);
+
+// A fresh empty folder under the system's temporary folder, removed with the object.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes);
+std::vector<uint8_t> readBytes(const std::string& path);
+
+}  // namespace quillane::testing
