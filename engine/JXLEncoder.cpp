@@ -1,0 +1,228 @@
+// JPEG XL through libjxl: pixels encoded lossily or losslessly, and JPEG files repackaged
+// without going through pixels. Each call owns one encoder, with the default memory manager
+// and no parallel runner, destroyed on every path.
+
+#include <jxl/encode.h>
+#include <jxl/encode_cxx.h>
+
+#include <algorithm>
+#include <string>
+
+#include "engine/Encoders.h"
+#include "engine/Errors.h"
+
+namespace quillane::JXLEncoder {
+namespace {
+
+constexpr size_t kDrainChunk = 1'048'576;
+
+ImageProcessingError jxlFailed(const std::string& call) {
+  return ImageProcessingError::encodingFailed("JPEG XL", call + " failed");
+}
+
+void check(JxlEncoderStatus status, const char* call) {
+  if (status != JXL_ENC_SUCCESS) throw jxlFailed(call);
+}
+
+Bytes stripAlpha(const RGBABuffer& rgba) {
+  const size_t count = size_t(rgba.width) * size_t(rgba.height);
+  Bytes rgb(count * 3);
+  const uint8_t* src = rgba.pixels.data();
+  for (size_t i = 0; i < count; ++i) {
+    rgb[i * 3] = src[i * 4];
+    rgb[i * 3 + 1] = src[i * 4 + 1];
+    rgb[i * 3 + 2] = src[i * 4 + 2];
+  }
+  return rgb;
+}
+
+// Pulls the whole codestream out through one 1 MiB buffer, reused for every round.
+Bytes drainOutput(JxlEncoder* encoder) {
+  Bytes buffer(kDrainChunk, 0);
+  Bytes result;
+  for (;;) {
+    uint8_t* next = buffer.data();
+    size_t available = buffer.size();
+    const JxlEncoderStatus status = JxlEncoderProcessOutput(encoder, &next, &available);
+    const size_t written = buffer.size() - available;
+    result.insert(result.end(), buffer.begin(), buffer.begin() + ptrdiff_t(written));
+    if (status == JXL_ENC_SUCCESS) return result;
+    if (status != JXL_ENC_NEED_MORE_OUTPUT || written == 0) throw jxlFailed("JxlEncoderProcessOutput");
+  }
+}
+
+// What the transcoder must be told about a JPEG before its frame is added: libjxl 0.7 fills
+// the basic info from the JPEG itself but leaves the EXIF orientation out of the codestream.
+struct JPEGHeader {
+  uint32_t width = 0, height = 0;
+  int components = 0;
+  int orientation = 1;
+};
+
+uint16_t read16(const uint8_t* p, bool bigEndian) {
+  return bigEndian ? uint16_t(p[0] << 8 | p[1]) : uint16_t(p[1] << 8 | p[0]);
+}
+uint32_t read32(const uint8_t* p, bool bigEndian) {
+  return bigEndian ? uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]
+                   : uint32_t(p[3]) << 24 | uint32_t(p[2]) << 16 | uint32_t(p[1]) << 8 | p[0];
+}
+
+// The orientation tag of IFD0 in an APP1 payload that starts with "Exif\0\0"; 1 when absent.
+int exifOrientation(std::span<const uint8_t> app1) {
+  static constexpr uint8_t kExif[6] = {'E', 'x', 'i', 'f', 0, 0};
+  if (app1.size() < 14 || !std::equal(kExif, kExif + 6, app1.begin())) return 1;
+  const std::span<const uint8_t> tiff = app1.subspan(6);
+  const bool big = tiff[0] == 'M' && tiff[1] == 'M';
+  if (!big && !(tiff[0] == 'I' && tiff[1] == 'I')) return 1;
+  const uint32_t ifd = read32(&tiff[4], big);
+  if (ifd > tiff.size() || tiff.size() - ifd < 2) return 1;
+  const uint16_t entries = read16(&tiff[ifd], big);
+  for (uint32_t i = 0; i < entries; ++i) {
+    const size_t at = size_t(ifd) + 2 + size_t(i) * 12;
+    if (at + 12 > tiff.size()) return 1;
+    if (read16(&tiff[at], big) == 0x0112 && read16(&tiff[at + 2], big) == 3) {
+      const int value = read16(&tiff[at + 8], big);
+      return value >= 1 && value <= 8 ? value : 1;
+    }
+  }
+  return 1;
+}
+
+// Walks the markers up to the first scan. Nothing when the bytes aren't a JPEG with a frame header.
+std::optional<JPEGHeader> readJPEGHeader(std::span<const uint8_t> jpeg) {
+  if (jpeg.size() < 4 || jpeg[0] != 0xFF || jpeg[1] != 0xD8) return std::nullopt;
+  JPEGHeader header;
+  bool sawOrientation = false, sawFrame = false;
+  size_t at = 2;
+  while (at + 4 <= jpeg.size()) {
+    if (jpeg[at] != 0xFF) return std::nullopt;
+    const uint8_t marker = jpeg[at + 1];
+    if (marker == 0xFF) {  // fill byte
+      ++at;
+      continue;
+    }
+    if (marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) {  // no length
+      at += 2;
+      continue;
+    }
+    if (marker == 0xDA || marker == 0xD9) break;  // start of scan, end of image
+    const size_t length = size_t(jpeg[at + 2]) << 8 | jpeg[at + 3];
+    if (length < 2 || at + 2 + length > jpeg.size()) return std::nullopt;
+    const std::span<const uint8_t> payload = jpeg.subspan(at + 4, length - 2);
+    const bool isFrame = marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
+    if (isFrame && payload.size() >= 6) {
+      header.height = uint32_t(payload[1]) << 8 | payload[2];
+      header.width = uint32_t(payload[3]) << 8 | payload[4];
+      header.components = payload[5];
+      sawFrame = true;
+    } else if (marker == 0xE1 && !sawOrientation && payload.size() >= 6 && payload[0] == 'E') {
+      header.orientation = exifOrientation(payload);
+      sawOrientation = true;
+    }
+    at += 2 + length;
+  }
+  if (!sawFrame || header.width == 0 || header.height == 0) return std::nullopt;
+  return header;
+}
+
+Bytes transcode(std::span<const uint8_t> jpeg, int effort) {
+  JxlEncoderPtr encoder = JxlEncoderMake(nullptr);
+  if (!encoder) throw jxlFailed("JxlEncoderCreate");
+  check(JxlEncoderUseContainer(encoder.get(), JXL_TRUE), "JxlEncoderUseContainer");
+  check(JxlEncoderStoreJPEGMetadata(encoder.get(), JXL_TRUE), "JxlEncoderStoreJPEGMetadata");
+  JxlEncoderFrameSettings* settings = JxlEncoderFrameSettingsCreate(encoder.get(), nullptr);
+  if (!settings) throw jxlFailed("JxlEncoderFrameSettingsCreate");
+  JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, effort);
+
+  // Grey and RGB JPEGs get their basic info from us so that the orientation survives; for
+  // anything else libjxl decides (and may refuse, which sends the caller to pixels).
+  const auto header = readJPEGHeader(jpeg);
+  if (header && (header->components == 1 || header->components == 3)) {
+    JxlBasicInfo info;
+    JxlEncoderInitBasicInfo(&info);
+    info.xsize = header->width;
+    info.ysize = header->height;
+    info.bits_per_sample = 8;
+    info.num_color_channels = uint32_t(header->components);
+    info.uses_original_profile = JXL_TRUE;
+    info.orientation = JxlOrientation(header->orientation);
+    check(JxlEncoderSetBasicInfo(encoder.get(), &info), "JxlEncoderSetBasicInfo");
+  }
+  check(JxlEncoderAddJPEGFrame(settings, jpeg.data(), jpeg.size()), "JxlEncoderAddJPEGFrame");
+  JxlEncoderCloseInput(encoder.get());
+  return drainOutput(encoder.get());
+}
+
+}  // namespace
+
+float distance(double quality) {
+  const double c = std::clamp(quality, 0.0, 99.0);
+  if (c >= 30) return float(0.1 + (100 - c) * 0.09);
+  // Below 30 a quadratic takes over, meeting the line at 6.4 and reaching 25 at quality 0.
+  return float(25.0 + c * -1.15 + c * c * 53 / 3000);
+}
+
+Bytes encode(const RGBABuffer& rgba, bool hasAlpha, const EncodingPlan& plan) {
+  if (rgba.width <= 0 || rgba.height <= 0 || rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
+    throw jxlFailed("pixel size check");
+  JxlEncoderPtr encoder = JxlEncoderMake(nullptr);
+  if (!encoder) throw jxlFailed("JxlEncoderCreate");
+  JxlEncoderFrameSettings* settings = JxlEncoderFrameSettingsCreate(encoder.get(), nullptr);
+  if (!settings) throw jxlFailed("JxlEncoderFrameSettingsCreate");
+
+  const bool lossless = plan.mode.kind == EncodingPlan::Mode::Kind::lossless;
+  JxlBasicInfo info;
+  JxlEncoderInitBasicInfo(&info);
+  info.xsize = uint32_t(rgba.width);
+  info.ysize = uint32_t(rgba.height);
+  info.bits_per_sample = 8;
+  info.num_color_channels = 3;
+  info.num_extra_channels = hasAlpha ? 1 : 0;
+  info.alpha_bits = hasAlpha ? 8 : 0;
+  info.uses_original_profile = lossless ? JXL_TRUE : JXL_FALSE;
+  check(JxlEncoderSetBasicInfo(encoder.get(), &info), "JxlEncoderSetBasicInfo");
+
+  if (const auto icc = ColorProfile::embeddableICC(rgba.colorSpace)) {
+    check(JxlEncoderSetICCProfile(encoder.get(), icc->data(), icc->size()), "JxlEncoderSetICCProfile");
+  } else {
+    JxlColorEncoding srgb;
+    JxlColorEncodingSetToSRGB(&srgb, JXL_FALSE);
+    check(JxlEncoderSetColorEncoding(encoder.get(), &srgb), "JxlEncoderSetColorEncoding");
+  }
+
+  float frameDistance = 0.0f;
+  switch (plan.mode.kind) {
+    case EncodingPlan::Mode::Kind::lossless:
+      check(JxlEncoderSetFrameLossless(settings, JXL_TRUE), "JxlEncoderSetFrameLossless");
+      break;
+    case EncodingPlan::Mode::Kind::lossy:
+      frameDistance = distance(plan.mode.quality);
+      break;
+    case EncodingPlan::Mode::Kind::nearLossless:
+      throw jxlFailed("near-lossless mode");  // planned for WebP only
+  }
+  check(JxlEncoderSetFrameDistance(settings, frameDistance), "JxlEncoderSetFrameDistance");
+  JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, std::clamp(plan.effort, 0, 2) + 5);
+
+  const JxlPixelFormat format{hasAlpha ? 4u : 3u, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
+  if (hasAlpha) {
+    check(JxlEncoderAddImageFrame(settings, &format, rgba.pixels.data(),
+                                  size_t(rgba.width) * size_t(rgba.height) * 4),
+          "JxlEncoderAddImageFrame");
+  } else {
+    const Bytes rgb = stripAlpha(rgba);
+    check(JxlEncoderAddImageFrame(settings, &format, rgb.data(), rgb.size()), "JxlEncoderAddImageFrame");
+  }
+  JxlEncoderCloseInput(encoder.get());
+  return drainOutput(encoder.get());
+}
+
+std::optional<Bytes> transcodeJPEG(std::span<const uint8_t> jpeg, int effort) {
+  try {
+    return transcode(jpeg, effort);
+  } catch (const std::exception&) {
+    return std::nullopt;  // the caller encodes the decoded pixels instead
+  }
+}
+
+}  // namespace quillane::JXLEncoder

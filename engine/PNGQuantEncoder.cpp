@@ -1,0 +1,150 @@
+// PNG files from RGBA pixels: a palette image through libimagequant, or truecolour with a
+// filter chosen per row. The file layout itself is PNGWriter's.
+
+#include <libimagequant.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <memory>
+#include <string>
+
+#include "engine/Encoders.h"
+#include "engine/Errors.h"
+#include "engine/PNGWriter.h"
+
+namespace quillane::PNGQuantEncoder {
+namespace {
+
+template <auto Fn>
+struct CDeleter {
+  template <class T>
+  void operator()(T* p) const noexcept {
+    if (p) Fn(p);
+  }
+};
+using LiqAttrPtr = std::unique_ptr<liq_attr, CDeleter<liq_attr_destroy>>;
+using LiqImagePtr = std::unique_ptr<liq_image, CDeleter<liq_image_destroy>>;
+using LiqResultPtr = std::unique_ptr<liq_result, CDeleter<liq_result_destroy>>;
+
+ImageProcessingError pngFailed(const std::string& call) {
+  return ImageProcessingError::encodingFailed("PNG", call + " failed");
+}
+
+// libimagequant's speed by plan effort: the largest images (effort 0) get the fastest setting.
+int speedForEffort(int effort) {
+  static constexpr int kSpeed[3] = {8, 4, 3};
+  return kSpeed[std::clamp(effort, 0, 2)];
+}
+
+struct Quantized {
+  Bytes indices;
+  std::vector<PNGWriter::PaletteEntry> palette;
+};
+
+Quantized quantize(liq_attr* attr, const uint8_t* pixels, int width, int height, float dithering) {
+  LiqImagePtr image(liq_image_create_rgba(attr, pixels, width, height, 0.0));  // 0: libimagequant's gamma
+  if (!image) throw pngFailed("liq_image_create_rgba");
+  liq_result* rawResult = nullptr;
+  const liq_error status = liq_image_quantize(image.get(), attr, &rawResult);
+  LiqResultPtr result(rawResult);
+  if (status != LIQ_OK || !result) throw pngFailed("liq_image_quantize");
+  // Dithering belongs to the result: it must be set after quantizing and before remapping.
+  liq_set_dithering_level(result.get(), dithering);
+
+  Quantized out;
+  out.indices.resize(size_t(width) * size_t(height));
+  if (liq_write_remapped_image(result.get(), image.get(), out.indices.data(), out.indices.size()) != LIQ_OK)
+    throw pngFailed("liq_write_remapped_image");
+  const liq_palette* palette = liq_get_palette(result.get());
+  if (!palette) throw pngFailed("liq_get_palette");
+  out.palette.reserve(palette->count);
+  for (unsigned i = 0; i < palette->count; ++i) {
+    const liq_color& c = palette->entries[i];
+    out.palette.push_back({c.r, c.g, c.b, c.a});
+  }
+  return out;
+}
+
+// The row of `pixels` at `y` with `channels` bytes a pixel (alpha dropped when 3).
+void fillRow(const RGBABuffer& rgba, int y, int channels, uint8_t* row) {
+  const uint8_t* src = rgba.pixels.data() + size_t(y) * size_t(rgba.width) * 4;
+  if (channels == 4) {
+    std::copy(src, src + size_t(rgba.width) * 4, row);
+    return;
+  }
+  for (int x = 0; x < rgba.width; ++x, src += 4, row += 3) {
+    row[0] = src[0];
+    row[1] = src[1];
+    row[2] = src[2];
+  }
+}
+
+}  // namespace
+
+Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
+  // Width and height are ints already, so they fit libimagequant's signed 32-bit sizes.
+  if (rgba.width <= 0 || rgba.height <= 0 || rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
+    throw pngFailed("size check");
+  LiqAttrPtr attr(liq_attr_create());
+  if (!attr) throw pngFailed("liq_attr_create");
+  // A minimum of 0 means libimagequant never refuses an image for missing the target.
+  const int target = int(std::clamp(std::lround(plan.quality), 0L, 100L));
+  if (liq_set_quality(attr.get(), 0, target) != LIQ_OK) throw pngFailed("liq_set_quality");
+  if (liq_set_speed(attr.get(), speedForEffort(plan.effort)) != LIQ_OK) throw pngFailed("liq_set_speed");
+  const Quantized q = quantize(attr.get(), rgba.pixels.data(), rgba.width, rgba.height, plan.dithering);
+  return PNGWriter::writeIndexedPNG(rgba.width, rgba.height, q.indices, q.palette,
+                                    ColorProfile::embeddableICC(rgba.colorSpace));
+}
+
+Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan) {
+  if (plan.prefersLossless) return encodeLossless(rgba, plan);
+  try {
+    return encodePalette(rgba, plan);
+  } catch (const QuillaneError&) {
+    // The palette is an optional step: truecolour always works.
+    return encodeLossless(rgba, plan);
+  }
+}
+
+Bytes encodeLossless(const RGBABuffer& rgba, const EncodingPlan& plan) {
+  const int channels = rgba.hasAlpha ? 4 : 3;
+  const size_t rowLength = size_t(rgba.width) * size_t(channels);
+  const size_t bpp = size_t(channels);
+
+  Bytes file(PNGWriter::pngSignature.begin(), PNGWriter::pngSignature.end());
+  PNGWriter::appendIHDR(file, rgba.width, rgba.height, rgba.hasAlpha ? 6 : 2);
+  PNGWriter::appendICCProfileIfPresent(file, ColorProfile::embeddableICC(rgba.colorSpace));
+
+  Bytes current(rowLength), previous(rowLength, 0), candidate(rowLength), best(rowLength);
+  Bytes raw;
+  raw.reserve(size_t(rgba.height) * (rowLength + 1));
+  for (int y = 0; y < rgba.height; ++y) {
+    fillRow(rgba, y, channels, current.data());
+    PNGWriter::Filter chosen = PNGWriter::Filter::paeth;
+    if (plan.effort == 0) {
+      // The largest images skip the five-way trial.
+      PNGWriter::apply(chosen, current.data(), previous.data(), rowLength, bpp, best.data());
+    } else {
+      int64_t bestScore = INT64_MAX;
+      for (PNGWriter::Filter filter : PNGWriter::allFilters) {
+        const int64_t score =
+            PNGWriter::apply(filter, current.data(), previous.data(), rowLength, bpp, candidate.data());
+        if (score < bestScore) {  // strictly lower: a tie keeps the earlier filter
+          bestScore = score;
+          chosen = filter;
+          std::swap(best, candidate);
+        }
+      }
+    }
+    raw.push_back(uint8_t(chosen));
+    raw.insert(raw.end(), best.begin(), best.end());
+    std::swap(previous, current);  // filters always see the unfiltered previous row
+  }
+
+  PNGWriter::appendPNGChunk(file, "IDAT", PNGWriter::zlibCompress(raw));
+  PNGWriter::appendPNGChunk(file, "IEND", {});
+  return file;
+}
+
+}  // namespace quillane::PNGQuantEncoder

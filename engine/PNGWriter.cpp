@@ -1,0 +1,148 @@
+#include "engine/PNGWriter.h"
+
+#include <zlib.h>
+
+#include <cassert>
+#include <cstdlib>
+#include <string>
+
+#include "engine/Errors.h"
+
+namespace quillane::PNGWriter {
+namespace {
+
+// Inputs up to 2 MiB get zlib's best compression; above that level 9 costs far more time
+// than it saves bytes, so the default level takes over.
+constexpr size_t kBestLevelLimit = 2'097'152;
+
+// The score counts each filtered byte as a signed value without its sign, the usual
+// "minimum sum of absolute differences" heuristic.
+inline int64_t byteScore(uint8_t v) { return v < 128 ? v : 256 - v; }
+
+inline uint8_t paethPredictor(int a, int b, int c) {
+  const int s = a + b - c;
+  const int pa = std::abs(s - a), pb = std::abs(s - b), pc = std::abs(s - c);
+  if (pa <= pb && pa <= pc) return uint8_t(a);
+  if (pb <= pc) return uint8_t(b);
+  return uint8_t(c);
+}
+
+}  // namespace
+
+void appendUInt32BE(Bytes& data, uint32_t value) {
+  data.push_back(uint8_t(value >> 24));
+  data.push_back(uint8_t(value >> 16));
+  data.push_back(uint8_t(value >> 8));
+  data.push_back(uint8_t(value));
+}
+
+void appendPNGChunk(Bytes& data, std::string_view type, std::span<const uint8_t> payload) {
+  assert(type.size() == 4 && "a chunk type is four ASCII letters");
+  appendUInt32BE(data, uint32_t(payload.size()));
+  const size_t typeStart = data.size();
+  data.insert(data.end(), type.begin(), type.end());
+  data.insert(data.end(), payload.begin(), payload.end());
+  uLong crc = crc32(0L, Z_NULL, 0);
+  crc = crc32(crc, data.data() + typeStart, uInt(data.size() - typeStart));
+  appendUInt32BE(data, uint32_t(crc));
+}
+
+void appendIHDR(Bytes& data, int width, int height, uint8_t colourType) {
+  Bytes payload;
+  payload.reserve(13);
+  appendUInt32BE(payload, uint32_t(width));
+  appendUInt32BE(payload, uint32_t(height));
+  payload.push_back(8);           // bit depth
+  payload.push_back(colourType);  // 2 RGB, 3 palette, 6 RGBA
+  payload.push_back(0);           // compression method
+  payload.push_back(0);           // filter method
+  payload.push_back(0);           // no interlace
+  appendPNGChunk(data, "IHDR", payload);
+}
+
+Bytes zlibCompress(std::span<const uint8_t> data) {
+  uLongf length = compressBound(uLong(data.size()));
+  Bytes out(length);
+  const int level = data.size() <= kBestLevelLimit ? 9 : 6;
+  const int status = compress2(out.data(), &length, data.data(), uLong(data.size()), level);
+  if (status != Z_OK) throw ZlibError("compress2 failed with status " + std::to_string(status));
+  out.resize(length);
+  return out;
+}
+
+void appendICCProfileIfPresent(Bytes& data, const std::optional<Bytes>& profile) {
+  if (!profile || profile->empty()) return;
+  static constexpr std::string_view kName = "ICC profile";
+  Bytes payload(kName.begin(), kName.end());
+  payload.push_back(0);  // end of the name
+  payload.push_back(0);  // compression method 0: zlib
+  const Bytes compressed = zlibCompress(*profile);
+  payload.insert(payload.end(), compressed.begin(), compressed.end());
+  appendPNGChunk(data, "iCCP", payload);
+}
+
+Bytes writeIndexedPNG(int width, int height, std::span<const uint8_t> indices, std::span<const PaletteEntry> palette,
+                      const std::optional<Bytes>& iccProfile) {
+  Bytes file(pngSignature.begin(), pngSignature.end());
+  appendIHDR(file, width, height, 3);
+  appendICCProfileIfPresent(file, iccProfile);
+
+  Bytes plte;
+  plte.reserve(palette.size() * 3);
+  bool translucent = false;
+  for (const PaletteEntry& e : palette) {
+    plte.insert(plte.end(), {e.r, e.g, e.b});
+    translucent = translucent || e.a != 255;
+  }
+  appendPNGChunk(file, "PLTE", plte);
+  if (translucent) {
+    // The whole palette's alphas, trailing 255s included.
+    Bytes trns;
+    trns.reserve(palette.size());
+    for (const PaletteEntry& e : palette) trns.push_back(e.a);
+    appendPNGChunk(file, "tRNS", trns);
+  }
+
+  const size_t w = size_t(width), h = size_t(height);
+  Bytes raw;
+  raw.reserve(h * (w + 1));
+  for (size_t y = 0; y < h; ++y) {
+    raw.push_back(uint8_t(Filter::none));  // palette indices don't predict well; never filtered
+    raw.insert(raw.end(), indices.begin() + ptrdiff_t(y * w), indices.begin() + ptrdiff_t((y + 1) * w));
+  }
+  appendPNGChunk(file, "IDAT", zlibCompress(raw));
+  appendPNGChunk(file, "IEND", {});
+  return file;
+}
+
+int64_t apply(Filter filter, const uint8_t* row, const uint8_t* previous, size_t count, size_t bpp, uint8_t* out) {
+  int64_t score = 0;
+  switch (filter) {
+    case Filter::none:
+      for (size_t i = 0; i < count; ++i) out[i] = row[i];
+      break;
+    case Filter::sub:
+      for (size_t i = 0; i < count; ++i) out[i] = uint8_t(row[i] - (i >= bpp ? row[i - bpp] : 0));
+      break;
+    case Filter::up:
+      for (size_t i = 0; i < count; ++i) out[i] = uint8_t(row[i] - previous[i]);
+      break;
+    case Filter::average:
+      for (size_t i = 0; i < count; ++i) {
+        const int left = i >= bpp ? row[i - bpp] : 0;
+        out[i] = uint8_t(row[i] - ((left + previous[i]) >> 1));  // the sum before halving: no overflow
+      }
+      break;
+    case Filter::paeth:
+      for (size_t i = 0; i < count; ++i) {
+        const int left = i >= bpp ? row[i - bpp] : 0;
+        const int upperLeft = i >= bpp ? previous[i - bpp] : 0;
+        out[i] = uint8_t(row[i] - paethPredictor(left, previous[i], upperLeft));
+      }
+      break;
+  }
+  for (size_t i = 0; i < count; ++i) score += byteScore(out[i]);
+  return score;
+}
+
+}  // namespace quillane::PNGWriter

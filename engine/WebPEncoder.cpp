@@ -1,0 +1,161 @@
+// WebP through libwebp: a preset from the content class, a few fields from the plan's mode,
+// an in-memory encode, and an ICCP chunk added with libwebpmux where the colour space needs one.
+
+#include <webp/encode.h>
+#include <webp/mux.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "engine/Encoders.h"
+#include "engine/Errors.h"
+#include "engine/WebPEncoderConfig.h"
+
+namespace quillane::WebPEncoder {
+namespace {
+
+template <auto Fn>
+struct CDeleter {
+  template <class T>
+  void operator()(T* p) const noexcept {
+    if (p) Fn(p);
+  }
+};
+using MuxPtr = std::unique_ptr<WebPMux, CDeleter<WebPMuxDelete>>;
+
+ImageProcessingError webpFailed(const std::string& call) {
+  return ImageProcessingError::encodingFailed("WebP", call + " failed");
+}
+
+// A WebPPicture freed on every path; zeroed first so that freeing an uninitialised one is safe.
+struct PictureGuard {
+  WebPPicture picture;
+  PictureGuard() { std::memset(&picture, 0, sizeof picture); }
+  ~PictureGuard() { WebPPictureFree(&picture); }
+  PictureGuard(const PictureGuard&) = delete;
+  PictureGuard& operator=(const PictureGuard&) = delete;
+};
+
+struct MemoryWriterGuard {
+  WebPMemoryWriter writer;
+  MemoryWriterGuard() { WebPMemoryWriterInit(&writer); }
+  ~MemoryWriterGuard() { WebPMemoryWriterClear(&writer); }
+  MemoryWriterGuard(const MemoryWriterGuard&) = delete;
+  MemoryWriterGuard& operator=(const MemoryWriterGuard&) = delete;
+};
+
+// Bytes that libwebp allocated for us (the mux's output).
+struct WebPDataGuard {
+  WebPData data{nullptr, 0};
+  ~WebPDataGuard() { WebPFree(const_cast<uint8_t*>(data.bytes)); }
+};
+
+int webpMemoryWrite(const uint8_t* data, size_t size, const WebPPicture* picture) {
+  return WebPMemoryWrite(data, size, picture);
+}
+
+// The lossless coder reads `quality` as compression effort.
+float losslessEffortQuality(int effort) {
+  static constexpr float kQuality[3] = {50.f, 70.f, 80.f};
+  return kQuality[std::clamp(effort, 0, 2)];
+}
+
+Bytes encodePicture(const RGBABuffer& rgba, const WebPConfig& config) {
+  PictureGuard guard;
+  WebPPicture& picture = guard.picture;
+  if (!WebPPictureInit(&picture)) throw webpFailed("WebPPictureInit");
+  picture.use_argb = 1;
+  picture.width = rgba.width;
+  picture.height = rgba.height;
+  if (rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4) throw webpFailed("pixel size check");
+  const int stride = rgba.width * 4;
+  const int imported = rgba.hasAlpha ? WebPPictureImportRGBA(&picture, rgba.pixels.data(), stride)
+                                     : WebPPictureImportRGBX(&picture, rgba.pixels.data(), stride);
+  if (!imported) throw webpFailed("WebPPictureImport");
+
+  MemoryWriterGuard memory;
+  picture.writer = webpMemoryWrite;
+  picture.custom_ptr = &memory.writer;
+  if (!WebPEncode(&config, &picture) || memory.writer.size == 0)
+    throw webpFailed("WebPEncode (error " + std::to_string(int(picture.error_code)) + ")");
+  return Bytes(memory.writer.mem, memory.writer.mem + memory.writer.size);
+}
+
+Bytes attach(const Bytes& icc, const Bytes& webp) {
+  MuxPtr mux(WebPMuxNew());
+  if (!mux) throw webpFailed("WebPMuxNew");
+  const WebPData image{webp.data(), webp.size()};
+  if (WebPMuxSetImage(mux.get(), &image, 1) != WEBP_MUX_OK) throw webpFailed("WebPMuxSetImage");
+  const WebPData profile{icc.data(), icc.size()};
+  if (WebPMuxSetChunk(mux.get(), "ICCP", &profile, 1) != WEBP_MUX_OK) throw webpFailed("WebPMuxSetChunk");
+  WebPDataGuard output;
+  if (WebPMuxAssemble(mux.get(), &output.data) != WEBP_MUX_OK || !output.data.bytes || output.data.size == 0)
+    throw webpFailed("WebPMuxAssemble");
+  return Bytes(output.data.bytes, output.data.bytes + output.data.size);
+}
+
+}  // namespace
+
+WebPPreset preset(const ImageCharacteristics& characteristics) {
+  using Class = ImageCharacteristics::ContentClass;
+  switch (characteristics.contentClass) {
+    case Class::flatGraphic:
+      return characteristics.hasAlpha ? WEBP_PRESET_ICON : WEBP_PRESET_TEXT;
+    case Class::screenText:
+      return WEBP_PRESET_TEXT;
+    case Class::illustration:
+      return WEBP_PRESET_DRAWING;
+    case Class::photo:
+    case Class::noisyPhoto:
+      break;
+  }
+  return WEBP_PRESET_PHOTO;
+}
+
+WebPConfig makeConfig(const EncodingPlan& plan, const ImageCharacteristics& characteristics, bool bufferHasAlpha) {
+  WebPConfig config;
+  std::memset(&config, 0, sizeof config);
+  if (!WebPConfigPreset(&config, preset(characteristics), 75.f)) throw webpFailed("WebPConfigPreset");
+  const int effort = std::clamp(plan.effort, 0, 2);
+  switch (plan.mode.kind) {
+    case EncodingPlan::Mode::Kind::lossy:
+      config.lossless = 0;
+      config.quality = float(std::clamp(plan.mode.quality, 0.0, 100.0));
+      // The alpha plane's encoder is slow at higher methods; 4 keeps alpha images affordable.
+      config.method = bufferHasAlpha ? 4 : effort + 4;
+      config.alpha_quality = 100;  // only colour loses detail, never the alpha plane
+      break;
+    case EncodingPlan::Mode::Kind::nearLossless:
+      config.lossless = 1;
+      config.quality = losslessEffortQuality(effort);
+      config.method = effort + 4;
+      config.near_lossless = std::clamp(plan.mode.level, 0, 100);
+      break;
+    case EncodingPlan::Mode::Kind::lossless:
+      config.lossless = 1;
+      config.quality = losslessEffortQuality(effort);
+      config.method = effort + 4;
+      config.near_lossless = 100;
+      break;
+  }
+  config.exact = 0;  // RGB under fully transparent pixels may change
+  return config;
+}
+
+Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan, const ImageCharacteristics& characteristics) {
+  const WebPConfig config = makeConfig(plan, characteristics, rgba.hasAlpha);
+  if (!WebPValidateConfig(&config)) throw webpFailed("WebPValidateConfig");
+  Bytes encoded = encodePicture(rgba, config);
+
+  const auto icc = ColorProfile::embeddableICC(rgba.colorSpace);
+  if (!icc) return encoded;
+  try {
+    return attach(*icc, encoded);
+  } catch (const QuillaneError&) {
+    return encoded;  // a picture without its profile beats no picture
+  }
+}
+
+}  // namespace quillane::WebPEncoder
