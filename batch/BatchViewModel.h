@@ -1,0 +1,292 @@
+#pragma once
+// BatchViewModel: the one model of the open batch. It holds the list of images, the global
+// quality and output format, the export profiles and history, and the bookkeeping of the
+// encodes that keep every image's compressed bytes up to date with the settings.
+//
+// Exactly one instance per process, built and owned by the application on the GUI thread
+// and shared by reference with the window and the local API. GUI thread only: every
+// operation below must be called on the GUI thread, and every change signal is emitted
+// there. Inspection and encoding run on private thread pools; their results come back by
+// queued calls. The model owns its images (shared with rows and tasks), its two semaphores
+// and its pools; the window may install a BatchPanels for the file dialogs.
+
+#include <QFuture>
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QTimer>
+#include <QUrl>
+#include <QUuid>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "batch/ImportedImage.h"
+#include "engine/ImageDecoder.h"
+#include "engine/ImageFormat.h"
+
+class QThreadPool;
+
+namespace quillane {
+
+class AsyncSemaphore;
+struct ExportProfile;
+struct ExportRecord;
+
+using ImageList = std::vector<std::shared_ptr<ImportedImage>>;
+using ImportFailureList = std::vector<ImportFailure>;
+
+// One entry of the result of exportAll, in batch order.
+struct ExportOutcome {
+  std::shared_ptr<ImportedImage> image;
+  std::optional<QUrl> destinationURL;       // set on success only
+  std::optional<QString> errorDescription;  // set on failure only
+};
+
+// The file dialogs the model needs, installed by the window (ui/). Without one, the prompts
+// do nothing. Called on the GUI thread; the calls may be modal.
+class BatchPanels {
+ public:
+  virtual ~BatchPanels() = default;
+  // Open panel: several image files, no folders. Empty when the user cancels.
+  virtual QList<QUrl> chooseFilesToImport() = 0;
+  // Folder chooser that may create folders, starting in `startFolder` when given, with the
+  // localised `prompt` (button) and `message`. Empty when the user cancels.
+  virtual std::optional<QUrl> chooseExportFolder(const std::optional<QUrl>& startFolder, const QString& prompt,
+                                                 const QString& message) = 0;
+  // Shows `file` selected in the desktop's file manager.
+  virtual void showInFileManager(const QUrl& file) = 0;
+};
+
+class BatchViewModel : public QObject {
+  Q_OBJECT
+  Q_PROPERTY(quillane::ImageList images READ images NOTIFY imagesChanged)
+  Q_PROPERTY(double quality READ quality WRITE setQuality NOTIFY qualityChanged)
+  Q_PROPERTY(quillane::ImageFormat outputFormat READ outputFormat WRITE setOutputFormat NOTIFY outputFormatChanged)
+  Q_PROPERTY(std::optional<QString> exportError READ exportError WRITE setExportError NOTIFY exportErrorChanged)
+  Q_PROPERTY(bool isEncoding READ isEncoding NOTIFY isEncodingChanged)
+  Q_PROPERTY(quillane::ImportFailureList importFailures READ importFailures NOTIFY importFailuresChanged)
+  Q_PROPERTY(std::optional<QString> appliedProfileName READ appliedProfileName WRITE setAppliedProfileName NOTIFY
+                 appliedProfileNameChanged)
+  Q_PROPERTY(bool hasPendingRecompute READ hasPendingRecompute NOTIFY hasPendingRecomputeChanged)
+
+ public:
+  // The engine seams: encoding of a whole source file, and inspection of one path. Both are
+  // called on pool threads and report failure by throwing (QuillaneError for a described one).
+  using Encoder = std::function<std::vector<uint8_t>(std::span<const uint8_t> fileData, ImageFormat format,
+                                                     double quality)>;
+  using Inspector = std::function<ImageDecoder::LightDecodedImage(const std::string& path)>;
+
+  struct Options {
+    Encoder encoder;                  // empty: ImageCompressor::encodeData
+    Inspector inspector;              // empty: ImageDecoder::inspect
+    int processorCount = 0;           // 0 or less: QThread::idealThreadCount()
+    int memoryBudgetMB = 0;           // 0 or less: encodeMemoryBudgetMB(physical memory)
+    std::chrono::milliseconds watchdog{45000};  // an encode slower than this fails
+    std::chrono::milliseconds debounce{250};    // quiet time before a recompute or an override encode
+    bool restoreSession = true;       // start restoring importSession.json after construction
+  };
+
+  // Reads exportHistory.json and exportProfiles.json now, and starts the session restore as
+  // a queued call, so that a window may appear before the restored rows do.
+  explicit BatchViewModel(QObject* parent = nullptr);
+  explicit BatchViewModel(Options options, QObject* parent = nullptr);
+  // Running encodes are abandoned; waits for pool threads still busy with them.
+  ~BatchViewModel() override;
+
+  // One eighth of the memory in megabytes, at most 4096; 512 for machines under 4 GiB.
+  static int encodeMemoryBudgetMB(uint64_t physicalMemoryBytes);
+  // Working memory of one encode in MB: 20 bytes a pixel plus 8 MB, at least 1.
+  static int encodeCostMB(int width, int height);
+
+  // ---- Batch state ----
+  const ImageList& images() const { return images_; }
+  // First image with that id, or null.
+  std::shared_ptr<ImportedImage> image(const QUuid& id) const;
+  // Images in any state but `encoding` (an idle image counts as completed).
+  int encodingCompletedCount() const;
+
+  double quality() const { return quality_; }
+  // Stores and calls scheduleRecompute, even for an unchanged value.
+  void setQuality(double quality);
+  ImageFormat outputFormat() const { return outputFormat_; }
+  // Stores and calls scheduleRecompute, even for an unchanged value.
+  void setOutputFormat(ImageFormat format);
+
+  // The window-wide error (a failed undo). The window's alert clears it with nullopt.
+  const std::optional<QString>& exportError() const { return exportError_; }
+  void setExportError(std::optional<QString> error);
+
+  bool isEncoding() const { return isEncoding_; }
+  // True from a change of quality or format until the debounced recompute starts.
+  bool hasPendingRecompute() const { return hasPendingRecompute_; }
+  bool isQualitySliderEditing() const { return isQualitySliderEditing_; }
+  // The global slider's editing callback: while editing, changes wait; on release, a
+  // recompute held back during the drag is sent at once (nothing is sent if none is pending).
+  void setQualitySliderEditing(bool editing);
+
+  // Marks a recompute of every image after the debounce; nothing when the batch is empty.
+  // Called by setQuality and setOutputFormat.
+  void scheduleRecompute();
+
+  // Shows `encoding` at once and encodes the image with the settings of this moment
+  // (its override, else the global quality; the current output format). With `debounce`,
+  // the encode starts after the quiet time, and a newer call replaces this one. An image
+  // already encoding is marked and encoded again when the running encode ends.
+  void scheduleEncode(const std::shared_ptr<ImportedImage>& image, bool debounce);
+
+  // The per-image quality writers (popover, local API): stores the override (nullopt
+  // follows the global quality again), schedules a debounced encode and saves the session.
+  void setQualityOverride(const std::shared_ptr<ImportedImage>& image, std::optional<double> quality);
+
+  // Polls every 50 ms until neither a recompute is pending nor an encode running, or the
+  // time is up. The future finishes on the GUI thread; it tells nothing of how it ended.
+  QFuture<void> waitForEncodingToFinish(double timeoutSeconds);
+
+  // ---- Import ----
+  // Imports through the installed BatchPanels; nothing without one or when cancelled.
+  void promptImport();
+  // Inspects the files in parallel and appends the readable ones in the order given, each
+  // starting to encode as it arrives; unreadable ones become importFailures. The future
+  // finishes on the GUI thread once every URL is delivered (and the session saved).
+  QFuture<void> importFiles(const QList<QUrl>& urls);
+  const ImportFailureList& importFailures() const { return importFailures_; }
+  // Drops the failure with that id and imports its URL again.
+  void retryImport(const ImportFailure& failure);
+  // Removes every failure with that id, and nothing else.
+  void dismissImportFailure(const QUuid& id);
+  // Removes the row; a running encode of it ends by itself and changes nothing visible.
+  void removeImage(const std::shared_ptr<ImportedImage>& image);
+  // Moves the image at `from` to index `to` (after removal), then saves the session.
+  void moveImage(int from, int to);
+  // Empties the batch and the failures and saves the (empty) session.
+  void clearAll();
+
+  // ---- Export ----
+  // Asks for a folder through the installed BatchPanels, starting in the folder of the
+  // last applied profile, and exports all into it.
+  void promptExportAll();
+  // Writes every image's compressedData into `folder`, names kept apart within the run,
+  // with the extension of the current output format. One outcome per image, in batch order.
+  std::vector<ExportOutcome> exportAll(const QUrl& folder);
+  // Writes one image to the file `url`; false (with the row's exportError set) on failure.
+  bool exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url);
+  // Atomic write of `data` to `url`, recorded in the history on success; the row's
+  // exportError tells a failure. Also the retry of a failed export (lastExportDestination).
+  bool writeExport(const std::shared_ptr<ImportedImage>& image, const QByteArray& data, const QUrl& url);
+
+  // ---- Session ----
+  // Saves the list of source URLs and overrides to importSession.json.
+  void persistImportSession();
+
+  // ---- Profiles ----
+  const std::vector<ExportProfile>& exportProfiles() const { return exportProfiles_; }
+  // Replaces by id, else by name (ignoring case and surrounding white space), else appends.
+  // A default profile clears the default flag of every other. Saves exportProfiles.json.
+  void upsertExportProfile(const ExportProfile& profile);
+  // Removes by id; clears appliedProfileName if it named this profile. Saves.
+  void deleteExportProfile(const ExportProfile& profile);
+  // Sets quality and format (each with its recompute), the export panel's start folder and
+  // the applied name.
+  void applyExportProfile(const ExportProfile& profile);
+  const std::optional<QString>& appliedProfileName() const { return appliedProfileName_; }
+  // The profile menu's "none" entry sets nullopt; nothing else changes.
+  void setAppliedProfileName(std::optional<QString> name);
+  const std::optional<QUrl>& lastAppliedProfileFolder() const { return lastAppliedProfileFolder_; }
+
+  // ---- History ----
+  // Newest first.
+  const std::vector<ExportRecord>& exportHistory() const { return exportHistory_; }
+  // True when another record has the same destination and a strictly later date.
+  bool isRecordSuperseded(const ExportRecord& record) const;
+  // Deletes the record's file (unless a later export owns it) and removes the record. A
+  // failed delete sets exportError and keeps the record.
+  void undoExport(const ExportRecord& record);
+  // Empties the history; files stay.
+  void clearExportHistory();
+  // Shows the record's file through the installed BatchPanels.
+  void showInFileManager(const ExportRecord& record);
+
+  // ---- Panels ----
+  // Not owned; the window installs it and resets it to null before it goes away.
+  void setPanels(BatchPanels* panels) { panels_ = panels; }
+  BatchPanels* panels() const { return panels_; }
+
+ signals:
+  void imagesChanged();
+  void qualityChanged();
+  void outputFormatChanged();
+  void exportErrorChanged();
+  void isEncodingChanged();
+  void importFailuresChanged();
+  void exportHistoryChanged();
+  void exportProfilesChanged();
+  void appliedProfileNameChanged();
+  void hasPendingRecomputeChanged();
+
+ private:
+  struct EncodeTask;
+  struct InspectionRun;
+  struct EncodeResult;
+  using InspectionResult = std::function<void(int index, const QUrl& url, const ImageDecoder::LightDecodedImage*,
+                                              const QString& error)>;
+
+  // Scheduler.
+  void recomputeAll();
+  void sendQualityToDebounce();
+  void setHasPendingRecompute(bool pending);
+  void refreshIsEncoding();
+  void schedulePassthrough(const std::shared_ptr<ImportedImage>& image, ImageFormat format);
+  void startEncodeTask(const std::shared_ptr<EncodeTask>& task);
+  void runEncode(const std::shared_ptr<EncodeTask>& task, std::function<void()> done);
+  void finishEncode(const std::shared_ptr<ImportedImage>& image, uint64_t generation, const EncodeResult& result);
+  void cancelEncodeTask(const QUuid& id);
+
+  // Import.
+  QFuture<void> inspectConcurrently(const QList<QUrl>& urls, InspectionResult onResult);
+  void startInspection(const std::shared_ptr<InspectionRun>& run, int index);
+  void recordImportFailure(const QUrl& url, const QString& message);
+  std::shared_ptr<ImportedImage> appendImported(const QUrl& url, const ImageDecoder::LightDecodedImage& decoded);
+  void restoreSession();
+
+  // Export and records.
+  QString notEncodedDescription(const ImportedImage& image) const;
+  void recordExport(const ImportedImage& image, const QUrl& destination, const QByteArray& data);
+  void setExportHistory(std::vector<ExportRecord> history);
+  void setExportProfiles(std::vector<ExportProfile> profiles);
+
+  Options options_;
+  ImageList images_;
+  double quality_ = 75.0;
+  ImageFormat outputFormat_ = ImageFormat::jpeg;
+  std::optional<QString> exportError_;
+  bool isEncoding_ = false;
+  ImportFailureList importFailures_;
+  std::vector<ExportRecord> exportHistory_;
+  std::vector<ExportProfile> exportProfiles_;
+  std::optional<QUrl> lastAppliedProfileFolder_;
+  std::optional<QString> appliedProfileName_;
+  bool hasPendingRecompute_ = false;
+  bool isQualitySliderEditing_ = false;
+
+  QTimer qualityDebounce_;  // single shot, restarted by each send
+  std::map<QUuid, std::shared_ptr<EncodeTask>> encodeTasks_;
+  std::set<QUuid> activeEncodeImageIDs_;
+  std::set<QUuid> pendingReEncodeImageIDs_;
+  AsyncSemaphore* encodeSemaphore_ = nullptr;     // child: processor count
+  AsyncSemaphore* encodeMemoryBudget_ = nullptr;  // child: megabytes
+  std::unique_ptr<QThreadPool> encodePool_;
+  std::unique_ptr<QThreadPool> inspectPool_;
+  BatchPanels* panels_ = nullptr;
+};
+
+}  // namespace quillane

@@ -1,0 +1,62 @@
+#include "batch/ImportedImage.h"
+
+#include <QFileInfo>
+
+namespace quillane {
+
+const char* EncodeState::name() const {
+  switch (kind) {
+    case Kind::idle:
+      return "idle";
+    case Kind::encoding:
+      return "encoding";
+    case Kind::ready:
+      return "ready";
+    case Kind::failed:
+      return "failed";
+  }
+  return "idle";
+}
+
+ImportedImage::ImportedImage(QUrl sourceURL, const ImageDecoder::LightDecodedImage& decoded, QObject* parent)
+    : QObject(parent),
+      id_(QUuid::createUuid()),
+      sourceURL_(std::move(sourceURL)),
+      originalFormat_(decoded.format),
+      originalSizeBytes_(decoded.fileSizeBytes),
+      width_(decoded.pixelWidth),
+      height_(decoded.pixelHeight),
+      frameCount_(decoded.frameCount),
+      thumbnail_(decoded.thumbnail) {}
+
+QString ImportedImage::fileName() const { return sourceURL_.fileName(); }
+
+QString ImportedImage::baseName() const {
+  const QString name = fileName();
+  const qsizetype dot = name.lastIndexOf(u'.');
+  return dot > 0 ? name.left(dot) : name;
+}
+
+void ImportedImage::setQualityOverride(std::optional<double> quality) {
+  qualityOverride_ = quality;
+  emit qualityOverrideChanged();
+}
+
+void ImportedImage::setEncodeState(EncodeState state) {
+  if (state == encodeState_) return;
+  encodeState_ = std::move(state);
+  emit encodeStateChanged();
+}
+
+void ImportedImage::setCompressedData(std::optional<QByteArray> data) {
+  compressedData_ = std::move(data);
+  emit compressedDataChanged();
+}
+
+void ImportedImage::setExportError(std::optional<QString> error) {
+  if (error == exportError_) return;
+  exportError_ = std::move(error);
+  emit exportErrorChanged();
+}
+
+}  // namespace quillane

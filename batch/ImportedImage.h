@@ -1,0 +1,132 @@
+#pragma once
+// One image of the open batch, and the small value types that describe its state.
+//
+// An ImportedImage is shared by reference (std::shared_ptr) between the batch list, the
+// row that shows it and the encode task that works on it; identity is id(). It is a
+// QObject so that a row can follow its observable fields through their change signals.
+// GUI thread only: the immutable fields may be read anywhere, but every observable field
+// is written by BatchViewModel on the GUI thread and signalled there.
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+#include <QUrl>
+#include <QUuid>
+
+#include <cstdint>
+#include <optional>
+
+#include "engine/DecodedImage.h"
+#include "engine/ImageDecoder.h"
+#include "engine/ImageFormat.h"
+
+namespace quillane {
+
+class BatchViewModel;
+
+// Where one image's encoding stands. `idle` only before the first scheduling.
+struct EncodeState {
+  enum class Kind { idle, encoding, ready, failed };
+
+  Kind kind = Kind::idle;
+  int64_t sizeBytes = 0;  // ready only: the byte count of the result
+  QString message;        // failed only: the localised description of the error
+
+  static EncodeState idle() { return {}; }
+  static EncodeState encoding() { return {Kind::encoding, 0, {}}; }
+  static EncodeState ready(int64_t sizeBytes) { return {Kind::ready, sizeBytes, {}}; }
+  static EncodeState failed(QString message) { return {Kind::failed, 0, std::move(message)}; }
+
+  bool isIdle() const { return kind == Kind::idle; }
+  bool isEncoding() const { return kind == Kind::encoding; }
+  bool isReady() const { return kind == Kind::ready; }
+  bool isFailed() const { return kind == Kind::failed; }
+  // "idle", "encoding", "ready", "failed": the names the local API sends.
+  const char* name() const;
+
+  friend bool operator==(const EncodeState&, const EncodeState&) = default;
+};
+
+// A file that could not be imported. Lives only in memory; retried or dismissed by the user.
+struct ImportFailure {
+  QUuid id;
+  QUrl url;
+  QString message;
+
+  friend bool operator==(const ImportFailure&, const ImportFailure&) = default;
+};
+
+class ImportedImage : public QObject {
+  Q_OBJECT
+  Q_PROPERTY(quillane::EncodeState encodeState READ encodeState NOTIFY encodeStateChanged)
+  Q_PROPERTY(std::optional<QByteArray> compressedData READ compressedData NOTIFY compressedDataChanged)
+  Q_PROPERTY(std::optional<double> qualityOverride READ qualityOverride NOTIFY qualityOverrideChanged)
+  Q_PROPERTY(std::optional<QString> exportError READ exportError NOTIFY exportErrorChanged)
+
+ public:
+  // Builds a row from the result of inspecting `sourceURL` (a file URL). A new id each time.
+  ImportedImage(QUrl sourceURL, const ImageDecoder::LightDecodedImage& decoded, QObject* parent = nullptr);
+
+  // Immutable after construction; any thread.
+  QUuid id() const { return id_; }
+  QUrl sourceURL() const { return sourceURL_; }
+  QString sourcePath() const { return sourceURL_.toLocalFile(); }
+  QString fileName() const;      // last path component of sourceURL, with extension
+  QString baseName() const;      // fileName() without its last extension
+  ImageFormat originalFormat() const { return originalFormat_; }
+  int64_t originalSizeBytes() const { return originalSizeBytes_; }
+  int width() const { return width_; }
+  int height() const { return height_; }
+  int frameCount() const { return frameCount_; }
+  bool isAnimated() const { return frameCount_ > 1; }
+  // 8-bit RGBA, at most 256 pixels on the longer side, upright.
+  const DecodedImage& thumbnail() const { return thumbnail_; }
+
+  // Observable fields. GUI thread only.
+  EncodeState encodeState() const { return encodeState_; }
+  // The latest result; kept during a new encoding so that a busy row can still be exported.
+  const std::optional<QByteArray>& compressedData() const { return compressedData_; }
+  // Empty: the image follows the batch's global quality.
+  std::optional<double> qualityOverride() const { return qualityOverride_; }
+  // The last export failure of this row; cleared by the next successful write.
+  const std::optional<QString>& exportError() const { return exportError_; }
+
+  // Plain fields. GUI thread only.
+  // Set when an export is attempted, before the write; the retry of a failed export uses it.
+  const std::optional<QUrl>& lastExportDestination() const { return lastExportDestination_; }
+  uint64_t encodeGeneration() const { return encodeGeneration_; }
+
+  // Stores the override and signals it; nothing more. Callers that want the image re-encoded
+  // and the session saved use BatchViewModel::setQualityOverride instead.
+  void setQualityOverride(std::optional<double> quality);
+
+ signals:
+  void encodeStateChanged();
+  void compressedDataChanged();
+  void qualityOverrideChanged();
+  void exportErrorChanged();
+
+ private:
+  friend class BatchViewModel;
+  void setEncodeState(EncodeState state);
+  void setCompressedData(std::optional<QByteArray> data);
+  void setExportError(std::optional<QString> error);
+
+  const QUuid id_;
+  const QUrl sourceURL_;
+  const ImageFormat originalFormat_;
+  const int64_t originalSizeBytes_;
+  const int width_;
+  const int height_;
+  const int frameCount_;
+  const DecodedImage thumbnail_;
+
+  EncodeState encodeState_;
+  std::optional<QByteArray> compressedData_;
+  std::optional<double> qualityOverride_;
+  std::optional<QString> exportError_;
+  std::optional<QUrl> lastExportDestination_;
+  uint64_t encodeGeneration_ = 0;
+};
+
+}  // namespace quillane
