@@ -55,6 +55,7 @@ Bytes drainOutput(JxlEncoder* encoder) {
 // the basic info from the JPEG itself but leaves the EXIF orientation out of the codestream.
 struct JPEGHeader {
   uint32_t width = 0, height = 0;
+  int precision = 0;  // bits a sample
   int components = 0;
   int orientation = 1;
 };
@@ -111,6 +112,7 @@ std::optional<JPEGHeader> readJPEGHeader(std::span<const uint8_t> jpeg) {
     const std::span<const uint8_t> payload = jpeg.subspan(at + 4, length - 2);
     const bool isFrame = marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
     if (isFrame && payload.size() >= 6) {
+      header.precision = payload[0];
       header.height = uint32_t(payload[1]) << 8 | payload[2];
       header.width = uint32_t(payload[3]) << 8 | payload[4];
       header.components = payload[5];
@@ -134,10 +136,11 @@ Bytes transcode(std::span<const uint8_t> jpeg, int effort) {
   if (!settings) throw jxlFailed("JxlEncoderFrameSettingsCreate");
   JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, effort);
 
-  // Grey and RGB JPEGs get their basic info from us so that the orientation survives; for
-  // anything else libjxl decides (and may refuse, which sends the caller to pixels).
+  // 8-bit grey and colour JPEGs get their basic info from us, EXIF orientation included, so
+  // that the orientation can't fall out of the codestream; for anything else libjxl decides
+  // (and may refuse, which sends the caller to pixels).
   const auto header = readJPEGHeader(jpeg);
-  if (header && (header->components == 1 || header->components == 3)) {
+  if (header && header->precision == 8 && (header->components == 1 || header->components == 3)) {
     JxlBasicInfo info;
     JxlEncoderInitBasicInfo(&info);
     info.xsize = header->width;

@@ -1,0 +1,105 @@
+#include <gtest/gtest.h>
+
+#include "engine/Encoders.h"
+#include "engine/Errors.h"
+#include "engine/PNGWriter.h"
+#include "tests/engine/encoder_test_support.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane::testing {
+namespace {
+
+EncodingPlan planWithEffort(int effort, double quality = 75) {
+  EncodingPlan plan;
+  plan.effort = effort;
+  plan.quality = quality;
+  plan.mode = EncodingPlan::Mode::lossy(quality);
+  return plan;
+}
+
+uint8_t colourType(const Bytes& png) { return findChunk(pngChunks(png), "IHDR")->payload[9]; }
+
+// The filter type byte of every row of a truecolour file.
+std::vector<uint8_t> filterBytes(const Bytes& png, size_t rowLength, size_t rows) {
+  const Bytes raw = inflate(findChunk(pngChunks(png), "IDAT")->payload, rows * (rowLength + 1));
+  std::vector<uint8_t> filters;
+  for (size_t y = 0; y < rows && y * (rowLength + 1) < raw.size(); ++y) filters.push_back(raw[y * (rowLength + 1)]);
+  return filters;
+}
+
+TEST(PngLossless, RoundTripsExactlyAtEveryEffort) {
+  for (bool alpha : {false, true})
+    for (auto [w, h] : {std::pair{1, 1}, {17, 3}, {40, 23}})
+      for (int effort : {0, 2}) {
+        const RGBABuffer rgba = makeBuffer(w, h, Pattern::photo, 3, alpha);
+        const Bytes png = PNGQuantEncoder::encodeLossless(rgba, planWithEffort(effort));
+        EXPECT_EQ(colourType(png), alpha ? 6 : 2);
+        const auto decoded = decodePNG(png);
+        ASSERT_TRUE(decoded) << w << "x" << h;
+        EXPECT_EQ(decoded->rgba, rgba.pixels) << w << "x" << h << " alpha " << alpha << " effort " << effort;
+      }
+}
+
+TEST(PngLossless, EffortZeroUsesPaethOnEveryRowAndOtherwiseFiltersAreTried) {
+  const RGBABuffer rgba = makeBuffer(30, 12, Pattern::gradient);
+  for (uint8_t f : filterBytes(PNGQuantEncoder::encodeLossless(rgba, planWithEffort(0)), 30 * 3, 12)) EXPECT_EQ(f, 4);
+  // A smooth gradient never scores best unfiltered below its first row.
+  const auto tried = filterBytes(PNGQuantEncoder::encodeLossless(rgba, planWithEffort(1)), 30 * 3, 12);
+  ASSERT_EQ(tried.size(), 12u);
+  for (size_t y = 1; y < tried.size(); ++y) EXPECT_NE(tried[y], 0) << "row " << y;
+}
+
+TEST(PngLossless, AllBlackFirstRowTakesFilterNone) {
+  RGBABuffer rgba = makeBuffer(8, 4, Pattern::photo);
+  for (size_t i = 0; i < 8 * 4; i += 4) rgba.pixels[i] = rgba.pixels[i + 1] = rgba.pixels[i + 2] = 0;
+  EXPECT_EQ(filterBytes(PNGQuantEncoder::encodeLossless(rgba, planWithEffort(2)), 8 * 3, 4).at(0), 0);
+}
+
+TEST(PngPalette, DecodesCloseToTheSourceWithTransparency) {
+  const RGBABuffer logo = makeBuffer(48, 40, Pattern::flatLogo, 1, true);
+  for (double quality : {1.0, 80.0}) {  // a minimum of 0 means even quality 1 gives a file
+    const Bytes png = PNGQuantEncoder::encodePalette(logo, planWithEffort(2, quality));
+    const auto chunks = pngChunks(png);
+    EXPECT_EQ(colourType(png), 3);
+    EXPECT_NE(findChunk(chunks, "tRNS"), nullptr);
+    const auto decoded = decodePNG(png);
+    ASSERT_TRUE(decoded);
+    // Colour under fully transparent pixels is free to change.
+    int worst = 0;
+    for (size_t i = 0; i < logo.pixels.size(); i += 4)
+      for (size_t c = logo.pixels[i + 3] == 0 ? 3 : 0; c < 4; ++c)
+        worst = std::max(worst, std::abs(int(decoded->rgba[i + c]) - int(logo.pixels[i + c])));
+    EXPECT_LE(worst, quality > 50 ? 8 : 128) << quality;
+  }
+  const RGBABuffer photo = makeBuffer(40, 30, Pattern::photo);
+  const auto decoded = decodePNG(PNGQuantEncoder::encodePalette(photo, planWithEffort(0, 90)));
+  ASSERT_TRUE(decoded);
+  EXPECT_LE(maxDifference(decoded->rgba, photo.pixels), 40);
+}
+
+TEST(PngEncode, PrefersLosslessRoutesToTruecolour) {
+  const RGBABuffer rgba = makeBuffer(20, 20, Pattern::screenshot);
+  EncodingPlan plan = planWithEffort(2, 80);
+  EXPECT_EQ(colourType(PNGQuantEncoder::encode(rgba, plan)), 3);
+  plan.prefersLossless = true;
+  EXPECT_EQ(colourType(PNGQuantEncoder::encode(rgba, plan)), 2);
+}
+
+TEST(PngEncode, WideGamutProfileReachesICCChunkAndSRGBAddsNone) {
+  RGBABuffer rgba = makeBuffer(16, 16, Pattern::photo);
+  rgba.colorSpace = ColorSpace::fromICC(srgbProfile());
+  EXPECT_EQ(findChunk(pngChunks(PNGQuantEncoder::encodeLossless(rgba, planWithEffort(2))), "iCCP"), nullptr);
+  EXPECT_EQ(findChunk(pngChunks(PNGQuantEncoder::encodePalette(rgba, planWithEffort(2))), "iCCP"), nullptr);
+
+  rgba.colorSpace = ColorSpace::fromICC(displayP3Profile());
+  for (const Bytes& png : {PNGQuantEncoder::encodeLossless(rgba, planWithEffort(2)),
+                           PNGQuantEncoder::encodePalette(rgba, planWithEffort(2))}) {
+    const auto types = chunkTypes(pngChunks(png));
+    ASSERT_GE(types.size(), 2u);
+    EXPECT_EQ(types[1], "iCCP");
+    EXPECT_TRUE(decodePNG(png));
+  }
+}
+
+}  // namespace
+}  // namespace quillane::testing

@@ -1,0 +1,118 @@
+#include "engine/PNGWriter.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/engine/encoder_test_support.h"
+
+namespace quillane::testing {
+namespace {
+
+using PNGWriter::Filter;
+using PNGWriter::PaletteEntry;
+
+// A 3 by 2 indexed picture over `palette`, every index valid.
+Bytes indexedFile(const std::vector<PaletteEntry>& palette, const std::optional<Bytes>& icc = std::nullopt) {
+  std::vector<uint8_t> indices(6);
+  for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t(i % palette.size());
+  return PNGWriter::writeIndexedPNG(3, 2, indices, palette, icc);
+}
+
+TEST(PngWriterChunks, IndexedFileDecodesWithValidChunksInOrder) {
+  const std::vector<PaletteEntry> palette = {{255, 0, 0, 255}, {0, 255, 0, 128}, {0, 0, 255, 0}};
+  const Bytes profile = displayP3Profile();
+  const Bytes file = indexedFile(palette, profile);
+
+  const auto chunks = pngChunks(file);
+  EXPECT_EQ(chunkTypes(chunks), (std::vector<std::string>{"IHDR", "iCCP", "PLTE", "tRNS", "IDAT", "IEND"}));
+  for (const Chunk& c : chunks) EXPECT_TRUE(c.crcValid) << c.type;
+  EXPECT_EQ(Bytes(file.end() - 4, file.end()), (Bytes{0xAE, 0x42, 0x60, 0x82}));  // IEND's standard CRC
+
+  // iCCP: "ICC profile", two zero bytes, then a zlib stream of the profile.
+  const Chunk* iccp = findChunk(chunks, "iCCP");
+  ASSERT_NE(iccp, nullptr);
+  const std::string head(iccp->payload.begin(), iccp->payload.begin() + 13);
+  EXPECT_EQ(head, std::string("ICC profile\0\0", 13));
+  EXPECT_EQ(inflate(std::span(iccp->payload).subspan(13), profile.size()), profile);
+
+  const auto decoded = decodePNG(file);
+  ASSERT_TRUE(decoded);
+  const Bytes expected = {255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0, 255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0};
+  EXPECT_EQ(decoded->rgba, expected);
+}
+
+TEST(PngWriterChunks, TransparencyChunkOnlyWhenSomeAlphaIsBelowOpaque) {
+  std::vector<PaletteEntry> palette(256, PaletteEntry{10, 20, 30, 255});
+  EXPECT_EQ(findChunk(pngChunks(indexedFile(palette)), "tRNS"), nullptr);
+
+  palette[0].a = 254;  // trailing 255s are kept: the chunk covers the whole palette
+  const auto chunks = pngChunks(indexedFile(palette));
+  const Chunk* trns = findChunk(chunks, "tRNS");
+  ASSERT_NE(trns, nullptr);
+  EXPECT_EQ(trns->payload.size(), 256u);
+  EXPECT_EQ(trns->payload[0], 254);
+  EXPECT_EQ(trns->payload[255], 255);
+  EXPECT_EQ(findChunk(chunks, "PLTE")->payload.size(), 768u);
+}
+
+TEST(PngWriterChunks, EmptyOrAbsentProfileAddsNoICCChunk) {
+  const std::vector<PaletteEntry> palette = {{1, 2, 3, 255}};
+  EXPECT_EQ(findChunk(pngChunks(indexedFile(palette, Bytes{})), "iCCP"), nullptr);
+  EXPECT_EQ(findChunk(pngChunks(indexedFile(palette, std::nullopt)), "iCCP"), nullptr);
+}
+
+TEST(PngWriterZlib, BestLevelUpToTwoMebibytesDefaultAbove) {
+  // FLEVEL, the top two bits of the second header byte: 3 for level 9, 2 for level 6.
+  const Bytes atLimit(2'097'152, 7), aboveLimit(2'097'153, 7);
+  const Bytes a = PNGWriter::zlibCompress(atLimit), b = PNGWriter::zlibCompress(aboveLimit);
+  EXPECT_EQ(a[1] >> 6, 3);
+  EXPECT_EQ(b[1] >> 6, 2);
+  EXPECT_EQ(inflate(b, aboveLimit.size()), aboveLimit);
+}
+
+struct FilterCase {
+  Filter filter;
+  Bytes row, previous;
+  size_t bpp;
+  Bytes expected;
+};
+
+TEST(PngWriterFilters, ArithmeticAndScore) {
+  const FilterCase cases[] = {
+      // sub copies the first bpp bytes, then subtracts the byte one pixel to the left
+      {Filter::sub, {10, 20, 15, 5}, {0, 0, 0, 0}, 2, {10, 20, 5, 241}},
+      {Filter::up, {10, 20}, {30, 5}, 1, {236, 15}},
+      // average halves the sum, not the bytes: 255 and 255 predict 255, not 127
+      {Filter::average, {255, 0}, {0, 255}, 1, {255, 1}},
+      {Filter::average, {100, 50}, {10, 21}, 1, {95, 246}},
+      // paeth on the first bpp bytes has left and upper-left 0, so it equals up
+      {Filter::paeth, {200, 100, 7}, {50, 60, 70}, 2, {150, 40, 63}},
+      {Filter::none, {1, 255}, {9, 9}, 1, {1, 255}},
+  };
+  for (const FilterCase& c : cases) {
+    Bytes out(c.row.size());
+    const int64_t score = PNGWriter::apply(c.filter, c.row.data(), c.previous.data(), c.row.size(), c.bpp, out.data());
+    EXPECT_EQ(out, c.expected) << int(c.filter);
+    int64_t expectedScore = 0;
+    for (uint8_t v : c.expected) expectedScore += v < 128 ? v : 256 - v;
+    EXPECT_EQ(score, expectedScore) << int(c.filter);
+  }
+}
+
+TEST(PngWriterFilters, PaethPicksTheNearestNeighbourWithTiesToLeftThenUp) {
+  // left a, up b, upper-left c, bpp 1: second byte of each row
+  auto predict = [](uint8_t a, uint8_t b, uint8_t c) {
+    const uint8_t row[2] = {a, 0}, previous[2] = {c, b};
+    uint8_t out[2];
+    PNGWriter::apply(Filter::paeth, row, previous, 2, 1, out);
+    return uint8_t(0 - out[1]);
+  };
+  EXPECT_EQ(predict(10, 20, 10), 20);  // s = 20: up is exact
+  EXPECT_EQ(predict(20, 10, 10), 20);  // s = 20: left is exact
+  EXPECT_EQ(predict(10, 20, 30), 10);  // s = 0: left nearest
+  EXPECT_EQ(predict(10, 25, 20), 10);  // s = 15: left and upper-left tie, left wins
+  EXPECT_EQ(predict(25, 10, 20), 10);  // s = 15: up and upper-left tie, up wins
+  EXPECT_EQ(predict(100, 50, 200), 50);  // s = -50: up nearer than upper-left
+}
+
+}  // namespace
+}  // namespace quillane::testing
