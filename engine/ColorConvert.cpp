@@ -1,0 +1,171 @@
+#include "engine/ColorConvert.h"
+
+#include <lcms2.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+namespace quillane::ColorConvert {
+namespace {
+template <auto Fn>
+struct CDeleter {
+  template <class T>
+  void operator()(T* p) const noexcept {
+    if (p) Fn(p);
+  }
+};
+using ProfilePtr = std::unique_ptr<void, CDeleter<cmsCloseProfile>>;
+using TransformPtr = std::unique_ptr<void, CDeleter<cmsDeleteTransform>>;
+using ToneCurvePtr = std::unique_ptr<cmsToneCurve, CDeleter<cmsFreeToneCurve>>;
+
+ProfilePtr openProfile(const std::vector<uint8_t>* icc, cmsColorSpaceSignature expected) {
+  if (!icc || icc->empty()) return nullptr;
+  ProfilePtr profile(cmsOpenProfileFromMem(icc->data(), cmsUInt32Number(icc->size())));
+  if (!profile || cmsGetColorSpace(profile.get()) != expected) return nullptr;
+  return profile;
+}
+
+TransformPtr transformToSRGB(cmsHPROFILE source, cmsUInt32Number inFormat, cmsUInt32Number outFormat,
+                             cmsUInt32Number flags) {
+  ProfilePtr srgb(cmsCreate_sRGBProfile());
+  if (!srgb) return nullptr;
+  return TransformPtr(cmsCreateTransform(source, inFormat, srgb.get(), outFormat, INTENT_PERCEPTUAL,
+                                         flags | cmsFLAGS_NOCACHE));
+}
+
+template <class T>
+void replicateGrey(T* samples, size_t pixels, int channels) {
+  const T opaque = T(~T(0));
+  // Backwards, so that no packed input is overwritten before it is read.
+  for (size_t i = pixels; i-- > 0;) {
+    T g = samples[i * size_t(channels)];
+    T a = channels == 2 ? samples[i * 2 + 1] : opaque;
+    T* out = samples + i * 4;
+    out[0] = out[1] = out[2] = g;
+    out[3] = a;
+  }
+}
+
+template <class T>
+bool transformGrey(T* samples, int width, int height, int channels, cmsHPROFILE grey) {
+  bool wide = sizeof(T) == 2;
+  cmsUInt32Number in = channels == 2 ? (wide ? TYPE_GRAYA_16 : TYPE_GRAYA_8) : (wide ? TYPE_GRAY_16 : TYPE_GRAY_8);
+  cmsUInt32Number out = wide ? TYPE_RGBA_16 : TYPE_RGBA_8;
+  TransformPtr transform = transformToSRGB(grey, in, out, channels == 2 ? cmsFLAGS_COPY_ALPHA : 0);
+  if (!transform) return false;
+  std::vector<T> row(size_t(width) * size_t(channels));
+  const T opaque = T(~T(0));
+  // Rows from the last: the RGBA output of row r never reaches packed rows below r.
+  for (int y = height; y-- > 0;) {
+    std::memcpy(row.data(), samples + size_t(y) * row.size(), row.size() * sizeof(T));
+    T* out = samples + size_t(y) * size_t(width) * 4;
+    cmsDoTransform(transform.get(), row.data(), out, cmsUInt32Number(width));
+    if (channels == 1)
+      for (int x = 0; x < width; ++x) out[size_t(x) * 4 + 3] = opaque;
+  }
+  return true;
+}
+
+cmsToneCurve* transferCurve(int transfer) {
+  switch (transfer) {
+    case 13: {  // sRGB
+      const double p[5] = {2.4, 1.0 / 1.055, 0.055 / 1.055, 1.0 / 12.92, 0.04045};
+      return cmsBuildParametricToneCurve(nullptr, 4, p);
+    }
+    case 1: case 6: case 14: case 15: {  // BT.709 family
+      const double p[5] = {1.0 / 0.45, 1.0 / 1.099, 0.099 / 1.099, 1.0 / 4.5, 0.081};
+      return cmsBuildParametricToneCurve(nullptr, 4, p);
+    }
+    case 8: return cmsBuildGamma(nullptr, 1.0);
+    case 4: return cmsBuildGamma(nullptr, 2.2);
+    case 5: return cmsBuildGamma(nullptr, 2.8);
+    default: return nullptr;
+  }
+}
+}  // namespace
+
+void expandGreyInPlace(DecodedImage& image, int channels, const std::vector<uint8_t>* profile) {
+  ProfilePtr grey = openProfile(profile, cmsSigGrayData);
+  bool done = false;
+  if (grey) {
+    done = image.bitsPerComponent == 16
+               ? transformGrey(image.pixels16.data(), image.width, image.height, channels, grey.get())
+               : transformGrey(image.pixels8.data(), image.width, image.height, channels, grey.get());
+  }
+  if (!done) {
+    if (image.bitsPerComponent == 16)
+      replicateGrey(image.pixels16.data(), image.pixelCount(), channels);
+    else
+      replicateGrey(image.pixels8.data(), image.pixelCount(), channels);
+  }
+  image.colorSpace = ColorSpace::sRGB();
+}
+
+void cmykToRGBInPlace(DecodedImage& image, bool inverted, const std::vector<uint8_t>* profile) {
+  uint8_t* px = image.pixels8.data();
+  const size_t count = image.pixelCount();
+  ProfilePtr cmyk = openProfile(profile, cmsSigCmykData);
+  TransformPtr transform;
+  if (cmyk) transform = transformToSRGB(cmyk.get(), inverted ? TYPE_CMYK_8_REV : TYPE_CMYK_8, TYPE_RGBA_8, 0);
+  if (transform) {
+    std::vector<uint8_t> row(size_t(image.width) * 4);
+    for (int y = 0; y < image.height; ++y) {
+      uint8_t* line = px + size_t(y) * row.size();
+      std::memcpy(row.data(), line, row.size());
+      cmsDoTransform(transform.get(), row.data(), line, cmsUInt32Number(image.width));
+    }
+  } else {
+    for (size_t i = 0; i < count; ++i) {
+      uint8_t* p = px + i * 4;
+      // Ink left on the page: 255 - ink, or the stored value itself when stored inverted.
+      int c = inverted ? p[0] : 255 - p[0], m = inverted ? p[1] : 255 - p[1];
+      int y = inverted ? p[2] : 255 - p[2], k = inverted ? p[3] : 255 - p[3];
+      p[0] = uint8_t((c * k + 127) / 255);
+      p[1] = uint8_t((m * k + 127) / 255);
+      p[2] = uint8_t((y * k + 127) / 255);
+    }
+  }
+  for (size_t i = 0; i < count; ++i) px[i * 4 + 3] = 255;
+  image.alpha = AlphaInfo::none;
+  image.colorSpace = ColorSpace::sRGB();
+}
+
+ColorSpace rgbSpace(std::vector<uint8_t> icc) {
+  if (!openProfile(&icc, cmsSigRgbData)) return ColorSpace::sRGB();
+  return ColorSpace::fromICC(std::move(icc));
+}
+
+ColorSpace fromCodePoints(int primaries, int transfer) {
+  cmsCIExyYTRIPLE xy;
+  cmsCIExyY white = {0.3127, 0.3290, 1.0};  // D65
+  switch (primaries) {
+    case 1: case 2:  // BT.709 (sRGB) or unspecified: untagged sRGB unless the curve differs
+      if (transfer == 8 || transfer == 5) {
+        xy = {{0.64, 0.33, 1}, {0.30, 0.60, 1}, {0.15, 0.06, 1}};
+        break;
+      }
+      return ColorSpace::sRGB();
+    case 9: xy = {{0.708, 0.292, 1}, {0.170, 0.797, 1}, {0.131, 0.046, 1}}; break;  // BT.2020
+    case 11:  // DCI-P3, its own white
+      xy = {{0.680, 0.320, 1}, {0.265, 0.690, 1}, {0.150, 0.060, 1}};
+      white = {0.314, 0.351, 1.0};
+      break;
+    case 12: xy = {{0.680, 0.320, 1}, {0.265, 0.690, 1}, {0.150, 0.060, 1}}; break;  // Display P3
+    default: return ColorSpace::sRGB();
+  }
+  // Unknown or HDR transfers (PQ, HLG) are approximated by the sRGB curve.
+  ToneCurvePtr curve(transferCurve(transfer));
+  if (!curve) curve.reset(transferCurve(13));
+  if (!curve) return ColorSpace::sRGB();
+  cmsToneCurve* curves[3] = {curve.get(), curve.get(), curve.get()};
+  ProfilePtr profile(cmsCreateRGBProfile(&white, &xy, curves));
+  if (!profile) return ColorSpace::sRGB();
+  cmsUInt32Number size = 0;
+  if (!cmsSaveProfileToMem(profile.get(), nullptr, &size) || size == 0) return ColorSpace::sRGB();
+  std::vector<uint8_t> icc(size);
+  if (!cmsSaveProfileToMem(profile.get(), icc.data(), &size)) return ColorSpace::sRGB();
+  return ColorSpace::fromICC(std::move(icc));
+}
+
+}  // namespace quillane::ColorConvert

@@ -1,0 +1,36 @@
+#pragma once
+// Colour conversions the readers need: grey and CMYK samples to RGB, through lcms2 when the
+// file carries a profile, and colour spaces from coded primaries (CICP / nclx). Internal to
+// the engine; any thread.
+
+#include <cstdint>
+#include <vector>
+
+#include "engine/ColorSpace.h"
+#include "engine/DecodedImage.h"
+
+namespace quillane::ColorConvert {
+
+// `image` is sized for RGBA (8 or 16 bits) but its buffer holds, packed from the start,
+// `channels` samples a pixel: 1 for grey, 2 for grey and alpha. Expands it in place to RGBA.
+// With a grey ICC `profile` the values go through lcms2 to sRGB; without one (or with a
+// profile lcms2 can't use) the grey value is copied into R, G and B. The result is sRGB.
+void expandGreyInPlace(DecodedImage& image, int channels, const std::vector<uint8_t>* profile);
+
+// `image` is 8-bit and holds C, M, Y, K in place of R, G, B, A. `inverted` says the samples
+// are stored inverted (0 = full ink), as files with an Adobe marker hold them. Converts in
+// place to opaque RGB: through lcms2 with a CMYK `profile`, else by a plain ink formula.
+// The result is sRGB.
+void cmykToRGBInPlace(DecodedImage& image, bool inverted, const std::vector<uint8_t>* profile);
+
+// The colour space of RGB pixels tagged with `icc`: ColorSpace::fromICC for an RGB profile;
+// untagged sRGB for no profile, an unreadable one, or one of another colour model.
+ColorSpace rgbSpace(std::vector<uint8_t> icc);
+
+// The colour space of coded primaries and transfer (ITU-T H.273 code points). sRGB for
+// BT.709 / unspecified primaries with a gamma-like transfer; an ICC profile made with lcms2
+// for other known primaries (BT.2020, DCI-P3, Display P3) and transfers (sRGB, BT.709,
+// linear, gamma 2.2 and 2.8); sRGB for anything else.
+ColorSpace fromCodePoints(int primaries, int transfer);
+
+}  // namespace quillane::ColorConvert

@@ -1,0 +1,52 @@
+#include "engine/Exif.h"
+
+#include <libexif/exif-data.h>
+
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace quillane::Exif {
+namespace {
+template <auto Fn>
+struct CDeleter {
+  template <class T>
+  void operator()(T* p) const noexcept {
+    if (p) Fn(p);
+  }
+};
+using ExifDataPtr = std::unique_ptr<ExifData, CDeleter<exif_data_unref>>;
+
+constexpr uint8_t kPrefix[6] = {'E', 'x', 'i', 'f', 0, 0};
+// libexif looks at no more than this; larger blocks are cut rather than copied whole.
+constexpr size_t kMaxBlock = 1 << 20;
+}  // namespace
+
+std::optional<int> orientation(std::span<const uint8_t> block) {
+  if (block.size() < 8) return std::nullopt;
+  // libexif only parses data that begins with the "Exif\0\0" prefix.
+  std::vector<uint8_t> data;
+  bool prefixed = std::memcmp(block.data(), kPrefix, sizeof kPrefix) == 0;
+  size_t length = std::min(block.size(), kMaxBlock);
+  data.reserve(length + sizeof kPrefix);
+  if (!prefixed) data.insert(data.end(), kPrefix, kPrefix + sizeof kPrefix);
+  data.insert(data.end(), block.begin(), block.begin() + std::ptrdiff_t(length));
+
+  ExifDataPtr exif(exif_data_new());
+  if (!exif) return std::nullopt;
+  // No maker notes (they are parsed by vendor code we have no use for) and no repairs.
+  exif_data_set_option(exif.get(), EXIF_DATA_OPTION_IGNORE_UNKNOWN_TAGS);
+  exif_data_unset_option(exif.get(), EXIF_DATA_OPTION_FOLLOW_SPECIFICATION);
+  exif_data_unset_option(exif.get(), EXIF_DATA_OPTION_DONT_CHANGE_MAKER_NOTE);
+  exif_data_load_data(exif.get(), data.data(), unsigned(data.size()));
+
+  ExifEntry* entry = exif_content_get_entry(exif->ifd[EXIF_IFD_0], EXIF_TAG_ORIENTATION);
+  if (!entry || entry->format != EXIF_FORMAT_SHORT || entry->components < 1 || !entry->data ||
+      entry->size < 2)
+    return std::nullopt;
+  int value = exif_get_short(entry->data, exif_data_get_byte_order(exif.get()));
+  if (value < 1 || value > 8) return std::nullopt;
+  return value;
+}
+
+}  // namespace quillane::Exif

@@ -1,0 +1,78 @@
+#include "engine/ImageDecoder.h"
+
+#include <sys/stat.h>
+
+#include "engine/Errors.h"
+#include "engine/FileIO.h"
+#include "engine/ImageService.h"
+#include "engine/Resample.h"
+
+namespace quillane::ImageDecoder {
+namespace {
+
+constexpr int kThumbnailSize = 256;
+
+std::optional<std::vector<uint8_t>> readAll(const std::string& path) {
+  try {
+    return FileIO::readFile(path);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+LightDecodedImage inspect(const std::string& path) {
+  auto bytes = readAll(path);
+  if (!bytes) throw ImageProcessingError::decodingFailed("unreadable file: " + path);
+  auto format = ImageFormats::detect(*bytes);
+  if (!format) throw ImageProcessingError::decodingFailed("not one of the six formats: " + path);
+  auto props = ImageService::properties(*bytes);
+  if (!props || props->width <= 0 || props->height <= 0)
+    throw ImageProcessingError::decodingFailed("no image properties: " + path);
+  auto thumb = ImageService::thumbnail(*bytes, kThumbnailSize);
+  if (!thumb) throw ImageProcessingError::decodingFailed("no thumbnail: " + path);
+
+  LightDecodedImage light{*format, props->width, props->height, fileSize(path), props->frameCount, std::move(*thumb)};
+  int orientation = props->orientation.value_or(1);
+  if (orientation >= 5 && orientation <= 8) std::swap(light.pixelWidth, light.pixelHeight);
+  return light;
+}
+
+DecodedSource decodeCGImageSource(std::span<const uint8_t> fileData) {
+  auto format = ImageFormats::detect(fileData);
+  if (!format) throw ImageProcessingError::decodingFailed("not one of the six formats");
+  DecodedImage image = ImageService::decodeFirstFrame(fileData);
+  auto props = ImageService::properties(fileData);
+  int orientation = props && props->orientation ? *props->orientation : 1;
+  int frameCount = props ? props->frameCount : 1;
+  if (auto turned = applyOrientation(orientation, image)) image = std::move(*turned);
+  return {*format, std::move(image), frameCount};
+}
+
+std::optional<DecodedImage> applyOrientation(int orientation, const DecodedImage& image) {
+  if (orientation < 2 || orientation > 8 || image.empty()) return std::nullopt;
+  try {
+    return Resample::orient(image, orientation);
+  } catch (const std::exception&) {
+    return std::nullopt;  // a failed turn never fails an encode: the caller keeps the picture
+  }
+}
+
+std::optional<DecodedImage> loadPreview(const std::string& path, int maxPixelSize) {
+  auto bytes = readAll(path);
+  if (!bytes) return std::nullopt;
+  return loadPreview(*bytes, maxPixelSize);
+}
+
+std::optional<DecodedImage> loadPreview(std::span<const uint8_t> data, int maxPixelSize) {
+  return ImageService::thumbnail(data, maxPixelSize);
+}
+
+int64_t fileSize(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return 0;
+  return int64_t(st.st_size);
+}
+
+}  // namespace quillane::ImageDecoder

@@ -1,0 +1,79 @@
+// The image service's reading side: dispatch to the reader of the sniffed type, and the
+// thumbnail pipeline (reduced-scale decode, area downscale, orientation).
+
+#include "engine/ImageService.h"
+
+#include <algorithm>
+
+#include "engine/Errors.h"
+#include "engine/ImageFormat.h"
+#include "engine/Resample.h"
+#include "engine/codecs/Readers.h"
+
+namespace quillane::ImageService {
+namespace {
+
+std::optional<ImageFormat> formatOf(std::span<const uint8_t> bytes) { return ImageFormats::detect(bytes); }
+
+DecodedImage decode(ImageFormat format, std::span<const uint8_t> bytes, int minLongSide) {
+  switch (format) {
+    case ImageFormat::png: return codecs::decodePng(bytes);
+    case ImageFormat::jpeg: return codecs::decodeJpeg(bytes, minLongSide);
+    case ImageFormat::heic: return codecs::decodeHeif(bytes);
+    case ImageFormat::avif: return codecs::decodeAvif(bytes);
+    case ImageFormat::webp: return codecs::decodeWebp(bytes);
+    case ImageFormat::jxl: return codecs::decodeJxl(bytes);
+  }
+  codecs::fail("unknown format");
+}
+
+}  // namespace
+
+std::optional<Properties> properties(std::span<const uint8_t> bytes) {
+  auto format = formatOf(bytes);
+  if (!format) return std::nullopt;
+  try {
+    switch (*format) {
+      case ImageFormat::png: return codecs::pngProperties(bytes);
+      case ImageFormat::jpeg: return codecs::jpegProperties(bytes);
+      case ImageFormat::heic: return codecs::heifProperties(bytes);
+      case ImageFormat::avif: return codecs::avifProperties(bytes);
+      case ImageFormat::webp: return codecs::webpProperties(bytes);
+      case ImageFormat::jxl: return codecs::jxlProperties(bytes);
+    }
+  } catch (const std::exception&) {
+    // A damaged header is no properties, whatever failed while reading it.
+  }
+  return std::nullopt;
+}
+
+DecodedImage decodeFirstFrame(std::span<const uint8_t> bytes) {
+  auto format = formatOf(bytes);
+  if (!format) throw ImageProcessingError::decodingFailed("not one of the six formats");
+  try {
+    return decode(*format, bytes, 0);
+  } catch (const ImageProcessingError&) {
+    throw;
+  } catch (const std::bad_alloc&) {
+    throw ImageProcessingError::decodingFailed("out of memory");
+  } catch (const std::exception& e) {
+    throw ImageProcessingError::decodingFailed(e.what());
+  }
+}
+
+std::optional<DecodedImage> thumbnail(std::span<const uint8_t> bytes, int maxPixelSize) {
+  auto format = formatOf(bytes);
+  if (!format || maxPixelSize <= 0) return std::nullopt;
+  try {
+    auto props = properties(bytes);
+    DecodedImage image = decode(*format, bytes, maxPixelSize);
+    image = Resample::fitWithin(image, maxPixelSize);
+    int orientation = props && props->orientation ? *props->orientation : 1;
+    if (orientation >= 2 && orientation <= 8) image = Resample::orient(image, orientation);
+    return image;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace quillane::ImageService

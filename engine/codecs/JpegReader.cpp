@@ -1,0 +1,211 @@
+// JPEG through libjpeg-turbo: the libjpeg API for markers (EXIF, multi-marker ICC, Adobe),
+// CMYK and the DCT scales that TurboJPEG offers, so that thumbnails decode at 1/8 to 1/2.
+
+#include <turbojpeg.h>
+
+#include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+// jpeglib.h expects stdio's FILE and size_t before it.
+#include <jerror.h>
+#include <jpeglib.h>
+
+#include "engine/ColorConvert.h"
+#include "engine/Exif.h"
+#include "engine/codecs/Readers.h"
+
+namespace quillane::codecs {
+namespace {
+
+struct ErrorManager {
+  jpeg_error_mgr pub;
+  jmp_buf jump;
+  bool truncated;
+};
+
+void onError(j_common_ptr cinfo) { std::longjmp(reinterpret_cast<ErrorManager*>(cinfo->err)->jump, 1); }
+// Warnings are never printed; running out of data is remembered, as a truncated file must fail
+// rather than come out with a grey lower part.
+void onMessage(j_common_ptr cinfo, int level) {
+  if (level < 0 && cinfo->err->msg_code == JWRN_JPEG_EOF) reinterpret_cast<ErrorManager*>(cinfo->err)->truncated = true;
+}
+void onOutput(j_common_ptr) {}
+
+// Plain data between decodeWithLibjpeg and its callers: trivially destructible, so that a
+// longjmp out of libjpeg skips no destructor.
+struct JpegJob {
+  const uint8_t* data;
+  unsigned long size;
+  bool headerOnly;
+  int numerator, denominator;  // DCT scale chosen for minLongSide
+  int minLongSide;
+  const tjscalingfactor* factors;
+  int factorCount;
+  // Header.
+  int width, height, components;
+  J_COLOR_SPACE colorSpace;
+  bool adobe;
+  // Output.
+  int outWidth, outHeight, outComponents;
+  JOCTET* icc;  // malloc'd by libjpeg; the caller frees it
+  unsigned int iccLength;
+  // Called by decodeWithLibjpeg itself, never from inside libjpeg. Both are noexcept.
+  void* context;
+  void (*exifFound)(void* context, const uint8_t* data, size_t size) noexcept;
+  uint8_t* (*allocate)(void* context, const JpegJob& job) noexcept;  // null refuses the picture
+};
+
+void chooseScale(JpegJob& job) {
+  job.numerator = job.denominator = 1;
+  if (job.minLongSide <= 0 || !job.factors) return;
+  long longSide = std::max(job.width, job.height);
+  long best = longSide;
+  for (int i = 0; i < job.factorCount; ++i) {
+    const tjscalingfactor& f = job.factors[i];
+    long scaled = TJSCALED(longSide, f);
+    if (scaled >= job.minLongSide && scaled < best && f.num <= f.denom) {
+      best = scaled;
+      job.numerator = f.num;
+      job.denominator = f.denom;
+    }
+  }
+}
+
+// Every libjpeg call sits in this one function; returns false on any error.
+bool decodeWithLibjpeg(JpegJob& job) {
+  jpeg_decompress_struct cinfo;
+  ErrorManager err;
+  cinfo.err = jpeg_std_error(&err.pub);
+  err.pub.error_exit = onError;
+  err.pub.emit_message = onMessage;
+  err.pub.output_message = onOutput;
+  err.truncated = false;
+  if (setjmp(err.jump)) {
+    jpeg_destroy_decompress(&cinfo);
+    return false;
+  }
+  jpeg_create_decompress(&cinfo);
+  jpeg_mem_src(&cinfo, job.data, job.size);
+  jpeg_save_markers(&cinfo, JPEG_APP0 + 1, 0xFFFF);
+  if (!job.headerOnly) jpeg_save_markers(&cinfo, JPEG_APP0 + 2, 0xFFFF);
+  if (jpeg_read_header(&cinfo, TRUE) != JPEG_HEADER_OK) {
+    jpeg_destroy_decompress(&cinfo);
+    return false;
+  }
+  job.width = int(cinfo.image_width);
+  job.height = int(cinfo.image_height);
+  job.components = cinfo.num_components;
+  job.colorSpace = cinfo.jpeg_color_space;
+  job.adobe = cinfo.saw_Adobe_marker;
+  for (jpeg_saved_marker_ptr m = cinfo.marker_list; m; m = m->next)
+    if (m->marker == JPEG_APP0 + 1 && m->data_length >= 6 && std::memcmp(m->data, "Exif\0\0", 6) == 0 &&
+        job.exifFound) {
+      job.exifFound(job.context, m->data, m->data_length);
+      break;
+    }
+  bool tooLarge = uint64_t(job.width) > uint64_t(kMaxDimension) || uint64_t(job.height) > uint64_t(kMaxDimension) ||
+                  uint64_t(job.width) * uint64_t(job.height) > kMaxPixels;
+  if (job.headerOnly || tooLarge) {
+    jpeg_destroy_decompress(&cinfo);
+    return !tooLarge;
+  }
+  jpeg_read_icc_profile(&cinfo, &job.icc, &job.iccLength);
+  switch (cinfo.jpeg_color_space) {
+    case JCS_GRAYSCALE: cinfo.out_color_space = JCS_GRAYSCALE; break;
+    case JCS_CMYK: case JCS_YCCK: cinfo.out_color_space = JCS_CMYK; break;
+    default: cinfo.out_color_space = JCS_EXT_RGBA; break;
+  }
+  chooseScale(job);
+  cinfo.scale_num = unsigned(job.numerator);
+  cinfo.scale_denom = unsigned(job.denominator);
+  jpeg_start_decompress(&cinfo);
+  job.outWidth = int(cinfo.output_width);
+  job.outHeight = int(cinfo.output_height);
+  job.outComponents = cinfo.output_components;
+  uint8_t* pixels = job.allocate(job.context, job);
+  if (!pixels) {
+    jpeg_destroy_decompress(&cinfo);
+    return false;
+  }
+  size_t stride = size_t(job.outWidth) * size_t(job.outComponents);
+  while (cinfo.output_scanline < cinfo.output_height) {
+    JSAMPROW row = pixels + size_t(cinfo.output_scanline) * stride;
+    jpeg_read_scanlines(&cinfo, &row, 1);
+    if (err.truncated) break;
+  }
+  if (!err.truncated) jpeg_finish_decompress(&cinfo);
+  jpeg_destroy_decompress(&cinfo);
+  return !err.truncated;
+}
+
+JpegJob makeJob(Input bytes, bool headerOnly) {
+  JpegJob job{};
+  job.data = bytes.data();
+  job.size = static_cast<unsigned long>(bytes.size());
+  job.headerOnly = headerOnly;
+  return job;
+}
+
+template <auto Fn>
+struct CDeleter {
+  template <class T>
+  void operator()(T* p) const noexcept {
+    if (p) Fn(p);
+  }
+};
+using MallocPtr = std::unique_ptr<JOCTET, CDeleter<std::free>>;
+
+}  // namespace
+
+std::optional<Properties> jpegProperties(Input bytes) {
+  if (bytes.size() < 4) return std::nullopt;
+  JpegJob job = makeJob(bytes, true);
+  std::optional<int> orientation;
+  job.context = &orientation;
+  job.exifFound = [](void* context, const uint8_t* data, size_t size) noexcept {
+    try {
+      *static_cast<std::optional<int>*>(context) = Exif::orientation({data, size});
+    } catch (...) {
+    }
+  };
+  if (!decodeWithLibjpeg(job) || job.width <= 0 || job.height <= 0) return std::nullopt;
+  return Properties{job.width, job.height, orientation, 1};
+}
+
+DecodedImage decodeJpeg(Input bytes, int minLongSide) {
+  if (bytes.size() < 4) fail("jpeg_read_header: too short");
+  JpegJob job = makeJob(bytes, false);
+  job.minLongSide = minLongSide;
+  job.factors = tjGetScalingFactors(&job.factorCount);
+  DecodedImage image;
+  job.context = &image;
+  job.allocate = [](void* context, const JpegJob& j) noexcept -> uint8_t* {
+    try {
+      auto* out = static_cast<DecodedImage*>(context);
+      *out = allocateImage(j.outWidth, j.outHeight, 8, AlphaInfo::none);
+      return out->pixels8.data();
+    } catch (...) {
+      return nullptr;
+    }
+  };
+  bool ok = decodeWithLibjpeg(job);
+  MallocPtr iccOwner(job.icc);
+  if (!ok) fail("libjpeg: damaged or truncated JPEG");
+  std::vector<uint8_t> icc(job.icc, job.icc + (job.icc ? job.iccLength : 0));
+  if (job.outComponents == 1) {
+    ColorConvert::expandGreyInPlace(image, 1, &icc);
+  } else if (job.outComponents == 4 && (job.colorSpace == JCS_CMYK || job.colorSpace == JCS_YCCK)) {
+    ColorConvert::cmykToRGBInPlace(image, job.adobe, &icc);
+  } else if (job.outComponents == 4) {
+    image.colorSpace = ColorConvert::rgbSpace(std::move(icc));
+  } else {
+    fail("libjpeg: unsupported number of components");
+  }
+  return image;
+}
+
+}  // namespace quillane::codecs

@@ -1,0 +1,57 @@
+#pragma once
+// One reader per codec library, behind ImageService. Internal to the engine.
+//
+// Every reader has the same shape: a header probe that never decodes pixels, and a decoder of
+// the first frame. Decoders return the picture as stored (not turned), at its own depth (8 or
+// 16 bits), with alpha and colour space; grey and CMYK sources arrive converted to RGB. They
+// check kMaxPixels and kMaxDimension against the header before allocating, throw only
+// ImageProcessingError::decodingFailed, and never print anything. Library objects live for one
+// call. Any thread.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "engine/DecodedImage.h"
+#include "engine/ImageService.h"
+
+namespace quillane::codecs {
+
+using ImageService::Properties;
+using Input = std::span<const uint8_t>;
+
+// Throws ImageProcessingError::decodingFailed naming the failing call.
+[[noreturn]] void fail(const char* what);
+// Throws when a stored size is zero or beyond kMaxDimension / kMaxPixels.
+void checkSize(uint64_t width, uint64_t height);
+// A zeroed 8- or 16-bit RGBA image of the given size, alpha samples at their maximum.
+DecodedImage allocateImage(int width, int height, int bitsPerComponent, AlphaInfo alpha);
+
+std::optional<Properties> jpegProperties(Input bytes);
+// `minLongSide` 0 decodes at full size; otherwise at the smallest DCT scale whose longer side
+// is still at least `minLongSide` (or 1/8, the smallest scale).
+DecodedImage decodeJpeg(Input bytes, int minLongSide = 0);
+
+std::optional<Properties> pngProperties(Input bytes);
+DecodedImage decodePng(Input bytes);
+
+std::optional<Properties> webpProperties(Input bytes);
+DecodedImage decodeWebp(Input bytes);
+
+// HEIF reports no orientation: libheif applies irot/imir itself, and the size it reports is
+// the turned one.
+std::optional<Properties> heifProperties(Input bytes);
+DecodedImage decodeHeif(Input bytes);
+
+// libavif never turns pixels: irot/imir are reported as the equivalent EXIF orientation.
+std::optional<Properties> avifProperties(Input bytes);
+DecodedImage decodeAvif(Input bytes);
+
+std::optional<Properties> jxlProperties(Input bytes);
+DecodedImage decodeJxl(Input bytes);
+
+// The EXIF orientation equivalent to HEIF's irot (anticlockwise quarter turns, 0...3) followed
+// by imir (mode 0: top and bottom exchanged, 1: left and right exchanged, -1: none).
+int orientationFromRotationMirror(int quarterTurnsAnticlockwise, int mirrorMode);
+
+}  // namespace quillane::codecs
