@@ -1,0 +1,60 @@
+#include "records/ExportRecord.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include "records/JSONFileStore.h"
+#include "records/JsonForms.h"
+
+namespace quillane::ExportHistory {
+
+bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& record) {
+  for (const auto& other : history) {
+    if (other.id != record.id && other.destinationURL == record.destinationURL && other.date > record.date) {
+      return true;
+    }
+  }
+  return false;
+}
+
+JsonValue toJson(const ExportRecord& record) {
+  JsonValue object = JsonValue::object();
+  object.set("id", JsonForms::uuid(record.id));
+  object.set("sourceDisplayName", JsonForms::string(record.sourceDisplayName));
+  object.set("destinationURL", JsonForms::fileURL(record.destinationURL));
+  object.set("format", JsonForms::format(record.format));
+  object.set("sizeBytes", JsonForms::integer(record.sizeBytes));
+  object.set("date", JsonForms::date(record.date));
+  return object;
+}
+
+JsonValue toJson(const ExportRecordList& history) {
+  JsonValue array = JsonValue::array();
+  for (const auto& r : history) array.push(toJson(r));
+  return array;
+}
+
+ExportRecord fromJson(const QJsonObject& object) {
+  ExportRecord record;
+  record.id = JsonForms::requireUUID(object, QStringLiteral("id"));
+  record.sourceDisplayName = JsonForms::requireString(object, QStringLiteral("sourceDisplayName"));
+  record.destinationURL = JsonForms::requireFileURL(object, QStringLiteral("destinationURL"));
+  record.format = JsonForms::requireFormat(object, QStringLiteral("format"));
+  record.sizeBytes = JsonForms::requireInteger(object, QStringLiteral("sizeBytes"));
+  record.date = JsonForms::requireDate(object, QStringLiteral("date"));
+  return record;
+}
+
+std::optional<ExportRecordList> listFromJson(const QJsonDocument& document) {
+  return JsonForms::decodeArray<ExportRecord>(document, &fromJson);
+}
+
+ExportRecordList load() {
+  const auto document = JSONFileStore::load(QString::fromLatin1(fileName));
+  if (!document) return {};
+  return listFromJson(*document).value_or(ExportRecordList{});
+}
+
+void save(const ExportRecordList& history) { JSONFileStore::save(toJson(history), QString::fromLatin1(fileName)); }
+
+}  // namespace quillane::ExportHistory

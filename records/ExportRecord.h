@@ -1,0 +1,54 @@
+#pragma once
+// ExportRecord: one file written by an export of the batch, kept in exportHistory.json,
+// newest first, so that the user can see where it went and take it back. The history list
+// belongs to BatchViewModel (GUI thread), which saves it after each change.
+
+#include <QDateTime>
+#include <QString>
+#include <QUuid>
+
+#include <optional>
+#include <vector>
+
+#include "engine/ImageFormat.h"
+#include "engine/Json.h"
+
+class QJsonDocument;
+class QJsonObject;
+
+namespace quillane {
+
+struct ExportRecord {
+  QUuid id;
+  QString sourceDisplayName;  // last path component of the source, extension included
+  QString destinationURL;     // the written file as a local path; a file URL in JSON
+  ImageFormat format = ImageFormat::jpeg;
+  qint64 sizeBytes = 0;
+  QDateTime date;
+
+  bool operator==(const ExportRecord&) const = default;
+};
+
+using ExportRecordList = std::vector<ExportRecord>;
+
+namespace ExportHistory {
+
+inline constexpr char fileName[] = "exportHistory.json";
+
+// True when another entry (another id) has the same destination and a strictly later
+// date: a newer export overwrote the file, which is no longer this record's.
+bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& record);
+
+// JSON coding; every field is required. fromJson() throws JsonForms::DecodingError.
+JsonValue toJson(const ExportRecord& record);
+JsonValue toJson(const ExportRecordList& history);
+ExportRecord fromJson(const QJsonObject& object);
+std::optional<ExportRecordList> listFromJson(const QJsonDocument& document);
+
+// exportHistory.json in the store's folder: empty when missing or damaged.
+ExportRecordList load();
+// Rewrites exportHistory.json; silent on failure.
+void save(const ExportRecordList& history);
+
+}  // namespace ExportHistory
+}  // namespace quillane

@@ -1,0 +1,71 @@
+#include "records/JSONFileStore.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonParseError>
+#include <QSaveFile>
+#include <QStandardPaths>
+
+#include <mutex>
+
+namespace quillane::JSONFileStore {
+
+namespace {
+
+std::mutex overrideMutex;
+std::optional<QString> folderOverride;
+
+const QString& realFolder() {
+  static const QString folder =
+      QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + QStringLiteral("/Quillane");
+  return folder;
+}
+
+}  // namespace
+
+QString folder() {
+  {
+    std::lock_guard lock(overrideMutex);
+    if (folderOverride) return *folderOverride;
+  }
+  return realFolder();
+}
+
+void setFolderForTesting(const QString& folder) {
+  std::lock_guard lock(overrideMutex);
+  if (folder.isEmpty()) {
+    folderOverride.reset();
+  } else {
+    folderOverride = folder;
+  }
+}
+
+QString path(const QString& filename) { return folder() + QLatin1Char('/') + filename; }
+
+void save(const JsonValue& value, const QString& filename) {
+  const std::string text = value.write();
+  const QString dir = folder();
+  // A failure here shows up as a failed open below, which is dropped like any other.
+  QDir().mkpath(dir);
+  QSaveFile file(dir + QLatin1Char('/') + filename);
+  if (!file.open(QIODevice::WriteOnly)) return;
+  if (file.write(text.data(), qint64(text.size())) != qint64(text.size())) {
+    file.cancelWriting();
+    return;
+  }
+  file.commit();  // on failure QSaveFile removes its temporary file and leaves the target alone
+}
+
+std::optional<QJsonDocument> load(const QString& filename) {
+  QFile file(path(filename));
+  if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
+  const QByteArray bytes = file.readAll();
+  if (file.error() != QFileDevice::NoError) return std::nullopt;
+  QJsonParseError error;
+  QJsonDocument document = QJsonDocument::fromJson(bytes, &error);
+  if (error.error != QJsonParseError::NoError || document.isNull()) return std::nullopt;
+  return document;
+}
+
+}  // namespace quillane::JSONFileStore

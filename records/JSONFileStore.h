@@ -1,0 +1,39 @@
+#pragma once
+// JSONFileStore: the folder of the application's small state files, and whole-file atomic
+// JSON writes into it. Every state file holds one JSON document (a list or a map) that is
+// rewritten completely at each change; there is no journal and no versioning.
+//
+// Any thread. Saves are synchronous on the caller's thread. Nothing here reports a failure:
+// a failed save keeps the previous file, and a missing or unreadable file reads as nothing,
+// which callers treat as their empty value.
+
+#include <QString>
+
+#include <optional>
+
+#include "engine/Json.h"
+
+class QJsonDocument;
+
+namespace quillane::JSONFileStore {
+
+// $XDG_DATA_HOME/Quillane (GenericDataLocation + "/Quillane"), computed once per process.
+QString folder();
+
+// Test seam: makes folder() answer `folder` until called again; an empty string restores
+// the real folder. Call it before any other thread uses the store.
+void setFolderForTesting(const QString& folder);
+
+// folder() + "/" + filename.
+QString path(const QString& filename);
+
+// Writes `value` (compact, keys in insertion order) to folder()/filename through a
+// temporary file renamed over the target, creating the folder first. Silent on every
+// failure; a reader sees the old file or the new one, never part of one.
+void save(const JsonValue& value, const QString& filename);
+
+// The parsed document of folder()/filename; nothing when the file is missing, unreadable
+// or not valid JSON. (Include <QJsonDocument> to call it.)
+std::optional<QJsonDocument> load(const QString& filename);
+
+}  // namespace quillane::JSONFileStore

@@ -1,0 +1,151 @@
+#include "records/JsonForms.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QJsonValue>
+#include <QUrl>
+
+#include <cmath>
+
+namespace quillane::JsonForms {
+
+namespace {
+
+// 2001-01-01T00:00:00Z in milliseconds since 1970.
+constexpr qint64 referenceDateMSecs = 978307200000LL;
+
+[[noreturn]] void fail(const QString& key, const char* what) {
+  throw DecodingError(key.toStdString() + ": " + what);
+}
+
+// The value of a required key: present and not null.
+QJsonValue required(const QJsonObject& object, const QString& key) {
+  const QJsonValue value = object.value(key);
+  if (value.isUndefined() || value.isNull()) fail(key, "missing");
+  return value;
+}
+
+bool isCanonicalUUID(const QString& text) {
+  if (text.size() != 36) return false;
+  for (int i = 0; i < 36; ++i) {
+    const QChar c = text[i];
+    if (i == 8 || i == 13 || i == 18 || i == 23) {
+      if (c != QLatin1Char('-')) return false;
+    } else if (!std::isxdigit(c.unicode() < 128 ? int(c.unicode()) : 0)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+QString localPathFromURLText(const QString& key, const QString& text) {
+  const QUrl url(text, QUrl::StrictMode);
+  if (url.isValid() && url.isLocalFile()) return url.toLocalFile();
+  if (text.startsWith(QLatin1Char('/'))) return text;
+  fail(key, "not a file URL");
+}
+
+}  // namespace
+
+QString uuidText(const QUuid& id) { return id.toString(QUuid::WithoutBraces).toUpper(); }
+
+QString fileURLText(const QString& localPath) {
+  return QUrl::fromLocalFile(localPath).toString(QUrl::FullyEncoded);
+}
+
+double secondsSince2001(const QDateTime& when) {
+  return double(when.toMSecsSinceEpoch() - referenceDateMSecs) / 1000.0;
+}
+
+QDateTime dateFromSecondsSince2001(double seconds) {
+  return QDateTime::fromMSecsSinceEpoch(std::llround(seconds * 1000.0) + referenceDateMSecs, Qt::UTC);
+}
+
+JsonValue string(const QString& text) { return JsonValue(text.toStdString()); }
+JsonValue uuid(const QUuid& id) { return string(uuidText(id)); }
+JsonValue fileURL(const QString& localPath) { return string(fileURLText(localPath)); }
+JsonValue date(const QDateTime& when) { return JsonValue(secondsSince2001(when)); }
+JsonValue format(ImageFormat format) { return JsonValue(ImageFormats::rawValue(format)); }
+JsonValue integer(qint64 value) { return JsonValue(int64_t(value)); }
+
+QString requireString(const QJsonObject& object, const QString& key) {
+  const QJsonValue value = required(object, key);
+  if (!value.isString()) fail(key, "not a string");
+  return value.toString();
+}
+
+std::optional<QString> optionalString(const QJsonObject& object, const QString& key) {
+  const QJsonValue value = object.value(key);
+  if (value.isUndefined() || value.isNull()) return std::nullopt;
+  if (!value.isString()) fail(key, "not a string");
+  return value.toString();
+}
+
+double requireDouble(const QJsonObject& object, const QString& key) {
+  const QJsonValue value = required(object, key);
+  if (!value.isDouble()) fail(key, "not a number");
+  return value.toDouble();
+}
+
+qint64 requireInteger(const QJsonObject& object, const QString& key) {
+  const QJsonValue value = required(object, key);
+  if (!value.isDouble()) fail(key, "not a number");
+  // toInteger() gives its default for fractions and out-of-range values; two different
+  // defaults tell that apart from a stored 0 or 1.
+  const qint64 a = value.toInteger(0);
+  const qint64 b = value.toInteger(1);
+  if (a != b) fail(key, "not a whole number");
+  return a;
+}
+
+std::optional<bool> optionalBool(const QJsonObject& object, const QString& key) {
+  const QJsonValue value = object.value(key);
+  if (value.isUndefined() || value.isNull()) return std::nullopt;
+  if (!value.isBool()) fail(key, "not a Boolean");
+  return value.toBool();
+}
+
+QUuid requireUUID(const QJsonObject& object, const QString& key) {
+  const QString text = requireString(object, key);
+  if (!isCanonicalUUID(text)) fail(key, "not a UUID");
+  return QUuid::fromString(text);
+}
+
+ImageFormat requireFormat(const QJsonObject& object, const QString& key) {
+  const auto format = ImageFormats::fromRawValue(requireString(object, key).toStdString());
+  if (!format) fail(key, "not a format");
+  return *format;
+}
+
+QDateTime requireDate(const QJsonObject& object, const QString& key) {
+  const double seconds = requireDouble(object, key);
+  // Beyond a few hundred thousand years the millisecond count would overflow.
+  if (!std::isfinite(seconds) || std::fabs(seconds) > 1e13) fail(key, "date out of range");
+  return dateFromSecondsSince2001(seconds);
+}
+
+QString requireFileURL(const QJsonObject& object, const QString& key) {
+  return localPathFromURLText(key, requireString(object, key));
+}
+
+std::optional<QString> optionalFileURL(const QJsonObject& object, const QString& key) {
+  const auto text = optionalString(object, key);
+  if (!text) return std::nullopt;
+  return localPathFromURLText(key, *text);
+}
+
+bool forEachObject(const QJsonDocument& document, const std::function<void(const QJsonObject&)>& each) {
+  if (!document.isArray()) return false;
+  try {
+    for (const QJsonValue& element : document.array()) {
+      if (!element.isObject()) return false;
+      each(element.toObject());
+    }
+  } catch (const DecodingError&) {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace quillane::JsonForms
