@@ -1,0 +1,246 @@
+#include "api/LocalAPIConnection.h"
+
+#include <QHostAddress>
+#include <QSocketNotifier>
+
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace quillane {
+
+namespace {
+
+// After the response, unread bytes the client is still sending are drained for at most
+// this long before the socket is closed: closing with unread data would send a reset,
+// which can make the client lose the response it has not read yet.
+constexpr int lingerMilliseconds = 2000;
+// Receives per readiness event, so that one fast sender can't starve the others.
+constexpr int receivesPerEvent = 16;
+
+char* receiveBuffer() {
+  // One buffer for the whole server thread: every connection runs there, one at a time.
+  thread_local char buffer[LocalAPIRequestReader::maxChunk];
+  return buffer;
+}
+
+std::string timeoutMessage(double seconds) {
+  // The budget truncated to whole seconds, as the client configured it.
+  double whole = std::trunc(seconds);
+  long long n = std::isfinite(whole) ? (long long)std::clamp(whole, -9.0e18, 9.0e18) : 0;
+  return "Request not received within " + std::to_string(n) + "s";
+}
+
+}  // namespace
+
+LocalAPIConnection::LocalAPIConnection(int descriptor, std::shared_ptr<LocalAPIServer::Shared> server,
+                                       QObject* parent)
+    : QObject(parent), fd_(descriptor), server_(std::move(server)) {}
+
+LocalAPIConnection::~LocalAPIConnection() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void LocalAPIConnection::begin() {
+  int flags = ::fcntl(fd_, F_GETFL);
+  if (flags < 0 || ::fcntl(fd_, F_SETFL, flags | O_NONBLOCK) < 0) {
+    closeNow();
+    return;
+  }
+  readNotifier_ = new QSocketNotifier(fd_, QSocketNotifier::Read, this);
+  writeNotifier_ = new QSocketNotifier(fd_, QSocketNotifier::Write, this);
+  writeNotifier_->setEnabled(false);
+  connect(readNotifier_, &QSocketNotifier::activated, this, &LocalAPIConnection::onReadable);
+  connect(writeNotifier_, &QSocketNotifier::activated, this, &LocalAPIConnection::onWritable);
+
+  double seconds = server_->requestReadTimeoutSeconds;
+  if (!(seconds > 0)) {
+    // No budget at all: the request ends before the first read.
+    onDeadline();
+    return;
+  }
+  deadline_.setSingleShot(true);
+  deadline_.setTimerType(Qt::PreciseTimer);
+  connect(&deadline_, &QTimer::timeout, this, &LocalAPIConnection::onDeadline);
+  deadline_.start(int(std::min(std::ceil(seconds * 1000.0), double(INT_MAX))));
+}
+
+void LocalAPIConnection::onReadable() {
+  if (phase_ == Phase::lingering) {
+    drain();
+    return;
+  }
+  if (phase_ != Phase::reading) return;
+  char* buffer = receiveBuffer();
+  for (int i = 0; i < receivesPerEvent; ++i) {
+    ssize_t n = ::recv(fd_, buffer, LocalAPIRequestReader::maxChunk, 0);
+    if (n > 0) {
+      auto outcome = reader_.receive(std::string_view(buffer, size_t(n)));
+      if (outcome != LocalAPIRequestReader::Outcome::needMore) {
+        settle(outcome);
+        return;
+      }
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+    // End of stream or a failed connection, with no bytes.
+    settle(reader_.end());
+    return;
+  }
+}
+
+void LocalAPIConnection::onDeadline() {
+  if (phase_ != Phase::reading) return;
+  respond(LocalAPIResponse::error(408, timeoutMessage(server_->requestReadTimeoutSeconds)));
+}
+
+void LocalAPIConnection::settle(LocalAPIRequestReader::Outcome outcome) {
+  using Outcome = LocalAPIRequestReader::Outcome;
+  switch (outcome) {
+    case Outcome::needMore:
+      return;
+    case Outcome::malformed:
+      respond(LocalAPIResponse::error(400, "Malformed request"));
+      return;
+    case Outcome::payloadTooLarge:
+      respond(LocalAPIResponse::error(
+          413, "Request body exceeds " + std::to_string(LocalAPIRequestReader::bodyLimit) + " bytes"));
+      return;
+    case Outcome::request:
+      break;
+  }
+  phase_ = Phase::routing;
+  deadline_.stop();
+  readNotifier_->setEnabled(false);
+  QFuture<LocalAPIResponse> future;
+  try {
+    future = server_->router(reader_.takeRequest());
+  } catch (...) {
+    // The router answers every request itself; this only keeps the thread alive.
+    closeNow();
+    return;
+  }
+  future.then(this, [this](const LocalAPIResponse& response) { respond(response); })
+      .onCanceled(this, [this] { closeNow(); });
+}
+
+void LocalAPIConnection::respond(const LocalAPIResponse& response) {
+  if (phase_ == Phase::writing || phase_ == Phase::lingering || phase_ == Phase::closed) return;
+  phase_ = Phase::writing;
+  deadline_.stop();
+  readNotifier_->setEnabled(false);
+  out_ = response.serialize();
+  written_ = 0;
+  flush();
+}
+
+void LocalAPIConnection::onWritable() {
+  if (phase_ == Phase::writing) flush();
+}
+
+void LocalAPIConnection::flush() {
+  while (written_ < out_.size()) {
+    ssize_t n = ::send(fd_, out_.data() + written_, out_.size() - written_, MSG_NOSIGNAL);
+    if (n > 0) {
+      written_ += size_t(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      writeNotifier_->setEnabled(true);
+      return;
+    }
+    break;  // the peer is gone: the send's failure is ignored
+  }
+  writeNotifier_->setEnabled(false);
+  out_.clear();
+  linger();
+}
+
+void LocalAPIConnection::linger() {
+  phase_ = Phase::lingering;
+  if (::shutdown(fd_, SHUT_WR) < 0) {
+    closeNow();
+    return;
+  }
+  lingerTimer_.setSingleShot(true);
+  connect(&lingerTimer_, &QTimer::timeout, this, &LocalAPIConnection::closeNow);
+  lingerTimer_.start(lingerMilliseconds);
+  readNotifier_->setEnabled(true);
+  drain();
+}
+
+void LocalAPIConnection::drain() {
+  char* buffer = receiveBuffer();
+  for (int i = 0; i < receivesPerEvent; ++i) {
+    ssize_t n = ::recv(fd_, buffer, LocalAPIRequestReader::maxChunk, 0);
+    if (n > 0) continue;
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+    closeNow();
+    return;
+  }
+}
+
+void LocalAPIConnection::closeNow() {
+  if (phase_ == Phase::closed) return;
+  phase_ = Phase::closed;
+  deadline_.stop();
+  lingerTimer_.stop();
+  // Disabled before the descriptor is closed, so that a later socket reusing the number
+  // isn't watched by a stale notifier.
+  if (readNotifier_) readNotifier_->setEnabled(false);
+  if (writeNotifier_) writeNotifier_->setEnabled(false);
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+  server_.reset();
+  deleteLater();
+}
+
+LocalAPIListener::LocalAPIListener(std::weak_ptr<LocalAPIServer::Shared> server,
+                                   std::weak_ptr<LocalAPIServer::StateHandler> stateHandler)
+    : server_(std::move(server)), stateHandler_(std::move(stateHandler)) {
+  // Out of descriptors: stop accepting for a moment rather than spin on a listening
+  // socket that stays readable. Waiting clients stay in the backlog until then.
+  connect(this, &QTcpServer::acceptError, this, [this] {
+    pauseAccepting();
+    QTimer::singleShot(100, this, [this] { resumeAccepting(); });
+  });
+}
+
+void LocalAPIListener::begin(quint16 port) {
+  setListenBacklogSize(1024);
+  // QTcpServer sets SO_REUSEADDR on Unix, so a port left in TIME_WAIT can be bound again.
+  if (listen(QHostAddress(QHostAddress::LocalHost), port)) {
+    report({LocalAPIListenerState::Kind::ready, {}, int(serverPort())});
+  } else {
+    report({LocalAPIListenerState::Kind::failed, errorString().toStdString(), 0});
+  }
+}
+
+void LocalAPIListener::cancel() {
+  bool wasListening = isListening();
+  close();
+  if (wasListening) report({LocalAPIListenerState::Kind::cancelled, {}, 0});
+  deleteLater();
+}
+
+void LocalAPIListener::incomingConnection(qintptr descriptor) {
+  auto server = server_.lock();
+  if (!server) {
+    ::close(int(descriptor));
+    return;
+  }
+  auto* connection = new LocalAPIConnection(int(descriptor), std::move(server), localAPIConnectionRoot());
+  connection->begin();
+}
+
+void LocalAPIListener::report(const LocalAPIListenerState& state) {
+  if (auto handler = stateHandler_.lock(); handler && *handler) (*handler)(state);
+}
+
+}  // namespace quillane

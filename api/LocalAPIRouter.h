@@ -1,0 +1,69 @@
+#pragma once
+// Turns one LocalAPIRequest into one LocalAPIResponse: checks the bearer token, matches
+// method and path against the fixed routes under "/v1", decodes the JSON body, drives the
+// application's BatchViewModel exactly as the window's controls do, and encodes the answer.
+// The API has no state of its own: what a client does, the user sees in the window.
+//
+// Built once by LocalAPIController and kept across server restarts. GUI thread only; the
+// server reaches it through serverRouter(), which hops to the GUI thread first. Handlers
+// that wait (import, the two exports) give the GUI thread up while they wait.
+
+#include <QObject>
+#include <QString>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "api/LocalAPIRequest.h"
+#include "api/LocalAPIServer.h"
+
+namespace quillane {
+
+class BatchViewModel;
+struct ExportProfile;
+
+class LocalAPIRouter : public QObject {
+  Q_OBJECT
+
+ public:
+  // Called exactly once with the answer, on the GUI thread. Dropping it unanswered (the
+  // router went away during a wait) cancels the response.
+  using Reply = std::function<void(LocalAPIResponse)>;
+
+  explicit LocalAPIRouter(BatchViewModel& viewModel, QObject* parent = nullptr);
+
+  // GUI thread. Every outcome is a response; none is an exception.
+  void handle(LocalAPIRequest request, Reply reply);
+  // The function to give LocalAPIServer: callable on any thread, it moves the request to
+  // the GUI thread and answers through a future. Holds the router weakly.
+  LocalAPIServer::Router serverRouter();
+
+  // "Bearer " + token, compared in constant time over equal lengths. `token` is read anew
+  // for every request, so a regenerated token takes effect at once.
+  static bool authorize(const LocalAPIRequest& request, const QString& token);
+
+ private:
+  void route(const LocalAPIRequest& request, const std::vector<std::string>& segments, Reply& reply);
+
+  LocalAPIResponse status() const;
+  LocalAPIResponse imagesList() const;
+  void importFiles(const LocalAPIRequest& request, Reply reply);
+  LocalAPIResponse updateSettings(const LocalAPIRequest& request);
+  void exportAll(const LocalAPIRequest& request, Reply reply);
+  LocalAPIResponse clearAll();
+  LocalAPIResponse profilesList() const;
+  LocalAPIResponse upsertProfile(const LocalAPIRequest& request);
+  LocalAPIResponse deleteProfile(const std::string& segment);
+  LocalAPIResponse updateQuality(const std::string& idSegment, const LocalAPIRequest& request);
+  void exportSingleImage(const std::string& idSegment, const LocalAPIRequest& request, Reply reply);
+  LocalAPIResponse removeImage(const std::string& idSegment);
+
+  // First profile whose name equals `name` ignoring case.
+  const ExportProfile* findProfile(const QString& name) const;
+
+  BatchViewModel& viewModel_;
+};
+
+}  // namespace quillane

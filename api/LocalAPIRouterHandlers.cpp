@@ -1,0 +1,269 @@
+// The handlers of LocalAPIRouter that read a body or wait for the batch.
+#include <QDir>
+#include <QFileInfo>
+#include <QFutureWatcher>
+
+#include <memory>
+#include <set>
+
+#include "api/LocalAPIDTOs.h"
+#include "api/LocalAPIRequestReader.h"
+#include "api/LocalAPIRouter.h"
+#include "batch/BatchViewModel.h"
+#include "engine/Json.h"
+#include "records/ExportProfile.h"
+
+namespace quillane {
+
+namespace {
+
+using namespace LocalAPIDTOs;
+
+constexpr double defaultWaitTimeoutSeconds = 30.0;
+
+LocalAPIResponse badBody(std::string_view expected) {
+  return LocalAPIResponse::error(400, "Expected JSON body: " + std::string(expected));
+}
+
+LocalAPIResponse qualityOutOfRange() { return LocalAPIResponse::error(400, "quality must be between 1 and 100"); }
+
+LocalAPIResponse noProfile(const QString& name) {
+  return LocalAPIResponse::error(404, "No profile named '" + name.toStdString() + "'");
+}
+
+LocalAPIResponse noImage(const std::string& segment) {
+  return LocalAPIResponse::error(404, "No image with id '" + segment + "'");
+}
+
+bool inQualityRange(double quality) { return quality >= 1.0 && quality <= 100.0; }
+
+bool isDirectory(const QString& path) { return !path.isEmpty() && QFileInfo(path).isDir(); }
+
+QString absolutePath(const QString& path) { return QDir::cleanPath(QFileInfo(path).absoluteFilePath()); }
+
+QUrl fileURL(const QString& path) { return QUrl::fromLocalFile(absolutePath(path)); }
+
+// Runs `continuation` on the GUI thread once `future` has finished, however it finished.
+void whenFinished(QObject* context, QFuture<void> future, std::function<void()> continuation) {
+  auto* watcher = new QFutureWatcher<void>(context);
+  QObject::connect(watcher, &QFutureWatcherBase::finished, context, [watcher, continuation = std::move(continuation)] {
+    watcher->deleteLater();
+    continuation();
+  });
+  watcher->setFuture(future);
+}
+
+struct ExportBody {
+  std::optional<QString> folder, path, profile;
+  std::optional<double> waitTimeoutSeconds;
+};
+
+std::optional<ExportBody> decodeExportBody(const std::string& body) {
+  auto object = parseObject(body);
+  if (!object) return std::nullopt;
+  ExportBody dto;
+  if (!optionalString(*object, "folder", dto.folder) || !optionalString(*object, "path", dto.path) ||
+      !optionalString(*object, "profile", dto.profile) ||
+      !optionalDouble(*object, "waitTimeoutSeconds", dto.waitTimeoutSeconds)) {
+    return std::nullopt;
+  }
+  return dto;
+}
+
+}  // namespace
+
+void LocalAPIRouter::importFiles(const LocalAPIRequest& request, Reply reply) {
+  auto object = parseObject(request.body);
+  QStringList paths;
+  if (!object || !requiredStringArray(*object, "paths", paths)) {
+    reply(badBody("{\"paths\": [String]}"));
+    return;
+  }
+  std::set<QUuid> imagesBefore;
+  for (const auto& image : viewModel_.images()) imagesBefore.insert(image->id());
+
+  auto failed = std::make_shared<JsonValue>(JsonValue::array());
+  QList<QUrl> urls;
+  for (const QString& path : paths) {
+    // A folder passes this test and fails inspection like any unreadable file.
+    if (!path.isEmpty() && QFileInfo::exists(path)) {
+      urls.push_back(fileURL(path));
+    } else {
+      failed->push(JsonValue::object().set("error", "File not found").set("path", path.toStdString()));
+    }
+  }
+  std::set<QUuid> failuresBefore;
+  for (const ImportFailure& failure : viewModel_.importFailures()) failuresBefore.insert(failure.id);
+  QSet<QUrl> importing(urls.begin(), urls.end());
+
+  whenFinished(this, viewModel_.importFiles(urls), [this, imagesBefore, failuresBefore, importing, failed, reply] {
+    // Images that arrived through another door during the wait are listed too.
+    JsonValue imported = JsonValue::array();
+    for (const auto& image : viewModel_.images()) {
+      if (!imagesBefore.count(image->id())) imported.push(idText(image->id()));
+    }
+    for (const ImportFailure& failure : viewModel_.importFailures()) {
+      if (failuresBefore.count(failure.id) || !importing.contains(failure.url)) continue;
+      failed->push(JsonValue::object()
+                       .set("error", failure.message.toStdString())
+                       .set("path", failure.url.toLocalFile().toStdString()));
+    }
+    reply(LocalAPIResponse::json(200, JsonValue::object().set("failed", *failed).set("imported", imported)));
+  });
+}
+
+LocalAPIResponse LocalAPIRouter::updateSettings(const LocalAPIRequest& request) {
+  auto object = parseObject(request.body);
+  std::optional<double> quality;
+  std::optional<QString> format, profile;
+  if (!object || !optionalDouble(*object, "quality", quality) || !optionalString(*object, "format", format) ||
+      !optionalString(*object, "profile", profile)) {
+    return badBody("{\"quality\": Double?, \"format\": String?, \"profile\": String?}");
+  }
+  // Profile, quality, format, in this order whatever the body's order; nothing is undone
+  // when a later step refuses.
+  if (profile) {
+    const ExportProfile* found = findProfile(*profile);
+    if (!found) return noProfile(*profile);
+    viewModel_.applyExportProfile(*found);
+  }
+  if (quality) {
+    if (!inQualityRange(*quality)) return qualityOutOfRange();
+    viewModel_.setQuality(*quality);
+  }
+  if (format) {
+    auto parsed = ImageFormats::fromRawValue(format->toStdString());
+    if (!parsed) return LocalAPIResponse::error(400, unknownFormatMessage(*format));
+    viewModel_.setOutputFormat(*parsed);
+  }
+  return status();
+}
+
+void LocalAPIRouter::exportAll(const LocalAPIRequest& request, Reply reply) {
+  const char* expected = "{\"folder\": String, \"waitTimeoutSeconds\": Double?, \"profile\": String?}";
+  auto body = decodeExportBody(request.body);
+  if (!body) return reply(badBody(expected));
+  std::optional<QString> folder = body->folder;
+  if (body->profile) {
+    const ExportProfile* found = findProfile(*body->profile);
+    if (!found) return reply(noProfile(*body->profile));
+    // Applied before any folder check: a request refused below leaves format and quality changed.
+    ExportProfile profile = *found;
+    viewModel_.applyExportProfile(profile);
+    if (!folder) {
+      if (!profile.destinationFolder) {
+        return reply(LocalAPIResponse::error(400, "Profile '" + body->profile->toStdString() +
+                                                      "' has no destination folder \u2014 pass \"folder\" explicitly"));
+      }
+      folder = *profile.destinationFolder;
+    }
+  }
+  if (!folder) return reply(badBody(expected));
+  if (!isDirectory(*folder)) {
+    return reply(LocalAPIResponse::error(400, "folder does not exist: " + folder->toStdString()));
+  }
+  QUrl destination = fileURL(*folder);
+  double wait = body->waitTimeoutSeconds.value_or(defaultWaitTimeoutSeconds);
+  whenFinished(this, viewModel_.waitForEncodingToFinish(wait), [this, destination, reply] {
+    JsonValue results = JsonValue::array();
+    for (const ExportOutcome& outcome : viewModel_.exportAll(destination)) results.push(exportResultDTO(outcome));
+    reply(LocalAPIResponse::json(200, results));
+  });
+}
+
+LocalAPIResponse LocalAPIRouter::profilesList() const {
+  JsonValue list = JsonValue::array();
+  for (const ExportProfile& profile : viewModel_.exportProfiles()) list.push(profileDTO(profile));
+  return LocalAPIResponse::json(200, list);
+}
+
+LocalAPIResponse LocalAPIRouter::upsertProfile(const LocalAPIRequest& request) {
+  auto object = parseObject(request.body);
+  QString name, format;
+  double quality = 0;
+  std::optional<QString> destinationFolder;
+  if (!object || !requiredString(*object, "name", name) || !requiredString(*object, "format", format) ||
+      !requiredDouble(*object, "quality", quality) ||
+      !optionalString(*object, "destinationFolder", destinationFolder)) {
+    return badBody("{\"name\": String, \"format\": String, \"quality\": Double, \"destinationFolder\": String?}");
+  }
+  QString trimmed = name.trimmed();
+  if (trimmed.isEmpty()) return LocalAPIResponse::error(400, "name must not be empty");
+  auto parsedFormat = ImageFormats::fromRawValue(format.toStdString());
+  if (!parsedFormat) return LocalAPIResponse::error(400, unknownFormatMessage(format));
+  if (!inQualityRange(quality)) return qualityOutOfRange();
+  if (destinationFolder && !isDirectory(*destinationFolder)) {
+    return LocalAPIResponse::error(400, "destinationFolder does not exist: " + destinationFolder->toStdString());
+  }
+  ExportProfile profile;
+  if (const ExportProfile* existing = findProfile(trimmed)) {
+    profile.id = existing->id;
+    profile.isDefault = existing->isDefault;
+  } else {
+    profile.id = QUuid::createUuid();
+    profile.isDefault = false;
+  }
+  // A matched profile is replaced whole: no folder in the request clears the stored one.
+  profile.name = trimmed;
+  profile.format = *parsedFormat;
+  profile.quality = quality;
+  if (destinationFolder) profile.destinationFolder = absolutePath(*destinationFolder);
+  viewModel_.upsertExportProfile(profile);
+  return LocalAPIResponse::json(200, profileDTO(profile));
+}
+
+LocalAPIResponse LocalAPIRouter::deleteProfile(const std::string& segment) {
+  // The one path segment that is decoded: names may hold spaces.
+  std::string decoded = LocalAPIHTTP::percentDecode(segment).value_or(segment);
+  QString name = QString::fromStdString(decoded);
+  const ExportProfile* found = findProfile(name);
+  if (!found) return noProfile(name);
+  ExportProfile profile = *found;
+  viewModel_.deleteExportProfile(profile);
+  return LocalAPIResponse::json(200, JsonValue::object().set("removed", true));
+}
+
+LocalAPIResponse LocalAPIRouter::updateQuality(const std::string& idSegment, const LocalAPIRequest& request) {
+  auto id = parseCanonicalUUID(idSegment);
+  auto image = id ? viewModel_.image(*id) : nullptr;
+  if (!image) return noImage(idSegment);
+  auto object = parseObject(request.body);
+  std::optional<double> quality;
+  if (!object || !optionalDouble(*object, "quality", quality)) {
+    return badBody("{\"quality\": Double?} (omit/null to follow the global slider)");
+  }
+  if (quality && !inQualityRange(*quality)) return qualityOutOfRange();
+  // Schedules a debounced encode (the image reads "encoding" from here) and saves the session.
+  viewModel_.setQualityOverride(image, quality);
+  return LocalAPIResponse::json(200, imageDTO(*image));
+}
+
+void LocalAPIRouter::exportSingleImage(const std::string& idSegment, const LocalAPIRequest& request, Reply reply) {
+  auto id = parseCanonicalUUID(idSegment);
+  auto image = id ? viewModel_.image(*id) : nullptr;
+  if (!image) return reply(noImage(idSegment));
+  auto body = decodeExportBody(request.body);
+  if (!body || !body->path) return reply(badBody("{\"path\": String, \"waitTimeoutSeconds\": Double?}"));
+  QUrl destination = fileURL(*body->path);
+  double wait = body->waitTimeoutSeconds.value_or(defaultWaitTimeoutSeconds);
+  // Waits for the whole batch, not for this image alone.
+  whenFinished(this, viewModel_.waitForEncodingToFinish(wait), [this, image, destination, reply] {
+    ExportOutcome outcome{image, std::nullopt, std::nullopt};
+    if (viewModel_.exportSingle(image, destination)) {
+      outcome.destinationURL = destination;
+    } else {
+      outcome.errorDescription = image->exportError();
+    }
+    reply(LocalAPIResponse::json(200, exportResultDTO(outcome)));
+  });
+}
+
+LocalAPIResponse LocalAPIRouter::removeImage(const std::string& idSegment) {
+  auto id = parseCanonicalUUID(idSegment);
+  auto image = id ? viewModel_.image(*id) : nullptr;
+  if (!image) return noImage(idSegment);
+  viewModel_.removeImage(image);
+  return LocalAPIResponse::json(200, JsonValue::object().set("removed", true));
+}
+
+}  // namespace quillane

@@ -1,0 +1,90 @@
+#include "api/LocalAPISettings.h"
+
+#include <QByteArray>
+#include <QFile>
+#include <QSettings>
+
+#include <cerrno>
+#include <sys/random.h>
+#include <sys/stat.h>
+
+namespace quillane::LocalAPISettings {
+
+namespace {
+
+// Fills `length` bytes from the kernel's random source, retrying short or interrupted reads.
+bool fillRandom(char* out, size_t length) {
+  size_t filled = 0;
+  while (filled < length) {
+    ssize_t n = ::getrandom(out + filled, length - filled, 0);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    filled += size_t(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+std::unique_ptr<QSettings> store() {
+  return std::make_unique<QSettings>(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Quillane"),
+                                     QStringLiteral("Quillane"));
+}
+
+void saveSecurely(QSettings& settings) {
+  settings.sync();
+  // QSettings rewrites the file through a temporary file that keeps the mode of the file it
+  // replaces; the first write creates it with the umask's mode, so tighten it every time.
+  QByteArray path = QFile::encodeName(settings.fileName());
+  ::chmod(path.constData(), S_IRUSR | S_IWUSR);
+}
+
+bool isEnabled() { return store()->value(enabledKey, false).toBool(); }
+
+void setEnabled(bool enabled) {
+  auto settings = store();
+  settings->setValue(enabledKey, enabled);
+  saveSecurely(*settings);
+}
+
+int storedPort() { return store()->value(portKey, 0).toInt(); }
+
+int effectivePort() {
+  int port = storedPort();
+  return port == 0 ? defaultPort : port;
+}
+
+void setPort(int port) {
+  auto settings = store();
+  settings->setValue(portKey, port);
+  saveSecurely(*settings);
+}
+
+QString token() {
+  auto settings = store();
+  QString stored = settings->value(tokenKey).toString();
+  if (!stored.isEmpty()) return stored;
+  std::optional<QString> fresh = generateToken();
+  if (!fresh) return {};
+  settings->setValue(tokenKey, *fresh);
+  saveSecurely(*settings);
+  return *fresh;
+}
+
+void setToken(const QString& token) {
+  auto settings = store();
+  settings->setValue(tokenKey, token);
+  saveSecurely(*settings);
+}
+
+std::optional<QString> generateToken() {
+  char bytes[32];
+  if (!fillRandom(bytes, sizeof bytes)) return std::nullopt;
+  QByteArray encoded = QByteArray(bytes, sizeof bytes)
+                           .toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals);
+  return QStringLiteral("qlne_") + QString::fromLatin1(encoded);
+}
+
+}  // namespace quillane::LocalAPISettings
