@@ -1,63 +1,155 @@
-// Temporary stub: the interface compiles while the implementation is written.
+// BatchViewModel: construction, the plain state of the batch and the list operations.
+// The scheduler, import, export and records operations live in the Batch*.cpp files.
+
 #include "batch/BatchViewModel.h"
 
+#include <QThread>
 #include <QThreadPool>
 
+#include <unistd.h>
+
+#include <algorithm>
+
 #include "batch/AsyncSemaphore.h"
-
-#if __has_include("records/ExportRecord.h") && __has_include("records/ExportProfile.h")
-#include "records/ExportProfile.h"
-#include "records/ExportRecord.h"
-#else
-namespace quillane {
-struct ExportProfile {};
-struct ExportRecord {};
-}  // namespace quillane
-#endif
+#include "batch/BatchViewModelPrivate.h"
+#include "engine/Errors.h"
+#include "engine/ImageCompressor.h"
+#include "engine/ImageDecoder.h"
+#include "engine/Localization.h"
 
 namespace quillane {
 
-struct BatchViewModel::EncodeTask {};
+namespace {
+uint64_t physicalMemoryBytes() {
+  const long pages = sysconf(_SC_PHYS_PAGES);
+  const long pageSize = sysconf(_SC_PAGE_SIZE);
+  if (pages <= 0 || pageSize <= 0) return 0;
+  return uint64_t(pages) * uint64_t(pageSize);
+}
+}  // namespace
+
+namespace batchdetail {
+QString describeCurrentException(const QString& fallback) {
+  try {
+    throw;
+  } catch (const QuillaneError& error) {
+    return QString::fromStdString(error.description());
+  } catch (...) {
+    return fallback;
+  }
+}
+}  // namespace batchdetail
 
 BatchViewModel::BatchViewModel(QObject* parent) : BatchViewModel(Options{}, parent) {}
-BatchViewModel::BatchViewModel(Options options, QObject* parent) : QObject(parent), options_(std::move(options)) {}
-BatchViewModel::~BatchViewModel() = default;
 
-int BatchViewModel::encodeMemoryBudgetMB(uint64_t bytes) {
-  return bytes > 4294967295ull ? int(std::min<uint64_t>(bytes >> 23, 4096)) : 512;
+BatchViewModel::BatchViewModel(Options options, QObject* parent) : QObject(parent), options_(std::move(options)) {
+  if (!options_.encoder) options_.encoder = &ImageCompressor::encodeData;
+  if (!options_.inspector) options_.inspector = &ImageDecoder::inspect;
+  const int processors = options_.processorCount > 0 ? options_.processorCount : QThread::idealThreadCount();
+  options_.processorCount = std::max(processors, 1);
+  const int budget =
+      options_.memoryBudgetMB > 0 ? options_.memoryBudgetMB : encodeMemoryBudgetMB(physicalMemoryBytes());
+  options_.memoryBudgetMB = std::max(budget, 1);
+
+  loadRecords();
+
+  encodeSemaphore_ = new AsyncSemaphore(options_.processorCount, this);
+  encodeMemoryBudget_ = new AsyncSemaphore(options_.memoryBudgetMB, this);
+  encodePool_ = std::make_unique<QThreadPool>();
+  // The semaphores bound the encodes that count; the pool only needs room beyond them for
+  // work abandoned by a timeout, which runs on until the encoder returns.
+  encodePool_->setMaxThreadCount(options_.processorCount + 16);
+  inspectPool_ = std::make_unique<QThreadPool>();
+  inspectPool_->setMaxThreadCount(options_.processorCount);
+
+  // The quality debounce: a value passes when the quiet time has gone by without a newer one.
+  qualityDebounce_.setSingleShot(true);
+  qualityDebounce_.setInterval(options_.debounce);
+  connect(&qualityDebounce_, &QTimer::timeout, this, [this] {
+    setHasPendingRecompute(false);
+    recomputeAll();
+  });
+
+  if (options_.restoreSession) QTimer::singleShot(0, this, [this] { restoreSession(); });
 }
-int BatchViewModel::encodeCostMB(int width, int height) {
-  return int(std::max<int64_t>(int64_t(width) * height * 20 / 1048576 + 8, 1));
+
+BatchViewModel::~BatchViewModel() {
+  // Abandoned work still holds pool threads; their results go nowhere, since every
+  // continuation is tied to this object.
+  encodePool_->waitForDone();
+  inspectPool_->waitForDone();
 }
-std::shared_ptr<ImportedImage> BatchViewModel::image(const QUuid&) const { return nullptr; }
-int BatchViewModel::encodingCompletedCount() const { return 0; }
-void BatchViewModel::setQuality(double q) { quality_ = q; emit qualityChanged(); }
-void BatchViewModel::setOutputFormat(ImageFormat f) { outputFormat_ = f; emit outputFormatChanged(); }
-void BatchViewModel::setExportError(std::optional<QString> e) { exportError_ = std::move(e); emit exportErrorChanged(); }
-void BatchViewModel::setQualitySliderEditing(bool editing) { isQualitySliderEditing_ = editing; }
-void BatchViewModel::scheduleRecompute() {}
-void BatchViewModel::scheduleEncode(const std::shared_ptr<ImportedImage>&, bool) {}
-void BatchViewModel::setQualityOverride(const std::shared_ptr<ImportedImage>&, std::optional<double>) {}
-QFuture<void> BatchViewModel::waitForEncodingToFinish(double) { return QtFuture::makeReadyFuture(); }
-void BatchViewModel::promptImport() {}
-QFuture<void> BatchViewModel::importFiles(const QList<QUrl>&) { return QtFuture::makeReadyFuture(); }
-void BatchViewModel::retryImport(const ImportFailure&) {}
-void BatchViewModel::dismissImportFailure(const QUuid&) {}
-void BatchViewModel::removeImage(const std::shared_ptr<ImportedImage>&) {}
-void BatchViewModel::moveImage(int, int) {}
-void BatchViewModel::clearAll() {}
-void BatchViewModel::promptExportAll() {}
-std::vector<ExportOutcome> BatchViewModel::exportAll(const QUrl&) { return {}; }
-bool BatchViewModel::exportSingle(const std::shared_ptr<ImportedImage>&, const QUrl&) { return false; }
-bool BatchViewModel::writeExport(const std::shared_ptr<ImportedImage>&, const QByteArray&, const QUrl&) { return false; }
-void BatchViewModel::persistImportSession() {}
-void BatchViewModel::upsertExportProfile(const ExportProfile&) {}
-void BatchViewModel::deleteExportProfile(const ExportProfile&) {}
-void BatchViewModel::applyExportProfile(const ExportProfile&) {}
-void BatchViewModel::setAppliedProfileName(std::optional<QString> n) { appliedProfileName_ = std::move(n); emit appliedProfileNameChanged(); }
-bool BatchViewModel::isRecordSuperseded(const ExportRecord&) const { return false; }
-void BatchViewModel::undoExport(const ExportRecord&) {}
-void BatchViewModel::clearExportHistory() {}
-void BatchViewModel::showInFileManager(const ExportRecord&) {}
+
+std::shared_ptr<ImportedImage> BatchViewModel::image(const QUuid& id) const {
+  auto it = std::find_if(images_.begin(), images_.end(), [&](const auto& image) { return image->id() == id; });
+  return it == images_.end() ? nullptr : *it;
+}
+
+void BatchViewModel::setQuality(double quality) {
+  quality_ = quality;
+  emit qualityChanged();
+  scheduleRecompute();
+}
+
+void BatchViewModel::setOutputFormat(ImageFormat format) {
+  outputFormat_ = format;
+  emit outputFormatChanged();
+  scheduleRecompute();
+}
+
+void BatchViewModel::setExportError(std::optional<QString> error) {
+  if (error == exportError_) return;
+  exportError_ = std::move(error);
+  emit exportErrorChanged();
+}
+
+void BatchViewModel::setAppliedProfileName(std::optional<QString> name) {
+  if (name == appliedProfileName_) return;
+  appliedProfileName_ = std::move(name);
+  emit appliedProfileNameChanged();
+}
+
+void BatchViewModel::setQualityOverride(const std::shared_ptr<ImportedImage>& image, std::optional<double> quality) {
+  if (!image) return;
+  image->setQualityOverride(quality);
+  scheduleEncode(image, true);
+  persistImportSession();
+}
+
+void BatchViewModel::removeImage(const std::shared_ptr<ImportedImage>& image) {
+  if (!image) return;
+  const QUuid id = image->id();
+  cancelEncodeTask(id);
+  encodeTasks_.erase(id);
+  pendingReEncodeImageIDs_.erase(id);
+  // A running encode of it (activeEncodeImageIDs) ends by itself and clears its own entry.
+  std::erase_if(images_, [&](const auto& candidate) { return candidate->id() == id; });
+  emit imagesChanged();
+  refreshIsEncoding();
+  persistImportSession();
+}
+
+void BatchViewModel::moveImage(int from, int to) {
+  const int count = int(images_.size());
+  if (from < 0 || from >= count || to < 0 || to >= count || from == to) return;
+  auto moved = images_[size_t(from)];
+  images_.erase(images_.begin() + from);
+  images_.insert(images_.begin() + to, std::move(moved));
+  emit imagesChanged();
+  persistImportSession();
+}
+
+void BatchViewModel::clearAll() {
+  for (auto& entry : encodeTasks_) cancelEncodeTask(entry.first);
+  encodeTasks_.clear();
+  pendingReEncodeImageIDs_.clear();
+  images_.clear();
+  importFailures_.clear();
+  emit imagesChanged();
+  emit importFailuresChanged();
+  setIsEncoding(false);
+  setHasPendingRecompute(false);
+  persistImportSession();
+}
 
 }  // namespace quillane

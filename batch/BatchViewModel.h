@@ -33,14 +33,14 @@
 #include "batch/ImportedImage.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageFormat.h"
+#include "records/ExportProfile.h"
+#include "records/ExportRecord.h"
 
 class QThreadPool;
 
 namespace quillane {
 
 class AsyncSemaphore;
-struct ExportProfile;
-struct ExportRecord;
 
 using ImageList = std::vector<std::shared_ptr<ImportedImage>>;
 using ImportFailureList = std::vector<ImportFailure>;
@@ -78,6 +78,8 @@ class BatchViewModel : public QObject {
   Q_PROPERTY(std::optional<QString> appliedProfileName READ appliedProfileName WRITE setAppliedProfileName NOTIFY
                  appliedProfileNameChanged)
   Q_PROPERTY(bool hasPendingRecompute READ hasPendingRecompute NOTIFY hasPendingRecomputeChanged)
+  Q_PROPERTY(quillane::ExportRecordList exportHistory READ exportHistory NOTIFY exportHistoryChanged)
+  Q_PROPERTY(quillane::ExportProfileList exportProfiles READ exportProfiles NOTIFY exportProfilesChanged)
 
  public:
   // The engine seams: encoding of a whole source file, and inspection of one path. Both are
@@ -189,7 +191,7 @@ class BatchViewModel : public QObject {
   void persistImportSession();
 
   // ---- Profiles ----
-  const std::vector<ExportProfile>& exportProfiles() const { return exportProfiles_; }
+  const ExportProfileList& exportProfiles() const { return exportProfiles_; }
   // Replaces by id, else by name (ignoring case and surrounding white space), else appends.
   // A default profile clears the default flag of every other. Saves exportProfiles.json.
   void upsertExportProfile(const ExportProfile& profile);
@@ -205,7 +207,7 @@ class BatchViewModel : public QObject {
 
   // ---- History ----
   // Newest first.
-  const std::vector<ExportRecord>& exportHistory() const { return exportHistory_; }
+  const ExportRecordList& exportHistory() const { return exportHistory_; }
   // True when another record has the same destination and a strictly later date.
   bool isRecordSuperseded(const ExportRecord& record) const;
   // Deletes the record's file (unless a later export owns it) and removes the record. A
@@ -245,14 +247,16 @@ class BatchViewModel : public QObject {
   void sendQualityToDebounce();
   void setHasPendingRecompute(bool pending);
   void refreshIsEncoding();
+  void setIsEncoding(bool encoding);
   void schedulePassthrough(const std::shared_ptr<ImportedImage>& image, ImageFormat format);
   void startEncodeTask(const std::shared_ptr<EncodeTask>& task);
   void runEncode(const std::shared_ptr<EncodeTask>& task, std::function<void()> done);
+  void encode(const std::shared_ptr<EncodeTask>& task, std::function<void()> done);
   void finishEncode(const std::shared_ptr<ImportedImage>& image, uint64_t generation, const EncodeResult& result);
   void cancelEncodeTask(const QUuid& id);
 
   // Import.
-  QFuture<void> inspectConcurrently(const QList<QUrl>& urls, InspectionResult onResult);
+  void inspectConcurrently(const QList<QUrl>& urls, InspectionResult onResult, std::function<void()> onFinished);
   void startInspection(const std::shared_ptr<InspectionRun>& run, int index);
   void recordImportFailure(const QUrl& url, const QString& message);
   std::shared_ptr<ImportedImage> appendImported(const QUrl& url, const ImageDecoder::LightDecodedImage& decoded);
@@ -261,8 +265,9 @@ class BatchViewModel : public QObject {
   // Export and records.
   QString notEncodedDescription(const ImportedImage& image) const;
   void recordExport(const ImportedImage& image, const QUrl& destination, const QByteArray& data);
-  void setExportHistory(std::vector<ExportRecord> history);
-  void setExportProfiles(std::vector<ExportProfile> profiles);
+  void loadRecords();
+  void setExportHistory(ExportRecordList history);
+  void setExportProfiles(ExportProfileList profiles);
 
   Options options_;
   ImageList images_;
@@ -271,8 +276,8 @@ class BatchViewModel : public QObject {
   std::optional<QString> exportError_;
   bool isEncoding_ = false;
   ImportFailureList importFailures_;
-  std::vector<ExportRecord> exportHistory_;
-  std::vector<ExportProfile> exportProfiles_;
+  ExportRecordList exportHistory_;
+  ExportProfileList exportProfiles_;
   std::optional<QUrl> lastAppliedProfileFolder_;
   std::optional<QString> appliedProfileName_;
   bool hasPendingRecompute_ = false;

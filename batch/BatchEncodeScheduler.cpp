@@ -1,0 +1,284 @@
+// The encode scheduler of BatchViewModel: debounced recomputes, per-image tasks behind the
+// processor and memory semaphores, the watchdog race, generations and the passthrough of
+// animated sources. Everything here runs on the GUI thread except the bodies handed to the
+// encode pool, which get copies and touch no QObject.
+
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QPointer>
+#include <QPromise>
+#include <QThreadPool>
+#include <QtConcurrent/QtConcurrentRun>
+
+#include <algorithm>
+
+#include "batch/AsyncSemaphore.h"
+#include "batch/BatchViewModelPrivate.h"
+#include "engine/Errors.h"
+#include "engine/FileIO.h"
+
+namespace quillane {
+
+int BatchViewModel::encodeMemoryBudgetMB(uint64_t physicalMemoryBytes) {
+  if (physicalMemoryBytes > 4294967295ull) return int(std::min<uint64_t>(physicalMemoryBytes >> 23, 4096));
+  return 512;
+}
+
+int BatchViewModel::encodeCostMB(int width, int height) {
+  const int64_t pixels = int64_t(std::max(width, 0)) * int64_t(std::max(height, 0));
+  return int(std::clamp<int64_t>(pixels * 20 / 1048576 + 8, 1, INT32_MAX));
+}
+
+void BatchViewModel::setHasPendingRecompute(bool pending) {
+  if (pending == hasPendingRecompute_) return;
+  hasPendingRecompute_ = pending;
+  emit hasPendingRecomputeChanged();
+}
+
+void BatchViewModel::setIsEncoding(bool encoding) {
+  if (encoding == isEncoding_) return;
+  isEncoding_ = encoding;
+  emit isEncodingChanged();
+}
+
+void BatchViewModel::refreshIsEncoding() {
+  setIsEncoding(std::any_of(images_.begin(), images_.end(),
+                            [](const auto& image) { return image->encodeState().isEncoding(); }));
+}
+
+int BatchViewModel::encodingCompletedCount() const {
+  return int(std::count_if(images_.begin(), images_.end(),
+                           [](const auto& image) { return !image->encodeState().isEncoding(); }));
+}
+
+void BatchViewModel::scheduleRecompute() {
+  if (images_.empty()) {
+    setHasPendingRecompute(false);
+    return;
+  }
+  setHasPendingRecompute(true);
+  if (!isQualitySliderEditing_) sendQualityToDebounce();
+}
+
+void BatchViewModel::sendQualityToDebounce() { qualityDebounce_.start(); }
+
+void BatchViewModel::setQualitySliderEditing(bool editing) {
+  isQualitySliderEditing_ = editing;
+  if (!editing && hasPendingRecompute_) sendQualityToDebounce();
+}
+
+void BatchViewModel::recomputeAll() {
+  const ImageList snapshot = images_;  // scheduling may not change the list, but stay safe
+  for (const auto& image : snapshot) scheduleEncode(image, false);
+}
+
+void BatchViewModel::cancelEncodeTask(const QUuid& id) {
+  auto it = encodeTasks_.find(id);
+  if (it == encodeTasks_.end()) return;
+  EncodeTask& task = *it->second;
+  task.cancelled = true;
+  // A task asleep in its debounce simply never wakes: it holds no permit yet.
+  if (task.debounceTimer) {
+    task.debounceTimer->stop();
+    task.debounceTimer->deleteLater();
+    task.debounceTimer = nullptr;
+  }
+}
+
+void BatchViewModel::scheduleEncode(const std::shared_ptr<ImportedImage>& image, bool debounce) {
+  if (!image) return;
+  const ImageFormat format = outputFormat_;
+  if (image->frameCount() >= 2 && format == image->originalFormat()) {
+    schedulePassthrough(image, format);
+    return;
+  }
+  const QUuid id = image->id();
+  const double quality = image->qualityOverride().value_or(quality_);
+  image->setEncodeState(EncodeState::encoding());
+  setIsEncoding(true);
+  if (activeEncodeImageIDs_.count(id)) {
+    // The running encode finishes first; runEncode then schedules again with the settings
+    // of that moment.
+    pendingReEncodeImageIDs_.insert(id);
+    return;
+  }
+  cancelEncodeTask(id);
+  auto task = std::make_shared<EncodeTask>();
+  task->image = image;
+  task->quality = quality;
+  task->format = format;
+  task->costMB = encodeCostMB(image->width(), image->height());
+  encodeTasks_[id] = task;
+
+  if (!debounce) {
+    startEncodeTask(task);
+    return;
+  }
+  auto* timer = new QTimer(this);
+  timer->setSingleShot(true);
+  timer->setInterval(options_.debounce);
+  task->debounceTimer = timer;
+  connect(timer, &QTimer::timeout, this, [this, task, timer] {
+    timer->deleteLater();
+    task->debounceTimer = nullptr;
+    if (!task->cancelled) startEncodeTask(task);
+  });
+  timer->start();
+}
+
+void BatchViewModel::startEncodeTask(const std::shared_ptr<EncodeTask>& task) {
+  // Always the processor slot first, then the memory: every task takes them in the same
+  // order and none holds one while asleep, so they cannot deadlock.
+  encodeSemaphore_->wait(1, [this, task] {
+    encodeMemoryBudget_->wait(task->costMB, [this, task] {
+      auto leave = [this, task] {
+        encodeMemoryBudget_->signal(task->costMB);
+        encodeSemaphore_->signal(1);
+      };
+      if (task->cancelled) {
+        leave();
+        return;
+      }
+      runEncode(task, leave);
+    });
+  });
+}
+
+void BatchViewModel::runEncode(const std::shared_ptr<EncodeTask>& task, std::function<void()> done) {
+  const QUuid id = task->image->id();
+  activeEncodeImageIDs_.insert(id);
+  encode(task, [this, task, id, done = std::move(done)] {
+    activeEncodeImageIDs_.erase(id);
+    const bool wasPending = pendingReEncodeImageIDs_.erase(id) > 0;
+    if (wasPending) scheduleEncode(task->image, false);
+    done();
+  });
+}
+
+namespace {
+// The first of the work and the watchdog to report settles the encode; the other's report
+// is dropped. Both report on the GUI thread, so a plain flag suffices.
+struct EncodeRace {
+  bool settled = false;
+  QPointer<QTimer> watchdog;
+};
+}  // namespace
+
+void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::function<void()> done) {
+  const std::shared_ptr<ImportedImage> image = task->image;
+  const uint64_t generation = ++image->encodeGeneration_;
+  auto race = std::make_shared<EncodeRace>();
+  auto settle = [this, race, image, generation, done = std::move(done)](const EncodeResult& result) {
+    if (race->settled) return;
+    race->settled = true;
+    if (race->watchdog) race->watchdog->deleteLater();
+    finishEncode(image, generation, result);
+    done();
+  };
+
+  // The watchdog starts when the work is submitted, after the semaphores were passed. A
+  // timeout ends the wait, not the work: the thread runs on and its result is dropped.
+  auto* watchdog = new QTimer(this);
+  watchdog->setSingleShot(true);
+  race->watchdog = watchdog;
+  const QString label = batchdetail::toQString(ImageFormats::label(task->format));
+  connect(watchdog, &QTimer::timeout, this, [settle, label] {
+    EncodeResult timedOut;
+    timedOut.error = QString::fromStdString(ImageProcessingError::encodingFailed(label.toStdString()).description());
+    settle(timedOut);
+  });
+  watchdog->start(options_.watchdog);
+
+  Encoder encoder = options_.encoder;
+  const std::string path = image->sourcePath().toStdString();
+  const ImageFormat format = task->format;
+  const double quality = task->quality;
+  QtConcurrent::run(encodePool_.get(),
+                    [encoder, path, format, quality, label]() -> EncodeResult {
+                      EncodeResult result;
+                      try {
+                        const std::vector<uint8_t> source = FileIO::readFile(path);
+                        const std::vector<uint8_t> bytes = encoder(source, format, quality);
+                        result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
+                      } catch (...) {
+                        result.error = batchdetail::describeCurrentException(QString::fromStdString(
+                            ImageProcessingError::encodingFailed(label.toStdString()).description()));
+                      }
+                      return result;
+                    })
+      .then(this, [race, settle](const EncodeResult& result) {
+        if (race->watchdog) race->watchdog->stop();
+        settle(result);
+      });
+}
+
+void BatchViewModel::finishEncode(const std::shared_ptr<ImportedImage>& image, uint64_t generation,
+                                  const EncodeResult& result) {
+  // A result of older settings is harmless: a newer encode owns the image now.
+  if (image->encodeGeneration_ != generation) return;
+  if (result.bytes) {
+    const int64_t size = result.bytes->size();
+    image->setCompressedData(result.bytes);
+    image->setEncodeState(EncodeState::ready(size));
+  } else {
+    image->setCompressedData(std::nullopt);
+    image->setEncodeState(EncodeState::failed(result.error));
+  }
+  refreshIsEncoding();
+}
+
+void BatchViewModel::schedulePassthrough(const std::shared_ptr<ImportedImage>& image, ImageFormat) {
+  // An animated source kept in its own format is exported as it came: nothing is encoded,
+  // no semaphore is taken, and quality does not apply.
+  const QUuid id = image->id();
+  pendingReEncodeImageIDs_.erase(id);
+  cancelEncodeTask(id);
+  const uint64_t generation = ++image->encodeGeneration_;
+  image->setEncodeState(EncodeState::encoding());
+  setIsEncoding(true);
+  auto task = std::make_shared<EncodeTask>();
+  task->image = image;
+  encodeTasks_[id] = task;
+
+  const QString path = image->sourcePath();
+  std::weak_ptr<ImportedImage> weakImage = image;
+  QtConcurrent::run(encodePool_.get(),
+                    [path]() -> QByteArray {
+                      QFile file(path);
+                      if (!file.open(QIODevice::ReadOnly)) return {};
+                      return file.readAll();
+                    })
+      .then(this, [this, weakImage, generation](const QByteArray& bytes) {
+        auto image = weakImage.lock();
+        if (!image || image->encodeGeneration_ != generation) return;
+        if (!bytes.isEmpty()) {
+          image->setCompressedData(bytes);
+          image->setEncodeState(EncodeState::ready(bytes.size()));
+        } else {
+          image->setEncodeState(EncodeState::failed(
+              QString::fromStdString(ImageProcessingError::decodingFailed().description())));
+        }
+        refreshIsEncoding();
+      });
+}
+
+QFuture<void> BatchViewModel::waitForEncodingToFinish(double timeoutSeconds) {
+  auto busy = [this] { return hasPendingRecompute_ || isEncoding_; };
+  if (!busy() || !(timeoutSeconds > 0)) return QtFuture::makeReadyFuture();
+  const auto deadline = QDeadlineTimer(qint64(std::min(timeoutSeconds, 1e9) * 1000.0));
+  auto promise = std::make_shared<QPromise<void>>();
+  promise->start();
+  QFuture<void> future = promise->future();
+  auto* poll = new QTimer(this);
+  poll->setInterval(50);
+  connect(poll, &QTimer::timeout, this, [poll, promise, deadline, busy] {
+    if (busy() && !deadline.hasExpired()) return;
+    poll->stop();
+    poll->deleteLater();
+    promise->finish();
+  });
+  poll->start();
+  return future;
+}
+
+}  // namespace quillane

@@ -1,0 +1,94 @@
+// Export of BatchViewModel: the bytes already held in memory are written as they are,
+// synchronously on the GUI thread, each file atomically. Nothing is encoded here.
+
+#include <QDir>
+#include <QSaveFile>
+
+#include "batch/BatchViewModelPrivate.h"
+#include "batch/ExportFilenameAllocator.h"
+#include "engine/Errors.h"
+#include "engine/Localization.h"
+
+namespace quillane {
+
+namespace batchdetail {
+std::optional<QString> writeFileAtomically(const QString& path, const QByteArray& data) {
+  QSaveFile file(path);
+  if (!file.open(QIODevice::WriteOnly)) return file.errorString();
+  if (file.write(data) != data.size()) {
+    const QString error = file.errorString();
+    file.cancelWriting();
+    return error;
+  }
+  if (!file.commit()) return file.errorString();
+  return std::nullopt;
+}
+}  // namespace batchdetail
+
+void BatchViewModel::promptExportAll() {
+  if (!panels_) return;
+  const QString prompt = QString::fromStdString(Localization::text("export.chooseFolder.prompt", "Exporter ici"));
+  const QString message = QString::fromStdString(
+      Localization::text("export.chooseFolder.message", "Choisissez le dossier de destination des images."));
+  const std::optional<QUrl> folder = panels_->chooseExportFolder(lastAppliedProfileFolder_, prompt, message);
+  // Failures show in the rows through their exportError; the outcomes are not needed here.
+  if (folder && !folder->isEmpty()) exportAll(*folder);
+}
+
+std::vector<ExportOutcome> BatchViewModel::exportAll(const QUrl& folder) {
+  std::vector<ExportOutcome> outcomes;
+  ExportFilenameAllocator allocator;
+  const QDir directory(folder.toLocalFile());
+  const QString extension = batchdetail::toQString(ImageFormats::fileExtension(outputFormat_));
+  const ImageList snapshot = images_;
+  for (const auto& image : snapshot) {
+    ExportOutcome outcome{image, std::nullopt, std::nullopt};
+    if (!image->compressedData()) {
+      outcome.errorDescription = image->exportError() ? *image->exportError() : notEncodedDescription(*image);
+    } else {
+      const QString name = allocator.filename(image->baseName(), extension);
+      const QUrl destination = QUrl::fromLocalFile(directory.filePath(name));
+      if (writeExport(image, *image->compressedData(), destination)) {
+        outcome.destinationURL = destination;
+      } else {
+        outcome.errorDescription = image->exportError();
+      }
+    }
+    outcomes.push_back(std::move(outcome));
+  }
+  return outcomes;
+}
+
+bool BatchViewModel::exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url) {
+  if (!image) return false;
+  if (image->compressedData()) return writeExport(image, *image->compressedData(), url);
+  image->setExportError(notEncodedDescription(*image));
+  return false;
+}
+
+bool BatchViewModel::writeExport(const std::shared_ptr<ImportedImage>& image, const QByteArray& data,
+                                 const QUrl& url) {
+  if (!image) return false;
+  image->lastExportDestination_ = url;
+  const QString path = url.toLocalFile();
+  std::optional<QString> error = path.isEmpty()
+                                     ? std::optional<QString>(QString::fromStdString(FileError(
+                                           url.toString().toStdString(), "not a local file").description()))
+                                     : batchdetail::writeFileAtomically(path, data);
+  if (error) {
+    image->setExportError(std::move(error));
+    return false;
+  }
+  image->setExportError(std::nullopt);
+  recordExport(*image, url, data);
+  return true;
+}
+
+QString BatchViewModel::notEncodedDescription(const ImportedImage& image) const {
+  // An image still busy is reported as an encoding failure as well.
+  if (image.encodeState().isFailed()) return image.encodeState().message;
+  const std::string label(ImageFormats::label(outputFormat_));
+  return QString::fromStdString(ImageProcessingError::encodingFailed(label).description());
+}
+
+}  // namespace quillane

@@ -1,0 +1,193 @@
+// Import and session persistence of BatchViewModel. Inspection runs on the inspection pool,
+// at most one file per processor; results are buffered and delivered in URL order on the
+// GUI thread, so rows appear in the order the user chose whatever finished first.
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QPromise>
+#include <QThreadPool>
+#include <QtConcurrent/QtConcurrentRun>
+
+#include "batch/BatchViewModelPrivate.h"
+#include "engine/Errors.h"
+#include "records/JSONFileStore.h"
+#include "records/JsonForms.h"
+
+namespace quillane {
+
+namespace {
+const QString kSessionFile = QStringLiteral("importSession.json");
+
+struct Snapshot {
+  QUrl sourceURL;
+  std::optional<double> qualityOverride;
+};
+
+// A list of {"sourceURL": file URL text, "qualityOverride": number?}. Any malformed entry
+// makes the whole file count as empty.
+std::vector<Snapshot> decodeSession(const QJsonDocument& document) {
+  std::vector<Snapshot> snapshots;
+  const bool ok = JsonForms::forEachObject(document, [&](const QJsonObject& object) {
+    Snapshot snapshot{QUrl::fromLocalFile(JsonForms::requireFileURL(object, "sourceURL")), std::nullopt};
+    const QJsonValue quality = object.value("qualityOverride");
+    if (quality.isDouble()) {
+      snapshot.qualityOverride = quality.toDouble();
+    } else if (!quality.isUndefined() && !quality.isNull()) {
+      throw JsonForms::DecodingError("qualityOverride is not a number");
+    }
+    snapshots.push_back(std::move(snapshot));
+  });
+  return ok ? snapshots : std::vector<Snapshot>{};
+}
+}  // namespace
+
+void BatchViewModel::promptImport() {
+  if (!panels_) return;
+  const QList<QUrl> urls = panels_->chooseFilesToImport();
+  if (urls.isEmpty()) return;
+  importFiles(urls);
+}
+
+QFuture<void> BatchViewModel::importFiles(const QList<QUrl>& urls) {
+  if (urls.isEmpty()) return QtFuture::makeReadyFuture();
+  auto promise = std::make_shared<QPromise<void>>();
+  promise->start();
+  QFuture<void> future = promise->future();
+  auto anyImported = std::make_shared<bool>(false);
+  inspectConcurrently(
+      urls,
+      [this, anyImported](int, const QUrl& url, const ImageDecoder::LightDecodedImage* decoded, const QString& error) {
+        if (!decoded) {
+          recordImportFailure(url, error);
+          return;
+        }
+        auto image = appendImported(url, *decoded);
+        *anyImported = true;
+        if (std::erase_if(importFailures_, [&](const ImportFailure& failure) { return failure.url == url; }) > 0) {
+          emit importFailuresChanged();
+        }
+        scheduleEncode(image, false);
+      },
+      [this, anyImported, promise] {
+        if (*anyImported) persistImportSession();
+        promise->finish();
+      });
+  return future;
+}
+
+std::shared_ptr<ImportedImage> BatchViewModel::appendImported(const QUrl& url,
+                                                              const ImageDecoder::LightDecodedImage& decoded) {
+  auto image = std::make_shared<ImportedImage>(url, decoded);
+  images_.push_back(image);
+  emit imagesChanged();
+  return image;
+}
+
+void BatchViewModel::inspectConcurrently(const QList<QUrl>& urls, InspectionResult onResult,
+                                         std::function<void()> onFinished) {
+  if (urls.isEmpty()) {
+    onFinished();
+    return;
+  }
+  auto run = std::make_shared<InspectionRun>();
+  run->urls = urls;
+  run->onResult = std::move(onResult);
+  run->onFinished = std::move(onFinished);
+  const int width = std::min(options_.processorCount, int(urls.size()));
+  run->nextToStart = width;
+  for (int index = 0; index < width; ++index) startInspection(run, index);
+}
+
+void BatchViewModel::startInspection(const std::shared_ptr<InspectionRun>& run, int index) {
+  using Outcome = InspectionRun::Outcome;
+  const std::string path = run->urls[index].toLocalFile().toStdString();
+  Inspector inspector = options_.inspector;
+  QtConcurrent::run(inspectPool_.get(),
+                    [inspector, path]() -> Outcome {
+                      Outcome outcome;
+                      try {
+                        outcome.decoded = inspector(path);
+                      } catch (...) {
+                        outcome.error = batchdetail::describeCurrentException(
+                            QString::fromStdString(ImageProcessingError::decodingFailed().description()));
+                      }
+                      return outcome;
+                    })
+      .then(this, [this, run, index](const Outcome& outcome) {
+        run->buffer[index] = outcome;
+        if (run->nextToStart < run->urls.size()) startInspection(run, run->nextToStart++);
+        // A slow early file holds back the delivery of later ones, never their inspection.
+        while (true) {
+          auto it = run->buffer.find(run->nextToDeliver);
+          if (it == run->buffer.end()) break;
+          const Outcome ready = std::move(it->second);
+          run->buffer.erase(it);
+          const int delivered = run->nextToDeliver++;
+          run->onResult(delivered, run->urls[delivered], ready.decoded ? &*ready.decoded : nullptr, ready.error);
+        }
+        if (run->nextToDeliver == run->urls.size() && run->onFinished) {
+          auto finished = std::move(run->onFinished);
+          run->onFinished = nullptr;
+          finished();
+        }
+      });
+}
+
+void BatchViewModel::recordImportFailure(const QUrl& url, const QString& message) {
+  ImportFailure failure{QUuid::createUuid(), url, message};
+  auto it = std::find_if(importFailures_.begin(), importFailures_.end(),
+                         [&](const ImportFailure& existing) { return existing.url == url; });
+  if (it != importFailures_.end()) {
+    *it = std::move(failure);
+  } else {
+    importFailures_.push_back(std::move(failure));
+  }
+  emit importFailuresChanged();
+}
+
+void BatchViewModel::retryImport(const ImportFailure& failure) {
+  dismissImportFailure(failure.id);
+  importFiles({failure.url});
+}
+
+void BatchViewModel::dismissImportFailure(const QUuid& id) {
+  if (std::erase_if(importFailures_, [&](const ImportFailure& failure) { return failure.id == id; }) > 0) {
+    emit importFailuresChanged();
+  }
+}
+
+void BatchViewModel::persistImportSession() {
+  JsonValue list = JsonValue::array();
+  for (const auto& image : images_) {
+    JsonValue entry = JsonValue::object();
+    entry.set("sourceURL", JsonForms::fileURL(image->sourcePath()));
+    if (image->qualityOverride()) entry.set("qualityOverride", *image->qualityOverride());
+    list.push(std::move(entry));
+  }
+  JSONFileStore::save(list, kSessionFile);
+}
+
+void BatchViewModel::restoreSession() {
+  const std::optional<QJsonDocument> document = JSONFileStore::load(kSessionFile);
+  const std::vector<Snapshot> snapshots = document ? decodeSession(*document) : std::vector<Snapshot>{};
+  if (snapshots.empty()) return;
+  QList<QUrl> urls;
+  for (const Snapshot& snapshot : snapshots) urls.push_back(snapshot.sourceURL);
+  inspectConcurrently(
+      urls,
+      [this, snapshots](int index, const QUrl& url, const ImageDecoder::LightDecodedImage* decoded,
+                        const QString& error) {
+        if (!decoded) {
+          // A moved or deleted file: listed with the chance to retry, dropped from the session.
+          recordImportFailure(url, error);
+          return;
+        }
+        auto image = appendImported(url, *decoded);
+        image->setQualityOverride(snapshots[size_t(index)].qualityOverride);
+        scheduleEncode(image, false);
+      },
+      [this] { persistImportSession(); });
+}
+
+}  // namespace quillane

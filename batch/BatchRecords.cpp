@@ -1,0 +1,100 @@
+// Export profiles and export history of BatchViewModel. Both lists are saved whole at each
+// assignment; a failed save is silent and the list in memory stays the truth for this run.
+
+#include <QDateTime>
+#include <QFile>
+#include <QFileInfo>
+
+#include "batch/BatchViewModelPrivate.h"
+#include "engine/Localization.h"
+
+namespace quillane {
+
+void BatchViewModel::loadRecords() {
+  exportHistory_ = ExportHistory::load();
+  exportProfiles_ = ExportProfiles::load();
+}
+
+void BatchViewModel::setExportHistory(ExportRecordList history) {
+  exportHistory_ = std::move(history);
+  ExportHistory::save(exportHistory_);
+  emit exportHistoryChanged();
+}
+
+void BatchViewModel::setExportProfiles(ExportProfileList profiles) {
+  exportProfiles_ = std::move(profiles);
+  ExportProfiles::save(exportProfiles_);
+  emit exportProfilesChanged();
+}
+
+// ---- Profiles ----
+
+void BatchViewModel::upsertExportProfile(const ExportProfile& profile) {
+  ExportProfileList profiles = exportProfiles_;
+  ExportProfiles::upsert(profiles, profile);
+  setExportProfiles(std::move(profiles));
+}
+
+void BatchViewModel::deleteExportProfile(const ExportProfile& profile) {
+  ExportProfileList profiles = exportProfiles_;
+  ExportProfiles::remove(profiles, profile);
+  setExportProfiles(std::move(profiles));
+  // The folder the export panel opens with stays: only the label goes.
+  if (appliedProfileName_ && appliedProfileName_->compare(profile.name, Qt::CaseInsensitive) == 0) {
+    setAppliedProfileName(std::nullopt);
+  }
+}
+
+void BatchViewModel::applyExportProfile(const ExportProfile& profile) {
+  setQuality(profile.quality);
+  setOutputFormat(profile.format);
+  lastAppliedProfileFolder_ =
+      profile.destinationFolder ? std::optional<QUrl>(QUrl::fromLocalFile(*profile.destinationFolder)) : std::nullopt;
+  setAppliedProfileName(profile.name);
+}
+
+// ---- History ----
+
+void BatchViewModel::recordExport(const ImportedImage& image, const QUrl& destination, const QByteArray& data) {
+  ExportRecord record;
+  record.id = QUuid::createUuid();
+  record.sourceDisplayName = image.fileName();
+  record.destinationURL = destination.toLocalFile();
+  record.format = outputFormat_;
+  record.sizeBytes = data.size();
+  record.date = QDateTime::currentDateTimeUtc();
+  ExportRecordList history = exportHistory_;
+  history.insert(history.begin(), std::move(record));
+  setExportHistory(std::move(history));
+}
+
+bool BatchViewModel::isRecordSuperseded(const ExportRecord& record) const {
+  return ExportHistory::isRecordSuperseded(exportHistory_, record);
+}
+
+void BatchViewModel::undoExport(const ExportRecord& record) {
+  // A superseded record's file belongs to the newer export: only the record goes.
+  if (!isRecordSuperseded(record)) {
+    const QFileInfo info(record.destinationURL);
+    if (info.exists() || info.isSymLink()) {
+      QFile file(record.destinationURL);
+      if (!file.remove()) {
+        setExportError(QString::fromStdString(Localization::format(
+            "export.deleteFailedFormat", "Impossible de supprimer « %@ » : %@",
+            {info.fileName().toStdString(), file.errorString().toStdString()})));
+        return;
+      }
+    }
+  }
+  ExportRecordList history = exportHistory_;
+  std::erase_if(history, [&](const ExportRecord& entry) { return entry.id == record.id; });
+  setExportHistory(std::move(history));
+}
+
+void BatchViewModel::clearExportHistory() { setExportHistory({}); }
+
+void BatchViewModel::showInFileManager(const ExportRecord& record) {
+  if (panels_) panels_->showInFileManager(QUrl::fromLocalFile(record.destinationURL));
+}
+
+}  // namespace quillane
