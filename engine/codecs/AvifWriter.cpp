@@ -1,0 +1,104 @@
+// AVIF writing through libavif with the aom encoder. libheif's AVIF path is not used: its
+// aom setup aborts on an assertion with default settings in the version we ship against.
+
+#include <avif/avif.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <string>
+
+#include "engine/Errors.h"
+#include "engine/codecs/Writers.h"
+
+namespace quillane::codecs {
+namespace {
+
+template <auto Fn>
+struct CDeleter {
+  template <class T>
+  void operator()(T* p) const noexcept {
+    if (p) Fn(p);
+  }
+};
+using AvifImagePtr = std::unique_ptr<avifImage, CDeleter<avifImageDestroy>>;
+using AvifEncoderPtr = std::unique_ptr<avifEncoder, CDeleter<avifEncoderDestroy>>;
+
+struct RWDataGuard {
+  avifRWData data = AVIF_DATA_EMPTY;
+  ~RWDataGuard() { avifRWDataFree(&data); }
+};
+
+[[noreturn]] void fail(const std::string& internal) { throw ImageProcessingError::encodingFailed("AVIF", internal); }
+
+void check(const char* call, avifResult result) {
+  if (result != AVIF_RESULT_OK) fail(std::string(call) + ": " + avifResultToString(result));
+}
+
+int quantizerFor(double quality) {
+  // Slider value (capped at 0.99 by the caller) to aom's quantizer, 63 the worst. Chosen so
+  // that AVIF matches JPEG's fidelity at each anchor (measured figures in bench/README.md);
+  // in between, linear.
+  static const CurvePoint curve[] = {
+      {0.00, 63}, {0.30, 40}, {0.50, 30}, {0.75, 20}, {0.90, 14}, {0.95, 10}, {0.99, 2},
+  };
+  return std::clamp(int(std::lround(interpolate(curve, quality))), 0, 63);
+}
+
+}  // namespace
+
+AvifSettings avifSettings(double quality, size_t pixelCount) {
+  double q = std::clamp(quality, 0.0, 1.0);
+  AvifSettings s;
+  int quantizer = quantizerFor(q);
+  // A small window below the target lets aom spend a little more on busy blocks.
+  s.minQuantizer = std::max(0, quantizer - 4);
+  s.maxQuantizer = quantizer;
+  // Edges of transparency show compression more than colour does: alpha gets a finer step.
+  s.minQuantizerAlpha = std::max(0, quantizer / 2 - 4);
+  s.maxQuantizerAlpha = quantizer / 2;
+  // Speed 6 finds aom's screen-content tools (palette coding), which make screenshots several
+  // times smaller, but on a 12-megapixel screenshot it runs for minutes. Speed 8 keeps every
+  // picture within a few seconds on one core, at a few per cent more bytes for photos.
+  s.speed = pixelCount <= kAvifCarefulPixelLimit ? 6 : 8;
+  s.chroma444 = q >= 0.9;
+  return s;
+}
+
+Bytes writeAvif(const DecodedImage& image, bool keepAlpha, const AvifSettings& settings,
+                const std::optional<Bytes>& icc) {
+  if (image.empty() || image.bitsPerComponent != 8 || image.pixels8.size() != image.pixelCount() * 4)
+    fail("writeAvif: not an 8-bit RGBA picture");
+
+  AvifImagePtr avif(avifImageCreate(uint32_t(image.width), uint32_t(image.height), 8,
+                                    settings.chroma444 ? AVIF_PIXEL_FORMAT_YUV444 : AVIF_PIXEL_FORMAT_YUV420));
+  if (!avif) fail("avifImageCreate");
+  avif->yuvRange = AVIF_RANGE_FULL;
+  if (icc && !icc->empty()) avifImageSetProfileICC(avif.get(), icc->data(), icc->size());
+
+  avifRGBImage rgb;
+  avifRGBImageSetDefaults(&rgb, avif.get());
+  rgb.format = AVIF_RGB_FORMAT_RGBA;
+  rgb.depth = 8;
+  rgb.ignoreAlpha = keepAlpha ? AVIF_FALSE : AVIF_TRUE;
+  // libavif reads the pixels only; the cast is its API's, not a write.
+  rgb.pixels = const_cast<uint8_t*>(image.pixels8.data());
+  rgb.rowBytes = uint32_t(image.width) * 4;
+  check("avifImageRGBToYUV", avifImageRGBToYUV(avif.get(), &rgb));
+
+  AvifEncoderPtr encoder(avifEncoderCreate());
+  if (!encoder) fail("avifEncoderCreate");
+  encoder->codecChoice = AVIF_CODEC_CHOICE_AOM;
+  encoder->maxThreads = 1;
+  encoder->speed = settings.speed;
+  encoder->minQuantizer = settings.minQuantizer;
+  encoder->maxQuantizer = settings.maxQuantizer;
+  encoder->minQuantizerAlpha = settings.minQuantizerAlpha;
+  encoder->maxQuantizerAlpha = settings.maxQuantizerAlpha;
+
+  RWDataGuard output;
+  check("avifEncoderWrite", avifEncoderWrite(encoder.get(), avif.get(), &output.data));
+  return Bytes(output.data.data, output.data.data + output.data.size);
+}
+
+}  // namespace quillane::codecs
