@@ -49,6 +49,7 @@ struct JpegJob {
   int width, height, components;
   J_COLOR_SPACE colorSpace;
   bool adobe;
+  bool tooLarge;
   // Output.
   int outWidth, outHeight, outComponents;
   JOCTET* icc;  // malloc'd by libjpeg; the caller frees it
@@ -107,11 +108,11 @@ bool decodeWithLibjpeg(JpegJob& job) {
       job.exifFound(job.context, m->data, m->data_length);
       break;
     }
-  bool tooLarge = uint64_t(job.width) > uint64_t(kMaxDimension) || uint64_t(job.height) > uint64_t(kMaxDimension) ||
-                  uint64_t(job.width) * uint64_t(job.height) > kMaxPixels;
-  if (job.headerOnly || tooLarge) {
+  job.tooLarge = uint64_t(job.width) > uint64_t(kMaxDimension) || uint64_t(job.height) > uint64_t(kMaxDimension) ||
+                 uint64_t(job.width) * uint64_t(job.height) > kMaxPixels;
+  if (job.headerOnly || job.tooLarge) {
     jpeg_destroy_decompress(&cinfo);
-    return !tooLarge;
+    return job.headerOnly;
   }
   jpeg_read_icc_profile(&cinfo, &job.icc, &job.iccLength);
   switch (cinfo.jpeg_color_space) {
@@ -194,7 +195,7 @@ DecodedImage decodeJpeg(Input bytes, int minLongSide) {
   };
   bool ok = decodeWithLibjpeg(job);
   MallocPtr iccOwner(job.icc);
-  if (!ok) fail("libjpeg: damaged or truncated JPEG");
+  if (!ok) fail(job.tooLarge ? kTooLarge : "libjpeg: damaged or truncated JPEG");
   std::vector<uint8_t> icc(job.icc, job.icc + (job.icc ? job.iccLength : 0));
   if (job.outComponents == 1) {
     ColorConvert::expandGreyInPlace(image, 1, &icc);

@@ -30,6 +30,7 @@ struct PngJob {
   png_uint_32 width, height;
   int bitDepth, colorType;
   bool alpha;
+  bool tooLarge;
   int channels;  // of the output: 2 (grey, alpha) or 4 (RGBA)
   // Called by decodeWithLibpng itself, never from inside libpng. Both are noexcept.
   void* context;
@@ -65,7 +66,10 @@ bool decodeWithLibpng(PngJob& job) {
   png_read_info(png, info);
   int interlace = 0;
   png_get_IHDR(png, info, &job.width, &job.height, &job.bitDepth, &job.colorType, &interlace, nullptr, nullptr);
-  if (uint64_t(job.width) * uint64_t(job.height) > kMaxPixels) png_error(png, "too large");
+  if (uint64_t(job.width) * uint64_t(job.height) > kMaxPixels) {
+    job.tooLarge = true;
+    png_error(png, "too large");
+  }
 
   png_charp name = nullptr;
   int compression = 0;
@@ -151,7 +155,7 @@ DecodedImage decodePng(Input bytes) {
       return nullptr;
     }
   };
-  if (bytes.size() < 8 || !decodeWithLibpng(job)) fail("libpng: damaged or truncated PNG");
+  if (bytes.size() < 8 || !decodeWithLibpng(job)) fail(job.tooLarge ? kTooLarge : "libpng: damaged or truncated PNG");
   DecodedImage& image = target.image;
   if (job.channels == 2)
     ColorConvert::expandGreyInPlace(image, 2, &target.icc);

@@ -12,7 +12,7 @@ void fail(const char* what) { throw ImageProcessingError::decodingFailed(what); 
 void checkSize(uint64_t width, uint64_t height) {
   if (width == 0 || height == 0) fail("empty picture");
   if (width > uint64_t(kMaxDimension) || height > uint64_t(kMaxDimension) || width * height > kMaxPixels)
-    fail("picture larger than the accepted maximum");
+    fail(kTooLarge);
 }
 
 DecodedImage allocateImage(int width, int height, int bitsPerComponent, AlphaInfo alpha) {

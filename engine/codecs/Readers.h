@@ -20,6 +20,9 @@ namespace quillane::codecs {
 using ImageService::Properties;
 using Input = std::span<const uint8_t>;
 
+// The internal message of a picture refused for its size.
+inline constexpr const char* kTooLarge = "picture larger than the accepted maximum";
+
 // Throws ImageProcessingError::decodingFailed naming the failing call.
 [[noreturn]] void fail(const char* what);
 // Throws when a stored size is zero or beyond kMaxDimension / kMaxPixels.

@@ -1,0 +1,118 @@
+// JPEG XL through libjxl. The decoder is told to keep the stored orientation, which is
+// reported so that the pipeline turns the picture once. Animations report their frame count
+// and decode their first (coalesced) frame.
+
+#include <jxl/decode.h>
+#include <jxl/decode_cxx.h>
+
+#include <vector>
+
+#include "engine/ColorConvert.h"
+#include "engine/codecs/Readers.h"
+
+namespace quillane::codecs {
+namespace {
+
+JxlDecoderPtr makeDecoder(Input bytes, int events) {
+  JxlDecoderPtr decoder = JxlDecoderMake(nullptr);
+  if (!decoder) fail("JxlDecoderCreate");
+  if (JxlDecoderSetKeepOrientation(decoder.get(), JXL_TRUE) != JXL_DEC_SUCCESS ||
+      JxlDecoderSubscribeEvents(decoder.get(), events) != JXL_DEC_SUCCESS ||
+      JxlDecoderSetInput(decoder.get(), bytes.data(), bytes.size()) != JXL_DEC_SUCCESS)
+    fail("JxlDecoderSetInput");
+  JxlDecoderCloseInput(decoder.get());
+  return decoder;
+}
+
+std::vector<uint8_t> iccProfile(JxlDecoder* decoder) {
+  size_t size = 0;
+  JxlPixelFormat unused{4, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
+  if (JxlDecoderGetICCProfileSize(decoder, &unused, JXL_COLOR_PROFILE_TARGET_DATA, &size) != JXL_DEC_SUCCESS ||
+      size == 0 || size > (64u << 20))
+    return {};
+  std::vector<uint8_t> icc(size);
+  if (JxlDecoderGetColorAsICCProfile(decoder, &unused, JXL_COLOR_PROFILE_TARGET_DATA, icc.data(), size) !=
+      JXL_DEC_SUCCESS)
+    return {};
+  return icc;
+}
+
+}  // namespace
+
+std::optional<Properties> jxlProperties(Input bytes) {
+  try {
+    JxlDecoderPtr decoder = makeDecoder(bytes, JXL_DEC_BASIC_INFO | JXL_DEC_FRAME);
+    std::optional<Properties> props;
+    bool animated = false;
+    int frames = 0;
+    for (;;) {
+      JxlDecoderStatus status = JxlDecoderProcessInput(decoder.get());
+      if (status == JXL_DEC_BASIC_INFO) {
+        JxlBasicInfo info;
+        if (JxlDecoderGetBasicInfo(decoder.get(), &info) != JXL_DEC_SUCCESS) return std::nullopt;
+        props = Properties{int(info.xsize), int(info.ysize), int(info.orientation), 1};
+        if (info.xsize == 0 || info.ysize == 0 || info.xsize > 0x7FFFFFFF || info.ysize > 0x7FFFFFFF) return std::nullopt;
+        animated = info.have_animation != 0;
+        if (!animated) return props;
+      } else if (status == JXL_DEC_FRAME) {
+        ++frames;  // frames are skipped, not decoded: no image buffer was asked for
+      } else {
+        // Success, or a damaged tail after the header: what was read stands.
+        if (props && animated) props->frameCount = std::max(1, frames);
+        return props;
+      }
+    }
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+DecodedImage decodeJxl(Input bytes) {
+  JxlDecoderPtr decoder = makeDecoder(bytes, JXL_DEC_BASIC_INFO | JXL_DEC_COLOR_ENCODING | JXL_DEC_FULL_IMAGE);
+  JxlBasicInfo info{};
+  bool haveInfo = false;
+  std::vector<uint8_t> icc;
+  DecodedImage image;
+  JxlPixelFormat format{4, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
+  for (;;) {
+    JxlDecoderStatus status = JxlDecoderProcessInput(decoder.get());
+    switch (status) {
+      case JXL_DEC_BASIC_INFO: {
+        if (JxlDecoderGetBasicInfo(decoder.get(), &info) != JXL_DEC_SUCCESS) fail("JxlDecoderGetBasicInfo");
+        checkSize(info.xsize, info.ysize);
+        haveInfo = true;
+        bool grey = info.num_color_channels == 1;
+        bool wide = info.bits_per_sample > 8;
+        format = {grey ? 2u : 4u, wide ? JXL_TYPE_UINT16 : JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
+        break;
+      }
+      case JXL_DEC_COLOR_ENCODING: icc = iccProfile(decoder.get()); break;
+      case JXL_DEC_NEED_IMAGE_OUT_BUFFER: {
+        if (!haveInfo) fail("JxlDecoderProcessInput: no basic info");
+        AlphaInfo alpha = info.alpha_bits == 0       ? AlphaInfo::none
+                          : info.alpha_premultiplied ? AlphaInfo::premultiplied
+                                                     : AlphaInfo::straight;
+        bool wide = format.data_type == JXL_TYPE_UINT16;
+        image = allocateImage(int(info.xsize), int(info.ysize), wide ? 16 : 8, alpha);
+        void* buffer = wide ? static_cast<void*>(image.pixels16.data()) : image.pixels8.data();
+        size_t capacity = image.pixelCount() * 4 * (wide ? 2 : 1);
+        size_t needed = 0;
+        if (JxlDecoderImageOutBufferSize(decoder.get(), &format, &needed) != JXL_DEC_SUCCESS || needed > capacity ||
+            JxlDecoderSetImageOutBuffer(decoder.get(), &format, buffer, needed) != JXL_DEC_SUCCESS)
+          fail("JxlDecoderSetImageOutBuffer");
+        break;
+      }
+      case JXL_DEC_FULL_IMAGE: {
+        if (image.empty()) fail("JxlDecoderProcessInput: no image");
+        if (format.num_channels == 2)
+          ColorConvert::expandGreyInPlace(image, 2, &icc);
+        else
+          image.colorSpace = ColorConvert::rgbSpace(std::move(icc));
+        return image;  // the first frame is all we need
+      }
+      default: fail("JxlDecoderProcessInput: damaged or truncated JPEG XL");
+    }
+  }
+}
+
+}  // namespace quillane::codecs
