@@ -82,6 +82,8 @@ class BatchViewModel : public QObject {
   Q_PROPERTY(quillane::ExportProfileList exportProfiles READ exportProfiles NOTIFY exportProfilesChanged)
 
  public:
+  // GUI thread only: every member below, unless it says otherwise.
+
   // The engine seams: encoding of a whole source file, and inspection of one path. Both are
   // called on pool threads and report failure by throwing (QuillaneError for a described one).
   using Encoder = std::function<std::vector<uint8_t>(std::span<const uint8_t> fileData, ImageFormat format,

@@ -19,7 +19,7 @@ TEST_F(ImportTest, RowsArriveInURLOrderWhateverFinishesFirst) {
   auto o = options();
   o.processorCount = 3;
   auto& model = makeModel(o);
-  inspector_.set(path("a.png"), {.delayMs = 300});
+  inspector_.set(path("a.png"), {.delayMs = 800});
   inspector_.set(path("c.png"), {.fail = true});
   const QList<QUrl> urls = {source("a.png"), source("b.png"), source("c.png"), source("d.png"),
                             QUrl::fromLocalFile(dir_.filePath("missing.png"))};
