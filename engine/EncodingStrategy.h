@@ -4,6 +4,7 @@
 // perceptual quality to a codec's. All pure functions, any thread.
 
 #include <array>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 
@@ -58,6 +59,11 @@ struct EncodingPlan {
 namespace ImageAnalyzer {
 // Samples at most about 1.2 million points, whatever the size.
 ImageCharacteristics analyze(const RGBABuffer& rgba);
+// The distance between samples, in both directions: max(1, ceil(sqrt(N / 1,200,000))).
+int samplingStep(uint64_t pixelCount);
+// The class from the measurements: the first of flatGraphic, screenText, illustration,
+// noisyPhoto whose rule holds, else photo. analyze() ends with it.
+ImageCharacteristics::ContentClass classify(const ImageCharacteristics& characteristics);
 }  // namespace ImageAnalyzer
 
 namespace QualityCalibration {

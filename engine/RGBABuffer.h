@@ -3,6 +3,7 @@
 // JPEG/HEIC/AVIF writers read. 16-bit sources are dithered down, not truncated.
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <vector>
 
@@ -29,6 +30,13 @@ struct RGBABuffer {
 
   // In place; returns whether any alpha was below 255. Exposed for tests.
   static bool unpremultiply(std::vector<uint8_t>& bytes);
+
+  // True for a picture of more than 8 bits a sample and at most kDitherPixelLimit pixels:
+  // those are dithered down; larger ones are rounded to the nearest 8-bit level.
+  static bool takesDitheredRoute(const DecodedImage& image);
+  // A 16-bit picture converted by the route given, whatever its size: the constructor's
+  // choice made by hand, so that both routes can be tested on small pictures.
+  static RGBABuffer convert16(const DecodedImage& image, bool dithered);
 };
 
 }  // namespace quillane

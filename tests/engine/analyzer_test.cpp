@@ -1,0 +1,237 @@
+#include <gtest/gtest.h>
+
+#include <array>
+
+#include "engine/EncodingStrategy.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane {
+namespace {
+
+using ContentClass = ImageCharacteristics::ContentClass;
+using Color = std::array<uint8_t, 3>;
+
+RGBABuffer solid(int width, int height, Color color, uint8_t alpha = 255) {
+  RGBABuffer buffer;
+  buffer.width = width;
+  buffer.height = height;
+  buffer.pixels.resize(size_t(width) * size_t(height) * 4);
+  for (size_t i = 0; i < buffer.pixels.size(); i += 4) {
+    buffer.pixels[i] = color[0], buffer.pixels[i + 1] = color[1], buffer.pixels[i + 2] = color[2];
+    buffer.pixels[i + 3] = alpha;
+  }
+  return buffer;
+}
+
+void set(RGBABuffer& buffer, int x, int y, Color color, uint8_t alpha = 255) {
+  uint8_t* p = &buffer.pixels[(size_t(y) * size_t(buffer.width) + size_t(x)) * 4];
+  p[0] = color[0], p[1] = color[1], p[2] = color[2], p[3] = alpha;
+}
+
+double luma(Color c) { return 0.299 * c[0] + 0.587 * c[1] + 0.114 * c[2]; }
+
+// ---- Small pictures and sampling ----
+
+TEST(ImageAnalyzerSampling, PicturesUnderThreePixelsAreFlatGraphics) {
+  RGBABuffer tiny = solid(2, 2, {0, 0, 0});
+  set(tiny, 1, 1, {255, 255, 255}, 0);
+  tiny.hasAlpha = true;
+  const ImageCharacteristics c = ImageAnalyzer::analyze(tiny);
+  EXPECT_EQ(c.contentClass, ContentClass::flatGraphic);
+  EXPECT_EQ(c.distinctColorCount, 1);
+  EXPECT_EQ(c.flatFraction, 1.0);
+  EXPECT_EQ(c.width, 2);
+  EXPECT_TRUE(c.hasAlpha);
+  EXPECT_FALSE(c.hasPartialAlpha);
+}
+
+TEST(ImageAnalyzerSampling, ThreeByThreeHasOneSampleTheCentre) {
+  RGBABuffer buffer = solid(3, 3, {0, 0, 0});
+  for (int i = 0; i < 9; ++i) set(buffer, i % 3, i / 3, {uint8_t(i * 30), 7, 7}, i == 4 ? 255 : 128);
+  const ImageCharacteristics c = ImageAnalyzer::analyze(buffer);
+  EXPECT_EQ(c.distinctColorCount, 1);
+  EXPECT_FALSE(c.hasPartialAlpha) << "the border's partial alpha is never sampled";
+  EXPECT_EQ(c.edgeFraction, 1.0);
+}
+
+TEST(ImageAnalyzerSampling, StepGrowsWithTheSquareRootOfThePixelCount) {
+  EXPECT_EQ(ImageAnalyzer::samplingStep(9), 1);
+  EXPECT_EQ(ImageAnalyzer::samplingStep(1'200'000), 1);
+  EXPECT_EQ(ImageAnalyzer::samplingStep(1'200'001), 2);
+  EXPECT_EQ(ImageAnalyzer::samplingStep(4'800'000), 2);
+  EXPECT_EQ(ImageAnalyzer::samplingStep(4'800'001), 3);
+  EXPECT_EQ(ImageAnalyzer::samplingStep(12'000'000), 4);
+  EXPECT_EQ(ImageAnalyzer::samplingStep(100'000'000), 10);
+}
+
+TEST(ImageAnalyzerSampling, StepTwoSeesOnlyOddRowsAndColumns) {
+  // 1096 x 1095 = 1,200,120 pixels: step 2, samples at 1, 3, 5... A step of 1 or 3 would
+  // also land on the even pixels, which have another colour.
+  RGBABuffer buffer = solid(1096, 1095, {200, 0, 0});
+  for (int y = 1; y < 1095; y += 2)
+    for (int x = 1; x < 1096; x += 2) set(buffer, x, y, {0, 0, 200});
+  const ImageCharacteristics c = ImageAnalyzer::analyze(buffer);
+  EXPECT_EQ(c.distinctColorCount, 1);
+  EXPECT_EQ(c.flatFraction, 0.0);
+}
+
+TEST(ImageAnalyzerSampling, PartialAlphaIsAnyAlphaBesidesZeroAndFull) {
+  RGBABuffer buffer = solid(5, 5, {9, 9, 9});
+  set(buffer, 1, 1, {9, 9, 9}, 0);
+  EXPECT_FALSE(ImageAnalyzer::analyze(buffer).hasPartialAlpha);
+  set(buffer, 3, 2, {9, 9, 9}, 1);
+  EXPECT_TRUE(ImageAnalyzer::analyze(buffer).hasPartialAlpha);
+}
+
+// ---- Luma steps: a 3 by 3 picture whose centre differs from its ring by exactly g ----
+
+struct StepCase {
+  const char* name;
+  Color centre, ring;
+  bool flat, edge, gradient;
+};
+
+class ImageAnalyzerLumaStep : public ::testing::TestWithParam<StepCase> {};
+
+TEST_P(ImageAnalyzerLumaStep, ClassifiesTheSample) {
+  const StepCase& k = GetParam();
+  RGBABuffer buffer = solid(3, 3, k.ring);
+  set(buffer, 1, 1, k.centre);
+  const double g = std::abs(luma(k.centre) - luma(k.ring));
+  const ImageCharacteristics c = ImageAnalyzer::analyze(buffer);
+  EXPECT_EQ(c.flatFraction, k.flat ? 1.0 : 0.0);
+  EXPECT_EQ(c.edgeFraction, k.edge ? 1.0 : 0.0);
+  EXPECT_EQ(c.gradientFraction, k.gradient ? 1.0 : 0.0);
+  // An edge adds nothing to the noise; otherwise the Laplacian is 4g.
+  EXPECT_NEAR(c.noiseLevel, k.edge ? 0.0 : 4 * g, 1e-9);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Thresholds, ImageAnalyzerLumaStep,
+    ::testing::Values(StepCase{"same", {50, 60, 70}, {50, 60, 70}, true, false, false},
+                      // Colours whose lumas differ by 0.5, 4.0 and 24.0 exactly in double.
+                      StepCase{"exactlyHalf", {8, 0, 4}, {0, 4, 0}, false, false, true},
+                      StepCase{"justBelowHalf", {0, 0, 4}, {0, 0, 0}, false, false, false},
+                      StepCase{"exactlyFour", {4, 4, 5}, {0, 0, 1}, false, false, true},
+                      StepCase{"justAboveFour", {0, 0, 36}, {0, 0, 0}, false, false, false},
+                      StepCase{"justBelowEdge", {0, 0, 210}, {0, 0, 0}, false, false, false},
+                      StepCase{"exactlyEdge", {13, 23, 58}, {0, 0, 0}, false, true, false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ImageAnalyzerLumaStep, TestColoursHitTheThresholdsExactly) {
+  EXPECT_EQ(luma({8, 0, 4}) - luma({0, 4, 0}), 0.5);
+  EXPECT_EQ(luma({4, 4, 5}) - luma({0, 0, 1}), 4.0);
+  EXPECT_EQ(luma({13, 23, 58}), 24.0);
+}
+
+// ---- Colour counting ----
+
+// A 500 x 500 black picture with `dots` single pixels of distinct colours on a grid of
+// sample positions, three apart: mostly flat, with hard edges around each dot.
+RGBABuffer dottedPicture(int dots) {
+  RGBABuffer buffer = solid(500, 500, {0, 0, 0});
+  for (int i = 0; i < dots; ++i) {
+    const int x = 1 + 3 * (i % 166), y = 1 + 3 * (i / 166);
+    set(buffer, x, y, {uint8_t(i % 256), uint8_t(40 + i / 256), 200});
+  }
+  return buffer;
+}
+
+struct ColorCase {
+  int distinct;  // black included
+  int counted;
+  bool saturated;
+  ContentClass expected;
+};
+
+class ImageAnalyzerColors : public ::testing::TestWithParam<ColorCase> {};
+
+TEST_P(ImageAnalyzerColors, CountsUpToSaturation) {
+  const ColorCase& k = GetParam();
+  const ImageCharacteristics c = ImageAnalyzer::analyze(dottedPicture(k.distinct - 1));
+  EXPECT_EQ(c.distinctColorCount, k.counted);
+  EXPECT_EQ(c.colorCountSaturated, k.saturated);
+  EXPECT_GT(c.flatFraction, 0.7);
+  EXPECT_EQ(c.contentClass, k.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Boundaries, ImageAnalyzerColors,
+                         ::testing::Values(ColorCase{4096, 4096, false, ContentClass::flatGraphic},
+                                           ColorCase{4097, 4097, false, ContentClass::screenText},
+                                           ColorCase{16383, 16383, false, ContentClass::screenText},
+                                           ColorCase{16384, 16384, true, ContentClass::screenText},
+                                           ColorCase{20000, 16384, true, ContentClass::screenText}));
+
+// ---- Flat fraction at the flatGraphic boundary ----
+
+// 102 x 3: the one sample row y = 1 holds 100 samples, and the last row repeats it, so a
+// sample is flat exactly when its right neighbour has the same colour.
+RGBABuffer runPicture(int flatSamples) {
+  RGBABuffer buffer = solid(102, 3, {0, 0, 0});
+  for (int x = flatSamples + 2; x < 102; ++x) {
+    const Color c = x % 2 ? Color{255, 255, 255} : Color{90, 90, 90};
+    set(buffer, x, 1, c);
+    set(buffer, x, 2, c);
+  }
+  return buffer;
+}
+
+TEST(ImageAnalyzerFlatFraction, FortyFiveHundredthsIsNotAFlatGraphic) {
+  ImageCharacteristics c = ImageAnalyzer::analyze(runPicture(45));
+  EXPECT_EQ(c.flatFraction, 0.45);
+  EXPECT_EQ(c.contentClass, ContentClass::screenText);
+  c = ImageAnalyzer::analyze(runPicture(46));
+  EXPECT_EQ(c.flatFraction, 0.46);
+  EXPECT_EQ(c.contentClass, ContentClass::flatGraphic);
+}
+
+// ---- Class rules, in order ----
+
+struct RuleCase {
+  const char* name;
+  bool saturated;
+  int colors;
+  double flat, edge, noise;
+  ContentClass expected;
+};
+
+class ImageAnalyzerClassRules : public ::testing::TestWithParam<RuleCase> {};
+
+TEST_P(ImageAnalyzerClassRules, FirstRuleThatHoldsWins) {
+  const RuleCase& k = GetParam();
+  ImageCharacteristics c;
+  c.colorCountSaturated = k.saturated;
+  c.distinctColorCount = k.colors;
+  c.flatFraction = k.flat;
+  c.edgeFraction = k.edge;
+  c.noiseLevel = k.noise;
+  EXPECT_EQ(ImageAnalyzer::classify(c), k.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rules, ImageAnalyzerClassRules,
+    ::testing::Values(RuleCase{"flatBeatsScreen", false, 4096, 0.46, 0.5, 20, ContentClass::flatGraphic},
+                      RuleCase{"saturatedNeverFlat", true, 16384, 0.9, 0, 0, ContentClass::photo},
+                      RuleCase{"screen", false, 5000, 0.351, 0.011, 20, ContentClass::screenText},
+                      RuleCase{"screenNeedsFlatAbove35", false, 5000, 0.35, 0.5, 9, ContentClass::noisyPhoto},
+                      RuleCase{"screenNeedsEdgeAbove1", false, 5000, 0.5, 0.01, 2.9, ContentClass::illustration},
+                      RuleCase{"illustration", false, 9000, 0.081, 0, 2.99, ContentClass::illustration},
+                      RuleCase{"illustrationNeedsNoiseBelow3", false, 9000, 0.2, 0, 3.0, ContentClass::photo},
+                      RuleCase{"illustrationNeedsFlatAbove8", false, 9000, 0.08, 0, 0, ContentClass::photo},
+                      RuleCase{"illustrationNeedsUnsaturated", true, 16384, 0.3, 0, 0, ContentClass::photo},
+                      RuleCase{"noisy", true, 16384, 0, 0, 8.01, ContentClass::noisyPhoto},
+                      RuleCase{"noisyNeedsAbove8", true, 16384, 0, 0, 8.0, ContentClass::photo}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ImageAnalyzerClassRules, GeneratedPicturesLandInTheirClasses) {
+  using testing::Pattern;
+  EXPECT_EQ(ImageAnalyzer::analyze(testing::makeBuffer(400, 300, Pattern::flatLogo)).contentClass,
+            ContentClass::flatGraphic);
+  EXPECT_EQ(ImageAnalyzer::analyze(testing::makeBuffer(400, 300, Pattern::noisyPhoto)).contentClass,
+            ContentClass::noisyPhoto);
+  const ImageCharacteristics photo = ImageAnalyzer::analyze(testing::makeBuffer(400, 300, Pattern::photo));
+  EXPECT_EQ(photo.contentClass, ContentClass::photo) << photo.noiseLevel << " " << photo.flatFraction;
+}
+
+}  // namespace
+}  // namespace quillane
