@@ -29,7 +29,9 @@ bool fillRandom(char* out, size_t length) {
 }  // namespace
 
 std::unique_ptr<QSettings> store() {
-  return std::make_unique<QSettings>(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Quillane"),
+  // On Linux the native format is INI; unlike IniFormat, whose files end in ".ini", it names
+  // the file Quillane.conf.
+  return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Quillane"),
                                      QStringLiteral("Quillane"));
 }
 
