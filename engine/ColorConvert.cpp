@@ -107,7 +107,10 @@ void cmykToRGBInPlace(DecodedImage& image, bool inverted, const std::vector<uint
   const size_t count = image.pixelCount();
   ProfilePtr cmyk = openProfile(profile, cmsSigCmykData);
   TransformPtr transform;
-  if (cmyk) transform = transformToSRGB(cmyk.get(), inverted ? TYPE_CMYK_8_REV : TYPE_CMYK_8, TYPE_RGBA_8, 0);
+  // lcms2 precomputes a four-dimensional grid for CMYK input, which costs about 50 ms: worth
+  // it for a photo, not for a small picture, which is evaluated directly.
+  cmsUInt32Number flags = count < (1u << 20) ? cmsFLAGS_NOOPTIMIZE : 0;
+  if (cmyk) transform = transformToSRGB(cmyk.get(), inverted ? TYPE_CMYK_8_REV : TYPE_CMYK_8, TYPE_RGBA_8, flags);
   if (transform) {
     std::vector<uint8_t> row(size_t(image.width) * 4);
     for (int y = 0; y < image.height; ++y) {

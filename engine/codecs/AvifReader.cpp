@@ -29,6 +29,8 @@ AvifDecoderPtr parse(Input bytes) {
   decoder->imageSizeLimit = uint32_t(std::min<uint64_t>(kMaxPixels, AVIF_DEFAULT_IMAGE_SIZE_LIMIT));
   decoder->imageDimensionLimit = uint32_t(kMaxDimension);
   decoder->maxThreads = 1;
+  // dav1d logs damaged data to stderr and libavif gives no way to silence it; aom is quiet.
+  decoder->codecChoice = AVIF_CODEC_CHOICE_AOM;
   // Real-world files often lack boxes the strict reading insists on (pixi, clap rules).
   decoder->strictFlags = AVIF_STRICT_DISABLED;
   decoder->ignoreExif = AVIF_TRUE;  // the orientation comes from irot/imir, never from EXIF

@@ -108,8 +108,12 @@ bool decodeWithLibjpeg(JpegJob& job) {
       job.exifFound(job.context, m->data, m->data_length);
       break;
     }
+  // Huffman coding spends at least two bits on every 8x8 block, so no real file holds more
+  // than 256 pixels a byte; far above that (32 times), the header is damaged or hostile, and
+  // refusing it saves allocating and filling a picture that the data can't cover.
+  uint64_t area = uint64_t(job.width) * uint64_t(job.height);
   job.tooLarge = uint64_t(job.width) > uint64_t(kMaxDimension) || uint64_t(job.height) > uint64_t(kMaxDimension) ||
-                 uint64_t(job.width) * uint64_t(job.height) > kMaxPixels;
+                 area > kMaxPixels || area / 8192 > job.size;
   if (job.headerOnly || job.tooLarge) {
     jpeg_destroy_decompress(&cinfo);
     return job.headerOnly;

@@ -5,6 +5,11 @@
 #include <jxl/decode.h>
 #include <jxl/decode_cxx.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <mutex>
 #include <vector>
 
 #include "engine/ColorConvert.h"
@@ -13,6 +18,42 @@
 namespace quillane::codecs {
 namespace {
 
+// libjxl 0.7 as Debian builds it prints every internal failure to stderr, and damaged files
+// must not print anything. While any JPEG XL read runs, file descriptor 2 points at
+// /dev/null; the last reader out puts it back. Whatever another thread writes to stderr in
+// that window is lost, which is acceptable for a program that keeps no log.
+class QuietStderr {
+ public:
+  QuietStderr() {
+    std::lock_guard lock(mutex_);
+    if (depth_++ > 0) return;
+    std::fflush(stderr);
+    saved_ = ::fcntl(2, F_DUPFD_CLOEXEC, 3);
+    int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (null >= 0) {
+      ::dup2(null, 2);
+      ::close(null);
+    }
+  }
+  ~QuietStderr() {
+    std::lock_guard lock(mutex_);
+    if (--depth_ > 0) return;
+    std::fflush(stderr);
+    if (saved_ >= 0) {
+      ::dup2(saved_, 2);
+      ::close(saved_);
+      saved_ = -1;
+    }
+  }
+  QuietStderr(const QuietStderr&) = delete;
+  QuietStderr& operator=(const QuietStderr&) = delete;
+
+ private:
+  static inline std::mutex mutex_;
+  static inline int depth_ = 0;
+  static inline int saved_ = -1;
+};
+
 JxlDecoderPtr makeDecoder(Input bytes, int events) {
   JxlDecoderPtr decoder = JxlDecoderMake(nullptr);
   if (!decoder) fail("JxlDecoderCreate");
@@ -20,7 +61,8 @@ JxlDecoderPtr makeDecoder(Input bytes, int events) {
       JxlDecoderSubscribeEvents(decoder.get(), events) != JXL_DEC_SUCCESS ||
       JxlDecoderSetInput(decoder.get(), bytes.data(), bytes.size()) != JXL_DEC_SUCCESS)
     fail("JxlDecoderSetInput");
-  JxlDecoderCloseInput(decoder.get());
+  // The input is deliberately left open: libjxl 0.7 prints an error to stderr when a closed
+  // input runs out, while an open one just asks for more, which is taken as truncation.
   return decoder;
 }
 
@@ -40,6 +82,7 @@ std::vector<uint8_t> iccProfile(JxlDecoder* decoder) {
 }  // namespace
 
 std::optional<Properties> jxlProperties(Input bytes) {
+  QuietStderr quiet;
   try {
     JxlDecoderPtr decoder = makeDecoder(bytes, JXL_DEC_BASIC_INFO | JXL_DEC_FRAME);
     std::optional<Properties> props;
@@ -68,6 +111,7 @@ std::optional<Properties> jxlProperties(Input bytes) {
 }
 
 DecodedImage decodeJxl(Input bytes) {
+  QuietStderr quiet;
   JxlDecoderPtr decoder = makeDecoder(bytes, JXL_DEC_BASIC_INFO | JXL_DEC_COLOR_ENCODING | JXL_DEC_FULL_IMAGE);
   JxlBasicInfo info{};
   bool haveInfo = false;

@@ -1,0 +1,140 @@
+// Bad input: truncated, corrupted, empty and oversized files of every format fail with
+// decodingFailed (or decode), never crash, hang, print or allocate what the header claims.
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <cstring>
+#include <random>
+
+#include "engine/Errors.h"
+#include "engine/ImageDecoder.h"
+#include "engine/ImageService.h"
+#include "engine/codecs/Readers.h"
+#include "tests/support/CodecFixtures.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane {
+namespace {
+
+using fixtures::Bytes;
+
+struct Sample {
+  const char* name;
+  Bytes (*make)();
+};
+
+DecodedImage picture() { return testing::makeImage(40, 28, testing::Pattern::photo, 7, true); }
+
+const Sample kSamples[] = {
+    {"jpeg", [] { return fixtures::jpeg(picture(), {.orientation = 6, .icc = fixtures::displayP3ICC()}); }},
+    {"cmyk_jpeg", [] { return fixtures::cmykJpeg(8, 8, Bytes(8 * 8 * 4, 60), fixtures::cmykICC()); }},
+    {"png", [] { return fixtures::png(picture(), {.icc = fixtures::displayP3ICC(), .orientation = 3}); }},
+    {"png16", [] { return fixtures::png(fixtures::quadrants(20, 10, 16, true)); }},
+    {"webp", [] { return fixtures::webp(picture(), {.icc = fixtures::displayP3ICC(), .orientation = 8}); }},
+    {"webp_anim", [] { return fixtures::animatedWebp({picture(), fixtures::quadrants(40, 28)}); }},
+    {"heic", [] { return fixtures::heic(picture(), {.quality = 50}); }},
+    {"avif", [] { return fixtures::avif(picture(), {.quantizer = 30, .irotAngle = 1}); }},
+    {"jxl", [] { return fixtures::jxl(picture(), {.orientation = 5}); }},
+    {"jxl_lossy_anim", [] { return fixtures::jxl(picture(), {.lossless = false, .frames = 2}); }},
+};
+
+// Runs every reading entry point on `bytes`. Only decodingFailed may escape.
+void readEverything(std::span<const uint8_t> bytes, const std::string& what) {
+  try {
+    auto decoded = ImageDecoder::decodeCGImageSource(bytes);
+    EXPECT_FALSE(decoded.image.empty()) << what;
+  } catch (const ImageProcessingError& e) {
+    EXPECT_EQ(e.kind(), ImageProcessingError::Kind::decodingFailed) << what;
+  } catch (const std::exception& e) {
+    ADD_FAILURE() << what << ": unexpected " << e.what();
+  }
+  ImageService::properties(bytes);
+  auto thumb = ImageService::thumbnail(bytes, 16);
+  if (thumb) {
+    EXPECT_LE(std::max(thumb->width, thumb->height), 16) << what;
+  }
+}
+
+class DamagedFiles : public ::testing::TestWithParam<Sample> {};
+
+TEST_P(DamagedFiles, TruncationAndFlippedBytesOnlyEverFailCleanly) {
+  const Bytes file = GetParam().make();
+  ASSERT_NO_THROW(ImageDecoder::decodeCGImageSource(file));
+  ::testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStdout();
+
+  // Cuts: every byte of the first 64 (headers), then 40 places spread over the rest.
+  std::vector<size_t> cuts;
+  for (size_t n = 0; n < std::min<size_t>(64, file.size()); ++n) cuts.push_back(n);
+  for (int i = 1; i < 40; ++i) cuts.push_back(file.size() * size_t(i) / 40);
+  cuts.push_back(file.size() - 1);
+  for (size_t n : cuts) {
+    Bytes cut(file.begin(), file.begin() + std::ptrdiff_t(n));
+    readEverything(cut, std::string(GetParam().name) + " cut at " + std::to_string(n));
+  }
+
+  // Flips: single bytes and short runs, in the header and in the coded data.
+  std::mt19937 rng(12345);
+  for (int i = 0; i < 120; ++i) {
+    Bytes damaged = file;
+    size_t at = i < 40 ? rng() % std::min<size_t>(file.size(), 200) : rng() % file.size();
+    size_t run = 1 + rng() % (i % 3 == 0 ? 8 : 1);
+    for (size_t k = at; k < std::min(damaged.size(), at + run); ++k) damaged[k] ^= uint8_t(1 + rng() % 255);
+    readEverything(damaged, std::string(GetParam().name) + " flipped at " + std::to_string(at));
+  }
+
+  std::string out = ::testing::internal::GetCapturedStdout();
+  std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(out, "");
+  EXPECT_EQ(err, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryFormat, DamagedFiles, ::testing::ValuesIn(kSamples),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+void expectRefusedForSize(const Bytes& file) {
+  try {
+    ImageService::decodeFirstFrame(file);
+    FAIL() << "decoded a picture beyond the limits";
+  } catch (const ImageProcessingError& e) {
+    EXPECT_EQ(e.kind(), ImageProcessingError::Kind::decodingFailed);
+    // Refused from the header, not by a failed allocation.
+    EXPECT_STREQ(e.what(), codecs::kTooLarge);
+  }
+  EXPECT_FALSE(ImageService::thumbnail(file, 256));
+}
+
+TEST(OversizedHeaders, AreRefusedBeforeAnyPixelMemory) {
+  Bytes png = fixtures::png(fixtures::quadrants(8, 8));
+  const uint8_t huge[8] = {0, 1, 0x86, 0xA0, 0, 1, 0x86, 0xA0};  // 100000 x 100000
+  std::memcpy(&png[16], huge, 8);
+  uint32_t crc = uint32_t(crc32(0, &png[12], 17));
+  for (int i = 0; i < 4; ++i) png[29 + size_t(i)] = uint8_t(crc >> (24 - 8 * i));
+  expectRefusedForSize(png);
+  EXPECT_EQ(ImageService::properties(png)->width, 100000);  // the header itself is readable
+
+  Bytes jpeg = fixtures::jpeg(fixtures::quadrants(8, 8));
+  for (size_t i = 2; i + 9 < jpeg.size(); ++i)
+    if (jpeg[i] == 0xFF && jpeg[i + 1] == 0xC0) {  // SOF0: length, precision, height, width
+      // 60000 x 60000: within libjpeg's own limit of 65500, far beyond ours.
+      jpeg[i + 5] = jpeg[i + 7] = 0xEA;
+      jpeg[i + 6] = jpeg[i + 8] = 0x60;
+      break;
+    }
+  expectRefusedForSize(jpeg);
+}
+
+TEST(EmptyInput, FailsEverywhere) {
+  const Bytes empty;
+  EXPECT_THROW(ImageDecoder::decodeCGImageSource(empty), ImageProcessingError);
+  EXPECT_FALSE(ImageService::properties(empty));
+  EXPECT_FALSE(ImageDecoder::loadPreview(empty, 64));
+  testing::TempDir dir;
+  testing::writeBytes(dir.file("empty.jpg"), empty);
+  EXPECT_THROW(ImageDecoder::inspect(dir.file("empty.jpg")), ImageProcessingError);
+  EXPECT_EQ(ImageDecoder::fileSize(dir.file("empty.jpg")), 0);
+}
+
+}  // namespace
+}  // namespace quillane
