@@ -1,0 +1,105 @@
+// Downscaling, the irot/imir to EXIF mapping and EXIF parsing.
+
+#include <gtest/gtest.h>
+
+#include "engine/Exif.h"
+#include "engine/Resample.h"
+#include "engine/codecs/Readers.h"
+#include "tests/support/CodecFixtures.h"
+
+namespace quillane {
+namespace {
+
+DecodedImage numbered(int w, int h) {
+  DecodedImage image;
+  image.width = w, image.height = h;
+  image.alpha = AlphaInfo::straight;
+  for (int i = 0; i < w * h; ++i) image.pixels8.insert(image.pixels8.end(), {uint8_t(4 * i), uint8_t(8 * i), 0, 255});
+  return image;
+}
+
+TEST(Downscale, AveragesTheAreaEachNewPixelCovers) {
+  // 4 x 2 to 2 x 1: each output is the mean of a 2 x 2 block.
+  DecodedImage image = numbered(4, 2);  // red 0, 4, ... 28 row-major
+  auto out = Resample::fitWithin(image, 2);
+  ASSERT_EQ(out.width, 2);
+  ASSERT_EQ(out.height, 1);
+  EXPECT_EQ(out.pixels8[0], 10);  // (0 + 4 + 16 + 20) / 4
+  EXPECT_EQ(out.pixels8[4], 18);  // (8 + 12 + 24 + 28) / 4
+  EXPECT_EQ(out.pixels8[5], 36);  // green, twice red
+  EXPECT_EQ(out.pixels8[7], 255);
+
+  // 3 to 2 in one dimension: the middle pixel is shared half and half.
+  DecodedImage three = numbered(3, 1);
+  three.pixels8 = {0, 0, 0, 255, 90, 0, 0, 255, 180, 0, 0, 255};
+  auto two = Resample::fitWithin(three, 2);
+  ASSERT_EQ(two.width, 2);
+  EXPECT_EQ(two.pixels8[0], 30);   // (0 * 1 + 90 * 0.5) / 1.5
+  EXPECT_EQ(two.pixels8[4], 150);  // (90 * 0.5 + 180) / 1.5
+}
+
+TEST(Downscale, KeepsAspectAndDepthRules) {
+  auto wide = Resample::fitWithin(fixtures::quadrants(1000, 10, 16), 256);
+  EXPECT_EQ(wide.width, 256);
+  EXPECT_EQ(wide.height, 3);
+  EXPECT_EQ(wide.bitsPerComponent, 8);
+  auto tiny = Resample::fitWithin(fixtures::quadrants(1000, 1), 10);
+  EXPECT_EQ(tiny.height, 1);  // never rounds a side down to nothing
+  auto same = Resample::fitWithin(fixtures::quadrants(10, 10, 16), 256);
+  EXPECT_EQ(same.width, 10);
+  EXPECT_EQ(same.pixels8[0], 255);  // 65535 -> 255
+  EXPECT_EQ(same.pixels8[1], 0);
+}
+
+// Independent turns and mirrors, to check the irot/imir table against.
+DecodedImage turnAnticlockwise(const DecodedImage& in) {
+  DecodedImage out = in;
+  out.width = in.height, out.height = in.width;
+  for (int y = 0; y < out.height; ++y)
+    for (int x = 0; x < out.width; ++x)
+      for (int c = 0; c < 4; ++c)
+        out.pixels8[(size_t(y) * size_t(out.width) + size_t(x)) * 4 + size_t(c)] =
+            in.pixels8[(size_t(x) * size_t(in.width) + size_t(in.width - 1 - y)) * 4 + size_t(c)];
+  return out;
+}
+DecodedImage mirror(const DecodedImage& in, bool leftRight) {
+  DecodedImage out = in;
+  for (int y = 0; y < in.height; ++y)
+    for (int x = 0; x < in.width; ++x) {
+      int sx = leftRight ? in.width - 1 - x : x, sy = leftRight ? y : in.height - 1 - y;
+      for (int c = 0; c < 4; ++c)
+        out.pixels8[(size_t(y) * size_t(in.width) + size_t(x)) * 4 + size_t(c)] =
+            in.pixels8[(size_t(sy) * size_t(in.width) + size_t(sx)) * 4 + size_t(c)];
+    }
+  return out;
+}
+
+TEST(RotationMirror, EveryCombinationMatchesTheEquivalentExifOrientation) {
+  const DecodedImage source = numbered(5, 3);
+  for (int turns = 0; turns < 4; ++turns)
+    for (int mode = -1; mode <= 1; ++mode) {
+      DecodedImage expected = source;
+      for (int t = 0; t < turns; ++t) expected = turnAnticlockwise(expected);
+      if (mode >= 0) expected = mirror(expected, mode == 1);
+      int orientation = codecs::orientationFromRotationMirror(turns, mode);
+      DecodedImage got = orientation == 1 ? source : Resample::orient(source, orientation);
+      EXPECT_EQ(got.width, expected.width) << turns << "/" << mode;
+      EXPECT_EQ(got.pixels8, expected.pixels8) << "turns " << turns << ", mirror " << mode;
+    }
+}
+
+TEST(Exif, ReadsBothByteOrdersAndRejectsNonsense) {
+  EXPECT_EQ(Exif::orientation(fixtures::exifBlock(6)), 6);
+  EXPECT_EQ(Exif::orientation(fixtures::exifBlock(8, true)), 8);
+  const uint8_t bigEndian[] = {'M', 'M', 0, 0x2A, 0, 0, 0, 8, 0, 1, 0x01, 0x12, 0, 3, 0, 0, 0, 1, 0, 3, 0, 0, 0, 0, 0, 0};
+  EXPECT_EQ(Exif::orientation(bigEndian), 3);
+  EXPECT_FALSE(Exif::orientation(fixtures::exifBlock(0)));
+  EXPECT_FALSE(Exif::orientation(fixtures::exifBlock(9)));
+  fixtures::Bytes truncated = fixtures::exifBlock(6);
+  truncated.resize(12);
+  EXPECT_FALSE(Exif::orientation(truncated));
+  EXPECT_FALSE(Exif::orientation(fixtures::Bytes(40, 0xFF)));
+}
+
+}  // namespace
+}  // namespace quillane
