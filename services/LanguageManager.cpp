@@ -1,0 +1,121 @@
+#include "services/LanguageManager.h"
+
+#include "engine/Localization.h"
+#include "services/StringTables.h"
+#include "services/UserDefaults.h"
+
+#include <QCoreApplication>
+#include <QLocale>
+#include <QProcess>
+#include <QSet>
+
+namespace quillane {
+
+namespace {
+
+const QString kAppleLanguagesKey = QStringLiteral("AppleLanguages");
+const char* const kTestHostVariable = "XCTestConfigurationFilePath";
+
+QStringList storedLanguages() { return UserDefaults::store()->value(kAppleLanguagesKey).toStringList(); }
+
+// The table of this run: the first language of the list in force that a table serves.
+AppLanguage resolveActiveLanguage(const QStringList& stored, const QStringList& system) {
+  const QStringList& candidates = stored.isEmpty() ? system : stored;
+  for (const QString& tag : candidates)
+    if (std::optional<AppLanguage> match = AppLanguages::bestMatch(tag)) return *match;
+  return AppLanguage::enUS;
+}
+
+}  // namespace
+
+LanguageManager::Platform LanguageManager::systemPlatform() {
+  Platform platform;
+  platform.preferredLanguages = QLocale::system().uiLanguages();
+  platform.startDetached = [](const QString& program) { return QProcess::startDetached(program, {}); };
+  platform.quit = [] {
+    // Queued, so that the caller's slot returns before the event loop is left.
+    QMetaObject::invokeMethod(QCoreApplication::instance(), [] { QCoreApplication::quit(); },
+                              Qt::QueuedConnection);
+  };
+  return platform;
+}
+
+LanguageManager& LanguageManager::shared() {
+  static LanguageManager* instance = [] {
+    auto* manager = new LanguageManager(systemPlatform());
+    manager->installLookup();
+    return manager;
+  }();
+  return *instance;
+}
+
+LanguageManager::LanguageManager(Platform platform, QObject* parent)
+    : QObject(parent), platform_(std::move(platform)) {
+  activeLanguage_ = resolveActiveLanguage(storedLanguages(), platform_.preferredLanguages);
+
+  if (std::optional<AppLanguage> override = currentOverride()) {
+    selectedLanguage_ = override;
+    return;
+  }
+  // Under a test host the settings file is left alone.
+  if (qEnvironmentVariableIsSet(kTestHostVariable)) return;
+  if (systemLanguageIsUnsupported()) {
+    // Takes effect at the next launch; this run keeps the table resolved above.
+    selectedLanguage_ = AppLanguage::enUS;
+    persist(AppLanguage::enUS);
+  }
+}
+
+void LanguageManager::setSelectedLanguage(std::optional<AppLanguage> language) {
+  if (selectedLanguage_ == language) return;
+  selectedLanguage_ = language;
+  emit selectedLanguageChanged();
+}
+
+void LanguageManager::installLookup() const { Localization::setLookup(StringTables::lookupFor(activeLanguage_)); }
+
+std::optional<AppLanguage> LanguageManager::currentOverride() {
+  QStringList stored = storedLanguages();
+  if (stored.isEmpty()) return std::nullopt;
+  return AppLanguages::fromRawValue(stored.front());
+}
+
+bool LanguageManager::systemLanguageIsUnsupported() const {
+  QSet<QString> supported;
+  for (AppLanguage language : AppLanguages::allCases())
+    if (std::optional<QString> code = AppLanguages::languageCode(AppLanguages::rawValue(language)))
+      supported.insert(*code);
+  if (platform_.preferredLanguages.isEmpty()) return true;
+  std::optional<QString> code = AppLanguages::languageCode(platform_.preferredLanguages.front());
+  return !code || !supported.contains(*code);
+}
+
+void LanguageManager::persist(std::optional<AppLanguage> language) {
+  auto settings = UserDefaults::store();
+  if (language)
+    settings->setValue(kAppleLanguagesKey, QStringList{AppLanguages::rawValue(*language)});
+  else
+    settings->remove(kAppleLanguagesKey);
+  UserDefaults::save(*settings);
+}
+
+void LanguageManager::relaunch() {
+  if (platform_.startDetached) platform_.startDetached(QCoreApplication::applicationFilePath());
+  if (platform_.quit) platform_.quit();
+}
+
+void LanguageManager::confirm(std::optional<AppLanguage> choice) {
+  persist(choice);
+  setSelectedLanguage(choice);
+  relaunch();
+}
+
+std::optional<AppLanguage> PendingLanguageChoice::currentSelection(const LanguageManager& manager) const {
+  return pending ? *pending : manager.selectedLanguage();
+}
+
+bool PendingLanguageChoice::hasPendingChange(const LanguageManager& manager) const {
+  return pending && *pending != manager.selectedLanguage();
+}
+
+}  // namespace quillane

@@ -1,0 +1,156 @@
+#include "services/UpdateChecker.h"
+
+#include "engine/Localization.h"
+#include "services/Strings.h"
+#include "services/UserDefaults.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <vector>
+
+#ifndef QUILLANE_UPDATE_HOST
+#define QUILLANE_UPDATE_HOST ""
+#endif
+#ifndef QUILLANE_VERSION
+#define QUILLANE_VERSION ""
+#endif
+
+namespace quillane {
+
+namespace {
+
+const QString kEnabledKey = QStringLiteral("updateCheckEnabled");
+
+// A version piece as a signed base-10 integer: an optional sign and ASCII digits only,
+// within 64 bits. Anything else is not a number, and the piece is dropped.
+std::optional<int64_t> parsePiece(const QString& piece) {
+  qsizetype i = 0;
+  bool negative = false;
+  if (i < piece.size() && (piece[i] == QLatin1Char('+') || piece[i] == QLatin1Char('-'))) {
+    negative = piece[i] == QLatin1Char('-');
+    ++i;
+  }
+  if (i == piece.size()) return std::nullopt;
+  // Accumulated as a negative number, whose range is one larger than the positive one.
+  int64_t value = 0;
+  for (; i < piece.size(); ++i) {
+    char16_t c = piece[i].unicode();
+    if (c < u'0' || c > u'9') return std::nullopt;
+    int digit = c - u'0';
+    if (value < (std::numeric_limits<int64_t>::min() + digit) / 10) return std::nullopt;
+    value = value * 10 - digit;
+  }
+  if (!negative) {
+    if (value == std::numeric_limits<int64_t>::min()) return std::nullopt;
+    value = -value;
+  }
+  return value;
+}
+
+std::vector<int64_t> versionNumbers(const QString& version) {
+  std::vector<int64_t> numbers;
+  for (const QString& piece : version.split(QLatin1Char('.'), Qt::SkipEmptyParts))
+    if (std::optional<int64_t> number = parsePiece(piece)) numbers.push_back(*number);
+  return numbers;
+}
+
+// Errors that Qt raises for an HTTP status; the server did answer, and its body counts.
+bool isHttpStatusError(QNetworkReply::NetworkError error) {
+  int code = int(error);
+  return (code >= 201 && code <= 299) || (code >= 401 && code <= 499);
+}
+
+}  // namespace
+
+UpdateChecker::UpdateChecker(QObject* parent)
+    : UpdateChecker(QUrl(QStringLiteral("https://") + QStringLiteral(QUILLANE_UPDATE_HOST)), currentAppVersion(),
+                    parent) {}
+
+UpdateChecker::UpdateChecker(const QUrl& baseUrl, const QString& currentVersion, QObject* parent)
+    : QObject(parent),
+      versionCheckUrl_(baseUrl.resolved(QUrl(QStringLiteral("/version.json")))),
+      currentVersion_(currentVersion.isEmpty() ? QStringLiteral("0") : currentVersion) {}
+
+QString UpdateChecker::currentAppVersion() { return QStringLiteral(QUILLANE_VERSION); }
+
+bool UpdateChecker::isCheckAtLaunchEnabled() { return UserDefaults::store()->value(kEnabledKey, false).toBool(); }
+
+void UpdateChecker::setCheckAtLaunchEnabled(bool enabled) {
+  auto settings = UserDefaults::store();
+  settings->setValue(kEnabledKey, enabled);
+  UserDefaults::save(*settings);
+}
+
+bool UpdateChecker::isNewer(const QString& a, const QString& b) {
+  std::vector<int64_t> left = versionNumbers(a), right = versionNumbers(b);
+  size_t count = std::max(left.size(), right.size());
+  for (size_t i = 0; i < count; ++i) {
+    int64_t x = i < left.size() ? left[i] : 0;
+    int64_t y = i < right.size() ? right[i] : 0;
+    if (x != y) return x > y;
+  }
+  return false;
+}
+
+void UpdateChecker::setState(State state) {
+  if (state_ == state) return;
+  state_ = std::move(state);
+  emit stateChanged();
+}
+
+void UpdateChecker::checkNow() {
+  setState(State::checking());
+  QNetworkRequest request(versionCheckUrl_);
+  // Neither a local nor an intermediate cache may answer for the server.
+  request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
+  request.setRawHeader("Cache-Control", "no-cache");
+  request.setRawHeader("Pragma", "no-cache");
+  request.setTransferTimeout(kTimeoutMs);
+  QNetworkReply* reply = network_.get(request);
+  connect(reply, &QNetworkReply::finished, this, [this, reply] { handleReply(reply); });
+}
+
+void UpdateChecker::handleReply(QNetworkReply* reply) {
+  reply->deleteLater();
+  const bool answered = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid();
+  const QNetworkReply::NetworkError error = reply->error();
+  if (error != QNetworkReply::NoError && !(answered && isHttpStatusError(error))) {
+    // The transfer time-out aborts the reply, which Qt reports as a cancellation; nothing
+    // else here cancels a request.
+    QString message = error == QNetworkReply::OperationCanceledError
+                          ? Strings::text("settings.updates.timedOut")
+                          : reply->errorString();
+    setState(State::failed(message));
+    return;
+  }
+  setState(evaluate(reply->readAll()));
+}
+
+UpdateChecker::State UpdateChecker::evaluate(const QByteArray& body) const {
+  const State unreadable = State::failed(Strings::text("settings.updates.unreadableResponse"));
+  QJsonParseError parseError{};
+  QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
+  if (parseError.error != QJsonParseError::NoError || !document.isObject()) return unreadable;
+  const QJsonObject object = document.object();
+  const QJsonValue version = object.value(QLatin1String("version"));
+  const QJsonValue link = object.value(QLatin1String("url"));
+  if (!version.isString() || !link.isString()) return unreadable;
+  QUrl url(link.toString(), QUrl::StrictMode);
+  if (link.toString().isEmpty() || !url.isValid()) return unreadable;
+
+  // The document must not send the user to a plain HTTP or any other kind of link.
+  if (url.scheme().toLower() != QLatin1String("https"))
+    return State::failed(Strings::text("settings.updates.invalidRemoteFile"));
+
+  if (isNewer(version.toString(), currentVersion_)) return State::updateAvailable(version.toString(), url);
+  return State::upToDate();
+}
+
+}  // namespace quillane
