@@ -1,0 +1,71 @@
+#pragma once
+// CompressScriptCommand: one-shot compression for scripts, free of any transport. A front end
+// (the quillane-cli tool, later a D-Bus method) hands over the direct parameter and the named
+// arguments as variants; the command compresses the files one after another into one folder
+// and answers with a JSON text of one record a file.
+//
+// Runs synchronously on the calling thread, any thread, and never touches the batch model.
+
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+#include <QVariantMap>
+
+#include <optional>
+#include <string>
+
+#include "engine/Errors.h"
+
+namespace quillane {
+
+// An error of the command as a whole. Its message is also its description.
+class ScriptCommandError : public QuillaneError {
+ public:
+  static ScriptCommandError noFiles();
+  static ScriptCommandError invalidDirectParameter();
+  static ScriptCommandError missingOutputDirectory();
+
+  const std::string& message() const { return message_; }
+  std::string description() const override { return message_; }
+
+ private:
+  explicit ScriptCommandError(std::string message) : QuillaneError(message), message_(std::move(message)) {}
+  std::string message_;
+};
+
+namespace CompressScriptCommand {
+
+// Names of the arguments in `evaluatedArguments`.
+inline constexpr char toArgument[] = "to";            // a QUrl, or a QString taken as a path
+inline constexpr char formatArgument[] = "format";    // a QString in any case; unknown names ignored
+inline constexpr char qualityArgument[] = "quality";  // a number; any other form ignored
+inline constexpr char profileArgument[] = "profile";  // a QString
+
+// The error number a failed command reports, as script hosts expect it.
+inline constexpr int commandErrorNumber = 6;
+
+struct Outcome {
+  std::optional<std::string> json;  // the result, absent on failure
+  int errorNumber = 0;              // commandErrorNumber on failure
+  std::string errorString;          // the failure's description
+};
+
+// Runs the command: the JSON text of the records on success; on any error of the command
+// itself (no files, a bad direct parameter, no output folder, an unknown profile, a folder
+// that can't be made) no file is touched, json stays empty and the error is reported.
+// Failures of single files stand in the JSON.
+Outcome performDefaultImplementation(const QVariant& directParameter, const QVariantMap& evaluatedArguments);
+
+// The same, raising the command's error (a QuillaneError) instead of reporting it.
+std::string perform(const QVariant& directParameter, const QVariantMap& evaluatedArguments);
+
+// The paths of a direct parameter: a QUrl (its local path), a QString (as it is, with no
+// expansion), or a list of these, nested to any depth, flattened in order. Anything else,
+// or nothing, raises invalidDirectParameter.
+QStringList filePaths(const QVariant& value);
+
+// A folder argument: a local QUrl's path, a QString as a path, anything else nothing.
+std::optional<QString> url(const QVariant& value);
+
+}  // namespace CompressScriptCommand
+}  // namespace quillane

@@ -1,0 +1,159 @@
+#include "engine/ImageCompressor.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <exception>
+#include <filesystem>
+#include <new>
+
+#include "engine/DecodedImage.h"
+#include "engine/Encoders.h"
+#include "engine/EncodingStrategy.h"
+#include "engine/Errors.h"
+#include "engine/FileIO.h"
+#include "engine/ImageDecoder.h"
+#include "engine/Json.h"
+#include "engine/Localization.h"
+#include "engine/RGBABuffer.h"
+
+namespace quillane {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+bool isNative(ImageFormat format) {
+  return format == ImageFormat::jpeg || format == ImageFormat::heic || format == ImageFormat::avif;
+}
+
+// The picture in both forms the encoders read. The decoded frame is dropped as soon as the
+// format's encoder doesn't need it, so that only one full-size copy stays alive.
+struct Pictures {
+  DecodedImage decoded;
+  RGBABuffer rgba;
+};
+
+// One encoding of the plan, with `mode` as the plan's mode (the main encoding or the
+// alternative). For PNG the lossy alternative is the palette as if lossless weren't preferred.
+Bytes encodeWith(const Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
+                 const ImageCharacteristics& characteristics, const EncodingPlan::Mode& mode, bool alternative) {
+  EncodingPlan p = plan;
+  p.mode = mode;
+  switch (format) {
+    case ImageFormat::jpeg:
+    case ImageFormat::heic:
+    case ImageFormat::avif:
+      return NativeImageIOEncoder::encode(pictures.decoded, pictures.rgba.hasAlpha, format, p);
+    case ImageFormat::webp:
+      return WebPEncoder::encode(pictures.rgba, p, characteristics);
+    case ImageFormat::jxl:
+      return JXLEncoder::encode(pictures.rgba, pictures.rgba.hasAlpha, p);
+    case ImageFormat::png:
+      if (!alternative) return PNGQuantEncoder::encode(pictures.rgba, plan);
+      if (mode.kind == EncodingPlan::Mode::Kind::lossless) return PNGQuantEncoder::encodeLossless(pictures.rgba, plan);
+      p = plan;
+      p.prefersLossless = false;
+      return PNGQuantEncoder::encode(pictures.rgba, p);
+  }
+  throw ImageProcessingError::encodingFailed(std::string(ImageFormats::label(format)), "unknown format");
+}
+
+std::string describe(const std::exception& error) {
+  if (const auto* own = dynamic_cast<const QuillaneError*>(&error)) return own->description();
+  return Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
+}
+
+// The source's last path component without its extension ("a/b/photo.tar.png" gives
+// "photo.tar"); a name that starts with its only dot keeps it (".hidden").
+std::string baseName(const std::string& path) {
+  return std::filesystem::path(path).filename().stem().string();
+}
+
+}  // namespace
+
+std::string ImageCompressionResult::toJSON() const {
+  JsonValue object = JsonValue::object();
+  object.set("path", path);
+  object.set("originalSizeBytes", originalSizeBytes);
+  if (compressedSizeBytes) object.set("compressedSizeBytes", *compressedSizeBytes);
+  if (ratio) object.set("ratio", *ratio);
+  if (destination) object.set("destination", *destination);
+  if (error) object.set("error", *error);
+  return object.writeSorted();
+}
+
+namespace ImageCompressor {
+
+Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality) {
+  ImageDecoder::DecodedSource source = ImageDecoder::decodeCGImageSource(fileData);
+  Pictures pictures;
+  pictures.rgba = RGBABuffer(source.image);
+  if (isNative(format))
+    pictures.decoded = std::move(source.image);
+  else
+    source.image = DecodedImage{};
+  const ImageCharacteristics characteristics = ImageAnalyzer::analyze(pictures.rgba);
+  const EncodingPlan plan = EncodingStrategy::plan(characteristics, format, quality);
+
+  // A JPEG repackaged as JPEG XL loses nothing and is reconstructible byte for byte; below
+  // 90 the user asked for a smaller file than that gives, so it is encoded from pixels.
+  if (format == ImageFormat::jxl && source.format == ImageFormat::jpeg && quality >= 90) {
+    if (auto transcoded = JXLEncoder::transcodeJPEG(fileData, plan.effort + 5)) return std::move(*transcoded);
+  }
+
+  Bytes main = encodeWith(pictures, format, plan, characteristics, plan.mode, false);
+  if (!plan.alternative) return main;
+  Bytes second;
+  try {
+    second = encodeWith(pictures, format, plan, characteristics, *plan.alternative, true);
+  } catch (const std::exception&) {
+    return main;  // a failed competitor leaves the main encoding standing
+  }
+  return second.size() < main.size() ? second : main;
+}
+
+ImageCompressionResult compress(const std::string& path, const std::string& directory, ImageFormat format,
+                                double quality, const std::optional<std::string>& destinationFilename) {
+  ImageCompressionResult result;
+  result.path = path;
+  try {
+    const Bytes source = FileIO::readFile(path);
+    const Bytes compressed = encodeData(source, format, quality);
+    const std::string name = destinationFilename ? *destinationFilename
+                                                 : baseName(path) + "." + std::string(ImageFormats::fileExtension(format));
+    const std::string destination = std::filesystem::absolute(std::filesystem::path(directory) / name).string();
+    FileIO::writeFileAtomically(destination, compressed);
+    const auto original = int64_t(source.size());
+    const auto written = int64_t(compressed.size());
+    result.originalSizeBytes = original;
+    result.compressedSizeBytes = written;
+    result.ratio = 1.0 - double(written) / double(std::max<int64_t>(original, 1));
+    result.destination = destination;
+  } catch (const std::exception& error) {
+    result.originalSizeBytes = fileSize(path);
+    result.error = describe(error);
+  }
+  return result;
+}
+
+int64_t fileSize(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return 0;
+  return int64_t(st.st_size);
+}
+
+std::string jsonString(const std::vector<ImageCompressionResult>& results) {
+  try {
+    std::string out = "[";
+    for (size_t i = 0; i < results.size(); ++i) {
+      if (i) out += ',';
+      out += results[i].toJSON();
+    }
+    return out + "]";
+  } catch (const std::exception&) {
+    return "[]";
+  }
+}
+
+}  // namespace ImageCompressor
+}  // namespace quillane
