@@ -96,8 +96,10 @@ std::optional<AppLanguage> bestMatch(const QString& tag) {
   // three digits), in that order when both are present.
   QString script, region;
   for (qsizetype i = 1; i < parts.size(); ++i) {
-    if (parts[i].size() == 4 && script.isEmpty() && region.isEmpty()) script = parts[i];
-    else if (region.isEmpty() && (parts[i].size() == 2 || parts[i].size() == 3)) region = parts[i];
+    if (parts[i].size() == 4 && script.isEmpty() && region.isEmpty())
+      script = parts[i];
+    else if (region.isEmpty() && (parts[i].size() == 2 || parts[i].size() == 3))
+      region = parts[i];
   }
 
   if (*code == QLatin1String("en"))

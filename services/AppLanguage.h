@@ -5,7 +5,6 @@
 // Any thread (pure functions over constant data).
 
 #include <QString>
-
 #include <array>
 #include <optional>
 

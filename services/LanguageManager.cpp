@@ -1,13 +1,13 @@
 #include "services/LanguageManager.h"
 
-#include "engine/Localization.h"
-#include "services/StringTables.h"
-#include "services/UserDefaults.h"
-
 #include <QCoreApplication>
 #include <QLocale>
 #include <QProcess>
 #include <QSet>
+
+#include "engine/Localization.h"
+#include "services/StringTables.h"
+#include "services/UserDefaults.h"
 
 namespace quillane {
 
@@ -34,8 +34,8 @@ LanguageManager::Platform LanguageManager::systemPlatform() {
   platform.startDetached = [](const QString& program) { return QProcess::startDetached(program, {}); };
   platform.quit = [] {
     // Queued, so that the caller's slot returns before the event loop is left.
-    QMetaObject::invokeMethod(QCoreApplication::instance(), [] { QCoreApplication::quit(); },
-                              Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(), [] { QCoreApplication::quit(); }, Qt::QueuedConnection);
   };
   return platform;
 }
@@ -72,7 +72,9 @@ void LanguageManager::setSelectedLanguage(std::optional<AppLanguage> language) {
   emit selectedLanguageChanged();
 }
 
-void LanguageManager::installLookup() const { Localization::setLookup(StringTables::lookupFor(activeLanguage_)); }
+void LanguageManager::installLookup() const {
+  Localization::setLookup(StringTables::lookupFor(activeLanguage_));
+}
 
 std::optional<AppLanguage> LanguageManager::currentOverride() {
   QStringList stored = storedLanguages();

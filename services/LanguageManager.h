@@ -9,13 +9,12 @@
 //
 // One shared instance, made on first use; GUI thread only.
 
-#include "services/AppLanguage.h"
-
 #include <QObject>
 #include <QStringList>
-
 #include <functional>
 #include <optional>
+
+#include "services/AppLanguage.h"
 
 namespace quillane {
 

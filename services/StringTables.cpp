@@ -3,7 +3,6 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-
 #include <array>
 #include <mutex>
 
@@ -51,7 +50,8 @@ const StringTable& table(AppLanguage language) {
     for (AppLanguage each : AppLanguages::allCases()) {
       QFile file(QStringLiteral(":/strings/%1.json").arg(AppLanguages::rawValue(each)));
       if (!file.open(QIODevice::ReadOnly)) continue;
-      if (std::optional<StringTable> parsed = parse(file.readAll())) tables[size_t(each)] = std::move(*parsed);
+      if (std::optional<StringTable> parsed = parse(file.readAll()))
+        tables[size_t(each)] = std::move(*parsed);
     }
   });
   return tables[size_t(language)];
@@ -59,13 +59,20 @@ const StringTable& table(AppLanguage language) {
 
 std::optional<AppLanguage> sibling(AppLanguage language) {
   switch (language) {
-    case AppLanguage::enGB: return AppLanguage::enUS;
-    case AppLanguage::enUS: return AppLanguage::enGB;
-    case AppLanguage::esES: return AppLanguage::esLatam;
-    case AppLanguage::esLatam: return AppLanguage::esES;
-    case AppLanguage::ptPT: return AppLanguage::ptBR;
-    case AppLanguage::ptBR: return AppLanguage::ptPT;
-    default: return std::nullopt;
+    case AppLanguage::enGB:
+      return AppLanguage::enUS;
+    case AppLanguage::enUS:
+      return AppLanguage::enGB;
+    case AppLanguage::esES:
+      return AppLanguage::esLatam;
+    case AppLanguage::esLatam:
+      return AppLanguage::esES;
+    case AppLanguage::ptPT:
+      return AppLanguage::ptBR;
+    case AppLanguage::ptBR:
+      return AppLanguage::ptPT;
+    default:
+      return std::nullopt;
   }
 }
 

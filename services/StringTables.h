@@ -5,15 +5,14 @@
 //
 // Any thread: tables are read-only once loaded, and loading is guarded.
 
-#include "engine/Localization.h"
-#include "services/AppLanguage.h"
-
 #include <QString>
 #include <QStringList>
-
 #include <memory>
 #include <string>
 #include <unordered_map>
+
+#include "engine/Localization.h"
+#include "services/AppLanguage.h"
 
 namespace quillane {
 

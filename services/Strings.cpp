@@ -6,7 +6,9 @@
 namespace quillane::Strings {
 
 namespace {
-std::string lookUp(const std::string& key) { return Localization::text(key, StringTables::frenchDefault(key)); }
+std::string lookUp(const std::string& key) {
+  return Localization::text(key, StringTables::frenchDefault(key));
+}
 }  // namespace
 
 QString text(const char* key) { return QString::fromStdString(lookUp(key)); }

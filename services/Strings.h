@@ -13,7 +13,6 @@
 // Any thread once LanguageManager::shared() has been made at launch.
 
 #include <QString>
-
 #include <concepts>
 #include <string>
 #include <string_view>
@@ -29,7 +28,9 @@ inline std::string toArg(const std::string& value) { return value; }
 inline std::string toArg(std::string_view value) { return std::string(value); }
 inline std::string toArg(const char* value) { return value ? std::string(value) : std::string(); }
 template <std::integral T>
-std::string toArg(T value) { return std::to_string(value); }
+std::string toArg(T value) {
+  return std::to_string(value);
+}
 std::string toArg(double value);
 
 QString formatStrings(const char* key, std::initializer_list<std::string_view> args);

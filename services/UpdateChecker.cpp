@@ -1,19 +1,18 @@
 #include "services/UpdateChecker.h"
 
-#include "engine/Localization.h"
-#include "services/Strings.h"
-#include "services/UserDefaults.h"
-
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkReply>
 #include <QNetworkRequest>
-
 #include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <optional>
 #include <vector>
+
+#include "engine/Localization.h"
+#include "services/Strings.h"
+#include "services/UserDefaults.h"
 
 #ifndef QUILLANE_UPDATE_HOST
 #define QUILLANE_UPDATE_HOST ""
@@ -70,8 +69,8 @@ bool isHttpStatusError(QNetworkReply::NetworkError error) {
 }  // namespace
 
 UpdateChecker::UpdateChecker(QObject* parent)
-    : UpdateChecker(QUrl(QStringLiteral("https://") + QStringLiteral(QUILLANE_UPDATE_HOST)), currentAppVersion(),
-                    parent) {}
+    : UpdateChecker(QUrl(QStringLiteral("https://") + QStringLiteral(QUILLANE_UPDATE_HOST)),
+                    currentAppVersion(), parent) {}
 
 UpdateChecker::UpdateChecker(const QUrl& baseUrl, const QString& currentVersion, QObject* parent)
     : QObject(parent),
@@ -80,7 +79,9 @@ UpdateChecker::UpdateChecker(const QUrl& baseUrl, const QString& currentVersion,
 
 QString UpdateChecker::currentAppVersion() { return QStringLiteral(QUILLANE_VERSION); }
 
-bool UpdateChecker::isCheckAtLaunchEnabled() { return UserDefaults::store()->value(kEnabledKey, false).toBool(); }
+bool UpdateChecker::isCheckAtLaunchEnabled() {
+  return UserDefaults::store()->value(kEnabledKey, false).toBool();
+}
 
 void UpdateChecker::setCheckAtLaunchEnabled(bool enabled) {
   auto settings = UserDefaults::store();

@@ -1,8 +1,8 @@
 #include "services/UserDefaults.h"
 
-#include <QFile>
-
 #include <sys/stat.h>
+
+#include <QFile>
 
 namespace quillane::UserDefaults {
 

