@@ -1,0 +1,314 @@
+#include "ui/ComparisonView.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QHBoxLayout>
+#include <QKeySequence>
+#include <QLabel>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPainterPath>
+#include <QPointer>
+#include <QThread>
+#include <QThreadPool>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+#include <string>
+#include <vector>
+
+#include "batch/BatchViewModel.h"
+#include "engine/ImageDecoder.h"
+#include "ui/Icons.h"
+#include "ui/ImageRowDelegate.h"
+#include "ui/UiText.h"
+
+namespace quillane::ui {
+
+namespace ComparisonGeometry {
+
+QSizeF areaSize(int width, int height) {
+  const double aspect = height < 1 ? 1.0 : double(width) / double(height);
+  const double h = maxWidth / aspect;
+  if (maxHeight < h) return {maxHeight * aspect, maxHeight};
+  return {maxWidth, h};
+}
+
+std::optional<double> fractionAt(double x, double areaWidth) {
+  if (!(areaWidth > 0)) return std::nullopt;
+  return std::clamp(x / areaWidth, 0.0, 1.0);
+}
+
+}  // namespace ComparisonGeometry
+
+QImage toQImage(const DecodedImage& image) {
+  if (image.empty() || image.pixels8.size() < image.pixelCount() * 4) return {};
+  const QImage::Format fmt =
+      image.alpha == AlphaInfo::premultiplied ? QImage::Format_RGBA8888_Premultiplied : QImage::Format_RGBA8888;
+  return QImage(image.pixels8.data(), image.width, image.height, image.width * 4, fmt).copy();
+}
+
+CompressedCaption compressedCaption(const ImportedImage& image) {
+  const EncodeState state = image.encodeState();
+  CompressedCaption caption;
+  switch (state.kind) {
+    case EncodeState::Kind::ready: {
+      const SizeChange change = sizeChange(state.sizeBytes, image.originalSizeBytes());
+      caption.change = sizeChangeText(change);
+      caption.changeTone = change.reduced ? CompressedCaption::Tone::green : CompressedCaption::Tone::orange;
+      caption.text = formatByteCount(state.sizeBytes) + QStringLiteral(" · ") + caption.change;
+      break;
+    }
+    case EncodeState::Kind::encoding: caption.text = text("comparison.encoding", "Encodage…"); break;
+    case EncodeState::Kind::idle: caption.text = text("common.dash", "—"); break;
+    case EncodeState::Kind::failed:
+      caption.text = state.message;
+      caption.changeTone = CompressedCaption::Tone::red;
+      break;
+  }
+  return caption;
+}
+
+// ---- SplitCompareWidget ----
+
+SplitCompareWidget::SplitCompareWidget(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image, QWidget* parent)
+    : QWidget(parent), viewModel_(viewModel), image_(std::move(image)) {
+  thumbnail_ = toQImage(image_->thumbnail());
+  area_ = ComparisonGeometry::areaSize(image_->width(), image_->height());
+  setFixedSize(qRound(area_.width()), qRound(area_.height()));
+  setCursor(Qt::SizeHorCursor);
+  connect(image_.get(), &ImportedImage::encodeStateChanged, this, qOverload<>(&QWidget::update));
+  connect(&viewModel_, &BatchViewModel::outputFormatChanged, this, qOverload<>(&QWidget::update));
+}
+
+QSize SplitCompareWidget::sizeHint() const { return QSize(qRound(area_.width()), qRound(area_.height())); }
+
+void SplitCompareWidget::setSliderFraction(double fraction) {
+  fraction_ = std::clamp(fraction, 0.0, 1.0);
+  update();
+}
+
+void SplitCompareWidget::setOriginalPreview(const QImage& image) {
+  original_ = image;
+  update();
+}
+
+void SplitCompareWidget::setCompressedPreview(const std::optional<QImage>& image) {
+  compressed_ = image && !image->isNull() ? image : std::nullopt;
+  update();
+}
+
+void SplitCompareWidget::mousePressEvent(QMouseEvent* event) {
+  if (auto f = ComparisonGeometry::fractionAt(event->position().x(), width())) setSliderFraction(*f);
+}
+
+void SplitCompareWidget::mouseMoveEvent(QMouseEvent* event) {
+  if (!(event->buttons() & Qt::LeftButton)) return;
+  if (auto f = ComparisonGeometry::fractionAt(event->position().x(), width())) setSliderFraction(*f);
+}
+
+void SplitCompareWidget::paintEvent(QPaintEvent*) {
+  QPainter painter(this);
+  painter.setRenderHint(QPainter::Antialiasing);
+  painter.setRenderHint(QPainter::SmoothPixmapTransform);
+  const QRectF area(0, 0, width(), height());
+  QPainterPath rounded;
+  rounded.addRoundedRect(area, 12, 12);
+  painter.setClipPath(rounded);
+
+  // Result layer, or a quaternary fill while there is none.
+  if (compressed_) {
+    painter.drawImage(area, *compressed_);
+  } else {
+    QColor fill = palette().color(QPalette::WindowText);
+    fill.setAlphaF(0.08);
+    painter.fillRect(area, fill);
+  }
+  // Original layer, clipped to the left of the divider.
+  const double dividerX = area.width() * fraction_;
+  const QImage& original = original_.isNull() ? thumbnail_ : original_;
+  if (!original.isNull() && dividerX > 0) {
+    painter.save();
+    painter.setClipRect(QRectF(0, 0, dividerX, area.height()), Qt::IntersectClip);
+    painter.drawImage(area, original);
+    painter.restore();
+  }
+
+  // Divider: a white line with a round handle, both with a faint shadow.
+  const QColor shadow(0, 0, 0, 84);
+  const double lineX = dividerX - 1;
+  painter.fillRect(QRectF(lineX - 1, 0, 4, area.height()), QColor(0, 0, 0, 30));
+  painter.fillRect(QRectF(lineX, 0, 2, area.height()), Qt::white);
+  const QPointF centre(dividerX, area.height() / 2);
+  painter.setPen(Qt::NoPen);
+  painter.setBrush(shadow);
+  painter.drawEllipse(centre, 18, 18);
+  painter.setBrush(Qt::white);
+  painter.drawEllipse(centre, 16, 16);
+  painter.drawPixmap(QRectF(centre.x() - 8, centre.y() - 8, 16, 16).toRect(),
+                     Icons::pixmap("arrow.left.and.right", 16, Qt::black, devicePixelRatioF(), Qt::white));
+
+  paintBadge(painter, area, true);
+  paintBadge(painter, area, false);
+}
+
+void SplitCompareWidget::paintBadge(QPainter& painter, const QRectF& area, bool original) const {
+  QFont captionFont = smallFont(font());
+  QFont titleFont = captionFont;
+  titleFont.setBold(true);
+  QFont detailFont = captionFont;
+  if (detailFont.pointSizeF() > 0) detailFont.setPointSizeF(std::max(7.5, captionFont.pointSizeF() * 0.92));
+
+  const ImageFormat format = original ? image_->originalFormat() : viewModel_.outputFormat();
+  const QString title = QString::fromUtf8(std::string(ImageFormats::label(format))).toUpper();
+  QString detail;
+  CompressedCaption caption;
+  if (original) {
+    detail = ui::format("comparison.sizeFormat", "%1$lld × %2$lld · %3$@",
+                        {integerArg(image_->width()), integerArg(image_->height()),
+                         formatByteCount(image_->originalSizeBytes())});
+  } else {
+    caption = compressedCaption(*image_);
+    detail = caption.text;
+  }
+
+  const QFontMetricsF titleMetrics(titleFont), detailMetrics(detailFont);
+  const double maxTextWidth = area.width() / 2 - 44;
+  detail = detailMetrics.elidedText(detail, Qt::ElideRight, maxTextWidth);
+  const double textWidth = std::max(titleMetrics.horizontalAdvance(title), detailMetrics.horizontalAdvance(detail));
+  const QSizeF size(textWidth + 20, titleMetrics.height() + 1 + detailMetrics.height() + 12);
+  const QPointF topLeft = original ? QPointF(area.left() + 12, area.bottom() - 12 - size.height())
+                                   : QPointF(area.right() - 12 - size.width(), area.top() + 12);
+  const QRectF badge(topLeft, size);
+  painter.setPen(Qt::NoPen);
+  painter.setBrush(QColor(0, 0, 0, 140));
+  painter.drawRoundedRect(badge, 8, 8);
+
+  const Qt::Alignment align = original ? Qt::AlignLeft : Qt::AlignRight;
+  const QRectF inner = badge.adjusted(10, 6, -10, -6);
+  painter.setFont(titleFont);
+  painter.setPen(Qt::white);
+  painter.drawText(QRectF(inner.left(), inner.top(), inner.width(), titleMetrics.height()), align | Qt::AlignVCenter, title);
+  const QRectF detailRect(inner.left(), inner.top() + titleMetrics.height() + 1, inner.width(), detailMetrics.height());
+  painter.setFont(detailFont);
+  const QColor soft(255, 255, 255, 204);
+  if (original || caption.changeTone == CompressedCaption::Tone::plain) {
+    painter.setPen(soft);
+    painter.drawText(detailRect, align | Qt::AlignVCenter, detail);
+  } else if (caption.changeTone == CompressedCaption::Tone::red) {
+    painter.setPen(QColor(0xFF, 0x6B, 0x60));
+    painter.drawText(detailRect, align | Qt::AlignVCenter, detail);
+  } else {
+    // "size · " in soft white, the change in green or orange, right-aligned together.
+    const QString head = detail.left(std::max<qsizetype>(0, detail.size() - caption.change.size()));
+    const double changeWidth = detailMetrics.horizontalAdvance(caption.change);
+    painter.setPen(soft);
+    painter.drawText(detailRect.adjusted(0, 0, -changeWidth, 0), Qt::AlignRight | Qt::AlignVCenter, head);
+    painter.setPen(caption.changeTone == CompressedCaption::Tone::green ? QColor(0x4C, 0xD9, 0x64) : QColor(0xFF, 0x9F, 0x0A));
+    painter.drawText(detailRect, Qt::AlignRight | Qt::AlignVCenter, caption.change);
+  }
+}
+
+// ---- ImageComparisonView ----
+
+ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image, QWidget* parent)
+    : QDialog(parent), viewModel_(viewModel), image_(std::move(image)) {
+  setWindowModality(Qt::WindowModal);
+  setWindowTitle(image_->fileName());
+  setAttribute(Qt::WA_DeleteOnClose);
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(20, 20, 20, 20);
+  layout->setSpacing(10);
+  layout->setSizeConstraint(QLayout::SetFixedSize);
+
+  auto* header = new QHBoxLayout;
+  auto* name = new QLabel(this);
+  QPalette secondary = name->palette();
+  secondary.setColor(QPalette::WindowText, Icons::secondaryColor(secondary));
+  name->setPalette(secondary);
+  name->setText(name->fontMetrics().elidedText(image_->fileName(), Qt::ElideMiddle, 680));
+  auto* close = new QToolButton(this);
+  close->setAutoRaise(true);
+  close->setIcon(Icons::tinted("xmark.circle.fill", Icons::secondaryColor(palette())));
+  close->setIconSize(QSize(20, 20));
+  close->setToolTip(text("comparison.close", "Fermer la comparaison"));
+  close->setShortcut(QKeySequence(Qt::Key_Escape));
+  connect(close, &QToolButton::clicked, this, &QDialog::reject);
+  header->addWidget(name, 1);
+  header->addWidget(close);
+  layout->addLayout(header);
+
+  area_ = new SplitCompareWidget(viewModel_, image_, this);
+  layout->addWidget(area_);
+
+  connect(image_.get(), &ImportedImage::compressedDataChanged, this, &ImageComparisonView::loadCompressedPreview);
+  loadOriginalPreview();
+  loadCompressedPreview();
+}
+
+void ImageComparisonView::loadOriginalPreview() {
+  if (area_->hasOriginalPreview()) return;
+  QPointer<ImageComparisonView> self(this);
+  const std::string path = image_->sourcePath().toStdString();
+  QThreadPool::globalInstance()->start([self, path] {
+    std::optional<DecodedImage> preview;
+    try {
+      preview = ImageDecoder::loadPreview(path, ComparisonGeometry::previewPixelSize);
+    } catch (...) {
+    }
+    QImage result = preview ? toQImage(*preview) : QImage();
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(),
+        [self, result] {
+          if (!self) return;
+          self->originalLoaded_ = true;
+          // Without a preview the row thumbnail stays.
+          if (!result.isNull()) self->area_->setOriginalPreview(result);
+        },
+        Qt::QueuedConnection);
+  });
+}
+
+void ImageComparisonView::loadCompressedPreview() {
+  const quint64 generation = ++compressedGeneration_;
+  compressedLoaded_ = false;
+  const std::optional<QByteArray>& data = image_->compressedData();
+  if (!data) {
+    area_->setCompressedPreview(std::nullopt);
+    compressedLoaded_ = true;
+    return;
+  }
+  QPointer<ImageComparisonView> self(this);
+  const QByteArray bytes = *data;
+  QThreadPool::globalInstance()->start([self, bytes, generation] {
+    std::optional<DecodedImage> preview;
+    try {
+      const auto* begin = reinterpret_cast<const uint8_t*>(bytes.constData());
+      preview = ImageDecoder::loadPreview(std::span<const uint8_t>(begin, size_t(bytes.size())),
+                                          ComparisonGeometry::previewPixelSize);
+    } catch (...) {
+    }
+    QImage result = preview ? toQImage(*preview) : QImage();
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(),
+        [self, result, generation] {
+          // A newer result replaced this one while it was decoded.
+          if (!self || generation != self->compressedGeneration_) return;
+          self->compressedLoaded_ = true;
+          self->area_->setCompressedPreview(result.isNull() ? std::nullopt : std::optional<QImage>(result));
+        },
+        Qt::QueuedConnection);
+  });
+}
+
+bool ImageComparisonView::waitForPreviews(int timeoutMs) {
+  QElapsedTimer timer;
+  timer.start();
+  while (!(originalLoaded_ && compressedLoaded_) && timer.elapsed() < timeoutMs) {
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    QThread::msleep(2);
+  }
+  return originalLoaded_ && compressedLoaded_;
+}
+
+}  // namespace quillane::ui

@@ -1,0 +1,137 @@
+#include "ui/ControlsBar.h"
+
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QToolButton>
+
+#include "batch/BatchViewModel.h"
+#include "records/ExportProfile.h"
+#include "records/ExportRecord.h"
+#include "ui/BarLayout.h"
+#include "ui/HistoryPopover.h"
+#include "ui/Icons.h"
+#include "ui/ImageRowDelegate.h"
+#include "ui/ProfileMenuView.h"
+#include "ui/QualityControls.h"
+#include "ui/RowRules.h"
+#include "ui/UiText.h"
+
+namespace quillane::ui {
+
+ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent) : QWidget(parent), viewModel_(viewModel) {
+  auto* layout = new BarLayout(this);
+  layout->setContentsMargins(12, 8, 12, 8);
+  layout->setSpacing(10);
+
+  import_ = new QPushButton(Icons::icon("plus"), text("controls.importLabel", "Ajouter des images"), this);
+  import_->setToolTip(text("controls.importHelp", "Ajouter des images au lot"));
+  connect(import_, &QPushButton::clicked, this, [this] { viewModel_.promptImport(); });
+  layout->addBarWidget(import_);
+  layout->addDivider(makeBarDivider(20, this));
+  quality_ = new QualitySliderView(viewModel_, this);
+  layout->addBarWidget(quality_);
+  layout->addDivider(makeBarDivider(20, this));
+  format_ = new FormatPickerView(viewModel_, this);
+  layout->addBarWidget(format_);
+  profileDivider_ = makeBarDivider(20, this);
+  layout->addDivider(profileDivider_);
+  profiles_ = new ExportProfileMenuView(viewModel_, this);
+  layout->addBarWidget(profiles_);
+  countDivider_ = makeBarDivider(20, this);
+  layout->addDivider(countDivider_);
+  count_ = new QLabel(this);
+  count_->setFont(smallFont(count_->font()));
+  QPalette secondary = count_->palette();
+  secondary.setColor(QPalette::WindowText, Icons::secondaryColor(secondary));
+  count_->setPalette(secondary);
+  layout->addBarWidget(count_);
+
+  layout->addStretch();
+
+  progressGroup_ = new QWidget(this);
+  auto* progressLayout = new QHBoxLayout(progressGroup_);
+  progressLayout->setContentsMargins(0, 0, 0, 0);
+  progress_ = new QProgressBar(progressGroup_);
+  progress_->setFixedWidth(120);
+  progress_->setTextVisible(false);
+  progressLabel_ = new QLabel(progressGroup_);
+  progressLabel_->setFont(smallFont(progressLabel_->font()));
+  progressLayout->addWidget(progress_);
+  progressLayout->addWidget(progressLabel_);
+  progressGroup_->setToolTip(text("controls.progressHelp", "Images déjà compressées"));
+  layout->addBarWidget(progressGroup_);
+
+  clearAll_ = new QPushButton(text("common.clearAll", "Tout effacer"), this);
+  clearAll_->setToolTip(text("controls.clearAllHelp", "Retirer toutes les images de la liste"));
+  QPalette destructive = clearAll_->palette();
+  destructive.setColor(QPalette::ButtonText, Icons::redColor(destructive));
+  clearAll_->setPalette(destructive);
+  connect(clearAll_, &QPushButton::clicked, this, [this] { viewModel_.clearAll(); });
+  layout->addBarWidget(clearAll_);
+
+  export_ = new QPushButton(Icons::tinted("square.and.arrow.down", palette().color(QPalette::HighlightedText)),
+                            text("menu.exportAll", "Tout exporter…"), this);
+  makeProminent(export_);
+  export_->setToolTip(text("controls.exportAllHelp", "Enregistrer toutes les images compressées dans un dossier"));
+  connect(export_, &QPushButton::clicked, this, [this] { viewModel_.promptExportAll(); });
+  layout->addBarWidget(export_);
+
+  history_ = new QToolButton(this);
+  history_->setAutoRaise(true);
+  history_->setIcon(Icons::icon("clock.arrow.circlepath"));
+  history_->setIconSize(QSize(18, 18));
+  history_->setToolTip(text("history.title", "Historique des exportations"));
+  connect(history_, &QToolButton::clicked, this, &ControlsBar::showHistory);
+  layout->addBarWidget(history_);
+
+  connect(&viewModel_, &BatchViewModel::imagesChanged, this, &ControlsBar::refresh);
+  connect(&viewModel_, &BatchViewModel::imagesChanged, this, &ControlsBar::watchImages);
+  connect(&viewModel_, &BatchViewModel::isEncodingChanged, this, &ControlsBar::refresh);
+  connect(&viewModel_, &BatchViewModel::hasPendingRecomputeChanged, this, &ControlsBar::refresh);
+  connect(&viewModel_, &BatchViewModel::exportProfilesChanged, this, &ControlsBar::refresh);
+  connect(&viewModel_, &BatchViewModel::exportHistoryChanged, this, &ControlsBar::refresh);
+  watchImages();
+  refresh();
+}
+
+void ControlsBar::watchImages() {
+  for (const auto& image : viewModel_.images())
+    connect(image.get(), &ImportedImage::encodeStateChanged, this, &ControlsBar::refreshProgress, Qt::UniqueConnection);
+}
+
+void ControlsBar::refresh() {
+  const bool hasImages = !viewModel_.images().empty();
+  const bool hasProfiles = !viewModel_.exportProfiles().empty();
+  profileDivider_->setVisible(hasProfiles);
+  profiles_->setVisible(hasProfiles);
+  countDivider_->setVisible(hasImages);
+  count_->setVisible(hasImages);
+  count_->setText(RowRules::importedCountText(int(viewModel_.images().size())));
+  progressGroup_->setVisible(viewModel_.isEncoding());
+  clearAll_->setVisible(hasImages);
+  export_->setVisible(hasImages);
+  export_->setEnabled(RowRules::canExportAll(viewModel_.isEncoding(), viewModel_.hasPendingRecompute(), hasImages));
+  const bool hasHistory = !viewModel_.exportHistory().empty();
+  history_->setVisible(hasHistory);
+  // The popover goes with its button.
+  if (!hasHistory && historyPopover_) historyPopover_->close();
+  refreshProgress();
+}
+
+void ControlsBar::refreshProgress() {
+  const int total = std::max<int>(1, int(viewModel_.images().size()));
+  const int completed = viewModel_.encodingCompletedCount();
+  progress_->setRange(0, total);
+  progress_->setValue(std::min(completed, total));
+  progressLabel_->setText(RowRules::progressText(completed, int(viewModel_.images().size())));
+}
+
+void ControlsBar::showHistory() {
+  if (historyPopover_) historyPopover_->close();
+  historyPopover_ = new ExportHistoryView(viewModel_, true, this);
+  historyPopover_->popUp(QRect(history_->mapToGlobal(QPoint(0, 0)), history_->size()));
+}
+
+}  // namespace quillane::ui

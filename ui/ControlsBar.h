@@ -1,0 +1,72 @@
+#pragma once
+// The bar of controls above the list: import, global quality, format, profile menu, the
+// imported count, encoding progress, clear all, export all and the history button, each shown
+// by the model's state. It wraps onto a second line when the window is too narrow for it.
+//
+// GUI thread only.
+
+#include <QPointer>
+#include <QWidget>
+
+#include "ui/HistoryPopover.h"
+
+class QLabel;
+class QProgressBar;
+class QPushButton;
+class QToolButton;
+
+namespace quillane {
+class BatchViewModel;
+}
+
+namespace quillane::ui {
+
+class ExportHistoryView;
+class ExportProfileMenuView;
+class FormatPickerView;
+class QualitySliderView;
+
+class ControlsBar : public QWidget {
+  Q_OBJECT
+ public:
+  explicit ControlsBar(BatchViewModel& viewModel, QWidget* parent = nullptr);
+
+  QPushButton* importButton() const { return import_; }
+  QualitySliderView* qualitySlider() const { return quality_; }
+  FormatPickerView* formatPicker() const { return format_; }
+  ExportProfileMenuView* profileMenu() const { return profiles_; }
+  QLabel* countLabel() const { return count_; }
+  QWidget* progressGroup() const { return progressGroup_; }
+  QProgressBar* progressBar() const { return progress_; }
+  QLabel* progressLabel() const { return progressLabel_; }
+  QPushButton* clearAllButton() const { return clearAll_; }
+  QPushButton* exportButton() const { return export_; }
+  QToolButton* historyButton() const { return history_; }
+  ExportHistoryView* historyPopover() const { return historyPopover_; }
+
+  // Opens the history popover under its button (what the button does).
+  void showHistory();
+
+ private:
+  void refresh();
+  void refreshProgress();
+  void watchImages();
+
+  BatchViewModel& viewModel_;
+  QPushButton* import_;
+  QualitySliderView* quality_;
+  FormatPickerView* format_;
+  QWidget* profileDivider_;
+  ExportProfileMenuView* profiles_;
+  QWidget* countDivider_;
+  QLabel* count_;
+  QWidget* progressGroup_;
+  QProgressBar* progress_;
+  QLabel* progressLabel_;
+  QPushButton* clearAll_;
+  QPushButton* export_;
+  QToolButton* history_;
+  QPointer<ExportHistoryView> historyPopover_;
+};
+
+}  // namespace quillane::ui

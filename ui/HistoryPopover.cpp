@@ -1,0 +1,167 @@
+#include "ui/HistoryPopover.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QGraphicsOpacityEffect>
+#include <QGuiApplication>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLocale>
+#include <QPushButton>
+#include <QScreen>
+#include <QScrollArea>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+#include "batch/BatchViewModel.h"
+#include "records/ExportRecord.h"
+#include "ui/Icons.h"
+#include "ui/ImageRowDelegate.h"
+#include "ui/QualityControls.h"
+#include "ui/UiText.h"
+
+namespace quillane::ui {
+
+ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWidget* parent)
+    : QFrame(parent, popup ? Qt::Popup : Qt::Widget), viewModel_(viewModel) {
+  if (popup) setAttribute(Qt::WA_DeleteOnClose);
+  setFrameShape(QFrame::StyledPanel);
+  setFixedSize(popoverWidth, popoverHeight);
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(12, 10, 12, 10);
+  layout->setSpacing(6);
+
+  auto* header = new QHBoxLayout;
+  auto* title = new QLabel(text("history.title", "Historique des exportations"), this);
+  QFont bold = title->font();
+  bold.setBold(true);
+  title->setFont(bold);
+  clear_ = makeLinkButton(text("common.clearAll", "Tout effacer"), this);
+  clear_->setToolTip(text("history.clearHelp", "Effacer l'historique des exportations"));
+  // At once, without a question: the files stay where they are.
+  connect(clear_, &QPushButton::clicked, this, [this] { viewModel_.clearExportHistory(); });
+  header->addWidget(title, 1);
+  header->addWidget(clear_);
+  layout->addLayout(header);
+
+  empty_ = new QLabel(text("history.empty", "Aucune exportation pour l'instant"), this);
+  empty_->setAlignment(Qt::AlignCenter);
+  empty_->setWordWrap(true);
+  QPalette secondary = empty_->palette();
+  secondary.setColor(QPalette::WindowText, Icons::secondaryColor(secondary));
+  empty_->setPalette(secondary);
+  layout->addWidget(empty_, 1);
+
+  scroll_ = new QScrollArea(this);
+  scroll_->setWidgetResizable(true);
+  scroll_->setFrameShape(QFrame::NoFrame);
+  scroll_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+  rowsHost_ = new QWidget(scroll_);
+  rows_ = new QVBoxLayout(rowsHost_);
+  rows_->setContentsMargins(0, 0, 0, 0);
+  rows_->setSpacing(2);
+  scroll_->setWidget(rowsHost_);
+  layout->addWidget(scroll_, 1);
+
+  connect(&viewModel_, &BatchViewModel::exportHistoryChanged, this, &ExportHistoryView::rebuild);
+  rebuild();
+}
+
+int ExportHistoryView::rowCount() const { return rows_->count() - (rows_->count() > 0 ? 1 : 0); }
+
+QWidget* ExportHistoryView::row(int index) const {
+  QLayoutItem* item = rows_->itemAt(index);
+  return item ? item->widget() : nullptr;
+}
+
+void ExportHistoryView::rebuild() {
+  while (QLayoutItem* item = rows_->takeAt(0)) {
+    if (QWidget* w = item->widget()) w->deleteLater();
+    delete item;
+  }
+  const auto& history = viewModel_.exportHistory();
+  clear_->setVisible(!history.empty());
+  empty_->setVisible(history.empty());
+  scroll_->setVisible(!history.empty());
+  for (const ExportRecord& record : history) rows_->addWidget(makeRow(record));
+  rows_->addStretch(1);
+}
+
+QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
+  const bool superseded = viewModel_.isRecordSuperseded(record);
+  auto* row = new QWidget(rowsHost_);
+  auto* layout = new QHBoxLayout(row);
+  layout->setContentsMargins(4, 4, 4, 4);
+  auto* texts = new QVBoxLayout;
+  texts->setSpacing(1);
+
+  auto* first = new QHBoxLayout;
+  first->setSpacing(4);
+  auto* name = new QLabel(row);
+  name->setText(name->fontMetrics().elidedText(record.sourceDisplayName, Qt::ElideMiddle, 200));
+  name->setToolTip(record.sourceDisplayName);
+  first->addWidget(name, 0);
+  if (superseded) {
+    auto* warning = new QLabel(row);
+    warning->setPixmap(Icons::pixmap("exclamationmark.triangle", 12, Icons::orangeColor(), devicePixelRatioF()));
+    warning->setToolTip(text("history.supersededWarningHelp", "Une exportation plus récente a remplacé ce fichier"));
+    first->addWidget(warning);
+  }
+  auto* time = new QLabel(QLocale().toString(record.date.toLocalTime().time(), QLocale::ShortFormat), row);
+  QPalette secondary = time->palette();
+  secondary.setColor(QPalette::WindowText, Icons::secondaryColor(secondary));
+  time->setPalette(secondary);
+  first->addWidget(time);
+  first->addStretch(1);
+  texts->addLayout(first);
+
+  const QString folder = QDir::toNativeSeparators(QFileInfo(record.destinationURL).absolutePath());
+  auto* subtitle = new QLabel(row);
+  subtitle->setFont(smallFont(subtitle->font()));
+  subtitle->setPalette(secondary);
+  const QString subtitleText =
+      format("history.rowSubtitleFormat", "%1$@ · %2$@", {folder, formatByteCount(record.sizeBytes)});
+  subtitle->setText(subtitle->fontMetrics().elidedText(subtitleText, Qt::ElideMiddle, 300));
+  subtitle->setToolTip(subtitleText);
+  texts->addWidget(subtitle);
+  layout->addLayout(texts, 1);
+
+  auto* show = new QToolButton(row);
+  show->setAutoRaise(true);
+  show->setIcon(Icons::icon("folder"));
+  show->setEnabled(!superseded);
+  show->setToolTip(superseded ? text("history.supersededNothingHelp", "Une exportation plus récente a remplacé ce fichier")
+                              : text("history.showInFinderHelp", "Afficher le fichier"));
+  show->setObjectName(QStringLiteral("showButton"));
+  const ExportRecord copy = record;
+  connect(show, &QToolButton::clicked, this, [this, copy] { viewModel_.showInFileManager(copy); });
+  auto* undo = new QToolButton(row);
+  undo->setAutoRaise(true);
+  undo->setIcon(Icons::icon("arrow.uturn.backward"));
+  undo->setToolTip(superseded ? text("history.supersededUndoHelp", "Annuler retire seulement cette entrée")
+                              : text("history.undoHelp", "Annuler cette exportation et supprimer le fichier"));
+  undo->setObjectName(QStringLiteral("undoButton"));
+  connect(undo, &QToolButton::clicked, this, [this, copy] { viewModel_.undoExport(copy); });
+  layout->addWidget(show);
+  layout->addWidget(undo);
+
+  if (superseded) {
+    auto* fade = new QGraphicsOpacityEffect(row);
+    fade->setOpacity(0.6);
+    row->setGraphicsEffect(fade);
+  }
+  row->setProperty("superseded", superseded);
+  return row;
+}
+
+void ExportHistoryView::popUp(const QRect& anchor) {
+  QPoint pos(anchor.right() - width(), anchor.bottom() + 4);
+  if (const QScreen* screen = QGuiApplication::screenAt(anchor.center())) {
+    const QRect area = screen->availableGeometry();
+    pos.setX(std::clamp(pos.x(), area.left(), std::max(area.left(), area.right() - width())));
+  }
+  move(pos);
+  show();
+}
+
+}  // namespace quillane::ui

@@ -1,0 +1,51 @@
+#pragma once
+// ExportHistoryView: the export history in a popover of the control bar, newest first. Each
+// row tells where a file went and offers to show it or take the export back; a row whose file
+// a later export overwrote is faded and marked.
+//
+// GUI thread only.
+
+#include <QFrame>
+
+class QLabel;
+class QPushButton;
+class QScrollArea;
+class QVBoxLayout;
+
+namespace quillane {
+class BatchViewModel;
+struct ExportRecord;
+}  // namespace quillane
+
+namespace quillane::ui {
+
+class ExportHistoryView : public QFrame {
+  Q_OBJECT
+ public:
+  static constexpr int popoverWidth = 420;
+  static constexpr int popoverHeight = 320;
+
+  // As a popover with `popup`, else as a plain widget (tests, screenshots).
+  ExportHistoryView(BatchViewModel& viewModel, bool popup, QWidget* parent = nullptr);
+
+  QPushButton* clearButton() const { return clear_; }
+  QLabel* emptyLabel() const { return empty_; }
+  int rowCount() const;
+  // The row widget of record `index` in stored order.
+  QWidget* row(int index) const;
+
+  void popUp(const QRect& anchor);
+
+ private:
+  void rebuild();
+  QWidget* makeRow(const ExportRecord& record);
+
+  BatchViewModel& viewModel_;
+  QPushButton* clear_;
+  QLabel* empty_;
+  QScrollArea* scroll_;
+  QWidget* rowsHost_;
+  QVBoxLayout* rows_;
+};
+
+}  // namespace quillane::ui

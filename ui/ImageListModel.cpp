@@ -1,0 +1,176 @@
+#include "ui/ImageListModel.h"
+
+#include <QImage>
+#include <QPainter>
+#include <QPainterPath>
+
+#include <algorithm>
+#include <set>
+
+namespace quillane::ui {
+
+ImageListModel::ImageListModel(BatchViewModel& viewModel, QObject* parent)
+    : QAbstractListModel(parent), viewModel_(viewModel) {
+  for (const auto& image : viewModel_.images()) {
+    shownIDs_.push_back(image->id());
+    watch(image);
+  }
+  shownFailures_ = int(viewModel_.importFailures().size());
+  for (size_t i = 0; i < shownIDs_.size(); ++i) rowOfID_.insert(shownIDs_[i], int(i));
+  connect(&viewModel_, &BatchViewModel::imagesChanged, this, &ImageListModel::onImagesChanged);
+  connect(&viewModel_, &BatchViewModel::importFailuresChanged, this, &ImageListModel::onFailuresChanged);
+  // Rows read the output format (pass-through, help texts).
+  connect(&viewModel_, &BatchViewModel::outputFormatChanged, this, [this] {
+    if (rowCount() > 0) emit dataChanged(index(0), index(rowCount() - 1));
+  });
+}
+
+int ImageListModel::imageRowOffset() const { return shownFailures_ > 0 ? shownFailures_ + 1 : 0; }
+
+int ImageListModel::rowCount(const QModelIndex& parent) const {
+  if (parent.isValid()) return 0;
+  return imageRowOffset() + int(shownIDs_.size());
+}
+
+ImageListModel::RowKind ImageListModel::kind(int row) const {
+  if (shownFailures_ > 0) {
+    if (row == 0) return RowKind::failuresHeader;
+    if (row <= shownFailures_) return RowKind::failure;
+  }
+  return RowKind::image;
+}
+
+std::shared_ptr<ImportedImage> ImageListModel::imageAt(int row) const {
+  const int i = row - imageRowOffset();
+  if (i < 0 || i >= int(shownIDs_.size())) return nullptr;
+  const ImageList& images = viewModel_.images();
+  // The batch and the shown rows agree except inside a change notification.
+  if (i < int(images.size()) && images[size_t(i)]->id() == shownIDs_[size_t(i)]) return images[size_t(i)];
+  return viewModel_.image(shownIDs_[size_t(i)]);
+}
+
+const ImportFailure* ImageListModel::failureAt(int row) const {
+  if (kind(row) != RowKind::failure) return nullptr;
+  const auto& failures = viewModel_.importFailures();
+  const int i = row - 1;
+  return i < int(failures.size()) ? &failures[size_t(i)] : nullptr;
+}
+
+QVariant ImageListModel::data(const QModelIndex& index, int role) const {
+  if (!index.isValid() || index.row() >= rowCount()) return {};
+  if (role == kindRole) return int(kind(index.row()));
+  if (role == Qt::DisplayRole) {
+    if (auto image = imageAt(index.row())) return image->fileName();
+    if (const ImportFailure* failure = failureAt(index.row())) return failure->url.fileName();
+  }
+  return {};
+}
+
+bool ImageListModel::anyEncoding() const {
+  return std::any_of(viewModel_.images().begin(), viewModel_.images().end(),
+                     [](const auto& image) { return image->encodeState().isEncoding(); });
+}
+
+void ImageListModel::watch(const std::shared_ptr<ImportedImage>& image) {
+  const QUuid id = image->id();
+  auto changed = [this, id] { imageChanged(id); };
+  connect(image.get(), &ImportedImage::encodeStateChanged, this, changed);
+  connect(image.get(), &ImportedImage::compressedDataChanged, this, changed);
+  connect(image.get(), &ImportedImage::qualityOverrideChanged, this, changed);
+  connect(image.get(), &ImportedImage::exportErrorChanged, this, changed);
+}
+
+void ImageListModel::imageChanged(const QUuid& id) {
+  const auto it = rowOfID_.constFind(id);
+  if (it == rowOfID_.constEnd()) return;
+  const QModelIndex i = index(rowOfImage(it.value()));
+  emit dataChanged(i, i);
+}
+
+// Appends and single removals are announced as such, so that the view keeps its scroll
+// position while a large import streams in; anything else resets.
+void ImageListModel::onImagesChanged() {
+  const ImageList& images = viewModel_.images();
+  std::vector<QUuid> ids;
+  ids.reserve(images.size());
+  for (const auto& image : images) ids.push_back(image->id());
+
+  std::set<QUuid> before(shownIDs_.begin(), shownIDs_.end());
+  for (const auto& image : images)
+    if (!before.count(image->id())) watch(image);
+  std::set<QUuid> after(ids.begin(), ids.end());
+  for (const QUuid& id : shownIDs_) {
+    if (after.count(id)) continue;
+    thumbnails_.remove(id);
+    // The image may already be gone from the batch; its signals then stop with it.
+    if (auto gone = viewModel_.image(id)) disconnect(gone.get(), nullptr, this, nullptr);
+  }
+
+  const int offset = imageRowOffset();
+  const bool appended = ids.size() > shownIDs_.size() && std::equal(shownIDs_.begin(), shownIDs_.end(), ids.begin());
+  int removedAt = -1;
+  if (ids.size() + 1 == shownIDs_.size()) {
+    size_t i = 0;
+    while (i < ids.size() && ids[i] == shownIDs_[i]) ++i;
+    if (std::equal(ids.begin() + long(i), ids.end(), shownIDs_.begin() + long(i) + 1)) removedAt = int(i);
+  }
+
+  auto adopt = [&] {
+    shownIDs_ = ids;
+    rowOfID_.clear();
+    for (size_t i = 0; i < shownIDs_.size(); ++i) rowOfID_.insert(shownIDs_[i], int(i));
+  };
+  if (appended) {
+    beginInsertRows({}, offset + int(shownIDs_.size()), offset + int(ids.size()) - 1);
+    adopt();
+    endInsertRows();
+  } else if (removedAt >= 0) {
+    beginRemoveRows({}, offset + removedAt, offset + removedAt);
+    adopt();
+    endRemoveRows();
+  } else if (ids != shownIDs_) {
+    beginResetModel();
+    adopt();
+    endResetModel();
+  }
+}
+
+void ImageListModel::onFailuresChanged() {
+  beginResetModel();
+  shownFailures_ = int(viewModel_.importFailures().size());
+  endResetModel();
+}
+
+QPixmap ImageListModel::thumbnail(const ImportedImage& image, int side, qreal devicePixelRatio) const {
+  const int device = std::max(1, qRound(side * devicePixelRatio));
+  auto it = thumbnails_.constFind(image.id());
+  if (it != thumbnails_.constEnd() && it->width() == device) return *it;
+
+  QPixmap result(device, device);
+  result.fill(Qt::transparent);
+  const DecodedImage& thumb = image.thumbnail();
+  QPainter painter(&result);
+  painter.setRenderHint(QPainter::Antialiasing);
+  painter.setRenderHint(QPainter::SmoothPixmapTransform);
+  QPainterPath clip;
+  const qreal radius = 6.0 * devicePixelRatio;
+  clip.addRoundedRect(QRectF(0, 0, device, device), radius, radius);
+  painter.setClipPath(clip);
+  if (!thumb.empty() && thumb.pixels8.size() >= thumb.pixelCount() * 4) {
+    const QImage::Format fmt =
+        thumb.alpha == AlphaInfo::premultiplied ? QImage::Format_RGBA8888_Premultiplied : QImage::Format_RGBA8888;
+    const QImage source(thumb.pixels8.data(), thumb.width, thumb.height, thumb.width * 4, fmt);
+    // Fill the square: crop the longer side around the centre.
+    const int s = std::min(thumb.width, thumb.height);
+    const QRect crop((thumb.width - s) / 2, (thumb.height - s) / 2, s, s);
+    painter.drawImage(QRect(0, 0, device, device), source, crop);
+  } else {
+    painter.fillRect(QRect(0, 0, device, device), QColor(128, 128, 128, 60));
+  }
+  painter.end();
+  result.setDevicePixelRatio(devicePixelRatio);
+  thumbnails_.insert(image.id(), result);
+  return result;
+}
+
+}  // namespace quillane::ui

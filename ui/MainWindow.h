@@ -1,0 +1,85 @@
+#pragma once
+// MainWindow: the application's one main window (the content view): the control bar, then
+// either the drop area or the list of images and failed imports, the export alert, and the
+// menu bar with its commands. It installs the file dialogs into the model while it lives.
+//
+// GUI thread only. The model is owned by the application and outlives the window.
+
+#include <QMainWindow>
+#include <QPointer>
+
+#include <functional>
+#include <memory>
+
+class QAction;
+class QMessageBox;
+class QStackedWidget;
+
+namespace quillane {
+class BatchViewModel;
+class ImportedImage;
+}  // namespace quillane
+
+namespace quillane::ui {
+
+class ControlsBar;
+class DesktopPanels;
+class DropTargetView;
+class ImageListView;
+
+class MainWindow : public QMainWindow {
+  Q_OBJECT
+ public:
+  static constexpr int minimumWidth = 780;
+  static constexpr int minimumHeight = 540;
+
+  explicit MainWindow(BatchViewModel& viewModel, QWidget* parent = nullptr);
+  ~MainWindow() override;
+
+  // The name in the About and Help commands: the application name, else "Quillane".
+  static QString appName();
+  // The maker's web site, opened by the Help command.
+  static QUrl websiteURL();
+
+  // Replaces the dialogs (tests). The window keeps ownership.
+  void setPanels(std::unique_ptr<DesktopPanels> panels);
+  DesktopPanels& panels() const { return *panels_; }
+  // What the Settings command runs (the application opens its settings window).
+  void setSettingsOpener(std::function<void()> opener) { openSettings_ = std::move(opener); }
+
+  ControlsBar* controlsBar() const { return bar_; }
+  DropTargetView* dropTarget() const { return drop_; }
+  ImageListView* imageList() const { return list_; }
+  bool showsList() const;
+  QAction* importAction() const { return importAction_; }
+  QAction* exportAction() const { return exportAction_; }
+  QAction* increaseQualityAction() const { return increaseAction_; }
+  QAction* decreaseQualityAction() const { return decreaseAction_; }
+  QMessageBox* exportAlert() const { return alert_; }
+
+  // The row actions that need a window.
+  void showComparison(const std::shared_ptr<ImportedImage>& image);
+  void showQualityOverride(const std::shared_ptr<ImportedImage>& image, const QRect& anchor);
+  void exportSingle(const std::shared_ptr<ImportedImage>& image);
+  void showAbout();
+
+ private:
+  void buildMenus();
+  void refresh();
+  void refreshExportError();
+
+  BatchViewModel& viewModel_;
+  std::unique_ptr<DesktopPanels> panels_;
+  std::function<void()> openSettings_;
+  ControlsBar* bar_;
+  QStackedWidget* stack_;
+  DropTargetView* drop_;
+  ImageListView* list_;
+  QAction* importAction_ = nullptr;
+  QAction* exportAction_ = nullptr;
+  QAction* increaseAction_ = nullptr;
+  QAction* decreaseAction_ = nullptr;
+  QMessageBox* alert_ = nullptr;
+};
+
+}  // namespace quillane::ui

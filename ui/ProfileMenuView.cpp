@@ -1,0 +1,72 @@
+#include "ui/ProfileMenuView.h"
+
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QMenu>
+#include <QPushButton>
+
+#include "batch/BatchViewModel.h"
+#include "records/ExportProfile.h"
+#include "ui/Icons.h"
+#include "ui/UiText.h"
+
+namespace quillane::ui {
+
+ExportProfileMenuView::ExportProfileMenuView(BatchViewModel& viewModel, QWidget* parent)
+    : QWidget(parent), viewModel_(viewModel) {
+  auto* layout = new QHBoxLayout(this);
+  layout->setContentsMargins(0, 0, 0, 0);
+  layout->setSpacing(8);
+  label_ = new QLabel(this);
+  QPalette secondary = label_->palette();
+  secondary.setColor(QPalette::WindowText, Icons::secondaryColor(secondary));
+  label_->setPalette(secondary);
+  button_ = new QPushButton(this);
+  button_->setMaximumWidth(180);
+  menu_ = new QMenu(button_);
+  button_->setMenu(menu_);
+  layout->addWidget(label_);
+  layout->addWidget(button_);
+  connect(menu_, &QMenu::aboutToShow, this, &ExportProfileMenuView::rebuildMenu);
+  connect(&viewModel_, &BatchViewModel::exportProfilesChanged, this, &ExportProfileMenuView::refresh);
+  connect(&viewModel_, &BatchViewModel::appliedProfileNameChanged, this, &ExportProfileMenuView::refresh);
+  refresh();
+}
+
+QString ExportProfileMenuView::title() const {
+  const auto& applied = viewModel_.appliedProfileName();
+  if (applied && !applied->isEmpty()) return *applied;
+  return text("profiles.menu.placeholder", "Choisir un profil");
+}
+
+void ExportProfileMenuView::refresh() {
+  setVisible(!viewModel_.exportProfiles().empty());
+  label_->setText(text("profiles.menu.label", "Profil"));
+  setToolTip(text("profiles.menu.help", "Appliquer un profil enregistré"));
+  button_->setText(button_->fontMetrics().elidedText(title(), Qt::ElideRight, 150));
+  rebuildMenu();
+}
+
+void ExportProfileMenuView::rebuildMenu() {
+  menu_->clear();
+  QAction* none = menu_->addAction(text("profiles.menu.none", "Aucun"));
+  // Forgets the applied name only: quality, format and the export folder stay.
+  connect(none, &QAction::triggered, this, [this] { viewModel_.setAppliedProfileName(std::nullopt); });
+  menu_->addSeparator();
+  const auto& applied = viewModel_.appliedProfileName();
+  for (const ExportProfile& profile : viewModel_.exportProfiles()) {
+    QAction* action = menu_->addAction(profile.name);
+    if (applied && *applied == profile.name) action->setIcon(Icons::icon("checkmark"));
+    const QUuid id = profile.id;
+    connect(action, &QAction::triggered, this, [this, id] {
+      for (const ExportProfile& p : viewModel_.exportProfiles())
+        if (p.id == id) {
+          const ExportProfile chosen = p;
+          viewModel_.applyExportProfile(chosen);
+          return;
+        }
+    });
+  }
+}
+
+}  // namespace quillane::ui

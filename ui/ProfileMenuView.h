@@ -1,0 +1,41 @@
+#pragma once
+// ExportProfileMenuView: the compact profile menu of the control bar. It applies a saved
+// profile to the batch, or, with its "none" entry, only forgets the applied name. Draws
+// nothing while there are no profiles.
+//
+// GUI thread only.
+
+#include <QWidget>
+
+class QLabel;
+class QMenu;
+class QPushButton;
+
+namespace quillane {
+class BatchViewModel;
+}
+
+namespace quillane::ui {
+
+class ExportProfileMenuView : public QWidget {
+  Q_OBJECT
+ public:
+  explicit ExportProfileMenuView(BatchViewModel& viewModel, QWidget* parent = nullptr);
+
+  QPushButton* button() const { return button_; }
+  QMenu* menu() const { return menu_; }
+  // The button's title: the applied profile's name, or the placeholder.
+  QString title() const;
+  // Rebuilds the entries (also done each time the menu opens).
+  void rebuildMenu();
+
+ private:
+  void refresh();
+
+  BatchViewModel& viewModel_;
+  QLabel* label_;
+  QPushButton* button_;
+  QMenu* menu_;
+};
+
+}  // namespace quillane::ui

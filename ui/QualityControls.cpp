@@ -1,0 +1,247 @@
+#include "ui/QualityControls.h"
+
+#include <QActionGroup>
+#include <QGuiApplication>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QMenu>
+#include <QPushButton>
+#include <QScreen>
+#include <QSignalBlocker>
+#include <QSlider>
+#include <QVBoxLayout>
+
+#include <string>
+
+#include "batch/BatchViewModel.h"
+#include "ui/Icons.h"
+#include "ui/ImageRowDelegate.h"
+#include "ui/UiText.h"
+
+namespace quillane::ui {
+namespace {
+
+QSlider* makeQualitySlider(QWidget* parent) {
+  auto* slider = new QSlider(Qt::Horizontal, parent);
+  slider->setRange(1, 100);
+  slider->setSingleStep(1);
+  slider->setPageStep(5);
+  slider->setFixedWidth(160);
+  return slider;
+}
+
+QLabel* makeReadout(QWidget* parent) {
+  auto* readout = new QLabel(parent);
+  readout->setFixedWidth(40);
+  readout->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+  return readout;
+}
+
+void setSecondary(QLabel* label) {
+  QPalette palette = label->palette();
+  palette.setColor(QPalette::WindowText, Icons::secondaryColor(palette));
+  label->setPalette(palette);
+}
+
+QString formatLabel(ImageFormat format) { return QString::fromUtf8(std::string(ImageFormats::label(format))); }
+
+}  // namespace
+
+QPushButton* makeLinkButton(const QString& text, QWidget* parent) {
+  auto* button = new QPushButton(text, parent);
+  button->setFlat(true);
+  button->setCursor(Qt::PointingHandCursor);
+  button->setStyleSheet(QStringLiteral("QPushButton { border: none; padding: 0px; text-align: left; color: palette(link); }"
+                                       "QPushButton:hover { text-decoration: underline; }"));
+  return button;
+}
+
+void makeProminent(QPushButton* button) {
+  QPalette palette = button->palette();
+  palette.setColor(QPalette::Button, palette.color(QPalette::Highlight));
+  palette.setColor(QPalette::ButtonText, palette.color(QPalette::HighlightedText));
+  palette.setColor(QPalette::Disabled, QPalette::Button, palette.color(QPalette::Disabled, QPalette::Button));
+  button->setPalette(palette);
+  button->setAutoDefault(false);
+}
+
+// ---- QualitySliderView ----
+
+QualitySliderView::QualitySliderView(BatchViewModel& viewModel, QWidget* parent)
+    : QWidget(parent), viewModel_(viewModel) {
+  auto* layout = new QHBoxLayout(this);
+  layout->setContentsMargins(0, 0, 0, 0);
+  label_ = new QLabel(this);
+  setSecondary(label_);
+  slider_ = makeQualitySlider(this);
+  readout_ = makeReadout(this);
+  layout->addWidget(label_);
+  layout->addWidget(slider_);
+  layout->addWidget(readout_);
+
+  // Every move writes the quality; while the thumb is held the model only marks the
+  // recompute as pending, and letting go sends it.
+  connect(slider_, &QSlider::valueChanged, this, [this](int value) { viewModel_.setQuality(value); });
+  connect(slider_, &QSlider::sliderPressed, this, [this] { viewModel_.setQualitySliderEditing(true); });
+  connect(slider_, &QSlider::sliderReleased, this, [this] { viewModel_.setQualitySliderEditing(false); });
+  connect(&viewModel_, &BatchViewModel::qualityChanged, this, &QualitySliderView::syncFromModel);
+  retranslate();
+  syncFromModel();
+}
+
+void QualitySliderView::retranslate() {
+  label_->setText(text("quality.label", "Qualité"));
+  setToolTip(text("quality.sliderHelp", "Qualité perçue, de 1 à 100"));
+}
+
+QString QualitySliderView::readoutText() const { return readout_->text(); }
+
+void QualitySliderView::syncFromModel() {
+  const int shown = qualityReadout(viewModel_.quality());
+  readout_->setText(QString::number(shown));
+  if (slider_->isSliderDown() && slider_->value() == shown) return;
+  const QSignalBlocker block(slider_);
+  slider_->setValue(shown);
+}
+
+// ---- FormatPickerView ----
+
+FormatPickerView::FormatPickerView(BatchViewModel& viewModel, QWidget* parent)
+    : QWidget(parent), viewModel_(viewModel) {
+  auto* layout = new QHBoxLayout(this);
+  layout->setContentsMargins(0, 0, 0, 0);
+  label_ = new QLabel(this);
+  setSecondary(label_);
+  button_ = new QPushButton(this);
+  button_->setFixedWidth(120);
+  menu_ = new QMenu(button_);
+  for (ImageFormat format : ImageFormats::allCases) {
+    QAction* action = menu_->addAction(formatLabel(format));
+    action->setCheckable(true);
+    action->setData(int(format));
+    // Choosing the current format is not filtered out: it recomputes all the same.
+    connect(action, &QAction::triggered, this, [this, format] {
+      viewModel_.setOutputFormat(format);
+      syncFromModel();
+    });
+  }
+  button_->setMenu(menu_);
+  layout->addWidget(label_);
+  layout->addWidget(button_);
+  connect(&viewModel_, &BatchViewModel::outputFormatChanged, this, &FormatPickerView::syncFromModel);
+  retranslate();
+  syncFromModel();
+}
+
+void FormatPickerView::retranslate() {
+  label_->setText(text("format.label", "Format"));
+  setToolTip(text("format.help", "Le format des fichiers compressés"));
+}
+
+void FormatPickerView::syncFromModel() {
+  button_->setText(formatLabel(viewModel_.outputFormat()));
+  for (QAction* action : menu_->actions()) action->setChecked(action->data().toInt() == int(viewModel_.outputFormat()));
+}
+
+// ---- QualityOverridePopup ----
+
+QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
+                                           QWidget* parent)
+    : QFrame(parent, Qt::Popup), viewModel_(viewModel), image_(std::move(image)) {
+  setAttribute(Qt::WA_DeleteOnClose);
+  setFrameShape(QFrame::StyledPanel);
+  setFixedWidth(240);
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(14, 12, 14, 12);
+  layout->setSpacing(8);
+
+  auto* title = new QLabel(text("quality.overrideTitle", "Qualité de cette image"), this);
+  QFont bold = title->font();
+  bold.setBold(true);
+  title->setFont(bold);
+  title->setWordWrap(true);
+  layout->addWidget(title);
+
+  auto* row = new QHBoxLayout;
+  slider_ = makeQualitySlider(this);
+  readout_ = makeReadout(this);
+  row->addWidget(slider_);
+  row->addWidget(readout_);
+  layout->addLayout(row);
+
+  revert_ = makeLinkButton(QString(), this);
+  following_ = new QLabel(text("quality.followingGlobal", "Suit la qualité globale"), this);
+  following_->setFont(smallFont(following_->font()));
+  following_->setWordWrap(true);
+  setSecondary(following_);
+  layout->addWidget(revert_);
+  layout->addWidget(following_);
+
+  // A drag moves only the draft; the override is written when the thumb is let go.
+  connect(slider_, &QSlider::sliderMoved, this, [this](int value) {
+    draftQuality_ = value;
+    readout_->setText(readoutText());
+  });
+  connect(slider_, &QSlider::sliderPressed, this, [this] { editingChanged(true); });
+  connect(slider_, &QSlider::sliderReleased, this, [this] { editingChanged(false); });
+  // Keys and clicks on the groove are whole edits of their own.
+  connect(slider_, &QSlider::actionTriggered, this, [this](int action) {
+    if (slider_->isSliderDown() || action == QAbstractSlider::SliderMove || action == QAbstractSlider::SliderNoAction)
+      return;
+    draftQuality_ = slider_->sliderPosition();
+    editingChanged(false);
+  });
+  connect(revert_, &QPushButton::clicked, this, &QualityOverridePopup::revertToGlobal);
+  connect(image_.get(), &ImportedImage::qualityOverrideChanged, this, &QualityOverridePopup::refresh);
+  connect(&viewModel_, &BatchViewModel::qualityChanged, this, &QualityOverridePopup::refresh);
+  refresh();
+}
+
+double QualityOverridePopup::displayedQuality() const {
+  if (draftQuality_) return *draftQuality_;
+  if (image_->qualityOverride()) return *image_->qualityOverride();
+  return viewModel_.quality();
+}
+
+QString QualityOverridePopup::readoutText() const { return QString::number(qualityReadout(displayedQuality())); }
+
+void QualityOverridePopup::editingChanged(bool editing) {
+  if (editing || !draftQuality_) return;
+  const double draft = *draftQuality_;
+  draftQuality_.reset();
+  viewModel_.setQualityOverride(image_, draft);
+  refresh();
+}
+
+void QualityOverridePopup::revertToGlobal() {
+  viewModel_.setQualityOverride(image_, std::nullopt);
+  refresh();
+}
+
+void QualityOverridePopup::refresh() {
+  readout_->setText(readoutText());
+  if (!slider_->isSliderDown()) {
+    const QSignalBlocker block(slider_);
+    slider_->setValue(qualityReadout(displayedQuality()));
+  }
+  const bool custom = image_->qualityOverride().has_value();
+  revert_->setText(format("quality.revertFormat", "Revenir à la qualité globale (%lld)",
+                          {integerArg(qualityReadout(viewModel_.quality()))}));
+  revert_->setVisible(custom);
+  following_->setVisible(!custom);
+  adjustSize();
+}
+
+void QualityOverridePopup::popUp(const QRect& anchor) {
+  adjustSize();
+  QPoint pos(anchor.center().x() - width() / 2, anchor.bottom() + 4);
+  if (const QScreen* screen = QGuiApplication::screenAt(anchor.center())) {
+    const QRect area = screen->availableGeometry();
+    pos.setX(std::clamp(pos.x(), area.left(), std::max(area.left(), area.right() - width())));
+    if (pos.y() + height() > area.bottom()) pos.setY(anchor.top() - height() - 4);
+  }
+  move(pos);
+  show();
+}
+
+}  // namespace quillane::ui

@@ -1,0 +1,99 @@
+#pragma once
+// The controls of the two global values and of one image's quality:
+// - QualitySliderView: the global quality, cooperating with the model's debounce: while the
+//   thumb is held nothing is encoded, and letting go sends a recompute held back meanwhile.
+// - FormatPickerView: the output format menu; choosing the current format recomputes too.
+// - QualityOverridePopup: one image's quality, in a popover; a drag writes nothing until the
+//   thumb is let go, so one drag encodes once.
+//
+// GUI thread only. The views hold the model (and the image) by reference / shared pointer.
+
+#include <QFrame>
+#include <QWidget>
+
+#include <memory>
+#include <optional>
+
+class QLabel;
+class QMenu;
+class QPushButton;
+class QSlider;
+
+namespace quillane {
+class BatchViewModel;
+class ImportedImage;
+}  // namespace quillane
+
+namespace quillane::ui {
+
+class QualitySliderView : public QWidget {
+  Q_OBJECT
+ public:
+  explicit QualitySliderView(BatchViewModel& viewModel, QWidget* parent = nullptr);
+  QSlider* slider() const { return slider_; }
+  QString readoutText() const;
+  void retranslate();
+
+ private:
+  void syncFromModel();
+
+  BatchViewModel& viewModel_;
+  QLabel* label_;
+  QSlider* slider_;
+  QLabel* readout_;
+};
+
+class FormatPickerView : public QWidget {
+  Q_OBJECT
+ public:
+  explicit FormatPickerView(BatchViewModel& viewModel, QWidget* parent = nullptr);
+  QPushButton* button() const { return button_; }
+  QMenu* menu() const { return menu_; }
+  void retranslate();
+
+ private:
+  void syncFromModel();
+
+  BatchViewModel& viewModel_;
+  QLabel* label_;
+  QPushButton* button_;
+  QMenu* menu_;
+};
+
+class QualityOverridePopup : public QFrame {
+  Q_OBJECT
+ public:
+  QualityOverridePopup(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image, QWidget* parent = nullptr);
+
+  // The first of the draft, the image's override and the global quality.
+  double displayedQuality() const;
+  const std::optional<double>& draftQuality() const { return draftQuality_; }
+  QSlider* slider() const { return slider_; }
+  QString readoutText() const;
+  QPushButton* revertButton() const { return revert_; }
+  QLabel* followingLabel() const { return following_; }
+
+  // The slider's editing callback: on release a draft becomes the override.
+  void editingChanged(bool editing);
+  // Opens under `anchor` (global coordinates).
+  void popUp(const QRect& anchor);
+
+ private:
+  void refresh();
+  void revertToGlobal();
+
+  BatchViewModel& viewModel_;
+  std::shared_ptr<ImportedImage> image_;
+  std::optional<double> draftQuality_;
+  QSlider* slider_;
+  QLabel* readout_;
+  QPushButton* revert_;
+  QLabel* following_;
+};
+
+// A flat button drawn as a link ("common.retry", "quality.revertFormat").
+QPushButton* makeLinkButton(const QString& text, QWidget* parent = nullptr);
+// A button in the accent colour, for the one main action of a view.
+void makeProminent(QPushButton* button);
+
+}  // namespace quillane::ui

@@ -1,0 +1,70 @@
+#include "ui/UiText.h"
+
+#include <QLocale>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "engine/Localization.h"
+
+namespace quillane::ui {
+
+QString text(const char* key, const char* frenchDefault) {
+  return QString::fromStdString(Localization::text(key, frenchDefault));
+}
+
+QString format(const char* key, const char* frenchDefault, std::initializer_list<QString> args) {
+  const std::string pattern = Localization::text(key, frenchDefault);
+  std::vector<std::string> utf8;
+  utf8.reserve(args.size());
+  for (const QString& arg : args) utf8.push_back(arg.toStdString());
+  // formatArgs takes an initializer_list of views; at most four arguments are ever used.
+  std::string out;
+  switch (utf8.size()) {
+    case 0: out = Localization::formatArgs(pattern, {}); break;
+    case 1: out = Localization::formatArgs(pattern, {utf8[0]}); break;
+    case 2: out = Localization::formatArgs(pattern, {utf8[0], utf8[1]}); break;
+    case 3: out = Localization::formatArgs(pattern, {utf8[0], utf8[1], utf8[2]}); break;
+    default: out = Localization::formatArgs(pattern, {utf8[0], utf8[1], utf8[2], utf8[3]}); break;
+  }
+  return QString::fromStdString(out);
+}
+
+QString formatByteCount(int64_t bytes) { return formatByteCount(bytes, QLocale()); }
+
+QString formatByteCount(int64_t bytes, const QLocale& locale) {
+  if (bytes < 1000) return locale.toString(qlonglong(std::max<int64_t>(bytes, 0))) + QStringLiteral(" B");
+  // kB without decimals, MB with one, GB and above with two; a value that rounds up to 1000
+  // moves to the next unit ("1 MB" rather than "1000 kB").
+  static const char* const units[] = {"kB", "MB", "GB", "TB", "PB"};
+  static const int decimals[] = {0, 1, 2, 2, 2};
+  double value = double(bytes);
+  for (int i = 0; i < 5; ++i) {
+    value /= 1000.0;
+    const double scale = std::pow(10.0, decimals[i]);
+    const double rounded = std::round(value * scale) / scale;
+    if (rounded < 1000.0 || i == 4) {
+      QString digits = locale.toString(rounded, 'f', decimals[i]);
+      // "1.0 MB" reads as "1 MB".
+      const QString zeroTail = QString(locale.decimalPoint()) + QString(decimals[i], locale.zeroDigit().at(0));
+      if (decimals[i] > 0 && digits.endsWith(zeroTail)) digits.chop(zeroTail.size());
+      return digits + QLatin1Char(' ') + QLatin1String(units[i]);
+    }
+  }
+  return {};
+}
+
+SizeChange sizeChange(int64_t sizeBytes, int64_t originalSizeBytes) {
+  const double divisor = double(std::max<int64_t>(originalSizeBytes, 1));
+  const double saved = 1.0 - double(sizeBytes) / divisor;
+  // std::round rounds halves away from zero.
+  return {static_cast<int64_t>(std::round(std::fabs(saved) * 100.0)), saved >= 0.0};
+}
+
+QString sizeChangeText(const SizeChange& change) {
+  if (change.reduced) return format("sign.reduced", "−%lld %%", {integerArg(change.percent)});
+  return format("sign.increased", "+%lld %%", {integerArg(change.percent)});
+}
+
+}  // namespace quillane::ui
