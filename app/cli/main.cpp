@@ -1,0 +1,188 @@
+// quillane-cli: the engine from a shell. Three verbs (inspect, analyze, compress), JSON with
+// sorted keys on stdout, errors of a whole command on stderr.
+//
+// Exit status: 0 when the verb ran (single files may still have failed: they stand in the
+// JSON), 6 when the compress command as a whole failed, 2 for a command line that can't be
+// read.
+
+#include <QCoreApplication>
+#include <QLocale>
+#include <QStringList>
+#include <QVariant>
+
+#include <cstdio>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "app/cli/InspectCommands.h"
+#include "automation/CompressScriptCommand.h"
+
+namespace {
+
+using namespace quillane;
+
+constexpr int kUsageError = 2;
+
+const char kHelp[] =
+    "Usage: quillane-cli VERB [OPTIONS] FILE...\n"
+    "\n"
+    "Makes image files smaller, as the Quillane window does, from a shell. Every verb prints one\n"
+    "JSON array with one object a file, in the order given, keys sorted.\n"
+    "\n"
+    "Verbs:\n"
+    "  inspect FILE...\n"
+    "      What the reader sees in each file: path, format (png, jpeg, heic, avif, webp or jxl),\n"
+    "      pixelWidth and pixelHeight (as displayed, orientation applied), fileSizeBytes,\n"
+    "      frameCount. A file that can't be read gives path and error.\n"
+    "\n"
+    "  analyze [--quality Q] FILE...\n"
+    "      The picture's measurements (characteristics: width, height, contentClass,\n"
+    "      distinctColorCount, colorCountSaturated, flatFraction, edgeFraction,\n"
+    "      gradientFraction, noiseLevel, hasAlpha, hasPartialAlpha) and, for every output\n"
+    "      format, the encoding plan at quality Q (plans: mode, modeQuality or\n"
+    "      nearLosslessLevel, effort, quality, alternative and alternativeQuality,\n"
+    "      dithering, prefersLossless).\n"
+    "      --quality Q   perceptual quality from 1 to 100 (default 75)\n"
+    "\n"
+    "  compress FILE... [--to DIR] [--format NAME] [--quality Q] [--profile NAME]\n"
+    "      Compresses the files one after another into DIR and prints one record a file:\n"
+    "      path, originalSizeBytes, and either compressedSizeBytes, ratio and destination,\n"
+    "      or error. Output names are the source's name with the format's extension; two\n"
+    "      sources of the same name get \"-2\", \"-3\"... A file of that name already in DIR\n"
+    "      is replaced.\n"
+    "      --to DIR        output folder, created if missing\n"
+    "      --format NAME   png, jpeg, heic, avif, webp or jxl, in any case; another name is\n"
+    "                      ignored\n"
+    "      --quality Q     perceptual quality from 1 to 100; a value that is no number is\n"
+    "                      ignored\n"
+    "      --profile NAME  an export profile saved in Quillane, by name (any case); it gives\n"
+    "                      whatever the options above leave out. Without it, the default\n"
+    "                      profile does, if there is one; else jpeg at 75.\n"
+    "      Without a folder from --to or a profile, nothing is written.\n"
+    "\n"
+    "  --help, -h\n"
+    "      This text.\n"
+    "\n"
+    "Options may also be written --name=VALUE; \"--\" ends the options.\n"
+    "\n"
+    "Exit status: 0 when the verb ran, even if some files failed (see their \"error\");\n"
+    "6 when compress failed as a whole (no files, no output folder, unknown profile, a folder\n"
+    "that can't be made), with the reason on stderr and no file touched; 2 for an unknown verb\n"
+    "or option.\n";
+
+struct CommandLine {
+  QStringList files;
+  std::map<QString, QString> options;  // without the leading "--"
+};
+
+// Splits arguments into files and the options named in `known`, each of which takes a value.
+// Returns an error text for anything else.
+std::optional<std::string> parse(const QStringList& arguments, const QStringList& known, CommandLine& out) {
+  bool optionsEnded = false;
+  for (qsizetype i = 0; i < arguments.size(); ++i) {
+    const QString& argument = arguments[i];
+    if (optionsEnded || !argument.startsWith("--") || argument == "--") {
+      if (argument == "--" && !optionsEnded) {
+        optionsEnded = true;
+        continue;
+      }
+      out.files.append(argument);
+      continue;
+    }
+    QString name = argument.mid(2);
+    QString value;
+    const qsizetype equals = name.indexOf('=');
+    if (equals >= 0) {
+      value = name.mid(equals + 1);
+      name = name.left(equals);
+    } else {
+      if (!known.contains(name)) return "unknown option --" + name.toStdString();
+      if (i + 1 >= arguments.size()) return "option --" + name.toStdString() + " needs a value";
+      value = arguments[++i];
+    }
+    if (!known.contains(name)) return "unknown option --" + name.toStdString();
+    out.options[name] = value;
+  }
+  return std::nullopt;
+}
+
+void printJson(const std::string& json) {
+  std::fwrite(json.data(), 1, json.size(), stdout);
+  std::fputc('\n', stdout);
+}
+
+int usageError(const std::string& message) {
+  std::fprintf(stderr, "quillane-cli: %s\nTry 'quillane-cli --help'.\n", message.c_str());
+  return kUsageError;
+}
+
+// A number when the whole text reads as one (in the C locale), else the text itself, which
+// the command then ignores.
+QVariant qualityValue(const QString& text) {
+  bool ok = false;
+  const double number = QLocale::c().toDouble(text.trimmed(), &ok);
+  return ok ? QVariant(number) : QVariant(text);
+}
+
+int runCompress(const QStringList& arguments) {
+  CommandLine line;
+  if (auto error = parse(arguments, {"to", "format", "quality", "profile"}, line)) return usageError(*error);
+  QVariantMap evaluated;
+  if (line.options.count("to")) evaluated[CompressScriptCommand::toArgument] = line.options["to"];
+  if (line.options.count("format")) evaluated[CompressScriptCommand::formatArgument] = line.options["format"];
+  if (line.options.count("quality"))
+    evaluated[CompressScriptCommand::qualityArgument] = qualityValue(line.options["quality"]);
+  if (line.options.count("profile")) evaluated[CompressScriptCommand::profileArgument] = line.options["profile"];
+
+  const auto outcome = CompressScriptCommand::performDefaultImplementation(QVariant(line.files), evaluated);
+  if (!outcome.json) {
+    std::fprintf(stderr, "%s\n", outcome.errorString.c_str());
+    return outcome.errorNumber;
+  }
+  printJson(*outcome.json);
+  return 0;
+}
+
+int runInspect(const QStringList& arguments) {
+  CommandLine line;
+  if (auto error = parse(arguments, {}, line)) return usageError(*error);
+  printJson(cli::inspect(line.files).writeSorted());
+  return 0;
+}
+
+int runAnalyze(const QStringList& arguments) {
+  CommandLine line;
+  if (auto error = parse(arguments, {"quality"}, line)) return usageError(*error);
+  double quality = 75;
+  if (line.options.count("quality")) {
+    bool ok = false;
+    quality = QLocale::c().toDouble(line.options["quality"].trimmed(), &ok);
+    if (!ok) return usageError("--quality needs a number");
+  }
+  printJson(cli::analyze(line.files, quality).writeSorted());
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  QCoreApplication app(argc, argv);
+  QCoreApplication::setOrganizationName("Quillane");
+  QCoreApplication::setApplicationName("Quillane");
+  QStringList arguments = QCoreApplication::arguments().mid(1);
+  if (arguments.isEmpty() || arguments.first() == "--help" || arguments.first() == "-h" ||
+      arguments.first() == "help") {
+    std::fputs(kHelp, stdout);
+    return 0;
+  }
+  const QString verb = arguments.takeFirst();
+  if (arguments.contains("--help") || arguments.contains("-h")) {
+    std::fputs(kHelp, stdout);
+    return 0;
+  }
+  if (verb == "compress") return runCompress(arguments);
+  if (verb == "inspect") return runInspect(arguments);
+  if (verb == "analyze") return runAnalyze(arguments);
+  return usageError("unknown verb '" + verb.toStdString() + "'");
+}

@@ -1,0 +1,156 @@
+// The compress command without a transport: its parameters in every accepted form, settings
+// from explicit values and profiles, names kept apart within one command, and command errors
+// that touch no file.
+
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+#include <QUrl>
+#include <gtest/gtest.h>
+
+#include "automation/CompressScriptCommand.h"
+#include "records/ExportProfile.h"
+#include "records/JSONFileStore.h"
+#include "tests/support/CodecFixtures.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane {
+namespace {
+
+using CompressScriptCommand::performDefaultImplementation;
+
+class CompressCommand : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(temp_.isValid());
+    JSONFileStore::setFolderForTesting(temp_.filePath("support"));
+    QDir(temp_.path()).mkpath("in/sub");
+  }
+  void TearDown() override { JSONFileStore::setFolderForTesting({}); }
+
+  QString source(const QString& name, testing::Pattern pattern = testing::Pattern::photo) {
+    QString path = temp_.filePath("in/" + name);
+    DecodedImage picture = testing::makeImage(40, 30, pattern, 7);
+    testing::writeBytes(path.toStdString(),
+                        name.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
+    return path;
+  }
+  QString out(const QString& relative = "out") const { return temp_.filePath(relative); }
+
+  void saveProfiles(const ExportProfileList& profiles) { ExportProfiles::save(profiles); }
+
+  // Runs the command and parses its JSON; fails the test on a command error.
+  QJsonArray run(const QVariant& files, const QVariantMap& arguments) {
+    auto outcome = performDefaultImplementation(files, arguments);
+    EXPECT_TRUE(outcome.json) << outcome.errorString;
+    EXPECT_EQ(outcome.errorNumber, 0);
+    return outcome.json ? QJsonDocument::fromJson(QByteArray::fromStdString(*outcome.json)).array() : QJsonArray();
+  }
+
+  QTemporaryDir temp_;
+};
+
+QStringList destinations(const QJsonArray& records) {
+  QStringList names;
+  for (const auto& record : records) names << QFileInfo(record.toObject()["destination"].toString()).fileName();
+  return names;
+}
+
+TEST(ScriptCommandParameters, PathsComeFromUrlsStringsAndNestedListsInOrder) {
+  QVariantList inner{QString("b.png"), QUrl::fromLocalFile("/x/c d.jpg")};
+  QVariant direct = QVariantList{QString("~/a.png"), QVariant(inner), QStringList{"e.webp"}};
+  EXPECT_EQ(CompressScriptCommand::filePaths(direct), (QStringList{"~/a.png", "b.png", "/x/c d.jpg", "e.webp"}));
+  EXPECT_TRUE(CompressScriptCommand::filePaths(QVariantList{}).isEmpty());
+
+  for (const QVariant& bad : {QVariant(), QVariant(42), QVariant(QVariantList{QString("a.png"), 3.5})}) {
+    try {
+      CompressScriptCommand::filePaths(bad);
+      ADD_FAILURE() << "accepted " << bad.typeName();
+    } catch (const ScriptCommandError& e) {
+      EXPECT_EQ(e.description(), "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers.");
+    }
+  }
+  EXPECT_EQ(CompressScriptCommand::url(QUrl::fromLocalFile("/tmp/out")), QString("/tmp/out"));
+  EXPECT_EQ(CompressScriptCommand::url(QString("rel/out")), QString("rel/out"));
+  EXPECT_FALSE(CompressScriptCommand::url(QVariant(3)));
+}
+
+TEST_F(CompressCommand, CommandErrorsReportNumberSixAndTouchNothing) {
+  QString file = source("a.png");
+  struct Case {
+    QVariant files;
+    QVariantMap arguments;
+    std::string message;
+  } cases[] = {
+      {QVariantList{}, {{"to", out()}}, "Aucun fichier à compresser."},
+      {QVariant(7), {{"to", out()}}, "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers."},
+      {QStringList{file}, {}, "Dossier de destination manquant : passez \"to\" ou un profil qui en a un."},
+      {QStringList{file}, {{"to", out()}, {"profile", "Missing"}}, "Profil introuvable : Missing"},
+  };
+  for (const Case& c : cases) {
+    auto outcome = performDefaultImplementation(c.files, c.arguments);
+    EXPECT_FALSE(outcome.json);
+    EXPECT_EQ(outcome.errorNumber, 6);
+    EXPECT_EQ(outcome.errorString, c.message);
+    EXPECT_FALSE(QFileInfo::exists(out()));
+  }
+  // A folder that can't be made: its parent is a file.
+  auto blocked = performDefaultImplementation(QStringList{file}, {{"to", file + "/out"}});
+  EXPECT_EQ(blocked.errorNumber, 6);
+  EXPECT_FALSE(blocked.errorString.empty());
+}
+
+TEST_F(CompressCommand, SameBaseNamesGetDistinctNamesAndAFailedFileDoesNotStopTheOthers) {
+  QString a = source("a.png"), upper = source("sub/A.jpg"), b = source("b.jpg");
+  testing::writeBytes(temp_.filePath("in/broken.png").toStdString(), {0x89, 'P', 'N', 'G', 1, 2});
+  QDir().mkpath(out("deep/er"));
+  testing::writeBytes(out("deep/er/b.jpg").toStdString(), {'o', 'l', 'd'});  // replaced
+
+  QJsonArray records = run(QVariantList{a, QVariantList{upper, temp_.filePath("in/broken.png")}, b},
+                           {{"to", QUrl::fromLocalFile(out("deep/er"))}});
+  ASSERT_EQ(records.size(), 4);
+  EXPECT_EQ(destinations(records), (QStringList{"a.jpg", "A-2.jpg", "", "b.jpg"}));
+  QJsonObject failed = records[2].toObject();
+  EXPECT_EQ(failed.keys(), (QStringList{"error", "originalSizeBytes", "path"}));
+  EXPECT_EQ(failed["originalSizeBytes"].toInt(), 6);
+  EXPECT_EQ(records[0].toObject()["path"].toString(), a);
+  EXPECT_GT(QFileInfo(out("deep/er/b.jpg")).size(), 3);
+  EXPECT_EQ(QDir(out("deep/er")).entryList(QDir::Files).size(), 3);
+}
+
+TEST_F(CompressCommand, FormatIsMatchedInAnyCaseAndUnknownNamesAndTextualQualitiesAreIgnored) {
+  QString file = source("shot.png", testing::Pattern::photo);
+  QJsonArray upper = run(QStringList{file}, {{"to", out("u")}, {"format", "WEBP"}});
+  EXPECT_EQ(destinations(upper), QStringList{"shot.webp"});
+  QJsonArray unknown = run(QStringList{file}, {{"to", out("g")}, {"format", "gif"}});
+  EXPECT_EQ(destinations(unknown), QStringList{"shot.jpg"});
+
+  auto size = [&](const QVariant& quality, const QString& folder) {
+    return run(QStringList{file}, {{"to", out(folder)}, {"quality", quality}})[0].toObject()["compressedSizeBytes"].toInt();
+  };
+  const int at75 = size(75.0, "q75");
+  EXPECT_EQ(size(QString("10"), "text"), at75) << "a string is no quality: the default 75 applies";
+  EXPECT_LT(size(10, "q10"), at75);
+}
+
+TEST_F(CompressCommand, ProfilesFillWhatIsNotGivenExplicitly) {
+  ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 40, out("web"), false};
+  ExportProfile fallback{QUuid::createUuid(), "Default", ImageFormat::png, 80, out("default"), true};
+  saveProfiles({web, fallback});
+  QString file = source("p.png");
+
+  EXPECT_EQ(destinations(run(QStringList{file}, {})), QStringList{"p.png"});
+  EXPECT_TRUE(QFileInfo::exists(out("default/p.png")));
+
+  EXPECT_EQ(destinations(run(QStringList{file}, {{"profile", "wEB"}})), QStringList{"p.webp"});
+  EXPECT_TRUE(QFileInfo::exists(out("web/p.webp")));
+
+  run(QStringList{file}, {{"profile", "Web"}, {"format", "avif"}, {"to", out("mine")}});
+  EXPECT_TRUE(QFileInfo::exists(out("mine/p.avif")));
+}
+
+}  // namespace
+}  // namespace quillane
