@@ -75,11 +75,15 @@ inline uint32_t premultiplied16(uint32_t value, uint32_t alpha) { return (value 
 // 16 to 8 bits as the drawing does it without dithering: the nearest of the 256 levels.
 inline uint8_t nearest8(uint32_t value) { return uint8_t((value * 2 + 257) / 514); }
 
+[[noreturn]] void failAllocation(size_t bytes) {
+  throw ImageProcessingError::contextCreationFailed("cannot allocate " + std::to_string(bytes) + " bytes");
+}
+
 std::vector<uint8_t> allocatePixels(size_t bytes) {
   try {
     return std::vector<uint8_t>(bytes);
   } catch (const std::bad_alloc&) {
-    throw ImageProcessingError::contextCreationFailed("cannot allocate " + std::to_string(bytes) + " bytes");
+    failAllocation(bytes);
   }
 }
 
@@ -92,33 +96,25 @@ void checkShape(const DecodedImage& image) {
   if (!ok) throw ImageProcessingError::contextCreationFailed("pixel data does not match the image's shape");
 }
 
-// 8-bit sources: one pass, straight into the output.
-bool convert8(const DecodedImage& image, std::vector<uint8_t>& out) {
-  const size_t count = image.pixelCount();
-  const uint8_t* src = image.pixels8.data();
-  uint8_t* dst = out.data();
-  switch (image.alpha) {
+// 8-bit sources, converted in place in a copy of their samples.
+bool convert8(AlphaInfo alpha, std::vector<uint8_t>& pixels) {
+  const size_t count = pixels.size() / 4;
+  uint8_t* p = pixels.data();
+  switch (alpha) {
     case AlphaInfo::none:
       // An opaque source draws with full alpha whatever its fourth samples hold.
       for (size_t i = 0; i < count; ++i) {
         uint32_t px;
-        std::memcpy(&px, src + i * 4, 4);
+        std::memcpy(&px, p + i * 4, 4);
         px |= 0xFF000000u;  // little-endian: the fourth byte is alpha
-        std::memcpy(dst + i * 4, &px, 4);
+        std::memcpy(p + i * 4, &px, 4);
       }
       return false;
-    case AlphaInfo::straight: {
-      std::memcpy(dst, src, count * 4);
-      const AlphaTable& table = straightRoundTripTable();
-      bool any = false;
-      for (size_t i = 0; i < count; ++i) any |= applyAlphaTable(dst + i * 4, table);
-      return any;
-    }
+    case AlphaInfo::straight:
     case AlphaInfo::premultiplied: {
-      std::memcpy(dst, src, count * 4);
-      const AlphaTable& table = unpremultiplyTable();
+      const AlphaTable& table = alpha == AlphaInfo::straight ? straightRoundTripTable() : unpremultiplyTable();
       bool any = false;
-      for (size_t i = 0; i < count; ++i) any |= applyAlphaTable(dst + i * 4, table);
+      for (size_t i = 0; i < count; ++i) any |= applyAlphaTable(p + i * 4, table);
       return any;
     }
   }
@@ -187,8 +183,13 @@ RGBABuffer::RGBABuffer(const DecodedImage& image) {
   width = image.width;
   height = image.height;
   colorSpace = image.colorSpace;
-  pixels = allocatePixels(image.pixelCount() * 4);
-  hasAlpha = convert8(image, pixels);
+  // A copy, not a zeroed buffer filled afterwards: one pass less over the memory.
+  try {
+    pixels.assign(image.pixels8.begin(), image.pixels8.end());
+  } catch (const std::bad_alloc&) {
+    failAllocation(image.pixels8.size());
+  }
+  hasAlpha = convert8(image.alpha, pixels);
 }
 
 }  // namespace quillane
