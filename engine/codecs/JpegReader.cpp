@@ -127,6 +127,12 @@ bool decodeWithLibjpeg(JpegJob& job) {
   chooseScale(job);
   cinfo.scale_num = unsigned(job.numerator);
   cinfo.scale_denom = unsigned(job.denominator);
+  if (job.denominator > job.numerator) {
+    // A reduced picture is about to be averaged down further: speed matters more than the
+    // last bit of precision.
+    cinfo.dct_method = JDCT_IFAST;
+    cinfo.do_fancy_upsampling = FALSE;
+  }
   jpeg_start_decompress(&cinfo);
   job.outWidth = int(cinfo.output_width);
   job.outHeight = int(cinfo.output_height);

@@ -103,14 +103,17 @@ int quadrantAt(const DecodedImage& image, Corner corner) {
 int quadrantColour(Corner corner) { return int(corner); }
 
 Bytes exifBlock(int orientation, bool jpegPrefix) {
-  Bytes out;
-  if (jpegPrefix) out = {'E', 'x', 'i', 'f', 0, 0};
   const uint8_t tiff[] = {'I', 'I', 0x2A, 0, 8, 0, 0, 0,  // header, IFD0 at 8
                           1, 0,                           // one entry
                           0x12, 0x01, 3, 0, 1, 0, 0, 0,   // Orientation, SHORT, count 1
                           uint8_t(orientation), 0, 0, 0,  // value
                           0, 0, 0, 0};                    // no next IFD
-  out.insert(out.end(), tiff, tiff + sizeof tiff);
+  const uint8_t prefix[] = {'E', 'x', 'i', 'f', 0, 0};
+  Bytes out;
+  out.reserve(sizeof prefix + sizeof tiff);
+  for (uint8_t b : prefix)
+    if (jpegPrefix) out.push_back(b);
+  for (uint8_t b : tiff) out.push_back(b);
   return out;
 }
 
