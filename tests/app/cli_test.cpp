@@ -1,0 +1,171 @@
+// The real quillane-cli executable: exit statuses, stdout and stderr, files written, and the
+// profiles it finds in the user's data folder.
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QUrl>
+#include <gtest/gtest.h>
+
+#include "tests/support/CodecFixtures.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane {
+namespace {
+
+struct ToolRun {
+  int exitCode = -1;
+  QByteArray out, err;
+  QJsonArray json() const { return QJsonDocument::fromJson(out).array(); }
+};
+
+class CommandLineTool : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QByteArray binDir = qgetenv("QUILLANE_BIN_DIR");
+    ASSERT_FALSE(binDir.isEmpty()) << "QUILLANE_BIN_DIR names the folder of quillane-cli";
+    program_ = QString::fromLocal8Bit(binDir) + "/quillane-cli";
+    ASSERT_TRUE(QFileInfo(program_).isExecutable()) << program_.toStdString();
+    ASSERT_TRUE(dir_.isValid());
+    QDir(dir_.path()).mkpath("in/nested");
+    QDir(dir_.path()).mkpath("data");
+  }
+
+  ToolRun run(const QStringList& arguments) {
+    QProcess process;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("XDG_DATA_HOME", dir_.filePath("data"));  // no profiles but the test's own
+    process.setProcessEnvironment(env);
+    process.setWorkingDirectory(dir_.path());
+    process.start(program_, arguments);
+    EXPECT_TRUE(process.waitForFinished(60000));
+    return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+  }
+
+  QString image(const QString& relative, testing::Pattern pattern = testing::Pattern::photo) {
+    DecodedImage picture = testing::makeImage(48, 32, pattern, 5);
+    const std::string path = dir_.filePath("in/" + relative).toStdString();
+    testing::writeBytes(path, relative.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
+    return "in/" + relative;
+  }
+  QString path(const QString& relative) const { return dir_.filePath(relative); }
+
+  QString program_;
+  QTemporaryDir dir_;
+};
+
+TEST_F(CommandLineTool, HelpExplainsEveryVerbAndOption) {
+  for (const QStringList& arguments : {QStringList{}, QStringList{"--help"}, QStringList{"compress", "-h"}}) {
+    ToolRun r = run(arguments);
+    EXPECT_EQ(r.exitCode, 0);
+    for (const char* word : {"inspect", "analyze", "compress", "--to", "--format", "--quality", "--profile", "6"})
+      EXPECT_TRUE(r.out.contains(word)) << word;
+  }
+  ToolRun unknown = run({"shrink", "a.png"});
+  EXPECT_EQ(unknown.exitCode, 2);
+  EXPECT_TRUE(unknown.out.isEmpty());
+}
+
+TEST_F(CommandLineTool, CompressWritesDistinctNamesAndReportsEveryFile) {
+  QString a = image("a.png"), nested = image("nested/a.jpg"), broken = "in/broken.png";
+  QFile f(path(broken));
+  ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+  f.write("\x89PNG\r\n\x1a\n broken");
+  f.close();
+
+  ToolRun r = run({"compress", a, broken, nested, "--to", "out/sub", "--format", "WEBP", "--quality", "abc"});
+  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+  EXPECT_TRUE(r.err.isEmpty());
+  EXPECT_TRUE(r.out.startsWith("[{\"compressedSizeBytes\":")) << r.out.toStdString();
+  EXPECT_TRUE(r.out.contains("\\/out\\/sub\\/a.webp")) << "slashes are escaped";
+  QJsonArray records = r.json();
+  ASSERT_EQ(records.size(), 3);
+  EXPECT_EQ(records[0].toObject()["destination"].toString(), QDir(path("out/sub")).filePath("a.webp"));
+  EXPECT_EQ(records[1].toObject().keys(), (QStringList{"error", "originalSizeBytes", "path"}));
+  EXPECT_EQ(records[1].toObject()["path"].toString(), broken);
+  EXPECT_EQ(records[2].toObject()["destination"].toString(), QDir(path("out/sub")).filePath("a-2.webp"));
+  EXPECT_EQ(QDir(path("out/sub")).entryList(QDir::Files), (QStringList{"a-2.webp", "a.webp"}));
+
+  ToolRun explicit75 = run({"compress", a, "--to=out/q75", "--format=webp", "--quality=75"});
+  EXPECT_EQ(explicit75.json()[0].toObject()["compressedSizeBytes"], records[0].toObject()["compressedSizeBytes"])
+      << "a quality that is no number is ignored, and 75 applies";
+}
+
+TEST_F(CommandLineTool, CommandErrorsGoToStandardErrorWithStatusSix) {
+  QString a = image("a.png");
+  struct Case {
+    QStringList arguments;
+    QString message;
+  } cases[] = {
+      {{"compress", a}, "Dossier de destination manquant : passez \"to\" ou un profil qui en a un."},
+      {{"compress", "--to", "out"}, "Aucun fichier à compresser."},
+      {{"compress", a, "--to", "out", "--profile", "Print"}, "Profil introuvable : Print"},
+  };
+  for (const Case& c : cases) {
+    ToolRun r = run(c.arguments);
+    EXPECT_EQ(r.exitCode, 6);
+    EXPECT_TRUE(r.out.isEmpty());
+    EXPECT_EQ(QString::fromUtf8(r.err).trimmed(), c.message);
+    EXPECT_FALSE(QFileInfo::exists(path("out")));
+  }
+}
+
+TEST_F(CommandLineTool, DefaultProfileFromTheDataFolderGivesFolderAndFormat) {
+  QDir(path("data")).mkpath("Quillane");
+  QFile store(path("data/Quillane/exportProfiles.json"));
+  ASSERT_TRUE(store.open(QIODevice::WriteOnly));
+  store.write(QJsonDocument(QJsonArray{QJsonObject{
+                                {"id", "0A1B2C3D-0000-4000-8000-000000000001"},
+                                {"name", "Archive"},
+                                {"format", "avif"},
+                                {"quality", 60},
+                                {"destinationFolder", QUrl::fromLocalFile(path("archive")).toString()},
+                                {"isDefault", true},
+                            }})
+                  .toJson());
+  store.close();
+  ToolRun r = run({"compress", image("pic.png")});
+  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+  EXPECT_TRUE(QFileInfo(path("archive/pic.avif")).size() > 0);
+}
+
+TEST_F(CommandLineTool, InspectAndAnalyzeDescribeEachFileInOrder) {
+  QString png = image("shot.png", testing::Pattern::screenshot);
+  ToolRun inspected = run({"inspect", png, "in/missing.png"});
+  ASSERT_EQ(inspected.exitCode, 0);
+  QJsonArray files = inspected.json();
+  ASSERT_EQ(files.size(), 2);
+  QJsonObject first = files[0].toObject();
+  EXPECT_EQ(first["format"].toString(), "png");
+  EXPECT_EQ(first["pixelWidth"].toInt(), 48);
+  EXPECT_EQ(first["pixelHeight"].toInt(), 32);
+  EXPECT_EQ(first["fileSizeBytes"].toInteger(), QFileInfo(path(png)).size());
+  EXPECT_EQ(first["frameCount"].toInt(), 1);
+  EXPECT_EQ(files[1].toObject().keys(), (QStringList{"error", "path"}));
+
+  ToolRun analyzed = run({"analyze", "--quality", "90", png});
+  ASSERT_EQ(analyzed.exitCode, 0);
+  QJsonObject result = analyzed.json()[0].toObject();
+  EXPECT_EQ(result["characteristics"].toObject().keys().size(), 11);
+  EXPECT_EQ(result["characteristics"].toObject()["width"].toInt(), 48);
+  QJsonObject plans = result["plans"].toObject();
+  EXPECT_EQ(plans.keys(), (QStringList{"avif", "heic", "jpeg", "jxl", "png", "webp"}));
+  for (const QString& format : plans.keys()) {
+    QJsonObject plan = plans[format].toObject();
+    const QString mode = plan["mode"].toString();
+    EXPECT_TRUE(mode == "lossy" || mode == "nearLossless" || mode == "lossless") << mode.toStdString();
+    EXPECT_EQ(plan.contains("modeQuality"), mode == "lossy");
+    EXPECT_EQ(plan.contains("nearLosslessLevel"), mode == "nearLossless");
+    EXPECT_EQ(plan.contains("alternativeQuality"), plan["alternative"].toString() == "lossy");
+    EXPECT_EQ(plan["quality"].toDouble(), 90);
+  }
+  EXPECT_EQ(plans["jpeg"].toObject()["modeQuality"].toDouble(), 90);
+}
+
+}  // namespace
+}  // namespace quillane
