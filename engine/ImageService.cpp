@@ -19,7 +19,7 @@ DecodedImage decode(ImageFormat format, std::span<const uint8_t> bytes, int minL
   switch (format) {
     case ImageFormat::png: return codecs::decodePng(bytes);
     case ImageFormat::jpeg: return codecs::decodeJpeg(bytes, minLongSide);
-    case ImageFormat::heic: return codecs::decodeHeif(bytes);
+    case ImageFormat::heic: return codecs::decodeHeif(bytes, minLongSide);
     case ImageFormat::avif: return codecs::decodeAvif(bytes);
     case ImageFormat::webp: return codecs::decodeWebp(bytes);
     case ImageFormat::jxl: return codecs::decodeJxl(bytes);

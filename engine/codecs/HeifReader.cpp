@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <vector>
 #include <memory>
 
 #include "engine/ColorConvert.h"
@@ -101,10 +102,33 @@ std::optional<Properties> heifProperties(Input bytes) {
   return props;
 }
 
-DecodedImage decodeHeif(Input bytes) {
+namespace {
+
+// The smallest stored thumbnail of `primary` whose longer side reaches `minLongSide`.
+HandlePtr thumbnailOf(heif_image_handle* primary, int minLongSide) {
+  int count = heif_image_handle_get_number_of_thumbnails(primary);
+  if (minLongSide <= 0 || count <= 0) return nullptr;
+  std::vector<heif_item_id> ids(static_cast<size_t>(count));
+  count = heif_image_handle_get_list_of_thumbnail_IDs(primary, ids.data(), count);
+  HandlePtr best;
+  int bestSide = 0;
+  for (int i = 0; i < count; ++i) {
+    heif_image_handle* raw = nullptr;
+    if (heif_image_handle_get_thumbnail(primary, ids[size_t(i)], &raw).code != heif_error_Ok || !raw) continue;
+    HandlePtr candidate(raw);
+    int side = std::max(heif_image_handle_get_width(raw), heif_image_handle_get_height(raw));
+    if (side >= minLongSide && (!best || side < bestSide)) best = std::move(candidate), bestSide = side;
+  }
+  return best;
+}
+
+}  // namespace
+
+DecodedImage decodeHeif(Input bytes, int minLongSide) {
   auto opened = open(bytes);
   if (!opened) fail("heif_context_read_from_memory: damaged or truncated HEIF");
-  heif_image_handle* handle = opened->primary.get();
+  HandlePtr thumbnail = thumbnailOf(opened->primary.get(), minLongSide);
+  heif_image_handle* handle = thumbnail ? thumbnail.get() : opened->primary.get();
   checkSize(uint64_t(std::max(0, heif_image_handle_get_width(handle))),
             uint64_t(std::max(0, heif_image_handle_get_height(handle))));
   bool alpha = heif_image_handle_has_alpha_channel(handle) != 0;

@@ -43,8 +43,10 @@ DecodedImage decodeWebp(Input bytes);
 
 // HEIF reports no orientation: libheif applies irot/imir itself, and the size it reports is
 // the turned one.
+// `minLongSide` above 0 lets the reader decode instead the smallest thumbnail stored in the
+// file whose longer side is at least that long, when there is one.
 std::optional<Properties> heifProperties(Input bytes);
-DecodedImage decodeHeif(Input bytes);
+DecodedImage decodeHeif(Input bytes, int minLongSide = 0);
 
 // libavif never turns pixels: irot/imir are reported as the equivalent EXIF orientation.
 std::optional<Properties> avifProperties(Input bytes);

@@ -184,6 +184,22 @@ TEST(Thumbnails, BoundedUprightEightBitAndDecodedAtReducedScale) {
   EXPECT_EQ(small->width, 40);
 }
 
+TEST(Thumbnails, HeicUsesAStoredThumbnailLargeEnough) {
+  // The stored thumbnail shows something else than the picture, so that its use shows.
+  DecodedImage picture = fixtures::quadrants(640, 480);
+  DecodedImage red = fixtures::quadrants(640, 480);
+  for (size_t i = 0; i < red.pixels8.size(); i += 4) red.pixels8[i] = 255, red.pixels8[i + 1] = red.pixels8[i + 2] = 0;
+  auto file = fixtures::heic(picture, {.alpha = false, .thumbnailSize = 320, .thumbnailPicture = &red});
+  auto thumb = ImageService::thumbnail(file, 256);
+  ASSERT_TRUE(thumb);
+  EXPECT_EQ(thumb->width, 256);
+  EXPECT_EQ(fixtures::quadrantAt(*thumb, Corner::bottomRight), 0);  // red: the stored thumbnail
+  // Too small for the size asked: the picture itself is decoded.
+  auto large = ImageService::thumbnail(file, 400);
+  ASSERT_TRUE(large);
+  EXPECT_EQ(fixtures::quadrantAt(*large, Corner::bottomRight), 3);
+}
+
 TEST(Thumbnails, TransparentPixelsLeaveNoDarkFringe) {
   // Red at alpha 255 next to transparent black, in a fine checkerboard: the average must
   // stay pure red at half alpha, not turn dark red.

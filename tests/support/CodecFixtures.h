@@ -85,6 +85,8 @@ struct HeifOptions {
   int quality = 90;
   bool alpha = true;
   int orientation = 1;  // libheif writes irot/imir for it
+  int thumbnailSize = 0;  // above 0: a stored thumbnail fitting this box
+  const DecodedImage* thumbnailPicture = nullptr;  // what the thumbnail shows; the image if null
 };
 // HEVC through libheif and x265, 8-bit.
 Bytes heic(const DecodedImage& image, const HeifOptions& options = {});

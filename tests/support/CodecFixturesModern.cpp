@@ -107,6 +107,30 @@ Bytes animatedWebp(const std::vector<DecodedImage>& frames) {
   return out;
 }
 
+namespace {
+using HeifImagePtr = std::unique_ptr<heif_image, CDeleter<heif_image_release>>;
+
+HeifImagePtr heifPicture(const DecodedImage& image, bool alpha) {
+  heif_image* rawImage = nullptr;
+  heif_chroma chroma = alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB;
+  require(heif_image_create(image.width, image.height, heif_colorspace_RGB, chroma, &rawImage).code == heif_error_Ok,
+          "heif_image_create");
+  HeifImagePtr picture(rawImage);
+  require(heif_image_add_plane(picture.get(), heif_channel_interleaved, image.width, image.height, 8).code ==
+              heif_error_Ok,
+          "heif_image_add_plane");
+  int stride = 0;
+  uint8_t* plane = heif_image_get_plane(picture.get(), heif_channel_interleaved, &stride);
+  Bytes rgba = eightBit(image);
+  int channels = alpha ? 4 : 3;
+  for (int y = 0; y < image.height; ++y)
+    for (int x = 0; x < image.width; ++x)
+      std::memcpy(plane + size_t(y) * size_t(stride) + size_t(x) * size_t(channels),
+                  &rgba[(size_t(y) * size_t(image.width) + size_t(x)) * 4], size_t(channels));
+  return picture;
+}
+}  // namespace
+
 Bytes heic(const DecodedImage& image, const HeifOptions& options) {
   std::unique_ptr<heif_context, CDeleter<heif_context_free>> context(heif_context_alloc());
   heif_encoder* rawEncoder = nullptr;
@@ -115,27 +139,23 @@ Bytes heic(const DecodedImage& image, const HeifOptions& options) {
   std::unique_ptr<heif_encoder, CDeleter<heif_encoder_release>> encoder(rawEncoder);
   heif_encoder_set_lossy_quality(encoder.get(), options.quality);
   heif_encoder_set_parameter(encoder.get(), "x265:log-level", "none");  // keep test output quiet
-  heif_image* rawImage = nullptr;
-  heif_chroma chroma = options.alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB;
-  require(heif_image_create(image.width, image.height, heif_colorspace_RGB, chroma, &rawImage).code == heif_error_Ok,
-          "heif_image_create");
-  std::unique_ptr<heif_image, CDeleter<heif_image_release>> picture(rawImage);
-  require(heif_image_add_plane(picture.get(), heif_channel_interleaved, image.width, image.height, 8).code ==
-              heif_error_Ok,
-          "heif_image_add_plane");
-  int stride = 0;
-  uint8_t* plane = heif_image_get_plane(picture.get(), heif_channel_interleaved, &stride);
-  Bytes rgba = eightBit(image);
-  int channels = options.alpha ? 4 : 3;
-  for (int y = 0; y < image.height; ++y)
-    for (int x = 0; x < image.width; ++x)
-      std::memcpy(plane + size_t(y) * size_t(stride) + size_t(x) * size_t(channels),
-                  &rgba[(size_t(y) * size_t(image.width) + size_t(x)) * 4], size_t(channels));
+  HeifImagePtr picture = heifPicture(image, options.alpha);
   std::unique_ptr<heif_encoding_options, CDeleter<heif_encoding_options_free>> encoding(heif_encoding_options_alloc());
   encoding->image_orientation = heif_orientation(options.orientation);
-  require(heif_context_encode_image(context.get(), picture.get(), encoder.get(), encoding.get(), nullptr).code ==
+  heif_image_handle* rawHandle = nullptr;
+  require(heif_context_encode_image(context.get(), picture.get(), encoder.get(), encoding.get(), &rawHandle).code ==
               heif_error_Ok,
           "heif_context_encode_image");
+  std::unique_ptr<heif_image_handle, CDeleter<heif_image_handle_release>> handle(rawHandle);
+  if (options.thumbnailSize > 0) {
+    HeifImagePtr small = heifPicture(options.thumbnailPicture ? *options.thumbnailPicture : image, options.alpha);
+    heif_image_handle* rawThumb = nullptr;
+    require(heif_context_encode_thumbnail(context.get(), small.get(), handle.get(), encoder.get(), encoding.get(),
+                                          options.thumbnailSize, &rawThumb)
+                    .code == heif_error_Ok,
+            "heif_context_encode_thumbnail");
+    if (rawThumb) heif_image_handle_release(rawThumb);
+  }
   Bytes out;
   heif_writer writer{1, appendBytes};
   require(heif_context_write(context.get(), &writer, &out).code == heif_error_Ok, "heif_context_write");
