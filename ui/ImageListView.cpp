@@ -196,7 +196,7 @@ int ImageListView::insertionIndex(const QPoint& pos) const {
 
 void ImageListView::dragEnterEvent(QDragEnterEvent* event) {
   const QMimeData* mime = event->mimeData();
-  if ((mime->hasFormat(rowMimeType) && event->source() == this) || FileDropHandler::carriesFiles(*mime)) {
+  if (mime->hasFormat(rowMimeType) || FileDropHandler::carriesFiles(*mime)) {
     event->setDropAction(mime->hasFormat(rowMimeType) ? Qt::MoveAction : Qt::CopyAction);
     event->accept();
     return;
@@ -206,7 +206,7 @@ void ImageListView::dragEnterEvent(QDragEnterEvent* event) {
 
 void ImageListView::dragMoveEvent(QDragMoveEvent* event) {
   const QMimeData* mime = event->mimeData();
-  if (mime->hasFormat(rowMimeType) && event->source() == this) {
+  if (mime->hasFormat(rowMimeType)) {
     const int to = insertionIndex(event->position().toPoint());
     const int rows = model_->rowCount();
     if (to < int(viewModel_.images().size())) {
@@ -237,7 +237,8 @@ void ImageListView::dropEvent(QDropEvent* event) {
   dropIndicatorY_ = -1;
   viewport()->update();
   const QMimeData* mime = event->mimeData();
-  if (mime->hasFormat(rowMimeType) && event->source() == this) {
+  // Only this list makes row drags; an id that is no longer in the batch moves nothing.
+  if (mime->hasFormat(rowMimeType)) {
     const QUuid id(QString::fromLatin1(mime->data(rowMimeType)));
     const ImageList& images = viewModel_.images();
     const auto it = std::find_if(images.begin(), images.end(), [&](const auto& image) { return image->id() == id; });

@@ -7,15 +7,20 @@
 #include <vector>
 
 #include "engine/Localization.h"
+#include "services/Strings.h"
 
 namespace quillane::ui {
 
 QString text(const char* key, const char* frenchDefault) {
-  return QString::fromStdString(Localization::text(key, frenchDefault));
+  // The string tables (with their own French fallback) first; the default given here stands
+  // in only for a key that no table knows.
+  const QString found = Strings::text(key);
+  if (found.isEmpty() || found == QLatin1String(key)) return QString::fromUtf8(frenchDefault);
+  return found;
 }
 
 QString format(const char* key, const char* frenchDefault, std::initializer_list<QString> args) {
-  const std::string pattern = Localization::text(key, frenchDefault);
+  const std::string pattern = text(key, frenchDefault).toStdString();
   std::vector<std::string> utf8;
   utf8.reserve(args.size());
   for (const QString& arg : args) utf8.push_back(arg.toStdString());
@@ -56,10 +61,13 @@ QString formatByteCount(int64_t bytes, const QLocale& locale) {
 }
 
 SizeChange sizeChange(int64_t sizeBytes, int64_t originalSizeBytes) {
-  const double divisor = double(std::max<int64_t>(originalSizeBytes, 1));
-  const double saved = 1.0 - double(sizeBytes) / divisor;
-  // std::round rounds halves away from zero.
-  return {static_cast<int64_t>(std::round(std::fabs(saved) * 100.0)), saved >= 0.0};
+  // |1 - size/original| x 100 rounded half away from zero, in exact integer arithmetic so
+  // that 1005 bytes against 1000 is the 0.5 % it reads as, not 0.4999... in binary.
+  const __int128 divisor = std::max<int64_t>(originalSizeBytes, 1);
+  const __int128 difference = __int128(divisor) - __int128(sizeBytes);
+  const __int128 magnitude = difference < 0 ? -difference : difference;
+  const __int128 percent = (magnitude * 200 + divisor) / (divisor * 2);
+  return {static_cast<int64_t>(percent), difference >= 0};
 }
 
 QString sizeChangeText(const SizeChange& change) {

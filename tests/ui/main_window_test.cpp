@@ -1,0 +1,259 @@
+// The main window against a real model: what the bar shows when, the disabled states of
+// export, the menu commands, the export alert, drops and row reordering.
+#include <QAction>
+#include <QDropEvent>
+#include <QLabel>
+#include <QMenu>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QToolButton>
+
+#include "records/ExportProfile.h"
+#include "tests/ui/ui_test_support.h"
+#include "ui/ControlsBar.h"
+#include "ui/DropTargetView.h"
+#include "ui/ImageListModel.h"
+#include "ui/ImageListView.h"
+#include "ui/MainWindow.h"
+#include "ui/ProfileMenuView.h"
+#include "ui/QualityControls.h"
+
+namespace quillane::uitest {
+namespace {
+
+using ui::ControlsBar;
+using ui::MainWindow;
+
+class MainWindowTest : public UiFixture {
+ protected:
+  MainWindow& window() {
+    if (!window_) {
+      if (!model_) makeModel();
+      window_ = std::make_unique<MainWindow>(*model_);
+      window_->show();
+    }
+    return *window_;
+  }
+  ControlsBar& bar() { return *window().controlsBar(); }
+  bool exportEnabled() { return bar().exportButton()->isEnabled() && window().exportAction()->isEnabled(); }
+
+  void TearDown() override {
+    window_.reset();
+    UiFixture::TearDown();
+  }
+  std::unique_ptr<MainWindow> window_;
+};
+
+TEST_F(MainWindowTest, AnEmptyBatchShowsTheDropAreaAndOnlyTheAlwaysShownControls) {
+  window();
+  EXPECT_FALSE(window().showsList());
+  EXPECT_TRUE(bar().importButton()->isVisible());
+  EXPECT_TRUE(bar().qualitySlider()->isVisible());
+  EXPECT_FALSE(bar().countLabel()->isVisible());
+  EXPECT_FALSE(bar().clearAllButton()->isVisible());
+  EXPECT_FALSE(bar().exportButton()->isVisible());
+  EXPECT_FALSE(bar().historyButton()->isVisible());
+  EXPECT_FALSE(bar().profileMenu()->isVisible());
+  EXPECT_FALSE(bar().progressGroup()->isVisible());
+  EXPECT_FALSE(window().exportAction()->isEnabled());
+}
+
+TEST_F(MainWindowTest, TheCountUsesTheSingularForOneImageOnly) {
+  window();
+  import({source("one.png")});
+  ASSERT_TRUE(waitIdle());
+  EXPECT_TRUE(window().showsList());
+  EXPECT_TRUE(bar().countLabel()->isVisible());
+  const QString one = bar().countLabel()->text();
+  import({source("two.png")});
+  ASSERT_TRUE(waitIdle());
+  const QString two = bar().countLabel()->text();
+  EXPECT_TRUE(one.contains("1"));
+  EXPECT_TRUE(two.contains("2"));
+  // Singular and plural come from different formats.
+  EXPECT_NE(QString(one).replace("1", "#"), QString(two).replace("2", "#"));
+}
+
+TEST_F(MainWindowTest, AFailedImportAloneShowsTheListButNoBatchControls) {
+  window();
+  import({QUrl::fromLocalFile(dir_.filePath("missing.png"))});
+  ASSERT_EQ(model_->importFailures().size(), 1u);
+  EXPECT_TRUE(window().showsList());
+  EXPECT_FALSE(bar().countLabel()->isVisible());
+  EXPECT_FALSE(bar().clearAllButton()->isVisible());
+  EXPECT_FALSE(bar().exportButton()->isVisible());
+  // Header and failure row.
+  EXPECT_EQ(window().imageList()->listModel().rowCount(), 2);
+}
+
+TEST_F(MainWindowTest, ExportWaitsForThePendingRecomputeAndForEncoding) {
+  window();
+  import({source("a.png")});
+  ASSERT_TRUE(waitIdle());
+  EXPECT_TRUE(exportEnabled());
+
+  // During the debounce nothing encodes yet, and export is already off.
+  model_->setQuality(40);
+  ASSERT_TRUE(model_->hasPendingRecompute());
+  ASSERT_FALSE(model_->isEncoding());
+  EXPECT_FALSE(exportEnabled());
+  ASSERT_TRUE(waitIdle());
+  EXPECT_TRUE(exportEnabled());
+
+  import({source("slow.png")});
+  ASSERT_TRUE(model_->isEncoding());
+  EXPECT_FALSE(exportEnabled());
+  EXPECT_TRUE(bar().progressGroup()->isVisible());
+  openGate();
+  ASSERT_TRUE(waitIdle());
+  EXPECT_TRUE(exportEnabled());
+  EXPECT_FALSE(bar().progressGroup()->isVisible());
+}
+
+TEST_F(MainWindowTest, ProgressCountsFinishedImagesAgainstTheBatch) {
+  window();
+  import({source("a.png"), source("slow1.png"), source("slow2.png")});
+  ASSERT_TRUE(QTest::qWaitFor([&] { return model_->encodingCompletedCount() == 1; }, 3000));
+  EXPECT_EQ(bar().progressBar()->maximum(), 3);
+  EXPECT_EQ(bar().progressBar()->value(), 1);
+  EXPECT_TRUE(bar().progressLabel()->text().contains("1"));
+  EXPECT_TRUE(bar().progressLabel()->text().contains("3"));
+  openGate();
+  ASSERT_TRUE(waitIdle());
+}
+
+TEST_F(MainWindowTest, QualityCommandsStepByFiveWithinTheRange) {
+  window();
+  model_->setQuality(98);
+  window().increaseQualityAction()->trigger();
+  EXPECT_EQ(model_->quality(), 100);
+  window().increaseQualityAction()->trigger();
+  EXPECT_EQ(model_->quality(), 100);
+  model_->setQuality(3);
+  window().decreaseQualityAction()->trigger();
+  EXPECT_EQ(model_->quality(), 1);
+  // Ctrl+= is a second key for increasing.
+  EXPECT_EQ(window().increaseQualityAction()->shortcuts().size(), 2);
+}
+
+TEST_F(MainWindowTest, TheSliderReadoutTruncatesAndEditingHoldsTheRecompute) {
+  window();
+  import({source("a.png")});
+  ASSERT_TRUE(waitIdle());
+  model_->setQuality(72.6);
+  EXPECT_EQ(bar().qualitySlider()->readoutText(), "72");
+  ASSERT_TRUE(waitIdle());
+
+  QSlider* slider = bar().qualitySlider()->slider();
+  slider->setSliderDown(true);  // pressed
+  EXPECT_TRUE(model_->isQualitySliderEditing());
+  slider->setValue(30);
+  EXPECT_EQ(model_->quality(), 30);
+  QTest::qWait(150);  // longer than the debounce: nothing starts while held
+  EXPECT_TRUE(model_->hasPendingRecompute());
+  EXPECT_FALSE(model_->isEncoding());
+  slider->setSliderDown(false);  // released
+  EXPECT_FALSE(model_->isQualitySliderEditing());
+  ASSERT_TRUE(waitIdle());
+  EXPECT_EQ(model_->images()[0]->encodeState().sizeBytes, 300);
+}
+
+TEST_F(MainWindowTest, ChoosingTheCurrentFormatStillRecomputes) {
+  window();
+  import({source("a.png")});
+  ASSERT_TRUE(waitIdle());
+  const QList<QAction*> entries = bar().formatPicker()->menu()->actions();
+  ASSERT_EQ(entries.size(), 6);
+  QAction* jpeg = entries[1];
+  EXPECT_TRUE(jpeg->isChecked());
+  jpeg->trigger();
+  EXPECT_TRUE(model_->hasPendingRecompute());
+  entries[4]->trigger();
+  EXPECT_EQ(model_->outputFormat(), ImageFormat::webp);
+  EXPECT_EQ(bar().formatPicker()->button()->text(), "WebP");
+  EXPECT_TRUE(entries[4]->isChecked());
+  EXPECT_FALSE(entries[1]->isChecked());
+  ASSERT_TRUE(waitIdle());
+}
+
+TEST_F(MainWindowTest, DismissingTheExportAlertClearsTheError) {
+  window();
+  model_->setExportError(QStringLiteral("disk full"));
+  ASSERT_NE(window().exportAlert(), nullptr);
+  EXPECT_TRUE(window().exportAlert()->isVisible());
+  EXPECT_EQ(window().exportAlert()->text(), "disk full");
+  window().exportAlert()->reject();  // Escape or closing the window
+  EXPECT_FALSE(model_->exportError().has_value());
+  EXPECT_FALSE(window().exportAlert()->isVisible());
+}
+
+TEST_F(MainWindowTest, TheProfileMenuAppearsWithProfilesAndNoneKeepsTheSettings) {
+  window();
+  EXPECT_FALSE(bar().profileMenu()->isVisible());
+  ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 60, std::nullopt, false};
+  model_->upsertExportProfile(web);
+  EXPECT_TRUE(bar().profileMenu()->isVisible());
+  EXPECT_EQ(bar().profileMenu()->button()->text(), bar().profileMenu()->title());
+
+  bar().profileMenu()->rebuildMenu();
+  QList<QAction*> entries = bar().profileMenu()->menu()->actions();
+  ASSERT_EQ(entries.size(), 3);  // none, divider, Web
+  entries[2]->trigger();
+  EXPECT_EQ(model_->quality(), 60);
+  EXPECT_EQ(model_->outputFormat(), ImageFormat::webp);
+  EXPECT_EQ(bar().profileMenu()->button()->text(), "Web");
+  bar().profileMenu()->rebuildMenu();
+  EXPECT_FALSE(bar().profileMenu()->menu()->actions()[2]->icon().isNull());  // checkmark
+
+  bar().profileMenu()->menu()->actions()[0]->trigger();
+  EXPECT_FALSE(model_->appliedProfileName().has_value());
+  EXPECT_EQ(model_->quality(), 60);
+  EXPECT_EQ(model_->outputFormat(), ImageFormat::webp);
+}
+
+TEST_F(MainWindowTest, FilesDroppedOnTheDropAreaAreImportedInDragOrder) {
+  window();
+  const QUrl b = source("b.png"), a = source("a.png");
+  QMimeData mime;
+  mime.setUrls({b, QUrl("https://x.test/c.png"), a});
+  // Drops go to the widget that accepted the drag's entry.
+  QDragEnterEvent enter(QPoint(10, 10), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+  QCoreApplication::sendEvent(window().dropTarget(), &enter);
+  EXPECT_TRUE(window().dropTarget()->isTargeted());
+  QDropEvent drop(QPointF(10, 10), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+  QCoreApplication::sendEvent(window().dropTarget(), &drop);
+  EXPECT_FALSE(window().dropTarget()->isTargeted());
+  EXPECT_TRUE(drop.isAccepted());
+  ASSERT_TRUE(QTest::qWaitFor([&] { return model_->images().size() == 2; }, 3000));
+  EXPECT_EQ(model_->images()[0]->fileName(), "b.png");
+  EXPECT_EQ(model_->images()[1]->fileName(), "a.png");
+  ASSERT_TRUE(waitIdle());
+}
+
+TEST_F(MainWindowTest, DraggingARowMovesItAndTheModelKeepsTheOrder) {
+  window();
+  import({source("a.png"), source("b.png"), source("c.png")});
+  ASSERT_TRUE(waitIdle());
+  ui::ImageListView* list = window().imageList();
+  list->resize(600, 400);
+  QCoreApplication::processEvents();
+  const QUuid idA = model_->images()[0]->id();
+  // Drop a onto the lower half of c: it lands last.
+  const QRect rowC = list->visualRect(list->listModel().index(2));
+  QMimeData mime;
+  mime.setData(ui::ImageListView::rowMimeType, idA.toByteArray());
+  const QPoint target(rowC.center().x(), rowC.bottom() - 3);
+  QDragEnterEvent enter(target, Qt::MoveAction, &mime, Qt::LeftButton, Qt::NoModifier);
+  QCoreApplication::sendEvent(list->viewport(), &enter);
+  QDropEvent drop(target, Qt::MoveAction, &mime, Qt::LeftButton, Qt::NoModifier);
+  QCoreApplication::sendEvent(list->viewport(), &drop);
+  QStringList names;
+  for (const auto& image : model_->images()) names << image->fileName();
+  EXPECT_EQ(names, (QStringList{"b.png", "c.png", "a.png"}));
+  EXPECT_EQ(list->listModel().imageAt(2)->fileName(), "a.png");
+}
+
+}  // namespace
+}  // namespace quillane::uitest

@@ -1,0 +1,158 @@
+#include "tests/ui/ui_test_support.h"
+
+#include <QAbstractButton>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDir>
+#include <QLabel>
+#include <QPushButton>
+#include <QStandardPaths>
+
+#include "engine/Errors.h"
+#include "engine/Localization.h"
+#include "records/JSONFileStore.h"
+#include "services/AppLanguage.h"
+#include "services/StringTables.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane::uitest {
+namespace {
+
+// Settings, state files and the runtime folder of the whole test run live in a sandbox, set
+// before anything reads them, and the language manager writes nothing.
+struct SandboxEnvironment {
+  SandboxEnvironment() {
+    static QTemporaryDir home;
+    for (const char* name : {"config", "data", "cache", "runtime"}) QDir(home.path()).mkpath(name);
+    qputenv("XDG_CONFIG_HOME", QDir(home.path()).filePath("config").toUtf8());
+    qputenv("XDG_DATA_HOME", QDir(home.path()).filePath("data").toUtf8());
+    qputenv("XDG_CACHE_HOME", QDir(home.path()).filePath("cache").toUtf8());
+    QFile::setPermissions(QDir(home.path()).filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    qputenv("XDG_RUNTIME_DIR", QDir(home.path()).filePath("runtime").toUtf8());
+    qputenv("XCTestConfigurationFilePath", "ui_tests");
+  }
+};
+const SandboxEnvironment sandbox;
+
+}  // namespace
+
+void UiFixture::SetUp() {
+  ASSERT_TRUE(dir_.isValid());
+  JSONFileStore::setFolderForTesting(dir_.filePath("support"));
+}
+
+void UiFixture::TearDown() {
+  openGate();
+  model_.reset();
+  JSONFileStore::setFolderForTesting({});
+}
+
+BatchViewModel::Options UiFixture::options() {
+  BatchViewModel::Options o;
+  o.encoder = [this](std::span<const uint8_t> data, ImageFormat, double quality) {
+    const std::string content(data.begin(), data.end());
+    return encode(content.substr(0, content.find('\n')), quality);
+  };
+  o.inspector = [this](const std::string& path) { return inspect(path); };
+  o.processorCount = 2;
+  o.memoryBudgetMB = 2048;
+  o.restoreSession = false;
+  o.debounce = std::chrono::milliseconds(60);
+  return o;
+}
+
+BatchViewModel& UiFixture::makeModel() {
+  model_ = std::make_unique<BatchViewModel>(options());
+  return *model_;
+}
+
+QUrl UiFixture::source(const QString& name, int64_t bytes, FakeFile file) {
+  QFile out(dir_.filePath(name));
+  EXPECT_TRUE(out.open(QIODevice::WriteOnly));
+  QByteArray content = name.toUtf8() + '\n';
+  content.append(QByteArray(std::max<int64_t>(0, bytes - content.size()), 'p'));
+  out.write(content);
+  {
+    std::lock_guard lock(mutex_);
+    files_[name.toStdString()] = file;
+  }
+  return QUrl::fromLocalFile(dir_.filePath(name));
+}
+
+ImageDecoder::LightDecodedImage UiFixture::inspect(const std::string& path) {
+  const QString name = QFileInfo(QString::fromStdString(path)).fileName();
+  FakeFile file;
+  {
+    std::lock_guard lock(mutex_);
+    auto it = files_.find(name.toStdString());
+    if (it == files_.end()) throw ImageProcessingError::decodingFailed("not an image");
+    file = it->second;
+  }
+  ImageDecoder::LightDecodedImage decoded;
+  decoded.format = file.format;
+  decoded.pixelWidth = file.width;
+  decoded.pixelHeight = file.height;
+  decoded.frameCount = file.frameCount;
+  decoded.fileSizeBytes = QFileInfo(QString::fromStdString(path)).size();
+  const int w = file.width >= file.height ? 64 : std::max(1, 64 * file.width / std::max(1, file.height));
+  const int h = file.width >= file.height ? std::max(1, 64 * file.height / std::max(1, file.width)) : 64;
+  decoded.thumbnail = testing::makeImage(w, h, testing::Pattern::photo, uint32_t(qHash(name)));
+  return decoded;
+}
+
+std::vector<uint8_t> UiFixture::encode(const std::string& name, double quality) {
+  FakeFile file;
+  {
+    std::unique_lock lock(mutex_);
+    file = files_[name];
+    if (name.rfind("slow", 0) == 0) gate_.wait_for(lock, std::chrono::seconds(10), [this] { return gateOpen_; });
+  }
+  if (file.failEncode) throw ImageProcessingError::encodingFailed("WebP");
+  const int64_t size = file.encodedSize >= 0 ? file.encodedSize : int64_t(quality * 10);
+  return std::vector<uint8_t>(size_t(size), 'x');
+}
+
+void UiFixture::openGate() {
+  std::lock_guard lock(mutex_);
+  gateOpen_ = true;
+  gate_.notify_all();
+}
+
+void UiFixture::import(const QList<QUrl>& urls) {
+  QFuture<void> done = model_->importFiles(urls);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return done.isFinished(); }, 5000));
+}
+
+bool UiFixture::waitIdle(int timeoutMs) {
+  return QTest::qWaitFor([&] { return !model_->isEncoding() && !model_->hasPendingRecompute(); }, timeoutMs);
+}
+
+QStringList clippedTexts(QWidget* root) {
+  QStringList clipped;
+  const auto check = [&](QWidget* w, const QString& text) {
+    if (!w->isVisibleTo(root) || text.isEmpty()) return;
+    // The widget must be as wide as its own smallest size for that text.
+    const int needed = w->minimumSizeHint().width();
+    if (w->width() + 1 < needed)
+      clipped << QStringLiteral("%1 \"%2\" (%3 < %4)").arg(w->metaObject()->className(), text).arg(w->width()).arg(needed);
+  };
+  for (QLabel* label : root->findChildren<QLabel*>()) {
+    if (label->wordWrap() || label->text().isEmpty()) continue;
+    if (label->sizePolicy().horizontalPolicy() == QSizePolicy::Ignored) continue;  // elided on purpose
+    check(label, label->text());
+  }
+  for (QAbstractButton* button : root->findChildren<QAbstractButton*>()) check(button, button->text());
+  for (QComboBox* combo : root->findChildren<QComboBox*>()) check(combo, combo->currentText());
+  return clipped;
+}
+
+void useLanguage(const QString& rawValue) {
+  const auto language = AppLanguages::fromRawValue(rawValue);
+  if (!language) {
+    Localization::setLookup({});
+    return;
+  }
+  Localization::setLookup(StringTables::lookupFor(*language));
+}
+
+}  // namespace quillane::uitest

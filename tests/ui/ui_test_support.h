@@ -1,0 +1,65 @@
+#pragma once
+// Fixtures for the window tests: a real BatchViewModel in a sandbox, with fakes at its two
+// engine seams. The fake inspector gives every file a generated thumbnail and the size the
+// test asks for; the fake encoder answers with as many bytes as the test set for that file
+// (quality x 10 by default), and files whose name starts with "slow" wait for the gate.
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "batch/BatchViewModel.h"
+
+namespace quillane::uitest {
+
+struct FakeFile {
+  int width = 640;
+  int height = 480;
+  ImageFormat format = ImageFormat::png;
+  int frameCount = 1;
+  int64_t encodedSize = -1;  // -1: quality x 10
+  bool failEncode = false;
+};
+
+class UiFixture : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  BatchViewModel::Options options();
+  BatchViewModel& makeModel();
+
+  // Writes a source file of `bytes` bytes described by `file`, and gives its URL.
+  QUrl source(const QString& name, int64_t bytes = 100000, FakeFile file = {});
+  // Imports and waits for the import and every encode to finish.
+  void import(const QList<QUrl>& urls);
+  bool waitIdle(int timeoutMs = 5000);
+  void openGate();
+
+  QTemporaryDir dir_;
+  std::unique_ptr<BatchViewModel> model_;
+
+ private:
+  ImageDecoder::LightDecodedImage inspect(const std::string& path);
+  std::vector<uint8_t> encode(const std::string& path, double quality);
+
+  std::mutex mutex_;
+  std::condition_variable gate_;
+  bool gateOpen_ = false;
+  std::map<std::string, FakeFile> files_;  // by content (the file's first line is its name)
+};
+
+// Widgets in `root` whose text does not fit: labels and buttons narrower than their text
+// needs (word-wrapping and elided labels excepted). Names them for the failure message.
+QStringList clippedTexts(QWidget* root);
+
+// Installs the string table of a language (raw value such as "de"); empty for French defaults.
+void useLanguage(const QString& rawValue);
+
+}  // namespace quillane::uitest

@@ -1,0 +1,253 @@
+#include "ui/ExportProfilesSettingsView.h"
+
+#include <QCheckBox>
+#include <QDir>
+#include <QFormLayout>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
+#include <QPushButton>
+#include <QSignalBlocker>
+#include <QSlider>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+#include <string>
+
+#include "batch/BatchViewModel.h"
+#include "records/ExportProfile.h"
+#include "ui/Icons.h"
+#include "ui/QualityControls.h"
+#include "ui/SettingsForm.h"
+#include "ui/UiText.h"
+
+namespace quillane::ui {
+namespace {
+QString formatLabel(ImageFormat format) { return QString::fromUtf8(std::string(ImageFormats::label(format))); }
+}  // namespace
+
+QString ExportProfilesSettingsView::subtitle(const ExportProfile& profile) {
+  QString result = formatLabel(profile.format) + QStringLiteral(" · ") + QString::number(int(profile.quality)) +
+                   QLatin1Char('%');
+  if (profile.destinationFolder && !profile.destinationFolder->isEmpty())
+    result += QStringLiteral(" — ") + QDir::toNativeSeparators(*profile.destinationFolder);
+  return result;
+}
+
+ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel, FolderChooser chooseFolder,
+                                                       QWidget* parent)
+    : QWidget(parent), viewModel_(viewModel), chooseFolder_(std::move(chooseFolder)) {
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(0, 0, 0, 0);
+  layout->setSpacing(12);
+
+  existing_ = new QGroupBox(text("settings.profiles.existingSection", "Profils"), this);
+  rows_ = new QVBoxLayout(existing_);
+  layout->addWidget(existing_);
+
+  form_ = new QGroupBox(this);
+  auto* form = new QFormLayout(form_);
+  form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
+  form->setRowWrapPolicy(QFormLayout::WrapLongRows);
+  name_ = new QLineEdit(form_);
+  name_->setPlaceholderText(text("settings.profiles.nameHelp", "Par exemple : Web"));
+  connect(name_, &QLineEdit::textChanged, this, &ExportProfilesSettingsView::refreshForm);
+  form->addRow(text("settings.profiles.nameField", "Nom"), name_);
+
+  formatButton_ = new QPushButton(form_);
+  formatButton_->setFixedWidth(120);
+  formatMenu_ = new QMenu(formatButton_);
+  for (ImageFormat format : ImageFormats::allCases) {
+    QAction* action = formatMenu_->addAction(formatLabel(format));
+    action->setCheckable(true);
+    action->setData(int(format));
+    connect(action, &QAction::triggered, this, [this, format] { setNewFormat(format); });
+  }
+  formatButton_->setMenu(formatMenu_);
+  form->addRow(text("format.label", "Format"), formatButton_);
+
+  auto* qualityRow = new QHBoxLayout;
+  quality_ = new QSlider(Qt::Horizontal, form_);
+  quality_->setRange(1, 100);
+  quality_->setValue(75);
+  qualityReadout_ = new QLabel(form_);
+  qualityReadout_->setFixedWidth(40);
+  qualityReadout_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+  connect(quality_, &QSlider::valueChanged, this, [this](int value) {
+    newQuality_ = value;
+    refreshForm();
+  });
+  qualityRow->addWidget(quality_, 1);
+  qualityRow->addWidget(qualityReadout_);
+  form->addRow(text("quality.label", "Qualité"), qualityRow);
+
+  auto* folderRow = new QHBoxLayout;
+  folderLabel_ = new QLabel(form_);
+  folderLabel_->setMinimumWidth(60);
+  folderLabel_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  chooseFolderButton_ = new QPushButton(text("settings.profiles.chooseFolder", "Choisir…"), form_);
+  clearFolder_ = new QPushButton(text("settings.profiles.clearFolder", "Effacer"), form_);
+  connect(chooseFolderButton_, &QPushButton::clicked, this, &ExportProfilesSettingsView::chooseFolder);
+  connect(clearFolder_, &QPushButton::clicked, this, [this] { setNewFolder(std::nullopt); });
+  folderRow->addWidget(folderLabel_, 1);
+  folderRow->addWidget(chooseFolderButton_);
+  folderRow->addWidget(clearFolder_);
+  form->addRow(text("settings.profiles.folderField", "Dossier de destination"), folderRow);
+
+  isDefault_ = new QCheckBox(text("settings.profiles.defaultToggle", "Profil par défaut"), form_);
+  isDefault_->setToolTip(text("settings.profiles.defaultHelp", "Utilisé lorsqu'aucun profil n'est indiqué"));
+  form->addRow(isDefault_);
+
+  auto* buttons = new QHBoxLayout;
+  buttons->addStretch(1);
+  cancel_ = new QPushButton(text("settings.profiles.cancelEdit", "Annuler"), form_);
+  save_ = new QPushButton(form_);
+  makeProminent(save_);
+  connect(cancel_, &QPushButton::clicked, this, &ExportProfilesSettingsView::resetForm);
+  connect(save_, &QPushButton::clicked, this, &ExportProfilesSettingsView::save);
+  connect(name_, &QLineEdit::returnPressed, this, &ExportProfilesSettingsView::save);
+  buttons->addWidget(cancel_);
+  buttons->addWidget(save_);
+  form->addRow(buttons);
+  layout->addWidget(form_);
+  layout->addStretch(1);
+
+  connect(&viewModel_, &BatchViewModel::exportProfilesChanged, this, &ExportProfilesSettingsView::rebuildList);
+  rebuildList();
+  resetForm();
+}
+
+void ExportProfilesSettingsView::setNewFormat(ImageFormat format) {
+  newFormat_ = format;
+  refreshForm();
+}
+
+void ExportProfilesSettingsView::setNewFolder(std::optional<QUrl> folder) {
+  newFolder_ = std::move(folder);
+  refreshForm();
+}
+
+void ExportProfilesSettingsView::setNewQuality(double quality) {
+  // The slider moves in whole steps; a stored 80.5 stays 80.5 unless the slider is moved.
+  newQuality_ = quality;
+  const QSignalBlocker block(quality_);
+  quality_->setValue(int(quality));
+  refreshForm();
+}
+
+void ExportProfilesSettingsView::startEditing(const ExportProfile& profile) {
+  editingProfileID_ = profile.id;
+  name_->setText(profile.name);
+  newFormat_ = profile.format;
+  setNewQuality(profile.quality);
+  newFolder_ = profile.destinationFolder ? std::optional<QUrl>(QUrl::fromLocalFile(*profile.destinationFolder))
+                                         : std::nullopt;
+  isDefault_->setChecked(profile.isDefault);
+  refreshForm();
+}
+
+void ExportProfilesSettingsView::resetForm() {
+  editingProfileID_.reset();
+  name_->clear();
+  newFormat_ = ImageFormat::jpeg;
+  setNewQuality(75.0);
+  newFolder_.reset();
+  isDefault_->setChecked(false);
+  refreshForm();
+}
+
+void ExportProfilesSettingsView::chooseFolder() {
+  if (!chooseFolder_) return;
+  if (auto folder = chooseFolder_(newFolder_)) setNewFolder(*folder);
+}
+
+void ExportProfilesSettingsView::save() {
+  const QString name = name_->text().trimmed();
+  if (name.isEmpty()) return;
+  ExportProfile profile;
+  profile.id = editingProfileID_.value_or(QUuid::createUuid());
+  profile.name = name;
+  profile.format = newFormat_;
+  profile.quality = newQuality_;
+  if (newFolder_) profile.destinationFolder = newFolder_->toLocalFile();
+  profile.isDefault = isDefault_->isChecked();
+  viewModel_.upsertExportProfile(profile);
+  resetForm();
+}
+
+void ExportProfilesSettingsView::deleteProfile(const ExportProfile& profile) {
+  const QUuid id = profile.id;
+  viewModel_.deleteExportProfile(profile);
+  if (editingProfileID_ == id) resetForm();
+}
+
+void ExportProfilesSettingsView::refreshForm() {
+  const bool editing = editingProfileID_.has_value();
+  form_->setTitle(editing ? text("settings.profiles.editSection", "Modifier le profil")
+                          : text("settings.profiles.addSection", "Nouveau profil"));
+  formatButton_->setText(formatLabel(newFormat_));
+  for (QAction* action : formatMenu_->actions()) action->setChecked(action->data().toInt() == int(newFormat_));
+  qualityReadout_->setText(QString::number(int(newQuality_)));
+  folderLabel_->setText(newFolder_ ? QDir::toNativeSeparators(newFolder_->toLocalFile())
+                                   : text("settings.profiles.folderNone", "Aucun"));
+  folderLabel_->setToolTip(folderLabel_->text());
+  clearFolder_->setVisible(newFolder_.has_value());
+  cancel_->setVisible(editing);
+  save_->setText(editing ? text("settings.profiles.update", "Enregistrer les modifications")
+                         : text("settings.profiles.save", "Ajouter"));
+  save_->setEnabled(!name_->text().trimmed().isEmpty());
+}
+
+void ExportProfilesSettingsView::rebuildList() {
+  while (QLayoutItem* item = rows_->takeAt(0)) {
+    if (QWidget* w = item->widget()) w->deleteLater();
+    delete item;
+  }
+  const auto& profiles = viewModel_.exportProfiles();
+  existing_->setVisible(!profiles.empty());
+  for (const ExportProfile& profile : profiles) {
+    auto* row = new QWidget(existing_);
+    auto* layout = new QHBoxLayout(row);
+    layout->setContentsMargins(0, 2, 0, 2);
+    auto* texts = new QVBoxLayout;
+    texts->setSpacing(1);
+    auto* first = new QHBoxLayout;
+    auto* name = new QLabel(profile.name, row);
+    name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    first->addWidget(name, 1);
+    if (profile.isDefault) {
+      auto* badge = new QLabel(text("settings.profiles.defaultBadge", "Par défaut"), row);
+      badge->setObjectName(QStringLiteral("defaultBadge"));
+      badge->setStyleSheet(QStringLiteral("QLabel { border: 1px solid palette(mid); border-radius: 4px; padding: 0px 5px; }"));
+      badge->setFont(makeNote(QString(), row)->font());
+      first->addWidget(badge, 0);
+    }
+    texts->addLayout(first);
+    QLabel* subtitleLabel = makeNote(subtitle(profile), row);
+    subtitleLabel->setWordWrap(false);
+    subtitleLabel->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    subtitleLabel->setToolTip(subtitle(profile));
+    texts->addWidget(subtitleLabel);
+    layout->addLayout(texts, 1);
+
+    const ExportProfile copy = profile;
+    auto* edit = new QToolButton(row);
+    edit->setAutoRaise(true);
+    edit->setIcon(Icons::icon("pencil"));
+    edit->setObjectName(QStringLiteral("editButton"));
+    connect(edit, &QToolButton::clicked, this, [this, copy] { startEditing(copy); });
+    auto* remove = new QToolButton(row);
+    remove->setAutoRaise(true);
+    remove->setIcon(Icons::tinted("trash", Icons::redColor(palette())));
+    remove->setObjectName(QStringLiteral("deleteButton"));
+    // No confirmation is asked.
+    connect(remove, &QToolButton::clicked, this, [this, copy] { deleteProfile(copy); });
+    layout->addWidget(edit);
+    layout->addWidget(remove);
+    rows_->addWidget(row);
+  }
+}
+
+}  // namespace quillane::ui

@@ -1,0 +1,189 @@
+#include "ui/LocalAPISettingsView.h"
+
+#include <QCheckBox>
+#include <QClipboard>
+#include <QFontDatabase>
+#include <QFormLayout>
+#include <QGroupBox>
+#include <QGuiApplication>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPainter>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+#include "api/LocalAPIController.h"
+#include "api/LocalAPISettings.h"
+#include "ui/Icons.h"
+#include "ui/SettingsForm.h"
+#include "ui/UiText.h"
+
+namespace quillane::ui {
+
+std::optional<int> parsePortText(const QString& text) {
+  int i = 0;
+  bool negative = false;
+  if (i < text.size() && (text[i] == QLatin1Char('+') || text[i] == QLatin1Char('-'))) {
+    negative = text[i] == QLatin1Char('-');
+    ++i;
+  }
+  if (i >= text.size()) return std::nullopt;
+  int64_t value = 0;
+  for (; i < text.size(); ++i) {
+    const QChar c = text[i];
+    if (c < QLatin1Char('0') || c > QLatin1Char('9')) return std::nullopt;
+    value = value * 10 + (c.unicode() - '0');
+    if (value > 1'000'000) return std::nullopt;  // far outside the range already
+  }
+  if (negative) value = -value;
+  if (value < 1 || value > 65535) return std::nullopt;
+  return int(value);
+}
+
+LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidget* parent)
+    : QWidget(parent), controller_(controller) {
+  isEnabled_ = LocalAPISettings::isEnabled();
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(0, 0, 0, 0);
+  layout->setSpacing(12);
+
+  // Section 1: the switch.
+  auto* first = new QGroupBox(this);
+  auto* firstLayout = new QVBoxLayout(first);
+  enable_ = new QCheckBox(text("settings.api.enable", "Activer l'API locale"), first);
+  enable_->setChecked(isEnabled_);
+  connect(enable_, &QCheckBox::toggled, this, &LocalAPISettingsView::setEnabled);
+  firstLayout->addWidget(enable_);
+  firstLayout->addWidget(makeNote(text("settings.api.enableHelp", "Permet aux scripts de compresser des images."), first));
+  layout->addWidget(first);
+
+  // Section 2: status, port, base URL.
+  server_ = new QGroupBox(this);
+  auto* form = new QFormLayout(server_);
+  form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
+  auto* statusRow = new QHBoxLayout;
+  statusDot_ = new QLabel(server_);
+  statusDot_->setFixedSize(8, 8);
+  status_ = new QLabel(server_);
+  status_->setWordWrap(true);
+  status_->setFont(QFont(status_->font()));
+  makeSecondary(status_);
+  statusRow->addWidget(statusDot_, 0, Qt::AlignVCenter);
+  statusRow->addWidget(status_, 1);
+  form->addRow(statusRow);
+  port_ = new QLineEdit(storedPortText(), server_);
+  port_->setFixedWidth(80);
+  // Only Return applies the port; leaving the field applies nothing.
+  connect(port_, &QLineEdit::returnPressed, this, &LocalAPISettingsView::applyPort);
+  form->addRow(text("settings.api.port", "Port"), port_);
+  baseURL_ = new QLabel(server_);
+  baseURL_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+  makeSecondary(baseURL_);
+  form->addRow(text("settings.api.baseURL", "URL de base"), baseURL_);
+  layout->addWidget(server_);
+
+  // Section 3: the token.
+  tokenBox_ = new QGroupBox(text("settings.api.token", "Jeton d'accès"), this);
+  auto* tokenLayout = new QVBoxLayout(tokenBox_);
+  token_ = new QLabel(LocalAPISettings::token(), tokenBox_);
+  token_->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
+  token_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+  token_->setWordWrap(true);
+  tokenLayout->addWidget(token_);
+  auto* buttons = new QHBoxLayout;
+  copy_ = new QPushButton(text("settings.api.copyToken", "Copier"), tokenBox_);
+  regenerate_ = new QPushButton(text("settings.api.regenerateToken", "Régénérer"), tokenBox_);
+  connect(copy_, &QPushButton::clicked, this, &LocalAPISettingsView::copyToken);
+  connect(regenerate_, &QPushButton::clicked, this, &LocalAPISettingsView::regenerateToken);
+  buttons->addWidget(copy_);
+  buttons->addWidget(regenerate_);
+  buttons->addStretch(1);
+  tokenLayout->addLayout(buttons);
+  tokenLayout->addWidget(makeNote(text("settings.api.regenerateWarning", "Régénérer le jeton bloque les anciens clients."), tokenBox_));
+  tokenLayout->addWidget(makeNote(text("settings.api.docsHint", "Envoyez le jeton dans un en-tête Authorization."), tokenBox_));
+  layout->addWidget(tokenBox_);
+  layout->addStretch(1);
+
+  connect(&controller_, &LocalAPIController::isRunningChanged, this, &LocalAPISettingsView::refreshStatus);
+  connect(&controller_, &LocalAPIController::lastErrorChanged, this, &LocalAPISettingsView::refreshStatus);
+  refreshStatus();
+  refreshBaseURL();
+  refreshSections();
+}
+
+QString LocalAPISettingsView::storedPortText() {
+  const int stored = LocalAPISettings::storedPort();
+  return QString::number(stored == 0 ? LocalAPISettings::defaultPort : stored);
+}
+
+void LocalAPISettingsView::setEnabled(bool on) {
+  isEnabled_ = on;
+  LocalAPISettings::setEnabled(on);
+  if (on) controller_.start();
+  else controller_.stop();
+  refreshSections();
+}
+
+void LocalAPISettingsView::applyPort() {
+  if (const auto port = parsePortText(port_->text())) {
+    LocalAPISettings::setPort(*port);
+    // Entering the stored port again still restarts the server.
+    if (LocalAPISettings::isEnabled()) controller_.start();
+  } else {
+    port_->setText(storedPortText());
+  }
+  refreshBaseURL();
+}
+
+void LocalAPISettingsView::copyToken() {
+  QClipboard* clipboard = QGuiApplication::clipboard();
+  clipboard->clear();
+  clipboard->setText(token_->text());
+  didCopyToken_ = true;
+  copy_->setText(text("settings.api.tokenCopied", "Copié"));
+  // Each copy schedules its own clearing; the first to come ends the copied state.
+  QTimer::singleShot(1500, this, [this] {
+    didCopyToken_ = false;
+    copy_->setText(text("settings.api.copyToken", "Copier"));
+  });
+}
+
+void LocalAPISettingsView::regenerateToken() {
+  const auto token = LocalAPISettings::generateToken();
+  if (!token) return;
+  LocalAPISettings::setToken(*token);
+  token_->setText(*token);
+}
+
+void LocalAPISettingsView::refreshSections() {
+  server_->setVisible(isEnabled_);
+  tokenBox_->setVisible(isEnabled_);
+}
+
+void LocalAPISettingsView::refreshBaseURL() {
+  const int stored = LocalAPISettings::storedPort();
+  baseURL_->setText(format("settings.api.baseURLFormat", "http://127.0.0.1:%lld/v1",
+                           {integerArg(stored == 0 ? LocalAPISettings::defaultPort : stored)}));
+}
+
+void LocalAPISettingsView::refreshStatus() {
+  const bool running = controller_.isRunning();
+  QPixmap dot(16, 16);
+  dot.fill(Qt::transparent);
+  {
+    QPainter painter(&dot);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(running ? Icons::greenColor(palette()) : Icons::redColor(palette()));
+    painter.drawEllipse(QRectF(0, 0, 16, 16));
+  }
+  dot.setDevicePixelRatio(2.0);
+  statusDot_->setPixmap(dot);
+  if (running) status_->setText(text("settings.api.statusRunning", "En marche"));
+  else if (controller_.lastError())
+    status_->setText(format("settings.api.statusErrorFormat", "Erreur : %@", {*controller_.lastError()}));
+  else status_->setText(text("settings.api.statusStopped", "Arrêtée"));
+}
+
+}  // namespace quillane::ui

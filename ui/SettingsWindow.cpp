@@ -1,0 +1,62 @@
+#include "ui/SettingsWindow.h"
+
+#include <QTabWidget>
+#include <QVBoxLayout>
+
+#include "ui/DesktopPanels.h"
+#include "ui/ExportProfilesSettingsView.h"
+#include "ui/Icons.h"
+#include "ui/LocalAPISettingsView.h"
+#include "ui/SettingsForm.h"
+#include "ui/SmallSettingsViews.h"
+#include "ui/UiText.h"
+
+namespace quillane::ui {
+namespace {
+constexpr int kUpdatesTabFromEnd = 1;  // the hot folders tab goes before the last tab
+}
+
+SettingsWindow::SettingsWindow(Services services, QWidget* parent) : QWidget(parent, Qt::Window) {
+  setWindowTitle(text("settings.windowTitle", "Réglages"));
+  setWindowIcon(Icons::applicationIcon());
+  setObjectName(QStringLiteral("QuillaneSettingsWindow"));
+  // Closing drops what was not confirmed (a pending language); the next opening reads the
+  // settings afresh.
+  setAttribute(Qt::WA_DeleteOnClose);
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(8, 8, 8, 8);
+  tabs_ = new QTabWidget(this);
+  tabs_->setDocumentMode(true);
+  layout->addWidget(tabs_);
+
+  tabs_->addTab(wrapPane(new LanguageSettingsView(services.languageManager)), Icons::icon("globe"),
+                text("settings.language.title", "Langue"));
+  tabs_->addTab(wrapPane(new LocalAPISettingsView(services.apiController)), Icons::icon("terminal"),
+                text("settings.api.title", "API locale"));
+  DesktopPanels* panels = services.panels;
+  auto chooser = [panels](const std::optional<QUrl>& start) -> std::optional<QUrl> {
+    return panels ? panels->chooseFolder(start) : std::nullopt;
+  };
+  tabs_->addTab(wrapPane(new ExportProfilesSettingsView(services.viewModel, chooser)),
+                Icons::icon("square.and.arrow.up.on.square"), text("settings.profiles.title", "Profils"));
+  tabs_->addTab(wrapPane(new UpdateSettingsView(services.updateChecker)), Icons::icon("arrow.down.circle"),
+                text("settings.updates.title", "Mises à jour"));
+  resize(680, 560);
+  setMinimumSize(560, 420);
+}
+
+void SettingsWindow::insertHotFoldersPane(QWidget* pane) {
+  tabs_->insertTab(tabs_->count() - kUpdatesTabFromEnd, wrapPane(pane, 600), Icons::icon("eye"),
+                   text("settings.hotFolders.title", "Dossiers surveillés"));
+}
+
+SettingsWindow* SettingsWindow::showFor(QWidget* mainWindow, Services services) {
+  auto* window = mainWindow ? mainWindow->findChild<SettingsWindow*>(QString(), Qt::FindDirectChildrenOnly) : nullptr;
+  if (!window) window = new SettingsWindow(services, mainWindow);
+  window->show();
+  window->raise();
+  window->activateWindow();
+  return window;
+}
+
+}  // namespace quillane::ui

@@ -1,0 +1,49 @@
+#pragma once
+// SettingsWindow: the settings window, one tab per pane in this order: language, local API,
+// profiles, hot folders (inserted by its owner when that pane exists), updates. Each pane
+// gets the shared object it works on. A child window of the main window: one at a time.
+//
+// GUI thread only.
+
+#include <QWidget>
+
+#include <functional>
+
+class QTabWidget;
+
+namespace quillane {
+class BatchViewModel;
+class LanguageManager;
+class LocalAPIController;
+class UpdateChecker;
+}  // namespace quillane
+
+namespace quillane::ui {
+
+class DesktopPanels;
+
+class SettingsWindow : public QWidget {
+  Q_OBJECT
+ public:
+  struct Services {
+    BatchViewModel& viewModel;
+    LocalAPIController& apiController;
+    UpdateChecker& updateChecker;
+    LanguageManager& languageManager;
+    DesktopPanels* panels = nullptr;  // folder chooser of the profile form
+  };
+
+  explicit SettingsWindow(Services services, QWidget* parent = nullptr);
+
+  // The settings window of `mainWindow`, made on first use, raised and activated.
+  static SettingsWindow* showFor(QWidget* mainWindow, Services services);
+
+  QTabWidget* tabs() const { return tabs_; }
+  // Places the hot folders pane between profiles and updates.
+  void insertHotFoldersPane(QWidget* pane);
+
+ private:
+  QTabWidget* tabs_;
+};
+
+}  // namespace quillane::ui
