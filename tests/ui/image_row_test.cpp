@@ -1,0 +1,206 @@
+// What an image row shows and does, through the painted list and its rules, and the
+// per-image quality popover.
+#include <QLabel>
+#include <QPushButton>
+#include <QSlider>
+
+#include "tests/ui/ui_test_support.h"
+#include "ui/ImageListModel.h"
+#include "ui/ImageListView.h"
+#include "ui/QualityControls.h"
+#include "ui/RowRules.h"
+
+namespace quillane::uitest {
+namespace {
+
+using ui::RowHit;
+using ui::RowRules::SizeSummary;
+using ui::RowRules::Tone;
+
+class ImageRowTest : public UiFixture {
+ protected:
+  std::shared_ptr<ImportedImage> importOne(const QString& name, int64_t bytes, FakeFile file) {
+    if (!model_) makeModel();
+    import({source(name, bytes, file)});
+    EXPECT_TRUE(waitIdle());
+    return model_->images().back();
+  }
+  ui::ImageListView& list() {
+    if (!list_) {
+      list_ = std::make_unique<ui::ImageListView>(*model_);
+      list_->resize(700, 400);
+      list_->show();
+    }
+    return *list_;
+  }
+  QModelIndex rowOf(const std::shared_ptr<ImportedImage>& image) {
+    for (int row = 0; row < list().listModel().rowCount(); ++row)
+      if (list().listModel().imageAt(row) == image) return list().listModel().index(row);
+    return {};
+  }
+  void TearDown() override {
+    list_.reset();
+    UiFixture::TearDown();
+  }
+  std::unique_ptr<ui::ImageListView> list_;
+};
+
+TEST_F(ImageRowTest, AnimatedImageInItsOwnFormatIsPassedThrough) {
+  auto gif = importOne("anim.webp", 50'000, {200, 200, ImageFormat::webp, 8, 50'000});
+  model_->setOutputFormat(ImageFormat::webp);
+  ASSERT_TRUE(waitIdle());
+  EXPECT_TRUE(ui::RowRules::isPassThrough(*gif, ImageFormat::webp));
+  const SizeSummary summary = ui::RowRules::sizeSummary(*gif, ImageFormat::webp);
+  EXPECT_EQ(summary.secondTone, Tone::secondary);
+  EXPECT_NE(summary.secondLine, ui::RowRules::sizeSummary(*gif, ImageFormat::jpeg).secondLine);
+  EXPECT_NE(ui::RowRules::qualityHelp(*gif, ImageFormat::webp), ui::RowRules::qualityHelp(*gif, ImageFormat::jpeg));
+  EXPECT_NE(ui::RowRules::animatedHelp(*gif, ImageFormat::webp), ui::RowRules::animatedHelp(*gif, ImageFormat::jpeg));
+  EXPECT_TRUE(ui::RowRules::animatedHelp(*gif, ImageFormat::jpeg).contains("8"));
+  // Converted to another format it shows the percentage again.
+  EXPECT_EQ(ui::RowRules::sizeSummary(*gif, ImageFormat::jpeg).secondTone, Tone::green);
+}
+
+TEST_F(ImageRowTest, AStillImageIsNeverPassedThrough) {
+  auto still = importOne("still.webp", 50'000, {200, 200, ImageFormat::webp, 1, 20'000});
+  EXPECT_FALSE(ui::RowRules::isPassThrough(*still, ImageFormat::webp));
+}
+
+TEST_F(ImageRowTest, ResultsShowTheirChangeInTheRightColour) {
+  auto grown = importOne("grown.png", 1000, {100, 100, ImageFormat::png, 1, 1300});
+  SizeSummary summary = ui::RowRules::sizeSummary(*grown, ImageFormat::jpeg);
+  EXPECT_EQ(summary.kind, SizeSummary::Kind::lines);
+  EXPECT_EQ(summary.secondTone, Tone::orange);
+  EXPECT_TRUE(summary.secondLine.contains("30"));
+  auto same = importOne("same.png", 1000, {100, 100, ImageFormat::png, 1, 1000});
+  summary = ui::RowRules::sizeSummary(*same, ImageFormat::jpeg);
+  EXPECT_EQ(summary.secondTone, Tone::green);
+  EXPECT_TRUE(summary.secondLine.contains("0"));
+}
+
+TEST_F(ImageRowTest, AFailedEncodeShowsItsMessageAndRetries) {
+  auto bad = importOne("bad.png", 1000, {100, 100, ImageFormat::png, 1, -1, true});
+  ASSERT_TRUE(bad->encodeState().isFailed());
+  const SizeSummary summary = ui::RowRules::sizeSummary(*bad, ImageFormat::jpeg);
+  EXPECT_EQ(summary.firstTone, Tone::red);
+  EXPECT_TRUE(summary.secondIsRetry);
+  EXPECT_EQ(summary.help, bad->encodeState().message);
+  list().activate(rowOf(bad), RowHit::summaryRetry);
+  EXPECT_TRUE(bad->encodeState().isEncoding());
+  ASSERT_TRUE(waitIdle());
+}
+
+TEST_F(ImageRowTest, TheExportButtonFollowsTheDataNotTheState) {
+  auto image = importOne("a.png", 1000, {});
+  const QModelIndex index = rowOf(image);
+  EXPECT_TRUE(list().rowDelegate().isEnabled(index, RowHit::exportButton));
+  model_->scheduleEncode(image, true);  // encoding again, the old bytes are kept
+  ASSERT_TRUE(image->encodeState().isEncoding());
+  EXPECT_TRUE(list().rowDelegate().isEnabled(index, RowHit::exportButton));
+  ASSERT_TRUE(waitIdle());
+  auto bad = importOne("bad.png", 1000, {100, 100, ImageFormat::png, 1, -1, true});
+  EXPECT_FALSE(list().rowDelegate().isEnabled(rowOf(bad), RowHit::exportButton));
+}
+
+TEST_F(ImageRowTest, TheWarningButtonWritesAgainToTheFailedDestination) {
+  auto image = importOne("a.png", 1000, {100, 100, ImageFormat::png, 1, 400});
+  const QString folder = dir_.filePath("gone");
+  const QUrl target = QUrl::fromLocalFile(folder + "/a.jpg");
+  EXPECT_FALSE(model_->exportSingle(image, target));
+  ASSERT_TRUE(image->exportError().has_value());
+  const QModelIndex index = rowOf(image);
+  const QRect row = list().visualRect(index);
+  const QRect warning = list().rowDelegate().partRect(row, index, RowHit::warning);
+  ASSERT_FALSE(warning.isEmpty());
+  EXPECT_EQ(list().partAt(warning.center()).second, RowHit::warning);
+  EXPECT_TRUE(list().rowDelegate().helpText(index, RowHit::warning).contains(*image->exportError()));
+
+  QDir().mkpath(folder);  // the folder has come back
+  list().activate(index, RowHit::warning);
+  EXPECT_TRUE(QFile::exists(folder + "/a.jpg"));
+  EXPECT_FALSE(image->exportError().has_value());
+}
+
+TEST_F(ImageRowTest, RemoveAndDismissTouchOnlyTheirOwnRow) {
+  makeModel();
+  import({QUrl::fromLocalFile(dir_.filePath("missing1.png")), source("a.png"), source("b.png"),
+          QUrl::fromLocalFile(dir_.filePath("missing2.png"))});
+  ASSERT_TRUE(waitIdle());
+  ASSERT_EQ(model_->importFailures().size(), 2u);
+  const QUuid second = model_->importFailures()[1].id;
+  list().activate(list().listModel().index(1), RowHit::failureDismiss);
+  ASSERT_EQ(model_->importFailures().size(), 1u);
+  EXPECT_EQ(model_->importFailures()[0].id, second);
+
+  auto a = model_->images()[0];
+  list().activate(rowOf(a), RowHit::remove);
+  ASSERT_EQ(model_->images().size(), 1u);
+  EXPECT_EQ(model_->images()[0]->fileName(), "b.png");
+  EXPECT_EQ(list().listModel().rowCount(), 3);  // header, failure, b
+}
+
+TEST_F(ImageRowTest, TheQualityButtonReportsItsAnchorAndTheThumbnailTheComparison) {
+  auto image = importOne("a.png", 1000, {});
+  std::shared_ptr<ImportedImage> compared, tuned;
+  QObject::connect(&list(), &ui::ImageListView::comparisonRequested, [&](auto i) { compared = i; });
+  QObject::connect(&list(), &ui::ImageListView::qualityOverrideRequested, [&](auto i, const QRect&) { tuned = i; });
+  const QModelIndex index = rowOf(image);
+  const QRect row = list().visualRect(index);
+  EXPECT_EQ(list().partAt(list().rowDelegate().partRect(row, index, RowHit::thumbnail).center()).second,
+            RowHit::thumbnail);
+  list().activate(index, RowHit::thumbnail);
+  list().activate(index, RowHit::quality);
+  EXPECT_EQ(compared, image);
+  EXPECT_EQ(tuned, image);
+}
+
+class QualityPopoverTest : public ImageRowTest {};
+
+TEST_F(QualityPopoverTest, ADragChangesNothingUntilReleased) {
+  auto image = importOne("a.png", 100'000, {});
+  ui::QualityOverridePopup popup(*model_, image);
+  popup.show();
+  EXPECT_EQ(popup.readoutText(), "75");
+  popup.slider()->setSliderDown(true);
+  popup.slider()->setSliderPosition(40);  // the finger moves
+  EXPECT_EQ(popup.readoutText(), "40");
+  EXPECT_FALSE(image->qualityOverride().has_value());
+  EXPECT_TRUE(image->encodeState().isReady());
+  popup.slider()->setSliderDown(false);  // released
+  ASSERT_TRUE(image->qualityOverride().has_value());
+  EXPECT_EQ(*image->qualityOverride(), 40);
+  EXPECT_FALSE(popup.draftQuality().has_value());
+  ASSERT_TRUE(waitIdle());
+  EXPECT_EQ(image->encodeState().sizeBytes, 400);
+}
+
+TEST_F(QualityPopoverTest, AClickWithoutMovingMakesNoOverride) {
+  auto image = importOne("a.png", 100'000, {});
+  ui::QualityOverridePopup popup(*model_, image);
+  popup.slider()->setSliderDown(true);
+  popup.slider()->setSliderDown(false);
+  EXPECT_FALSE(image->qualityOverride().has_value());
+}
+
+TEST_F(QualityPopoverTest, RevertFollowsTheGlobalQualityAgain) {
+  auto image = importOne("a.png", 100'000, {});
+  model_->setQualityOverride(image, 30);
+  ASSERT_TRUE(waitIdle());
+  ui::QualityOverridePopup popup(*model_, image);
+  popup.show();
+  EXPECT_TRUE(popup.revertButton()->isVisible());
+  EXPECT_FALSE(popup.followingLabel()->isVisible());
+  EXPECT_TRUE(popup.revertButton()->text().contains("75"));
+  model_->setQuality(72.6);  // from the local API while the popover is open
+  EXPECT_TRUE(popup.revertButton()->text().contains("72"));
+  EXPECT_EQ(popup.readoutText(), "30");
+  popup.revertButton()->click();
+  EXPECT_FALSE(image->qualityOverride().has_value());
+  EXPECT_FALSE(popup.revertButton()->isVisible());
+  EXPECT_TRUE(popup.followingLabel()->isVisible());
+  EXPECT_EQ(popup.readoutText(), "72");
+  EXPECT_EQ(popup.slider()->value(), 72);
+  ASSERT_TRUE(waitIdle());
+}
+
+}  // namespace
+}  // namespace quillane::uitest

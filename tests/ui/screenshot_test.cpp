@@ -1,0 +1,244 @@
+// Renders the window, the comparison sheet, the history popover and each settings tab to PNG
+// files under <build>/screenshots for a person to look at, and checks in every language that
+// no text of the bar or the panes is cut at the window's minimum size.
+#include <QApplication>
+#include <QDir>
+#include <QImage>
+#include <QPainter>
+#include <QStyleFactory>
+#include <QTabWidget>
+
+#include "api/LocalAPIController.h"
+#include "api/LocalAPISettings.h"
+#include "records/ExportProfile.h"
+#include "services/AppLanguage.h"
+#include "services/LanguageManager.h"
+#include "services/UpdateChecker.h"
+#include "tests/support/TestImages.h"
+#include "tests/ui/ui_test_support.h"
+#include "ui/ComparisonView.h"
+#include "ui/ControlsBar.h"
+#include "ui/HistoryPopover.h"
+#include "ui/ImageListView.h"
+#include "ui/MainWindow.h"
+#include "ui/SettingsWindow.h"
+
+namespace quillane::uitest {
+namespace {
+
+QString screenshotFolder() {
+  const QByteArray bin = qgetenv("QUILLANE_BIN_DIR");
+  const QString base = bin.isEmpty() ? QCoreApplication::applicationDirPath() : QString::fromLocal8Bit(bin);
+  const QString folder = QDir(base).absoluteFilePath("../screenshots");
+  QDir().mkpath(folder);
+  return folder;
+}
+
+void save(QWidget* widget, const QString& name) {
+  QCoreApplication::processEvents();
+  const QImage image = widget->grab().toImage();
+  ASSERT_FALSE(image.isNull());
+  ASSERT_TRUE(image.save(QDir(screenshotFolder()).filePath(name + ".png")));
+}
+
+QPalette darkPalette() {
+  QPalette p;
+  const QColor window(0x2b, 0x2b, 0x2e), base(0x1e, 0x1e, 0x20), text(0xe8, 0xe8, 0xea);
+  p.setColor(QPalette::Window, window);
+  p.setColor(QPalette::WindowText, text);
+  p.setColor(QPalette::Base, base);
+  p.setColor(QPalette::AlternateBase, window);
+  p.setColor(QPalette::Text, text);
+  p.setColor(QPalette::Button, QColor(0x3a, 0x3a, 0x3e));
+  p.setColor(QPalette::ButtonText, text);
+  p.setColor(QPalette::Highlight, QColor(0x3d, 0x8b, 0xfd));
+  p.setColor(QPalette::HighlightedText, Qt::white);
+  p.setColor(QPalette::Link, QColor(0x6c, 0xa8, 0xff));
+  p.setColor(QPalette::ToolTipBase, window);
+  p.setColor(QPalette::ToolTipText, text);
+  p.setColor(QPalette::PlaceholderText, QColor(0x90, 0x90, 0x94));
+  p.setColor(QPalette::Disabled, QPalette::Text, QColor(0x70, 0x70, 0x74));
+  p.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x70, 0x70, 0x74));
+  p.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x70, 0x70, 0x74));
+  return p;
+}
+
+class ScreenshotTest : public UiFixture {
+ protected:
+  void SetUp() override {
+    UiFixture::SetUp();
+    QApplication::setStyle(QStyleFactory::create("Fusion"));
+    QApplication::setPalette(QApplication::style()->standardPalette());
+    useLanguage({});
+  }
+  void TearDown() override {
+    QApplication::setPalette(QApplication::style()->standardPalette());
+    useLanguage({});
+    UiFixture::TearDown();
+  }
+
+  // A batch that shows every kind of row: reduced, grown, pass-through, failed, encoding,
+  // an export failure, and a failed import; a profile and a history record.
+  void makeShowcaseBatch() {
+    makeModel();
+    import({source("mountain-lake-at-dawn.jpg", 2'400'000, {4032, 3024, ImageFormat::jpeg, 1, 640'000}),
+            source("logo.png", 18'000, {512, 512, ImageFormat::png, 1, 21'500}),
+            source("spinner.webp", 80'000, {240, 240, ImageFormat::jpeg, 12, 80'000}),
+            source("scan-of-an-old-receipt-with-a-very-long-name.heic", 1'200'000, {1200, 1800, ImageFormat::heic}),
+            source("broken.avif", 50'000, {800, 600, ImageFormat::avif, 1, -1, true}),
+            QUrl::fromLocalFile(dir_.filePath("notes.txt"))});
+    ASSERT_TRUE(waitIdle());
+    import({source("slow-panorama.png", 5'000'000, {8000, 1500})});
+    // A failed export on the logo row.
+    model_->exportSingle(model_->images()[1], QUrl::fromLocalFile(dir_.filePath("missing-folder/logo.jpg")));
+    // One successful export for the history.
+    QDir(dir_.path()).mkpath("out");
+    model_->exportSingle(model_->images()[0], QUrl::fromLocalFile(dir_.filePath("out/mountain-lake-at-dawn.jpg")));
+    model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true});
+    model_->upsertExportProfile({QUuid::createUuid(), "Archive", ImageFormat::jxl, 95, std::nullopt, false});
+  }
+
+  std::unique_ptr<ui::MainWindow> showWindow(QSize size) {
+    auto window = std::make_unique<ui::MainWindow>(*model_);
+    window->resize(size);
+    window->show();
+    QCoreApplication::processEvents();
+    return window;
+  }
+};
+
+TEST_F(ScreenshotTest, MainWindowLightAndDark) {
+  makeShowcaseBatch();
+  auto empty = std::make_unique<BatchViewModel>(options());
+  {
+    ui::MainWindow window(*empty);
+    window.resize(960, 640);
+    window.show();
+    save(&window, "main-empty");
+  }
+  {
+    auto window = showWindow({960, 640});
+    save(window.get(), "main-light");
+    window->resize(ui::MainWindow::minimumWidth, ui::MainWindow::minimumHeight);
+    save(window.get(), "main-light-minimum");
+    EXPECT_EQ(clippedTexts(window->controlsBar()), QStringList());
+  }
+  QApplication::setPalette(darkPalette());
+  {
+    auto window = showWindow({960, 640});
+    save(window.get(), "main-dark");
+  }
+  openGate();
+  ASSERT_TRUE(waitIdle());
+}
+
+TEST_F(ScreenshotTest, HistoryPopover) {
+  makeShowcaseBatch();
+  ui::ExportHistoryView history(*model_, false);
+  history.show();
+  save(&history, "history");
+  EXPECT_EQ(history.rowCount(), 1);
+  openGate();
+}
+
+TEST_F(ScreenshotTest, ComparisonOfARealEncoding) {
+  // A real picture through the real engine.
+  BatchViewModel::Options o;
+  o.restoreSession = false;
+  o.processorCount = 2;
+  model_ = std::make_unique<BatchViewModel>(o);
+  const DecodedImage picture = testing::makeImage(900, 600, testing::Pattern::photo, 7);
+  const QImage image = ui::toQImage(picture);
+  const QString path = dir_.filePath("harbour.png");
+  ASSERT_TRUE(image.save(path));
+  model_->setOutputFormat(ImageFormat::jpeg);
+  model_->setQuality(30);
+  import({QUrl::fromLocalFile(path)});
+  ASSERT_TRUE(waitIdle(20000));
+  ASSERT_TRUE(model_->images()[0]->encodeState().isReady());
+
+  auto window = showWindow({960, 640});
+  auto* sheet = new ui::ImageComparisonView(*model_, model_->images()[0], window.get());
+  sheet->show();
+  ASSERT_TRUE(sheet->waitForPreviews(10000));
+  EXPECT_TRUE(sheet->area()->hasOriginalPreview());
+  EXPECT_TRUE(sheet->area()->hasCompressedPreview());
+  EXPECT_EQ(sheet->area()->size(), QSize(760, 507));
+  sheet->area()->setSliderFraction(0.35);
+  save(sheet, "comparison");
+  sheet->close();
+}
+
+class SettingsScreenshots : public ScreenshotTest {
+ protected:
+  std::unique_ptr<ui::SettingsWindow> makeSettings() {
+    if (!model_) makeShowcaseBatch();
+    LocalAPISettings::setEnabled(true);
+    LocalAPISettings::setPort(0);
+    if (!controller_) controller_ = std::make_unique<LocalAPIController>(*model_);
+    if (!checker_) checker_ = std::make_unique<UpdateChecker>(QUrl("http://127.0.0.1:9"), "1.0");
+    if (!languages_) {
+      LanguageManager::Platform platform;
+      platform.preferredLanguages = {"fr-FR"};
+      platform.startDetached = [](const QString&) { return true; };
+      platform.quit = [] {};
+      languages_ = std::make_unique<LanguageManager>(platform);
+    }
+    auto window = std::make_unique<ui::SettingsWindow>(
+        ui::SettingsWindow::Services{*model_, *controller_, *checker_, *languages_, nullptr});
+    window->setAttribute(Qt::WA_DeleteOnClose, false);
+    return window;
+  }
+  void TearDown() override {
+    controller_.reset();
+    checker_.reset();
+    languages_.reset();
+    LocalAPISettings::setEnabled(false);
+    ScreenshotTest::TearDown();
+  }
+  std::unique_ptr<LocalAPIController> controller_;
+  std::unique_ptr<UpdateChecker> checker_;
+  std::unique_ptr<LanguageManager> languages_;
+};
+
+TEST_F(SettingsScreenshots, EachTab) {
+  auto window = makeSettings();
+  window->show();
+  const QStringList names{"settings-language", "settings-api", "settings-profiles", "settings-updates"};
+  ASSERT_EQ(window->tabs()->count(), names.size());
+  for (int i = 0; i < names.size(); ++i) {
+    window->tabs()->setCurrentIndex(i);
+    save(window.get(), names[i]);
+  }
+  openGate();
+}
+
+// Every language, the main window at its minimum size and each settings tab at the settings
+// window's minimum size: no text of a button or a one-line label is cut.
+TEST_F(SettingsScreenshots, NoClippedTextInAnyLanguageAtMinimumSize) {
+  makeShowcaseBatch();
+  for (AppLanguage language : AppLanguages::allCases()) {
+    const QString code = AppLanguages::rawValue(language);
+    SCOPED_TRACE(code.toStdString());
+    useLanguage(code);
+    {
+      auto window = showWindow({ui::MainWindow::minimumWidth, ui::MainWindow::minimumHeight});
+      EXPECT_EQ(clippedTexts(window->controlsBar()), QStringList());
+      save(window.get(), "lang-" + code + "-main");
+    }
+    auto settings = makeSettings();
+    settings->resize(settings->minimumSize());
+    settings->show();
+    for (int i = 0; i < settings->tabs()->count(); ++i) {
+      settings->tabs()->setCurrentIndex(i);
+      QCoreApplication::processEvents();
+      EXPECT_EQ(clippedTexts(settings->tabs()->currentWidget()), QStringList()) << "tab " << i;
+    }
+    settings->tabs()->setCurrentIndex(2);
+    save(settings.get(), "lang-" + code + "-profiles");
+  }
+  openGate();
+}
+
+}  // namespace
+}  // namespace quillane::uitest
