@@ -1,0 +1,261 @@
+// The settings panes against real objects: the profile form's rules, the API pane's port and
+// token rules, the language pane's pending choice and the update pane's toggle.
+#include <QCheckBox>
+#include <QClipboard>
+#include <QComboBox>
+#include <QGroupBox>
+#include <QGuiApplication>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QSlider>
+#include <QTcpServer>
+
+#include "api/LocalAPIController.h"
+#include "api/LocalAPISettings.h"
+#include "records/ExportProfile.h"
+#include "services/LanguageManager.h"
+#include "services/UpdateChecker.h"
+#include "services/UserDefaults.h"
+#include "tests/ui/ui_test_support.h"
+#include "ui/ExportProfilesSettingsView.h"
+#include "ui/LocalAPISettingsView.h"
+#include "ui/SmallSettingsViews.h"
+
+namespace quillane::uitest {
+namespace {
+
+class ProfilePaneTest : public UiFixture {
+ protected:
+  ui::ExportProfilesSettingsView& pane() {
+    if (!model_) makeModel();
+    if (!pane_) pane_ = std::make_unique<ui::ExportProfilesSettingsView>(*model_, [](const auto&) {
+      return std::optional<QUrl>(QUrl::fromLocalFile("/tmp/chosen"));
+    });
+    return *pane_;
+  }
+  void TearDown() override {
+    pane_.reset();
+    UiFixture::TearDown();
+  }
+  std::unique_ptr<ui::ExportProfilesSettingsView> pane_;
+};
+
+TEST_F(ProfilePaneTest, ANameOfSpacesOnlyCannotBeSaved) {
+  pane().nameField()->setText("   \t ");
+  EXPECT_FALSE(pane().saveButton()->isEnabled());
+  pane().save();
+  EXPECT_TRUE(model_->exportProfiles().empty());
+  pane().nameField()->setText("  Web \n");
+  EXPECT_TRUE(pane().saveButton()->isEnabled());
+  pane().setNewFormat(ImageFormat::webp);
+  pane().chooseFolder();
+  pane().save();
+  ASSERT_EQ(model_->exportProfiles().size(), 1u);
+  const ExportProfile& saved = model_->exportProfiles()[0];
+  EXPECT_EQ(saved.name, "Web");  // trimmed
+  EXPECT_EQ(saved.format, ImageFormat::webp);
+  EXPECT_EQ(saved.quality, 75.0);
+  EXPECT_EQ(saved.destinationFolder, QString("/tmp/chosen"));
+  // The form is back to adding a new one.
+  EXPECT_TRUE(pane().nameField()->text().isEmpty());
+  EXPECT_EQ(pane().newFormat(), ImageFormat::jpeg);
+  EXPECT_FALSE(pane().newFolder().has_value());
+}
+
+TEST_F(ProfilePaneTest, EditingUpdatesInPlaceAndKeepsAFractionalQuality) {
+  makeModel();
+  const ExportProfile api{QUuid::createUuid(), "Api", ImageFormat::avif, 80.5, std::nullopt, false};
+  model_->upsertExportProfile(api);
+  EXPECT_EQ(ui::ExportProfilesSettingsView::subtitle(api), "AVIF · 80%");
+  pane().startEditing(api);
+  EXPECT_TRUE(pane().cancelButton()->isVisibleTo(&pane()));
+  EXPECT_EQ(pane().qualitySlider()->value(), 80);
+  pane().nameField()->setText("Api renamed");
+  pane().save();
+  ASSERT_EQ(model_->exportProfiles().size(), 1u);
+  EXPECT_EQ(model_->exportProfiles()[0].id, api.id);
+  EXPECT_EQ(model_->exportProfiles()[0].name, "Api renamed");
+  EXPECT_EQ(model_->exportProfiles()[0].quality, 80.5);
+  EXPECT_FALSE(pane().editingProfileID().has_value());
+}
+
+TEST_F(ProfilePaneTest, DeletingTheEditedProfileReturnsTheFormToAdding) {
+  makeModel();
+  const ExportProfile a{QUuid::createUuid(), "A", ImageFormat::png, 50, QString("/tmp/a"), true};
+  const ExportProfile b{QUuid::createUuid(), "B", ImageFormat::jxl, 90, std::nullopt, false};
+  model_->upsertExportProfile(a);
+  model_->upsertExportProfile(b);
+  EXPECT_EQ(ui::ExportProfilesSettingsView::subtitle(a), "PNG · 50% — /tmp/a");
+  pane().startEditing(b);
+  pane().deleteProfile(a);
+  EXPECT_EQ(pane().editingProfileID(), b.id);  // another profile: the form stays
+  pane().deleteProfile(b);
+  EXPECT_FALSE(pane().editingProfileID().has_value());
+  EXPECT_TRUE(pane().nameField()->text().isEmpty());
+  EXPECT_TRUE(model_->exportProfiles().empty());
+  EXPECT_FALSE(pane().existingSection()->isVisibleTo(&pane()));
+}
+
+class APIPaneTest : public UiFixture {
+ protected:
+  void SetUp() override {
+    UiFixture::SetUp();
+    makeModel();
+    LocalAPISettings::setEnabled(false);
+    LocalAPISettings::setPort(0);
+    controller_ = std::make_unique<LocalAPIController>(*model_);
+  }
+  void TearDown() override {
+    pane_.reset();
+    controller_.reset();
+    LocalAPISettings::setEnabled(false);
+    LocalAPISettings::setPort(0);
+    UiFixture::TearDown();
+  }
+  ui::LocalAPISettingsView& pane() {
+    if (!pane_) pane_ = std::make_unique<ui::LocalAPISettingsView>(*controller_);
+    return *pane_;
+  }
+  void submitPort(const QString& text) {
+    pane().portField()->setText(text);
+    pane().applyPort();
+  }
+  std::unique_ptr<LocalAPIController> controller_;
+  std::unique_ptr<ui::LocalAPISettingsView> pane_;
+};
+
+TEST(PortText, AcceptsASignedDecimalWithinRangeOnly) {
+  EXPECT_EQ(ui::parsePortText("8080"), 8080);
+  EXPECT_EQ(ui::parsePortText("+80"), 80);
+  EXPECT_EQ(ui::parsePortText("65535"), 65535);
+  for (const char* bad : {"", "0", "-80", "65536", "70000", "abc", "80a", " 80", "+", "99999999999999999999"})
+    EXPECT_FALSE(ui::parsePortText(bad).has_value()) << bad;
+}
+
+TEST_F(APIPaneTest, WithTheToggleOffOnlyTheFirstSectionShows) {
+  EXPECT_FALSE(pane().serverSection()->isVisibleTo(&pane()));
+  EXPECT_FALSE(pane().tokenSection()->isVisibleTo(&pane()));
+  EXPECT_FALSE(controller_->isRunning());
+  // Opening the pane makes a token even while the API is off.
+  EXPECT_FALSE(pane().tokenLabel()->text().isEmpty());
+}
+
+TEST_F(APIPaneTest, InvalidPortsRevertToTheStoredOne) {
+  LocalAPISettings::setPort(50123);
+  EXPECT_EQ(pane().portField()->text(), "50123");
+  submitPort("70000");
+  EXPECT_EQ(pane().portField()->text(), "50123");
+  submitPort("letters");
+  EXPECT_EQ(pane().portField()->text(), "50123");
+  EXPECT_EQ(LocalAPISettings::storedPort(), 50123);
+  LocalAPISettings::setPort(0);
+  submitPort("0");
+  EXPECT_EQ(pane().portField()->text(), "51823");
+}
+
+TEST_F(APIPaneTest, AValidPortIsStoredAndRestartsARunningServer) {
+  // A free port, found by binding and releasing it.
+  QTcpServer probe;
+  ASSERT_TRUE(probe.listen(QHostAddress::LocalHost, 0));
+  const int port = probe.serverPort();
+  probe.close();
+  pane().enableToggle()->setChecked(true);
+  EXPECT_TRUE(LocalAPISettings::isEnabled());
+  EXPECT_TRUE(pane().serverSection()->isVisibleTo(&pane()));
+  submitPort(QString::number(port));
+  EXPECT_EQ(LocalAPISettings::storedPort(), port);
+  EXPECT_EQ(pane().portField()->text(), QString::number(port));
+  EXPECT_TRUE(pane().baseURLLabel()->text().contains(QString::number(port)));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return controller_->isRunning() && controller_->boundPort() == port; }, 3000));
+  EXPECT_FALSE(pane().statusLabel()->text().isEmpty());
+  // The same port again still restarts: the server goes through a new start.
+  QSignalSpy restarted(controller_.get(), &LocalAPIController::isRunningChanged);
+  submitPort(QString::number(port));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return restarted.count() >= 1 && controller_->isRunning(); }, 3000));
+  pane().enableToggle()->setChecked(false);
+  EXPECT_FALSE(LocalAPISettings::isEnabled());
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !controller_->isRunning(); }, 3000));
+}
+
+TEST_F(APIPaneTest, CopyPutsTheCurrentTokenOnTheClipboardForAMoment) {
+  pane().regenerateToken();
+  const QString fresh = pane().tokenLabel()->text();
+  EXPECT_EQ(LocalAPISettings::token(), fresh);
+  const QString idle = pane().copyButton()->text();
+  pane().copyToken();
+  EXPECT_EQ(QGuiApplication::clipboard()->text(), fresh);
+  EXPECT_TRUE(pane().didCopyToken());
+  EXPECT_NE(pane().copyButton()->text(), idle);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !pane().didCopyToken(); }, 2500));
+  EXPECT_EQ(pane().copyButton()->text(), idle);
+}
+
+class LanguagePaneTest : public ::testing::Test {
+ protected:
+  void SetUp() override { LanguageManager::persist(std::nullopt); }
+  void TearDown() override { LanguageManager::persist(std::nullopt); }
+  std::unique_ptr<LanguageManager> makeManager() {
+    LanguageManager::Platform platform;
+    platform.preferredLanguages = {"fr-FR"};
+    platform.startDetached = [this](const QString&) { return ++starts_, true; };
+    platform.quit = [this] { ++quits_; };
+    return std::make_unique<LanguageManager>(platform);
+  }
+  int starts_ = 0;
+  int quits_ = 0;
+};
+
+TEST_F(LanguagePaneTest, ChoosingTheSelectedLanguageOffersNoRestart) {
+  LanguageManager::persist(AppLanguage::de);
+  auto manager = makeManager();
+  ui::LanguageSettingsView pane(*manager);
+  EXPECT_EQ(pane.picker()->currentData().toInt(), int(AppLanguage::de));
+  EXPECT_FALSE(pane.restartButton()->isVisibleTo(&pane));
+  pane.choose(AppLanguage::de);
+  EXPECT_FALSE(pane.restartButton()->isVisibleTo(&pane));
+  EXPECT_FALSE(pane.restartNote()->isVisibleTo(&pane));
+  pane.choose(AppLanguage::ja);
+  EXPECT_TRUE(pane.restartButton()->isVisibleTo(&pane));
+  EXPECT_TRUE(pane.restartNote()->isVisibleTo(&pane));
+  EXPECT_EQ(pane.picker()->currentData().toInt(), int(AppLanguage::ja));
+  EXPECT_EQ(manager->selectedLanguage(), AppLanguage::de);  // nothing applied yet
+}
+
+TEST_F(LanguagePaneTest, TheSystemDefaultUnderAnOverrideRestartsWithoutTheKey) {
+  LanguageManager::persist(AppLanguage::it);
+  auto manager = makeManager();
+  ui::LanguageSettingsView pane(*manager);
+  pane.choose(std::nullopt);
+  EXPECT_EQ(pane.picker()->currentData().toInt(), -1);
+  ASSERT_TRUE(pane.restartButton()->isVisibleTo(&pane));
+  pane.restartButton()->click();
+  EXPECT_FALSE(manager->selectedLanguage().has_value());
+  EXPECT_FALSE(UserDefaults::store()->contains("AppleLanguages"));
+  EXPECT_EQ(starts_, 1);
+  EXPECT_EQ(quits_, 1);
+}
+
+TEST(UpdatePane, TurningTheCheckOnStartsOneAtOnce) {
+  UpdateChecker::setCheckAtLaunchEnabled(false);
+  // Nothing listens on port 9 of the loopback: the check fails quickly.
+  UpdateChecker checker(QUrl("http://127.0.0.1:9"), "1.0");
+  ui::UpdateSettingsView pane(checker);
+  EXPECT_FALSE(pane.statusRow()->isVisibleTo(&pane));  // idle
+  pane.checkNowButton()->click();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return checker.state().kind == UpdateChecker::State::Kind::failed; }, 5000));
+  EXPECT_TRUE(pane.statusRow()->isVisibleTo(&pane));
+  EXPECT_FALSE(pane.downloadButton()->isVisibleTo(&pane));
+
+  pane.enableToggle()->setChecked(true);
+  EXPECT_EQ(checker.state().kind, UpdateChecker::State::Kind::checking);
+  EXPECT_TRUE(UpdateChecker::isCheckAtLaunchEnabled());
+  ASSERT_TRUE(QTest::qWaitFor([&] { return checker.state().kind != UpdateChecker::State::Kind::checking; }, 5000));
+  pane.enableToggle()->setChecked(false);
+  EXPECT_FALSE(UpdateChecker::isCheckAtLaunchEnabled());
+}
+
+}  // namespace
+}  // namespace quillane::uitest
