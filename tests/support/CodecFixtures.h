@@ -85,6 +85,7 @@ struct HeifOptions {
   int quality = 90;
   bool alpha = true;
   int orientation = 1;  // libheif writes irot/imir for it
+  std::optional<int> exifOrientation{};  // an EXIF block, which readers must not apply again
   int thumbnailSize = 0;  // above 0: a stored thumbnail fitting this box
   const DecodedImage* thumbnailPicture = nullptr;  // what the thumbnail shows; the image if null
 };

@@ -147,6 +147,12 @@ Bytes heic(const DecodedImage& image, const HeifOptions& options) {
               heif_error_Ok,
           "heif_context_encode_image");
   std::unique_ptr<heif_image_handle, CDeleter<heif_image_handle_release>> handle(rawHandle);
+  if (options.exifOrientation) {
+    Bytes exif = exifBlock(*options.exifOrientation);
+    require(heif_context_add_exif_metadata(context.get(), handle.get(), exif.data(), int(exif.size())).code ==
+                heif_error_Ok,
+            "heif_context_add_exif_metadata");
+  }
   if (options.thumbnailSize > 0) {
     HeifImagePtr small = heifPicture(options.thumbnailPicture ? *options.thumbnailPicture : image, options.alpha);
     heif_image_handle* rawThumb = nullptr;
