@@ -2,7 +2,6 @@
 
 #include <QFrame>
 #include <QWidget>
-
 #include <vector>
 
 namespace quillane::ui {
@@ -128,7 +127,8 @@ int BarLayout::arrange(const QRect& rect, bool apply) const {
       for (const Entry* e : line.items) {
         const QSize hint = e->item->sizeHint();
         int& x = e->right ? rightX : leftX;
-        const int h = e->divider ? std::min(hint.height(), line.height) : std::min(line.height, hint.height());
+        const int h =
+            e->divider ? std::min(hint.height(), line.height) : std::min(line.height, hint.height());
         e->item->setGeometry(QRect(x, y + (line.height - h) / 2, hint.width(), h));
         x += hint.width() + gap;
       }
@@ -136,7 +136,8 @@ int BarLayout::arrange(const QRect& rect, bool apply) const {
     y += line.height + gap;
   }
   if (apply)
-    for (const Entry* e : hiddenDividers) e->item->setGeometry(QRect(QPoint(-1000, -1000), e->item->sizeHint()));
+    for (const Entry* e : hiddenDividers)
+      e->item->setGeometry(QRect(QPoint(-1000, -1000), e->item->sizeHint()));
   const int used = y - gap - area.y();
   const QMargins m = contentsMargins();
   return std::max(0, used) + m.top() + m.bottom();

@@ -13,7 +13,6 @@
 #include <QThreadPool>
 #include <QToolButton>
 #include <QVBoxLayout>
-
 #include <string>
 #include <vector>
 
@@ -43,8 +42,8 @@ std::optional<double> fractionAt(double x, double areaWidth) {
 
 QImage toQImage(const DecodedImage& image) {
   if (image.empty() || image.pixels8.size() < image.pixelCount() * 4) return {};
-  const QImage::Format fmt =
-      image.alpha == AlphaInfo::premultiplied ? QImage::Format_RGBA8888_Premultiplied : QImage::Format_RGBA8888;
+  const QImage::Format fmt = image.alpha == AlphaInfo::premultiplied ? QImage::Format_RGBA8888_Premultiplied
+                                                                     : QImage::Format_RGBA8888;
   return QImage(image.pixels8.data(), image.width, image.height, image.width * 4, fmt).copy();
 }
 
@@ -59,8 +58,12 @@ CompressedCaption compressedCaption(const ImportedImage& image) {
       caption.text = formatByteCount(state.sizeBytes) + QStringLiteral(" · ") + caption.change;
       break;
     }
-    case EncodeState::Kind::encoding: caption.text = text("comparison.encoding", "Encodage…"); break;
-    case EncodeState::Kind::idle: caption.text = text("common.dash", "—"); break;
+    case EncodeState::Kind::encoding:
+      caption.text = text("comparison.encoding", "Encodage…");
+      break;
+    case EncodeState::Kind::idle:
+      caption.text = text("common.dash", "—");
+      break;
     case EncodeState::Kind::failed:
       caption.text = state.message;
       caption.changeTone = CompressedCaption::Tone::red;
@@ -71,7 +74,8 @@ CompressedCaption compressedCaption(const ImportedImage& image) {
 
 // ---- SplitCompareWidget ----
 
-SplitCompareWidget::SplitCompareWidget(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image, QWidget* parent)
+SplitCompareWidget::SplitCompareWidget(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
+                                       QWidget* parent)
     : QWidget(parent), viewModel_(viewModel), image_(std::move(image)) {
   thumbnail_ = toQImage(image_->thumbnail());
   area_ = ComparisonGeometry::areaSize(image_->width(), image_->height());
@@ -175,7 +179,8 @@ void SplitCompareWidget::paintBadge(QPainter& painter, const QRectF& area, bool 
   const QFontMetricsF titleMetrics(titleFont), detailMetrics(detailFont);
   const double maxTextWidth = area.width() / 2 - 44;
   detail = detailMetrics.elidedText(detail, Qt::ElideRight, maxTextWidth);
-  const double textWidth = std::max(titleMetrics.horizontalAdvance(title), detailMetrics.horizontalAdvance(detail));
+  const double textWidth =
+      std::max(titleMetrics.horizontalAdvance(title), detailMetrics.horizontalAdvance(detail));
   const QSizeF size(textWidth + 20, titleMetrics.height() + 1 + detailMetrics.height() + 12);
   const QPointF topLeft = original ? QPointF(area.left() + 12, area.bottom() - 12 - size.height())
                                    : QPointF(area.right() - 12 - size.width(), area.top() + 12);
@@ -188,8 +193,10 @@ void SplitCompareWidget::paintBadge(QPainter& painter, const QRectF& area, bool 
   const QRectF inner = badge.adjusted(10, 6, -10, -6);
   painter.setFont(titleFont);
   painter.setPen(Qt::white);
-  painter.drawText(QRectF(inner.left(), inner.top(), inner.width(), titleMetrics.height()), align | Qt::AlignVCenter, title);
-  const QRectF detailRect(inner.left(), inner.top() + titleMetrics.height() + 1, inner.width(), detailMetrics.height());
+  painter.drawText(QRectF(inner.left(), inner.top(), inner.width(), titleMetrics.height()),
+                   align | Qt::AlignVCenter, title);
+  const QRectF detailRect(inner.left(), inner.top() + titleMetrics.height() + 1, inner.width(),
+                          detailMetrics.height());
   painter.setFont(detailFont);
   const QColor soft(255, 255, 255, 204);
   if (original || caption.changeTone == CompressedCaption::Tone::plain) {
@@ -204,14 +211,16 @@ void SplitCompareWidget::paintBadge(QPainter& painter, const QRectF& area, bool 
     const double changeWidth = detailMetrics.horizontalAdvance(caption.change);
     painter.setPen(soft);
     painter.drawText(detailRect.adjusted(0, 0, -changeWidth, 0), Qt::AlignRight | Qt::AlignVCenter, head);
-    painter.setPen(caption.changeTone == CompressedCaption::Tone::green ? QColor(0x4C, 0xD9, 0x64) : QColor(0xFF, 0x9F, 0x0A));
+    painter.setPen(caption.changeTone == CompressedCaption::Tone::green ? QColor(0x4C, 0xD9, 0x64)
+                                                                        : QColor(0xFF, 0x9F, 0x0A));
     painter.drawText(detailRect, Qt::AlignRight | Qt::AlignVCenter, caption.change);
   }
 }
 
 // ---- ImageComparisonView ----
 
-ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image, QWidget* parent)
+ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
+                                         QWidget* parent)
     : QDialog(parent), viewModel_(viewModel), image_(std::move(image)) {
   setWindowModality(Qt::WindowModal);
   setWindowTitle(image_->fileName());
@@ -241,7 +250,8 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
   area_ = new SplitCompareWidget(viewModel_, image_, this);
   layout->addWidget(area_);
 
-  connect(image_.get(), &ImportedImage::compressedDataChanged, this, &ImageComparisonView::loadCompressedPreview);
+  connect(image_.get(), &ImportedImage::compressedDataChanged, this,
+          &ImageComparisonView::loadCompressedPreview);
   loadOriginalPreview();
   loadCompressedPreview();
 }

@@ -10,7 +10,6 @@
 #include <QDialog>
 #include <QImage>
 #include <QSizeF>
-
 #include <memory>
 #include <optional>
 
@@ -41,8 +40,8 @@ std::optional<double> fractionAt(double x, double areaWidth);
 // The text of the result's badge, by encode state.
 struct CompressedCaption {
   enum class Tone { plain, green, orange, red };
-  QString text;    // whole text ("1.2 MB · −40 %", "Encodage…", the failure message)
-  QString change;  // ready only: the part after " · "
+  QString text;                   // whole text ("1.2 MB · −40 %", "Encodage…", the failure message)
+  QString change;                 // ready only: the part after " · "
   Tone changeTone = Tone::plain;  // ready: green or orange; failed: red
 };
 CompressedCaption compressedCaption(const ImportedImage& image);
@@ -51,7 +50,8 @@ CompressedCaption compressedCaption(const ImportedImage& image);
 class SplitCompareWidget : public QWidget {
   Q_OBJECT
  public:
-  SplitCompareWidget(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image, QWidget* parent = nullptr);
+  SplitCompareWidget(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
+                     QWidget* parent = nullptr);
 
   double sliderFraction() const { return fraction_; }
   void setSliderFraction(double fraction);
@@ -82,7 +82,8 @@ class SplitCompareWidget : public QWidget {
 class ImageComparisonView : public QDialog {
   Q_OBJECT
  public:
-  ImageComparisonView(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image, QWidget* parent = nullptr);
+  ImageComparisonView(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
+                      QWidget* parent = nullptr);
 
   SplitCompareWidget* area() const { return area_; }
   // Waits for the preview decodes to arrive (tests and screenshots).

@@ -20,7 +20,8 @@
 
 namespace quillane::ui {
 
-ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent) : QWidget(parent), viewModel_(viewModel) {
+ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
+    : QWidget(parent), viewModel_(viewModel) {
   auto* layout = new BarLayout(this);
   layout->setContentsMargins(12, 8, 12, 8);
   layout->setSpacing(10);
@@ -71,10 +72,12 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent) : QWidget(p
   connect(clearAll_, &QPushButton::clicked, this, [this] { viewModel_.clearAll(); });
   layout->addBarWidget(clearAll_);
 
-  export_ = new QPushButton(Icons::tinted("square.and.arrow.down", palette().color(QPalette::HighlightedText)),
-                            text("menu.exportAll", "Tout exporter…"), this);
+  export_ =
+      new QPushButton(Icons::tinted("square.and.arrow.down", palette().color(QPalette::HighlightedText)),
+                      text("menu.exportAll", "Tout exporter…"), this);
   makeProminent(export_);
-  export_->setToolTip(text("controls.exportAllHelp", "Enregistrer toutes les images compressées dans un dossier"));
+  export_->setToolTip(
+      text("controls.exportAllHelp", "Enregistrer toutes les images compressées dans un dossier"));
   connect(export_, &QPushButton::clicked, this, [this] { viewModel_.promptExportAll(); });
   layout->addBarWidget(export_);
 
@@ -98,7 +101,8 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent) : QWidget(p
 
 void ControlsBar::watchImages() {
   for (const auto& image : viewModel_.images())
-    connect(image.get(), &ImportedImage::encodeStateChanged, this, &ControlsBar::refreshProgress, Qt::UniqueConnection);
+    connect(image.get(), &ImportedImage::encodeStateChanged, this, &ControlsBar::refreshProgress,
+            Qt::UniqueConnection);
 }
 
 void ControlsBar::refresh() {
@@ -112,7 +116,8 @@ void ControlsBar::refresh() {
   progressGroup_->setVisible(viewModel_.isEncoding());
   clearAll_->setVisible(hasImages);
   export_->setVisible(hasImages);
-  export_->setEnabled(RowRules::canExportAll(viewModel_.isEncoding(), viewModel_.hasPendingRecompute(), hasImages));
+  export_->setEnabled(
+      RowRules::canExportAll(viewModel_.isEncoding(), viewModel_.hasPendingRecompute(), hasImages));
   const bool hasHistory = !viewModel_.exportHistory().empty();
   history_->setVisible(hasHistory);
   // The popover goes with its button.

@@ -7,7 +7,6 @@
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QStandardPaths>
-
 #include <string>
 
 #include "ui/UiText.h"
@@ -21,7 +20,8 @@ QString lastFolder() {
 }
 
 QString imageFilter() {
-  return QStringLiteral("Images (*.png *.jpg *.jpeg *.heic *.heif *.avif *.webp *.jxl *.gif *.tif *.tiff *.bmp);;* (*)");
+  return QStringLiteral(
+      "Images (*.png *.jpg *.jpeg *.heic *.heif *.avif *.webp *.jxl *.gif *.tif *.tiff *.bmp);;* (*)");
 }
 
 }  // namespace
@@ -34,8 +34,8 @@ QList<QUrl> DesktopPanels::chooseFilesToImport() {
   return dialog.selectedUrls();
 }
 
-std::optional<QUrl> DesktopPanels::chooseExportFolder(const std::optional<QUrl>& startFolder, const QString& prompt,
-                                                      const QString& message) {
+std::optional<QUrl> DesktopPanels::chooseExportFolder(const std::optional<QUrl>& startFolder,
+                                                      const QString& prompt, const QString& message) {
   QFileDialog dialog(window_, message, startFolder ? startFolder->toLocalFile() : lastFolder());
   dialog.setFileMode(QFileDialog::Directory);
   dialog.setOption(QFileDialog::ShowDirsOnly, true);
@@ -66,10 +66,9 @@ std::optional<QUrl> DesktopPanels::chooseFolder(const std::optional<QUrl>& start
 }
 
 void DesktopPanels::showInFileManager(const QUrl& file) {
-  QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.FileManager1"),
-                                                     QStringLiteral("/org/freedesktop/FileManager1"),
-                                                     QStringLiteral("org.freedesktop.FileManager1"),
-                                                     QStringLiteral("ShowItems"));
+  QDBusMessage call = QDBusMessage::createMethodCall(
+      QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
+      QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
   call << QStringList{file.toString(QUrl::FullyEncoded)} << QString();
   const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 3000);
   if (reply.type() == QDBusMessage::ReplyMessage) return;

@@ -8,7 +8,6 @@
 
 #include <QPointer>
 #include <QWidget>
-
 #include <optional>
 
 #include "batch/BatchViewModel.h"

@@ -58,7 +58,8 @@ DropTargetView::DropTargetView(BatchViewModel& viewModel, std::function<void()> 
 }
 
 void DropTargetView::refreshIcon() {
-  picture_->setPixmap(Icons::pixmap("photo.on.rectangle.angled", 48, Icons::secondaryColor(palette()), devicePixelRatioF()));
+  picture_->setPixmap(
+      Icons::pixmap("photo.on.rectangle.angled", 48, Icons::secondaryColor(palette()), devicePixelRatioF()));
 }
 
 void DropTargetView::changeEvent(QEvent* event) {
@@ -98,9 +99,10 @@ void DropTargetView::dragLeaveEvent(QDragLeaveEvent* event) {
 void DropTargetView::dropEvent(QDropEvent* event) {
   setTargeted(false);
   QPointer<BatchViewModel> model(&viewModel_);
-  const bool accepted = FileDropHandler::handle(FileDropHandler::providers(*event->mimeData()), [model](QList<QUrl> urls) {
-    if (model) model->importFiles(urls);
-  });
+  const bool accepted =
+      FileDropHandler::handle(FileDropHandler::providers(*event->mimeData()), [model](QList<QUrl> urls) {
+        if (model) model->importFiles(urls);
+      });
   if (accepted) {
     event->setDropAction(Qt::CopyAction);
     event->accept();

@@ -6,7 +6,6 @@
 // GUI thread only.
 
 #include <QWidget>
-
 #include <functional>
 
 class QLabel;

@@ -13,7 +13,6 @@
 #include <QSlider>
 #include <QToolButton>
 #include <QVBoxLayout>
-
 #include <string>
 
 #include "batch/BatchViewModel.h"
@@ -25,12 +24,14 @@
 
 namespace quillane::ui {
 namespace {
-QString formatLabel(ImageFormat format) { return QString::fromUtf8(std::string(ImageFormats::label(format))); }
+QString formatLabel(ImageFormat format) {
+  return QString::fromUtf8(std::string(ImageFormats::label(format)));
+}
 }  // namespace
 
 QString ExportProfilesSettingsView::subtitle(const ExportProfile& profile) {
-  QString result = formatLabel(profile.format) + QStringLiteral(" · ") + QString::number(int(profile.quality)) +
-                   QLatin1Char('%');
+  QString result = formatLabel(profile.format) + QStringLiteral(" · ") +
+                   QString::number(int(profile.quality)) + QLatin1Char('%');
   if (profile.destinationFolder && !profile.destinationFolder->isEmpty())
     result += QStringLiteral(" — ") + QDir::toNativeSeparators(*profile.destinationFolder);
   return result;
@@ -114,7 +115,8 @@ ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel
   layout->addWidget(form_);
   layout->addStretch(1);
 
-  connect(&viewModel_, &BatchViewModel::exportProfilesChanged, this, &ExportProfilesSettingsView::rebuildList);
+  connect(&viewModel_, &BatchViewModel::exportProfilesChanged, this,
+          &ExportProfilesSettingsView::rebuildList);
   rebuildList();
   resetForm();
 }
@@ -142,8 +144,9 @@ void ExportProfilesSettingsView::startEditing(const ExportProfile& profile) {
   name_->setText(profile.name);
   newFormat_ = profile.format;
   setNewQuality(profile.quality);
-  newFolder_ = profile.destinationFolder ? std::optional<QUrl>(QUrl::fromLocalFile(*profile.destinationFolder))
-                                         : std::nullopt;
+  newFolder_ = profile.destinationFolder
+                   ? std::optional<QUrl>(QUrl::fromLocalFile(*profile.destinationFolder))
+                   : std::nullopt;
   isDefault_->setChecked(profile.isDefault);
   refreshForm();
 }
@@ -188,7 +191,8 @@ void ExportProfilesSettingsView::refreshForm() {
   form_->setTitle(editing ? text("settings.profiles.editSection", "Modifier le profil")
                           : text("settings.profiles.addSection", "Nouveau profil"));
   formatButton_->setText(formatLabel(newFormat_));
-  for (QAction* action : formatMenu_->actions()) action->setChecked(action->data().toInt() == int(newFormat_));
+  for (QAction* action : formatMenu_->actions())
+    action->setChecked(action->data().toInt() == int(newFormat_));
   qualityReadout_->setText(QString::number(int(newQuality_)));
   folderLabel_->setText(newFolder_ ? QDir::toNativeSeparators(newFolder_->toLocalFile())
                                    : text("settings.profiles.folderNone", "Aucun"));
@@ -220,7 +224,8 @@ void ExportProfilesSettingsView::rebuildList() {
     if (profile.isDefault) {
       auto* badge = new QLabel(text("settings.profiles.defaultBadge", "Par défaut"), row);
       badge->setObjectName(QStringLiteral("defaultBadge"));
-      badge->setStyleSheet(QStringLiteral("QLabel { border: 1px solid palette(mid); border-radius: 4px; padding: 0px 5px; }"));
+      badge->setStyleSheet(
+          QStringLiteral("QLabel { border: 1px solid palette(mid); border-radius: 4px; padding: 0px 5px; }"));
       badge->setFont(makeNote(QString(), row)->font());
       first->addWidget(badge, 0);
     }

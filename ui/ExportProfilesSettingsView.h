@@ -8,7 +8,6 @@
 #include <QUrl>
 #include <QUuid>
 #include <QWidget>
-
 #include <functional>
 #include <optional>
 
@@ -35,7 +34,8 @@ class ExportProfilesSettingsView : public QWidget {
  public:
   using FolderChooser = std::function<std::optional<QUrl>(const std::optional<QUrl>& start)>;
 
-  ExportProfilesSettingsView(BatchViewModel& viewModel, FolderChooser chooseFolder, QWidget* parent = nullptr);
+  ExportProfilesSettingsView(BatchViewModel& viewModel, FolderChooser chooseFolder,
+                             QWidget* parent = nullptr);
 
   // "WebP · 80%", and " — /path" with a folder.
   static QString subtitle(const ExportProfile& profile);

@@ -3,7 +3,6 @@
 #include <QCoreApplication>
 #include <QMetaObject>
 #include <QMimeData>
-
 #include <mutex>
 #include <optional>
 

@@ -8,7 +8,6 @@
 #include <QList>
 #include <QUrl>
 #include <QVariant>
-
 #include <functional>
 #include <memory>
 #include <vector>

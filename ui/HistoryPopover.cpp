@@ -103,8 +103,10 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
   first->addWidget(name, 0);
   if (superseded) {
     auto* warning = new QLabel(row);
-    warning->setPixmap(Icons::pixmap("exclamationmark.triangle", 12, Icons::orangeColor(), devicePixelRatioF()));
-    warning->setToolTip(text("history.supersededWarningHelp", "Une exportation plus récente a remplacé ce fichier"));
+    warning->setPixmap(
+        Icons::pixmap("exclamationmark.triangle", 12, Icons::orangeColor(), devicePixelRatioF()));
+    warning->setToolTip(
+        text("history.supersededWarningHelp", "Une exportation plus récente a remplacé ce fichier"));
     first->addWidget(warning);
   }
   auto* time = new QLabel(QLocale().toString(record.date.toLocalTime().time(), QLocale::ShortFormat), row);
@@ -130,16 +132,18 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
   show->setAutoRaise(true);
   show->setIcon(Icons::icon("folder"));
   show->setEnabled(!superseded);
-  show->setToolTip(superseded ? text("history.supersededNothingHelp", "Une exportation plus récente a remplacé ce fichier")
-                              : text("history.showInFinderHelp", "Afficher le fichier"));
+  show->setToolTip(
+      superseded ? text("history.supersededNothingHelp", "Une exportation plus récente a remplacé ce fichier")
+                 : text("history.showInFinderHelp", "Afficher le fichier"));
   show->setObjectName(QStringLiteral("showButton"));
   const ExportRecord copy = record;
   connect(show, &QToolButton::clicked, this, [this, copy] { viewModel_.showInFileManager(copy); });
   auto* undo = new QToolButton(row);
   undo->setAutoRaise(true);
   undo->setIcon(Icons::icon("arrow.uturn.backward"));
-  undo->setToolTip(superseded ? text("history.supersededUndoHelp", "Annuler retire seulement cette entrée")
-                              : text("history.undoHelp", "Annuler cette exportation et supprimer le fichier"));
+  undo->setToolTip(superseded
+                       ? text("history.supersededUndoHelp", "Annuler retire seulement cette entrée")
+                       : text("history.undoHelp", "Annuler cette exportation et supprimer le fichier"));
   undo->setObjectName(QStringLiteral("undoButton"));
   connect(undo, &QToolButton::clicked, this, [this, copy] { viewModel_.undoExport(copy); });
   layout->addWidget(show);

@@ -56,8 +56,8 @@ class SymbolIconEngine : public QIconEngine {
     const qreal dpr = painter->device() ? painter->device()->devicePixelRatioF() : 1.0;
     const int side = std::min(rect.width(), rect.height());
     const QPixmap pm = Icons::pixmap(symbol_, side, colorFor(mode), dpr, cutoutColor());
-    painter->drawPixmap(QRect(rect.x() + (rect.width() - side) / 2, rect.y() + (rect.height() - side) / 2, side, side),
-                        pm);
+    painter->drawPixmap(
+        QRect(rect.x() + (rect.width() - side) / 2, rect.y() + (rect.height() - side) / 2, side, side), pm);
   }
 
   QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State state) override {
@@ -65,7 +65,8 @@ class SymbolIconEngine : public QIconEngine {
   }
 
   QPixmap scaledPixmap(const QSize& size, QIcon::Mode mode, QIcon::State state, qreal scale) override {
-    return Icons::pixmap(symbol_, std::min(size.width(), size.height()), colorFor(mode), scale, cutoutColor());
+    return Icons::pixmap(symbol_, std::min(size.width(), size.height()), colorFor(mode), scale,
+                         cutoutColor());
   }
 
   QIconEngine* clone() const override { return new SymbolIconEngine(symbol_, fixed_); }
@@ -89,9 +90,11 @@ class SymbolIconEngine : public QIconEngine {
 
 bool hasSymbol(const QString& symbol) { return !svgSource(symbol).isEmpty(); }
 
-QPixmap pixmap(const QString& symbol, int size, const QColor& color, qreal devicePixelRatio, const QColor& cutout) {
+QPixmap pixmap(const QString& symbol, int size, const QColor& color, qreal devicePixelRatio,
+               const QColor& cutout) {
   const int device = std::max(1, qRound(size * devicePixelRatio));
-  const QString key = QStringLiteral("qsym:%1:%2:%3:%4").arg(symbol).arg(device).arg(color.rgba()).arg(cutout.rgba());
+  const QString key =
+      QStringLiteral("qsym:%1:%2:%3:%4").arg(symbol).arg(device).arg(color.rgba()).arg(cutout.rgba());
   QPixmap cached;
   if (QPixmapCache::find(key, &cached)) return cached;
 
@@ -116,14 +119,16 @@ QPixmap pixmap(const QString& symbol, int size, const QColor& color, qreal devic
 
 QIcon icon(const QString& symbol) {
   const auto it = themeNames().find(symbol);
-  if (it != themeNames().end() && !QIcon::themeName().isEmpty() && QIcon::themeName() != QLatin1String("hicolor") &&
-      QIcon::hasThemeIcon(it.value())) {
+  if (it != themeNames().end() && !QIcon::themeName().isEmpty() &&
+      QIcon::themeName() != QLatin1String("hicolor") && QIcon::hasThemeIcon(it.value())) {
     return QIcon::fromTheme(it.value());
   }
   return QIcon(new SymbolIconEngine(symbol, QColor()));
 }
 
-QIcon tinted(const QString& symbol, const QColor& color) { return QIcon(new SymbolIconEngine(symbol, color)); }
+QIcon tinted(const QString& symbol, const QColor& color) {
+  return QIcon(new SymbolIconEngine(symbol, color));
+}
 
 QIcon applicationIcon() {
   if (QIcon::hasThemeIcon(QStringLiteral("quillane"))) return QIcon::fromTheme(QStringLiteral("quillane"));
@@ -143,8 +148,12 @@ QColor orangeColor() { return QColor(0xF0, 0x8A, 0x24); }
 
 static bool isDark(const QPalette& palette) { return palette.color(QPalette::Window).lightness() < 128; }
 
-QColor greenColor(const QPalette& palette) { return isDark(palette) ? QColor(0x4C, 0xC7, 0x6A) : QColor(0x1E, 0x8E, 0x3E); }
+QColor greenColor(const QPalette& palette) {
+  return isDark(palette) ? QColor(0x4C, 0xC7, 0x6A) : QColor(0x1E, 0x8E, 0x3E);
+}
 
-QColor redColor(const QPalette& palette) { return isDark(palette) ? QColor(0xFF, 0x6B, 0x60) : QColor(0xD0, 0x2B, 0x20); }
+QColor redColor(const QPalette& palette) {
+  return isDark(palette) ? QColor(0xFF, 0x6B, 0x60) : QColor(0xD0, 0x2B, 0x20);
+}
 
 }  // namespace quillane::ui::Icons

@@ -3,7 +3,6 @@
 #include <QImage>
 #include <QPainter>
 #include <QPainterPath>
-
 #include <algorithm>
 #include <set>
 
@@ -107,7 +106,8 @@ void ImageListModel::onImagesChanged() {
   }
 
   const int offset = imageRowOffset();
-  const bool appended = ids.size() > shownIDs_.size() && std::equal(shownIDs_.begin(), shownIDs_.end(), ids.begin());
+  const bool appended =
+      ids.size() > shownIDs_.size() && std::equal(shownIDs_.begin(), shownIDs_.end(), ids.begin());
   int removedAt = -1;
   if (ids.size() + 1 == shownIDs_.size()) {
     size_t i = 0;
@@ -157,8 +157,8 @@ QPixmap ImageListModel::thumbnail(const ImportedImage& image, int side, qreal de
   clip.addRoundedRect(QRectF(0, 0, device, device), radius, radius);
   painter.setClipPath(clip);
   if (!thumb.empty() && thumb.pixels8.size() >= thumb.pixelCount() * 4) {
-    const QImage::Format fmt =
-        thumb.alpha == AlphaInfo::premultiplied ? QImage::Format_RGBA8888_Premultiplied : QImage::Format_RGBA8888;
+    const QImage::Format fmt = thumb.alpha == AlphaInfo::premultiplied ? QImage::Format_RGBA8888_Premultiplied
+                                                                       : QImage::Format_RGBA8888;
     const QImage source(thumb.pixels8.data(), thumb.width, thumb.height, thumb.width * 4, fmt);
     // Fill the square: crop the longer side around the centre.
     const int s = std::min(thumb.width, thumb.height);

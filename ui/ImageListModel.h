@@ -11,7 +11,6 @@
 #include <QHash>
 #include <QPixmap>
 #include <QUuid>
-
 #include <memory>
 #include <vector>
 

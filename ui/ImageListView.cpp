@@ -65,14 +65,18 @@ void ImageListView::activate(const QModelIndex& index, RowHit part) {
     const ImportFailure* failure = model_->failureAt(index.row());
     if (!failure) return;
     const ImportFailure copy = *failure;
-    if (part == RowHit::failureRetry) viewModel_.retryImport(copy);
-    else viewModel_.dismissImportFailure(copy.id);
+    if (part == RowHit::failureRetry)
+      viewModel_.retryImport(copy);
+    else
+      viewModel_.dismissImportFailure(copy.id);
     return;
   }
   auto image = model_->imageAt(index.row());
   if (!image) return;
   switch (part) {
-    case RowHit::thumbnail: emit comparisonRequested(image); break;
+    case RowHit::thumbnail:
+      emit comparisonRequested(image);
+      break;
     case RowHit::quality: {
       const QRect r = delegate_->partRect(visualRect(index), index, RowHit::quality);
       emit qualityOverrideRequested(image, QRect(viewport()->mapToGlobal(r.topLeft()), r.size()));
@@ -83,20 +87,30 @@ void ImageListView::activate(const QModelIndex& index, RowHit part) {
       if (image->lastExportDestination() && image->compressedData())
         viewModel_.writeExport(image, *image->compressedData(), *image->lastExportDestination());
       break;
-    case RowHit::exportButton: emit exportSingleRequested(image); break;
-    case RowHit::remove: viewModel_.removeImage(image); break;
-    case RowHit::summaryRetry: viewModel_.scheduleEncode(image, false); break;
-    default: break;
+    case RowHit::exportButton:
+      emit exportSingleRequested(image);
+      break;
+    case RowHit::remove:
+      viewModel_.removeImage(image);
+      break;
+    case RowHit::summaryRetry:
+      viewModel_.scheduleEncode(image, false);
+      break;
+    default:
+      break;
   }
 }
 
 void ImageListView::updateHover(const QPoint& pos) {
   auto [index, part] = partAt(pos);
-  const bool pointing = part == RowHit::thumbnail || part == RowHit::summaryRetry || part == RowHit::failureRetry;
+  const bool pointing =
+      part == RowHit::thumbnail || part == RowHit::summaryRetry || part == RowHit::failureRetry;
   // The pointing hand is set while over a clickable picture or link and always taken back
   // when the pointer leaves it, so that a row removed under the pointer leaves nothing.
-  if (pointing) viewport()->setCursor(Qt::PointingHandCursor);
-  else viewport()->unsetCursor();
+  if (pointing)
+    viewport()->setCursor(Qt::PointingHandCursor);
+  else
+    viewport()->unsetCursor();
   delegate_->setHover(index, part);
   viewport()->update();
 }
@@ -106,8 +120,11 @@ bool ImageListView::viewportEvent(QEvent* event) {
     auto* help = static_cast<QHelpEvent*>(event);
     auto [index, part] = partAt(help->pos());
     const QString tip = index.isValid() ? delegate_->helpText(index, part) : QString();
-    if (tip.isEmpty()) QToolTip::hideText();
-    else QToolTip::showText(help->globalPos(), tip, viewport(), delegate_->partRect(visualRect(index), index, part));
+    if (tip.isEmpty())
+      QToolTip::hideText();
+    else
+      QToolTip::showText(help->globalPos(), tip, viewport(),
+                         delegate_->partRect(visualRect(index), index, part));
     return true;
   }
   return QListView::viewportEvent(event);
@@ -177,7 +194,8 @@ void ImageListView::startRowDrag(const QModelIndex& index) {
     option.rect = QRect(QPoint(0, 0), rect.size());
     delegate_->paint(&painter, option, index);
   }
-  drag->setPixmap(preview.scaledToWidth(std::min(rect.width(), 360) * devicePixelRatioF(), Qt::SmoothTransformation));
+  drag->setPixmap(
+      preview.scaledToWidth(std::min(rect.width(), 360) * devicePixelRatioF(), Qt::SmoothTransformation));
   drag->setHotSpot(QPoint(20, rect.height() / 2));
   drag->exec(Qt::MoveAction);
   dropIndicatorY_ = -1;
@@ -241,7 +259,8 @@ void ImageListView::dropEvent(QDropEvent* event) {
   if (mime->hasFormat(rowMimeType)) {
     const QUuid id(QString::fromLatin1(mime->data(rowMimeType)));
     const ImageList& images = viewModel_.images();
-    const auto it = std::find_if(images.begin(), images.end(), [&](const auto& image) { return image->id() == id; });
+    const auto it =
+        std::find_if(images.begin(), images.end(), [&](const auto& image) { return image->id() == id; });
     if (it != images.end()) {
       const int from = int(it - images.begin());
       int to = insertionIndex(event->position().toPoint());

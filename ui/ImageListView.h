@@ -10,7 +10,6 @@
 #include <QListView>
 #include <QPersistentModelIndex>
 #include <QTimer>
-
 #include <memory>
 
 #include "ui/ImageRowDelegate.h"

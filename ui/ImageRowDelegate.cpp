@@ -17,19 +17,27 @@ constexpr int kIconSize = 16;
 
 QFont smallFont(const QFont& base) {
   QFont font = base;
-  if (base.pointSizeF() > 0) font.setPointSizeF(std::max(8.0, base.pointSizeF() * 0.86));
-  else font.setPixelSize(std::max(10, int(base.pixelSize() * 0.86)));
+  if (base.pointSizeF() > 0)
+    font.setPointSizeF(std::max(8.0, base.pointSizeF() * 0.86));
+  else
+    font.setPixelSize(std::max(10, int(base.pixelSize() * 0.86)));
   return font;
 }
 
 QColor toneColor(RowRules::Tone tone, const QPalette& palette) {
   switch (tone) {
-    case RowRules::Tone::primary: return palette.color(QPalette::Text);
-    case RowRules::Tone::secondary: return Icons::secondaryColor(palette);
-    case RowRules::Tone::green: return Icons::greenColor(palette);
-    case RowRules::Tone::orange: return Icons::orangeColor();
-    case RowRules::Tone::red: return Icons::redColor(palette);
-    case RowRules::Tone::link: return palette.color(QPalette::Link);
+    case RowRules::Tone::primary:
+      return palette.color(QPalette::Text);
+    case RowRules::Tone::secondary:
+      return Icons::secondaryColor(palette);
+    case RowRules::Tone::green:
+      return Icons::greenColor(palette);
+    case RowRules::Tone::orange:
+      return Icons::orangeColor();
+    case RowRules::Tone::red:
+      return Icons::redColor(palette);
+    case RowRules::Tone::link:
+      return palette.color(QPalette::Link);
   }
   return palette.color(QPalette::Text);
 }
@@ -40,7 +48,8 @@ struct ImageRowDelegate::Geometry {
   QRect failIcon, failRetry, failDismiss;
 };
 
-ImageRowDelegate::ImageRowDelegate(ImageListModel& model, QObject* parent) : QStyledItemDelegate(parent), model_(model) {}
+ImageRowDelegate::ImageRowDelegate(ImageListModel& model, QObject* parent)
+    : QStyledItemDelegate(parent), model_(model) {}
 
 QSize ImageRowDelegate::sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const {
   const auto kind = model_.kind(index.row());
@@ -64,7 +73,8 @@ ImageRowDelegate::Geometry ImageRowDelegate::geometry(const QRect& r, const QMod
   if (model_.kind(index.row()) == ImageListModel::RowKind::failure) {
     g.failDismiss = takeButton(8);
     const QFont small = smallFont(QApplication::font());
-    const int retryWidth = QFontMetrics(QApplication::font()).horizontalAdvance(text("common.retry", "Réessayer")) + 8;
+    const int retryWidth =
+        QFontMetrics(QApplication::font()).horizontalAdvance(text("common.retry", "Réessayer")) + 8;
     g.failRetry = QRect(right - retryWidth, cy - 11, retryWidth, 22);
     g.failIcon = QRect(r.left() + kPadding + 13, cy - 9, 18, 18);
     const int left = g.failIcon.right() + 13;
@@ -103,7 +113,8 @@ ImageRowDelegate::Geometry ImageRowDelegate::geometry(const QRect& r, const QMod
   if (image && image->frameCount() > 1) {
     const QFontMetrics fm(QApplication::font());
     const int badgeSide = 14;
-    const int nameWidth = std::min(fm.horizontalAdvance(image->fileName()), std::max(0, textWidth - badgeSide - 4));
+    const int nameWidth =
+        std::min(fm.horizontalAdvance(image->fileName()), std::max(0, textWidth - badgeSide - 4));
     g.badge = QRect(left + nameWidth + 4, g.name.center().y() - badgeSide / 2 + 1, badgeSide, badgeSide);
     g.name.setWidth(nameWidth);
   }
@@ -113,17 +124,28 @@ ImageRowDelegate::Geometry ImageRowDelegate::geometry(const QRect& r, const QMod
 QRect ImageRowDelegate::partRect(const QRect& rowRect, const QModelIndex& index, RowHit part) const {
   const Geometry g = geometry(rowRect, index);
   switch (part) {
-    case RowHit::thumbnail: return g.thumb.united(g.compressed);
-    case RowHit::animatedBadge: return g.badge;
-    case RowHit::summary: return g.summary;
-    case RowHit::summaryRetry: return g.summarySecond;
-    case RowHit::quality: return g.quality;
-    case RowHit::warning: return g.warning;
-    case RowHit::exportButton: return g.exportButton;
-    case RowHit::remove: return g.remove;
-    case RowHit::failureRetry: return g.failRetry;
-    case RowHit::failureDismiss: return g.failDismiss;
-    case RowHit::none: break;
+    case RowHit::thumbnail:
+      return g.thumb.united(g.compressed);
+    case RowHit::animatedBadge:
+      return g.badge;
+    case RowHit::summary:
+      return g.summary;
+    case RowHit::summaryRetry:
+      return g.summarySecond;
+    case RowHit::quality:
+      return g.quality;
+    case RowHit::warning:
+      return g.warning;
+    case RowHit::exportButton:
+      return g.exportButton;
+    case RowHit::remove:
+      return g.remove;
+    case RowHit::failureRetry:
+      return g.failRetry;
+    case RowHit::failureDismiss:
+      return g.failDismiss;
+    case RowHit::none:
+      break;
   }
   return {};
 }
@@ -164,27 +186,41 @@ QString ImageRowDelegate::helpText(const QModelIndex& index, RowHit part) const 
   auto image = model_.imageAt(index.row());
   if (!image) return {};
   switch (part) {
-    case RowHit::thumbnail: return text("row.comparisonHelp", "Comparer l'original et l'image compressée");
-    case RowHit::animatedBadge: return RowRules::animatedHelp(*image, output);
+    case RowHit::thumbnail:
+      return text("row.comparisonHelp", "Comparer l'original et l'image compressée");
+    case RowHit::animatedBadge:
+      return RowRules::animatedHelp(*image, output);
     case RowHit::summary:
-    case RowHit::summaryRetry: return RowRules::sizeSummary(*image, output).help;
-    case RowHit::quality: return RowRules::qualityHelp(*image, output);
+    case RowHit::summaryRetry:
+      return RowRules::sizeSummary(*image, output).help;
+    case RowHit::quality:
+      return RowRules::qualityHelp(*image, output);
     case RowHit::warning:
       return format("row.exportErrorHelpFormat", "L'exportation a échoué : %@. Cliquez pour réessayer.",
                     {image->exportError().value_or(QString())});
-    case RowHit::exportButton: return text("row.exportHelp", "Exporter cette image");
-    case RowHit::remove: return text("row.removeHelp", "Retirer de la liste");
-    default: return {};
+    case RowHit::exportButton:
+      return text("row.exportHelp", "Exporter cette image");
+    case RowHit::remove:
+      return text("row.removeHelp", "Retirer de la liste");
+    default:
+      return {};
   }
 }
 
-void ImageRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const {
+void ImageRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option,
+                             const QModelIndex& index) const {
   painter->save();
   painter->setRenderHint(QPainter::Antialiasing);
   switch (model_.kind(index.row())) {
-    case ImageListModel::RowKind::failuresHeader: paintHeader(painter, option); break;
-    case ImageListModel::RowKind::failure: paintFailureRow(painter, option, index); break;
-    case ImageListModel::RowKind::image: paintImageRow(painter, option, index); break;
+    case ImageListModel::RowKind::failuresHeader:
+      paintHeader(painter, option);
+      break;
+    case ImageListModel::RowKind::failure:
+      paintFailureRow(painter, option, index);
+      break;
+    case ImageListModel::RowKind::image:
+      paintImageRow(painter, option, index);
+      break;
   }
   // A hairline between rows, inset like the platform's lists.
   QColor line = option.palette.color(QPalette::Text);
@@ -206,8 +242,9 @@ void ImageRowDelegate::paintHeader(QPainter* painter, const QStyleOptionViewItem
                                                   Qt::ElideRight, r.width()));
 }
 
-void ImageRowDelegate::paintButton(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index,
-                                   RowHit part, const QRect& rect, const QString& symbol, const QColor& color) const {
+void ImageRowDelegate::paintButton(QPainter* painter, const QStyleOptionViewItem& option,
+                                   const QModelIndex& index, RowHit part, const QRect& rect,
+                                   const QString& symbol, const QColor& color) const {
   const bool enabled = isEnabled(index, part);
   const bool hovered = enabled && hoverIndex_ == index && hoverPart_ == part;
   const bool pressed = hovered && pressIndex_ == index && pressPart_ == part;
@@ -219,7 +256,8 @@ void ImageRowDelegate::paintButton(QPainter* painter, const QStyleOptionViewItem
     painter->drawRoundedRect(rect, 5, 5);
   }
   const QColor ink = enabled ? color : option.palette.color(QPalette::Disabled, QPalette::Text);
-  const QRect iconRect(rect.center().x() - kIconSize / 2 + 1, rect.center().y() - kIconSize / 2 + 1, kIconSize, kIconSize);
+  const QRect iconRect(rect.center().x() - kIconSize / 2 + 1, rect.center().y() - kIconSize / 2 + 1,
+                       kIconSize, kIconSize);
   painter->drawPixmap(iconRect, Icons::pixmap(symbol, kIconSize, ink, painter->device()->devicePixelRatioF(),
                                               option.palette.color(QPalette::Base)));
 }
@@ -264,14 +302,17 @@ void ImageRowDelegate::paintImageRow(QPainter* painter, const QStyleOptionViewIt
   painter->setFont(option.font);
   painter->setPen(palette.color(QPalette::Text));
   const QFontMetrics fm(option.font);
-  painter->drawText(g.name, Qt::AlignLeft | Qt::AlignVCenter, fm.elidedText(image->fileName(), Qt::ElideMiddle, g.name.width()));
+  painter->drawText(g.name, Qt::AlignLeft | Qt::AlignVCenter,
+                    fm.elidedText(image->fileName(), Qt::ElideMiddle, g.name.width()));
   if (!g.badge.isEmpty())
-    painter->drawPixmap(g.badge, Icons::pixmap("square.stack.3d.forward.dottedline", g.badge.width(), secondary, dpr));
+    painter->drawPixmap(g.badge,
+                        Icons::pixmap("square.stack.3d.forward.dottedline", g.badge.width(), secondary, dpr));
   const QFont small = smallFont(option.font);
   painter->setFont(small);
   painter->setPen(secondary);
-  painter->drawText(g.meta, Qt::AlignLeft | Qt::AlignVCenter,
-                    QFontMetrics(small).elidedText(RowRules::metaText(*image), Qt::ElideRight, g.meta.width()));
+  painter->drawText(
+      g.meta, Qt::AlignLeft | Qt::AlignVCenter,
+      QFontMetrics(small).elidedText(RowRules::metaText(*image), Qt::ElideRight, g.meta.width()));
 
   // Size summary.
   const RowRules::SizeSummary summary = RowRules::sizeSummary(*image, output);
@@ -282,22 +323,26 @@ void ImageRowDelegate::paintImageRow(QPainter* painter, const QStyleOptionViewIt
       painter->drawText(g.summary, Qt::AlignRight | Qt::AlignVCenter, summary.firstLine);
       break;
     case RowRules::SizeSummary::Kind::spinner:
-      paintSpinner(painter, QRect(g.summary.right() - 18, g.summary.center().y() - 9, 18, 18), palette.color(QPalette::Text));
+      paintSpinner(painter, QRect(g.summary.right() - 18, g.summary.center().y() - 9, 18, 18),
+                   palette.color(QPalette::Text));
       break;
     case RowRules::SizeSummary::Kind::lines: {
       QFont first = image->encodeState().isFailed() ? small : option.font;
       if (!image->encodeState().isFailed()) first.setStyleHint(QFont::Monospace, QFont::PreferDefault);
       painter->setFont(first);
       painter->setPen(toneColor(summary.firstTone, palette));
-      painter->drawText(g.summaryFirst, Qt::AlignRight | Qt::AlignVCenter,
-                        QFontMetrics(first).elidedText(summary.firstLine, Qt::ElideLeft, g.summaryFirst.width()));
+      painter->drawText(
+          g.summaryFirst, Qt::AlignRight | Qt::AlignVCenter,
+          QFontMetrics(first).elidedText(summary.firstLine, Qt::ElideLeft, g.summaryFirst.width()));
       QFont second = small;
-      const bool linkHovered = summary.secondIsRetry && hoverIndex_ == index && hoverPart_ == RowHit::summaryRetry;
+      const bool linkHovered =
+          summary.secondIsRetry && hoverIndex_ == index && hoverPart_ == RowHit::summaryRetry;
       second.setUnderline(linkHovered);
       painter->setFont(second);
       painter->setPen(toneColor(summary.secondTone, palette));
-      painter->drawText(g.summarySecond, Qt::AlignRight | Qt::AlignVCenter,
-                        QFontMetrics(second).elidedText(summary.secondLine, Qt::ElideRight, g.summarySecond.width()));
+      painter->drawText(
+          g.summarySecond, Qt::AlignRight | Qt::AlignVCenter,
+          QFontMetrics(second).elidedText(summary.secondLine, Qt::ElideRight, g.summarySecond.width()));
       break;
     }
   }
@@ -306,7 +351,8 @@ void ImageRowDelegate::paintImageRow(QPainter* painter, const QStyleOptionViewIt
   const QColor qualityColor = image->qualityOverride() ? Icons::accentColor(palette) : secondary;
   paintButton(painter, option, index, RowHit::quality, g.quality, "slider.horizontal.3", qualityColor);
   if (!g.warning.isEmpty())
-    paintButton(painter, option, index, RowHit::warning, g.warning, "exclamationmark.triangle.fill", Icons::orangeColor());
+    paintButton(painter, option, index, RowHit::warning, g.warning, "exclamationmark.triangle.fill",
+                Icons::orangeColor());
   paintButton(painter, option, index, RowHit::exportButton, g.exportButton, "square.and.arrow.down",
               palette.color(QPalette::Text));
   paintButton(painter, option, index, RowHit::remove, g.remove, "xmark.circle.fill", secondary);

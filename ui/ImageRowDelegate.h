@@ -65,8 +65,8 @@ class ImageRowDelegate : public QStyledItemDelegate {
   void paintImageRow(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const;
   void paintFailureRow(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const;
   void paintHeader(QPainter* painter, const QStyleOptionViewItem& option) const;
-  void paintButton(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index, RowHit part,
-                   const QRect& rect, const QString& symbol, const QColor& color) const;
+  void paintButton(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index,
+                   RowHit part, const QRect& rect, const QString& symbol, const QColor& color) const;
   void paintSpinner(QPainter* painter, const QRect& rect, const QColor& color) const;
 
   ImageListModel& model_;

@@ -55,7 +55,8 @@ LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidg
   enable_->setChecked(isEnabled_);
   connect(enable_, &QCheckBox::toggled, this, &LocalAPISettingsView::setEnabled);
   firstLayout->addWidget(enable_);
-  firstLayout->addWidget(makeNote(text("settings.api.enableHelp", "Permet aux scripts de compresser des images."), first));
+  firstLayout->addWidget(
+      makeNote(text("settings.api.enableHelp", "Permet aux scripts de compresser des images."), first));
   layout->addWidget(first);
 
   // Section 2: status, port, base URL.
@@ -100,8 +101,10 @@ LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidg
   buttons->addWidget(regenerate_);
   buttons->addStretch(1);
   tokenLayout->addLayout(buttons);
-  tokenLayout->addWidget(makeNote(text("settings.api.regenerateWarning", "Régénérer le jeton bloque les anciens clients."), tokenBox_));
-  tokenLayout->addWidget(makeNote(text("settings.api.docsHint", "Envoyez le jeton dans un en-tête Authorization."), tokenBox_));
+  tokenLayout->addWidget(makeNote(
+      text("settings.api.regenerateWarning", "Régénérer le jeton bloque les anciens clients."), tokenBox_));
+  tokenLayout->addWidget(
+      makeNote(text("settings.api.docsHint", "Envoyez le jeton dans un en-tête Authorization."), tokenBox_));
   layout->addWidget(tokenBox_);
   layout->addStretch(1);
 
@@ -120,8 +123,10 @@ QString LocalAPISettingsView::storedPortText() {
 void LocalAPISettingsView::setEnabled(bool on) {
   isEnabled_ = on;
   LocalAPISettings::setEnabled(on);
-  if (on) controller_.start();
-  else controller_.stop();
+  if (on)
+    controller_.start();
+  else
+    controller_.stop();
   refreshSections();
 }
 
@@ -180,10 +185,12 @@ void LocalAPISettingsView::refreshStatus() {
   }
   dot.setDevicePixelRatio(2.0);
   statusDot_->setPixmap(dot);
-  if (running) status_->setText(text("settings.api.statusRunning", "En marche"));
+  if (running)
+    status_->setText(text("settings.api.statusRunning", "En marche"));
   else if (controller_.lastError())
     status_->setText(format("settings.api.statusErrorFormat", "Erreur : %@", {*controller_.lastError()}));
-  else status_->setText(text("settings.api.statusStopped", "Arrêtée"));
+  else
+    status_->setText(text("settings.api.statusStopped", "Arrêtée"));
 }
 
 }  // namespace quillane::ui

@@ -7,7 +7,6 @@
 
 #include <QTimer>
 #include <QWidget>
-
 #include <optional>
 
 class QCheckBox;

@@ -43,7 +43,8 @@ MainWindow::MainWindow(BatchViewModel& viewModel, QWidget* parent)
   layout->addWidget(divider);
 
   stack_ = new QStackedWidget(central);
-  drop_ = new DropTargetView(viewModel_, [this] { viewModel_.promptImport(); }, stack_);
+  drop_ = new DropTargetView(
+      viewModel_, [this] { viewModel_.promptImport(); }, stack_);
   list_ = new ImageListView(viewModel_, stack_);
   stack_->addWidget(drop_);
   stack_->addWidget(list_);
@@ -87,9 +88,11 @@ bool MainWindow::showsList() const { return stack_->currentWidget() == list_; }
 
 void MainWindow::buildMenus() {
   QMenu* file = menuBar()->addMenu(text("menu.file", "Fichier"));
-  importAction_ = file->addAction(text("menu.import", "Importer…"), this, [this] { viewModel_.promptImport(); });
+  importAction_ =
+      file->addAction(text("menu.import", "Importer…"), this, [this] { viewModel_.promptImport(); });
   importAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_O));
-  exportAction_ = file->addAction(text("menu.exportAll", "Tout exporter…"), this, [this] { viewModel_.promptExportAll(); });
+  exportAction_ = file->addAction(text("menu.exportAll", "Tout exporter…"), this,
+                                  [this] { viewModel_.promptExportAll(); });
   exportAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_E));
   file->addSeparator();
   QAction* settings = file->addAction(text("menu.settings", "Réglages…"), this, [this] {
@@ -103,26 +106,30 @@ void MainWindow::buildMenus() {
   quit->setMenuRole(QAction::QuitRole);
 
   QMenu* quality = menuBar()->addMenu(text("quality.label", "Qualité"));
-  increaseAction_ = quality->addAction(text("menu.increaseQuality", "Augmenter la qualité"), this,
-                                       [this] { viewModel_.setQuality(std::min(viewModel_.quality() + 5, 100.0)); });
+  increaseAction_ = quality->addAction(text("menu.increaseQuality", "Augmenter la qualité"), this, [this] {
+    viewModel_.setQuality(std::min(viewModel_.quality() + 5, 100.0));
+  });
   // Ctrl+= as well: on most layouts "+" needs Shift.
-  increaseAction_->setShortcuts({QKeySequence(Qt::CTRL | Qt::Key_Plus), QKeySequence(Qt::CTRL | Qt::Key_Equal)});
-  decreaseAction_ = quality->addAction(text("menu.decreaseQuality", "Diminuer la qualité"), this,
-                                       [this] { viewModel_.setQuality(std::max(viewModel_.quality() - 5, 1.0)); });
+  increaseAction_->setShortcuts(
+      {QKeySequence(Qt::CTRL | Qt::Key_Plus), QKeySequence(Qt::CTRL | Qt::Key_Equal)});
+  decreaseAction_ = quality->addAction(text("menu.decreaseQuality", "Diminuer la qualité"), this, [this] {
+    viewModel_.setQuality(std::max(viewModel_.quality() - 5, 1.0));
+  });
   decreaseAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Minus));
 
   QMenu* help = menuBar()->addMenu(text("menu.help", "Aide"));
   help->addAction(format("menu.helpFormat", "Aide de %@", {appName()}), this,
                   [] { QDesktopServices::openUrl(websiteURL()); });
-  QAction* about = help->addAction(format("menu.aboutFormat", "À propos de %@", {appName()}), this, &MainWindow::showAbout);
+  QAction* about = help->addAction(format("menu.aboutFormat", "À propos de %@", {appName()}), this,
+                                   &MainWindow::showAbout);
   about->setMenuRole(QAction::AboutRole);
 }
 
 void MainWindow::refresh() {
   const bool empty = viewModel_.images().empty() && viewModel_.importFailures().empty();
   stack_->setCurrentWidget(empty ? static_cast<QWidget*>(drop_) : static_cast<QWidget*>(list_));
-  exportAction_->setEnabled(
-      RowRules::canExportAll(viewModel_.isEncoding(), viewModel_.hasPendingRecompute(), !viewModel_.images().empty()));
+  exportAction_->setEnabled(RowRules::canExportAll(viewModel_.isEncoding(), viewModel_.hasPendingRecompute(),
+                                                   !viewModel_.images().empty()));
 }
 
 void MainWindow::refreshExportError() {
@@ -132,8 +139,8 @@ void MainWindow::refreshExportError() {
     return;
   }
   if (!alert_) {
-    alert_ = new QMessageBox(QMessageBox::Warning, text("export.errorTitle", "Erreur d'exportation"), QString(),
-                             QMessageBox::Ok, this);
+    alert_ = new QMessageBox(QMessageBox::Warning, text("export.errorTitle", "Erreur d'exportation"),
+                             QString(), QMessageBox::Ok, this);
     alert_->button(QMessageBox::Ok)->setText(text("common.ok", "OK"));
     alert_->setWindowModality(Qt::WindowModal);
     // Any way of closing the alert clears the error, so that it does not come back.

@@ -10,7 +10,6 @@
 #include <QSignalBlocker>
 #include <QSlider>
 #include <QVBoxLayout>
-
 #include <string>
 
 #include "batch/BatchViewModel.h"
@@ -43,7 +42,9 @@ void setSecondary(QLabel* label) {
   label->setPalette(palette);
 }
 
-QString formatLabel(ImageFormat format) { return QString::fromUtf8(std::string(ImageFormats::label(format))); }
+QString formatLabel(ImageFormat format) {
+  return QString::fromUtf8(std::string(ImageFormats::label(format)));
+}
 
 }  // namespace
 
@@ -51,8 +52,9 @@ QPushButton* makeLinkButton(const QString& text, QWidget* parent) {
   auto* button = new QPushButton(text, parent);
   button->setFlat(true);
   button->setCursor(Qt::PointingHandCursor);
-  button->setStyleSheet(QStringLiteral("QPushButton { border: none; padding: 0px; text-align: left; color: palette(link); }"
-                                       "QPushButton:hover { text-decoration: underline; }"));
+  button->setStyleSheet(
+      QStringLiteral("QPushButton { border: none; padding: 0px; text-align: left; color: palette(link); }"
+                     "QPushButton:hover { text-decoration: underline; }"));
   return button;
 }
 
@@ -140,7 +142,8 @@ void FormatPickerView::retranslate() {
 
 void FormatPickerView::syncFromModel() {
   button_->setText(formatLabel(viewModel_.outputFormat()));
-  for (QAction* action : menu_->actions()) action->setChecked(action->data().toInt() == int(viewModel_.outputFormat()));
+  for (QAction* action : menu_->actions())
+    action->setChecked(action->data().toInt() == int(viewModel_.outputFormat()));
 }
 
 // ---- QualityOverridePopup ----
@@ -186,7 +189,8 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
   connect(slider_, &QSlider::sliderReleased, this, [this] { editingChanged(false); });
   // Keys and clicks on the groove are whole edits of their own.
   connect(slider_, &QSlider::actionTriggered, this, [this](int action) {
-    if (slider_->isSliderDown() || action == QAbstractSlider::SliderMove || action == QAbstractSlider::SliderNoAction)
+    if (slider_->isSliderDown() || action == QAbstractSlider::SliderMove ||
+        action == QAbstractSlider::SliderNoAction)
       return;
     draftQuality_ = slider_->sliderPosition();
     editingChanged(false);
@@ -203,7 +207,9 @@ double QualityOverridePopup::displayedQuality() const {
   return viewModel_.quality();
 }
 
-QString QualityOverridePopup::readoutText() const { return QString::number(qualityReadout(displayedQuality())); }
+QString QualityOverridePopup::readoutText() const {
+  return QString::number(qualityReadout(displayedQuality()));
+}
 
 void QualityOverridePopup::editingChanged(bool editing) {
   if (editing || !draftQuality_) return;

@@ -10,7 +10,6 @@
 
 #include <QFrame>
 #include <QWidget>
-
 #include <memory>
 #include <optional>
 
@@ -63,7 +62,8 @@ class FormatPickerView : public QWidget {
 class QualityOverridePopup : public QFrame {
   Q_OBJECT
  public:
-  QualityOverridePopup(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image, QWidget* parent = nullptr);
+  QualityOverridePopup(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
+                       QWidget* parent = nullptr);
 
   // The first of the draft, the image's override and the global quality.
   double displayedQuality() const;

@@ -1,7 +1,6 @@
 #include "ui/RowRules.h"
 
 #include <QString>
-
 #include <string>
 
 #include "ui/UiText.h"
@@ -26,9 +25,9 @@ QString animatedHelp(const ImportedImage& image, ImageFormat outputFormat) {
 
 QString qualityHelp(const ImportedImage& image, ImageFormat outputFormat) {
   if (isPassThrough(image, outputFormat))
-    return text("row.qualityPassthroughHelp", "Image animée conservée telle quelle : la qualité ne s'applique pas.");
-  if (image.qualityOverride())
-    return text("row.qualityCustomHelp", "Qualité personnalisée pour cette image");
+    return text("row.qualityPassthroughHelp",
+                "Image animée conservée telle quelle : la qualité ne s'applique pas.");
+  if (image.qualityOverride()) return text("row.qualityCustomHelp", "Qualité personnalisée pour cette image");
   return text("row.qualityGlobalHelp", "Régler la qualité de cette image");
 }
 
@@ -56,13 +55,15 @@ SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat) {
       if (isPassThrough(image, outputFormat)) {
         summary.secondLine = text("row.uncompressed", "Non compressée");
         summary.secondTone = Tone::secondary;
-        summary.help = text("row.passthroughHelp", "Image animée conservée telle quelle, sans recompression.");
+        summary.help =
+            text("row.passthroughHelp", "Image animée conservée telle quelle, sans recompression.");
       } else {
         const SizeChange change = sizeChange(state.sizeBytes, image.originalSizeBytes());
         summary.secondLine = sizeChangeText(change);
         summary.secondTone = change.reduced ? Tone::green : Tone::orange;
-        summary.help = change.reduced ? text("row.sizeReducedHelp", "Gain par rapport à l'original")
-                                      : text("row.sizeIncreasedHelp", "Le résultat est plus lourd que l'original");
+        summary.help = change.reduced
+                           ? text("row.sizeReducedHelp", "Gain par rapport à l'original")
+                           : text("row.sizeIncreasedHelp", "Le résultat est plus lourd que l'original");
       }
       break;
     }
@@ -80,16 +81,19 @@ SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat) {
 }
 
 QString importedCountText(int count) {
-  if (count == 1) return format("controls.importedCountSingularFormat", "%lld image importée", {integerArg(count)});
+  if (count == 1)
+    return format("controls.importedCountSingularFormat", "%lld image importée", {integerArg(count)});
   return format("controls.importedCountFormat", "%lld images importées", {integerArg(count)});
 }
 
 QString progressText(int completed, int imageCount) {
-  return format("progress.format", "%lld / %lld", {integerArg(completed), integerArg(std::max(imageCount, 1))});
+  return format("progress.format", "%lld / %lld",
+                {integerArg(completed), integerArg(std::max(imageCount, 1))});
 }
 
 QString suggestedExportName(const ImportedImage& image, ImageFormat outputFormat) {
-  return image.baseName() + QLatin1Char('.') + QString::fromUtf8(std::string(ImageFormats::fileExtension(outputFormat)));
+  return image.baseName() + QLatin1Char('.') +
+         QString::fromUtf8(std::string(ImageFormats::fileExtension(outputFormat)));
 }
 
 bool canExportAll(bool isEncoding, bool hasPendingRecompute, bool hasImages) {

@@ -6,7 +6,6 @@
 // GUI thread only.
 
 #include <QString>
-
 #include <cstdint>
 
 #include "batch/ImportedImage.h"

@@ -51,7 +51,8 @@ void SettingsWindow::insertHotFoldersPane(QWidget* pane) {
 }
 
 SettingsWindow* SettingsWindow::showFor(QWidget* mainWindow, Services services) {
-  auto* window = mainWindow ? mainWindow->findChild<SettingsWindow*>(QString(), Qt::FindDirectChildrenOnly) : nullptr;
+  auto* window =
+      mainWindow ? mainWindow->findChild<SettingsWindow*>(QString(), Qt::FindDirectChildrenOnly) : nullptr;
   if (!window) window = new SettingsWindow(services, mainWindow);
   window->show();
   window->raise();

@@ -22,7 +22,8 @@ namespace quillane::ui {
 
 // ---- UpdateSettingsView ----
 
-UpdateSettingsView::UpdateSettingsView(UpdateChecker& checker, QWidget* parent) : QWidget(parent), checker_(checker) {
+UpdateSettingsView::UpdateSettingsView(UpdateChecker& checker, QWidget* parent)
+    : QWidget(parent), checker_(checker) {
   auto* outer = new QVBoxLayout(this);
   outer->setContentsMargins(0, 0, 0, 0);
   auto* box = new QGroupBox(this);
@@ -32,7 +33,8 @@ UpdateSettingsView::UpdateSettingsView(UpdateChecker& checker, QWidget* parent) 
   enable_->setChecked(UpdateChecker::isCheckAtLaunchEnabled());
   connect(enable_, &QCheckBox::toggled, this, &UpdateSettingsView::setEnabled);
   layout->addWidget(enable_);
-  layout->addWidget(makeNote(text("settings.updates.enableHelp", "Rien n'est téléchargé ni installé sans vous."), box));
+  layout->addWidget(
+      makeNote(text("settings.updates.enableHelp", "Rien n'est téléchargé ni installé sans vous."), box));
 
   statusRow_ = new QWidget(box);
   auto* row = new QHBoxLayout(statusRow_);
@@ -46,7 +48,8 @@ UpdateSettingsView::UpdateSettingsView(UpdateChecker& checker, QWidget* parent) 
   status_->setTextInteractionFlags(Qt::TextSelectableByMouse);
   download_ = new QPushButton(text("settings.updates.download", "Télécharger"), statusRow_);
   connect(download_, &QPushButton::clicked, this, [this] {
-    if (checker_.state().kind == UpdateChecker::State::Kind::updateAvailable) QDesktopServices::openUrl(checker_.state().url);
+    if (checker_.state().kind == UpdateChecker::State::Kind::updateAvailable)
+      QDesktopServices::openUrl(checker_.state().url);
   });
   row->addWidget(spinner_);
   row->addWidget(status_, 1);
@@ -81,14 +84,22 @@ void UpdateSettingsView::refresh() {
   download_->setVisible(state.kind == Kind::updateAvailable);
   QPalette palette = status_->parentWidget()->palette();
   switch (state.kind) {
-    case Kind::idle: status_->clear(); break;
-    case Kind::checking: status_->setText(text("settings.updates.checking", "Vérification…")); break;
-    case Kind::upToDate: status_->setText(text("settings.updates.upToDate", "Quillane est à jour.")); break;
+    case Kind::idle:
+      status_->clear();
+      break;
+    case Kind::checking:
+      status_->setText(text("settings.updates.checking", "Vérification…"));
+      break;
+    case Kind::upToDate:
+      status_->setText(text("settings.updates.upToDate", "Quillane est à jour."));
+      break;
     case Kind::updateAvailable:
-      status_->setText(format("settings.updates.newVersionFormat", "La version %@ est disponible.", {state.version}));
+      status_->setText(
+          format("settings.updates.newVersionFormat", "La version %@ est disponible.", {state.version}));
       break;
     case Kind::failed:
-      status_->setText(format("settings.updates.checkFailedFormat", "La vérification a échoué : %@", {state.message}));
+      status_->setText(
+          format("settings.updates.checkFailedFormat", "La vérification a échoué : %@", {state.message}));
       palette.setColor(QPalette::WindowText, Icons::redColor(palette));
       break;
   }
@@ -117,7 +128,8 @@ LanguageSettingsView::LanguageSettingsView(LanguageManager& manager, QWidget* pa
   form->addRow(text("settings.language.title", "Langue"), picker_);
   layout->addLayout(form);
 
-  note_ = new QLabel(text("settings.language.restartRequired", "Quillane doit redémarrer pour changer de langue."), box);
+  note_ = new QLabel(
+      text("settings.language.restartRequired", "Quillane doit redémarrer pour changer de langue."), box);
   note_->setWordWrap(true);
   layout->addWidget(note_);
   restart_ = new QPushButton(text("settings.language.restartNow", "Redémarrer maintenant"), box);

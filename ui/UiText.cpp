@@ -1,7 +1,6 @@
 #include "ui/UiText.h"
 
 #include <QLocale>
-
 #include <cmath>
 #include <string>
 #include <vector>
@@ -27,11 +26,21 @@ QString format(const char* key, const char* frenchDefault, std::initializer_list
   // formatArgs takes an initializer_list of views; at most four arguments are ever used.
   std::string out;
   switch (utf8.size()) {
-    case 0: out = Localization::formatArgs(pattern, {}); break;
-    case 1: out = Localization::formatArgs(pattern, {utf8[0]}); break;
-    case 2: out = Localization::formatArgs(pattern, {utf8[0], utf8[1]}); break;
-    case 3: out = Localization::formatArgs(pattern, {utf8[0], utf8[1], utf8[2]}); break;
-    default: out = Localization::formatArgs(pattern, {utf8[0], utf8[1], utf8[2], utf8[3]}); break;
+    case 0:
+      out = Localization::formatArgs(pattern, {});
+      break;
+    case 1:
+      out = Localization::formatArgs(pattern, {utf8[0]});
+      break;
+    case 2:
+      out = Localization::formatArgs(pattern, {utf8[0], utf8[1]});
+      break;
+    case 3:
+      out = Localization::formatArgs(pattern, {utf8[0], utf8[1], utf8[2]});
+      break;
+    default:
+      out = Localization::formatArgs(pattern, {utf8[0], utf8[1], utf8[2], utf8[3]});
+      break;
   }
   return QString::fromStdString(out);
 }
@@ -52,7 +61,8 @@ QString formatByteCount(int64_t bytes, const QLocale& locale) {
     if (rounded < 1000.0 || i == 4) {
       QString digits = locale.toString(rounded, 'f', decimals[i]);
       // "1.0 MB" reads as "1 MB".
-      const QString zeroTail = QString(locale.decimalPoint()) + QString(decimals[i], locale.zeroDigit().at(0));
+      const QString zeroTail =
+          QString(locale.decimalPoint()) + QString(decimals[i], locale.zeroDigit().at(0));
       if (decimals[i] > 0 && digits.endsWith(zeroTail)) digits.chop(zeroTail.size());
       return digits + QLatin1Char(' ') + QLatin1String(units[i]);
     }

@@ -5,7 +5,6 @@
 // GUI thread only (the lookups read the installed string tables).
 
 #include <QString>
-
 #include <cstdint>
 #include <initializer_list>
 

@@ -53,8 +53,10 @@ TEST_F(ImageRowTest, AnimatedImageInItsOwnFormatIsPassedThrough) {
   const SizeSummary summary = ui::RowRules::sizeSummary(*gif, ImageFormat::webp);
   EXPECT_EQ(summary.secondTone, Tone::secondary);
   EXPECT_NE(summary.secondLine, ui::RowRules::sizeSummary(*gif, ImageFormat::jpeg).secondLine);
-  EXPECT_NE(ui::RowRules::qualityHelp(*gif, ImageFormat::webp), ui::RowRules::qualityHelp(*gif, ImageFormat::jpeg));
-  EXPECT_NE(ui::RowRules::animatedHelp(*gif, ImageFormat::webp), ui::RowRules::animatedHelp(*gif, ImageFormat::jpeg));
+  EXPECT_NE(ui::RowRules::qualityHelp(*gif, ImageFormat::webp),
+            ui::RowRules::qualityHelp(*gif, ImageFormat::jpeg));
+  EXPECT_NE(ui::RowRules::animatedHelp(*gif, ImageFormat::webp),
+            ui::RowRules::animatedHelp(*gif, ImageFormat::jpeg));
   EXPECT_TRUE(ui::RowRules::animatedHelp(*gif, ImageFormat::jpeg).contains("8"));
   // Converted to another format it shows the percentage again.
   EXPECT_EQ(ui::RowRules::sizeSummary(*gif, ImageFormat::jpeg).secondTone, Tone::green);
@@ -142,7 +144,8 @@ TEST_F(ImageRowTest, TheQualityButtonReportsItsAnchorAndTheThumbnailTheCompariso
   auto image = importOne("a.png", 1000, {});
   std::shared_ptr<ImportedImage> compared, tuned;
   QObject::connect(&list(), &ui::ImageListView::comparisonRequested, [&](auto i) { compared = i; });
-  QObject::connect(&list(), &ui::ImageListView::qualityOverrideRequested, [&](auto i, const QRect&) { tuned = i; });
+  QObject::connect(&list(), &ui::ImageListView::qualityOverrideRequested,
+                   [&](auto i, const QRect&) { tuned = i; });
   const QModelIndex index = rowOf(image);
   const QRect row = list().visualRect(index);
   EXPECT_EQ(list().partAt(list().rowDelegate().partRect(row, index, RowHit::thumbnail).center()).second,

@@ -84,7 +84,8 @@ class ScreenshotTest : public UiFixture {
     import({source("mountain-lake-at-dawn.jpg", 2'400'000, {4032, 3024, ImageFormat::jpeg, 1, 640'000}),
             source("logo.png", 18'000, {512, 512, ImageFormat::png, 1, 21'500}),
             source("spinner.webp", 80'000, {240, 240, ImageFormat::jpeg, 12, 80'000}),
-            source("scan-of-an-old-receipt-with-a-very-long-name.heic", 1'200'000, {1200, 1800, ImageFormat::heic}),
+            source("scan-of-an-old-receipt-with-a-very-long-name.heic", 1'200'000,
+                   {1200, 1800, ImageFormat::heic}),
             source("broken.avif", 50'000, {800, 600, ImageFormat::avif, 1, -1, true}),
             QUrl::fromLocalFile(dir_.filePath("notes.txt"))});
     ASSERT_TRUE(waitIdle());
@@ -93,8 +94,10 @@ class ScreenshotTest : public UiFixture {
     model_->exportSingle(model_->images()[1], QUrl::fromLocalFile(dir_.filePath("missing-folder/logo.jpg")));
     // One successful export for the history.
     QDir(dir_.path()).mkpath("out");
-    model_->exportSingle(model_->images()[0], QUrl::fromLocalFile(dir_.filePath("out/mountain-lake-at-dawn.jpg")));
-    model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true});
+    model_->exportSingle(model_->images()[0],
+                         QUrl::fromLocalFile(dir_.filePath("out/mountain-lake-at-dawn.jpg")));
+    model_->upsertExportProfile(
+        {QUuid::createUuid(), "Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true});
     model_->upsertExportProfile({QUuid::createUuid(), "Archive", ImageFormat::jxl, 95, std::nullopt, false});
   }
 

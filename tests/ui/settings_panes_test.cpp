@@ -31,9 +31,9 @@ class ProfilePaneTest : public UiFixture {
  protected:
   ui::ExportProfilesSettingsView& pane() {
     if (!model_) makeModel();
-    if (!pane_) pane_ = std::make_unique<ui::ExportProfilesSettingsView>(*model_, [](const auto&) {
-      return std::optional<QUrl>(QUrl::fromLocalFile("/tmp/chosen"));
-    });
+    if (!pane_)
+      pane_ = std::make_unique<ui::ExportProfilesSettingsView>(
+          *model_, [](const auto&) { return std::optional<QUrl>(QUrl::fromLocalFile("/tmp/chosen")); });
     return *pane_;
   }
   void TearDown() override {
@@ -169,7 +169,8 @@ TEST_F(APIPaneTest, AValidPortIsStoredAndRestartsARunningServer) {
   EXPECT_EQ(LocalAPISettings::storedPort(), port);
   EXPECT_EQ(pane().portField()->text(), QString::number(port));
   EXPECT_TRUE(pane().baseURLLabel()->text().contains(QString::number(port)));
-  ASSERT_TRUE(QTest::qWaitFor([&] { return controller_->isRunning() && controller_->boundPort() == port; }, 3000));
+  ASSERT_TRUE(
+      QTest::qWaitFor([&] { return controller_->isRunning() && controller_->boundPort() == port; }, 3000));
   EXPECT_FALSE(pane().statusLabel()->text().isEmpty());
   // The same port again still restarts: the server goes through a new start.
   QSignalSpy restarted(controller_.get(), &LocalAPIController::isRunningChanged);
@@ -245,14 +246,16 @@ TEST(UpdatePane, TurningTheCheckOnStartsOneAtOnce) {
   ui::UpdateSettingsView pane(checker);
   EXPECT_FALSE(pane.statusRow()->isVisibleTo(&pane));  // idle
   pane.checkNowButton()->click();
-  ASSERT_TRUE(QTest::qWaitFor([&] { return checker.state().kind == UpdateChecker::State::Kind::failed; }, 5000));
+  ASSERT_TRUE(
+      QTest::qWaitFor([&] { return checker.state().kind == UpdateChecker::State::Kind::failed; }, 5000));
   EXPECT_TRUE(pane.statusRow()->isVisibleTo(&pane));
   EXPECT_FALSE(pane.downloadButton()->isVisibleTo(&pane));
 
   pane.enableToggle()->setChecked(true);
   EXPECT_EQ(checker.state().kind, UpdateChecker::State::Kind::checking);
   EXPECT_TRUE(UpdateChecker::isCheckAtLaunchEnabled());
-  ASSERT_TRUE(QTest::qWaitFor([&] { return checker.state().kind != UpdateChecker::State::Kind::checking; }, 5000));
+  ASSERT_TRUE(
+      QTest::qWaitFor([&] { return checker.state().kind != UpdateChecker::State::Kind::checking; }, 5000));
   pane.enableToggle()->setChecked(false);
   EXPECT_FALSE(UpdateChecker::isCheckAtLaunchEnabled());
 }

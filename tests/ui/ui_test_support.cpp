@@ -27,7 +27,8 @@ struct SandboxEnvironment {
     qputenv("XDG_CONFIG_HOME", QDir(home.path()).filePath("config").toUtf8());
     qputenv("XDG_DATA_HOME", QDir(home.path()).filePath("data").toUtf8());
     qputenv("XDG_CACHE_HOME", QDir(home.path()).filePath("cache").toUtf8());
-    QFile::setPermissions(QDir(home.path()).filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    QFile::setPermissions(QDir(home.path()).filePath("runtime"),
+                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     qputenv("XDG_RUNTIME_DIR", QDir(home.path()).filePath("runtime").toUtf8());
     qputenv("XCTestConfigurationFilePath", "ui_tests");
   }
@@ -105,7 +106,8 @@ std::vector<uint8_t> UiFixture::encode(const std::string& name, double quality) 
   {
     std::unique_lock lock(mutex_);
     file = files_[name];
-    if (name.rfind("slow", 0) == 0) gate_.wait_for(lock, std::chrono::seconds(10), [this] { return gateOpen_; });
+    if (name.rfind("slow", 0) == 0)
+      gate_.wait_for(lock, std::chrono::seconds(10), [this] { return gateOpen_; });
   }
   if (file.failEncode) throw ImageProcessingError::encodingFailed("WebP");
   const int64_t size = file.encodedSize >= 0 ? file.encodedSize : int64_t(quality * 10);
@@ -134,7 +136,10 @@ QStringList clippedTexts(QWidget* root) {
     // The widget must be as wide as its own smallest size for that text.
     const int needed = w->minimumSizeHint().width();
     if (w->width() + 1 < needed)
-      clipped << QStringLiteral("%1 \"%2\" (%3 < %4)").arg(w->metaObject()->className(), text).arg(w->width()).arg(needed);
+      clipped << QStringLiteral("%1 \"%2\" (%3 < %4)")
+                     .arg(w->metaObject()->className(), text)
+                     .arg(w->width())
+                     .arg(needed);
   };
   for (QLabel* label : root->findChildren<QLabel*>()) {
     if (label->wordWrap() || label->text().isEmpty()) continue;

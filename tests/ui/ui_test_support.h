@@ -4,11 +4,11 @@
 // test asks for; the fake encoder answers with as many bytes as the test set for that file
 // (quality x 10 by default), and files whose name starts with "slow" wait for the gate.
 
+#include <gtest/gtest.h>
+
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
-#include <gtest/gtest.h>
-
 #include <condition_variable>
 #include <map>
 #include <mutex>

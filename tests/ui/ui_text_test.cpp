@@ -1,11 +1,11 @@
 // Texts and measures computed for display: file sizes, the size change, the comparison area,
 // and the order of dropped files.
+#include <gtest/gtest.h>
+
 #include <QLocale>
 #include <QMimeData>
 #include <QSignalSpy>
 #include <QTest>
-#include <gtest/gtest.h>
-
 #include <thread>
 
 #include "ui/ComparisonView.h"
@@ -91,7 +91,8 @@ TEST(ComparisonArea, DragsPastTheEdgesHoldTheDivider) {
 // A provider answering on a thread of its own after a delay, to shuffle answer order.
 class DelayedProvider : public DropItemProvider {
  public:
-  DelayedProvider(QVariant item, int delayMs, bool file = true) : item_(std::move(item)), delayMs_(delayMs), file_(file) {}
+  DelayedProvider(QVariant item, int delayMs, bool file = true)
+      : item_(std::move(item)), delayMs_(delayMs), file_(file) {}
   bool hasFileURL() const override { return file_; }
   void loadItem(std::function<void(const QVariant&)> answer) override {
     std::thread([item = item_, delay = delayMs_, answer] {
@@ -120,10 +121,10 @@ TEST(FileDrop, KeepsTheOrderOfTheDragWhateverOrderTheAnswersCome) {
              c = QUrl::fromLocalFile("/tmp/c.png");
   bool accepted = false;
   // c answers first, a last; data and URL items alike.
-  const QList<QUrl> urls = runDrop({std::make_shared<DelayedProvider>(QVariant(a.toEncoded()), 120),
-                                    std::make_shared<DelayedProvider>(QVariant(b), 60),
-                                    std::make_shared<DelayedProvider>(QVariant(c), 0)},
-                                   &accepted);
+  const QList<QUrl> urls = runDrop(
+      {std::make_shared<DelayedProvider>(QVariant(a.toEncoded()), 120),
+       std::make_shared<DelayedProvider>(QVariant(b), 60), std::make_shared<DelayedProvider>(QVariant(c), 0)},
+      &accepted);
   EXPECT_TRUE(accepted);
   EXPECT_EQ(urls, (QList<QUrl>{a, b, c}));
 }
@@ -131,19 +132,20 @@ TEST(FileDrop, KeepsTheOrderOfTheDragWhateverOrderTheAnswersCome) {
 TEST(FileDrop, ItemsThatAreNoFilesOrCannotBeReadAreLeftOut) {
   const QUrl a = QUrl::fromLocalFile("/tmp/a.png"), b = QUrl::fromLocalFile("/tmp/b.png");
   bool accepted = false;
-  const QList<QUrl> urls = runDrop({std::make_shared<DelayedProvider>(QVariant(a), 0),
-                                    std::make_shared<DelayedProvider>(QVariant(QUrl("https://x.test/")), 0, false),
-                                    std::make_shared<DelayedProvider>(QVariant(), 10),
-                                    std::make_shared<DelayedProvider>(QVariant(b), 5)},
-                                   &accepted);
+  const QList<QUrl> urls = runDrop(
+      {std::make_shared<DelayedProvider>(QVariant(a), 0),
+       std::make_shared<DelayedProvider>(QVariant(QUrl("https://x.test/")), 0, false),
+       std::make_shared<DelayedProvider>(QVariant(), 10), std::make_shared<DelayedProvider>(QVariant(b), 5)},
+      &accepted);
   EXPECT_TRUE(accepted);
   EXPECT_EQ(urls, (QList<QUrl>{a, b}));
 }
 
 TEST(FileDrop, ADropWithoutFilesIsDeclinedAndNeverCompletes) {
   bool called = false;
-  EXPECT_FALSE(FileDropHandler::handle({std::make_shared<DelayedProvider>(QVariant(QUrl("https://x.test/")), 0, false)},
-                                       [&](QList<QUrl>) { called = true; }));
+  EXPECT_FALSE(FileDropHandler::handle(
+      {std::make_shared<DelayedProvider>(QVariant(QUrl("https://x.test/")), 0, false)},
+      [&](QList<QUrl>) { called = true; }));
   EXPECT_FALSE(FileDropHandler::handle({}, [&](QList<QUrl>) { called = true; }));
   QTest::qWait(30);
   EXPECT_FALSE(called);
@@ -151,7 +153,8 @@ TEST(FileDrop, ADropWithoutFilesIsDeclinedAndNeverCompletes) {
 
 TEST(FileDrop, MimeDataGivesOneProviderPerURLAndOnlyLocalFilesConform) {
   QMimeData mime;
-  mime.setUrls({QUrl::fromLocalFile("/tmp/x.png"), QUrl("https://x.test/y.png"), QUrl::fromLocalFile("/tmp/folder")});
+  mime.setUrls(
+      {QUrl::fromLocalFile("/tmp/x.png"), QUrl("https://x.test/y.png"), QUrl::fromLocalFile("/tmp/folder")});
   const DropItemProviders providers = FileDropHandler::providers(mime);
   ASSERT_EQ(providers.size(), 3u);
   EXPECT_TRUE(providers[0]->hasFileURL());
