@@ -1,0 +1,73 @@
+#include "app/gui/QuillaneApp.h"
+
+#include <QApplication>
+#include <QTimer>
+#include <QWidget>
+
+#include "api/LocalAPIController.h"
+#include "batch/BatchViewModel.h"
+#include "services/LanguageManager.h"
+#include "services/UpdateChecker.h"
+#include "ui/MainWindow.h"
+#include "ui/SettingsWindow.h"
+
+#ifndef QUILLANE_VERSION
+#define QUILLANE_VERSION ""
+#endif
+
+namespace quillane {
+
+QString QuillaneApp::appName() { return QStringLiteral("Quillane"); }
+
+QUrl QuillaneApp::websiteURL() {
+  static const QUrl url(QStringLiteral("https://quillane.app"));
+  return url;
+}
+
+void QuillaneApp::describeApplication() {
+  QCoreApplication::setApplicationName(appName());
+  QCoreApplication::setOrganizationName(appName());
+  QCoreApplication::setApplicationVersion(QStringLiteral(QUILLANE_VERSION));
+}
+
+QuillaneApp::QuillaneApp() {
+  // 1. Closing the last window ends the process; there is no shut-down step.
+  QApplication::setQuitOnLastWindowClosed(true);
+
+  // 2. HotFoldersManager: built lazily when the window is first installed (createMainWindow).
+
+  // 3. The language manager, ahead of anything that formats text: it installs the tables.
+  LanguageManager::shared();
+
+  // 4. The one batch model. It reads history and profiles now and restores the session as
+  //    a queued call, so the window may appear before the restored rows.
+  viewModel_ = std::make_unique<BatchViewModel>();
+
+  // 5. The local API, which starts listening at once when enabled.
+  apiController_ = std::make_unique<LocalAPIController>(*viewModel_);
+
+  // 6. The update checker in its initial state, and 7. the check at launch when asked for.
+  updateChecker_ = std::make_unique<UpdateChecker>();
+  if (UpdateChecker::isCheckAtLaunchEnabled()) {
+    QTimer::singleShot(0, updateChecker_.get(), [checker = updateChecker_.get()] { checker->checkNow(); });
+  }
+}
+
+QuillaneApp::~QuillaneApp() {
+  // The server goes before the model its router drives.
+  apiController_.reset();
+  updateChecker_.reset();
+  viewModel_.reset();
+}
+
+std::unique_ptr<QWidget> QuillaneApp::createMainWindow() {
+  auto window = std::make_unique<ui::MainWindow>(*viewModel_);
+  ui::MainWindow* main = window.get();
+  main->setSettingsOpener([this, main] {
+    ui::SettingsWindow::showFor(main, {*viewModel_, *apiController_, *updateChecker_, LanguageManager::shared(),
+                                       &main->panels()});
+  });
+  return window;
+}
+
+}  // namespace quillane

@@ -1,0 +1,167 @@
+// The real application, driven through its local API: import, settings, a per-image
+// quality, export, then a restart that finds the batch restored.
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <chrono>
+#include <thread>
+
+#include "engine/codecs/Writers.h"
+#include "tests/support/RawHTTPClient.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane {
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::string token = "qlne_e2eTestTokenAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA";
+
+class ApiEndToEnd : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QByteArray binDir = qgetenv("QUILLANE_BIN_DIR");
+    ASSERT_FALSE(binDir.isEmpty()) << "QUILLANE_BIN_DIR names the folder of the quillane executable";
+    program_ = QString::fromLocal8Bit(binDir) + "/quillane";
+    ASSERT_TRUE(QFileInfo(program_).isExecutable()) << program_.toStdString();
+    ASSERT_TRUE(dir_.isValid());
+    port_ = testing::freeLocalPort();
+    QDir(dir_.path()).mkpath("config/Quillane");
+    QDir(dir_.path()).mkpath("data");
+    QDir(dir_.path()).mkpath("runtime");
+    QFile::setPermissions(dir_.filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    QFile conf(dir_.filePath("config/Quillane/Quillane.conf"));
+    ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
+    conf.write(QString("[General]\nlocalAPIEnabled=true\nlocalAPIPort=%1\nlocalAPIToken=%2\n")
+                   .arg(port_)
+                   .arg(QString::fromStdString(token))
+                   .toUtf8());
+  }
+
+  void TearDown() override { stop(); }
+
+  void start() {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("QT_QPA_PLATFORM", "offscreen");
+    env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));
+    env.insert("XDG_DATA_HOME", dir_.filePath("data"));
+    env.insert("XDG_RUNTIME_DIR", dir_.filePath("runtime"));
+    env.insert("XCTestConfigurationFilePath", "api_e2e_test");
+    process_ = std::make_unique<QProcess>();
+    process_->setProcessEnvironment(env);
+    process_->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process_->start(program_, {});
+    ASSERT_TRUE(process_->waitForStarted(10000));
+    // The listener comes up with the application, without any window action.
+    auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (call("GET", "/v1/status").status != 200) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the API never answered";
+      ASSERT_EQ(process_->state(), QProcess::Running) << "the application ended early";
+      std::this_thread::sleep_for(100ms);
+    }
+  }
+
+  void stop() {
+    if (!process_) return;
+    process_->kill();
+    process_->waitForFinished(10000);
+    process_.reset();
+  }
+
+  testing::RawHTTPResponse call(const std::string& method, const std::string& target, const std::string& body = {}) {
+    return testing::httpExchange(port_, testing::buildRequest(method, target, token, body), 120s);
+  }
+  static QJsonDocument json(const testing::RawHTTPResponse& response) {
+    return QJsonDocument::fromJson(QByteArray::fromStdString(response.body));
+  }
+
+  // Polls the image list until every image is ready (or the time is up).
+  QJsonArray waitForReadyImages(int expectedCount) {
+    auto deadline = std::chrono::steady_clock::now() + 90s;
+    while (true) {
+      QJsonArray images = json(call("GET", "/v1/images")).array();
+      bool allReady = images.size() == expectedCount;
+      for (const auto& image : images) allReady = allReady && image.toObject()["state"].toString() == "ready";
+      if (allReady || std::chrono::steady_clock::now() > deadline) return images;
+      std::this_thread::sleep_for(100ms);
+    }
+  }
+
+  std::string writePhoto(const QString& name, int width, int height, uint32_t seed) {
+    auto bytes = codecs::writeJpeg(testing::makeImage(width, height, testing::Pattern::photo, seed),
+                                   codecs::jpegSettings(0.9), std::nullopt);
+    std::string path = dir_.filePath(name).toStdString();
+    testing::writeBytes(path, bytes);
+    return path;
+  }
+
+  QTemporaryDir dir_;
+  QString program_;
+  int port_ = 0;
+  std::unique_ptr<QProcess> process_;
+};
+
+TEST_F(ApiEndToEnd, ImportTuneExportAndFindTheBatchAfterARestart) {
+  start();
+  std::vector<std::string> paths = {writePhoto("first.jpg", 160, 120, 1), writePhoto("second.jpg", 120, 160, 2),
+                                    writePhoto("third.jpg", 200, 100, 3)};
+  QJsonArray list;
+  for (const auto& path : paths) list.append(QString::fromStdString(path));
+  auto imported = call("POST", "/v1/import", QJsonDocument(QJsonObject{{"paths", list}}).toJson().toStdString());
+  ASSERT_EQ(imported.status, 200) << imported.body;
+  QJsonArray ids = json(imported)["imported"].toArray();
+  ASSERT_EQ(ids.size(), 3) << imported.body;
+
+  auto settings = call("POST", "/v1/settings", R"({"quality":60,"format":"webp"})");
+  ASSERT_EQ(settings.status, 200) << settings.body;
+  EXPECT_EQ(json(settings)["outputFormat"].toString(), "webp");
+  EXPECT_EQ(json(settings)["imageCount"].toInt(), 3);
+
+  std::string secondID = ids[1].toString().toStdString();
+  auto override = call("POST", "/v1/images/" + secondID + "/quality", R"({"quality":30})");
+  ASSERT_EQ(override.status, 200) << override.body;
+
+  QDir(dir_.path()).mkpath("out");
+  std::string out = dir_.filePath("out").toStdString();
+  auto exported = call("POST", "/v1/export", R"({"folder":")" + out + R"(","waitTimeoutSeconds":90})");
+  ASSERT_EQ(exported.status, 200) << exported.body;
+  QJsonArray results = json(exported).array();
+  ASSERT_EQ(results.size(), 3);
+  for (const auto& result : results) {
+    QJsonObject entry = result.toObject();
+    QString destination = entry["destination"].toString();
+    EXPECT_TRUE(destination.endsWith(".webp")) << exported.body;
+    QFile file(destination);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly)) << destination.toStdString();
+    EXPECT_EQ(file.read(4), QByteArray("RIFF"));
+    EXPECT_EQ(file.size(), entry["compressedSizeBytes"].toInteger());
+  }
+
+  QJsonArray before = waitForReadyImages(3);
+  ASSERT_EQ(before.size(), 3);
+  EXPECT_EQ(before[1].toObject()["qualityOverride"].toDouble(), 30.0);
+
+  stop();
+  start();
+  // Rows come back from the saved session, with their overrides; the global settings start over.
+  QJsonArray after = waitForReadyImages(3);
+  ASSERT_EQ(after.size(), 3);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(after[i].toObject()["name"].toString(), before[i].toObject()["name"].toString());
+  EXPECT_EQ(after[1].toObject()["qualityOverride"].toDouble(), 30.0);
+  EXPECT_FALSE(after[0].toObject().contains("qualityOverride"));
+  auto status = json(call("GET", "/v1/status"));
+  EXPECT_EQ(status["outputFormat"].toString(), "jpeg");
+  EXPECT_EQ(status["quality"].toDouble(), 75.0);
+  EXPECT_NE(status["appVersion"].toString(), "unknown");
+}
+
+}  // namespace
+}  // namespace quillane
