@@ -40,7 +40,7 @@ int quantizerFor(double quality) {
   // that AVIF matches JPEG's fidelity at each anchor (measured figures in bench/README.md);
   // in between, linear.
   static const CurvePoint curve[] = {
-      {0.00, 63}, {0.30, 40}, {0.50, 30}, {0.75, 20}, {0.90, 14}, {0.95, 10}, {0.99, 2},
+      {0.00, 63}, {0.30, 40}, {0.50, 30}, {0.75, 17}, {0.90, 12}, {0.95, 8}, {0.99, 2},
   };
   return std::clamp(int(std::lround(interpolate(curve, quality))), 0, 63);
 }

@@ -92,7 +92,7 @@ HeifSettings heifSettings(double quality) {
   // so that HEIC matches JPEG's fidelity at each anchor (measured figures in
   // bench/README.md); in between, linear.
   static const CurvePoint curve[] = {
-      {0.00, 0}, {0.30, 22}, {0.50, 32}, {0.75, 42}, {0.90, 51}, {0.95, 57}, {1.00, 84},
+      {0.00, 0}, {0.30, 22}, {0.50, 32}, {0.75, 44}, {0.90, 51}, {0.95, 57}, {1.00, 84},
   };
   HeifSettings s;
   s.quality = std::clamp(int(std::lround(interpolate(curve, q))), 0, 100);
