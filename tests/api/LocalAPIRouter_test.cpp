@@ -1,7 +1,6 @@
 // Token, routing, status, settings and profiles, through real requests to a real model.
 #include "tests/api/RouterFixture.h"
 
-#include "api/LocalAPIDTOs.h"
 #include "records/ExportProfile.h"
 
 namespace quillane {
@@ -141,25 +140,6 @@ TEST_F(RouterTest, ProfileUpsertRefusals) {
                  R"({"name":"a","format":"png","quality":5,"destinationFolder":")" + file + R"("})").body,
             "{\"error\":\"destinationFolder does not exist: " + QString::fromStdString(file).replace("/", "\\/").toStdString() + "\"}");
   EXPECT_TRUE(model_->exportProfiles().empty());
-}
-
-TEST(LocalAPIDTOs, RatioNeverDividesByZeroAndGoesNegativeWhenLarger) {
-  EXPECT_DOUBLE_EQ(LocalAPIDTOs::ratio(25, 100), 0.75);
-  EXPECT_DOUBLE_EQ(LocalAPIDTOs::ratio(150, 100), -0.5);
-  EXPECT_DOUBLE_EQ(LocalAPIDTOs::ratio(10, 0), -9.0);
-}
-
-TEST(LocalAPIDTOs, OnlyCanonicalUUIDsParse) {
-  auto id = QUuid::createUuid();
-  std::string upper = LocalAPIDTOs::idText(id);
-  std::string lower = QString::fromStdString(upper).toLower().toStdString();
-  EXPECT_EQ(LocalAPIDTOs::parseCanonicalUUID(upper), id);
-  EXPECT_EQ(LocalAPIDTOs::parseCanonicalUUID(lower), id);
-  EXPECT_EQ(LocalAPIDTOs::parseCanonicalUUID("{" + upper + "}"), std::nullopt);
-  EXPECT_EQ(LocalAPIDTOs::parseCanonicalUUID(upper.substr(0, 35) + "g"), std::nullopt);
-  std::string noDashes = upper;
-  std::erase(noDashes, '-');
-  EXPECT_EQ(LocalAPIDTOs::parseCanonicalUUID(noDashes), std::nullopt);
 }
 
 }  // namespace

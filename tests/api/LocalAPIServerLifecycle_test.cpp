@@ -121,16 +121,6 @@ TEST_F(LifecycleTest, PortInUseFailsWithAReason) {
   EXPECT_FALSE(state->error.empty());
 }
 
-TEST_F(LifecycleTest, PortsAboveTheRangeAreClamped) {
-  if (!RawConnection(65535).connected()) {
-    auto server = makeServer();
-    server->start(70000);
-    auto state = log_.waitFor(0);
-    ASSERT_TRUE(state && state->kind == Kind::ready);
-    EXPECT_EQ(state->port, 65535);
-  }
-}
-
 TEST_F(LifecycleTest, SlowRoutesDoNotHoldUpReadingOrOtherRequests) {
   auto server = makeServer();
   server->start(0);

@@ -69,17 +69,5 @@ TEST_F(SettingsTest, MissingOrEmptyTokenIsReplacedAndAnyOtherValueIsKept) {
   EXPECT_EQ(LocalAPISettings::token(), QStringLiteral("not-in-the-usual-form"));
 }
 
-TEST_F(SettingsTest, DefaultsAndKeys) {
-  EXPECT_FALSE(LocalAPISettings::isEnabled());
-  EXPECT_EQ(LocalAPISettings::storedPort(), 0);
-  EXPECT_EQ(LocalAPISettings::effectivePort(), 51823);
-  LocalAPISettings::setEnabled(true);
-  LocalAPISettings::setPort(4242);
-  QSettings raw(fileName(), QSettings::IniFormat);  // plain INI text
-  EXPECT_EQ(raw.value("localAPIEnabled").toBool(), true);
-  EXPECT_EQ(raw.value("localAPIPort").toInt(), 4242);
-  EXPECT_EQ(LocalAPISettings::effectivePort(), 4242);
-}
-
 }  // namespace
 }  // namespace quillane

@@ -2,6 +2,7 @@
 // quality, export, then a restart that finds the batch restored.
 #include <gtest/gtest.h>
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -28,9 +29,9 @@ const std::string token = "qlne_e2eTestTokenAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA";
 class ApiEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
-    QByteArray binDir = qgetenv("QUILLANE_BIN_DIR");
-    ASSERT_FALSE(binDir.isEmpty()) << "QUILLANE_BIN_DIR names the folder of the quillane executable";
-    program_ = QString::fromLocal8Bit(binDir) + "/quillane";
+    // QUILLANE_BIN_DIR names the folder of the executable; the test binary is built beside it.
+    QString binDir = qEnvironmentVariable("QUILLANE_BIN_DIR", QCoreApplication::applicationDirPath());
+    program_ = binDir + "/quillane";
     ASSERT_TRUE(QFileInfo(program_).isExecutable()) << program_.toStdString();
     ASSERT_TRUE(dir_.isValid());
     port_ = testing::freeLocalPort();
