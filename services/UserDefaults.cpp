@@ -7,7 +7,7 @@
 namespace quillane::UserDefaults {
 
 std::unique_ptr<QSettings> store() {
-  return std::make_unique<QSettings>(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Quillane"),
+  return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Quillane"),
                                      QStringLiteral("Quillane"));
 }
 

@@ -20,7 +20,7 @@ class LanguageManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(dir_.isValid());
-    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, dir_.path());
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir_.path());
     hadTestHost_ = qEnvironmentVariableIsSet(kTestHost);
     savedTestHost_ = qgetenv(kTestHost);
     qunsetenv(kTestHost);
