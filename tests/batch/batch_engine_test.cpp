@@ -1,0 +1,53 @@
+// The model over the real engine: a generated PNG is inspected, encoded and exported, and a
+// file that is no image lands in the failure list with the decoder's text.
+#include <QDir>
+
+#include "engine/ImageFormat.h"
+#include "engine/PNGWriter.h"
+#include "tests/batch/batch_test_support.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane::testing {
+namespace {
+
+class BatchEngineTest : public BatchFixture {
+ protected:
+  // A 64 x 48 palette PNG with a pattern, written by the engine's own PNG writer.
+  QUrl writePNG(const QString& name) {
+    std::vector<uint8_t> indices(64 * 48);
+    for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t((i / 7 + i % 64 / 5) % 4);
+    const PNGWriter::PaletteEntry palette[] = {{255, 0, 0, 255}, {0, 255, 0, 255}, {0, 0, 255, 255}, {9, 9, 9, 255}};
+    const auto bytes = PNGWriter::writeIndexedPNG(64, 48, indices, palette, std::nullopt);
+    writeBytes(dir_.filePath(name).toStdString(), bytes);
+    return QUrl::fromLocalFile(dir_.filePath(name));
+  }
+};
+
+TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
+  auto o = options();
+  o.encoder = nullptr;  // the real seams
+  o.inspector = nullptr;
+  auto& model = makeModel(o);
+  import({writePNG("pattern.png"), source("notes.png", "this is not an image")});
+  ASSERT_EQ(model.images().size(), 1u);
+  auto image = model.images()[0];
+  EXPECT_EQ(image->width(), 64);
+  EXPECT_EQ(image->height(), 48);
+  EXPECT_EQ(image->originalFormat(), ImageFormat::png);
+  EXPECT_FALSE(image->thumbnail().empty());
+  ASSERT_EQ(model.importFailures().size(), 1u);
+  EXPECT_FALSE(model.importFailures()[0].message.isEmpty());
+
+  ASSERT_TRUE(waitIdle(20000));
+  ASSERT_TRUE(image->encodeState().isReady()) << image->encodeState().message.toStdString();
+  QDir(dir_.path()).mkpath("out");
+  const auto outcomes = model.exportAll(QUrl::fromLocalFile(dir_.filePath("out")));
+  ASSERT_EQ(outcomes.size(), 1u);
+  ASSERT_TRUE(outcomes[0].destinationURL);
+  const auto written = readBytes(outcomes[0].destinationURL->toLocalFile().toStdString());
+  EXPECT_EQ(ImageFormats::detect(written), ImageFormat::jpeg);
+  EXPECT_EQ(int64_t(written.size()), image->encodeState().sizeBytes);
+}
+
+}  // namespace
+}  // namespace quillane::testing
