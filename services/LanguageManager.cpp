@@ -49,6 +49,11 @@ LanguageManager& LanguageManager::shared() {
   return *instance;
 }
 
+void LanguageManager::installLookupReadOnly() {
+  Localization::setLookup(
+      StringTables::lookupFor(resolveActiveLanguage(storedLanguages(), QLocale::system().uiLanguages())));
+}
+
 LanguageManager::LanguageManager(Platform platform, QObject* parent)
     : QObject(parent), platform_(std::move(platform)) {
   activeLanguage_ = resolveActiveLanguage(storedLanguages(), platform_.preferredLanguages);

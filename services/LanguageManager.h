@@ -54,6 +54,11 @@ class LanguageManager : public QObject {
   // Makes every Localization::text call resolve through activeLanguage's table.
   void installLookup() const;
 
+  // For programs without a window (the command-line tool): resolves this run's language as
+  // the application would and installs its table, without writing anything. Any thread,
+  // before other threads look texts up.
+  static void installLookupReadOnly();
+
   // Stores `language` as the one-element "AppleLanguages" list, or removes the key for
   // nothing, so that the application follows the system again at the next launch.
   static void persist(std::optional<AppLanguage> language);

@@ -17,6 +17,7 @@
 
 #include "app/cli/InspectCommands.h"
 #include "automation/CompressScriptCommand.h"
+#include "services/LanguageManager.h"
 
 namespace {
 
@@ -170,6 +171,8 @@ int main(int argc, char** argv) {
   QCoreApplication app(argc, argv);
   QCoreApplication::setOrganizationName("Quillane");
   QCoreApplication::setApplicationName("Quillane");
+  // Texts (error descriptions, command errors) in the language the application uses.
+  LanguageManager::installLookupReadOnly();
   QStringList arguments = QCoreApplication::arguments().mid(1);
   if (arguments.isEmpty() || arguments.first() == "--help" || arguments.first() == "-h" ||
       arguments.first() == "help") {

@@ -40,6 +40,9 @@ class CommandLineTool : public ::testing::Test {
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("XDG_DATA_HOME", dir_.filePath("data"));  // no profiles but the test's own
+    env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));  // no stored language
+    env.insert("LANGUAGE", "fr");  // the texts the assertions quote
+    env.insert("LC_ALL", "fr_FR.UTF-8");
     process.setProcessEnvironment(env);
     process.setWorkingDirectory(dir_.path());
     process.start(program_, arguments);
