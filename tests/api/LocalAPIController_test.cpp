@@ -1,21 +1,15 @@
-// When the server runs, on which port, and what the controller publishes about it.
-#include <gtest/gtest.h>
-
-#include <QSettings>
+// The API's settings and token in a private settings folder, and the controller that runs the
+// server on the stored port and publishes its state.
+#include <QFile>
+#include <QRegularExpression>
 #include <QSignalSpy>
-#include <QTemporaryDir>
+#include <QTcpServer>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <set>
+#include <sys/stat.h>
 
 #include "api/LocalAPIController.h"
-#include "api/LocalAPISettings.h"
-#include "batch/BatchViewModel.h"
-#include "records/JSONFileStore.h"
 #include "tests/api/ApiTestSupport.h"
-#include "tests/support/RawHTTPClient.h"
 
 namespace quillane {
 namespace {
@@ -26,11 +20,9 @@ using testing::spinUntil;
 class ControllerTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    ASSERT_TRUE(dir_.isValid());
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir_.filePath("config"));
     JSONFileStore::setFolderForTesting(dir_.filePath("data"));
-    BatchViewModel::Options options;
-    options.restoreSession = false;
-    model_ = std::make_unique<BatchViewModel>(options);
   }
   void TearDown() override {
     controller_.reset();
@@ -38,12 +30,20 @@ class ControllerTest : public ::testing::Test {
     JSONFileStore::setFolderForTesting(QString());
   }
   LocalAPIController& make() {
+    BatchViewModel::Options options;
+    options.restoreSession = false;
+    model_ = std::make_unique<BatchViewModel>(options);
     controller_ = std::make_unique<LocalAPIController>(*model_);
     return *controller_;
   }
-  int statusCode(int port) {
+  static int statusCode(int port) {
     std::string request = testing::buildRequest("GET", "/v1/status", LocalAPISettings::token().toStdString());
     return testing::offThread([&] { return testing::httpExchange(port, request); }).status;
+  }
+  static unsigned fileMode() {
+    struct stat info {};
+    ::stat(QFile::encodeName(LocalAPISettings::store()->fileName()).constData(), &info);
+    return info.st_mode & 0777;
   }
 
   QTemporaryDir dir_;
@@ -51,68 +51,60 @@ class ControllerTest : public ::testing::Test {
   std::unique_ptr<LocalAPIController> controller_;
 };
 
-// A listening socket that holds a port for the length of a test.
-class PortBlocker {
- public:
-  PortBlocker() {
-    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::listen(fd_, 1);
-    socklen_t length = sizeof address;
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+TEST_F(ControllerTest, TheTokenHasItsFormAndIsKeptInAFileOnlyItsOwnerCanRead) {
+  std::set<QString> seen;
+  for (int i = 0; i < 200; ++i) {
+    auto token = LocalAPISettings::generateToken();
+    ASSERT_TRUE(token && QRegularExpression("^qlne_[A-Za-z0-9_-]{43}$").match(*token).hasMatch());
+    seen.insert(*token);
   }
-  ~PortBlocker() { ::close(fd_); }
-  int port() const { return port_; }
+  EXPECT_EQ(seen.size(), 200u);
 
- private:
-  int fd_ = -1;
-  int port_ = 0;
-};
+  QString first = LocalAPISettings::token();
+  EXPECT_EQ(LocalAPISettings::token(), first);
+  EXPECT_TRUE(LocalAPISettings::store()->fileName().endsWith(QStringLiteral("config/Quillane/Quillane.conf")));
+  EXPECT_EQ(fileMode(), 0600u);
+  LocalAPISettings::setPort(8080);
+  EXPECT_EQ(fileMode(), 0600u) << "later writes keep the mode";
+  // Missing or empty is replaced; any other value is kept.
+  LocalAPISettings::store()->remove(LocalAPISettings::tokenKey);
+  QString second = LocalAPISettings::token();
+  EXPECT_NE(second, first);
+  LocalAPISettings::setToken(QString());
+  EXPECT_NE(LocalAPISettings::token(), second);
+  EXPECT_FALSE(LocalAPISettings::token().isEmpty());
+  LocalAPISettings::setToken(QStringLiteral("not-in-the-usual-form"));
+  EXPECT_EQ(LocalAPISettings::token(), QStringLiteral("not-in-the-usual-form"));
+}
 
-TEST_F(ControllerTest, EnabledStartsOnTheStoredPortAndRestartsOnANewOne) {
-  int first = testing::freeLocalPort();
+TEST_F(ControllerTest, ReportsAFailedBindAndRunsOnTheStoredPortOnceReady) {
+  QTcpServer blocker;
+  ASSERT_TRUE(blocker.listen(QHostAddress::LocalHost, 0));
   LocalAPISettings::setEnabled(true);
+  LocalAPISettings::setPort(blocker.serverPort());
+  auto& controller = make();  // enabled: it starts by itself
+  ASSERT_TRUE(spinUntil([&] { return controller.lastError().has_value(); }, 5s));
+  EXPECT_FALSE(controller.isRunning());
+  controller.stop();
+  EXPECT_TRUE(controller.lastError().has_value()) << "the error outlives the stop";
+
+  int first = testing::freeLocalPort();
   LocalAPISettings::setPort(first);
-  auto& controller = make();
   QSignalSpy running(&controller, &LocalAPIController::isRunningChanged);
+  controller.start();
   EXPECT_FALSE(controller.isRunning()) << "running only once the listener is ready";
   ASSERT_TRUE(spinUntil([&] { return controller.isRunning(); }, 5s));
-  EXPECT_EQ(controller.boundPort(), first);
+  EXPECT_EQ(controller.lastError(), std::nullopt) << "cleared by the next ready";
   EXPECT_EQ(statusCode(first), 200);
 
   int second = testing::freeLocalPort();
   LocalAPISettings::setPort(second);
   controller.start();
   controller.start();  // twice in a row still leaves one listener
-  ASSERT_TRUE(spinUntil([&] { return controller.isRunning(); }, 5s));
-  EXPECT_EQ(controller.boundPort(), second);
+  ASSERT_TRUE(spinUntil([&] { return controller.isRunning() && controller.boundPort() == second; }, 5s));
   EXPECT_EQ(statusCode(second), 200);
   EXPECT_FALSE(testing::RawConnection(first).connected());
   EXPECT_GE(running.count(), 3);
-}
-
-TEST_F(ControllerTest, AFailedBindIsReportedAndTheErrorOutlivesTheStop) {
-  PortBlocker blocker;
-  LocalAPISettings::setPort(blocker.port());
-  auto& controller = make();
-  controller.start();
-  ASSERT_TRUE(spinUntil([&] { return controller.lastError().has_value(); }, 5s));
-  EXPECT_FALSE(controller.isRunning());
-  EXPECT_FALSE(controller.lastError()->isEmpty());
-  controller.stop();
-  EXPECT_TRUE(controller.lastError().has_value());
-
-  // The next ready clears it.
-  LocalAPISettings::setPort(testing::freeLocalPort());
-  controller.start();
-  ASSERT_TRUE(spinUntil([&] { return controller.isRunning(); }, 5s));
-  EXPECT_EQ(controller.lastError(), std::nullopt);
-  controller.stop();
-  EXPECT_FALSE(controller.isRunning());
 }
 
 }  // namespace
