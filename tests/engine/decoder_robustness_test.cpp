@@ -70,8 +70,7 @@ TEST_P(DamagedFiles, TruncationAndFlippedBytesOnlyEverFailCleanly) {
   for (int i = 1; i < 40; ++i) cuts.push_back(file.size() * size_t(i) / 40);
   cuts.push_back(file.size() - 1);
   for (size_t n : cuts) {
-    Bytes cut(file.begin(), file.begin() + std::ptrdiff_t(n));
-    readEverything(cut, std::string(GetParam().name) + " cut at " + std::to_string(n));
+    readEverything(std::span(file).first(n), std::string(GetParam().name) + " cut at " + std::to_string(n));
   }
 
   // Flips: single bytes and short runs, in the header and in the coded data.
@@ -84,10 +83,8 @@ TEST_P(DamagedFiles, TruncationAndFlippedBytesOnlyEverFailCleanly) {
     readEverything(damaged, std::string(GetParam().name) + " flipped at " + std::to_string(at));
   }
 
-  std::string out = ::testing::internal::GetCapturedStdout();
-  std::string err = ::testing::internal::GetCapturedStderr();
-  EXPECT_EQ(out, "");
-  EXPECT_EQ(err, "");
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryFormat, DamagedFiles, ::testing::ValuesIn(kSamples),
@@ -125,15 +122,23 @@ TEST(OversizedHeaders, AreRefusedBeforeAnyPixelMemory) {
   expectRefusedForSize(jpeg);
 }
 
-TEST(EmptyInput, FailsEverywhere) {
+TEST(EmptyAndMissingInput, FailsEverywhere) {
   const Bytes empty;
   EXPECT_THROW(ImageDecoder::decodeCGImageSource(empty), ImageProcessingError);
   EXPECT_FALSE(ImageService::properties(empty));
   EXPECT_FALSE(ImageDecoder::loadPreview(empty, 64));
   testing::TempDir dir;
   testing::writeBytes(dir.file("empty.jpg"), empty);
-  EXPECT_THROW(ImageDecoder::inspect(dir.file("empty.jpg")), ImageProcessingError);
-  EXPECT_EQ(ImageDecoder::fileSize(dir.file("empty.jpg")), 0);
+  for (const std::string& path : {dir.file("empty.jpg"), dir.file("missing.png")}) {
+    EXPECT_EQ(ImageDecoder::fileSize(path), 0);
+    EXPECT_FALSE(ImageDecoder::loadPreview(path, 64));
+    try {
+      ImageDecoder::inspect(path);
+      ADD_FAILURE() << "inspected " << path;
+    } catch (const ImageProcessingError& e) {
+      EXPECT_EQ(e.kind(), ImageProcessingError::Kind::decodingFailed);
+    }
+  }
 }
 
 }  // namespace

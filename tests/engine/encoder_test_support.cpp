@@ -2,9 +2,7 @@
 
 #include <jxl/decode.h>
 #include <jxl/decode_cxx.h>
-#include <lcms2.h>
 #include <png.h>
-#include <turbojpeg.h>
 #include <webp/decode.h>
 #include <zlib.h>
 
@@ -12,51 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "tests/support/TestImages.h"
-
 namespace quillane::testing {
 namespace {
 
 uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
 uint32_t le32(const uint8_t* p) { return uint32_t(p[3]) << 24 | uint32_t(p[2]) << 16 | uint32_t(p[1]) << 8 | p[0]; }
 
-Bytes saveProfile(cmsHPROFILE profile) {
-  cmsUInt32Number size = 0;
-  cmsSaveProfileToMem(profile, nullptr, &size);
-  Bytes out(size);
-  cmsSaveProfileToMem(profile, out.data(), &size);
-  cmsCloseProfile(profile);
-  return out;
-}
-
-// An EXIF APP1 segment whose IFD0 holds only the orientation, big-endian.
-Bytes exifSegment(int orientation) {
-  const Bytes tiff = {'M', 'M', 0, 42, 0, 0, 0, 8,  // header, IFD0 at 8
-                      0, 1,                          // one entry
-                      0x01, 0x12, 0, 3, 0, 0, 0, 1, 0, uint8_t(orientation), 0, 0,
-                      0, 0, 0, 0};                   // no next IFD
-  Bytes payload = {'E', 'x', 'i', 'f', 0, 0};
-  payload.insert(payload.end(), tiff.begin(), tiff.end());
-  const size_t length = payload.size() + 2;
-  Bytes segment = {0xFF, 0xE1, uint8_t(length >> 8), uint8_t(length)};
-  segment.insert(segment.end(), payload.begin(), payload.end());
-  return segment;
-}
-
 }  // namespace
-
-Bytes displayP3Profile() {
-  const cmsCIExyY d65 = {0.3127, 0.3290, 1.0};
-  const cmsCIExyYTRIPLE primaries = {{0.680, 0.320, 1.0}, {0.265, 0.690, 1.0}, {0.150, 0.060, 1.0}};
-  const cmsFloat64Number srgbCurve[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
-  cmsToneCurve* curve = cmsBuildParametricToneCurve(nullptr, 4, srgbCurve);
-  cmsToneCurve* curves[3] = {curve, curve, curve};
-  cmsHPROFILE profile = cmsCreateRGBProfile(&d65, &primaries, curves);
-  cmsFreeToneCurve(curve);
-  return saveProfile(profile);
-}
-
-Bytes srgbProfile() { return saveProfile(cmsCreate_sRGBProfile()); }
 
 std::vector<Chunk> pngChunks(std::span<const uint8_t> png) {
   std::vector<Chunk> chunks;
@@ -169,17 +129,11 @@ std::optional<DecodedJXL> decodeJXL(std::span<const uint8_t> jxl) {
         }
         break;
       }
-      case JXL_DEC_JPEG_RECONSTRUCTION:
+      case JXL_DEC_JPEG_RECONSTRUCTION:  // a JPEG is never much larger than its repackaging
         reconstructing = true;
-        jpegBuffer.resize(1 << 16);
+        jpegBuffer.resize(jxl.size() * 2 + 65536);
         JxlDecoderSetJPEGBuffer(dec.get(), jpegBuffer.data(), jpegBuffer.size());
         break;
-      case JXL_DEC_JPEG_NEED_MORE_OUTPUT: {
-        const size_t used = jpegBuffer.size() - JxlDecoderReleaseJPEGBuffer(dec.get());
-        jpegBuffer.resize(jpegBuffer.size() * 2);
-        JxlDecoderSetJPEGBuffer(dec.get(), jpegBuffer.data() + used, jpegBuffer.size() - used);
-        break;
-      }
       case JXL_DEC_NEED_IMAGE_OUT_BUFFER:
         out.image.rgba.resize(size_t(out.image.width) * size_t(out.image.height) * 4);
         if (JxlDecoderSetImageOutBuffer(dec.get(), &format, out.image.rgba.data(), out.image.rgba.size()) !=
@@ -206,33 +160,6 @@ int maxDifference(const Bytes& a, const Bytes& b) {
   int worst = 0;
   for (size_t i = 0; i < a.size(); ++i) worst = std::max(worst, std::abs(int(a[i]) - int(b[i])));
   return worst;
-}
-
-Bytes makeJPEG(int width, int height, bool progressive, int orientation, bool grey) {
-  const RGBABuffer source = makeBuffer(width, height, Pattern::photo, 7);
-  const int channels = grey ? 1 : 3;
-  Bytes samples(size_t(width) * size_t(height) * size_t(channels));
-  for (size_t i = 0, n = size_t(width) * size_t(height); i < n; ++i)
-    for (int c = 0; c < channels; ++c) samples[i * size_t(channels) + size_t(c)] = source.pixels[i * 4 + size_t(c)];
-  tjhandle handle = tjInitCompress();
-  unsigned char* jpeg = nullptr;
-  unsigned long size = 0;
-  const int flags = progressive ? TJFLAG_PROGRESSIVE : 0;
-  const int status = tjCompress2(handle, samples.data(), width, 0, height, grey ? TJPF_GRAY : TJPF_RGB, &jpeg, &size,
-                                 grey ? TJSAMP_GRAY : TJSAMP_420, 85, flags);
-  Bytes out;
-  if (status == 0) {
-    out.assign(jpeg, jpeg + size);
-    if (orientation > 1) {
-      const Bytes exif = exifSegment(orientation);
-      size_t at = 2;  // after SOI, and after the JFIF APP0 that TurboJPEG writes
-      if (out[at] == 0xFF && out[at + 1] == 0xE0) at += 2 + (size_t(out[at + 2]) << 8 | out[at + 3]);
-      out.insert(out.begin() + ptrdiff_t(at), exif.begin(), exif.end());
-    }
-  }
-  tjFree(jpeg);
-  tjDestroy(handle);
-  return out;
 }
 
 }  // namespace quillane::testing

@@ -4,6 +4,7 @@
 #include "engine/Errors.h"
 #include "engine/PNGWriter.h"
 #include "tests/engine/encoder_test_support.h"
+#include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane::testing {
@@ -40,19 +41,17 @@ TEST(PngLossless, RoundTripsExactlyAtEveryEffort) {
       }
 }
 
-TEST(PngLossless, EffortZeroUsesPaethOnEveryRowAndOtherwiseFiltersAreTried) {
+TEST(PngLossless, EffortZeroUsesPaethEverywhereOtherwiseFiltersAreChosenPerRow) {
   const RGBABuffer rgba = makeBuffer(30, 12, Pattern::gradient);
   for (uint8_t f : filterBytes(PNGQuantEncoder::encodeLossless(rgba, planWithEffort(0)), 30 * 3, 12)) EXPECT_EQ(f, 4);
   // A smooth gradient never scores best unfiltered below its first row.
   const auto tried = filterBytes(PNGQuantEncoder::encodeLossless(rgba, planWithEffort(1)), 30 * 3, 12);
   ASSERT_EQ(tried.size(), 12u);
   for (size_t y = 1; y < tried.size(); ++y) EXPECT_NE(tried[y], 0) << "row " << y;
-}
-
-TEST(PngLossless, AllBlackFirstRowTakesFilterNone) {
-  RGBABuffer rgba = makeBuffer(8, 4, Pattern::photo);
-  for (size_t i = 0; i < 8 * 4; i += 4) rgba.pixels[i] = rgba.pixels[i + 1] = rgba.pixels[i + 2] = 0;
-  EXPECT_EQ(filterBytes(PNGQuantEncoder::encodeLossless(rgba, planWithEffort(2)), 8 * 3, 4).at(0), 0);
+  // An all-black first row scores 0 unfiltered, which ties with every filter: none wins.
+  RGBABuffer black = makeBuffer(8, 4, Pattern::photo);
+  for (size_t i = 0; i < 8 * 4; i += 4) black.pixels[i] = black.pixels[i + 1] = black.pixels[i + 2] = 0;
+  EXPECT_EQ(filterBytes(PNGQuantEncoder::encodeLossless(black, planWithEffort(2)), 8 * 3, 4).at(0), 0);
 }
 
 TEST(PngPalette, DecodesCloseToTheSourceWithTransparency) {
@@ -87,11 +86,11 @@ TEST(PngEncode, PrefersLosslessRoutesToTruecolour) {
 
 TEST(PngEncode, WideGamutProfileReachesICCChunkAndSRGBAddsNone) {
   RGBABuffer rgba = makeBuffer(16, 16, Pattern::photo);
-  rgba.colorSpace = ColorSpace::fromICC(srgbProfile());
+  rgba.colorSpace = ColorSpace::fromICC(fixtures::srgbICC());
   EXPECT_EQ(findChunk(pngChunks(PNGQuantEncoder::encodeLossless(rgba, planWithEffort(2))), "iCCP"), nullptr);
   EXPECT_EQ(findChunk(pngChunks(PNGQuantEncoder::encodePalette(rgba, planWithEffort(2))), "iCCP"), nullptr);
 
-  rgba.colorSpace = ColorSpace::fromICC(displayP3Profile());
+  rgba.colorSpace = ColorSpace::fromICC(fixtures::displayP3ICC());
   for (const Bytes& png : {PNGQuantEncoder::encodeLossless(rgba, planWithEffort(2)),
                            PNGQuantEncoder::encodePalette(rgba, planWithEffort(2))}) {
     const auto types = chunkTypes(pngChunks(png));

@@ -8,7 +8,7 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <cstring>
+#include <cmath>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -18,9 +18,11 @@ namespace {
 
 const uint8_t kColours[4][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}};
 
-void put16be(Bytes& out, uint16_t v) { out.push_back(uint8_t(v >> 8)), out.push_back(uint8_t(v)); }
-void put32be(Bytes& out, uint32_t v) {
-  for (int s = 24; s >= 0; s -= 8) out.push_back(uint8_t(v >> s));
+void put16be(Bytes& out, uint16_t v) { out.insert(out.end(), {uint8_t(v >> 8), uint8_t(v)}); }
+void put32be(Bytes& out, uint32_t v) { put16be(out, uint16_t(v >> 16)), put16be(out, uint16_t(v)); }
+
+uint16_t sample(const DecodedImage& image, size_t index) {
+  return image.bitsPerComponent == 16 ? image.pixels16[index] : image.pixels8[index];
 }
 
 Bytes saveProfile(cmsHPROFILE profile) {
@@ -32,7 +34,164 @@ Bytes saveProfile(cmsHPROFILE profile) {
   return icc;
 }
 
-// --- PNG chunks ---
+}  // namespace
+
+DecodedImage quadrants(int width, int height, int bitsPerComponent, bool alpha) {
+  DecodedImage image;
+  image.width = width, image.height = height, image.bitsPerComponent = bitsPerComponent;
+  image.alpha = alpha ? AlphaInfo::straight : AlphaInfo::none;
+  if (bitsPerComponent == 16)
+    image.pixels16.resize(image.pixelCount() * 4);
+  else
+    image.pixels8.resize(image.pixelCount() * 4);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      int q = (y >= height / 2 ? 2 : 0) + (x >= width / 2 ? 1 : 0);
+      size_t i = (size_t(y) * size_t(width) + size_t(x)) * 4;
+      for (size_t c = 0; c < 4; ++c) {
+        uint8_t v = c < 3 ? kColours[q][c] : alpha && q == 0 ? 128 : 255;
+        if (bitsPerComponent == 16)
+          image.pixels16[i + c] = uint16_t(v * 257);
+        else
+          image.pixels8[i + c] = v;
+      }
+    }
+  return image;
+}
+
+int quadrantAt(const DecodedImage& image, Corner corner) {
+  bool left = corner == Corner::topLeft || corner == Corner::bottomLeft;
+  bool top = corner == Corner::topLeft || corner == Corner::topRight;
+  int x = left ? image.width / 4 : image.width * 3 / 4, y = top ? image.height / 4 : image.height * 3 / 4;
+  size_t i = (size_t(y) * size_t(image.width) + size_t(x)) * 4;
+  double scale = image.bitsPerComponent == 16 ? 257.0 : 1.0, bestDistance = 1e18;
+  int best = 0;
+  for (int q = 0; q < 4; ++q) {
+    double d = 0;
+    for (size_t c = 0; c < 3; ++c) d += std::pow(sample(image, i + c) / scale - kColours[q][c], 2);
+    if (d < bestDistance) bestDistance = d, best = q;
+  }
+  return best;
+}
+
+Bytes exifBlock(int orientation, bool jpegPrefix) {
+  Bytes out = {'I', 'I', 0x2A, 0, 8, 0, 0, 0,  // header, IFD0 at 8
+               1, 0,                           // one entry: Orientation, SHORT, count 1
+               0x12, 0x01, 3, 0, 1, 0, 0, 0, uint8_t(orientation), 0, 0, 0,
+               0, 0, 0, 0};                    // no next IFD
+  if (jpegPrefix) out.insert(out.begin(), {'E', 'x', 'i', 'f', 0, 0});
+  return out;
+}
+
+Bytes displayP3ICC(bool large) {
+  cmsCIExyY white = {0.3127, 0.3290, 1.0};
+  cmsCIExyYTRIPLE primaries = {{0.680, 0.320, 1}, {0.265, 0.690, 1}, {0.150, 0.060, 1}};
+  const double p[5] = {2.4, 1.0 / 1.055, 0.055 / 1.055, 1.0 / 12.92, 0.04045};
+  cmsToneCurve* parametric = cmsBuildParametricToneCurve(nullptr, 4, p);
+  cmsToneCurve* curves[3] = {parametric, parametric, parametric};
+  for (int c = 0; large && c < 3; ++c) {  // three distinct tables of 20000 entries: about 120 kB
+    std::vector<cmsUInt16Number> values(20000);
+    for (size_t i = 0; i < values.size(); ++i)
+      values[i] = cmsUInt16Number(std::min(65535.0, cmsEvalToneCurveFloat(parametric, float(i) / 19999) * 65535.0 + c));
+    curves[c] = cmsBuildTabulatedToneCurve16(nullptr, cmsUInt32Number(values.size()), values.data());
+  }
+  cmsHPROFILE profile = cmsCreateRGBProfile(&white, &primaries, curves);
+  for (int c = 0; large && c < 3; ++c) cmsFreeToneCurve(curves[c]);
+  cmsFreeToneCurve(parametric);
+  return saveProfile(profile);
+}
+
+Bytes srgbICC() { return saveProfile(cmsCreate_sRGBProfile()); }
+
+Bytes greyICC() {
+  cmsToneCurve* curve = cmsBuildGamma(nullptr, 2.2);
+  cmsHPROFILE profile = cmsCreateGrayProfile(cmsD50_xyY(), curve);
+  cmsFreeToneCurve(curve);
+  return saveProfile(profile);
+}
+
+Bytes cmykICC(bool cyanPrintsRed) {
+  // CMYK -> Lab through a 2x2x2x2 grid whose nodes hold the Lab of the plain ink formula.
+  cmsHPROFILE srgb = cmsCreate_sRGBProfile(), lab = cmsCreateLab4Profile(nullptr);
+  cmsHTRANSFORM toLab = cmsCreateTransform(srgb, TYPE_RGB_8, lab, TYPE_Lab_DBL, INTENT_PERCEPTUAL, 0);
+  cmsUInt16Number table[16 * 3];
+  for (int node = 0; node < 16; ++node) {
+    int c = (node >> 3) & 1, m = (node >> 2) & 1, y = (node >> 1) & 1, k = node & 1;
+    uint8_t rgb[3] = {uint8_t(255 * (1 - c) * (1 - k)), uint8_t(255 * (1 - m) * (1 - k)), uint8_t(255 * (1 - y) * (1 - k))};
+    if (cyanPrintsRed && node == 8) rgb[0] = 255, rgb[1] = 0, rgb[2] = 0;
+    cmsCIELab value;
+    cmsDoTransform(toLab, rgb, &value, 1);
+    cmsFloat2LabEncoded(&table[node * 3], &value);
+  }
+  cmsDeleteTransform(toLab);
+  cmsCloseProfile(lab), cmsCloseProfile(srgb);
+
+  cmsHPROFILE profile = cmsCreateProfilePlaceholder(nullptr);
+  cmsSetProfileVersion(profile, 4.3);
+  cmsSetDeviceClass(profile, cmsSigInputClass);
+  cmsSetColorSpace(profile, cmsSigCmykData);
+  cmsSetPCS(profile, cmsSigLabData);
+  // lcms2 saves an AToB pipeline only in the A curves, CLUT, B curves shape.
+  cmsPipeline* pipeline = cmsPipelineAlloc(nullptr, 4, 3);
+  cmsPipelineInsertStage(pipeline, cmsAT_END, cmsStageAllocToneCurves(nullptr, 4, nullptr));
+  cmsPipelineInsertStage(pipeline, cmsAT_END, cmsStageAllocCLut16bit(nullptr, 2, 4, 3, table));
+  cmsPipelineInsertStage(pipeline, cmsAT_END, cmsStageAllocToneCurves(nullptr, 3, nullptr));
+  cmsWriteTag(profile, cmsSigAToB0Tag, pipeline);
+  cmsWriteTag(profile, cmsSigMediaWhitePointTag, cmsD50_XYZ());
+  cmsPipelineFree(pipeline);
+  return saveProfile(profile);
+}
+
+namespace {
+// TurboJPEG output with APP1 (EXIF) and APP2 (ICC) markers inserted after SOI and JFIF APP0.
+Bytes compressTurbo(const uint8_t* pixels, int width, int height, int pixelFormat, int subsampling,
+                    const JpegOptions& options) {
+  std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitCompress(), tjDestroy);
+  unsigned char* data = nullptr;
+  unsigned long size = 0;
+  int flags = TJFLAG_ACCURATEDCT | (options.progressive ? TJFLAG_PROGRESSIVE : 0);
+  if (!handle || tjCompress2(handle.get(), pixels, width, 0, height, pixelFormat, &data, &size, subsampling,
+                             options.quality, flags) != 0)
+    throw std::runtime_error("tjCompress2");
+  size_t at = size > 6 && data[2] == 0xFF && data[3] == 0xE0 ? 4 + (size_t(data[4]) << 8 | data[5]) : 2;
+  Bytes out(data, data + at);
+  auto marker = [&](uint8_t code, const Bytes& payload) {
+    out.insert(out.end(), {0xFF, code});
+    put16be(out, uint16_t(payload.size() + 2));
+    out.insert(out.end(), payload.begin(), payload.end());
+  };
+  if (options.orientation) marker(0xE1, exifBlock(*options.orientation, true));
+  const Bytes& icc = options.icc;
+  const size_t perMarker = 65519, count = (icc.size() + perMarker - 1) / perMarker;
+  for (size_t i = 0; i < count; ++i) {
+    Bytes payload = {'I', 'C', 'C', '_', 'P', 'R', 'O', 'F', 'I', 'L', 'E', 0, uint8_t(i + 1), uint8_t(count)};
+    auto begin = icc.begin() + std::ptrdiff_t(i * perMarker);
+    payload.insert(payload.end(), begin, begin + std::ptrdiff_t(std::min(perMarker, icc.size() - i * perMarker)));
+    marker(0xE2, payload);
+  }
+  out.insert(out.end(), data + at, data + size);
+  tjFree(data);
+  return out;
+}
+}  // namespace
+
+Bytes jpeg(const DecodedImage& image, const JpegOptions& options) {
+  Bytes samples(image.pixelCount() * (options.grey ? 1 : 4));
+  for (size_t i = 0; i < samples.size(); ++i) {
+    size_t at = options.grey ? i * 4 : i;
+    samples[i] = uint8_t(image.bitsPerComponent == 16 ? image.pixels16[at] >> 8 : image.pixels8[at]);
+  }
+  return options.grey ? compressTurbo(samples.data(), image.width, image.height, TJPF_GRAY, TJSAMP_GRAY, options)
+                      : compressTurbo(samples.data(), image.width, image.height, TJPF_RGBA, TJSAMP_444, options);
+}
+
+Bytes cmykJpeg(int width, int height, const Bytes& cmyk, const Bytes& icc) {
+  Bytes inverted(cmyk.size());
+  std::transform(cmyk.begin(), cmyk.end(), inverted.begin(), [](uint8_t v) { return uint8_t(255 - v); });
+  return compressTurbo(inverted.data(), width, height, TJPF_CMYK, TJSAMP_444, {.icc = icc});
+}
+
+namespace {
 void chunk(Bytes& out, const char* type, const Bytes& payload) {
   put32be(out, uint32_t(payload.size()));
   size_t start = out.size();
@@ -48,249 +207,44 @@ Bytes deflate(const Bytes& raw) {
   out.resize(size);
   return out;
 }
-
-uint16_t sample(const DecodedImage& image, size_t index) {
-  return image.bitsPerComponent == 16 ? image.pixels16[index] : image.pixels8[index];
-}
-
 }  // namespace
-
-DecodedImage quadrants(int width, int height, int bitsPerComponent, bool alpha) {
-  DecodedImage image;
-  image.width = width;
-  image.height = height;
-  image.bitsPerComponent = bitsPerComponent;
-  image.alpha = alpha ? AlphaInfo::straight : AlphaInfo::none;
-  size_t count = image.pixelCount() * 4;
-  if (bitsPerComponent == 16)
-    image.pixels16.resize(count);
-  else
-    image.pixels8.resize(count);
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) {
-      int q = (y >= height / 2 ? 2 : 0) + (x >= width / 2 ? 1 : 0);
-      size_t i = (size_t(y) * size_t(width) + size_t(x)) * 4;
-      uint8_t a = alpha && q == 0 ? 128 : 255;
-      for (int c = 0; c < 4; ++c) {
-        uint8_t v = c < 3 ? kColours[q][c] : a;
-        if (bitsPerComponent == 16)
-          image.pixels16[i + size_t(c)] = uint16_t(v * 257);
-        else
-          image.pixels8[i + size_t(c)] = v;
-      }
-    }
-  return image;
-}
-
-int quadrantAt(const DecodedImage& image, Corner corner) {
-  int x = corner == Corner::topLeft || corner == Corner::bottomLeft ? image.width / 4 : image.width * 3 / 4;
-  int y = corner == Corner::topLeft || corner == Corner::topRight ? image.height / 4 : image.height * 3 / 4;
-  size_t i = (size_t(y) * size_t(image.width) + size_t(x)) * 4;
-  double scale = image.bitsPerComponent == 16 ? 257.0 : 1.0;
-  int best = 0;
-  double bestDistance = 1e18;
-  for (int q = 0; q < 4; ++q) {
-    double d = 0;
-    for (int c = 0; c < 3; ++c) {
-      double diff = sample(image, i + size_t(c)) / scale - kColours[q][c];
-      d += diff * diff;
-    }
-    if (d < bestDistance) bestDistance = d, best = q;
-  }
-  return best;
-}
-
-int quadrantColour(Corner corner) { return int(corner); }
-
-Bytes exifBlock(int orientation, bool jpegPrefix) {
-  const uint8_t tiff[] = {'I', 'I', 0x2A, 0, 8, 0, 0, 0,  // header, IFD0 at 8
-                          1, 0,                           // one entry
-                          0x12, 0x01, 3, 0, 1, 0, 0, 0,   // Orientation, SHORT, count 1
-                          uint8_t(orientation), 0, 0, 0,  // value
-                          0, 0, 0, 0};                    // no next IFD
-  const uint8_t prefix[] = {'E', 'x', 'i', 'f', 0, 0};
-  Bytes out;
-  out.reserve(sizeof prefix + sizeof tiff);
-  for (uint8_t b : prefix)
-    if (jpegPrefix) out.push_back(b);
-  for (uint8_t b : tiff) out.push_back(b);
-  return out;
-}
-
-Bytes displayP3ICC(bool large) {
-  cmsCIExyY white = {0.3127, 0.3290, 1.0};
-  cmsCIExyYTRIPLE primaries = {{0.680, 0.320, 1}, {0.265, 0.690, 1}, {0.150, 0.060, 1}};
-  const double p[5] = {2.4, 1.0 / 1.055, 0.055 / 1.055, 1.0 / 12.92, 0.04045};
-  cmsToneCurve* parametric = cmsBuildParametricToneCurve(nullptr, 4, p);
-  cmsToneCurve* curves[3] = {parametric, parametric, parametric};
-  std::vector<cmsToneCurve*> tables;
-  if (large) {
-    // Three distinct 16-bit tables of 20000 entries: about 120 kB of curves.
-    for (int c = 0; c < 3; ++c) {
-      std::vector<cmsUInt16Number> values(20000);
-      for (size_t i = 0; i < values.size(); ++i)
-        values[i] = cmsUInt16Number(std::min(65535.0, double(cmsEvalToneCurveFloat(parametric, float(i) / 19999)) * 65535 + c));
-      tables.push_back(cmsBuildTabulatedToneCurve16(nullptr, cmsUInt32Number(values.size()), values.data()));
-      curves[c] = tables.back();
-    }
-  }
-  cmsHPROFILE profile = cmsCreateRGBProfile(&white, &primaries, curves);
-  cmsFreeToneCurve(parametric);
-  for (cmsToneCurve* t : tables) cmsFreeToneCurve(t);
-  return saveProfile(profile);
-}
-
-Bytes srgbICC() { return saveProfile(cmsCreate_sRGBProfile()); }
-
-Bytes greyICC() {
-  cmsToneCurve* curve = cmsBuildGamma(nullptr, 2.2);
-  cmsHPROFILE profile = cmsCreateGrayProfile(cmsD50_xyY(), curve);
-  cmsFreeToneCurve(curve);
-  return saveProfile(profile);
-}
-
-Bytes cmykICC(bool cyanPrintsRed) {
-  // CMYK -> Lab through a 2x2x2x2 grid whose nodes hold the Lab of the plain ink formula.
-  cmsHPROFILE srgb = cmsCreate_sRGBProfile();
-  cmsHPROFILE lab = cmsCreateLab4Profile(nullptr);
-  cmsHTRANSFORM toLab = cmsCreateTransform(srgb, TYPE_RGB_8, lab, TYPE_Lab_DBL, INTENT_PERCEPTUAL, 0);
-  cmsUInt16Number table[16 * 3];
-  for (int node = 0; node < 16; ++node) {
-    int c = (node >> 3) & 1, m = (node >> 2) & 1, y = (node >> 1) & 1, k = node & 1;
-    uint8_t rgb[3] = {uint8_t(255 * (1 - c) * (1 - k)), uint8_t(255 * (1 - m) * (1 - k)), uint8_t(255 * (1 - y) * (1 - k))};
-    if (cyanPrintsRed && c == 1 && m == 0 && y == 0 && k == 0) rgb[0] = 255, rgb[1] = 0, rgb[2] = 0;
-    cmsCIELab value;
-    cmsDoTransform(toLab, rgb, &value, 1);
-    cmsFloat2LabEncoded(&table[node * 3], &value);
-  }
-  cmsDeleteTransform(toLab);
-  cmsCloseProfile(lab);
-  cmsCloseProfile(srgb);
-
-  cmsHPROFILE profile = cmsCreateProfilePlaceholder(nullptr);
-  cmsSetProfileVersion(profile, 4.3);
-  cmsSetDeviceClass(profile, cmsSigInputClass);
-  cmsSetColorSpace(profile, cmsSigCmykData);
-  cmsSetPCS(profile, cmsSigLabData);
-  cmsPipeline* pipeline = cmsPipelineAlloc(nullptr, 4, 3);
-  // lcms2 saves an AToB pipeline only in the A curves, CLUT, B curves shape.
-  cmsPipelineInsertStage(pipeline, cmsAT_END, cmsStageAllocToneCurves(nullptr, 4, nullptr));
-  cmsPipelineInsertStage(pipeline, cmsAT_END, cmsStageAllocCLut16bit(nullptr, 2, 4, 3, table));
-  cmsPipelineInsertStage(pipeline, cmsAT_END, cmsStageAllocToneCurves(nullptr, 3, nullptr));
-  cmsWriteTag(profile, cmsSigAToB0Tag, pipeline);
-  cmsWriteTag(profile, cmsSigMediaWhitePointTag, cmsD50_XYZ());
-  cmsPipelineFree(pipeline);
-  return saveProfile(profile);
-}
-
-namespace {
-// Inserts APP1 (EXIF) and APP2 (ICC) markers after SOI and any JFIF APP0.
-Bytes withMarkers(const uint8_t* data, size_t size, const std::optional<int>& orientation, const Bytes& icc) {
-  size_t at = 2;
-  if (size > 6 && data[2] == 0xFF && data[3] == 0xE0) at = 4 + (size_t(data[4]) << 8 | data[5]);
-  Bytes out(data, data + at);
-  auto marker = [&](uint8_t code, const Bytes& payload) {
-    out.push_back(0xFF), out.push_back(code);
-    put16be(out, uint16_t(payload.size() + 2));
-    out.insert(out.end(), payload.begin(), payload.end());
-  };
-  if (orientation) marker(0xE1, exifBlock(*orientation, true));
-  const size_t perMarker = 65519;
-  size_t count = (icc.size() + perMarker - 1) / perMarker;
-  for (size_t i = 0; i < count; ++i) {
-    Bytes payload = {'I', 'C', 'C', '_', 'P', 'R', 'O', 'F', 'I', 'L', 'E', 0, uint8_t(i + 1), uint8_t(count)};
-    size_t begin = i * perMarker, end = std::min(icc.size(), begin + perMarker);
-    payload.insert(payload.end(), icc.begin() + std::ptrdiff_t(begin), icc.begin() + std::ptrdiff_t(end));
-    marker(0xE2, payload);
-  }
-  out.insert(out.end(), data + at, data + size);
-  return out;
-}
-
-Bytes compressTurbo(const uint8_t* pixels, int width, int height, int pixelFormat, int subsampling, int quality,
-                    const std::optional<int>& orientation, const Bytes& icc) {
-  std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitCompress(), tjDestroy);
-  unsigned char* out = nullptr;
-  unsigned long size = 0;
-  if (!handle || tjCompress2(handle.get(), pixels, width, 0, height, pixelFormat, &out, &size, subsampling, quality,
-                             TJFLAG_ACCURATEDCT) != 0)
-    throw std::runtime_error("tjCompress2");
-  Bytes result = withMarkers(out, size, orientation, icc);
-  tjFree(out);
-  return result;
-}
-}  // namespace
-
-Bytes jpeg(const DecodedImage& image, const JpegOptions& options) {
-  DecodedImage eight = image;
-  if (image.bitsPerComponent == 16) {
-    eight.pixels8.resize(image.pixels16.size());
-    for (size_t i = 0; i < image.pixels16.size(); ++i) eight.pixels8[i] = uint8_t(image.pixels16[i] >> 8);
-  }
-  if (options.grey) {
-    Bytes grey(eight.pixelCount());
-    for (size_t i = 0; i < grey.size(); ++i) grey[i] = eight.pixels8[i * 4];
-    return compressTurbo(grey.data(), image.width, image.height, TJPF_GRAY, TJSAMP_GRAY, options.quality,
-                         options.orientation, options.icc);
-  }
-  return compressTurbo(eight.pixels8.data(), image.width, image.height, TJPF_RGBA, TJSAMP_444, options.quality,
-                       options.orientation, options.icc);
-}
-
-Bytes cmykJpeg(int width, int height, const Bytes& cmyk, const Bytes& icc) {
-  Bytes inverted(cmyk.size());
-  for (size_t i = 0; i < cmyk.size(); ++i) inverted[i] = uint8_t(255 - cmyk[i]);
-  return compressTurbo(inverted.data(), width, height, TJPF_CMYK, TJSAMP_444, 95, std::nullopt, icc);
-}
 
 Bytes png(const DecodedImage& image, const PngOptions& options) {
-  const bool wide = image.bitsPerComponent == 16;
-  const bool palette = options.palette && !wide;
-  const uint8_t colourType = palette ? 3 : options.grey ? (options.alpha ? 4 : 0) : (options.alpha ? 6 : 2);
-  Bytes out = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
-  Bytes ihdr;
+  const bool wide = image.bitsPerComponent == 16, palette = options.palette && !wide;
+  const uint8_t colourType = palette ? 3 : uint8_t((options.grey ? 0 : 2) + (options.alpha ? 4 : 0));
+  Bytes out = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A}, ihdr;
   put32be(ihdr, uint32_t(image.width)), put32be(ihdr, uint32_t(image.height));
   ihdr.insert(ihdr.end(), {uint8_t(wide ? 16 : 8), colourType, 0, 0, 0});
   chunk(out, "IHDR", ihdr);
   if (!options.icc.empty()) {
-    Bytes iccp = {'i', 'c', 'c', 0, 0};
-    Bytes z = deflate(options.icc);
+    Bytes iccp = {'i', 'c', 'c', 0, 0}, z = deflate(options.icc);
     iccp.insert(iccp.end(), z.begin(), z.end());
     chunk(out, "iCCP", iccp);
   }
   if (options.orientation && !options.exifAfterData) chunk(out, "eXIf", exifBlock(*options.orientation));
 
   std::map<uint32_t, uint8_t> indexOf;
-  Bytes plte, trns;
-  Bytes raw;
-  for (int y = 0; y < image.height; ++y) {
-    raw.push_back(0);  // filter: none
-    for (int x = 0; x < image.width; ++x) {
-      size_t i = (size_t(y) * size_t(image.width) + size_t(x)) * 4;
-      if (palette) {
-        const uint8_t* p = &image.pixels8[i];
-        uint32_t key = uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-        auto [it, added] = indexOf.emplace(key, uint8_t(std::min<size_t>(indexOf.size(), 255)));
-        if (added && plte.size() < 768) plte.insert(plte.end(), {p[0], p[1], p[2]}), trns.push_back(p[3]);
-        raw.push_back(it->second);
-        continue;
-      }
-      int picks[4] = {0, 1, 2, 3};
-      int n = options.grey ? 1 : 3;
-      if (options.alpha) picks[n++] = 3;
-      for (int c = 0; c < n; ++c) {
-        uint16_t v = sample(image, i + size_t(picks[c]));
-        if (wide)
-          put16be(raw, v);
-        else
-          raw.push_back(uint8_t(v));
-      }
+  Bytes plte, trns, raw;
+  const std::vector<size_t> picks = options.grey ? std::vector<size_t>{0, 3} : std::vector<size_t>{0, 1, 2, 3};
+  for (size_t i = 0; i < image.pixelCount() * 4; i += 4) {
+    if (i % (size_t(image.width) * 4) == 0) raw.push_back(0);  // filter: none
+    if (palette) {
+      const uint8_t* p = &image.pixels8[i];
+      uint32_t key = uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+      auto [it, added] = indexOf.emplace(key, uint8_t(std::min<size_t>(indexOf.size(), 255)));
+      if (added && plte.size() < 768) plte.insert(plte.end(), {p[0], p[1], p[2]}), trns.push_back(p[3]);
+      raw.push_back(it->second);
+      continue;
+    }
+    for (size_t c : picks) {
+      if (c == 3 && !options.alpha) continue;
+      if (wide)
+        put16be(raw, sample(image, i + c));
+      else
+        raw.push_back(uint8_t(sample(image, i + c)));
     }
   }
-  if (palette) {
-    chunk(out, "PLTE", plte);
-    chunk(out, "tRNS", trns);
-  }
+  if (palette) chunk(out, "PLTE", plte), chunk(out, "tRNS", trns);
   chunk(out, "IDAT", deflate(raw));
   if (options.orientation && options.exifAfterData) chunk(out, "eXIf", exifBlock(*options.orientation));
   chunk(out, "IEND", {});

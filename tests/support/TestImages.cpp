@@ -16,9 +16,7 @@ uint8_t clamp8(double v) { return uint8_t(std::lround(std::clamp(v, 0.0, 255.0))
 
 DecodedImage makeImage(int width, int height, Pattern pattern, uint32_t seed, bool withAlpha) {
   DecodedImage img;
-  img.width = width;
-  img.height = height;
-  img.bitsPerComponent = 8;
+  img.width = width, img.height = height;
   img.alpha = withAlpha ? AlphaInfo::straight : AlphaInfo::none;
   img.pixels8.assign(size_t(width) * size_t(height) * 4, 255);
   std::mt19937 rng(seed);
@@ -74,17 +72,10 @@ DecodedImage makeImage(int width, int height, Pattern pattern, uint32_t seed, bo
 }
 
 RGBABuffer makeBuffer(int width, int height, Pattern pattern, uint32_t seed, bool withAlpha) {
-  DecodedImage img = makeImage(width, height, pattern, seed, withAlpha);
   RGBABuffer buf;
-  buf.width = width;
-  buf.height = height;
-  buf.pixels = std::move(img.pixels8);
-  buf.hasAlpha = false;
-  for (size_t i = 3; i < buf.pixels.size(); i += 4)
-    if (buf.pixels[i] < 255) {
-      buf.hasAlpha = true;
-      break;
-    }
+  buf.width = width, buf.height = height;
+  buf.pixels = makeImage(width, height, pattern, seed, withAlpha).pixels8;
+  for (size_t i = 3; i < buf.pixels.size() && !buf.hasAlpha; i += 4) buf.hasAlpha = buf.pixels[i] < 255;
   return buf;
 }
 
