@@ -11,6 +11,7 @@
 #include <QtConcurrent/QtConcurrentRun>
 
 #include <algorithm>
+#include <atomic>
 
 #include "batch/AsyncSemaphore.h"
 #include "batch/BatchViewModelPrivate.h"
@@ -157,7 +158,9 @@ void BatchViewModel::runEncode(const std::shared_ptr<EncodeTask>& task, std::fun
 
 namespace {
 // The first of the work and the watchdog to report settles the encode; the other's report
-// is dropped. Both report on the GUI thread, so a plain flag suffices.
+// is dropped. Both report on the GUI thread, so a plain flag suffices for that. The work
+// also calls the watchdog off from its own thread the moment it ends: a result that is
+// already on its way to a busy GUI thread must not lose to a timeout that fires meanwhile.
 struct EncodeRace {
   bool settled = false;
   QPointer<QTimer> watchdog;
@@ -168,6 +171,7 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
   const std::shared_ptr<ImportedImage> image = task->image;
   const uint64_t generation = ++image->encodeGeneration_;
   auto race = std::make_shared<EncodeRace>();
+  auto workEnded = std::make_shared<std::atomic<bool>>(false);  // set on the pool thread
   auto settle = [this, race, image, generation, done = std::move(done)](const EncodeResult& result) {
     if (race->settled) return;
     race->settled = true;
@@ -182,7 +186,8 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
   watchdog->setSingleShot(true);
   race->watchdog = watchdog;
   const QString label = batchdetail::toQString(ImageFormats::label(task->format));
-  connect(watchdog, &QTimer::timeout, this, [settle, label] {
+  connect(watchdog, &QTimer::timeout, this, [workEnded, settle, label] {
+    if (*workEnded) return;  // the work's result is already queued and wins
     EncodeResult timedOut;
     timedOut.error = QString::fromStdString(ImageProcessingError::encodingFailed(label.toStdString()).description());
     settle(timedOut);
@@ -194,7 +199,7 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
   const ImageFormat format = task->format;
   const double quality = task->quality;
   QtConcurrent::run(encodePool_.get(),
-                    [encoder, path, format, quality, label]() -> EncodeResult {
+                    [workEnded, encoder, path, format, quality, label]() -> EncodeResult {
                       EncodeResult result;
                       try {
                         const std::vector<uint8_t> source = FileIO::readFile(path);
@@ -204,6 +209,7 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
                         result.error = batchdetail::describeCurrentException(QString::fromStdString(
                             ImageProcessingError::encodingFailed(label.toStdString()).description()));
                       }
+                      *workEnded = true;
                       return result;
                     })
       .then(this, [race, settle](const EncodeResult& result) {
