@@ -1,6 +1,7 @@
 #include "engine/FileIO.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +19,26 @@ struct Fd {
   }
 };
 [[noreturn]] void fail(const std::string& path, int err) { throw FileError(path, std::strerror(err)); }
+
+// Creates `path` plus a random suffix, exclusively, with mode 0666 less the umask (as any new
+// file). The umask is never read by changing it: that would briefly widen it for every other
+// thread of the process. Returns the descriptor, or -1 with errno set.
+int createTemporary(const std::string& path, std::string& tmp) {
+  static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    uint8_t random[6] = {};
+    if (::getrandom(random, sizeof random, 0) != ssize_t(sizeof random)) {
+      const auto mixed = uint64_t(::getpid()) * 0x9E3779B97F4A7C15ull ^ uint64_t(attempt) ^ uint64_t(uintptr_t(&tmp));
+      std::memcpy(random, &mixed, sizeof random);
+    }
+    tmp = path + ".";
+    for (uint8_t r : random) tmp += kLetters[r % (sizeof kLetters - 1)];
+    const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd >= 0 || errno != EEXIST) return fd;
+  }
+  errno = EEXIST;
+  return -1;
+}
 }  // namespace
 
 std::vector<uint8_t> readFile(const std::string& path) {
@@ -43,9 +64,9 @@ std::vector<uint8_t> readFile(const std::string& path) {
 }
 
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes) {
-  std::string tmpl = path + ".XXXXXX";
+  std::string tmpl;
   Fd f;
-  f.fd = ::mkostemp(tmpl.data(), O_CLOEXEC);
+  f.fd = createTemporary(path, tmpl);
   if (f.fd < 0) fail(path, errno);
   auto cleanup = [&](int err) {
     ::close(f.fd);
@@ -53,7 +74,6 @@ void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes
     ::unlink(tmpl.c_str());
     fail(path, err);
   };
-  ::fchmod(f.fd, 0644 & ~[] { mode_t m = ::umask(0); ::umask(m); return m; }());
   size_t written = 0;
   while (written < bytes.size()) {
     ssize_t n = ::write(f.fd, bytes.data() + written, bytes.size() - written);
