@@ -39,6 +39,14 @@ std::vector<ExportOutcome> BatchViewModel::exportAll(const QUrl& folder) {
   std::vector<ExportOutcome> outcomes;
   ExportFilenameAllocator allocator;
   const QDir directory(folder.toLocalFile());
+  // A folder that is not a local one gets destinations that fail to write, row by row,
+  // rather than names resolved against the working directory.
+  auto destinationFor = [&](const QString& name) {
+    if (folder.isLocalFile()) return QUrl::fromLocalFile(directory.filePath(name));
+    QUrl url = folder;
+    url.setPath(folder.path() + (folder.path().endsWith(u'/') ? "" : "/") + name);
+    return url;
+  };
   const QString extension = batchdetail::toQString(ImageFormats::fileExtension(outputFormat_));
   const ImageList snapshot = images_;
   for (const auto& image : snapshot) {
@@ -47,7 +55,7 @@ std::vector<ExportOutcome> BatchViewModel::exportAll(const QUrl& folder) {
       outcome.errorDescription = image->exportError() ? *image->exportError() : notEncodedDescription(*image);
     } else {
       const QString name = allocator.filename(image->baseName(), extension);
-      const QUrl destination = QUrl::fromLocalFile(directory.filePath(name));
+      const QUrl destination = destinationFor(name);
       if (writeExport(image, *image->compressedData(), destination)) {
         outcome.destinationURL = destination;
       } else {
