@@ -62,7 +62,8 @@ QFuture<void> BatchViewModel::importFiles(const QList<QUrl>& urls) {
           recordImportFailure(url, error);
           return;
         }
-        auto image = appendImported(url, *decoded);
+        auto image = std::make_shared<ImportedImage>(url, *decoded);
+        appendImported(image);
         *anyImported = true;
         if (std::erase_if(importFailures_, [&](const ImportFailure& failure) { return failure.url == url; }) > 0) {
           emit importFailuresChanged();
@@ -76,12 +77,9 @@ QFuture<void> BatchViewModel::importFiles(const QList<QUrl>& urls) {
   return future;
 }
 
-std::shared_ptr<ImportedImage> BatchViewModel::appendImported(const QUrl& url,
-                                                              const ImageDecoder::LightDecodedImage& decoded) {
-  auto image = std::make_shared<ImportedImage>(url, decoded);
+void BatchViewModel::appendImported(const std::shared_ptr<ImportedImage>& image) {
   images_.push_back(image);
   emit imagesChanged();
-  return image;
 }
 
 void BatchViewModel::inspectConcurrently(const QList<QUrl>& urls, InspectionResult onResult,
@@ -183,8 +181,9 @@ void BatchViewModel::restoreSession() {
           recordImportFailure(url, error);
           return;
         }
-        auto image = appendImported(url, *decoded);
+        auto image = std::make_shared<ImportedImage>(url, *decoded);
         image->setQualityOverride(snapshots[size_t(index)].qualityOverride);
+        appendImported(image);
         scheduleEncode(image, false);
       },
       [this] { persistImportSession(); });

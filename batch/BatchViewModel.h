@@ -261,7 +261,7 @@ class BatchViewModel : public QObject {
   void inspectConcurrently(const QList<QUrl>& urls, InspectionResult onResult, std::function<void()> onFinished);
   void startInspection(const std::shared_ptr<InspectionRun>& run, int index);
   void recordImportFailure(const QUrl& url, const QString& message);
-  std::shared_ptr<ImportedImage> appendImported(const QUrl& url, const ImageDecoder::LightDecodedImage& decoded);
+  void appendImported(const std::shared_ptr<ImportedImage>& image);
   void restoreSession();
 
   // Export and records.
