@@ -128,6 +128,13 @@ std::optional<JPEGHeader> readJPEGHeader(std::span<const uint8_t> jpeg) {
 }
 
 Bytes transcode(std::span<const uint8_t> jpeg, int effort) {
+  // Only 8-bit grey and colour JPEGs are repackaged, with their basic info set by us, EXIF
+  // orientation included, so that the orientation can't fall out of the codestream. Anything
+  // else (CMYK, 12-bit, a header we can't walk) goes to pixels without asking libjxl, which
+  // would refuse it and print its refusal on stderr, or drop the orientation.
+  const auto header = readJPEGHeader(jpeg);
+  if (!header || header->precision != 8 || (header->components != 1 && header->components != 3))
+    throw jxlFailed("JPEG not repackageable");
   JxlEncoderPtr encoder = JxlEncoderMake(nullptr);
   if (!encoder) throw jxlFailed("JxlEncoderCreate");
   check(JxlEncoderUseContainer(encoder.get(), JXL_TRUE), "JxlEncoderUseContainer");
@@ -136,21 +143,15 @@ Bytes transcode(std::span<const uint8_t> jpeg, int effort) {
   if (!settings) throw jxlFailed("JxlEncoderFrameSettingsCreate");
   JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, effort);
 
-  // 8-bit grey and colour JPEGs get their basic info from us, EXIF orientation included, so
-  // that the orientation can't fall out of the codestream; for anything else libjxl decides
-  // (and may refuse, which sends the caller to pixels).
-  const auto header = readJPEGHeader(jpeg);
-  if (header && header->precision == 8 && (header->components == 1 || header->components == 3)) {
-    JxlBasicInfo info;
-    JxlEncoderInitBasicInfo(&info);
-    info.xsize = header->width;
-    info.ysize = header->height;
-    info.bits_per_sample = 8;
-    info.num_color_channels = uint32_t(header->components);
-    info.uses_original_profile = JXL_TRUE;
-    info.orientation = JxlOrientation(header->orientation);
-    check(JxlEncoderSetBasicInfo(encoder.get(), &info), "JxlEncoderSetBasicInfo");
-  }
+  JxlBasicInfo info;
+  JxlEncoderInitBasicInfo(&info);
+  info.xsize = header->width;
+  info.ysize = header->height;
+  info.bits_per_sample = 8;
+  info.num_color_channels = uint32_t(header->components);
+  info.uses_original_profile = JXL_TRUE;
+  info.orientation = JxlOrientation(header->orientation);
+  check(JxlEncoderSetBasicInfo(encoder.get(), &info), "JxlEncoderSetBasicInfo");
   check(JxlEncoderAddJPEGFrame(settings, jpeg.data(), jpeg.size()), "JxlEncoderAddJPEGFrame");
   JxlEncoderCloseInput(encoder.get());
   return drainOutput(encoder.get());
