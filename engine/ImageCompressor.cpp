@@ -35,7 +35,7 @@ struct Pictures {
 
 // One encoding of the plan, with `mode` as the plan's mode (the main encoding or the
 // alternative). For PNG the lossy alternative is the palette as if lossless weren't preferred.
-Bytes encodeWith(const Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
+Bytes encodeOnce(const Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
                  const ImageCharacteristics& characteristics, const EncodingPlan::Mode& mode, bool alternative) {
   EncodingPlan p = plan;
   p.mode = mode;
@@ -56,6 +56,16 @@ Bytes encodeWith(const Pictures& pictures, ImageFormat format, const EncodingPla
       return PNGQuantEncoder::encode(pictures.rgba, p);
   }
   throw ImageProcessingError::encodingFailed(std::string(ImageFormats::label(format)), "unknown format");
+}
+
+// encodeOnce, with an encoder that runs out of memory reported as that format's failure.
+Bytes encodeWith(const Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
+                 const ImageCharacteristics& characteristics, const EncodingPlan::Mode& mode, bool alternative) {
+  try {
+    return encodeOnce(pictures, format, plan, characteristics, mode, alternative);
+  } catch (const std::bad_alloc&) {
+    throw ImageProcessingError::encodingFailed(std::string(ImageFormats::label(format)), "out of memory");
+  }
 }
 
 std::string describe(const std::exception& error) {

@@ -42,7 +42,8 @@ DecodedSource decodeCGImageSource(std::span<const uint8_t> fileData);
 std::optional<DecodedImage> applyOrientation(int orientation, const DecodedImage& image);
 
 // An upright picture of at most `maxPixelSize` on its longer side, 8-bit RGBA; nothing when
-// the file can't be read. Not limited to the six formats.
+// the file can't be read. No format check of its own: whatever the readers read (the six
+// formats) gives a preview, and a missing one is no error.
 std::optional<DecodedImage> loadPreview(const std::string& path, int maxPixelSize);
 std::optional<DecodedImage> loadPreview(std::span<const uint8_t> data, int maxPixelSize);
 
