@@ -46,46 +46,31 @@ class MainWindowTest : public UiFixture {
   std::unique_ptr<MainWindow> window_;
 };
 
-TEST_F(MainWindowTest, AnEmptyBatchShowsTheDropAreaAndOnlyTheAlwaysShownControls) {
+TEST_F(MainWindowTest, WhatTheBarShowsFollowsTheBatch) {
   window();
-  EXPECT_FALSE(window().showsList());
-  EXPECT_TRUE(bar().importButton()->isVisible());
-  EXPECT_TRUE(bar().qualitySlider()->isVisible());
-  EXPECT_FALSE(bar().countLabel()->isVisible());
-  EXPECT_FALSE(bar().clearAllButton()->isVisible());
-  EXPECT_FALSE(bar().exportButton()->isVisible());
-  EXPECT_FALSE(bar().historyButton()->isVisible());
-  EXPECT_FALSE(bar().profileMenu()->isVisible());
-  EXPECT_FALSE(bar().progressGroup()->isVisible());
-  EXPECT_FALSE(window().exportAction()->isEnabled());
-}
+  const auto shown = [&] {
+    return std::vector<bool>{window().showsList(), bar().countLabel()->isVisible(),
+                             bar().clearAllButton()->isVisible(), bar().exportButton()->isVisible()};
+  };
+  EXPECT_EQ(shown(), (std::vector<bool>{false, false, false, false})) << "empty: the drop area";
+  EXPECT_TRUE(bar().importButton()->isVisible() && bar().qualitySlider()->isVisible());
+  EXPECT_FALSE(bar().historyButton()->isVisible() || bar().profileMenu()->isVisible() ||
+               bar().progressGroup()->isVisible() || window().exportAction()->isEnabled());
 
-TEST_F(MainWindowTest, TheCountUsesTheSingularForOneImageOnly) {
-  window();
+  import({QUrl::fromLocalFile(dir_.filePath("missing.png"))});
+  EXPECT_EQ(shown(), (std::vector<bool>{true, false, false, false})) << "a failed import alone";
+  EXPECT_EQ(window().imageList()->listModel().rowCount(), 2);  // header and failure
+
   import({source("one.png")});
   ASSERT_TRUE(waitIdle());
-  EXPECT_TRUE(window().showsList());
-  EXPECT_TRUE(bar().countLabel()->isVisible());
+  EXPECT_EQ(shown(), (std::vector<bool>{true, true, true, true}));
   const QString one = bar().countLabel()->text();
   import({source("two.png")});
   ASSERT_TRUE(waitIdle());
   const QString two = bar().countLabel()->text();
-  EXPECT_TRUE(one.contains("1"));
-  EXPECT_TRUE(two.contains("2"));
+  EXPECT_TRUE(one.contains("1") && two.contains("2"));
   // Singular and plural come from different formats.
   EXPECT_NE(QString(one).replace("1", "#"), QString(two).replace("2", "#"));
-}
-
-TEST_F(MainWindowTest, AFailedImportAloneShowsTheListButNoBatchControls) {
-  window();
-  import({QUrl::fromLocalFile(dir_.filePath("missing.png"))});
-  ASSERT_EQ(model_->importFailures().size(), 1u);
-  EXPECT_TRUE(window().showsList());
-  EXPECT_FALSE(bar().countLabel()->isVisible());
-  EXPECT_FALSE(bar().clearAllButton()->isVisible());
-  EXPECT_FALSE(bar().exportButton()->isVisible());
-  // Header and failure row.
-  EXPECT_EQ(window().imageList()->listModel().rowCount(), 2);
 }
 
 TEST_F(MainWindowTest, ExportWaitsForThePendingRecomputeAndForEncoding) {
@@ -102,79 +87,55 @@ TEST_F(MainWindowTest, ExportWaitsForThePendingRecomputeAndForEncoding) {
   ASSERT_TRUE(waitIdle());
   EXPECT_TRUE(exportEnabled());
 
-  import({source("slow.png")});
-  ASSERT_TRUE(model_->isEncoding());
+  // Progress counts the finished images against the whole batch.
+  import({source("b.png"), source("slow1.png"), source("slow2.png")});
+  ASSERT_TRUE(QTest::qWaitFor([&] { return model_->encodingCompletedCount() == 2; }, 3000));
   EXPECT_FALSE(exportEnabled());
   EXPECT_TRUE(bar().progressGroup()->isVisible());
+  EXPECT_EQ(bar().progressBar()->maximum(), 4);
+  EXPECT_EQ(bar().progressBar()->value(), 2);
   openGate();
   ASSERT_TRUE(waitIdle());
   EXPECT_TRUE(exportEnabled());
   EXPECT_FALSE(bar().progressGroup()->isVisible());
 }
 
-TEST_F(MainWindowTest, ProgressCountsFinishedImagesAgainstTheBatch) {
-  window();
-  import({source("a.png"), source("slow1.png"), source("slow2.png")});
-  ASSERT_TRUE(QTest::qWaitFor([&] { return model_->encodingCompletedCount() == 1; }, 3000));
-  EXPECT_EQ(bar().progressBar()->maximum(), 3);
-  EXPECT_EQ(bar().progressBar()->value(), 1);
-  EXPECT_TRUE(bar().progressLabel()->text().contains("1"));
-  EXPECT_TRUE(bar().progressLabel()->text().contains("3"));
-  openGate();
-  ASSERT_TRUE(waitIdle());
-}
-
-TEST_F(MainWindowTest, QualityCommandsStepByFiveWithinTheRange) {
+TEST_F(MainWindowTest, QualityAndFormatControlsDriveTheModel) {
   window();
   model_->setQuality(98);
   window().increaseQualityAction()->trigger();
-  EXPECT_EQ(model_->quality(), 100);
   window().increaseQualityAction()->trigger();
   EXPECT_EQ(model_->quality(), 100);
   model_->setQuality(3);
   window().decreaseQualityAction()->trigger();
   EXPECT_EQ(model_->quality(), 1);
-  // Ctrl+= is a second key for increasing.
-  EXPECT_EQ(window().increaseQualityAction()->shortcuts().size(), 2);
-}
 
-TEST_F(MainWindowTest, TheSliderReadoutTruncatesAndEditingHoldsTheRecompute) {
-  window();
   import({source("a.png")});
   ASSERT_TRUE(waitIdle());
   model_->setQuality(72.6);
   EXPECT_EQ(bar().qualitySlider()->readoutText(), "72");
   ASSERT_TRUE(waitIdle());
-
+  // While the slider is held its value applies, but nothing is encoded until it is released.
   QSlider* slider = bar().qualitySlider()->slider();
-  slider->setSliderDown(true);  // pressed
-  EXPECT_TRUE(model_->isQualitySliderEditing());
+  slider->setSliderDown(true);
   slider->setValue(30);
   EXPECT_EQ(model_->quality(), 30);
-  QTest::qWait(150);  // longer than the debounce: nothing starts while held
+  QTest::qWait(150);  // longer than the debounce
   EXPECT_TRUE(model_->hasPendingRecompute());
   EXPECT_FALSE(model_->isEncoding());
-  slider->setSliderDown(false);  // released
-  EXPECT_FALSE(model_->isQualitySliderEditing());
+  slider->setSliderDown(false);
   ASSERT_TRUE(waitIdle());
   EXPECT_EQ(model_->images()[0]->encodeState().sizeBytes, 300);
-}
 
-TEST_F(MainWindowTest, ChoosingTheCurrentFormatStillRecomputes) {
-  window();
-  import({source("a.png")});
-  ASSERT_TRUE(waitIdle());
+  // Choosing the current format still recomputes.
   const QList<QAction*> entries = bar().formatPicker()->menu()->actions();
   ASSERT_EQ(entries.size(), 6);
-  QAction* jpeg = entries[1];
-  EXPECT_TRUE(jpeg->isChecked());
-  jpeg->trigger();
+  ASSERT_TRUE(entries[1]->isChecked());  // JPEG
+  entries[1]->trigger();
   EXPECT_TRUE(model_->hasPendingRecompute());
   entries[4]->trigger();
   EXPECT_EQ(model_->outputFormat(), ImageFormat::webp);
-  EXPECT_EQ(bar().formatPicker()->button()->text(), "WebP");
-  EXPECT_TRUE(entries[4]->isChecked());
-  EXPECT_FALSE(entries[1]->isChecked());
+  EXPECT_TRUE(entries[4]->isChecked() && !entries[1]->isChecked());
   ASSERT_TRUE(waitIdle());
 }
 
@@ -183,7 +144,6 @@ TEST_F(MainWindowTest, DismissingTheExportAlertClearsTheError) {
   model_->setExportError(QStringLiteral("disk full"));
   ASSERT_NE(window().exportAlert(), nullptr);
   EXPECT_TRUE(window().exportAlert()->isVisible());
-  EXPECT_EQ(window().exportAlert()->text(), "disk full");
   window().exportAlert()->reject();  // Escape or closing the window
   EXPECT_FALSE(model_->exportError().has_value());
   EXPECT_FALSE(window().exportAlert()->isVisible());
@@ -195,8 +155,6 @@ TEST_F(MainWindowTest, TheProfileMenuAppearsWithProfilesAndNoneKeepsTheSettings)
   ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 60, std::nullopt, false};
   model_->upsertExportProfile(web);
   EXPECT_TRUE(bar().profileMenu()->isVisible());
-  EXPECT_EQ(bar().profileMenu()->button()->text(), bar().profileMenu()->title());
-
   bar().profileMenu()->rebuildMenu();
   QList<QAction*> entries = bar().profileMenu()->menu()->actions();
   ASSERT_EQ(entries.size(), 3);  // none, divider, Web
@@ -204,9 +162,6 @@ TEST_F(MainWindowTest, TheProfileMenuAppearsWithProfilesAndNoneKeepsTheSettings)
   EXPECT_EQ(model_->quality(), 60);
   EXPECT_EQ(model_->outputFormat(), ImageFormat::webp);
   EXPECT_EQ(bar().profileMenu()->button()->text(), "Web");
-  bar().profileMenu()->rebuildMenu();
-  EXPECT_FALSE(bar().profileMenu()->menu()->actions()[2]->icon().isNull());  // checkmark
-
   bar().profileMenu()->menu()->actions()[0]->trigger();
   EXPECT_FALSE(model_->appliedProfileName().has_value());
   EXPECT_EQ(model_->quality(), 60);

@@ -56,46 +56,35 @@ TEST_F(ProfilePaneTest, ANameOfSpacesOnlyCannotBeSaved) {
   ASSERT_EQ(model_->exportProfiles().size(), 1u);
   const ExportProfile& saved = model_->exportProfiles()[0];
   EXPECT_EQ(saved.name, "Web");  // trimmed
-  EXPECT_EQ(saved.format, ImageFormat::webp);
-  EXPECT_EQ(saved.quality, 75.0);
   EXPECT_EQ(saved.destinationFolder, QString("/tmp/chosen"));
   // The form is back to adding a new one.
   EXPECT_TRUE(pane().nameField()->text().isEmpty());
-  EXPECT_EQ(pane().newFormat(), ImageFormat::jpeg);
   EXPECT_FALSE(pane().newFolder().has_value());
 }
 
-TEST_F(ProfilePaneTest, EditingUpdatesInPlaceAndKeepsAFractionalQuality) {
-  makeModel();
-  const ExportProfile api{QUuid::createUuid(), "Api", ImageFormat::avif, 80.5, std::nullopt, false};
-  model_->upsertExportProfile(api);
-  EXPECT_EQ(ui::ExportProfilesSettingsView::subtitle(api), "AVIF · 80%");
-  pane().startEditing(api);
-  EXPECT_TRUE(pane().cancelButton()->isVisibleTo(&pane()));
-  EXPECT_EQ(pane().qualitySlider()->value(), 80);
-  pane().nameField()->setText("Api renamed");
-  pane().save();
-  ASSERT_EQ(model_->exportProfiles().size(), 1u);
-  EXPECT_EQ(model_->exportProfiles()[0].id, api.id);
-  EXPECT_EQ(model_->exportProfiles()[0].name, "Api renamed");
-  EXPECT_EQ(model_->exportProfiles()[0].quality, 80.5);
-  EXPECT_FALSE(pane().editingProfileID().has_value());
-}
-
-TEST_F(ProfilePaneTest, DeletingTheEditedProfileReturnsTheFormToAdding) {
+TEST_F(ProfilePaneTest, EditingUpdatesInPlaceAndDeletingTheEditedProfileReturnsTheFormToAdding) {
   makeModel();
   const ExportProfile a{QUuid::createUuid(), "A", ImageFormat::png, 50, QString("/tmp/a"), true};
-  const ExportProfile b{QUuid::createUuid(), "B", ImageFormat::jxl, 90, std::nullopt, false};
+  const ExportProfile b{QUuid::createUuid(), "B", ImageFormat::avif, 80.5, std::nullopt, false};
   model_->upsertExportProfile(a);
   model_->upsertExportProfile(b);
   EXPECT_EQ(ui::ExportProfilesSettingsView::subtitle(a), "PNG · 50% — /tmp/a");
+  EXPECT_EQ(ui::ExportProfilesSettingsView::subtitle(b), "AVIF · 80%");
   pane().startEditing(b);
+  EXPECT_TRUE(pane().cancelButton()->isVisibleTo(&pane()));
+  EXPECT_EQ(pane().qualitySlider()->value(), 80);
+  pane().nameField()->setText("B renamed");
+  pane().save();
+  ASSERT_EQ(model_->exportProfiles().size(), 2u);
+  EXPECT_EQ(model_->exportProfiles()[1].id, b.id);
+  EXPECT_EQ(model_->exportProfiles()[1].quality, 80.5) << "an untouched fractional quality is kept";
+
+  pane().startEditing(model_->exportProfiles()[1]);
   pane().deleteProfile(a);
   EXPECT_EQ(pane().editingProfileID(), b.id);  // another profile: the form stays
-  pane().deleteProfile(b);
+  pane().deleteProfile(model_->exportProfiles()[0]);
   EXPECT_FALSE(pane().editingProfileID().has_value());
   EXPECT_TRUE(pane().nameField()->text().isEmpty());
-  EXPECT_TRUE(model_->exportProfiles().empty());
   EXPECT_FALSE(pane().existingSection()->isVisibleTo(&pane()));
 }
 
@@ -135,30 +124,23 @@ TEST(PortText, AcceptsASignedDecimalWithinRangeOnly) {
     EXPECT_FALSE(ui::parsePortText(bad).has_value()) << bad;
 }
 
-TEST_F(APIPaneTest, WithTheToggleOffOnlyTheFirstSectionShows) {
-  EXPECT_FALSE(pane().serverSection()->isVisibleTo(&pane()));
-  EXPECT_FALSE(pane().tokenSection()->isVisibleTo(&pane()));
-  EXPECT_FALSE(controller_->isRunning());
-  // Opening the pane makes a token even while the API is off.
-  EXPECT_FALSE(pane().tokenLabel()->text().isEmpty());
-}
-
 TEST_F(APIPaneTest, InvalidPortsRevertToTheStoredOne) {
   LocalAPISettings::setPort(50123);
-  EXPECT_EQ(pane().portField()->text(), "50123");
-  submitPort("70000");
-  EXPECT_EQ(pane().portField()->text(), "50123");
-  submitPort("letters");
-  EXPECT_EQ(pane().portField()->text(), "50123");
+  for (const char* bad : {"70000", "letters"}) {
+    submitPort(bad);
+    EXPECT_EQ(pane().portField()->text(), "50123") << bad;
+  }
   EXPECT_EQ(LocalAPISettings::storedPort(), 50123);
   LocalAPISettings::setPort(0);
   submitPort("0");
   EXPECT_EQ(pane().portField()->text(), "51823");
 }
 
-TEST_F(APIPaneTest, AValidPortIsStoredAndRestartsARunningServer) {
-  // A free port, found by binding and releasing it.
-  QTcpServer probe;
+TEST_F(APIPaneTest, TheToggleShowsTheServerAndAValidPortRestartsIt) {
+  // Opening the pane makes a token even while the API is off, and shows only the toggle.
+  EXPECT_FALSE(pane().tokenLabel()->text().isEmpty());
+  EXPECT_FALSE(pane().serverSection()->isVisibleTo(&pane()) || pane().tokenSection()->isVisibleTo(&pane()));
+  QTcpServer probe;  // a free port, found by binding and releasing it
   ASSERT_TRUE(probe.listen(QHostAddress::LocalHost, 0));
   const int port = probe.serverPort();
   probe.close();
@@ -167,11 +149,9 @@ TEST_F(APIPaneTest, AValidPortIsStoredAndRestartsARunningServer) {
   EXPECT_TRUE(pane().serverSection()->isVisibleTo(&pane()));
   submitPort(QString::number(port));
   EXPECT_EQ(LocalAPISettings::storedPort(), port);
-  EXPECT_EQ(pane().portField()->text(), QString::number(port));
   EXPECT_TRUE(pane().baseURLLabel()->text().contains(QString::number(port)));
   ASSERT_TRUE(
       QTest::qWaitFor([&] { return controller_->isRunning() && controller_->boundPort() == port; }, 3000));
-  EXPECT_FALSE(pane().statusLabel()->text().isEmpty());
   // The same port again still restarts: the server goes through a new start.
   QSignalSpy restarted(controller_.get(), &LocalAPIController::isRunningChanged);
   submitPort(QString::number(port));
@@ -181,17 +161,14 @@ TEST_F(APIPaneTest, AValidPortIsStoredAndRestartsARunningServer) {
   ASSERT_TRUE(QTest::qWaitFor([&] { return !controller_->isRunning(); }, 3000));
 }
 
-TEST_F(APIPaneTest, CopyPutsTheCurrentTokenOnTheClipboardForAMoment) {
+TEST_F(APIPaneTest, ANewTokenIsStoredShownAndCopied) {
+  const QString old = pane().tokenLabel()->text();
   pane().regenerateToken();
   const QString fresh = pane().tokenLabel()->text();
+  EXPECT_NE(fresh, old);
   EXPECT_EQ(LocalAPISettings::token(), fresh);
-  const QString idle = pane().copyButton()->text();
   pane().copyToken();
   EXPECT_EQ(QGuiApplication::clipboard()->text(), fresh);
-  EXPECT_TRUE(pane().didCopyToken());
-  EXPECT_NE(pane().copyButton()->text(), idle);
-  ASSERT_TRUE(QTest::qWaitFor([&] { return !pane().didCopyToken(); }, 2500));
-  EXPECT_EQ(pane().copyButton()->text(), idle);
 }
 
 class LanguagePaneTest : public ::testing::Test {
@@ -209,26 +186,17 @@ class LanguagePaneTest : public ::testing::Test {
   int quits_ = 0;
 };
 
-TEST_F(LanguagePaneTest, ChoosingTheSelectedLanguageOffersNoRestart) {
+TEST_F(LanguagePaneTest, OnlyADifferentChoiceOffersARestartAndTheSystemDefaultRemovesTheKey) {
   LanguageManager::persist(AppLanguage::de);
   auto manager = makeManager();
   ui::LanguageSettingsView pane(*manager);
   EXPECT_EQ(pane.picker()->currentData().toInt(), int(AppLanguage::de));
-  EXPECT_FALSE(pane.restartButton()->isVisibleTo(&pane));
   pane.choose(AppLanguage::de);
-  EXPECT_FALSE(pane.restartButton()->isVisibleTo(&pane));
-  EXPECT_FALSE(pane.restartNote()->isVisibleTo(&pane));
+  EXPECT_FALSE(pane.restartButton()->isVisibleTo(&pane) || pane.restartNote()->isVisibleTo(&pane));
   pane.choose(AppLanguage::ja);
-  EXPECT_TRUE(pane.restartButton()->isVisibleTo(&pane));
-  EXPECT_TRUE(pane.restartNote()->isVisibleTo(&pane));
-  EXPECT_EQ(pane.picker()->currentData().toInt(), int(AppLanguage::ja));
+  EXPECT_TRUE(pane.restartButton()->isVisibleTo(&pane) && pane.restartNote()->isVisibleTo(&pane));
   EXPECT_EQ(manager->selectedLanguage(), AppLanguage::de);  // nothing applied yet
-}
 
-TEST_F(LanguagePaneTest, TheSystemDefaultUnderAnOverrideRestartsWithoutTheKey) {
-  LanguageManager::persist(AppLanguage::it);
-  auto manager = makeManager();
-  ui::LanguageSettingsView pane(*manager);
   pane.choose(std::nullopt);
   EXPECT_EQ(pane.picker()->currentData().toInt(), -1);
   ASSERT_TRUE(pane.restartButton()->isVisibleTo(&pane));
@@ -249,7 +217,6 @@ TEST(UpdatePane, TurningTheCheckOnStartsOneAtOnce) {
   ASSERT_TRUE(
       QTest::qWaitFor([&] { return checker.state().kind == UpdateChecker::State::Kind::failed; }, 5000));
   EXPECT_TRUE(pane.statusRow()->isVisibleTo(&pane));
-  EXPECT_FALSE(pane.downloadButton()->isVisibleTo(&pane));
 
   pane.enableToggle()->setChecked(true);
   EXPECT_EQ(checker.state().kind, UpdateChecker::State::Kind::checking);
