@@ -1,5 +1,5 @@
-// LanguageManager's launch rules against a real settings file in a temporary folder, the
-// pane's pending choice, relaunch through fakes, and the matching of locale tags to tables.
+// LanguageManager's launch rules against a real settings file in a temporary folder,
+// relaunch through fakes, and the matching of locale tags to tables.
 
 #include <gtest/gtest.h>
 
@@ -67,13 +67,11 @@ TEST_F(LanguageManagerTest, OnlyAnExactStoredRawValueIsAnOverride) {
   EXPECT_EQ(stored(), QStringList{"es-MX"});
 }
 
-TEST_F(LanguageManagerTest, SupportedSystemWritesNothing) {
+TEST_F(LanguageManagerTest, AnUnsupportedSystemStoresEnglishForTheNextLaunchAndASupportedOneNothing) {
   for (const char* tag : {"fr-CA", "pt-AO", "zh-Hant-TW", "en"})
     EXPECT_EQ(LanguageManager(platform({tag})).selectedLanguage(), std::nullopt) << tag;
   EXPECT_FALSE(QFile::exists(settingsPath()));
-}
 
-TEST_F(LanguageManagerTest, UnsupportedSystemStoresEnglishForTheNextLaunch) {
   for (QStringList system : {QStringList{"nl-NL", "de-DE"}, QStringList{}, QStringList{"C"}}) {
     LanguageManager::persist(std::nullopt);
     LanguageManager first(platform(system));
@@ -106,19 +104,6 @@ TEST_F(LanguageManagerTest, ConfirmPersistsSelectsAndQuitsEvenIfTheRelaunchFails
   EXPECT_EQ(quits_, 1);
   // Following the system again on a supported system leaves the choice absent.
   EXPECT_EQ(LanguageManager(platform({"de-DE"})).selectedLanguage(), std::nullopt);
-}
-
-TEST_F(LanguageManagerTest, PendingChoiceOffersARestartOnlyForADifferentLanguage) {
-  store({"it"});
-  LanguageManager manager(platform({"it-IT"}));
-  PendingLanguageChoice pane;
-  EXPECT_EQ(pane.currentSelection(manager), AppLanguage::it);
-  EXPECT_FALSE(pane.hasPendingChange(manager));
-  pane.choose(AppLanguage::it);
-  EXPECT_FALSE(pane.hasPendingChange(manager));
-  pane.choose(std::nullopt);  // follow the system while an override is active
-  EXPECT_EQ(pane.currentSelection(manager), std::nullopt);
-  EXPECT_TRUE(pane.hasPendingChange(manager));
 }
 
 TEST(AppLanguages, BestMatchPicksTheRegionalVariant) {
