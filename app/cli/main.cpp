@@ -10,6 +10,7 @@
 #include <QStringList>
 #include <QVariant>
 
+#include <cmath>
 #include <cstdio>
 #include <map>
 #include <optional>
@@ -118,12 +119,19 @@ int usageError(const std::string& message) {
   return kUsageError;
 }
 
-// A number when the whole text reads as one (in the C locale), else the text itself, which
-// the command then ignores.
-QVariant qualityValue(const QString& text) {
+// The number the whole text reads as (in the C locale). "nan" and "inf" read as doubles but
+// are no quality: the engine would quietly turn them into its lowest or highest setting.
+std::optional<double> finiteNumber(const QString& text) {
   bool ok = false;
   const double number = QLocale::c().toDouble(text.trimmed(), &ok);
-  return ok ? QVariant(number) : QVariant(text);
+  if (!ok || !std::isfinite(number)) return std::nullopt;
+  return number;
+}
+
+// A number when the text reads as one, else the text itself, which the command then ignores.
+QVariant qualityValue(const QString& text) {
+  const std::optional<double> number = finiteNumber(text);
+  return number ? QVariant(*number) : QVariant(text);
 }
 
 int runCompress(const QStringList& arguments) {
@@ -157,9 +165,9 @@ int runAnalyze(const QStringList& arguments) {
   if (auto error = parse(arguments, {"quality"}, line)) return usageError(*error);
   double quality = 75;
   if (line.options.count("quality")) {
-    bool ok = false;
-    quality = QLocale::c().toDouble(line.options["quality"].trimmed(), &ok);
-    if (!ok) return usageError("--quality needs a number");
+    const std::optional<double> number = finiteNumber(line.options["quality"]);
+    if (!number) return usageError("--quality needs a number");
+    quality = *number;
   }
   printJson(cli::analyze(line.files, quality).writeSorted());
   return 0;
