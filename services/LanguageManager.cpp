@@ -92,8 +92,12 @@ bool LanguageManager::systemLanguageIsUnsupported() const {
   for (AppLanguage language : AppLanguages::allCases())
     if (std::optional<QString> code = AppLanguages::languageCode(AppLanguages::rawValue(language)))
       supported.insert(*code);
-  if (platform_.preferredLanguages.isEmpty()) return true;
-  std::optional<QString> code = AppLanguages::languageCode(platform_.preferredLanguages.front());
+  // The preferred languages are the stored list while it has entries (a first entry such as
+  // "es-MX" is no override but is a supported language), else the system's.
+  const QStringList stored = storedLanguages();
+  const QStringList& preferred = stored.isEmpty() ? platform_.preferredLanguages : stored;
+  if (preferred.isEmpty()) return true;
+  std::optional<QString> code = AppLanguages::languageCode(preferred.front());
   return !code || !supported.contains(*code);
 }
 

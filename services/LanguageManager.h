@@ -39,8 +39,9 @@ class LanguageManager : public QObject {
 
   // Reads the stored choice and applies the launch rules: an override in "AppleLanguages"
   // becomes selectedLanguage; otherwise, unless the environment has
-  // "XCTestConfigurationFilePath" (then nothing is written), a system language outside the
-  // fifteen stores "en-US" for the next launch and selects enUS.
+  // "XCTestConfigurationFilePath" (then nothing is written), a first preferred language (the
+  // stored list while it has entries, else the system's) outside the fifteen stores "en-US"
+  // for the next launch and selects enUS.
   explicit LanguageManager(Platform platform, QObject* parent = nullptr);
 
   // The language chosen by the user; nothing means "follow the system".
