@@ -48,7 +48,6 @@ class UpdateChecker : public QObject {
   UpdateChecker(const QUrl& baseUrl, const QString& currentVersion, QObject* parent = nullptr);
 
   const State& state() const { return state_; }
-  QUrl versionCheckUrl() const { return versionCheckUrl_; }
 
   // Sets `checking` at once and, when the answer or the failure comes, one of upToDate,
   // updateAvailable or failed. Never fails outward. A second call while one runs is not

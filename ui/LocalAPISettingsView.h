@@ -38,7 +38,6 @@ class LocalAPISettingsView : public QWidget {
   QLabel* tokenLabel() const { return token_; }
   QPushButton* copyButton() const { return copy_; }
   QPushButton* regenerateButton() const { return regenerate_; }
-  bool didCopyToken() const { return didCopyToken_; }
 
   // The toggle's action: store, then start or stop the server.
   void setEnabled(bool on);

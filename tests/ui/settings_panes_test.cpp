@@ -171,24 +171,11 @@ TEST_F(APIPaneTest, ANewTokenIsStoredShownAndCopied) {
   EXPECT_EQ(QGuiApplication::clipboard()->text(), fresh);
 }
 
-class LanguagePaneTest : public ::testing::Test {
- protected:
-  void SetUp() override { LanguageManager::persist(std::nullopt); }
-  void TearDown() override { LanguageManager::persist(std::nullopt); }
-  std::unique_ptr<LanguageManager> makeManager() {
-    LanguageManager::Platform platform;
-    platform.preferredLanguages = {"fr-FR"};
-    platform.startDetached = [this](const QString&) { return ++starts_, true; };
-    platform.quit = [this] { ++quits_; };
-    return std::make_unique<LanguageManager>(platform);
-  }
-  int starts_ = 0;
-  int quits_ = 0;
-};
-
-TEST_F(LanguagePaneTest, OnlyADifferentChoiceOffersARestartAndTheSystemDefaultRemovesTheKey) {
+TEST(LanguagePane, OnlyADifferentChoiceOffersARestartAndTheSystemDefaultRemovesTheKey) {
   LanguageManager::persist(AppLanguage::de);
-  auto manager = makeManager();
+  int starts = 0, quits = 0;
+  auto manager = std::make_unique<LanguageManager>(
+      LanguageManager::Platform{{"fr-FR"}, [&](const QString&) { return ++starts, true; }, [&] { ++quits; }});
   ui::LanguageSettingsView pane(*manager);
   EXPECT_EQ(pane.picker()->currentData().toInt(), int(AppLanguage::de));
   pane.choose(AppLanguage::de);
@@ -203,8 +190,9 @@ TEST_F(LanguagePaneTest, OnlyADifferentChoiceOffersARestartAndTheSystemDefaultRe
   pane.restartButton()->click();
   EXPECT_FALSE(manager->selectedLanguage().has_value());
   EXPECT_FALSE(UserDefaults::store()->contains("AppleLanguages"));
-  EXPECT_EQ(starts_, 1);
-  EXPECT_EQ(quits_, 1);
+  EXPECT_EQ(starts, 1);
+  EXPECT_EQ(quits, 1);
+  LanguageManager::persist(std::nullopt);
 }
 
 TEST(UpdatePane, TurningTheCheckOnStartsOneAtOnce) {
