@@ -1,4 +1,4 @@
-// The request reader without sockets: limits, end of stream, and the small parsers it relies on.
+// The request reader without sockets: the head limit and the small parsers it relies on.
 #include <gtest/gtest.h>
 
 #include "api/LocalAPIRequestReader.h"
@@ -20,21 +20,6 @@ TEST(RequestReader, HeaderLimitCountsTheWholeBufferEvenWhenTheHeadIsComplete) {
   std::string head = "GET / HTTP/1.1\r\nX: ";
   head += std::string(LocalAPIRequestReader::headerLimit - head.size() - 4, 'a') + "\r\n\r\n";
   EXPECT_EQ(LocalAPIRequestReader().receive(head), Outcome::request) << "exactly at the limit";
-}
-
-TEST(RequestReader, EndOfStreamIsMalformedInEitherPhaseAndFinalOutcomesStick) {
-  LocalAPIRequestReader head;
-  head.receive("GET / HTTP/1.1\r\n");
-  EXPECT_EQ(head.end(), Outcome::malformed);
-  EXPECT_EQ(head.receive("\r\n"), Outcome::malformed);
-
-  LocalAPIRequestReader body;
-  EXPECT_EQ(body.receive("POST / HTTP/1.1\r\nContent-Length: 4\r\n\r\nab"), Outcome::needMore);
-  EXPECT_EQ(body.end(), Outcome::malformed);
-
-  LocalAPIRequestReader tooLarge;
-  EXPECT_EQ(tooLarge.receive("POST / HTTP/1.1\r\nContent-Length: 8388609\r\n\r\n"), Outcome::payloadTooLarge);
-  EXPECT_EQ(tooLarge.end(), Outcome::payloadTooLarge);
 }
 
 TEST(RequestReader, ContentLengthAndPercentEscapesAreReadStrictly) {
