@@ -10,30 +10,25 @@
 namespace quillane::testing {
 namespace {
 
-class BatchEngineTest : public BatchFixture {
- protected:
-  // A 64 x 48 palette PNG with a pattern, written by the engine's own PNG writer.
-  QUrl writePNG(const QString& name) {
-    std::vector<uint8_t> indices(64 * 48);
-    for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t((i / 7 + i % 64 / 5) % 4);
-    const PNGWriter::PaletteEntry palette[] = {{255, 0, 0, 255}, {0, 255, 0, 255}, {0, 0, 255, 255}, {9, 9, 9, 255}};
-    const auto bytes = PNGWriter::writeIndexedPNG(64, 48, indices, palette, std::nullopt);
-    writeBytes(dir_.filePath(name).toStdString(), bytes);
-    return QUrl::fromLocalFile(dir_.filePath(name));
-  }
-};
+using BatchEngineTest = BatchFixture;
 
 TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
+  // A 64 x 48 palette PNG with a pattern, written by the engine's own PNG writer.
+  std::vector<uint8_t> indices(64 * 48);
+  for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t((i / 7 + i % 64 / 5) % 4);
+  const PNGWriter::PaletteEntry palette[] = {
+      {255, 0, 0, 255}, {0, 255, 0, 255}, {0, 0, 255, 255}, {9, 9, 9, 255}};
+  writeBytes(path("pattern.png"), PNGWriter::writeIndexedPNG(64, 48, indices, palette, std::nullopt));
+
   auto o = options();
   o.encoder = nullptr;  // the real seams
   o.inspector = nullptr;
   auto& model = makeModel(o);
-  import({writePNG("pattern.png"), source("notes.png", "this is not an image")});
+  import({QUrl::fromLocalFile(dir_.filePath("pattern.png")), source("notes.png", "this is not an image")});
   ASSERT_EQ(model.images().size(), 1u);
   auto image = model.images()[0];
-  EXPECT_EQ(image->width(), 64);
-  EXPECT_EQ(image->height(), 48);
-  EXPECT_EQ(image->originalFormat(), ImageFormat::png);
+  EXPECT_EQ(std::tuple(image->width(), image->height(), image->originalFormat()),
+            std::tuple(64, 48, ImageFormat::png));
   EXPECT_FALSE(image->thumbnail().empty());
   ASSERT_EQ(model.importFailures().size(), 1u);
   EXPECT_FALSE(model.importFailures()[0].message.isEmpty());
@@ -42,8 +37,7 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   ASSERT_TRUE(image->encodeState().isReady()) << image->encodeState().message.toStdString();
   QDir(dir_.path()).mkpath("out");
   const auto outcomes = model.exportAll(QUrl::fromLocalFile(dir_.filePath("out")));
-  ASSERT_EQ(outcomes.size(), 1u);
-  ASSERT_TRUE(outcomes[0].destinationURL);
+  ASSERT_TRUE(outcomes.at(0).destinationURL);
   const auto written = readBytes(outcomes[0].destinationURL->toLocalFile().toStdString());
   EXPECT_EQ(ImageFormats::detect(written), ImageFormat::jpeg);
   EXPECT_EQ(int64_t(written.size()), image->encodeState().sizeBytes);

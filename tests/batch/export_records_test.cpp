@@ -1,7 +1,5 @@
-// Export, history with undo, and profile operations of the model.
+// Export, history with undo, and the model's profile operations.
 #include <QDir>
-#include <QFileInfo>
-#include <QSignalSpy>
 
 #include "tests/batch/batch_test_support.h"
 
@@ -10,71 +8,75 @@ namespace {
 
 class ExportTest : public BatchFixture {
  protected:
-  QString outFolder(const QString& name = "out") {
-    QDir(dir_.path()).mkpath(name);
-    return dir_.filePath(name);
+  QString outFolder() {
+    QDir(dir_.path()).mkpath("out");
+    return dir_.filePath("out");
   }
   static QByteArray contentOf(const QString& path) {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
   }
+  // A model holding `names`, each encoded ("bad..." ones fail).
+  BatchViewModel& readyModel(const QStringList& names) {
+    auto& model = makeModel();
+    QList<QUrl> urls;
+    for (const QString& name : names) urls << source(name, name.startsWith("bad") ? "bad" : "source");
+    import(urls);
+    EXPECT_TRUE(waitIdle());
+    return model;
+  }
 };
 
 TEST_F(ExportTest, NamesAreKeptApartIgnoringCaseAndFailuresDoNotStopOthers) {
-  auto& model = makeModel();
-  import({source("a.png"), source("A.jpg"), source("bad.png", "bad"), source("a.webp")});
-  ASSERT_TRUE(waitIdle());
+  EXPECT_TRUE(makeModel().exportAll(QUrl::fromLocalFile(outFolder())).empty()) << "an empty batch";
+  auto& model = readyModel({"a.png", "A.jpg", "bad.png", "a.webp"});
   model.setOutputFormat(ImageFormat::png);
   ASSERT_TRUE(waitIdle());
 
-  const QString folder = outFolder();
-  const auto outcomes = model.exportAll(QUrl::fromLocalFile(folder));
-  ASSERT_EQ(outcomes.size(), 4u);
-  EXPECT_EQ(outcomes[0].destinationURL->fileName(), "a.png");
-  EXPECT_EQ(outcomes[1].destinationURL->fileName(), "A-2.png");
-  EXPECT_FALSE(outcomes[2].destinationURL);
-  EXPECT_EQ(outcomes[2].errorDescription, QString::fromUtf8("Impossible de décoder l'image source."));
-  EXPECT_EQ(outcomes[3].destinationURL->fileName(), "a-3.png");
-  EXPECT_EQ(contentOf(folder + "/A-2.png"), QByteArray(750, 'x'));
+  const auto outcomes = model.exportAll(QUrl::fromLocalFile(outFolder()));
+  QStringList got;  // a name, or the failure's message
+  for (const auto& outcome : outcomes) {
+    got << outcome.destinationURL.value_or(QUrl()).fileName() + outcome.errorDescription.value_or("");
+  }
+  EXPECT_EQ(got, (QStringList{"a.png", "A-2.png", QString::fromUtf8("Impossible de décoder l'image source."),
+                              "a-3.png"}));
+  EXPECT_EQ(contentOf(outFolder() + "/A-2.png"), QByteArray(750, 'x'));
 
   ASSERT_EQ(model.exportHistory().size(), 3u);  // newest first
-  EXPECT_EQ(model.exportHistory()[0].sourceDisplayName, "a.webp");
-  EXPECT_EQ(model.exportHistory()[0].format, ImageFormat::png);
-  EXPECT_EQ(model.exportHistory()[0].sizeBytes, 750);
+  const ExportRecord& newest = model.exportHistory()[0];
+  EXPECT_EQ(std::tuple(newest.sourceDisplayName, newest.format, newest.sizeBytes),
+            std::tuple(QString("a.webp"), ImageFormat::png, qint64(750)));
   EXPECT_EQ(ExportHistory::load(), model.exportHistory());
 }
 
-TEST_F(ExportTest, UnwritableFolderGivesPerRowErrorsAndNoHistory) {
-  auto& model = makeModel();
-  import({source("a.png"), source("b.png")});
-  ASSERT_TRUE(waitIdle());
-  // A path under a regular file can't be a folder, whoever runs the test.
-  const QString folder = QFileInfo(source("plain-file").toLocalFile()).filePath() + "/sub";
-  const auto outcomes = model.exportAll(QUrl::fromLocalFile(folder));
-  ASSERT_EQ(outcomes.size(), 2u);
-  for (const auto& outcome : outcomes) {
-    EXPECT_FALSE(outcome.destinationURL);
-    ASSERT_TRUE(outcome.errorDescription);
-    EXPECT_FALSE(outcome.errorDescription->isEmpty());
-    EXPECT_EQ(outcome.image->exportError(), outcome.errorDescription);
-    EXPECT_EQ(outcome.image->lastExportDestination()->toLocalFile(), folder + "/" + outcome.image->baseName() + ".jpg");
+TEST_F(ExportTest, UnusableFolderGivesPerRowErrorsNoFilesAndNoHistory) {
+  auto& model = readyModel({"a.png", "b.png"});
+  // A path under a regular file can't be a folder, whoever runs the test; a folder that is
+  // no local one must not fall back to the working directory.
+  const QString underFile = source("plain-file").toLocalFile() + "/sub";
+  for (const QUrl& folder : {QUrl(), QUrl("https://example.invalid/out"), QUrl::fromLocalFile(underFile)}) {
+    for (const auto& outcome : model.exportAll(folder)) {
+      EXPECT_FALSE(outcome.destinationURL) << folder.toString().toStdString();
+      ASSERT_TRUE(outcome.errorDescription);
+      EXPECT_FALSE(outcome.errorDescription->isEmpty());
+      EXPECT_EQ(outcome.image->exportError(), outcome.errorDescription);
+    }
+    EXPECT_FALSE(QFile::exists(QDir::current().filePath("a.jpg")));
   }
   EXPECT_TRUE(model.exportHistory().empty());
 
   // The folder comes back: the row's retry writes to the same path and clears the error.
   auto a = model.images()[0];
+  EXPECT_EQ(a->lastExportDestination(), QUrl::fromLocalFile(underFile + "/a.jpg"));
   QFile::remove(dir_.filePath("plain-file"));
-  QDir().mkpath(folder);
+  QDir().mkpath(underFile);
   EXPECT_TRUE(model.writeExport(a, *a->compressedData(), *a->lastExportDestination()));
   EXPECT_FALSE(a->exportError());
-  EXPECT_TRUE(QFile::exists(folder + "/a.jpg"));
+  EXPECT_TRUE(QFile::exists(underFile + "/a.jpg"));
 }
 
-TEST_F(ExportTest, ExportOverAnExistingFileReplacesItWholeAndEmptyBatchGivesNothing) {
-  auto& model = makeModel();
-  EXPECT_TRUE(model.exportAll(QUrl::fromLocalFile(outFolder())).empty());
-  import({source("a.png")});
-  ASSERT_TRUE(waitIdle());
+TEST_F(ExportTest, ExportReplacesAnExistingFileWholeAndNamesAMissingEncode) {
+  auto& model = readyModel({"a.png"});
   const QString target = outFolder() + "/a.jpg";
   QFile old(target);
   ASSERT_TRUE(old.open(QIODevice::WriteOnly));
@@ -82,58 +84,41 @@ TEST_F(ExportTest, ExportOverAnExistingFileReplacesItWholeAndEmptyBatchGivesNoth
   old.close();
   EXPECT_TRUE(model.exportSingle(model.images()[0], QUrl::fromLocalFile(target)));
   EXPECT_EQ(contentOf(target), QByteArray(750, 'x'));
-  EXPECT_TRUE(QDir(outFolder()).entryList(QDir::Files | QDir::Hidden).size() == 1);  // no temporary left behind
-}
+  EXPECT_EQ(QDir(outFolder()).entryList(QDir::Files | QDir::Hidden).size(), 1) << "no temporary left";
 
-TEST_F(ExportTest, ExportOfAnImageWithoutBytesNamesTheEncodingFailure) {
-  auto& model = makeModel();
+  // An image still busy is reported as an encoding failure in the current format.
   model.setOutputFormat(ImageFormat::jxl);
   import({source("slow.png", "slow")});
-  auto image = model.images()[0];
-  EXPECT_FALSE(model.exportSingle(image, QUrl::fromLocalFile(outFolder() + "/x.jxl")));
-  EXPECT_EQ(image->exportError(), QString::fromUtf8("Échec de l'encodage au format JPEG XL."));
+  auto busy = model.images()[1];
+  EXPECT_FALSE(model.exportSingle(busy, QUrl::fromLocalFile(outFolder() + "/x.jxl")));
+  EXPECT_EQ(busy->exportError(), QString::fromUtf8("Échec de l'encodage au format JPEG XL."));
   EXPECT_FALSE(QFile::exists(outFolder() + "/x.jxl"));
 }
 
-TEST_F(ExportTest, UndoRespectsSupersedingRecords) {
-  auto& model = makeModel();
-  import({source("a.png")});
-  ASSERT_TRUE(waitIdle());
-  const QUrl target = QUrl::fromLocalFile(outFolder() + "/a.jpg");
-  ASSERT_TRUE(model.exportSingle(model.images()[0], target));
+TEST_F(ExportTest, UndoRespectsSupersedingRecordsAndKeepsARecordWhoseFileWontGo) {
+  auto& model = readyModel({"a.png"});
+  const QString target = outFolder() + "/a.jpg";
+  auto exportIt = [&] { ASSERT_TRUE(model.exportSingle(model.images()[0], QUrl::fromLocalFile(target))); };
+  exportIt();
   QTest::qWait(5);  // dates must differ: equal dates do not supersede
-  ASSERT_TRUE(model.exportSingle(model.images()[0], target));
-  ASSERT_EQ(model.exportHistory().size(), 2u);
-  const ExportRecord newer = model.exportHistory()[0];
-  const ExportRecord older = model.exportHistory()[1];
+  exportIt();
+  const ExportRecord newer = model.exportHistory().at(0);
+  const ExportRecord older = model.exportHistory().at(1);
   EXPECT_TRUE(model.isRecordSuperseded(older));
   EXPECT_FALSE(model.isRecordSuperseded(newer));
-
   model.undoExport(older);  // the file belongs to the newer record
-  EXPECT_TRUE(QFile::exists(target.toLocalFile()));
-  ASSERT_EQ(model.exportHistory().size(), 1u);
+  EXPECT_TRUE(QFile::exists(target));
   model.undoExport(newer);
-  EXPECT_FALSE(QFile::exists(target.toLocalFile()));
-  EXPECT_TRUE(model.exportHistory().empty());
+  EXPECT_FALSE(QFile::exists(target));
   EXPECT_TRUE(ExportHistory::load().empty());
-  EXPECT_FALSE(model.exportError());
-}
 
-TEST_F(ExportTest, FailedDeleteKeepsTheRecordAndRaisesTheWindowError) {
-  auto& model = makeModel();
-  import({source("a.png")});
-  ASSERT_TRUE(waitIdle());
-  const QString target = outFolder() + "/a.jpg";
-  ASSERT_TRUE(model.exportSingle(model.images()[0], QUrl::fromLocalFile(target)));
-  // Replace the file by a non-empty folder: removal fails even for root.
+  exportIt();
   QFile::remove(target);
-  QDir().mkpath(target + "/inside");
-  QSignalSpy errors(&model, &BatchViewModel::exportErrorChanged);
+  QDir().mkpath(target + "/inside");  // a non-empty folder in its place: removal fails even for root
   model.undoExport(model.exportHistory()[0]);
   EXPECT_EQ(model.exportHistory().size(), 1u);
   ASSERT_TRUE(model.exportError());
   EXPECT_TRUE(model.exportError()->contains("a.jpg"));
-  EXPECT_EQ(errors.count(), 1);
 
   // A file the user deleted meanwhile: the record just goes, with no message.
   model.setExportError(std::nullopt);
@@ -143,56 +128,17 @@ TEST_F(ExportTest, FailedDeleteKeepsTheRecordAndRaisesTheWindowError) {
   EXPECT_FALSE(model.exportError());
 }
 
-TEST_F(ExportTest, HistoryAndProfilesSurviveARestartAndUnreadableFilesStartEmpty) {
-  {
-    auto& model = makeModel();
-    import({source("a.png")});
-    ASSERT_TRUE(waitIdle());
-    ASSERT_TRUE(model.exportSingle(model.images()[0], QUrl::fromLocalFile(outFolder() + "/a.jpg")));
-    model.upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, true});
-  }
-  model_.reset();
-  auto& model = makeModel();
-  EXPECT_EQ(model.exportHistory().size(), 1u);
-  ASSERT_EQ(model.exportProfiles().size(), 1u);
-  EXPECT_EQ(model.exportProfiles()[0].name, "Web");
-  model_.reset();
-
-  QFile history(JSONFileStore::path("exportHistory.json"));
-  ASSERT_TRUE(history.open(QIODevice::WriteOnly | QIODevice::Truncate));
-  history.write("[{\"id\":");
-  history.close();
-  auto& again = makeModel();
-  EXPECT_TRUE(again.exportHistory().empty());
-  EXPECT_EQ(again.exportProfiles().size(), 1u);
-}
-
-TEST_F(ExportTest, ProfileOperationsKeepNamesUniqueAndOneDefault) {
-  auto& model = makeModel();
-  QSignalSpy saved(&model, &BatchViewModel::exportProfilesChanged);
+TEST_F(ExportTest, ProfilesAreSavedAtEachChangeAndDeletingTheAppliedOneKeepsItsFolder) {
   const ExportProfile web{QUuid::createUuid(), "web", ImageFormat::webp, 80, QString("/srv/out"), true};
-  const ExportProfile print{QUuid::createUuid(), "Print", ImageFormat::png, 100, std::nullopt, false};
-  model.upsertExportProfile(web);
-  model.upsertExportProfile(print);
-  model.upsertExportProfile({QUuid::createUuid(), "Web ", ImageFormat::avif, 50, std::nullopt, false});
-  ASSERT_EQ(model.exportProfiles().size(), 2u);  // " Web " replaced "web" in place
-  EXPECT_EQ(model.exportProfiles()[0].format, ImageFormat::avif);
-  EXPECT_EQ(saved.count(), 3);
-
-  ExportProfile printDefault = print;
-  printDefault.isDefault = true;
-  model.upsertExportProfile(printDefault);
-  EXPECT_EQ(ExportProfiles::load(), model.exportProfiles());
-
+  makeModel().upsertExportProfile(web);
+  auto& model = makeModel();  // a new start reads it back
+  ASSERT_EQ(model.exportProfiles(), ExportProfileList{web});
   model.applyExportProfile(web);
-  EXPECT_EQ(model.quality(), 80);
-  EXPECT_EQ(model.outputFormat(), ImageFormat::webp);
-  EXPECT_EQ(model.appliedProfileName(), "web");
-  EXPECT_EQ(model.lastAppliedProfileFolder(), QUrl::fromLocalFile("/srv/out"));
-  model.deleteExportProfile({model.exportProfiles()[0].id, "WEB", ImageFormat::avif, 50, std::nullopt, false});
-  EXPECT_EQ(model.exportProfiles().size(), 1u);
+  model.deleteExportProfile({web.id, "WEB", ImageFormat::avif, 50, std::nullopt, false});
+  EXPECT_TRUE(ExportProfiles::load().empty());
   EXPECT_FALSE(model.appliedProfileName());
-  EXPECT_EQ(model.lastAppliedProfileFolder(), QUrl::fromLocalFile("/srv/out"));  // the export panel still opens there
+  EXPECT_EQ(model.lastAppliedProfileFolder(), QUrl::fromLocalFile("/srv/out"))
+      << "the export panel opens there";
 }
 
 }  // namespace

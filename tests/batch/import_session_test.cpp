@@ -1,4 +1,5 @@
 // Import pipeline and session persistence.
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -19,123 +20,100 @@ TEST_F(ImportTest, RowsArriveInURLOrderWhateverFinishesFirst) {
   auto o = options();
   o.processorCount = 3;
   auto& model = makeModel(o);
-  inspector_.set(path("a.png"), {.delayMs = 800});
-  inspector_.set(path("c.png"), {.fail = true});
+  inspectAs("a.png", {.delayMs = 800});
+  inspectAs("c.png", {.fail = true});
   const QList<QUrl> urls = {source("a.png"), source("b.png"), source("c.png"), source("d.png"),
                             QUrl::fromLocalFile(dir_.filePath("missing.png"))};
-
   QFuture<void> done = model.importFiles(urls);
   QTest::qWait(150);
-  // b and d are inspected by now, but a holds back every later delivery.
-  EXPECT_TRUE(model.images().empty());
+  EXPECT_TRUE(model.images().empty())
+      << "b and d are inspected by now, but a holds back every later delivery";
   ASSERT_TRUE(QTest::qWaitFor([&] { return done.isFinished(); }, 3000));
-
   EXPECT_EQ(names(), (QStringList{"a.png", "b.png", "d.png"}));
-  EXPECT_LE(inspector_.maxRunning(), 3);
+  EXPECT_LE(maxInspecting_, 3);
   ASSERT_EQ(model.importFailures().size(), 2u);
-  EXPECT_EQ(model.importFailures()[0].url, urls[2]);
-  EXPECT_EQ(model.importFailures()[1].url, urls[4]);
+  EXPECT_EQ(std::pair(model.importFailures()[0].url, model.importFailures()[1].url),
+            std::pair(urls[2], urls[4]));
   EXPECT_EQ(model.importFailures()[0].message, QString::fromUtf8("Impossible de décoder l'image source."));
-  for (const auto& image : model.images()) EXPECT_TRUE(image->encodeState().isEncoding());
-  EXPECT_TRUE(waitIdle());
 }
 
 TEST_F(ImportTest, FailuresAreReplacedByURLAndClearedBySuccess) {
   auto& model = makeModel();
   const QUrl url = source("x.png");
-  inspector_.set(path("x.png"), {.fail = true});
+  inspectAs("x.png", {.fail = true});
   import({url});
-  import({url});
-  ASSERT_EQ(model.importFailures().size(), 1u);
-  const QUuid firstID = model.importFailures()[0].id;
+  const QUuid firstID = model.importFailures().at(0).id;
   import({url});
   ASSERT_EQ(model.importFailures().size(), 1u);
   EXPECT_NE(model.importFailures()[0].id, firstID);
-  EXPECT_TRUE(readSession().isEmpty());  // an import where everything failed writes no session
+  EXPECT_TRUE(readSession().isEmpty()) << "an import where everything failed writes no session";
 
-  inspector_.set(path("x.png"), {});
+  inspectAs("x.png", {});
   model.retryImport(model.importFailures()[0]);
-  EXPECT_TRUE(model.importFailures().empty());  // the retried entry goes at once
+  EXPECT_TRUE(model.importFailures().empty()) << "the retried entry goes at once";
   ASSERT_TRUE(QTest::qWaitFor([&] { return model.images().size() == 1; }, 2000));
-  EXPECT_TRUE(model.importFailures().empty());
 
-  // A success elsewhere removes every failure with the same URL.
-  inspector_.set(path("x.png"), {.fail = true});
+  // A success elsewhere removes the failure with the same URL; duplicates are two rows.
+  inspectAs("x.png", {.fail = true});
   import({url});
-  ASSERT_EQ(model.importFailures().size(), 1u);
-  inspector_.set(path("x.png"), {});
+  inspectAs("x.png", {});
   import({url});
   EXPECT_TRUE(model.importFailures().empty());
-  EXPECT_EQ(model.images().size(), 2u);  // no duplicate test: two rows, two ids
+  ASSERT_EQ(model.images().size(), 2u);
   EXPECT_NE(model.images()[0]->id(), model.images()[1]->id());
 }
 
-TEST_F(ImportTest, SessionMirrorsTheListAndItsOverrides) {
-  auto& model = makeModel();
-  import({source("a.png"), source("b.png"), source("c.png")});
-  model.setQualityOverride(model.images()[1], 40);
-  model.moveImage(2, 0);
-  model.removeImage(model.images()[1]);  // a.png
-
+TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
+  makeModel();
+  import(
+      {source("a.png"), source("b.png"), source("c.png"), source("d.png"), source("e.png"), source("f.png")});
+  model_->setQualityOverride(model_->images()[2], 40);
+  model_->moveImage(4, 0);
+  model_->removeImage(model_->images()[5]);
+  model_->setQuality(30);
   const QJsonArray stored = QJsonDocument::fromJson(readSession()).array();
-  ASSERT_EQ(stored.size(), 2);
-  EXPECT_EQ(stored[0].toObject().value("sourceURL").toString(), QUrl::fromLocalFile(dir_.filePath("c.png")).toString());
+  ASSERT_EQ(stored.size(), 5);
+  EXPECT_EQ(stored[0].toObject().value("sourceURL").toString(),
+            QUrl::fromLocalFile(dir_.filePath("e.png")).toString());
   EXPECT_FALSE(stored[0].toObject().contains("qualityOverride"));
-  EXPECT_EQ(stored[1].toObject().value("qualityOverride").toDouble(), 40);
-
-  model.clearAll();
-  EXPECT_EQ(readSession(), QByteArray("[]"));
-  EXPECT_TRUE(model.images().empty());
-  EXPECT_FALSE(model.isEncoding());
-}
-
-TEST_F(ImportTest, RestoreKeepsOrderAndOverridesAndListsMissingFiles) {
-  {
-    auto& first = makeModel();
-    import({source("a.png"), source("b.png"), source("c.png"), source("d.png"), source("e.png")});
-    first.setQualityOverride(first.images()[2], 40);
-  }
-  encoder_.openGate();
-  model_.reset();
+  EXPECT_EQ(stored[3].toObject().value("qualityOverride").toDouble(), 40);
   QFile::remove(dir_.filePath("d.png"));
-  inspector_.set(path("a.png"), {.delayMs = 200});  // first file finishes last
+  inspectAs("e.png", {.delayMs = 200});  // the first file finishes last
 
   auto o = options();
   o.restoreSession = true;
   auto& model = makeModel(o);
-  EXPECT_TRUE(model.images().empty());  // restoring is queued after construction
-  ASSERT_TRUE(QTest::qWaitFor([&] { return model.images().size() == 4 && !model.importFailures().empty(); }, 3000));
+  EXPECT_TRUE(model.images().empty()) << "restoring is queued after construction";
+  ASSERT_TRUE(
+      QTest::qWaitFor([&] { return model.images().size() == 4 && !model.importFailures().empty(); }, 3000));
   ASSERT_TRUE(waitIdle());
-
-  EXPECT_EQ(names(), (QStringList{"a.png", "b.png", "c.png", "e.png"}));
-  EXPECT_EQ(model.images()[2]->qualityOverride(), 40);
-  EXPECT_EQ(model.images()[2]->encodeState(), EncodeState::ready(400));
-  EXPECT_EQ(model.images()[0]->encodeState(), EncodeState::ready(750));
+  EXPECT_EQ(names(), (QStringList{"e.png", "a.png", "b.png", "c.png"}));
+  EXPECT_EQ(model.images()[3]->encodeState(), EncodeState::ready(400)) << "its override of 40";
+  EXPECT_EQ(model.images()[0]->encodeState(), EncodeState::ready(750)) << "global settings are not stored";
   ASSERT_EQ(model.importFailures().size(), 1u);
   EXPECT_EQ(model.importFailures()[0].url.fileName(), "d.png");
   EXPECT_EQ(QJsonDocument::fromJson(readSession()).array().size(), 4);
-  // Global settings are never stored.
-  EXPECT_EQ(model.quality(), 75);
-  EXPECT_EQ(model.outputFormat(), ImageFormat::jpeg);
+
+  model.clearAll();
+  EXPECT_EQ(readSession(), QByteArray("[]"));
+  EXPECT_FALSE(model.isEncoding());
 }
 
-TEST_F(ImportTest, CorruptOrMalformedSessionStartsEmptyAndIsLeftAlone) {
-  const QList<QByteArray> broken = {
-      "{not json", R"({"sourceURL":"file:///x.png"})", R"([{"qualityOverride":40}])",
-      R"([{"sourceURL":"file:///x.png","qualityOverride":"high"}])"};
-  for (const QByteArray& content : broken) {
+TEST_F(ImportTest, EmptyCorruptOrMalformedSessionStartsEmptyAndIsLeftAlone) {
+  // An empty list (the session after clearAll) is as good as none: the next start begins empty.
+  for (const QByteArray content :
+       {"[]", "{not json", R"({"sourceURL":"file:///x.png"})", R"([{"qualityOverride":40}])",
+        R"([{"sourceURL":"file:///x.png","qualityOverride":"high"}])"}) {
     QDir().mkpath(JSONFileStore::folder());
     QFile file(JSONFileStore::path("importSession.json"));
     ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
     file.write(content);
     file.close();
-
     auto o = options();
     o.restoreSession = true;
     auto& model = makeModel(o);
     QTest::qWait(100);
-    EXPECT_TRUE(model.images().empty()) << content.constData();
-    EXPECT_TRUE(model.importFailures().empty()) << content.constData();
+    EXPECT_TRUE(model.images().empty() && model.importFailures().empty()) << content.constData();
     EXPECT_EQ(readSession(), content);
   }
 }
