@@ -10,54 +10,45 @@ namespace {
 using ContentClass = ImageCharacteristics::ContentClass;
 using Color = std::array<uint8_t, 3>;
 
-RGBABuffer solid(int width, int height, Color color, uint8_t alpha = 255) {
-  RGBABuffer buffer;
-  buffer.width = width;
-  buffer.height = height;
-  buffer.pixels.resize(size_t(width) * size_t(height) * 4);
-  for (size_t i = 0; i < buffer.pixels.size(); i += 4) {
-    buffer.pixels[i] = color[0], buffer.pixels[i + 1] = color[1], buffer.pixels[i + 2] = color[2];
-    buffer.pixels[i + 3] = alpha;
-  }
-  return buffer;
-}
-
 void set(RGBABuffer& buffer, int x, int y, Color color, uint8_t alpha = 255) {
   uint8_t* p = &buffer.pixels[(size_t(y) * size_t(buffer.width) + size_t(x)) * 4];
   p[0] = color[0], p[1] = color[1], p[2] = color[2], p[3] = alpha;
+}
+
+RGBABuffer solid(int width, int height, Color color) {
+  RGBABuffer buffer;
+  buffer.width = width, buffer.height = height;
+  buffer.pixels.resize(size_t(width) * size_t(height) * 4);
+  for (int i = 0; i < width * height; ++i) set(buffer, i % width, i / width, color);
+  return buffer;
 }
 
 double luma(Color c) { return 0.299 * c[0] + 0.587 * c[1] + 0.114 * c[2]; }
 
 // ---- Small pictures and sampling ----
 
-TEST(ImageAnalyzerSampling, PicturesUnderThreePixelsAreFlatGraphics) {
+TEST(ImageAnalyzerSampling, TinyPicturesAreFlatAndThreeByThreeSamplesOnlyTheCentre) {
   RGBABuffer tiny = solid(2, 2, {0, 0, 0});
   set(tiny, 1, 1, {255, 255, 255}, 0);
   tiny.hasAlpha = true;
-  const ImageCharacteristics c = ImageAnalyzer::analyze(tiny);
+  ImageCharacteristics c = ImageAnalyzer::analyze(tiny);
   EXPECT_EQ(c.contentClass, ContentClass::flatGraphic);
   EXPECT_EQ(c.distinctColorCount, 1);
-  EXPECT_EQ(c.flatFraction, 1.0);
   EXPECT_TRUE(c.hasAlpha);
-}
 
-TEST(ImageAnalyzerSampling, ThreeByThreeHasOneSampleTheCentre) {
   RGBABuffer buffer = solid(3, 3, {0, 0, 0});
   for (int i = 0; i < 9; ++i) set(buffer, i % 3, i / 3, {uint8_t(i * 30), 7, 7}, i == 4 ? 255 : 128);
-  ImageCharacteristics c = ImageAnalyzer::analyze(buffer);
+  c = ImageAnalyzer::analyze(buffer);
   EXPECT_EQ(c.distinctColorCount, 1);
   EXPECT_FALSE(c.hasPartialAlpha) << "the border's partial alpha is never sampled";
-  EXPECT_EQ(c.edgeFraction, 1.0);
   set(buffer, 1, 1, {120, 7, 7}, 1);
   EXPECT_TRUE(ImageAnalyzer::analyze(buffer).hasPartialAlpha);
 }
 
 TEST(ImageAnalyzerSampling, StepGrowsWithTheSquareRootOfThePixelCount) {
   for (const auto& [pixels, step] : {std::pair<uint64_t, int>{9, 1}, {1'200'000, 1}, {1'200'001, 2}, {4'800'000, 2},
-                                     {4'800'001, 3}, {12'000'000, 4}}) {
+                                     {4'800'001, 3}, {12'000'000, 4}})
     EXPECT_EQ(ImageAnalyzer::samplingStep(pixels), step) << pixels;
-  }
 }
 
 TEST(ImageAnalyzerSampling, StepTwoSeesOnlyOddRowsAndColumns) {
@@ -73,43 +64,32 @@ TEST(ImageAnalyzerSampling, StepTwoSeesOnlyOddRowsAndColumns) {
 
 // ---- Luma steps: a 3 by 3 picture whose centre differs from its ring by exactly g ----
 
-struct StepCase {
-  const char* name;
-  Color centre, ring;
-  bool flat, edge, gradient;
-};
-
-class ImageAnalyzerLumaStep : public ::testing::TestWithParam<StepCase> {};
-
-TEST_P(ImageAnalyzerLumaStep, ClassifiesTheSample) {
-  const StepCase& k = GetParam();
-  RGBABuffer buffer = solid(3, 3, k.ring);
-  set(buffer, 1, 1, k.centre);
-  const double g = std::abs(luma(k.centre) - luma(k.ring));
-  const ImageCharacteristics c = ImageAnalyzer::analyze(buffer);
-  EXPECT_EQ(c.flatFraction, k.flat ? 1.0 : 0.0);
-  EXPECT_EQ(c.edgeFraction, k.edge ? 1.0 : 0.0);
-  EXPECT_EQ(c.gradientFraction, k.gradient ? 1.0 : 0.0);
-  // An edge adds nothing to the noise; otherwise the Laplacian is 4g.
-  EXPECT_NEAR(c.noiseLevel, k.edge ? 0.0 : 4 * g, 1e-9);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Thresholds, ImageAnalyzerLumaStep,
-    ::testing::Values(StepCase{"same", {50, 60, 70}, {50, 60, 70}, true, false, false},
-                      // Colours whose lumas differ by 0.5, 4.0 and 24.0 exactly in double.
-                      StepCase{"exactlyHalf", {8, 0, 4}, {0, 4, 0}, false, false, true},
-                      StepCase{"justBelowHalf", {0, 0, 4}, {0, 0, 0}, false, false, false},
-                      StepCase{"exactlyFour", {4, 4, 5}, {0, 0, 1}, false, false, true},
-                      StepCase{"justAboveFour", {0, 0, 36}, {0, 0, 0}, false, false, false},
-                      StepCase{"justBelowEdge", {0, 0, 210}, {0, 0, 0}, false, false, false},
-                      StepCase{"exactlyEdge", {13, 23, 58}, {0, 0, 0}, false, true, false}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(ImageAnalyzerLumaStep, TestColoursHitTheThresholdsExactly) {
-  EXPECT_EQ(luma({8, 0, 4}) - luma({0, 4, 0}), 0.5);
-  EXPECT_EQ(luma({4, 4, 5}) - luma({0, 0, 1}), 4.0);
-  EXPECT_EQ(luma({13, 23, 58}), 24.0);
+TEST(ImageAnalyzerLumaStep, ThresholdsAreHitExactly) {
+  struct {
+    const char* name;
+    Color centre, ring;
+    bool flat, edge, gradient;
+  } const cases[] = {
+      {"same", {50, 60, 70}, {50, 60, 70}, true, false, false},
+      // Colours whose lumas differ by 0.5, 4.0 and 24.0 exactly in double.
+      {"exactlyHalf", {8, 0, 4}, {0, 4, 0}, false, false, true},
+      {"justBelowHalf", {0, 0, 4}, {0, 0, 0}, false, false, false},
+      {"exactlyFour", {4, 4, 5}, {0, 0, 1}, false, false, true},
+      {"justAboveFour", {0, 0, 36}, {0, 0, 0}, false, false, false},
+      {"justBelowEdge", {0, 0, 210}, {0, 0, 0}, false, false, false},
+      {"exactlyEdge", {13, 23, 58}, {0, 0, 0}, false, true, false},
+  };
+  for (const auto& k : cases) {
+    SCOPED_TRACE(k.name);
+    RGBABuffer buffer = solid(3, 3, k.ring);
+    set(buffer, 1, 1, k.centre);
+    const ImageCharacteristics c = ImageAnalyzer::analyze(buffer);
+    EXPECT_EQ(c.flatFraction, k.flat ? 1.0 : 0.0);
+    EXPECT_EQ(c.edgeFraction, k.edge ? 1.0 : 0.0);
+    EXPECT_EQ(c.gradientFraction, k.gradient ? 1.0 : 0.0);
+    // An edge adds nothing to the noise; otherwise the Laplacian is 4g.
+    EXPECT_NEAR(c.noiseLevel, k.edge ? 0.0 : 4 * std::abs(luma(k.centre) - luma(k.ring)), 1e-9);
+  }
 }
 
 // ---- Colour counting ----
@@ -125,30 +105,25 @@ RGBABuffer dottedPicture(int dots) {
   return buffer;
 }
 
-struct ColorCase {
-  int distinct;  // black included
-  int counted;
-  bool saturated;
-  ContentClass expected;
-};
-
-class ImageAnalyzerColors : public ::testing::TestWithParam<ColorCase> {};
-
-TEST_P(ImageAnalyzerColors, CountsUpToSaturation) {
-  const ColorCase& k = GetParam();
-  const ImageCharacteristics c = ImageAnalyzer::analyze(dottedPicture(k.distinct - 1));
-  EXPECT_EQ(c.distinctColorCount, k.counted);
-  EXPECT_EQ(c.colorCountSaturated, k.saturated);
-  EXPECT_GT(c.flatFraction, 0.7);
-  EXPECT_EQ(c.contentClass, k.expected);
+TEST(ImageAnalyzerColors, CountsUpToSaturation) {
+  struct {
+    int distinct;  // black included
+    int counted;
+    bool saturated;
+    ContentClass expected;
+  } const cases[] = {{4096, 4096, false, ContentClass::flatGraphic},
+                     {4097, 4097, false, ContentClass::screenText},
+                     {16383, 16383, false, ContentClass::screenText},
+                     {16384, 16384, true, ContentClass::screenText},
+                     {20000, 16384, true, ContentClass::screenText}};
+  for (const auto& k : cases) {
+    const ImageCharacteristics c = ImageAnalyzer::analyze(dottedPicture(k.distinct - 1));
+    EXPECT_EQ(c.distinctColorCount, k.counted) << k.distinct;
+    EXPECT_EQ(c.colorCountSaturated, k.saturated) << k.distinct;
+    EXPECT_GT(c.flatFraction, 0.7);
+    EXPECT_EQ(c.contentClass, k.expected) << k.distinct;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Boundaries, ImageAnalyzerColors,
-                         ::testing::Values(ColorCase{4096, 4096, false, ContentClass::flatGraphic},
-                                           ColorCase{4097, 4097, false, ContentClass::screenText},
-                                           ColorCase{16383, 16383, false, ContentClass::screenText},
-                                           ColorCase{16384, 16384, true, ContentClass::screenText},
-                                           ColorCase{20000, 16384, true, ContentClass::screenText}));
 
 // ---- Flat fraction at the flatGraphic boundary ----
 
@@ -175,38 +150,31 @@ TEST(ImageAnalyzerFlatFraction, FortyFiveHundredthsIsNotAFlatGraphic) {
 
 // ---- Class rules, in order ----
 
-struct RuleCase {
-  const char* name;
-  bool saturated;
-  int colors;
-  double flat, edge, noise;
-  ContentClass expected;
-};
-
-class ImageAnalyzerClassRules : public ::testing::TestWithParam<RuleCase> {};
-
-TEST_P(ImageAnalyzerClassRules, FirstRuleThatHoldsWins) {
-  const RuleCase& k = GetParam();
-  ImageCharacteristics c;
-  c.colorCountSaturated = k.saturated;
-  c.distinctColorCount = k.colors;
-  c.flatFraction = k.flat;
-  c.edgeFraction = k.edge;
-  c.noiseLevel = k.noise;
-  EXPECT_EQ(ImageAnalyzer::classify(c), k.expected);
+TEST(ImageAnalyzerClassRules, FirstRuleThatHoldsWins) {
+  struct {
+    const char* name;
+    bool saturated;
+    int colors;
+    double flat, edge, noise;
+    ContentClass expected;
+  } const cases[] = {
+      {"flatBeatsScreen", false, 4096, 0.46, 0.5, 20, ContentClass::flatGraphic},
+      {"saturatedNeverFlat", true, 16384, 0.9, 0, 0, ContentClass::photo},
+      {"screenNeedsFlatAbove35", false, 5000, 0.35, 0.5, 9, ContentClass::noisyPhoto},
+      {"screenNeedsEdgeAbove1", false, 5000, 0.5, 0.01, 2.9, ContentClass::illustration},
+      {"illustrationNeedsNoiseBelow3", false, 9000, 0.2, 0, 3.0, ContentClass::photo},
+      {"illustrationNeedsFlatAbove8", false, 9000, 0.08, 0, 0, ContentClass::photo},
+      {"illustrationNeedsUnsaturated", true, 16384, 0.3, 0, 0, ContentClass::photo},
+      {"noisyNeedsAbove8", true, 16384, 0, 0, 8.0, ContentClass::photo},
+  };
+  for (const auto& k : cases) {
+    ImageCharacteristics c;
+    c.colorCountSaturated = k.saturated;
+    c.distinctColorCount = k.colors;
+    c.flatFraction = k.flat, c.edgeFraction = k.edge, c.noiseLevel = k.noise;
+    EXPECT_EQ(ImageAnalyzer::classify(c), k.expected) << k.name;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rules, ImageAnalyzerClassRules,
-    ::testing::Values(RuleCase{"flatBeatsScreen", false, 4096, 0.46, 0.5, 20, ContentClass::flatGraphic},
-                      RuleCase{"saturatedNeverFlat", true, 16384, 0.9, 0, 0, ContentClass::photo},
-                      RuleCase{"screenNeedsFlatAbove35", false, 5000, 0.35, 0.5, 9, ContentClass::noisyPhoto},
-                      RuleCase{"screenNeedsEdgeAbove1", false, 5000, 0.5, 0.01, 2.9, ContentClass::illustration},
-                      RuleCase{"illustrationNeedsNoiseBelow3", false, 9000, 0.2, 0, 3.0, ContentClass::photo},
-                      RuleCase{"illustrationNeedsFlatAbove8", false, 9000, 0.08, 0, 0, ContentClass::photo},
-                      RuleCase{"illustrationNeedsUnsaturated", true, 16384, 0.3, 0, 0, ContentClass::photo},
-                      RuleCase{"noisyNeedsAbove8", true, 16384, 0, 0, 8.0, ContentClass::photo}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace quillane

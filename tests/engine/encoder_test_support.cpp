@@ -14,7 +14,6 @@ namespace quillane::testing {
 namespace {
 
 uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
-uint32_t le32(const uint8_t* p) { return uint32_t(p[3]) << 24 | uint32_t(p[2]) << 16 | uint32_t(p[1]) << 8 | p[0]; }
 
 }  // namespace
 
@@ -30,20 +29,6 @@ std::vector<Chunk> pngChunks(std::span<const uint8_t> png) {
     c.crcValid = crc == be32(&png[at + 8 + length]);
     chunks.push_back(std::move(c));
     at += 12 + length;
-  }
-  return chunks;
-}
-
-std::vector<Chunk> riffChunks(std::span<const uint8_t> webp) {
-  std::vector<Chunk> chunks;
-  for (size_t at = 12; at + 8 <= webp.size();) {
-    const uint32_t length = le32(&webp[at + 4]);
-    if (at + 8 + length > webp.size()) break;
-    Chunk c;
-    c.type.assign(webp.begin() + ptrdiff_t(at), webp.begin() + ptrdiff_t(at + 4));
-    c.payload.assign(webp.begin() + ptrdiff_t(at + 8), webp.begin() + ptrdiff_t(at + 8 + length));
-    chunks.push_back(std::move(c));
-    at += 8 + length + (length & 1);
   }
   return chunks;
 }
@@ -93,7 +78,7 @@ std::optional<Decoded> decodeWebP(std::span<const uint8_t> webp) {
 
 std::optional<DecodedJXL> decodeJXL(std::span<const uint8_t> jxl) {
   JxlDecoderPtr dec = JxlDecoderMake(nullptr);
-  const int events = JXL_DEC_BASIC_INFO | JXL_DEC_COLOR_ENCODING | JXL_DEC_JPEG_RECONSTRUCTION | JXL_DEC_FULL_IMAGE;
+  const int events = JXL_DEC_BASIC_INFO | JXL_DEC_JPEG_RECONSTRUCTION | JXL_DEC_FULL_IMAGE;
   if (JxlDecoderSubscribeEvents(dec.get(), events) != JXL_DEC_SUCCESS) return std::nullopt;
   JxlDecoderSetKeepOrientation(dec.get(), JXL_TRUE);
   JxlDecoderSetInput(dec.get(), jxl.data(), jxl.size());
@@ -112,21 +97,6 @@ std::optional<DecodedJXL> decodeJXL(std::span<const uint8_t> jxl) {
         out.usesOriginalProfile = info.uses_original_profile;
         out.extraChannels = info.num_extra_channels;
         out.orientation = int(info.orientation);
-        break;
-      }
-      case JXL_DEC_COLOR_ENCODING: {
-        JxlColorEncoding enc;
-        if (JxlDecoderGetColorAsEncodedProfile(dec.get(), nullptr, JXL_COLOR_PROFILE_TARGET_ORIGINAL, &enc) ==
-            JXL_DEC_SUCCESS)
-          out.taggedSRGB = enc.color_space == JXL_COLOR_SPACE_RGB && enc.primaries == JXL_PRIMARIES_SRGB &&
-                           enc.transfer_function == JXL_TRANSFER_FUNCTION_SRGB;
-        size_t size = 0;
-        if (JxlDecoderGetICCProfileSize(dec.get(), nullptr, JXL_COLOR_PROFILE_TARGET_ORIGINAL, &size) ==
-            JXL_DEC_SUCCESS) {
-          out.icc.resize(size);
-          JxlDecoderGetColorAsICCProfile(dec.get(), nullptr, JXL_COLOR_PROFILE_TARGET_ORIGINAL, out.icc.data(),
-                                         size);
-        }
         break;
       }
       case JXL_DEC_JPEG_RECONSTRUCTION:  // a JPEG is never much larger than its repackaging

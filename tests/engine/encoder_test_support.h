@@ -12,14 +12,13 @@ namespace quillane::testing {
 
 using Bytes = std::vector<uint8_t>;
 
-// The chunks of a PNG file (with `crcValid`) or of a RIFF (WebP) file, in file order.
+// The chunks of a PNG file, in file order.
 struct Chunk {
   std::string type;
   Bytes payload;
   bool crcValid = true;
 };
 std::vector<Chunk> pngChunks(std::span<const uint8_t> png);
-std::vector<Chunk> riffChunks(std::span<const uint8_t> webp);
 std::vector<std::string> chunkTypes(const std::vector<Chunk>& chunks);
 const Chunk* findChunk(const std::vector<Chunk>& chunks, const std::string& type);
 Bytes inflate(std::span<const uint8_t> zlibStream, size_t expectedSize);
@@ -37,8 +36,6 @@ struct DecodedJXL {
   bool usesOriginalProfile = false;
   uint32_t extraChannels = 0;
   int orientation = 1;      // as stored, not applied
-  Bytes icc;                // the original profile
-  bool taggedSRGB = false;  // the original colour encoding is plain sRGB
   Bytes reconstructedJPEG;  // when the file carries JPEG reconstruction data
 };
 std::optional<DecodedJXL> decodeJXL(std::span<const uint8_t> jxl);

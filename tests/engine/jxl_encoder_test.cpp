@@ -3,7 +3,6 @@
 #include <random>
 
 #include "engine/Encoders.h"
-#include "engine/Errors.h"
 #include "tests/engine/encoder_test_support.h"
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
@@ -45,33 +44,7 @@ TEST(JxlEncode, LossyIsCloseAndUsesXYB) {
   const auto decoded = decodeJXL(JXLEncoder::encode(rgba, false, plan(Mode::lossy(90), 0)));
   ASSERT_TRUE(decoded);
   EXPECT_FALSE(decoded->usesOriginalProfile);
-  EXPECT_TRUE(decoded->taggedSRGB);
   EXPECT_LE(maxDifference(decoded->image.rgba, rgba.pixels), 40);
-}
-
-TEST(JxlEncode, WideGamutProfileIsKeptAndSRGBIsSignalledAsSuch) {
-  RGBABuffer rgba = makeBuffer(12, 12, Pattern::gradient);
-  rgba.colorSpace = ColorSpace::fromICC(fixtures::srgbICC());
-  auto decoded = decodeJXL(JXLEncoder::encode(rgba, false, plan(Mode::lossless())));
-  ASSERT_TRUE(decoded);
-  EXPECT_TRUE(decoded->taggedSRGB);
-
-  rgba.colorSpace = ColorSpace::fromICC(fixtures::displayP3ICC());
-  for (Mode mode : {Mode::lossless(), Mode::lossy(80)}) {
-    decoded = decodeJXL(JXLEncoder::encode(rgba, false, plan(mode)));
-    ASSERT_TRUE(decoded);
-    EXPECT_FALSE(decoded->taggedSRGB);
-    EXPECT_FALSE(ColorSpace::fromICC(decoded->icc).isSRGB);
-  }
-}
-
-TEST(JxlEncode, NearLosslessIsRefusedAsJPEGXLFailure) {
-  try {
-    JXLEncoder::encode(makeBuffer(4, 4, Pattern::photo), false, plan(Mode::nearLossless(60)));
-    FAIL() << "no error";
-  } catch (const ImageProcessingError& e) {
-    EXPECT_EQ(e.label(), "JPEG XL");
-  }
 }
 
 TEST(JxlEncode, OutputAboveOneMebibyteDrainsContiguously) {

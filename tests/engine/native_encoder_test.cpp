@@ -1,6 +1,6 @@
 // The JPEG, HEIC and AVIF path: what reaches the writers (opaque copy over white or black,
-// alpha kept or dropped, 16-bit and premultiplied sources), the one quality number, colour
-// profiles in the files as the libraries read them back, silence on stderr, and failures.
+// alpha kept or dropped, 16-bit and premultiplied sources), the one quality number, silence
+// on stderr, and failures.
 
 #include <gtest/gtest.h>
 
@@ -38,12 +38,6 @@ DecodedImage solid(int w, int h, uint8_t r, uint8_t g, uint8_t b, uint8_t a) {
 
 const uint8_t* pixelAt(const DecodedImage& img, int x, int y) {
   return &img.pixels8[(size_t(y) * size_t(img.width) + size_t(x)) * 4];
-}
-
-// The profile as the reader finds it (libjpeg, libheif and libavif parse the boxes and markers).
-Bytes fileICC(const Bytes& file) {
-  auto icc = ImageService::decodeFirstFrame(file).colorSpace.icc;
-  return icc ? *icc : Bytes();
 }
 
 // Mean absolute difference of the colour samples of two 8-bit pictures of the same size.
@@ -163,35 +157,6 @@ TEST(NativeEncoder, HigherQualityKeepsMoreDetailInEveryFormat) {
     EXPECT_LT(meanColourError(decode8(high), photo), meanColourError(decode8(low), photo));
     EXPECT_LT(meanColourError(decode8(high), photo), 12.0);
   }
-}
-
-TEST(NativeEncoder, TinyAndOddSizedPicturesEncodeInEveryFormat) {
-  for (auto [w, h] : {std::pair{1, 1}, std::pair{3, 5}, std::pair{17, 2}}) {
-    DecodedImage img = testing::makeImage(w, h, testing::Pattern::gradient, 1, true);
-    for (ImageFormat format : kNative) {
-      SCOPED_TRACE(std::string(ImageFormats::label(format)) + " " + std::to_string(w) + "x" + std::to_string(h));
-      DecodedImage back = decode8(encode(img, true, format, lossyPlan(75)));
-      EXPECT_EQ(back.width, w);
-      EXPECT_EQ(back.height, h);
-    }
-  }
-}
-
-TEST(NativeEncoder, WideGamutProfileReachesEveryFileAndSRGBAddsNone) {
-  DecodedImage img = testing::makeImage(32, 24, testing::Pattern::photo, 3);
-  for (bool large : {false, true}) {
-    Bytes p3 = fixtures::displayP3ICC(large);
-    img.colorSpace = ColorSpace::fromICC(p3);
-    ASSERT_FALSE(img.colorSpace.isSRGB);
-    for (ImageFormat format : kNative) {
-      SCOPED_TRACE(std::string(ImageFormats::label(format)) + (large ? " large" : ""));
-      EXPECT_EQ(fileICC(encode(img, false, format, lossyPlan(80))), p3);
-    }
-  }
-  img.colorSpace = ColorSpace::fromICC(fixtures::srgbICC());
-  ASSERT_TRUE(img.colorSpace.isSRGB);
-  for (ImageFormat format : kNative)
-    EXPECT_TRUE(fileICC(encode(img, false, format, lossyPlan(80))).empty()) << ImageFormats::label(format);
 }
 
 TEST(NativeEncoder, FailsWithTheFormatLabelAndWritesNothingToStandardError) {

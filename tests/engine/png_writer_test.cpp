@@ -47,15 +47,6 @@ TEST(PngWriterChunks, OptionalChunksOnlyWhenNeeded) {
   EXPECT_EQ(trns->payload[0], 254);
 }
 
-TEST(PngWriterZlib, BestLevelUpToTwoMebibytesDefaultAbove) {
-  // FLEVEL, the top two bits of the second header byte: 3 for level 9, 2 for level 6.
-  const Bytes atLimit(2'097'152, 7), aboveLimit(2'097'153, 7);
-  const Bytes b = PNGWriter::zlibCompress(aboveLimit);
-  EXPECT_EQ(PNGWriter::zlibCompress(atLimit)[1] >> 6, 3);
-  EXPECT_EQ(b[1] >> 6, 2);
-  EXPECT_EQ(inflate(b, aboveLimit.size()), aboveLimit);
-}
-
 struct FilterCase {
   Filter filter;
   Bytes row, previous;
@@ -83,22 +74,6 @@ TEST(PngWriterFilters, ArithmeticAndScore) {
     for (uint8_t v : c.expected) expectedScore += v < 128 ? v : 256 - v;
     EXPECT_EQ(score, expectedScore) << int(c.filter);
   }
-}
-
-TEST(PngWriterFilters, PaethPicksTheNearestNeighbourWithTiesToLeftThenUp) {
-  // left a, up b, upper-left c, bpp 1: second byte of each row
-  auto predict = [](uint8_t a, uint8_t b, uint8_t c) {
-    const uint8_t row[2] = {a, 0}, previous[2] = {c, b};
-    uint8_t out[2];
-    PNGWriter::apply(Filter::paeth, row, previous, 2, 1, out);
-    return uint8_t(0 - out[1]);
-  };
-  EXPECT_EQ(predict(10, 20, 10), 20);  // s = 20: up is exact
-  EXPECT_EQ(predict(20, 10, 10), 20);  // s = 20: left is exact
-  EXPECT_EQ(predict(10, 20, 30), 10);  // s = 0: left nearest
-  EXPECT_EQ(predict(10, 25, 20), 10);  // s = 15: left and upper-left tie, left wins
-  EXPECT_EQ(predict(25, 10, 20), 10);  // s = 15: up and upper-left tie, up wins
-  EXPECT_EQ(predict(100, 50, 200), 50);  // s = -50: up nearer than upper-left
 }
 
 }  // namespace

@@ -12,8 +12,7 @@ namespace {
 
 DecodedImage numbered(int w, int h) {
   DecodedImage image;
-  image.width = w, image.height = h;
-  image.alpha = AlphaInfo::straight;
+  image.width = w, image.height = h, image.alpha = AlphaInfo::straight;
   for (int i = 0; i < w * h; ++i) image.pixels8.insert(image.pixels8.end(), {uint8_t(4 * i), uint8_t(8 * i), 0, 255});
   return image;
 }
@@ -51,36 +50,33 @@ TEST(Downscale, KeepsAspectAndDepthRules) {
   EXPECT_EQ(same.pixels8[1], 0);
 }
 
-// Independent turns and mirrors, to check the irot/imir table against.
-DecodedImage turnAnticlockwise(const DecodedImage& in) {
-  DecodedImage out = in;
-  out.width = in.height, out.height = in.width;
-  for (int y = 0; y < out.height; ++y)
-    for (int x = 0; x < out.width; ++x)
-      for (int c = 0; c < 4; ++c)
-        out.pixels8[(size_t(y) * size_t(out.width) + size_t(x)) * 4 + size_t(c)] =
-            in.pixels8[(size_t(x) * size_t(in.width) + size_t(in.width - 1 - y)) * 4 + size_t(c)];
-  return out;
-}
-DecodedImage mirror(const DecodedImage& in, bool leftRight) {
-  DecodedImage out = in;
-  for (int y = 0; y < in.height; ++y)
-    for (int x = 0; x < in.width; ++x) {
-      int sx = leftRight ? in.width - 1 - x : x, sy = leftRight ? y : in.height - 1 - y;
-      for (int c = 0; c < 4; ++c)
-        out.pixels8[(size_t(y) * size_t(in.width) + size_t(x)) * 4 + size_t(c)] =
-            in.pixels8[(size_t(sy) * size_t(in.width) + size_t(sx)) * 4 + size_t(c)];
-    }
-  return out;
+// Independent reference: quarter turns anticlockwise, then a mirror (0: top and bottom
+// exchanged, 1: left and right), pixel by pixel.
+DecodedImage turnAndMirror(DecodedImage img, int turns, int mode) {
+  auto remap = [&img](int w, int h, auto source) {
+    DecodedImage out = img;
+    out.width = w, out.height = h;
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        auto [sx, sy] = source(x, y);
+        std::copy_n(&img.pixels8[(size_t(sy) * size_t(img.width) + size_t(sx)) * 4], 4,
+                    &out.pixels8[(size_t(y) * size_t(w) + size_t(x)) * 4]);
+      }
+    img = out;
+  };
+  for (int t = 0; t < turns; ++t) remap(img.height, img.width, [&](int x, int y) { return std::pair{img.width - 1 - y, x}; });
+  if (mode >= 0)
+    remap(img.width, img.height, [&](int x, int y) {
+      return mode == 1 ? std::pair{img.width - 1 - x, y} : std::pair{x, img.height - 1 - y};
+    });
+  return img;
 }
 
 TEST(RotationMirror, EveryCombinationMatchesTheEquivalentExifOrientation) {
   const DecodedImage source = numbered(5, 3);
   for (int turns = 0; turns < 4; ++turns)
     for (int mode = -1; mode <= 1; ++mode) {
-      DecodedImage expected = source;
-      for (int t = 0; t < turns; ++t) expected = turnAnticlockwise(expected);
-      if (mode >= 0) expected = mirror(expected, mode == 1);
+      DecodedImage expected = turnAndMirror(source, turns, mode);
       int orientation = codecs::orientationFromRotationMirror(turns, mode);
       DecodedImage got = orientation == 1 ? source : Resample::orient(source, orientation);
       EXPECT_EQ(got.width, expected.width) << turns << "/" << mode;

@@ -4,7 +4,6 @@
 #include "engine/Errors.h"
 #include "engine/WebPEncoderConfig.h"
 #include "tests/engine/encoder_test_support.h"
-#include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane::testing {
@@ -66,26 +65,6 @@ TEST(WebPEncode, LossyKeepsAlphaExactlyAndColourClose) {
   EXPECT_EQ(alphaOut, alphaIn);
   EXPECT_LE(maxDifference(colourOut, colourIn), 48);
   EXPECT_LT(webp.size(), rgba.pixels.size() / 2);
-}
-
-TEST(WebPEncode, NonSRGBProfileIsAttachedAndSRGBAddsNoChunk) {
-  RGBABuffer rgba = makeBuffer(16, 12, Pattern::screenshot);
-  rgba.colorSpace = ColorSpace::fromICC(fixtures::srgbICC());
-  const auto plain = riffChunks(WebPEncoder::encode(rgba, plan(Mode::lossless()), characteristics(Class::screenText)));
-  EXPECT_EQ(chunkTypes(plain), std::vector<std::string>{"VP8L"});
-
-  const Bytes p3 = fixtures::displayP3ICC();
-  rgba.colorSpace = ColorSpace::fromICC(p3);
-  for (Mode mode : {Mode::lossless(), Mode::lossy(70)}) {
-    const Bytes webp = WebPEncoder::encode(rgba, plan(mode), characteristics(Class::screenText));
-    const auto chunks = riffChunks(webp);
-    ASSERT_FALSE(chunks.empty());
-    EXPECT_EQ(chunks[0].type, "VP8X");  // the extended format
-    const Chunk* iccp = findChunk(chunks, "ICCP");
-    ASSERT_NE(iccp, nullptr);
-    EXPECT_EQ(iccp->payload, p3);
-    EXPECT_TRUE(decodeWebP(webp));
-  }
 }
 
 TEST(WebPEncode, UnencodablePictureRaisesWebPEncodingFailed) {
