@@ -82,11 +82,6 @@ TEST(OpaqueCopy, CompositesEveryKindOfAlphaOverWhiteOrBlack) {
     EXPECT_EQ(b[1], 0);
   }
   EXPECT_EQ(opaqueCopy(solid(1, 1, 10, 200, 30, 0), true)->pixels8, (Bytes{255, 255, 255, 255}));
-  EXPECT_EQ(opaqueCopy(solid(1, 1, 10, 200, 30, 255), true)->pixels8, (Bytes{10, 200, 30, 255}));
-  DecodedImage broken = straight;
-  broken.pixels8.resize(3);
-  EXPECT_FALSE(opaqueCopy(broken, true));
-  EXPECT_FALSE(opaqueCopy(DecodedImage{}, true));
 }
 
 TEST(NativeQuality, EveryMappingMovesOneWayAndAvifNeverReachesLossless) {
