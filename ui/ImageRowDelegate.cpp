@@ -113,8 +113,10 @@ ImageRowDelegate::Geometry ImageRowDelegate::geometry(const QRect& r, const QMod
   if (image && image->frameCount() > 1) {
     const QFontMetrics fm(QApplication::font());
     const int badgeSide = 14;
+    // A pixel of slack: elidedText measures in fractions and cuts a name that exactly fills
+    // its integer advance.
     const int nameWidth =
-        std::min(fm.horizontalAdvance(image->fileName()), std::max(0, textWidth - badgeSide - 4));
+        std::min(fm.horizontalAdvance(image->fileName()) + 2, std::max(0, textWidth - badgeSide - 4));
     g.badge = QRect(left + nameWidth + 4, g.name.center().y() - badgeSide / 2 + 1, badgeSide, badgeSide);
     g.name.setWidth(nameWidth);
   }
