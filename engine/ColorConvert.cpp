@@ -1,37 +1,28 @@
 #include "engine/ColorConvert.h"
 
-#include <lcms2.h>
-
 #include <algorithm>
 #include <cstring>
 #include <memory>
 
+#include "engine/LcmsHandles.h"
+
 namespace quillane::ColorConvert {
 namespace {
-template <auto Fn>
-struct CDeleter {
-  template <class T>
-  void operator()(T* p) const noexcept {
-    if (p) Fn(p);
-  }
-};
-using ProfilePtr = std::unique_ptr<void, CDeleter<cmsCloseProfile>>;
-using TransformPtr = std::unique_ptr<void, CDeleter<cmsDeleteTransform>>;
-using ToneCurvePtr = std::unique_ptr<cmsToneCurve, CDeleter<cmsFreeToneCurve>>;
+using ToneCurvePtr = CHandle<cmsToneCurve, cmsFreeToneCurve>;
 
-ProfilePtr openProfile(const std::vector<uint8_t>* icc, cmsColorSpaceSignature expected) {
+CmsProfilePtr openProfile(const std::vector<uint8_t>* icc, cmsColorSpaceSignature expected) {
   if (!icc || icc->empty()) return nullptr;
-  ProfilePtr profile(cmsOpenProfileFromMem(icc->data(), cmsUInt32Number(icc->size())));
+  CmsProfilePtr profile(cmsOpenProfileFromMem(icc->data(), cmsUInt32Number(icc->size())));
   if (!profile || cmsGetColorSpace(profile.get()) != expected) return nullptr;
   return profile;
 }
 
-TransformPtr transformToSRGB(cmsHPROFILE source, cmsUInt32Number inFormat, cmsUInt32Number outFormat,
-                             cmsUInt32Number flags) {
-  ProfilePtr srgb(cmsCreate_sRGBProfile());
+CmsTransformPtr transformToSRGB(cmsHPROFILE source, cmsUInt32Number inFormat, cmsUInt32Number outFormat,
+                                cmsUInt32Number flags) {
+  CmsProfilePtr srgb(cmsCreate_sRGBProfile());
   if (!srgb) return nullptr;
-  return TransformPtr(cmsCreateTransform(source, inFormat, srgb.get(), outFormat, INTENT_PERCEPTUAL,
-                                         flags | cmsFLAGS_NOCACHE));
+  return CmsTransformPtr(cmsCreateTransform(source, inFormat, srgb.get(), outFormat, INTENT_PERCEPTUAL,
+                                            flags | cmsFLAGS_NOCACHE));
 }
 
 template <class T>
@@ -52,7 +43,7 @@ bool transformGrey(T* samples, int width, int height, int channels, cmsHPROFILE 
   bool wide = sizeof(T) == 2;
   cmsUInt32Number in = channels == 2 ? (wide ? TYPE_GRAYA_16 : TYPE_GRAYA_8) : (wide ? TYPE_GRAY_16 : TYPE_GRAY_8);
   cmsUInt32Number out = wide ? TYPE_RGBA_16 : TYPE_RGBA_8;
-  TransformPtr transform = transformToSRGB(grey, in, out, channels == 2 ? cmsFLAGS_COPY_ALPHA : 0);
+  CmsTransformPtr transform = transformToSRGB(grey, in, out, channels == 2 ? cmsFLAGS_COPY_ALPHA : 0);
   if (!transform) return false;
   std::vector<T> row(size_t(width) * size_t(channels));
   const T opaque = T(~T(0));
@@ -86,7 +77,7 @@ cmsToneCurve* transferCurve(int transfer) {
 }  // namespace
 
 void expandGreyInPlace(DecodedImage& image, int channels, const std::vector<uint8_t>* profile) {
-  ProfilePtr grey = openProfile(profile, cmsSigGrayData);
+  CmsProfilePtr grey = openProfile(profile, cmsSigGrayData);
   bool done = false;
   if (grey) {
     done = image.bitsPerComponent == 16
@@ -105,8 +96,8 @@ void expandGreyInPlace(DecodedImage& image, int channels, const std::vector<uint
 void cmykToRGBInPlace(DecodedImage& image, bool inverted, const std::vector<uint8_t>* profile) {
   uint8_t* px = image.pixels8.data();
   const size_t count = image.pixelCount();
-  ProfilePtr cmyk = openProfile(profile, cmsSigCmykData);
-  TransformPtr transform;
+  CmsProfilePtr cmyk = openProfile(profile, cmsSigCmykData);
+  CmsTransformPtr transform;
   // lcms2 precomputes a four-dimensional grid for CMYK input, which costs about 50 ms: worth
   // it for a photo, not for a small picture, which is evaluated directly.
   cmsUInt32Number flags = count < (1u << 20) ? cmsFLAGS_NOOPTIMIZE : 0;
@@ -162,7 +153,7 @@ ColorSpace fromCodePoints(int primaries, int transfer) {
   if (!curve) curve.reset(transferCurve(13));
   if (!curve) return ColorSpace::sRGB();
   cmsToneCurve* curves[3] = {curve.get(), curve.get(), curve.get()};
-  ProfilePtr profile(cmsCreateRGBProfile(&white, &xy, curves));
+  CmsProfilePtr profile(cmsCreateRGBProfile(&white, &xy, curves));
   if (!profile) return ColorSpace::sRGB();
   cmsUInt32Number size = 0;
   if (!cmsSaveProfileToMem(profile.get(), nullptr, &size) || size == 0) return ColorSpace::sRGB();

@@ -1,33 +1,24 @@
 #include "engine/ColorSpace.h"
 
-#include <lcms2.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
 
+#include "engine/LcmsHandles.h"
+
 namespace quillane {
 namespace {
-template <auto Fn>
-struct CDeleter {
-  template <class T>
-  void operator()(T* p) const noexcept {
-    if (p) Fn(p);
-  }
-};
-using ProfilePtr = std::unique_ptr<void, CDeleter<cmsCloseProfile>>;
-using TransformPtr = std::unique_ptr<void, CDeleter<cmsDeleteTransform>>;
 
 // A profile is sRGB when mapping a 9x9x9 grid of RGB values through it to lcms's own sRGB
 // moves no value by more than one step. The profile ID is usually zero, so comparing IDs
 // or descriptions would miss most copies of sRGB.
 bool profileIsSRGB(const std::vector<uint8_t>& icc) {
-  ProfilePtr profile(cmsOpenProfileFromMem(icc.data(), cmsUInt32Number(icc.size())));
+  CmsProfilePtr profile(cmsOpenProfileFromMem(icc.data(), cmsUInt32Number(icc.size())));
   if (!profile) return true;  // unreadable: treated as untagged
   if (cmsGetColorSpace(profile.get()) != cmsSigRgbData) return false;
-  ProfilePtr srgb(cmsCreate_sRGBProfile());
-  TransformPtr transform(cmsCreateTransform(profile.get(), TYPE_RGB_8, srgb.get(), TYPE_RGB_8,
-                                            INTENT_RELATIVE_COLORIMETRIC, cmsFLAGS_NOCACHE));
+  CmsProfilePtr srgb(cmsCreate_sRGBProfile());
+  CmsTransformPtr transform(cmsCreateTransform(profile.get(), TYPE_RGB_8, srgb.get(), TYPE_RGB_8,
+                                               INTENT_RELATIVE_COLORIMETRIC, cmsFLAGS_NOCACHE));
   if (!transform) return false;
   uint8_t in[9 * 9 * 9 * 3], out[9 * 9 * 9 * 3];
   size_t n = 0;

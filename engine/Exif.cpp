@@ -6,16 +6,11 @@
 #include <memory>
 #include <vector>
 
+#include "engine/CHandle.h"
+
 namespace quillane::Exif {
 namespace {
-template <auto Fn>
-struct CDeleter {
-  template <class T>
-  void operator()(T* p) const noexcept {
-    if (p) Fn(p);
-  }
-};
-using ExifDataPtr = std::unique_ptr<ExifData, CDeleter<exif_data_unref>>;
+using ExifDataPtr = CHandle<ExifData, exif_data_unref>;
 
 constexpr uint8_t kPrefix[6] = {'E', 'x', 'i', 'f', 0, 0};
 // libexif looks at no more than this; larger blocks are cut rather than copied whole.

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "engine/CHandle.h"
 #include "engine/Encoders.h"
 #include "engine/Errors.h"
 #include "engine/PNGWriter.h"
@@ -16,16 +17,9 @@
 namespace quillane::PNGQuantEncoder {
 namespace {
 
-template <auto Fn>
-struct CDeleter {
-  template <class T>
-  void operator()(T* p) const noexcept {
-    if (p) Fn(p);
-  }
-};
-using LiqAttrPtr = std::unique_ptr<liq_attr, CDeleter<liq_attr_destroy>>;
-using LiqImagePtr = std::unique_ptr<liq_image, CDeleter<liq_image_destroy>>;
-using LiqResultPtr = std::unique_ptr<liq_result, CDeleter<liq_result_destroy>>;
+using LiqAttrPtr = CHandle<liq_attr, liq_attr_destroy>;
+using LiqImagePtr = CHandle<liq_image, liq_image_destroy>;
+using LiqResultPtr = CHandle<liq_result, liq_result_destroy>;
 
 ImageProcessingError pngFailed(const std::string& call) {
   return ImageProcessingError::encodingFailed("PNG", call + " failed");

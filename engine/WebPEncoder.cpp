@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "engine/CHandle.h"
 #include "engine/Encoders.h"
 #include "engine/Errors.h"
 #include "engine/WebPEncoderConfig.h"
@@ -16,14 +17,7 @@
 namespace quillane::WebPEncoder {
 namespace {
 
-template <auto Fn>
-struct CDeleter {
-  template <class T>
-  void operator()(T* p) const noexcept {
-    if (p) Fn(p);
-  }
-};
-using MuxPtr = std::unique_ptr<WebPMux, CDeleter<WebPMuxDelete>>;
+using MuxPtr = CHandle<WebPMux, WebPMuxDelete>;
 
 ImageProcessingError webpFailed(const std::string& call) {
   return ImageProcessingError::encodingFailed("WebP", call + " failed");

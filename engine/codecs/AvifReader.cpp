@@ -7,19 +7,13 @@
 #include <algorithm>
 #include <memory>
 
+#include "engine/CHandle.h"
 #include "engine/ColorConvert.h"
 #include "engine/codecs/Readers.h"
 
 namespace quillane::codecs {
 namespace {
-template <auto Fn>
-struct CDeleter {
-  template <class T>
-  void operator()(T* p) const noexcept {
-    if (p) Fn(p);
-  }
-};
-using AvifDecoderPtr = std::unique_ptr<avifDecoder, CDeleter<avifDecoderDestroy>>;
+using AvifDecoderPtr = CHandle<avifDecoder, avifDecoderDestroy>;
 
 // A parsed decoder over `bytes`, which outlive it; nothing when the container is unreadable.
 AvifDecoderPtr parse(Input bytes) {

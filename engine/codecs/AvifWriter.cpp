@@ -8,21 +8,15 @@
 #include <memory>
 #include <string>
 
+#include "engine/CHandle.h"
 #include "engine/Errors.h"
 #include "engine/codecs/Writers.h"
 
 namespace quillane::codecs {
 namespace {
 
-template <auto Fn>
-struct CDeleter {
-  template <class T>
-  void operator()(T* p) const noexcept {
-    if (p) Fn(p);
-  }
-};
-using AvifImagePtr = std::unique_ptr<avifImage, CDeleter<avifImageDestroy>>;
-using AvifEncoderPtr = std::unique_ptr<avifEncoder, CDeleter<avifEncoderDestroy>>;
+using AvifImagePtr = CHandle<avifImage, avifImageDestroy>;
+using AvifEncoderPtr = CHandle<avifEncoder, avifEncoderDestroy>;
 
 struct RWDataGuard {
   avifRWData data = AVIF_DATA_EMPTY;

@@ -6,35 +6,26 @@
 
 #include <cmath>
 #include <cstring>
-#include <vector>
 #include <memory>
+#include <vector>
 
 #include "engine/ColorConvert.h"
+#include "engine/codecs/HeifHandles.h"
 #include "engine/codecs/Readers.h"
 
 namespace quillane::codecs {
 namespace {
-template <auto Fn>
-struct CDeleter {
-  template <class T>
-  void operator()(T* p) const noexcept {
-    if (p) Fn(p);
-  }
-};
-using ContextPtr = std::unique_ptr<heif_context, CDeleter<heif_context_free>>;
-using HandlePtr = std::unique_ptr<heif_image_handle, CDeleter<heif_image_handle_release>>;
-using HeifImagePtr = std::unique_ptr<heif_image, CDeleter<heif_image_release>>;
-using OptionsPtr = std::unique_ptr<heif_decoding_options, CDeleter<heif_decoding_options_free>>;
-using NclxPtr = std::unique_ptr<heif_color_profile_nclx, CDeleter<heif_nclx_color_profile_free>>;
+using OptionsPtr = CHandle<heif_decoding_options, heif_decoding_options_free>;
+using NclxPtr = CHandle<heif_color_profile_nclx, heif_nclx_color_profile_free>;
 
 struct Opened {
-  ContextPtr context;
-  HandlePtr primary;
+  HeifContextPtr context;
+  HeifHandlePtr primary;
 };
 
 // The context reads `bytes` without copying them: they outlive it.
 std::optional<Opened> open(Input bytes) {
-  Opened opened{ContextPtr(heif_context_alloc()), nullptr};
+  Opened opened{HeifContextPtr(heif_context_alloc()), nullptr};
   if (!opened.context) return std::nullopt;
   heif_context_set_maximum_image_size_limit(opened.context.get(), kMaxDimension);
   if (heif_context_read_from_memory_without_copy(opened.context.get(), bytes.data(), bytes.size(), nullptr).code !=
@@ -105,17 +96,17 @@ std::optional<Properties> heifProperties(Input bytes) {
 namespace {
 
 // The smallest stored thumbnail of `primary` whose longer side reaches `minLongSide`.
-HandlePtr thumbnailOf(heif_image_handle* primary, int minLongSide) {
+HeifHandlePtr thumbnailOf(heif_image_handle* primary, int minLongSide) {
   int count = heif_image_handle_get_number_of_thumbnails(primary);
   if (minLongSide <= 0 || count <= 0) return nullptr;
   std::vector<heif_item_id> ids(static_cast<size_t>(count));
   count = heif_image_handle_get_list_of_thumbnail_IDs(primary, ids.data(), count);
-  HandlePtr best;
+  HeifHandlePtr best;
   int bestSide = 0;
   for (int i = 0; i < count; ++i) {
     heif_image_handle* raw = nullptr;
     if (heif_image_handle_get_thumbnail(primary, ids[size_t(i)], &raw).code != heif_error_Ok || !raw) continue;
-    HandlePtr candidate(raw);
+    HeifHandlePtr candidate(raw);
     int side = std::max(heif_image_handle_get_width(raw), heif_image_handle_get_height(raw));
     if (side >= minLongSide && (!best || side < bestSide)) best = std::move(candidate), bestSide = side;
   }
@@ -127,7 +118,7 @@ HandlePtr thumbnailOf(heif_image_handle* primary, int minLongSide) {
 DecodedImage decodeHeif(Input bytes, int minLongSide) {
   auto opened = open(bytes);
   if (!opened) fail("heif_context_read_from_memory: damaged or truncated HEIF");
-  HandlePtr thumbnail = thumbnailOf(opened->primary.get(), minLongSide);
+  HeifHandlePtr thumbnail = thumbnailOf(opened->primary.get(), minLongSide);
   heif_image_handle* handle = thumbnail ? thumbnail.get() : opened->primary.get();
   checkSize(uint64_t(std::max(0, heif_image_handle_get_width(handle))),
             uint64_t(std::max(0, heif_image_handle_get_height(handle))));

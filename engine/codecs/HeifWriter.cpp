@@ -10,23 +10,14 @@
 #include <string>
 
 #include "engine/Errors.h"
+#include "engine/codecs/HeifHandles.h"
 #include "engine/codecs/Writers.h"
 
 namespace quillane::codecs {
 namespace {
 
-template <auto Fn>
-struct CDeleter {
-  template <class T>
-  void operator()(T* p) const noexcept {
-    if (p) Fn(p);
-  }
-};
-using HeifContextPtr = std::unique_ptr<heif_context, CDeleter<heif_context_free>>;
-using HeifEncoderPtr = std::unique_ptr<heif_encoder, CDeleter<heif_encoder_release>>;
-using HeifImagePtr = std::unique_ptr<heif_image, CDeleter<heif_image_release>>;
-using HeifHandlePtr = std::unique_ptr<heif_image_handle, CDeleter<heif_image_handle_release>>;
-using HeifOptionsPtr = std::unique_ptr<heif_encoding_options, CDeleter<heif_encoding_options_free>>;
+using HeifEncoderPtr = CHandle<heif_encoder, heif_encoder_release>;
+using HeifOptionsPtr = CHandle<heif_encoding_options, heif_encoding_options_free>;
 
 [[noreturn]] void fail(const char* call, const heif_error& error) {
   throw ImageProcessingError::encodingFailed(

@@ -14,6 +14,7 @@
 #include <jerror.h>
 #include <jpeglib.h>
 
+#include "engine/CHandle.h"
 #include "engine/ColorConvert.h"
 #include "engine/Exif.h"
 #include "engine/codecs/Readers.h"
@@ -161,14 +162,7 @@ JpegJob makeJob(Input bytes, bool headerOnly) {
   return job;
 }
 
-template <auto Fn>
-struct CDeleter {
-  template <class T>
-  void operator()(T* p) const noexcept {
-    if (p) Fn(p);
-  }
-};
-using MallocPtr = std::unique_ptr<JOCTET, CDeleter<std::free>>;
+using MallocPtr = CHandle<JOCTET, std::free>;
 
 }  // namespace
 

@@ -15,6 +15,7 @@
 #include <jerror.h>
 #include <jpeglib.h>
 
+#include "engine/CHandle.h"
 #include "engine/Errors.h"
 #include "engine/codecs/Writers.h"
 
@@ -134,10 +135,6 @@ bool compressJpeg(JpegJob* job) {
   return true;
 }
 
-struct FreeDeleter {
-  void operator()(JOCTET* p) const noexcept { std::free(p); }
-};
-
 }  // namespace
 
 JpegSettings jpegSettings(double quality) {
@@ -164,7 +161,7 @@ Bytes writeJpeg(const DecodedImage& image, const JpegSettings& settings, const s
     job.iccSize = unsigned(icc->size());
   }
   bool ok = compressJpeg(&job);
-  std::unique_ptr<JOCTET, FreeDeleter> out(job.out);
+  CHandle<JOCTET, std::free> out(job.out);
   if (!ok) throw ImageProcessingError::encodingFailed("JPEG", std::string("libjpeg: ") + job.message);
   return Bytes(out.get(), out.get() + job.outSize);
 }

@@ -8,21 +8,15 @@
 #include <cstring>
 #include <memory>
 
+#include "engine/CHandle.h"
 #include "engine/ColorConvert.h"
 #include "engine/Exif.h"
 #include "engine/codecs/Readers.h"
 
 namespace quillane::codecs {
 namespace {
-template <auto Fn>
-struct CDeleter {
-  template <class T>
-  void operator()(T* p) const noexcept {
-    if (p) Fn(p);
-  }
-};
-using DemuxPtr = std::unique_ptr<WebPDemuxer, CDeleter<WebPDemuxDelete>>;
-using AnimDecoderPtr = std::unique_ptr<WebPAnimDecoder, CDeleter<WebPAnimDecoderDelete>>;
+using DemuxPtr = CHandle<WebPDemuxer, WebPDemuxDelete>;
+using AnimDecoderPtr = CHandle<WebPAnimDecoder, WebPAnimDecoderDelete>;
 
 // Releases a chunk iterator on every path.
 struct ChunkGuard {
