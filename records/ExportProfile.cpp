@@ -69,11 +69,7 @@ JsonValue toJson(const ExportProfile& profile) {
   return object;
 }
 
-JsonValue toJson(const ExportProfileList& profiles) {
-  JsonValue array = JsonValue::array();
-  for (const auto& p : profiles) array.push(toJson(p));
-  return array;
-}
+JsonValue toJson(const ExportProfileList& profiles) { return JsonForms::encodeArray(profiles, &toJson); }
 
 ExportProfile fromJson(const QJsonObject& object) {
   ExportProfile profile;
@@ -90,11 +86,7 @@ std::optional<ExportProfileList> listFromJson(const QJsonDocument& document) {
   return JsonForms::decodeArray<ExportProfile>(document, &fromJson);
 }
 
-ExportProfileList load() {
-  const auto document = JSONFileStore::load(QString::fromLatin1(fileName));
-  if (!document) return {};
-  return listFromJson(*document).value_or(ExportProfileList{});
-}
+ExportProfileList load() { return JSONFileStore::loadList(QString::fromLatin1(fileName), &fromJson); }
 
 void save(const ExportProfileList& profiles) { JSONFileStore::save(toJson(profiles), QString::fromLatin1(fileName)); }
 

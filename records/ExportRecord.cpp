@@ -28,11 +28,7 @@ JsonValue toJson(const ExportRecord& record) {
   return object;
 }
 
-JsonValue toJson(const ExportRecordList& history) {
-  JsonValue array = JsonValue::array();
-  for (const auto& r : history) array.push(toJson(r));
-  return array;
-}
+JsonValue toJson(const ExportRecordList& history) { return JsonForms::encodeArray(history, &toJson); }
 
 ExportRecord fromJson(const QJsonObject& object) {
   ExportRecord record;
@@ -49,11 +45,7 @@ std::optional<ExportRecordList> listFromJson(const QJsonDocument& document) {
   return JsonForms::decodeArray<ExportRecord>(document, &fromJson);
 }
 
-ExportRecordList load() {
-  const auto document = JSONFileStore::load(QString::fromLatin1(fileName));
-  if (!document) return {};
-  return listFromJson(*document).value_or(ExportRecordList{});
-}
+ExportRecordList load() { return JSONFileStore::loadList(QString::fromLatin1(fileName), &fromJson); }
 
 void save(const ExportRecordList& history) { JSONFileStore::save(toJson(history), QString::fromLatin1(fileName)); }
 

@@ -7,13 +7,14 @@
 // a failed save keeps the previous file, and a missing or unreadable file reads as nothing,
 // which callers treat as their empty value.
 
+#include <QJsonDocument>
 #include <QString>
 
 #include <optional>
+#include <vector>
 
 #include "engine/Json.h"
-
-class QJsonDocument;
+#include "records/JsonForms.h"
 
 namespace quillane::JSONFileStore {
 
@@ -33,7 +34,16 @@ QString path(const QString& filename);
 void save(const JsonValue& value, const QString& filename);
 
 // The parsed document of folder()/filename; nothing when the file is missing, unreadable
-// or not valid JSON. (Include <QJsonDocument> to call it.)
+// or not valid JSON.
 std::optional<QJsonDocument> load(const QString& filename);
+
+// The list in folder()/filename with every element decoded by `decodeOne`; empty when the
+// file is missing or damaged, or when any element fails to decode (JsonForms::decodeArray).
+template <class T>
+std::vector<T> loadList(const QString& filename, T (*decodeOne)(const QJsonObject&)) {
+  const std::optional<QJsonDocument> document = load(filename);
+  if (!document) return {};
+  return JsonForms::decodeArray(*document, decodeOne).value_or(std::vector<T>{});
+}
 
 }  // namespace quillane::JSONFileStore

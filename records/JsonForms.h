@@ -16,6 +16,7 @@
 #include <functional>
 #include <optional>
 #include <stdexcept>
+#include <type_traits>
 #include <vector>
 
 #include "engine/ImageFormat.h"
@@ -57,6 +58,14 @@ QDateTime requireDate(const QJsonObject& object, const QString& key);
 // A "file:" URL, given back as its local path. A bare absolute path is taken as it stands.
 QString requireFileURL(const QJsonObject& object, const QString& key);
 std::optional<QString> optionalFileURL(const QJsonObject& object, const QString& key);
+
+// Every element of `items` coded with `encodeOne`, in order.
+template <class T>
+JsonValue encodeArray(const std::vector<T>& items, JsonValue (*encodeOne)(const std::type_identity_t<T>&)) {
+  JsonValue array = JsonValue::array();
+  for (const T& item : items) array.push(encodeOne(item));
+  return array;
+}
 
 // Calls `each` for every element of `document`, which must be an array of objects. False
 // when it is not, or when `each` throws DecodingError.
