@@ -1,12 +1,12 @@
 #include "api/LocalAPISettings.h"
 
 #include <QByteArray>
-#include <QFile>
 #include <QSettings>
 
 #include <cerrno>
 #include <sys/random.h>
-#include <sys/stat.h>
+
+#include "services/UserDefaults.h"
 
 namespace quillane::LocalAPISettings {
 
@@ -28,20 +28,9 @@ bool fillRandom(char* out, size_t length) {
 
 }  // namespace
 
-std::unique_ptr<QSettings> store() {
-  // On Linux the native format is INI; unlike IniFormat, whose files end in ".ini", it names
-  // the file Quillane.conf.
-  return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Quillane"),
-                                     QStringLiteral("Quillane"));
-}
+std::unique_ptr<QSettings> store() { return UserDefaults::store(); }
 
-void saveSecurely(QSettings& settings) {
-  settings.sync();
-  // QSettings rewrites the file through a temporary file that keeps the mode of the file it
-  // replaces; the first write creates it with the umask's mode, so tighten it every time.
-  QByteArray path = QFile::encodeName(settings.fileName());
-  ::chmod(path.constData(), S_IRUSR | S_IWUSR);
-}
+void saveSecurely(QSettings& settings) { UserDefaults::save(settings); }
 
 bool isEnabled() { return store()->value(enabledKey, false).toBool(); }
 
