@@ -6,11 +6,11 @@
 #include <QNetworkRequest>
 #include <algorithm>
 #include <cstdint>
-#include <limits>
 #include <optional>
 #include <vector>
 
 #include "engine/Localization.h"
+#include "services/DecimalText.h"
 #include "services/Strings.h"
 #include "services/UserDefaults.h"
 
@@ -27,36 +27,11 @@ namespace {
 
 const QString kEnabledKey = QStringLiteral("updateCheckEnabled");
 
-// A version piece as a signed base-10 integer: an optional sign and ASCII digits only,
-// within 64 bits. Anything else is not a number, and the piece is dropped.
-std::optional<int64_t> parsePiece(const QString& piece) {
-  qsizetype i = 0;
-  bool negative = false;
-  if (i < piece.size() && (piece[i] == QLatin1Char('+') || piece[i] == QLatin1Char('-'))) {
-    negative = piece[i] == QLatin1Char('-');
-    ++i;
-  }
-  if (i == piece.size()) return std::nullopt;
-  // Accumulated as a negative number, whose range is one larger than the positive one.
-  int64_t value = 0;
-  for (; i < piece.size(); ++i) {
-    char16_t c = piece[i].unicode();
-    if (c < u'0' || c > u'9') return std::nullopt;
-    int digit = c - u'0';
-    if (value < (std::numeric_limits<int64_t>::min() + digit) / 10) return std::nullopt;
-    value = value * 10 - digit;
-  }
-  if (!negative) {
-    if (value == std::numeric_limits<int64_t>::min()) return std::nullopt;
-    value = -value;
-  }
-  return value;
-}
-
+// Each piece a signed base-10 integer within 64 bits; a piece that is anything else is dropped.
 std::vector<int64_t> versionNumbers(const QString& version) {
   std::vector<int64_t> numbers;
   for (const QString& piece : version.split(QLatin1Char('.'), Qt::SkipEmptyParts))
-    if (std::optional<int64_t> number = parsePiece(piece)) numbers.push_back(*number);
+    if (std::optional<int64_t> number = parseDecimalInteger(piece)) numbers.push_back(*number);
   return numbers;
 }
 

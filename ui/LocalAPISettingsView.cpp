@@ -15,6 +15,7 @@
 
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"
+#include "services/DecimalText.h"
 #include "ui/Icons.h"
 #include "ui/SettingsForm.h"
 #include "ui/UiText.h"
@@ -22,23 +23,9 @@
 namespace quillane::ui {
 
 std::optional<int> parsePortText(const QString& text) {
-  int i = 0;
-  bool negative = false;
-  if (i < text.size() && (text[i] == QLatin1Char('+') || text[i] == QLatin1Char('-'))) {
-    negative = text[i] == QLatin1Char('-');
-    ++i;
-  }
-  if (i >= text.size()) return std::nullopt;
-  int64_t value = 0;
-  for (; i < text.size(); ++i) {
-    const QChar c = text[i];
-    if (c < QLatin1Char('0') || c > QLatin1Char('9')) return std::nullopt;
-    value = value * 10 + (c.unicode() - '0');
-    if (value > 1'000'000) return std::nullopt;  // far outside the range already
-  }
-  if (negative) value = -value;
-  if (value < 1 || value > 65535) return std::nullopt;
-  return int(value);
+  const std::optional<int64_t> value = parseDecimalInteger(text);
+  if (!value || *value < 1 || *value > 65535) return std::nullopt;
+  return int(*value);
 }
 
 LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidget* parent)
@@ -69,7 +56,7 @@ LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidg
   status_ = new QLabel(server_);
   status_->setWordWrap(true);
   status_->setFont(QFont(status_->font()));
-  makeSecondary(status_);
+  Icons::makeSecondary(status_);
   statusRow->addWidget(statusDot_, 0, Qt::AlignVCenter);
   statusRow->addWidget(status_, 1);
   form->addRow(statusRow);
@@ -80,7 +67,7 @@ LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidg
   form->addRow(text("settings.api.port", "Port"), port_);
   baseURL_ = new QLabel(server_);
   baseURL_->setTextInteractionFlags(Qt::TextSelectableByMouse);
-  makeSecondary(baseURL_);
+  Icons::makeSecondary(baseURL_);
   form->addRow(text("settings.api.baseURL", "URL de base"), baseURL_);
   layout->addWidget(server_);
 
