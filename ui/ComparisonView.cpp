@@ -47,6 +47,21 @@ QImage toQImage(const DecodedImage& image) {
   return QImage(image.pixels8.data(), image.width, image.height, image.width * 4, fmt).copy();
 }
 
+namespace {
+
+// The preview of `source` (a file's path or its bytes); a null image when it can't be decoded.
+template <class Source>
+QImage previewImage(const Source& source) {
+  std::optional<DecodedImage> preview;
+  try {
+    preview = ImageDecoder::loadPreview(source, ComparisonGeometry::previewPixelSize);
+  } catch (...) {
+  }
+  return preview ? toQImage(*preview) : QImage();
+}
+
+}  // namespace
+
 CompressedCaption compressedCaption(const ImportedImage& image) {
   const EncodeState state = image.encodeState();
   CompressedCaption caption;
@@ -232,9 +247,7 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
 
   auto* header = new QHBoxLayout;
   auto* name = new QLabel(this);
-  QPalette secondary = name->palette();
-  secondary.setColor(QPalette::WindowText, Icons::secondaryColor(secondary));
-  name->setPalette(secondary);
+  Icons::makeSecondary(name);
   name->setText(name->fontMetrics().elidedText(image_->fileName(), Qt::ElideMiddle, 680));
   auto* close = new QToolButton(this);
   close->setAutoRaise(true);
@@ -261,12 +274,7 @@ void ImageComparisonView::loadOriginalPreview() {
   QPointer<ImageComparisonView> self(this);
   const std::string path = image_->sourcePath().toStdString();
   QThreadPool::globalInstance()->start([self, path] {
-    std::optional<DecodedImage> preview;
-    try {
-      preview = ImageDecoder::loadPreview(path, ComparisonGeometry::previewPixelSize);
-    } catch (...) {
-    }
-    QImage result = preview ? toQImage(*preview) : QImage();
+    QImage result = previewImage(path);
     QMetaObject::invokeMethod(
         QCoreApplication::instance(),
         [self, result] {
@@ -291,14 +299,8 @@ void ImageComparisonView::loadCompressedPreview() {
   QPointer<ImageComparisonView> self(this);
   const QByteArray bytes = *data;
   QThreadPool::globalInstance()->start([self, bytes, generation] {
-    std::optional<DecodedImage> preview;
-    try {
-      const auto* begin = reinterpret_cast<const uint8_t*>(bytes.constData());
-      preview = ImageDecoder::loadPreview(std::span<const uint8_t>(begin, size_t(bytes.size())),
-                                          ComparisonGeometry::previewPixelSize);
-    } catch (...) {
-    }
-    QImage result = preview ? toQImage(*preview) : QImage();
+    const auto* begin = reinterpret_cast<const uint8_t*>(bytes.constData());
+    QImage result = previewImage(std::span<const uint8_t>(begin, size_t(bytes.size())));
     QMetaObject::invokeMethod(
         QCoreApplication::instance(),
         [self, result, generation] {

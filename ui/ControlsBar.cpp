@@ -44,9 +44,7 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   layout->addDivider(countDivider_);
   count_ = new QLabel(this);
   count_->setFont(smallFont(count_->font()));
-  QPalette secondary = count_->palette();
-  secondary.setColor(QPalette::WindowText, Icons::secondaryColor(secondary));
-  count_->setPalette(secondary);
+  Icons::makeSecondary(count_);
   layout->addBarWidget(count_);
 
   layout->addStretch();

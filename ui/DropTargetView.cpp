@@ -41,9 +41,7 @@ DropTargetView::DropTargetView(BatchViewModel& viewModel, std::function<void()> 
 
   auto* formats = new QLabel(text("drop.formats", "PNG, JPEG, HEIC, AVIF, WebP ou JPEG XL"), this);
   formats->setFont(smallFont(formats->font()));
-  QPalette secondary = formats->palette();
-  secondary.setColor(QPalette::WindowText, Icons::secondaryColor(secondary));
-  formats->setPalette(secondary);
+  Icons::makeSecondary(formats);
   formats->setAlignment(Qt::AlignCenter);
   formats->setWordWrap(true);
   layout->addWidget(formats);

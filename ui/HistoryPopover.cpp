@@ -47,9 +47,7 @@ ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWid
   empty_ = new QLabel(text("history.empty", "Aucune exportation pour l'instant"), this);
   empty_->setAlignment(Qt::AlignCenter);
   empty_->setWordWrap(true);
-  QPalette secondary = empty_->palette();
-  secondary.setColor(QPalette::WindowText, Icons::secondaryColor(secondary));
-  empty_->setPalette(secondary);
+  Icons::makeSecondary(empty_);
   layout->addWidget(empty_, 1);
 
   scroll_ = new QScrollArea(this);
@@ -110,9 +108,7 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
     first->addWidget(warning);
   }
   auto* time = new QLabel(QLocale().toString(record.date.toLocalTime().time(), QLocale::ShortFormat), row);
-  QPalette secondary = time->palette();
-  secondary.setColor(QPalette::WindowText, Icons::secondaryColor(secondary));
-  time->setPalette(secondary);
+  Icons::makeSecondary(time);
   first->addWidget(time);
   first->addStretch(1);
   texts->addLayout(first);
@@ -120,7 +116,7 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
   const QString folder = QDir::toNativeSeparators(QFileInfo(record.destinationURL).absolutePath());
   auto* subtitle = new QLabel(row);
   subtitle->setFont(smallFont(subtitle->font()));
-  subtitle->setPalette(secondary);
+  Icons::makeSecondary(subtitle);
   const QString subtitleText =
       format("history.rowSubtitleFormat", "%1$@ · %2$@", {folder, formatByteCount(record.sizeBytes)});
   subtitle->setText(subtitle->fontMetrics().elidedText(subtitleText, Qt::ElideMiddle, 300));

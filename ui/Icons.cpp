@@ -4,6 +4,7 @@
 #include <QGuiApplication>
 #include <QHash>
 #include <QIconEngine>
+#include <QLabel>
 #include <QPainter>
 #include <QPalette>
 #include <QPixmapCache>
@@ -140,6 +141,12 @@ QColor secondaryColor(const QPalette& palette) {
   QColor c = palette.color(QPalette::WindowText);
   c.setAlphaF(0.6);
   return c;
+}
+
+void makeSecondary(QLabel* label) {
+  QPalette palette = label->palette();
+  palette.setColor(QPalette::WindowText, secondaryColor(palette));
+  label->setPalette(palette);
 }
 
 QColor accentColor(const QPalette& palette) { return palette.color(QPalette::Highlight); }

@@ -11,6 +11,8 @@
 #include <QPixmap>
 #include <QString>
 
+class QLabel;
+
 namespace quillane::ui::Icons {
 
 // The desktop theme's icon for `symbol` when the theme has one, else the bundled symbol in
@@ -33,6 +35,8 @@ QIcon applicationIcon();
 
 // Colours the design names by role, taken from the current palette where it has one.
 QColor secondaryColor(const QPalette& palette);
+// Sets a label's text colour to secondaryColor() of its own palette.
+void makeSecondary(QLabel* label);
 QColor accentColor(const QPalette& palette);
 QColor orangeColor();
 QColor greenColor(const QPalette& palette);

@@ -18,9 +18,7 @@ ExportProfileMenuView::ExportProfileMenuView(BatchViewModel& viewModel, QWidget*
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSpacing(8);
   label_ = new QLabel(this);
-  QPalette secondary = label_->palette();
-  secondary.setColor(QPalette::WindowText, Icons::secondaryColor(secondary));
-  label_->setPalette(secondary);
+  Icons::makeSecondary(label_);
   button_ = new QPushButton(this);
   button_->setMaximumWidth(180);
   menu_ = new QMenu(button_);

@@ -36,12 +36,6 @@ QLabel* makeReadout(QWidget* parent) {
   return readout;
 }
 
-void setSecondary(QLabel* label) {
-  QPalette palette = label->palette();
-  palette.setColor(QPalette::WindowText, Icons::secondaryColor(palette));
-  label->setPalette(palette);
-}
-
 QString formatLabel(ImageFormat format) {
   return QString::fromUtf8(std::string(ImageFormats::label(format)));
 }
@@ -74,7 +68,7 @@ QualitySliderView::QualitySliderView(BatchViewModel& viewModel, QWidget* parent)
   auto* layout = new QHBoxLayout(this);
   layout->setContentsMargins(0, 0, 0, 0);
   label_ = new QLabel(this);
-  setSecondary(label_);
+  Icons::makeSecondary(label_);
   slider_ = makeQualitySlider(this);
   readout_ = makeReadout(this);
   layout->addWidget(label_);
@@ -113,7 +107,7 @@ FormatPickerView::FormatPickerView(BatchViewModel& viewModel, QWidget* parent)
   auto* layout = new QHBoxLayout(this);
   layout->setContentsMargins(0, 0, 0, 0);
   label_ = new QLabel(this);
-  setSecondary(label_);
+  Icons::makeSecondary(label_);
   button_ = new QPushButton(this);
   button_->setFixedWidth(120);
   menu_ = new QMenu(button_);
@@ -176,7 +170,7 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
   following_ = new QLabel(text("quality.followingGlobal", "Suit la qualité globale"), this);
   following_->setFont(smallFont(following_->font()));
   following_->setWordWrap(true);
-  setSecondary(following_);
+  Icons::makeSecondary(following_);
   layout->addWidget(revert_);
   layout->addWidget(following_);
 

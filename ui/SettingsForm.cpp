@@ -9,17 +9,11 @@
 
 namespace quillane::ui {
 
-void makeSecondary(QLabel* label) {
-  QPalette palette = label->palette();
-  palette.setColor(QPalette::WindowText, Icons::secondaryColor(palette));
-  label->setPalette(palette);
-}
-
 QLabel* makeNote(const QString& text, QWidget* parent) {
   auto* label = new QLabel(text, parent);
   label->setWordWrap(true);
   label->setFont(smallFont(label->font()));
-  makeSecondary(label);
+  Icons::makeSecondary(label);
   return label;
 }
 

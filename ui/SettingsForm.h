@@ -13,8 +13,6 @@ namespace quillane::ui {
 
 // A small, secondary, word-wrapped label.
 QLabel* makeNote(const QString& text, QWidget* parent);
-// Sets a label's text colour to the secondary colour.
-void makeSecondary(QLabel* label);
 // `pane` inside a scroll area, at most `width` wide and centred, so that long texts wrap.
 QWidget* wrapPane(QWidget* pane, int width = 600);
 
