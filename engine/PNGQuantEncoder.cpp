@@ -95,8 +95,9 @@ Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan) {
   if (plan.prefersLossless) return encodeLossless(rgba, plan);
   try {
     return encodePalette(rgba, plan);
-  } catch (const QuillaneError&) {
-    // The palette is an optional step: truecolour always works.
+  } catch (const std::exception&) {
+    // The palette is an optional step, whatever failed in it (memory included): truecolour
+    // needs no library that can refuse.
     return encodeLossless(rgba, plan);
   }
 }

@@ -147,8 +147,8 @@ Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan, const ImageCharac
   if (!icc) return encoded;
   try {
     return attach(*icc, encoded);
-  } catch (const QuillaneError&) {
-    return encoded;  // a picture without its profile beats no picture
+  } catch (const std::exception&) {
+    return encoded;  // a picture without its profile beats no picture, whatever failed
   }
 }
 
