@@ -35,12 +35,6 @@ std::vector<int64_t> versionNumbers(const QString& version) {
   return numbers;
 }
 
-// Errors that Qt raises for an HTTP status; the server did answer, and its body counts.
-bool isHttpStatusError(QNetworkReply::NetworkError error) {
-  int code = int(error);
-  return (code >= 201 && code <= 299) || (code >= 401 && code <= 499);
-}
-
 }  // namespace
 
 UpdateChecker::UpdateChecker(QObject* parent)
@@ -95,9 +89,13 @@ void UpdateChecker::checkNow() {
 
 void UpdateChecker::handleReply(QNetworkReply* reply) {
   reply->deleteLater();
-  const bool answered = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid();
   const QNetworkReply::NetworkError error = reply->error();
-  if (error != QNetworkReply::NoError && !(answered && isHttpStatusError(error))) {
+  // The status code is not looked at: a server that answered with an error status (Qt turns
+  // each into an error of its own, 400 into ProtocolInvalidOperationError, 407 into a proxy
+  // error) still answered, and only its body counts. A time-out after the head is no answer.
+  const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+  const bool answered = status >= 400 && error != QNetworkReply::OperationCanceledError;
+  if (error != QNetworkReply::NoError && !answered) {
     // The transfer time-out aborts the reply, which Qt reports as a cancellation; nothing
     // else here cancels a request.
     QString message = error == QNetworkReply::OperationCanceledError
