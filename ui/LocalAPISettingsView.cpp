@@ -17,6 +17,7 @@
 #include "api/LocalAPISettings.h"
 #include "services/DecimalText.h"
 #include "ui/Icons.h"
+#include "ui/ImageRowDelegate.h"
 #include "ui/SettingsForm.h"
 #include "ui/UiText.h"
 
@@ -55,7 +56,7 @@ LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidg
   statusDot_->setFixedSize(8, 8);
   status_ = new QLabel(server_);
   status_->setWordWrap(true);
-  status_->setFont(QFont(status_->font()));
+  status_->setFont(smallFont(status_->font()));
   Icons::makeSecondary(status_);
   statusRow->addWidget(statusDot_, 0, Qt::AlignVCenter);
   statusRow->addWidget(status_, 1);
