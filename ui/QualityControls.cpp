@@ -54,9 +54,14 @@ QPushButton* makeLinkButton(const QString& text, QWidget* parent) {
 
 void makeProminent(QPushButton* button) {
   QPalette palette = button->palette();
+  // A disabled prominent button looks like any disabled button: the colours of that group are
+  // taken before the accent overwrites every group, or it would keep white text on the accent.
+  const QColor disabledButton = palette.color(QPalette::Disabled, QPalette::Button);
+  const QColor disabledText = palette.color(QPalette::Disabled, QPalette::ButtonText);
   palette.setColor(QPalette::Button, palette.color(QPalette::Highlight));
   palette.setColor(QPalette::ButtonText, palette.color(QPalette::HighlightedText));
-  palette.setColor(QPalette::Disabled, QPalette::Button, palette.color(QPalette::Disabled, QPalette::Button));
+  palette.setColor(QPalette::Disabled, QPalette::Button, disabledButton);
+  palette.setColor(QPalette::Disabled, QPalette::ButtonText, disabledText);
   button->setPalette(palette);
   button->setAutoDefault(false);
 }
