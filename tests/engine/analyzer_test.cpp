@@ -113,7 +113,6 @@ TEST(ImageAnalyzerColors, CountsUpToSaturation) {
     ContentClass expected;
   } const cases[] = {{4096, 4096, false, ContentClass::flatGraphic},
                      {4097, 4097, false, ContentClass::screenText},
-                     {16383, 16383, false, ContentClass::screenText},
                      {16384, 16384, true, ContentClass::screenText},
                      {20000, 16384, true, ContentClass::screenText}};
   for (const auto& k : cases) {

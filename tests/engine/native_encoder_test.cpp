@@ -84,24 +84,13 @@ TEST(OpaqueCopy, CompositesEveryKindOfAlphaOverWhiteOrBlack) {
   EXPECT_EQ(opaqueCopy(solid(1, 1, 10, 200, 30, 0), true)->pixels8, (Bytes{255, 255, 255, 255}));
 }
 
-TEST(NativeQuality, EveryMappingMovesOneWayAndAvifNeverReachesLossless) {
-  for (int i = 1; i <= 100; ++i) {
-    double lower = (i - 1) / 100.0, higher = i / 100.0;
-    EXPECT_LE(codecs::jpegSettings(lower).quality, codecs::jpegSettings(higher).quality);
-    EXPECT_LE(codecs::heifSettings(lower).quality, codecs::heifSettings(higher).quality);
-    auto a = codecs::avifSettings(lower, 1000), b = codecs::avifSettings(higher, 1000);
-    EXPECT_GE(a.maxQuantizer, b.maxQuantizer) << higher;
-    EXPECT_LE(b.minQuantizer, b.maxQuantizer);
-    EXPECT_LE(b.maxQuantizerAlpha, b.maxQuantizer);
-  }
-  using NativeImageIOEncoder::compressionQuality;
-  EXPECT_DOUBLE_EQ(compressionQuality(ImageFormat::avif, lossyPlan(250)), 0.99);
+TEST(NativeQuality, LossyAvifNeverBecomesLosslessAndJpegQualityMovesOneWay) {
+  EXPECT_DOUBLE_EQ(NativeImageIOEncoder::compressionQuality(ImageFormat::avif, lossyPlan(250)), 0.99);
   EXPECT_GT(codecs::avifSettings(0.99, 1000).maxQuantizer, 0);
-  EXPECT_DOUBLE_EQ(compressionQuality(ImageFormat::jpeg, lossyPlan(140)), 1.0);
-  EXPECT_DOUBLE_EQ(compressionQuality(ImageFormat::heic, lossyPlan(-5)), 0.0);
-  EXPECT_TRUE(codecs::jpegSettings(0.89).chroma420);
-  EXPECT_FALSE(codecs::jpegSettings(0.90).chroma420);
-  EXPECT_GT(codecs::avifSettings(0.5, 50'000'000).speed, codecs::avifSettings(0.5, 1000).speed);
+  for (int i = 1; i <= 100; ++i) {
+    EXPECT_LE(codecs::jpegSettings((i - 1) / 100.0).quality, codecs::jpegSettings(i / 100.0).quality);
+    EXPECT_GE(codecs::avifSettings((i - 1) / 100.0, 1000).maxQuantizer, codecs::avifSettings(i / 100.0, 1000).maxQuantizer);
+  }
 }
 
 // --- Files ------------------------------------------------------------------------------------

@@ -20,34 +20,6 @@ ImageCharacteristics picture(ContentClass cls, int64_t width, int height = 1, do
   return c;
 }
 
-TEST(EncodingStrategy, WorkedPlansMatchTheHandComputedOnes) {
-  struct {
-    const char* name;
-    ImageCharacteristics picture;
-    ImageFormat format;
-    double p, quality;
-    Mode mode;
-    int effort;
-    std::optional<Mode> alternative;
-  } const cases[] = {
-      {"flatGraphicPNG", picture(ContentClass::flatGraphic, 400, 400), ImageFormat::png, 80, 80, Mode::lossy(80), 2,
-       Mode::lossless()},
-      {"noisyPhotoJXL", picture(ContentClass::noisyPhoto, 5000, 4000, 12), ImageFormat::jxl, 60, 56, Mode::lossy(56),
-       0, {}},
-      {"tinyWebP", picture(ContentClass::flatGraphic, 2, 2), ImageFormat::webp, 50, 50, Mode::lossless(), 2,
-       Mode::lossy(50)},
-  };
-  for (const auto& k : cases) {
-    SCOPED_TRACE(k.name);
-    const EncodingPlan plan = EncodingStrategy::plan(k.picture, k.format, k.p);
-    EXPECT_EQ(plan.quality, k.quality);
-    EXPECT_EQ(plan.mode, k.mode);
-    EXPECT_EQ(plan.effort, k.effort);
-    EXPECT_EQ(plan.alternative, k.alternative);
-    EXPECT_FALSE(plan.prefersLossless);
-  }
-}
-
 TEST(EncodingStrategy, QualityStaysWithinOneToHundredAndSaturatedPhotosPreferLosslessFrom85) {
   const auto noisy = picture(ContentClass::noisyPhoto, 100, 100, 12, 0, true);
   EXPECT_EQ(EncodingStrategy::plan(noisy, ImageFormat::png, 100).quality, 96);  // four points off for noise

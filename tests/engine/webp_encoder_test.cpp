@@ -41,17 +41,6 @@ TEST(WebPConfig, EveryClassModeAndEffortGivesAConfigLibwebpAccepts) {
         }
 }
 
-TEST(WebPEncode, LosslessRoundTripsExactly) {
-  for (bool alpha : {false, true})
-    for (auto [w, h] : {std::pair{1, 1}, {17, 3}, {33, 20}}) {
-      const RGBABuffer rgba = makeBuffer(w, h, Pattern::photo, 5, alpha);
-      const Bytes webp = WebPEncoder::encode(rgba, plan(Mode::lossless(), 2), characteristics(Class::photo, alpha));
-      const auto decoded = decodeWebP(webp);
-      ASSERT_TRUE(decoded) << w << "x" << h;
-      EXPECT_EQ(decoded->rgba, rgba.pixels) << w << "x" << h << " alpha " << alpha;
-    }
-}
-
 TEST(WebPEncode, LossyKeepsAlphaExactlyAndColourClose) {
   const RGBABuffer rgba = makeBuffer(64, 48, Pattern::photo, 2, true);
   const Bytes webp = WebPEncoder::encode(rgba, plan(Mode::lossy(90)), characteristics(Class::photo, true));
