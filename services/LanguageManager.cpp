@@ -31,7 +31,16 @@ AppLanguage resolveActiveLanguage(const QStringList& stored, const QStringList& 
 LanguageManager::Platform LanguageManager::systemPlatform() {
   Platform platform;
   platform.preferredLanguages = QLocale::system().uiLanguages();
-  platform.startDetached = [](const QString& program) { return QProcess::startDetached(program, {}); };
+  platform.startDetached = [](const QString& program) {
+    // The new instance learns which process it replaces, so that it can wait for this one
+    // to let go of what only one instance may hold (the local API's port).
+    QProcess process;
+    process.setProgram(program);
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("QUILLANE_RELAUNCHED_FROM"), QString::number(QCoreApplication::applicationPid()));
+    process.setProcessEnvironment(environment);
+    return process.startDetached();
+  };
   platform.quit = [] {
     // Queued, so that the caller's slot returns before the event loop is left.
     QMetaObject::invokeMethod(

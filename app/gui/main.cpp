@@ -2,6 +2,9 @@
 #include <QApplication>
 #include <QWidget>
 
+#include <QThread>
+
+#include <signal.h>
 #include <sys/resource.h>
 
 #include "app/gui/QuillaneApp.h"
@@ -18,10 +21,21 @@ void raiseDescriptorLimit() {
   }
 }
 
+// After a change of language the previous instance starts this one and then quits. Wait
+// for it to be gone (a few seconds at most) so that it has released the local API's port
+// before this instance binds it.
+void waitForReplacedInstance() {
+  const qint64 pid = qEnvironmentVariableIntValue("QUILLANE_RELAUNCHED_FROM");
+  qunsetenv("QUILLANE_RELAUNCHED_FROM");
+  if (pid <= 0) return;
+  for (int attempt = 0; attempt < 50 && ::kill(pid_t(pid), 0) == 0; ++attempt) QThread::msleep(100);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   raiseDescriptorLimit();
+  waitForReplacedInstance();
   QApplication application(argc, argv);
   quillane::QuillaneApp::describeApplication();
   quillane::QuillaneApp app;
