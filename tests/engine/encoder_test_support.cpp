@@ -125,6 +125,14 @@ std::optional<DecodedJXL> decodeJXL(std::span<const uint8_t> jxl) {
   }
 }
 
+EncodingPlan makePlan(EncodingPlan::Mode mode, int effort) {
+  EncodingPlan plan;
+  plan.mode = mode;
+  plan.effort = effort;
+  if (mode.kind == EncodingPlan::Mode::Kind::lossy) plan.quality = mode.quality;
+  return plan;
+}
+
 int maxDifference(const Bytes& a, const Bytes& b) {
   if (a.size() != b.size()) return 256;
   int worst = 0;

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "engine/EncodingStrategy.h"
+
 namespace quillane::testing {
 
 using Bytes = std::vector<uint8_t>;
@@ -39,6 +41,9 @@ struct DecodedJXL {
   Bytes reconstructedJPEG;  // when the file carries JPEG reconstruction data
 };
 std::optional<DecodedJXL> decodeJXL(std::span<const uint8_t> jxl);
+
+// A plan for `mode` at `effort`; a lossy mode's quality is also the plan's.
+EncodingPlan makePlan(EncodingPlan::Mode mode, int effort = 2);
 
 // Largest difference of any sample between two pictures of the same size (256 if not).
 int maxDifference(const Bytes& a, const Bytes& b);

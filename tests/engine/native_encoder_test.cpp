@@ -10,6 +10,7 @@
 #include "engine/Errors.h"
 #include "engine/ImageService.h"
 #include "engine/codecs/Writers.h"
+#include "tests/engine/encoder_test_support.h"
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
 
@@ -20,12 +21,7 @@ using Bytes = std::vector<uint8_t>;
 using NativeImageIOEncoder::encode;
 using NativeImageIOEncoder::opaqueCopy;
 
-EncodingPlan lossyPlan(double quality) {
-  EncodingPlan plan;
-  plan.mode = EncodingPlan::Mode::lossy(quality);
-  plan.quality = quality;
-  return plan;
-}
+EncodingPlan lossyPlan(double quality) { return testing::makePlan(EncodingPlan::Mode::lossy(quality)); }
 
 // A picture of one colour; `alpha` in the fourth sample, straight.
 DecodedImage solid(int w, int h, uint8_t r, uint8_t g, uint8_t b, uint8_t a) {

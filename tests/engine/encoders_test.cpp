@@ -1,0 +1,189 @@
+// The PNG, WebP and JPEG XL encoders, checked with the libraries' own decoders: exact lossless
+// round trips, close lossy ones, the palette writer's chunks and JPEG repackaging.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
+
+#include "engine/Encoders.h"
+#include "engine/Errors.h"
+#include "engine/PNGWriter.h"
+#include "engine/WebPEncoderConfig.h"
+#include "tests/engine/encoder_test_support.h"
+#include "tests/support/CodecFixtures.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane::testing {
+namespace {
+
+using Class = ImageCharacteristics::ContentClass;
+using Mode = EncodingPlan::Mode;
+
+ImageCharacteristics characteristics(Class contentClass, bool hasAlpha = false) {
+  ImageCharacteristics c;
+  c.contentClass = contentClass;
+  c.hasAlpha = hasAlpha;
+  return c;
+}
+
+std::optional<Bytes> rgbaOf(const std::optional<Decoded>& decoded) {
+  return decoded ? std::optional(decoded->rgba) : std::nullopt;
+}
+
+// Largest difference of the colour samples where the source is not fully transparent, and of
+// every alpha sample.
+int worstVisibleDifference(const Bytes& source, const Bytes& decoded) {
+  int worst = 0;
+  for (size_t i = 0; i < source.size(); i += 4)
+    for (size_t c = source[i + 3] == 0 ? 3 : 0; c < 4; ++c)
+      worst = std::max(worst, std::abs(int(decoded[i + c]) - int(source[i + c])));
+  return worst;
+}
+
+TEST(LosslessEncoders, RoundTripExactly) {
+  using RoundTrip = std::function<std::optional<Bytes>(const RGBABuffer&, int)>;
+  const std::pair<const char*, RoundTrip> encoders[] = {
+      {"PNG", [](const RGBABuffer& rgba, int effort) {
+         return rgbaOf(decodePNG(PNGQuantEncoder::encodeLossless(rgba, makePlan(Mode::lossless(), effort))));
+       }},
+      {"WebP", [](const RGBABuffer& rgba, int effort) {
+         return rgbaOf(decodeWebP(
+             WebPEncoder::encode(rgba, makePlan(Mode::lossless(), effort), characteristics(Class::photo, rgba.hasAlpha))));
+       }},
+      {"JPEG XL", [](const RGBABuffer& rgba, int effort) -> std::optional<Bytes> {
+         const auto decoded = decodeJXL(JXLEncoder::encode(rgba, rgba.hasAlpha, makePlan(Mode::lossless(), effort)));
+         if (!decoded) return std::nullopt;
+         EXPECT_TRUE(decoded->usesOriginalProfile);
+         EXPECT_EQ(decoded->extraChannels, rgba.hasAlpha ? 1u : 0u);
+         return decoded->image.rgba;
+       }}};
+  // Flat screenshot areas make the predictors tie; the photo brings every filter into play.
+  for (const auto& [name, roundTrip] : encoders)
+    for (bool alpha : {false, true})
+      for (auto [w, h] : {std::pair{1, 1}, {17, 3}, {33, 22}})
+        for (int effort : {0, 2})
+          for (Pattern pattern : {Pattern::photo, Pattern::screenshot}) {
+            const RGBABuffer rgba = makeBuffer(w, h, pattern, 3, alpha);
+            const auto back = roundTrip(rgba, effort);
+            ASSERT_TRUE(back) << name << " " << w << "x" << h;
+            EXPECT_EQ(*back, rgba.pixels) << name << " " << w << "x" << h << " alpha " << alpha << " effort " << effort;
+          }
+}
+
+// --- PNG ---------------------------------------------------------------------------------------
+
+TEST(PngPalette, DecodesCloseToTheSourceWithTransparency) {
+  const RGBABuffer logo = makeBuffer(48, 40, Pattern::flatLogo, 1, true);
+  for (double quality : {1.0, 80.0}) {  // a minimum of 0 means even quality 1 gives a file
+    const Bytes png = PNGQuantEncoder::encodePalette(logo, makePlan(Mode::lossy(quality)));
+    EXPECT_EQ(findChunk(pngChunks(png), "IHDR")->payload[9], 3) << "colour type";
+    EXPECT_NE(findChunk(pngChunks(png), "tRNS"), nullptr);
+    const auto decoded = decodePNG(png);
+    ASSERT_TRUE(decoded);
+    EXPECT_LE(worstVisibleDifference(logo.pixels, decoded->rgba), quality > 50 ? 8 : 128) << quality;
+  }
+}
+
+TEST(PngWriterChunks, IndexedFileDecodesWithValidChunksInOrder) {
+  const std::vector<PNGWriter::PaletteEntry> palette = {{255, 0, 0, 255}, {0, 255, 0, 128}, {0, 0, 255, 0}};
+  const std::vector<uint8_t> indices = {0, 1, 2, 0, 1, 2};
+  const Bytes profile = fixtures::displayP3ICC();
+  const Bytes file = PNGWriter::writeIndexedPNG(3, 2, indices, palette, profile);
+  const auto chunks = pngChunks(file);
+  EXPECT_EQ(chunkTypes(chunks), (std::vector<std::string>{"IHDR", "iCCP", "PLTE", "tRNS", "IDAT", "IEND"}));
+  for (const Chunk& c : chunks) EXPECT_TRUE(c.crcValid) << c.type;
+  // iCCP: "ICC profile", two zero bytes, then a zlib stream of the profile.
+  EXPECT_EQ(inflate(std::span(findChunk(chunks, "iCCP")->payload).subspan(13), profile.size()), profile);
+  const auto decoded = decodePNG(file);
+  ASSERT_TRUE(decoded);
+  const Bytes expected = {255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0, 255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0};
+  EXPECT_EQ(decoded->rgba, expected);
+  // An opaque palette needs no tRNS, and an empty profile no iCCP.
+  const std::vector<PNGWriter::PaletteEntry> opaque = {{1, 2, 3, 255}, {4, 5, 6, 255}, {7, 8, 9, 255}};
+  EXPECT_EQ(chunkTypes(pngChunks(PNGWriter::writeIndexedPNG(3, 2, indices, opaque, Bytes{}))),
+            (std::vector<std::string>{"IHDR", "PLTE", "IDAT", "IEND"}));
+}
+
+// --- WebP --------------------------------------------------------------------------------------
+
+TEST(WebPConfig, EveryClassModeAndEffortGivesAConfigLibwebpAccepts) {
+  for (Class cls : {Class::flatGraphic, Class::screenText, Class::illustration, Class::photo, Class::noisyPhoto})
+    for (Mode mode : {Mode::lossy(-3), Mode::lossy(62.5), Mode::lossy(140), Mode::lossless(), Mode::nearLossless(60),
+                      Mode::nearLossless(250)})
+      for (int effort : {0, 1, 2})
+        for (bool alpha : {false, true}) {
+          WebPConfig c = WebPEncoder::makeConfig(makePlan(mode, effort), characteristics(cls, alpha), alpha);
+          EXPECT_TRUE(WebPValidateConfig(&c)) << int(cls) << " effort " << effort;
+          EXPECT_EQ(c.lossless, mode.kind == Mode::Kind::lossy ? 0 : 1);
+          if (!c.lossless) {
+            EXPECT_EQ(c.alpha_quality, 100) << "the alpha plane never loses detail";
+          }
+        }
+}
+
+TEST(WebPEncode, LossyKeepsAlphaExactlyAndColourCloseAndFailsWithItsLabel) {
+  const RGBABuffer rgba = makeBuffer(64, 48, Pattern::photo, 2, true);
+  const Bytes webp = WebPEncoder::encode(rgba, makePlan(Mode::lossy(90)), characteristics(Class::photo, true));
+  const auto decoded = decodeWebP(webp);
+  ASSERT_TRUE(decoded);
+  for (size_t i = 3; i < rgba.pixels.size(); i += 4) ASSERT_EQ(decoded->rgba[i], rgba.pixels[i]) << i;
+  EXPECT_LE(maxDifference(decoded->rgba, rgba.pixels), 48);
+  EXPECT_LT(webp.size(), rgba.pixels.size() / 2);
+  try {
+    WebPEncoder::encode(RGBABuffer{}, makePlan(Mode::lossy(75)), characteristics(Class::photo));
+    ADD_FAILURE() << "no error";
+  } catch (const ImageProcessingError& e) {
+    EXPECT_EQ(e.kind(), ImageProcessingError::Kind::encodingFailed);
+    EXPECT_EQ(e.label(), "WebP");
+  }
+}
+
+// --- JPEG XL -----------------------------------------------------------------------------------
+
+TEST(JxlEncode, LossyIsCloseAndUsesXYB) {
+  const RGBABuffer rgba = makeBuffer(48, 40, Pattern::photo, 6);
+  const auto decoded = decodeJXL(JXLEncoder::encode(rgba, false, makePlan(Mode::lossy(90), 0)));
+  ASSERT_TRUE(decoded);
+  EXPECT_FALSE(decoded->usesOriginalProfile);
+  EXPECT_LE(maxDifference(decoded->image.rgba, rgba.pixels), 40);
+}
+
+TEST(JxlEncode, OutputAboveOneMebibyteDrainsContiguously) {
+  // Random samples don't compress: 700 by 500 RGBA losslessly is about 1.4 MB.
+  RGBABuffer rgba;
+  rgba.width = 700, rgba.height = 500, rgba.hasAlpha = true;
+  rgba.pixels.resize(size_t(700) * 500 * 4);
+  std::mt19937 rng(11);
+  for (uint8_t& v : rgba.pixels) v = uint8_t(rng());
+  const Bytes jxl = JXLEncoder::encode(rgba, true, makePlan(Mode::lossless(), 0));
+  EXPECT_GT(jxl.size(), 1'048'576u);
+  const auto decoded = decodeJXL(jxl);
+  ASSERT_TRUE(decoded);
+  EXPECT_EQ(decoded->image.rgba, rgba.pixels);
+}
+
+TEST(JxlTranscode, ReconstructsTheJPEGByteForByte) {
+  const DecodedImage photo = makeImage(40, 24, Pattern::photo, 7);
+  const std::pair<const char*, fixtures::JpegOptions> cases[] = {
+      {"exif orientation 6", {.quality = 85, .orientation = 6}},
+      {"progressive", {.quality = 85, .progressive = true}},
+      {"grey", {.orientation = 3, .grey = true}},
+  };
+  for (const auto& [name, options] : cases) {
+    const Bytes jpeg = fixtures::jpeg(photo, options);
+    const auto jxl = JXLEncoder::transcodeJPEG(jpeg, 7);
+    ASSERT_TRUE(jxl) << name;
+    const auto decoded = decodeJXL(*jxl);
+    ASSERT_TRUE(decoded) << name;
+    EXPECT_EQ(decoded->orientation, options.orientation.value_or(1)) << name;
+    EXPECT_TRUE(decoded->reconstructedJPEG == jpeg) << name;
+  }
+  Bytes truncated = fixtures::jpeg(photo);
+  truncated.resize(truncated.size() / 3);
+  for (const Bytes& damaged : {Bytes{}, Bytes{0xFF, 0xD8, 0xFF, 0xE0, 0, 2, 1, 2, 3}, truncated})
+    EXPECT_FALSE(JXLEncoder::transcodeJPEG(damaged, 7));
+}
+
+}  // namespace
+}  // namespace quillane::testing
