@@ -127,18 +127,6 @@ TEST(NativeEncoder, SixteenBitAndPremultipliedSourcesAreWrittenFaithfully) {
   }
 }
 
-TEST(NativeEncoder, HigherQualityKeepsMoreDetailInEveryFormat) {
-  DecodedImage photo = testing::makeImage(96, 64, testing::Pattern::noisyPhoto, 4);
-  for (ImageFormat format : kNative) {
-    SCOPED_TRACE(ImageFormats::label(format));
-    Bytes low = encode(photo, false, format, lossyPlan(30));
-    Bytes high = encode(photo, false, format, lossyPlan(95));
-    EXPECT_LT(low.size(), high.size());
-    EXPECT_LT(meanColourError(decode8(high), photo), meanColourError(decode8(low), photo));
-    EXPECT_LT(meanColourError(decode8(high), photo), 12.0);
-  }
-}
-
 TEST(NativeEncoder, FailsWithTheFormatLabelAndWritesNothingToStandardError) {
   auto expectFailure = [](auto&& call, const std::string& label) {
     try {
