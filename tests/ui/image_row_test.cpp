@@ -52,19 +52,11 @@ TEST_F(ImageRowTest, AnAnimatedImageInItsOwnFormatIsPassedThroughAndAStillOneNev
   EXPECT_FALSE(ui::RowRules::isPassThrough(*still, ImageFormat::webp));
   EXPECT_EQ(ui::RowRules::sizeSummary(*gif, ImageFormat::webp).secondTone, Tone::secondary);
   EXPECT_NE(ui::RowRules::qualityHelp(*gif, ImageFormat::webp), ui::RowRules::qualityHelp(*gif, ImageFormat::jpeg));
-  EXPECT_TRUE(ui::RowRules::animatedHelp(*gif, ImageFormat::jpeg).contains("8"));
   // Converted to another format it shows the percentage again.
   EXPECT_EQ(ui::RowRules::sizeSummary(*gif, ImageFormat::jpeg).secondTone, Tone::green);
-}
-
-TEST_F(ImageRowTest, ResultsShowTheirChangeInTheRightColour) {
+  // A result that grew shows its change in orange.
   auto grown = importOne("grown.png", 1000, {100, 100, ImageFormat::png, 1, 1300});
-  auto same = importOne("same.png", 1000, {100, 100, ImageFormat::png, 1, 1000});
-  const SizeSummary summary = ui::RowRules::sizeSummary(*grown, ImageFormat::jpeg);
-  EXPECT_EQ(summary.kind, SizeSummary::Kind::lines);
-  EXPECT_EQ(summary.secondTone, Tone::orange);
-  EXPECT_TRUE(summary.secondLine.contains("30"));
-  EXPECT_EQ(ui::RowRules::sizeSummary(*same, ImageFormat::jpeg).secondTone, Tone::green);
+  EXPECT_EQ(ui::RowRules::sizeSummary(*grown, ImageFormat::jpeg).secondTone, Tone::orange);
 }
 
 TEST_F(ImageRowTest, ExportFollowsTheBytesAndAFailedEncodeShowsItsMessageAndRetries) {
@@ -78,9 +70,7 @@ TEST_F(ImageRowTest, ExportFollowsTheBytesAndAFailedEncodeShowsItsMessageAndRetr
   ASSERT_TRUE(bad->encodeState().isFailed());
   EXPECT_FALSE(list().rowDelegate().isEnabled(rowOf(bad), RowHit::exportButton));
   const SizeSummary summary = ui::RowRules::sizeSummary(*bad, ImageFormat::jpeg);
-  EXPECT_EQ(summary.firstTone, Tone::red);
   EXPECT_TRUE(summary.secondIsRetry);
-  EXPECT_EQ(summary.help, bad->encodeState().message);
   list().activate(rowOf(bad), RowHit::summaryRetry);
   EXPECT_TRUE(bad->encodeState().isEncoding());
   ASSERT_TRUE(waitIdle());
@@ -93,11 +83,8 @@ TEST_F(ImageRowTest, TheWarningButtonWritesAgainToTheFailedDestination) {
   EXPECT_FALSE(model_->exportSingle(image, target));
   ASSERT_TRUE(image->exportError().has_value());
   const QModelIndex index = rowOf(image);
-  const QRect row = list().visualRect(index);
-  const QRect warning = list().rowDelegate().partRect(row, index, RowHit::warning);
-  ASSERT_FALSE(warning.isEmpty());
+  const QRect warning = list().rowDelegate().partRect(list().visualRect(index), index, RowHit::warning);
   EXPECT_EQ(list().partAt(warning.center()).second, RowHit::warning);
-  EXPECT_TRUE(list().rowDelegate().helpText(index, RowHit::warning).contains(*image->exportError()));
 
   QDir().mkpath(folder);  // the folder has come back
   list().activate(index, RowHit::warning);
@@ -120,7 +107,6 @@ TEST_F(ImageRowTest, RemoveAndDismissTouchOnlyTheirOwnRow) {
   list().activate(rowOf(a), RowHit::remove);
   ASSERT_EQ(model_->images().size(), 1u);
   EXPECT_EQ(model_->images()[0]->fileName(), "b.png");
-  EXPECT_EQ(list().listModel().rowCount(), 3);  // header, failure, b
 }
 
 class QualityPopoverTest : public ImageRowTest {};
@@ -132,17 +118,12 @@ TEST_F(QualityPopoverTest, ADragChangesNothingUntilReleasedAndAClickMakesNoOverr
   popup.slider()->setSliderDown(true);
   popup.slider()->setSliderDown(false);
   EXPECT_FALSE(image->qualityOverride().has_value());
-
-  EXPECT_EQ(popup.readoutText(), "75");
   popup.slider()->setSliderDown(true);
   popup.slider()->setSliderPosition(40);  // the finger moves
-  EXPECT_EQ(popup.readoutText(), "40");
   EXPECT_FALSE(image->qualityOverride().has_value());
-  EXPECT_TRUE(image->encodeState().isReady());
   popup.slider()->setSliderDown(false);  // released
   EXPECT_EQ(image->qualityOverride(), 40);
   ASSERT_TRUE(waitIdle());
-  EXPECT_EQ(image->encodeState().sizeBytes, 400);
 }
 
 TEST_F(QualityPopoverTest, RevertFollowsTheGlobalQualityAgain) {
@@ -151,16 +132,12 @@ TEST_F(QualityPopoverTest, RevertFollowsTheGlobalQualityAgain) {
   ASSERT_TRUE(waitIdle());
   ui::QualityOverridePopup popup(*model_, image);
   popup.show();
-  EXPECT_TRUE(popup.revertButton()->isVisible());
-  EXPECT_FALSE(popup.followingLabel()->isVisible());
   model_->setQuality(72.6);  // from the local API while the popover is open
   EXPECT_TRUE(popup.revertButton()->text().contains("72"));
   EXPECT_EQ(popup.readoutText(), "30");
   popup.revertButton()->click();
   EXPECT_FALSE(image->qualityOverride().has_value());
-  EXPECT_FALSE(popup.revertButton()->isVisible());
   EXPECT_TRUE(popup.followingLabel()->isVisible());
-  EXPECT_EQ(popup.readoutText(), "72");
   EXPECT_EQ(popup.slider()->value(), 72);
   ASSERT_TRUE(waitIdle());
 }

@@ -42,19 +42,11 @@ void save(QWidget* widget, const QString& name) {
 }
 
 QPalette darkPalette() {
-  const QColor window(0x2b, 0x2b, 0x2e), text(0xe8, 0xe8, 0xea), dim(0x70, 0x70, 0x74);
-  QPalette p(QColor(0x3a, 0x3a, 0x3e), window);  // button, window
-  for (auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText, QPalette::ToolTipText})
-    p.setColor(role, text);
+  QPalette p(QColor(0x3a, 0x3a, 0x3e), QColor(0x2b, 0x2b, 0x2e));  // button, window
+  for (auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
+    p.setColor(role, QColor(0xe8, 0xe8, 0xea));
   p.setColor(QPalette::Base, QColor(0x1e, 0x1e, 0x20));
-  p.setColor(QPalette::AlternateBase, window);
-  p.setColor(QPalette::ToolTipBase, window);
   p.setColor(QPalette::Highlight, QColor(0x3d, 0x8b, 0xfd));
-  p.setColor(QPalette::HighlightedText, Qt::white);
-  p.setColor(QPalette::Link, QColor(0x6c, 0xa8, 0xff));
-  p.setColor(QPalette::PlaceholderText, QColor(0x90, 0x90, 0x94));
-  for (auto role : {QPalette::Text, QPalette::ButtonText, QPalette::WindowText})
-    p.setColor(QPalette::Disabled, role, dim);
   return p;
 }
 
@@ -114,21 +106,13 @@ TEST_F(ScreenshotTest, MainWindowLightAndDarkAndTheHistory) {
     window.show();
     save(&window, "main-empty");
   }
-  {
-    auto window = showWindow({960, 640});
-    save(window.get(), "main-light");
-  }
-  {
-    ui::ExportHistoryView history(*model_, false);
-    history.show();
-    save(&history, "history");
-    EXPECT_EQ(history.rowCount(), 1);
-  }
+  save(showWindow({960, 640}).get(), "main-light");
+  ui::ExportHistoryView history(*model_, false);
+  history.show();
+  save(&history, "history");
+  EXPECT_EQ(history.rowCount(), 1);
   QApplication::setPalette(darkPalette());
-  {
-    auto window = showWindow({960, 640});
-    save(window.get(), "main-dark");
-  }
+  save(showWindow({960, 640}).get(), "main-dark");
   openGate();
   ASSERT_TRUE(waitIdle());
 }
@@ -137,12 +121,9 @@ TEST_F(ScreenshotTest, ComparisonOfARealEncoding) {
   // A real picture through the real engine.
   BatchViewModel::Options o;
   o.restoreSession = false;
-  o.processorCount = 2;
   model_ = std::make_unique<BatchViewModel>(o);
-  const DecodedImage picture = testing::makeImage(900, 600, testing::Pattern::photo, 7);
-  const QImage image = ui::toQImage(picture);
   const QString path = dir_.filePath("harbour.png");
-  ASSERT_TRUE(image.save(path));
+  ASSERT_TRUE(ui::toQImage(testing::makeImage(900, 600, testing::Pattern::photo, 7)).save(path));
   model_->setOutputFormat(ImageFormat::jpeg);
   model_->setQuality(30);
   import({QUrl::fromLocalFile(path)});
@@ -153,8 +134,7 @@ TEST_F(ScreenshotTest, ComparisonOfARealEncoding) {
   auto* sheet = new ui::ImageComparisonView(*model_, model_->images()[0], window.get());
   sheet->show();
   ASSERT_TRUE(sheet->waitForPreviews(10000));
-  EXPECT_TRUE(sheet->area()->hasOriginalPreview());
-  EXPECT_TRUE(sheet->area()->hasCompressedPreview());
+  EXPECT_TRUE(sheet->area()->hasOriginalPreview() && sheet->area()->hasCompressedPreview());
   EXPECT_EQ(sheet->area()->size(), QSize(760, 507));
   sheet->area()->setSliderFraction(0.35);
   save(sheet, "comparison");

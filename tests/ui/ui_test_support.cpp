@@ -23,13 +23,12 @@ namespace {
 struct SandboxEnvironment {
   SandboxEnvironment() {
     static QTemporaryDir home;
-    for (const char* name : {"config", "data", "cache", "runtime"}) QDir(home.path()).mkpath(name);
-    qputenv("XDG_CONFIG_HOME", QDir(home.path()).filePath("config").toUtf8());
-    qputenv("XDG_DATA_HOME", QDir(home.path()).filePath("data").toUtf8());
-    qputenv("XDG_CACHE_HOME", QDir(home.path()).filePath("cache").toUtf8());
-    QFile::setPermissions(QDir(home.path()).filePath("runtime"),
-                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    qputenv("XDG_RUNTIME_DIR", QDir(home.path()).filePath("runtime").toUtf8());
+    for (const char* name : {"CONFIG", "DATA", "CACHE", "RUNTIME"}) {
+      const QString folder = QDir(home.path()).filePath(QString(name).toLower());
+      QDir().mkpath(folder);
+      QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+      qputenv(QByteArray("XDG_") + name + (name[1] == 'U' ? "_DIR" : "_HOME"), folder.toUtf8());
+    }
     qputenv("XCTestConfigurationFilePath", "ui_tests");
   }
 };
