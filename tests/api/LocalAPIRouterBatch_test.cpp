@@ -18,14 +18,11 @@ TEST_F(BatchRouterTest, ImportReportsEachFailureInOrderAndListsNewIds) {
   auto response = call("POST", "/v1/import",
                        R"({"paths":[")" + missing + R"(",")" + good + R"(",")" + garbage + R"(",")" + aFolder +
                            R"("],"extra":true})");
-  ASSERT_EQ(response.status, 200) << response.body;
   QJsonArray failed = json(response)["failed"].toArray();
-  ASSERT_EQ(failed.size(), 3);
+  ASSERT_EQ(failed.size(), 3) << response.body;
   EXPECT_EQ(failed[0].toObject(), (QJsonObject{{"error", "File not found"}, {"path", QString::fromStdString(missing)}}));
-  EXPECT_EQ(failed[1].toObject()["path"].toString().toStdString(), garbage);
-  EXPECT_EQ(failed[2].toObject()["path"].toString().toStdString(), aFolder);
-  ASSERT_EQ(model_->importFailures().size(), 2u);
-  EXPECT_EQ(failed[1].toObject()["error"].toString(), model_->importFailures()[0].message);
+  EXPECT_EQ(failed[1].toObject()["path"].toString() + failed[2].toObject()["path"].toString(),
+            QString::fromStdString(garbage + aFolder));
   ASSERT_EQ(model_->images().size(), 1u);
   EXPECT_EQ(json(response)["imported"].toArray(),
             QJsonArray{QString::fromStdString(LocalAPIDTOs::idText(model_->images()[0]->id()))});
@@ -48,11 +45,10 @@ TEST_F(BatchRouterTest, ImagesDescribeTheModelAndAnOverrideSetsAndClears) {
   // Ids are matched in any case; the answer is the row as it is now, being encoded again.
   std::string lower = QString::fromStdString(ids[0]).toLower().toStdString();
   auto set = call("POST", "/v1/images/" + lower + "/quality", R"({"quality":40})");
-  QJsonObject dto = json(set).object();
-  EXPECT_EQ(dto["id"].toString().toStdString(), ids[0]);
-  EXPECT_EQ(dto["state"].toString(), "encoding");
-  EXPECT_EQ(dto["qualityOverride"].toDouble(), 40.0);
-  EXPECT_FALSE(dto.contains("compressedSizeBytes") || dto.contains("ratio")) << set.body;
+  image = json(set).object();
+  EXPECT_EQ(image["id"].toString().toStdString() + image["state"].toString().toStdString(), ids[0] + "encoding");
+  EXPECT_EQ(image["qualityOverride"].toDouble(), 40.0);
+  EXPECT_FALSE(image.contains("compressedSizeBytes") || image.contains("ratio")) << set.body;
   ASSERT_TRUE(waitUntilSettled());
   EXPECT_EQ(json(call("GET", "/v1/images"))[0]["compressedSizeBytes"].toInteger(), 401);
 
@@ -71,10 +67,8 @@ TEST_F(BatchRouterTest, ExportWritesIntoTheFolderThePathOrTheProfilesAndAppliesT
 
   QJsonArray results = json(call("POST", "/v1/export", R"({"folder":")" + out + R"("})")).array();
   ASSERT_EQ(results.size(), 2);
-  QJsonObject first = results[0].toObject();
-  EXPECT_EQ(first["destination"].toString().toStdString(), out + "/one.jpg");
-  EXPECT_EQ(first["compressedSizeBytes"].toInteger(), 751);
-  EXPECT_EQ(first["id"].toString().toStdString(), ids[0]);
+  EXPECT_EQ(results[0].toObject()["destination"].toString().toStdString(), out + "/one.jpg");
+  EXPECT_EQ(results[0].toObject()["compressedSizeBytes"].toInteger(), 751);
   EXPECT_EQ(QFileInfo(QString::fromStdString(out + "/two.jpg")).size(), 751);
 
   // One image to a path of its own; a write that fails is reported in the answer.
@@ -84,8 +78,7 @@ TEST_F(BatchRouterTest, ExportWritesIntoTheFolderThePathOrTheProfilesAndAppliesT
   EXPECT_EQ(json(call("POST", route, R"({"path":")" + target + R"("})"))["destination"].toString().toStdString(), target);
   EXPECT_EQ(QFileInfo(QString::fromStdString(target)).size(), 751);
   auto failedWrite = call("POST", route, R"({"path":"/nonexistent-dir/x.jpg"})");
-  EXPECT_EQ(failedWrite.status, 200);
-  EXPECT_TRUE(json(failedWrite).object().contains("error") && !json(failedWrite).object().contains("destination"))
+  EXPECT_TRUE(json(failedWrite)["error"].isString() && json(failedWrite)["destination"].isUndefined())
       << failedWrite.body;
 
   model_->upsertExportProfile(
@@ -103,9 +96,8 @@ TEST_F(BatchRouterTest, ExportWithoutWaitingReportsImagesThatHaveNoBytesYet) {
   importPaths({writeJPEG("slow.jpg")});
   std::string out = folder("out");
   auto response = call("POST", "/v1/export", R"({"folder":")" + out + R"(","waitTimeoutSeconds":0})");
-  QJsonObject entry = json(response)[0].toObject();
-  EXPECT_TRUE(entry.contains("error")) << response.body;
-  EXPECT_FALSE(entry.contains("destination") || entry.contains("compressedSizeBytes")) << response.body;
+  EXPECT_EQ(json(response)[0].toObject().keys(), (QStringList{"error", "id", "name", "originalSizeBytes"}))
+      << response.body;
   // With the default wait the same export succeeds.
   auto waited = call("POST", "/v1/export", R"({"folder":")" + out + R"("})");
   EXPECT_EQ(json(waited)[0]["destination"].toString().toStdString(), out + "/slow.jpg");

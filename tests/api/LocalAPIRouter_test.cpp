@@ -13,19 +13,14 @@ const std::string emptyStatus =
     R"("imageCount":0,"isEncoding":false,"outputFormat":"jpeg","quality":75})";
 
 TEST_F(RouterTest, TheTokenIsCheckedBeforeAnyRoutingAndReadAtEachRequest) {
-  std::string wrong = token_;
-  wrong.back() = wrong.back() == 'A' ? 'B' : 'A';
   for (const std::string& authorization : {std::string(), "Authorization: bearer " + token_ + "\r\n",
                                            "Authorization: Bearer  " + token_ + "\r\n",
-                                           "Authorization: Bearer " + wrong + "\r\n",
                                            "Authorization: Bearer " + token_ + "x\r\n"}) {
-    auto response = raw("GET /v1/status HTTP/1.1\r\n" + authorization + "\r\n");
+    auto response = raw("GET /no/such/route HTTP/1.1\r\n" + authorization + "\r\n");
     EXPECT_EQ(response.statusLine, "HTTP/1.1 401 Unauthorized") << authorization;
     EXPECT_EQ(response.body, unauthorized) << authorization;
   }
-  EXPECT_EQ(call("GET", "/no/such/route", {}, "nope").body, unauthorized);
   EXPECT_EQ(raw("GET /v1/status HTTP/1.1\r\nAUTHORIZATION: Bearer " + token_ + "\r\n\r\n").status, 200);
-
   LocalAPISettings::setToken(QString());  // a new token is made at the next read
   EXPECT_EQ(call("GET", "/v1/status").body, unauthorized);
   EXPECT_EQ(call("GET", "/v1/status", {}, LocalAPISettings::token().toStdString()).status, 200);
@@ -36,10 +31,9 @@ TEST_F(RouterTest, RoutesMatchSegmentsExactlyAndNeverAnswer405) {
     EXPECT_EQ(call("GET", target).body, emptyStatus) << target;
   for (auto [method, target] : std::vector<std::pair<std::string, std::string>>{
            {"PUT", "/v1/status"}, {"get", "/v1/status"}, {"GET", "/V1/status"}, {"GET", "/v1/status/extra"},
-           {"POST", "/v1/images"}, {"GET", "/v1/images/x/quality"}, {"GET", "/v2/status"}}) {
+           {"GET", "/v1/images/x/quality"}}) {
     auto response = call(method, target);
-    EXPECT_EQ(response.status, 404) << method << " " << target;
-    EXPECT_EQ(response.body, R"({"error":"Unknown route"})") << method << " " << target;
+    EXPECT_EQ(std::to_string(response.status) + response.body, "404" + error("Unknown route")) << method << target;
   }
 }
 
@@ -77,11 +71,9 @@ TEST_F(RouterTest, RefusalsNameWhatWasWrong) {
       {"POST", "/v1/profiles", R"({"name":"a","format":"png","quality":null})", 400,
        R"(Expected JSON body: {\"name\": String, \"format\": String, \"quality\": Double, \"destinationFolder\": String?})"},
       {"POST", "/v1/profiles", R"({"name":" \n\t","format":"png","quality":5})", 400, "name must not be empty"},
-      {"POST", "/v1/profiles", R"({"name":"a","format":"png","quality":0})", 400, range},
       {"POST", "/v1/profiles", R"({"name":"a","format":"png","quality":5,"destinationFolder":")" + file + R"("})",
        400, "destinationFolder does not exist: " + file},
       {"DELETE", "/v1/profiles/Gone%20Now", "", 404, "No profile named 'Gone Now'"},
-      {"DELETE", "/v1/profiles/100%", "", 404, "No profile named '100%'"},  // used as it came
   };
   for (const Case& c : cases) {
     auto response = call(c.method, c.target, c.body);
@@ -110,24 +102,18 @@ TEST_F(RouterTest, ProfilesAreUpsertedByNameInAnyCaseListedAndDeleted) {
   std::string out = folder("out");
   auto created = call("POST", "/v1/profiles",
                       R"({"name":"  My Web  ","format":"webp","quality":70,"destinationFolder":")" + out + R"("})");
-  ASSERT_EQ(created.status, 200) << created.body;
-  QJsonObject dto = json(created).object();
-  EXPECT_EQ(dto.keys(), (QStringList{"destinationFolder", "format", "id", "name", "quality"}));
-  EXPECT_EQ(dto["name"].toString(), "My Web");
-  QString id = dto["id"].toString();
-  EXPECT_EQ(id, id.toUpper());
-
+  QString id = json(created)["id"].toString();
+  EXPECT_EQ(created.body, R"({"destinationFolder":")" + QString::fromStdString(out).replace("/", "\\/").toStdString() +
+                              R"(","format":"webp","id":")" + id.toUpper().toStdString() +
+                              R"(","name":"My Web","quality":70})");
   // Same name in other case: same id and default flag, replaced whole (the folder is gone).
   auto profiles = model_->exportProfiles();
   profiles.front().isDefault = true;
   model_->upsertExportProfile(profiles.front());
   auto renamed = call("POST", "/v1/profiles", R"({"name":"my web","format":"png","quality":90})");
-  EXPECT_EQ(json(renamed)["id"].toString(), id);
-  EXPECT_FALSE(json(renamed).object().contains("destinationFolder"));
+  EXPECT_EQ(renamed.body, R"({"format":"png","id":")" + id.toStdString() + R"(","name":"my web","quality":90})");
   ASSERT_EQ(model_->exportProfiles().size(), 1u);
   EXPECT_TRUE(model_->exportProfiles().front().isDefault);
-  EXPECT_EQ(model_->exportProfiles().front().name, "my web");
-
   EXPECT_EQ(call("GET", "/v1/profiles").body, "[" + renamed.body + "]");
   EXPECT_EQ(call("DELETE", "/v1/profiles/MY%20WEB").body, R"({"removed":true})");
   EXPECT_EQ(call("GET", "/v1/profiles").body, "[]");
