@@ -65,11 +65,8 @@ class BatchFixture : public ::testing::Test {
     o.inspector = [this](const std::string& path) {
       std::unique_lock lock(mutex_);
       const InspectorEntry entry = inspections_.count(path) ? inspections_[path] : InspectorEntry{};
-      maxInspecting_ = std::max(maxInspecting_, ++inspecting_);
       lock.unlock();
       std::this_thread::sleep_for(std::chrono::milliseconds(entry.delayMs));
-      lock.lock();
-      --inspecting_;
       const QString file = QString::fromStdString(path);
       if (entry.fail || !QFile::exists(file)) throw ImageProcessingError::decodingFailed("fake: " + path);
       return ImageDecoder::LightDecodedImage{
@@ -138,7 +135,7 @@ class BatchFixture : public ::testing::Test {
   bool gateOpen_ = false;
   std::vector<Call> calls_;
   std::map<std::string, InspectorEntry> inspections_;
-  int encoding_ = 0, maxEncoding_ = 0, inspecting_ = 0, maxInspecting_ = 0;
+  int encoding_ = 0, maxEncoding_ = 0;
 };
 
 }  // namespace quillane::testing

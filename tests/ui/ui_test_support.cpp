@@ -88,15 +88,12 @@ ImageDecoder::LightDecodedImage UiFixture::inspect(const std::string& path) {
     if (it == files_.end()) throw ImageProcessingError::decodingFailed("not an image");
     file = it->second;
   }
-  ImageDecoder::LightDecodedImage decoded;
-  decoded.format = file.format;
-  decoded.pixelWidth = file.width;
-  decoded.pixelHeight = file.height;
-  decoded.frameCount = file.frameCount;
-  decoded.fileSizeBytes = QFileInfo(QString::fromStdString(path)).size();
-  const int w = file.width >= file.height ? 64 : std::max(1, 64 * file.width / std::max(1, file.height));
-  const int h = file.width >= file.height ? std::max(1, 64 * file.height / std::max(1, file.width)) : 64;
-  decoded.thumbnail = testing::makeImage(w, h, testing::Pattern::photo, uint32_t(qHash(name)));
+  ImageDecoder::LightDecodedImage decoded{file.format, file.width, file.height,
+                                          QFileInfo(QString::fromStdString(path)).size(), file.frameCount, {}};
+  const int side = std::max({1, file.width, file.height});
+  decoded.thumbnail = testing::makeImage(std::max(1, 64 * file.width / side),
+                                         std::max(1, 64 * file.height / side), testing::Pattern::photo,
+                                         uint32_t(qHash(name)));
   return decoded;
 }
 
