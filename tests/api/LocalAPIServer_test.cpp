@@ -84,25 +84,17 @@ std::string expectedResponse(int status, const std::string& reason, const std::s
 }
 const std::string malformed = expectedResponse(400, "Bad Request", R"({"error":"Malformed request"})");
 
-TEST_F(ServerTest, AnswersWithExactlyThreeHeadersAndClosesEvenWhenAskedToKeepAlive) {
-  int port = startServer();
-  auto response = httpExchange(port, "GET /v1/status HTTP/1.1\r\nConnection: keep-alive\r\n\r\n");
-  EXPECT_EQ(response.raw,
-            expectedResponse(200, "OK",
-                             R"({"body":"","bodyLength":0,"headers":{"connection":"keep-alive"},"method":"GET",)"
-                             R"("path":"\/v1\/status","query":{}})"));
-  EXPECT_TRUE(response.closedByServer);
-}
-
-TEST_F(ServerTest, ReadsTheHeadLeniently) {
+TEST_F(ServerTest, ReadsTheHeadLenientlyAnswersWithThreeHeadersAndClosesEvenWhenAskedToKeepAlive) {
   int port = startServer();
   // No version, a lower-case method, header names in any case, padded values, a line without
   // a colon, a repeated header (the last one counts).
-  auto response = httpExchange(port,
-                               "post /x?a=1\r\nX-UPPER:  \t value \t\r\nEmpty:\r\nno colon here\r\n"
-                               "Dup: first\r\ndup: second\r\n\r\n");
-  EXPECT_EQ(response.body, R"({"body":"","bodyLength":0,"headers":{"dup":"second","empty":"","x-upper":"value"},)"
-                           R"("method":"post","path":"\/x","query":{"a":"1"}})");
+  auto response = httpExchange(port, "get /x?a=1\r\nConnection: keep-alive\r\nX-UPPER:  \t value \t\r\n"
+                                     "no colon here\r\nDup: first\r\ndup: second\r\n\r\n");
+  EXPECT_EQ(response.raw, expectedResponse(200, "OK",
+                                           R"({"body":"","bodyLength":0,"headers":{"connection":"keep-alive",)"
+                                           R"("dup":"second","x-upper":"value"},"method":"get","path":"\/x",)"
+                                           R"("query":{"a":"1"}})"));
+  EXPECT_TRUE(response.closedByServer);
 }
 
 TEST_F(ServerTest, MalformedRequestsGetA400) {
@@ -131,9 +123,6 @@ TEST_F(ServerTest, MalformedRequestsGetA400) {
 
 TEST_F(ServerTest, ContentLengthFramesTheBody) {
   int port = startServer();
-  // Letters count as no length: the bytes after the head are ignored.
-  EXPECT_NE(httpExchange(port, "POST /x HTTP/1.1\r\nContent-Length: abc\r\n\r\nhello").body.find(R"("body":"")"),
-            std::string::npos);
   // A longer body is cut to its length; the surplus never becomes a second request.
   auto surplus = httpExchange(port, "POST /x HTTP/1.1\r\nContent-Length: 3\r\n\r\nabcGET /second HTTP/1.1\r\n\r\n");
   EXPECT_NE(surplus.body.find(R"("body":"abc")"), std::string::npos) << surplus.body;
@@ -161,10 +150,6 @@ TEST_F(ServerTest, TheDeadlineCoversTheWholeRequest) {
                               "GET /x HTTP/1.1\nHost: a\n\n",                 // LF alone never ends the head
                               "POST /x HTTP/1.1\r\nContent-Length: 5\r\n\r\nab"})  // a body that stops
     EXPECT_EQ(httpExchange(port, request, 5s).raw, timedOut) << request;
-
-  // A zero time-out ends the request before its first read.
-  port = startServer(0.0);
-  EXPECT_EQ(httpExchange(port, "GET /x HTTP/1.1\r\n\r\n", 5s).status, 408);
 }
 
 std::string pathBody(const std::string& path) {
