@@ -12,6 +12,7 @@
 #include <QProcess>
 #include <QTemporaryDir>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -81,21 +82,18 @@ class ApiEndToEnd : public ::testing::Test {
   }
 
   // Polls the image list until every image is ready (or the time is up).
-  QJsonArray waitForReadyImages(int expectedCount) {
-    auto deadline = std::chrono::steady_clock::now() + 90s;
-    while (true) {
+  QJsonArray waitForReadyImages(int count) {
+    for (auto deadline = std::chrono::steady_clock::now() + 90s;; std::this_thread::sleep_for(100ms)) {
       QJsonArray images = json(call("GET", "/v1/images")).array();
-      bool allReady = images.size() == expectedCount;
-      for (const auto& image : images) allReady = allReady && image.toObject()["state"].toString() == "ready";
-      if (allReady || std::chrono::steady_clock::now() > deadline) return images;
-      std::this_thread::sleep_for(100ms);
+      bool ready = images.size() == count &&
+                   std::all_of(images.begin(), images.end(), [](const QJsonValue& v) { return v["state"] == "ready"; });
+      if (ready || std::chrono::steady_clock::now() > deadline) return images;
     }
   }
 
-  QString writePhoto(const QString& name, int width, int height, uint32_t seed) {
-    testing::writeBytes(dir_.filePath(name).toStdString(),
-                        codecs::writeJpeg(testing::makeImage(width, height, testing::Pattern::photo, seed),
-                                          codecs::jpegSettings(0.9), std::nullopt));
+  QString writePhoto(const QString& name, uint32_t seed) {
+    auto image = testing::makeImage(160 - 20 * int(seed), 120, testing::Pattern::photo, seed);
+    testing::writeBytes(dir_.filePath(name).toStdString(), codecs::writeJpeg(image, codecs::jpegSettings(0.9), std::nullopt));
     return dir_.filePath(name);
   }
 
@@ -107,21 +105,16 @@ class ApiEndToEnd : public ::testing::Test {
 
 TEST_F(ApiEndToEnd, ImportTuneExportAndFindTheBatchAfterARestart) {
   start();
-  QJsonArray list{writePhoto("first.jpg", 160, 120, 1), writePhoto("second.jpg", 120, 160, 2),
-                  writePhoto("third.jpg", 200, 100, 3)};
+  QJsonArray list{writePhoto("first.jpg", 1), writePhoto("second.jpg", 2), writePhoto("third.jpg", 3)};
   auto imported = call("POST", "/v1/import", QJsonDocument(QJsonObject{{"paths", list}}).toJson().toStdString());
-  ASSERT_EQ(imported.status, 200) << imported.body;
   QJsonArray ids = json(imported)["imported"].toArray();
   ASSERT_EQ(ids.size(), 3) << imported.body;
 
-  auto settings = call("POST", "/v1/settings", R"({"quality":60,"format":"webp"})");
-  EXPECT_EQ(json(settings)["imageCount"].toInt(), 3) << settings.body;
-  auto override = call("POST", "/v1/images/" + ids[1].toString().toStdString() + "/quality", R"({"quality":30})");
-  ASSERT_EQ(override.status, 200) << override.body;
+  ASSERT_EQ(call("POST", "/v1/settings", R"({"quality":60,"format":"webp"})").status, 200);
+  ASSERT_EQ(call("POST", "/v1/images/" + ids[1].toString().toStdString() + "/quality", R"({"quality":30})").status, 200);
 
   std::string out = dir_.filePath("out").toStdString();
   auto exported = call("POST", "/v1/export", R"({"folder":")" + out + R"(","waitTimeoutSeconds":90})");
-  ASSERT_EQ(exported.status, 200) << exported.body;
   QJsonArray results = json(exported).array();
   ASSERT_EQ(results.size(), 3);
   for (const auto& result : results) {
@@ -141,9 +134,7 @@ TEST_F(ApiEndToEnd, ImportTuneExportAndFindTheBatchAfterARestart) {
   EXPECT_EQ(after[1].toObject()["qualityOverride"].toDouble(), 30.0);
   EXPECT_FALSE(after[0].toObject().contains("qualityOverride"));
   auto status = json(call("GET", "/v1/status"));
-  EXPECT_EQ(status["outputFormat"].toString(), "jpeg");
-  EXPECT_EQ(status["quality"].toDouble(), 75.0);
-  EXPECT_NE(status["appVersion"].toString(), "unknown");
+  EXPECT_TRUE(status["outputFormat"] == "jpeg" && status["quality"] == 75.0 && status["appVersion"] != "unknown");
 }
 
 }  // namespace
