@@ -69,8 +69,7 @@ TEST_F(CommandLineTool, HelpExplainsEveryVerbAndOption) {
       EXPECT_TRUE(r.out.contains(word)) << word;
   }
   ToolRun unknown = run({"shrink", "a.png"});
-  EXPECT_EQ(unknown.exitCode, 2);
-  EXPECT_TRUE(unknown.out.isEmpty());
+  EXPECT_TRUE(unknown.exitCode == 2 && unknown.out.isEmpty());
 }
 
 TEST_F(CommandLineTool, CompressWritesDistinctNamesAndReportsEveryFile) {
@@ -100,8 +99,7 @@ TEST_F(CommandLineTool, CommandErrorsGoToStandardErrorWithStatusSix) {
   };
   for (const Case& c : cases) {
     ToolRun r = run(c.arguments);
-    EXPECT_EQ(r.exitCode, 6);
-    EXPECT_TRUE(r.out.isEmpty());
+    EXPECT_TRUE(r.exitCode == 6 && r.out.isEmpty()) << r.exitCode;
     EXPECT_EQ(QString::fromUtf8(r.err).trimmed(), c.message);
     EXPECT_FALSE(QFileInfo::exists(path("out")));
   }
