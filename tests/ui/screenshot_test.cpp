@@ -47,6 +47,10 @@ QPalette darkPalette() {
     p.setColor(role, QColor(0xe8, 0xe8, 0xea));
   p.setColor(QPalette::Base, QColor(0x1e, 0x1e, 0x20));
   p.setColor(QPalette::Highlight, QColor(0x3d, 0x8b, 0xfd));
+  // What a desktop's dark theme sets too: readable links and greyed-out disabled text.
+  p.setColor(QPalette::Link, QColor(0x8a, 0xb4, 0xf8));
+  for (auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
+    p.setColor(QPalette::Disabled, role, QColor(0x7a, 0x7a, 0x80));
   return p;
 }
 
