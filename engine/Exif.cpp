@@ -36,12 +36,23 @@ std::optional<int> orientation(std::span<const uint8_t> block) {
   exif_data_load_data(exif.get(), data.data(), unsigned(data.size()));
 
   ExifEntry* entry = exif_content_get_entry(exif->ifd[EXIF_IFD_0], EXIF_TAG_ORIENTATION);
-  if (!entry || entry->format != EXIF_FORMAT_SHORT || entry->components < 1 || !entry->data ||
-      entry->size < 2)
-    return std::nullopt;
-  int value = exif_get_short(entry->data, exif_data_get_byte_order(exif.get()));
+  if (!entry || entry->components < 1 || !entry->data) return std::nullopt;
+  // The standard stores it as a 16-bit SHORT, but some cameras write a 32-bit LONG (or a signed
+  // form) and viewers honour it all the same. The repairs that would rewrite such a tag are off,
+  // so every integer type is read here.
+  const ExifByteOrder order = exif_data_get_byte_order(exif.get());
+  const size_t size = exif_format_get_size(entry->format);
+  if (size == 0 || entry->size < size) return std::nullopt;
+  long value;
+  switch (entry->format) {
+    case EXIF_FORMAT_SHORT: value = exif_get_short(entry->data, order); break;
+    case EXIF_FORMAT_SSHORT: value = exif_get_sshort(entry->data, order); break;
+    case EXIF_FORMAT_LONG: value = long(exif_get_long(entry->data, order)); break;
+    case EXIF_FORMAT_SLONG: value = exif_get_slong(entry->data, order); break;
+    default: return std::nullopt;
+  }
   if (value < 1 || value > 8) return std::nullopt;
-  return value;
+  return int(value);
 }
 
 }  // namespace quillane::Exif

@@ -10,6 +10,7 @@
 
 #include "engine/Encoders.h"
 #include "engine/Errors.h"
+#include "engine/Exif.h"
 
 namespace quillane::JXLEncoder {
 namespace {
@@ -60,34 +61,7 @@ struct JPEGHeader {
   int orientation = 1;
 };
 
-uint16_t read16(const uint8_t* p, bool bigEndian) {
-  return bigEndian ? uint16_t(p[0] << 8 | p[1]) : uint16_t(p[1] << 8 | p[0]);
-}
-uint32_t read32(const uint8_t* p, bool bigEndian) {
-  return bigEndian ? uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]
-                   : uint32_t(p[3]) << 24 | uint32_t(p[2]) << 16 | uint32_t(p[1]) << 8 | p[0];
-}
-
-// The orientation tag of IFD0 in an APP1 payload that starts with "Exif\0\0"; 1 when absent.
-int exifOrientation(std::span<const uint8_t> app1) {
-  static constexpr uint8_t kExif[6] = {'E', 'x', 'i', 'f', 0, 0};
-  if (app1.size() < 14 || !std::equal(kExif, kExif + 6, app1.begin())) return 1;
-  const std::span<const uint8_t> tiff = app1.subspan(6);
-  const bool big = tiff[0] == 'M' && tiff[1] == 'M';
-  if (!big && !(tiff[0] == 'I' && tiff[1] == 'I')) return 1;
-  const uint32_t ifd = read32(&tiff[4], big);
-  if (ifd > tiff.size() || tiff.size() - ifd < 2) return 1;
-  const uint16_t entries = read16(&tiff[ifd], big);
-  for (uint32_t i = 0; i < entries; ++i) {
-    const size_t at = size_t(ifd) + 2 + size_t(i) * 12;
-    if (at + 12 > tiff.size()) return 1;
-    if (read16(&tiff[at], big) == 0x0112 && read16(&tiff[at + 2], big) == 3) {
-      const int value = read16(&tiff[at + 8], big);
-      return value >= 1 && value <= 8 ? value : 1;
-    }
-  }
-  return 1;
-}
+constexpr uint8_t kExif[6] = {'E', 'x', 'i', 'f', 0, 0};
 
 // Walks the markers up to the first scan. Nothing when the bytes aren't a JPEG with a frame header.
 std::optional<JPEGHeader> readJPEGHeader(std::span<const uint8_t> jpeg) {
@@ -117,8 +91,10 @@ std::optional<JPEGHeader> readJPEGHeader(std::span<const uint8_t> jpeg) {
       header.width = uint32_t(payload[3]) << 8 | payload[4];
       header.components = payload[5];
       sawFrame = true;
-    } else if (marker == 0xE1 && !sawOrientation && payload.size() >= 6 && payload[0] == 'E') {
-      header.orientation = exifOrientation(payload);
+    } else if (marker == 0xE1 && !sawOrientation && payload.size() >= 6 &&
+               std::equal(kExif, kExif + sizeof kExif, payload.begin())) {
+      // The first EXIF block counts, even after other APP1 data such as XMP.
+      header.orientation = Exif::orientation(payload).value_or(1);
       sawOrientation = true;
     }
     at += 2 + length;

@@ -98,6 +98,30 @@ TEST(Orientation, EachContainerIsTurnedOnceWhereverItStoresTheOrientation) {
   }
 }
 
+TEST(Orientation, ReadWhateverIntegerTypeAndByteOrderHoldIt) {
+  const auto picture = fixtures::quadrants(kW, kH);
+  for (int type : {3, 4, 8, 9})  // SHORT, LONG, SSHORT, SLONG
+    for (bool bigEndian : {false, true}) {
+      const fixtures::ExifLayout layout{type, bigEndian};
+      SCOPED_TRACE(::testing::Message() << "type " << type << (bigEndian ? ", big-endian" : ", little-endian"));
+      const fixtures::Bytes files[] = {
+          fixtures::jpeg(picture, {.orientation = 6, .exifLayout = layout, .xmpBeforeExif = type == 4}),
+          fixtures::png(picture, {.orientation = 6, .exifLayout = layout}),
+          fixtures::webp(picture, {.orientation = 6, .exifLayout = layout}),
+      };
+      for (const auto& file : files) {
+        auto props = ImageService::properties(file);
+        ASSERT_TRUE(props);
+        EXPECT_EQ(props->orientation, std::optional(6));
+      }
+      expectUpright(decodeCGImageSource(files[0]).image, 6);
+      // -2, or 65534 and 4294967294 unsigned: out of range in every type.
+      auto outside = ImageService::properties(fixtures::jpeg(picture, {.orientation = -2, .exifLayout = layout}));
+      ASSERT_TRUE(outside);
+      EXPECT_EQ(outside->orientation, std::nullopt);
+    }
+}
+
 TEST(Orientation, SixteenBitAlphaSurvivesEveryTurnAndItsInverse) {
   DecodedImage source = fixtures::quadrants(5, 3, 16, true);
   source.pixels16[0] = 12345;  // one odd sample to follow around

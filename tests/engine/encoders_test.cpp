@@ -167,6 +167,8 @@ TEST(JxlTranscode, ReconstructsTheJPEGByteForByte) {
   const DecodedImage photo = makeImage(40, 24, Pattern::photo, 7);
   const std::pair<const char*, fixtures::JpegOptions> cases[] = {
       {"exif orientation 6", {.quality = 85, .orientation = 6}},
+      {"32-bit big-endian orientation after XMP",
+       {.quality = 85, .orientation = 8, .exifLayout = {.type = 4, .bigEndian = true}, .xmpBeforeExif = true}},
       {"progressive", {.quality = 85, .progressive = true}},
       {"grey", {.orientation = 3, .grey = true}},
   };

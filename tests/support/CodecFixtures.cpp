@@ -74,11 +74,20 @@ int quadrantAt(const DecodedImage& image, Corner corner) {
   return best;
 }
 
-Bytes exifBlock(int orientation, bool jpegPrefix) {
-  Bytes out = {'I', 'I', 0x2A, 0, 8, 0, 0, 0,  // header, IFD0 at 8
-               1, 0,                           // one entry: Orientation, SHORT, count 1
-               0x12, 0x01, 3, 0, 1, 0, 0, 0, uint8_t(orientation), 0, 0, 0,
-               0, 0, 0, 0};                    // no next IFD
+Bytes exifBlock(int orientation, bool jpegPrefix, ExifLayout layout) {
+  Bytes out;
+  auto put = [&](uint32_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i)
+      out.push_back(uint8_t(value >> 8 * (layout.bigEndian ? bytes - 1 - i : i)));
+  };
+  const bool wide = layout.type == 4 || layout.type == 9;
+  out = layout.bigEndian ? Bytes{'M', 'M', 0, 0x2A} : Bytes{'I', 'I', 0x2A, 0};
+  put(8, 4);                                          // IFD0 at 8
+  put(1, 2);                                          // one entry
+  put(0x0112, 2), put(uint32_t(layout.type), 2), put(1, 4);  // Orientation, its type, count 1
+  put(uint32_t(orientation), wide ? 4 : 2);           // the value, left-justified in its 4 bytes
+  if (!wide) put(0, 2);
+  put(0, 4);                                          // no next IFD
   if (jpegPrefix) out.insert(out.begin(), {'E', 'x', 'i', 'f', 0, 0});
   return out;
 }
@@ -160,7 +169,11 @@ Bytes compressTurbo(const uint8_t* pixels, int width, int height, int pixelForma
     put16be(out, uint16_t(payload.size() + 2));
     out.insert(out.end(), payload.begin(), payload.end());
   };
-  if (options.orientation) marker(0xE1, exifBlock(*options.orientation, true));
+  if (options.xmpBeforeExif) {
+    const std::string xmp = std::string("http://ns.adobe.com/xap/1.0/") + '\0' + "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"/>";
+    marker(0xE1, Bytes(xmp.begin(), xmp.end()));
+  }
+  if (options.orientation) marker(0xE1, exifBlock(*options.orientation, true, options.exifLayout));
   const Bytes& icc = options.icc;
   const size_t perMarker = 65519, count = (icc.size() + perMarker - 1) / perMarker;
   for (size_t i = 0; i < count; ++i) {
@@ -221,7 +234,7 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
     iccp.insert(iccp.end(), z.begin(), z.end());
     chunk(out, "iCCP", iccp);
   }
-  if (options.orientation && !options.exifAfterData) chunk(out, "eXIf", exifBlock(*options.orientation));
+  if (options.orientation && !options.exifAfterData) chunk(out, "eXIf", exifBlock(*options.orientation, false, options.exifLayout));
 
   std::map<uint32_t, uint8_t> indexOf;
   Bytes plte, trns, raw;
@@ -246,7 +259,7 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
   }
   if (palette) chunk(out, "PLTE", plte), chunk(out, "tRNS", trns);
   chunk(out, "IDAT", deflate(raw));
-  if (options.orientation && options.exifAfterData) chunk(out, "eXIf", exifBlock(*options.orientation));
+  if (options.orientation && options.exifAfterData) chunk(out, "eXIf", exifBlock(*options.orientation, false, options.exifLayout));
   chunk(out, "IEND", {});
   return out;
 }

@@ -23,9 +23,15 @@ enum class Corner { topLeft, topRight, bottomLeft, bottomRight };
 // `corner`'s quarter of an 8- or 16-bit picture.
 int quadrantAt(const DecodedImage& image, Corner corner);
 
-// A little-endian TIFF block whose IFD0 holds only the orientation, as PNG eXIf and WebP EXIF
-// chunks carry it; with `jpegPrefix`, preceded by "Exif\0\0" for an APP1 marker.
-Bytes exifBlock(int orientation, bool jpegPrefix = false);
+// How the orientation tag is stored: its TIFF type (3 SHORT as the standard has it, 4 LONG,
+// 8 SSHORT, 9 SLONG, as some cameras write it) and the block's byte order.
+struct ExifLayout {
+  int type = 3;
+  bool bigEndian = false;
+};
+// A TIFF block whose IFD0 holds only the orientation, as PNG eXIf and WebP EXIF chunks carry
+// it; with `jpegPrefix`, preceded by "Exif\0\0" for an APP1 marker.
+Bytes exifBlock(int orientation, bool jpegPrefix = false, ExifLayout layout = {});
 
 // Profiles made with lcms2. Display P3 is not sRGB; `large` makes its curves long tables so
 // that the profile exceeds one JPEG marker (65519 bytes).
@@ -39,6 +45,8 @@ Bytes cmykICC(bool cyanPrintsRed = false);
 struct JpegOptions {
   int quality = 95;
   std::optional<int> orientation{};  // APP1 EXIF
+  ExifLayout exifLayout{};
+  bool xmpBeforeExif = false;        // an XMP APP1 marker first
   Bytes icc{};                       // APP2, split over several markers when needed
   bool grey = false;
   bool progressive = false;
@@ -54,6 +62,7 @@ struct PngOptions {
   bool palette = false;  // colour type 3 with tRNS, from the first 256 distinct colours
   Bytes icc{};
   std::optional<int> orientation{};  // eXIf
+  ExifLayout exifLayout{};
   bool exifAfterData = false;
 };
 // Written chunk by chunk with zlib, 8 or 16 bits as `image` is.
@@ -64,6 +73,7 @@ struct WebPOptions {
   float quality = 90;
   Bytes icc{};
   std::optional<int> orientation{};
+  ExifLayout exifLayout{};
 };
 Bytes webp(const DecodedImage& image, const WebPOptions& options = {});
 // Lossless animation of same-sized 8-bit frames, 100 ms each.

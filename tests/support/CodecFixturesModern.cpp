@@ -50,7 +50,7 @@ Bytes webp(const DecodedImage& image, const WebPOptions& options) {
   WebPData source{file.data(), file.size()};
   CHandle<WebPMux, WebPMuxDelete> mux(WebPMuxCreate(&source, 1));
   require(mux != nullptr, "WebPMuxCreate");
-  Bytes exif = options.orientation ? exifBlock(*options.orientation) : Bytes();
+  Bytes exif = options.orientation ? exifBlock(*options.orientation, false, options.exifLayout) : Bytes();
   WebPData iccData{options.icc.data(), options.icc.size()}, exifData{exif.data(), exif.size()};
   if (!options.icc.empty()) require(WebPMuxSetChunk(mux.get(), "ICCP", &iccData, 1) == WEBP_MUX_OK, "ICCP");
   if (!exif.empty()) require(WebPMuxSetChunk(mux.get(), "EXIF", &exifData, 1) == WEBP_MUX_OK, "EXIF");
