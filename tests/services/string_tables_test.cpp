@@ -19,10 +19,10 @@
 namespace quillane {
 namespace {
 
-// The repository root, two folders above this file (tests/services/).
+// The repository root, above tests/. Qt's test module gives the tests folder as an absolute
+// path; __FILE__ may be relative to the build folder (a compiler cache with a base folder).
 QString sourceRoot() {
-  QDir dir = QFileInfo(QString::fromUtf8(__FILE__)).absoluteDir();
-  dir.cdUp();
+  QDir dir(QStringLiteral(QT_TESTCASE_SOURCEDIR));
   dir.cdUp();
   return dir.absolutePath();
 }
