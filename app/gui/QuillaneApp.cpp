@@ -28,6 +28,8 @@ void QuillaneApp::describeApplication() {
   QCoreApplication::setApplicationName(appName());
   QCoreApplication::setOrganizationName(appName());
   QCoreApplication::setApplicationVersion(QStringLiteral(QUILLANE_VERSION));
+  // Lets the window manager match windows to the installed launcher entry (and its icon).
+  QGuiApplication::setDesktopFileName(QStringLiteral("com.quillane.Quillane"));
 }
 
 QuillaneApp::QuillaneApp() {
