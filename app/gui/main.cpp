@@ -1,13 +1,31 @@
 // The desktop application: one QApplication event loop around QuillaneApp's objects.
+//
+//   quillane [FILE...]          the window, with the files added to the batch; when an
+//                               instance runs already, it gets the files (or is raised)
+//                               over the session bus and this launch ends
+//   quillane --compress FILE... compresses with the default profile (see CompressLaunch.h)
+//   quillane --service          started by the bus for the Compress method: no window until
+//                               a launch asks for one, and gone after a quiet minute
 #include <QApplication>
-#include <QWidget>
-
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QFileInfo>
+#include <QStringList>
 #include <QThread>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
 
 #include <signal.h>
 #include <sys/resource.h>
 
+#include "app/gui/CompressLaunch.h"
+#include "app/gui/DesktopSession.h"
 #include "app/gui/QuillaneApp.h"
+#include "automation/QuillaneBusClient.h"
+#include "automation/QuillaneBusService.h"
+#include "services/LanguageManager.h"
 
 namespace {
 
@@ -31,15 +49,84 @@ void waitForReplacedInstance() {
   for (int attempt = 0; attempt < 50 && ::kill(pid_t(pid), 0) == 0; ++attempt) QThread::msleep(100);
 }
 
+bool hasArgument(int argc, char** argv, const char* name) {
+  for (int i = 1; i < argc; ++i)
+    if (std::strcmp(argv[i], name) == 0) return true;
+  return false;
+}
+
+// The files of the command line (after Qt took its own options), made absolute: a running
+// instance has a working folder of its own.
+QStringList fileArguments() {
+  QStringList files;
+  bool optionsEnded = false;
+  for (const QString& argument : QCoreApplication::arguments().mid(1)) {
+    if (!optionsEnded && argument == QLatin1String("--")) {
+      optionsEnded = true;
+    } else if (optionsEnded || !argument.startsWith(QLatin1String("--"))) {
+      files.append(QFileInfo(argument).absoluteFilePath());
+    }
+  }
+  return files;
+}
+
+// Whether a window can be shown: a display, or a platform chosen explicitly (offscreen).
+bool hasDisplay() {
+  return qEnvironmentVariableIsSet("DISPLAY") || qEnvironmentVariableIsSet("WAYLAND_DISPLAY") ||
+         qEnvironmentVariableIsSet("QT_QPA_PLATFORM");
+}
+
+constexpr int kServiceQuietMs = 60 * 1000;
+
 }  // namespace
 
 int main(int argc, char** argv) {
   raiseDescriptorLimit();
+
+  if (hasArgument(argc, argv, "--compress")) {
+    // No window and no display needed.
+    QCoreApplication application(argc, argv);
+    quillane::QuillaneApp::describeApplication();
+    quillane::LanguageManager::installLookupReadOnly();
+    return quillane::runCompressLaunch(fileArguments());
+  }
+
+  const bool service = hasArgument(argc, argv, "--service");
+  const bool canShowWindow = !service || hasDisplay();
   waitForReplacedInstance();
-  QApplication application(argc, argv);
+  std::unique_ptr<QCoreApplication> application;
+  if (canShowWindow)
+    application = std::make_unique<QApplication>(argc, argv);
+  else
+    application = std::make_unique<QCoreApplication>(argc, argv);
   quillane::QuillaneApp::describeApplication();
-  quillane::QuillaneApp app;
-  auto window = app.createMainWindow();
-  window->show();
-  return application.exec();
+  // Ahead of the bus service: its replies are worded in this run's language.
+  quillane::LanguageManager::shared();
+
+  const QStringList files = service ? QStringList() : fileArguments();
+  quillane::DesktopSession session(canShowWindow);
+  quillane::QuillaneBusService::Handlers handlers;
+  if (canShowWindow) {
+    handlers.activate = [&session] { session.showWindow(); };
+    handlers.open = [&session](const QStringList& paths) { session.open(paths); };
+  }
+  quillane::QuillaneBusService bus(std::move(handlers));
+  const QDBusConnection connection = QDBusConnection::sessionBus();
+  if (!bus.publish(connection) && quillane::QuillaneBusClient::isRunning(connection)) {
+    // One process owns the batch: hand over to it. Only if it can't be reached does this
+    // launch carry on alone.
+    const auto error = quillane::QuillaneBusClient::openOrActivate(connection, files);
+    if (!error) return 0;
+    std::fprintf(stderr, "quillane: the running instance did not answer: %s\n", error->toLocal8Bit().constData());
+    if (service) return 1;
+  }
+
+  if (service) {
+    QObject::connect(&bus, &quillane::QuillaneBusService::idle, &session,
+                     [&session] { session.idleActivity(); });
+    session.quitWhenQuiet(kServiceQuietMs, [&bus] { return bus.pendingCompressCalls() > 0; });
+  } else {
+    session.open(files);
+  }
+  return application->exec();
 }

@@ -1,0 +1,140 @@
+#include "automation/CompressImagesIntent.h"
+
+#include <QUrl>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+#include "batch/ExportFilenameAllocator.h"
+#include "engine/ImageCompressor.h"
+#include "engine/Localization.h"
+#include "records/ExportProfileResolver.h"
+
+namespace quillane {
+
+namespace ImageFormatAppEnums {
+
+std::optional<ImageFormatAppEnum> fromRawValue(const QString& rawValue) {
+  if (rawValue == QLatin1String("profileOrDefault")) return ImageFormatAppEnum::profileOrDefault;
+  const auto format = ImageFormats::fromRawValue(rawValue.toStdString());
+  if (!format) return std::nullopt;
+  switch (*format) {
+    case ImageFormat::png: return ImageFormatAppEnum::png;
+    case ImageFormat::jpeg: return ImageFormatAppEnum::jpeg;
+    case ImageFormat::heic: return ImageFormatAppEnum::heic;
+    case ImageFormat::avif: return ImageFormatAppEnum::avif;
+    case ImageFormat::webp: return ImageFormatAppEnum::webp;
+    case ImageFormat::jxl: return ImageFormatAppEnum::jxl;
+  }
+  return std::nullopt;
+}
+
+std::optional<ImageFormat> imageFormat(ImageFormatAppEnum value) {
+  switch (value) {
+    case ImageFormatAppEnum::profileOrDefault: return std::nullopt;
+    case ImageFormatAppEnum::png: return ImageFormat::png;
+    case ImageFormatAppEnum::jpeg: return ImageFormat::jpeg;
+    case ImageFormatAppEnum::heic: return ImageFormat::heic;
+    case ImageFormatAppEnum::avif: return ImageFormat::avif;
+    case ImageFormatAppEnum::webp: return ImageFormat::webp;
+    case ImageFormatAppEnum::jxl: return ImageFormat::jxl;
+  }
+  return std::nullopt;
+}
+
+}  // namespace ImageFormatAppEnums
+
+std::string EmptyFileListError::description() const {
+  return Localization::text("intents.error.emptyFileList", "Choisissez au moins une image à compresser.");
+}
+
+std::string MissingOutputDirectoryError::description() const {
+  return Localization::text("intents.error.missingOutputDirectory",
+                            "Dossier de destination manquant : renseignez-le, ou utilisez un profil qui en a un.");
+}
+
+std::string CompressionFailedError::description() const {
+  const std::string reason =
+      reason_ ? *reason_ : Localization::text("intents.error.unknownReason", "erreur inconnue");
+  return Localization::format("intents.error.compressionFailedFormat", "Échec de la compression de %1$@ : %2$@",
+                              {path_, reason});
+}
+
+std::string InvalidIntentArgumentError::description() const {
+  return Localization::format("intents.error.invalidArgumentFormat", "Valeur invalide pour %1$@ : %2$@",
+                              {argument_, value_});
+}
+
+namespace {
+
+// A file:// URL's local path; anything else is taken as a path as it is.
+QString localPath(const QString& pathOrURL) {
+  if (pathOrURL.startsWith(QLatin1String("file:"))) return QUrl(pathOrURL).toLocalFile();
+  return pathOrURL;
+}
+
+std::optional<QString> noneIfEmpty(const QString& value) {
+  if (value.isEmpty()) return std::nullopt;
+  return value;
+}
+
+void createFolder(const std::string& folder) {
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  if (error || !std::filesystem::is_directory(folder))
+    throw FileError(folder, error ? error.message() : std::strerror(ENOTDIR));
+}
+
+}  // namespace
+
+CompressImagesIntent CompressImagesIntent::fromArguments(const QStringList& files, const QString& format,
+                                                         int quality, const QString& profileName,
+                                                         const QString& outputFolder) {
+  CompressImagesIntent intent;
+  intent.files = files;
+  const auto formatCase = ImageFormatAppEnums::fromRawValue(format);
+  if (!formatCase) throw InvalidIntentArgumentError("format", format.toStdString());
+  intent.format = *formatCase;
+  if (quality < 0 || quality > 100) throw InvalidIntentArgumentError("quality", std::to_string(quality));
+  if (quality != 0) intent.quality = quality;
+  intent.profileName = noneIfEmpty(profileName);
+  intent.outputFolder = noneIfEmpty(outputFolder);
+  return intent;
+}
+
+QStringList CompressImagesIntent::perform() const {
+  if (files.isEmpty()) throw EmptyFileListError();
+  if (quality && (*quality < 1 || *quality > 100))
+    throw InvalidIntentArgumentError("quality", std::to_string(*quality));
+
+  std::optional<double> explicitQuality;
+  if (quality) explicitQuality = double(*quality);
+  std::optional<QString> folderArgument;
+  if (outputFolder) folderArgument = localPath(*outputFolder);
+  const auto resolved = ExportProfileResolver::resolve(profileName, explicitQuality,
+                                                       ImageFormatAppEnums::imageFormat(format), folderArgument);
+  if (!resolved.outputDirectory || resolved.outputDirectory->isEmpty()) throw MissingOutputDirectoryError();
+  const std::string folder = resolved.outputDirectory->toStdString();
+  createFolder(folder);
+
+  // Fresh for every call: files of one call never take each other's names.
+  ExportFilenameAllocator allocator;
+  const std::string_view extension = ImageFormats::fileExtension(resolved.format);
+  const QString extensionText = QString::fromUtf8(extension.data(), qsizetype(extension.size()));
+  QStringList outputs;
+  for (const QString& file : files) {
+    const std::string path = localPath(file).toStdString();
+    const QString base = QString::fromStdString(std::filesystem::path(path).filename().stem().string());
+    const QString name = allocator.filename(base, extensionText);
+    const ImageCompressionResult result =
+        ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name.toStdString());
+    if (!result.destination)
+      throw CompressionFailedError(std::filesystem::path(path).filename().string(), result.error);
+    outputs.append(QString::fromStdString(*result.destination));
+  }
+  return outputs;
+}
+
+}  // namespace quillane

@@ -1,0 +1,92 @@
+#pragma once
+// CompressImagesIntent: the desktop's one-shot compress action, behind the D-Bus method
+// com.quillane.Quillane.Compress and the "Compress with Quillane" desktop action. It
+// compresses files one after another into one folder and answers with the paths of the
+// written files. Unlike the script command it fails as a whole on the first bad file; the
+// outputs written before it stay in the folder.
+//
+// Runs synchronously on the calling thread, any thread, and never touches the batch model.
+
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+#include <string>
+
+#include "engine/Errors.h"
+#include "engine/ImageFormat.h"
+
+namespace quillane {
+
+// The format parameter: "profileOrDefault" (no explicit format) or one of the six formats.
+enum class ImageFormatAppEnum { profileOrDefault, png, jpeg, heic, avif, webp, jxl };
+
+namespace ImageFormatAppEnums {
+// The case of a raw value ("profileOrDefault", "png", ... exactly as written); nothing else.
+std::optional<ImageFormatAppEnum> fromRawValue(const QString& rawValue);
+// The explicit format a case stands for; nothing for profileOrDefault.
+std::optional<ImageFormat> imageFormat(ImageFormatAppEnum value);
+}  // namespace ImageFormatAppEnums
+
+// "intents.error.emptyFileList"
+class EmptyFileListError : public QuillaneError {
+ public:
+  std::string description() const override;
+};
+
+// "intents.error.missingOutputDirectory"
+class MissingOutputDirectoryError : public QuillaneError {
+ public:
+  std::string description() const override;
+};
+
+// "intents.error.compressionFailedFormat" with the input's file name and the reason, or the
+// "intents.error.unknownReason" text when the pipeline gave none.
+class CompressionFailedError : public QuillaneError {
+ public:
+  CompressionFailedError(std::string path, std::optional<std::string> reason)
+      : QuillaneError(path), path_(std::move(path)), reason_(std::move(reason)) {}
+  std::string description() const override;
+
+ private:
+  std::string path_;
+  std::optional<std::string> reason_;
+};
+
+// A parameter outside its range (quality 101) or of an unknown value (format "gif"). The
+// description names the parameter and the value.
+class InvalidIntentArgumentError : public QuillaneError {
+ public:
+  InvalidIntentArgumentError(std::string argument, std::string value)
+      : QuillaneError(argument + "=" + value), argument_(std::move(argument)), value_(std::move(value)) {}
+  const std::string& argument() const { return argument_; }
+  std::string description() const override;
+
+ private:
+  std::string argument_;
+  std::string value_;
+};
+
+struct CompressImagesIntent {
+  QStringList files;  // local paths, or file:// URLs
+  ImageFormatAppEnum format = ImageFormatAppEnum::profileOrDefault;
+  std::optional<int> quality;  // 1 to 100
+  std::optional<QString> profileName;
+  std::optional<QString> outputFolder;  // a local path or a file:// URL
+
+  // The parameters in their wire form: a format's raw value, quality 0 for none, empty
+  // strings for none. Throws InvalidIntentArgumentError for an unknown format or a quality
+  // outside 0 to 100.
+  static CompressImagesIntent fromArguments(const QStringList& files, const QString& format, int quality,
+                                            const QString& profileName, const QString& outputFolder);
+
+  // Resolves the settings (explicit values, then the named or default profile), makes the
+  // output folder with its parents, and compresses the files in order with names kept apart
+  // within this call; returns the written files' paths in the order of `files`.
+  // Throws, before touching anything: EmptyFileListError, ProfileNotFoundError,
+  // MissingOutputDirectoryError, FileError (the folder can't be made); and on the first file
+  // that fails, CompressionFailedError.
+  QStringList perform() const;
+};
+
+}  // namespace quillane

@@ -1,0 +1,25 @@
+#include "automation/DesktopNotification.h"
+
+#include <QDBusMessage>
+#include <QStringList>
+#include <QVariantMap>
+
+namespace quillane::DesktopNotification {
+
+bool show(const QDBusConnection& connection, const QString& summary, const QString& body) {
+  if (!connection.isConnected()) return false;
+  QDBusMessage call = QDBusMessage::createMethodCall(
+      QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("/org/freedesktop/Notifications"),
+      QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("Notify"));
+  QVariantMap hints;
+  hints.insert(QStringLiteral("desktop-entry"), QStringLiteral("com.quillane.Quillane"));
+  // app_name, replaces_id, app_icon, summary, body, actions, hints, expire_timeout (-1: the server's)
+  call << QStringLiteral("Quillane") << uint(0) << QStringLiteral("quillane") << summary << body << QStringList()
+       << hints << int(-1);
+  // Without a notification service the bus answers at once with ServiceUnknown (no
+  // activation is attempted for a name nobody provides).
+  const QDBusMessage reply = connection.call(call, QDBus::Block, 5000);
+  return reply.type() == QDBusMessage::ReplyMessage;
+}
+
+}  // namespace quillane::DesktopNotification

@@ -1,0 +1,58 @@
+#include "automation/QuillaneBusClient.h"
+
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusReply>
+#include <QUrl>
+#include <QVariantMap>
+
+#include "automation/QuillaneBusService.h"
+
+namespace quillane::QuillaneBusClient {
+
+namespace {
+constexpr int kCompressTimeoutMs = 24 * 3600 * 1000;
+}
+
+bool isRunning(const QDBusConnection& connection) {
+  if (!connection.isConnected()) return false;
+  const QDBusReply<bool> reply = connection.interface()->isServiceRegistered(QuillaneBusService::serviceName);
+  return reply.isValid() && reply.value();
+}
+
+std::optional<QString> openOrActivate(const QDBusConnection& connection, const QStringList& paths) {
+  const QString interface = QStringLiteral("org.freedesktop.Application");
+  QDBusMessage call;
+  if (paths.isEmpty()) {
+    call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath, interface,
+                                         QStringLiteral("Activate"));
+    call << QVariantMap();
+  } else {
+    QStringList uris;
+    for (const QString& path : paths) uris.append(QUrl::fromLocalFile(path).toString(QUrl::FullyEncoded));
+    call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath, interface,
+                                         QStringLiteral("Open"));
+    call << uris << QVariantMap();
+  }
+  const QDBusMessage reply = connection.call(call);
+  if (reply.type() == QDBusMessage::ErrorMessage) return reply.errorMessage();
+  return std::nullopt;
+}
+
+CompressReply compress(const QDBusConnection& connection, const QStringList& files, const QString& format,
+                       int quality, const QString& profileName, const QString& outputFolder) {
+  QDBusMessage call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath,
+                                                     QuillaneBusService::interfaceName, QStringLiteral("Compress"));
+  call << files << format << quality << profileName << outputFolder;
+  const QDBusMessage reply = connection.call(call, QDBus::Block, kCompressTimeoutMs);
+  CompressReply result;
+  if (reply.type() == QDBusMessage::ErrorMessage) {
+    result.errorName = reply.errorName();
+    result.errorMessage = reply.errorMessage();
+  } else {
+    result.outputs = reply.arguments().value(0).toStringList();
+  }
+  return result;
+}
+
+}  // namespace quillane::QuillaneBusClient

@@ -1,0 +1,214 @@
+#include "automation/QuillaneBusService.h"
+
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QFile>
+#include <QMetaObject>
+#include <QPointer>
+#include <QUrl>
+
+#include <exception>
+
+#include "automation/CompressImagesIntent.h"
+#include "engine/Localization.h"
+#include "records/ExportProfileResolver.h"
+
+// The introspection file is compiled in, so that what the bus shows is what is installed.
+static void initIntrospectionResource() { Q_INIT_RESOURCE(quillane_dbus); }
+
+namespace quillane {
+
+const QString QuillaneBusService::serviceName = QStringLiteral("com.quillane.Quillane");
+const QString QuillaneBusService::objectPath = QStringLiteral("/com/quillane/Quillane");
+const QString QuillaneBusService::interfaceName = QStringLiteral("com.quillane.Quillane");
+
+namespace {
+
+const QString applicationInterface = QStringLiteral("org.freedesktop.Application");
+const QString invalidArgs = QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs");
+
+const char applicationIntrospection[] = R"(  <interface name="org.freedesktop.Application">
+    <method name="Activate">
+      <arg name="platform_data" type="a{sv}" direction="in"/>
+    </method>
+    <method name="Open">
+      <arg name="uris" type="as" direction="in"/>
+      <arg name="platform_data" type="a{sv}" direction="in"/>
+    </method>
+    <method name="ActivateAction">
+      <arg name="action_name" type="s" direction="in"/>
+      <arg name="parameter" type="av" direction="in"/>
+      <arg name="platform_data" type="a{sv}" direction="in"/>
+    </method>
+  </interface>
+)";
+
+// The <interface> elements of the installed file.
+QString compressIntrospection() {
+  initIntrospectionResource();
+  QFile file(QStringLiteral(":/quillane/dbus/com.quillane.Quillane.xml"));
+  if (!file.open(QIODevice::ReadOnly)) return {};
+  const QString xml = QString::fromUtf8(file.readAll());
+  const qsizetype begin = xml.indexOf(QLatin1String("<interface"));
+  const QString endTag = QStringLiteral("</interface>");
+  const qsizetype end = xml.lastIndexOf(endTag);
+  if (begin < 0 || end < begin) return {};
+  return QStringLiteral("  ") + xml.mid(begin, end + endTag.size() - begin) + QLatin1Char('\n');
+}
+
+QString errorName(const char* suffix) { return QStringLiteral("com.quillane.Quillane.Error.") + QLatin1String(suffix); }
+
+QDBusMessage errorReply(const QDBusMessage& call, const std::exception_ptr& failure) {
+  try {
+    std::rethrow_exception(failure);
+  } catch (const EmptyFileListError& e) {
+    return call.createErrorReply(errorName("EmptyFileList"), QString::fromStdString(e.description()));
+  } catch (const ProfileNotFoundError& e) {
+    return call.createErrorReply(errorName("ProfileNotFound"), QString::fromStdString(e.description()));
+  } catch (const MissingOutputDirectoryError& e) {
+    return call.createErrorReply(errorName("MissingOutputDirectory"), QString::fromStdString(e.description()));
+  } catch (const CompressionFailedError& e) {
+    return call.createErrorReply(errorName("CompressionFailed"), QString::fromStdString(e.description()));
+  } catch (const InvalidIntentArgumentError& e) {
+    return call.createErrorReply(invalidArgs, QString::fromStdString(e.description()));
+  } catch (const FileError& e) {
+    // Only the output folder is made before the files: the path tells which one failed.
+    return call.createErrorReply(errorName("OutputFolder"),
+                                 QString::fromStdString(e.path() + ": " + e.description()));
+  } catch (const QuillaneError& e) {
+    return call.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.Failed"),
+                                 QString::fromStdString(e.description()));
+  } catch (...) {
+    return call.createErrorReply(
+        QStringLiteral("org.freedesktop.DBus.Error.Failed"),
+        QString::fromStdString(Localization::text("error.generic", "L'opération n'a pas pu être effectuée.")));
+  }
+}
+
+QStringList localPaths(const QStringList& uris) {
+  QStringList paths;
+  for (const QString& uri : uris) {
+    const QUrl url(uri);
+    paths.append(url.isLocalFile() ? url.toLocalFile() : uri);
+  }
+  return paths;
+}
+
+}  // namespace
+
+QuillaneBusService::QuillaneBusService(Handlers handlers, QObject* parent)
+    : QDBusVirtualObject(parent), handlers_(std::move(handlers)) {
+  pool_.setMaxThreadCount(1);
+  pool_.setObjectName(QStringLiteral("com.quillane.Quillane.dbus"));
+}
+
+QuillaneBusService::~QuillaneBusService() {
+  if (published_) {
+    connection_.interface()->unregisterService(serviceName);
+    connection_.unregisterObject(objectPath);
+  }
+  pool_.clear();
+  pool_.waitForDone();
+}
+
+bool QuillaneBusService::publish(QDBusConnection connection) {
+  if (!connection.isConnected()) return false;
+  // The object first, so that a call arriving the moment the name is ours finds it.
+  if (!connection.registerVirtualObject(objectPath, this, QDBusConnection::SingleNode)) return false;
+  const auto reply = connection.interface()->registerService(serviceName, QDBusConnectionInterface::DontQueueService,
+                                                             QDBusConnectionInterface::DontAllowReplacement);
+  if (!reply.isValid() || reply.value() != QDBusConnectionInterface::ServiceRegistered) {
+    connection.unregisterObject(objectPath);
+    return false;
+  }
+  connection_ = connection;
+  published_ = true;
+  return true;
+}
+
+QString QuillaneBusService::introspect(const QString& path) const {
+  if (path != objectPath) return {};
+  return compressIntrospection() + QLatin1String(applicationIntrospection);
+}
+
+// May be called on the bus's own thread: nothing here touches state of the GUI thread.
+bool QuillaneBusService::handleMessage(const QDBusMessage& message, const QDBusConnection& connection) {
+  if (message.type() != QDBusMessage::MethodCallMessage) return false;
+  const QString interface = message.interface();
+  const QString member = message.member();
+  const QString signature = message.signature();
+
+  if (member == QLatin1String("Compress") && (interface.isEmpty() || interface == interfaceName)) {
+    if (signature != QLatin1String("assiss")) {
+      connection.send(message.createErrorReply(invalidArgs, QStringLiteral("Compress takes (as, s, i, s, s), not (%1)")
+                                                                .arg(signature)));
+      return true;
+    }
+    compress(message, connection);
+    return true;
+  }
+
+  if (interface.isEmpty() || interface == applicationInterface) {
+    if (member == QLatin1String("Activate") && signature == QLatin1String("a{sv}")) {
+      runOnGuiThread(message, connection, [this] {
+        if (!handlers_.activate) return false;
+        handlers_.activate();
+        return true;
+      });
+      return true;
+    }
+    if (member == QLatin1String("Open") && signature == QLatin1String("asa{sv}")) {
+      const QStringList paths = localPaths(message.arguments().value(0).toStringList());
+      runOnGuiThread(message, connection, [this, paths] {
+        if (!handlers_.open) return false;
+        handlers_.open(paths);
+        return true;
+      });
+      return true;
+    }
+    if (member == QLatin1String("ActivateAction")) {
+      connection.send(message.createErrorReply(invalidArgs, QStringLiteral("No such action")));
+      return true;
+    }
+  }
+  return false;
+}
+
+void QuillaneBusService::runOnGuiThread(const QDBusMessage& message, const QDBusConnection& connection,
+                                        std::function<bool()> work) {
+  QMetaObject::invokeMethod(
+      this,
+      [message, connection, work = std::move(work)] {
+        QDBusConnection bus = connection;
+        if (work())
+          bus.send(message.createReply());
+        else
+          bus.send(message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.NotSupported"),
+                                            QStringLiteral("This instance has no window to show")));
+      },
+      Qt::QueuedConnection);
+}
+
+void QuillaneBusService::compress(const QDBusMessage& message, const QDBusConnection& connection) {
+  const QList<QVariant> arguments = message.arguments();
+  ++pending_;
+  QPointer<QuillaneBusService> self(this);
+  pool_.start([this, self, message, connection, arguments] {
+    QDBusMessage reply;
+    try {
+      const auto intent = CompressImagesIntent::fromArguments(arguments[0].toStringList(), arguments[1].toString(),
+                                                              arguments[2].toInt(), arguments[3].toString(),
+                                                              arguments[4].toString());
+      reply = message.createReply(QVariant(intent.perform()));
+    } catch (...) {
+      reply = errorReply(message, std::current_exception());
+    }
+    QDBusConnection bus = connection;
+    bus.send(reply);
+    // The pool is the service's own and is drained in its destructor, so `this` is alive here.
+    if (--pending_ == 0)
+      QMetaObject::invokeMethod(this, [self] { if (self) emit self->idle(); }, Qt::QueuedConnection);
+  });
+}
+
+}  // namespace quillane

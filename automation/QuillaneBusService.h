@@ -1,0 +1,72 @@
+#pragma once
+// QuillaneBusService: the running program on the session bus. It owns the name
+// com.quillane.Quillane and serves the object /com/quillane/Quillane with two interfaces:
+//
+//   com.quillane.Quillane         Compress (CompressImagesIntent), described by the installed
+//                                 introspection file automation/dbus/com.quillane.Quillane.xml
+//   org.freedesktop.Application   Activate and Open, through which a second launch hands its
+//                                 files to this process (the window is the application's
+//                                 business: the handlers do it)
+//
+// Compress calls run on a private one-thread pool, one at a time in the order they arrive,
+// and never on the GUI thread; each gets its reply (the written paths, or a D-Bus error with
+// the localised text) when its turn is done. Activate and Open run their handlers on the
+// GUI thread.
+//
+// Made, published and destroyed on the GUI thread. The destructor drops the calls still
+// waiting and waits for the one running.
+
+#include <QDBusConnection>
+#include <QDBusVirtualObject>
+#include <QStringList>
+#include <QThreadPool>
+
+#include <atomic>
+#include <functional>
+
+namespace quillane {
+
+class QuillaneBusService : public QDBusVirtualObject {
+  Q_OBJECT
+
+ public:
+  static const QString serviceName;    // "com.quillane.Quillane"
+  static const QString objectPath;     // "/com/quillane/Quillane"
+  static const QString interfaceName;  // "com.quillane.Quillane"
+
+  struct Handlers {
+    // Both run on the GUI thread; either may be empty, and then the call is refused.
+    std::function<void()> activate;                     // show and raise the window
+    std::function<void(const QStringList& paths)> open;  // add local files to the batch
+  };
+
+  explicit QuillaneBusService(Handlers handlers, QObject* parent = nullptr);
+  ~QuillaneBusService() override;
+
+  // Exports the object on `connection` and claims the name, never queueing for it. False
+  // when the bus is not connected or another process owns the name; the object is then
+  // withdrawn again.
+  bool publish(QDBusConnection connection);
+
+  // Compress calls received and not yet answered. Any thread.
+  int pendingCompressCalls() const { return pending_.load(); }
+
+  bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override;
+  QString introspect(const QString& path) const override;
+
+ signals:
+  // A Compress call was answered and none is left (GUI thread).
+  void idle();
+
+ private:
+  void compress(const QDBusMessage& message, const QDBusConnection& connection);
+  void runOnGuiThread(const QDBusMessage& message, const QDBusConnection& connection, std::function<bool()> work);
+
+  Handlers handlers_;
+  QThreadPool pool_;
+  std::atomic<int> pending_{0};
+  bool published_ = false;
+  QDBusConnection connection_{QString()};
+};
+
+}  // namespace quillane
