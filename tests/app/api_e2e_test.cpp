@@ -53,6 +53,8 @@ class ApiEndToEnd : public ::testing::Test {
     env.insert("XDG_DATA_HOME", dir_.filePath("data"));
     env.insert("XDG_RUNTIME_DIR", dir_.filePath("runtime"));
     env.insert("XCTestConfigurationFilePath", "api_e2e_test");
+    // No session bus: the application runs on its own (and meets no other test's instance).
+    env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + dir_.filePath("no-bus-here"));
     process_ = std::make_unique<QProcess>();
     process_->setProcessEnvironment(env);
     process_->setProcessChannelMode(QProcess::ForwardedErrorChannel);

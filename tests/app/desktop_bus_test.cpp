@@ -1,0 +1,260 @@
+// The real quillane executable on a real session bus of its own (one dbus-daemon per test,
+// so that tests running side by side never meet on one name): the Compress method called
+// from this process, a second launch handing its files to the running batch, and
+// `quillane --compress` through a running instance or on its own.
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusInterface>
+#include <QDBusReply>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include <chrono>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "tests/support/CodecFixtures.h"
+#include "tests/support/RawHTTPClient.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane {
+namespace {
+
+using namespace std::chrono_literals;
+
+const QString kService = "com.quillane.Quillane";
+const QString kPath = "/com/quillane/Quillane";
+const QString kError = "com.quillane.Quillane.Error.";
+const std::string kToken = "qlne_busTestTokenAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA";
+
+class DesktopBus : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const QString daemon = QStandardPaths::findExecutable("dbus-daemon");
+    if (daemon.isEmpty()) GTEST_SKIP() << "no dbus-daemon";
+    program_ = qEnvironmentVariable("QUILLANE_BIN_DIR", QCoreApplication::applicationDirPath()) + "/quillane";
+    ASSERT_TRUE(QFileInfo(program_).isExecutable()) << program_.toStdString();
+    ASSERT_TRUE(dir_.isValid());
+    for (const char* folder : {"config/Quillane", "data/Quillane", "runtime", "in/sub"}) QDir(dir_.path()).mkpath(folder);
+    QFile::setPermissions(dir_.filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+
+    daemon_.start(daemon, {"--session", "--nofork", "--print-address=1"});
+    ASSERT_TRUE(daemon_.waitForStarted(10000));
+    while (!daemon_.canReadLine()) ASSERT_TRUE(daemon_.waitForReadyRead(10000)) << "dbus-daemon gave no address";
+    address_ = QString::fromUtf8(daemon_.readLine()).trimmed();
+    bus_ = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address_, "desktop-bus-test"));
+    ASSERT_TRUE(bus_->isConnected());
+  }
+
+  void TearDown() override {
+    for (auto& process : processes_) {
+      process->kill();
+      process->waitForFinished(10000);
+    }
+    if (bus_) QDBusConnection::disconnectFromBus("desktop-bus-test");
+    daemon_.kill();
+    daemon_.waitForFinished(10000);
+  }
+
+  QProcessEnvironment environment(const QString& data = "data") const {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("DBUS_SESSION_BUS_ADDRESS", address_);
+    env.insert("QT_QPA_PLATFORM", "offscreen");
+    env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));
+    env.insert("XDG_DATA_HOME", dir_.filePath(data));
+    env.insert("XDG_RUNTIME_DIR", dir_.filePath("runtime"));
+    env.insert("XCTestConfigurationFilePath", "desktop_bus_test");
+    env.insert("LANGUAGE", "fr");  // the texts the assertions quote
+    env.insert("LC_ALL", "fr_FR.UTF-8");
+    return env;
+  }
+
+  // Starts the program for good and waits until it owns the name.
+  void startInstance(const QStringList& arguments, const QProcessEnvironment& env) {
+    auto process = std::make_unique<QProcess>();
+    process->setProcessEnvironment(env);
+    process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process->start(program_, arguments);
+    ASSERT_TRUE(process->waitForStarted(10000));
+    for (auto deadline = std::chrono::steady_clock::now() + 60s; !owned(); std::this_thread::sleep_for(50ms)) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the name never appeared";
+      ASSERT_EQ(process->state(), QProcess::Running) << "the program ended early";
+    }
+    processes_.push_back(std::move(process));
+  }
+
+  bool owned() const { return bus_->interface()->isServiceRegistered(kService).value(); }
+
+  struct Run {
+    int exitCode = -1;
+    QByteArray out, err;
+  };
+  // Runs the program to its end.
+  Run run(const QStringList& arguments, const QProcessEnvironment& env) {
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.setWorkingDirectory(dir_.path());
+    process.start(program_, arguments);
+    EXPECT_TRUE(process.waitForFinished(120000));
+    return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+  }
+
+  QDBusMessage compress(const QStringList& files, const QString& format, int quality, const QString& profile,
+                        const QString& folder) {
+    QDBusInterface quillane(kService, kPath, "com.quillane.Quillane", *bus_);
+    quillane.setTimeout(120000);
+    return quillane.call("Compress", files, format, quality, profile, folder);
+  }
+
+  QString image(const QString& relative, testing::Pattern pattern = testing::Pattern::photo) {
+    DecodedImage picture = testing::makeImage(48, 32, pattern, 3);
+    const QString path = dir_.filePath("in/" + relative);
+    testing::writeBytes(path.toStdString(), relative.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
+    return path;
+  }
+  QString path(const QString& relative) const { return dir_.filePath(relative); }
+
+  // exportProfiles.json in `data` with one default profile writing WebP into `folder`.
+  void saveDefaultProfile(const QString& data, const QString& folder) {
+    QDir(dir_.path()).mkpath(data + "/Quillane");
+    QJsonObject profile{{"id", "6F9619FF-8B86-D011-B42D-00C04FC964FF"}, {"name", "Web"},   {"format", "webp"},
+                        {"quality", 70},  {"destinationFolder", QUrl::fromLocalFile(folder).toString()},
+                        {"isDefault", true}};
+    QFile file(dir_.filePath(data + "/Quillane/exportProfiles.json"));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(QJsonDocument(QJsonArray{profile}).toJson());
+  }
+
+  QStringList entries(const QString& folder) const {
+    return QDir(path(folder)).entryList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
+  }
+
+  QTemporaryDir dir_;
+  QString program_;
+  QProcess daemon_;
+  QString address_;
+  std::unique_ptr<QDBusConnection> bus_;
+  std::vector<std::unique_ptr<QProcess>> processes_;
+};
+
+TEST_F(DesktopBus, CompressAnswersWithTheWrittenFilesOrANamedLocalisedError) {
+  startInstance({"--service"}, environment());
+  const QString a = image("a.png"), nestedA = image("sub/a.jpg");
+
+  QDBusMessage reply = compress({a, nestedA}, "webp", 80, "", path("out/made"));
+  ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
+  const QStringList outputs = reply.arguments().value(0).toStringList();
+  ASSERT_EQ(outputs, QStringList({path("out/made/a.webp"), path("out/made/a-2.webp")}));
+  for (const QString& output : outputs) {
+    QFile file(output);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(file.read(4), QByteArray("RIFF"));
+  }
+
+  const QString notImage = path("in/notes.png");
+  testing::writeBytes(notImage.toStdString(), {'j', 'u', 's', 't', ' ', 't', 'e', 'x', 't'});
+  QFile::copy(a, path("blocker"));  // a file where a folder should be made
+  struct Case {
+    QStringList files;
+    QString format;
+    int quality;
+    QString profile, folder, error, text;
+  };
+  const std::vector<Case> cases = {
+      {{}, "webp", 80, "", path("out/e"), kError + "EmptyFileList", "Choisissez au moins une image"},
+      {{a}, "webp", 101, "", path("out/e"), "org.freedesktop.DBus.Error.InvalidArgs", "quality : 101"},
+      {{a}, "gif", 0, "", path("out/e"), "org.freedesktop.DBus.Error.InvalidArgs", "format : gif"},
+      {{a}, "profileOrDefault", 0, "Nope", path("out/e"), kError + "ProfileNotFound", "Profil introuvable : Nope"},
+      {{a}, "png", 50, "", "", kError + "MissingOutputDirectory", "Dossier de destination manquant"},
+      {{a}, "png", 50, "", path("blocker/sub"), kError + "OutputFolder", "blocker/sub"},
+      {{a, path("in/gone.png"), nestedA}, "png", 50, "", path("out/gone"), kError + "CompressionFailed",
+       "Échec de la compression de gone.png"},
+      {{notImage}, "png", 50, "", path("out/bad"), kError + "CompressionFailed",
+       "Échec de la compression de notes.png : Impossible de décoder"},
+  };
+  for (const Case& c : cases) {
+    reply = compress(c.files, c.format, c.quality, c.profile, c.folder);
+    EXPECT_EQ(reply.errorName(), c.error) << c.text.toStdString();
+    EXPECT_TRUE(reply.errorMessage().contains(c.text)) << reply.errorMessage().toStdString();
+  }
+  // The call ends at the first failure; what was written before it stays, whole, and nothing
+  // else is left behind.
+  EXPECT_EQ(entries("out/gone"), QStringList{"a.png"});
+  EXPECT_TRUE(entries("out/bad").isEmpty());
+  EXPECT_FALSE(QFileInfo::exists(path("out/e")));
+
+  // The method is described on the bus as the installed file describes it.
+  QDBusInterface introspectable(kService, kPath, "org.freedesktop.DBus.Introspectable", *bus_);
+  const QString xml = QDBusReply<QString>(introspectable.call("Introspect")).value();
+  EXPECT_TRUE(xml.contains(R"(<arg name="outputs" type="as" direction="out"/>)")) << xml.toStdString();
+  EXPECT_TRUE(xml.contains(R"(<interface name="org.freedesktop.Application">)"));
+}
+
+TEST_F(DesktopBus, ASecondLaunchHandsItsFilesToTheRunningBatch) {
+  const int port = testing::freeLocalPort();
+  QFile conf(path("config/Quillane/Quillane.conf"));
+  ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
+  conf.write(QString("[General]\nlocalAPIEnabled=true\nlocalAPIPort=%1\nlocalAPIToken=%2\n")
+                 .arg(port)
+                 .arg(QString::fromStdString(kToken))
+                 .toUtf8());
+  conf.close();
+  startInstance({}, environment());
+  image("b.png");
+  image("a.jpg");
+
+  // Relative paths are the second launch's own; it ends at once, its files in the first's batch.
+  Run second = run({"in/b.png", "in/a.jpg"}, environment());
+  EXPECT_EQ(second.exitCode, 0) << second.err.toStdString();
+  EXPECT_EQ(run({}, environment()).exitCode, 0);  // only raises the window
+
+  QJsonArray images;
+  for (auto deadline = std::chrono::steady_clock::now() + 60s;
+       images.size() < 2 && std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(100ms)) {
+    const auto response = testing::httpExchange(port, testing::buildRequest("GET", "/v1/images", kToken, {}), 20s);
+    images = QJsonDocument::fromJson(QByteArray::fromStdString(response.body)).array();
+  }
+  ASSERT_EQ(images.size(), 2);
+  EXPECT_EQ(images[0].toObject()["name"], "b.png");
+  EXPECT_EQ(images[1].toObject()["name"], "a.jpg");
+  EXPECT_EQ(processes_.front()->state(), QProcess::Running);
+}
+
+TEST_F(DesktopBus, CompressCommandGoesThroughTheRunningInstanceOrWorksAlone) {
+  saveDefaultProfile("data", path("alone"));
+  saveDefaultProfile("instanceData", path("viaInstance"));
+  image("a.png");
+
+  // No session bus at all: compressed in this process, with the launch's own default profile;
+  // without a notification service the outcome goes to stderr.
+  QProcessEnvironment noBus = environment();
+  noBus.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + path("no-bus-here"));
+  Run alone = run({"--compress", "in/a.png"}, noBus);
+  EXPECT_EQ(alone.exitCode, 0) << alone.err.toStdString();
+  EXPECT_EQ(alone.out.trimmed(), path("alone/a.webp").toUtf8());
+  EXPECT_TRUE(alone.err.contains("Images compressées enregistrées dans")) << alone.err.toStdString();
+
+  // With an instance running, the instance does the work with its settings.
+  startInstance({"--service"}, environment("instanceData"));
+  Run forwarded = run({"--compress", "in/a.png"}, environment());
+  EXPECT_EQ(forwarded.exitCode, 0) << forwarded.err.toStdString();
+  EXPECT_EQ(forwarded.out.trimmed(), path("viaInstance/a.webp").toUtf8());
+
+  Run failed = run({"--compress"}, environment());
+  EXPECT_EQ(failed.exitCode, 1);
+  EXPECT_TRUE(failed.err.contains("Choisissez au moins une image")) << failed.err.toStdString();
+}
+
+}  // namespace
+}  // namespace quillane
