@@ -1,0 +1,49 @@
+#pragma once
+// HotFolderProcessedStore: the memory that keeps a hot folder from compressing the same file
+// twice, across scans and launches. For each hot folder it maps a file name to the size and
+// modification date the file had when it was compressed with success. It lives in
+// hotFolderProcessed.json, {"<FOLDER ID>": {"<file name>": {"sizeBytes":..,"modificationDate":..}}}.
+//
+// Nothing is cached: every operation reads the whole file and every change rewrites it, all
+// under one process-wide lock, so that watchers of different folders never overwrite each
+// other's maps. A missing or damaged file reads as empty (the next update then keeps only the
+// folder being updated); a failed write is dropped. Any thread.
+
+#include <QMap>
+#include <QString>
+
+#include <cstdint>
+#include <functional>
+
+namespace quillane {
+
+struct HotFolderProcessedEntry {
+  int64_t sizeBytes = 0;
+  // Seconds since 2001-01-01 00:00:00 UTC at the full precision of a double, so that a value
+  // read back compares equal to the one written; equality has no tolerance.
+  double modificationDate = 0;
+
+  bool operator==(const HotFolderProcessedEntry&) const = default;
+};
+
+using HotFolderProcessedMap = QMap<QString, HotFolderProcessedEntry>;  // file name -> entry
+
+namespace HotFolderProcessedStore {
+
+inline constexpr char fileName[] = "hotFolderProcessed.json";
+
+// The map of `hotFolderID` (upper-case id text); empty when it has none.
+HotFolderProcessedMap folderState(const QString& hotFolderID);
+
+// Runs `mutate` on the folder's map (empty if none) and stores the result, even when empty.
+// `mutate` runs with the lock held and must not call back into the store.
+void update(const QString& hotFolderID, const std::function<void(HotFolderProcessedMap&)>& mutate);
+
+// Drops the folder's whole map.
+void remove(const QString& hotFolderID);
+
+// Removes `staleNames` from the folder's map.
+void pruneProcessedState(const QString& hotFolderID, const QStringList& staleNames);
+
+}  // namespace HotFolderProcessedStore
+}  // namespace quillane

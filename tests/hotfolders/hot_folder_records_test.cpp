@@ -1,0 +1,101 @@
+// hotFolders.json and hotFolderProcessed.json: what survives a round trip, what a damaged
+// file reads as, and that folders updated from several threads keep each other's memory.
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QStringList>
+
+#include <thread>
+
+#include "hotfolders/HotFolder.h"
+#include "hotfolders/HotFolderProcessedStore.h"
+#include "tests/records/records_test_support.h"
+
+namespace quillane::testing {
+namespace {
+
+using HotFolderRecordsTest = StoreFolderTest;
+
+const QByteArray requiredOnly =
+    R"([{"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","name":"Shots","sourceFolder":"file:///tmp/in",)"
+    R"("destinationFolder":"file:///tmp/out%20dir","isEnabled":true}])";
+
+TEST_F(HotFolderRecordsTest, RequiredKeysAloneReadAsNoSettingsAndWriteBackUnchanged) {
+  writeStoreFile(QStringLiteral("hotFolders.json"), requiredOnly);
+  const HotFolderList folders = HotFolders::load();
+  ASSERT_EQ(folders.size(), 1u);
+  EXPECT_EQ(folders[0].destinationFolder, QStringLiteral("/tmp/out dir"));
+  EXPECT_FALSE(folders[0].profileName || folders[0].format || folders[0].quality);
+  HotFolders::save(folders);
+  EXPECT_EQ(readStoreFile(QStringLiteral("hotFolders.json")), requiredOnly);
+}
+
+TEST_F(HotFolderRecordsTest, OptionalsRoundTripAndNullReadsAsAbsent) {
+  HotFolder folder{QUuid::createUuid(), "Web", "/a", "/b", QStringLiteral("Web"), ImageFormat::webp, 62.5, false};
+  HotFolders::save({folder});
+  EXPECT_EQ(HotFolders::load(), HotFolderList{folder});
+
+  QByteArray withNull = requiredOnly;
+  withNull.replace("\"isEnabled\"", "\"profileName\":null,\"quality\":null,\"isEnabled\"");
+  writeStoreFile(QStringLiteral("hotFolders.json"), withNull);
+  ASSERT_EQ(HotFolders::load().size(), 1u);
+  EXPECT_FALSE(HotFolders::load()[0].profileName || HotFolders::load()[0].quality);
+}
+
+TEST_F(HotFolderRecordsTest, OneEntryWithoutARequiredKeyEmptiesTheWholeList) {
+  for (const char* key : {"\"id\"", "\"name\"", "\"sourceFolder\"", "\"destinationFolder\"", "\"isEnabled\""}) {
+    QByteArray bytes = requiredOnly;
+    bytes.replace(key, "\"other\"");
+    writeStoreFile(QStringLiteral("hotFolders.json"), "[" + requiredOnly.mid(1, requiredOnly.size() - 2) + "," +
+                                                          bytes.mid(1));
+    EXPECT_TRUE(HotFolders::load().empty()) << key;
+  }
+}
+
+TEST_F(HotFolderRecordsTest, ProcessedDatesCompareEqualAtFullPrecisionAfterARoundTrip) {
+  // A modification date with nanoseconds, as stat gives it: anything coarser than the double
+  // itself would make every file look changed at the next scan.
+  const HotFolderProcessedEntry entry{123456789012, 786543210.123456789};
+  HotFolderProcessedStore::update("A", [&](HotFolderProcessedMap& files) { files.insert("x.png", entry); });
+  EXPECT_EQ(HotFolderProcessedStore::folderState("A").value("x.png"), entry);
+  EXPECT_NE(HotFolderProcessedStore::folderState("A").value("x.png").modificationDate, 786543210.1234567);
+}
+
+TEST_F(HotFolderRecordsTest, FoldersKeepTheirOwnMapsAndAnEmptiedMapStays) {
+  HotFolderProcessedStore::update("A", [](HotFolderProcessedMap& files) { files.insert("a.png", {1, 2}); });
+  HotFolderProcessedStore::update("B", [](HotFolderProcessedMap& files) { files.insert("b.png", {3, 4}); });
+  HotFolderProcessedStore::pruneProcessedState("A", {"a.png"});
+  EXPECT_EQ(readStoreFile("hotFolderProcessed.json"),
+            QByteArray(R"({"A":{},"B":{"b.png":{"sizeBytes":3,"modificationDate":4}}})"));
+  HotFolderProcessedStore::remove("B");
+  EXPECT_EQ(readStoreFile("hotFolderProcessed.json"), QByteArray(R"({"A":{}})"));
+}
+
+TEST_F(HotFolderRecordsTest, DamagedProcessedFileReadsEmptyAndTheNextUpdateKeepsOnlyItsFolder) {
+  for (const QByteArray& bytes : {QByteArray(R"({"A":{"a.png":{"sizeBytes":1}}})"), QByteArray(R"([1])"),
+                                  QByteArray(R"({"A":{"a.png":{"sizeBytes":1,"modif)")}) {
+    writeStoreFile("hotFolderProcessed.json", bytes);
+    EXPECT_TRUE(HotFolderProcessedStore::folderState("A").isEmpty()) << bytes.toStdString();
+  }
+  HotFolderProcessedStore::update("B", [](HotFolderProcessedMap& files) { files.insert("b.png", {3, 4}); });
+  EXPECT_EQ(readStoreFile("hotFolderProcessed.json"),
+            QByteArray(R"({"B":{"b.png":{"sizeBytes":3,"modificationDate":4}}})"));
+}
+
+TEST_F(HotFolderRecordsTest, ConcurrentUpdatesOfTwoFoldersLoseNothing) {
+  auto fill = [](QString folder) {
+    for (int i = 0; i < 20; ++i) {
+      HotFolderProcessedStore::update(folder, [&](HotFolderProcessedMap& files) {
+        files.insert(QString::number(i), {i, double(i)});
+      });
+    }
+  };
+  std::thread a(fill, QStringLiteral("A")), b(fill, QStringLiteral("B"));
+  a.join();
+  b.join();
+  EXPECT_EQ(HotFolderProcessedStore::folderState("A").size(), 20);
+  EXPECT_EQ(HotFolderProcessedStore::folderState("B").size(), 20);
+}
+
+}  // namespace
+}  // namespace quillane::testing

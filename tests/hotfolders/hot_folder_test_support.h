@@ -1,0 +1,113 @@
+#pragma once
+// A sandbox for hot-folder tests: a store folder, a source and a destination folder inside
+// one temporary folder, small real JPEGs, and a thread-safe log of what a watcher reports
+// with bounded waits on it.
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#include "hotfolders/HotFolder.h"
+#include "hotfolders/HotFolderWatcher.h"
+#include "records/JSONFileStore.h"
+#include "tests/support/CodecFixtures.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane::testing {
+
+// Everything a watcher reported, in the order of its calls.
+class Reports {
+ public:
+  void attach(HotFolderWatcher& watcher) {
+    watcher.onActivity = [this](const HotFolderActivity& line) {
+      std::lock_guard lock(mutex_);
+      lines_.push_back(line);
+      changed_.notify_all();
+    };
+    watcher.onProgress = [this](int completed, int total) {
+      std::lock_guard lock(mutex_);
+      progress_.push_back({completed, total});
+      changed_.notify_all();
+    };
+  }
+  // Waits (at most 60 s) until `done` holds; false on time-out.
+  bool waitUntil(const std::function<bool(const std::vector<HotFolderActivity>&)>& done) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(60), [&] { return done(lines_); });
+  }
+  // Waits for `count` lines and for the progress report that follows the last of them.
+  bool waitForLines(size_t count) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(60), [&] {
+      return lines_.size() >= count && (progress_.empty() || progress_.back().completed == progress_.back().total);
+    });
+  }
+  std::vector<HotFolderActivity> lines() {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+  std::vector<HotFolderProgress> progress() {
+    std::lock_guard lock(mutex_);
+    return progress_;
+  }
+  // The totals of the scans that had work: one (0, n) each.
+  std::vector<int> scanTotals() {
+    std::vector<int> totals;
+    for (const HotFolderProgress& step : progress()) {
+      if (step.completed == 0) totals.push_back(step.total);
+    }
+    return totals;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<HotFolderActivity> lines_;
+  std::vector<HotFolderProgress> progress_;
+};
+
+class HotFolderSandbox : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(QDir().mkpath(source_));
+    JSONFileStore::setFolderForTesting(temp_.path() + QStringLiteral("/store"));
+  }
+  void TearDown() override { JSONFileStore::setFolderForTesting({}); }
+
+  HotFolder folder() const {
+    return {QUuid::createUuid(), QStringLiteral("Shots"), source_, destination_, std::nullopt, ImageFormat::jpeg, 70,
+            true};
+  }
+  // A small JPEG named `name`; `oldDate` backdates it a minute, as a copy that keeps dates
+  // does, so that it needs no stability wait.
+  void putImage(const QString& name, uint32_t seed = 1, bool oldDate = true, int side = 48) const {
+    writeBytes(pathOf(name), jpegBytes(seed, side));
+    if (oldDate) backdate(name, 60);
+  }
+  void backdate(const QString& name, int seconds) const {
+    struct stat st {};
+    ::stat(pathOf(name).c_str(), &st);
+    timespec times[2] = {st.st_atim, st.st_mtim};
+    times[1].tv_sec = ::time(nullptr) - seconds;
+    ::utimensat(AT_FDCWD, pathOf(name).c_str(), times, 0);
+  }
+  static std::vector<uint8_t> jpegBytes(uint32_t seed, int side = 48) {
+    return fixtures::jpeg(makeImage(side, side, Pattern::photo, seed), {.quality = 90});
+  }
+  std::string pathOf(const QString& name) const { return QFile::encodeName(source_ + '/' + name).toStdString(); }
+  QStringList outputs() const { return QDir(destination_).entryList(QDir::Files | QDir::Hidden, QDir::Name); }
+
+  QTemporaryDir temp_;
+  QString source_ = temp_.path() + QStringLiteral("/in");
+  QString destination_ = temp_.path() + QStringLiteral("/out");
+};
+
+}  // namespace quillane::testing

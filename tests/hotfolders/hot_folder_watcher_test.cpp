@@ -1,0 +1,223 @@
+// HotFolderWatcher with real inotify on temporary folders and real compressions: when scans
+// run (debounce, start, stop, polling), which files they take (stability, memory), and what
+// they write and report.
+
+#include <QFileInfo>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <list>
+#include <thread>
+
+#include "engine/ImageFormat.h"
+#include "hotfolders/HotFolderProcessedStore.h"
+#include "hotfolders/SerialQueue.h"
+#include "records/ExportProfile.h"
+#include "tests/hotfolders/hot_folder_test_support.h"
+
+namespace quillane::testing {
+namespace {
+
+class HotFolderWatcherTest : public HotFolderSandbox {
+ protected:
+  void TearDown() override {
+    for (auto& watcher : watchers_) watcher->stop();
+    for (auto& watcher : watchers_) watcher->waitUntilIdle();
+    watchers_.clear();
+    SerialQueue::waitForAll();
+    HotFolderSandbox::TearDown();
+  }
+  std::shared_ptr<HotFolderWatcher> watch(const HotFolder& folder, Reports& reports,
+                                          std::optional<double> pollInterval = std::nullopt) {
+    auto watcher = HotFolderWatcher::make(folder, pollInterval);
+    reports.attach(*watcher);
+    watchers_.push_back(watcher);
+    return watcher;
+  }
+  // Outlive every watcher that reports to them.
+  Reports& newReports() { return reports_.emplace_back(); }
+  std::list<Reports> reports_;
+  std::vector<std::shared_ptr<HotFolderWatcher>> watchers_;
+};
+
+TEST_F(HotFolderWatcherTest, FirstScanTakesWhatIsThereAndABurstOfEntriesGivesOneScan) {
+  for (int i = 0; i < 5; ++i) putImage(QStringLiteral("old%1.jpg").arg(i), i);
+  Reports& reports = newReports();
+  auto watcher = watch(folder(), reports);
+  ASSERT_TRUE(watcher->start());
+  ASSERT_TRUE(reports.waitForLines(5));
+  EXPECT_EQ(reports.scanTotals(), std::vector<int>{5});
+
+  // Fifty entries well within the debounce of one another: a single scan takes them all.
+  std::vector<std::vector<uint8_t>> burst;
+  for (int i = 0; i < 50; ++i) burst.push_back(jpegBytes(100 + i));
+  for (int i = 0; i < 50; ++i) writeBytes(pathOf(QStringLiteral("burst%1.jpg").arg(i)), burst[i]);
+  ASSERT_TRUE(reports.waitForLines(55));
+  EXPECT_EQ(reports.scanTotals(), (std::vector<int>{5, 50}));
+  EXPECT_EQ(reports.progress().back(), (HotFolderProgress{50, 50}));
+  for (const HotFolderActivity& line : reports.lines()) EXPECT_FALSE(line.error) << line.error->toStdString();
+  EXPECT_EQ(outputs().size(), 55);
+  EXPECT_EQ(HotFolderProcessedStore::folderState(watcher->hotFolder().idText()).size(), 55);
+}
+
+TEST_F(HotFolderWatcherTest, StopCancelsThePendingScanAndLaterRequestsQueueNothing) {
+  putImage(QStringLiteral("a.jpg"));
+  Reports& stopped = newReports();
+  Reports& replacement = newReports();
+  const HotFolder hotFolder = folder();
+  auto first = watch(hotFolder, stopped);
+  ASSERT_TRUE(first->start());
+  first->stop();
+  first->scheduleScan();
+  // The replacement's first scan comes due after the cancelled one would have: the stopped
+  // watcher reported nothing, and its scan would have left nothing for the replacement.
+  auto second = watch(hotFolder, replacement);
+  ASSERT_TRUE(second->start());
+  ASSERT_TRUE(replacement.waitForLines(1));
+  EXPECT_TRUE(stopped.lines().empty());
+  EXPECT_FALSE(first->isWatching());
+}
+
+TEST_F(HotFolderWatcherTest, AFileStillBeingWrittenIsTakenOnceItsWriterClosesIt) {
+  Reports& reports = newReports();
+  auto watcher = watch(folder(), reports);
+  ASSERT_TRUE(watcher->start());
+  // Written in small pieces for about 1.5 s: the scan that its creation triggers finds it
+  // growing and skips it; closing it triggers the scan that takes it whole.
+  const std::vector<uint8_t> bytes = jpegBytes(7, 160);
+  std::thread writer([&] {
+    const int fd = ::open(pathOf(QStringLiteral("growing.jpg")).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const size_t piece = bytes.size() / 75 + 1;
+    for (size_t at = 0; at < bytes.size(); at += piece) {
+      ASSERT_GT(::write(fd, bytes.data() + at, std::min(piece, bytes.size() - at)), 0);
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ::close(fd);
+  });
+  writer.join();
+  ASSERT_TRUE(reports.waitForLines(1));
+  watcher->stop();
+  watcher->waitUntilIdle();  // the scan has stored what it did
+  const HotFolderActivity line = reports.lines().front();
+  EXPECT_FALSE(line.error);
+  EXPECT_EQ(QFileInfo(*line.destinationURL).fileName(), QStringLiteral("growing.jpg"));
+  // Remembered at its full size: a partial copy would have been compressed again.
+  EXPECT_EQ(HotFolderProcessedStore::folderState(watcher->hotFolder().idText()).value("growing.jpg").sizeBytes,
+            int64_t(bytes.size()));
+}
+
+TEST_F(HotFolderWatcherTest, StabilityNeedsAnOldDateOrASizeThatHoldsStill) {
+  putImage(QStringLiteral("old.jpg"));
+  putImage(QStringLiteral("fresh.jpg"), 1, false);
+  const QString old = source_ + "/old.jpg", fresh = source_ + "/fresh.jpg";
+  const double now = double(::time(nullptr) - 978307200);
+  EXPECT_TRUE(HotFolderWatcher::isStableOnDisk(old, 1, now - 60));  // no size read at all
+  EXPECT_TRUE(HotFolderWatcher::isStableOnDisk(fresh, QFileInfo(fresh).size(), now));
+  EXPECT_FALSE(HotFolderWatcher::isStableOnDisk(fresh, QFileInfo(fresh).size() - 1, now + 3600));
+  EXPECT_FALSE(HotFolderWatcher::isStableOnDisk(source_ + "/gone.jpg", 0, now));
+}
+
+TEST_F(HotFolderWatcherTest, MemoryAcrossRestartsTakesOnlyChangedAndRenamedFiles) {
+  for (const char* name : {"keep.jpg", "change.jpg", "rename.jpg"}) putImage(name, 1);
+  const HotFolder hotFolder = folder();
+  {
+    Reports& reports = newReports();
+    auto watcher = watch(hotFolder, reports);
+    watcher->scanOnce();
+    ASSERT_EQ(reports.lines().size(), 3u);
+  }
+  // While nothing watches: other bytes of the same length with a new date, and a rename.
+  const std::vector<uint8_t> before = readBytes(pathOf("change.jpg"));
+  std::vector<uint8_t> after;
+  for (uint32_t seed = 2; after.empty() || after.size() > before.size(); ++seed) after = jpegBytes(seed);
+  after.resize(before.size(), 0);  // zeros after the end marker, which decoders ignore
+  writeBytes(pathOf("change.jpg"), after);
+  backdate("change.jpg", 30);
+  ASSERT_EQ(::rename(pathOf("rename.jpg").c_str(), pathOf("renamed.jpg").c_str()), 0);
+
+  Reports& reports = newReports();
+  auto watcher = watch(hotFolder, reports);
+  ASSERT_TRUE(watcher->start());
+  ASSERT_TRUE(reports.waitForLines(2));
+  watcher->stop();
+  watcher->waitUntilIdle();
+  QStringList taken;
+  for (const HotFolderActivity& line : reports.lines()) taken << line.sourceFileName;
+  taken.sort();
+  EXPECT_EQ(taken, (QStringList{"change.jpg", "renamed.jpg"}));
+  EXPECT_EQ(reports.scanTotals(), std::vector<int>{2});
+  EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).keys(),
+            (QStringList{"change.jpg", "keep.jpg", "renamed.jpg"}));
+}
+
+TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderAndIgnoresWhatIsNoImage) {
+  for (const char* name : {"a.webp", "a.png", "a.jpeg"}) putImage(name);  // JPEG bytes whatever the name
+  writeBytes(pathOf("notes.jpg"), {'h', 'e', 'l', 'l', 'o'});
+  writeBytes(pathOf(".hidden.jpg"), jpegBytes(3));
+  ASSERT_TRUE(QDir(source_).mkdir("sub"));
+  writeBytes(pathOf("sub/inner.jpg"), jpegBytes(4));
+  Reports& reports = newReports();
+  auto watcher = watch(folder(), reports);
+  watcher->scanOnce();
+  std::map<QString, QString> written;
+  for (const HotFolderActivity& line : reports.lines()) {
+    ASSERT_TRUE(line.destinationURL) << line.sourceFileName.toStdString();
+    written[line.sourceFileName] = QFileInfo(*line.destinationURL).fileName();
+  }
+  EXPECT_EQ(written, (std::map<QString, QString>{{"a.jpeg", "a.jpg"}, {"a.png", "a-2.jpg"}, {"a.webp", "a-3.jpg"}}));
+  EXPECT_EQ(reports.progress(), (std::vector<HotFolderProgress>{{0, 3}, {1, 3}, {2, 3}, {3, 3}}));
+}
+
+TEST_F(HotFolderWatcherTest, MissingProfileReportsTheFolderOnceAndCompressesNothing) {
+  putImage(QStringLiteral("a.jpg"));
+  HotFolder hotFolder = folder();
+  hotFolder.profileName = QStringLiteral("Gone");
+  Reports& reports = newReports();
+  auto watcher = watch(hotFolder, reports);
+  watcher->scanOnce();
+  ASSERT_EQ(reports.lines().size(), 1u);
+  EXPECT_TRUE(reports.lines()[0].sourceFileName.isEmpty());
+  EXPECT_TRUE(reports.lines()[0].error && reports.lines()[0].error->contains("Gone"));
+  EXPECT_FALSE(QDir(destination_).exists());
+  EXPECT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
+
+  // Recreating the profile resumes the folder; its format and quality apply.
+  ExportProfiles::save({ExportProfile{QUuid::createUuid(), "gone", ImageFormat::webp, 50, std::nullopt, false}});
+  hotFolder.format.reset();
+  auto resumed = watch(hotFolder, reports);
+  resumed->scanOnce();
+  ASSERT_EQ(reports.lines().size(), 2u);
+  EXPECT_EQ(outputs(), QStringList{"a.webp"});
+}
+
+TEST_F(HotFolderWatcherTest, NonLocalFolderIsPolledForChangesInotifyDoesNotReport) {
+  putImage(QStringLiteral("a.jpg"));
+  Reports& reports = newReports();
+  auto watcher = watch(folder(), reports, 0.3);
+  ASSERT_TRUE(watcher->start());
+  ASSERT_TRUE(reports.waitForLines(1));
+  // A new date alone raises no entry event: only the timer's scan sees it.
+  backdate("a.jpg", 120);
+  ASSERT_TRUE(reports.waitForLines(2));
+  EXPECT_TRUE(HotFolderWatcher::isOnLocalVolume(source_));
+  EXPECT_FALSE(HotFolderWatcher::isOnLocalVolume(source_ + "/missing"));
+}
+
+TEST_F(HotFolderWatcherTest, FolderThatGoesAwayEndsTheWatchQuietly) {
+  Reports& reports = newReports();
+  auto watcher = watch(folder(), reports);
+  HotFolder missing = folder();
+  missing.sourceFolder += "/missing";
+  ASSERT_FALSE(HotFolderWatcher::make(missing)->start());
+  ASSERT_TRUE(watcher->start());
+  ASSERT_TRUE(watcher->isWatching());
+  ASSERT_TRUE(QDir(source_).removeRecursively());
+  for (int i = 0; i < 500 && watcher->isWatching(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_FALSE(watcher->isWatching());
+  watcher->scanOnce();  // the folder unreadable: nothing reported, nothing stored
+  EXPECT_TRUE(reports.lines().empty());
+}
+
+}  // namespace
+}  // namespace quillane::testing

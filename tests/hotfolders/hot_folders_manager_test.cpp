@@ -1,0 +1,120 @@
+// HotFoldersManager on the test's event loop with real watchers: the rules of which folders
+// run and what is reported once, the activity cap, progress only while a scan runs, and a
+// clean end while a scan is under way.
+
+#include <QTest>
+
+#include <unistd.h>
+
+#include "engine/ImageFormat.h"
+#include "hotfolders/HotFolderProcessedStore.h"
+#include "hotfolders/HotFoldersManager.h"
+#include "tests/hotfolders/hot_folder_test_support.h"
+
+namespace quillane::testing {
+namespace {
+
+using HotFoldersManagerTest = HotFolderSandbox;
+
+int errorLines(const HotFoldersManager& manager) {
+  int count = 0;
+  for (const HotFolderActivity& line : manager.recentActivity()) count += line.isError() ? 1 : 0;
+  return count;
+}
+
+TEST_F(HotFoldersManagerTest, SourceLinkedToItsDestinationIsRefusedAndReportedOncePerEnabling) {
+  ASSERT_TRUE(QDir().mkpath(destination_));
+  const QString link = temp_.path() + "/link";
+  ASSERT_EQ(::symlink(QFile::encodeName(destination_).constData(), QFile::encodeName(link).constData()), 0);
+  HotFoldersManager manager;
+  HotFolder hotFolder = folder();
+  hotFolder.sourceFolder = link;
+  manager.upsert(hotFolder);
+  manager.applyWatchers();
+  manager.applyWatchers();
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  ASSERT_EQ(manager.recentActivity().size(), 1u);
+  EXPECT_EQ(manager.recentActivity()[0].hotFolderName, QStringLiteral("Shots"));
+  EXPECT_TRUE(manager.recentActivity()[0].sourceFileName.isEmpty());
+
+  hotFolder.isEnabled = false;
+  manager.upsert(hotFolder);
+  hotFolder.isEnabled = true;
+  manager.upsert(hotFolder);
+  EXPECT_EQ(errorLines(manager), 2);
+}
+
+TEST_F(HotFoldersManagerTest, UnreadableSourceIsReportedOnceAndStartsWhenItAppears) {
+  HotFolder hotFolder = folder();
+  hotFolder.sourceFolder = temp_.path() + "/later";
+  HotFolders::save({hotFolder});
+  HotFoldersManager manager;
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  manager.applyWatchers();  // as a mount of any volume does
+  ASSERT_EQ(manager.recentActivity().size(), 1u);
+  ASSERT_TRUE(QDir().mkpath(hotFolder.sourceFolder));
+  manager.applyWatchers();
+  EXPECT_TRUE(manager.isRunning(hotFolder.id));
+  EXPECT_EQ(manager.recentActivity().size(), 1u);
+}
+
+TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredLines) {
+  HotFolderList folders;
+  for (int i = 0; i < 101; ++i) {
+    folders.push_back({QUuid::createUuid(), QString::number(i), temp_.path() + "/missing", destination_,
+                       std::nullopt, std::nullopt, std::nullopt, true});
+  }
+  HotFolders::save(folders);
+  HotFoldersManager manager;
+  ASSERT_EQ(manager.recentActivity().size(), 100u);
+  EXPECT_EQ(manager.recentActivity().front().hotFolderName, QStringLiteral("100"));
+  EXPECT_EQ(manager.recentActivity().back().hotFolderName, QStringLiteral("1"));
+}
+
+TEST_F(HotFoldersManagerTest, ScanReportsProgressOnlyWhileItRunsAndDeletionForgetsTheFolder) {
+  for (int i = 0; i < 6; ++i) putImage(QStringLiteral("p%1.jpg").arg(i), i);
+  HotFoldersManager manager;
+  const HotFolder hotFolder = folder();
+  bool sawProgress = false;
+  QObject::connect(&manager, &HotFoldersManager::progressChanged,
+                   [&] { sawProgress = sawProgress || manager.progress(hotFolder.id).has_value(); });
+  manager.upsert(hotFolder);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return manager.recentActivity().size() == 6; }, 60000));
+  QTest::qWait(0);
+  EXPECT_TRUE(sawProgress);
+  EXPECT_FALSE(manager.progress(hotFolder.id));
+  EXPECT_EQ(errorLines(manager), 0);
+  EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).size(), 6);
+
+  // Saving it unchanged keeps the same watcher; removing it drops its memory, not its files.
+  manager.upsert(hotFolder);
+  EXPECT_TRUE(manager.isRunning(hotFolder.id));
+  manager.remove(hotFolder);
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  EXPECT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
+  EXPECT_EQ(outputs().size(), 6);
+  EXPECT_TRUE(HotFolders::load().empty());
+}
+
+TEST_F(HotFoldersManagerTest, EndingDuringAScanLeavesOnlyWholeFiles) {
+  for (int i = 0; i < 20; ++i) putImage(QStringLiteral("e%1.jpg").arg(i), i, true, 600);
+  const HotFolder hotFolder = folder();
+  HotFolders::save({hotFolder});
+  {
+    HotFoldersManager manager;
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !manager.recentActivity().empty(); }, 60000));
+  }
+  // The destructor has waited for the scan: what is there now stays, and every file is whole.
+  const QStringList written = outputs();
+  EXPECT_GE(written.size(), 1);
+  EXPECT_LT(written.size(), 20 + 1);
+  for (const QString& name : written) {
+    EXPECT_FALSE(name.startsWith('.')) << name.toStdString();
+    EXPECT_EQ(ImageFormats::detect(QFile::encodeName(destination_ + '/' + name).toStdString()), ImageFormat::jpeg);
+  }
+  // A stop in mid-scan still records the files that finished.
+  EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).size(), written.size());
+}
+
+}  // namespace
+}  // namespace quillane::testing
