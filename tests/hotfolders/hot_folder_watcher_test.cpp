@@ -56,6 +56,8 @@ TEST_F(HotFolderWatcherTest, FirstScanTakesWhatIsThereAndABurstOfEntriesGivesOne
   ASSERT_TRUE(reports.waitForLines(55));
   EXPECT_EQ(reports.scanTotals(), (std::vector<int>{5, 50}));
   EXPECT_EQ(reports.progress().back(), (HotFolderProgress{50, 50}));
+  watcher->stop();
+  watcher->waitUntilIdle();  // the scan has stored what it did
   for (const HotFolderActivity& line : reports.lines()) EXPECT_FALSE(line.error) << line.error->toStdString();
   EXPECT_EQ(outputs().size(), 55);
   EXPECT_EQ(HotFolderProcessedStore::folderState(watcher->hotFolder().idText()).size(), 55);
