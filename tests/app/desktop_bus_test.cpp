@@ -1,7 +1,8 @@
 // The real quillane executable on a real session bus of its own (one dbus-daemon per test,
-// so that tests running side by side never meet on one name): the Compress method called
-// from this process, a second launch handing its files to the running batch, and
-// `quillane --compress` through a running instance or on its own.
+// so that tests running side by side never meet on one name, which starts the program from
+// the build's activation file): the Compress method called from this process, a second
+// launch handing its files to the running batch, and `quillane --compress` through a
+// running instance or on its own.
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
@@ -15,9 +16,12 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMap>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+
+#include <signal.h>
 
 #include <chrono>
 #include <memory>
@@ -49,15 +53,31 @@ class DesktopBus : public ::testing::Test {
     for (const char* folder : {"config/Quillane", "data/Quillane", "runtime", "in/sub"}) QDir(dir_.path()).mkpath(folder);
     QFile::setPermissions(dir_.filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 
-    daemon_.start(daemon, {"--session", "--nofork", "--print-address=1"});
+    // A session bus that activates the built program, in this test's sandbox.
+    QFile config(path("bus.conf"));
+    ASSERT_TRUE(config.open(QIODevice::WriteOnly));
+    config.write(QString(R"(<busconfig><type>session</type><listen>unix:dir=%1</listen>
+        <auth>EXTERNAL</auth><servicedir>%2</servicedir><policy context="default">
+        <allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/><allow own="*"/>
+        </policy></busconfig>)")
+                     .arg(dir_.path(), QStringLiteral(QUILLANE_BUS_SERVICES_DIR))
+                     .toUtf8());
+    config.close();
+    daemon_.setProcessEnvironment(environment());  // what an activated program gets
+    daemon_.start(daemon, {"--config-file=" + path("bus.conf"), "--nofork", "--print-address=1"});
     ASSERT_TRUE(daemon_.waitForStarted(10000));
     while (!daemon_.canReadLine()) ASSERT_TRUE(daemon_.waitForReadyRead(10000)) << "dbus-daemon gave no address";
     address_ = QString::fromUtf8(daemon_.readLine()).trimmed();
     bus_ = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address_, "desktop-bus-test"));
-    ASSERT_TRUE(bus_->isConnected());
+    ASSERT_TRUE(bus_->isConnected()) << bus_->lastError().message().toStdString();
   }
 
   void TearDown() override {
+    // The owner of the name may be a program the bus started.
+    if (bus_ && owned()) {
+      const uint pid = bus_->interface()->servicePid(kService).value();
+      if (pid > 0) ::kill(pid_t(pid), SIGKILL);
+    }
     for (auto& process : processes_) {
       process->kill();
       process->waitForFinished(10000);
@@ -69,7 +89,10 @@ class DesktopBus : public ::testing::Test {
 
   QProcessEnvironment environment(const QString& data = "data") const {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("DBUS_SESSION_BUS_ADDRESS", address_);
+    if (address_.isEmpty())
+      env.remove("DBUS_SESSION_BUS_ADDRESS");
+    else
+      env.insert("DBUS_SESSION_BUS_ADDRESS", address_);
     env.insert("QT_QPA_PLATFORM", "offscreen");
     env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));
     env.insert("XDG_DATA_HOME", dir_.filePath(data));
@@ -201,6 +224,14 @@ TEST_F(DesktopBus, CompressAnswersWithTheWrittenFilesOrANamedLocalisedError) {
   EXPECT_TRUE(xml.contains(R"(<interface name="org.freedesktop.Application">)"));
 }
 
+TEST_F(DesktopBus, ACallStartsTheProgramWhenNothingRuns) {
+  ASSERT_FALSE(owned());
+  const QDBusMessage reply = compress({image("a.png")}, "png", 60, "", path("out"));
+  ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
+  EXPECT_EQ(reply.arguments().value(0).toStringList(), QStringList{path("out/a.png")});
+  EXPECT_TRUE(owned());
+}
+
 TEST_F(DesktopBus, ASecondLaunchHandsItsFilesToTheRunningBatch) {
   const int port = testing::freeLocalPort();
   QFile conf(path("config/Quillane/Quillane.conf"));
@@ -254,6 +285,33 @@ TEST_F(DesktopBus, CompressCommandGoesThroughTheRunningInstanceOrWorksAlone) {
   Run failed = run({"--compress"}, environment());
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_TRUE(failed.err.contains("Choisissez au moins une image")) << failed.err.toStdString();
+}
+
+// The launcher entry: files open in the window, the action compresses them, and every
+// language of the string tables reads its own names.
+TEST(DesktopEntry, OpensAndCompressesFilesInEveryLanguage) {
+  QFile file(QStringLiteral(QT_TESTCASE_SOURCEDIR) + "/../ui/resources/com.quillane.Quillane.desktop");
+  ASSERT_TRUE(file.open(QIODevice::ReadOnly | QIODevice::Text));
+  QMap<QString, QMap<QString, QString>> groups;
+  QString group;
+  for (const QString& line : QString::fromUtf8(file.readAll()).split('\n')) {
+    if (line.startsWith('[')) group = line.mid(1, line.size() - 2);
+    else if (line.contains('=')) groups[group][line.section('=', 0, 0)] = line.section('=', 1);
+  }
+  const auto& entry = groups["Desktop Entry"];
+  const auto& action = groups["Desktop Action compress"];
+  EXPECT_EQ(entry["Exec"], "quillane %F");
+  EXPECT_EQ(action["Exec"], "quillane --compress %F");
+  EXPECT_EQ(entry["Actions"], "compress;");
+  for (const char* type : {"image/png", "image/jpeg", "image/heic", "image/avif", "image/webp", "image/jxl"})
+    EXPECT_TRUE(entry["MimeType"].split(';').contains(type)) << type;
+  for (const char* locale : {"de", "en_GB", "en_US", "es_419", "es", "fr", "hi", "it", "ja", "ko", "pt_BR", "pt", "ru",
+                             "zh_CN", "zh_TW"}) {
+    const QString suffix = QString("[%1]").arg(locale);
+    EXPECT_FALSE(action["Name" + suffix].isEmpty()) << locale;
+    EXPECT_FALSE(entry["GenericName" + suffix].isEmpty()) << locale;
+    EXPECT_FALSE(entry["Comment" + suffix].isEmpty()) << locale;
+  }
 }
 
 }  // namespace
