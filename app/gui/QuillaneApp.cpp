@@ -6,6 +6,7 @@
 
 #include "api/LocalAPIController.h"
 #include "batch/BatchViewModel.h"
+#include "hotfolders/HotFoldersManager.h"
 #include "services/LanguageManager.h"
 #include "services/UpdateChecker.h"
 #include "ui/MainWindow.h"
@@ -56,6 +57,8 @@ QuillaneApp::QuillaneApp() {
 }
 
 QuillaneApp::~QuillaneApp() {
+  // Stops the hot folders and waits for what they are compressing: nothing writes after quit.
+  hotFoldersManager_.reset();
   // The server goes before the model its router drives.
   apiController_.reset();
   updateChecker_.reset();
@@ -63,6 +66,7 @@ QuillaneApp::~QuillaneApp() {
 }
 
 std::unique_ptr<QWidget> QuillaneApp::createMainWindow() {
+  if (!hotFoldersManager_) hotFoldersManager_ = std::make_unique<HotFoldersManager>();
   auto window = std::make_unique<ui::MainWindow>(*viewModel_);
   ui::MainWindow* main = window.get();
   main->setSettingsOpener([this, main] {

@@ -16,6 +16,7 @@ class QWidget;
 namespace quillane {
 
 class BatchViewModel;
+class HotFoldersManager;
 class LocalAPIController;
 class UpdateChecker;
 
@@ -39,15 +40,18 @@ class QuillaneApp : public QObject {
 
   BatchViewModel& viewModel() { return *viewModel_; }
   LocalAPIController& apiController() { return *apiController_; }
+  // Null until the first createMainWindow().
+  HotFoldersManager* hotFoldersManager() { return hotFoldersManager_.get(); }
   UpdateChecker& updateChecker() { return *updateChecker_; }
 
-  // Makes the main window, showing the one batch. The caller owns it.
+  // Makes the main window, showing the one batch. The caller owns it. The first call also
+  // builds the hot folders manager, which starts the enabled hot folders.
   std::unique_ptr<QWidget> createMainWindow();
 
  private:
   std::unique_ptr<BatchViewModel> viewModel_;
   std::unique_ptr<LocalAPIController> apiController_;
-  // HotFoldersManager takes its place here, built on first installation of the window.
+  std::unique_ptr<HotFoldersManager> hotFoldersManager_;  // built on first installation of the window
   std::unique_ptr<UpdateChecker> updateChecker_;
 };
 
