@@ -22,17 +22,23 @@ bool isRunning(const QDBusConnection& connection) {
 
 std::optional<QString> openOrActivate(const QDBusConnection& connection, const QStringList& paths) {
   const QString interface = QStringLiteral("org.freedesktop.Application");
+  // The token the launcher gave this launch lets the running window come to the front.
+  QVariantMap platformData;
+  if (qEnvironmentVariableIsSet("XDG_ACTIVATION_TOKEN"))
+    platformData.insert(QStringLiteral("activation-token"), qEnvironmentVariable("XDG_ACTIVATION_TOKEN"));
+  if (qEnvironmentVariableIsSet("DESKTOP_STARTUP_ID"))
+    platformData.insert(QStringLiteral("desktop-startup-id"), qEnvironmentVariable("DESKTOP_STARTUP_ID"));
   QDBusMessage call;
   if (paths.isEmpty()) {
     call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath, interface,
                                          QStringLiteral("Activate"));
-    call << QVariantMap();
+    call << platformData;
   } else {
     QStringList uris;
     for (const QString& path : paths) uris.append(QUrl::fromLocalFile(path).toString(QUrl::FullyEncoded));
     call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath, interface,
                                          QStringLiteral("Open"));
-    call << uris << QVariantMap();
+    call << uris << platformData;
   }
   const QDBusMessage reply = connection.call(call);
   if (reply.type() == QDBusMessage::ErrorMessage) return reply.errorMessage();

@@ -1,6 +1,8 @@
 #include "automation/QuillaneBusService.h"
 
+#include <QDBusArgument>
 #include <QDBusConnectionInterface>
+#include <QDBusMetaType>
 #include <QDBusMessage>
 #include <QFile>
 #include <QMetaObject>
@@ -85,6 +87,14 @@ QDBusMessage errorReply(const QDBusMessage& call, const std::exception_ptr& fail
   }
 }
 
+// The launcher's activation token (xdg-activation on Wayland), handed to the window system
+// through the variable Qt reads when a window asks to be activated.
+void adoptActivationToken(const QVariant& platformData) {
+  const QVariantMap data = qdbus_cast<QVariantMap>(platformData);
+  const QString token = data.value(QStringLiteral("activation-token")).toString();
+  if (!token.isEmpty()) qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
+}
+
 QStringList localPaths(const QStringList& uris) {
   QStringList paths;
   for (const QString& uri : uris) {
@@ -150,8 +160,10 @@ bool QuillaneBusService::handleMessage(const QDBusMessage& message, const QDBusC
 
   if (interface.isEmpty() || interface == applicationInterface) {
     if (member == QLatin1String("Activate") && signature == QLatin1String("a{sv}")) {
-      runOnGuiThread(message, connection, [this] {
+      const QVariant platformData = message.arguments().value(0);
+      runOnGuiThread(message, connection, [this, platformData] {
         if (!handlers_.activate) return false;
+        adoptActivationToken(platformData);
         handlers_.activate();
         return true;
       });
@@ -159,8 +171,10 @@ bool QuillaneBusService::handleMessage(const QDBusMessage& message, const QDBusC
     }
     if (member == QLatin1String("Open") && signature == QLatin1String("asa{sv}")) {
       const QStringList paths = localPaths(message.arguments().value(0).toStringList());
-      runOnGuiThread(message, connection, [this, paths] {
+      const QVariant platformData = message.arguments().value(1);
+      runOnGuiThread(message, connection, [this, paths, platformData] {
         if (!handlers_.open) return false;
+        adoptActivationToken(platformData);
         handlers_.open(paths);
         return true;
       });
