@@ -113,12 +113,13 @@ int main(int argc, char** argv) {
   quillane::QuillaneBusService bus(std::move(handlers));
   const QDBusConnection connection = QDBusConnection::sessionBus();
   if (!bus.publish(connection) && quillane::QuillaneBusClient::isRunning(connection)) {
+    // Started by the bus while another instance took the name: that one serves the calls.
+    if (service) return 0;
     // One process owns the batch: hand over to it. Only if it can't be reached does this
     // launch carry on alone.
     const auto error = quillane::QuillaneBusClient::openOrActivate(connection, files);
     if (!error) return 0;
     std::fprintf(stderr, "quillane: the running instance did not answer: %s\n", error->toLocal8Bit().constData());
-    if (service) return 1;
   }
 
   if (service) {

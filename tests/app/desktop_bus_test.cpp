@@ -185,6 +185,10 @@ TEST_F(DesktopBus, CompressAnswersWithTheWrittenFilesOrANamedLocalisedError) {
     EXPECT_EQ(file.read(4), QByteArray("RIFF"));
   }
 
+  // No format and no profile: the default format, JPEG; quality 100 is within range.
+  reply = compress({a}, "profileOrDefault", 100, "", path("out/default"));
+  EXPECT_EQ(reply.arguments().value(0).toStringList(), QStringList{path("out/default/a.jpg")});
+
   const QString notImage = path("in/notes.png");
   testing::writeBytes(notImage.toStdString(), {'j', 'u', 's', 't', ' ', 't', 'e', 'x', 't'});
   QFile::copy(a, path("blocker"));  // a file where a folder should be made
