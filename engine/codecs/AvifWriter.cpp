@@ -55,7 +55,8 @@ AvifSettings avifSettings(double quality, size_t pixelCount) {
   // times smaller, but on a 12-megapixel screenshot it runs for minutes. Speed 8 keeps every
   // picture within a few seconds on one core, at a few per cent more bytes for photos.
   s.speed = pixelCount <= kAvifCarefulPixelLimit ? 6 : 8;
-  s.chroma444 = q >= 0.9;
+  // Below 0.9 the writer picks the chroma layout from the picture's colour edges.
+  if (q >= 0.9) s.chroma = ChromaLayout::full;
   return s;
 }
 
@@ -64,8 +65,9 @@ Bytes writeAvif(const DecodedImage& image, bool keepAlpha, const AvifSettings& s
   if (image.empty() || image.bitsPerComponent != 8 || image.pixels8.size() != image.pixelCount() * 4)
     fail("writeAvif: not an 8-bit RGBA picture");
 
+  const bool fullChroma = usesFullChroma(settings.chroma, image, keepAlpha);
   AvifImagePtr avif(avifImageCreate(uint32_t(image.width), uint32_t(image.height), 8,
-                                    settings.chroma444 ? AVIF_PIXEL_FORMAT_YUV444 : AVIF_PIXEL_FORMAT_YUV420));
+                                    fullChroma ? AVIF_PIXEL_FORMAT_YUV444 : AVIF_PIXEL_FORMAT_YUV420));
   if (!avif) fail("avifImageCreate");
   avif->yuvRange = AVIF_RANGE_FULL;
   if (icc && !icc->empty()) avifImageSetProfileICC(avif.get(), icc->data(), icc->size());

@@ -87,7 +87,8 @@ HeifSettings heifSettings(double quality) {
   };
   HeifSettings s;
   s.quality = std::clamp(int(std::lround(interpolate(curve, q))), 0, 100);
-  s.chroma444 = q >= 0.9;
+  // Below 0.9 the writer picks the chroma layout from the picture's colour edges.
+  if (q >= 0.9) s.chroma = ChromaLayout::full;
   // libheif's default, "slow", saves a tenth or two of the bytes on photos for nearly twice
   // the time; "medium" keeps a 12-megapixel photo within a few seconds on one core.
   s.preset = "medium";
@@ -112,7 +113,7 @@ Bytes writeHeic(const DecodedImage& image, bool keepAlpha, const HeifSettings& s
   check("heif_encoder_set_parameter_string(preset)",
         heif_encoder_set_parameter_string(rawEncoder, "preset", settings.preset));
   check("heif_encoder_set_parameter_string(chroma)",
-        heif_encoder_set_parameter_string(rawEncoder, "chroma", settings.chroma444 ? "444" : "420"));
+        heif_encoder_set_parameter_string(rawEncoder, "chroma", usesFullChroma(settings.chroma, image, keepAlpha) ? "444" : "420"));
 
   HeifImagePtr heifImage = makeImage(image, keepAlpha);
   if (icc && !icc->empty()) {

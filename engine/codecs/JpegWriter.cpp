@@ -141,9 +141,10 @@ JpegSettings jpegSettings(double quality) {
   JpegSettings s;
   s.quality = int(std::lround(std::clamp(quality, 0.0, 1.0) * 100.0));
   s.quality = std::clamp(s.quality, 1, 100);
-  // Chroma subsampling halves the colour resolution, which shows on coloured edges and text;
-  // at 90 and above the user asks for fidelity, so colour keeps full resolution there.
-  s.chroma420 = s.quality < 90;
+  // Chroma subsampling halves the colour resolution, which shows on coloured edges and text:
+  // below 90 the writer keeps full resolution only for pictures with such edges; at 90 and
+  // above the user asks for fidelity, so colour always keeps it.
+  if (s.quality >= 90) s.chroma = ChromaLayout::full;
   return s;
 }
 
@@ -155,7 +156,7 @@ Bytes writeJpeg(const DecodedImage& image, const JpegSettings& settings, const s
   job.width = JDIMENSION(image.width);
   job.height = JDIMENSION(image.height);
   job.quality = settings.quality;
-  job.chroma420 = settings.chroma420;
+  job.chroma420 = !usesFullChroma(settings.chroma, image, false);
   if (icc && !icc->empty()) {
     job.icc = icc->data();
     job.iccSize = unsigned(icc->size());

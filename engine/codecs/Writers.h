@@ -25,9 +25,23 @@ namespace quillane::codecs {
 
 using Bytes = std::vector<uint8_t>;
 
+// Chroma layout of a lossy encoding: full resolution (4:4:4), halved both ways (4:2:0), or
+// chosen by the writer from the picture's colour detail (see `usesFullChroma`).
+enum class ChromaLayout { automatic, subsampled, full };
+
+// Share of a picture's 2x2 blocks where chroma averaging (4:2:0) would move some pixel's Cb or
+// Cr by more than `step` on the 0...255 scale: its sharp colour edges. BT.601 chroma, measured
+// on a sampled grid (at most about 200,000 blocks whatever the size), weighted by alpha when
+// alpha is kept; fully transparent blocks are not counted.
+inline constexpr int kChromaEdgeStep = 32;
+double chromaEdgeShare(const DecodedImage& image, bool keepAlpha, int step = kChromaEdgeStep);
+// The layout a writer uses: `layout` itself unless automatic, else full where at least a
+// thousandth of the blocks have sharp colour edges (text, lines and flat shapes in colour).
+bool usesFullChroma(ChromaLayout layout, const DecodedImage& image, bool keepAlpha);
+
 struct JpegSettings {
   int quality = 75;       // libjpeg's 1...100
-  bool chroma420 = true;  // 4:2:0 below quality 90, 4:4:4 from 90 on
+  ChromaLayout chroma = ChromaLayout::automatic;  // full from quality 90 on
 };
 JpegSettings jpegSettings(double quality);
 
@@ -37,7 +51,7 @@ Bytes writeJpeg(const DecodedImage& image, const JpegSettings& settings, const s
 
 struct HeifSettings {
   int quality = 50;         // libheif's lossy quality 0...100 for x265
-  bool chroma444 = false;   // from a 0...1 quality of 0.9 on, like JPEG
+  ChromaLayout chroma = ChromaLayout::automatic;  // full from a 0...1 quality of 0.9 on
   const char* preset = "";  // x265 speed preset
 };
 HeifSettings heifSettings(double quality);
@@ -53,7 +67,7 @@ struct AvifSettings {
   int minQuantizerAlpha = 0;
   int maxQuantizerAlpha = 0;
   int speed = 6;         // aom's 0 (slowest) ... 10
-  bool chroma444 = false;
+  ChromaLayout chroma = ChromaLayout::automatic;  // full from a 0...1 quality of 0.9 on
 };
 // Up to this many pixels aom runs at its careful speed; above, at a faster one.
 inline constexpr size_t kAvifCarefulPixelLimit = 2'000'000;

@@ -1,0 +1,105 @@
+#!/usr/bin/env python3
+"""Summarises bench/rd_sweep.sh: per picture and format, bytes of 4:4:4 against 4:2:0 at equal
+butteraugli, the writers' choice, quality 75 figures, and the peers at their defaults."""
+import math
+import sys
+from collections import defaultdict
+
+rd_path, choice_path = sys.argv[1], sys.argv[2]
+curves = defaultdict(lambda: defaultdict(list))  # (pic, fmt) -> layout -> [(q, bytes, ba)]
+peers = {}
+for line in open(rd_path):
+    pic, fmt, q, layout, size, ba = line.rstrip("\n").split("\t")
+    if not ba:
+        continue
+    if layout == "default":
+        peers[(pic, fmt)] = (q, int(size), float(ba))
+    else:
+        curves[(pic, fmt)][layout].append((int(q), int(size), float(ba)))
+
+choice = {}
+for line in open(choice_path):
+    f = line.split()
+    pic = f[0].rsplit("/", 1)[-1][:-4]
+    choice[pic] = (float(f[1]), float(f[2]), f[3])
+
+
+def log_bytes_at(points, ba):
+    """log(bytes) at butteraugli `ba`, linear between the two nearest points; None outside."""
+    pts = sorted((p[2], math.log(p[1])) for p in points)
+    for (b0, l0), (b1, l1) in zip(pts, pts[1:]):
+        if b0 <= ba <= b1:
+            return l0 if b1 == b0 else l0 + (ba - b0) / (b1 - b0) * (l1 - l0)
+    return None
+
+
+def equal_quality_ratio(a, b):
+    """Mean bytes of a over bytes of b at equal butteraugli, over their common range."""
+    lo = max(min(p[2] for p in a), min(p[2] for p in b))
+    hi = min(max(p[2] for p in a), max(p[2] for p in b))
+    if hi <= lo:
+        return None
+    diffs = []
+    for i in range(21):
+        ba = lo + (hi - lo) * i / 20
+        la, lb = log_bytes_at(a, ba), log_bytes_at(b, ba)
+        if la is not None and lb is not None:
+            diffs.append(la - lb)
+    return math.exp(sum(diffs) / len(diffs)) if diffs else None
+
+
+def ba_at(points, log_size):
+    """Butteraugli at log(bytes) `log_size`, linear between the two nearest points; None outside."""
+    pts = sorted((math.log(p[1]), p[2]) for p in points)
+    for (l0, b0), (l1, b1) in zip(pts, pts[1:]):
+        if l0 <= log_size <= l1:
+            return b0 if l1 == l0 else b0 + (log_size - l0) / (l1 - l0) * (b1 - b0)
+    return None
+
+
+def equal_bytes_ratio(a, b):
+    """Mean butteraugli of a over that of b at equal bytes, over their common range."""
+    lo = max(min(math.log(p[1]) for p in a), min(math.log(p[1]) for p in b))
+    hi = min(max(math.log(p[1]) for p in a), max(math.log(p[1]) for p in b))
+    if hi <= lo:
+        return None
+    r = []
+    for i in range(21):
+        ls = lo + (hi - lo) * i / 20
+        ba, bb = ba_at(a, ls), ba_at(b, ls)
+        if ba is not None and bb:
+            r.append(math.log(ba / bb))
+    return math.exp(sum(r) / len(r)) if r else None
+
+
+def chosen_curve(c, layout):
+    return [p for p in c[layout] if p[0] < 90] + [p for p in c["444"] if p[0] >= 90]
+
+
+def pct(r):
+    return "-" if r is None else f"{(r - 1) * 100:+.0f} %"
+
+
+formats = sorted({k[1] for k in curves}, key=["avif", "heic", "jpeg"].index)
+pics = sorted({k[0] for k in curves}, key=lambda p: (["screenshot", "graphic", "photo"].index(p.split("-")[0]), p))
+for fmt in formats:
+    print(f"\n### {fmt.upper()}\n")
+    print("| Picture | edges > 16 / > 32 | 4:4:4 vs 4:2:0: bytes at equal BA | BA at equal bytes | chosen | q75 4:2:0 bytes / BA | q75 chosen bytes / BA | peer default bytes / BA | ours at peer's BA |")
+    print("|---|---:|---:|---:|---|---|---|---|---:|")
+    for pic in pics:
+        c = curves.get((pic, fmt))
+        if not c or len(c["420"]) < 6 or len(c["444"]) < 6:
+            continue
+        share16, share32, layout = choice[pic]
+        ratio = equal_quality_ratio(c["444"], c["420"])
+        ba_ratio = equal_bytes_ratio(c["444"], c["420"])
+        q75 = {l: next(p for p in c[l] if p[0] == 75) for l in ("420", "444")}
+        today, chosen = q75["420"], q75[layout]
+        peer = peers.get((pic, fmt))
+        peer_cell, ours_cell = "-", "-"
+        if peer:
+            peer_cell = f"{peer[1]:,} / {peer[2]:.2f}"
+            lb = log_bytes_at(chosen_curve(c, layout), peer[2])
+            ours_cell = "out of range" if lb is None else pct(math.exp(lb) / peer[1])
+        print(f"| {pic} | {share16:.4f} / {share32:.4f} | {pct(ratio)} | {pct(ba_ratio)} | {layout} | {today[1]:,} / {today[2]:.2f} | "
+              f"{chosen[1]:,} / {chosen[2]:.2f} | {peer_cell} | {ours_cell} |")
