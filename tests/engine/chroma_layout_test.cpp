@@ -134,7 +134,7 @@ struct Case {
 
 TEST(ChromaLayout, ColouredTextKeepsFullChromaAndAPhotoIsSubsampledInEveryDecoder) {
   const Case cases[] = {
-      {"coloured text", colouredText(320, 200), "444", 5.0},
+      {"coloured text", colouredText(320, 200), "444", 7.0},
       {"smooth photo", testing::makeImage(320, 200, testing::Pattern::photo, 3), "420", 3.0},
   };
   const EncodingPlan plan = testing::makePlan(EncodingPlan::Mode::lossy(75));
