@@ -13,12 +13,10 @@
 #include "services/DecimalText.h"
 #include "services/Strings.h"
 #include "services/UserDefaults.h"
+#include "QuillaneVersion.h"
 
 #ifndef QUILLANE_UPDATE_HOST
 #define QUILLANE_UPDATE_HOST ""
-#endif
-#ifndef QUILLANE_VERSION
-#define QUILLANE_VERSION ""
 #endif
 
 namespace quillane {
@@ -46,7 +44,7 @@ UpdateChecker::UpdateChecker(const QUrl& baseUrl, const QString& currentVersion,
       versionCheckUrl_(baseUrl.resolved(QUrl(QStringLiteral("/version.json")))),
       currentVersion_(currentVersion.isEmpty() ? QStringLiteral("0") : currentVersion) {}
 
-QString UpdateChecker::currentAppVersion() { return QStringLiteral(QUILLANE_VERSION); }
+QString UpdateChecker::currentAppVersion() { return QString::fromLatin1(kAppVersion); }
 
 bool UpdateChecker::isCheckAtLaunchEnabled() {
   return UserDefaults::store()->value(kEnabledKey, false).toBool();

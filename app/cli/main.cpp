@@ -15,10 +15,12 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "app/cli/InspectCommands.h"
 #include "automation/CompressScriptCommand.h"
 #include "services/LanguageManager.h"
+#include "QuillaneVersion.h"
 
 namespace {
 
@@ -65,6 +67,9 @@ const char kHelp[] =
     "\n"
     "  --help, -h\n"
     "      This text.\n"
+    "\n"
+    "  --version\n"
+    "      The version of quillane-cli, which is Quillane's.\n"
     "\n"
     "Options may also be written --name=VALUE; \"--\" ends the options.\n"
     "\n"
@@ -176,6 +181,11 @@ int runAnalyze(const QStringList& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Answered before anything is set up: scripts and package checks call it often.
+  if (argc == 2 && std::string_view(argv[1]) == "--version") {
+    std::printf("quillane-cli %s\n", kAppVersion);
+    return 0;
+  }
   QCoreApplication app(argc, argv);
   QCoreApplication::setOrganizationName("Quillane");
   QCoreApplication::setApplicationName("Quillane");

@@ -11,10 +11,8 @@
 #include "services/UpdateChecker.h"
 #include "ui/MainWindow.h"
 #include "ui/SettingsWindow.h"
+#include "QuillaneVersion.h"
 
-#ifndef QUILLANE_VERSION
-#define QUILLANE_VERSION ""
-#endif
 
 namespace quillane {
 
@@ -28,7 +26,7 @@ QUrl QuillaneApp::websiteURL() {
 void QuillaneApp::describeApplication() {
   QCoreApplication::setApplicationName(appName());
   QCoreApplication::setOrganizationName(appName());
-  QCoreApplication::setApplicationVersion(QStringLiteral(QUILLANE_VERSION));
+  QCoreApplication::setApplicationVersion(QString::fromLatin1(kAppVersion));
   // Lets the window manager match windows to the installed launcher entry (and its icon).
   QGuiApplication::setDesktopFileName(QStringLiteral("com.quillane.Quillane"));
 }

@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include <signal.h>
 #include <sys/resource.h>
@@ -26,6 +27,7 @@
 #include "automation/QuillaneBusClient.h"
 #include "automation/QuillaneBusService.h"
 #include "services/LanguageManager.h"
+#include "QuillaneVersion.h"
 
 namespace {
 
@@ -81,6 +83,11 @@ constexpr int kServiceQuietMs = 60 * 1000;
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Answered before a display is opened, so that it works from any shell.
+  if (argc == 2 && std::string_view(argv[1]) == "--version") {
+    std::printf("quillane %s\n", quillane::kAppVersion);
+    return 0;
+  }
   raiseDescriptorLimit();
 
   if (hasArgument(argc, argv, "--compress")) {
@@ -128,6 +135,10 @@ int main(int argc, char** argv) {
     session.quitWhenQuiet(kServiceQuietMs, [&bus] { return bus.pendingCompressCalls() > 0; });
   } else {
     session.open(files);
+    // Start-up measurements and the check of an installed copy: quit once the window has
+    // been shown and painted (its paint is posted ahead of this call).
+    if (qEnvironmentVariableIsSet("QUILLANE_QUIT_WHEN_SHOWN"))
+      QMetaObject::invokeMethod(application.get(), &QCoreApplication::quit, Qt::QueuedConnection);
   }
   return application->exec();
 }

@@ -1,0 +1,44 @@
+# bash completion for quillane-cli: verbs, their options, format names and files.
+# Stands alone (no bash-completion helpers needed), so that it also works when sourced by hand.
+
+_quillane_cli() {
+  local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}
+  local verbs="inspect analyze compress" verb="" i
+  for ((i = 1; i < COMP_CWORD; i++)); do
+    case ${COMP_WORDS[i]} in
+      inspect | analyze | compress) verb=${COMP_WORDS[i]}; break ;;
+    esac
+  done
+
+  case $prev in
+    --format)
+      COMPREPLY=($(compgen -W "png jpeg heic avif webp jxl" -- "$cur"))
+      return ;;
+    --to)
+      compopt -o filenames 2>/dev/null || true
+      COMPREPLY=($(compgen -d -- "$cur"))
+      return ;;
+    --quality | --profile)
+      COMPREPLY=()
+      return ;;
+  esac
+
+  if [[ -z $verb ]]; then
+    COMPREPLY=($(compgen -W "$verbs --help --version" -- "$cur"))
+    return
+  fi
+
+  if [[ $cur == -* ]]; then
+    local options="--help"
+    case $verb in
+      analyze) options+=" --quality" ;;
+      compress) options+=" --to --format --quality --profile" ;;
+    esac
+    COMPREPLY=($(compgen -W "$options" -- "$cur"))
+    return
+  fi
+  compopt -o filenames 2>/dev/null || true
+  COMPREPLY=($(compgen -f -- "$cur"))
+}
+
+complete -F _quillane_cli quillane-cli
