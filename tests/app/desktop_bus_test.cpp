@@ -17,6 +17,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMap>
+#include <QMutex>
+#include <QThread>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -41,6 +43,31 @@ const QString kService = "com.quillane.Quillane";
 const QString kPath = "/com/quillane/Quillane";
 const QString kError = "com.quillane.Quillane.Error.";
 const std::string kToken = "qlne_busTestTokenAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA";
+
+// The desktop's notification service, as far as Notify: it keeps what it was asked to show.
+// It lives on a thread of its own so that it answers while the test waits for a process.
+class NotificationSink : public QObject {
+  Q_OBJECT
+  Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+
+ public:
+  QStringList shown() const {
+    QMutexLocker lock(&mutex_);
+    return shown_;
+  }
+
+ public slots:
+  uint Notify(const QString& appName, uint, const QString&, const QString& summary, const QString& body,
+              const QStringList&, const QVariantMap&, int) {
+    QMutexLocker lock(&mutex_);
+    shown_.append(appName + ": " + summary + ": " + body);
+    return uint(shown_.size());
+  }
+
+ private:
+  mutable QMutex mutex_;
+  QStringList shown_;
+};
 
 class DesktopBus : public ::testing::Test {
  protected:
@@ -266,7 +293,7 @@ TEST_F(DesktopBus, ASecondLaunchHandsItsFilesToTheRunningBatch) {
   EXPECT_EQ(processes_.front()->state(), QProcess::Running);
 }
 
-TEST_F(DesktopBus, CompressCommandGoesThroughTheRunningInstanceOrWorksAlone) {
+TEST_F(DesktopBus, CompressCommandWorksThroughAnInstanceOrAloneAndReportsTheOutcome) {
   saveDefaultProfile("data", path("alone"));
   saveDefaultProfile("instanceData", path("viaInstance"));
   image("a.png");
@@ -286,9 +313,21 @@ TEST_F(DesktopBus, CompressCommandGoesThroughTheRunningInstanceOrWorksAlone) {
   EXPECT_EQ(forwarded.exitCode, 0) << forwarded.err.toStdString();
   EXPECT_EQ(forwarded.out.trimmed(), path("viaInstance/a.webp").toUtf8());
 
+  // With a notification service, the outcome is a notification.
+  QThread sinkThread;
+  NotificationSink sink;
+  sink.moveToThread(&sinkThread);
+  sinkThread.start();
+  ASSERT_TRUE(bus_->registerObject("/org/freedesktop/Notifications", &sink, QDBusConnection::ExportAllSlots));
+  ASSERT_TRUE(bus_->registerService("org.freedesktop.Notifications"));
   Run failed = run({"--compress"}, environment());
+  bus_->unregisterService("org.freedesktop.Notifications");
+  bus_->unregisterObject("/org/freedesktop/Notifications");
+  sinkThread.quit();
+  sinkThread.wait();
   EXPECT_EQ(failed.exitCode, 1);
-  EXPECT_TRUE(failed.err.contains("Choisissez au moins une image")) << failed.err.toStdString();
+  EXPECT_TRUE(failed.err.isEmpty()) << failed.err.toStdString();
+  EXPECT_EQ(sink.shown(), QStringList{"Quillane: Échec de la compression: Choisissez au moins une image à compresser."});
 }
 
 // The launcher entry: files open in the window, the action compresses them, and every
@@ -320,3 +359,5 @@ TEST(DesktopEntry, OpensAndCompressesFilesInEveryLanguage) {
 
 }  // namespace
 }  // namespace quillane
+
+#include "desktop_bus_test.moc"
