@@ -9,6 +9,7 @@
 #include "hotfolders/HotFoldersManager.h"
 #include "services/LanguageManager.h"
 #include "services/UpdateChecker.h"
+#include "ui/HotFoldersSettingsView.h"
 #include "ui/MainWindow.h"
 #include "ui/SettingsWindow.h"
 #include "QuillaneVersion.h"
@@ -68,8 +69,12 @@ std::unique_ptr<QWidget> QuillaneApp::createMainWindow() {
   auto window = std::make_unique<ui::MainWindow>(*viewModel_);
   ui::MainWindow* main = window.get();
   main->setSettingsOpener([this, main] {
-    ui::SettingsWindow::showFor(main, {*viewModel_, *apiController_, *updateChecker_, LanguageManager::shared(),
-                                       &main->panels()});
+    ui::SettingsWindow* settings = ui::SettingsWindow::showFor(
+        main, {*viewModel_, *apiController_, *updateChecker_, LanguageManager::shared(), &main->panels()});
+    if (!settings->findChild<ui::HotFoldersSettingsView*>()) {
+      settings->insertHotFoldersPane(new ui::HotFoldersSettingsView(
+          *hotFoldersManager_, *viewModel_, ui::HotFoldersSettingsView::folderChooser(&main->panels())));
+    }
   });
   return window;
 }

@@ -10,6 +10,7 @@
 
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"
+#include "hotfolders/HotFoldersManager.h"
 #include "records/ExportProfile.h"
 #include "services/AppLanguage.h"
 #include "services/LanguageManager.h"
@@ -19,6 +20,7 @@
 #include "ui/ComparisonView.h"
 #include "ui/ControlsBar.h"
 #include "ui/HistoryPopover.h"
+#include "ui/HotFoldersSettingsView.h"
 #include "ui/ImageListView.h"
 #include "ui/MainWindow.h"
 #include "ui/SettingsWindow.h"
@@ -159,15 +161,27 @@ class SettingsScreenshots : public ScreenshotTest {
     auto window = std::make_unique<ui::SettingsWindow>(
         ui::SettingsWindow::Services{*model_, *controller_, *checker_, *languages_, nullptr});
     window->setAttribute(Qt::WA_DeleteOnClose, false);
+    if (!hotFolders_) {
+      // One working folder, and one whose source is missing, so that the error log has a line.
+      QDir(dir_.path()).mkpath("camera");
+      HotFolders::save({{QUuid::createUuid(), "Camera", dir_.filePath("camera"), dir_.filePath("camera-small"),
+                         QString("Web"), std::nullopt, std::nullopt, true},
+                        {QUuid::createUuid(), "Scans", dir_.filePath("scans"), dir_.filePath("scans-small"),
+                         std::nullopt, ImageFormat::jxl, 80.0, true}});
+      hotFolders_ = std::make_unique<HotFoldersManager>();
+    }
+    window->insertHotFoldersPane(new ui::HotFoldersSettingsView(*hotFolders_, *model_, {}));
     return window;
   }
   void TearDown() override {
+    hotFolders_.reset();
     controller_.reset();
     checker_.reset();
     languages_.reset();
     LocalAPISettings::setEnabled(false);
     ScreenshotTest::TearDown();
   }
+  std::unique_ptr<HotFoldersManager> hotFolders_;
   std::unique_ptr<LocalAPIController> controller_;
   std::unique_ptr<UpdateChecker> checker_;
   std::unique_ptr<LanguageManager> languages_;

@@ -1,0 +1,138 @@
+// The hot folders tab against a real manager: the form's rules (name, folders that resolve to
+// one, profile against explicit settings), the enabled switch, and the two log sections.
+#include <QCheckBox>
+#include <QGroupBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QSlider>
+
+#include <unistd.h>
+
+#include "hotfolders/HotFoldersManager.h"
+#include "records/ExportProfile.h"
+#include "tests/ui/ui_test_support.h"
+#include "ui/HotFoldersSettingsView.h"
+#include "ui/UiText.h"
+
+namespace quillane::uitest {
+namespace {
+
+class HotFoldersPaneTest : public UiFixture {
+ protected:
+  void SetUp() override {
+    UiFixture::SetUp();
+    for (const char* folder : {"in", "out"}) QDir(dir_.path()).mkpath(folder);
+  }
+  void TearDown() override {
+    pane_.reset();
+    manager_.reset();
+    UiFixture::TearDown();
+  }
+  ui::HotFoldersSettingsView& pane() {
+    if (!model_) makeModel();
+    if (!manager_) manager_ = std::make_unique<HotFoldersManager>();
+    if (!pane_) {
+      pane_ = std::make_unique<ui::HotFoldersSettingsView>(*manager_, *model_, [this](const auto&) {
+        return std::optional<QString>(chosen_);
+      });
+    }
+    return *pane_;
+  }
+  void choose(const QString& source, const QString& destination) {
+    chosen_ = source;
+    pane().chooseSource();
+    chosen_ = destination;
+    pane().chooseDestination();
+  }
+  QStringList texts(QWidget* section) const {
+    QStringList out;
+    for (QLabel* label : section->findChildren<QLabel*>()) out << label->text();
+    return out;
+  }
+
+  QString in_ = dir_.filePath("in"), out_ = dir_.filePath("out");
+  QString chosen_;
+  std::unique_ptr<HotFoldersManager> manager_;
+  std::unique_ptr<ui::HotFoldersSettingsView> pane_;
+};
+
+TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersEvenThroughALink) {
+  const QString link = dir_.filePath("link");
+  ASSERT_EQ(::symlink(QFile::encodeName(out_).constData(), QFile::encodeName(link).constData()), 0);
+  pane().nameField()->setText("  \t");
+  choose(in_, out_);
+  EXPECT_FALSE(pane().isFormValid());
+  pane().nameField()->setText(" Camera ");
+  EXPECT_TRUE(pane().saveButton()->isEnabled());
+  choose(link, out_);
+  EXPECT_FALSE(pane().saveButton()->isEnabled());
+  EXPECT_FALSE(pane().sameFolderWarning()->isHidden());
+  pane().save();
+  EXPECT_TRUE(manager_->hotFolders().empty());
+
+  choose(in_, out_);
+  pane().setNewQuality(62);
+  pane().save();
+  ASSERT_EQ(manager_->hotFolders().size(), 1u);
+  const HotFolder saved = manager_->hotFolders()[0];
+  EXPECT_EQ(saved.name, "Camera");
+  EXPECT_EQ(saved.format, ImageFormat::jpeg);
+  EXPECT_EQ(saved.quality, 62.0);
+  EXPECT_FALSE(pane().editingID());  // the form is blank again
+}
+
+TEST_F(HotFoldersPaneTest, AProfileReplacesFormatAndQualityWhichComeBackWithoutIt) {
+  makeModel();
+  model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, false});
+  pane().nameField()->setText("Shots");
+  choose(in_, out_);
+  pane().setNewFormat(ImageFormat::avif);
+  pane().setNewProfileName(QString("Web"));
+  EXPECT_TRUE(pane().formatButton()->isHidden());
+  EXPECT_EQ(pane().profileButton()->text(), "Web");
+  pane().setNewProfileName(std::nullopt);
+  EXPECT_EQ(pane().formatButton()->text(), "AVIF");
+  pane().setNewProfileName(QString("Web"));
+  pane().save();
+  const HotFolder saved = manager_->hotFolders().at(0);
+  EXPECT_EQ(saved.profileName, QString("Web"));
+  EXPECT_FALSE(saved.format || saved.quality);
+  EXPECT_EQ(ui::HotFoldersSettingsView::subtitle(saved), in_ + " → " + out_ + " · Web");
+
+  pane().startEditing(saved);
+  pane().setNewProfileName(std::nullopt);
+  EXPECT_EQ(pane().formatButton()->text(), "JPEG");
+  EXPECT_EQ(pane().qualitySlider()->value(), 75);
+}
+
+TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
+  // 30 folders whose source is missing: 30 error lines at launch.
+  HotFolderList folders;
+  for (int i = 0; i < 30; ++i) {
+    folders.push_back({QUuid::createUuid(), QString("F%1").arg(i), dir_.filePath("missing"), out_, std::nullopt,
+                       ImageFormat::png, 50.0, true});
+  }
+  folders.push_back({QUuid::createUuid(), "Live", in_, out_, std::nullopt, ImageFormat::webp, 80.0, true});
+  HotFolders::save(folders);
+  pane();
+  ASSERT_TRUE(manager_->isRunning(folders.back().id));
+  EXPECT_EQ(pane().errorActivities().size(), 30u);
+  const QStringList errors = texts(pane().errorSection());
+  EXPECT_TRUE(errors.contains("F29 — ") && errors.contains("F10 — ") && !errors.contains("F9 — "));
+  EXPECT_TRUE(texts(pane().activitySection()).contains("F25 — "));
+
+  QList<QCheckBox*> switches = pane().existingSection()->findChildren<QCheckBox*>("enabledSwitch");
+  ASSERT_EQ(switches.size(), 31);
+  switches.back()->setChecked(false);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !manager_->isRunning(folders.back().id); }, 5000));
+  EXPECT_FALSE(manager_->hotFolders().back().isEnabled);
+
+  pane().clearActivityButton()->click();
+  EXPECT_TRUE(texts(pane().errorSection()).contains(ui::text("settings.hotFolders.errorLogEmpty", "Aucune erreur")));
+  EXPECT_TRUE(texts(pane().activitySection())
+                  .contains(ui::text("settings.hotFolders.activityEmpty", "Aucune activité pour l'instant")));
+}
+
+}  // namespace
+}  // namespace quillane::uitest

@@ -1,0 +1,445 @@
+#include "ui/HotFoldersSettingsView.h"
+
+#include <QCheckBox>
+#include <QDir>
+#include <QFormLayout>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QSignalBlocker>
+#include <QSlider>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+#include "batch/BatchViewModel.h"
+#include "hotfolders/HotFoldersManager.h"
+#include "records/ExportProfile.h"
+#include "ui/DesktopPanels.h"
+#include "ui/Icons.h"
+#include "ui/QualityControls.h"
+#include "ui/SettingsForm.h"
+#include "ui/UiText.h"
+
+namespace quillane::ui {
+namespace {
+
+constexpr int kActivityShown = 5;
+constexpr int kErrorsShown = 20;
+
+QString formatLabel(ImageFormat format) { return QString::fromUtf8(std::string(ImageFormats::label(format))); }
+QString pathText(const QString& path) { return QDir::toNativeSeparators(path); }
+
+void clearLayout(QVBoxLayout* layout) {
+  while (QLayoutItem* item = layout->takeAt(0)) {
+    if (QWidget* widget = item->widget()) widget->deleteLater();
+    delete item;
+  }
+}
+
+QLabel* elidedNote(const QString& text, QWidget* parent) {
+  QLabel* label = makeNote(text, parent);
+  label->setWordWrap(false);
+  label->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  label->setToolTip(text);
+  return label;
+}
+
+}  // namespace
+
+QString HotFoldersSettingsView::subtitle(const HotFolder& hotFolder) {
+  QString result = pathText(hotFolder.sourceFolder) + QStringLiteral(" → ") + pathText(hotFolder.destinationFolder);
+  if (hotFolder.profileName) {
+    result += QStringLiteral(" · ") + *hotFolder.profileName;
+  } else if (hotFolder.format) {
+    result += QStringLiteral(" · ") + formatLabel(*hotFolder.format);
+    if (hotFolder.quality) result += QLatin1Char(' ') + QString::number(int(*hotFolder.quality)) + QLatin1Char('%');
+  }
+  return result;
+}
+
+HotFoldersSettingsView::FolderChooser HotFoldersSettingsView::folderChooser(DesktopPanels* panels) {
+  return [panels](const std::optional<QString>& start) -> std::optional<QString> {
+    if (!panels) return std::nullopt;
+    const std::optional<QUrl> chosen =
+        panels->chooseFolder(start ? std::optional<QUrl>(QUrl::fromLocalFile(*start)) : std::nullopt);
+    return chosen ? std::optional<QString>(chosen->toLocalFile()) : std::nullopt;
+  };
+}
+
+HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, BatchViewModel& viewModel,
+                                               FolderChooser chooseFolder, QWidget* parent)
+    : QWidget(parent), manager_(manager), viewModel_(viewModel), chooseFolder_(std::move(chooseFolder)) {
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(0, 0, 0, 0);
+  layout->setSpacing(12);
+  layout->addWidget(makeNote(text("settings.hotFolders.enableHelp",
+                                  "Les images déposées dans un dossier surveillé sont compressées automatiquement "
+                                  "dans son dossier de destination tant que Quillane est ouvert."),
+                             this));
+
+  existing_ = new QGroupBox(text("settings.hotFolders.existingSection", "Dossiers surveillés"), this);
+  rows_ = new QVBoxLayout(existing_);
+  layout->addWidget(existing_);
+
+  // The form.
+  form_ = new QGroupBox(this);
+  auto* form = new QFormLayout(form_);
+  form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
+  form->setRowWrapPolicy(QFormLayout::WrapLongRows);
+  name_ = new QLineEdit(form_);
+  name_->setPlaceholderText(text("settings.hotFolders.nameHelp", "Par exemple : Captures d'écran"));
+  connect(name_, &QLineEdit::textChanged, this, &HotFoldersSettingsView::refreshForm);
+  connect(name_, &QLineEdit::returnPressed, this, &HotFoldersSettingsView::save);
+  form->addRow(text("settings.profiles.nameField", "Nom"), name_);
+
+  auto folderPicker = [this, form](const char* key, const char* french, QLabel*& label, void (HotFoldersSettingsView::*choose)()) {
+    auto* row = new QHBoxLayout;
+    label = new QLabel(form_);
+    label->setMinimumWidth(60);
+    label->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    auto* button = new QPushButton(text("settings.profiles.chooseFolder", "Choisir…"), form_);
+    connect(button, &QPushButton::clicked, this, choose);
+    row->addWidget(label, 1);
+    row->addWidget(button);
+    form->addRow(text(key, french), row);
+  };
+  folderPicker("settings.hotFolders.sourceField", "Dossier surveillé", sourceLabel_,
+               &HotFoldersSettingsView::chooseSource);
+  folderPicker("settings.profiles.folderField", "Dossier de destination", destinationLabel_,
+               &HotFoldersSettingsView::chooseDestination);
+  sameFolderWarning_ = new QLabel(text("settings.hotFolders.sameFolderWarning",
+                                       "La source et la destination doivent être des dossiers différents."),
+                                  form_);
+  sameFolderWarning_->setWordWrap(true);
+  sameFolderWarning_->setStyleSheet(QStringLiteral("color: %1").arg(Icons::orangeColor().name()));
+  form->addRow(sameFolderWarning_);
+
+  profileButton_ = new QPushButton(form_);
+  profileMenu_ = new QMenu(profileButton_);
+  profileButton_->setMenu(profileMenu_);
+  form->addRow(text("settings.hotFolders.profileField", "Profil"), profileButton_);
+
+  formatButton_ = new QPushButton(form_);
+  formatButton_->setFixedWidth(120);
+  formatMenu_ = new QMenu(formatButton_);
+  for (ImageFormat format : ImageFormats::allCases) {
+    QAction* action = formatMenu_->addAction(formatLabel(format));
+    action->setData(int(format));
+    connect(action, &QAction::triggered, this, [this, format] { setNewFormat(format); });
+  }
+  formatButton_->setMenu(formatMenu_);
+  formatRowLabel_ = new QLabel(text("format.label", "Format"), form_);
+  formatRow_ = formatButton_;
+  form->addRow(formatRowLabel_, formatButton_);
+
+  qualityRow_ = new QWidget(form_);
+  auto* qualityLayout = new QHBoxLayout(qualityRow_);
+  qualityLayout->setContentsMargins(0, 0, 0, 0);
+  quality_ = new QSlider(Qt::Horizontal, qualityRow_);
+  quality_->setRange(1, 100);
+  qualityReadout_ = new QLabel(qualityRow_);
+  qualityReadout_->setFixedWidth(44);
+  qualityReadout_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+  connect(quality_, &QSlider::valueChanged, this, [this](int value) {
+    newQuality_ = value;
+    refreshForm();
+  });
+  qualityLayout->addWidget(quality_, 1);
+  qualityLayout->addWidget(qualityReadout_);
+  qualityRowLabel_ = new QLabel(text("quality.label", "Qualité"), form_);
+  form->addRow(qualityRowLabel_, qualityRow_);
+
+  isEnabled_ = new QCheckBox(text("settings.hotFolders.enabledToggle", "Activé"), form_);
+  form->addRow(isEnabled_);
+
+  auto* buttons = new QHBoxLayout;
+  buttons->addStretch(1);
+  cancel_ = new QPushButton(text("settings.profiles.cancelEdit", "Annuler"), form_);
+  save_ = new QPushButton(form_);
+  makeProminent(save_);
+  connect(cancel_, &QPushButton::clicked, this, &HotFoldersSettingsView::resetForm);
+  connect(save_, &QPushButton::clicked, this, &HotFoldersSettingsView::save);
+  buttons->addWidget(cancel_);
+  buttons->addWidget(save_);
+  form->addRow(buttons);
+  layout->addWidget(form_);
+
+  // Recent activity, with its clear button, and the error log.
+  activity_ = new QGroupBox(text("settings.hotFolders.activitySection", "Activité récente"), this);
+  auto* activityLayout = new QVBoxLayout(activity_);
+  auto* header = new QHBoxLayout;
+  header->addStretch(1);
+  clearActivity_ = new QPushButton(text("common.clearAll", "Tout effacer"), activity_);
+  clearActivity_->setToolTip(text("settings.hotFolders.clearActivityHelp", "Effacer l'activité récente"));
+  connect(clearActivity_, &QPushButton::clicked, this, [this] { manager_.clearActivity(); });
+  header->addWidget(clearActivity_);
+  activityLayout->addLayout(header);
+  activityLines_ = new QVBoxLayout;
+  activityLayout->addLayout(activityLines_);
+  layout->addWidget(activity_);
+
+  errors_ = new QGroupBox(text("settings.hotFolders.errorLogSection", "Erreurs"), this);
+  errorLines_ = new QVBoxLayout(errors_);
+  layout->addWidget(errors_);
+  layout->addStretch(1);
+
+  connect(&manager_, &HotFoldersManager::hotFoldersChanged, this, &HotFoldersSettingsView::rebuildList);
+  connect(&manager_, &HotFoldersManager::progressChanged, this, &HotFoldersSettingsView::refreshProgress);
+  connect(&manager_, &HotFoldersManager::recentActivityChanged, this, &HotFoldersSettingsView::rebuildActivity);
+  connect(&viewModel_, &BatchViewModel::exportProfilesChanged, this, &HotFoldersSettingsView::rebuildProfileMenu);
+  rebuildList();
+  rebuildActivity();
+  resetForm();
+}
+
+bool HotFoldersSettingsView::isFormValid() const {
+  return !name_->text().trimmed().isEmpty() && newSourceFolder_ && newDestinationFolder_ &&
+         !HotFolders::isSameFolder(*newSourceFolder_, *newDestinationFolder_);
+}
+
+void HotFoldersSettingsView::save() {
+  if (!isFormValid()) return;
+  HotFolder hotFolder;
+  hotFolder.id = editingID_.value_or(QUuid::createUuid());
+  hotFolder.name = name_->text().trimmed();
+  hotFolder.sourceFolder = *newSourceFolder_;
+  hotFolder.destinationFolder = *newDestinationFolder_;
+  hotFolder.profileName = newProfileName_;
+  if (!newProfileName_) {
+    hotFolder.format = newFormat_;
+    hotFolder.quality = newQuality_;
+  }
+  hotFolder.isEnabled = isEnabled_->isChecked();
+  manager_.upsert(hotFolder);
+  resetForm();
+}
+
+void HotFoldersSettingsView::startEditing(const HotFolder& hotFolder) {
+  editingID_ = hotFolder.id;
+  name_->setText(hotFolder.name);
+  newSourceFolder_ = hotFolder.sourceFolder;
+  newDestinationFolder_ = hotFolder.destinationFolder;
+  newProfileName_ = hotFolder.profileName;
+  newFormat_ = hotFolder.format.value_or(ImageFormat::jpeg);
+  isEnabled_->setChecked(hotFolder.isEnabled);
+  setNewQuality(hotFolder.quality.value_or(75));
+}
+
+void HotFoldersSettingsView::resetForm() {
+  editingID_.reset();
+  name_->clear();
+  newSourceFolder_.reset();
+  newDestinationFolder_.reset();
+  newProfileName_.reset();
+  newFormat_ = ImageFormat::jpeg;
+  isEnabled_->setChecked(true);
+  setNewQuality(75);
+}
+
+void HotFoldersSettingsView::chooseSource() {
+  if (!chooseFolder_) return;
+  if (auto folder = chooseFolder_(newSourceFolder_)) newSourceFolder_ = *folder;
+  refreshForm();
+}
+
+void HotFoldersSettingsView::chooseDestination() {
+  if (!chooseFolder_) return;
+  if (auto folder = chooseFolder_(newDestinationFolder_)) newDestinationFolder_ = *folder;
+  refreshForm();
+}
+
+void HotFoldersSettingsView::setNewProfileName(const std::optional<QString>& name) {
+  newProfileName_ = name;
+  refreshForm();
+}
+
+void HotFoldersSettingsView::setNewFormat(ImageFormat format) {
+  newFormat_ = format;
+  refreshForm();
+}
+
+void HotFoldersSettingsView::setNewQuality(double quality) {
+  // The slider moves in whole steps; a stored 80.5 stays 80.5 unless the slider is moved.
+  newQuality_ = quality;
+  const QSignalBlocker block(quality_);
+  quality_->setValue(int(quality));
+  refreshForm();
+}
+
+std::vector<HotFolderActivity> HotFoldersSettingsView::errorActivities() const {
+  std::vector<HotFolderActivity> lines;
+  for (const HotFolderActivity& line : manager_.recentActivity()) {
+    if (line.isError()) lines.push_back(line);
+  }
+  return lines;
+}
+
+void HotFoldersSettingsView::refreshForm() {
+  const bool editing = editingID_.has_value();
+  form_->setTitle(editing ? text("settings.hotFolders.editSection", "Modifier le dossier surveillé")
+                          : text("settings.hotFolders.addSection", "Nouveau dossier surveillé"));
+  const QString none = text("settings.profiles.folderNone", "Aucun");
+  sourceLabel_->setText(newSourceFolder_ ? pathText(*newSourceFolder_) : none);
+  sourceLabel_->setToolTip(sourceLabel_->text());
+  destinationLabel_->setText(newDestinationFolder_ ? pathText(*newDestinationFolder_) : none);
+  destinationLabel_->setToolTip(destinationLabel_->text());
+  sameFolderWarning_->setVisible(newSourceFolder_ && newDestinationFolder_ &&
+                                 HotFolders::isSameFolder(*newSourceFolder_, *newDestinationFolder_));
+  rebuildProfileMenu();
+  // Format and quality belong to the form only while no profile is chosen; they keep their
+  // values meanwhile.
+  const bool explicitSettings = !newProfileName_.has_value();
+  for (QWidget* widget : {static_cast<QWidget*>(formatRowLabel_), formatRow_, static_cast<QWidget*>(qualityRowLabel_),
+                          qualityRow_}) {
+    widget->setVisible(explicitSettings);
+  }
+  formatButton_->setText(formatLabel(newFormat_));
+  for (QAction* action : formatMenu_->actions()) {
+    action->setIcon(action->data().toInt() == int(newFormat_) ? Icons::icon("checkmark") : QIcon());
+  }
+  qualityReadout_->setText(QString::number(int(newQuality_)) + QLatin1Char('%'));
+  cancel_->setVisible(editing);
+  save_->setText(editing ? text("settings.profiles.update", "Enregistrer les modifications")
+                         : text("settings.profiles.save", "Ajouter"));
+  save_->setEnabled(isFormValid());
+}
+
+// What exists now; a stored name whose profile is gone still stands on the button.
+void HotFoldersSettingsView::rebuildProfileMenu() {
+  const QString noProfile = text("settings.hotFolders.noProfile", "Aucun profil");
+  profileButton_->setText(newProfileName_.value_or(noProfile));
+  profileMenu_->clear();
+  auto add = [this](const QString& label, const std::optional<QString>& name) {
+    QAction* action = profileMenu_->addAction(label);
+    if (name == newProfileName_) action->setIcon(Icons::icon("checkmark"));
+    connect(action, &QAction::triggered, this, [this, name] { setNewProfileName(name); });
+  };
+  add(noProfile, std::nullopt);
+  for (const ExportProfile& profile : viewModel_.exportProfiles()) add(profile.name, profile.name);
+}
+
+void HotFoldersSettingsView::rebuildList() {
+  clearLayout(rows_);
+  progressWidgets_.clear();
+  existing_->setVisible(!manager_.hotFolders().empty());
+  for (const HotFolder& hotFolder : manager_.hotFolders()) rows_->addWidget(makeRow(hotFolder));
+  refreshProgress();
+  if (editingID_ && std::none_of(manager_.hotFolders().begin(), manager_.hotFolders().end(),
+                                 [&](const HotFolder& folder) { return folder.id == *editingID_; })) {
+    resetForm();  // the folder being edited was deleted
+  }
+}
+
+QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
+  auto* row = new QWidget(existing_);
+  auto* outer = new QVBoxLayout(row);
+  outer->setContentsMargins(0, 2, 0, 2);
+  auto* line = new QHBoxLayout;
+  auto* texts = new QVBoxLayout;
+  texts->setSpacing(1);
+  auto* name = new QLabel(hotFolder.name, row);
+  name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  texts->addWidget(name);
+  texts->addWidget(elidedNote(subtitle(hotFolder), row));
+  line->addLayout(texts, 1);
+
+  auto* enabled = new QCheckBox(text("settings.hotFolders.enabledToggle", "Activé"), row);
+  enabled->setObjectName(QStringLiteral("enabledSwitch"));
+  enabled->setChecked(hotFolder.isEnabled);
+  const HotFolder copy = hotFolder;
+  // Queued: the switch's own row is rebuilt by the change it makes.
+  connect(enabled, &QCheckBox::toggled, this, [this, copy](bool on) {
+    HotFolder changed = copy;
+    changed.isEnabled = on;
+    QMetaObject::invokeMethod(this, [this, changed] { manager_.upsert(changed); }, Qt::QueuedConnection);
+  });
+  auto* edit = new QToolButton(row);
+  edit->setAutoRaise(true);
+  edit->setIcon(Icons::icon("pencil"));
+  edit->setObjectName(QStringLiteral("editButton"));
+  connect(edit, &QToolButton::clicked, this, [this, copy] { startEditing(copy); });
+  auto* remove = new QToolButton(row);
+  remove->setAutoRaise(true);
+  remove->setIcon(Icons::tinted("trash", Icons::redColor(palette())));
+  remove->setObjectName(QStringLiteral("deleteButton"));
+  // No confirmation is asked; queued for the same reason as the switch.
+  connect(remove, &QToolButton::clicked, this, [this, copy] {
+    QMetaObject::invokeMethod(this, [this, copy] { manager_.remove(copy); }, Qt::QueuedConnection);
+  });
+  line->addWidget(enabled);
+  line->addWidget(edit);
+  line->addWidget(remove);
+  outer->addLayout(line);
+
+  auto* bar = new QProgressBar(row);
+  bar->setTextVisible(false);
+  bar->setMaximumHeight(8);
+  QLabel* count = makeNote(QString(), row);
+  count->setObjectName(QStringLiteral("progressText"));
+  outer->addWidget(bar);
+  outer->addWidget(count);
+  progressWidgets_[hotFolder.id] = {bar, count};
+  return row;
+}
+
+void HotFoldersSettingsView::refreshProgress() {
+  for (auto& [id, widgets] : progressWidgets_) {
+    const std::optional<HotFolderProgress> progress = manager_.progress(id);
+    auto [bar, count] = widgets;
+    bar->setVisible(progress.has_value());
+    count->setVisible(progress.has_value());
+    if (!progress) continue;
+    bar->setRange(0, progress->total);
+    bar->setValue(progress->completed);
+    count->setText(format("settings.hotFolders.progressFormat", "%1$lld fichiers sur %2$lld",
+                          {integerArg(progress->completed), integerArg(progress->total)}));
+  }
+}
+
+QWidget* HotFoldersSettingsView::makeActivityLine(const HotFolderActivity& activity, bool errorOnly,
+                                                  QWidget* parent) {
+  auto* line = new QWidget(parent);
+  auto* layout = new QVBoxLayout(line);
+  layout->setContentsMargins(0, 1, 0, 1);
+  layout->setSpacing(1);
+  auto* first = new QLabel(activity.hotFolderName + QStringLiteral(" — ") + activity.sourceFileName, line);
+  first->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  layout->addWidget(first);
+  if (activity.error) {
+    auto* error = new QLabel(*activity.error, line);
+    error->setWordWrap(true);
+    error->setStyleSheet(QStringLiteral("color: %1").arg(Icons::redColor(palette()).name()));
+    layout->addWidget(error);
+  } else if (activity.destinationURL && !errorOnly) {
+    layout->addWidget(elidedNote(pathText(*activity.destinationURL), line));
+  }
+  return line;
+}
+
+void HotFoldersSettingsView::rebuildActivity() {
+  clearLayout(activityLines_);
+  const auto& lines = manager_.recentActivity();
+  clearActivity_->setVisible(!lines.empty());
+  if (lines.empty()) {
+    activityLines_->addWidget(
+        makeNote(text("settings.hotFolders.activityEmpty", "Aucune activité pour l'instant"), activity_));
+  }
+  for (size_t i = 0; i < lines.size() && i < size_t(kActivityShown); ++i) {
+    activityLines_->addWidget(makeActivityLine(lines[i], false, activity_));
+  }
+
+  clearLayout(errorLines_);
+  const std::vector<HotFolderActivity> errors = errorActivities();
+  if (errors.empty()) {
+    errorLines_->addWidget(makeNote(text("settings.hotFolders.errorLogEmpty", "Aucune erreur"), errors_));
+  }
+  for (size_t i = 0; i < errors.size() && i < size_t(kErrorsShown); ++i) {
+    errorLines_->addWidget(makeActivityLine(errors[i], true, errors_));
+  }
+}
+
+}  // namespace quillane::ui
