@@ -5,7 +5,9 @@
 //                                            layout chosen, the decision's CPU time in ms
 //   chroma_bench encode IN FORMAT Q LAYOUT OUT
 //                                            FORMAT avif, heic or jpeg; Q the slider's 1...100;
-//                                            LAYOUT auto, 420 or 444; prints bytes and layout
+//                                            LAYOUT auto, 420 or 444; prints bytes, layout and
+//                                            the encode's process CPU time in ms; IN may also be
+//                                            screenshot:WxH or photo:WxH, generated
 //   chroma_bench time                        CPU time of the measure on 12 MP pictures
 //
 // Pictures are read by the engine's own decoder; alpha is kept where the file has it (JPEG
@@ -14,6 +16,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -35,7 +38,14 @@ double cpuMilliseconds() {
   return t.tv_sec * 1e3 + t.tv_nsec / 1e6;
 }
 
+// A file, or "screenshot:WxH" / "photo:WxH" for a generated picture (tests/support/TestImages.h).
 DecodedImage load(const std::string& path) {
+  for (auto [prefix, pattern] : {std::pair{"screenshot:", testing::Pattern::screenshot},
+                                 std::pair{"photo:", testing::Pattern::photo}}) {
+    int w = 0, h = 0;
+    if (path.rfind(prefix, 0) == 0 && std::sscanf(path.c_str() + std::strlen(prefix), "%dx%d", &w, &h) == 2)
+      return testing::makeImage(w, h, pattern, 1, false);
+  }
   const auto bytes = FileIO::readFile(path);
   return NativeImageIOEncoder::straightEightBit(ImageService::decodeFirstFrame(bytes));
 }
@@ -99,6 +109,7 @@ int encode(char** argv) {
   const double quality = std::clamp(std::atof(argv[2]) / 100.0, 0.0, format == "avif" ? 0.99 : 1.0);
   const bool alpha = format != "jpeg" && hasTransparency(image);
   codecs::Bytes out;
+  const double start = cpuMilliseconds();
   ChromaLayout layout = ChromaLayout::automatic;
   if (format == "jpeg") {
     auto s = codecs::jpegSettings(quality);
@@ -116,8 +127,9 @@ int encode(char** argv) {
     layout = s.chroma;
     out = codecs::writeAvif(image, alpha, s, std::nullopt);
   }
+  const double spent = cpuMilliseconds() - start;
   FileIO::writeFileAtomically(argv[4], out);
-  std::printf("%zu %s\n", out.size(), codecs::usesFullChroma(layout, image, alpha) ? "444" : "420");
+  std::printf("%zu %s %.0f\n", out.size(), codecs::usesFullChroma(layout, image, alpha) ? "444" : "420", spent);
   return 0;
 }
 
