@@ -250,7 +250,7 @@ void LocalAPIRouter::exportSingleImage(const std::string& idSegment, const Local
   whenFinished(this, viewModel_.waitForEncodingToFinish(wait), [this, image, destination, reply] {
     ExportOutcome outcome{image, std::nullopt, std::nullopt};
     if (viewModel_.exportSingle(image, destination)) {
-      outcome.destinationURL = destination;
+      outcome.destinationURL = image->lastExportDestination();  // renamed if it was a source
     } else {
       outcome.errorDescription = image->exportError();
     }

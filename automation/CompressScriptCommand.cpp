@@ -1,6 +1,9 @@
 #include "automation/CompressScriptCommand.h"
 
+#include <QFile>
 #include <QUrl>
+
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -33,24 +36,33 @@ ScriptCommandError ScriptCommandError::missingOutputDirectory() {
                          "Dossier de destination manquant : passez \"to\" ou un profil qui en a un."));
 }
 
+ScriptCommandError ScriptCommandError::folderUnusable(const std::string& folder, const std::string& reason) {
+  return ScriptCommandError(folder + ": " + reason);
+}
+
 namespace CompressScriptCommand {
 namespace {
+
+std::string bytes(const QString& path) { return QFile::encodeName(path).toStdString(); }
 
 bool isList(const QVariant& value) {
   const int type = value.typeId();
   return type == QMetaType::QVariantList || type == QMetaType::QStringList;
 }
 
-void collectPaths(const QVariant& value, QStringList& paths) {
+void collectPaths(const QVariant& value, std::vector<std::string>& paths) {
   if (!value.isValid() || value.isNull()) throw ScriptCommandError::invalidDirectParameter();
   switch (value.typeId()) {
     case QMetaType::QUrl: {
       const QUrl u = value.toUrl();
-      paths.append(u.isLocalFile() ? u.toLocalFile() : u.path());
+      paths.push_back(bytes(u.isLocalFile() ? u.toLocalFile() : u.path()));
       return;
     }
     case QMetaType::QString:
-      paths.append(value.toString());
+      paths.push_back(bytes(value.toString()));
+      return;
+    case QMetaType::QByteArray:
+      paths.push_back(value.toByteArray().toStdString());
       return;
     default:
       break;
@@ -86,60 +98,68 @@ std::optional<QString> profileName(const QVariantMap& arguments) {
   return value.toString();
 }
 
-void createFolder(const std::string& folder) {
+// Makes the folder if needed and checks that files can be made in it, so that a read-only
+// or foreign folder is one error naming it rather than the same error on every file.
+void prepareFolder(const std::string& folder) {
   std::error_code error;
   std::filesystem::create_directories(folder, error);
-  if (error || !std::filesystem::is_directory(folder))
-    throw FileError(folder, error ? error.message() : std::strerror(ENOTDIR));
+  if (error) throw ScriptCommandError::folderUnusable(folder, error.message());
+  if (!std::filesystem::is_directory(folder)) throw ScriptCommandError::folderUnusable(folder, std::strerror(ENOTDIR));
+  if (::access(folder.c_str(), W_OK | X_OK) != 0) throw ScriptCommandError::folderUnusable(folder, std::strerror(errno));
 }
 
-// The file URL's last component without its extension: "a/photo.tar.png" gives "photo.tar".
-QString baseName(const QString& path) {
-  return QString::fromStdString(std::filesystem::path(path.toStdString()).filename().stem().string());
-}
+// The file's last component without its extension, in bytes: "a/photo.tar.png" gives "photo.tar".
+std::string baseName(const std::string& path) { return std::filesystem::path(path).filename().stem().string(); }
 
 }  // namespace
 
-QStringList filePaths(const QVariant& value) {
-  QStringList paths;
+std::vector<std::string> filePaths(const QVariant& value) {
+  std::vector<std::string> paths;
   collectPaths(value, paths);
   return paths;
 }
 
-std::optional<QString> url(const QVariant& value) {
-  if (value.typeId() == QMetaType::QUrl) {
-    const QUrl u = value.toUrl();
-    if (u.isLocalFile()) return u.toLocalFile();
-    return std::nullopt;
+std::optional<std::string> url(const QVariant& value) {
+  switch (value.typeId()) {
+    case QMetaType::QUrl: {
+      const QUrl u = value.toUrl();
+      if (u.isLocalFile()) return bytes(u.toLocalFile());
+      return std::nullopt;
+    }
+    case QMetaType::QString:
+      return bytes(value.toString());
+    case QMetaType::QByteArray:
+      return value.toByteArray().toStdString();
+    default:
+      return std::nullopt;
   }
-  if (value.typeId() == QMetaType::QString) return value.toString();
-  return std::nullopt;
 }
 
 std::string perform(const QVariant& directParameter, const QVariantMap& evaluatedArguments) {
-  const QStringList paths = filePaths(directParameter);
-  if (paths.isEmpty()) throw ScriptCommandError::noFiles();
+  const std::vector<std::string> paths = filePaths(directParameter);
+  if (paths.empty()) throw ScriptCommandError::noFiles();
 
-  const auto resolved = ExportProfileResolver::resolve(profileName(evaluatedArguments),
-                                                       explicitQuality(evaluatedArguments),
-                                                       explicitFormat(evaluatedArguments),
-                                                       url(evaluatedArguments.value(toArgument)));
-  if (!resolved.outputDirectory || resolved.outputDirectory->isEmpty())
-    throw ScriptCommandError::missingOutputDirectory();
-  const std::string folder = resolved.outputDirectory->toStdString();
-  createFolder(folder);
+  // The folder stays in bytes; the resolver only needs to know that one was given.
+  const std::optional<std::string> explicitFolder = url(evaluatedArguments.value(toArgument));
+  const auto resolved = ExportProfileResolver::resolve(
+      profileName(evaluatedArguments), explicitQuality(evaluatedArguments), explicitFormat(evaluatedArguments),
+      explicitFolder ? std::optional<QString>(QFile::decodeName(QByteArray::fromStdString(*explicitFolder)))
+                     : std::nullopt);
+  const std::string folder = explicitFolder ? *explicitFolder
+                             : resolved.outputDirectory ? bytes(*resolved.outputDirectory)
+                                                        : std::string();
+  if (folder.empty()) throw ScriptCommandError::missingOutputDirectory();
+  prepareFolder(folder);
 
-  // Fresh for every command: files of one command never take each other's names, while a
-  // file already in the folder is replaced.
-  ExportFilenameAllocator allocator;
-  const QString extension = QString::fromUtf8(ImageFormats::fileExtension(resolved.format).data(),
-                                              qsizetype(ImageFormats::fileExtension(resolved.format).size()));
+  // Fresh for every command: files of one command never take each other's names, and no
+  // name is one of the command's inputs; any other file already in the folder is replaced.
+  ExportFilenameAllocator allocator(folder, paths);
+  const std::string extension(ImageFormats::fileExtension(resolved.format));
   std::vector<ImageCompressionResult> results;
-  results.reserve(size_t(paths.size()));
-  for (const QString& path : paths) {
-    const QString name = allocator.filename(baseName(path), extension);
-    results.push_back(ImageCompressor::compress(path.toStdString(), folder, resolved.format, resolved.quality,
-                                                name.toStdString()));
+  results.reserve(paths.size());
+  for (const std::string& path : paths) {
+    const std::string name = allocator.filename(baseName(path), extension);
+    results.push_back(ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name));
   }
   return ImageCompressor::jsonString(results);
 }

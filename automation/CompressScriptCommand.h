@@ -13,6 +13,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "engine/Errors.h"
 
@@ -24,6 +25,8 @@ class ScriptCommandError : public QuillaneError {
   static ScriptCommandError noFiles();
   static ScriptCommandError invalidDirectParameter();
   static ScriptCommandError missingOutputDirectory();
+  // The output folder can't be made or written: "<folder>: <the system's text>".
+  static ScriptCommandError folderUnusable(const std::string& folder, const std::string& reason);
 
   const std::string& message() const { return message_; }
   std::string description() const override { return message_; }
@@ -36,7 +39,7 @@ class ScriptCommandError : public QuillaneError {
 namespace CompressScriptCommand {
 
 // Names of the arguments in `evaluatedArguments`.
-inline constexpr char toArgument[] = "to";            // a QUrl, or a QString taken as a path
+inline constexpr char toArgument[] = "to";            // a QUrl, a QString or QByteArray taken as a path
 inline constexpr char formatArgument[] = "format";    // a QString in any case; unknown names ignored
 inline constexpr char qualityArgument[] = "quality";  // a number; any other form ignored
 inline constexpr char profileArgument[] = "profile";  // a QString
@@ -52,20 +55,23 @@ struct Outcome {
 
 // Runs the command: the JSON text of the records on success; on any error of the command
 // itself (no files, a bad direct parameter, no output folder, an unknown profile, a folder
-// that can't be made) no file is touched, json stays empty and the error is reported.
-// Failures of single files stand in the JSON.
+// that can't be made or written) no file is touched, json stays empty and the error is
+// reported. Failures of single files stand in the JSON. No destination is ever the same file
+// as one of the command's inputs: such a name gets the next number ("photo-2.jpg").
 Outcome performDefaultImplementation(const QVariant& directParameter, const QVariantMap& evaluatedArguments);
 
 // The same, raising the command's error (a QuillaneError) instead of reporting it.
 std::string perform(const QVariant& directParameter, const QVariantMap& evaluatedArguments);
 
-// The paths of a direct parameter: a QUrl (its local path), a QString (as it is, with no
-// expansion), or a list of these, nested to any depth, flattened in order. Anything else,
+// The paths of a direct parameter, as file system bytes: a QUrl (its local path), a QString
+// (as it is, with no expansion), a QByteArray (the bytes as they are, for names that are not
+// valid UTF-8), or a list of these, nested to any depth, flattened in order. Anything else,
 // or nothing, raises invalidDirectParameter.
-QStringList filePaths(const QVariant& value);
+std::vector<std::string> filePaths(const QVariant& value);
 
-// A folder argument: a local QUrl's path, a QString as a path, anything else nothing.
-std::optional<QString> url(const QVariant& value);
+// A folder argument as bytes: a local QUrl's path, a QString or QByteArray as a path,
+// anything else nothing.
+std::optional<std::string> url(const QVariant& value);
 
 }  // namespace CompressScriptCommand
 }  // namespace quillane

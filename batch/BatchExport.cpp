@@ -1,29 +1,38 @@
 // Export of BatchViewModel: the bytes already held in memory are written as they are,
-// synchronously on the GUI thread, each file atomically. Nothing is encoded here.
+// synchronously on the GUI thread, each file atomically. Nothing is encoded here, and no
+// export replaces the source of any image of the batch.
 
 #include <QDir>
-#include <QSaveFile>
+#include <QFile>
+#include <QFileInfo>
 
 #include "batch/BatchViewModelPrivate.h"
 #include "batch/ExportFilenameAllocator.h"
 #include "engine/Errors.h"
+#include "engine/FileIO.h"
 #include "engine/Localization.h"
 
 namespace quillane {
 
 namespace batchdetail {
 std::optional<QString> writeFileAtomically(const QString& path, const QByteArray& data) {
-  QSaveFile file(path);
-  if (!file.open(QIODevice::WriteOnly)) return file.errorString();
-  if (file.write(data) != data.size()) {
-    const QString error = file.errorString();
-    file.cancelWriting();
-    return error;
+  try {
+    FileIO::writeFileAtomically(QFile::encodeName(path).toStdString(),
+                                {reinterpret_cast<const uint8_t*>(data.constData()), size_t(data.size())});
+  } catch (const QuillaneError& error) {
+    return QString::fromStdString(error.description());
   }
-  if (!file.commit()) return file.errorString();
   return std::nullopt;
 }
 }  // namespace batchdetail
+
+std::vector<std::string> BatchViewModel::sourcePaths() const {
+  std::vector<std::string> paths;
+  paths.reserve(images_.size());
+  for (const auto& image : images_)
+    if (image->sourceURL().isLocalFile()) paths.push_back(QFile::encodeName(image->sourcePath()).toStdString());
+  return paths;
+}
 
 void BatchViewModel::promptExportAll() {
   if (!panels_) return;
@@ -37,8 +46,11 @@ void BatchViewModel::promptExportAll() {
 
 std::vector<ExportOutcome> BatchViewModel::exportAll(const QUrl& folder) {
   std::vector<ExportOutcome> outcomes;
-  ExportFilenameAllocator allocator;
   const QDir directory(folder.toLocalFile());
+  ExportFilenameAllocator allocator = folder.isLocalFile()
+                                          ? ExportFilenameAllocator(QFile::encodeName(directory.path()).toStdString(),
+                                                                    sourcePaths())
+                                          : ExportFilenameAllocator();
   // A folder that is not a local one gets destinations that fail to write, row by row,
   // rather than names resolved against the working directory.
   auto destinationFor = [&](const QString& name) {
@@ -69,7 +81,17 @@ std::vector<ExportOutcome> BatchViewModel::exportAll(const QUrl& folder) {
 
 bool BatchViewModel::exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url) {
   if (!image) return false;
-  if (image->compressedData()) return writeExport(image, *image->compressedData(), url);
+  if (image->compressedData()) {
+    QUrl destination = url;
+    if (url.isLocalFile()) {
+      // A destination that is a source of the batch gets the next free name beside it.
+      const QFileInfo info(url.toLocalFile());
+      ExportFilenameAllocator allocator(QFile::encodeName(info.path()).toStdString(), sourcePaths());
+      if (allocator.isInput(QFile::encodeName(info.filePath()).toStdString()))
+        destination = QUrl::fromLocalFile(info.dir().filePath(allocator.filename(info.completeBaseName(), info.suffix())));
+    }
+    return writeExport(image, *image->compressedData(), destination);
+  }
   image->setExportError(notEncodedDescription(*image));
   return false;
 }

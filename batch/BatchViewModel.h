@@ -182,7 +182,9 @@ class BatchViewModel : public QObject {
   // Writes every image's compressedData into `folder`, names kept apart within the run,
   // with the extension of the current output format. One outcome per image, in batch order.
   std::vector<ExportOutcome> exportAll(const QUrl& folder);
-  // Writes one image to the file `url`; false (with the row's exportError set) on failure.
+  // Writes one image to the file `url`, or, when `url` is the source of an image of the
+  // batch, to the next free name beside it ("photo-2.jpg"); the row's lastExportDestination
+  // tells which. False (with the row's exportError set) on failure.
   bool exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url);
   // Atomic write of `data` to `url`, recorded in the history on success; the row's
   // exportError tells a failure. Also the retry of a failed export (lastExportDestination).
@@ -266,6 +268,8 @@ class BatchViewModel : public QObject {
 
   // Export and records.
   QString notEncodedDescription(const ImportedImage& image) const;
+  // The local source files of every image, as file system bytes: no export replaces them.
+  std::vector<std::string> sourcePaths() const;
   void recordExport(const ImportedImage& image, const QUrl& destination, const QByteArray& data);
   void loadRecords();
   void setExportHistory(ExportRecordList history);

@@ -1,14 +1,62 @@
 #include "batch/ExportFilenameAllocator.h"
 
+#include <sys/stat.h>
+
 namespace quillane {
+namespace {
+
+// The key two names share when a case-insensitive volume would take them for one. Names that
+// are not valid UTF-8 fold their ASCII letters only.
+QByteArray caseKey(const std::string& name) {
+  const QByteArray bytes = QByteArray::fromStdString(name);
+  const QString text = QString::fromUtf8(bytes);
+  if (text.toUtf8() == bytes) return text.toLower().toUtf8();
+  return bytes.toLower();
+}
+
+std::string candidate(const std::string& base, int n, const std::string& extension) {
+  std::string name = n < 2 ? base : base + "-" + std::to_string(n);
+  return extension.empty() ? name : name + "." + extension;
+}
+
+}  // namespace
+
+ExportFilenameAllocator::ExportFilenameAllocator(std::string folder, const std::vector<std::string>& inputPaths)
+    : folder_(std::move(folder)) {
+  for (const std::string& path : inputPaths) {
+    struct stat st {};
+    // Both the file a link leads to and the link itself: replacing either loses an input.
+    if (::stat(path.c_str(), &st) == 0) inputs_.emplace(st.st_dev, st.st_ino);
+    if (::lstat(path.c_str(), &st) == 0) inputs_.emplace(st.st_dev, st.st_ino);
+  }
+}
+
+bool ExportFilenameAllocator::isInput(const std::string& path) const {
+  if (inputs_.empty()) return false;
+  // The writer replaces a link at the destination rather than writing through it, so what
+  // would be lost is the entry itself: lstat, not stat.
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0 && inputs_.count({st.st_dev, st.st_ino}) > 0;
+}
+
+bool ExportFilenameAllocator::isInputName(const std::string& name) const {
+  if (inputs_.empty()) return false;
+  const std::string folder = folder_.empty() ? std::string(".") : folder_;
+  return isInput(folder.back() == '/' ? folder + name : folder + "/" + name);
+}
+
+std::string ExportFilenameAllocator::filename(const std::string& baseName, const std::string& fileExtension) {
+  for (int n = 1;; ++n) {
+    const std::string name = candidate(baseName, n, fileExtension);
+    const QByteArray key = caseKey(name);
+    if (used_.contains(key) || isInputName(name)) continue;
+    used_.insert(key);
+    return name;
+  }
+}
 
 QString ExportFilenameAllocator::filename(const QString& baseName, const QString& fileExtension) {
-  QString candidate = baseName + QLatin1Char('.') + fileExtension;
-  for (int n = 2; used_.contains(candidate.toLower()); ++n) {
-    candidate = baseName + QLatin1Char('-') + QString::number(n) + QLatin1Char('.') + fileExtension;
-  }
-  used_.insert(candidate.toLower());
-  return candidate;
+  return QString::fromStdString(filename(baseName.toStdString(), fileExtension.toStdString()));
 }
 
 }  // namespace quillane

@@ -1,5 +1,6 @@
 #include "engine/FileIO.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -7,6 +8,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
+#include <mutex>
+#include <string_view>
+#include <unordered_set>
 
 #include "engine/Errors.h"
 
@@ -20,10 +25,46 @@ struct Fd {
 };
 [[noreturn]] void fail(const std::string& path, int err) { throw FileError(path, std::strerror(err)); }
 
-// Creates `path` plus a random suffix, exclusively, with mode 0666 less the umask (as any new
+std::string folderOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+bool isTemporaryName(std::string_view name) {
+  const size_t prefix = sizeof temporaryPrefix - 1, suffix = sizeof temporarySuffix - 1;
+  return name.size() == prefix + 6 + suffix && name.substr(0, prefix) == temporaryPrefix &&
+         name.substr(prefix + 6) == temporarySuffix;
+}
+
+// Temporaries left by a power cut or a kill: removed once per folder per process, when the
+// folder is next written to. A day old, so that a write still running in another process is
+// never touched. Failures are ignored: this is tidying, not the write.
+void removeStaleTemporaries(const std::string& folder) {
+  static std::mutex mutex;
+  static std::unordered_set<std::string> done;
+  {
+    std::lock_guard lock(mutex);
+    if (!done.insert(folder).second) return;
+  }
+  DIR* dir = ::opendir(folder.c_str());
+  if (!dir) return;
+  const int dirFd = ::dirfd(dir);
+  const time_t now = ::time(nullptr);
+  while (const dirent* entry = ::readdir(dir)) {
+    if (!isTemporaryName(entry->d_name)) continue;
+    struct stat st {};
+    if (::fstatat(dirFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) continue;
+    if (now - st.st_mtime > staleTemporaryAgeSeconds) ::unlinkat(dirFd, entry->d_name, 0);
+  }
+  ::closedir(dir);
+}
+
+// Creates folder/.quillane-XXXXXX.tmp exclusively, with mode 0666 less the umask (as any new
 // file). The umask is never read by changing it: that would briefly widen it for every other
 // thread of the process. Returns the descriptor, or -1 with errno set.
-int createTemporary(const std::string& path, std::string& tmp) {
+int createTemporary(const std::string& folder, std::string& tmp) {
   static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
   for (int attempt = 0; attempt < 100; ++attempt) {
     uint8_t random[6] = {};
@@ -31,9 +72,10 @@ int createTemporary(const std::string& path, std::string& tmp) {
       const auto mixed = uint64_t(::getpid()) * 0x9E3779B97F4A7C15ull ^ uint64_t(attempt) ^ uint64_t(uintptr_t(&tmp));
       std::memcpy(random, &mixed, sizeof random);
     }
-    tmp = path + ".";
+    tmp = folder + "/" + temporaryPrefix;
     for (uint8_t r : random) tmp += kLetters[r % (sizeof kLetters - 1)];
-    const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    tmp += temporarySuffix;
+    const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
     if (fd >= 0 || errno != EEXIST) return fd;
   }
   errno = EEXIST;
@@ -64,9 +106,11 @@ std::vector<uint8_t> readFile(const std::string& path) {
 }
 
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes) {
+  const std::string folder = folderOf(path);
+  removeStaleTemporaries(folder);
   std::string tmpl;
   Fd f;
-  f.fd = createTemporary(path, tmpl);
+  f.fd = createTemporary(folder, tmpl);
   if (f.fd < 0) fail(path, errno);
   auto cleanup = [&](int err) {
     ::close(f.fd);

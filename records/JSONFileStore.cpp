@@ -4,10 +4,12 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonParseError>
-#include <QSaveFile>
 #include <QStandardPaths>
 
 #include <mutex>
+
+#include "engine/Errors.h"
+#include "engine/FileIO.h"
 
 namespace quillane::JSONFileStore {
 
@@ -48,13 +50,12 @@ void save(const JsonValue& value, const QString& filename) {
   const QString dir = folder();
   // A failure here shows up as a failed open below, which is dropped like any other.
   QDir().mkpath(dir);
-  QSaveFile file(dir + QLatin1Char('/') + filename);
-  if (!file.open(QIODevice::WriteOnly)) return;
-  if (file.write(text.data(), qint64(text.size())) != qint64(text.size())) {
-    file.cancelWriting();
-    return;
+  try {
+    FileIO::writeFileAtomically(QFile::encodeName(dir + QLatin1Char('/') + filename).toStdString(),
+                                {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+  } catch (const QuillaneError&) {
+    // Dropped without a message, like every failed save; the older file stays whole.
   }
-  file.commit();  // on failure QSaveFile removes its temporary file and leaves the target alone
 }
 
 std::optional<QJsonDocument> load(const QString& filename) {

@@ -10,6 +10,7 @@
 #include <QTemporaryDir>
 #include <QUrl>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "automation/CompressScriptCommand.h"
 #include "records/ExportProfile.h"
@@ -60,10 +61,11 @@ QStringList destinations(const QJsonArray& records) {
 }
 
 TEST(ScriptCommandParameters, PathsComeFromUrlsStringsAndNestedListsInOrder) {
-  QVariantList inner{QString("b.png"), QUrl::fromLocalFile("/x/c d.jpg")};
+  QVariantList inner{QString("b.png"), QUrl::fromLocalFile("/x/c d.jpg"), QByteArray("\xff\xfe.png")};
   QVariant direct = QVariantList{QString("~/a.png"), QVariant(inner), QStringList{"e.webp"}};
-  EXPECT_EQ(CompressScriptCommand::filePaths(direct), (QStringList{"~/a.png", "b.png", "/x/c d.jpg", "e.webp"}));
-  EXPECT_TRUE(CompressScriptCommand::filePaths(QVariantList{}).isEmpty());
+  EXPECT_EQ(CompressScriptCommand::filePaths(direct),
+            (std::vector<std::string>{"~/a.png", "b.png", "/x/c d.jpg", "\xff\xfe.png", "e.webp"}));
+  EXPECT_TRUE(CompressScriptCommand::filePaths(QVariantList{}).empty());
 
   for (const QVariant& bad : {QVariant(), QVariant(42), QVariant(QVariantList{QString("a.png"), 3.5})}) {
     try {
@@ -73,8 +75,8 @@ TEST(ScriptCommandParameters, PathsComeFromUrlsStringsAndNestedListsInOrder) {
       EXPECT_EQ(e.description(), "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers.");
     }
   }
-  EXPECT_EQ(CompressScriptCommand::url(QUrl::fromLocalFile("/tmp/out")), QString("/tmp/out"));
-  EXPECT_EQ(CompressScriptCommand::url(QString("rel/out")), QString("rel/out"));
+  EXPECT_EQ(CompressScriptCommand::url(QUrl::fromLocalFile("/tmp/out")), "/tmp/out");
+  EXPECT_EQ(CompressScriptCommand::url(QString("rel/out")), "rel/out");
   EXPECT_FALSE(CompressScriptCommand::url(QVariant(3)));
 }
 
@@ -104,6 +106,29 @@ TEST_F(CompressCommand, NamesDifferOnlyWithinOneCommandAndIgnoreCase) {
   EXPECT_GT(QFileInfo(out("deep/er/a.jpg")).size(), 3) << "a file of this name from before is replaced";
   EXPECT_EQ(destinations(run(QStringList{upper}, {{"to", out("deep/er")}})), QStringList{"A.jpg"})
       << "a new command starts with a fresh set of names";
+}
+
+// An input is never a destination, whether it was read already, is still to be read, or is
+// the same file under another name (a hard link in the folder): the name gets the next number.
+TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
+  QString png = source("photo.png");
+  QDir().mkpath(out());
+  ASSERT_TRUE(QFile::copy(source("x.jpg"), out("out/photo.jpg")));
+  const auto second = testing::readBytes(out("out/photo.jpg").toStdString());
+  QJsonArray records = run(QStringList{png, out("out/photo.jpg")}, {{"to", out()}, {"format", "jpeg"}});
+  EXPECT_EQ(destinations(records), (QStringList{"photo-2.jpg", "photo-3.jpg"}));
+  EXPECT_EQ(testing::readBytes(out("out/photo.jpg").toStdString()), second) << "the second input was read, not replaced";
+
+  // In place: the source stays as it was.
+  QString jpeg = source("sub/pic.jpg");
+  const auto original = testing::readBytes(jpeg.toStdString());
+  EXPECT_EQ(destinations(run(QStringList{jpeg}, {{"to", temp_.filePath("in/sub")}, {"quality", 30}})),
+            QStringList{"pic-2.jpg"});
+  EXPECT_EQ(testing::readBytes(jpeg.toStdString()), original);
+
+  QDir().mkpath(out("hard"));
+  ASSERT_EQ(::link(QFile::encodeName(png).constData(), QFile::encodeName(out("hard/photo.jpg")).constData()), 0);
+  EXPECT_EQ(destinations(run(QStringList{png}, {{"to", out("hard")}})), QStringList{"photo-2.jpg"});
 }
 
 TEST_F(CompressCommand, ProfilesFillWhatIsNotGivenExplicitly) {

@@ -1,5 +1,8 @@
 // Export, history with undo, and the model's profile operations.
 #include <QDir>
+#include <QFileInfo>
+
+#include <unistd.h>
 
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/TestImages.h"
@@ -12,6 +15,11 @@ class ExportTest : public BatchFixture {
   QString outFolder() {
     QDir(dir_.path()).mkpath("out");
     return dir_.filePath("out");
+  }
+  static QStringList destinationNames(const std::vector<ExportOutcome>& outcomes) {
+    QStringList names;
+    for (const auto& outcome : outcomes) names << outcome.destinationURL.value_or(QUrl()).fileName();
+    return names;
   }
   static QByteArray contentOf(const QString& path) {
     QFile file(path);
@@ -76,6 +84,26 @@ TEST_F(ExportTest, ExportReplacesAnExistingFileWholeAndNamesAMissingEncode) {
   import({source("slow.png", "slow")});
   EXPECT_FALSE(model.exportSingle(model.images()[1], QUrl::fromLocalFile(outFolder() + "/x.jpg")));
   EXPECT_FALSE(QFile::exists(outFolder() + "/x.jpg"));
+}
+
+TEST_F(ExportTest, ExportNeverReplacesASourceAndReplacesAPlantedLinkInsteadOfFollowingIt) {
+  // Into their own folder as JPEG: a.jpg is a source, so its export is a-2.jpg. Into out/,
+  // where a.jpg is a hard link to that source and c.jpg a link planted towards c.png.
+  auto& model = readyModel({"a.jpg", "c.png"});
+  ASSERT_TRUE(QFile::link(dir_.filePath("c.png"), outFolder() + "/c.jpg") &&
+              ::link(path("a.jpg").c_str(), (outFolder() + "/a.jpg").toLocal8Bit().constData()) == 0);
+  EXPECT_EQ(destinationNames(model.exportAll(QUrl::fromLocalFile(dir_.path()))), (QStringList{"a-2.jpg", "c.jpg"}));
+  EXPECT_EQ(contentOf(dir_.filePath("a.jpg")), "source");
+  EXPECT_EQ(destinationNames(model.exportAll(QUrl::fromLocalFile(outFolder()))), (QStringList{"a-2.jpg", "c.jpg"}))
+      << "a hard link to a source is that source";
+  EXPECT_EQ(contentOf(outFolder() + "/a.jpg"), "source");
+  EXPECT_EQ(contentOf(dir_.filePath("c.png")), "source") << "the link planted as c.jpg was replaced, not followed";
+  EXPECT_FALSE(QFileInfo(outFolder() + "/c.jpg").isSymLink());
+
+  // A single export onto a source goes beside it, and the row tells where.
+  ASSERT_TRUE(model.exportSingle(model.images()[0], QUrl::fromLocalFile(dir_.filePath("c.png"))));
+  EXPECT_EQ(model.images()[0]->lastExportDestination(), QUrl::fromLocalFile(dir_.filePath("c-2.png")));
+  EXPECT_EQ(contentOf(dir_.filePath("c.png")), "source");
 }
 
 TEST_F(ExportTest, UndoRespectsSupersedingRecordsAndKeepsARecordWhoseFileWontGo) {
