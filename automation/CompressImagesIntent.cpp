@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
+#include <vector>
 
 #include "batch/ExportFilenameAllocator.h"
 #include "engine/ImageCompressor.h"
@@ -119,8 +120,10 @@ QStringList CompressImagesIntent::perform() const {
   const std::string folder = resolved.outputDirectory->toStdString();
   createFolder(folder);
 
-  // Fresh for every call: files of one call never take each other's names.
-  ExportFilenameAllocator allocator;
+  // Fresh for every call: files of one call never take each other's names, nor an input's.
+  std::vector<std::string> inputs;
+  for (const QString& file : files) inputs.push_back(localPath(file).toStdString());
+  ExportFilenameAllocator allocator(folder, inputs);
   const std::string_view extension = ImageFormats::fileExtension(resolved.format);
   const QString extensionText = QString::fromUtf8(extension.data(), qsizetype(extension.size()));
   QStringList outputs;

@@ -21,10 +21,10 @@ std::string describe(const std::exception& error) {
 }
 
 // One object a path: `fill` adds the keys of a success; a failure gives path and error.
-JsonValue eachPath(const QStringList& paths, const std::function<void(const std::string&, JsonValue&)>& fill) {
+JsonValue eachPath(const std::vector<std::string>& paths,
+                   const std::function<void(const std::string&, JsonValue&)>& fill) {
   JsonValue results = JsonValue::array();
-  for (const QString& qpath : paths) {
-    const std::string path = qpath.toStdString();
+  for (const std::string& path : paths) {
     JsonValue object = JsonValue::object();
     object.set("path", path);
     try {
@@ -49,7 +49,7 @@ double shortestDouble(float value) {
 
 }  // namespace
 
-JsonValue inspect(const QStringList& paths) {
+JsonValue inspect(const std::vector<std::string>& paths) {
   return eachPath(paths, [](const std::string& path, JsonValue& object) {
     const ImageDecoder::LightDecodedImage light = ImageDecoder::inspect(path);
     object.set("format", ImageFormats::rawValue(light.format));
@@ -93,7 +93,7 @@ JsonValue planJson(const EncodingPlan& plan) {
   return object;
 }
 
-JsonValue analyze(const QStringList& paths, double quality) {
+JsonValue analyze(const std::vector<std::string>& paths, double quality) {
   return eachPath(paths, [quality](const std::string& path, JsonValue& object) {
     const std::vector<uint8_t> bytes = FileIO::readFile(path);
     const ImageDecoder::DecodedSource source = ImageDecoder::decodeCGImageSource(bytes);

@@ -2,9 +2,10 @@
 // The read-only verbs of quillane-cli: what the engine sees in a file (inspect) and how it
 // would encode it in every format (analyze). Each returns one JSON array with one object a
 // file, in the order given; a file that fails gives an object with its path and the error's
-// description, and never stops the others.
+// description, and never stops the others. Paths are file system bytes, given back as they are.
 
-#include <QStringList>
+#include <string>
+#include <vector>
 
 #include "engine/EncodingStrategy.h"
 #include "engine/Json.h"
@@ -12,11 +13,11 @@
 namespace quillane::cli {
 
 // path, format (raw value), pixelWidth, pixelHeight, fileSizeBytes, frameCount.
-JsonValue inspect(const QStringList& paths);
+JsonValue inspect(const std::vector<std::string>& paths);
 
 // path, characteristics (the analyzer's eleven measurements) and plans (one per format,
 // keyed by raw value) at the perceptual `quality`.
-JsonValue analyze(const QStringList& paths, double quality);
+JsonValue analyze(const std::vector<std::string>& paths, double quality);
 
 // The JSON forms used by analyze, exposed for tests.
 JsonValue characteristicsJson(const ImageCharacteristics& characteristics);

@@ -3,14 +3,21 @@
 //
 // Exit status: 0 when the verb ran (single files may still have failed: they stand in the
 // JSON), 6 when the compress command as a whole failed, 2 for a command line that can't be
-// read.
+// read, 3 when standard output could not take the JSON.
+//
+// Arguments are taken as bytes from argv, not through QString: file names that are not valid
+// UTF-8 reach the engine, and the JSON, byte for byte.
 
+#include <QByteArrayList>
 #include <QCoreApplication>
+#include <QFile>
 #include <QLocale>
 #include <QStringList>
 #include <QVariant>
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <cstdio>
 #include <map>
 #include <optional>
@@ -27,6 +34,7 @@ namespace {
 using namespace quillane;
 
 constexpr int kUsageError = 2;
+constexpr int kOutputError = 3;
 
 const char kHelp[] =
     "Usage: quillane-cli VERB [OPTIONS] FILE...\n"
@@ -71,24 +79,32 @@ const char kHelp[] =
     "  --version\n"
     "      The version of quillane-cli, which is Quillane's.\n"
     "\n"
-    "Options may also be written --name=VALUE; \"--\" ends the options.\n"
+    "Options may also be written --name=VALUE; \"--\" ends the options, so that the\n"
+    "arguments after it (\"-h\" too) are files. File names are passed through byte for byte,\n"
+    "also when they are not valid UTF-8.\n"
+    "\n"
+    "compress never replaces one of its own input files: a destination that is the same file\n"
+    "as an input (compressing in place, or a second input in DIR) gets the next free name,\n"
+    "\"photo-2.jpg\". Files are written through a temporary \".quillane-XXXXXX.tmp\" in DIR and\n"
+    "renamed; a symbolic link at the destination is replaced, never written through.\n"
     "\n"
     "Exit status: 0 when the verb ran, even if some files failed (see their \"error\");\n"
     "6 when compress failed as a whole (no files, no output folder, unknown profile, a folder\n"
-    "that can't be made), with the reason on stderr and no file touched; 2 for an unknown verb\n"
-    "or option.\n";
+    "that can't be made or written, named in the message), with the reason on stderr and no\n"
+    "file touched; 2 for an unknown verb or option; 3 when the JSON could not be written to\n"
+    "standard output (a full disk, a closed pipe), with the reason on stderr.\n";
 
 struct CommandLine {
-  QStringList files;
-  std::map<QString, QString> options;  // without the leading "--"
+  QByteArrayList files;
+  std::map<QByteArray, QByteArray> options;  // without the leading "--"
 };
 
 // Splits arguments into files and the options named in `known`, each of which takes a value.
 // Returns an error text for anything else.
-std::optional<std::string> parse(const QStringList& arguments, const QStringList& known, CommandLine& out) {
+std::optional<std::string> parse(const QByteArrayList& arguments, const QByteArrayList& known, CommandLine& out) {
   bool optionsEnded = false;
   for (qsizetype i = 0; i < arguments.size(); ++i) {
-    const QString& argument = arguments[i];
+    const QByteArray& argument = arguments[i];
     if (optionsEnded || !argument.startsWith("--") || argument == "--") {
       if (argument == "--" && !optionsEnded) {
         optionsEnded = true;
@@ -97,8 +113,8 @@ std::optional<std::string> parse(const QStringList& arguments, const QStringList
       out.files.append(argument);
       continue;
     }
-    QString name = argument.mid(2);
-    QString value;
+    QByteArray name = argument.mid(2);
+    QByteArray value;
     const qsizetype equals = name.indexOf('=');
     if (equals >= 0) {
       value = name.mid(equals + 1);
@@ -114,10 +130,26 @@ std::optional<std::string> parse(const QStringList& arguments, const QStringList
   return std::nullopt;
 }
 
+// Standard output is checked once, at the end: a failed write (a full disk, a closed pipe)
+// is an error of its own, since the records are lost.
+int outputErrno = 0;  // the first failure of a write to standard output
+
 void printJson(const std::string& json) {
-  std::fwrite(json.data(), 1, json.size(), stdout);
-  std::fputc('\n', stdout);
+  if ((std::fwrite(json.data(), 1, json.size(), stdout) != json.size() || std::fputc('\n', stdout) == EOF) &&
+      !outputErrno)
+    outputErrno = errno;
 }
+
+int finish(int status) {
+  errno = 0;
+  if (std::fflush(stdout) != 0 && !outputErrno) outputErrno = errno ? errno : EIO;
+  if (std::ferror(stdout) && !outputErrno) outputErrno = EIO;
+  if (!outputErrno) return status;
+  std::fprintf(stderr, "quillane-cli: standard output: %s\n", std::strerror(outputErrno));
+  return kOutputError;
+}
+
+QString text(const QByteArray& bytes) { return QFile::decodeName(bytes); }
 
 int usageError(const std::string& message) {
   std::fprintf(stderr, "quillane-cli: %s\nTry 'quillane-cli --help'.\n", message.c_str());
@@ -126,30 +158,34 @@ int usageError(const std::string& message) {
 
 // The number the whole text reads as (in the C locale). "nan" and "inf" read as doubles but
 // are no quality: the engine would quietly turn them into its lowest or highest setting.
-std::optional<double> finiteNumber(const QString& text) {
+std::optional<double> finiteNumber(const QByteArray& text) {
   bool ok = false;
-  const double number = QLocale::c().toDouble(text.trimmed(), &ok);
+  const double number = QLocale::c().toDouble(QString::fromLatin1(text.trimmed()), &ok);
   if (!ok || !std::isfinite(number)) return std::nullopt;
   return number;
 }
 
 // A number when the text reads as one, else the text itself, which the command then ignores.
-QVariant qualityValue(const QString& text) {
-  const std::optional<double> number = finiteNumber(text);
-  return number ? QVariant(*number) : QVariant(text);
+QVariant qualityValue(const QByteArray& value) {
+  const std::optional<double> number = finiteNumber(value);
+  return number ? QVariant(*number) : QVariant(text(value));
 }
 
-int runCompress(const QStringList& arguments) {
+int runCompress(const QByteArrayList& arguments) {
   CommandLine line;
   if (auto error = parse(arguments, {"to", "format", "quality", "profile"}, line)) return usageError(*error);
   QVariantMap evaluated;
+  // Paths stay bytes (QByteArray); names of formats and profiles are text.
   if (line.options.count("to")) evaluated[CompressScriptCommand::toArgument] = line.options["to"];
-  if (line.options.count("format")) evaluated[CompressScriptCommand::formatArgument] = line.options["format"];
+  if (line.options.count("format")) evaluated[CompressScriptCommand::formatArgument] = text(line.options["format"]);
   if (line.options.count("quality"))
     evaluated[CompressScriptCommand::qualityArgument] = qualityValue(line.options["quality"]);
-  if (line.options.count("profile")) evaluated[CompressScriptCommand::profileArgument] = line.options["profile"];
+  if (line.options.count("profile"))
+    evaluated[CompressScriptCommand::profileArgument] = text(line.options["profile"]);
+  QVariantList files;
+  for (const QByteArray& file : line.files) files.append(file);
 
-  const auto outcome = CompressScriptCommand::performDefaultImplementation(QVariant(line.files), evaluated);
+  const auto outcome = CompressScriptCommand::performDefaultImplementation(files, evaluated);
   if (!outcome.json) {
     std::fprintf(stderr, "%s\n", outcome.errorString.c_str());
     return outcome.errorNumber;
@@ -158,14 +194,20 @@ int runCompress(const QStringList& arguments) {
   return 0;
 }
 
-int runInspect(const QStringList& arguments) {
+std::vector<std::string> paths(const QByteArrayList& files) {
+  std::vector<std::string> out;
+  for (const QByteArray& file : files) out.push_back(file.toStdString());
+  return out;
+}
+
+int runInspect(const QByteArrayList& arguments) {
   CommandLine line;
   if (auto error = parse(arguments, {}, line)) return usageError(*error);
-  printJson(cli::inspect(line.files).writeSorted());
+  printJson(cli::inspect(paths(line.files)).writeSorted());
   return 0;
 }
 
-int runAnalyze(const QStringList& arguments) {
+int runAnalyze(const QByteArrayList& arguments) {
   CommandLine line;
   if (auto error = parse(arguments, {"quality"}, line)) return usageError(*error);
   double quality = 75;
@@ -174,7 +216,7 @@ int runAnalyze(const QStringList& arguments) {
     if (!number) return usageError("--quality needs a number");
     quality = *number;
   }
-  printJson(cli::analyze(line.files, quality).writeSorted());
+  printJson(cli::analyze(paths(line.files), quality).writeSorted());
   return 0;
 }
 
@@ -191,19 +233,24 @@ int main(int argc, char** argv) {
   QCoreApplication::setApplicationName("Quillane");
   // Texts (error descriptions, command errors) in the language the application uses.
   LanguageManager::installLookupReadOnly();
-  QStringList arguments = QCoreApplication::arguments().mid(1);
-  if (arguments.isEmpty() || arguments.first() == "--help" || arguments.first() == "-h" ||
-      arguments.first() == "help") {
+  QByteArrayList arguments;
+  for (int i = 1; i < argc; ++i) arguments.append(QByteArray(argv[i]));
+  auto isHelp = [](const QByteArray& a) { return a == "--help" || a == "-h"; };
+  if (arguments.isEmpty() || isHelp(arguments.first()) || arguments.first() == "help") {
     std::fputs(kHelp, stdout);
-    return 0;
+    return finish(0);
   }
-  const QString verb = arguments.takeFirst();
-  if (arguments.contains("--help") || arguments.contains("-h")) {
-    std::fputs(kHelp, stdout);
-    return 0;
+  const QByteArray verb = arguments.takeFirst();
+  // A help option asks for help only before "--"; after it, "-h" is a file's name.
+  for (const QByteArray& argument : arguments) {
+    if (argument == "--") break;
+    if (isHelp(argument)) {
+      std::fputs(kHelp, stdout);
+      return finish(0);
+    }
   }
-  if (verb == "compress") return runCompress(arguments);
-  if (verb == "inspect") return runInspect(arguments);
-  if (verb == "analyze") return runAnalyze(arguments);
+  if (verb == "compress") return finish(runCompress(arguments));
+  if (verb == "inspect") return finish(runInspect(arguments));
+  if (verb == "analyze") return finish(runAnalyze(arguments));
   return usageError("unknown verb '" + verb.toStdString() + "'");
 }

@@ -12,6 +12,8 @@
 #include <QUrl>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
 
@@ -35,16 +37,24 @@ class CommandLineTool : public ::testing::Test {
     QDir(dir_.path()).mkpath("data");
   }
 
-  ToolRun run(const QStringList& arguments) {
+  // `stdoutFile` stands in for standard output when given; `shell` runs the tool through
+  // /bin/sh -c, with "$Q" the tool, for arguments that QProcess can't pass (bytes that are
+  // not UTF-8, made with printf).
+  ToolRun run(const QStringList& arguments, const QString& stdoutFile = {}, const QString& shell = {}) {
     QProcess process;
+    if (!stdoutFile.isEmpty()) process.setStandardOutputFile(stdoutFile);
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("XDG_DATA_HOME", dir_.filePath("data"));  // no profiles but the test's own
     env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));  // no stored language
     env.insert("LANGUAGE", "fr");  // the texts the assertions quote
     env.insert("LC_ALL", "fr_FR.UTF-8");
+    env.insert("Q", program_);
     process.setProcessEnvironment(env);
     process.setWorkingDirectory(dir_.path());
-    process.start(program_, arguments);
+    if (shell.isEmpty())
+      process.start(program_, arguments);
+    else
+      process.start("/bin/sh", {"-c", shell});
     EXPECT_TRUE(process.waitForFinished(60000));
     return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
   }
@@ -103,6 +113,52 @@ TEST_F(CommandLineTool, CommandErrorsGoToStandardErrorWithStatusSix) {
     EXPECT_EQ(QString::fromUtf8(r.err).trimmed(), c.message);
     EXPECT_FALSE(QFileInfo::exists(path("out")));
   }
+}
+
+TEST_F(CommandLineTool, InputsAreNeverReplacedNeitherAlreadyReadNorStillToBeRead) {
+  QDir(dir_.path()).mkpath("out");
+  QFile::copy(path(image("x.jpg")), path("out/photo.jpg"));
+  const auto second = testing::readBytes(path("out/photo.jpg").toStdString());
+  ToolRun r = run({"compress", image("photo.png"), "out/photo.jpg", "--to", "out", "--format", "jpeg"});
+  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+  EXPECT_EQ(r.json()[0].toObject()["destination"].toString(), path("out/photo-2.jpg"));
+  EXPECT_EQ(r.json()[1].toObject()["destination"].toString(), path("out/photo-3.jpg"));
+  EXPECT_EQ(testing::readBytes(path("out/photo.jpg").toStdString()), second);
+
+  const auto source = testing::readBytes(path("in/x.jpg").toStdString());
+  ASSERT_EQ(run({"compress", "in/x.jpg", "--to", "in", "--format", "jpeg", "--quality", "30"}).exitCode, 0);
+  EXPECT_EQ(testing::readBytes(path("in/x.jpg").toStdString()), source) << "compressed in place";
+  EXPECT_TRUE(QFileInfo::exists(path("in/x-2.jpg")));
+}
+
+// Names are bytes: not UTF-8, or 255 bytes long, they go in and come out as they are; "-h"
+// after "--" is a file; a lost standard output and an unusable folder are errors that say so.
+TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
+  const QByteArray odd = QByteArray("in/") + "caf\xe9 \xff.png";
+  const QByteArray longName = QByteArray(251, 'n') + ".png";
+  testing::writeBytes(QFile::encodeName(dir_.path()).toStdString() + "/" + odd.toStdString(),
+                      testing::readBytes(path(image("odd.png")).toStdString()));
+  QFile::copy(path("in/odd.png"), path("in/" + longName));
+  QFile::copy(path("in/odd.png"), path("-h"));
+  ToolRun r = run({}, {}, "exec \"$Q\" compress \"$(printf 'in/caf\\351 \\377.png')\" in/" + longName +
+                              " --format png --to out -- -h");
+  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+  EXPECT_TRUE(r.out.contains("\\/out\\/caf\xe9 \xff.png\"")) << "the name's bytes, unchanged";
+  EXPECT_TRUE(r.out.contains("\"path\":\"-h\"") && !r.out.contains("Usage"));
+  const std::string root = QFile::encodeName(dir_.path()).toStdString();
+  EXPECT_TRUE(std::filesystem::exists(root + "/out/caf\xe9 \xff.png"));
+  EXPECT_TRUE(QFileInfo::exists(path("out/" + longName)) && QFileInfo::exists(path("out/-h.png")));
+  // Qt can't name these files to remove them.
+  std::filesystem::remove(root + "/out/caf\xe9 \xff.png");
+  std::filesystem::remove(root + "/" + odd.toStdString());
+
+  ToolRun full = run({"compress", "in/odd.png", "--to", "out"}, "/dev/full");
+  EXPECT_EQ(full.exitCode, 3);
+  EXPECT_TRUE(full.err.startsWith("quillane-cli: standard output: ")) << full.err.toStdString();
+
+  ToolRun blocked = run({"compress", "in/odd.png", "--to", "in/odd.png/sub"});
+  EXPECT_EQ(blocked.exitCode, 6);
+  EXPECT_TRUE(blocked.err.startsWith("in/odd.png/sub: ")) << blocked.err.toStdString();
 }
 
 TEST_F(CommandLineTool, DefaultProfileFromTheDataFolderGivesFolderAndFormat) {
