@@ -86,7 +86,8 @@ class HotFolderWatcher : public std::enable_shared_from_this<HotFolderWatcher> {
 
   // Whether a file whose last modification is `modificationDate` is done being written: true
   // when it is 2 s old or more; else after 0.3 s on the calling thread, whether its size is
-  // still `lastKnownSize`.
+  // still `lastKnownSize`. scanOnce applies this rule to all the recent files of one listing
+  // with a single wait.
   static bool isStableOnDisk(const QString& path, int64_t lastKnownSize, double modificationDate);
 
  private:

@@ -171,6 +171,24 @@ TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderAndIgnoresWhatIsNoImag
   EXPECT_EQ(reports.progress(), (std::vector<HotFolderProgress>{{0, 3}, {1, 3}, {2, 3}, {3, 3}}));
 }
 
+TEST_F(HotFolderWatcherTest, DestinationThatCannotBeMadeFailsEachFileAndEachScanTriesAgain) {
+  putImage(QStringLiteral("a.jpg"));
+  putImage(QStringLiteral("b.jpg"), 2);
+  writeBytes(QFile::encodeName(temp_.path() + "/file").toStdString(), {'x'});
+  HotFolder hotFolder = folder();
+  hotFolder.destinationFolder = temp_.path() + "/file/out";
+  Reports& reports = newReports();
+  auto watcher = watch(hotFolder, reports);
+  watcher->scanOnce();
+  watcher->scanOnce();
+  ASSERT_EQ(reports.lines().size(), 4u);
+  for (const HotFolderActivity& line : reports.lines()) {
+    EXPECT_TRUE(line.error && !line.error->isEmpty() && !line.destinationURL) << line.sourceFileName.toStdString();
+  }
+  EXPECT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
+  EXPECT_EQ(QDir(source_).entryList(QDir::Files), (QStringList{"a.jpg", "b.jpg"}));  // sources untouched
+}
+
 TEST_F(HotFolderWatcherTest, MissingProfileReportsTheFolderOnceAndCompressesNothing) {
   putImage(QStringLiteral("a.jpg"));
   HotFolder hotFolder = folder();
