@@ -184,7 +184,8 @@ void HotFolderWatcher::readEvents() {
     if (n <= 0) break;
     for (ssize_t at = 0; at < n;) {
       const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-      changed = changed || (event->mask & kEntryEvents);
+      // An overflowed event queue lost entry events: a scan finds out what they were.
+      changed = changed || (event->mask & (kEntryEvents | IN_Q_OVERFLOW));
       gone = gone || (event->mask & kGoneEvents);
       at += ssize_t(sizeof(inotify_event) + event->len);
     }
