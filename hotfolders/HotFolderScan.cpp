@@ -44,7 +44,7 @@ double nowSince2001() {
   return secondsSince2001(now);
 }
 
-struct ListedFile {
+struct FolderEntry {
   QString name;
   int64_t size;
   double modificationDate;
@@ -52,10 +52,10 @@ struct ListedFile {
 
 // One level of `folder`, hidden entries left out, regular files only (no sub-folders, no
 // symbolic links). Nothing when the folder can't be read.
-std::optional<std::vector<ListedFile>> listFolder(const QString& folder) {
+std::optional<std::vector<FolderEntry>> listFolder(const QString& folder) {
   DIR* dir = ::opendir(QFile::encodeName(folder).constData());
   if (!dir) return std::nullopt;
-  std::vector<ListedFile> files;
+  std::vector<FolderEntry> files;
   while (const dirent* entry = ::readdir(dir)) {
     if (entry->d_name[0] == '.') continue;
     struct stat st {};
@@ -122,40 +122,43 @@ bool hasSize(const QString& path, int64_t size) {
 
 }  // namespace
 
-bool HotFolderWatcher::isStableOnDisk(const QString& path, int64_t lastKnownSize, double modificationDate) {
-  if (isOldEnough(modificationDate)) return true;
+std::vector<bool> HotFolderWatcher::isStableOnDisk(const std::vector<ListedFile>& files) {
+  std::vector<bool> stable;
+  bool anyRecent = false;
+  for (const ListedFile& file : files) {
+    stable.push_back(isOldEnough(file.modificationDate));
+    anyRecent = anyRecent || !stable.back();
+  }
+  if (!anyRecent) return stable;
   std::this_thread::sleep_for(kStabilityWait);
-  return hasSize(path, lastKnownSize);
+  for (size_t i = 0; i < files.size(); ++i) {
+    if (!stable[i]) stable[i] = hasSize(files[i].path, files[i].lastKnownSize);
+  }
+  return stable;
 }
 
 void HotFolderWatcher::scanOnce() {
   const QString id = hotFolder_.idText();
-  const std::optional<std::vector<ListedFile>> listing = listFolder(hotFolder_.sourceFolder);
+  const std::optional<std::vector<FolderEntry>> listing = listFolder(hotFolder_.sourceFolder);
   if (!listing) return;  // unreadable or gone: quietly, the store untouched
 
   const HotFolderProcessedMap known = HotFolderProcessedStore::folderState(id);
   QSet<QString> seenNames;
-  std::vector<Candidate> candidates, recent;
-  for (const ListedFile& file : *listing) {
+  std::vector<Candidate> candidates;
+  std::vector<ListedFile> images;
+  for (const FolderEntry& file : *listing) {
     seenNames.insert(file.name);
     const auto entry = known.constFind(file.name);
     if (entry != known.constEnd() && entry->sizeBytes == file.size && entry->modificationDate == file.modificationDate)
       continue;
     const QString path = hotFolder_.sourceFolder + QLatin1Char('/') + file.name;
     if (!ImageFormats::detect(QFile::encodeName(path).toStdString())) continue;
-    if (isOldEnough(file.modificationDate)) {
-      candidates.push_back({file.name, path, file.size, file.modificationDate, {}});
-    } else {
-      recent.push_back({file.name, path, file.size, file.modificationDate, {}});
-    }
+    candidates.push_back({file.name, path, file.size, file.modificationDate, {}});
+    images.push_back({path, file.size, file.modificationDate});
   }
-  // isStableOnDisk for all recent files at once: each still gets its full wait before its
-  // size is read again, but a drop of 200 fresh copies waits 0.3 s, not one minute.
-  if (!recent.empty()) {
-    std::this_thread::sleep_for(kStabilityWait);
-    for (Candidate& file : recent) {
-      if (hasSize(file.path, file.size)) candidates.push_back(std::move(file));
-    }
+  const std::vector<bool> stable = isStableOnDisk(images);
+  for (size_t i = candidates.size(); i-- > 0;) {
+    if (!stable[i]) candidates.erase(candidates.begin() + std::ptrdiff_t(i));
   }
   QStringList stale;
   for (auto it = known.constBegin(); it != known.constEnd(); ++it) {

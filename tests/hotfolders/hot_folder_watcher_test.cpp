@@ -110,14 +110,16 @@ TEST_F(HotFolderWatcherTest, AFileStillBeingWrittenIsTakenOnceItsWriterClosesIt)
 }
 
 TEST_F(HotFolderWatcherTest, StabilityNeedsAnOldDateOrASizeThatHoldsStill) {
-  putImage(QStringLiteral("old.jpg"));
   putImage(QStringLiteral("fresh.jpg"), 1, false);
-  const QString old = source_ + "/old.jpg", fresh = source_ + "/fresh.jpg";
+  const QString fresh = source_ + "/fresh.jpg";
+  const int64_t size = QFileInfo(fresh).size();
   const double now = double(::time(nullptr) - 978307200);
-  EXPECT_TRUE(HotFolderWatcher::isStableOnDisk(old, 1, now - 60));  // no size read at all
-  EXPECT_TRUE(HotFolderWatcher::isStableOnDisk(fresh, QFileInfo(fresh).size(), now));
-  EXPECT_FALSE(HotFolderWatcher::isStableOnDisk(fresh, QFileInfo(fresh).size() - 1, now + 3600));
-  EXPECT_FALSE(HotFolderWatcher::isStableOnDisk(source_ + "/gone.jpg", 0, now));
+  // An old date needs no size at all; a future date counts as recent.
+  EXPECT_EQ(HotFolderWatcher::isStableOnDisk({{source_ + "/gone.jpg", 1, now - 60},
+                                              {fresh, size, now},
+                                              {fresh, size - 1, now + 3600},
+                                              {source_ + "/gone.jpg", 0, now}}),
+            (std::vector<bool>{true, true, false, false}));
 }
 
 TEST_F(HotFolderWatcherTest, MemoryAcrossRestartsTakesOnlyChangedAndRenamedFiles) {
