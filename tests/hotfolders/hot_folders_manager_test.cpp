@@ -4,6 +4,7 @@
 
 #include <QTest>
 
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include "engine/ImageFormat.h"
@@ -56,6 +57,49 @@ TEST_F(HotFoldersManagerTest, UnreadableSourceIsReportedOnceAndStartsWhenItAppea
   manager.applyWatchers();
   EXPECT_TRUE(manager.isRunning(hotFolder.id));
   EXPECT_EQ(manager.recentActivity().size(), 1u);
+}
+
+// A bind mount stands in for a volume that arrives later. It needs the right to mount (root
+// in a container, say); elsewhere the test is skipped.
+class BindMount {
+ public:
+  BindMount(const QString& from, const QString& onto) : onto_(QFile::encodeName(onto)) {
+    mounted_ = ::mount(QFile::encodeName(from).constData(), onto_.constData(), nullptr, MS_BIND, nullptr) == 0;
+  }
+  ~BindMount() { unmount(); }
+  void unmount() {
+    if (mounted_) ::umount2(onto_.constData(), MNT_DETACH);
+    mounted_ = false;
+  }
+  bool mounted() const { return mounted_; }
+
+ private:
+  QByteArray onto_;
+  bool mounted_ = false;
+};
+
+TEST_F(HotFoldersManagerTest, AFolderOnAVolumeMountedLaterStartsWhenItMountsWithoutARepeatedLine) {
+  const QString volume = temp_.path() + "/volume", device = temp_.path() + "/device";
+  ASSERT_TRUE(QDir().mkpath(volume) && QDir().mkpath(device + "/camera"));
+  HotFolder hotFolder = folder();
+  hotFolder.sourceFolder = volume + "/camera";
+  HotFolders::save({hotFolder});
+  HotFoldersManager manager;
+  ASSERT_EQ(manager.recentActivity().size(), 1u);
+
+  source_ = device + "/camera";
+  putImage("on-the-volume.jpg");
+  BindMount mount(device, volume);
+  if (!mount.mounted()) GTEST_SKIP() << "no right to mount here";
+  ASSERT_TRUE(QTest::qWaitFor([&] { return manager.recentActivity().size() == 2; }, 60000));
+  EXPECT_TRUE(manager.isRunning(hotFolder.id));
+  EXPECT_EQ(manager.recentActivity().front().sourceFileName, "on-the-volume.jpg");
+  EXPECT_FALSE(manager.recentActivity().front().isError());
+
+  // Unmounted: the watch ends quietly and the folder is reported as not started, once.
+  mount.unmount();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !manager.isRunning(hotFolder.id); }, 10000));
+  EXPECT_EQ(errorLines(manager), 2);
 }
 
 TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredLines) {
