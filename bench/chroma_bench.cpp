@@ -78,14 +78,15 @@ void writePng(const DecodedImage& image, const std::string& path) {
 int crop(char** argv) {
   const DecodedImage source = load(argv[0]);
   const int x = std::atoi(argv[2]), y = std::atoi(argv[3]);
-  const int w = std::min(std::atoi(argv[4]), source.width - x), h = std::min(std::atoi(argv[5]), source.height - y);
+  const int w = std::min(std::atoi(argv[4]), source.width - x),
+            h = std::min(std::atoi(argv[5]), source.height - y);
   if (x < 0 || y < 0 || w <= 0 || h <= 0) return std::fprintf(stderr, "crop outside the picture\n"), 2;
   DecodedImage out = source;
   out.width = w, out.height = h;
   out.pixels8.assign(size_t(w) * size_t(h) * 4, 0);
   for (int row = 0; row < h; ++row)
-    std::copy_n(source.pixels8.data() + (size_t(y + row) * size_t(source.width) + size_t(x)) * 4, size_t(w) * 4,
-                out.pixels8.data() + size_t(row) * size_t(w) * 4);
+    std::copy_n(source.pixels8.data() + (size_t(y + row) * size_t(source.width) + size_t(x)) * 4,
+                size_t(w) * 4, out.pixels8.data() + size_t(row) * size_t(w) * 4);
   writePng(out, argv[1]);
   return 0;
 }
@@ -129,13 +130,14 @@ int encode(char** argv) {
   }
   const double spent = cpuMilliseconds() - start;
   FileIO::writeFileAtomically(argv[4], out);
-  std::printf("%zu %s %.0f\n", out.size(), codecs::usesFullChroma(layout, image, alpha) ? "444" : "420", spent);
+  std::printf("%zu %s %.0f\n", out.size(), codecs::usesFullChroma(layout, image, alpha) ? "444" : "420",
+              spent);
   return 0;
 }
 
 int timeMeasure() {
-  for (auto [name, pattern] : {std::pair{"photo", testing::Pattern::photo},
-                               std::pair{"screenshot", testing::Pattern::screenshot}}) {
+  for (auto [name, pattern] :
+       {std::pair{"photo", testing::Pattern::photo}, std::pair{"screenshot", testing::Pattern::screenshot}}) {
     const DecodedImage image = testing::makeImage(4000, 3000, pattern, 1, false);
     std::vector<double> runs;
     for (int i = 0; i < 9; ++i) {

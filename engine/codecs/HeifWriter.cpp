@@ -112,8 +112,9 @@ Bytes writeHeic(const DecodedImage& image, bool keepAlpha, const HeifSettings& s
   check("heif_encoder_set_lossy_quality", heif_encoder_set_lossy_quality(rawEncoder, settings.quality));
   check("heif_encoder_set_parameter_string(preset)",
         heif_encoder_set_parameter_string(rawEncoder, "preset", settings.preset));
+  const bool fullChroma = usesFullChroma(settings.chroma, image, keepAlpha);
   check("heif_encoder_set_parameter_string(chroma)",
-        heif_encoder_set_parameter_string(rawEncoder, "chroma", usesFullChroma(settings.chroma, image, keepAlpha) ? "444" : "420"));
+        heif_encoder_set_parameter_string(rawEncoder, "chroma", fullChroma ? "444" : "420"));
 
   HeifImagePtr heifImage = makeImage(image, keepAlpha);
   if (icc && !icc->empty()) {

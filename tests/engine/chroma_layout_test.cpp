@@ -2,9 +2,8 @@
 // each file's own headers, and the files read by every decoder installed (the JPEG reader is
 // libjpeg-turbo itself).
 
-#include <gtest/gtest.h>
-
 #include <avif/avif.h>
+#include <gtest/gtest.h>
 #include <libheif/heif.h>
 #include <turbojpeg.h>
 
@@ -55,7 +54,7 @@ std::string avifLayout(const Bytes& file) {
   EXPECT_EQ(avifDecoderParse(decoder.get()), AVIF_RESULT_OK);
   return decoder->image->yuvFormat == AVIF_PIXEL_FORMAT_YUV444   ? "444"
          : decoder->image->yuvFormat == AVIF_PIXEL_FORMAT_YUV420 ? "420"
-                                                                  : "other";
+                                                                 : "other";
 }
 
 // From the HEVC decoder configuration ("hvcC" box): chroma_format_idc, 1 for 4:2:0, 3 for 4:4:4.
@@ -78,8 +77,9 @@ DecodedImage heifDecode(const Bytes& file) {
   EXPECT_EQ(heif_context_get_primary_image_handle(context.get(), &rawHandle).code, heif_error_Ok);
   CHandle<heif_image_handle, heif_image_handle_release> handle(rawHandle);
   heif_image* raw = nullptr;
-  EXPECT_EQ(heif_decode_image(rawHandle, &raw, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr).code,
-            heif_error_Ok);
+  EXPECT_EQ(
+      heif_decode_image(rawHandle, &raw, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr).code,
+      heif_error_Ok);
   CHandle<heif_image, heif_image_release> rgba(raw);
   int stride = 0;
   const uint8_t* plane = heif_image_get_plane_readonly(raw, heif_channel_interleaved, &stride);
@@ -147,7 +147,8 @@ TEST(ChromaLayout, ColouredTextKeepsFullChromaAndAPhotoIsSubsampledInEveryDecode
     for (auto [codec, name] : {std::pair{AVIF_CODEC_CHOICE_AOM, "libavif aom"},
                                std::pair{AVIF_CODEC_CHOICE_DAV1D, "libavif dav1d"},
                                std::pair{AVIF_CODEC_CHOICE_LIBGAV1, "libavif libgav1"}})
-      if (avifCodecName(codec, AVIF_CODEC_FLAG_CAN_DECODE)) readers.push_back({name, [&, codec] { return avifDecode(avif, codec); }});
+      if (avifCodecName(codec, AVIF_CODEC_FLAG_CAN_DECODE))
+        readers.push_back({name, [&, codec] { return avifDecode(avif, codec); }});
     if (heif_have_decoder_for_format(heif_compression_AV1))
       readers.push_back({"libheif AV1", [&] { return heifDecode(avif); }});
 
