@@ -67,6 +67,7 @@ struct AvifSettings {
   int minQuantizerAlpha = 0;
   int maxQuantizerAlpha = 0;
   int speed = 6;         // aom's 0 (slowest) ... 10
+  int colourEdgeSpeed = 5;  // for pictures with sharp colour edges (see `usesFullChroma`)
   ChromaLayout chroma = ChromaLayout::automatic;  // full from a 0...1 quality of 0.9 on
 };
 // Up to this many pixels aom runs at its careful speed; above, at a faster one.
