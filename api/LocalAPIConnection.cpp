@@ -20,6 +20,8 @@ namespace {
 constexpr int lingerMilliseconds = 2000;
 // Receives per readiness event, so that one fast sender can't starve the others.
 constexpr int receivesPerEvent = 16;
+// Clients accepted beyond the cap, kept unread until a place is free.
+constexpr size_t maxWaiting = 1024;
 
 char* receiveBuffer() {
   // One buffer for the whole server thread: every connection runs there, one at a time.
@@ -38,10 +40,30 @@ std::string timeoutMessage(double seconds) {
 
 LocalAPIConnection::LocalAPIConnection(int descriptor, std::shared_ptr<LocalAPIServer::Shared> server,
                                        QObject* parent)
-    : QObject(parent), fd_(descriptor), server_(std::move(server)) {}
+    : QObject(parent), fd_(descriptor), server_(std::move(server)) {
+  server_->connections.insert(this);
+}
 
 LocalAPIConnection::~LocalAPIConnection() {
+  // Deleted with the thread's root while still open: the count goes with the server.
+  if (server_) {
+    releaseBuffer();
+    server_->connections.erase(this);
+  }
   if (fd_ >= 0) ::close(fd_);
+}
+
+bool LocalAPIConnection::account() {
+  const size_t now = reader_.bufferedBytes();
+  server_->bufferedBytes = server_->bufferedBytes - accounted_ + now;
+  accounted_ = now;
+  return server_->bufferedBytes <= server_->limits.maxBufferedBytes;
+}
+
+void LocalAPIConnection::releaseBuffer() {
+  reader_ = LocalAPIRequestReader();
+  server_->bufferedBytes -= accounted_;
+  accounted_ = 0;
 }
 
 void LocalAPIConnection::begin() {
@@ -79,6 +101,26 @@ void LocalAPIConnection::onReadable() {
     ssize_t n = ::recv(fd_, buffer, LocalAPIRequestReader::maxChunk, 0);
     if (n > 0) {
       auto outcome = reader_.receive(std::string_view(buffer, size_t(n)));
+      if (!account()) {
+        respond(LocalAPIResponse::error(503, "Server busy"));
+        return;
+      }
+      if (!gated_ && reader_.head()) {
+        gated_ = true;
+        if (server_->gate) {
+          std::optional<LocalAPIResponse> refusal;
+          try {
+            refusal = server_->gate(*reader_.head());
+          } catch (...) {
+            closeNow();
+            return;
+          }
+          if (refusal) {
+            respond(*refusal);
+            return;
+          }
+        }
+      }
       if (outcome != LocalAPIRequestReader::Outcome::needMore) {
         settle(outcome);
         return;
@@ -118,7 +160,9 @@ void LocalAPIConnection::settle(LocalAPIRequestReader::Outcome outcome) {
   readNotifier_->setEnabled(false);
   QFuture<LocalAPIResponse> future;
   try {
-    future = server_->router(reader_.takeRequest());
+    LocalAPIRequest request = reader_.takeRequest();
+    releaseBuffer();
+    future = server_->router(std::move(request));
   } catch (...) {
     // The router answers every request itself; this only keeps the thread alive.
     closeNow();
@@ -133,6 +177,7 @@ void LocalAPIConnection::respond(const LocalAPIResponse& response) {
   phase_ = Phase::writing;
   deadline_.stop();
   readNotifier_->setEnabled(false);
+  releaseBuffer();
   out_ = response.serialize();
   written_ = 0;
   flush();
@@ -163,7 +208,8 @@ void LocalAPIConnection::flush() {
 
 void LocalAPIConnection::linger() {
   phase_ = Phase::lingering;
-  if (::shutdown(fd_, SHUT_WR) < 0) {
+  // At the cap, a place is worth more than the courtesy of draining.
+  if (::shutdown(fd_, SHUT_WR) < 0 || server_->atCapacity()) {
     closeNow();
     return;
   }
@@ -197,6 +243,9 @@ void LocalAPIConnection::closeNow() {
   if (writeNotifier_) writeNotifier_->setEnabled(false);
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
+  releaseBuffer();
+  server_->connections.erase(this);
+  if (LocalAPIListener* listener = server_->listener) listener->connectionEnded();
   server_.reset();
   deleteLater();
 }
@@ -208,11 +257,54 @@ LocalAPIListener::LocalAPIListener(std::weak_ptr<LocalAPIServer::Shared> server,
   // socket that stays readable. Waiting clients stay in the backlog until then.
   connect(this, &QTcpServer::acceptError, this, [this] {
     pauseAccepting();
-    QTimer::singleShot(100, this, [this] { resumeAccepting(); });
+    accepting_ = false;
+    QTimer::singleShot(100, this, [this] { resumeIfBelowCapacity(); });
   });
 }
 
+void LocalAPIListener::resumeIfBelowCapacity() {
+  auto server = server_.lock();
+  if (accepting_ || !server || server->atCapacity() || !waiting_.empty()) return;
+  accepting_ = true;
+  resumeAccepting();
+}
+
+void LocalAPIListener::connectionEnded() {
+  admitWaiting();
+  resumeIfBelowCapacity();
+}
+
+void LocalAPIListener::admitWaiting() {
+  auto server = server_.lock();
+  if (admitting_ || !server) return;
+  admitting_ = true;
+  while (!waiting_.empty()) {
+    if (server->atCapacity()) {
+      // Answered connections that only drain give their places up first.
+      const std::set<LocalAPIConnection*> open = server->connections;
+      for (LocalAPIConnection* other : open)
+        if (other->isLingering()) other->closeNow();
+    }
+    if (server->atCapacity()) {
+      // The rest wait, unread: a descriptor each, no buffer, no deadline yet.
+      if (accepting_) pauseAccepting();
+      accepting_ = false;
+      break;
+    }
+    const int descriptor = waiting_.front();
+    waiting_.pop_front();
+    auto* connection = new LocalAPIConnection(descriptor, server, localAPIConnectionRoot());
+    connection->begin();
+  }
+  admitting_ = false;
+}
+
+LocalAPIListener::~LocalAPIListener() {
+  for (int descriptor : waiting_) ::close(descriptor);
+}
+
 void LocalAPIListener::begin(quint16 port) {
+  if (auto server = server_.lock()) server->listener = this;
   setListenBacklogSize(1024);
   // QTcpServer sets SO_REUSEADDR on Unix, so a port left in TIME_WAIT can be bound again.
   if (listen(QHostAddress(QHostAddress::LocalHost), port)) {
@@ -235,8 +327,14 @@ void LocalAPIListener::incomingConnection(qintptr descriptor) {
     ::close(int(descriptor));
     return;
   }
-  auto* connection = new LocalAPIConnection(int(descriptor), std::move(server), localAPIConnectionRoot());
-  connection->begin();
+  // QTcpServer accepts everything pending in one go, so the cap is kept here: beyond it a
+  // client waits in line, and beyond the line it is refused.
+  if (waiting_.size() >= maxWaiting) {
+    ::close(int(descriptor));
+    return;
+  }
+  waiting_.push_back(int(descriptor));
+  admitWaiting();
 }
 
 void LocalAPIListener::report(const LocalAPIListenerState& state) {

@@ -3,10 +3,13 @@
 // Both live on LocalAPIServer::thread() and are touched only there.
 
 #include <QObject>
+#include <QPointer>
 #include <QTcpServer>
 #include <QTimer>
 
+#include <deque>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "api/LocalAPIRequestReader.h"
@@ -16,9 +19,20 @@ class QSocketNotifier;
 
 namespace quillane {
 
+class LocalAPIConnection;
+class LocalAPIListener;
+
+// Set up on the owner's thread before start(); the rest is touched on the server thread only.
 struct LocalAPIServer::Shared {
   double requestReadTimeoutSeconds = 30.0;
   LocalAPIServer::Router router;
+  LocalAPIServer::Gate gate;
+  LocalAPIServer::Limits limits;
+
+  std::set<LocalAPIConnection*> connections;  // every connection not yet closed
+  size_t bufferedBytes = 0;                   // held by the request readers of all of them
+  QPointer<LocalAPIListener> listener;        // the current one, paused while connections are at the cap
+  bool atCapacity() const { return int(connections.size()) >= limits.maxConnections; }
 };
 
 // The parent of every connection still open, living on LocalAPIServer::thread().
@@ -35,6 +49,9 @@ class LocalAPIConnection : public QObject {
   ~LocalAPIConnection() override;
 
   void begin();
+  // Answered and only draining what the client still sends: closing it loses nothing.
+  bool isLingering() const { return phase_ == Phase::lingering; }
+  void closeNow();
 
  private:
   void onReadable();
@@ -45,7 +62,9 @@ class LocalAPIConnection : public QObject {
   void flush();
   void linger();
   void drain();
-  void closeNow();
+  // Brings the server's count of buffered bytes up to date; false when it went over the limit.
+  bool account();
+  void releaseBuffer();
 
   enum class Phase { reading, routing, writing, lingering, closed };
   Phase phase_ = Phase::reading;
@@ -56,6 +75,8 @@ class LocalAPIConnection : public QObject {
   QTimer deadline_;
   QTimer lingerTimer_;
   LocalAPIRequestReader reader_;
+  size_t accounted_ = 0;  // this connection's part of Shared::bufferedBytes
+  bool gated_ = false;
   std::string out_;
   size_t written_ = 0;
 };
@@ -66,17 +87,26 @@ class LocalAPIListener : public QTcpServer {
  public:
   LocalAPIListener(std::weak_ptr<LocalAPIServer::Shared> server,
                    std::weak_ptr<LocalAPIServer::StateHandler> stateHandler);
+  // Closes the descriptors still waiting for a place.
+  ~LocalAPIListener() override;
 
   // Server thread: binds and reports ready or failed.
   void begin(quint16 port);
   // Server thread: closes, reports cancelled, deletes itself.
   void cancel();
+  // Server thread: accepting again once a connection has ended below the cap.
+  void connectionEnded();
 
  protected:
   void incomingConnection(qintptr descriptor) override;
 
  private:
   void report(const LocalAPIListenerState& state);
+  void resumeIfBelowCapacity();
+  void admitWaiting();
+  bool accepting_ = true;  // false while paused for the cap or for an accept error
+  bool admitting_ = false;
+  std::deque<int> waiting_;  // accepted descriptors beyond the cap, oldest first
   std::weak_ptr<LocalAPIServer::Shared> server_;
   std::weak_ptr<LocalAPIServer::StateHandler> stateHandler_;
 };

@@ -18,6 +18,7 @@ LocalAPIController::~LocalAPIController() = default;
 void LocalAPIController::start() {
   stop();
   auto server = std::make_unique<LocalAPIServer>(requestReadTimeoutSeconds, router_->serverRouter());
+  server->setGate(LocalAPIRouter::serverGate());
   quint64 generation = ++generation_;
   QPointer<LocalAPIController> self(this);
   server->setOnStateChange([self, generation](const LocalAPIListenerState& state) {

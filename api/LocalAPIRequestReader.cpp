@@ -89,7 +89,9 @@ LocalAPIRequestReader::Outcome LocalAPIRequestReader::parseHead(size_t terminato
   std::vector<std::string_view> tokens = splitKeepingEmpty(lines.front(), " ");
   if (tokens.size() < 2) return outcome_ = Outcome::malformed;
   request_.method = std::string(tokens[0]);
-  target_ = std::string(tokens[1]);
+  auto [path, query] = LocalAPIHTTP::splitQuery(tokens[1]);
+  request_.path = std::move(path);
+  request_.query = std::move(query);
 
   for (size_t i = 1; i < lines.size(); ++i) {
     std::string_view line = lines[i];
@@ -99,6 +101,7 @@ LocalAPIRequestReader::Outcome LocalAPIRequestReader::parseHead(size_t terminato
         std::string(trimSpacesAndTabs(line.substr(colon + 1)));
   }
 
+  headRead_ = true;
   bodyLength_ = 0;
   if (auto it = request_.headers.find("content-length"); it != request_.headers.end()) {
     // Anything that isn't a plain decimal integer counts as no length at all.
@@ -116,11 +119,8 @@ LocalAPIRequestReader::Outcome LocalAPIRequestReader::parseHead(size_t terminato
 
 LocalAPIRequestReader::Outcome LocalAPIRequestReader::finishIfComplete() {
   if (int64_t(buffer_.size()) < bodyLength_) return outcome_;
-  auto [path, query] = LocalAPIHTTP::splitQuery(target_);
-  request_.path = std::move(path);
-  request_.query = std::move(query);
   request_.body = std::move(buffer_);
-  buffer_.clear();
+  buffer_ = std::string();
   phase_ = Phase::done;
   return outcome_ = Outcome::request;
 }

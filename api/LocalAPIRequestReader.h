@@ -35,6 +35,12 @@ class LocalAPIRequestReader {
   Outcome end();
 
   Outcome outcome() const { return outcome_; }
+  // The request's line and headers (method, path, query, headers; no body yet) as soon as
+  // the head has been read, so that a request can be refused before its body is; null
+  // before then and when the head was malformed.
+  const LocalAPIRequest* head() const { return headRead_ ? &request_ : nullptr; }
+  // Bytes held for this request so far (allocated, not only used).
+  size_t bufferedBytes() const { return buffer_.capacity(); }
   // REQUIRES: outcome() == Outcome::request.
   LocalAPIRequest takeRequest() { return std::move(request_); }
 
@@ -48,7 +54,7 @@ class LocalAPIRequestReader {
   std::string buffer_;       // head phase: everything so far; body phase: the body so far
   size_t searchFrom_ = 0;    // the terminator can't start before this offset
   int64_t bodyLength_ = 0;
-  std::string target_;
+  bool headRead_ = false;
   LocalAPIRequest request_;
 };
 

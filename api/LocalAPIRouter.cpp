@@ -67,9 +67,20 @@ bool LocalAPIRouter::authorize(const LocalAPIRequest& request, const QString& to
   return difference == 0;
 }
 
+namespace {
+LocalAPIResponse unauthorized() { return LocalAPIResponse::error(401, "Missing or invalid Authorization token"); }
+}  // namespace
+
+LocalAPIServer::Gate LocalAPIRouter::serverGate() {
+  return [](const LocalAPIRequest& head) -> std::optional<LocalAPIResponse> {
+    if (authorize(head, LocalAPISettings::storedToken())) return std::nullopt;
+    return unauthorized();
+  };
+}
+
 void LocalAPIRouter::handle(LocalAPIRequest request, Reply reply) {
   if (!authorize(request, LocalAPISettings::token())) {
-    reply(LocalAPIResponse::error(401, "Missing or invalid Authorization token"));
+    reply(unauthorized());
     return;
   }
   std::vector<std::string> segments = pathSegments(request.path);

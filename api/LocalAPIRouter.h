@@ -40,6 +40,11 @@ class LocalAPIRouter : public QObject {
   // the GUI thread and answers through a future. Holds the router weakly.
   LocalAPIServer::Router serverRouter();
 
+  // The function to give LocalAPIServer::setGate: any thread. Refuses a request whose token
+  // is wrong or missing with the 401 of handle(), as soon as its head is read, so that no
+  // one without the token can make the server hold a body.
+  static LocalAPIServer::Gate serverGate();
+
   // "Bearer " + token, compared in constant time over equal lengths. `token` is read anew
   // for every request, so a regenerated token takes effect at once.
   static bool authorize(const LocalAPIRequest& request, const QString& token);

@@ -63,6 +63,10 @@ LocalAPIServer::~LocalAPIServer() {
 
 void LocalAPIServer::setOnStateChange(StateHandler handler) { *stateHandler_ = std::move(handler); }
 
+void LocalAPIServer::setGate(Gate gate) { shared_->gate = std::move(gate); }
+
+void LocalAPIServer::setLimits(Limits limits) { shared_->limits = limits; }
+
 double LocalAPIServer::requestReadTimeoutSeconds() const { return shared_->requestReadTimeoutSeconds; }
 
 QThread* LocalAPIServer::thread() { return serverThread().thread; }

@@ -3,6 +3,14 @@
 // function, one response written back, then the connection is closed. It knows nothing of
 // routes, tokens or the batch (LocalAPIRouter), nor of when to run (LocalAPIController).
 //
+// Two limits keep connections that no one asked for from costing memory: at most
+// Limits::maxConnections are served at once (the next 1,024 wait in line, unread, until one
+// ends, and later ones are refused; answered connections still draining give their places
+// up at once), and the bytes
+// held for requests being read, across all connections, stay under
+// Limits::maxBufferedBytes (a request that would pass it is answered 503). A gate, when
+// set, sees each request's head before any of its body is read, and may answer it there.
+//
 // Listener and connections live on one long-lived thread named
 // "com.quillane.Quillane.localapi", shared by every server of the process and stopped when
 // the QCoreApplication goes away. A connection finishes on its own even if its server is
@@ -13,6 +21,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "api/LocalAPIRequest.h"
@@ -37,6 +46,14 @@ class LocalAPIServer {
   using Router = std::function<QFuture<LocalAPIResponse>(LocalAPIRequest)>;
   // Called on the server thread.
   using StateHandler = std::function<void(const LocalAPIListenerState&)>;
+  // Called on the server thread with a request's line and headers (no body) as soon as they
+  // are read: a response refuses the request at once, its body unread; nothing lets it go on.
+  using Gate = std::function<std::optional<LocalAPIResponse>(const LocalAPIRequest& head)>;
+
+  struct Limits {
+    int maxConnections = 256;
+    size_t maxBufferedBytes = size_t(64) << 20;  // eight bodies of the largest size at once
+  };
 
   // `requestReadTimeoutSeconds` bounds the reading of one whole request (the application
   // passes 30). Any thread that has a QCoreApplication.
@@ -48,6 +65,10 @@ class LocalAPIServer {
 
   // REQUIRES: called before start().
   void setOnStateChange(StateHandler handler);
+  // REQUIRES: called before start().
+  void setGate(Gate gate);
+  // REQUIRES: called before start().
+  void setLimits(Limits limits);
 
   // Starts listening on 127.0.0.1 with address reuse; a running listener is cancelled
   // first. `port` is clamped to 0...65535 (0 asks the system for a free port). Returns

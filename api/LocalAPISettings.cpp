@@ -53,6 +53,8 @@ void setPort(int port) {
   saveSecurely(*settings);
 }
 
+QString storedToken() { return store()->value(tokenKey).toString(); }
+
 QString token() {
   auto settings = store();
   QString stored = settings->value(tokenKey).toString();

@@ -40,6 +40,9 @@ void setPort(int port);
 // non-empty stored value is the token, whatever its form. Empty only when the system's
 // random source failed, in which case nothing is stored and no request can authorize.
 QString token();
+// The stored token, empty when there is none; never makes one. Any thread (the server's
+// gate reads it for every request, and must not race the window over making one).
+QString storedToken();
 // Stores `token` (the pane's regenerate button).
 void setToken(const QString& token);
 // "qlne_" and 43 URL-safe Base64 characters carrying 32 bytes from getrandom(2); nothing

@@ -89,5 +89,33 @@ TEST_F(ControllerTest, ReportsAFailedBindAndRestartsOnANewPort) {
   EXPECT_FALSE(testing::RawConnection(first).connected());
 }
 
+// Any web page can make the browser open connections to 127.0.0.1: without the token, a
+// request is refused as soon as its head is read, and its body is never waited for.
+TEST_F(ControllerTest, RequestsWithoutTheTokenAreRefusedBeforeTheirBody) {
+  LocalAPISettings::setPort(testing::freeLocalPort());
+  auto& controller = make();
+  controller.start();
+  ASSERT_TRUE(spinUntil([&] { return controller.isRunning(); }, 5s));
+  const int port = controller.boundPort();
+  const std::string token = LocalAPISettings::token().toStdString();
+  const int refused = testing::offThread([&] {
+    std::vector<std::unique_ptr<testing::RawConnection>> connections;
+    for (int i = 0; i < 300; ++i) {
+      connections.push_back(std::make_unique<testing::RawConnection>(port));
+      // No token, a wrong one, and (last) the right one with a body that never comes.
+      std::string authorization = i % 2 ? "Authorization: Bearer qlne_wrong\r\n" : "";
+      if (i == 299) authorization = "Authorization: Bearer " + token + "\r\n";
+      connections.back()->send("POST /v1/import HTTP/1.1\r\n" + authorization +
+                               "Content-Length: 8388608\r\n\r\n" + std::string(4096, 'x'));
+    }
+    int count = 0;
+    for (int i = 0; i < 299; ++i) count += connections[size_t(i)]->readResponse(10s).status == 401;
+    EXPECT_TRUE(connections[299]->readSome(100ms).empty()) << "with the token, the body is awaited";
+    return count;
+  });
+  EXPECT_EQ(refused, 299);
+  EXPECT_EQ(statusCode(port), 200);
+}
+
 }  // namespace
 }  // namespace quillane

@@ -62,10 +62,11 @@ class EchoRouter {
 class ServerTest : public ::testing::Test {
  protected:
   // Starts a server with `timeout` seconds to read a request and returns its port.
-  int startServer(double timeout = 10.0, int port = 0) {
+  int startServer(double timeout = 10.0, int port = 0, LocalAPIServer::Limits limits = {}) {
     server_.reset();
     log_.clear();
     server_ = std::make_unique<LocalAPIServer>(timeout, router_.router());
+    server_->setLimits(limits);
     server_->setOnStateChange(log_.handler());
     server_->start(port);
     auto state = log_.waitFor(0);
@@ -199,6 +200,42 @@ TEST_F(ServerTest, HundredsOfConcurrentConnectionsAreServedWithoutLeakingDescrip
   server_->stop();
   EXPECT_EQ(log_.waitFor(1).kind, Kind::cancelled);
   EXPECT_FALSE(RawConnection(port).connected());
+}
+
+TEST_F(ServerTest, ClientsBeyondTheCapWaitAndBufferedBytesHaveOneBudgetForAll) {
+  int port = startServer(10.0, 0, {2, size_t(1) << 20});
+  RawConnection first(port), second(port), third(port);
+  first.send("GET /first\r\n");
+  second.send("GET /second\r\n");
+  third.send("GET /third\r\n\r\n");
+  EXPECT_TRUE(third.readSome(200ms).empty()) << "two places, both taken";
+  first.send("\r\n");
+  EXPECT_EQ(first.readResponse(5s).body, pathBody("\\/first"));
+  EXPECT_EQ(third.readResponse(5s).body, pathBody("\\/third")) << "its turn came when the first ended";
+  second.close();
+
+  // Two bodies of 600 KB against 1 MiB for everything: the one that crosses it is refused.
+  const std::string head = "POST /big HTTP/1.1\r\nContent-Length: 8388608\r\n\r\n";
+  auto answers = testing::offThread([&] {
+    RawConnection a(port), b(port);
+    a.send(head + std::string(600000, 'a'));
+    b.send(head + std::string(600000, 'b'));
+    std::string refusal;
+    RawConnection* other = nullptr;
+    for (int i = 0; i < 100 && !other; ++i) {
+      if (!(refusal = a.readSome(20ms)).empty()) other = &b;
+      else if (!(refusal = b.readSome(20ms)).empty()) other = &a;
+    }
+    if (!other) return std::pair<std::string, int>{};
+    other->shutdownWrite();  // still awaited, so it ends short: 400
+    return std::pair{refusal, other->readResponse(5s).status};
+  });
+  EXPECT_TRUE(answers.first.starts_with("HTTP/1.1 503")) << answers.first;
+  EXPECT_EQ(answers.second, 400);
+  // Their bytes were given back: a body of 900 KB fits again.
+  auto accepted = testing::offThread(
+      [&] { return httpExchange(port, "POST /fits HTTP/1.1\r\nContent-Length: 900000\r\n\r\n" + std::string(900000, 'c')); });
+  EXPECT_EQ(accepted.status, 200);
 }
 
 }  // namespace
