@@ -96,18 +96,33 @@ namespace ImageCompressor {
 
 Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality) {
   ImageDecoder::DecodedSource source = ImageDecoder::decodeCGImageSource(fileData);
+  const ImageFormat sourceFormat = source.format;
   Pictures pictures;
-  pictures.rgba = RGBABuffer(source.image);
-  if (isNative(format))
+  // A JPEG, HEIC or AVIF writer reads the decoded frame, which differs from the RGBA buffer
+  // only for 16 bits or alpha (the writer composites or keeps it itself). Otherwise the
+  // buffer takes the decoded samples over, and hands them to the writer after the analysis:
+  // one full-size picture in memory, never two.
+  const bool keepDecoded =
+      isNative(format) && (source.image.bitsPerComponent != 8 || source.image.alpha != AlphaInfo::none);
+  if (keepDecoded) {
+    pictures.rgba = RGBABuffer(source.image);
     pictures.decoded = std::move(source.image);
-  else
-    source.image = DecodedImage{};
+  } else {
+    pictures.rgba = RGBABuffer(std::move(source.image));
+  }
   const ImageCharacteristics characteristics = ImageAnalyzer::analyze(pictures.rgba);
   const EncodingPlan plan = EncodingStrategy::plan(characteristics, format, quality);
+  if (isNative(format) && !keepDecoded) {
+    // Opaque 8 bits: the buffer's samples are the frame's, with alpha at 255.
+    pictures.decoded.width = pictures.rgba.width;
+    pictures.decoded.height = pictures.rgba.height;
+    pictures.decoded.colorSpace = pictures.rgba.colorSpace;
+    pictures.decoded.pixels8 = std::move(pictures.rgba.pixels);
+  }
 
   // A JPEG repackaged as JPEG XL loses nothing and is reconstructible byte for byte; below
   // 90 the user asked for a smaller file than that gives, so it is encoded from pixels.
-  if (format == ImageFormat::jxl && source.format == ImageFormat::jpeg && quality >= 90) {
+  if (format == ImageFormat::jxl && sourceFormat == ImageFormat::jpeg && quality >= 90) {
     if (auto transcoded = JXLEncoder::transcodeJPEG(fileData, plan.effort + 5)) return std::move(*transcoded);
   }
 

@@ -118,7 +118,10 @@ Bytes encode(const DecodedImage& image, bool hasAlpha, ImageFormat format, const
   try {
     const bool keepAlpha = format != ImageFormat::jpeg && hasAlpha;
     std::optional<DecodedImage> opaque;
-    if (!keepAlpha) opaque = opaqueCopy(image, format == ImageFormat::jpeg && hasAlpha);
+    // The writers read only the colour of an opaque picture: opaque 8 bits go to them as they
+    // are, without a copy.
+    const bool colourAsItIs = image.bitsPerComponent == 8 && image.alpha == AlphaInfo::none;
+    if (!keepAlpha && !colourAsItIs) opaque = opaqueCopy(image, format == ImageFormat::jpeg && hasAlpha);
     // A copy that couldn't be made is no failure: the picture goes on as it is.
     const DecodedImage& chosen = opaque ? *opaque : image;
     std::optional<DecodedImage> converted;

@@ -192,4 +192,19 @@ RGBABuffer::RGBABuffer(const DecodedImage& image) {
   hasAlpha = convert8(image.alpha, pixels);
 }
 
+RGBABuffer::RGBABuffer(DecodedImage&& image) {
+  checkShape(image);
+  if (image.bitsPerComponent == 16) {
+    *this = RGBABuffer(static_cast<const DecodedImage&>(image));
+    image = DecodedImage{};
+    return;
+  }
+  width = image.width;
+  height = image.height;
+  colorSpace = std::move(image.colorSpace);
+  pixels = std::move(image.pixels8);
+  hasAlpha = convert8(image.alpha, pixels);
+  image = DecodedImage{};
+}
+
 }  // namespace quillane

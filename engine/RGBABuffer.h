@@ -22,6 +22,9 @@ struct RGBABuffer {
   RGBABuffer() = default;
   // Throws ImageProcessingError::contextCreationFailed when the picture can't be converted.
   explicit RGBABuffer(const DecodedImage& image);
+  // The same, taking an 8-bit picture's samples over instead of copying them (no second
+  // full-size buffer to allocate and fault in); `image` is left empty. 16 bits convert as above.
+  explicit RGBABuffer(DecodedImage&& image);
 
   // 8 by 8 Bayer thresholds times 4 (0...252), row by row.
   static const std::array<int32_t, 64> bayer8;
