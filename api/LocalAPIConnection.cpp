@@ -18,6 +18,9 @@ namespace {
 // this long before the socket is closed: closing with unread data would send a reset,
 // which can make the client lose the response it has not read yet.
 constexpr int lingerMilliseconds = 2000;
+// ... and only up to this many bytes: a client refused early (no token) may still be pushing
+// megabytes of body, and reading them all would cost the thread every other client needs.
+constexpr size_t maxDrainBytes = 256 * 1024;
 // Receives per readiness event, so that one fast sender can't starve the others.
 constexpr int receivesPerEvent = 16;
 // Clients accepted beyond the cap, kept unread until a place is free.
@@ -224,7 +227,12 @@ void LocalAPIConnection::drain() {
   char* buffer = receiveBuffer();
   for (int i = 0; i < receivesPerEvent; ++i) {
     ssize_t n = ::recv(fd_, buffer, LocalAPIRequestReader::maxChunk, 0);
-    if (n > 0) continue;
+    if (n > 0) {
+      drained_ += size_t(n);
+      if (drained_ <= maxDrainBytes) continue;
+      closeNow();
+      return;
+    }
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
     closeNow();

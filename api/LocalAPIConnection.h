@@ -76,6 +76,7 @@ class LocalAPIConnection : public QObject {
   QTimer lingerTimer_;
   LocalAPIRequestReader reader_;
   size_t accounted_ = 0;  // this connection's part of Shared::bufferedBytes
+  size_t drained_ = 0;    // bytes read and dropped after the response
   bool gated_ = false;
   std::string out_;
   size_t written_ = 0;

@@ -3,6 +3,10 @@
 //     request (the server closes after each answer); requests per second and latency.
 //   BM_SettingsToAllReady: POST /v1/settings, then the time until ten 12-megapixel photos are
 //     encoded again to JPEG by the real engine.
+//   BM_StatusDuringAnUnauthenticatedFlood: 300 connections without the token, each sending an
+//     8 MiB body, while one client asks for the status with the token; the peak growth of
+//     the process's resident memory and the status latency. Argument 1 is the server as the
+//     application sets it up (token gate, default limits); 0 is the server without them.
 // bench/api_wrk.sh measures the first against the real application with wrk.
 #include <benchmark/benchmark.h>
 
@@ -15,6 +19,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -50,7 +57,7 @@ struct Stack {
   std::string token;
   std::atomic<int> port{0};
 
-  Stack() {
+  explicit Stack(bool guarded = true) {
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir.filePath("config"));
     JSONFileStore::setFolderForTesting(dir.filePath("data"));
     token = LocalAPISettings::token().toStdString();
@@ -59,6 +66,11 @@ struct Stack {
     model = std::make_unique<BatchViewModel>(options);
     router = std::make_unique<LocalAPIRouter>(*model);
     server = std::make_unique<LocalAPIServer>(30.0, router->serverRouter());
+    if (guarded) {
+      server->setGate(LocalAPIRouter::serverGate());  // as LocalAPIController does
+    } else {
+      server->setLimits({1 << 20, SIZE_MAX});
+    }
     server->setOnStateChange([this](const LocalAPIListenerState& state) { port = state.port; });
     server->start(0);
     spinUntil([&] { return port.load() != 0; });
@@ -148,6 +160,92 @@ void BM_SettingsToAllReady(benchmark::State& state) {
   state.counters["images"] = double(stack.model->images().size());
 }
 BENCHMARK(BM_SettingsToAllReady)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+
+// Resident memory of this process in kB (VmRSS).
+long residentKilobytes() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line))
+    if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
+  return 0;
+}
+
+void BM_StatusDuringAnUnauthenticatedFlood(benchmark::State& state) {
+  Stack stack(state.range(0) != 0);
+  const std::string status = stack.request("GET", "/v1/status");
+  const std::string head = "POST /v1/import HTTP/1.1\r\nContent-Length: 8388608\r\n\r\n";
+  const std::string body(8388608, 'x');
+  constexpr int senders = 6, perSender = 50;
+  std::vector<double> latencies, quiet;
+  long peakGrowth = 0;
+  for (auto _ : state) {
+    // The same request with no flood, for comparison on this machine at this moment.
+    for (int i = 0; i < 20; ++i) {
+      std::atomic<bool> answered{false};
+      auto t0 = Clock::now();
+      std::thread client([&] {
+        testing::httpExchange(stack.port, status);
+        answered = true;
+      });
+      spinUntil([&] { return answered.load(); });
+      quiet.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+      client.join();
+    }
+    const long baseline = residentKilobytes();
+    std::atomic<long> peak{baseline};
+    std::atomic<int> floodDone{0};
+    std::atomic<bool> stop{false};
+    std::thread sampler([&] {
+      while (!stop) {
+        peak = std::max(peak.load(), residentKilobytes());
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      }
+    });
+    std::vector<std::thread> flood;
+    for (int t = 0; t < senders; ++t) {
+      flood.emplace_back([&] {
+        // All open at once, as a page's scripts would hold them.
+        std::vector<std::unique_ptr<testing::RawConnection>> connections;
+        for (int i = 0; i < perSender; ++i) {
+          connections.push_back(std::make_unique<testing::RawConnection>(stack.port));
+          connections.back()->send(head);
+        }
+        // Bodies sent side by side, in slices, so that all of them are in flight at once.
+        constexpr size_t slice = 256 * 1024;
+        std::vector<bool> open(connections.size(), true);
+        for (size_t at = 0; at < body.size(); at += slice)
+          for (size_t i = 0; i < connections.size(); ++i)
+            if (open[i]) open[i] = connections[i]->send(std::string_view(body).substr(at, slice));
+        for (auto& connection : connections) connection->readResponse(std::chrono::seconds(30));
+        ++floodDone;
+      });
+    }
+    std::atomic<bool> probed{false};
+    std::thread prober([&] {
+      while (floodDone.load() < senders) {
+        auto t0 = Clock::now();
+        testing::httpExchange(stack.port, status, std::chrono::seconds(30));
+        latencies.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+      }
+      probed = true;
+    });
+    spinUntil([&] { return probed.load(); });  // the status answers need this thread's loop
+    prober.join();
+    for (auto& thread : flood) thread.join();
+    stop = true;
+    sampler.join();
+    peakGrowth = std::max(peakGrowth, peak.load() - baseline);
+  }
+  std::sort(latencies.begin(), latencies.end());
+  std::sort(quiet.begin(), quiet.end());
+  auto percentile = [&](double p) { return latencies.empty() ? 0 : latencies[size_t(p * double(latencies.size() - 1))]; };
+  state.counters["peak_growth_MB"] = double(peakGrowth) / 1024.0;
+  state.counters["quiet_p50_ms"] = quiet[quiet.size() / 2];
+  state.counters["status_p50_ms"] = percentile(0.50);
+  state.counters["status_max_ms"] = latencies.empty() ? 0 : latencies.back();
+  state.counters["status_requests"] = double(latencies.size());
+}
+BENCHMARK(BM_StatusDuringAnUnauthenticatedFlood)->Arg(1)->Arg(0)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace quillane
