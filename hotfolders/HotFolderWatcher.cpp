@@ -3,6 +3,7 @@
 #include <QFile>
 #include <QThread>
 
+#include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -85,6 +86,7 @@ bool HotFolderWatcher::start() {
     ::close(fd);
     return false;
   }
+  const bool mountRoot = isMountRoot(hotFolder_.sourceFolder);
   std::weak_ptr<HotFolderWatcher> weak = weak_from_this();
   std::shared_ptr<WorkItem> source = queue_->addReadSource(fd, [weak] {
     if (auto self = weak.lock()) self->readEvents();
@@ -97,6 +99,7 @@ bool HotFolderWatcher::start() {
     watchedDevice_ = uint64_t(st.st_dev);
     watchedInode_ = uint64_t(st.st_ino);
     sourceLost_ = false;
+    startedOnMountRoot_ = mountRoot;
   }
   startPollingIfNeeded();
   scheduleScan();  // picks up what arrived while the folder was not watched
@@ -218,6 +221,21 @@ bool HotFolderWatcher::isWatching() const {
 }
 
 void HotFolderWatcher::waitUntilIdle() { queue_->sync([] {}); }
+
+bool HotFolderWatcher::startedOnMountRoot() const {
+  std::lock_guard lock(stateLock_);
+  return startedOnMountRoot_;
+}
+
+bool HotFolderWatcher::isMountRoot(const QString& folder) {
+  struct statx st {};
+  if (::statx(AT_FDCWD, QFile::encodeName(folder).constData(), 0, STATX_BASIC_STATS, &st) != 0) return false;
+  if (st.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) return (st.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+  // Kernels before 5.8 don't say; a device of its own still tells most volumes apart.
+  struct stat self {}, parent {};
+  return statFolder(folder, self) && statFolder(folder + QStringLiteral("/.."), parent) &&
+         self.st_dev != parent.st_dev;
+}
 
 bool HotFolderWatcher::isSourceOnLocalVolume() const {
   return volumeCheck_ ? volumeCheck_(hotFolder_.sourceFolder) : isOnLocalVolume(hotFolder_.sourceFolder);

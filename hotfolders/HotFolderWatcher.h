@@ -73,6 +73,10 @@ class HotFolderWatcher : public std::enable_shared_from_this<HotFolderWatcher> {
   // unmounted or covered by a mount made after start). The owner restarts a watcher that
   // has lost its source.
   bool isWatching() const;
+  // Whether the folder was the root of a mounted volume when the watch began.
+  bool startedOnMountRoot() const;
+  // Whether `folder` is the root of a mounted volume (its device differs from its parent's).
+  static bool isMountRoot(const QString& folder);
 
   // Returns once the queue has finished what it is running (a scan, say). Not from the
   // queue itself. The owner calls it after stop() when the process ends.
@@ -114,6 +118,7 @@ class HotFolderWatcher : public std::enable_shared_from_this<HotFolderWatcher> {
   int watchedFd_ = -1;      // the inotify descriptor of source_, owned by the queue
   uint64_t watchedDevice_ = 0, watchedInode_ = 0;
   bool sourceLost_ = false;
+  bool startedOnMountRoot_ = false;
   std::shared_ptr<WorkItem> pendingScan_;
   std::shared_ptr<WorkItem> pollTimer_;
 };

@@ -77,6 +77,7 @@ void HotFoldersManager::applyWatchers() {
   }
   for (const QUuid& id : unwanted) retire(id);
   unstartedHotFolderIDs_.intersect(enabledIDs);
+  awaitingVolumeIDs_.intersect(enabledIDs);
 
   for (const HotFolder& folder : hotFolders_) {
     if (!folder.isEnabled) continue;
@@ -85,7 +86,18 @@ void HotFoldersManager::applyWatchers() {
     if (running != watchers_.end() && running->second->hotFolder() == folder && running->second->isWatching()) {
       continue;
     }
+    if (running != watchers_.end() && running->second->hotFolder() == folder &&
+        running->second->startedOnMountRoot() && !HotFolderWatcher::isMountRoot(folder.sourceFolder)) {
+      awaitingVolumeIDs_.insert(folder.id);
+    }
     retire(folder.id);
+    if (awaitingVolumeIDs_.contains(folder.id)) {
+      if (!HotFolderWatcher::isMountRoot(folder.sourceFolder)) {
+        noteCouldNotStart(folder, unreadableSourceText());
+        continue;
+      }
+      awaitingVolumeIDs_.remove(folder.id);
+    }
     if (HotFolders::isSameFolder(folder.sourceFolder, folder.destinationFolder)) {
       noteCouldNotStart(folder, sameFolderText());
       continue;
@@ -119,6 +131,8 @@ void HotFoldersManager::noteCouldNotStart(const HotFolder& hotFolder, const QStr
 void HotFoldersManager::upsert(const HotFolder& hotFolder) {
   const auto it = std::find_if(hotFolders_.begin(), hotFolders_.end(),
                                [&](const HotFolder& folder) { return folder.id == hotFolder.id; });
+  // An edit is the user's word that the folder is meant as it is now.
+  if (it == hotFolders_.end() || !(*it == hotFolder)) awaitingVolumeIDs_.remove(hotFolder.id);
   if (it != hotFolders_.end()) {
     *it = hotFolder;
   } else {

@@ -73,6 +73,10 @@ class HotFoldersManager : public QObject {
   std::vector<std::weak_ptr<HotFolderWatcher>> retired_;  // stopped, perhaps still scanning
   MountObserver* volumeMountObserver_ = nullptr;
   QSet<QUuid> unstartedHotFolderIDs_;
+  // Folders that were the root of a volume that has been unmounted. Their mount point is an
+  // empty folder now, and scanning it would drop the memory of every file; they wait for a
+  // volume to be mounted there again.
+  QSet<QUuid> awaitingVolumeIDs_;
 };
 
 }  // namespace quillane

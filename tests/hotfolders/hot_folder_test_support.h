@@ -38,11 +38,6 @@ class Reports {
       changed_.notify_all();
     };
   }
-  // Waits (at most 60 s) until `done` holds; false on time-out.
-  bool waitUntil(const std::function<bool(const std::vector<HotFolderActivity>&)>& done) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(60), [&] { return done(lines_); });
-  }
   // Waits for `count` lines and for the progress report that follows the last of them.
   bool waitForLines(size_t count) {
     std::unique_lock lock(mutex_);
