@@ -52,6 +52,7 @@ struct EncodingPlan {
   std::optional<Alternative> alternative;
   float dithering = 0.7f;
   bool prefersLossless = false;
+  bool photographic = false;  // photo, noisy photo or illustration: no graphic, no screen text
 
   static std::string_view modeName(Mode::Kind kind);  // "lossy", "nearLossless", "lossless"
 };

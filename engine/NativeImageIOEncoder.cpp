@@ -135,7 +135,7 @@ Bytes encode(const DecodedImage& image, bool hasAlpha, ImageFormat format, const
       case ImageFormat::jpeg:
         return codecs::writeJpeg(pixels, codecs::jpegSettings(quality), icc);
       case ImageFormat::heic:
-        return codecs::writeHeic(pixels, keepAlpha, codecs::heifSettings(quality), icc);
+        return codecs::writeHeic(pixels, keepAlpha, codecs::heifSettings(quality, plan.photographic), icc);
       default:
         return codecs::writeAvif(pixels, keepAlpha, codecs::avifSettings(quality, pixels.pixelCount()), icc);
     }

@@ -53,8 +53,12 @@ struct HeifSettings {
   int quality = 50;         // libheif's lossy quality 0...100 for x265
   ChromaLayout chroma = ChromaLayout::automatic;  // full from a 0...1 quality of 0.9 on
   const char* preset = "";  // x265 speed preset
+  int minBlock = 8;         // x265's smallest coding block, 8 or 16 pixels
 };
-HeifSettings heifSettings(double quality);
+// `photographic` (a photo or illustration, not a graphic or screen text) lets x265 skip its
+// 8-pixel blocks: a 12-megapixel photo in a third of the time for half a percent more bytes
+// at equal butteraugli, where a screenshot would grow by a third.
+HeifSettings heifSettings(double quality, bool photographic = false);
 
 // HEVC still image through libheif and x265; alpha as an auxiliary image when `keepAlpha`;
 // the profile as a "prof" colour box when given.
