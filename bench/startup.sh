@@ -4,7 +4,8 @@
 #   the .deb's size and its installed size; the time of `quillane-cli --version` and of
 #   `quillane` until its window is shown offscreen (QUILLANE_QUIT_WHEN_SHOWN), each cold (the
 #   program and its libraries dropped from the page cache first) and warm (median of RUNS);
-#   and the number of shared objects each loads.
+#   the CPU time of a warm run (perf stat's task-clock, when perf is installed); and the number
+#   of shared objects each loads.
 #
 #   bench/startup.sh build-package/quillane_VERSION_amd64.deb [RUNS]
 set -euo pipefail
@@ -45,8 +46,13 @@ measure() {
   cold=$(elapsed_ms "$@")
   local warm
   warm=$(for _ in $(seq "$runs"); do elapsed_ms "$@"; done | median)
-  printf '%-28s cold %4d ms   warm %4d ms (median of %d)   %3d shared objects\n' \
-    "$name" "$cold" "$warm" "$runs" "${#files[@]}"
+  # CPU time (task-clock) says more than wall time on a loaded machine.
+  local cpu="?"
+  if command -v perf >/dev/null 2>&1; then
+    cpu=$(perf stat -x, -e task-clock -r "$runs" "$@" 2>&1 >/dev/null | awk -F, '/task-clock/ {printf "%.1f", $1}')
+  fi
+  printf '%-24s cold %4d ms   warm %4d ms (median of %d)   CPU %s ms   %3d shared objects\n' \
+    "$name" "$cold" "$warm" "$runs" "$cpu" "${#files[@]}"
 }
 
 printf '.deb size: %d bytes; installed size: %d KiB\n' "$(stat -c %s "$deb")" \
