@@ -16,7 +16,7 @@
 #include "batch/AsyncSemaphore.h"
 #include "batch/BatchViewModelPrivate.h"
 #include "engine/Errors.h"
-#include "engine/FileIO.h"
+#include "engine/ImageDecoder.h"
 
 namespace quillane {
 
@@ -202,7 +202,7 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
                     [workEnded, encoder, path, format, quality, label]() -> EncodeResult {
                       EncodeResult result;
                       try {
-                        const std::vector<uint8_t> source = FileIO::readFile(path);
+                        const std::vector<uint8_t> source = ImageDecoder::readSource(path);
                         const std::vector<uint8_t> bytes = encoder(source, format, quality);
                         result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
                       } catch (...) {
@@ -250,9 +250,12 @@ void BatchViewModel::schedulePassthrough(const std::shared_ptr<ImportedImage>& i
   std::weak_ptr<ImportedImage> weakImage = image;
   QtConcurrent::run(encodePool_.get(),
                     [path]() -> QByteArray {
-                      QFile file(path);
-                      if (!file.open(QIODevice::ReadOnly)) return {};
-                      return file.readAll();
+                      try {
+                        const std::vector<uint8_t> bytes = ImageDecoder::readSource(QFile::encodeName(path).toStdString());
+                        return QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
+                      } catch (...) {
+                        return {};
+                      }
                     })
       .then(this, [this, weakImage, generation](const QByteArray& bytes) {
         auto image = weakImage.lock();

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -83,25 +84,39 @@ int createTemporary(const std::string& folder, std::string& tmp) {
 }
 }  // namespace
 
-std::vector<uint8_t> readFile(const std::string& path) {
+std::vector<uint8_t> readFile(const std::string& path, const HeadCheck& check, size_t headBytes) {
   Fd f;
-  f.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (f.fd < 0) fail(path, errno);
+  f.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (f.fd < 0) {
+    // A FIFO opened for reading never fails with ENXIO; a socket does.
+    if (errno == ENXIO) throw NotARegularFile(path);
+    fail(path, errno);
+  }
   struct stat st {};
   if (::fstat(f.fd, &st) != 0) fail(path, errno);
-  if (S_ISDIR(st.st_mode)) fail(path, EISDIR);
+  if (!S_ISREG(st.st_mode)) throw NotARegularFile(path);
+  const size_t size = size_t(std::max<off_t>(st.st_size, 0));
   std::vector<uint8_t> data;
-  if (st.st_size > 0) data.reserve(size_t(st.st_size));
-  uint8_t buf[1 << 16];
-  for (;;) {
-    ssize_t n = ::read(f.fd, buf, sizeof buf);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      fail(path, errno);
+  // Reads into `data` until it holds `want` bytes or the file ends.
+  auto readUpTo = [&](size_t want) {
+    while (data.size() < want) {
+      const size_t before = data.size();
+      data.resize(want);
+      ssize_t n = ::read(f.fd, data.data() + before, want - before);
+      if (n < 0) {
+        data.resize(before);
+        if (errno == EINTR) continue;
+        fail(path, errno);
+      }
+      data.resize(before + size_t(n));
+      if (n == 0) return;
     }
-    if (n == 0) break;
-    data.insert(data.end(), buf, buf + n);
+  };
+  if (check) {
+    readUpTo(std::min(size, headBytes));
+    check(std::span<const uint8_t>(data));
   }
+  readUpTo(size);
   return data;
 }
 

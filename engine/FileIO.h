@@ -2,14 +2,31 @@
 // Whole-file reading and atomic writing, for the engine's one-shot callers.
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "engine/Errors.h"
+
 namespace quillane::FileIO {
 
-// Throws FileError with the system's text.
-std::vector<uint8_t> readFile(const std::string& path);
+// A path that names a folder, a device, a pipe or a socket where a file was to be read.
+class NotARegularFile : public FileError {
+ public:
+  explicit NotARegularFile(const std::string& path) : FileError(path, "not a regular file") {}
+};
+
+// Sees the first bytes of a file (at most `headBytes` of readFile) before the rest is read,
+// and throws to refuse the file.
+using HeadCheck = std::function<void(std::span<const uint8_t> head)>;
+
+// Reads a regular file whole, at most the size it had when opened. Anything else is refused
+// at once, without blocking: the path is opened non-blocking and the opened descriptor is
+// checked, so that a pipe with no writer or a device never stalls the caller and /dev/zero
+// is never read. Throws NotARegularFile for those, FileError with the system's text for the
+// rest, and whatever `check` throws.
+std::vector<uint8_t> readFile(const std::string& path, const HeadCheck& check = {}, size_t headBytes = 64);
 
 // The one writer of every file the program makes. Writes to a temporary file in the same
 // folder, named ".quillane-XXXXXX.tmp" (short, so that final names of up to 255 bytes work,

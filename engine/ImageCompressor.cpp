@@ -142,7 +142,7 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
   ImageCompressionResult result;
   result.path = path;
   try {
-    const Bytes source = FileIO::readFile(path);
+    const Bytes source = ImageDecoder::readSource(path);
     const Bytes compressed = encodeData(source, format, quality);
     const std::string name = destinationFilename ? *destinationFilename
                                                  : baseName(path) + "." + std::string(ImageFormats::fileExtension(format));

@@ -14,13 +14,26 @@ constexpr int kThumbnailSize = 256;
 
 std::optional<std::vector<uint8_t>> readAll(const std::string& path) {
   try {
-    return FileIO::readFile(path);
+    return readSource(path);
   } catch (const std::exception&) {
     return std::nullopt;
   }
 }
 
 }  // namespace
+
+std::vector<uint8_t> readSource(const std::string& path) {
+  try {
+    return FileIO::readFile(
+        path,
+        [&path](std::span<const uint8_t> head) {
+          if (!ImageFormats::detect(head)) throw ImageProcessingError::decodingFailed("not one of the six formats: " + path);
+        },
+        ImageService::kSniffBytes);
+  } catch (const FileIO::NotARegularFile& e) {
+    throw ImageProcessingError::decodingFailed(e.what());
+  }
+}
 
 LightDecodedImage inspect(const std::string& path) {
   auto bytes = readAll(path);

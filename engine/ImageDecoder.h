@@ -6,6 +6,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "engine/DecodedImage.h"
 #include "engine/ImageFormat.h"
@@ -28,6 +29,11 @@ struct DecodedSource {
   DecodedImage image;  // first frame, full size, upright, at its own depth
   int frameCount = 1;
 };
+
+// Reads an image file whole for decoding: refuses at once what is not a regular file, and
+// what does not start as one of the six formats before reading the rest. Throws
+// ImageProcessingError::decodingFailed for those, FileError when the file can't be read.
+std::vector<uint8_t> readSource(const std::string& path);
 
 // Reads headers and makes a thumbnail; never decodes the full picture where the codec can
 // decode at a reduced scale. Throws ImageProcessingError::decodingFailed.

@@ -17,11 +17,11 @@ std::optional<ImageFormat> formatOf(std::span<const uint8_t> bytes) { return Ima
 
 DecodedImage decode(ImageFormat format, std::span<const uint8_t> bytes, int minLongSide) {
   switch (format) {
-    case ImageFormat::png: return codecs::decodePng(bytes);
+    case ImageFormat::png: return codecs::decodePng(bytes, minLongSide);
     case ImageFormat::jpeg: return codecs::decodeJpeg(bytes, minLongSide);
     case ImageFormat::heic: return codecs::decodeHeif(bytes, minLongSide);
     case ImageFormat::avif: return codecs::decodeAvif(bytes);
-    case ImageFormat::webp: return codecs::decodeWebp(bytes);
+    case ImageFormat::webp: return codecs::decodeWebp(bytes, minLongSide);
     case ImageFormat::jxl: return codecs::decodeJxl(bytes);
   }
   codecs::fail("unknown format");
@@ -51,6 +51,10 @@ DecodedImage decodeFirstFrame(std::span<const uint8_t> bytes) {
   auto format = formatOf(bytes);
   if (!format) throw ImageProcessingError::decodingFailed("not one of the six formats");
   try {
+    // Refused before anything is allocated when the decode and the encode after it would not
+    // fit; a picture whose header can't be read fails in its reader.
+    if (auto props = properties(bytes))
+      codecs::checkFitsInMemory(uint64_t(props->width) * uint64_t(props->height), codecs::kPeakBytesPerPixel);
     return decode(*format, bytes, 0);
   } catch (const ImageProcessingError&) {
     throw;
@@ -66,6 +70,9 @@ std::optional<DecodedImage> thumbnail(std::span<const uint8_t> bytes, int maxPix
   if (!format || maxPixelSize <= 0) return std::nullopt;
   try {
     auto props = properties(bytes);
+    // JPEG, PNG and WebP decode reduced; the others need their full picture for a moment.
+    const bool reduces = *format == ImageFormat::jpeg || *format == ImageFormat::png || *format == ImageFormat::webp;
+    if (props && !reduces) codecs::checkFitsInMemory(uint64_t(props->width) * uint64_t(props->height), 8);
     DecodedImage image = decode(*format, bytes, maxPixelSize);
     image = Resample::fitWithin(image, maxPixelSize);
     int orientation = props && props->orientation ? *props->orientation : 1;

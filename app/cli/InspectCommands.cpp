@@ -6,7 +6,6 @@
 #include <functional>
 
 #include "engine/Errors.h"
-#include "engine/FileIO.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageFormat.h"
 #include "engine/Localization.h"
@@ -95,7 +94,7 @@ JsonValue planJson(const EncodingPlan& plan) {
 
 JsonValue analyze(const std::vector<std::string>& paths, double quality) {
   return eachPath(paths, [quality](const std::string& path, JsonValue& object) {
-    const std::vector<uint8_t> bytes = FileIO::readFile(path);
+    const std::vector<uint8_t> bytes = ImageDecoder::readSource(path);
     const ImageDecoder::DecodedSource source = ImageDecoder::decodeCGImageSource(bytes);
     const RGBABuffer rgba(source.image);
     const ImageCharacteristics characteristics = ImageAnalyzer::analyze(rgba);

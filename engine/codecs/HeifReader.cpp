@@ -9,8 +9,10 @@
 #include <memory>
 #include <vector>
 
+#include "engine/Cancellation.h"
 #include "engine/ColorConvert.h"
 #include "engine/codecs/HeifHandles.h"
+#include "engine/codecs/QuietStderr.h"
 #include "engine/codecs/Readers.h"
 
 namespace quillane::codecs {
@@ -49,9 +51,9 @@ ColorSpace colorSpaceOf(heif_image_handle* handle) {
     }
     case heif_color_profile_type_nclx: {
       heif_color_profile_nclx* raw = nullptr;
-      if (heif_image_handle_get_nclx_color_profile(handle, &raw).code != heif_error_Ok || !raw)
-        return ColorSpace::sRGB();
-      NclxPtr nclx(raw);
+      const heif_error error = heif_image_handle_get_nclx_color_profile(handle, &raw);
+      NclxPtr nclx(raw);  // owned even when handed back together with an error
+      if (error.code != heif_error_Ok || !nclx) return ColorSpace::sRGB();
       return ColorConvert::fromCodePoints(int(nclx->color_primaries), int(nclx->transfer_characteristics));
     }
     default: return ColorSpace::sRGB();
@@ -113,6 +115,19 @@ HeifHandlePtr thumbnailOf(heif_image_handle* primary, int minLongSide) {
   return best;
 }
 
+HeifImagePtr decodeQuietly(heif_image_handle* handle, heif_chroma chroma) {
+  OptionsPtr options(heif_decoding_options_alloc());
+  if (!options) fail("heif_decoding_options_alloc");
+  options->convert_hdr_to_8bit = 0;
+  Cancellation::check();
+  QuietStderr quiet;  // dav1d's complaints about damaged AV1 data inside a HEIF
+  heif_image* raw = nullptr;
+  const heif_error error = heif_decode_image(handle, &raw, heif_colorspace_RGB, chroma, options.get());
+  HeifImagePtr decoded(raw);
+  if (error.code != heif_error_Ok || !decoded) fail("heif_decode_image");
+  return decoded;
+}
+
 }  // namespace
 
 DecodedImage decodeHeif(Input bytes, int minLongSide) {
@@ -126,13 +141,7 @@ DecodedImage decodeHeif(Input bytes, int minLongSide) {
   bool wide = heif_image_handle_get_luma_bits_per_pixel(handle) > 8;
   heif_chroma chroma = wide ? (alpha ? heif_chroma_interleaved_RRGGBBAA_LE : heif_chroma_interleaved_RRGGBB_LE)
                             : (alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB);
-  OptionsPtr options(heif_decoding_options_alloc());
-  if (!options) fail("heif_decoding_options_alloc");
-  options->convert_hdr_to_8bit = 0;
-  heif_image* raw = nullptr;
-  if (heif_decode_image(handle, &raw, heif_colorspace_RGB, chroma, options.get()).code != heif_error_Ok || !raw)
-    fail("heif_decode_image");
-  HeifImagePtr decoded(raw);
+  HeifImagePtr decoded = decodeQuietly(handle, chroma);
   int width = heif_image_get_width(decoded.get(), heif_channel_interleaved);
   int height = heif_image_get_height(decoded.get(), heif_channel_interleaved);
   int bits = heif_image_get_bits_per_pixel_range(decoded.get(), heif_channel_interleaved);

@@ -15,6 +15,7 @@
 #include <jpeglib.h>
 
 #include "engine/CHandle.h"
+#include "engine/Cancellation.h"
 #include "engine/ColorConvert.h"
 #include "engine/Exif.h"
 #include "engine/codecs/Readers.h"
@@ -36,6 +37,25 @@ void onMessage(j_common_ptr cinfo, int level) {
 }
 void onOutput(j_common_ptr) {}
 
+// A progressive file may hold any number of scans, and each one walks every block of the
+// picture: thousands of near-empty scans cost minutes of CPU for a small file. No encoder
+// writes more than a few dozen.
+constexpr int kMaxScans = 1000;
+
+// Called by libjpeg once per row or per iMCU row while it reads: stops a file with too many
+// scans, and a read whose caller gave up.
+struct ProgressMonitor {
+  jpeg_progress_mgr pub;
+  bool tooManyScans;
+  bool cancelled;
+};
+void onProgress(j_common_ptr cinfo) {
+  auto* monitor = reinterpret_cast<ProgressMonitor*>(cinfo->progress);
+  if (reinterpret_cast<j_decompress_ptr>(cinfo)->input_scan_number > kMaxScans) monitor->tooManyScans = true;
+  if (Cancellation::requested()) monitor->cancelled = true;
+  if (monitor->tooManyScans || monitor->cancelled) cinfo->err->error_exit(cinfo);
+}
+
 // Plain data between decodeWithLibjpeg and its callers: trivially destructible, so that a
 // longjmp out of libjpeg skips no destructor.
 struct JpegJob {
@@ -44,6 +64,7 @@ struct JpegJob {
   bool headerOnly;
   int numerator, denominator;  // DCT scale chosen for minLongSide
   int minLongSide;
+  long memoryLimit;  // of libjpeg's own buffers (a progressive file's coefficients); 0: none
   const tjscalingfactor* factors;
   int factorCount;
   // Header.
@@ -51,6 +72,7 @@ struct JpegJob {
   J_COLOR_SPACE colorSpace;
   bool adobe;
   bool tooLarge;
+  bool tooManyScans;
   // Output.
   int outWidth, outHeight, outComponents;
   JOCTET* icc;  // malloc'd by libjpeg; the caller frees it
@@ -86,11 +108,17 @@ bool decodeWithLibjpeg(JpegJob& job) {
   err.pub.emit_message = onMessage;
   err.pub.output_message = onOutput;
   err.truncated = false;
+  ProgressMonitor progress;
+  progress.pub.progress_monitor = onProgress;
+  progress.tooManyScans = progress.cancelled = false;
   if (setjmp(err.jump)) {
+    job.tooManyScans = progress.tooManyScans;
     jpeg_destroy_decompress(&cinfo);
     return false;
   }
   jpeg_create_decompress(&cinfo);
+  cinfo.progress = &progress.pub;
+  if (job.memoryLimit > 0) cinfo.mem->max_memory_to_use = job.memoryLimit;
   jpeg_mem_src(&cinfo, job.data, job.size);
   jpeg_save_markers(&cinfo, JPEG_APP0 + 1, 0xFFFF);
   if (!job.headerOnly) jpeg_save_markers(&cinfo, JPEG_APP0 + 2, 0xFFFF);
@@ -185,6 +213,9 @@ DecodedImage decodeJpeg(Input bytes, int minLongSide) {
   if (bytes.size() < 4) fail("jpeg_read_header: too short");
   JpegJob job = makeJob(bytes, false);
   job.minLongSide = minLongSide;
+  // A reduced picture for inspection keeps libjpeg within a fixed budget; a full decode was
+  // measured against the machine's memory before it started.
+  job.memoryLimit = minLongSide > 0 ? kReducedDecodeMemory : 0;
   job.factors = tjGetScalingFactors(&job.factorCount);
   DecodedImage image;
   job.context = &image;
@@ -199,7 +230,10 @@ DecodedImage decodeJpeg(Input bytes, int minLongSide) {
   };
   bool ok = decodeWithLibjpeg(job);
   MallocPtr iccOwner(job.icc);
-  if (!ok) fail(job.tooLarge ? kTooLarge : "libjpeg: damaged or truncated JPEG");
+  if (!ok) {
+    Cancellation::check();
+    fail(job.tooLarge ? kTooLarge : job.tooManyScans ? "libjpeg: too many scans" : "libjpeg: damaged or truncated JPEG");
+  }
   std::vector<uint8_t> icc(job.icc, job.icc + (job.icc ? job.iccLength : 0));
   if (job.outComponents == 1) {
     ColorConvert::expandGreyInPlace(image, 1, &icc);

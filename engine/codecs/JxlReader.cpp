@@ -5,54 +5,14 @@
 #include <jxl/decode.h>
 #include <jxl/decode_cxx.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <mutex>
 #include <vector>
 
 #include "engine/ColorConvert.h"
+#include "engine/codecs/QuietStderr.h"
 #include "engine/codecs/Readers.h"
 
 namespace quillane::codecs {
 namespace {
-
-// libjxl 0.7 as Debian builds it prints every internal failure to stderr, and damaged files
-// must not print anything. While any JPEG XL read runs, file descriptor 2 points at
-// /dev/null; the last reader out puts it back. Whatever another thread writes to stderr in
-// that window is lost, which is acceptable for a program that keeps no log.
-class QuietStderr {
- public:
-  QuietStderr() {
-    std::lock_guard lock(mutex_);
-    if (depth_++ > 0) return;
-    std::fflush(stderr);
-    saved_ = ::fcntl(2, F_DUPFD_CLOEXEC, 3);
-    int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null >= 0) {
-      ::dup2(null, 2);
-      ::close(null);
-    }
-  }
-  ~QuietStderr() {
-    std::lock_guard lock(mutex_);
-    if (--depth_ > 0) return;
-    std::fflush(stderr);
-    if (saved_ >= 0) {
-      ::dup2(saved_, 2);
-      ::close(saved_);
-      saved_ = -1;
-    }
-  }
-  QuietStderr(const QuietStderr&) = delete;
-  QuietStderr& operator=(const QuietStderr&) = delete;
-
- private:
-  static inline std::mutex mutex_;
-  static inline int depth_ = 0;
-  static inline int saved_ = -1;
-};
 
 JxlDecoderPtr makeDecoder(Input bytes, int events) {
   JxlDecoderPtr decoder = JxlDecoderMake(nullptr);

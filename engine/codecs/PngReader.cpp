@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "engine/Cancellation.h"
 #include "engine/ColorConvert.h"
 #include "engine/Exif.h"
 #include "engine/codecs/Readers.h"
@@ -21,22 +22,62 @@ constexpr png_alloc_size_t kMaxChunkBytes = 64u << 20;
 
 uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
 
+// How a reduced picture is read. A large non-interlaced picture is read row by row and
+// averaged over blocks of `factor` x `factor` pixels as it comes; an interlaced one is read
+// only as far as the Adam7 passes that sample every `factor`-th pixel both ways (8, 4 or 2).
+enum class Reduction { none, rowAverage, interlacePasses };
+
 // Plain data between decodeWithLibpng and its caller: trivially destructible, so that a
 // longjmp out of libpng skips no destructor.
 struct PngJob {
   const uint8_t* data;
   size_t size;
   size_t offset;
+  int minLongSide;  // 0: full size
   png_uint_32 width, height;
   int bitDepth, colorType;
   bool alpha;
   bool tooLarge;
   int channels;  // of the output: 2 (grey, alpha) or 4 (RGBA)
-  // Called by decodeWithLibpng itself, never from inside libpng. Both are noexcept.
+  Reduction reduction;
+  png_uint_32 factor;
+  png_uint_32 outWidth, outHeight;
+  // Called by decodeWithLibpng itself, never from inside libpng. All are noexcept.
   void* context;
   void (*iccFound)(void* context, const uint8_t* data, size_t size) noexcept;
   png_bytep* (*allocate)(void* context, const PngJob& job) noexcept;  // row pointers; null refuses
+  // Reduced reads: a buffer for one row of the full width, then each row as read (`pass` is
+  // the Adam7 pass, or -1 when not interlaced; `y` the row within the pass).
+  png_bytep (*rowBuffer)(void* context, const PngJob& job, size_t bytes) noexcept;  // null refuses
+  void (*takeRow)(void* context, const PngJob& job, int pass, png_uint_32 y, png_const_bytep row) noexcept;
 };
+
+void chooseReduction(PngJob& job, int interlace) {
+  job.reduction = Reduction::none;
+  job.factor = 1;
+  job.outWidth = job.width;
+  job.outHeight = job.height;
+  if (job.minLongSide <= 0) return;
+  const png_uint_32 longSide = std::max(job.width, job.height), wanted = png_uint_32(job.minLongSide);
+  if (interlace == PNG_INTERLACE_ADAM7) {
+    for (png_uint_32 step : {8u, 4u, 2u})
+      if (longSide / step >= wanted) {
+        job.reduction = Reduction::interlacePasses;
+        job.factor = step;
+        break;
+      }
+  } else if (longSide / wanted >= 2) {
+    job.reduction = Reduction::rowAverage;
+    job.factor = longSide / wanted;
+  }
+  job.outWidth = (job.width + job.factor - 1) / job.factor;
+  job.outHeight = (job.height + job.factor - 1) / job.factor;
+}
+
+// Stops a full read between rows when its caller gave up.
+void onRowRead(png_structp png, png_uint_32, int) {
+  if (Cancellation::requested()) png_error(png, "cancelled");
+}
 
 void readData(png_structp png, png_bytep out, size_t length) {
   auto* job = static_cast<PngJob*>(png_get_io_ptr(png));
@@ -85,15 +126,35 @@ bool decodeWithLibpng(PngJob& job) {
   if (tRNS) png_set_tRNS_to_alpha(png);
   if (job.bitDepth == 16) png_set_swap(png);  // samples in host order (little-endian here)
   if (!job.alpha) png_set_add_alpha(png, 0xFFFF, PNG_FILLER_AFTER);
-  png_set_interlace_handling(png);
+  chooseReduction(job, interlace);
+  if (job.reduction == Reduction::none) png_set_interlace_handling(png);
   png_read_update_info(png, info);
   job.channels = png_get_channels(png, info);
   if (job.channels != 2 && job.channels != 4) png_error(png, "unexpected channel count");
 
   png_bytep* rows = job.allocate(job.context, job);
   if (!rows) png_error(png, "allocation refused");
-  png_read_image(png, rows);
-  png_read_end(png, nullptr);
+  if (job.reduction == Reduction::none) {
+    png_set_read_status_fn(png, onRowRead);
+    png_read_image(png, rows);
+    png_read_end(png, nullptr);
+  } else {
+    png_bytep row = job.rowBuffer(job.context, job, png_get_rowbytes(png, info));
+    if (!row) png_error(png, "allocation refused");
+    // Passes 1, 3 and 5 (of 7) end the ones that sample every 8th, 4th and 2nd pixel.
+    const int passes = job.reduction == Reduction::rowAverage ? 1 : job.factor == 8 ? 1 : job.factor == 4 ? 3 : 5;
+    for (int pass = 0; pass < passes; ++pass) {
+      const bool interlaced = job.reduction == Reduction::interlacePasses;
+      const png_uint_32 count = interlaced ? PNG_PASS_ROWS(job.height, pass) : job.height;
+      if (interlaced && PNG_PASS_COLS(job.width, pass) == 0) continue;  // libpng skips empty passes
+      for (png_uint_32 y = 0; y < count; ++y) {
+        if ((y & 63) == 0 && Cancellation::requested()) png_error(png, "cancelled");
+        png_read_row(png, row, nullptr);
+        job.takeRow(job.context, job, interlaced ? pass : -1, y, row);
+      }
+    }
+    // The rest of the file (later passes, trailing chunks) is never read.
+  }
   png_destroy_read_struct(&png, &info, nullptr);
   return true;
 }
@@ -102,7 +163,49 @@ struct PngTarget {
   DecodedImage image;
   std::vector<png_bytep> rows;
   std::vector<uint8_t> icc;
+  std::vector<uint8_t> row;     // reduced reads: one row as libpng hands it over
+  std::vector<uint64_t> sums;   // row averaging: per output sample of the current block row
+  std::vector<uint64_t> weights;  // and the alpha summed under each output pixel
 };
+
+template <class Sample>
+void takeRow(PngTarget& t, const PngJob& j, int pass, png_uint_32 y, const Sample* in) {
+  const size_t channels = size_t(j.channels), alphaIndex = channels - 1;
+  auto* out = reinterpret_cast<Sample*>(j.bitDepth == 16 ? reinterpret_cast<uint8_t*>(t.image.pixels16.data())
+                                                          : t.image.pixels8.data());
+  const size_t outStride = size_t(j.outWidth) * channels;
+  if (pass >= 0) {
+    // Every pixel of the passes read so far lies on the grid of `factor`.
+    const png_uint_32 fullY = PNG_ROW_FROM_PASS_ROW(y, pass);
+    Sample* dst = out + size_t(fullY / j.factor) * outStride;
+    for (png_uint_32 x = 0; x < PNG_PASS_COLS(j.width, pass); ++x) {
+      const size_t outX = PNG_COL_FROM_PASS_COL(x, pass) / j.factor;
+      for (size_t c = 0; c < channels; ++c) dst[outX * channels + c] = in[size_t(x) * channels + c];
+    }
+    return;
+  }
+  // Colour is weighted by alpha, as in Resample::fitWithin, so that transparent pixels
+  // leave no dark fringe.
+  constexpr uint64_t kMax = sizeof(Sample) == 2 ? 65535 : 255;
+  for (png_uint_32 x = 0; x < j.width; ++x) {
+    const Sample* p = in + size_t(x) * channels;
+    const size_t o = size_t(x / j.factor);
+    const uint64_t a = p[alphaIndex];
+    for (size_t c = 0; c < alphaIndex; ++c) t.sums[o * channels + c] += uint64_t(p[c]) * a;
+    t.sums[o * channels + alphaIndex] += a;
+    t.weights[o] += 1;
+  }
+  if ((y + 1) % j.factor != 0 && y + 1 != j.height) return;
+  Sample* dst = out + size_t(y / j.factor) * outStride;
+  for (size_t o = 0; o < j.outWidth; ++o) {
+    const uint64_t alphaSum = t.sums[o * channels + alphaIndex], n = t.weights[o];
+    for (size_t c = 0; c < alphaIndex; ++c)
+      dst[o * channels + c] = alphaSum ? Sample((t.sums[o * channels + c] + alphaSum / 2) / alphaSum) : 0;
+    dst[o * channels + alphaIndex] = Sample(std::min(kMax, (alphaSum + n / 2) / n));
+  }
+  std::fill(t.sums.begin(), t.sums.end(), 0);
+  std::fill(t.weights.begin(), t.weights.end(), 0);
+}
 
 }  // namespace
 
@@ -129,10 +232,11 @@ std::optional<Properties> pngProperties(Input bytes) {
   return props;
 }
 
-DecodedImage decodePng(Input bytes) {
+DecodedImage decodePng(Input bytes, int minLongSide) {
   PngJob job{};
   job.data = bytes.data();
   job.size = bytes.size();
+  job.minLongSide = minLongSide;
   PngTarget target;
   job.context = &target;
   job.iccFound = [](void* context, const uint8_t* data, size_t size) noexcept {
@@ -144,8 +248,10 @@ DecodedImage decodePng(Input bytes) {
   job.allocate = [](void* context, const PngJob& j) noexcept -> png_bytep* {
     try {
       auto* t = static_cast<PngTarget*>(context);
-      t->image = allocateImage(int(j.width), int(j.height), j.bitDepth == 16 ? 16 : 8,
+      t->image = allocateImage(int(j.outWidth), int(j.outHeight), j.bitDepth == 16 ? 16 : 8,
                                j.alpha ? AlphaInfo::straight : AlphaInfo::none);
+      t->rows.assign(1, nullptr);
+      if (j.reduction != Reduction::none) return t->rows.data();  // rows come one by one, through takeRow
       uint8_t* base = j.bitDepth == 16 ? reinterpret_cast<uint8_t*>(t->image.pixels16.data()) : t->image.pixels8.data();
       size_t stride = size_t(j.width) * size_t(j.channels) * (j.bitDepth == 16 ? 2 : 1);
       t->rows.resize(j.height);
@@ -155,7 +261,31 @@ DecodedImage decodePng(Input bytes) {
       return nullptr;
     }
   };
-  if (bytes.size() < 8 || !decodeWithLibpng(job)) fail(job.tooLarge ? kTooLarge : "libpng: damaged or truncated PNG");
+  job.rowBuffer = [](void* context, const PngJob& j, size_t size) noexcept -> png_bytep {
+    try {
+      auto* t = static_cast<PngTarget*>(context);
+      t->row.assign(size + 16, 0);
+      if (j.reduction == Reduction::rowAverage) {
+        t->sums.assign(size_t(j.outWidth) * size_t(j.channels), 0);
+        t->weights.assign(j.outWidth, 0);
+      }
+      return t->row.data();
+    } catch (...) {
+      return nullptr;
+    }
+  };
+  job.takeRow = [](void* context, const PngJob& j, int pass, png_uint_32 y, png_const_bytep row) noexcept {
+    auto* t = static_cast<PngTarget*>(context);
+    if (j.bitDepth == 16)
+      takeRow(*t, j, pass, y, reinterpret_cast<const uint16_t*>(row));
+    else
+      takeRow(*t, j, pass, y, row);
+  };
+  const bool ok = bytes.size() >= 8 && decodeWithLibpng(job);
+  if (!ok) {
+    Cancellation::check();
+    fail(job.tooLarge ? kTooLarge : "libpng: damaged or truncated PNG");
+  }
   DecodedImage& image = target.image;
   if (job.channels == 2)
     ColorConvert::expandGreyInPlace(image, 2, &target.icc);

@@ -1,5 +1,9 @@
 // Helpers shared by the readers.
 
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <string>
 
 #include "engine/Errors.h"
@@ -13,6 +17,15 @@ void checkSize(uint64_t width, uint64_t height) {
   if (width == 0 || height == 0) fail("empty picture");
   if (width > uint64_t(kMaxDimension) || height > uint64_t(kMaxDimension) || width * height > kMaxPixels)
     fail(kTooLarge);
+}
+
+void checkFitsInMemory(uint64_t pixels, uint64_t bytesPerPixel) {
+  const long pages = ::sysconf(_SC_PHYS_PAGES), pageSize = ::sysconf(_SC_PAGESIZE);
+  uint64_t available = pages > 0 && pageSize > 0 ? uint64_t(pages) * uint64_t(pageSize) : UINT64_MAX;
+  struct rlimit limit {};
+  if (::getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY)
+    available = std::min<uint64_t>(available, limit.rlim_cur);
+  if (pixels > available / std::max<uint64_t>(bytesPerPixel, 1)) fail(kTooLarge);
 }
 
 DecodedImage allocateImage(int width, int height, int bitsPerComponent, AlphaInfo alpha) {

@@ -22,11 +22,20 @@ using Input = std::span<const uint8_t>;
 
 // The internal message of a picture refused for its size.
 inline constexpr const char* kTooLarge = "picture larger than the accepted maximum";
+// What a reduced decode (thumbnail, preview) may take in a library's own buffers, such as a
+// progressive JPEG's coefficients: inspection of any file stays within about 300 MB.
+inline constexpr long kReducedDecodeMemory = 256l << 20;
+// Peak memory of a full decode and encode, in bytes a pixel, checked against the machine's
+// memory (and the process's address-space limit) before any pixel memory is allocated.
+inline constexpr uint64_t kPeakBytesPerPixel = 10;
 
 // Throws ImageProcessingError::decodingFailed naming the failing call.
 [[noreturn]] void fail(const char* what);
 // Throws when a stored size is zero or beyond kMaxDimension / kMaxPixels.
 void checkSize(uint64_t width, uint64_t height);
+// Throws kTooLarge when `pixels` at `bytesPerPixel` would not fit in the memory the process
+// can have: the machine's physical memory, or its address-space limit when that is lower.
+void checkFitsInMemory(uint64_t pixels, uint64_t bytesPerPixel);
 // A zeroed 8- or 16-bit RGBA image of the given size, alpha samples at their maximum.
 DecodedImage allocateImage(int width, int height, int bitsPerComponent, AlphaInfo alpha);
 
@@ -36,10 +45,15 @@ std::optional<Properties> jpegProperties(Input bytes);
 DecodedImage decodeJpeg(Input bytes, int minLongSide = 0);
 
 std::optional<Properties> pngProperties(Input bytes);
-DecodedImage decodePng(Input bytes);
+// `minLongSide` above 0 reads a large picture reduced, without ever holding it whole: at
+// least `minLongSide` on the longer side, at most about twice that (an interlaced one: every
+// 8th, 4th or 2nd pixel, up to 1/8 of the full size).
+DecodedImage decodePng(Input bytes, int minLongSide = 0);
 
 std::optional<Properties> webpProperties(Input bytes);
-DecodedImage decodeWebp(Input bytes);
+// `minLongSide` above 0 decodes scaled to that longer side; an animation's reduced picture
+// is its first frame alone, not the canvas.
+DecodedImage decodeWebp(Input bytes, int minLongSide = 0);
 
 // HEIF reports no orientation: libheif applies irot/imir itself, and the size it reports is
 // the turned one.

@@ -1,10 +1,12 @@
-// WebP through libwebp: still pictures with WebPDecode, animations through the demuxer and
-// WebPAnimDecoder (first frame, composited on its canvas); ICCP and EXIF chunks from the
-// demuxer.
+// WebP through libwebp: still pictures with WebPDecode (scaled while decoding for
+// thumbnails), animations through the demuxer (the first frame, on its canvas for a full
+// decode); ICCP and EXIF chunks from the demuxer.
 
 #include <webp/decode.h>
 #include <webp/demux.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <memory>
 
@@ -16,7 +18,6 @@
 namespace quillane::codecs {
 namespace {
 using DemuxPtr = CHandle<WebPDemuxer, WebPDemuxDelete>;
-using AnimDecoderPtr = CHandle<WebPAnimDecoder, WebPAnimDecoderDelete>;
 
 // Releases a chunk iterator on every path.
 struct ChunkGuard {
@@ -34,37 +35,69 @@ DemuxPtr demuxer(Input bytes) {
   return DemuxPtr(WebPDemux(&data));
 }
 
-void decodeStill(Input bytes, DecodedImage& image) {
+// The frame's pixels as WebPDecode gives them, into `out` (RGBA rows of `stride` bytes), or
+// scaled to `scaledWidth` x `scaledHeight` when those are above 0.
+void decodeInto(Input bitstream, uint8_t* out, int stride, size_t size, int scaledWidth, int scaledHeight) {
   WebPDecoderConfig config;
   if (!WebPInitDecoderConfig(&config)) fail("WebPInitDecoderConfig");
-  if (WebPGetFeatures(bytes.data(), bytes.size(), &config.input) != VP8_STATUS_OK) fail("WebPGetFeatures");
-  image = allocateImage(config.input.width, config.input.height, 8,
-                        config.input.has_alpha ? AlphaInfo::straight : AlphaInfo::none);
+  if (scaledWidth > 0 && scaledHeight > 0) {
+    config.options.use_scaling = 1;
+    config.options.scaled_width = scaledWidth;
+    config.options.scaled_height = scaledHeight;
+  }
   config.output.colorspace = MODE_RGBA;
   config.output.is_external_memory = 1;
-  config.output.u.RGBA.rgba = image.pixels8.data();
-  config.output.u.RGBA.stride = image.width * 4;
-  config.output.u.RGBA.size = image.pixels8.size();
-  VP8StatusCode status = WebPDecode(bytes.data(), bytes.size(), &config);
+  config.output.u.RGBA.rgba = out;
+  config.output.u.RGBA.stride = stride;
+  config.output.u.RGBA.size = size;
+  VP8StatusCode status = WebPDecode(bitstream.data(), bitstream.size(), &config);
   WebPFreeDecBuffer(&config.output);
   if (status != VP8_STATUS_OK) fail("WebPDecode");
 }
 
-void decodeFirstAnimationFrame(Input bytes, bool alpha, DecodedImage& image) {
-  WebPAnimDecoderOptions options;
-  if (!WebPAnimDecoderOptionsInit(&options)) fail("WebPAnimDecoderOptionsInit");
-  options.color_mode = MODE_RGBA;
-  options.use_threads = 0;
-  WebPData data{bytes.data(), bytes.size()};
-  AnimDecoderPtr decoder(WebPAnimDecoderNew(&data, &options));
-  if (!decoder) fail("WebPAnimDecoderNew");
-  WebPAnimInfo info;
-  if (!WebPAnimDecoderGetInfo(decoder.get(), &info)) fail("WebPAnimDecoderGetInfo");
-  image = allocateImage(int(info.canvas_width), int(info.canvas_height), 8, alpha ? AlphaInfo::straight : AlphaInfo::none);
-  uint8_t* canvas = nullptr;
-  int timestamp = 0;
-  if (!WebPAnimDecoderGetNext(decoder.get(), &canvas, &timestamp) || !canvas) fail("WebPAnimDecoderGetNext");
-  std::memcpy(image.pixels8.data(), canvas, image.pixels8.size());
+// A picture of `bitstream` (a still file, or one frame of an animation), at full size or,
+// with `minLongSide` above 0, scaled by libwebp while it decodes so that its longer side is
+// `minLongSide`: the full-size picture is never held.
+DecodedImage decodeStill(Input bitstream, int minLongSide) {
+  WebPBitstreamFeatures features;
+  if (WebPGetFeatures(bitstream.data(), bitstream.size(), &features) != VP8_STATUS_OK) fail("WebPGetFeatures");
+  checkSize(uint64_t(std::max(features.width, 0)), uint64_t(std::max(features.height, 0)));
+  int width = features.width, height = features.height, scaledWidth = 0, scaledHeight = 0;
+  const int longSide = std::max(width, height);
+  if (minLongSide > 0 && longSide > minLongSide) {
+    const double scale = double(minLongSide) / longSide;
+    width = scaledWidth = std::max(1, int(std::lround(features.width * scale)));
+    height = scaledHeight = std::max(1, int(std::lround(features.height * scale)));
+  }
+  DecodedImage image = allocateImage(width, height, 8, features.has_alpha ? AlphaInfo::straight : AlphaInfo::none);
+  decodeInto(bitstream, image.pixels8.data(), width * 4, image.pixels8.size(), scaledWidth, scaledHeight);
+  return image;
+}
+
+// The first frame of an animation. At full size it is drawn on a transparent canvas of the
+// animation's size, as a player shows it; a reduced picture is the frame alone at its own
+// size, so that a huge canvas around a tiny frame costs nothing to inspect.
+DecodedImage decodeFirstFrame(const WebPDemuxer* demux, bool alpha, int minLongSide) {
+  WebPIterator frame;
+  if (!WebPDemuxGetFrame(demux, 1, &frame)) fail("WebPDemuxGetFrame");
+  struct Release {
+    WebPIterator* it;
+    ~Release() { WebPDemuxReleaseIterator(it); }
+  } release{&frame};
+  const Input bitstream(frame.fragment.bytes, frame.fragment.size);
+  if (minLongSide > 0) return decodeStill(bitstream, minLongSide);
+  const uint32_t canvasWidth = WebPDemuxGetI(demux, WEBP_FF_CANVAS_WIDTH);
+  const uint32_t canvasHeight = WebPDemuxGetI(demux, WEBP_FF_CANVAS_HEIGHT);
+  if (frame.x_offset < 0 || frame.y_offset < 0 || frame.width <= 0 || frame.height <= 0 ||
+      uint64_t(frame.x_offset) + uint64_t(frame.width) > canvasWidth ||
+      uint64_t(frame.y_offset) + uint64_t(frame.height) > canvasHeight)
+    fail("WebPDemuxGetFrame: frame outside the canvas");
+  DecodedImage image = allocateImage(int(canvasWidth), int(canvasHeight), 8, alpha ? AlphaInfo::straight : AlphaInfo::none);
+  std::fill(image.pixels8.begin(), image.pixels8.end(), uint8_t(0));
+  const size_t stride = size_t(canvasWidth) * 4;
+  const size_t start = size_t(frame.y_offset) * stride + size_t(frame.x_offset) * 4;
+  decodeInto(bitstream, image.pixels8.data() + start, int(stride), image.pixels8.size() - start, 0, 0);
+  return image;
 }
 
 }  // namespace
@@ -82,16 +115,13 @@ std::optional<Properties> webpProperties(Input bytes) {
   return props;
 }
 
-DecodedImage decodeWebp(Input bytes) {
+DecodedImage decodeWebp(Input bytes, int minLongSide) {
   DemuxPtr demux = demuxer(bytes);
   if (!demux) fail("WebPDemux: damaged or truncated WebP");
   uint32_t flags = WebPDemuxGetI(demux.get(), WEBP_FF_FORMAT_FLAGS);
   checkSize(WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_WIDTH), WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_HEIGHT));
-  DecodedImage image;
-  if (flags & ANIMATION_FLAG)
-    decodeFirstAnimationFrame(bytes, (flags & ALPHA_FLAG) != 0, image);
-  else
-    decodeStill(bytes, image);
+  DecodedImage image = (flags & ANIMATION_FLAG) ? decodeFirstFrame(demux.get(), (flags & ALPHA_FLAG) != 0, minLongSide)
+                                                : decodeStill(bytes, minLongSide);
   ChunkGuard icc(demux.get(), "ICCP");
   auto profile = icc.bytes();
   image.colorSpace = ColorConvert::rgbSpace(std::vector<uint8_t>(profile.begin(), profile.end()));

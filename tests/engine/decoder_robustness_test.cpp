@@ -34,6 +34,7 @@ const Sample kSamples[] = {
     {"webp", [] { return fixtures::webp(picture(), {.icc = fixtures::displayP3ICC(), .orientation = 8}); }},
     {"webp_anim", [] { return fixtures::animatedWebp({picture(), fixtures::quadrants(40, 28)}); }},
     {"heic", [] { return fixtures::heic(picture(), {.quality = 50}); }},
+    {"heic_av1", [] { return fixtures::heic(picture(), {.quality = 50, .av1 = true}); }},
     {"avif", [] { return fixtures::avif(picture(), {.quantizer = 30, .irotAngle = 1}); }},
     {"jxl", [] { return fixtures::jxl(picture(), {.orientation = 5}); }},
     {"jxl_lossy_anim", [] { return fixtures::jxl(picture(), {.lossless = false, .frames = 2}); }},

@@ -227,7 +227,7 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
   const uint8_t colourType = palette ? 3 : uint8_t((options.grey ? 0 : 2) + (options.alpha ? 4 : 0));
   Bytes out = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A}, ihdr;
   put32be(ihdr, uint32_t(image.width)), put32be(ihdr, uint32_t(image.height));
-  ihdr.insert(ihdr.end(), {uint8_t(wide ? 16 : 8), colourType, 0, 0, 0});
+  ihdr.insert(ihdr.end(), {uint8_t(wide ? 16 : 8), colourType, 0, 0, uint8_t(options.interlaced ? 1 : 0)});
   chunk(out, "IHDR", ihdr);
   if (!options.icc.empty()) {
     Bytes iccp = {'i', 'c', 'c', 0, 0}, z = deflate(options.icc);
@@ -239,15 +239,15 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
   std::map<uint32_t, uint8_t> indexOf;
   Bytes plte, trns, raw;
   const std::vector<size_t> picks = options.grey ? std::vector<size_t>{0, 3} : std::vector<size_t>{0, 1, 2, 3};
-  for (size_t i = 0; i < image.pixelCount() * 4; i += 4) {
-    if (i % (size_t(image.width) * 4) == 0) raw.push_back(0);  // filter: none
+  auto emit = [&](size_t x, size_t y) {
+    const size_t i = (y * size_t(image.width) + x) * 4;
     if (palette) {
       const uint8_t* p = &image.pixels8[i];
       uint32_t key = uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
       auto [it, added] = indexOf.emplace(key, uint8_t(std::min<size_t>(indexOf.size(), 255)));
       if (added && plte.size() < 768) plte.insert(plte.end(), {p[0], p[1], p[2]}), trns.push_back(p[3]);
       raw.push_back(it->second);
-      continue;
+      return;
     }
     for (size_t c : picks) {
       if (c == 3 && !options.alpha) continue;
@@ -255,6 +255,20 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
         put16be(raw, sample(image, i + c));
       else
         raw.push_back(uint8_t(sample(image, i + c)));
+    }
+  };
+  // Adam7's passes as (first column, first row, column step, row step); one pass when not
+  // interlaced. Every row starts with filter type 0 (none).
+  static const size_t kAdam7[7][4] = {{0, 0, 8, 8}, {4, 0, 8, 8}, {0, 4, 4, 8}, {2, 0, 4, 4},
+                                      {0, 2, 2, 4}, {1, 0, 2, 2}, {0, 1, 1, 2}};
+  static const size_t kWhole[1][4] = {{0, 0, 1, 1}};
+  const size_t passes = options.interlaced ? 7 : 1;
+  for (size_t pass = 0; pass < passes; ++pass) {
+    const size_t* p = options.interlaced ? kAdam7[pass] : kWhole[0];
+    if (p[0] >= size_t(image.width)) continue;  // an empty pass has no rows at all
+    for (size_t y = p[1]; y < size_t(image.height); y += p[3]) {
+      raw.push_back(0);
+      for (size_t x = p[0]; x < size_t(image.width); x += p[2]) emit(x, y);
     }
   }
   if (palette) chunk(out, "PLTE", plte), chunk(out, "tRNS", trns);

@@ -64,6 +64,7 @@ struct PngOptions {
   std::optional<int> orientation{};  // eXIf
   ExifLayout exifLayout{};
   bool exifAfterData = false;
+  bool interlaced = false;  // Adam7
 };
 // Written chunk by chunk with zlib, 8 or 16 bits as `image` is.
 Bytes png(const DecodedImage& image, const PngOptions& options = {});
@@ -84,8 +85,9 @@ struct HeifOptions {
   bool alpha = true;
   int orientation = 1;                   // written by libheif as irot/imir
   std::optional<int> exifOrientation{};  // an EXIF block, which readers must not apply again
+  bool av1 = false;                      // AV1 data under HEIC brands, as some files hold
 };
-Bytes heic(const DecodedImage& image, const HeifOptions& options = {});  // 8-bit HEVC
+Bytes heic(const DecodedImage& image, const HeifOptions& options = {});  // 8-bit HEVC (or AV1)
 
 struct AvifOptions {
   int quantizer = 10;  // 0 (best) ... 63

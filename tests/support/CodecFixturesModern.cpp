@@ -99,10 +99,12 @@ heif_error appendBytes(heif_context*, const void* data, size_t size, void* userd
 Bytes heic(const DecodedImage& image, const HeifOptions& options) {
   CHandle<heif_context, heif_context_free> context(heif_context_alloc());
   heif_encoder* rawEncoder = nullptr;
-  require(heif_context_get_encoder_for_format(context.get(), heif_compression_HEVC, &rawEncoder), "HEVC encoder");
+  require(heif_context_get_encoder_for_format(context.get(), options.av1 ? heif_compression_AV1 : heif_compression_HEVC,
+                                              &rawEncoder),
+          "HEVC encoder");
   CHandle<heif_encoder, heif_encoder_release> encoder(rawEncoder);
   heif_encoder_set_lossy_quality(encoder.get(), options.quality);
-  heif_encoder_set_parameter(encoder.get(), "x265:log-level", "none");  // keep test output quiet
+  if (!options.av1) heif_encoder_set_parameter(encoder.get(), "x265:log-level", "none");  // keep test output quiet
 
   heif_image* rawImage = nullptr;
   const int channels = options.alpha ? 4 : 3;
@@ -132,6 +134,12 @@ Bytes heic(const DecodedImage& image, const HeifOptions& options) {
   Bytes out;
   heif_writer writer{1, appendBytes};
   require(heif_context_write(context.get(), &writer, &out), "heif_context_write");
+  if (options.av1) {
+    // libheif brands AV1 content "avif"; a file that calls itself HEIC is what is wanted.
+    const uint32_t ftypSize = uint32_t(out[0]) << 24 | uint32_t(out[1]) << 16 | uint32_t(out[2]) << 8 | out[3];
+    for (size_t at = 8; at + 4 <= std::min<size_t>(ftypSize, out.size()); at += 4)
+      if (std::memcmp(&out[at], "avif", 4) == 0 || std::memcmp(&out[at], "avis", 4) == 0) std::memcpy(&out[at], "heic", 4);
+  }
   return out;
 }
 

@@ -1,0 +1,255 @@
+// Small files that claim huge pictures, or huge work, and inputs that are not files at all.
+// Each case runs in a child process under the limit it is about (1 GB of address space, a
+// CPU-time limit, an alarm), so that a regression is an exit code, not a machine out of
+// memory or a hung test.
+
+#include <gtest/gtest.h>
+#include <jpeglib.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <webp/mux.h>
+#include <zlib.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+
+#include "engine/Cancellation.h"
+#include "engine/Errors.h"
+#include "engine/ImageCompressor.h"
+#include "engine/ImageDecoder.h"
+#include "engine/ImageService.h"
+#include "tests/support/CodecFixtures.h"
+#include "tests/support/TestImages.h"
+
+namespace quillane {
+namespace {
+
+using fixtures::Bytes;
+
+constexpr rlim_t kOneGigabyte = 1ull << 30;
+
+void put32(Bytes& out, uint32_t v) {
+  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(uint8_t(v >> shift));
+}
+void chunk(Bytes& out, const char* type, const Bytes& payload) {
+  put32(out, uint32_t(payload.size()));
+  const size_t start = out.size();
+  out.insert(out.end(), type, type + 4);
+  out.insert(out.end(), payload.begin(), payload.end());
+  put32(out, uint32_t(crc32(0, out.data() + start, uInt(out.size() - start))));
+}
+
+// A 1-bit grey PNG of `size` x `size` pixels, all black, deflated row by row (22000 x 22000
+// is about 60 KB).
+Bytes blackPng(uint32_t size, bool interlaced) {
+  Bytes png = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A}, ihdr;
+  put32(ihdr, size);
+  put32(ihdr, size);
+  ihdr.insert(ihdr.end(), {1, 0, 0, 0, uint8_t(interlaced ? 1 : 0)});
+  chunk(png, "IHDR", ihdr);
+  z_stream z{};
+  deflateInit(&z, 9);
+  Bytes idat(1 << 20), row;
+  z.next_out = idat.data();
+  z.avail_out = uInt(idat.size());
+  auto feed = [&](uint32_t rows, uint32_t columns) {
+    row.assign(1 + (columns + 7) / 8, 0);
+    for (uint32_t y = 0; y < rows && columns > 0; ++y) {
+      z.next_in = row.data();
+      z.avail_in = uInt(row.size());
+      while (z.avail_in > 0) deflate(&z, Z_NO_FLUSH);
+    }
+  };
+  if (!interlaced) feed(size, size);
+  static const uint32_t kStart[7][2] = {{0, 0}, {4, 0}, {0, 4}, {2, 0}, {0, 2}, {1, 0}, {0, 1}};
+  static const uint32_t kStep[7][2] = {{8, 8}, {8, 8}, {4, 8}, {4, 4}, {2, 4}, {2, 2}, {1, 2}};
+  for (int pass = 0; interlaced && pass < 7; ++pass)
+    feed((size - kStart[pass][1] + kStep[pass][1] - 1) / kStep[pass][1],
+         (size - kStart[pass][0] + kStep[pass][0] - 1) / kStep[pass][0]);
+  while (deflate(&z, Z_FINISH) != Z_STREAM_END) {
+  }
+  idat.resize(z.total_out);
+  deflateEnd(&z);
+  chunk(png, "IDAT", idat);
+  chunk(png, "IEND", {});
+  return png;
+}
+
+// A grey baseline JPEG of `size` x `size`, flat and arithmetic-coded (a few hundred bytes),
+// padded with comments to 120 KB so that it looks like ordinary data density.
+Bytes flatJpeg(int size) {
+  jpeg_compress_struct cinfo;
+  jpeg_error_mgr err;
+  cinfo.err = jpeg_std_error(&err);
+  jpeg_create_compress(&cinfo);
+  unsigned char* buffer = nullptr;
+  unsigned long length = 0;
+  jpeg_mem_dest(&cinfo, &buffer, &length);
+  cinfo.image_width = JDIMENSION(size);
+  cinfo.image_height = JDIMENSION(size);
+  cinfo.input_components = 1;
+  cinfo.in_color_space = JCS_GRAYSCALE;
+  jpeg_set_defaults(&cinfo);
+  cinfo.arith_code = TRUE;
+  jpeg_start_compress(&cinfo, TRUE);
+  const std::vector<JOCTET> comment(60000, ' ');
+  for (int i = 0; i < 2; ++i) jpeg_write_marker(&cinfo, JPEG_COM, comment.data(), unsigned(comment.size()));
+  std::vector<JSAMPLE> row(size_t(size), 128);
+  JSAMPROW rows[1] = {row.data()};
+  while (cinfo.next_scanline < cinfo.image_height) jpeg_write_scanlines(&cinfo, rows, 1);
+  jpeg_finish_compress(&cinfo);
+  jpeg_destroy_compress(&cinfo);
+  Bytes out(buffer, buffer + length);
+  std::free(buffer);
+  return out;
+}
+
+// An animation of one 1 x 1 frame on a 16383 x 16383 canvas: a couple of hundred bytes.
+Bytes hugeCanvasWebp() {
+  const Bytes pixel = fixtures::webp(fixtures::quadrants(1, 1), {.lossless = true});
+  WebPMux* mux = WebPMuxNew();
+  WebPMuxFrameInfo frame{};
+  frame.bitstream = {pixel.data(), pixel.size()};
+  frame.id = WEBP_CHUNK_ANMF;
+  frame.duration = 100;
+  WebPMuxAnimParams params{0, 0};
+  WebPData assembled{};
+  const bool ok = WebPMuxPushFrame(mux, &frame, 1) == WEBP_MUX_OK && WebPMuxSetCanvasSize(mux, 16383, 16383) == WEBP_MUX_OK &&
+                  WebPMuxSetAnimationParams(mux, &params) == WEBP_MUX_OK && WebPMuxAssemble(mux, &assembled) == WEBP_MUX_OK;
+  WebPMuxDelete(mux);
+  Bytes out(assembled.bytes, assembled.bytes + (ok ? assembled.size : 0));
+  WebPDataClear(&assembled);
+  return out;
+}
+
+// A flat progressive JPEG whose last AC scan, a few bytes, is repeated `copies` times before
+// the end: each copy walks every block of the picture again.
+Bytes scanBomb(int size, int copies) {
+  Bytes file = fixtures::jpeg(fixtures::quadrants(size, size), {.quality = 80, .progressive = true});
+  size_t lastScan = 0;
+  for (size_t i = 0; i + 1 < file.size(); ++i)
+    if (file[i] == 0xFF && file[i + 1] == 0xDA) lastScan = i;
+  const Bytes scan(file.begin() + std::ptrdiff_t(lastScan), file.end() - 2);  // up to EOI
+  Bytes bomb(file.begin(), file.end() - 2);
+  for (int i = 0; i < copies; ++i) bomb.insert(bomb.end(), scan.begin(), scan.end());
+  bomb.insert(bomb.end(), {0xFF, 0xD9});
+  return bomb;
+}
+
+bool refusedAsUndecodable(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const ImageProcessingError& e) {
+    return e.kind() == ImageProcessingError::Kind::decodingFailed;
+  } catch (...) {
+  }
+  return false;
+}
+
+// Runs `body` in a child process under `resource` limited to `limit`, with an alarm as a
+// last guard against a hang; the child exits 0 when `body` returns true.
+[[noreturn]] void runLimited(int resource, rlim_t limit, const std::function<bool()>& body) {
+  const struct rlimit r = {limit, limit};
+  setrlimit(resource, &r);
+  alarm(120);
+  _exit(body() ? 0 : 1);
+}
+void expectInChild(int resource, rlim_t limit, const std::function<bool()>& body) {
+  EXPECT_EXIT(runLimited(resource, limit, body), ::testing::ExitedWithCode(0), "");
+}
+
+class Bombs : public ::testing::Test {
+ protected:
+  testing::TempDir dir;
+};
+
+TEST_F(Bombs, InspectUnderOneGigabyteAndRefuseTheFullDecodeBeforeAllocating) {
+  struct Bomb {
+    std::string name;
+    Bytes bytes;
+    int size;
+  };
+  const Bomb bombs[] = {{"bomb.png", blackPng(22000, false), 22000},
+                        {"interlaced.png", blackPng(22000, true), 22000},
+                        {"bomb.jpg", flatJpeg(22000), 22000},
+                        {"canvas.webp", hugeCanvasWebp(), 16383}};
+  for (const Bomb& bomb : bombs) {
+    SCOPED_TRACE(bomb.name);
+    ASSERT_LT(bomb.bytes.size(), 200u << 10);
+    const std::string path = dir.file(bomb.name);
+    testing::writeBytes(path, bomb.bytes);
+    expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
+      const auto light = ImageDecoder::inspect(path);
+      if (light.pixelWidth != bomb.size || light.thumbnail.empty() || std::max(light.thumbnail.width, light.thumbnail.height) > 256)
+        return false;
+      // Inspection made no full-size copy, and the encode is refused with the usual text.
+      const auto result = ImageCompressor::compress(path, dir.path(), ImageFormat::heic, 70, bomb.name + ".heic");
+      return result.error == ImageProcessingError::decodingFailed().description();
+    });
+  }
+}
+
+TEST_F(Bombs, ThousandsOfScansAreRefusedWithinACPULimit) {
+  const std::string path = dir.file("scans.jpg");
+  // Without the limit, reading it takes minutes of CPU.
+  testing::writeBytes(path, scanBomb(2048, 20000));
+  expectInChild(RLIMIT_CPU, 30, [&] {
+    return refusedAsUndecodable([&] { ImageDecoder::inspect(path); }) &&
+           refusedAsUndecodable([&] { ImageDecoder::decodeCGImageSource(ImageDecoder::readSource(path)); });
+  });
+  // A real progressive file still reads.
+  EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(scanBomb(64, 0)));
+}
+
+TEST_F(Bombs, WhatIsNotARegularImageFileIsRefusedWithoutReadingIt) {
+  const std::string fifo = dir.file("pipe.png"), socketPath = dir.file("socket.png"), sparse = dir.file("sparse.png");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  int sock = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
+  ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  // 3 GB that start as no image: refused from the first bytes, never read whole.
+  testing::writeBytes(sparse, {'h', 'e', 'l', 'l', 'o'});
+  ASSERT_EQ(truncate(sparse.c_str(), 3ll << 30), 0);
+
+  for (const std::string& path : {fifo, socketPath, sparse, std::string("/dev/zero"), dir.path()}) {
+    SCOPED_TRACE(path);
+    // Under an alarm and 1 GB: a read that blocks or grows without end kills the child.
+    expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
+      alarm(10);
+      const auto result = ImageCompressor::compress(path, dir.path(), ImageFormat::jpeg, 70, "out.jpg");
+      return refusedAsUndecodable([&] { ImageDecoder::readSource(path); }) &&
+             refusedAsUndecodable([&] { ImageDecoder::inspect(path); }) && !ImageDecoder::loadPreview(path, 64) &&
+             result.error == ImageProcessingError::decodingFailed().description();
+    });
+  }
+  close(sock);
+}
+
+TEST(Cancellation, ARaisedFlagStopsADecodeAndOnlyOnItsOwnThread) {
+  const Bytes png = fixtures::png(testing::makeImage(300, 200, testing::Pattern::photo));
+  const Bytes jpeg = fixtures::jpeg(testing::makeImage(300, 200, testing::Pattern::photo), {.progressive = true});
+  std::atomic<bool> flag{true};
+  {
+    Cancellation::Scope scope(&flag);
+    for (const Bytes* file : {&png, &jpeg}) {
+      try {
+        ImageDecoder::decodeCGImageSource(*file);
+        ADD_FAILURE() << "a cancelled decode ran to its end";
+      } catch (const ImageProcessingError& e) {
+        EXPECT_STREQ(e.what(), "cancelled");
+      }
+    }
+  }
+  EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(png));  // the scope ended with its call
+}
+
+}  // namespace
+}  // namespace quillane
