@@ -2,10 +2,15 @@
 #   make run   installs what is missing, builds, and starts Quillane
 #   make test  installs what is missing, builds, and runs every test
 #   make package  builds the Debian package into build-package/ and checks it with lintian
+#   make fuzz  builds the fuzz targets with clang and the sanitizers (build-fuzz/) and runs
+#              each for FUZZ_SECONDS; what a target finds is left in build-fuzz/ as crash-*
 JOBS ?= $(shell nproc)
 BUILD := build
 
-.PHONY: deps configure build run test bench package clean
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS := image_fuzz_png image_fuzz_jpeg image_fuzz_webp image_fuzz_heic image_fuzz_avif image_fuzz_jxl
+
+.PHONY: deps configure build run test bench package fuzz clean
 
 deps:
 	@scripts/install-deps
@@ -39,5 +44,16 @@ package: deps
 	lintian --fail-on error,warning build-package/quillane_$(VERSION)_*.deb
 	@ls -l build-package/*.deb
 
+fuzz: deps
+	@test -f build-fuzz/build.ninja || cmake --preset fuzz
+	cmake --build build-fuzz -j $(JOBS) --target image_fuzz_seeds request_reader_fuzz $(FUZZ_TARGETS)
+	build-fuzz/bin/image_fuzz_seeds build-fuzz/fuzz-corpus
+	cd build-fuzz && for target in $(FUZZ_TARGETS); do \
+	  format=$${target#image_fuzz_}; mkdir -p fuzz-corpus/$$format-found; \
+	  bin/$$target -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=3072 fuzz-corpus/$$format-found fuzz-corpus/$$format \
+	    || exit 1; \
+	done
+	cd build-fuzz && bin/request_reader_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=2048
+
 clean:
-	rm -rf $(BUILD) build-asan build-release build-package
+	rm -rf $(BUILD) build-asan build-release build-package build-fuzz

@@ -16,7 +16,8 @@
 #include "batch/AsyncSemaphore.h"
 #include "batch/BatchViewModelPrivate.h"
 #include "engine/Errors.h"
-#include "engine/ImageDecoder.h"
+#include "engine/Cancellation.h"
+#include "engine/FileIO.h"
 
 namespace quillane {
 
@@ -181,12 +182,16 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
   };
 
   // The watchdog starts when the work is submitted, after the semaphores were passed. A
-  // timeout ends the wait, not the work: the thread runs on and its result is dropped.
+  // timeout settles the encode as failed and raises the work's cancellation flag, which the
+  // engine polls where its libraries let it; the work ends soon after and its result is
+  // dropped.
   auto* watchdog = new QTimer(this);
   watchdog->setSingleShot(true);
   race->watchdog = watchdog;
   const QString label = batchdetail::toQString(ImageFormats::label(task->format));
-  connect(watchdog, &QTimer::timeout, this, [workEnded, settle, label] {
+  auto cancel = std::make_shared<Cancellation::Flag>(false);
+  connect(watchdog, &QTimer::timeout, this, [workEnded, settle, label, cancel] {
+    cancel->store(true);
     if (*workEnded) return;  // the work's result is already queued and wins
     EncodeResult timedOut;
     timedOut.error = QString::fromStdString(ImageProcessingError::encodingFailed(label.toStdString()).description());
@@ -199,10 +204,11 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
   const ImageFormat format = task->format;
   const double quality = task->quality;
   QtConcurrent::run(encodePool_.get(),
-                    [workEnded, encoder, path, format, quality, label]() -> EncodeResult {
+                    [workEnded, encoder, path, format, quality, label, cancel]() -> EncodeResult {
                       EncodeResult result;
+                      Cancellation::Scope scope(cancel.get());
                       try {
-                        const std::vector<uint8_t> source = ImageDecoder::readSource(path);
+                        const std::vector<uint8_t> source = FileIO::readFile(path);
                         const std::vector<uint8_t> bytes = encoder(source, format, quality);
                         result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
                       } catch (...) {
@@ -251,7 +257,7 @@ void BatchViewModel::schedulePassthrough(const std::shared_ptr<ImportedImage>& i
   QtConcurrent::run(encodePool_.get(),
                     [path]() -> QByteArray {
                       try {
-                        const std::vector<uint8_t> bytes = ImageDecoder::readSource(QFile::encodeName(path).toStdString());
+                        const std::vector<uint8_t> bytes = FileIO::readFile(QFile::encodeName(path).toStdString());
                         return QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
                       } catch (...) {
                         return {};

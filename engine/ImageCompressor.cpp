@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <new>
 
+#include "engine/Cancellation.h"
 #include "engine/DecodedImage.h"
 #include "engine/Encoders.h"
 #include "engine/EncodingStrategy.h"
@@ -95,8 +96,10 @@ std::string ImageCompressionResult::toJSON() const {
 namespace ImageCompressor {
 
 Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality) {
+  // Between its stages the pipeline stops when its caller gave up (Cancellation.h).
   ImageDecoder::DecodedSource source = ImageDecoder::decodeCGImageSource(fileData);
   const ImageFormat sourceFormat = source.format;
+  Cancellation::check();
   Pictures pictures;
   // A JPEG, HEIC or AVIF writer reads the decoded frame, which differs from the RGBA buffer
   // only for 16 bits or alpha (the writer composites or keeps it itself). Otherwise the
@@ -119,6 +122,7 @@ Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double q
     pictures.decoded.colorSpace = pictures.rgba.colorSpace;
     pictures.decoded.pixels8 = std::move(pictures.rgba.pixels);
   }
+  Cancellation::check();
 
   // A JPEG repackaged as JPEG XL loses nothing and is reconstructible byte for byte; below
   // 90 the user asked for a smaller file than that gives, so it is encoded from pixels.
@@ -128,6 +132,7 @@ Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double q
 
   Bytes main = encodeWith(pictures, format, plan, characteristics, plan.mode, false);
   if (!plan.alternative) return main;
+  Cancellation::check();
   Bytes second;
   try {
     second = encodeWith(pictures, format, plan, characteristics, *plan.alternative, true);

@@ -1,6 +1,7 @@
 #include "engine/ImageFormat.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -49,8 +50,15 @@ std::optional<ImageFormat> detect(std::span<const uint8_t> bytes) {
 }
 
 std::optional<ImageFormat> detect(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Non-blocking, and only a regular file is read: a pipe or a device in a watched folder
+  // must not stall the caller.
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (fd < 0) return std::nullopt;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    return std::nullopt;
+  }
   uint8_t head[ImageService::kSniffBytes];
   ssize_t total = 0;
   while (total < ssize_t(sizeof head)) {

@@ -1,7 +1,8 @@
 #pragma once
 // Fakes at the two engine seams of BatchViewModel and a sandboxed fixture. The fake encoder
 // answers with (quality x 10) bytes, so a result's size tells the quality it was made at;
-// sources whose content begins with "slow" wait for the gate to open, and "bad" ones throw.
+// sources whose content begins with "slow" wait for the gate to open, "spin" ones until their
+// work is cancelled (Cancellation.h), and "bad" ones throw.
 // The fake inspector answers from a table by path: by default a 100 x 100 PNG if the file
 // exists, a decoding failure otherwise.
 
@@ -16,6 +17,7 @@
 #include <thread>
 
 #include "batch/BatchViewModel.h"
+#include "engine/Cancellation.h"
 #include "engine/Errors.h"
 #include "records/JSONFileStore.h"
 
@@ -58,6 +60,9 @@ class BatchFixture : public ::testing::Test {
       // Bounded, so that a broken test cannot hang the run.
       if (source.starts_with("slow"))
         gate_.wait_for(lock, std::chrono::seconds(10), [this] { return gateOpen_; });
+      for (int i = 0; source.starts_with("spin") && i < 1000 && !Cancellation::requested(); ++i)
+        gate_.wait_for(lock, std::chrono::milliseconds(10));
+      if (source.starts_with("spin")) sawCancellation_ = Cancellation::requested();
       --encoding_;
       if (source.starts_with("bad")) throw ImageProcessingError::decodingFailed("fake");
       return std::vector<uint8_t>(size_t(quality * 10), 'x');
@@ -136,6 +141,7 @@ class BatchFixture : public ::testing::Test {
   std::vector<Call> calls_;
   std::map<std::string, InspectorEntry> inspections_;
   int encoding_ = 0, maxEncoding_ = 0;
+  bool sawCancellation_ = false;
 };
 
 }  // namespace quillane::testing

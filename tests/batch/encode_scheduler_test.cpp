@@ -101,6 +101,19 @@ TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBack) {
   EXPECT_FALSE(slow->compressedData());
 }
 
+TEST_F(SchedulerTest, AWatchdogThatFiresCancelsTheWorkItGaveUpOn) {
+  auto o = options();
+  o.watchdog = std::chrono::milliseconds(200);
+  makeModel(o);
+  import({source("spin.png", "spin")});
+  ASSERT_TRUE(waitIdle());
+  EXPECT_FALSE(model_->images()[0]->encodeState().isReady());
+  // The work sees the flag and ends instead of running on for its ten seconds.
+  EXPECT_TRUE(QTest::qWaitFor([&] { return encodingNow() == 0; }, 5000));
+  std::lock_guard lock(mutex_);
+  EXPECT_TRUE(sawCancellation_);
+}
+
 TEST_F(SchedulerTest, ChangesDuringAnEncodeRunOneMoreEncodeAfterItAndOverridesWin) {
   auto& model = makeModel();
   import({source("a.png", "slow")});

@@ -225,7 +225,7 @@ TEST_F(Bombs, WhatIsNotARegularImageFileIsRefusedWithoutReadingIt) {
     expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
       alarm(10);
       const auto result = ImageCompressor::compress(path, dir.path(), ImageFormat::jpeg, 70, "out.jpg");
-      return refusedAsUndecodable([&] { ImageDecoder::readSource(path); }) &&
+      return !ImageFormats::detect(path) && refusedAsUndecodable([&] { ImageDecoder::readSource(path); }) &&
              refusedAsUndecodable([&] { ImageDecoder::inspect(path); }) && !ImageDecoder::loadPreview(path, 64) &&
              result.error == ImageProcessingError::decodingFailed().description();
     });
