@@ -1,20 +1,32 @@
 #include "automation/CompressScriptCommand.h"
 
 #include <QFile>
+#include <QThread>
 #include <QUrl>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
+#include <functional>
+#include <limits>
+#include <mutex>
+#include <thread>
 #include <cstring>
 #include <exception>
 #include <filesystem>
 #include <system_error>
 #include <vector>
 
+#include "batch/BatchViewModel.h"
 #include "batch/ExportFilenameAllocator.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
+#include "engine/ImageService.h"
 #include "engine/Localization.h"
 #include "records/ExportProfileResolver.h"
 
@@ -111,6 +123,93 @@ void prepareFolder(const std::string& folder) {
 // The file's last component without its extension, in bytes: "a/photo.tar.png" gives "photo.tar".
 std::string baseName(const std::string& path) { return std::filesystem::path(path).filename().stem().string(); }
 
+
+// How the window's batch bounds its encodes, for a command that has no event loop to wait
+// in: one file a processor, and a memory budget in megabytes that each file claims by its
+// size (BatchViewModel's encodeMemoryBudgetMB and encodeCostMB). Files start strictly in
+// the order of the arguments: the first waiting file holds back those behind it, even when
+// they would fit.
+class MemoryGate {
+ public:
+  explicit MemoryGate(int limit) : limit_(std::max(limit, 1)), available_(limit_) {}
+  int clamp(int cost) const { return std::clamp(cost, 1, limit_); }
+  // `turn` counts 0, 1, 2... in the order the files must start.
+  void acquire(size_t turn, int cost) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return turn == nextTurn_ && available_ >= cost; });
+    available_ -= cost;
+    ++nextTurn_;
+    changed_.notify_all();
+  }
+  void release(int cost) {
+    {
+      std::lock_guard lock(mutex_);
+      available_ += cost;
+    }
+    changed_.notify_all();
+  }
+
+ private:
+  const int limit_;
+  int available_;
+  size_t nextTurn_ = 0;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+};
+
+uint64_t physicalMemoryBytes() {
+  const long pages = ::sysconf(_SC_PHYS_PAGES), pageSize = ::sysconf(_SC_PAGE_SIZE);
+  return pages > 0 && pageSize > 0 ? uint64_t(pages) * uint64_t(pageSize) : 0;
+}
+
+// The megabytes a file claims, from the dimensions in its first 256 KiB; a file whose header
+// can't be read there (or that is no regular file, which is not read ahead at all) claims
+// the whole budget and so runs alone.
+int memoryCostMB(const std::string& path) {
+  constexpr int kWhole = std::numeric_limits<int>::max();
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return kWhole;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return kWhole;
+  std::vector<uint8_t> head(256 * 1024);
+  size_t filled = 0;
+  while (filled < head.size()) {
+    const ssize_t n = ::read(fd, head.data() + filled, head.size() - filled);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    filled += size_t(n);
+  }
+  ::close(fd);
+  head.resize(filled);
+  try {
+    const auto properties = ImageService::properties(head);
+    if (properties) return BatchViewModel::encodeCostMB(properties->width, properties->height);
+  } catch (const std::exception&) {
+  }
+  return kWhole;
+}
+
+// Runs job(0) ... job(count - 1) on as many threads as there are processors, within the
+// memory budget; returns when all have run. `job` must not throw.
+void compressInParallel(size_t count, const std::function<void(size_t)>& job,
+                        const std::function<int(size_t)>& costMB) {
+  const size_t processors = size_t(std::max(QThread::idealThreadCount(), 1));
+  MemoryGate gate(BatchViewModel::encodeMemoryBudgetMB(physicalMemoryBytes()));
+  std::atomic<size_t> next{0};
+  auto worker = [&] {
+    for (size_t i = next++; i < count; i = next++) {
+      const int cost = gate.clamp(costMB(i));
+      gate.acquire(i, cost);
+      job(i);
+      gate.release(cost);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (size_t t = 1; t < std::min(processors, count); ++t) threads.emplace_back(worker);
+  worker();
+  for (std::thread& thread : threads) thread.join();
+}
+
 }  // namespace
 
 std::vector<std::string> filePaths(const QVariant& value) {
@@ -153,14 +252,25 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
 
   // Fresh for every command: files of one command never take each other's names, and no
   // name is one of the command's inputs; any other file already in the folder is replaced.
+  // Names are given in the order of the arguments, before any file is compressed.
   ExportFilenameAllocator allocator(folder, paths);
   const std::string extension(ImageFormats::fileExtension(resolved.format));
-  std::vector<ImageCompressionResult> results;
-  results.reserve(paths.size());
-  for (const std::string& path : paths) {
-    const std::string name = allocator.filename(baseName(path), extension);
-    results.push_back(ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name));
-  }
+  std::vector<std::string> names;
+  names.reserve(paths.size());
+  for (const std::string& path : paths) names.push_back(allocator.filename(baseName(path), extension));
+
+  std::vector<ImageCompressionResult> results(paths.size());
+  compressInParallel(
+      paths.size(),
+      [&](size_t i) {
+        try {
+          results[i] = ImageCompressor::compress(paths[i], folder, resolved.format, resolved.quality, names[i]);
+        } catch (const std::exception&) {  // out of memory for the record itself
+          results[i].path = paths[i];
+          results[i].error = Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
+        }
+      },
+      [&](size_t i) { return memoryCostMB(paths[i]); });
   return ImageCompressor::jsonString(results);
 }
 

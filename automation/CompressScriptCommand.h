@@ -1,10 +1,12 @@
 #pragma once
 // CompressScriptCommand: one-shot compression for scripts, free of any transport. A front end
 // (the quillane-cli tool, later a D-Bus method) hands over the direct parameter and the named
-// arguments as variants; the command compresses the files one after another into one folder
-// and answers with a JSON text of one record a file.
+// arguments as variants; the command compresses the files into one folder, as many at a time
+// as there are processors and the batch's memory budget allows, and answers with a JSON text
+// of one record a file, in the order of the arguments.
 //
-// Runs synchronously on the calling thread, any thread, and never touches the batch model.
+// Returns only when every file is done (worker threads of its own, joined before it returns),
+// from any calling thread, and never touches the batch model.
 
 #include <QString>
 #include <QStringList>

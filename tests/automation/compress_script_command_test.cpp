@@ -108,6 +108,22 @@ TEST_F(CompressCommand, NamesDifferOnlyWithinOneCommandAndIgnoreCase) {
       << "a new command starts with a fresh set of names";
 }
 
+// Files run side by side, a large one first so that the small ones behind it finish before
+// it: the records still follow the arguments, each with its own file, and the names are the
+// ones sequential compression gives.
+TEST_F(CompressCommand, ParallelFilesKeepTheOrderAndNamesOfTheArguments) {
+  const QString large = temp_.filePath("in/p.png");
+  testing::writeBytes(large.toStdString(), fixtures::png(testing::makeImage(1200, 900, testing::Pattern::photo, 3)));
+  QDir(temp_.path()).mkpath("in/b");
+  const QStringList files{large, source("sub/p.png"), temp_.filePath("in/missing.png"), source("b/p.jpg")};
+  QJsonArray records = run(files, {{"to", out()}, {"format", "jpeg"}});
+  ASSERT_EQ(records.size(), 4);
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(records[i].toObject()["path"].toString(), files[i]);
+  EXPECT_EQ(destinations(records), (QStringList{"p.jpg", "p-2.jpg", "", "p-3.jpg"}));
+  EXPECT_TRUE(records[2].toObject().contains("error"));
+  EXPECT_GT(QFileInfo(out("out/p.jpg")).size(), 10 * QFileInfo(out("out/p-2.jpg")).size());
+}
+
 // An input is never a destination, whether it was read already, is still to be read, or is
 // the same file under another name (a hard link in the folder): the name gets the next number.
 TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
