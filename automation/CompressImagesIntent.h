@@ -82,7 +82,8 @@ struct CompressImagesIntent {
 
   // Resolves the settings (explicit values, then the named or default profile), makes the
   // output folder with its parents, and compresses the files in order with names kept apart
-  // within this call; returns the written files' paths in the order of `files`.
+  // within this call, never replacing one of `files` (such a name gets the next number);
+  // returns the written files' paths in the order of `files`.
   // Throws, before touching anything: EmptyFileListError, ProfileNotFoundError,
   // MissingOutputDirectoryError, FileError (the folder can't be made); and on the first file
   // that fails, CompressionFailedError.

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "automation/CompressImagesIntent.h"
 #include "automation/CompressScriptCommand.h"
 #include "records/ExportProfile.h"
 #include "records/JSONFileStore.h"
@@ -145,6 +146,12 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
   QDir().mkpath(out("hard"));
   ASSERT_EQ(::link(QFile::encodeName(png).constData(), QFile::encodeName(out("hard/photo.jpg")).constData()), 0);
   EXPECT_EQ(destinations(run(QStringList{png}, {{"to", out("hard")}})), QStringList{"photo-2.jpg"});
+
+  // The desktop's compress action (D-Bus) keeps to the same rule.
+  const QStringList written =
+      CompressImagesIntent::fromArguments({jpeg}, "jpeg", 30, {}, temp_.filePath("in/sub")).perform();
+  EXPECT_EQ(written, QStringList{temp_.filePath("in/sub/pic-2.jpg")});
+  EXPECT_EQ(testing::readBytes(jpeg.toStdString()), original);
 }
 
 TEST_F(CompressCommand, ProfilesFillWhatIsNotGivenExplicitly) {
