@@ -47,8 +47,8 @@ package: deps
 fuzz: deps
 	@test -f build-fuzz/build.ninja || cmake --preset fuzz
 	cmake --build build-fuzz -j $(JOBS) --target image_fuzz_seeds request_reader_fuzz $(FUZZ_TARGETS)
-	build-fuzz/bin/image_fuzz_seeds build-fuzz/fuzz-corpus
-	cd build-fuzz && for target in $(FUZZ_TARGETS); do \
+	LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp build-fuzz/bin/image_fuzz_seeds build-fuzz/fuzz-corpus
+	cd build-fuzz && export LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp && for target in $(FUZZ_TARGETS); do \
 	  format=$${target#image_fuzz_}; mkdir -p fuzz-corpus/$$format-found; \
 	  bin/$$target -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=3072 fuzz-corpus/$$format-found fuzz-corpus/$$format \
 	    || exit 1; \

@@ -3,6 +3,7 @@
 
 #include <turbojpeg.h>
 
+#include <algorithm>
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
@@ -39,8 +40,13 @@ void onOutput(j_common_ptr) {}
 
 // A progressive file may hold any number of scans, and each one walks every block of the
 // picture: thousands of near-empty scans cost minutes of CPU for a small file. No encoder
-// writes more than a few dozen.
-constexpr int kMaxScans = 1000;
+// writes more than a few dozen. At most 1,000 scans, and fewer for large pictures: no more
+// walking than 1,000 scans of 4 megapixels (about 3 s of CPU), but always at least 100.
+constexpr uint64_t kMaxScans = 1000, kMinScanLimit = 100, kMaxScanWork = kMaxScans * 4'000'000;
+uint64_t scanLimit(j_decompress_ptr cinfo) {
+  const uint64_t pixels = std::max<uint64_t>(1, uint64_t(cinfo->image_width) * cinfo->image_height);
+  return std::clamp(kMaxScanWork / pixels, kMinScanLimit, kMaxScans);
+}
 
 // Called by libjpeg once per row or per iMCU row while it reads: stops a file with too many
 // scans, and a read whose caller gave up.
@@ -51,7 +57,8 @@ struct ProgressMonitor {
 };
 void onProgress(j_common_ptr cinfo) {
   auto* monitor = reinterpret_cast<ProgressMonitor*>(cinfo->progress);
-  if (reinterpret_cast<j_decompress_ptr>(cinfo)->input_scan_number > kMaxScans) monitor->tooManyScans = true;
+  auto* decompress = reinterpret_cast<j_decompress_ptr>(cinfo);
+  if (uint64_t(std::max(decompress->input_scan_number, 0)) > scanLimit(decompress)) monitor->tooManyScans = true;
   if (Cancellation::requested()) monitor->cancelled = true;
   if (monitor->tooManyScans || monitor->cancelled) cinfo->err->error_exit(cinfo);
 }
