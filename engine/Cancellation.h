@@ -2,8 +2,9 @@
 // Cooperative cancellation of long engine work on the calling thread. A caller that may give
 // up on a call (the batch's watchdog) owns an atomic flag and installs it for the call with a
 // Scope; the readers poll it where their libraries let them (libjpeg's progress monitor,
-// libpng's row callback, JPEG XL and WebP input fed in slices) and the pipeline between its
-// stages. A raised flag ends the call with ImageProcessingError::decodingFailed.
+// libpng's rows, libjxl's parallel runner; libheif, libavif and libwebp offer no such hook)
+// and the pipeline between its stages. A raised flag ends the call with
+// ImageProcessingError::decodingFailed.
 
 #include <atomic>
 

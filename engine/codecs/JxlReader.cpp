@@ -7,6 +7,7 @@
 
 #include <vector>
 
+#include "engine/Cancellation.h"
 #include "engine/ColorConvert.h"
 #include "engine/codecs/QuietStderr.h"
 #include "engine/codecs/Readers.h"
@@ -14,10 +15,23 @@
 namespace quillane::codecs {
 namespace {
 
+// libjxl's work, item by item on the calling thread as its own serial fallback does it,
+// stopping between items when the caller gave up: the failed status ends the decode.
+JxlParallelRetCode runCancellably(void*, void* opaque, JxlParallelRunInit init, JxlParallelRunFunction run,
+                                  uint32_t start, uint32_t end) {
+  if (const JxlParallelRetCode status = init(opaque, 1); status != 0) return status;
+  for (uint32_t item = start; item < end; ++item) {
+    if (Cancellation::requested()) return -1;
+    run(opaque, item, 0);
+  }
+  return 0;
+}
+
 JxlDecoderPtr makeDecoder(Input bytes, int events) {
   JxlDecoderPtr decoder = JxlDecoderMake(nullptr);
   if (!decoder) fail("JxlDecoderCreate");
-  if (JxlDecoderSetKeepOrientation(decoder.get(), JXL_TRUE) != JXL_DEC_SUCCESS ||
+  if (JxlDecoderSetParallelRunner(decoder.get(), runCancellably, nullptr) != JXL_DEC_SUCCESS ||
+      JxlDecoderSetKeepOrientation(decoder.get(), JXL_TRUE) != JXL_DEC_SUCCESS ||
       JxlDecoderSubscribeEvents(decoder.get(), events) != JXL_DEC_SUCCESS ||
       JxlDecoderSetInput(decoder.get(), bytes.data(), bytes.size()) != JXL_DEC_SUCCESS)
     fail("JxlDecoderSetInput");
@@ -114,7 +128,9 @@ DecodedImage decodeJxl(Input bytes) {
           image.colorSpace = ColorConvert::rgbSpace(std::move(icc));
         return image;  // the first frame is all we need
       }
-      default: fail("JxlDecoderProcessInput: damaged or truncated JPEG XL");
+      default:
+        Cancellation::check();
+        fail("JxlDecoderProcessInput: damaged or truncated JPEG XL");
     }
   }
 }

@@ -236,10 +236,11 @@ TEST_F(Bombs, WhatIsNotARegularImageFileIsRefusedWithoutReadingIt) {
 TEST(Cancellation, ARaisedFlagStopsADecodeAndOnlyOnItsOwnThread) {
   const Bytes png = fixtures::png(testing::makeImage(300, 200, testing::Pattern::photo));
   const Bytes jpeg = fixtures::jpeg(testing::makeImage(300, 200, testing::Pattern::photo), {.progressive = true});
+  const Bytes jxl = fixtures::jxl(testing::makeImage(300, 200, testing::Pattern::photo), {.lossless = false});
   std::atomic<bool> flag{true};
   {
     Cancellation::Scope scope(&flag);
-    for (const Bytes* file : {&png, &jpeg}) {
+    for (const Bytes* file : {&png, &jpeg, &jxl}) {
       try {
         ImageDecoder::decodeCGImageSource(*file);
         ADD_FAILURE() << "a cancelled decode ran to its end";
@@ -248,7 +249,7 @@ TEST(Cancellation, ARaisedFlagStopsADecodeAndOnlyOnItsOwnThread) {
       }
     }
   }
-  EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(png));  // the scope ended with its call
+  for (const Bytes* file : {&png, &jxl}) EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(*file));  // the scope ended
 }
 
 }  // namespace
