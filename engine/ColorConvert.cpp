@@ -125,6 +125,25 @@ void cmykToRGBInPlace(DecodedImage& image, bool inverted, const std::vector<uint
   image.colorSpace = ColorSpace::sRGB();
 }
 
+bool convertRGBInPlace(DecodedImage& image, const std::vector<uint8_t>& from, const std::vector<uint8_t>& to) {
+  CmsProfilePtr source = openProfile(&from, cmsSigRgbData);
+  CmsProfilePtr target = openProfile(&to, cmsSigRgbData);
+  if (!source || !target || image.empty()) return false;
+  const bool wide = image.bitsPerComponent == 16;
+  const cmsUInt32Number format = wide ? TYPE_RGBA_16 : TYPE_RGBA_8;
+  CmsTransformPtr transform(cmsCreateTransform(source.get(), format, target.get(), format, INTENT_RELATIVE_COLORIMETRIC,
+                                               cmsFLAGS_COPY_ALPHA | cmsFLAGS_NOCACHE));
+  if (!transform) return false;
+  void* pixels = wide ? static_cast<void*>(image.pixels16.data()) : image.pixels8.data();
+  const size_t rowSamples = size_t(image.width) * 4;
+  for (int y = 0; y < image.height; ++y) {
+    void* row = wide ? static_cast<void*>(static_cast<uint16_t*>(pixels) + size_t(y) * rowSamples)
+                     : static_cast<void*>(static_cast<uint8_t*>(pixels) + size_t(y) * rowSamples);
+    cmsDoTransform(transform.get(), row, row, cmsUInt32Number(image.width));
+  }
+  return true;
+}
+
 ColorSpace rgbSpace(std::vector<uint8_t> icc) {
   if (!openProfile(&icc, cmsSigRgbData)) return ColorSpace::sRGB();
   return ColorSpace::fromICC(std::move(icc));

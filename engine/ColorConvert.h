@@ -23,6 +23,10 @@ void expandGreyInPlace(DecodedImage& image, int channels, const std::vector<uint
 // The result is sRGB.
 void cmykToRGBInPlace(DecodedImage& image, bool inverted, const std::vector<uint8_t>* profile);
 
+// Converts RGBA pixels (8 or 16 bits, alpha copied) from the RGB profile `from` to the RGB
+// profile `to`, in place. False, with the pixels untouched, when lcms2 can't use a profile.
+bool convertRGBInPlace(DecodedImage& image, const std::vector<uint8_t>& from, const std::vector<uint8_t>& to);
+
 // The colour space of RGB pixels tagged with `icc`: ColorSpace::fromICC for an RGB profile;
 // untagged sRGB for no profile, an unreadable one, or one of another colour model.
 ColorSpace rgbSpace(std::vector<uint8_t> icc);

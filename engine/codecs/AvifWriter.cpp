@@ -76,7 +76,15 @@ Bytes writeAvif(const DecodedImage& image, bool keepAlpha, const AvifSettings& s
                                     fullChroma ? AVIF_PIXEL_FORMAT_YUV444 : AVIF_PIXEL_FORMAT_YUV420));
   if (!avif) fail("avifImageCreate");
   avif->yuvRange = AVIF_RANGE_FULL;
-  if (icc && !icc->empty()) avifImageSetProfileICC(avif.get(), icc->data(), icc->size());
+  // The matrix is named always (the YUV samples are made with it); the primaries and the curve
+  // are sRGB's unless a profile describes the pixels. "Unspecified" lets each browser guess.
+  avif->matrixCoefficients = AVIF_MATRIX_COEFFICIENTS_BT601;
+  if (icc && !icc->empty()) {
+    avifImageSetProfileICC(avif.get(), icc->data(), icc->size());
+  } else {
+    avif->colorPrimaries = AVIF_COLOR_PRIMARIES_BT709;
+    avif->transferCharacteristics = AVIF_TRANSFER_CHARACTERISTICS_SRGB;
+  }
 
   avifRGBImage rgb;
   avifRGBImageSetDefaults(&rgb, avif.get());

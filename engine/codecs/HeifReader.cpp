@@ -97,7 +97,21 @@ std::optional<Properties> heifProperties(Input bytes) {
 
 namespace {
 
-// The smallest stored thumbnail of `primary` whose longer side reaches `minLongSide`.
+// Whether a stored thumbnail shows the primary picture as it is: the same shape (a thumbnail
+// stored without the primary's rotation lies on its side) and alpha where the primary has it
+// (some writers store an opaque one, with black where the picture is transparent).
+bool matchesPrimary(heif_image_handle* thumbnail, heif_image_handle* primary) {
+  const double tw = heif_image_handle_get_width(thumbnail), th = heif_image_handle_get_height(thumbnail);
+  const double pw = heif_image_handle_get_width(primary), ph = heif_image_handle_get_height(primary);
+  if (tw < 1 || th < 1 || pw < 1 || ph < 1) return false;
+  // Within the rounding of the thumbnail's own pixel grid.
+  const bool sameShape = std::abs(tw / th - pw / ph) <= (pw / ph) * (1.0 / tw + 1.0 / th) + 1e-9;
+  return sameShape && (heif_image_handle_has_alpha_channel(primary) == 0 ||
+                       heif_image_handle_has_alpha_channel(thumbnail) != 0);
+}
+
+// The smallest stored thumbnail of `primary` whose longer side reaches `minLongSide` and that
+// matches the primary picture; else none, and the primary picture is decoded.
 HeifHandlePtr thumbnailOf(heif_image_handle* primary, int minLongSide) {
   int count = heif_image_handle_get_number_of_thumbnails(primary);
   if (minLongSide <= 0 || count <= 0) return nullptr;
@@ -109,6 +123,7 @@ HeifHandlePtr thumbnailOf(heif_image_handle* primary, int minLongSide) {
     heif_image_handle* raw = nullptr;
     if (heif_image_handle_get_thumbnail(primary, ids[size_t(i)], &raw).code != heif_error_Ok || !raw) continue;
     HeifHandlePtr candidate(raw);
+    if (!matchesPrimary(raw, primary)) continue;
     int side = std::max(heif_image_handle_get_width(raw), heif_image_handle_get_height(raw));
     if (side >= minLongSide && (!best || side < bestSide)) best = std::move(candidate), bestSide = side;
   }

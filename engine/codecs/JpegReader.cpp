@@ -12,7 +12,6 @@
 #include <vector>
 
 // jpeglib.h expects stdio's FILE and size_t before it.
-#include <jerror.h>
 #include <jpeglib.h>
 
 #include "engine/CHandle.h"
@@ -27,15 +26,12 @@ namespace {
 struct ErrorManager {
   jpeg_error_mgr pub;
   jmp_buf jump;
-  bool truncated;
 };
 
 void onError(j_common_ptr cinfo) { std::longjmp(reinterpret_cast<ErrorManager*>(cinfo->err)->jump, 1); }
-// Warnings are never printed; running out of data is remembered, as a truncated file must fail
-// rather than come out with a grey lower part.
-void onMessage(j_common_ptr cinfo, int level) {
-  if (level < 0 && cinfo->err->msg_code == JWRN_JPEG_EOF) reinterpret_cast<ErrorManager*>(cinfo->err)->truncated = true;
-}
+// Warnings are never printed. A file that ends early (a partly downloaded photo) decodes as far
+// as it goes, and libjpeg fills the rest, as every viewer shows it.
+void onMessage(j_common_ptr, int) {}
 void onOutput(j_common_ptr) {}
 
 // A progressive file may hold any number of scans, and each one walks every block of the
@@ -114,7 +110,6 @@ bool decodeWithLibjpeg(JpegJob& job) {
   err.pub.error_exit = onError;
   err.pub.emit_message = onMessage;
   err.pub.output_message = onOutput;
-  err.truncated = false;
   ProgressMonitor progress;
   progress.pub.progress_monitor = onProgress;
   progress.tooManyScans = progress.cancelled = false;
@@ -144,12 +139,11 @@ bool decodeWithLibjpeg(JpegJob& job) {
       job.exifFound(job.context, m->data, m->data_length);
       break;
     }
-  // Huffman coding spends at least two bits on every 8x8 block, so no real file holds more
-  // than 256 pixels a byte; far above that (32 times), the header is damaged or hostile, and
-  // refusing it saves allocating and filling a picture that the data can't cover.
+  // The pixel budget bounds what a header can make us allocate. There is no bound on pixels per
+  // byte: arithmetic coding spends next to nothing on a flat picture.
   uint64_t area = uint64_t(job.width) * uint64_t(job.height);
   job.tooLarge = uint64_t(job.width) > uint64_t(kMaxDimension) || uint64_t(job.height) > uint64_t(kMaxDimension) ||
-                 area > kMaxPixels || area / 8192 > job.size;
+                 area > kMaxPixels;
   if (job.headerOnly || job.tooLarge) {
     jpeg_destroy_decompress(&cinfo);
     return job.headerOnly;
@@ -182,11 +176,10 @@ bool decodeWithLibjpeg(JpegJob& job) {
   while (cinfo.output_scanline < cinfo.output_height) {
     JSAMPROW row = pixels + size_t(cinfo.output_scanline) * stride;
     jpeg_read_scanlines(&cinfo, &row, 1);
-    if (err.truncated) break;
   }
-  if (!err.truncated) jpeg_finish_decompress(&cinfo);
+  jpeg_finish_decompress(&cinfo);
   jpeg_destroy_decompress(&cinfo);
-  return !err.truncated;
+  return true;
 }
 
 JpegJob makeJob(Input bytes, bool headerOnly) {
@@ -239,7 +232,7 @@ DecodedImage decodeJpeg(Input bytes, int minLongSide) {
   MallocPtr iccOwner(job.icc);
   if (!ok) {
     Cancellation::check();
-    fail(job.tooLarge ? kTooLarge : job.tooManyScans ? "libjpeg: too many scans" : "libjpeg: damaged or truncated JPEG");
+    fail(job.tooLarge ? kTooLarge : job.tooManyScans ? "libjpeg: too many scans" : "libjpeg: damaged JPEG");
   }
   std::vector<uint8_t> icc(job.icc, job.icc + (job.icc ? job.iccLength : 0));
   if (job.outComponents == 1) {

@@ -40,16 +40,14 @@ JxlDecoderPtr makeDecoder(Input bytes, int events) {
   return decoder;
 }
 
-std::vector<uint8_t> iccProfile(JxlDecoder* decoder) {
+std::vector<uint8_t> iccProfile(JxlDecoder* decoder, JxlColorProfileTarget target) {
   size_t size = 0;
   JxlPixelFormat unused{4, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
-  if (JxlDecoderGetICCProfileSize(decoder, &unused, JXL_COLOR_PROFILE_TARGET_DATA, &size) != JXL_DEC_SUCCESS ||
-      size == 0 || size > (64u << 20))
+  if (JxlDecoderGetICCProfileSize(decoder, &unused, target, &size) != JXL_DEC_SUCCESS || size == 0 ||
+      size > (64u << 20))
     return {};
   std::vector<uint8_t> icc(size);
-  if (JxlDecoderGetColorAsICCProfile(decoder, &unused, JXL_COLOR_PROFILE_TARGET_DATA, icc.data(), size) !=
-      JXL_DEC_SUCCESS)
-    return {};
+  if (JxlDecoderGetColorAsICCProfile(decoder, &unused, target, icc.data(), size) != JXL_DEC_SUCCESS) return {};
   return icc;
 }
 
@@ -89,7 +87,8 @@ DecodedImage decodeJxl(Input bytes) {
   JxlDecoderPtr decoder = makeDecoder(bytes, JXL_DEC_BASIC_INFO | JXL_DEC_COLOR_ENCODING | JXL_DEC_FULL_IMAGE);
   JxlBasicInfo info{};
   bool haveInfo = false;
-  std::vector<uint8_t> icc;
+  std::vector<uint8_t> icc, originalICC;
+  bool xyb = false;
   DecodedImage image;
   JxlPixelFormat format{4, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
   for (;;) {
@@ -100,11 +99,17 @@ DecodedImage decodeJxl(Input bytes) {
         checkSize(info.xsize, info.ysize);
         haveInfo = true;
         bool grey = info.num_color_channels == 1;
-        bool wide = info.bits_per_sample > 8;
+        // A lossy (XYB) picture has no stored depth of its own; 16 bits keep its shadows
+        // smooth through the conversion to its profile below.
+        xyb = info.uses_original_profile == JXL_FALSE;
+        bool wide = info.bits_per_sample > 8 || xyb;
         format = {grey ? 2u : 4u, wide ? JXL_TYPE_UINT16 : JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
         break;
       }
-      case JXL_DEC_COLOR_ENCODING: icc = iccProfile(decoder.get()); break;
+      case JXL_DEC_COLOR_ENCODING:
+        icc = iccProfile(decoder.get(), JXL_COLOR_PROFILE_TARGET_DATA);
+        if (xyb) originalICC = iccProfile(decoder.get(), JXL_COLOR_PROFILE_TARGET_ORIGINAL);
+        break;
       case JXL_DEC_NEED_IMAGE_OUT_BUFFER: {
         if (!haveInfo) fail("JxlDecoderProcessInput: no basic info");
         AlphaInfo alpha = info.alpha_bits == 0       ? AlphaInfo::none
@@ -122,10 +127,17 @@ DecodedImage decodeJxl(Input bytes) {
       }
       case JXL_DEC_FULL_IMAGE: {
         if (image.empty()) fail("JxlDecoderProcessInput: no image");
-        if (format.num_channels == 2)
+        if (format.num_channels == 2) {
           ColorConvert::expandGreyInPlace(image, 2, &icc);
-        else
+        } else {
+          // libjxl gives an XYB picture whose profile it can't describe by code points (a
+          // tabulated curve, say) in linear sRGB: it goes back into the source's own profile,
+          // which every output keeps.
+          if (xyb && !originalICC.empty() && originalICC != icc &&
+              ColorConvert::convertRGBInPlace(image, icc, originalICC))
+            icc = std::move(originalICC);
           image.colorSpace = ColorConvert::rgbSpace(std::move(icc));
+        }
         return image;  // the first frame is all we need
       }
       default:

@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "engine/ImageDecoder.h"
 #include "engine/ImageService.h"
+#include "engine/LcmsHandles.h"
 #include "engine/Resample.h"
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
@@ -151,6 +154,64 @@ TEST(Depth, SixteenBitPngAvifAndJxlStaySixteenBit) {
   EXPECT_EQ(avif.bitsPerComponent, 16);
   EXPECT_EQ(fixtures::quadrantAt(avif, Corner::bottomRight), 3);
   EXPECT_NEAR(avif.pixels16[3], 128 * 257, 600);  // half-transparent top left, full 16-bit scale
+}
+
+// A camera's stored thumbnail, opaque and unrotated, is not the picture: the thumbnail is made
+// from the primary picture, turned upright and with its alpha.
+TEST(Thumbnails, AHeicStoredThumbnailServesOnlyWhenItShowsThePictureAsItIs) {
+  const auto file =
+      fixtures::heic(fixtures::quadrants(2 * kW, 2 * kH, 8, true), {.orientation = 6, .thumbnailSide = kW});
+  auto thumb = ImageService::thumbnail(file, kW);
+  ASSERT_TRUE(thumb);
+  const DecodedImage upright = Resample::toEightBit(*thumb);
+  expectUpright(upright, 6);
+  ASSERT_TRUE(upright.hasAlphaChannel());
+  // The stored top left, half transparent, shows at the top right.
+  EXPECT_NEAR(upright.pixels8[size_t(upright.width - 1) * 4 + 3], 128, 8);
+}
+
+// An RGB profile whose tone curve is a table (gamma 1.8 sampled), which JPEG XL can't describe
+// by code points.
+fixtures::Bytes tabulatedCurveICC() {
+  std::vector<cmsUInt16Number> table(1024);
+  for (size_t i = 0; i < table.size(); ++i) table[i] = cmsUInt16Number(std::lround(std::pow(i / 1023.0, 1.8) * 65535));
+  CHandle<cmsToneCurve, cmsFreeToneCurve> curve(cmsBuildTabulatedToneCurve16(nullptr, cmsUInt32Number(table.size()), table.data()));
+  cmsToneCurve* curves[3] = {curve.get(), curve.get(), curve.get()};
+  const cmsCIExyY white{0.3127, 0.3290, 1.0};
+  const cmsCIExyYTRIPLE primaries{{0.64, 0.33, 1.0}, {0.30, 0.60, 1.0}, {0.15, 0.06, 1.0}};
+  CmsProfilePtr profile(cmsCreateRGBProfile(&white, &primaries, curves));
+  cmsUInt32Number size = 0;
+  cmsSaveProfileToMem(profile.get(), nullptr, &size);
+  fixtures::Bytes icc(size);
+  cmsSaveProfileToMem(profile.get(), icc.data(), &size);
+  return icc;
+}
+
+// Lab values of RGBA pixels (8 or 16 bits) under `icc`.
+std::vector<cmsCIELab> toLab(const DecodedImage& image, const std::vector<uint8_t>& icc) {
+  CmsProfilePtr source(cmsOpenProfileFromMem(icc.data(), cmsUInt32Number(icc.size())));
+  CmsProfilePtr lab(cmsCreateLab4Profile(nullptr));
+  const bool wide = image.bitsPerComponent == 16;
+  CmsTransformPtr transform(cmsCreateTransform(source.get(), wide ? TYPE_RGBA_16 : TYPE_RGBA_8, lab.get(),
+                                               TYPE_Lab_DBL, INTENT_RELATIVE_COLORIMETRIC, 0));
+  std::vector<cmsCIELab> out(image.pixelCount());
+  cmsDoTransform(transform.get(), wide ? static_cast<const void*>(image.pixels16.data()) : image.pixels8.data(),
+                 out.data(), cmsUInt32Number(out.size()));
+  return out;
+}
+
+TEST(ColourProfiles, ALossyJpegXlKeepsItsTabulatedCurveProfileAndItsColours) {
+  const fixtures::Bytes icc = tabulatedCurveICC();
+  DecodedImage source = testing::makeImage(64, 48, testing::Pattern::photo, 5);
+  const auto file = fixtures::jxl(source, {.lossless = false, .icc = icc});
+  const DecodedImage decoded = ImageService::decodeFirstFrame(file);
+  ASSERT_TRUE(decoded.colorSpace.icc);
+  EXPECT_EQ(*decoded.colorSpace.icc, icc) << "the source's profile, not a linear one";
+  EXPECT_EQ(decoded.bitsPerComponent, 16);
+  const auto expected = toLab(source, icc), seen = toLab(decoded, *decoded.colorSpace.icc);
+  double sum = 0;
+  for (size_t i = 0; i < expected.size(); ++i) sum += cmsDeltaE(&expected[i], &seen[i]);
+  EXPECT_LT(sum / double(expected.size()), 3.0);
 }
 
 TEST(Alpha, EveryFormatWithAlphaKeepsIt) {

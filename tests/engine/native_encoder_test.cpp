@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <avif/avif.h>
+
 #include <cmath>
+#include <memory>
 
 #include "engine/Encoders.h"
 #include "engine/Errors.h"
@@ -125,6 +128,22 @@ TEST(NativeEncoder, SixteenBitAndPremultipliedSourcesAreWrittenFaithfully) {
     DecodedImage round = decode8(encode(premultiplied, true, format, lossyPlan(95)));
     EXPECT_LT(meanColourError(round, expectedStraight), 6.0);
   }
+}
+
+// An sRGB picture's AVIF names sRGB (primaries 1, transfer 13, matrix 6), so that every
+// reader shows the same colours; with a profile the profile speaks.
+TEST(NativeEncoder, AvifNamesTheSrgbColourEncoding) {
+  const auto cicp = [](const Bytes& file) {
+    std::unique_ptr<avifDecoder, decltype(&avifDecoderDestroy)> decoder(avifDecoderCreate(), avifDecoderDestroy);
+    EXPECT_EQ(avifDecoderSetIOMemory(decoder.get(), file.data(), file.size()), AVIF_RESULT_OK);
+    EXPECT_EQ(avifDecoderParse(decoder.get()), AVIF_RESULT_OK);
+    const avifImage* image = decoder->image;
+    return std::vector<int>{int(image->colorPrimaries), int(image->transferCharacteristics),
+                            int(image->matrixCoefficients), int(image->icc.size > 0)};
+  };
+  const DecodedImage photo = testing::makeImage(48, 32, testing::Pattern::photo, 3);
+  EXPECT_EQ(cicp(encode(photo, false, ImageFormat::avif, lossyPlan(70))), (std::vector<int>{1, 13, 6, 0}));
+  EXPECT_EQ(cicp(codecs::writeAvif(photo, false, codecs::avifSettings(0.7, 1536), Bytes(fixtures::displayP3ICC())))[3], 1);
 }
 
 TEST(NativeEncoder, FailsWithTheFormatLabelAndWritesNothingToStandardError) {

@@ -86,6 +86,7 @@ struct HeifOptions {
   int orientation = 1;                   // written by libheif as irot/imir
   std::optional<int> exifOrientation{};  // an EXIF block, which readers must not apply again
   bool av1 = false;                      // AV1 data under HEIC brands, as some files hold
+  int thumbnailSide = 0;  // above 0: a stored thumbnail as some cameras write it, opaque and unrotated
 };
 Bytes heic(const DecodedImage& image, const HeifOptions& options = {});  // 8-bit HEVC (or AV1)
 

@@ -127,6 +127,22 @@ Bytes heic(const DecodedImage& image, const HeifOptions& options) {
   require(heif_context_encode_image(context.get(), picture.get(), encoder.get(), encoding.get(), &rawHandle),
           "heif_context_encode_image");
   CHandle<heif_image_handle, heif_image_handle_release> handle(rawHandle);
+  if (options.thumbnailSide > 0) {
+    heif_image* rawOpaque = nullptr;
+    require(heif_image_create(image.width, image.height, heif_colorspace_RGB, heif_chroma_interleaved_RGB, &rawOpaque),
+            "heif_image_create");
+    CHandle<heif_image, heif_image_release> opaque(rawOpaque);
+    require(heif_image_add_plane(opaque.get(), heif_channel_interleaved, image.width, image.height, 8), "add_plane");
+    uint8_t* rgb = heif_image_get_plane(opaque.get(), heif_channel_interleaved, &stride);
+    for (size_t i = 0; i < image.pixelCount(); ++i)
+      std::memcpy(rgb + i / size_t(image.width) * size_t(stride) + i % size_t(image.width) * 3, &rgba[i * 4], 3);
+    CHandle<heif_encoding_options, heif_encoding_options_free> upright(heif_encoding_options_alloc());
+    heif_image_handle* rawThumb = nullptr;
+    require(heif_context_encode_thumbnail(context.get(), opaque.get(), handle.get(), encoder.get(), upright.get(),
+                                          options.thumbnailSide, &rawThumb),
+            "heif_context_encode_thumbnail");
+    if (rawThumb) heif_image_handle_release(rawThumb);
+  }
   if (options.exifOrientation) {
     Bytes exif = exifBlock(*options.exifOrientation);
     require(heif_context_add_exif_metadata(context.get(), handle.get(), exif.data(), int(exif.size())), "EXIF");
