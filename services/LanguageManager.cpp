@@ -1,9 +1,12 @@
 #include "services/LanguageManager.h"
 
 #include <QCoreApplication>
+#include <QLibraryInfo>
 #include <QLocale>
 #include <QProcess>
 #include <QSet>
+#include <QTranslator>
+#include <memory>
 
 #include "engine/Localization.h"
 #include "services/StringTables.h"
@@ -24,6 +27,27 @@ AppLanguage resolveActiveLanguage(const QStringList& stored, const QStringList& 
   for (const QString& tag : candidates)
     if (std::optional<AppLanguage> match = AppLanguages::bestMatch(tag)) return *match;
   return AppLanguage::enUS;
+}
+
+// Numbers, sizes and times in the chosen language's notation, and Qt's own texts (file
+// dialogs, message box buttons, shortcut names) from Debian's Qt translations, beside the
+// application's tables. A language without a Qt catalogue keeps Qt's English.
+void useLocaleOf(AppLanguage language) {
+  const QLocale locale(AppLanguages::rawValue(language));
+  QLocale::setDefault(locale);
+  QCoreApplication* application = QCoreApplication::instance();
+  if (!application) return;
+  static QTranslator* installed = nullptr;
+  if (installed) {
+    QCoreApplication::removeTranslator(installed);
+    delete installed;
+    installed = nullptr;
+  }
+  auto translator = std::make_unique<QTranslator>();
+  const QString folder = QLibraryInfo::path(QLibraryInfo::TranslationsPath);
+  if (translator->load(locale, QStringLiteral("qt"), QStringLiteral("_"), folder) &&
+      QCoreApplication::installTranslator(translator.get()))
+    installed = translator.release();
 }
 
 }  // namespace
@@ -88,6 +112,7 @@ void LanguageManager::setSelectedLanguage(std::optional<AppLanguage> language) {
 
 void LanguageManager::installLookup() const {
   Localization::setLookup(StringTables::lookupFor(activeLanguage_));
+  useLocaleOf(activeLanguage_);
 }
 
 std::optional<AppLanguage> LanguageManager::currentOverride() {

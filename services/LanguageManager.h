@@ -52,7 +52,8 @@ class LanguageManager : public QObject {
   // (or, when that is unset, of the system's languages) that a table serves; enUS if none.
   AppLanguage activeLanguage() const { return activeLanguage_; }
 
-  // Makes every Localization::text call resolve through activeLanguage's table.
+  // Makes every Localization::text call resolve through activeLanguage's table, and makes
+  // its locale the default one (numbers, sizes, times) and loads Qt's own translations for it.
   void installLookup() const;
 
   // For programs without a window (the command-line tool): resolves this run's language as

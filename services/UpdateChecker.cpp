@@ -47,7 +47,7 @@ UpdateChecker::UpdateChecker(const QUrl& baseUrl, const QString& currentVersion,
 QString UpdateChecker::currentAppVersion() { return QString::fromLatin1(kAppVersion); }
 
 bool UpdateChecker::isCheckAtLaunchEnabled() {
-  return UserDefaults::store()->value(kEnabledKey, false).toBool();
+  return UserDefaults::boolValue(*UserDefaults::store(), kEnabledKey);
 }
 
 void UpdateChecker::setCheckAtLaunchEnabled(bool enabled) {
@@ -85,6 +85,31 @@ void UpdateChecker::checkNow() {
   connect(reply, &QNetworkReply::finished, this, [this, reply] { handleReply(reply); });
 }
 
+QString UpdateChecker::failureText(QNetworkReply::NetworkError error) {
+  // Qt's own error strings are English and name sockets; the user gets one of a few
+  // translated sentences.
+  switch (error) {
+    case QNetworkReply::OperationCanceledError:
+    case QNetworkReply::TimeoutError:
+      // The transfer time-out aborts the reply, which Qt reports as a cancellation; nothing
+      // else here cancels a request.
+      return Strings::text("settings.updates.timedOut");
+    case QNetworkReply::HostNotFoundError:
+      return Strings::text("settings.updates.errorHostNotFound");
+    case QNetworkReply::SslHandshakeFailedError:
+      return Strings::text("settings.updates.errorSecure");
+    case QNetworkReply::ProxyConnectionRefusedError:
+    case QNetworkReply::ProxyConnectionClosedError:
+    case QNetworkReply::ProxyNotFoundError:
+    case QNetworkReply::ProxyTimeoutError:
+    case QNetworkReply::ProxyAuthenticationRequiredError:
+    case QNetworkReply::UnknownProxyError:
+      return Strings::text("settings.updates.errorProxy");
+    default:
+      return Strings::text("settings.updates.errorConnection");
+  }
+}
+
 void UpdateChecker::handleReply(QNetworkReply* reply) {
   reply->deleteLater();
   const QNetworkReply::NetworkError error = reply->error();
@@ -96,10 +121,7 @@ void UpdateChecker::handleReply(QNetworkReply* reply) {
   if (error != QNetworkReply::NoError && !answered) {
     // The transfer time-out aborts the reply, which Qt reports as a cancellation; nothing
     // else here cancels a request.
-    QString message = error == QNetworkReply::OperationCanceledError
-                          ? Strings::text("settings.updates.timedOut")
-                          : reply->errorString();
-    setState(State::failed(message));
+    setState(State::failed(failureText(error)));
     return;
   }
   setState(evaluate(reply->readAll()));

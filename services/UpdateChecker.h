@@ -9,6 +9,7 @@
 // GUI thread only: the state changes there, and the request's answer is handled there.
 
 #include <QNetworkAccessManager>
+#include <QNetworkReply>
 #include <QObject>
 #include <QString>
 #include <QUrl>
@@ -65,6 +66,9 @@ class UpdateChecker : public QObject {
 
   // This build's version (the project version from CMake).
   static QString currentAppVersion();
+
+  // The translated sentence shown for a transfer that failed with `error`.
+  static QString failureText(QNetworkReply::NetworkError error);
 
  signals:
   void stateChanged();

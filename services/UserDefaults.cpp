@@ -21,4 +21,19 @@ void save(QSettings& settings) {
   ::chmod(path.constData(), S_IRUSR | S_IWUSR);
 }
 
+bool boolValue(const QSettings& settings, QAnyStringView key) {
+  const QVariant value = settings.value(key);
+  if (value.typeId() == QMetaType::Bool) return value.toBool();
+  if (value.typeId() != QMetaType::QString) return false;
+  const QString text = value.toString().trimmed().toLower();
+  return text == QLatin1String("true") || text == QLatin1String("1") || text == QLatin1String("yes") ||
+         text == QLatin1String("on");
+}
+
+QString stringValue(const QSettings& settings, QAnyStringView key) {
+  const QVariant value = settings.value(key);
+  if (value.typeId() == QMetaType::QStringList) return value.toStringList().join(QLatin1Char(','));
+  return value.toString();
+}
+
 }  // namespace quillane::UserDefaults

@@ -15,4 +15,12 @@ std::unique_ptr<QSettings> store();
 // Writes `settings` to disk and restricts its file to mode 0600.
 void save(QSettings& settings);
 
+// A switch read strictly: only "true", "1", "yes" and "on" (in any case) are true; anything
+// else, "no", "off" and a missing key included, is false.
+bool boolValue(const QSettings& settings, QAnyStringView key);
+
+// A text read as one string whatever it holds: a hand-written value with commas, which the
+// INI reader splits into a list, is joined back.
+QString stringValue(const QSettings& settings, QAnyStringView key);
+
 }  // namespace quillane::UserDefaults

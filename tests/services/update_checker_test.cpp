@@ -117,7 +117,10 @@ TEST_F(UpdateCheckerTest, UnreachableServerFailsWithTheTransportError) {
 
   UpdateChecker checker(QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port)), "1.0");
   EXPECT_EQ(settle(checker).kind, Kind::failed);
-  EXPECT_FALSE(checker.state().message.isEmpty());
+  // A sentence of the string tables, never Qt's English error.
+  EXPECT_EQ(checker.state().message, Strings::text("settings.updates.errorConnection"));
+  EXPECT_EQ(UpdateChecker::failureText(QNetworkReply::HostNotFoundError),
+            Strings::text("settings.updates.errorHostNotFound"));
 }
 
 TEST(UpdateCheckerIsNewer, ComparesNumericPiecesPaddedWithZeros) {

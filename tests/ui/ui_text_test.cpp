@@ -2,11 +2,15 @@
 // and the order of dropped files.
 #include <gtest/gtest.h>
 
+#include <QKeySequence>
 #include <QLocale>
+#include <QTime>
 #include <QMimeData>
 #include <QTest>
 #include <thread>
 
+#include "engine/Localization.h"
+#include "services/LanguageManager.h"
 #include "ui/ComparisonView.h"
 #include "ui/FileDropHandler.h"
 #include "ui/UiText.h"
@@ -22,6 +26,24 @@ TEST(ByteCountText, DecimalUnitsRoundedUpToTheNextUnitInTheLocalesNotation) {
   };
   for (const auto& [bytes, text] : cases) EXPECT_EQ(formatByteCount(bytes, c), text) << bytes;
   EXPECT_EQ(formatByteCount(1'234'567, QLocale(QLocale::French)), "1,2 MB");
+}
+
+// The chosen language, not the system's, sets the notation of sizes and times, and Qt's own
+// texts (dialog buttons, shortcut names) come in it too.
+TEST(ChosenLanguage, SetsTheLocaleAndQtsOwnTexts) {
+  LanguageManager::persist(std::nullopt);
+  const auto install = [](const char* system) {
+    LanguageManager(LanguageManager::Platform{{system}, [](const QString&) { return true; }, [] {}}).installLookup();
+  };
+  install("de-DE");
+  EXPECT_EQ(formatByteCount(1'300'000), "1,3 MB");
+  EXPECT_EQ(QLocale().toString(QTime(19, 11), QLocale::ShortFormat), "19:11");
+  EXPECT_EQ(QCoreApplication::translate("QPlatformTheme", "Cancel"), "Abbrechen");
+  EXPECT_EQ(QKeySequence(Qt::CTRL | Qt::Key_O).toString(QKeySequence::NativeText), "Strg+O");
+  install("en-US");
+  EXPECT_EQ(formatByteCount(1'300'000), "1.3 MB");
+  EXPECT_EQ(QCoreApplication::translate("QPlatformTheme", "Cancel"), "Cancel");
+  Localization::setLookup({});
 }
 
 TEST(SizeChange, HalvesRoundAwayFromZeroAndAnEmptySourceDoesNotDivideByZero) {
