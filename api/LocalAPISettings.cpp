@@ -32,7 +32,7 @@ std::unique_ptr<QSettings> store() { return UserDefaults::store(); }
 
 void saveSecurely(QSettings& settings) { UserDefaults::save(settings); }
 
-bool isEnabled() { return store()->value(enabledKey, false).toBool(); }
+bool isEnabled() { return UserDefaults::boolValue(*store(), enabledKey); }
 
 void setEnabled(bool enabled) {
   auto settings = store();
@@ -57,7 +57,7 @@ QString storedToken() { return store()->value(tokenKey).toString(); }
 
 QString token() {
   auto settings = store();
-  QString stored = settings->value(tokenKey).toString();
+  QString stored = UserDefaults::stringValue(*settings, tokenKey);
   if (!stored.isEmpty()) return stored;
   std::optional<QString> fresh = generateToken();
   if (!fresh) return {};

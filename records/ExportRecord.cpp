@@ -1,6 +1,7 @@
 #include "records/ExportRecord.h"
 
 #include <QJsonDocument>
+#include <algorithm>
 #include <QJsonObject>
 
 #include "records/JSONFileStore.h"
@@ -9,10 +10,11 @@
 namespace quillane::ExportHistory {
 
 bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& record) {
-  for (const auto& other : history) {
-    if (other.id != record.id && other.destinationURL == record.destinationURL && other.date > record.date) {
-      return true;
-    }
+  // The list is newest first: of two exports within one clock tick, the earlier entry is the later export.
+  const auto self = std::find_if(history.begin(), history.end(), [&](const auto& e) { return e.id == record.id; });
+  for (auto it = history.begin(); it != history.end(); ++it) {
+    if (it->id == record.id || it->destinationURL != record.destinationURL) continue;
+    if (it->date > record.date || (it->date == record.date && it < self)) return true;
   }
   return false;
 }

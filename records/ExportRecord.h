@@ -35,8 +35,9 @@ namespace ExportHistory {
 
 inline constexpr char fileName[] = "exportHistory.json";
 
-// True when another entry (another id) has the same destination and a strictly later
-// date: a newer export overwrote the file, which is no longer this record's.
+// True when another entry (another id) has the same destination and a later date, or the
+// same date and a place nearer the front of `history` (newest first): a newer export
+// overwrote the file, which is no longer this record's.
 bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& record);
 
 // JSON coding; every field is required. fromJson() throws JsonForms::DecodingError.

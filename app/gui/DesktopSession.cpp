@@ -36,6 +36,11 @@ void DesktopSession::showWindow() {
   window_->activateWindow();
 }
 
+void DesktopSession::stopForQuit() {
+  window_.reset();
+  if (app_) app_->stopServices();
+}
+
 void DesktopSession::open(const QStringList& paths) {
   showWindow();
   if (!app_ || paths.isEmpty()) return;

@@ -39,6 +39,10 @@ class DesktopSession : public QObject {
   // was asked for; `busy` tells whether calls are still under way. Call idleActivity()
   // whenever the last call ends.
   void quitWhenQuiet(int quietMs, std::function<bool()> busy);
+
+  // At quit: closes the window and stops what serves or writes files (QuillaneApp::stopServices),
+  // leaving running encodes to be abandoned with the process.
+  void stopForQuit();
   void idleActivity();
 
  private:

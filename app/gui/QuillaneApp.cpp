@@ -64,6 +64,11 @@ QuillaneApp::~QuillaneApp() {
   viewModel_.reset();
 }
 
+void QuillaneApp::stopServices() {
+  hotFoldersManager_.reset();
+  apiController_->stop();
+}
+
 std::unique_ptr<QWidget> QuillaneApp::createMainWindow() {
   if (!hotFoldersManager_) hotFoldersManager_ = std::make_unique<HotFoldersManager>();
   auto window = std::make_unique<ui::MainWindow>(*viewModel_);

@@ -10,6 +10,7 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QFileInfo>
+#include <QSocketNotifier>
 #include <QStringList>
 #include <QThread>
 
@@ -20,6 +21,8 @@
 
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "app/gui/CompressLaunch.h"
 #include "app/gui/DesktopSession.h"
@@ -79,6 +82,31 @@ bool hasDisplay() {
 }
 
 constexpr int kServiceQuietMs = 60 * 1000;
+
+int quitSignalPipe[2] = {-1, -1};
+
+void onQuitSignal(int) {
+  const char byte = 1;
+  [[maybe_unused]] const ssize_t written = ::write(quitSignalPipe[0], &byte, 1);
+}
+
+// SIGTERM and SIGINT (a session ending, a terminal's Ctrl+C) quit as the Quit command does:
+// the handler only writes to a socket, and the event loop quits.
+void quitOnTerminationSignals(QObject* owner) {
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, quitSignalPipe) != 0) return;
+  auto* notifier = new QSocketNotifier(quitSignalPipe[1], QSocketNotifier::Read, owner);
+  QObject::connect(notifier, &QSocketNotifier::activated, owner, [] {
+    char byte;
+    [[maybe_unused]] const ssize_t got = ::read(quitSignalPipe[1], &byte, 1);
+    QCoreApplication::quit();
+  });
+  struct sigaction action {};
+  action.sa_handler = onQuitSignal;
+  ::sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  ::sigaction(SIGTERM, &action, nullptr);
+  ::sigaction(SIGINT, &action, nullptr);
+}
 
 }  // namespace
 
@@ -140,5 +168,13 @@ int main(int argc, char** argv) {
     if (qEnvironmentVariableIsSet("QUILLANE_QUIT_WHEN_SHOWN"))
       QMetaObject::invokeMethod(application.get(), &QCoreApplication::quit, Qt::QueuedConnection);
   }
-  return application->exec();
+  quitOnTerminationSignals(application.get());
+  const int status = application->exec();
+  // Running encodes are abandoned at quit. They cannot be interrupted inside the codec
+  // libraries and write nothing, and the batch, history and settings are already on disk
+  // (each is written when it changes): what serves or writes files is stopped, and the
+  // process ends without waiting for the encodes.
+  session.stopForQuit();
+  std::fflush(nullptr);
+  ::_exit(status);
 }

@@ -1,12 +1,15 @@
 // The API's settings and token in a private settings folder, and the controller that runs the
 // server on the stored port and publishes its state.
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QTcpServer>
 
 #include <sys/stat.h>
 
 #include "api/LocalAPIController.h"
+#include "services/UpdateChecker.h"
 #include "tests/api/ApiTestSupport.h"
 
 namespace quillane {
@@ -62,6 +65,30 @@ TEST_F(ControllerTest, TheTokenHasItsFormAndIsKeptInAFileOnlyItsOwnerCanRead) {
   EXPECT_TRUE(second != first && !second.isEmpty());
   LocalAPISettings::setToken(QStringLiteral("not-in-the-usual-form"));
   EXPECT_EQ(LocalAPISettings::token(), QStringLiteral("not-in-the-usual-form"));
+  LocalAPISettings::setToken(QStringLiteral("with,a,comma"));
+  EXPECT_EQ(LocalAPISettings::token(), QStringLiteral("with,a,comma"));
+}
+
+// Values written by hand: a switch is on only for a true value, and a token is one string.
+TEST_F(ControllerTest, HandWrittenSettingsAreReadStrictly) {
+  const auto write = [&](const QByteArray& lines) {
+    QFile file(LocalAPISettings::store()->fileName());
+    QDir().mkpath(QFileInfo(file).path());
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write("[General]\n" + lines);
+  };
+  for (const char* value : {"no", "off", "0", "false", "nein", ""}) {
+    write(QByteArray("localAPIEnabled=") + value + "\nupdateCheckEnabled=" + value + "\n");
+    EXPECT_FALSE(LocalAPISettings::isEnabled()) << value;
+    EXPECT_FALSE(UpdateChecker::isCheckAtLaunchEnabled()) << value;
+  }
+  for (const char* value : {"true", "yes", "On", "1"}) {
+    write(QByteArray("localAPIEnabled=") + value + "\nupdateCheckEnabled=" + value + "\n");
+    EXPECT_TRUE(LocalAPISettings::isEnabled()) << value;
+    EXPECT_TRUE(UpdateChecker::isCheckAtLaunchEnabled()) << value;
+  }
+  write("localAPIToken=abc,def\n");
+  EXPECT_EQ(LocalAPISettings::token(), QStringLiteral("abc,def"));
 }
 
 TEST_F(ControllerTest, ReportsAFailedBindAndRestartsOnANewPort) {

@@ -139,5 +139,25 @@ TEST_F(ApiEndToEnd, ImportTuneExportAndFindTheBatchAfterARestart) {
   EXPECT_TRUE(status["outputFormat"] == "jpeg" && status["quality"] == 75.0 && status["appVersion"] != "unknown");
 }
 
+// Quitting abandons running encodes: a large AVIF encode (tens of seconds here) does not keep
+// the process alive after the windows close.
+TEST_F(ApiEndToEnd, QuitEndsAtOnceWithAnEncodeRunning) {
+  start();
+  const QString path = dir_.filePath("large.jpg");
+  testing::writeBytes(path.toStdString(), codecs::writeJpeg(testing::makeImage(6000, 4000, testing::Pattern::photo, 7),
+                                                            codecs::jpegSettings(0.9), std::nullopt));
+  ASSERT_EQ(call("POST", "/v1/settings", R"({"format":"avif"})").status, 200);
+  ASSERT_EQ(call("POST", "/v1/import", QJsonDocument(QJsonObject{{"paths", QJsonArray{path}}}).toJson().toStdString()).status, 200);
+  for (auto deadline = std::chrono::steady_clock::now() + 30s;; std::this_thread::sleep_for(50ms)) {
+    QJsonArray images = json(call("GET", "/v1/images")).array();
+    if (images.size() == 1 && images.at(0)["state"] == "encoding") break;
+    ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the encode never started";
+  }
+  process_->terminate();  // SIGTERM quits as the Quit command does
+  ASSERT_TRUE(process_->waitForFinished(5000)) << "still waiting for the encode";
+  EXPECT_EQ(process_->exitStatus(), QProcess::NormalExit);
+  process_.reset();
+}
+
 }  // namespace
 }  // namespace quillane

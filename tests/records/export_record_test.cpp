@@ -46,7 +46,7 @@ TEST_F(StoreFolderTest, HistoryRoundTripsAndEveryFieldIsRequired) {
   EXPECT_TRUE(ExportHistory::load().empty());
 }
 
-TEST(ExportRecordSuperseded, OnlyAStrictlyLaterExportToTheSameFileSupersedes) {
+TEST(ExportRecordSuperseded, ALaterExportToTheSameFileSupersedesAndTiesGoByOrderOfExport) {
   const auto older = record("11111111-0000-0000-0000-000000000000", "/o/a.jpg", "2024-01-01T10:00:00Z");
   const auto newer = record("22222222-0000-0000-0000-000000000000", "/o/a.jpg", "2024-01-01T10:00:00.001Z");
   const auto sameTime = record("33333333-0000-0000-0000-000000000000", "/o/a.jpg", "2024-01-01T10:00:00Z");
@@ -55,7 +55,9 @@ TEST(ExportRecordSuperseded, OnlyAStrictlyLaterExportToTheSameFileSupersedes) {
   sameIDLater.date = utc("2030-01-01T00:00:00Z");
   EXPECT_TRUE(ExportHistory::isRecordSuperseded({newer, older}, older));
   EXPECT_FALSE(ExportHistory::isRecordSuperseded({newer, older}, newer));
-  EXPECT_FALSE(ExportHistory::isRecordSuperseded({sameTime, older}, older));
+  // Two exports within one millisecond: the list, newest first, tells which came last.
+  EXPECT_TRUE(ExportHistory::isRecordSuperseded({sameTime, older}, older));
+  EXPECT_FALSE(ExportHistory::isRecordSuperseded({sameTime, older}, sameTime));
   EXPECT_FALSE(ExportHistory::isRecordSuperseded({elsewhere, older}, older));
   EXPECT_FALSE(ExportHistory::isRecordSuperseded({sameIDLater, older}, older));
 }
