@@ -39,7 +39,9 @@ QLayoutItem* BarLayout::takeAt(int index) {
   return item;
 }
 
-int BarLayout::heightForWidth(int width) const { return arrange(QRect(0, 0, width, 0), false); }
+int BarLayout::heightForWidth(int width) const {
+  return std::max(arrange(QRect(0, 0, width, 0), false, true), arrange(QRect(0, 0, width, 0), false, false));
+}
 
 QSize BarLayout::sizeHint() const {
   int width = 0;
@@ -66,12 +68,14 @@ QSize BarLayout::minimumSize() const {
 
 void BarLayout::setGeometry(const QRect& rect) {
   QLayout::setGeometry(rect);
-  arrange(rect, true);
+  // The lines shown are centred in the height kept for every item.
+  const int used = arrange(rect, false, false);
+  arrange(rect.adjusted(0, std::max(0, rect.height() - used) / 2, 0, 0), true, false);
 }
 
 // Lines are filled greedily. A divider opening or closing a line is left out of it; within a
 // line the left items start at the left edge and the right items end at the right edge.
-int BarLayout::arrange(const QRect& rect, bool apply) const {
+int BarLayout::arrange(const QRect& rect, bool apply, bool everyItem) const {
   const QRect area = rect.marginsRemoved(contentsMargins());
   const int gap = spacing() >= 0 ? spacing() : 6;
 
@@ -84,23 +88,29 @@ int BarLayout::arrange(const QRect& rect, bool apply) const {
   std::vector<const Entry*> hiddenDividers;
   const Entry* pendingDivider = nullptr;
 
+  // A hidden widget's item reports no size; the widget still knows the room it would take.
+  auto hintOf = [](const Entry* entry) {
+    QWidget* widget = entry->item->widget();
+    if (!entry->item->isEmpty() || !widget) return entry->item->sizeHint();
+    return widget->sizeHint().expandedTo(widget->minimumSize()).boundedTo(widget->maximumSize());
+  };
   auto place = [&](const Entry* entry) {
     Line& line = lines.back();
-    const int w = entry->item->sizeHint().width();
+    const int w = hintOf(entry).width();
     line.width += (line.items.empty() ? 0 : gap) + w;
-    line.height = std::max(line.height, entry->item->sizeHint().height());
+    line.height = std::max(line.height, hintOf(entry).height());
     line.items.push_back(entry);
   };
 
   for (const Entry& entry : entries_) {
-    if (entry.item->isEmpty()) continue;
+    if (entry.item->isEmpty() && !everyItem) continue;
     if (entry.divider) {
       if (pendingDivider) hiddenDividers.push_back(pendingDivider);
       pendingDivider = &entry;
       continue;
     }
-    const int w = entry.item->sizeHint().width();
-    const int dividerWidth = pendingDivider ? pendingDivider->item->sizeHint().width() + gap : 0;
+    const int w = hintOf(&entry).width();
+    const int dividerWidth = pendingDivider ? hintOf(pendingDivider).width() + gap : 0;
     Line& line = lines.back();
     const bool fits = line.items.empty() || line.width + gap + dividerWidth + w <= area.width();
     if (!fits) {
@@ -122,10 +132,10 @@ int BarLayout::arrange(const QRect& rect, bool apply) const {
       int leftX = area.x();
       int rightWidth = 0;
       for (const Entry* e : line.items)
-        if (e->right) rightWidth += e->item->sizeHint().width() + gap;
+        if (e->right) rightWidth += hintOf(e).width() + gap;
       int rightX = area.right() + 1 - std::max(0, rightWidth - gap);
       for (const Entry* e : line.items) {
-        const QSize hint = e->item->sizeHint();
+        const QSize hint = hintOf(e);
         int& x = e->right ? rightX : leftX;
         const int h =
             e->divider ? std::min(hint.height(), line.height) : std::min(line.height, hint.height());
@@ -137,7 +147,7 @@ int BarLayout::arrange(const QRect& rect, bool apply) const {
   }
   if (apply)
     for (const Entry* e : hiddenDividers)
-      e->item->setGeometry(QRect(QPoint(-1000, -1000), e->item->sizeHint()));
+      e->item->setGeometry(QRect(QPoint(-1000, -1000), hintOf(e)));
   const int used = y - gap - area.y();
   const QMargins m = contentsMargins();
   return std::max(0, used) + m.top() + m.bottom();

@@ -4,6 +4,10 @@
 // added after addStretch() keep to the right end of their line. Items added with
 // addDivider() are thin vertical lines that vanish at the start or end of a line.
 //
+// The bar's height does not depend on which items are shown: it is the height of the layout
+// with every item shown, so that a control appearing (progress, the profile menu) never moves
+// what lies below the bar.
+//
 // GUI thread only.
 
 #include <QLayout>
@@ -40,7 +44,9 @@ class BarLayout : public QLayout {
     bool divider = false;
     bool right = false;  // after the stretch
   };
-  int arrange(const QRect& rect, bool apply) const;
+  // Lays out the items shown (all items when `everyItem`), applying the geometry when `apply`;
+  // gives the height used.
+  int arrange(const QRect& rect, bool apply, bool everyItem) const;
 
   QList<Entry> entries_;
   bool afterStretch_ = false;

@@ -94,13 +94,19 @@ SplitCompareWidget::SplitCompareWidget(BatchViewModel& viewModel, std::shared_pt
     : QWidget(parent), viewModel_(viewModel), image_(std::move(image)) {
   thumbnail_ = toQImage(image_->thumbnail());
   area_ = ComparisonGeometry::areaSize(image_->width(), image_->height());
-  setFixedSize(qRound(area_.width()), qRound(area_.height()));
+  setFixedSize(sizeHint());
   setCursor(Qt::SizeHorCursor);
   connect(image_.get(), &ImportedImage::encodeStateChanged, this, qOverload<>(&QWidget::update));
   connect(&viewModel_, &BatchViewModel::outputFormatChanged, this, qOverload<>(&QWidget::update));
 }
 
-QSize SplitCompareWidget::sizeHint() const { return QSize(qRound(area_.width()), qRound(area_.height())); }
+QSize SplitCompareWidget::sizeHint() const {
+  return QSize(std::max(qRound(area_.width()), ComparisonGeometry::minimumWidth), qRound(area_.height()));
+}
+
+QRectF SplitCompareWidget::pictureRect() const {
+  return QRectF((width() - area_.width()) / 2, 0, area_.width(), area_.height());
+}
 
 void SplitCompareWidget::setSliderFraction(double fraction) {
   fraction_ = std::clamp(fraction, 0.0, 1.0);
@@ -118,19 +124,21 @@ void SplitCompareWidget::setCompressedPreview(const std::optional<QImage>& image
 }
 
 void SplitCompareWidget::mousePressEvent(QMouseEvent* event) {
-  if (auto f = ComparisonGeometry::fractionAt(event->position().x(), width())) setSliderFraction(*f);
+  const QRectF picture = pictureRect();
+  if (auto f = ComparisonGeometry::fractionAt(event->position().x() - picture.x(), picture.width()))
+    setSliderFraction(*f);
 }
 
 void SplitCompareWidget::mouseMoveEvent(QMouseEvent* event) {
   if (!(event->buttons() & Qt::LeftButton)) return;
-  if (auto f = ComparisonGeometry::fractionAt(event->position().x(), width())) setSliderFraction(*f);
+  mousePressEvent(event);
 }
 
 void SplitCompareWidget::paintEvent(QPaintEvent*) {
   QPainter painter(this);
   painter.setRenderHint(QPainter::Antialiasing);
   painter.setRenderHint(QPainter::SmoothPixmapTransform);
-  const QRectF area(0, 0, width(), height());
+  const QRectF area = pictureRect();
   QPainterPath rounded;
   rounded.addRoundedRect(area, 12, 12);
   painter.setClipPath(rounded);
@@ -144,11 +152,11 @@ void SplitCompareWidget::paintEvent(QPaintEvent*) {
     painter.fillRect(area, fill);
   }
   // Original layer, clipped to the left of the divider.
-  const double dividerX = area.width() * fraction_;
+  const double dividerX = area.x() + area.width() * fraction_;
   const QImage& original = original_.isNull() ? thumbnail_ : original_;
-  if (!original.isNull() && dividerX > 0) {
+  if (!original.isNull() && dividerX > area.x()) {
     painter.save();
-    painter.setClipRect(QRectF(0, 0, dividerX, area.height()), Qt::IntersectClip);
+    painter.setClipRect(QRectF(area.x(), 0, dividerX - area.x(), area.height()), Qt::IntersectClip);
     painter.drawImage(area, original);
     painter.restore();
   }
@@ -167,68 +175,114 @@ void SplitCompareWidget::paintEvent(QPaintEvent*) {
   painter.drawPixmap(QRectF(centre.x() - 8, centre.y() - 8, 16, 16).toRect(),
                      Icons::pixmap("arrow.left.and.right", 16, Qt::black, devicePixelRatioF(), Qt::white));
 
-  paintBadge(painter, area, true);
-  paintBadge(painter, area, false);
+  // The badges may reach past a narrow picture, over the window's background.
+  painter.setClipping(false);
+  paintBadge(painter, true);
+  paintBadge(painter, false);
 }
 
-void SplitCompareWidget::paintBadge(QPainter& painter, const QRectF& area, bool original) const {
-  QFont captionFont = smallFont(font());
-  QFont titleFont = captionFont;
-  titleFont.setBold(true);
-  QFont detailFont = captionFont;
-  if (detailFont.pointSizeF() > 0) detailFont.setPointSizeF(std::max(7.5, captionFont.pointSizeF() * 0.92));
+namespace {
 
+struct BadgeFonts {
+  QFont title, detail;
+};
+
+BadgeFonts badgeFonts(const QFont& base) {
+  QFont caption = smallFont(base);
+  BadgeFonts fonts{caption, caption};
+  fonts.title.setBold(true);
+  if (fonts.detail.pointSizeF() > 0) fonts.detail.setPointSizeF(std::max(7.5, caption.pointSizeF() * 0.92));
+  return fonts;
+}
+
+// Badge geometry: 12 around, 10 across and 6 down inside.
+constexpr double kBadgeOuter = 12, kBadgeInnerX = 10, kBadgeInnerY = 6;
+
+}  // namespace
+
+SplitCompareWidget::BadgeText SplitCompareWidget::badgeText(bool original) const {
+  const BadgeFonts fonts = badgeFonts(font());
+  const QFontMetricsF titleMetrics(fonts.title), detailMetrics(fonts.detail);
   const ImageFormat format = original ? image_->originalFormat() : viewModel_.outputFormat();
-  const QString title = QString::fromUtf8(std::string(ImageFormats::label(format))).toUpper();
+  BadgeText badge;
+  badge.title = QString::fromUtf8(std::string(ImageFormats::label(format))).toUpper();
   QString detail;
-  CompressedCaption caption;
   if (original) {
     detail = ui::format("comparison.sizeFormat", "%1$lld × %2$lld · %3$@",
                         {integerArg(image_->width()), integerArg(image_->height()),
                          formatByteCount(image_->originalSizeBytes())});
   } else {
-    caption = compressedCaption(*image_);
+    const CompressedCaption caption = compressedCaption(*image_);
     detail = caption.text;
+    badge.change = caption.change;
+    badge.tone = caption.changeTone;
   }
+  // The two badges sit in opposite corners: each may take half the width, or the whole width
+  // when the area is tall enough for them not to meet. A detail too wide for that breaks at
+  // its " · " rather than losing its end.
+  const double lineHeight = titleMetrics.height() + 1 + detailMetrics.height() * 2 + 2 * kBadgeInnerY;
+  const double span = height() >= 2 * (lineHeight + 2 * kBadgeOuter) ? width() : width() / 2.0;
+  badge.maxTextWidth = span - 2 * (kBadgeOuter + kBadgeInnerX);
+  if (detailMetrics.horizontalAdvance(detail) <= badge.maxTextWidth) {
+    badge.detailLines = {detail};
+  } else {
+    for (const QString& part : detail.split(QStringLiteral(" · ")))
+      badge.detailLines << detailMetrics.elidedText(part, Qt::ElideRight, badge.maxTextWidth);
+  }
+  return badge;
+}
 
-  const QFontMetricsF titleMetrics(titleFont), detailMetrics(detailFont);
-  const double maxTextWidth = area.width() / 2 - 44;
-  detail = detailMetrics.elidedText(detail, Qt::ElideRight, maxTextWidth);
-  const double textWidth =
-      std::max(titleMetrics.horizontalAdvance(title), detailMetrics.horizontalAdvance(detail));
-  const QSizeF size(textWidth + 20, titleMetrics.height() + 1 + detailMetrics.height() + 12);
-  const QPointF topLeft = original ? QPointF(area.left() + 12, area.bottom() - 12 - size.height())
-                                   : QPointF(area.right() - 12 - size.width(), area.top() + 12);
-  const QRectF badge(topLeft, size);
+void SplitCompareWidget::paintBadge(QPainter& painter, bool original) const {
+  const BadgeFonts fonts = badgeFonts(font());
+  const QFontMetricsF titleMetrics(fonts.title), detailMetrics(fonts.detail);
+  const BadgeText badge = badgeText(original);
+  double textWidth = titleMetrics.horizontalAdvance(badge.title);
+  for (const QString& line : badge.detailLines) textWidth = std::max(textWidth, detailMetrics.horizontalAdvance(line));
+  textWidth = std::min(textWidth, badge.maxTextWidth);
+  const double lines = double(badge.detailLines.size());
+  const QSizeF size(textWidth + 2 * kBadgeInnerX,
+                    titleMetrics.height() + lines * (1 + detailMetrics.height()) + 2 * kBadgeInnerY);
+  const QRectF area(0, 0, width(), height());
+  const QPointF topLeft = original
+                              ? QPointF(area.left() + kBadgeOuter, area.bottom() - kBadgeOuter - size.height())
+                              : QPointF(area.right() - kBadgeOuter - size.width(), area.top() + kBadgeOuter);
+  const QRectF frame(topLeft, size);
   painter.setPen(Qt::NoPen);
   painter.setBrush(QColor(0, 0, 0, 140));
-  painter.drawRoundedRect(badge, 8, 8);
+  painter.drawRoundedRect(frame, 8, 8);
 
-  const Qt::Alignment align = original ? Qt::AlignLeft : Qt::AlignRight;
-  const QRectF inner = badge.adjusted(10, 6, -10, -6);
-  painter.setFont(titleFont);
+  const Qt::Alignment align = (original ? Qt::AlignLeft : Qt::AlignRight) | Qt::AlignVCenter;
+  const QRectF inner = frame.adjusted(kBadgeInnerX, kBadgeInnerY, -kBadgeInnerX, -kBadgeInnerY);
+  painter.setFont(fonts.title);
   painter.setPen(Qt::white);
-  painter.drawText(QRectF(inner.left(), inner.top(), inner.width(), titleMetrics.height()),
-                   align | Qt::AlignVCenter, title);
-  const QRectF detailRect(inner.left(), inner.top() + titleMetrics.height() + 1, inner.width(),
-                          detailMetrics.height());
-  painter.setFont(detailFont);
+  painter.drawText(QRectF(inner.left(), inner.top(), inner.width(), titleMetrics.height()), align, badge.title);
+  painter.setFont(fonts.detail);
   const QColor soft(255, 255, 255, 204);
-  if (original || caption.changeTone == CompressedCaption::Tone::plain) {
-    painter.setPen(soft);
-    painter.drawText(detailRect, align | Qt::AlignVCenter, detail);
-  } else if (caption.changeTone == CompressedCaption::Tone::red) {
-    painter.setPen(QColor(0xFF, 0x6B, 0x60));
-    painter.drawText(detailRect, align | Qt::AlignVCenter, detail);
-  } else {
-    // "size · " in soft white, the change in green or orange, right-aligned together.
-    const QString head = detail.left(std::max<qsizetype>(0, detail.size() - caption.change.size()));
-    const double changeWidth = detailMetrics.horizontalAdvance(caption.change);
-    painter.setPen(soft);
-    painter.drawText(detailRect.adjusted(0, 0, -changeWidth, 0), Qt::AlignRight | Qt::AlignVCenter, head);
-    painter.setPen(caption.changeTone == CompressedCaption::Tone::green ? QColor(0x4C, 0xD9, 0x64)
-                                                                        : QColor(0xFF, 0x9F, 0x0A));
-    painter.drawText(detailRect, Qt::AlignRight | Qt::AlignVCenter, caption.change);
+  const QColor changeColour = badge.tone == CompressedCaption::Tone::green    ? QColor(0x4C, 0xD9, 0x64)
+                              : badge.tone == CompressedCaption::Tone::orange ? QColor(0xFF, 0x9F, 0x0A)
+                                                                              : QColor(0xFF, 0x6B, 0x60);
+  double y = inner.top() + titleMetrics.height() + 1;
+  for (const QString& line : badge.detailLines) {
+    const QRectF lineRect(inner.left(), y, inner.width(), detailMetrics.height());
+    y += detailMetrics.height() + 1;
+    if (badge.tone == CompressedCaption::Tone::plain) {
+      painter.setPen(soft);
+      painter.drawText(lineRect, align, line);
+    } else if (badge.tone == CompressedCaption::Tone::red || line == badge.change) {
+      painter.setPen(changeColour);
+      painter.drawText(lineRect, align, line);
+    } else if (!badge.change.isEmpty() && line.endsWith(badge.change)) {
+      // "size · " in soft white, the change in green or orange, right-aligned together.
+      const double changeWidth = detailMetrics.horizontalAdvance(badge.change);
+      painter.setPen(soft);
+      painter.drawText(lineRect.adjusted(0, 0, -changeWidth, 0), align,
+                       line.left(line.size() - badge.change.size()));
+      painter.setPen(changeColour);
+      painter.drawText(lineRect, align, badge.change);
+    } else {
+      painter.setPen(soft);
+      painter.drawText(lineRect, align, line);
+    }
   }
 }
 
@@ -237,7 +291,7 @@ void SplitCompareWidget::paintBadge(QPainter& painter, const QRectF& area, bool 
 ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
                                          QWidget* parent)
     : QDialog(parent), viewModel_(viewModel), image_(std::move(image)) {
-  setWindowModality(Qt::WindowModal);
+  setModal(false);
   setWindowTitle(image_->fileName());
   setAttribute(Qt::WA_DeleteOnClose);
   auto* layout = new QVBoxLayout(this);
@@ -265,6 +319,9 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
 
   connect(image_.get(), &ImportedImage::compressedDataChanged, this,
           &ImageComparisonView::loadCompressedPreview);
+  connect(&viewModel_, &BatchViewModel::imagesChanged, this, [this] {
+    if (!viewModel_.image(image_->id())) this->close();
+  });
   loadOriginalPreview();
   loadCompressedPreview();
 }

@@ -1,15 +1,18 @@
 #pragma once
 // ImageComparisonView: one image of the batch before and after compression in one frame, split
 // by a divider the user drags: the original left of it, the result right of it, in register.
-// Shown as a window-modal sheet over the main window. Previews are decoded on the global thread
-// pool and come back by a queued call guarded by a QPointer; the result's preview follows each
-// new encoding while the sheet is open.
+// Shown as a window of its own over the main window, which stays usable: the quality, the
+// format and their shortcuts work while it is open, and the right half follows each new
+// encoding. It closes when its image leaves the batch. Previews are decoded on the global thread
+// pool and come back by a queued call guarded by a QPointer.
 //
 // GUI thread only.
 
 #include <QDialog>
 #include <QImage>
+#include <QRectF>
 #include <QSizeF>
+#include <QStringList>
 #include <memory>
 #include <optional>
 
@@ -29,6 +32,9 @@ namespace ComparisonGeometry {
 inline constexpr double maxWidth = 760.0;
 inline constexpr double maxHeight = 520.0;
 inline constexpr int previewPixelSize = 1600;
+// The picture area is centred in a frame at least this wide, so that the badges keep their
+// text beside a narrow portrait.
+inline constexpr int minimumWidth = 280;
 // The slider area for a picture of `width` x `height` pixels: as large as fits in
 // maxWidth x maxHeight at the picture's aspect (1.0 when the height is below 1).
 QSizeF areaSize(int width, int height);
@@ -60,6 +66,19 @@ class SplitCompareWidget : public QWidget {
   bool hasCompressedPreview() const { return compressed_.has_value(); }
   bool hasOriginalPreview() const { return !original_.isNull(); }
 
+  // What a badge shows: the format, then its detail on one line, or broken at " · " when the
+  // badge has no room for it in one.
+  struct BadgeText {
+    QString title;
+    QStringList detailLines;
+    QString change;  // the result's size change, drawn in its tone
+    CompressedCaption::Tone tone = CompressedCaption::Tone::plain;
+    double maxTextWidth = 0;
+  };
+  BadgeText badgeText(bool original) const;
+  // Where the picture is drawn: the slider area, centred.
+  QRectF pictureRect() const;
+
   QSize sizeHint() const override;
 
  protected:
@@ -68,7 +87,7 @@ class SplitCompareWidget : public QWidget {
   void mouseMoveEvent(QMouseEvent* event) override;
 
  private:
-  void paintBadge(QPainter& painter, const QRectF& area, bool original) const;
+  void paintBadge(QPainter& painter, bool original) const;
 
   BatchViewModel& viewModel_;
   std::shared_ptr<ImportedImage> image_;
@@ -86,6 +105,7 @@ class ImageComparisonView : public QDialog {
                       QWidget* parent = nullptr);
 
   SplitCompareWidget* area() const { return area_; }
+  const std::shared_ptr<ImportedImage>& image() const { return image_; }
   // Waits for the preview decodes to arrive (tests and screenshots).
   bool waitForPreviews(int timeoutMs);
 

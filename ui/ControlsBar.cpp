@@ -4,6 +4,7 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QStackedLayout>
 #include <QToolButton>
 
 #include "batch/BatchViewModel.h"
@@ -24,7 +25,7 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
     : QWidget(parent), viewModel_(viewModel) {
   auto* layout = new BarLayout(this);
   layout->setContentsMargins(12, 8, 12, 8);
-  layout->setSpacing(10);
+  layout->setSpacing(6);
 
   import_ = new QPushButton(Icons::icon("plus"), text("controls.importLabel", "Ajouter des images"), this);
   import_->setToolTip(text("controls.importHelp", "Ajouter des images au lot"));
@@ -49,19 +50,6 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
 
   layout->addStretch();
 
-  progressGroup_ = new QWidget(this);
-  auto* progressLayout = new QHBoxLayout(progressGroup_);
-  progressLayout->setContentsMargins(0, 0, 0, 0);
-  progress_ = new QProgressBar(progressGroup_);
-  progress_->setFixedWidth(120);
-  progress_->setTextVisible(false);
-  progressLabel_ = new QLabel(progressGroup_);
-  progressLabel_->setFont(smallFont(progressLabel_->font()));
-  progressLayout->addWidget(progress_);
-  progressLayout->addWidget(progressLabel_);
-  progressGroup_->setToolTip(text("controls.progressHelp", "Images déjà compressées"));
-  layout->addBarWidget(progressGroup_);
-
   clearAll_ = new QPushButton(text("common.clearAll", "Tout effacer"), this);
   clearAll_->setToolTip(text("controls.clearAllHelp", "Retirer toutes les images de la liste"));
   QPalette destructive = clearAll_->palette();
@@ -70,14 +58,30 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   connect(clearAll_, &QPushButton::clicked, this, [this] { viewModel_.clearAll(); });
   layout->addBarWidget(clearAll_);
 
-  export_ =
-      new QPushButton(Icons::tinted("square.and.arrow.down", palette().color(QPalette::HighlightedText)),
-                      text("menu.exportAll", "Tout exporter…"), this);
+  // Export is disabled while encoding, and the progress takes its place meanwhile: one slot as
+  // wide as the wider of the two, so that encoding starting or ending moves nothing.
+  exportSlot_ = new QWidget(this);
+  exportStack_ = new QStackedLayout(exportSlot_);
+  export_ = new QPushButton(Icons::tinted("square.and.arrow.down", palette().color(QPalette::HighlightedText)),
+                            text("menu.exportAll", "Tout exporter…"), exportSlot_);
   makeProminent(export_);
   export_->setToolTip(
       text("controls.exportAllHelp", "Enregistrer toutes les images compressées dans un dossier"));
   connect(export_, &QPushButton::clicked, this, [this] { viewModel_.promptExportAll(); });
-  layout->addBarWidget(export_);
+  progressGroup_ = new QWidget(exportSlot_);
+  auto* progressLayout = new QHBoxLayout(progressGroup_);
+  progressLayout->setContentsMargins(0, 0, 0, 0);
+  progress_ = new QProgressBar(progressGroup_);
+  progress_->setFixedWidth(72);
+  progress_->setTextVisible(false);
+  progressLabel_ = new QLabel(progressGroup_);
+  progressLabel_->setFont(smallFont(progressLabel_->font()));
+  progressLayout->addWidget(progress_);
+  progressLayout->addWidget(progressLabel_);
+  progressGroup_->setToolTip(text("controls.progressHelp", "Images déjà compressées"));
+  exportStack_->addWidget(export_);
+  exportStack_->addWidget(progressGroup_);
+  layout->addBarWidget(exportSlot_);
 
   history_ = new QToolButton(this);
   history_->setAutoRaise(true);
@@ -111,9 +115,9 @@ void ControlsBar::refresh() {
   countDivider_->setVisible(hasImages);
   count_->setVisible(hasImages);
   count_->setText(RowRules::importedCountText(int(viewModel_.images().size())));
-  progressGroup_->setVisible(viewModel_.isEncoding());
   clearAll_->setVisible(hasImages);
-  export_->setVisible(hasImages);
+  exportSlot_->setVisible(hasImages || viewModel_.isEncoding());
+  exportStack_->setCurrentWidget(viewModel_.isEncoding() ? progressGroup_ : export_);
   export_->setEnabled(
       RowRules::canExportAll(viewModel_.isEncoding(), viewModel_.hasPendingRecompute(), hasImages));
   const bool hasHistory = !viewModel_.exportHistory().empty();

@@ -1,7 +1,9 @@
 #pragma once
 // The bar of controls above the list: import, global quality, format, profile menu, the
-// imported count, encoding progress, clear all, export all and the history button, each shown
-// by the model's state. It wraps onto a second line when the window is too narrow for it.
+// imported count, clear all, export all (its place taken by the encoding progress while
+// encoding) and the history button, each shown by the model's state. It wraps onto a second
+// line when the window is too narrow for it, and keeps one height whatever is shown, so that
+// the list below never moves (see BarLayout).
 //
 // GUI thread only.
 
@@ -13,6 +15,7 @@
 class QLabel;
 class QProgressBar;
 class QPushButton;
+class QStackedLayout;
 class QToolButton;
 
 namespace quillane {
@@ -64,6 +67,8 @@ class ControlsBar : public QWidget {
   QProgressBar* progress_;
   QLabel* progressLabel_;
   QPushButton* clearAll_;
+  QWidget* exportSlot_;
+  QStackedLayout* exportStack_;
   QPushButton* export_;
   QToolButton* history_;
   QPointer<ExportHistoryView> historyPopover_;

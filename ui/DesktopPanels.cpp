@@ -6,62 +6,102 @@
 #include <QDir>
 #include <QFileDialog>
 #include <QFileInfo>
-#include <QStandardPaths>
 #include <string>
 
+#include "services/UserDefaults.h"
 #include "ui/UiText.h"
 
 namespace quillane::ui {
 namespace {
 
-QString lastFolder() {
-  static QString folder = QStandardPaths::writableLocation(QStandardPaths::PicturesLocation);
-  return folder;
+const char* settingsKey(DesktopPanels::FolderKind kind) {
+  switch (kind) {
+    case DesktopPanels::FolderKind::import:
+      return "lastImportFolder";
+    case DesktopPanels::FolderKind::exportFolder:
+      return "lastExportFolder";
+    case DesktopPanels::FolderKind::profileFolder:
+      return "lastProfileFolder";
+  }
+  return "lastImportFolder";
 }
 
-QString imageFilter() {
-  return QStringLiteral(
-      "Images (*.png *.jpg *.jpeg *.heic *.heif *.avif *.webp *.jxl *.gif *.tif *.tiff *.bmp);;* (*)");
+// A folder the dialog can open; a missing one would be typed into the name field instead.
+QString existingFolder(const QString& folder) {
+  return !folder.isEmpty() && QFileInfo(folder).isDir() ? QFileInfo(folder).absoluteFilePath() : QString();
+}
+
+// Remembers the folder of the first chosen URL (the URL itself when it is a folder).
+void rememberChoice(DesktopPanels::FolderKind kind, const QUrl& chosen, bool chosenIsFolder) {
+  if (!chosen.isLocalFile()) return;
+  const QString path = chosen.toLocalFile();
+  DesktopPanels::rememberFolder(kind, chosenIsFolder ? path : QFileInfo(path).absolutePath());
 }
 
 }  // namespace
 
+QString DesktopPanels::startFolder(FolderKind kind) {
+  const QString remembered = existingFolder(UserDefaults::store()->value(settingsKey(kind)).toString());
+  return remembered.isEmpty() ? QDir::homePath() : remembered;
+}
+
+void DesktopPanels::rememberFolder(FolderKind kind, const QString& folder) {
+  auto settings = UserDefaults::store();
+  settings->setValue(settingsKey(kind), folder);
+  UserDefaults::save(*settings);
+}
+
+QString DesktopPanels::importFilter() {
+  // The usual names of PNG, JPEG, HEIC, AVIF, WebP and JPEG XL files (the dialog ignores case);
+  // the import itself goes by the content.
+  static const QString patterns =
+      QStringLiteral("*.png *.jpg *.jpeg *.jpe *.heic *.heif *.hif *.avif *.webp *.jxl");
+  return QStringLiteral("%1 (%2)").arg(text("import.filterLabel", "Images"), patterns);
+}
+
 QList<QUrl> DesktopPanels::chooseFilesToImport() {
-  QFileDialog dialog(window_, text("menu.import", "Importer…"), lastFolder(), imageFilter());
+  QFileDialog dialog(window_, text("menu.import", "Importer…"), startFolder(FolderKind::import), importFilter());
   dialog.setFileMode(QFileDialog::ExistingFiles);
   dialog.setAcceptMode(QFileDialog::AcceptOpen);
-  if (dialog.exec() != QDialog::Accepted) return {};
+  if (dialog.exec() != QDialog::Accepted || dialog.selectedUrls().isEmpty()) return {};
+  rememberChoice(FolderKind::import, dialog.selectedUrls().first(), false);
   return dialog.selectedUrls();
 }
 
 std::optional<QUrl> DesktopPanels::chooseExportFolder(const std::optional<QUrl>& startFolder,
                                                       const QString& prompt, const QString& message) {
-  QFileDialog dialog(window_, message, startFolder ? startFolder->toLocalFile() : lastFolder());
+  const QString profileFolder = startFolder ? existingFolder(startFolder->toLocalFile()) : QString();
+  QFileDialog dialog(window_, message,
+                     profileFolder.isEmpty() ? DesktopPanels::startFolder(FolderKind::exportFolder) : profileFolder);
   dialog.setFileMode(QFileDialog::Directory);
   dialog.setOption(QFileDialog::ShowDirsOnly, true);
   dialog.setAcceptMode(QFileDialog::AcceptOpen);
   if (!prompt.isEmpty()) dialog.setLabelText(QFileDialog::Accept, prompt);
   if (dialog.exec() != QDialog::Accepted || dialog.selectedUrls().isEmpty()) return std::nullopt;
+  rememberChoice(FolderKind::exportFolder, dialog.selectedUrls().first(), true);
   return dialog.selectedUrls().first();
 }
 
 std::optional<QUrl> DesktopPanels::chooseSaveFile(const QString& suggestedName, ImageFormat format) {
   QFileDialog dialog(window_, text("row.exportHelp", "Exporter cette image"));
   dialog.setAcceptMode(QFileDialog::AcceptSave);
-  dialog.setDirectory(lastFolder());
+  dialog.setDirectory(startFolder(FolderKind::exportFolder));
   dialog.selectFile(suggestedName);
   dialog.setMimeTypeFilters({QString::fromUtf8(std::string(ImageFormats::mimeType(format)))});
   dialog.setDefaultSuffix(QString::fromUtf8(std::string(ImageFormats::fileExtension(format))));
   if (dialog.exec() != QDialog::Accepted || dialog.selectedUrls().isEmpty()) return std::nullopt;
+  rememberChoice(FolderKind::exportFolder, dialog.selectedUrls().first(), false);
   return dialog.selectedUrls().first();
 }
 
-std::optional<QUrl> DesktopPanels::chooseFolder(const std::optional<QUrl>& startFolder) {
-  QFileDialog dialog(window_, text("settings.profiles.chooseFolder", "Choisir…"),
-                     startFolder ? startFolder->toLocalFile() : lastFolder());
+std::optional<QUrl> DesktopPanels::chooseFolder(const std::optional<QUrl>& startFolder, QWidget* parent) {
+  const QString current = startFolder ? existingFolder(startFolder->toLocalFile()) : QString();
+  QFileDialog dialog(parent ? parent : window_.data(), text("settings.profiles.chooseFolder", "Choisir…"),
+                     current.isEmpty() ? DesktopPanels::startFolder(FolderKind::profileFolder) : current);
   dialog.setFileMode(QFileDialog::Directory);
   dialog.setOption(QFileDialog::ShowDirsOnly, true);
   if (dialog.exec() != QDialog::Accepted || dialog.selectedUrls().isEmpty()) return std::nullopt;
+  rememberChoice(FolderKind::profileFolder, dialog.selectedUrls().first(), true);
   return dialog.selectedUrls().first();
 }
 

@@ -2,7 +2,9 @@
 // The file dialogs and the file manager, as the model and the views need them: the open panel
 // of the import, the folder chooser of the export, the save dialog of one image, the folder
 // chooser of a profile, and showing a file in the desktop's file manager (D-Bus
-// org.freedesktop.FileManager1, else the folder is opened). Tests replace it by a subclass.
+// org.freedesktop.FileManager1, else the folder is opened). Each kind of dialog starts in the
+// folder the user last chose with it, kept in the settings file; the home folder when none is
+// known or that folder is gone. Tests replace it by a subclass.
 //
 // GUI thread only; the dialogs are modal.
 
@@ -13,10 +15,14 @@
 #include "batch/BatchViewModel.h"
 #include "engine/ImageFormat.h"
 
+class QFileDialog;
+
 namespace quillane::ui {
 
 class DesktopPanels : public BatchPanels {
  public:
+  enum class FolderKind { import, exportFolder, profileFolder };
+
   explicit DesktopPanels(QWidget* window = nullptr) : window_(window) {}
 
   QList<QUrl> chooseFilesToImport() override;
@@ -24,12 +30,18 @@ class DesktopPanels : public BatchPanels {
                                          const QString& message) override;
   void showInFileManager(const QUrl& file) override;
 
-  // The save dialog of one image: `suggestedName` in the last folder, only `format` allowed.
+  // The save dialog of one image: `suggestedName` in the last export folder, only `format` allowed.
   virtual std::optional<QUrl> chooseSaveFile(const QString& suggestedName, ImageFormat format);
-  // A folder for a profile; may create folders.
-  virtual std::optional<QUrl> chooseFolder(const std::optional<QUrl>& startFolder);
+  // A folder for a profile, over `parent` (the main window when null); may create folders.
+  virtual std::optional<QUrl> chooseFolder(const std::optional<QUrl>& startFolder, QWidget* parent = nullptr);
 
   void setWindow(QWidget* window) { window_ = window; }
+
+  // Where a dialog of `kind` opens: the remembered folder while it exists, else the home folder.
+  static QString startFolder(FolderKind kind);
+  static void rememberFolder(FolderKind kind, const QString& folder);
+  // The import filter: the six formats that can be imported, under a translated label.
+  static QString importFilter();
 
  private:
   QPointer<QWidget> window_;

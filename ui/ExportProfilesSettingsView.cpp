@@ -60,12 +60,7 @@ ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel
   formatButton_ = new QPushButton(form_);
   formatButton_->setFixedWidth(120);
   formatMenu_ = new QMenu(formatButton_);
-  for (ImageFormat format : ImageFormats::allCases) {
-    QAction* action = formatMenu_->addAction(formatLabel(format));
-    action->setCheckable(true);
-    action->setData(int(format));
-    connect(action, &QAction::triggered, this, [this, format] { setNewFormat(format); });
-  }
+  addFormatChoices(formatMenu_, [this](ImageFormat format) { setNewFormat(format); });
   formatButton_->setMenu(formatMenu_);
   form->addRow(text("format.label", "Format"), formatButton_);
 

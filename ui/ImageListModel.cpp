@@ -6,6 +6,9 @@
 #include <algorithm>
 #include <set>
 
+#include "ui/RowRules.h"
+#include "ui/UiText.h"
+
 namespace quillane::ui {
 
 ImageListModel::ImageListModel(BatchViewModel& viewModel, QObject* parent)
@@ -61,6 +64,20 @@ QVariant ImageListModel::data(const QModelIndex& index, int role) const {
   if (role == Qt::DisplayRole) {
     if (auto image = imageAt(index.row())) return image->fileName();
     if (const ImportFailure* failure = failureAt(index.row())) return failure->url.fileName();
+  }
+  // What a screen reader says of the row: everything the row shows, in reading order.
+  if (role == Qt::AccessibleTextRole) {
+    if (auto image = imageAt(index.row())) {
+      const RowRules::SizeSummary summary = RowRules::sizeSummary(*image, viewModel_.outputFormat());
+      QStringList parts{image->fileName(), RowRules::metaText(*image)};
+      if (summary.kind == RowRules::SizeSummary::Kind::lines) parts << summary.firstLine << summary.secondLine;
+      if (image->exportError()) parts << *image->exportError();
+      parts.removeAll(QString());
+      return parts.join(QStringLiteral(", "));
+    }
+    if (const ImportFailure* failure = failureAt(index.row()))
+      return failure->url.fileName() + QStringLiteral(", ") + failure->message;
+    if (kind(index.row()) == RowKind::failuresHeader) return text("import.failuresSection", "Importation impossible");
   }
   return {};
 }

@@ -2,7 +2,9 @@
 
 #include <QApplication>
 #include <QDrag>
+#include <QContextMenuEvent>
 #include <QHelpEvent>
+#include <QKeyEvent>
 #include <QMimeData>
 #include <QMouseEvent>
 #include <QPainter>
@@ -12,6 +14,7 @@
 #include "batch/BatchViewModel.h"
 #include "ui/FileDropHandler.h"
 #include "ui/ImageListModel.h"
+#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -21,7 +24,8 @@ ImageListView::ImageListView(BatchViewModel& viewModel, QWidget* parent)
   delegate_ = new ImageRowDelegate(*model_, this);
   setModel(model_);
   setItemDelegate(delegate_);
-  setSelectionMode(NoSelection);
+  setSelectionMode(SingleSelection);
+  setFocusPolicy(Qt::StrongFocus);
   setEditTriggers(NoEditTriggers);
   setMouseTracking(true);
   setAcceptDrops(true);
@@ -77,11 +81,9 @@ void ImageListView::activate(const QModelIndex& index, RowHit part) {
     case RowHit::thumbnail:
       emit comparisonRequested(image);
       break;
-    case RowHit::quality: {
-      const QRect r = delegate_->partRect(visualRect(index), index, RowHit::quality);
-      emit qualityOverrideRequested(image, QRect(viewport()->mapToGlobal(r.topLeft()), r.size()));
+    case RowHit::quality:
+      emit qualityOverrideRequested(image, qualityAnchor(image).value_or(QRect()));
       break;
-    }
     case RowHit::warning:
       // Writes again to the place that failed; nothing without a destination or data.
       if (image->lastExportDestination() && image->compressedData())
@@ -99,6 +101,16 @@ void ImageListView::activate(const QModelIndex& index, RowHit part) {
     default:
       break;
   }
+}
+
+std::optional<QRect> ImageListView::qualityAnchor(const std::shared_ptr<ImportedImage>& image) const {
+  for (int row = model_->imageRowOffset(); row < model_->rowCount(); ++row) {
+    if (model_->imageAt(row) != image) continue;
+    const QModelIndex index = model_->index(row);
+    const QRect r = delegate_->partRect(visualRect(index), index, RowHit::quality);
+    return QRect(viewport()->mapToGlobal(r.topLeft()), r.size());
+  }
+  return std::nullopt;
 }
 
 void ImageListView::updateHover(const QPoint& pos) {
@@ -131,8 +143,10 @@ bool ImageListView::viewportEvent(QEvent* event) {
 }
 
 void ImageListView::mousePressEvent(QMouseEvent* event) {
-  if (event->button() != Qt::LeftButton) return;
   auto [index, part] = partAt(event->position().toPoint());
+  if (index.isValid() && model_->kind(index.row()) != ImageListModel::RowKind::failuresHeader)
+    setCurrentIndex(index);
+  if (event->button() != Qt::LeftButton) return;
   pressIndex_ = index;
   pressPart_ = part;
   pressPos_ = event->position().toPoint();
@@ -167,7 +181,80 @@ void ImageListView::mouseReleaseEvent(QMouseEvent* event) {
   if (pressed.isValid() && pressed == index && pressedPart == part) activate(index, part);
 }
 
-void ImageListView::mouseDoubleClickEvent(QMouseEvent* event) { mousePressEvent(event); }
+// The first click of a double click has already acted; the second press is dropped, so that a
+// row removed by the first click cannot hand the second one to the row sliding under the pointer.
+void ImageListView::mouseDoubleClickEvent(QMouseEvent* event) {
+  pressIndex_ = QPersistentModelIndex();
+  pressPart_ = RowHit::none;
+  event->accept();
+}
+
+void ImageListView::keyPressEvent(QKeyEvent* event) {
+  const QModelIndex index = currentIndex();
+  const bool image = index.isValid() && model_->kind(index.row()) == ImageListModel::RowKind::image;
+  const bool failure = index.isValid() && model_->kind(index.row()) == ImageListModel::RowKind::failure;
+  switch (event->key()) {
+    case Qt::Key_Delete:
+    case Qt::Key_Backspace:
+      if (image) activate(index, RowHit::remove);
+      if (failure) activate(index, RowHit::failureDismiss);
+      return;
+    case Qt::Key_Space:
+    case Qt::Key_Return:
+    case Qt::Key_Enter:
+      if (image) activate(index, RowHit::thumbnail);
+      if (failure) activate(index, RowHit::failureRetry);
+      return;
+    case Qt::Key_Menu:
+      break;
+    case Qt::Key_F10:
+      if (event->modifiers() & Qt::ShiftModifier) break;
+      [[fallthrough]];
+    default:
+      QListView::keyPressEvent(event);
+      return;
+  }
+  if (!image && !failure) return;
+  std::unique_ptr<QMenu> menu(rowMenu(index));
+  menu->exec(viewport()->mapToGlobal(visualRect(index).center()));
+}
+
+void ImageListView::contextMenuEvent(QContextMenuEvent* event) {
+  QModelIndex index = event->reason() == QContextMenuEvent::Mouse ? indexAt(event->pos()) : currentIndex();
+  if (!index.isValid() || model_->kind(index.row()) == ImageListModel::RowKind::failuresHeader) return;
+  setCurrentIndex(index);
+  std::unique_ptr<QMenu> menu(rowMenu(index));
+  menu->exec(event->reason() == QContextMenuEvent::Mouse ? event->globalPos()
+                                                          : viewport()->mapToGlobal(visualRect(index).center()));
+}
+
+QMenu* ImageListView::rowMenu(const QModelIndex& index) {
+  auto* menu = new QMenu(this);
+  menu->setAccessibleName(model_->data(index, Qt::AccessibleTextRole).toString());
+  const QPersistentModelIndex row(index);
+  const auto add = [&](RowHit part, const QString& label) {
+    QAction* action = menu->addAction(label);
+    action->setEnabled(delegate_->isEnabled(index, part));
+    connect(action, &QAction::triggered, this, [this, row, part] {
+      if (row.isValid()) activate(row, part);
+    });
+  };
+  if (model_->kind(index.row()) == ImageListModel::RowKind::failure) {
+    add(RowHit::failureRetry, text("common.retry", "Réessayer"));
+    add(RowHit::failureDismiss, text("import.dismissFailureHelp", "Ignorer"));
+    return menu;
+  }
+  auto image = model_->imageAt(index.row());
+  if (!image) return menu;
+  add(RowHit::thumbnail, text("row.comparisonHelp", "Comparer l'original et l'image compressée"));
+  add(RowHit::quality, text("quality.overrideTitle", "Qualité de cette image"));
+  if (image->encodeState().isFailed()) add(RowHit::summaryRetry, text("common.retry", "Réessayer"));
+  add(RowHit::exportButton, text("row.exportHelp", "Exporter cette image"));
+  if (image->exportError()) add(RowHit::warning, text("row.retryExport", "Exporter à nouveau"));
+  menu->addSeparator();
+  add(RowHit::remove, text("row.removeHelp", "Retirer de la liste"));
+  return menu;
+}
 
 void ImageListView::leaveEvent(QEvent* event) {
   viewport()->unsetCursor();

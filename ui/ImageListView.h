@@ -1,16 +1,21 @@
 #pragma once
 // The list of the batch: failure rows, then image rows, painted by ImageRowDelegate. It runs
 // the rows' buttons, their tooltips and pointing-hand cursor, reorders images by drag (the
-// model saves the order in the session) and takes files dropped from a file manager.
+// model saves the order in the session) and takes files dropped from a file manager. From the
+// keyboard, the arrows select a row, Delete removes it, Space or Return opens its comparison
+// (retries a failed import), and the menu key or Shift+F10 opens the row's menu, which holds
+// every action of the row, as does a right click.
 // Requests that need a window (comparison, quality popover, save dialog) are passed up as
 // signals.
 //
 // GUI thread only.
 
 #include <QListView>
+#include <QMenu>
 #include <QPersistentModelIndex>
 #include <QTimer>
 #include <memory>
+#include <optional>
 
 #include "ui/ImageRowDelegate.h"
 
@@ -37,6 +42,12 @@ class ImageListView : public QListView {
   void activate(const QModelIndex& index, RowHit part);
   // The part under a viewport point, with its index.
   std::pair<QModelIndex, RowHit> partAt(const QPoint& pos) const;
+  // Where the quality button of `image`'s row is, in global coordinates; nothing when the
+  // image has no row.
+  std::optional<QRect> qualityAnchor(const std::shared_ptr<ImportedImage>& image) const;
+  // The row's menu: one entry per action the row offers, disabled ones included. The caller
+  // owns it.
+  QMenu* rowMenu(const QModelIndex& index);
 
  signals:
   void comparisonRequested(std::shared_ptr<quillane::ImportedImage> image);
@@ -50,6 +61,8 @@ class ImageListView : public QListView {
   void mouseMoveEvent(QMouseEvent* event) override;
   void mouseReleaseEvent(QMouseEvent* event) override;
   void mouseDoubleClickEvent(QMouseEvent* event) override;
+  void keyPressEvent(QKeyEvent* event) override;
+  void contextMenuEvent(QContextMenuEvent* event) override;
   void leaveEvent(QEvent* event) override;
   void dragEnterEvent(QDragEnterEvent* event) override;
   void dragMoveEvent(QDragMoveEvent* event) override;

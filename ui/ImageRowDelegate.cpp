@@ -213,6 +213,18 @@ void ImageRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
                              const QModelIndex& index) const {
   painter->save();
   painter->setRenderHint(QPainter::Antialiasing);
+  // The keyboard's row: a soft tint of the accent colour, and a focus ring while the list has
+  // the focus.
+  if (option.state & QStyle::State_Selected) {
+    QColor tint = option.palette.color(QPalette::Highlight);
+    tint.setAlphaF(0.14);
+    painter->fillRect(option.rect, tint);
+    if (option.state & QStyle::State_HasFocus) {
+      painter->setPen(QPen(option.palette.color(QPalette::Highlight), 1.5));
+      painter->setBrush(Qt::NoBrush);
+      painter->drawRoundedRect(QRectF(option.rect).adjusted(1.5, 1.5, -1.5, -1.5), 4, 4);
+    }
+  }
   switch (model_.kind(index.row())) {
     case ImageListModel::RowKind::failuresHeader:
       paintHeader(painter, option);

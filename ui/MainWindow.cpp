@@ -6,7 +6,9 @@
 #include <QFrame>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QScrollBar>
 #include <QStackedWidget>
+#include <QTimer>
 #include <QUrl>
 #include <QVBoxLayout>
 
@@ -16,6 +18,7 @@
 #include "ui/DesktopPanels.h"
 #include "ui/DropTargetView.h"
 #include "ui/Icons.h"
+#include "ui/ImageListModel.h"
 #include "ui/ImageListView.h"
 #include "ui/QualityControls.h"
 #include "ui/RowRules.h"
@@ -101,9 +104,9 @@ void MainWindow::buildMenus() {
   settings->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
   settings->setMenuRole(QAction::PreferencesRole);
   file->addSeparator();
-  QAction* quit = file->addAction(text("menu.quit", "Quitter"), qApp, &QApplication::closeAllWindows);
-  quit->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
-  quit->setMenuRole(QAction::QuitRole);
+  quitAction_ = file->addAction(text("menu.quit", "Quitter"), qApp, &QApplication::closeAllWindows);
+  quitAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
+  quitAction_->setMenuRole(QAction::QuitRole);
 
   QMenu* quality = menuBar()->addMenu(text("quality.label", "Qualité"));
   increaseAction_ = quality->addAction(text("menu.increaseQuality", "Augmenter la qualité"), this, [this] {
@@ -153,13 +156,39 @@ void MainWindow::refreshExportError() {
 }
 
 void MainWindow::showComparison(const std::shared_ptr<ImportedImage>& image) {
-  auto* sheet = new ImageComparisonView(viewModel_, image, this);
-  sheet->open();
+  ImageComparisonView* view = nullptr;
+  for (auto* open : findChildren<ImageComparisonView*>(QString(), Qt::FindDirectChildrenOnly))
+    if (open->image() == image) view = open;
+  if (!view) {
+    view = new ImageComparisonView(viewModel_, image, this);
+    // The window's commands keep their shortcuts while the comparison has the focus.
+    view->addActions({increaseAction_, decreaseAction_, importAction_, exportAction_, quitAction_});
+  }
+  view->show();
+  view->raise();
+  view->activateWindow();
 }
 
 void MainWindow::showQualityOverride(const std::shared_ptr<ImportedImage>& image, const QRect& anchor) {
+  if (qualityPopover_) qualityPopover_->close();
   auto* popover = new QualityOverridePopup(viewModel_, image, this);
+  qualityPopover_ = popover;
   popover->popUp(anchor);
+  // The popover stays under its own row's button when the rows move (another row removed,
+  // scrolling, the window resized) and goes with its row.
+  const auto follow = [this, popover, image] {
+    if (qualityPopover_ != popover) return;
+    if (const auto moved = list_->qualityAnchor(image))
+      popover->popUp(*moved);
+    else
+      popover->close();
+  };
+  const auto later = [follow] { QTimer::singleShot(0, follow); };
+  connect(&list_->listModel(), &QAbstractItemModel::rowsRemoved, popover, later);
+  connect(&list_->listModel(), &QAbstractItemModel::rowsInserted, popover, later);
+  connect(&list_->listModel(), &QAbstractItemModel::rowsMoved, popover, later);
+  connect(&list_->listModel(), &QAbstractItemModel::modelReset, popover, later);
+  connect(list_->verticalScrollBar(), &QScrollBar::valueChanged, popover, later);
 }
 
 void MainWindow::exportSingle(const std::shared_ptr<ImportedImage>& image) {

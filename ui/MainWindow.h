@@ -55,8 +55,9 @@ class MainWindow : public QMainWindow {
   QAction* increaseQualityAction() const { return increaseAction_; }
   QAction* decreaseQualityAction() const { return decreaseAction_; }
   QMessageBox* exportAlert() const { return alert_; }
+  QWidget* qualityPopover() const { return qualityPopover_; }
 
-  // The row actions that need a window.
+  // The row actions that need a window. The comparison is a window of its own, one per image.
   void showComparison(const std::shared_ptr<ImportedImage>& image);
   void showQualityOverride(const std::shared_ptr<ImportedImage>& image, const QRect& anchor);
   void exportSingle(const std::shared_ptr<ImportedImage>& image);
@@ -78,7 +79,9 @@ class MainWindow : public QMainWindow {
   QAction* exportAction_ = nullptr;
   QAction* increaseAction_ = nullptr;
   QAction* decreaseAction_ = nullptr;
+  QAction* quitAction_ = nullptr;
   QMessageBox* alert_ = nullptr;
+  QPointer<QWidget> qualityPopover_;
 };
 
 }  // namespace quillane::ui

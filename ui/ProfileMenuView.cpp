@@ -8,6 +8,7 @@
 #include "batch/BatchViewModel.h"
 #include "records/ExportProfile.h"
 #include "ui/Icons.h"
+#include "ui/QualityControls.h"
 #include "ui/UiText.h"
 
 namespace quillane::ui {
@@ -20,7 +21,6 @@ ExportProfileMenuView::ExportProfileMenuView(BatchViewModel& viewModel, QWidget*
   label_ = new QLabel(this);
   Icons::makeSecondary(label_);
   button_ = new QPushButton(this);
-  button_->setMaximumWidth(180);
   menu_ = new QMenu(button_);
   button_->setMenu(menu_);
   layout->addWidget(label_);
@@ -41,7 +41,7 @@ void ExportProfileMenuView::refresh() {
   setVisible(!viewModel_.exportProfiles().empty());
   label_->setText(text("profiles.menu.label", "Profil"));
   setToolTip(text("profiles.menu.help", "Appliquer un profil enregistré"));
-  button_->setText(button_->fontMetrics().elidedText(title(), Qt::ElideRight, 150));
+  setMenuButtonText(button_, title(), 120);
   rebuildMenu();
 }
 

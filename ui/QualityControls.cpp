@@ -5,6 +5,8 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QMenu>
+#include <QStyle>
+#include <QStyleOptionButton>
 #include <QPushButton>
 #include <QScreen>
 #include <QSignalBlocker>
@@ -25,13 +27,14 @@ QSlider* makeQualitySlider(QWidget* parent) {
   slider->setRange(1, 100);
   slider->setSingleStep(1);
   slider->setPageStep(5);
-  slider->setFixedWidth(160);
+  slider->setFixedWidth(100);
   return slider;
 }
 
 QLabel* makeReadout(QWidget* parent) {
   auto* readout = new QLabel(parent);
-  readout->setFixedWidth(40);
+  // Room for "100" in the readout's font.
+  readout->setFixedWidth(readout->fontMetrics().horizontalAdvance(QStringLiteral("1000")));
   readout->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
   return readout;
 }
@@ -107,6 +110,32 @@ void QualitySliderView::syncFromModel() {
 
 // ---- FormatPickerView ----
 
+void setMenuButtonText(QPushButton* button, const QString& label, int maxTextWidth) {
+  const QFontMetrics metrics = button->fontMetrics();
+  const QString shown = metrics.elidedText(label, Qt::ElideRight, maxTextWidth);
+  button->setText(shown);
+  QStyleOptionButton option;
+  option.initFrom(button);
+  option.features |= QStyleOptionButton::HasMenu;
+  const int indicator = button->style()->pixelMetric(QStyle::PM_MenuButtonIndicator, &option, button);
+  const int margin = button->style()->pixelMetric(QStyle::PM_ButtonMargin, &option, button);
+  // Styles centre the label over the whole button and draw the arrow inside its right end, so
+  // the arrow's room is kept on both sides of the text.
+  button->setFixedWidth(metrics.horizontalAdvance(shown) + 2 * (indicator + margin));
+}
+
+void addFormatChoices(QMenu* menu, const std::function<void(ImageFormat)>& choose) {
+  auto* group = new QActionGroup(menu);
+  group->setExclusive(true);
+  for (ImageFormat format : ImageFormats::allCases) {
+    QAction* action = menu->addAction(formatLabel(format));
+    action->setCheckable(true);
+    action->setData(int(format));
+    group->addAction(action);
+    QObject::connect(action, &QAction::triggered, menu, [choose, format] { choose(format); });
+  }
+}
+
 FormatPickerView::FormatPickerView(BatchViewModel& viewModel, QWidget* parent)
     : QWidget(parent), viewModel_(viewModel) {
   auto* layout = new QHBoxLayout(this);
@@ -114,19 +143,19 @@ FormatPickerView::FormatPickerView(BatchViewModel& viewModel, QWidget* parent)
   label_ = new QLabel(this);
   Icons::makeSecondary(label_);
   button_ = new QPushButton(this);
-  button_->setFixedWidth(120);
   menu_ = new QMenu(button_);
-  for (ImageFormat format : ImageFormats::allCases) {
-    QAction* action = menu_->addAction(formatLabel(format));
-    action->setCheckable(true);
-    action->setData(int(format));
-    // Choosing the current format is not filtered out: it recomputes all the same.
-    connect(action, &QAction::triggered, this, [this, format] {
-      viewModel_.setOutputFormat(format);
-      syncFromModel();
-    });
-  }
   button_->setMenu(menu_);
+  // As wide as the longest format's name needs, whichever is shown.
+  QString longest;
+  for (ImageFormat format : ImageFormats::allCases)
+    if (button_->fontMetrics().horizontalAdvance(formatLabel(format)) > button_->fontMetrics().horizontalAdvance(longest))
+      longest = formatLabel(format);
+  setMenuButtonText(button_, longest, 1000);
+  // Choosing the current format is not filtered out: it recomputes all the same.
+  addFormatChoices(menu_, [this](ImageFormat format) {
+    viewModel_.setOutputFormat(format);
+    syncFromModel();
+  });
   layout->addWidget(label_);
   layout->addWidget(button_);
   connect(&viewModel_, &BatchViewModel::outputFormatChanged, this, &FormatPickerView::syncFromModel);
@@ -166,6 +195,7 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
 
   auto* row = new QHBoxLayout;
   slider_ = makeQualitySlider(this);
+  slider_->setFixedWidth(160);  // the popover has room for a finer slider than the bar
   readout_ = makeReadout(this);
   row->addWidget(slider_);
   row->addWidget(readout_);

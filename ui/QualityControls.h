@@ -10,8 +10,11 @@
 
 #include <QFrame>
 #include <QWidget>
+#include <functional>
 #include <memory>
 #include <optional>
+
+#include "engine/ImageFormat.h"
 
 class QLabel;
 class QMenu;
@@ -90,6 +93,14 @@ class QualityOverridePopup : public QFrame {
   QPushButton* revert_;
   QLabel* following_;
 };
+
+// One exclusive, radio-style entry per output format in `menu`, each calling `choose`; the
+// owner checks the current one.
+void addFormatChoices(QMenu* menu, const std::function<void(ImageFormat)>& choose);
+
+// Gives a button with a drop-down menu `label`, elided to `maxTextWidth`, and a width that
+// keeps the label clear of the menu arrow.
+void setMenuButtonText(QPushButton* button, const QString& label, int maxTextWidth);
 
 // A flat button drawn as a link ("common.retry", "quality.revertFormat").
 QPushButton* makeLinkButton(const QString& text, QWidget* parent = nullptr);

@@ -34,8 +34,8 @@ SettingsWindow::SettingsWindow(Services services, QWidget* parent) : QWidget(par
   tabs_->addTab(wrapPane(new LocalAPISettingsView(services.apiController)), Icons::icon("terminal"),
                 text("settings.api.title", "API locale"));
   DesktopPanels* panels = services.panels;
-  auto chooser = [panels](const std::optional<QUrl>& start) -> std::optional<QUrl> {
-    return panels ? panels->chooseFolder(start) : std::nullopt;
+  auto chooser = [panels, this](const std::optional<QUrl>& start) -> std::optional<QUrl> {
+    return panels ? panels->chooseFolder(start, this) : std::nullopt;
   };
   tabs_->addTab(wrapPane(new ExportProfilesSettingsView(services.viewModel, chooser)),
                 Icons::icon("square.and.arrow.up.on.square"), text("settings.profiles.title", "Profils"));

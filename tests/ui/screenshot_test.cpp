@@ -128,11 +128,12 @@ TEST_F(ScreenshotTest, ComparisonOfARealEncoding) {
   BatchViewModel::Options o;
   o.restoreSession = false;
   model_ = std::make_unique<BatchViewModel>(o);
-  const QString path = dir_.filePath("harbour.png");
+  const QString path = dir_.filePath("harbour.png"), portrait = dir_.filePath("lighthouse.png");
   ASSERT_TRUE(ui::toQImage(testing::makeImage(900, 600, testing::Pattern::photo, 7)).save(path));
+  ASSERT_TRUE(ui::toQImage(testing::makeImage(150, 900, testing::Pattern::photo, 8)).save(portrait));
   model_->setOutputFormat(ImageFormat::jpeg);
   model_->setQuality(30);
-  import({QUrl::fromLocalFile(path)});
+  import({QUrl::fromLocalFile(path), QUrl::fromLocalFile(portrait)});
   ASSERT_TRUE(waitIdle(20000));
   ASSERT_TRUE(model_->images()[0]->encodeState().isReady());
 
@@ -145,6 +146,12 @@ TEST_F(ScreenshotTest, ComparisonOfARealEncoding) {
   sheet->area()->setSliderFraction(0.35);
   save(sheet, "comparison");
   sheet->close();
+  // A narrow portrait: the badges keep their size lines beside it.
+  auto* narrow = new ui::ImageComparisonView(*model_, model_->images()[1], window.get());
+  narrow->show();
+  ASSERT_TRUE(narrow->waitForPreviews(10000));
+  save(narrow, "comparison-portrait");
+  narrow->close();
 }
 
 class SettingsScreenshots : public ScreenshotTest {

@@ -116,6 +116,11 @@ void UiFixture::openGate() {
   gate_.notify_all();
 }
 
+void UiFixture::closeGate() {
+  std::lock_guard lock(mutex_);
+  gateOpen_ = false;
+}
+
 void UiFixture::import(const QList<QUrl>& urls) {
   QFuture<void> done = model_->importFiles(urls);
   ASSERT_TRUE(QTest::qWaitFor([&] { return done.isFinished(); }, 5000));

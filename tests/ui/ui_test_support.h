@@ -41,6 +41,7 @@ class UiFixture : public ::testing::Test {
   void import(const QList<QUrl>& urls);
   bool waitIdle(int timeoutMs = 5000);
   void openGate();
+  void closeGate();
 
   QTemporaryDir dir_;
   std::unique_ptr<BatchViewModel> model_;

@@ -1,0 +1,315 @@
+// What a user meets in the window's corners: a double click on a row button, the exclusive
+// format menus, the profile button's arrow, and the file dialogs' start folders and filter.
+#include <QActionGroup>
+#include <QApplication>
+#include <QFileDialog>
+#include <QLineEdit>
+#include <QMenu>
+#include <QMouseEvent>
+#include <QPushButton>
+#include <QStyleOptionButton>
+#include <QTimer>
+
+#include "api/LocalAPIController.h"
+#include "services/LanguageManager.h"
+#include "services/UpdateChecker.h"
+#include "tests/ui/ui_test_support.h"
+#include "ui/ComparisonView.h"
+#include "ui/ControlsBar.h"
+#include "ui/DesktopPanels.h"
+#include "ui/ExportProfilesSettingsView.h"
+#include "ui/ImageListModel.h"
+#include "ui/ImageListView.h"
+#include "ui/MainWindow.h"
+#include "ui/ProfileMenuView.h"
+#include "ui/QualityControls.h"
+#include "ui/SettingsWindow.h"
+#include "ui/UiText.h"
+
+namespace quillane::uitest {
+namespace {
+
+using ui::DesktopPanels;
+using Kind = DesktopPanels::FolderKind;
+
+class WindowEdgesTest : public UiFixture {
+ protected:
+  void TearDown() override {
+    window_.reset();
+    UiFixture::TearDown();
+  }
+  ui::MainWindow& window() {
+    if (!model_) makeModel();
+    if (!window_) {
+      window_ = std::make_unique<ui::MainWindow>(*model_);
+      window_->show();
+    }
+    return *window_;
+  }
+  std::unique_ptr<ui::MainWindow> window_;
+};
+
+void sendMouse(QWidget* target, QEvent::Type type, QPoint pos) {
+  QMouseEvent event(type, pos, target->mapToGlobal(pos), Qt::LeftButton,
+                    type == QEvent::MouseButtonRelease ? Qt::NoButton : Qt::LeftButton, Qt::NoModifier);
+  QApplication::sendEvent(target, &event);
+}
+
+TEST_F(WindowEdgesTest, ADoubleClickOnRemoveRemovesOnlyTheRowUnderTheFirstPress) {
+  window();
+  import({source("a.png"), source("b.png"), source("c.png")});
+  ASSERT_TRUE(waitIdle());
+  ui::ImageListView& list = *window().imageList();
+  const QModelIndex first = list.listModel().index(0);
+  const QPoint remove = list.rowDelegate().partRect(list.visualRect(first), first, ui::RowHit::remove).center();
+  // What the window system delivers for a double click: press, release, double click, release.
+  for (QEvent::Type type : {QEvent::MouseButtonPress, QEvent::MouseButtonRelease, QEvent::MouseButtonDblClick,
+                            QEvent::MouseButtonRelease})
+    sendMouse(list.viewport(), type, remove);
+  ASSERT_EQ(model_->images().size(), 2u);
+  EXPECT_EQ(model_->images()[0]->fileName(), "b.png");
+}
+
+TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardAndNamedForScreenReaders) {
+  window();
+  import({QUrl::fromLocalFile(dir_.filePath("missing.png")), source("a.png"), source("b.png")});
+  ASSERT_TRUE(waitIdle());
+  ui::ImageListView& list = *window().imageList();
+  EXPECT_TRUE(list.focusPolicy() & Qt::TabFocus);
+  std::vector<std::shared_ptr<ImportedImage>> compared;
+  QObject::connect(&list, &ui::ImageListView::comparisonRequested,
+                   [&](std::shared_ptr<ImportedImage> image) { compared.push_back(image); });
+  list.setFocus();
+  list.setCurrentIndex(list.listModel().index(1));  // the failure row
+  QTest::keyClick(&list, Qt::Key_Down);
+  QTest::keyClick(&list, Qt::Key_Down);
+  ASSERT_EQ(list.listModel().imageAt(list.currentIndex().row()), model_->images()[1]);
+  QTest::keyClick(&list, Qt::Key_Return);
+  ASSERT_EQ(compared, std::vector{model_->images()[1]});
+  QTest::keyClick(&list, Qt::Key_Delete);
+  ASSERT_EQ(model_->images().size(), 1u);
+  EXPECT_EQ(model_->images()[0]->fileName(), "a.png");
+
+  const QModelIndex row = list.listModel().index(list.listModel().rowOfImage(0));
+  const QString spoken = list.listModel().data(row, Qt::AccessibleTextRole).toString();
+  EXPECT_TRUE(spoken.startsWith("a.png, ") && spoken.contains(ui::formatByteCount(750))) << spoken.toStdString();
+  EXPECT_TRUE(list.listModel().data(list.listModel().index(1), Qt::AccessibleTextRole).toString().startsWith("missing.png"));
+
+  std::unique_ptr<QMenu> menu(list.rowMenu(row));
+  QStringList labels;
+  for (QAction* action : menu->actions())
+    if (!action->isSeparator()) labels << action->text();
+  EXPECT_EQ(labels.size(), 4) << labels.join('|').toStdString();  // compare, quality, export, remove
+  menu->actions().last()->trigger();
+  EXPECT_TRUE(model_->images().empty());
+  std::unique_ptr<QMenu> failureMenu(list.rowMenu(list.listModel().index(1)));
+  failureMenu->actions().last()->trigger();  // dismiss
+  EXPECT_TRUE(model_->importFailures().empty());
+}
+
+// The list's top stays where it is while encoding starts and ends and when a profile appears,
+// at the default size and the minimum one; at the default size the English bar is one line.
+TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
+  makeModel();
+  import({source("a.png"), source("slow-b.png")});
+  ASSERT_TRUE(QTest::qWaitFor([&] { return model_->isEncoding(); }));
+  openGate();
+  ASSERT_TRUE(waitIdle());
+  for (const char* language : {"en-US", "de"}) {
+    for (QSize size : {QSize(960, 640), QSize(ui::MainWindow::minimumWidth, ui::MainWindow::minimumHeight)}) {
+      SCOPED_TRACE(std::string(language) + " at " + std::to_string(size.width()));
+      useLanguage(language);
+      window_.reset();
+      window().resize(size);
+      const auto top = [&] {
+        QCoreApplication::processEvents();
+        return window().imageList()->mapTo(&window(), QPoint()).y();
+      };
+      const int settled = top();
+      closeGate();
+      model_->setQuality(model_->quality() - 1);
+      ASSERT_TRUE(QTest::qWaitFor([&] { return model_->isEncoding(); }));
+      EXPECT_EQ(top(), settled) << "encoding";
+      model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, false});
+      EXPECT_EQ(top(), settled) << "with a profile";
+      if (size.width() == 960 && language == std::string("en-US")) {
+        ui::ControlsBar& bar = *window().controlsBar();
+        EXPECT_LT(bar.height(), 2 * bar.importButton()->height()) << "one line";
+      }
+      openGate();
+      ASSERT_TRUE(waitIdle());
+      EXPECT_EQ(top(), settled) << "idle again";
+      model_->deleteExportProfile(model_->exportProfiles()[0]);
+      EXPECT_EQ(top(), settled) << "without the profile";
+    }
+  }
+  useLanguage({});
+}
+
+TEST_F(WindowEdgesTest, AnOpenQualityPopoverStaysWithItsRow) {
+  window();
+  import({source("a.png"), source("b.png")});
+  ASSERT_TRUE(waitIdle());
+  ui::ImageListView& list = *window().imageList();
+  auto b = model_->images()[1];
+  list.activate(list.listModel().index(list.listModel().rowOfImage(1)), ui::RowHit::quality);
+  QWidget* popover = window().qualityPopover();
+  ASSERT_TRUE(popover && popover->isVisible());
+  const QRect before = *list.qualityAnchor(b);
+  const int top = popover->y();
+  model_->removeImage(model_->images()[0]);  // as the local API may do meanwhile
+  const QRect after = *list.qualityAnchor(b);
+  ASSERT_NE(after.y(), before.y());
+  // It moves with the row (within the window frame's few pixels).
+  EXPECT_TRUE(QTest::qWaitFor([&] { return std::abs(popover->y() - top - (after.y() - before.y())) <= 4; }));
+  model_->removeImage(b);
+  EXPECT_TRUE(QTest::qWaitFor([&] { return !window().qualityPopover(); }));
+}
+
+TEST_F(WindowEdgesTest, FormatMenusAreOneExclusiveChoice) {
+  window();
+  auto pane = ui::ExportProfilesSettingsView(*model_, {});
+  for (QMenu* menu : {window().controlsBar()->formatPicker()->menu(), pane.findChild<QMenu*>()}) {
+    ASSERT_TRUE(menu);
+    ASSERT_EQ(menu->actions().size(), 6);
+    QActionGroup* group = menu->actions()[0]->actionGroup();
+    ASSERT_TRUE(group && group->isExclusive());
+    for (QAction* action : menu->actions()) EXPECT_EQ(action->actionGroup(), group);
+  }
+  QMenu* bar = window().controlsBar()->formatPicker()->menu();
+  bar->actions()[3]->trigger();
+  bar->actions()[3]->trigger();  // choosing it again keeps it chosen
+  EXPECT_EQ(model_->outputFormat(), ImageFormat::avif);
+  EXPECT_TRUE(bar->actions()[3]->isChecked());
+  const QList<QAction*> actions = bar->actions();
+  EXPECT_EQ(std::count_if(actions.begin(), actions.end(), [](QAction* a) { return a->isChecked(); }), 1);
+}
+
+TEST_F(WindowEdgesTest, TheProfileButtonsLabelClearsItsArrowInEveryScript) {
+  window();
+  model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, false});
+  model_->upsertExportProfile(
+      {QUuid::createUuid(), "Archive quality for the printer downstairs", ImageFormat::jxl, 95, std::nullopt,
+       false});
+  QPushButton* button = window().controlsBar()->profileMenu()->button();
+  QStyleOptionButton option;
+  option.initFrom(button);
+  option.features |= QStyleOptionButton::HasMenu;
+  const int arrow = button->style()->pixelMetric(QStyle::PM_MenuButtonIndicator, &option, button);
+  for (const char* language : {"en-US", "de", "ja"}) {
+    useLanguage(language);
+    for (const char* applied : {"", "Web", "Archive quality for the printer downstairs"}) {
+      model_->setAppliedProfileName(*applied ? std::optional<QString>(applied) : std::nullopt);
+      QCoreApplication::processEvents();
+      const int textWidth = button->fontMetrics().horizontalAdvance(button->text());
+      // The label is centred; the arrow takes the right end.
+      EXPECT_GE((button->width() - textWidth) / 2, arrow) << language << " " << applied;
+    }
+  }
+  useLanguage({});
+}
+
+TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQuality) {
+  window();
+  import({source("a.png", 100000, {1000, 6000})});
+  ASSERT_TRUE(waitIdle());
+  auto image = model_->images()[0];
+  window().showComparison(image);
+  window().showComparison(image);  // the same image: the same window, raised
+  auto views = window().findChildren<ui::ImageComparisonView*>();
+  ASSERT_EQ(views.size(), 1);
+  ui::ImageComparisonView* view = views[0];
+  EXPECT_EQ(view->windowModality(), Qt::NonModal);
+  ASSERT_TRUE(QTest::qWaitForWindowActive(view));
+  QTest::keyClick(view, Qt::Key_Minus, Qt::ControlModifier);
+  EXPECT_EQ(model_->quality(), 70.0);
+  ASSERT_TRUE(waitIdle());
+  EXPECT_TRUE(view->isVisible());
+  EXPECT_TRUE(ui::compressedCaption(*image).text.startsWith(ui::formatByteCount(700)));
+
+  // A 1000 x 6000 portrait: both badges keep their whole size line.
+  const QStringList original = view->area()->badgeText(true).detailLines;
+  const QStringList result = view->area()->badgeText(false).detailLines;
+  EXPECT_TRUE(original.join(' ').contains("1000") && original.join(' ').contains("6000") &&
+              original.join(' ').contains(ui::formatByteCount(100000)))
+      << original.join('|').toStdString();
+  EXPECT_TRUE(result.join(' ').contains(ui::formatByteCount(700))) << result.join('|').toStdString();
+  for (const QString& line : original + result) EXPECT_FALSE(line.contains(QChar(0x2026))) << line.toStdString();
+
+  model_->removeImage(image);  // the comparison goes with its image
+  EXPECT_TRUE(QTest::qWaitFor([&] { return window().findChildren<ui::ImageComparisonView*>().isEmpty(); }));
+}
+
+// Runs `open` and, once its dialog is up, hands it to `use`, which accepts or rejects it.
+template <class Open>
+auto withDialog(Open open, std::function<void(QFileDialog&)> use) {
+  bool seen = false;
+  QTimer::singleShot(0, [&] {
+    auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+    if (!dialog) return;
+    seen = true;
+    use(*dialog);
+  });
+  auto result = open();
+  EXPECT_TRUE(seen);
+  return result;
+}
+
+QString nameField(QFileDialog& dialog) {
+  auto* edit = dialog.findChild<QLineEdit*>("fileNameEdit");
+  return edit ? edit->text() : QString();
+}
+
+TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindElseHomeAndOfferTheSixFormats) {
+  DesktopPanels panels;
+  DesktopPanels::rememberFolder(Kind::import, dir_.filePath("no-such-folder"));
+  DesktopPanels::rememberFolder(Kind::exportFolder, {});
+  const QUrl picked = source("picked.png");
+  const QList<QUrl> chosen = withDialog([&] { return panels.chooseFilesToImport(); }, [&](QFileDialog& dialog) {
+    EXPECT_EQ(dialog.directory().absolutePath(), QDir::homePath());
+    EXPECT_EQ(nameField(dialog), QString());
+    ASSERT_EQ(dialog.nameFilters().size(), 1);
+    for (const char* pattern : {"*.png", "*.jpg", "*.heic", "*.avif", "*.webp", "*.jxl"})
+      EXPECT_TRUE(dialog.nameFilters()[0].contains(pattern)) << pattern;
+    for (const char* pattern : {"*.gif", "*.tif", "*.bmp", "(*)"})
+      EXPECT_FALSE(dialog.nameFilters()[0].contains(pattern)) << pattern;
+    dialog.selectUrl(picked);
+    QMetaObject::invokeMethod(&dialog, "accept");
+  });
+  EXPECT_EQ(chosen, QList<QUrl>{picked});
+
+  // The next import starts where the last one was; export keeps its own folder.
+  withDialog([&] { return panels.chooseFilesToImport(); }, [&](QFileDialog& dialog) {
+    EXPECT_EQ(dialog.directory().absolutePath(), QDir(dir_.path()).absolutePath());
+    EXPECT_EQ(nameField(dialog), QString());
+    dialog.reject();
+  });
+  EXPECT_EQ(DesktopPanels::startFolder(Kind::exportFolder), QDir::homePath());
+}
+
+// The profile form's folder chooser stands over the settings window, not the main window.
+class RecordingPanels : public DesktopPanels {
+ public:
+  std::optional<QUrl> chooseFolder(const std::optional<QUrl>&, QWidget* parent) override {
+    parents.push_back(parent);
+    return std::nullopt;
+  }
+  std::vector<QWidget*> parents;
+};
+
+TEST_F(WindowEdgesTest, TheProfileFolderChooserIsParentedToTheSettingsWindow) {
+  window();
+  RecordingPanels panels;
+  LocalAPIController controller(*model_);
+  UpdateChecker checker(QUrl("http://127.0.0.1:9"), "1.0");
+  LanguageManager languages(LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
+  ui::SettingsWindow settings({*model_, controller, checker, languages, &panels}, &window());
+  settings.setAttribute(Qt::WA_DeleteOnClose, false);
+  auto* pane = settings.findChild<ui::ExportProfilesSettingsView*>();
+  ASSERT_TRUE(pane);
+  pane->chooseFolder();
+  EXPECT_EQ(panels.parents, std::vector<QWidget*>{&settings});
+}
+
+}  // namespace
+}  // namespace quillane::uitest
