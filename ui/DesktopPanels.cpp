@@ -1,5 +1,6 @@
 #include "ui/DesktopPanels.h"
 
+#include <QApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDesktopServices>
@@ -96,7 +97,9 @@ std::optional<QUrl> DesktopPanels::chooseSaveFile(const QString& suggestedName, 
 
 std::optional<QUrl> DesktopPanels::chooseFolder(const std::optional<QUrl>& startFolder, QWidget* parent) {
   const QString current = startFolder ? existingFolder(startFolder->toLocalFile()) : QString();
-  QFileDialog dialog(parent ? parent : window_.data(), text("settings.profiles.chooseFolder", "Choisir…"),
+  // Over the window it was asked from: the settings window, not the main one.
+  if (!parent) parent = QApplication::activeWindow() ? QApplication::activeWindow() : window_.data();
+  QFileDialog dialog(parent, text("settings.profiles.chooseFolder", "Choisir…"),
                      current.isEmpty() ? DesktopPanels::startFolder(FolderKind::profileFolder) : current);
   dialog.setFileMode(QFileDialog::Directory);
   dialog.setOption(QFileDialog::ShowDirsOnly, true);

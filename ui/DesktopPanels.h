@@ -32,7 +32,8 @@ class DesktopPanels : public BatchPanels {
 
   // The save dialog of one image: `suggestedName` in the last export folder, only `format` allowed.
   virtual std::optional<QUrl> chooseSaveFile(const QString& suggestedName, ImageFormat format);
-  // A folder for a profile, over `parent` (the main window when null); may create folders.
+  // A folder for a profile or a hot folder, over `parent` (else the active window); may create
+  // folders.
   virtual std::optional<QUrl> chooseFolder(const std::optional<QUrl>& startFolder, QWidget* parent = nullptr);
 
   void setWindow(QWidget* window) { window_ = window; }
