@@ -191,7 +191,12 @@ void HotFolderWatcher::scanOnce() {
   collator.setNumericMode(true);
   std::stable_sort(state->candidates.begin(), state->candidates.end(),
                    [&](const Candidate& a, const Candidate& b) { return collator.compare(a.name, b.name) < 0; });
-  ExportFilenameAllocator allocator;
+  // The files of this scan are its inputs: a name in the destination that is one of them (a
+  // hard link, say) is passed over, so that no output replaces a source it has yet to read.
+  std::vector<std::string> inputPaths;
+  inputPaths.reserve(state->candidates.size());
+  for (const Candidate& candidate : state->candidates) inputPaths.push_back(QFile::encodeName(candidate.path).toStdString());
+  ExportFilenameAllocator allocator(QFile::encodeName(state->settings.destination).toStdString(), inputPaths);
   const QString extension = QString::fromLatin1(ImageFormats::fileExtension(state->settings.format).data());
   for (Candidate& candidate : state->candidates) {
     candidate.destinationFilename = allocator.filename(QFileInfo(candidate.name).completeBaseName(), extension);

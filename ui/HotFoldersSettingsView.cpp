@@ -21,6 +21,7 @@
 #include "ui/DesktopPanels.h"
 #include "ui/Icons.h"
 #include "ui/QualityControls.h"
+#include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
 #include "ui/UiText.h"
 
@@ -126,11 +127,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   formatButton_ = new QPushButton(form_);
   formatButton_->setFixedWidth(120);
   formatMenu_ = new QMenu(formatButton_);
-  for (ImageFormat format : ImageFormats::allCases) {
-    QAction* action = formatMenu_->addAction(formatLabel(format));
-    action->setData(int(format));
-    connect(action, &QAction::triggered, this, [this, format] { setNewFormat(format); });
-  }
+  addFormatChoices(formatMenu_, [this](ImageFormat format) { setNewFormat(format); });
   formatButton_->setMenu(formatMenu_);
   formatRowLabel_ = new QLabel(text("format.label", "Format"), form_);
   formatRow_ = formatButton_;
@@ -299,7 +296,7 @@ void HotFoldersSettingsView::refreshForm() {
   }
   formatButton_->setText(formatLabel(newFormat_));
   for (QAction* action : formatMenu_->actions()) {
-    action->setIcon(action->data().toInt() == int(newFormat_) ? Icons::icon("checkmark") : QIcon());
+    action->setChecked(action->data().toInt() == int(newFormat_));
   }
   qualityReadout_->setText(QString::number(int(newQuality_)) + QLatin1Char('%'));
   cancel_->setVisible(editing);

@@ -161,6 +161,10 @@ TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderAndIgnoresWhatIsNoImag
   writeBytes(pathOf(".hidden.jpg"), jpegBytes(3));
   ASSERT_TRUE(QDir(source_).mkdir("sub"));
   writeBytes(pathOf("sub/inner.jpg"), jpegBytes(4));
+  // "a.jpg" in the destination is a hard link to a source of this scan: it is passed over.
+  ASSERT_TRUE(QDir().mkpath(destination_));
+  const QByteArray linked = QFile::encodeName(destination_ + "/a.jpg");
+  ASSERT_EQ(::link(pathOf("a.jpeg").c_str(), linked.constData()), 0);
   Reports& reports = newReports();
   auto watcher = watch(folder(), reports);
   watcher->scanOnce();
@@ -169,7 +173,8 @@ TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderAndIgnoresWhatIsNoImag
     ASSERT_TRUE(line.destinationURL) << line.sourceFileName.toStdString();
     written[line.sourceFileName] = QFileInfo(*line.destinationURL).fileName();
   }
-  EXPECT_EQ(written, (std::map<QString, QString>{{"a.jpeg", "a.jpg"}, {"a.png", "a-2.jpg"}, {"a.webp", "a-3.jpg"}}));
+  EXPECT_EQ(written, (std::map<QString, QString>{{"a.jpeg", "a-2.jpg"}, {"a.png", "a-3.jpg"}, {"a.webp", "a-4.jpg"}}));
+  EXPECT_EQ(readBytes(linked.toStdString()), jpegBytes(1));
   EXPECT_EQ(reports.progress(), (std::vector<HotFolderProgress>{{0, 3}, {1, 3}, {2, 3}, {3, 3}}));
 }
 
