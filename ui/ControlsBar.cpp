@@ -27,7 +27,10 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   layout->setContentsMargins(12, 8, 12, 8);
   layout->setSpacing(6);
 
-  import_ = new QPushButton(Icons::icon("plus"), text("controls.importLabel", "Ajouter des images"), this);
+  // Import and clear all show their icons only, named by tooltip and for screen readers, so
+  // that the bar holds on one line at the default window size in the longer languages too.
+  import_ = new QPushButton(Icons::icon("plus"), QString(), this);
+  import_->setAccessibleName(text("controls.importLabel", "Ajouter des images"));
   import_->setToolTip(text("controls.importHelp", "Ajouter des images au lot"));
   connect(import_, &QPushButton::clicked, this, [this] { viewModel_.promptImport(); });
   layout->addBarWidget(import_);
@@ -50,11 +53,9 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
 
   layout->addStretch();
 
-  clearAll_ = new QPushButton(text("common.clearAll", "Tout effacer"), this);
+  clearAll_ = new QPushButton(Icons::tinted("trash", Icons::redColor(palette())), QString(), this);
+  clearAll_->setAccessibleName(text("common.clearAll", "Tout effacer"));
   clearAll_->setToolTip(text("controls.clearAllHelp", "Retirer toutes les images de la liste"));
-  QPalette destructive = clearAll_->palette();
-  destructive.setColor(QPalette::ButtonText, Icons::redColor(destructive));
-  clearAll_->setPalette(destructive);
   connect(clearAll_, &QPushButton::clicked, this, [this] { viewModel_.clearAll(); });
   layout->addBarWidget(clearAll_);
 

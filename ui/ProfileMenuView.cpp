@@ -1,7 +1,6 @@
 #include "ui/ProfileMenuView.h"
 
 #include <QHBoxLayout>
-#include <QLabel>
 #include <QMenu>
 #include <QPushButton>
 
@@ -18,12 +17,11 @@ ExportProfileMenuView::ExportProfileMenuView(BatchViewModel& viewModel, QWidget*
   auto* layout = new QHBoxLayout(this);
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSpacing(8);
-  label_ = new QLabel(this);
-  Icons::makeSecondary(label_);
+  // No "Profile" label before the button: its placeholder says as much, and the bar must hold
+  // on one line at the default window size in every language.
   button_ = new QPushButton(this);
   menu_ = new QMenu(button_);
   button_->setMenu(menu_);
-  layout->addWidget(label_);
   layout->addWidget(button_);
   connect(menu_, &QMenu::aboutToShow, this, &ExportProfileMenuView::rebuildMenu);
   connect(&viewModel_, &BatchViewModel::exportProfilesChanged, this, &ExportProfileMenuView::refresh);
@@ -39,8 +37,8 @@ QString ExportProfileMenuView::title() const {
 
 void ExportProfileMenuView::refresh() {
   setVisible(!viewModel_.exportProfiles().empty());
-  label_->setText(text("profiles.menu.label", "Profil"));
   setToolTip(text("profiles.menu.help", "Appliquer un profil enregistré"));
+  button_->setToolTip(toolTip());
   setMenuButtonText(button_, title(), 120);
   rebuildMenu();
 }

@@ -7,7 +7,6 @@
 
 #include <QWidget>
 
-class QLabel;
 class QMenu;
 class QPushButton;
 
@@ -33,7 +32,6 @@ class ExportProfileMenuView : public QWidget {
   void refresh();
 
   BatchViewModel& viewModel_;
-  QLabel* label_;
   QPushButton* button_;
   QMenu* menu_;
 };

@@ -209,6 +209,8 @@ TEST_F(SettingsScreenshots, EachTabAndNoClippedTextInAnyLanguageAtMinimumSize) {
       auto window = showWindow({ui::MainWindow::minimumWidth, ui::MainWindow::minimumHeight});
       EXPECT_EQ(clippedTexts(window->controlsBar()), QStringList());
       save(window.get(), "lang-" + code + "-main");
+      window->resize(960, 640);
+      save(window.get(), "lang-" + code + "-960");
     }
     auto settings = makeSettings();
     settings->resize(settings->minimumSize());
