@@ -1,5 +1,6 @@
 // The real application, driven through its local API: import, settings, a per-image
-// quality, export, then a restart that finds the batch restored.
+// quality, export, then a restart that finds the batch restored; and a hot folder that
+// compresses at start-up what arrived while the application was closed.
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
@@ -11,6 +12,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <QUrl>
 
 #include <algorithm>
 #include <chrono>
@@ -137,6 +139,52 @@ TEST_F(ApiEndToEnd, ImportTuneExportAndFindTheBatchAfterARestart) {
   EXPECT_FALSE(after[0].toObject().contains("qualityOverride"));
   auto status = json(call("GET", "/v1/status"));
   EXPECT_TRUE(status["outputFormat"] == "jpeg" && status["quality"] == 75.0 && status["appVersion"] != "unknown");
+}
+
+// What arrived in a hot folder while the application was closed is compressed at start-up;
+// after a restart only the new file is, and the earlier outputs are not rewritten.
+TEST_F(ApiEndToEnd, HotFolderCompressesWhatArrivedWhileClosedAndNothingTwiceAfterARestart) {
+  const QString id = "0F8E2C6A-1B7D-4E55-9A3B-6C2D1E0F9A8B";
+  QDir(dir_.path()).mkpath("data/Quillane");
+  QDir(dir_.path()).mkpath("in");
+  QFile list(dir_.filePath("data/Quillane/hotFolders.json"));
+  ASSERT_TRUE(list.open(QIODevice::WriteOnly));
+  list.write(QString(R"([{"id":"%1","name":"Camera","sourceFolder":"%2","destinationFolder":"%3",)"
+                     R"("format":"webp","quality":70,"isEnabled":true}])")
+                 .arg(id, QUrl::fromLocalFile(dir_.filePath("in")).toString(),
+                      QUrl::fromLocalFile(dir_.filePath("hot")).toString())
+                 .toUtf8());
+  list.close();
+  // Polls until the processed memory lists `count` files (a scan's last step).
+  const auto waitForRemembered = [&](int count) {
+    for (auto deadline = std::chrono::steady_clock::now() + 90s; std::chrono::steady_clock::now() < deadline;
+         std::this_thread::sleep_for(100ms)) {
+      QFile file(dir_.filePath("data/Quillane/hotFolderProcessed.json"));
+      if (file.open(QIODevice::ReadOnly) && QJsonDocument::fromJson(file.readAll())[id].toObject().size() == count)
+        return true;
+      if (process_->state() != QProcess::Running) return false;
+    }
+    return false;
+  };
+  const auto outputs = [&] { return QDir(dir_.filePath("hot")).entryInfoList(QDir::Files | QDir::Hidden, QDir::Name); };
+  writePhoto("in/a.jpg", 1);
+  writePhoto("in/b.jpg", 2);
+  start();
+  ASSERT_TRUE(waitForRemembered(2));
+  const QFileInfoList first = outputs();
+  ASSERT_EQ(first.size(), 2);
+  EXPECT_EQ(first[0].fileName(), "a.webp");
+  stop();
+
+  writePhoto("in/c.jpg", 3);
+  start();
+  ASSERT_TRUE(waitForRemembered(3));
+  const QFileInfoList second = outputs();
+  ASSERT_EQ(second.size(), 3);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(second[i].fileName(), first[i].fileName());
+    EXPECT_EQ(second[i].lastModified(), first[i].lastModified()) << "rewritten: " << first[i].fileName().toStdString();
+  }
 }
 
 // Quitting abandons running encodes: a large AVIF encode (tens of seconds here) does not keep

@@ -20,26 +20,21 @@ const QByteArray requiredOnly =
     R"([{"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","name":"Shots","sourceFolder":"file:///tmp/in",)"
     R"("destinationFolder":"file:///tmp/out%20dir","isEnabled":true}])";
 
-TEST_F(HotFolderRecordsTest, RequiredKeysAloneReadAsNoSettingsAndWriteBackUnchanged) {
-  writeStoreFile(QStringLiteral("hotFolders.json"), requiredOnly);
-  const HotFolderList folders = HotFolders::load();
-  ASSERT_EQ(folders.size(), 1u);
-  EXPECT_EQ(folders[0].destinationFolder, QStringLiteral("/tmp/out dir"));
-  EXPECT_FALSE(folders[0].profileName || folders[0].format || folders[0].quality);
-  HotFolders::save(folders);
-  EXPECT_EQ(readStoreFile(QStringLiteral("hotFolders.json")), requiredOnly);
-}
-
-TEST_F(HotFolderRecordsTest, OptionalsRoundTripAndNullReadsAsAbsent) {
+TEST_F(HotFolderRecordsTest, AbsentOrNullOptionalsReadAsNoSettingsAndAllFieldsRoundTrip) {
+  QByteArray withNull = requiredOnly;
+  withNull.replace("\"isEnabled\"", "\"profileName\":null,\"quality\":null,\"isEnabled\"");
+  for (const QByteArray& bytes : {requiredOnly, withNull}) {
+    writeStoreFile(QStringLiteral("hotFolders.json"), bytes);
+    const HotFolderList folders = HotFolders::load();
+    ASSERT_EQ(folders.size(), 1u) << bytes.toStdString();
+    EXPECT_EQ(folders[0].destinationFolder, QStringLiteral("/tmp/out dir"));
+    EXPECT_FALSE(folders[0].profileName || folders[0].format || folders[0].quality);
+    HotFolders::save(folders);
+    EXPECT_EQ(readStoreFile(QStringLiteral("hotFolders.json")), requiredOnly);
+  }
   HotFolder folder{QUuid::createUuid(), "Web", "/a", "/b", QStringLiteral("Web"), ImageFormat::webp, 62.5, false};
   HotFolders::save({folder});
   EXPECT_EQ(HotFolders::load(), HotFolderList{folder});
-
-  QByteArray withNull = requiredOnly;
-  withNull.replace("\"isEnabled\"", "\"profileName\":null,\"quality\":null,\"isEnabled\"");
-  writeStoreFile(QStringLiteral("hotFolders.json"), withNull);
-  ASSERT_EQ(HotFolders::load().size(), 1u);
-  EXPECT_FALSE(HotFolders::load()[0].profileName || HotFolders::load()[0].quality);
 }
 
 TEST_F(HotFolderRecordsTest, OneEntryWithoutARequiredKeyEmptiesTheWholeList) {
