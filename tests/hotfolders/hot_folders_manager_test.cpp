@@ -94,7 +94,10 @@ TEST_F(HotFoldersManagerTest, VolumeMountedOnTheFolderIsFollowedAndItsUnmountDro
 
   BindMount mount(device, mountPoint);
   if (!mount.mounted()) GTEST_SKIP() << "no right to mount here";
-  ASSERT_TRUE(QTest::qWaitFor([&] { return doneLines(manager) == 1; }, 60000));
+  // The scan's last step is its one write of the store: wait for it, not only for the line.
+  ASSERT_TRUE(QTest::qWaitFor(
+      [&] { return doneLines(manager) == 1 && HotFolderProcessedStore::folderState(hotFolder.idText()).size() == 1; },
+      60000));
 
   // Unmounted: the empty mount point is not watched, so its scan can't forget a.jpg.
   mount.unmount();
