@@ -62,7 +62,7 @@ void BatchViewModel::recordExport(const ImportedImage& image, const QUrl& destin
   record.destinationURL = destination.toLocalFile();
   record.format = outputFormat_;
   record.sizeBytes = data.size();
-  record.date = QDateTime::currentDateTimeUtc();
+  record.date = ExportHistory::now();
   ExportRecordList history = exportHistory_;
   history.insert(history.begin(), std::move(record));
   setExportHistory(std::move(history));

@@ -2,12 +2,25 @@
 
 #include <QJsonDocument>
 #include <algorithm>
+#include <chrono>
 #include <QJsonObject>
 
 #include "records/JSONFileStore.h"
 #include "records/JsonForms.h"
 
+namespace quillane {
+
+QDateTime ExportRecord::dateTime() const { return JsonForms::dateFromSecondsSince2001(date); }
+
+}  // namespace quillane
+
 namespace quillane::ExportHistory {
+
+double now() {
+  using namespace std::chrono;
+  const auto sinceEpoch = duration<double>(system_clock::now().time_since_epoch()).count();
+  return sinceEpoch - double(JsonForms::secondsFrom1970To2001);
+}
 
 bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& record) {
   // The list is newest first: of two exports within one clock tick, the earlier entry is the later export.
@@ -26,7 +39,7 @@ JsonValue toJson(const ExportRecord& record) {
   object.set("destinationURL", JsonForms::fileURL(record.destinationURL));
   object.set("format", JsonForms::format(record.format));
   object.set("sizeBytes", JsonForms::integer(record.sizeBytes));
-  object.set("date", JsonForms::date(record.date));
+  object.set("date", JsonValue(record.date));
   return object;
 }
 
@@ -39,7 +52,7 @@ ExportRecord fromJson(const QJsonObject& object) {
   record.destinationURL = JsonForms::requireFileURL(object, QStringLiteral("destinationURL"));
   record.format = JsonForms::requireFormat(object, QStringLiteral("format"));
   record.sizeBytes = JsonForms::requireInteger(object, QStringLiteral("sizeBytes"));
-  record.date = JsonForms::requireDate(object, QStringLiteral("date"));
+  record.date = JsonForms::requireDateSeconds(object, QStringLiteral("date"));
   return record;
 }
 

@@ -24,8 +24,12 @@ struct ExportRecord {
   QString destinationURL;     // the written file as a local path; a file URL in JSON
   ImageFormat format = ImageFormat::jpeg;
   qint64 sizeBytes = 0;
-  QDateTime date;
+  // Seconds since 2001-01-01 00:00:00 UTC at the system clock's precision (what the file holds),
+  // so that two exports within one millisecond still have an order by date.
+  double date = 0;
 
+  // The date for display, to the millisecond.
+  QDateTime dateTime() const;
   bool operator==(const ExportRecord&) const = default;
 };
 
@@ -34,6 +38,9 @@ using ExportRecordList = std::vector<ExportRecord>;
 namespace ExportHistory {
 
 inline constexpr char fileName[] = "exportHistory.json";
+
+// The system clock now, in seconds since 2001-01-01 00:00:00 UTC.
+double now();
 
 // True when another entry (another id) has the same destination and a later date, or the
 // same date and a place nearer the front of `history` (newest first): a newer export

@@ -13,7 +13,7 @@ namespace quillane::JsonForms {
 namespace {
 
 // 2001-01-01T00:00:00Z in milliseconds since 1970.
-constexpr qint64 referenceDateMSecs = 978307200000LL;
+constexpr qint64 referenceDateMSecs = secondsFrom1970To2001 * 1000;
 
 [[noreturn]] void fail(const QString& key, const char* what) {
   throw DecodingError(key.toStdString() + ": " + what);
@@ -118,11 +118,15 @@ ImageFormat requireFormat(const QJsonObject& object, const QString& key) {
   return *format;
 }
 
-QDateTime requireDate(const QJsonObject& object, const QString& key) {
+double requireDateSeconds(const QJsonObject& object, const QString& key) {
   const double seconds = requireDouble(object, key);
   // Beyond a few hundred thousand years the millisecond count would overflow.
   if (!std::isfinite(seconds) || std::fabs(seconds) > 1e13) fail(key, "date out of range");
-  return dateFromSecondsSince2001(seconds);
+  return seconds;
+}
+
+QDateTime requireDate(const QJsonObject& object, const QString& key) {
+  return dateFromSecondsSince2001(requireDateSeconds(object, key));
 }
 
 QString requireFileURL(const QJsonObject& object, const QString& key) {

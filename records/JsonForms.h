@@ -37,6 +37,7 @@ QString uuidText(const QUuid& id);              // "6F9619FF-8B86-D011-B42D-00C0
 QString fileURLText(const QString& localPath);  // "file:///home/a/My%20Pictures"
 double secondsSince2001(const QDateTime& when);
 QDateTime dateFromSecondsSince2001(double seconds);  // UTC, millisecond precision
+inline constexpr qint64 secondsFrom1970To2001 = 978307200;
 
 JsonValue string(const QString& text);
 JsonValue uuid(const QUuid& id);
@@ -55,6 +56,7 @@ std::optional<bool> optionalBool(const QJsonObject& object, const QString& key);
 QUuid requireUUID(const QJsonObject& object, const QString& key);  // 8-4-4-4-12 hex, either case
 ImageFormat requireFormat(const QJsonObject& object, const QString& key);
 QDateTime requireDate(const QJsonObject& object, const QString& key);
+double requireDateSeconds(const QJsonObject& object, const QString& key);  // the stored value itself
 // A "file:" URL, given back as its local path. A bare absolute path is taken as it stands.
 QString requireFileURL(const QJsonObject& object, const QString& key);
 std::optional<QString> optionalFileURL(const QJsonObject& object, const QString& key);
