@@ -25,6 +25,7 @@
 #include "batch/BatchViewModel.h"
 #include "batch/ExportFilenameAllocator.h"
 #include "engine/ImageCompressor.h"
+#include "engine/ImageDecoder.h"
 #include "engine/ImageFormat.h"
 #include "engine/ImageService.h"
 #include "engine/Localization.h"
@@ -162,31 +163,13 @@ uint64_t physicalMemoryBytes() {
   return pages > 0 && pageSize > 0 ? uint64_t(pages) * uint64_t(pageSize) : 0;
 }
 
-// The megabytes a file claims, from the dimensions in its first 256 KiB; a file whose header
-// can't be read there (or that is no regular file, which is not read ahead at all) claims
-// the whole budget and so runs alone.
+// The megabytes a file claims, from the dimensions in its header; a file whose header can't
+// be read in its first bytes (or that is no regular file, which is not read ahead at all)
+// claims the whole budget and so runs alone.
 int memoryCostMB(const std::string& path) {
-  constexpr int kWhole = std::numeric_limits<int>::max();
-  struct stat st {};
-  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return kWhole;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return kWhole;
-  std::vector<uint8_t> head(256 * 1024);
-  size_t filled = 0;
-  while (filled < head.size()) {
-    const ssize_t n = ::read(fd, head.data() + filled, head.size() - filled);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    filled += size_t(n);
-  }
-  ::close(fd);
-  head.resize(filled);
-  try {
-    const auto properties = ImageService::properties(head);
-    if (properties) return BatchViewModel::encodeCostMB(properties->width, properties->height);
-  } catch (const std::exception&) {
-  }
-  return kWhole;
+  const auto header = ImageDecoder::readHeader(path);
+  if (header) return BatchViewModel::encodeCostMB(header->width, header->height);
+  return std::numeric_limits<int>::max();
 }
 
 // Runs job(0) ... job(count - 1) on as many threads as there are processors, within the

@@ -17,7 +17,6 @@
 #include "batch/BatchViewModelPrivate.h"
 #include "engine/Errors.h"
 #include "engine/Cancellation.h"
-#include "engine/FileIO.h"
 
 namespace quillane {
 
@@ -199,16 +198,17 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
   });
   watchdog->start(options_.watchdog);
 
+  SourceReader reader = options_.reader;
   Encoder encoder = options_.encoder;
   const std::string path = image->sourcePath().toStdString();
   const ImageFormat format = task->format;
   const double quality = task->quality;
   QtConcurrent::run(encodePool_.get(),
-                    [workEnded, encoder, path, format, quality, label, cancel]() -> EncodeResult {
+                    [workEnded, reader, encoder, path, format, quality, label, cancel]() -> EncodeResult {
                       EncodeResult result;
                       Cancellation::Scope scope(cancel.get());
                       try {
-                        const std::vector<uint8_t> source = FileIO::readFile(path);
+                        const std::vector<uint8_t> source = reader(path);
                         const std::vector<uint8_t> bytes = encoder(source, format, quality);
                         result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
                       } catch (...) {
@@ -255,9 +255,9 @@ void BatchViewModel::schedulePassthrough(const std::shared_ptr<ImportedImage>& i
   const QString path = image->sourcePath();
   std::weak_ptr<ImportedImage> weakImage = image;
   QtConcurrent::run(encodePool_.get(),
-                    [path]() -> QByteArray {
+                    [reader = options_.reader, path]() -> QByteArray {
                       try {
-                        const std::vector<uint8_t> bytes = FileIO::readFile(QFile::encodeName(path).toStdString());
+                        const std::vector<uint8_t> bytes = reader(QFile::encodeName(path).toStdString());
                         return QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
                       } catch (...) {
                         return {};

@@ -43,6 +43,7 @@ QString describeCurrentException(const QString& fallback) {
 BatchViewModel::BatchViewModel(QObject* parent) : BatchViewModel(Options{}, parent) {}
 
 BatchViewModel::BatchViewModel(Options options, QObject* parent) : QObject(parent), options_(std::move(options)) {
+  if (!options_.reader) options_.reader = &ImageDecoder::readSource;
   if (!options_.encoder) options_.encoder = &ImageCompressor::encodeData;
   if (!options_.inspector) options_.inspector = &ImageDecoder::inspect;
   const int processors = options_.processorCount > 0 ? options_.processorCount : QThread::idealThreadCount();

@@ -84,13 +84,16 @@ class BatchViewModel : public QObject {
  public:
   // GUI thread only: every member below, unless it says otherwise.
 
-  // The engine seams: encoding of a whole source file, and inspection of one path. Both are
-  // called on pool threads and report failure by throwing (QuillaneError for a described one).
+  // The engine seams: reading a source file whole, encoding it, and inspection of one path.
+  // All are called on pool threads and report failure by throwing (QuillaneError for a
+  // described one).
+  using SourceReader = std::function<std::vector<uint8_t>(const std::string& path)>;
   using Encoder = std::function<std::vector<uint8_t>(std::span<const uint8_t> fileData, ImageFormat format,
                                                      double quality)>;
   using Inspector = std::function<ImageDecoder::LightDecodedImage(const std::string& path)>;
 
   struct Options {
+    SourceReader reader;              // empty: ImageDecoder::readSource
     Encoder encoder;                  // empty: ImageCompressor::encodeData
     Inspector inspector;              // empty: ImageDecoder::inspect
     int processorCount = 0;           // 0 or less: QThread::idealThreadCount()

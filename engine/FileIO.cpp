@@ -82,9 +82,10 @@ int createTemporary(const std::string& folder, std::string& tmp) {
   errno = EEXIST;
   return -1;
 }
-}  // namespace
 
-std::vector<uint8_t> readFile(const std::string& path, const HeadCheck& check, size_t headBytes) {
+// The whole file, at most the size it had when opened, its head shown to `check` first; or
+// only the head when `headOnly`.
+std::vector<uint8_t> readRegular(const std::string& path, const HeadCheck& check, size_t headBytes, bool headOnly) {
   Fd f;
   f.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (f.fd < 0) {
@@ -112,13 +113,19 @@ std::vector<uint8_t> readFile(const std::string& path, const HeadCheck& check, s
       if (n == 0) return;
     }
   };
-  if (check) {
-    readUpTo(std::min(size, headBytes));
-    check(std::span<const uint8_t>(data));
-  }
+  if (check || headOnly) readUpTo(std::min(size, headBytes));
+  if (headOnly) return data;
+  if (check) check(std::span<const uint8_t>(data), uint64_t(size));
   readUpTo(size);
   return data;
 }
+}  // namespace
+
+std::vector<uint8_t> readFile(const std::string& path, const HeadCheck& check, size_t headBytes) {
+  return readRegular(path, check, headBytes, false);
+}
+
+std::vector<uint8_t> readHead(const std::string& path, size_t headBytes) { return readRegular(path, {}, headBytes, true); }
 
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes) {
   const std::string folder = folderOf(path);

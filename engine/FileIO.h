@@ -17,9 +17,9 @@ class NotARegularFile : public FileError {
   explicit NotARegularFile(const std::string& path) : FileError(path, "not a regular file") {}
 };
 
-// Sees the first bytes of a file (at most `headBytes` of readFile) before the rest is read,
-// and throws to refuse the file.
-using HeadCheck = std::function<void(std::span<const uint8_t> head)>;
+// Sees the first bytes of a file (at most `headBytes` of readFile) and the file's size before
+// the rest is read, and throws to refuse the file.
+using HeadCheck = std::function<void(std::span<const uint8_t> head, uint64_t fileSize)>;
 
 // Reads a regular file whole, at most the size it had when opened. Anything else is refused
 // at once, without blocking: the path is opened non-blocking and the opened descriptor is
@@ -27,6 +27,9 @@ using HeadCheck = std::function<void(std::span<const uint8_t> head)>;
 // is never read. Throws NotARegularFile for those, FileError with the system's text for the
 // rest, and whatever `check` throws.
 std::vector<uint8_t> readFile(const std::string& path, const HeadCheck& check = {}, size_t headBytes = 64);
+
+// The first `headBytes` of a regular file (fewer when it is shorter), refused as readFile refuses.
+std::vector<uint8_t> readHead(const std::string& path, size_t headBytes);
 
 // The one writer of every file the program makes. Writes to a temporary file in the same
 // folder, named ".quillane-XXXXXX.tmp" (short, so that final names of up to 255 bytes work,

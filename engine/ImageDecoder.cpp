@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "engine/Errors.h"
 #include "engine/FileIO.h"
 #include "engine/ImageService.h"
@@ -22,14 +24,39 @@ std::optional<std::vector<uint8_t>> readAll(const std::string& path) {
 
 }  // namespace
 
+std::optional<ImageService::Properties> readHeader(const std::string& path) {
+  try {
+    return ImageService::properties(FileIO::readHead(path, kHeaderBytes));
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+uint64_t maxSourceBytes(const std::optional<ImageService::Properties>& header) {
+  // Room for metadata (EXIF, XMP, colour profiles, embedded previews) beside the pixels. A
+  // file whose header lies beyond the first kHeaderBytes (long metadata before it, HEIF's
+  // media data before its boxes) is taken up to this much alone.
+  constexpr uint64_t kMetadataAllowance = 64ull << 20;
+  // An animation holds many frames of its size, which its first bytes don't count: it is
+  // taken up to 1 GiB, minutes of honest animation, and only its first frame is decoded.
+  constexpr uint64_t kAnimationAllowance = 1ull << 30;
+  if (!header || header->width <= 0 || header->height <= 0) return kMetadataAllowance;
+  // 8 bytes a pixel is 16-bit RGBA stored uncompressed, the most any of the six formats
+  // needs for a pixel; real files are far smaller.
+  const uint64_t still = uint64_t(header->width) * uint64_t(header->height) * 8 + kMetadataAllowance;
+  return header->frameCount > 1 ? std::max(still, kAnimationAllowance) : still;
+}
+
 std::vector<uint8_t> readSource(const std::string& path) {
   try {
     return FileIO::readFile(
         path,
-        [&path](std::span<const uint8_t> head) {
+        [&path](std::span<const uint8_t> head, uint64_t fileSize) {
           if (!ImageFormats::detect(head)) throw ImageProcessingError::decodingFailed("not one of the six formats: " + path);
+          if (fileSize > maxSourceBytes(ImageService::properties(head)))
+            throw ImageProcessingError::decodingFailed("larger than its pixels can take: " + path);
         },
-        ImageService::kSniffBytes);
+        kHeaderBytes);
   } catch (const FileIO::NotARegularFile& e) {
     throw ImageProcessingError::decodingFailed(e.what());
   }

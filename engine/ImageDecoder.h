@@ -10,6 +10,7 @@
 
 #include "engine/DecodedImage.h"
 #include "engine/ImageFormat.h"
+#include "engine/ImageService.h"
 
 namespace quillane {
 
@@ -30,10 +31,22 @@ struct DecodedSource {
   int frameCount = 1;
 };
 
-// Reads an image file whole for decoding: refuses at once what is not a regular file, and
-// what does not start as one of the six formats before reading the rest. Throws
+// Leading bytes that hold the dimensions of an ordinary file of any of the six formats.
+inline constexpr size_t kHeaderBytes = 256 * 1024;
+
+// The header of image 0 from the first kHeaderBytes of a regular file, without reading the
+// rest. Nothing when it is not a regular file, can't be read or has no header there.
+std::optional<ImageService::Properties> readHeader(const std::string& path);
+
+// Reads an image file whole for decoding. Refuses at once what is not a regular file; from
+// its first kHeaderBytes, what does not start as one of the six formats, and a file larger
+// than its pixels can honestly take (maxSourceBytes), before reading the rest. Throws
 // ImageProcessingError::decodingFailed for those, FileError when the file can't be read.
 std::vector<uint8_t> readSource(const std::string& path);
+
+// The largest file taken for a picture with this header, or for one whose header was not
+// found in the first kHeaderBytes: memory for a source follows its pixels, never its size.
+uint64_t maxSourceBytes(const std::optional<ImageService::Properties>& header);
 
 // Reads headers and makes a thumbnail; never decodes the full picture where the codec can
 // decode at a reduced scale. Throws ImageProcessingError::decodingFailed.

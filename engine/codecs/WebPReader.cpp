@@ -104,11 +104,20 @@ DecodedImage decodeFirstFrame(const WebPDemuxer* demux, bool alpha, int minLongS
 
 std::optional<Properties> webpProperties(Input bytes) {
   DemuxPtr demux = demuxer(bytes);
-  if (!demux) return std::nullopt;
+  const bool whole = bool(demux);
+  if (!whole) {
+    // The first bytes of a longer file: the canvas is in the header, the frames are those
+    // seen so far, and an animation counts as one even when only its first frame was seen.
+    WebPData data{bytes.data(), bytes.size()};
+    WebPDemuxState state = WEBP_DEMUX_PARSE_ERROR;
+    demux = DemuxPtr(WebPDemuxPartial(&data, &state));
+    if (!demux || state < WEBP_DEMUX_PARSED_HEADER) return std::nullopt;
+  }
   Properties props;
   props.width = int(WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_WIDTH));
   props.height = int(WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_HEIGHT));
   props.frameCount = std::max(1, int(WebPDemuxGetI(demux.get(), WEBP_FF_FRAME_COUNT)));
+  if (!whole && (WebPDemuxGetI(demux.get(), WEBP_FF_FORMAT_FLAGS) & ANIMATION_FLAG)) props.frameCount = std::max(props.frameCount, 2);
   if (props.width <= 0 || props.height <= 0) return std::nullopt;
   ChunkGuard exif(demux.get(), "EXIF");
   if (exif.found) props.orientation = Exif::orientation(exif.bytes());

@@ -21,7 +21,8 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   writeBytes(path("pattern.png"), PNGWriter::writeIndexedPNG(64, 48, indices, palette, std::nullopt));
 
   auto o = options();
-  o.encoder = nullptr;  // the real seams
+  o.reader = nullptr;  // the real seams
+  o.encoder = nullptr;
   o.inspector = nullptr;
   auto& model = makeModel(o);
   import({QUrl::fromLocalFile(dir_.filePath("pattern.png")), source("notes.png", "this is not an image")});

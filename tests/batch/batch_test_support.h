@@ -19,6 +19,7 @@
 #include "batch/BatchViewModel.h"
 #include "engine/Cancellation.h"
 #include "engine/Errors.h"
+#include "engine/FileIO.h"
 #include "records/JSONFileStore.h"
 
 namespace quillane::testing {
@@ -52,6 +53,7 @@ class BatchFixture : public ::testing::Test {
 
   BatchViewModel::Options options() {
     BatchViewModel::Options o;
+    o.reader = [](const std::string& path) { return FileIO::readFile(path); };  // the sources are not images
     o.encoder = [this](std::span<const uint8_t> data, ImageFormat format, double quality) {
       std::unique_lock lock(mutex_);
       const std::string source(data.begin(), data.end());

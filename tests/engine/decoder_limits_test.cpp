@@ -233,6 +233,24 @@ TEST_F(Bombs, WhatIsNotARegularImageFileIsRefusedWithoutReadingIt) {
   close(sock);
 }
 
+TEST_F(Bombs, AFileLargerThanItsPixelsCanTakeIsRefusedBeforeItsBodyIsRead) {
+  // A valid 64 x 64 PNG followed by 3 GB of holes: refused from its header, never read whole.
+  const std::string path = dir.file("sparse.png");
+  testing::writeBytes(path, fixtures::png(fixtures::quadrants(64, 64)));
+  ASSERT_EQ(truncate(path.c_str(), 3ll << 30), 0);
+  expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
+    alarm(10);
+    const auto result = ImageCompressor::compress(path, dir.path(), ImageFormat::jpeg, 70, "out.jpg");
+    return refusedAsUndecodable([&] { ImageDecoder::readSource(path); }) &&
+           refusedAsUndecodable([&] { ImageDecoder::inspect(path); }) &&
+           result.error == ImageProcessingError::decodingFailed().description();
+  });
+  // The header alone still gives the size that schedules the file.
+  const auto header = ImageDecoder::readHeader(path);
+  ASSERT_TRUE(header);
+  EXPECT_EQ(header->width, 64);
+}
+
 TEST(Cancellation, ARaisedFlagStopsADecodeAndOnlyOnItsOwnThread) {
   const Bytes png = fixtures::png(testing::makeImage(300, 200, testing::Pattern::photo));
   const Bytes jpeg = fixtures::jpeg(testing::makeImage(300, 200, testing::Pattern::photo), {.progressive = true});

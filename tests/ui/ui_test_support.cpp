@@ -9,6 +9,7 @@
 #include <QStandardPaths>
 
 #include "engine/Errors.h"
+#include "engine/FileIO.h"
 #include "engine/Localization.h"
 #include "records/JSONFileStore.h"
 #include "services/AppLanguage.h"
@@ -49,6 +50,7 @@ void UiFixture::TearDown() {
 
 BatchViewModel::Options UiFixture::options() {
   BatchViewModel::Options o;
+  o.reader = [](const std::string& path) { return FileIO::readFile(path); };  // the sources are not images
   o.encoder = [this](std::span<const uint8_t> data, ImageFormat, double quality) {
     const std::string content(data.begin(), data.end());
     return encode(content.substr(0, content.find('\n')), quality);
