@@ -4,7 +4,6 @@
 // memory or a hung test.
 
 #include <gtest/gtest.h>
-#include <jpeglib.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -81,35 +80,6 @@ Bytes blackPng(uint32_t size, bool interlaced) {
   return png;
 }
 
-// A grey baseline JPEG of `size` x `size`, flat and arithmetic-coded (a few hundred bytes),
-// padded with comments to 120 KB so that it looks like ordinary data density.
-Bytes flatJpeg(int size) {
-  jpeg_compress_struct cinfo;
-  jpeg_error_mgr err;
-  cinfo.err = jpeg_std_error(&err);
-  jpeg_create_compress(&cinfo);
-  unsigned char* buffer = nullptr;
-  unsigned long length = 0;
-  jpeg_mem_dest(&cinfo, &buffer, &length);
-  cinfo.image_width = JDIMENSION(size);
-  cinfo.image_height = JDIMENSION(size);
-  cinfo.input_components = 1;
-  cinfo.in_color_space = JCS_GRAYSCALE;
-  jpeg_set_defaults(&cinfo);
-  cinfo.arith_code = TRUE;
-  jpeg_start_compress(&cinfo, TRUE);
-  const std::vector<JOCTET> comment(60000, ' ');
-  for (int i = 0; i < 2; ++i) jpeg_write_marker(&cinfo, JPEG_COM, comment.data(), unsigned(comment.size()));
-  std::vector<JSAMPLE> row(size_t(size), 128);
-  JSAMPROW rows[1] = {row.data()};
-  while (cinfo.next_scanline < cinfo.image_height) jpeg_write_scanlines(&cinfo, rows, 1);
-  jpeg_finish_compress(&cinfo);
-  jpeg_destroy_compress(&cinfo);
-  Bytes out(buffer, buffer + length);
-  std::free(buffer);
-  return out;
-}
-
 // An animation of one 1 x 1 frame on a 16383 x 16383 canvas: a couple of hundred bytes.
 Bytes hugeCanvasWebp() {
   const Bytes pixel = fixtures::webp(fixtures::quadrants(1, 1), {.lossless = true});
@@ -177,7 +147,7 @@ TEST_F(Bombs, InspectUnderOneGigabyteAndRefuseTheFullDecodeBeforeAllocating) {
   };
   const Bomb bombs[] = {{"bomb.png", blackPng(22000, false), 22000},
                         {"interlaced.png", blackPng(22000, true), 22000},
-                        {"bomb.jpg", flatJpeg(22000), 22000},
+                        {"bomb.jpg", fixtures::arithmeticGreyJpeg(22000, 22000, 128, 120000), 22000},
                         {"canvas.webp", hugeCanvasWebp(), 16383}};
   for (const Bomb& bomb : bombs) {
     SCOPED_TRACE(bomb.name);

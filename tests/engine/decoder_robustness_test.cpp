@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <jpeglib.h>
 #include <random>
 
 #include "engine/Errors.h"
@@ -126,32 +125,6 @@ TEST(OversizedHeaders, AreRefusedBeforeAnyPixelMemory) {
   expectRefusedForSize(jpeg);
 }
 
-// A flat grey picture, arithmetic-coded: a few hundred bytes for millions of pixels.
-Bytes arithmeticGreyJpeg(int width, int height) {
-  jpeg_compress_struct cinfo;
-  jpeg_error_mgr errors;
-  cinfo.err = jpeg_std_error(&errors);
-  jpeg_create_compress(&cinfo);
-  unsigned char* out = nullptr;
-  unsigned long size = 0;
-  jpeg_mem_dest(&cinfo, &out, &size);
-  cinfo.image_width = JDIMENSION(width);
-  cinfo.image_height = JDIMENSION(height);
-  cinfo.input_components = 1;
-  cinfo.in_color_space = JCS_GRAYSCALE;
-  jpeg_set_defaults(&cinfo);
-  cinfo.arith_code = TRUE;
-  jpeg_start_compress(&cinfo, TRUE);
-  std::vector<uint8_t> row(size_t(width), 90);
-  JSAMPROW rows[1] = {row.data()};
-  while (cinfo.next_scanline < cinfo.image_height) jpeg_write_scanlines(&cinfo, rows, 1);
-  jpeg_finish_compress(&cinfo);
-  jpeg_destroy_compress(&cinfo);
-  Bytes file(out, out + size);
-  std::free(out);
-  return file;
-}
-
 TEST(ValidJpegs, APartlyDownloadedPhotoAndAFlatArithmeticCodedOneDecode) {
   const DecodedImage photo = testing::makeImage(64, 64, testing::Pattern::photo, 3);
   const Bytes full = fixtures::jpeg(photo, {.quality = 90});
@@ -162,7 +135,7 @@ TEST(ValidJpegs, APartlyDownloadedPhotoAndAFlatArithmeticCodedOneDecode) {
   // What arrived is shown as it is.
   EXPECT_TRUE(std::equal(whole.pixels8.begin(), whole.pixels8.begin() + 64 * 4 * 8, partial.pixels8.begin()));
 
-  const Bytes flat = arithmeticGreyJpeg(6000, 6000);
+  const Bytes flat = fixtures::arithmeticGreyJpeg(6000, 6000);
   ASSERT_LT(flat.size(), 4000u);
   const DecodedImage grey = ImageService::decodeFirstFrame(flat);
   EXPECT_EQ(grey.width, 6000);

@@ -4,11 +4,13 @@
 #include "tests/support/CodecFixtures.h"
 
 #include <lcms2.h>
+#include <jpeglib.h>
 #include <turbojpeg.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -196,6 +198,34 @@ Bytes jpeg(const DecodedImage& image, const JpegOptions& options) {
   }
   return options.grey ? compressTurbo(samples.data(), image.width, image.height, TJPF_GRAY, TJSAMP_GRAY, options)
                       : compressTurbo(samples.data(), image.width, image.height, TJPF_RGBA, TJSAMP_444, options);
+}
+
+Bytes arithmeticGreyJpeg(int width, int height, uint8_t value, size_t commentBytes) {
+  jpeg_compress_struct cinfo;
+  jpeg_error_mgr errors;
+  cinfo.err = jpeg_std_error(&errors);
+  jpeg_create_compress(&cinfo);
+  unsigned char* out = nullptr;
+  unsigned long size = 0;
+  jpeg_mem_dest(&cinfo, &out, &size);
+  cinfo.image_width = JDIMENSION(width);
+  cinfo.image_height = JDIMENSION(height);
+  cinfo.input_components = 1;
+  cinfo.in_color_space = JCS_GRAYSCALE;
+  jpeg_set_defaults(&cinfo);
+  cinfo.arith_code = TRUE;
+  jpeg_start_compress(&cinfo, TRUE);
+  const std::vector<JOCTET> comment(std::min<size_t>(commentBytes, 65000), ' ');
+  for (size_t written = 0; written < commentBytes; written += comment.size())
+    jpeg_write_marker(&cinfo, JPEG_COM, comment.data(), unsigned(comment.size()));
+  std::vector<JSAMPLE> row(size_t(width), value);
+  JSAMPROW rows[1] = {row.data()};
+  while (cinfo.next_scanline < cinfo.image_height) jpeg_write_scanlines(&cinfo, rows, 1);
+  jpeg_finish_compress(&cinfo);
+  jpeg_destroy_compress(&cinfo);
+  Bytes file(out, out + size);
+  std::free(out);
+  return file;
 }
 
 Bytes cmykJpeg(int width, int height, const Bytes& cmyk, const Bytes& icc) {

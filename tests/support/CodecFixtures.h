@@ -53,6 +53,9 @@ struct JpegOptions {
 };
 // TurboJPEG, 4:4:4; the alpha of `image` is dropped.
 Bytes jpeg(const DecodedImage& image, const JpegOptions& options = {});
+// A flat grey JPEG (every sample `value`), arithmetic-coded: a few hundred bytes for millions
+// of pixels; `commentBytes` of COM markers pad it to an ordinary-looking density.
+Bytes arithmeticGreyJpeg(int width, int height, uint8_t value = 90, size_t commentBytes = 0);
 // A CMYK JPEG of `cmyk` (C, M, Y, K a pixel, 255 = full ink), stored inverted as Adobe does.
 Bytes cmykJpeg(int width, int height, const Bytes& cmyk, const Bytes& icc = {});
 
