@@ -164,6 +164,10 @@ void HotFolderWatcher::scanOnce() {
   for (auto it = known.constBegin(); it != known.constEnd(); ++it) {
     if (!seenNames.contains(it.key())) stale.append(it.key());
   }
+  // An empty listing prunes nothing: it is what an unmounted volume's mount point, or a share
+  // that is not there yet, looks like, and forgetting its files would compress them all again
+  // when it comes back. A folder really emptied drops its memory at the next listing with a file.
+  if (listing->empty()) stale.clear();
   if (candidates.empty()) {
     if (!stale.isEmpty()) HotFolderProcessedStore::pruneProcessedState(id, stale);
     return;

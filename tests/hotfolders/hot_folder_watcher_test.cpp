@@ -155,6 +155,30 @@ TEST_F(HotFolderWatcherTest, MemoryAcrossRestartsTakesOnlyChangedAndRenamedFiles
             (QStringList{"change.jpg", "keep.jpg", "renamed.jpg"}));
 }
 
+// What an unmounted volume's mount point looks like at start: the folder is there and empty.
+// Its memory must survive, or every file would be compressed again once the volume is back.
+TEST_F(HotFolderWatcherTest, AnEmptyListingKeepsTheMemoryAndAListingWithFilesPrunesIt) {
+  for (const char* name : {"a.jpg", "b.jpg"}) putImage(name);
+  const HotFolder hotFolder = folder();
+  Reports& reports = newReports();
+  auto watcher = watch(hotFolder, reports);
+  watcher->scanOnce();
+  ASSERT_EQ(reports.lines().size(), 2u);
+
+  const QString away = temp_.path() + QStringLiteral("/away");
+  ASSERT_TRUE(QDir().rename(source_, away));
+  ASSERT_TRUE(QDir().mkpath(source_));
+  watcher->scanOnce();
+  EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).keys(), (QStringList{"a.jpg", "b.jpg"}));
+
+  ASSERT_TRUE(QDir(source_).removeRecursively());
+  ASSERT_TRUE(QDir().rename(away, source_));
+  ASSERT_EQ(::unlink(pathOf("b.jpg").c_str()), 0);
+  watcher->scanOnce();
+  EXPECT_EQ(reports.lines().size(), 2u);  // nothing taken again
+  EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).keys(), QStringList{"a.jpg"});
+}
+
 TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderAndIgnoresWhatIsNoImage) {
   for (const char* name : {"a.webp", "a.png", "a.jpeg"}) putImage(name);  // JPEG bytes whatever the name
   writeBytes(pathOf("notes.jpg"), {'h', 'e', 'l', 'l', 'o'});
