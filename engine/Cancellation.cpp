@@ -4,13 +4,15 @@
 
 namespace quillane::Cancellation {
 namespace {
-thread_local const Flag* current = nullptr;
+thread_local const Flag* installed = nullptr;
 }
 
-Scope::Scope(const Flag* flag) noexcept : previous_(current) { current = flag; }
-Scope::~Scope() { current = previous_; }
+Scope::Scope(const Flag* flag) noexcept : previous_(installed) { installed = flag; }
+Scope::~Scope() { installed = previous_; }
 
-bool requested() noexcept { return current && current->load(std::memory_order_relaxed); }
+bool requested() noexcept { return installed && installed->load(std::memory_order_relaxed); }
+
+const Flag* current() noexcept { return installed; }
 
 void check() {
   if (requested()) throw ImageProcessingError::decodingFailed("cancelled");

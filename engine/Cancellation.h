@@ -1,10 +1,20 @@
 #pragma once
 // Cooperative cancellation of long engine work on the calling thread. A caller that may give
 // up on a call (the batch's watchdog) owns an atomic flag and installs it for the call with a
-// Scope; the readers poll it where their libraries let them (libjpeg's progress monitor,
-// libpng's rows, libjxl's parallel runner; libheif, libavif and libwebp offer no such hook)
-// and the pipeline between its stages. A raised flag ends the call with
-// ImageProcessingError::decodingFailed.
+// Scope. The pipeline polls it between its stages, and the codecs where their libraries let
+// them:
+// - decoding: libjpeg's progress monitor (between scans and rows), libpng's rows, libjxl's
+//   parallel runner (between its work items), libwebp's incremental decoder (between slices
+//   of the input, so a picture that expands hugely from few bytes still finishes its slice);
+// - encoding: libwebp's progress hook, libjxl's parallel runner, libimagequant's progress
+//   callbacks (quantizing and remapping), and our own PNG writer between rows and deflate
+//   blocks.
+// The others offer nothing that stops a call once started: libheif 1.15's decode progress
+// callbacks return void, its encode (x265 for HEIC) has no callback at all, and libavif 0.11
+// has none for decoding or for encoding through aom; those calls run to their end and their
+// result is dropped.
+// A raised flag ends the call with ImageProcessingError::decodingFailed("cancelled"), with
+// every library object released on the way out.
 
 #include <atomic>
 
@@ -28,5 +38,11 @@ class Scope {
 bool requested() noexcept;
 // Throws ImageProcessingError::decodingFailed("cancelled") when requested().
 void check();
+// This thread's flag (nullptr when none), for library callbacks that may run on other
+// threads: they test it with raised().
+const Flag* current() noexcept;
+inline bool raised(const void* flag) noexcept {
+  return flag && static_cast<const Flag*>(flag)->load(std::memory_order_relaxed);
+}
 
 }  // namespace quillane::Cancellation

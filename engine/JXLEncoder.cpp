@@ -1,6 +1,6 @@
 // JPEG XL through libjxl: pixels encoded lossily or losslessly, and JPEG files repackaged
 // without going through pixels. Each call owns one encoder, with the default memory manager
-// and no parallel runner, destroyed on every path.
+// and a serial runner that stops when the call is cancelled, destroyed on every path.
 
 #include <jxl/encode.h>
 #include <jxl/encode_cxx.h>
@@ -8,9 +8,12 @@
 #include <algorithm>
 #include <string>
 
+#include "engine/Cancellation.h"
 #include "engine/Encoders.h"
 #include "engine/Errors.h"
 #include "engine/Exif.h"
+#include "engine/JxlRunner.h"
+#include "engine/codecs/QuietStderr.h"
 
 namespace quillane::JXLEncoder {
 namespace {
@@ -21,8 +24,21 @@ ImageProcessingError jxlFailed(const std::string& call) {
   return ImageProcessingError::encodingFailed("JPEG XL", call + " failed");
 }
 
+// A failure caused by a raised cancellation flag is reported as the cancellation.
 void check(JxlEncoderStatus status, const char* call) {
-  if (status != JXL_ENC_SUCCESS) throw jxlFailed(call);
+  if (status == JXL_ENC_SUCCESS) return;
+  Cancellation::check();
+  throw jxlFailed(call);
+}
+
+// libjxl prints its failures, a cancelled encode's included; callers hold a QuietStderr.
+JxlEncoderPtr makeEncoder() {
+  JxlEncoderPtr encoder = JxlEncoderMake(nullptr);
+  if (!encoder) throw jxlFailed("JxlEncoderCreate");
+  check(JxlEncoderSetParallelRunner(encoder.get(), JxlRunner::runCancellably,
+                                    const_cast<Cancellation::Flag*>(Cancellation::current())),
+        "JxlEncoderSetParallelRunner");
+  return encoder;
 }
 
 Bytes stripAlpha(const RGBABuffer& rgba) {
@@ -48,7 +64,10 @@ Bytes drainOutput(JxlEncoder* encoder) {
     const size_t written = buffer.size() - available;
     result.insert(result.end(), buffer.begin(), buffer.begin() + ptrdiff_t(written));
     if (status == JXL_ENC_SUCCESS) return result;
-    if (status != JXL_ENC_NEED_MORE_OUTPUT || written == 0) throw jxlFailed("JxlEncoderProcessOutput");
+    if (status != JXL_ENC_NEED_MORE_OUTPUT || written == 0) {
+      Cancellation::check();
+      throw jxlFailed("JxlEncoderProcessOutput");
+    }
   }
 }
 
@@ -111,8 +130,8 @@ Bytes transcode(std::span<const uint8_t> jpeg, int effort) {
   const auto header = readJPEGHeader(jpeg);
   if (!header || header->precision != 8 || (header->components != 1 && header->components != 3))
     throw jxlFailed("JPEG not repackageable");
-  JxlEncoderPtr encoder = JxlEncoderMake(nullptr);
-  if (!encoder) throw jxlFailed("JxlEncoderCreate");
+  codecs::QuietStderr quiet;
+  JxlEncoderPtr encoder = makeEncoder();
   check(JxlEncoderUseContainer(encoder.get(), JXL_TRUE), "JxlEncoderUseContainer");
   check(JxlEncoderStoreJPEGMetadata(encoder.get(), JXL_TRUE), "JxlEncoderStoreJPEGMetadata");
   JxlEncoderFrameSettings* settings = JxlEncoderFrameSettingsCreate(encoder.get(), nullptr);
@@ -145,8 +164,8 @@ float distance(double quality) {
 Bytes encode(const RGBABuffer& rgba, bool hasAlpha, const EncodingPlan& plan) {
   if (rgba.width <= 0 || rgba.height <= 0 || rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
     throw jxlFailed("pixel size check");
-  JxlEncoderPtr encoder = JxlEncoderMake(nullptr);
-  if (!encoder) throw jxlFailed("JxlEncoderCreate");
+  codecs::QuietStderr quiet;
+  JxlEncoderPtr encoder = makeEncoder();
   JxlEncoderFrameSettings* settings = JxlEncoderFrameSettingsCreate(encoder.get(), nullptr);
   if (!settings) throw jxlFailed("JxlEncoderFrameSettingsCreate");
 
@@ -201,6 +220,7 @@ std::optional<Bytes> transcodeJPEG(std::span<const uint8_t> jpeg, int effort) {
   try {
     return transcode(jpeg, effort);
   } catch (const std::exception&) {
+    Cancellation::check();
     return std::nullopt;  // the caller encodes the decoded pixels instead
   }
 }

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "engine/CHandle.h"
+#include "engine/Cancellation.h"
 #include "engine/Encoders.h"
 #include "engine/Errors.h"
 #include "engine/PNGWriter.h"
@@ -36,20 +37,30 @@ struct Quantized {
   std::vector<PNGWriter::PaletteEntry> palette;
 };
 
+// libimagequant reports progress while it quantizes and remaps; 0 aborts with LIQ_ABORTED.
+int continueUnlessCancelled(float, void* flag) { return Cancellation::raised(flag) ? 0 : 1; }
+
+void failUnlessCancelled(const std::string& call) {
+  Cancellation::check();
+  throw pngFailed(call);
+}
+
 Quantized quantize(liq_attr* attr, const uint8_t* pixels, int width, int height, float dithering) {
   LiqImagePtr image(liq_image_create_rgba(attr, pixels, width, height, 0.0));  // 0: libimagequant's gamma
   if (!image) throw pngFailed("liq_image_create_rgba");
   liq_result* rawResult = nullptr;
   const liq_error status = liq_image_quantize(image.get(), attr, &rawResult);
   LiqResultPtr result(rawResult);
-  if (status != LIQ_OK || !result) throw pngFailed("liq_image_quantize");
+  if (status != LIQ_OK || !result) failUnlessCancelled("liq_image_quantize");
+  liq_result_set_progress_callback(result.get(), continueUnlessCancelled,
+                                   const_cast<Cancellation::Flag*>(Cancellation::current()));
   // Dithering belongs to the result: it must be set after quantizing and before remapping.
   liq_set_dithering_level(result.get(), dithering);
 
   Quantized out;
   out.indices.resize(size_t(width) * size_t(height));
   if (liq_write_remapped_image(result.get(), image.get(), out.indices.data(), out.indices.size()) != LIQ_OK)
-    throw pngFailed("liq_write_remapped_image");
+    failUnlessCancelled("liq_write_remapped_image");
   const liq_palette* palette = liq_get_palette(result.get());
   if (!palette) throw pngFailed("liq_get_palette");
   out.palette.reserve(palette->count);
@@ -86,6 +97,8 @@ Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
   const int target = int(std::clamp(std::lround(plan.quality), 0L, 100L));
   if (liq_set_quality(attr.get(), 0, target) != LIQ_OK) throw pngFailed("liq_set_quality");
   if (liq_set_speed(attr.get(), speedForEffort(plan.effort)) != LIQ_OK) throw pngFailed("liq_set_speed");
+  liq_attr_set_progress_callback(attr.get(), continueUnlessCancelled,
+                                 const_cast<Cancellation::Flag*>(Cancellation::current()));
   const Quantized q = quantize(attr.get(), rgba.pixels.data(), rgba.width, rgba.height, plan.dithering);
   return PNGWriter::writeIndexedPNG(rgba.width, rgba.height, q.indices, q.palette,
                                     ColorProfile::embeddableICC(rgba.colorSpace));
@@ -97,7 +110,8 @@ Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan) {
     return encodePalette(rgba, plan);
   } catch (const std::exception&) {
     // The palette is an optional step, whatever failed in it (memory included): truecolour
-    // needs no library that can refuse.
+    // needs no library that can refuse. A cancelled call ends here.
+    Cancellation::check();
     return encodeLossless(rgba, plan);
   }
 }
@@ -115,6 +129,7 @@ Bytes encodeLossless(const RGBABuffer& rgba, const EncodingPlan& plan) {
   Bytes raw;
   raw.reserve(size_t(rgba.height) * (rowLength + 1));
   for (int y = 0; y < rgba.height; ++y) {
+    if ((y & 63) == 0) Cancellation::check();
     fillRow(rgba, y, channels, current.data());
     PNGWriter::Filter chosen = PNGWriter::Filter::paeth;
     if (plan.effort == 0) {

@@ -2,10 +2,12 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <cassert>
 #include <cstdlib>
 #include <string>
 
+#include "engine/Cancellation.h"
 #include "engine/Errors.h"
 
 namespace quillane::PNGWriter {
@@ -61,12 +63,36 @@ void appendIHDR(Bytes& data, int width, int height, uint8_t colourType) {
 }
 
 Bytes zlibCompress(std::span<const uint8_t> data) {
-  uLongf length = compressBound(uLong(data.size()));
-  Bytes out(length);
+  // Deflated in blocks of 4 MiB so that a cancelled call stops between them.
+  constexpr size_t kBlock = 4'194'304;
+  struct Stream {
+    z_stream z{};
+    bool open = false;
+    ~Stream() {
+      if (open) deflateEnd(&z);
+    }
+  } stream;
   const int level = data.size() <= kBestLevelLimit ? 9 : 6;
-  const int status = compress2(out.data(), &length, data.data(), uLong(data.size()), level);
-  if (status != Z_OK) throw ZlibError("compress2 failed with status " + std::to_string(status));
-  out.resize(length);
+  if (const int status = deflateInit(&stream.z, level); status != Z_OK)
+    throw ZlibError("deflateInit failed with status " + std::to_string(status));
+  stream.open = true;
+  Bytes out(compressBound(uLong(data.size())));
+  size_t consumed = 0;
+  for (;;) {
+    Cancellation::check();
+    const size_t block = std::min(kBlock, data.size() - consumed);
+    const bool last = consumed + block == data.size();
+    stream.z.next_in = const_cast<Bytef*>(data.data() + consumed);
+    stream.z.avail_in = uInt(block);
+    stream.z.next_out = out.data() + stream.z.total_out;
+    stream.z.avail_out = uInt(std::min<size_t>(out.size() - stream.z.total_out, 1u << 30));
+    const int status = deflate(&stream.z, last ? Z_FINISH : Z_NO_FLUSH);
+    if (last && status == Z_STREAM_END) break;
+    if (status != Z_OK || stream.z.avail_in != 0)
+      throw ZlibError("deflate failed with status " + std::to_string(status));
+    consumed += block;
+  }
+  out.resize(stream.z.total_out);
   return out;
 }
 

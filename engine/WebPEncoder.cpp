@@ -1,5 +1,6 @@
 // WebP through libwebp: a preset from the content class, a few fields from the plan's mode,
-// an in-memory encode, and an ICCP chunk added with libwebpmux where the colour space needs one.
+// an in-memory encode that stops when the call is cancelled, and an ICCP chunk added with
+// libwebpmux where the colour space needs one.
 
 #include <webp/encode.h>
 #include <webp/mux.h>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include "engine/CHandle.h"
+#include "engine/Cancellation.h"
 #include "engine/Encoders.h"
 #include "engine/Errors.h"
 #include "engine/WebPEncoderConfig.h"
@@ -46,6 +48,11 @@ struct WebPDataGuard {
   ~WebPDataGuard() { WebPFree(const_cast<uint8_t*>(data.bytes)); }
 };
 
+// libwebp calls this now and then while it encodes; 0 aborts the encode.
+int continueUnlessCancelled(int, const WebPPicture* picture) {
+  return Cancellation::raised(picture->user_data) ? 0 : 1;
+}
+
 int webpMemoryWrite(const uint8_t* data, size_t size, const WebPPicture* picture) {
   return WebPMemoryWrite(data, size, picture);
 }
@@ -72,8 +79,12 @@ Bytes encodePicture(const RGBABuffer& rgba, const WebPConfig& config) {
   MemoryWriterGuard memory;
   picture.writer = webpMemoryWrite;
   picture.custom_ptr = &memory.writer;
-  if (!WebPEncode(&config, &picture) || memory.writer.size == 0)
+  picture.progress_hook = continueUnlessCancelled;
+  picture.user_data = const_cast<Cancellation::Flag*>(Cancellation::current());
+  if (!WebPEncode(&config, &picture) || memory.writer.size == 0) {
+    Cancellation::check();
     throw webpFailed("WebPEncode (error " + std::to_string(int(picture.error_code)) + ")");
+  }
   return Bytes(memory.writer.mem, memory.writer.mem + memory.writer.size);
 }
 

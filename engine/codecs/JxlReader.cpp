@@ -9,28 +9,18 @@
 
 #include "engine/Cancellation.h"
 #include "engine/ColorConvert.h"
+#include "engine/JxlRunner.h"
 #include "engine/codecs/QuietStderr.h"
 #include "engine/codecs/Readers.h"
 
 namespace quillane::codecs {
 namespace {
 
-// libjxl's work, item by item on the calling thread as its own serial fallback does it,
-// stopping between items when the caller gave up: the failed status ends the decode.
-JxlParallelRetCode runCancellably(void*, void* opaque, JxlParallelRunInit init, JxlParallelRunFunction run,
-                                  uint32_t start, uint32_t end) {
-  if (const JxlParallelRetCode status = init(opaque, 1); status != 0) return status;
-  for (uint32_t item = start; item < end; ++item) {
-    if (Cancellation::requested()) return -1;
-    run(opaque, item, 0);
-  }
-  return 0;
-}
-
 JxlDecoderPtr makeDecoder(Input bytes, int events) {
   JxlDecoderPtr decoder = JxlDecoderMake(nullptr);
   if (!decoder) fail("JxlDecoderCreate");
-  if (JxlDecoderSetParallelRunner(decoder.get(), runCancellably, nullptr) != JXL_DEC_SUCCESS ||
+  if (JxlDecoderSetParallelRunner(decoder.get(), JxlRunner::runCancellably,
+                                  const_cast<Cancellation::Flag*>(Cancellation::current())) != JXL_DEC_SUCCESS ||
       JxlDecoderSetKeepOrientation(decoder.get(), JXL_TRUE) != JXL_DEC_SUCCESS ||
       JxlDecoderSubscribeEvents(decoder.get(), events) != JXL_DEC_SUCCESS ||
       JxlDecoderSetInput(decoder.get(), bytes.data(), bytes.size()) != JXL_DEC_SUCCESS)

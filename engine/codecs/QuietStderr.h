@@ -1,5 +1,6 @@
 #pragma once
-// Silencing of libraries that print, for the readers. Internal to the engine.
+// Silencing of libraries that print, for the readers and the JPEG XL encoder. Internal to
+// the engine.
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
-// WebP through libwebp: still pictures with WebPDecode (scaled while decoding for
-// thumbnails), animations through the demuxer (the first frame, on its canvas for a full
+// WebP through libwebp: still pictures with the incremental decoder (scaled while decoding
+// for thumbnails, cancellable between slices of the input), animations through the demuxer (the first frame, on its canvas for a full
 // decode); ICCP and EXIF chunks from the demuxer.
 
 #include <webp/decode.h>
@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "engine/CHandle.h"
+#include "engine/Cancellation.h"
 #include "engine/ColorConvert.h"
 #include "engine/Exif.h"
 #include "engine/codecs/Readers.h"
@@ -35,9 +36,14 @@ DemuxPtr demuxer(Input bytes) {
   return DemuxPtr(WebPDemux(&data));
 }
 
-// The frame's pixels as WebPDecode gives them, into `out` (RGBA rows of `stride` bytes), or
-// scaled to `scaledWidth` x `scaledHeight` when those are above 0.
+using IDecoderPtr = CHandle<WebPIDecoder, WebPIDelete>;
+
+// The frame's pixels as libwebp decodes them, into `out` (RGBA rows of `stride` bytes), or
+// scaled to `scaledWidth` x `scaledHeight` when those are above 0. The incremental decoder is
+// shown the bitstream a slice longer at a time (in place, never copied), so that a cancelled
+// call stops between slices.
 void decodeInto(Input bitstream, uint8_t* out, int stride, size_t size, int scaledWidth, int scaledHeight) {
+  constexpr size_t kSlice = 262'144;
   WebPDecoderConfig config;
   if (!WebPInitDecoderConfig(&config)) fail("WebPInitDecoderConfig");
   if (scaledWidth > 0 && scaledHeight > 0) {
@@ -50,9 +56,15 @@ void decodeInto(Input bitstream, uint8_t* out, int stride, size_t size, int scal
   config.output.u.RGBA.rgba = out;
   config.output.u.RGBA.stride = stride;
   config.output.u.RGBA.size = size;
-  VP8StatusCode status = WebPDecode(bitstream.data(), bitstream.size(), &config);
-  WebPFreeDecBuffer(&config.output);
-  if (status != VP8_STATUS_OK) fail("WebPDecode");
+  IDecoderPtr decoder(WebPIDecode(nullptr, 0, &config));
+  if (!decoder) fail("WebPIDecode");
+  VP8StatusCode status = VP8_STATUS_SUSPENDED;
+  for (size_t shown = 0; status == VP8_STATUS_SUSPENDED && shown < bitstream.size();) {
+    Cancellation::check();
+    shown = std::min(bitstream.size(), shown + kSlice);
+    status = WebPIUpdate(decoder.get(), bitstream.data(), shown);
+  }
+  if (status != VP8_STATUS_OK) fail("WebPIUpdate");
 }
 
 // A picture of `bitstream` (a still file, or one frame of an animation), at full size or,
