@@ -3,9 +3,11 @@
 #include <QHostAddress>
 #include <QSocketNotifier>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cmath>
+#include <vector>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -32,6 +34,8 @@ char* receiveBuffer() {
   return buffer;
 }
 
+int milliseconds(double seconds) { return int(std::min(std::ceil(seconds * 1000.0), double(INT_MAX))); }
+
 std::string timeoutMessage(double seconds) {
   // The budget truncated to whole seconds, as the client configured it.
   double whole = std::trunc(seconds);
@@ -43,7 +47,7 @@ std::string timeoutMessage(double seconds) {
 
 LocalAPIConnection::LocalAPIConnection(int descriptor, std::shared_ptr<LocalAPIServer::Shared> server,
                                        QObject* parent)
-    : QObject(parent), fd_(descriptor), server_(std::move(server)) {
+    : QObject(parent), fd_(descriptor), server_(std::move(server)), admission_(++server_->admissions) {
   server_->connections.insert(this);
 }
 
@@ -90,7 +94,14 @@ void LocalAPIConnection::begin() {
   deadline_.setSingleShot(true);
   deadline_.setTimerType(Qt::PreciseTimer);
   connect(&deadline_, &QTimer::timeout, this, &LocalAPIConnection::onDeadline);
-  deadline_.start(int(std::min(std::ceil(seconds * 1000.0), double(INT_MAX))));
+  deadline_.start(milliseconds(seconds));
+  // The headers' shorter deadline counts from here, whatever bytes trickle in meanwhile.
+  const double headers = server_->limits.headersSeconds;
+  if (headers > 0 && headers < seconds) {
+    headersDeadline_.setSingleShot(true);
+    connect(&headersDeadline_, &QTimer::timeout, this, &LocalAPIConnection::onHeadersDeadline);
+    headersDeadline_.start(milliseconds(headers));
+  }
 }
 
 void LocalAPIConnection::onReadable() {
@@ -110,6 +121,7 @@ void LocalAPIConnection::onReadable() {
       }
       if (!gated_ && reader_.head()) {
         gated_ = true;
+        headersDeadline_.stop();
         if (server_->gate) {
           std::optional<LocalAPIResponse> refusal;
           try {
@@ -141,6 +153,10 @@ void LocalAPIConnection::onReadable() {
 void LocalAPIConnection::onDeadline() {
   if (phase_ != Phase::reading) return;
   respond(LocalAPIResponse::error(408, timeoutMessage(server_->requestReadTimeoutSeconds)));
+}
+
+void LocalAPIConnection::onHeadersDeadline() {
+  if (awaitingHeaders()) respond(LocalAPIResponse::error(408, timeoutMessage(server_->limits.headersSeconds)));
 }
 
 void LocalAPIConnection::settle(LocalAPIRequestReader::Outcome outcome) {
@@ -179,6 +195,7 @@ void LocalAPIConnection::respond(const LocalAPIResponse& response) {
   if (phase_ == Phase::writing || phase_ == Phase::lingering || phase_ == Phase::closed) return;
   phase_ = Phase::writing;
   deadline_.stop();
+  headersDeadline_.stop();
   readNotifier_->setEnabled(false);
   releaseBuffer();
   out_ = response.serialize();
@@ -244,6 +261,7 @@ void LocalAPIConnection::closeNow() {
   if (phase_ == Phase::closed) return;
   phase_ = Phase::closed;
   deadline_.stop();
+  headersDeadline_.stop();
   lingerTimer_.stop();
   // Disabled before the descriptor is closed, so that a later socket reusing the number
   // isn't watched by a stale notifier.
@@ -293,6 +311,7 @@ void LocalAPIListener::admitWaiting() {
       for (LocalAPIConnection* other : open)
         if (other->isLingering()) other->closeNow();
     }
+    if (server->atCapacity()) evictOldestWithoutHeaders(*server);
     if (server->atCapacity()) {
       // The rest wait, unread: a descriptor each, no buffer, no deadline yet.
       if (accepting_) pauseAccepting();
@@ -305,6 +324,24 @@ void LocalAPIListener::admitWaiting() {
     connection->begin();
   }
   admitting_ = false;
+}
+
+bool LocalAPIListener::evictOldestWithoutHeaders(LocalAPIServer::Shared& server) {
+  std::vector<LocalAPIConnection*> candidates;
+  for (LocalAPIConnection* connection : server.connections)
+    if (connection->awaitingHeaders()) candidates.push_back(connection);
+  std::sort(candidates.begin(), candidates.end(),
+            [](const LocalAPIConnection* a, const LocalAPIConnection* b) { return a->admission() < b->admission(); });
+  for (LocalAPIConnection* connection : candidates) {
+    // Headers already sent but not read yet (its readiness event still queued) are no idling.
+    connection->readPending();
+    if (connection->awaitingHeaders()) {
+      connection->closeNow();
+      return true;
+    }
+    if (!server.atCapacity()) return true;
+  }
+  return false;
 }
 
 LocalAPIListener::~LocalAPIListener() {

@@ -7,6 +7,7 @@
 #include <QTcpServer>
 #include <QTimer>
 
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <set>
@@ -31,6 +32,7 @@ struct LocalAPIServer::Shared {
 
   std::set<LocalAPIConnection*> connections;  // every connection not yet closed
   size_t bufferedBytes = 0;                   // held by the request readers of all of them
+  uint64_t admissions = 0;                    // connections admitted so far, the newest's number
   QPointer<LocalAPIListener> listener;        // the current one, paused while connections are at the cap
   bool atCapacity() const { return int(connections.size()) >= limits.maxConnections; }
 };
@@ -51,12 +53,19 @@ class LocalAPIConnection : public QObject {
   void begin();
   // Answered and only draining what the client still sends: closing it loses nothing.
   bool isLingering() const { return phase_ == Phase::lingering; }
+  // Reads what the client has sent so far, as when the socket becomes readable.
+  void readPending() { onReadable(); }
+  // Still reading the request's line and headers.
+  bool awaitingHeaders() const { return phase_ == Phase::reading && !gated_; }
+  // The order of admission: lower is older.
+  uint64_t admission() const { return admission_; }
   void closeNow();
 
  private:
   void onReadable();
   void onWritable();
   void onDeadline();
+  void onHeadersDeadline();
   void settle(LocalAPIRequestReader::Outcome outcome);
   void respond(const LocalAPIResponse& response);
   void flush();
@@ -72,7 +81,9 @@ class LocalAPIConnection : public QObject {
   std::shared_ptr<LocalAPIServer::Shared> server_;
   QSocketNotifier* readNotifier_ = nullptr;
   QSocketNotifier* writeNotifier_ = nullptr;
+  uint64_t admission_;
   QTimer deadline_;
+  QTimer headersDeadline_;
   QTimer lingerTimer_;
   LocalAPIRequestReader reader_;
   size_t accounted_ = 0;  // this connection's part of Shared::bufferedBytes
@@ -105,6 +116,9 @@ class LocalAPIListener : public QTcpServer {
   void report(const LocalAPIListenerState& state);
   void resumeIfBelowCapacity();
   void admitWaiting();
+  // Closes the connection admitted first among those still without complete headers (after
+  // reading what each has sent meanwhile); false when there is none.
+  bool evictOldestWithoutHeaders(LocalAPIServer::Shared& server);
   bool accepting_ = true;  // false while paused for the cap or for an accept error
   bool admitting_ = false;
   std::deque<int> waiting_;  // accepted descriptors beyond the cap, oldest first

@@ -3,13 +3,17 @@
 // function, one response written back, then the connection is closed. It knows nothing of
 // routes, tokens or the batch (LocalAPIRouter), nor of when to run (LocalAPIController).
 //
-// Two limits keep connections that no one asked for from costing memory: at most
-// Limits::maxConnections are served at once (the next 1,024 wait in line, unread, until one
-// ends, and later ones are refused; answered connections still draining give their places
-// up at once), and the bytes
-// held for requests being read, across all connections, stay under
-// Limits::maxBufferedBytes (a request that would pass it is answered 503). A gate, when
-// set, sees each request's head before any of its body is read, and may answer it there.
+// Limits keep connections that no one asked for from costing memory or places: at most
+// Limits::maxConnections are served at once, and the bytes held for requests being read,
+// across all connections, stay under Limits::maxBufferedBytes (a request that would pass it
+// is answered 503). A connection must complete its headers within Limits::headersSeconds of
+// being admitted, however slowly it trickles them, or it is answered 408. When a client
+// arrives at the cap, answered connections still draining give their places up first, then
+// the connection that has waited longest without complete headers is closed to make room;
+// only when every place holds a request whose headers are complete does the newcomer wait in
+// line, unread (the next 1,024; later ones are refused). So idle sockets cannot lock a real
+// client out. A gate, when set, sees each request's head before any of its body is read, and
+// may answer it there.
 //
 // Listener and connections live on one long-lived thread named
 // "com.quillane.Quillane.localapi", shared by every server of the process and stopped when
@@ -53,6 +57,7 @@ class LocalAPIServer {
   struct Limits {
     int maxConnections = 256;
     size_t maxBufferedBytes = size_t(64) << 20;  // eight bodies of the largest size at once
+    double headersSeconds = 5.0;                 // capped by the whole request's timeout
   };
 
   // `requestReadTimeoutSeconds` bounds the reading of one whole request (the application

@@ -7,6 +7,9 @@
 //     8 MiB body, while one client asks for the status with the token; the peak growth of
 //     the process's resident memory and the status latency. Argument 1 is the server as the
 //     application sets it up (token gate, default limits); 0 is the server without them.
+//   BM_StatusWith300IdleSockets: 300 connections opened without sending a complete head (as a
+//     slow client or a page's scripts would hold them), then GET /v1/status with the token,
+//     one after the other; its latency.
 // bench/api_wrk.sh measures the first against the real application with wrk.
 #include <benchmark/benchmark.h>
 
@@ -246,6 +249,39 @@ void BM_StatusDuringAnUnauthenticatedFlood(benchmark::State& state) {
   state.counters["status_requests"] = double(latencies.size());
 }
 BENCHMARK(BM_StatusDuringAnUnauthenticatedFlood)->Arg(1)->Arg(0)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+void BM_StatusWith300IdleSockets(benchmark::State& state) {
+  Stack stack;
+  const std::string status = stack.request("GET", "/v1/status");
+  constexpr int idle = 300, probes = 200;
+  std::vector<double> latencies;
+  int failures = 0;
+  for (auto _ : state) {
+    std::vector<std::unique_ptr<testing::RawConnection>> connections;
+    for (int i = 0; i < idle; ++i) {
+      connections.push_back(std::make_unique<testing::RawConnection>(stack.port));
+      if (i % 2) connections.back()->send("GET /v1/status HTTP/1.1\r\n");  // half of them trickle a line
+    }
+    std::atomic<bool> done{false};
+    auto start = Clock::now();
+    std::thread prober([&] {
+      for (int i = 0; i < probes; ++i) {
+        auto t0 = Clock::now();
+        if (testing::httpExchange(stack.port, status, std::chrono::seconds(40)).status != 200) ++failures;
+        latencies.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+      }
+      done = true;
+    });
+    spinUntil([&] { return done.load(); });  // the status answers need this thread's loop
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+    prober.join();
+  }
+  std::sort(latencies.begin(), latencies.end());
+  state.counters["status_p50_ms"] = latencies[latencies.size() / 2];
+  state.counters["status_max_ms"] = latencies.back();
+  state.counters["errors"] = failures;
+}
+BENCHMARK(BM_StatusWith300IdleSockets)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace quillane
