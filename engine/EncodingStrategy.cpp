@@ -108,6 +108,12 @@ Mode mode(const ImageCharacteristics& characteristics, ImageFormat format, doubl
   return Mode::lossy(cq);
 }
 
+bool losslessWebPMayWin(const ImageCharacteristics& characteristics, const Mode& lossy) {
+  const int64_t pixels = int64_t(characteristics.width) * int64_t(characteristics.height);
+  return lossy.kind != Mode::Kind::lossy || lossy.quality > 80 || pixels < 16'384 ||
+         characteristics.gradientFraction <= 0.03;
+}
+
 EncodingPlan plan(const ImageCharacteristics& characteristics, ImageFormat format, double perceptualQuality) {
   const ContentClass cls = characteristics.contentClass;
   const int64_t pixels = int64_t(characteristics.width) * int64_t(characteristics.height);

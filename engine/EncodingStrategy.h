@@ -79,6 +79,12 @@ double codecQuality(double perceptual, ImageFormat format);
 namespace EncodingStrategy {
 EncodingPlan plan(const ImageCharacteristics& characteristics, ImageFormat format, double perceptualQuality);
 EncodingPlan::Mode mode(const ImageCharacteristics& characteristics, ImageFormat format, double quality);
+// Whether a lossless WebP of this picture can come out smaller than a lossy one in `lossy`
+// mode. Not where more than 3 % of the samples are gentle gradients (shading, anti-aliasing,
+// a photo in a window), the picture has at least 16,384 pixels and the lossy quality is at
+// most 80: on 99 screenshots, wallpapers and logos at qualities 50, 75 and 80 lossless lost every
+// time there, by 5 % to 20 times, while costing 3 to 10 times the lossy encoding.
+bool losslessWebPMayWin(const ImageCharacteristics& characteristics, const EncodingPlan::Mode& lossy);
 }  // namespace EncodingStrategy
 
 }  // namespace quillane

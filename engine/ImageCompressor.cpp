@@ -130,6 +130,23 @@ Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double q
     if (auto transcoded = JXLEncoder::transcodeJPEG(fileData, plan.effort + 5)) return std::move(*transcoded);
   }
 
+  // A WebP plan whose lossless encoding cannot beat its lossy one runs the lossy one alone:
+  // the bytes are those the smaller of the two gave, without the costlier encoding.
+  if (format == ImageFormat::webp && plan.alternative) {
+    using Kind = EncodingPlan::Mode::Kind;
+    const bool mainLossless = plan.mode.kind == Kind::lossless;
+    const EncodingPlan::Mode& lossy = mainLossless ? *plan.alternative : plan.mode;
+    if ((mainLossless || plan.alternative->kind == Kind::lossless) &&
+        !EncodingStrategy::losslessWebPMayWin(characteristics, lossy)) {
+      if (!mainLossless) return encodeWith(pictures, format, plan, characteristics, plan.mode, false);
+      try {
+        return encodeWith(pictures, format, plan, characteristics, lossy, true);
+      } catch (const std::exception&) {
+        // a failed lossy encoding leaves the lossless main encoding to try, as before
+      }
+    }
+  }
+
   Bytes main = encodeWith(pictures, format, plan, characteristics, plan.mode, false);
   if (!plan.alternative) return main;
   Cancellation::check();

@@ -95,6 +95,19 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   EXPECT_EQ(png(5.99, false, 70).alternative, Mode::lossless());
   EXPECT_FALSE(png(6.0, false, 70).alternative);
   EXPECT_EQ(png(6.0, true, 90).alternative, Mode::lossy(90)) << "lossless main: the palette competes";
+
+  // A lossless WebP is left out only where gradients, size and a modest lossy quality all say
+  // it loses.
+  const auto mayWin = [](int width, double gradients, Mode lossy) {
+    auto c = picture(ContentClass::screenText, width, 128);
+    c.gradientFraction = gradients;
+    return EncodingStrategy::losslessWebPMayWin(c, lossy);
+  };
+  EXPECT_FALSE(mayWin(128, 0.031, Mode::lossy(80)));
+  EXPECT_TRUE(mayWin(128, 0.03, Mode::lossy(80)));
+  EXPECT_TRUE(mayWin(127, 0.5, Mode::lossy(80))) << "below 16,384 pixels";
+  EXPECT_TRUE(mayWin(128, 0.5, Mode::lossy(80.5)));
+  EXPECT_TRUE(mayWin(128, 0.5, Mode::nearLossless(60)));
 }
 
 TEST(EncodingStrategy, FlatGraphicsWithoutGradientsDitherLeast) {
