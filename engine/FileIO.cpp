@@ -129,16 +129,17 @@ std::vector<uint8_t> readHead(const std::string& path, size_t headBytes) { retur
 
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes) {
   const std::string folder = folderOf(path);
+  auto failIn = [&](const std::string& place, int err) { throw WriteError(path, place, std::strerror(err)); };
   removeStaleTemporaries(folder);
   std::string tmpl;
   Fd f;
   f.fd = createTemporary(folder, tmpl);
-  if (f.fd < 0) fail(path, errno);
+  if (f.fd < 0) failIn(folder, errno);
   auto cleanup = [&](int err) {
     ::close(f.fd);
     f.fd = -1;
     ::unlink(tmpl.c_str());
-    fail(path, err);
+    failIn(folder, err);
   };
   size_t written = 0;
   while (written < bytes.size()) {
@@ -154,14 +155,20 @@ void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes
     f.fd = -1;
     int err = errno;
     ::unlink(tmpl.c_str());
-    fail(path, err);
+    failIn(folder, err);
   }
   f.fd = -1;
   if (::rename(tmpl.c_str(), path.c_str()) != 0) {
     int err = errno;
     ::unlink(tmpl.c_str());
-    fail(path, err);
+    failIn(path, err);
   }
+  // The rename is durable once the folder is synced. A folder that can't be opened for it
+  // (write and search permission without read) or whose file system can't sync folders
+  // (EINVAL) keeps the rename as it is; an I/O error means the file may not survive.
+  Fd dir;
+  dir.fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dir.fd >= 0 && ::fsync(dir.fd) != 0 && errno == EIO) failIn(folder, EIO);
 }
 
 }  // namespace quillane::FileIO

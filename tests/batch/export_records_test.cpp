@@ -64,6 +64,9 @@ TEST_F(ExportTest, UnusableFolderGivesPerRowErrorsNoFilesAndNoHistory) {
       EXPECT_FALSE(outcome.destinationURL) << folder.toString().toStdString();
       ASSERT_TRUE(outcome.errorDescription);
       EXPECT_EQ(outcome.image->exportError(), outcome.errorDescription);
+      if (folder.isLocalFile()) {
+        EXPECT_EQ(*outcome.errorDescription, underFile + ": Not a directory") << "names the folder";
+      }
     }
     EXPECT_FALSE(QFile::exists(QDir::current().filePath("a.jpg")));
   }

@@ -52,6 +52,22 @@ TEST_F(AtomicWriter, ReplacesALinkAtTheDestinationAndTakesTheLongestNames) {
   EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 3) << "no temporary left";
 }
 
+TEST_F(AtomicWriter, AFailedWriteNamesTheFolderOrTheDestinationAndLeavesNothing) {
+  auto failure = [&](const std::string& name) -> std::string {
+    try {
+      write(name, "x");
+    } catch (const FileIO::WriteError& e) {
+      return e.description();
+    }
+    return "no error";
+  };
+  // The reason alone ("No such file or directory") would not say which folder.
+  EXPECT_EQ(failure("missing/a.jpg"), dir_ + "/missing: No such file or directory");
+  fs::create_directories(dir_ + "/taken.jpg/inside");  // a folder in the file's place, even for root
+  EXPECT_EQ(failure("taken.jpg"), dir_ + "/taken.jpg: Is a directory");
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1) << "no temporary left";
+}
+
 TEST_F(AtomicWriter, TheFirstWriteIntoAFolderRemovesItsOwnTemporariesOlderThanADay) {
   const std::string stale = dir_ + "/.quillane-abcDEF.tmp", fresh = dir_ + "/.quillane-ghiJKL.tmp",
                     foreign = dir_ + "/.quillane-abc.tmp.keep";
