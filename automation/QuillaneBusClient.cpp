@@ -20,7 +20,7 @@ bool isRunning(const QDBusConnection& connection) {
   return reply.isValid() && reply.value();
 }
 
-std::optional<QString> openOrActivate(const QDBusConnection& connection, const QStringList& paths) {
+std::optional<QString> openOrActivate(const QDBusConnection& connection, const QList<QUrl>& files) {
   const QString interface = QStringLiteral("org.freedesktop.Application");
   // The token the launcher gave this launch lets the running window come to the front.
   QVariantMap platformData;
@@ -29,13 +29,13 @@ std::optional<QString> openOrActivate(const QDBusConnection& connection, const Q
   if (qEnvironmentVariableIsSet("DESKTOP_STARTUP_ID"))
     platformData.insert(QStringLiteral("desktop-startup-id"), qEnvironmentVariable("DESKTOP_STARTUP_ID"));
   QDBusMessage call;
-  if (paths.isEmpty()) {
+  if (files.isEmpty()) {
     call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath, interface,
                                          QStringLiteral("Activate"));
     call << platformData;
   } else {
     QStringList uris;
-    for (const QString& path : paths) uris.append(QUrl::fromLocalFile(path).toString(QUrl::FullyEncoded));
+    for (const QUrl& file : files) uris.append(file.toString(QUrl::FullyEncoded));
     call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath, interface,
                                          QStringLiteral("Open"));
     call << uris << platformData;

@@ -7,6 +7,7 @@
 #include <QDBusConnection>
 #include <QString>
 #include <QStringList>
+#include <QUrl>
 
 #include <optional>
 
@@ -15,9 +16,9 @@ namespace quillane::QuillaneBusClient {
 // Whether some process owns com.quillane.Quillane on `connection` (false when not connected).
 bool isRunning(const QDBusConnection& connection);
 
-// org.freedesktop.Application.Open with the files as file:// URLs (absolute paths), or
-// Activate when `paths` is empty. Nothing on success, else the error's message.
-std::optional<QString> openOrActivate(const QDBusConnection& connection, const QStringList& paths);
+// org.freedesktop.Application.Open with the files (absolute file URLs), or Activate when
+// `files` is empty. Nothing on success, else the error's message.
+std::optional<QString> openOrActivate(const QDBusConnection& connection, const QList<QUrl>& files);
 
 struct CompressReply {
   QStringList outputs;  // the written files, on success

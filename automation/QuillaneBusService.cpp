@@ -95,13 +95,15 @@ void adoptActivationToken(const QVariant& platformData) {
   if (!token.isEmpty()) qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
 }
 
-QStringList localPaths(const QStringList& uris) {
-  QStringList paths;
+// Open's URIs as file URLs, kept as they came so that a name that is not UTF-8 (left
+// percent-encoded) names the same file; a bare path is taken as a local file.
+QList<QUrl> fileURLs(const QStringList& uris) {
+  QList<QUrl> files;
   for (const QString& uri : uris) {
     const QUrl url(uri);
-    paths.append(url.isLocalFile() ? url.toLocalFile() : uri);
+    files.append(url.isLocalFile() ? url : QUrl::fromLocalFile(uri));
   }
-  return paths;
+  return files;
 }
 
 }  // namespace
@@ -170,12 +172,12 @@ bool QuillaneBusService::handleMessage(const QDBusMessage& message, const QDBusC
       return true;
     }
     if (member == QLatin1String("Open") && signature == QLatin1String("asa{sv}")) {
-      const QStringList paths = localPaths(message.arguments().value(0).toStringList());
+      const QList<QUrl> files = fileURLs(message.arguments().value(0).toStringList());
       const QVariant platformData = message.arguments().value(1);
-      runOnGuiThread(message, connection, [this, paths, platformData] {
+      runOnGuiThread(message, connection, [this, files, platformData] {
         if (!handlers_.open) return false;
         adoptActivationToken(platformData);
-        handlers_.open(paths);
+        handlers_.open(files);
         return true;
       });
       return true;

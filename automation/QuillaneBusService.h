@@ -20,6 +20,7 @@
 #include <QDBusVirtualObject>
 #include <QStringList>
 #include <QThreadPool>
+#include <QUrl>
 
 #include <atomic>
 #include <functional>
@@ -37,7 +38,7 @@ class QuillaneBusService : public QDBusVirtualObject {
   struct Handlers {
     // Both run on the GUI thread; either may be empty, and then the call is refused.
     std::function<void()> activate;                     // show and raise the window
-    std::function<void(const QStringList& paths)> open;  // add local files to the batch
+    std::function<void(const QList<QUrl>& files)> open;  // add local files (file URLs) to the batch
   };
 
   explicit QuillaneBusService(Handlers handlers, QObject* parent = nullptr);

@@ -200,7 +200,7 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
 
   SourceReader reader = options_.reader;
   Encoder encoder = options_.encoder;
-  const std::string path = image->sourcePath().toStdString();
+  const std::string path = image->sourceFilePath();
   const ImageFormat format = task->format;
   const double quality = task->quality;
   QtConcurrent::run(encodePool_.get(),
@@ -252,12 +252,12 @@ void BatchViewModel::schedulePassthrough(const std::shared_ptr<ImportedImage>& i
   task->image = image;
   encodeTasks_[id] = task;
 
-  const QString path = image->sourcePath();
+  const std::string path = image->sourceFilePath();
   std::weak_ptr<ImportedImage> weakImage = image;
   QtConcurrent::run(encodePool_.get(),
                     [reader = options_.reader, path]() -> QByteArray {
                       try {
-                        const std::vector<uint8_t> bytes = reader(QFile::encodeName(path).toStdString());
+                        const std::vector<uint8_t> bytes = reader(path);
                         return QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
                       } catch (...) {
                         return {};

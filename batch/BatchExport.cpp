@@ -30,7 +30,7 @@ std::vector<std::string> BatchViewModel::sourcePaths() const {
   std::vector<std::string> paths;
   paths.reserve(images_.size());
   for (const auto& image : images_)
-    if (image->sourceURL().isLocalFile()) paths.push_back(QFile::encodeName(image->sourcePath()).toStdString());
+    if (image->sourceURL().isLocalFile()) paths.push_back(image->sourceFilePath());
   return paths;
 }
 

@@ -29,7 +29,7 @@ struct Snapshot {
 std::vector<Snapshot> decodeSession(const QJsonDocument& document) {
   std::vector<Snapshot> snapshots;
   const bool ok = JsonForms::forEachObject(document, [&](const QJsonObject& object) {
-    Snapshot snapshot{QUrl::fromLocalFile(JsonForms::requireFileURL(object, "sourceURL")), std::nullopt};
+    Snapshot snapshot{JsonForms::requireFileURLExact(object, "sourceURL"), std::nullopt};
     const QJsonValue quality = object.value("qualityOverride");
     if (quality.isDouble()) {
       snapshot.qualityOverride = quality.toDouble();
@@ -99,7 +99,7 @@ void BatchViewModel::inspectConcurrently(const QList<QUrl>& urls, InspectionResu
 
 void BatchViewModel::startInspection(const std::shared_ptr<InspectionRun>& run, int index) {
   using Outcome = InspectionRun::Outcome;
-  const std::string path = run->urls[index].toLocalFile().toStdString();
+  const std::string path = localFilePath(run->urls[index]);
   Inspector inspector = options_.inspector;
   QtConcurrent::run(inspectPool_.get(),
                     [inspector, path]() -> Outcome {
@@ -159,7 +159,7 @@ void BatchViewModel::persistImportSession() {
   JsonValue list = JsonValue::array();
   for (const auto& image : images_) {
     JsonValue entry = JsonValue::object();
-    entry.set("sourceURL", JsonForms::fileURL(image->sourcePath()));
+    entry.set("sourceURL", JsonForms::fileURL(image->sourceURL()));
     if (image->qualityOverride()) entry.set("qualityOverride", *image->qualityOverride());
     list.push(std::move(entry));
   }

@@ -4,6 +4,11 @@
 
 namespace quillane {
 
+std::string localFilePath(const QUrl& url) {
+  if (!url.isLocalFile()) return {};
+  return QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1()).toStdString();
+}
+
 const char* EncodeState::name() const {
   switch (kind) {
     case Kind::idle:

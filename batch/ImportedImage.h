@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "engine/DecodedImage.h"
 #include "engine/ImageDecoder.h"
@@ -56,6 +57,11 @@ struct ImportFailure {
   friend bool operator==(const ImportFailure&, const ImportFailure&) = default;
 };
 
+// The path of a local file URL as the file system's bytes, exact also for a name that is not
+// valid UTF-8: such bytes stay percent-encoded in the URL, where toLocalFile() would turn them
+// into U+FFFD and name another file. Empty for a URL that is not a local file.
+std::string localFilePath(const QUrl& url);
+
 class ImportedImage : public QObject {
   Q_OBJECT
   Q_PROPERTY(quillane::EncodeState encodeState READ encodeState NOTIFY encodeStateChanged)
@@ -71,6 +77,8 @@ class ImportedImage : public QObject {
   QUuid id() const { return id_; }
   QUrl sourceURL() const { return sourceURL_; }
   QString sourcePath() const { return sourceURL_.toLocalFile(); }
+  // The path to open the source with: the file system's bytes (localFilePath).
+  std::string sourceFilePath() const { return localFilePath(sourceURL_); }
   QString fileName() const;      // last path component of sourceURL, with extension
   QString baseName() const;      // fileName() without its last extension
   ImageFormat originalFormat() const { return originalFormat_; }

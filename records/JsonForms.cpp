@@ -65,6 +65,7 @@ QDateTime dateFromSecondsSince2001(double seconds) {
 JsonValue string(const QString& text) { return JsonValue(text.toStdString()); }
 JsonValue uuid(const QUuid& id) { return string(uuidText(id)); }
 JsonValue fileURL(const QString& localPath) { return string(fileURLText(localPath)); }
+JsonValue fileURL(const QUrl& url) { return string(url.toString(QUrl::FullyEncoded)); }
 JsonValue date(const QDateTime& when) { return JsonValue(secondsSince2001(when)); }
 JsonValue format(ImageFormat format) { return JsonValue(ImageFormats::rawValue(format)); }
 JsonValue integer(qint64 value) { return JsonValue(int64_t(value)); }
@@ -131,6 +132,13 @@ QDateTime requireDate(const QJsonObject& object, const QString& key) {
 
 QString requireFileURL(const QJsonObject& object, const QString& key) {
   return localPathFromURLText(key, requireString(object, key));
+}
+
+QUrl requireFileURLExact(const QJsonObject& object, const QString& key) {
+  const QString text = requireString(object, key);
+  const QString path = localPathFromURLText(key, text);
+  const QUrl url(text, QUrl::StrictMode);
+  return url.isValid() && url.isLocalFile() ? url : QUrl::fromLocalFile(path);
 }
 
 std::optional<QString> optionalFileURL(const QJsonObject& object, const QString& key) {

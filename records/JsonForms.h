@@ -11,6 +11,7 @@
 
 #include <QDateTime>
 #include <QString>
+#include <QUrl>
 #include <QUuid>
 
 #include <functional>
@@ -42,6 +43,7 @@ inline constexpr qint64 secondsFrom1970To2001 = 978307200;
 JsonValue string(const QString& text);
 JsonValue uuid(const QUuid& id);
 JsonValue fileURL(const QString& localPath);
+JsonValue fileURL(const QUrl& url);  // as it stands, bytes that are no UTF-8 kept percent-encoded
 JsonValue date(const QDateTime& when);
 JsonValue format(ImageFormat format);
 JsonValue integer(qint64 value);
@@ -60,6 +62,8 @@ double requireDateSeconds(const QJsonObject& object, const QString& key);  // th
 // A "file:" URL, given back as its local path. A bare absolute path is taken as it stands.
 QString requireFileURL(const QJsonObject& object, const QString& key);
 std::optional<QString> optionalFileURL(const QJsonObject& object, const QString& key);
+// The same, as a file URL that keeps a name that is not UTF-8 exactly.
+QUrl requireFileURLExact(const QJsonObject& object, const QString& key);
 
 // Every element of `items` coded with `encodeOne`, in order.
 template <class T>

@@ -329,7 +329,7 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
 void ImageComparisonView::loadOriginalPreview() {
   if (area_->hasOriginalPreview()) return;
   QPointer<ImageComparisonView> self(this);
-  const std::string path = image_->sourcePath().toStdString();
+  const std::string path = image_->sourceFilePath();
   QThreadPool::globalInstance()->start([self, path] {
     QImage result = previewImage(path);
     QMetaObject::invokeMethod(

@@ -41,12 +41,10 @@ void DesktopSession::stopForQuit() {
   if (app_) app_->stopServices();
 }
 
-void DesktopSession::open(const QStringList& paths) {
+void DesktopSession::open(const QList<QUrl>& files) {
   showWindow();
-  if (!app_ || paths.isEmpty()) return;
-  QList<QUrl> urls;
-  for (const QString& path : paths) urls.append(QUrl::fromLocalFile(path));
-  app_->viewModel().importFiles(urls);
+  if (!app_ || files.isEmpty()) return;
+  app_->viewModel().importFiles(files);
 }
 
 void DesktopSession::quitWhenQuiet(int quietMs, std::function<bool()> busy) {

@@ -10,6 +10,7 @@
 #include <QPointer>
 #include <QStringList>
 #include <QTimer>
+#include <QUrl>
 
 #include <functional>
 #include <memory>
@@ -32,8 +33,9 @@ class DesktopSession : public QObject {
 
   // Builds the application and its window on first use, then shows and raises it.
   void showWindow();
-  // showWindow, then imports the files at the end of the batch in the order given, as a drop.
-  void open(const QStringList& paths);
+  // showWindow, then imports the files (local file URLs) at the end of the batch in the order
+  // given, as a drop.
+  void open(const QList<QUrl>& files);
 
   // Headless: ends the process once no Compress call has run for `quietMs` and no window
   // was asked for; `busy` tells whether calls are still under way. Call idleActivity()

@@ -9,12 +9,13 @@
 #include <QApplication>
 #include <QCoreApplication>
 #include <QDBusConnection>
-#include <QFileInfo>
 #include <QSocketNotifier>
 #include <QStringList>
 #include <QThread>
+#include <QUrl>
 
 #include <cstdio>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -60,16 +61,22 @@ bool hasArgument(int argc, char** argv, const char* name) {
   return false;
 }
 
-// The files of the command line (after Qt took its own options), made absolute: a running
-// instance has a working folder of its own.
-QStringList fileArguments() {
-  QStringList files;
+// The files of the command line (after Qt took its own options from argv), made absolute (a
+// running instance has a working folder of its own), as file URLs that keep the bytes of a
+// name that is not UTF-8, which QCoreApplication::arguments() would not.
+QList<QUrl> fileArguments(int argc, char** argv) {
+  QByteArray folder(PATH_MAX, '\0');
+  if (::getcwd(folder.data(), size_t(folder.size())) == nullptr) folder.clear();
+  folder.truncate(qsizetype(std::strlen(folder.constData())));
+  QList<QUrl> files;
   bool optionsEnded = false;
-  for (const QString& argument : QCoreApplication::arguments().mid(1)) {
-    if (!optionsEnded && argument == QLatin1String("--")) {
+  for (int i = 1; i < argc; ++i) {
+    const QByteArray argument(argv[i]);
+    if (!optionsEnded && argument == "--") {
       optionsEnded = true;
-    } else if (optionsEnded || !argument.startsWith(QLatin1String("--"))) {
-      files.append(QFileInfo(argument).absoluteFilePath());
+    } else if (optionsEnded || !argument.startsWith("--")) {
+      const QByteArray path = argument.startsWith('/') ? argument : folder + '/' + argument;
+      files.append(QUrl::fromEncoded("file://" + path.toPercentEncoding("/")));
     }
   }
   return files;
@@ -123,7 +130,9 @@ int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     quillane::QuillaneApp::describeApplication();
     quillane::LanguageManager::installLookupReadOnly();
-    return quillane::runCompressLaunch(fileArguments());
+    QStringList paths;
+    for (const QUrl& file : fileArguments(argc, argv)) paths.append(file.toLocalFile());
+    return quillane::runCompressLaunch(paths);
   }
 
   const bool service = hasArgument(argc, argv, "--service");
@@ -138,12 +147,12 @@ int main(int argc, char** argv) {
   // Ahead of the bus service: its replies are worded in this run's language.
   quillane::LanguageManager::shared();
 
-  const QStringList files = service ? QStringList() : fileArguments();
+  const QList<QUrl> files = service ? QList<QUrl>() : fileArguments(argc, argv);
   quillane::DesktopSession session(canShowWindow);
   quillane::QuillaneBusService::Handlers handlers;
   if (canShowWindow) {
     handlers.activate = [&session] { session.showWindow(); };
-    handlers.open = [&session](const QStringList& paths) { session.open(paths); };
+    handlers.open = [&session](const QList<QUrl>& files) { session.open(files); };
   }
   quillane::QuillaneBusService bus(std::move(handlers));
   const QDBusConnection connection = QDBusConnection::sessionBus();

@@ -1,6 +1,11 @@
 // The model over the real engine: a generated PNG is inspected, encoded and exported, and a
-// file that is no image lands in the failure list with the decoder's text.
+// file that is no image lands in the failure list with the decoder's text. A name that is not
+// UTF-8 is read, exported and restored after a restart as the very same file.
 #include <QDir>
+
+#include <unistd.h>
+
+#include <memory>
 
 #include "engine/ImageFormat.h"
 #include "engine/PNGWriter.h"
@@ -18,15 +23,23 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t((i / 7 + i % 64 / 5) % 4);
   const PNGWriter::PaletteEntry palette[] = {
       {255, 0, 0, 255}, {0, 255, 0, 255}, {0, 0, 255, 255}, {9, 9, 9, 255}};
-  writeBytes(path("pattern.png"), PNGWriter::writeIndexedPNG(64, 48, indices, palette, std::nullopt));
+  const auto png = PNGWriter::writeIndexedPNG(64, 48, indices, palette, std::nullopt);
+  writeBytes(path("pattern.png"), png);
+  // "café.png" in Latin-1, as an old archive or camera card names it.
+  const QByteArray latin1Name = QFile::encodeName(dir_.path()) + "/caf\xe9.png";
+  writeBytes(latin1Name.toStdString(), png);
+  // QDir lists no such name, so the temporary folder could not remove it by itself.
+  const std::unique_ptr<const char, void (*)(const char*)> unlinkAtEnd(latin1Name.constData(),
+                                                                       [](const char* name) { ::unlink(name); });
+  const QUrl latin1URL = QUrl::fromEncoded("file://" + latin1Name.toPercentEncoding("/"));
 
   auto o = options();
   o.reader = nullptr;  // the real seams
   o.encoder = nullptr;
   o.inspector = nullptr;
   auto& model = makeModel(o);
-  import({QUrl::fromLocalFile(dir_.filePath("pattern.png")), source("notes.png", "this is not an image")});
-  ASSERT_EQ(model.images().size(), 1u);
+  import({QUrl::fromLocalFile(dir_.filePath("pattern.png")), source("notes.png", "this is not an image"), latin1URL});
+  ASSERT_EQ(model.images().size(), 2u);
   auto image = model.images()[0];
   EXPECT_EQ(std::tuple(image->width(), image->height(), image->originalFormat()),
             std::tuple(64, 48, ImageFormat::png));
@@ -40,6 +53,14 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   const auto written = readBytes(outcomes[0].destinationURL->toLocalFile().toStdString());
   EXPECT_EQ(ImageFormats::detect(written), ImageFormat::jpeg);
   EXPECT_EQ(int64_t(written.size()), image->encodeState().sizeBytes);
+  ASSERT_TRUE(outcomes.at(1).destinationURL);
+  EXPECT_EQ(readBytes(outcomes[1].destinationURL->toLocalFile().toStdString()), written);
+
+  o.restoreSession = true;
+  auto& restarted = makeModel(o);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return restarted.images().size() == 2; }, 5000));
+  EXPECT_EQ(restarted.images()[1]->sourceFilePath(), latin1Name.toStdString());
+  EXPECT_TRUE(restarted.importFailures().empty());
 }
 
 }  // namespace
