@@ -70,10 +70,14 @@ LightDecodedImage inspect(const std::string& path) {
   auto props = ImageService::properties(*bytes);
   if (!props || props->width <= 0 || props->height <= 0)
     throw ImageProcessingError::decodingFailed("no image properties: " + path);
-  auto thumb = ImageService::thumbnail(*bytes, kThumbnailSize);
-  if (!thumb) throw ImageProcessingError::decodingFailed("no thumbnail: " + path);
-
-  LightDecodedImage light{*format, props->width, props->height, fileSize(path), props->frameCount, std::move(*thumb)};
+  LightDecodedImage light{*format, props->width, props->height, fileSize(path), props->frameCount, {}};
+  // A header that gives no estimate counts as too costly: not decoding is the safe side.
+  const uint64_t peak = ImageService::thumbnailPeakBytes(*bytes, kThumbnailSize).value_or(UINT64_MAX);
+  if (peak <= kInspectionMemory - std::min<uint64_t>(bytes->size(), kInspectionMemory)) {
+    auto thumb = ImageService::thumbnail(*bytes, kThumbnailSize);
+    if (!thumb) throw ImageProcessingError::decodingFailed("no thumbnail: " + path);
+    light.thumbnail = std::move(*thumb);
+  }
   int orientation = props->orientation.value_or(1);
   if (orientation >= 5 && orientation <= 8) std::swap(light.pixelWidth, light.pixelHeight);
   return light;

@@ -22,8 +22,15 @@ struct LightDecodedImage {
   int pixelHeight = 0;
   int64_t fileSizeBytes = 0;
   int frameCount = 1;   // above 1 means animated
-  DecodedImage thumbnail;  // at most 256 pixels on the longer side, upright, 8-bit
+  // At most 256 pixels on the longer side, upright, 8-bit; empty when making it would take
+  // more than kInspectionMemory.
+  DecodedImage thumbnail;
 };
+
+// What inspection may take at its peak besides the process's own memory: the file's bytes
+// and the estimated peak of its thumbnail's decode (ImageService::thumbnailPeakBytes). A
+// picture whose thumbnail would take more is inspected without one.
+inline constexpr uint64_t kInspectionMemory = 256ull << 20;
 
 struct DecodedSource {
   ImageFormat format;
@@ -48,8 +55,8 @@ std::vector<uint8_t> readSource(const std::string& path);
 // found in the first kHeaderBytes: memory for a source follows its pixels, never its size.
 uint64_t maxSourceBytes(const std::optional<ImageService::Properties>& header);
 
-// Reads headers and makes a thumbnail; never decodes the full picture where the codec can
-// decode at a reduced scale. Throws ImageProcessingError::decodingFailed.
+// Reads headers and makes a thumbnail within kInspectionMemory; never decodes the full picture
+// where the codec can decode at a reduced scale. Throws ImageProcessingError::decodingFailed.
 LightDecodedImage inspect(const std::string& path);
 
 // Decodes the first frame in full and bakes its orientation into the pixels.

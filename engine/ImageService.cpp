@@ -65,6 +65,16 @@ DecodedImage decodeFirstFrame(std::span<const uint8_t> bytes) {
   }
 }
 
+std::optional<uint64_t> thumbnailPeakBytes(std::span<const uint8_t> bytes, int maxPixelSize) {
+  auto format = formatOf(bytes);
+  if (!format || maxPixelSize <= 0) return std::nullopt;
+  try {
+    return codecs::reducedDecodeBytes(*format, bytes, maxPixelSize);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
 std::optional<DecodedImage> thumbnail(std::span<const uint8_t> bytes, int maxPixelSize) {
   auto format = formatOf(bytes);
   if (!format || maxPixelSize <= 0) return std::nullopt;

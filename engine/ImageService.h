@@ -36,6 +36,10 @@ std::optional<Properties> properties(std::span<const uint8_t> bytes);
 // Throws ImageProcessingError::decodingFailed.
 DecodedImage decodeFirstFrame(std::span<const uint8_t> bytes);
 
+// The memory, in bytes, that thumbnail(bytes, maxPixelSize) takes at its peak besides the
+// bytes themselves, estimated from the header alone; nothing when the header can't be read.
+std::optional<uint64_t> thumbnailPeakBytes(std::span<const uint8_t> bytes, int maxPixelSize);
+
 // An 8-bit picture of image 0 of at most `maxPixelSize` on the longer side, orientation
 // applied, decoded at a reduced scale where the codec can (JPEG DCT scaling). Nothing on failure.
 std::optional<DecodedImage> thumbnail(std::span<const uint8_t> bytes, int maxPixelSize);

@@ -145,6 +145,20 @@ HeifImagePtr decodeQuietly(heif_image_handle* handle, heif_chroma chroma) {
 
 }  // namespace
 
+std::optional<uint64_t> heifReducedDecodeBytes(Input bytes, int minLongSide) {
+  auto opened = open(bytes);
+  if (!opened) return std::nullopt;
+  HeifHandlePtr thumbnail = thumbnailOf(opened->primary.get(), minLongSide);
+  heif_image_handle* handle = thumbnail ? thumbnail.get() : opened->primary.get();
+  const uint64_t pixels = uint64_t(std::max(0, heif_image_handle_get_width(handle))) *
+                          uint64_t(std::max(0, heif_image_handle_get_height(handle)));
+  const uint64_t sample = heif_image_handle_get_luma_bits_per_pixel(handle) > 8 ? 2 : 1;
+  const uint64_t channels = heif_image_handle_has_alpha_channel(handle) ? 4 : 3;
+  // The decoder's planes and libheif's copy of them (4:4:4 at worst), its interleaved RGB and
+  // this reader's RGBA.
+  return pixels * sample * (2 * channels + channels + 4) + (4u << 20);
+}
+
 DecodedImage decodeHeif(Input bytes, int minLongSide) {
   auto opened = open(bytes);
   if (!opened) fail("heif_context_read_from_memory: damaged or truncated HEIF");

@@ -74,6 +74,7 @@ struct JpegJob {
   int width, height, components;
   J_COLOR_SPACE colorSpace;
   bool adobe;
+  uint64_t coefficientBytes;  // what libjpeg holds for a file it must buffer whole
   bool tooLarge;
   bool tooManyScans;
   // Output.
@@ -133,6 +134,16 @@ bool decodeWithLibjpeg(JpegJob& job) {
   job.components = cinfo.num_components;
   job.colorSpace = cinfo.jpeg_color_space;
   job.adobe = cinfo.saw_Adobe_marker;
+  // A progressive file, or one whose first scan holds some components only, is buffered
+  // whole as DCT coefficients (2 bytes each), whatever the output scale.
+  job.coefficientBytes = 0;
+  if (cinfo.progressive_mode || cinfo.comps_in_scan < cinfo.num_components)
+    for (int c = 0; c < cinfo.num_components; ++c) {
+      const jpeg_component_info& component = cinfo.comp_info[c];
+      const uint64_t h = uint64_t(std::max(component.h_samp_factor, 1)), v = uint64_t(std::max(component.v_samp_factor, 1));
+      job.coefficientBytes += (uint64_t(component.width_in_blocks) + h - 1) / h * h *
+                              ((uint64_t(component.height_in_blocks) + v - 1) / v * v) * sizeof(JBLOCK);
+    }
   for (jpeg_saved_marker_ptr m = cinfo.marker_list; m; m = m->next)
     if (m->marker == JPEG_APP0 + 1 && m->data_length >= 6 && std::memcmp(m->data, "Exif\0\0", 6) == 0 &&
         job.exifFound) {
@@ -207,6 +218,17 @@ std::optional<Properties> jpegProperties(Input bytes) {
   };
   if (!decodeWithLibjpeg(job) || job.width <= 0 || job.height <= 0) return std::nullopt;
   return Properties{job.width, job.height, orientation, 1};
+}
+
+std::optional<uint64_t> jpegReducedDecodeBytes(Input bytes, int minLongSide) {
+  if (bytes.size() < 4) return std::nullopt;
+  JpegJob job = makeJob(bytes, true);
+  if (!decodeWithLibjpeg(job) || job.width <= 0 || job.height <= 0) return std::nullopt;
+  // The coefficients, then the output at the chosen DCT scale (at most 1/8 of the sides, or
+  // below twice minLongSide) as RGBA, with libjpeg's rows and tables.
+  const uint64_t pixels = uint64_t(job.width) * uint64_t(job.height);
+  const uint64_t side = uint64_t(std::max(minLongSide, 1));
+  return job.coefficientBytes + std::max(pixels / 64, 4 * side * side) * 4 + uint64_t(job.width) * 64 + (2u << 20);
 }
 
 DecodedImage decodeJpeg(Input bytes, int minLongSide) {

@@ -72,6 +72,26 @@ std::optional<Properties> jxlProperties(Input bytes) {
   }
 }
 
+std::optional<uint64_t> jxlReducedDecodeBytes(Input bytes) {
+  QuietStderr quiet;
+  try {
+    JxlDecoderPtr decoder = makeDecoder(bytes, JXL_DEC_BASIC_INFO);
+    JxlBasicInfo info;
+    if (JxlDecoderProcessInput(decoder.get()) != JXL_DEC_BASIC_INFO ||
+        JxlDecoderGetBasicInfo(decoder.get(), &info) != JXL_DEC_SUCCESS)
+      return std::nullopt;
+    const uint64_t pixels = uint64_t(info.xsize) * uint64_t(info.ysize);
+    const uint64_t channels = info.num_color_channels + (info.alpha_bits > 0 ? 1 : 0);
+    const bool xyb = info.uses_original_profile == JXL_FALSE;
+    // libjxl holds the whole frame as 4-byte samples (integers or floats), and more while it
+    // converts; this reader's RGBA comes on top (16 bits for a lossy picture).
+    const uint64_t output = info.bits_per_sample > 8 || xyb ? 8 : 4;
+    return pixels * (channels * 4 + output + 4) + (4u << 20);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
 DecodedImage decodeJxl(Input bytes) {
   QuietStderr quiet;
   JxlDecoderPtr decoder = makeDecoder(bytes, JXL_DEC_BASIC_INFO | JXL_DEC_COLOR_ENCODING | JXL_DEC_FULL_IMAGE);

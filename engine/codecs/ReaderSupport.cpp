@@ -43,6 +43,42 @@ DecodedImage allocateImage(int width, int height, int bitsPerComponent, AlphaInf
   return image;
 }
 
+bool hasGridItem(Input bytes) {
+  // Every "infe" box of version 2 or 3 names its item's type after its id and protection
+  // index. A chance match elsewhere in the file only makes an estimate more cautious.
+  static constexpr uint8_t kInfe[] = {'i', 'n', 'f', 'e'};
+  for (auto at = bytes.begin(); (at = std::search(at, bytes.end(), std::begin(kInfe), std::end(kInfe))) != bytes.end();
+       ++at) {
+    const size_t offset = size_t(at - bytes.begin());
+    if (offset + 4 + 4 + 4 + 2 + 4 > bytes.size()) break;
+    const uint8_t version = bytes[offset + 4];
+    const size_t type = offset + 4 + 4 + (version == 3 ? 4 : 2) + 2;
+    if ((version == 2 || version == 3) && type + 4 <= bytes.size() && std::equal(bytes.begin() + std::ptrdiff_t(type), bytes.begin() + std::ptrdiff_t(type + 4), "grid"))
+      return true;
+  }
+  return false;
+}
+
+std::optional<uint64_t> reducedDecodeBytes(ImageFormat format, Input bytes, int minLongSide) {
+  switch (format) {
+    case ImageFormat::png: {
+      // Rows as libpng hands them over and their sums, and a reduced output (at most 1/8 of
+      // the sides of an interlaced picture, or below twice minLongSide), 16 bits at most.
+      auto props = pngProperties(bytes);
+      if (!props) return std::nullopt;
+      const uint64_t pixels = uint64_t(props->width) * uint64_t(props->height);
+      const uint64_t side = uint64_t(std::max(minLongSide, 1));
+      return uint64_t(props->width) * 16 + std::max(pixels / 64, 16 * side * side) * 8 + (1u << 20);
+    }
+    case ImageFormat::jpeg: return jpegReducedDecodeBytes(bytes, minLongSide);
+    case ImageFormat::webp: return webpReducedDecodeBytes(bytes, minLongSide);
+    case ImageFormat::heic: return heifReducedDecodeBytes(bytes, minLongSide);
+    case ImageFormat::avif: return avifReducedDecodeBytes(bytes);
+    case ImageFormat::jxl: return jxlReducedDecodeBytes(bytes);
+  }
+  return std::nullopt;
+}
+
 int orientationFromRotationMirror(int quarterTurnsAnticlockwise, int mirrorMode) {
   // Rows: quarter turns anticlockwise 0...3; columns: no mirror, mode 0 (top and bottom
   // exchanged after turning), mode 1 (left and right exchanged after turning).

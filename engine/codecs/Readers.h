@@ -13,6 +13,7 @@
 #include <span>
 
 #include "engine/DecodedImage.h"
+#include "engine/ImageFormat.h"
 #include "engine/ImageService.h"
 
 namespace quillane::codecs {
@@ -25,10 +26,17 @@ inline constexpr const char* kTooLarge = "picture larger than the accepted maxim
 // What a reduced decode (thumbnail, preview) may take in a library's own buffers, such as a
 // progressive JPEG's coefficients: inspection of any file stays within about 300 MB.
 inline constexpr long kReducedDecodeMemory = 256l << 20;
+// The peak memory, in bytes, of the reduced decode `decodeX(bytes, minLongSide)` makes: the
+// reader's and its library's buffers, estimated from the header alone (the measured figures
+// are in bench/README.md, "Hostile inputs"). Nothing when the header can't be read.
+std::optional<uint64_t> reducedDecodeBytes(ImageFormat format, Input bytes, int minLongSide);
 // Peak memory of a full decode and encode, in bytes a pixel, checked against the machine's
 // memory (and the process's address-space limit) before any pixel memory is allocated.
 inline constexpr uint64_t kPeakBytesPerPixel = 10;
 
+// Whether an ISO-BMFF file (HEIC, AVIF) declares a grid item, a picture made of many coded
+// cells.
+bool hasGridItem(Input bytes);
 // Throws ImageProcessingError::decodingFailed naming the failing call.
 [[noreturn]] void fail(const char* what);
 // Throws when a stored size is zero or beyond kMaxDimension / kMaxPixels.
@@ -43,6 +51,7 @@ std::optional<Properties> jpegProperties(Input bytes);
 // `minLongSide` 0 decodes at full size; otherwise at the smallest DCT scale whose longer side
 // is still at least `minLongSide` (or 1/8, the smallest scale).
 DecodedImage decodeJpeg(Input bytes, int minLongSide = 0);
+std::optional<uint64_t> jpegReducedDecodeBytes(Input bytes, int minLongSide);
 
 std::optional<Properties> pngProperties(Input bytes);
 // `minLongSide` above 0 reads a large picture reduced, without ever holding it whole: at
@@ -54,6 +63,7 @@ std::optional<Properties> webpProperties(Input bytes);
 // `minLongSide` above 0 decodes scaled to that longer side; an animation's reduced picture
 // is its first frame alone, not the canvas.
 DecodedImage decodeWebp(Input bytes, int minLongSide = 0);
+std::optional<uint64_t> webpReducedDecodeBytes(Input bytes, int minLongSide);
 
 // HEIF reports no orientation: libheif applies irot/imir itself, and the size it reports is
 // the turned one.
@@ -61,13 +71,16 @@ DecodedImage decodeWebp(Input bytes, int minLongSide = 0);
 // file whose longer side is at least that long, when there is one.
 std::optional<Properties> heifProperties(Input bytes);
 DecodedImage decodeHeif(Input bytes, int minLongSide = 0);
+std::optional<uint64_t> heifReducedDecodeBytes(Input bytes, int minLongSide);
 
 // libavif never turns pixels: irot/imir are reported as the equivalent EXIF orientation.
 std::optional<Properties> avifProperties(Input bytes);
 DecodedImage decodeAvif(Input bytes);
+std::optional<uint64_t> avifReducedDecodeBytes(Input bytes);
 
 std::optional<Properties> jxlProperties(Input bytes);
 DecodedImage decodeJxl(Input bytes);
+std::optional<uint64_t> jxlReducedDecodeBytes(Input bytes);
 
 // The EXIF orientation equivalent to HEIF's irot (anticlockwise quarter turns, 0...3) followed
 // by imir (mode 0: top and bottom exchanged, 1: left and right exchanged, -1: none).

@@ -136,6 +136,23 @@ std::optional<Properties> webpProperties(Input bytes) {
   return props;
 }
 
+std::optional<uint64_t> webpReducedDecodeBytes(Input bytes, int minLongSide) {
+  DemuxPtr demux = demuxer(bytes);
+  if (!demux) return std::nullopt;
+  WebPIterator frame;
+  if (!WebPDemuxGetFrame(demux.get(), 1, &frame)) return std::nullopt;
+  WebPBitstreamFeatures features;
+  const VP8StatusCode status = WebPGetFeatures(frame.fragment.bytes, frame.fragment.size, &features);
+  WebPDemuxReleaseIterator(&frame);
+  if (status != VP8_STATUS_OK || features.width <= 0 || features.height <= 0) return std::nullopt;
+  // Scaling applies to the output only: a lossless frame is decoded whole (4 bytes a pixel),
+  // a lossy one row by row, but with its alpha plane whole.
+  const uint64_t pixels = uint64_t(features.width) * uint64_t(features.height);
+  const uint64_t perPixel = features.format != 1 ? 4 : features.has_alpha ? 2 : 0;
+  const uint64_t side = uint64_t(std::max(minLongSide, 1));
+  return pixels * perPixel + uint64_t(features.width) * 64 + side * side * 4 + (1u << 20);
+}
+
 DecodedImage decodeWebp(Input bytes, int minLongSide) {
   DemuxPtr demux = demuxer(bytes);
   if (!demux) fail("WebPDemux: damaged or truncated WebP");

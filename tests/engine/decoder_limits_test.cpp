@@ -146,11 +146,16 @@ TEST_F(Bombs, InspectUnderOneGigabyteAndRefuseTheFullDecodeBeforeAllocating) {
     std::string name;
     Bytes bytes;
     int size;
+    bool thumbnail = true;  // false: one would cost more than inspection may take
   };
+  // Grids of 32 x 32 cells of one 512 x 512 tile: libheif and libavif decode a grid whole.
+  const DecodedImage tile = fixtures::quadrants(512, 512);
   const Bomb bombs[] = {{"bomb.png", blackPng(22000, false), 22000},
                         {"interlaced.png", blackPng(22000, true), 22000},
                         {"bomb.jpg", fixtures::arithmeticGreyJpeg(22000, 22000, 128, 120000), 22000},
-                        {"canvas.webp", hugeCanvasWebp(), 16383}};
+                        {"canvas.webp", hugeCanvasWebp(), 16383},
+                        {"grid.heic", fixtures::grid(fixtures::heic(tile, {.alpha = false}), 32, 32), 16384, false},
+                        {"grid.avif", fixtures::grid(fixtures::avif(tile, {.alpha = false}), 32, 32), 16384, false}};
   for (const Bomb& bomb : bombs) {
     SCOPED_TRACE(bomb.name);
     ASSERT_LT(bomb.bytes.size(), 200u << 10);
@@ -158,7 +163,8 @@ TEST_F(Bombs, InspectUnderOneGigabyteAndRefuseTheFullDecodeBeforeAllocating) {
     testing::writeBytes(path, bomb.bytes);
     expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
       const auto light = ImageDecoder::inspect(path);
-      if (light.pixelWidth != bomb.size || light.thumbnail.empty() || std::max(light.thumbnail.width, light.thumbnail.height) > 256)
+      if (light.pixelWidth != bomb.size || light.pixelHeight != bomb.size || light.frameCount != 1 ||
+          light.thumbnail.empty() == bomb.thumbnail || std::max(light.thumbnail.width, light.thumbnail.height) > 256)
         return false;
       // Inspection made no full-size copy, and the encode is refused with the usual text.
       const auto result = ImageCompressor::compress(path, dir.path(), ImageFormat::heic, 70, bomb.name + ".heic");

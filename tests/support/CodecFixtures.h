@@ -112,4 +112,8 @@ struct JxlOptions {
 };
 Bytes jxl(const DecodedImage& image, const JxlOptions& options = {});  // low effort, 8 or 16 bits
 
+// A HEIC or AVIF grid of `columns` x `rows` cells that all show the one picture of
+// `tileFile` (a file of heic() or avif() without alpha): a few kilobytes for a huge picture.
+Bytes grid(const Bytes& tileFile, int columns, int rows);
+
 }  // namespace quillane::fixtures

@@ -246,3 +246,131 @@ Bytes jxl(const DecodedImage& image, const JxlOptions& options) {
 }
 
 }  // namespace quillane::fixtures
+
+namespace quillane::fixtures {
+namespace {
+
+void put(Bytes& out, uint64_t value, int bytes) {
+  for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8) out.push_back(uint8_t(value >> shift));
+}
+Bytes box(const char* type, const Bytes& payload, int version = -1, uint32_t flags = 0) {
+  Bytes out;
+  put(out, 8 + (version >= 0 ? 4 : 0) + payload.size(), 4);
+  out.insert(out.end(), type, type + 4);
+  if (version >= 0) put(out, uint32_t(version) << 24 | flags, 4);
+  out.insert(out.end(), payload.begin(), payload.end());
+  return out;
+}
+uint32_t read32(const Bytes& in, size_t at) {
+  return uint32_t(in[at]) << 24 | uint32_t(in[at + 1]) << 16 | uint32_t(in[at + 2]) << 8 | in[at + 3];
+}
+// The whole box of `type` (first found by its name), and the payload of the top-level `mdat`.
+Bytes findBox(const Bytes& file, const char* type) {
+  for (size_t at = 4; at + 4 <= file.size(); ++at)
+    if (std::memcmp(&file[at], type, 4) == 0) {
+      const size_t size = read32(file, at - 4);
+      require(size >= 8 && at - 4 + size <= file.size(), type);
+      return Bytes(file.begin() + std::ptrdiff_t(at - 4), file.begin() + std::ptrdiff_t(at - 4 + size));
+    }
+  require(false, type);
+  return {};
+}
+Bytes mdatPayload(const Bytes& file) {
+  for (size_t at = 0; at + 8 <= file.size();) {
+    const size_t size = read32(file, at);
+    require(size >= 8 && at + size <= file.size(), "top-level box");
+    if (std::memcmp(&file[at + 4], "mdat", 4) == 0) return Bytes(file.begin() + std::ptrdiff_t(at + 8), file.begin() + std::ptrdiff_t(at + size));
+    at += size;
+  }
+  require(false, "mdat");
+  return {};
+}
+
+}  // namespace
+
+Bytes grid(const Bytes& tileFile, int columns, int rows) {
+  const bool av1 = tileFile.size() > 12 && std::memcmp(&tileFile[8], "avif", 4) == 0;
+  const Bytes config = findBox(tileFile, av1 ? "av1C" : "hvcC"), ispeBox = findBox(tileFile, "ispe");
+  const uint32_t tileWidth = read32(ispeBox, 12), tileHeight = read32(ispeBox, 16);
+  const Bytes tile = mdatPayload(tileFile);
+  const int tiles = columns * rows;
+  require(tiles >= 1 && tiles < 65535, "tile count");
+
+  Bytes ftypPayload = {};
+  for (const char* brand : {av1 ? "avif" : "heic", "\0\0\0\0", "mif1", av1 ? "avif" : "heic", "miaf"})
+    ftypPayload.insert(ftypPayload.end(), brand, brand + 4);
+  const Bytes ftyp = box("ftyp", ftypPayload);
+  // The grid's description (8 bytes), then the one tile all grid cells point at.
+  Bytes gridData = {0, 0, uint8_t(rows - 1), uint8_t(columns - 1)};
+  put(gridData, tileWidth * uint32_t(columns), 2);
+  put(gridData, tileHeight * uint32_t(rows), 2);
+  require(rows <= 256 && columns <= 256 && tileWidth * uint32_t(columns) < 65536 && tileHeight * uint32_t(rows) < 65536,
+          "grid size");
+
+  auto meta = [&](uint32_t mdatStart) {
+    Bytes hdlr(4, 0);
+    hdlr.insert(hdlr.end(), {'p', 'i', 'c', 't'});
+    hdlr.insert(hdlr.end(), 13, 0);
+    Bytes pitm;
+    put(pitm, 1, 2);
+    Bytes iloc = {0x44, 0x00};  // 4-byte offsets and lengths, no base offset
+    put(iloc, uint32_t(tiles + 1), 2);
+    for (int item = 1; item <= tiles + 1; ++item) {
+      put(iloc, uint32_t(item), 2);
+      put(iloc, 0, 2);
+      put(iloc, 1, 2);
+      put(iloc, item == 1 ? mdatStart : mdatStart + uint32_t(gridData.size()), 4);
+      put(iloc, item == 1 ? gridData.size() : tile.size(), 4);
+    }
+    Bytes iinf;
+    put(iinf, uint32_t(tiles + 1), 2);
+    for (int item = 1; item <= tiles + 1; ++item) {
+      Bytes infe;
+      put(infe, uint32_t(item), 2);
+      put(infe, 0, 2);
+      const char* type = item == 1 ? "grid" : av1 ? "av01" : "hvc1";
+      infe.insert(infe.end(), type, type + 4);
+      infe.push_back(0);
+      const Bytes entry = box("infe", infe, 2, item == 1 ? 0 : 1);  // the tiles are hidden
+      iinf.insert(iinf.end(), entry.begin(), entry.end());
+    }
+    Bytes dimg;
+    put(dimg, 1, 2);
+    put(dimg, uint32_t(tiles), 2);
+    for (int item = 2; item <= tiles + 1; ++item) put(dimg, uint32_t(item), 2);
+    Bytes tileSize, gridSize;
+    put(tileSize, tileWidth, 4), put(tileSize, tileHeight, 4);
+    put(gridSize, tileWidth * uint32_t(columns), 4), put(gridSize, tileHeight * uint32_t(rows), 4);
+    Bytes ipco = config;
+    for (const Bytes& property : {box("ispe", tileSize, 0), box("ispe", gridSize, 0)})
+      ipco.insert(ipco.end(), property.begin(), property.end());
+    Bytes ipma;
+    put(ipma, uint32_t(tiles + 1), 4);
+    for (int item = 1; item <= tiles + 1; ++item) {
+      put(ipma, uint32_t(item), 2);
+      if (item == 1) {
+        ipma.insert(ipma.end(), {1, 3});
+      } else {
+        ipma.insert(ipma.end(), {2, 0x81, 2});
+      }
+    }
+    Bytes iprp = box("ipco", ipco), ipmaBox = box("ipma", ipma, 0);
+    iprp.insert(iprp.end(), ipmaBox.begin(), ipmaBox.end());
+    Bytes payload;
+    for (const Bytes& part : {box("hdlr", hdlr, 0), box("pitm", pitm, 0), box("iloc", iloc, 0), box("iinf", iinf, 0),
+                              box("iref", box("dimg", dimg), 0), box("iprp", iprp)})
+      payload.insert(payload.end(), part.begin(), part.end());
+    return box("meta", payload, 0);
+  };
+  const size_t metaSize = meta(0).size();
+  Bytes out = ftyp;
+  const Bytes metaBox = meta(uint32_t(ftyp.size() + metaSize + 8));
+  out.insert(out.end(), metaBox.begin(), metaBox.end());
+  Bytes mdat = gridData;
+  mdat.insert(mdat.end(), tile.begin(), tile.end());
+  const Bytes mdatBox = box("mdat", mdat);
+  out.insert(out.end(), mdatBox.begin(), mdatBox.end());
+  return out;
+}
+
+}  // namespace quillane::fixtures
