@@ -26,6 +26,16 @@ std::optional<DecodedImage> opaqueCopy(const DecodedImage& image, bool overWhite
 
 namespace WebPEncoder {
 Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan, const ImageCharacteristics& characteristics);
+
+// A picture in libwebp's own pixel words (32-bit ARGB, native byte order), made once from an
+// RGBA buffer whose samples it takes over and reorders in place, for any number of encodings:
+// a lossy one reads it where it lies, a lossless one (which may rewrite transparent pixels) a
+// copy. The bytes are those of encode(rgba, ...), without a full-size import per encoding.
+struct ARGBPicture {
+  RGBABuffer buffer;  // the samples as ARGB words; hasAlpha and colorSpace as they were
+  explicit ARGBPicture(RGBABuffer&& rgba);
+};
+Bytes encode(const ARGBPicture& picture, const EncodingPlan& plan, const ImageCharacteristics& characteristics);
 }  // namespace WebPEncoder
 
 namespace JXLEncoder {

@@ -6,6 +6,7 @@
 #include <exception>
 #include <filesystem>
 #include <new>
+#include <optional>
 
 #include "engine/Cancellation.h"
 #include "engine/DecodedImage.h"
@@ -32,6 +33,7 @@ bool isNative(ImageFormat format) {
 struct Pictures {
   DecodedImage decoded;
   RGBABuffer rgba;
+  std::optional<WebPEncoder::ARGBPicture> argb;  // WebP: the buffer's samples in libwebp's order
 };
 
 // One encoding of the plan, with `mode` as the plan's mode (the main encoding or the
@@ -46,7 +48,8 @@ Bytes encodeOnce(const Pictures& pictures, ImageFormat format, const EncodingPla
     case ImageFormat::avif:
       return NativeImageIOEncoder::encode(pictures.decoded, pictures.rgba.hasAlpha, format, p);
     case ImageFormat::webp:
-      return WebPEncoder::encode(pictures.rgba, p, characteristics);
+      return pictures.argb ? WebPEncoder::encode(*pictures.argb, p, characteristics)
+                           : WebPEncoder::encode(pictures.rgba, p, characteristics);
     case ImageFormat::jxl:
       return JXLEncoder::encode(pictures.rgba, pictures.rgba.hasAlpha, p);
     case ImageFormat::png:
@@ -122,6 +125,8 @@ Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double q
     pictures.decoded.colorSpace = pictures.rgba.colorSpace;
     pictures.decoded.pixels8 = std::move(pictures.rgba.pixels);
   }
+  // Reordered once for all of the plan's encodings, in place, instead of an import each.
+  if (format == ImageFormat::webp) pictures.argb.emplace(std::move(pictures.rgba));
   Cancellation::check();
 
   // A JPEG repackaged as JPEG XL loses nothing and is reconstructible byte for byte; below

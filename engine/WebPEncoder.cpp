@@ -63,19 +63,8 @@ float losslessEffortQuality(int effort) {
   return kQuality[std::clamp(effort, 0, 2)];
 }
 
-Bytes encodePicture(const RGBABuffer& rgba, const WebPConfig& config) {
-  PictureGuard guard;
-  WebPPicture& picture = guard.picture;
-  if (!WebPPictureInit(&picture)) throw webpFailed("WebPPictureInit");
-  picture.use_argb = 1;
-  picture.width = rgba.width;
-  picture.height = rgba.height;
-  if (rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4) throw webpFailed("pixel size check");
-  const int stride = rgba.width * 4;
-  const int imported = rgba.hasAlpha ? WebPPictureImportRGBA(&picture, rgba.pixels.data(), stride)
-                                     : WebPPictureImportRGBX(&picture, rgba.pixels.data(), stride);
-  if (!imported) throw webpFailed("WebPPictureImport");
-
+// Encodes `picture` (its pixels set) into memory.
+Bytes encodePicture(WebPPicture& picture, const WebPConfig& config) {
   MemoryWriterGuard memory;
   picture.writer = webpMemoryWrite;
   picture.custom_ptr = &memory.writer;
@@ -86,6 +75,44 @@ Bytes encodePicture(const RGBABuffer& rgba, const WebPConfig& config) {
     throw webpFailed("WebPEncode (error " + std::to_string(int(picture.error_code)) + ")");
   }
   return Bytes(memory.writer.mem, memory.writer.mem + memory.writer.size);
+}
+
+void checkSize(const RGBABuffer& rgba) {
+  if (rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4) throw webpFailed("pixel size check");
+}
+
+Bytes encodeImported(const RGBABuffer& rgba, const WebPConfig& config) {
+  PictureGuard guard;
+  WebPPicture& picture = guard.picture;
+  if (!WebPPictureInit(&picture)) throw webpFailed("WebPPictureInit");
+  picture.use_argb = 1;
+  picture.width = rgba.width;
+  picture.height = rgba.height;
+  checkSize(rgba);
+  const int stride = rgba.width * 4;
+  const int imported = rgba.hasAlpha ? WebPPictureImportRGBA(&picture, rgba.pixels.data(), stride)
+                                     : WebPPictureImportRGBX(&picture, rgba.pixels.data(), stride);
+  if (!imported) throw webpFailed("WebPPictureImport");
+  return encodePicture(picture, config);
+}
+
+// A lossy encoding converts the words to YUV without writing to them; a lossless one gets a
+// copy, since it may clear the colour of transparent pixels in place.
+Bytes encodeARGB(const ARGBPicture& argb, const WebPConfig& config) {
+  const RGBABuffer& words = argb.buffer;
+  checkSize(words);
+  PictureGuard view;
+  if (!WebPPictureInit(&view.picture)) throw webpFailed("WebPPictureInit");
+  view.picture.use_argb = 1;
+  view.picture.width = words.width;
+  view.picture.height = words.height;
+  // libwebp's argb field is not const, but the lossy route only reads it.
+  view.picture.argb = reinterpret_cast<uint32_t*>(const_cast<uint8_t*>(words.pixels.data()));
+  view.picture.argb_stride = words.width;
+  if (!config.lossless) return encodePicture(view.picture, config);
+  PictureGuard copy;
+  if (!WebPPictureCopy(&view.picture, &copy.picture)) throw webpFailed("WebPPictureCopy");
+  return encodePicture(copy.picture, config);
 }
 
 Bytes attach(const Bytes& icc, const Bytes& webp) {
@@ -149,18 +176,44 @@ WebPConfig makeConfig(const EncodingPlan& plan, const ImageCharacteristics& char
   return config;
 }
 
-Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan, const ImageCharacteristics& characteristics) {
-  const WebPConfig config = makeConfig(plan, characteristics, rgba.hasAlpha);
-  if (!WebPValidateConfig(&config)) throw webpFailed("WebPValidateConfig");
-  Bytes encoded = encodePicture(rgba, config);
+namespace {
 
-  const auto icc = ColorProfile::embeddableICC(rgba.colorSpace);
+// The ICCP chunk added where the colour space needs one.
+Bytes withProfile(Bytes encoded, const ColorSpace& colorSpace) {
+  const auto icc = ColorProfile::embeddableICC(colorSpace);
   if (!icc) return encoded;
   try {
     return attach(*icc, encoded);
   } catch (const std::exception&) {
     return encoded;  // a picture without its profile beats no picture, whatever failed
   }
+}
+
+WebPConfig validConfig(const EncodingPlan& plan, const ImageCharacteristics& characteristics, bool hasAlpha) {
+  const WebPConfig config = makeConfig(plan, characteristics, hasAlpha);
+  if (!WebPValidateConfig(&config)) throw webpFailed("WebPValidateConfig");
+  return config;
+}
+
+}  // namespace
+
+Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan, const ImageCharacteristics& characteristics) {
+  return withProfile(encodeImported(rgba, validConfig(plan, characteristics, rgba.hasAlpha)), rgba.colorSpace);
+}
+
+ARGBPicture::ARGBPicture(RGBABuffer&& rgba) : buffer(std::move(rgba)) {
+  uint8_t* p = buffer.pixels.data();
+  const size_t count = std::min(buffer.pixels.size() / 4, size_t(buffer.width) * size_t(buffer.height));
+  const bool opaque = !buffer.hasAlpha;  // the import libwebp would do sets alpha to 255
+  for (size_t i = 0; i < count; ++i, p += 4) {
+    const uint32_t word = uint32_t(opaque ? 255 : p[3]) << 24 | uint32_t(p[0]) << 16 | uint32_t(p[1]) << 8 | p[2];
+    std::memcpy(p, &word, 4);
+  }
+}
+
+Bytes encode(const ARGBPicture& picture, const EncodingPlan& plan, const ImageCharacteristics& characteristics) {
+  const WebPConfig config = validConfig(plan, characteristics, picture.buffer.hasAlpha);
+  return withProfile(encodeARGB(picture, config), picture.buffer.colorSpace);
 }
 
 }  // namespace quillane::WebPEncoder

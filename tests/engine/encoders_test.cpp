@@ -141,6 +141,23 @@ TEST(WebPEncode, LossyKeepsAlphaExactlyAndColourCloseAndFailsWithItsLabel) {
 
 // --- JPEG XL -----------------------------------------------------------------------------------
 
+// The picture reordered once serves every encoding with the bytes of a fresh import, also after
+// a lossless encoding (which clears transparent pixels in its own copy).
+TEST(WebPEncode, ARGBPictureGivesTheImportsBytesInAnyOrder) {
+  for (bool alpha : {true, false}) {
+    RGBABuffer rgba = makeBuffer(64, 48, Pattern::photo, 2, alpha);
+    for (int y = 0; alpha && y < rgba.height; ++y)  // colour under transparency: a corner and a scatter
+      for (int x = 0; x < rgba.width; ++x)
+        if ((x < 20 && y < 20) || (x * 7 + y * 3) % 9 == 0) rgba.pixels[(size_t(y) * rgba.width + x) * 4 + 3] = 0;
+    const auto c = characteristics(Class::screenText, alpha);
+    const Mode modes[] = {Mode::lossless(), Mode::lossy(75), Mode::nearLossless(60), Mode::lossless(), Mode::lossy(75)};
+    const WebPEncoder::ARGBPicture argb{RGBABuffer(rgba)};
+    for (const Mode& mode : modes)
+      EXPECT_EQ(WebPEncoder::encode(argb, makePlan(mode), c), WebPEncoder::encode(rgba, makePlan(mode), c))
+          << "alpha " << alpha << " mode " << EncodingPlan::modeName(mode.kind);
+  }
+}
+
 TEST(JxlEncode, LossyIsCloseAndUsesXYB) {
   const RGBABuffer rgba = makeBuffer(48, 40, Pattern::photo, 6);
   const auto decoded = decodeJXL(JXLEncoder::encode(rgba, false, makePlan(Mode::lossy(90), 0)));
