@@ -253,6 +253,13 @@ TEST(Cancellation, ARaisedFlagStopsADecodeAndOnlyOnItsOwnThread) {
       expectCancelled("decode", [&] { ImageDecoder::decodeCGImageSource(*file); });
   }
   for (const Bytes* file : {&png, &jxl, &webp}) EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(*file));  // the scope ended
+
+  // WebP is shown to its decoder in slices: one of several slices gives libwebp's own pixels.
+  const Bytes noisy = fixtures::webp(testing::makeImage(400, 300, testing::Pattern::noisyPhoto), {.lossless = true});
+  ASSERT_GT(noisy.size(), 262'144u);
+  const auto reference = testing::decodeWebP(noisy);
+  ASSERT_TRUE(reference);
+  EXPECT_TRUE(ImageDecoder::decodeCGImageSource(noisy).image.pixels8 == reference->rgba);
 }
 
 TEST(Cancellation, ARaisedFlagStopsEachHookedEncoder) {
