@@ -20,7 +20,7 @@ DecodedImage decode(ImageFormat format, std::span<const uint8_t> bytes, int minL
     case ImageFormat::png: return codecs::decodePng(bytes, minLongSide);
     case ImageFormat::jpeg: return codecs::decodeJpeg(bytes, minLongSide);
     case ImageFormat::heic: return codecs::decodeHeif(bytes, minLongSide);
-    case ImageFormat::avif: return codecs::decodeAvif(bytes);
+    case ImageFormat::avif: return codecs::decodeAvif(bytes, minLongSide);
     case ImageFormat::webp: return codecs::decodeWebp(bytes, minLongSide);
     case ImageFormat::jxl: return codecs::decodeJxl(bytes);
   }

@@ -6,14 +6,18 @@
 
 #include <algorithm>
 #include <memory>
+#include <vector>
 
 #include "engine/CHandle.h"
+#include "engine/Cancellation.h"
 #include "engine/ColorConvert.h"
+#include "engine/codecs/QuietStderr.h"
 #include "engine/codecs/Readers.h"
 
 namespace quillane::codecs {
 namespace {
 using AvifDecoderPtr = CHandle<avifDecoder, avifDecoderDestroy>;
+using AvifImagePtr = CHandle<avifImage, avifImageDestroy>;
 
 // A parsed decoder over `bytes`, which outlive it; nothing when the container is unreadable.
 AvifDecoderPtr parse(Input bytes) {
@@ -23,8 +27,9 @@ AvifDecoderPtr parse(Input bytes) {
   decoder->imageSizeLimit = uint32_t(std::min<uint64_t>(kMaxPixels, AVIF_DEFAULT_IMAGE_SIZE_LIMIT));
   decoder->imageDimensionLimit = uint32_t(kMaxDimension);
   decoder->maxThreads = 1;
-  // dav1d logs damaged data to stderr and libavif gives no way to silence it; aom is quiet.
-  decoder->codecChoice = AVIF_CODEC_CHOICE_AOM;
+  // dav1d holds a picture in about a quarter of what aom takes (bench/README.md, "Hostile
+  // inputs"); it logs damaged data to stderr, which the decodes below silence.
+  decoder->codecChoice = AVIF_CODEC_CHOICE_DAV1D;
   // Real-world files often lack boxes the strict reading insists on (pixi, clap rules).
   decoder->strictFlags = AVIF_STRICT_DISABLED;
   decoder->ignoreExif = AVIF_TRUE;  // the orientation comes from irot/imir, never from EXIF
@@ -39,6 +44,68 @@ std::optional<int> orientationOf(const avifImage* image) {
   bool mirrored = (image->transformFlags & AVIF_TRANSFORM_IMIR) != 0;
   if (!rotated && !mirrored) return std::nullopt;
   return orientationFromRotationMirror(rotated ? image->irot.angle : 0, mirrored ? image->imir.mode : -1);
+}
+
+// `frame` averaged down by a whole factor, to a longer side between minLongSide and twice
+// that, as a 4:4:4 picture (grey stays grey) of the same depth, matrix and range: libavif
+// then converts the small picture to RGB, and the full picture is never held as RGBA.
+AvifImagePtr reduced(const avifImage* frame, int minLongSide) {
+  const int width = int(frame->width), height = int(frame->height);
+  const int factor = std::max(1, std::max(width, height) / minLongSide);
+  const uint32_t outWidth = uint32_t((width + factor - 1) / factor), outHeight = uint32_t((height + factor - 1) / factor);
+  const bool grey = frame->yuvFormat == AVIF_PIXEL_FORMAT_YUV400, alpha = frame->alphaPlane != nullptr;
+  AvifImagePtr small(avifImageCreate(outWidth, outHeight, frame->depth, grey ? AVIF_PIXEL_FORMAT_YUV400 : AVIF_PIXEL_FORMAT_YUV444));
+  if (!small) fail("avifImageCreate");
+  small->yuvRange = frame->yuvRange;
+  small->colorPrimaries = frame->colorPrimaries;
+  small->transferCharacteristics = frame->transferCharacteristics;
+  small->matrixCoefficients = frame->matrixCoefficients;
+  small->alphaPremultiplied = frame->alphaPremultiplied;
+  if (avifImageAllocatePlanes(small.get(), alpha ? AVIF_PLANES_ALL : AVIF_PLANES_YUV) != AVIF_RESULT_OK)
+    fail("avifImageAllocatePlanes");
+  avifPixelFormatInfo info;
+  avifGetPixelFormatInfo(frame->yuvFormat, &info);
+  const bool wide = frame->depth > 8;
+  struct Source {
+    const uint8_t* data;
+    uint32_t rowBytes;
+    int shiftX, shiftY;
+    uint8_t* out;
+    uint32_t outRowBytes;
+  };
+  std::vector<Source> planes = {{frame->yuvPlanes[AVIF_CHAN_Y], frame->yuvRowBytes[AVIF_CHAN_Y], 0, 0,
+                                 small->yuvPlanes[AVIF_CHAN_Y], small->yuvRowBytes[AVIF_CHAN_Y]}};
+  if (!grey)
+    for (int c : {AVIF_CHAN_U, AVIF_CHAN_V})
+      planes.push_back({frame->yuvPlanes[c], frame->yuvRowBytes[c], int(info.chromaShiftX), int(info.chromaShiftY),
+                        small->yuvPlanes[c], small->yuvRowBytes[c]});
+  if (alpha) planes.push_back({frame->alphaPlane, frame->alphaRowBytes, 0, 0, small->alphaPlane, small->alphaRowBytes});
+  std::vector<uint64_t> sums(outWidth);
+  for (const Source& plane : planes) {
+    if (!plane.data || !plane.out) fail("avifDecoderNextImage: missing plane");
+    for (uint32_t oy = 0; oy < outHeight; ++oy) {
+      Cancellation::check();
+      std::fill(sums.begin(), sums.end(), 0);
+      const int y0 = int(oy) * factor, y1 = std::min(height, y0 + factor);
+      for (int y = y0; y < y1; ++y) {
+        const uint8_t* row = plane.data + size_t(y >> plane.shiftY) * plane.rowBytes;
+        for (int x = 0; x < width; ++x) {
+          const size_t at = size_t(x >> plane.shiftX);
+          sums[size_t(x / factor)] += wide ? reinterpret_cast<const uint16_t*>(row)[at] : row[at];
+        }
+      }
+      uint8_t* out = plane.out + size_t(oy) * plane.outRowBytes;
+      for (uint32_t ox = 0; ox < outWidth; ++ox) {
+        const uint64_t count = uint64_t(y1 - y0) * uint64_t(std::min(width, int(ox + 1) * factor) - int(ox) * factor);
+        const uint64_t mean = (sums[ox] + count / 2) / count;
+        if (wide)
+          reinterpret_cast<uint16_t*>(out)[ox] = uint16_t(mean);
+        else
+          out[ox] = uint8_t(mean);
+      }
+    }
+  }
+  return small;
 }
 
 }  // namespace
@@ -61,21 +128,27 @@ std::optional<uint64_t> avifReducedDecodeBytes(Input bytes) {
   const avifImage* image = decoder->image;
   const uint64_t pixels = uint64_t(image->width) * uint64_t(image->height);
   const uint64_t sample = image->depth > 8 ? 2 : 1;
-  // The AV1 decoder's frame buffers take about five times the planes (measured: 19 bytes a
-  // pixel for 8-bit 4:4:4 with the RGBA output); a grid keeps one decoder per cell alive.
+  // dav1d's picture, about its planes (measured: 3.2 bytes a pixel for 8-bit 4:4:4, 6.4 at
+  // 10 bits); a grid is assembled in libavif's own planes while every cell keeps its decoder
+  // and their pictures (measured: 7.6 bytes a pixel for 8-bit 4:4:4 cells of 512 x 512).
   avifPixelFormatInfo info;
   avifGetPixelFormatInfo(image->yuvFormat, &info);
-  const uint64_t planes = info.monochrome ? 4 : 4 + 8 / ((uint64_t(1) << info.chromaShiftX) << info.chromaShiftY);
-  const uint64_t quarterBytes = pixels * sample * planes;  // the planes in quarters of a byte a sample
-  return quarterBytes * 5 / 4 + pixels * sample * 4 + pixels * 8 * (hasGridItem(bytes) ? 1 : 0) + (4u << 20);
+  const double chroma = info.monochrome ? 0 : 2.0 / double((1 << info.chromaShiftX) << info.chromaShiftY);
+  const double planes = double(sample) * (1 + chroma + (image->alphaPlane || decoder->alphaPresent ? 1 : 0));
+  const double copies = hasGridItem(bytes) ? 2.6 : 1.1;
+  return uint64_t(double(pixels) * planes * copies) + (8u << 20);
 }
 
-DecodedImage decodeAvif(Input bytes) {
+DecodedImage decodeAvif(Input bytes, int minLongSide) {
   AvifDecoderPtr decoder = parse(bytes);
   if (!decoder) fail("avifDecoderParse: damaged or truncated AVIF");
   checkSize(decoder->image->width, decoder->image->height);
-  if (avifDecoderNextImage(decoder.get()) != AVIF_RESULT_OK) fail("avifDecoderNextImage");
-  const avifImage* frame = decoder->image;
+  {
+    QuietStderr quiet;
+    if (avifDecoderNextImage(decoder.get()) != AVIF_RESULT_OK) fail("avifDecoderNextImage");
+  }
+  AvifImagePtr small = minLongSide > 0 ? reduced(decoder->image, minLongSide) : nullptr;
+  const avifImage* frame = small ? small.get() : decoder->image;
   bool alpha = frame->alphaPlane != nullptr;
   int bits = frame->depth > 8 ? 16 : 8;
   DecodedImage image = allocateImage(int(frame->width), int(frame->height), bits, alpha ? AlphaInfo::straight : AlphaInfo::none);

@@ -59,6 +59,30 @@ bool hasGridItem(Input bytes) {
   return false;
 }
 
+double codedSamplesPerPixel(Input bytes) {
+  auto search = [&](const char* type, auto&& samplesOf) {
+    double most = 0;
+    const uint8_t* name = reinterpret_cast<const uint8_t*>(type);
+    for (auto at = bytes.begin(); (at = std::search(at, bytes.end(), name, name + 4)) != bytes.end(); ++at) {
+      const size_t payload = size_t(at - bytes.begin()) + 4;
+      if (payload + 20 <= bytes.size()) most = std::max(most, samplesOf(bytes.subspan(payload, 20)));
+    }
+    return most;
+  };
+  // hvcC: chroma_format_idc in the low bits of its 17th byte. av1C: monochrome and the two
+  // subsampling flags in its third.
+  const double hevc = search("hvcC", [](Input c) {
+    static constexpr double kSamples[4] = {1, 1.5, 2, 3};
+    return kSamples[c[16] & 3];
+  });
+  const double av1 = search("av1C", [](Input c) {
+    if (c[2] & 0x10) return 1.0;
+    return (c[2] & 0x08) ? ((c[2] & 0x04) ? 1.5 : 2.0) : 3.0;
+  });
+  const double most = std::max(hevc, av1);
+  return most > 0 ? most : 3;
+}
+
 std::optional<uint64_t> reducedDecodeBytes(ImageFormat format, Input bytes, int minLongSide) {
   switch (format) {
     case ImageFormat::png: {

@@ -37,6 +37,10 @@ inline constexpr uint64_t kPeakBytesPerPixel = 10;
 // Whether an ISO-BMFF file (HEIC, AVIF) declares a grid item, a picture made of many coded
 // cells.
 bool hasGridItem(Input bytes);
+// The colour samples a pixel that the coded pictures of an ISO-BMFF file carry, from their
+// HEVC or AV1 configuration boxes: 3 for 4:4:4, 2 for 4:2:2, 1.5 for 4:2:0, 1 for grey; the
+// largest when they differ, 3 when there is none.
+double codedSamplesPerPixel(Input bytes);
 // Throws ImageProcessingError::decodingFailed naming the failing call.
 [[noreturn]] void fail(const char* what);
 // Throws when a stored size is zero or beyond kMaxDimension / kMaxPixels.
@@ -75,7 +79,8 @@ std::optional<uint64_t> heifReducedDecodeBytes(Input bytes, int minLongSide);
 
 // libavif never turns pixels: irot/imir are reported as the equivalent EXIF orientation.
 std::optional<Properties> avifProperties(Input bytes);
-DecodedImage decodeAvif(Input bytes);
+// `minLongSide` above 0 averages the decoded planes down before they are turned into RGB.
+DecodedImage decodeAvif(Input bytes, int minLongSide = 0);
 std::optional<uint64_t> avifReducedDecodeBytes(Input bytes);
 
 std::optional<Properties> jxlProperties(Input bytes);

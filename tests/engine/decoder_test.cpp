@@ -170,6 +170,28 @@ TEST(Thumbnails, AHeicStoredThumbnailServesOnlyWhenItShowsThePictureAsItIs) {
   EXPECT_NEAR(upright.pixels8[size_t(upright.width - 1) * 4 + 3], 128, 8);
 }
 
+// HEIC and AVIF thumbnails are averaged from the decoders' planes, before any RGBA of the
+// full picture exists: the colours must be those of the full decode reduced, for single
+// pictures and grids, 8 and 10 bits, with alpha.
+TEST(Thumbnails, HeicAndAvifThumbnailsFromTheirPlanesMatchTheFullDecodeReduced) {
+  const auto photo = testing::makeImage(256, 192, testing::Pattern::photo, 7, true);
+  const fixtures::Bytes files[] = {fixtures::heic(photo, {.alpha = false}),
+                                   fixtures::grid(fixtures::heic(photo, {.alpha = false}), 2, 2),
+                                   fixtures::avif(photo),
+                                   fixtures::avif(photo, {.depth = 10}),
+                                   fixtures::grid(fixtures::avif(photo, {.alpha = false}), 2, 2)};
+  for (const auto& file : files) {
+    auto thumb = ImageService::thumbnail(file, 64);
+    ASSERT_TRUE(thumb);
+    const DecodedImage full = Resample::fitWithin(Resample::toEightBit(ImageService::decodeFirstFrame(file)), 64);
+    ASSERT_EQ(thumb->width, full.width);
+    ASSERT_EQ(thumb->height, full.height);
+    double difference = 0;
+    for (size_t i = 0; i < full.pixels8.size(); ++i) difference += std::abs(int(thumb->pixels8[i]) - int(full.pixels8[i]));
+    EXPECT_LT(difference / double(full.pixels8.size()), 2.0);
+  }
+}
+
 // An RGB profile whose tone curve is a table (gamma 1.8 sampled), which JPEG XL can't describe
 // by code points.
 fixtures::Bytes tabulatedCurveICC() {
