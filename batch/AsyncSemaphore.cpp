@@ -37,6 +37,21 @@ void AsyncSemaphore::wait(int cost, std::function<void()> resume) {
   QMetaObject::invokeMethod(this, std::move(resume), Qt::QueuedConnection);
 }
 
+void AsyncSemaphore::waitAhead(int cost, std::function<void()> resume) {
+  const int effective = clampCost(cost);
+  {
+    std::lock_guard lock(mutex_);
+    const bool aheadQueued = !waiters_.empty() && waiters_.front().ahead;
+    if (aheadQueued || available_ < effective) {
+      auto after = std::find_if(waiters_.begin(), waiters_.end(), [](const Waiter& w) { return !w.ahead; });
+      waiters_.insert(after, Waiter{effective, std::move(resume), true});
+      return;
+    }
+    available_ -= effective;
+  }
+  QMetaObject::invokeMethod(this, std::move(resume), Qt::QueuedConnection);
+}
+
 void AsyncSemaphore::signal(int cost) {
   const int effective = clampCost(cost);
   std::vector<std::function<void()>> released;

@@ -1,6 +1,6 @@
 #pragma once
-// A counting semaphore for continuations: cost-weighted, strictly first in first out, not
-// cancellable. Used by the batch to bound how many encodes run at once (one permit per
+// A counting semaphore for continuations: cost-weighted, first in first out (with one lane
+// ahead of the queue, waitAhead), not cancellable. Used by the batch to bound how many encodes run at once (one permit per
 // processor) and how much working memory they may claim (one permit per megabyte).
 //
 // Owned by BatchViewModel; lives on the GUI thread. wait() and signal() may be called from
@@ -34,6 +34,11 @@ class AsyncSemaphore : public QObject {
   // it would fit: the head of the queue holds back everyone behind it.
   void wait(int cost, std::function<void()> resume);
 
+  // As wait, but queued ahead of every waiter that came through wait (behind earlier
+  // waitAhead ones), and taking free permits at once when no waitAhead caller is queued,
+  // whoever else waits. For short jobs that must not sit behind a queue of long ones.
+  void waitAhead(int cost, std::function<void()> resume);
+
   // Gives back `cost` permits (clamped as in wait) and releases waiters from the head while
   // the head fits.
   void signal(int cost);
@@ -44,6 +49,7 @@ class AsyncSemaphore : public QObject {
   struct Waiter {
     int cost;
     std::function<void()> resume;
+    bool ahead = false;
   };
   const int limit_;
   mutable std::mutex mutex_;

@@ -9,6 +9,7 @@
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
 
+#include "batch/AsyncSemaphore.h"
 #include "batch/BatchViewModelPrivate.h"
 #include "engine/Errors.h"
 #include "records/JSONFileStore.h"
@@ -98,8 +99,24 @@ void BatchViewModel::inspectConcurrently(const QList<QUrl>& urls, InspectionResu
 }
 
 void BatchViewModel::startInspection(const std::shared_ptr<InspectionRun>& run, int index) {
-  using Outcome = InspectionRun::Outcome;
+  // An inspection claims what it will take (its file's bytes and its thumbnail's decode, from
+  // the header: at most ImageDecoder::kInspectionMemory) from the encodes' memory budget. It
+  // waits for running encodes to give memory back, but ahead of the queued ones: an import
+  // must not sit behind a queue of long encodes, and inspections are short.
   const std::string path = localFilePath(run->urls[index]);
+  QtConcurrent::run(inspectPool_.get(),
+                    [path] {
+                      const uint64_t bytes = ImageDecoder::inspectionPeakBytes(path);
+                      return int(std::min<uint64_t>((bytes + (1u << 20) - 1) >> 20, INT32_MAX));
+                    })
+      .then(this, [this, run, index, path](int costMB) {
+        encodeMemoryBudget_->waitAhead(costMB, [this, run, index, path, costMB] { inspect(run, index, path, costMB); });
+      });
+}
+
+void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int index, const std::string& path,
+                             int costMB) {
+  using Outcome = InspectionRun::Outcome;
   Inspector inspector = options_.inspector;
   QtConcurrent::run(inspectPool_.get(),
                     [inspector, path]() -> Outcome {
@@ -112,7 +129,8 @@ void BatchViewModel::startInspection(const std::shared_ptr<InspectionRun>& run, 
                       }
                       return outcome;
                     })
-      .then(this, [this, run, index](const Outcome& outcome) {
+      .then(this, [this, run, index, costMB](const Outcome& outcome) {
+        encodeMemoryBudget_->signal(costMB);
         run->buffer[index] = outcome;
         if (run->nextToStart < run->urls.size()) startInspection(run, run->nextToStart++);
         // A slow early file holds back the delivery of later ones, never their inspection.

@@ -265,6 +265,8 @@ class BatchViewModel : public QObject {
   // Import.
   void inspectConcurrently(const QList<QUrl>& urls, InspectionResult onResult, std::function<void()> onFinished);
   void startInspection(const std::shared_ptr<InspectionRun>& run, int index);
+  // The inspection itself, once its memory is claimed; gives the memory back when it ends.
+  void inspect(const std::shared_ptr<InspectionRun>& run, int index, const std::string& path, int costMB);
   void recordImportFailure(const QUrl& url, const QString& message);
   void appendImported(const std::shared_ptr<ImportedImage>& image);
   void restoreSession();

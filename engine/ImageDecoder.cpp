@@ -83,6 +83,20 @@ LightDecodedImage inspect(const std::string& path) {
   return light;
 }
 
+uint64_t inspectionPeakBytes(const std::string& path) {
+  std::vector<uint8_t> head;
+  try {
+    head = FileIO::readHead(path, kHeaderBytes);
+  } catch (const std::exception&) {
+    return 0;  // unreadable: refused before anything is allocated
+  }
+  if (!ImageFormats::detect(head)) return 0;
+  const uint64_t size = uint64_t(std::max<int64_t>(fileSize(path), 0));
+  const auto decode = ImageService::thumbnailPeakBytes(head, kThumbnailSize);
+  if (!decode) return std::max(size, kInspectionMemory);
+  return *decode <= kInspectionMemory - std::min(size, kInspectionMemory) ? size + *decode : size;
+}
+
 DecodedSource decodeCGImageSource(std::span<const uint8_t> fileData) {
   auto format = ImageFormats::detect(fileData);
   if (!format) throw ImageProcessingError::decodingFailed("not one of the six formats");

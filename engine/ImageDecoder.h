@@ -59,6 +59,12 @@ uint64_t maxSourceBytes(const std::optional<ImageService::Properties>& header);
 // where the codec can decode at a reduced scale. Throws ImageProcessingError::decodingFailed.
 LightDecodedImage inspect(const std::string& path);
 
+// What inspect(path) takes at its peak besides the process's own memory, from the file's size
+// and first kHeaderBytes alone: its bytes, and its thumbnail's decode where that fits within
+// kInspectionMemory; kInspectionMemory (or the file's size, when larger) when the header is not
+// there to tell. Next to nothing for a file that inspection refuses from its first bytes.
+uint64_t inspectionPeakBytes(const std::string& path);
+
 // Decodes the first frame in full and bakes its orientation into the pixels.
 // Throws ImageProcessingError::decodingFailed.
 DecodedSource decodeCGImageSource(std::span<const uint8_t> fileData);

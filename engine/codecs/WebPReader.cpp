@@ -137,8 +137,11 @@ std::optional<Properties> webpProperties(Input bytes) {
 }
 
 std::optional<uint64_t> webpReducedDecodeBytes(Input bytes, int minLongSide) {
-  DemuxPtr demux = demuxer(bytes);
-  if (!demux) return std::nullopt;
+  // The first frame's header is enough, from a whole file or its first bytes.
+  WebPData data{bytes.data(), bytes.size()};
+  WebPDemuxState state = WEBP_DEMUX_PARSE_ERROR;
+  DemuxPtr demux(WebPDemuxPartial(&data, &state));
+  if (!demux || state < WEBP_DEMUX_PARSED_HEADER) return std::nullopt;
   WebPIterator frame;
   if (!WebPDemuxGetFrame(demux.get(), 1, &frame)) return std::nullopt;
   WebPBitstreamFeatures features;

@@ -3,6 +3,8 @@
 
 #include "batch/AsyncSemaphore.h"
 #include "tests/batch/batch_test_support.h"
+#include "tests/support/CodecFixtures.h"
+#include "tests/support/TestImages.h"
 
 namespace quillane::testing {
 namespace {
@@ -31,7 +33,43 @@ TEST(AsyncSemaphoreTest, StrictlyFirstInFirstOutWithClampedCosts) {
   EXPECT_EQ(semaphore.availablePermits(), 10);
 }
 
+TEST(AsyncSemaphoreTest, WaitAheadPassesQueuedWaitersButNeverHeldPermits) {
+  AsyncSemaphore semaphore(10);
+  std::string order;
+  auto step = [&](std::initializer_list<int> givenBack) {
+    for (int cost : givenBack) semaphore.signal(cost);
+    QCoreApplication::processEvents();
+    return order;
+  };
+  semaphore.wait(8, [&] { order += 'A'; });
+  semaphore.wait(5, [&] { order += 'B'; });       // 2 free: queued
+  semaphore.waitAhead(2, [&] { order += 'i'; });  // fits in the 2 free although B waits
+  semaphore.waitAhead(4, [&] { order += 'j'; });  // does not fit: queued, but ahead of B
+  EXPECT_EQ(step({}), "Ai");
+  EXPECT_EQ(step({8}), "Aij") << "B needs 5 and 4 are free";
+  EXPECT_EQ(step({2}), "AijB");
+}
+
 using SchedulerTest = BatchFixture;
+
+TEST_F(SchedulerTest, AnInspectionWaitsForMemoryThatARunningEncodeHolds) {
+  auto o = options();
+  o.processorCount = 2;
+  o.memoryBudgetMB = 100;
+  auto& model = makeModel(o);
+  inspectAs("large.png", {3000, 3000});  // the whole budget
+  import({source("large.png", "slow")});
+  ASSERT_TRUE(waitForCalls(1));
+  // A real picture, whose inspection claims its file and its thumbnail's decode.
+  const QString picture = dir_.filePath("picture.png");
+  testing::writeBytes(picture.toStdString(), fixtures::png(fixtures::quadrants(64, 64)));
+  QFuture<void> done = model.importFiles({QUrl::fromLocalFile(picture)});
+  QTest::qWait(150);
+  EXPECT_FALSE(done.isFinished());
+  openGate();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return done.isFinished(); }, 5000));
+  EXPECT_EQ(model.images().size(), 2u);
+}
 
 TEST_F(SchedulerTest, GlobalChangesAreDebouncedAndWaitForTheSliderToBeLetGo) {
   auto& model = makeModel();
