@@ -22,7 +22,7 @@ DecodedImage decode(ImageFormat format, std::span<const uint8_t> bytes, int minL
     case ImageFormat::heic: return codecs::decodeHeif(bytes, minLongSide);
     case ImageFormat::avif: return codecs::decodeAvif(bytes, minLongSide);
     case ImageFormat::webp: return codecs::decodeWebp(bytes, minLongSide);
-    case ImageFormat::jxl: return codecs::decodeJxl(bytes);
+    case ImageFormat::jxl: return codecs::decodeJxl(bytes, minLongSide);
   }
   codecs::fail("unknown format");
 }

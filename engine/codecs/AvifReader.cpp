@@ -135,7 +135,7 @@ std::optional<uint64_t> avifReducedDecodeBytes(Input bytes) {
   avifGetPixelFormatInfo(image->yuvFormat, &info);
   const double chroma = info.monochrome ? 0 : 2.0 / double((1 << info.chromaShiftX) << info.chromaShiftY);
   const double planes = double(sample) * (1 + chroma + (image->alphaPlane || decoder->alphaPresent ? 1 : 0));
-  const double copies = hasGridItem(bytes) ? 2.6 : 1.1;
+  const double copies = hasGridItem(bytes) ? 2.75 : 1.1;
   return uint64_t(double(pixels) * planes * copies) + (8u << 20);
 }
 

@@ -5,6 +5,7 @@
 #include <jxl/decode.h>
 #include <jxl/decode_cxx.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "engine/Cancellation.h"
@@ -40,6 +41,48 @@ std::vector<uint8_t> iccProfile(JxlDecoder* decoder, JxlColorProfileTarget targe
   if (JxlDecoderGetColorAsICCProfile(decoder, &unused, target, icc.data(), size) != JXL_DEC_SUCCESS) return {};
   return icc;
 }
+
+// A picture averaged down by a whole factor while libjxl hands over its pixels, group by group
+// in any order, so that no full-size output buffer exists (measured for a lossy picture: 14.2
+// bytes a pixel instead of 22): per output pixel, the sums of the samples under it.
+struct Reducer {
+  int factor = 1;
+  size_t width = 0, height = 0, outWidth = 0, outHeight = 0;
+  size_t channels = 4;
+  bool wide = false;
+  std::vector<uint64_t> sums;
+
+  static void onPixels(void* opaque, size_t x, size_t y, size_t count, const void* pixels) {
+    auto* self = static_cast<Reducer*>(opaque);
+    if (y >= self->height || x + count > self->width) return;
+    uint64_t* row = self->sums.data() + y / size_t(self->factor) * self->outWidth * self->channels;
+    for (size_t i = 0; i < count; ++i) {
+      uint64_t* sum = row + (x + i) / size_t(self->factor) * self->channels;
+      for (size_t c = 0; c < self->channels; ++c)
+        sum[c] += self->wide ? static_cast<const uint16_t*>(pixels)[i * self->channels + c]
+                             : static_cast<const uint8_t*>(pixels)[i * self->channels + c];
+    }
+  }
+
+  // The means, packed `channels` to a pixel at the start of `image`'s samples, as libjxl
+  // would have written a picture of that size.
+  void writeInto(DecodedImage& image) const {
+    for (size_t oy = 0; oy < outHeight; ++oy)
+      for (size_t ox = 0; ox < outWidth; ++ox) {
+        const size_t rows = std::min(height, (oy + 1) * size_t(factor)) - oy * size_t(factor);
+        const size_t columns = std::min(width, (ox + 1) * size_t(factor)) - ox * size_t(factor);
+        const uint64_t count = uint64_t(rows * columns);
+        const size_t at = (oy * outWidth + ox) * channels;
+        for (size_t c = 0; c < channels; ++c) {
+          const uint64_t mean = (sums[at + c] + count / 2) / count;
+          if (wide)
+            image.pixels16[at + c] = uint16_t(mean);
+          else
+            image.pixels8[at + c] = uint8_t(mean);
+        }
+      }
+  }
+};
 
 }  // namespace
 
@@ -84,16 +127,18 @@ std::optional<uint64_t> jxlReducedDecodeBytes(Input bytes) {
     const uint64_t channels = info.num_color_channels + (info.alpha_bits > 0 ? 1 : 0);
     const bool xyb = info.uses_original_profile == JXL_FALSE;
     // libjxl holds the whole frame as 4-byte samples (integers or floats), and more while it
-    // converts; this reader's RGBA comes on top (16 bits for a lossy picture).
-    const uint64_t output = info.bits_per_sample > 8 || xyb ? 8 : 4;
-    return pixels * (channels * 4 + output + 4) + (4u << 20);
+    // converts; a lossless picture's RGBA comes on top (measured: 15.7 bytes a pixel for 8-bit
+    // RGB), a lossy one is averaged down as it comes (14.2 bytes a pixel).
+    if (xyb) return pixels * (channels * 4 + 3) + (4u << 20);
+    return pixels * (channels * 4 + (info.bits_per_sample > 8 ? 8 : 4) + 4) + (4u << 20);
   } catch (const std::exception&) {
     return std::nullopt;
   }
 }
 
-DecodedImage decodeJxl(Input bytes) {
+DecodedImage decodeJxl(Input bytes, int minLongSide) {
   QuietStderr quiet;
+  Reducer reducer;
   JxlDecoderPtr decoder = makeDecoder(bytes, JXL_DEC_BASIC_INFO | JXL_DEC_COLOR_ENCODING | JXL_DEC_FULL_IMAGE);
   JxlBasicInfo info{};
   bool haveInfo = false;
@@ -126,6 +171,22 @@ DecodedImage decodeJxl(Input bytes) {
                           : info.alpha_premultiplied ? AlphaInfo::premultiplied
                                                      : AlphaInfo::straight;
         bool wide = format.data_type == JXL_TYPE_UINT16;
+        // Only a lossy picture: libjxl 0.7 decodes a lossless one into a full-size buffer of
+        // its own for a callback, which would cost more than this reader's (measured: 23.6
+        // instead of 15.7 bytes a pixel).
+        if (minLongSide > 0 && xyb) {
+          reducer.factor = int(std::max<uint32_t>(1, std::max(info.xsize, info.ysize) / uint32_t(minLongSide)));
+          reducer.width = info.xsize, reducer.height = info.ysize;
+          reducer.outWidth = (info.xsize + uint32_t(reducer.factor) - 1) / uint32_t(reducer.factor);
+          reducer.outHeight = (info.ysize + uint32_t(reducer.factor) - 1) / uint32_t(reducer.factor);
+          reducer.channels = format.num_channels;
+          reducer.wide = wide;
+          reducer.sums.assign(reducer.outWidth * reducer.outHeight * reducer.channels, 0);
+          image = allocateImage(int(reducer.outWidth), int(reducer.outHeight), wide ? 16 : 8, alpha);
+          if (JxlDecoderSetImageOutCallback(decoder.get(), &format, &Reducer::onPixels, &reducer) != JXL_DEC_SUCCESS)
+            fail("JxlDecoderSetImageOutCallback");
+          break;
+        }
         image = allocateImage(int(info.xsize), int(info.ysize), wide ? 16 : 8, alpha);
         void* buffer = wide ? static_cast<void*>(image.pixels16.data()) : image.pixels8.data();
         size_t capacity = image.pixelCount() * 4 * (wide ? 2 : 1);
@@ -137,6 +198,7 @@ DecodedImage decodeJxl(Input bytes) {
       }
       case JXL_DEC_FULL_IMAGE: {
         if (image.empty()) fail("JxlDecoderProcessInput: no image");
+        if (!reducer.sums.empty()) reducer.writeInto(image);
         if (format.num_channels == 2) {
           ColorConvert::expandGreyInPlace(image, 2, &icc);
         } else {

@@ -84,7 +84,9 @@ DecodedImage decodeAvif(Input bytes, int minLongSide = 0);
 std::optional<uint64_t> avifReducedDecodeBytes(Input bytes);
 
 std::optional<Properties> jxlProperties(Input bytes);
-DecodedImage decodeJxl(Input bytes);
+// `minLongSide` above 0 averages the picture down as libjxl hands it over, without a
+// full-size output buffer.
+DecodedImage decodeJxl(Input bytes, int minLongSide = 0);
 std::optional<uint64_t> jxlReducedDecodeBytes(Input bytes);
 
 // The EXIF orientation equivalent to HEIF's irot (anticlockwise quarter turns, 0...3) followed

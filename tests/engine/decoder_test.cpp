@@ -170,16 +170,17 @@ TEST(Thumbnails, AHeicStoredThumbnailServesOnlyWhenItShowsThePictureAsItIs) {
   EXPECT_NEAR(upright.pixels8[size_t(upright.width - 1) * 4 + 3], 128, 8);
 }
 
-// HEIC and AVIF thumbnails are averaged from the decoders' planes, before any RGBA of the
-// full picture exists: the colours must be those of the full decode reduced, for single
-// pictures and grids, 8 and 10 bits, with alpha.
-TEST(Thumbnails, HeicAndAvifThumbnailsFromTheirPlanesMatchTheFullDecodeReduced) {
+// HEIC, AVIF and lossy JPEG XL thumbnails are averaged from what the decoders hand over,
+// before any RGBA of the full picture exists: the colours must be those of the full decode
+// reduced, for single pictures and grids, 8 and 10 bits, with alpha.
+TEST(Thumbnails, ThumbnailsAveragedAsDecodedMatchTheFullDecodeReduced) {
   const auto photo = testing::makeImage(256, 192, testing::Pattern::photo, 7, true);
   const fixtures::Bytes files[] = {fixtures::heic(photo, {.alpha = false}),
                                    fixtures::grid(fixtures::heic(photo, {.alpha = false}), 2, 2),
                                    fixtures::avif(photo),
                                    fixtures::avif(photo, {.depth = 10}),
-                                   fixtures::grid(fixtures::avif(photo, {.alpha = false}), 2, 2)};
+                                   fixtures::grid(fixtures::avif(photo, {.alpha = false}), 2, 2),
+                                   fixtures::jxl(photo, {.lossless = false})};
   for (const auto& file : files) {
     auto thumb = ImageService::thumbnail(file, 64);
     ASSERT_TRUE(thumb);
