@@ -34,6 +34,7 @@ struct BatchViewModel::EncodeTask {
 struct BatchViewModel::EncodeResult {
   std::optional<QByteArray> bytes;
   QString error;
+  std::optional<DecodedImage> thumbnail;  // asked for when the row has none
 };
 
 // One call of inspectConcurrently: results are buffered by index and delivered in URL

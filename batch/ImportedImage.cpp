@@ -58,6 +58,11 @@ void ImportedImage::setCompressedData(std::optional<QByteArray> data) {
   emit compressedDataChanged();
 }
 
+void ImportedImage::setThumbnail(DecodedImage thumbnail) {
+  thumbnail_ = std::move(thumbnail);
+  emit thumbnailChanged();
+}
+
 void ImportedImage::setExportError(std::optional<QString> error) {
   if (error == exportError_) return;
   exportError_ = std::move(error);

@@ -87,10 +87,11 @@ class ImportedImage : public QObject {
   int height() const { return height_; }
   int frameCount() const { return frameCount_; }
   bool isAnimated() const { return frameCount_ > 1; }
-  // 8-bit RGBA, at most 256 pixels on the longer side, upright.
-  const DecodedImage& thumbnail() const { return thumbnail_; }
 
   // Observable fields. GUI thread only.
+  // 8-bit RGBA, at most 256 pixels on the longer side, upright. Empty when inspection could not
+  // afford one; then the first successful encode, which decodes the picture anyway, adds it.
+  const DecodedImage& thumbnail() const { return thumbnail_; }
   EncodeState encodeState() const { return encodeState_; }
   // The latest result; kept during a new encoding so that a busy row can still be exported.
   const std::optional<QByteArray>& compressedData() const { return compressedData_; }
@@ -113,12 +114,14 @@ class ImportedImage : public QObject {
   void compressedDataChanged();
   void qualityOverrideChanged();
   void exportErrorChanged();
+  void thumbnailChanged();
 
  private:
   friend class BatchViewModel;
   void setEncodeState(EncodeState state);
   void setCompressedData(std::optional<QByteArray> data);
   void setExportError(std::optional<QString> error);
+  void setThumbnail(DecodedImage thumbnail);
 
   const QUuid id_;
   const QUrl sourceURL_;
@@ -127,7 +130,7 @@ class ImportedImage : public QObject {
   const int width_;
   const int height_;
   const int frameCount_;
-  const DecodedImage thumbnail_;
+  DecodedImage thumbnail_;
 
   EncodeState encodeState_;
   std::optional<QByteArray> compressedData_;

@@ -12,8 +12,6 @@
 namespace quillane::ImageDecoder {
 namespace {
 
-constexpr int kThumbnailSize = 256;
-
 std::optional<std::vector<uint8_t>> readAll(const std::string& path) {
   try {
     return readSource(path);

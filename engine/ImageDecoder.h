@@ -16,6 +16,9 @@ namespace quillane {
 
 namespace ImageDecoder {
 
+// The longer side of an inspection's thumbnail, at most.
+inline constexpr int kThumbnailSize = 256;
+
 struct LightDecodedImage {
   ImageFormat format;
   int pixelWidth = 0;   // displayed size: swapped already when the orientation turns by a quarter

@@ -94,6 +94,10 @@ void ImageListModel::watch(const std::shared_ptr<ImportedImage>& image) {
   connect(image.get(), &ImportedImage::compressedDataChanged, this, changed);
   connect(image.get(), &ImportedImage::qualityOverrideChanged, this, changed);
   connect(image.get(), &ImportedImage::exportErrorChanged, this, changed);
+  connect(image.get(), &ImportedImage::thumbnailChanged, this, [this, id] {
+    thumbnails_.remove(id);
+    imageChanged(id);
+  });
 }
 
 void ImageListModel::imageChanged(const QUuid& id) {

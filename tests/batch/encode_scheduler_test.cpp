@@ -52,7 +52,7 @@ TEST(AsyncSemaphoreTest, WaitAheadPassesQueuedWaitersButNeverHeldPermits) {
 
 using SchedulerTest = BatchFixture;
 
-TEST_F(SchedulerTest, AnInspectionWaitsForMemoryThatARunningEncodeHolds) {
+TEST_F(SchedulerTest, AnInspectionWaitsForMemoryThatARunningEncodeHoldsAndAMissingThumbnailComesFromTheEncode) {
   auto o = options();
   o.processorCount = 2;
   o.memoryBudgetMB = 100;
@@ -68,7 +68,13 @@ TEST_F(SchedulerTest, AnInspectionWaitsForMemoryThatARunningEncodeHolds) {
   EXPECT_FALSE(done.isFinished());
   openGate();
   ASSERT_TRUE(QTest::qWaitFor([&] { return done.isFinished(); }, 5000));
-  EXPECT_EQ(model.images().size(), 2u);
+  ASSERT_EQ(model.images().size(), 2u);
+  // The fake inspector made no thumbnail, as for a picture too costly to inspect: the encode,
+  // which reads the picture anyway, adds one.
+  ASSERT_TRUE(waitIdle());
+  const DecodedImage& thumbnail = model.images()[1]->thumbnail();
+  EXPECT_EQ(std::pair(thumbnail.width, thumbnail.height), std::pair(64, 64));
+  EXPECT_TRUE(model.images()[0]->thumbnail().empty()) << "not a picture";
 }
 
 TEST_F(SchedulerTest, GlobalChangesAreDebouncedAndWaitForTheSliderToBeLetGo) {
