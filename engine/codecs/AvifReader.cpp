@@ -5,6 +5,7 @@
 #include <avif/avif.h>
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <vector>
 
@@ -80,29 +81,37 @@ AvifImagePtr reduced(const avifImage* frame, int minLongSide) {
       planes.push_back({frame->yuvPlanes[c], frame->yuvRowBytes[c], int(info.chromaShiftX), int(info.chromaShiftY),
                         small->yuvPlanes[c], small->yuvRowBytes[c]});
   if (alpha) planes.push_back({frame->alphaPlane, frame->alphaRowBytes, 0, 0, small->alphaPlane, small->alphaRowBytes});
-  std::vector<uint64_t> sums(outWidth);
-  for (const Source& plane : planes) {
+  for (const Source& plane : planes)
     if (!plane.data || !plane.out) fail("avifDecoderNextImage: missing plane");
-    for (uint32_t oy = 0; oy < outHeight; ++oy) {
-      Cancellation::check();
-      std::fill(sums.begin(), sums.end(), 0);
-      const int y0 = int(oy) * factor, y1 = std::min(height, y0 + factor);
-      for (int y = y0; y < y1; ++y) {
-        const uint8_t* row = plane.data + size_t(y >> plane.shiftY) * plane.rowBytes;
-        for (int x = 0; x < width; ++x) {
-          const size_t at = size_t(x >> plane.shiftX);
-          sums[size_t(x / factor)] += wide ? reinterpret_cast<const uint16_t*>(row)[at] : row[at];
-        }
+  auto sample = [wide](const Source& plane, int x, int y) -> unsigned {
+    const uint8_t* row = plane.data + size_t(y >> plane.shiftY) * plane.rowBytes;
+    const size_t at = size_t(x >> plane.shiftX);
+    return wide ? reinterpret_cast<const uint16_t*>(row)[at] : row[at];
+  };
+  auto put = [wide](const Source& plane, uint32_t x, uint32_t y, double value) {
+    uint8_t* row = plane.out + size_t(y) * plane.outRowBytes;
+    if (wide)
+      reinterpret_cast<uint16_t*>(row)[x] = uint16_t(std::lround(value));
+    else
+      row[x] = uint8_t(std::lround(value));
+  };
+  // Y, U and V weighted by straight alpha: they are linear in the (encoded) R, G and B.
+  const size_t colours = grey ? 1 : 3;
+  ReducedSums sums(outWidth, colours, alpha && !frame->alphaPremultiplied);
+  for (uint32_t oy = 0; oy < outHeight; ++oy) {
+    Cancellation::check();
+    sums.clear();
+    const int y0 = int(oy) * factor, y1 = std::min(height, y0 + factor);
+    for (int y = y0; y < y1; ++y)
+      for (int x = 0; x < width; ++x) {
+        unsigned colour[3] = {};
+        for (size_t c = 0; c < colours; ++c) colour[c] = sample(planes[c], x, y);
+        sums.add(size_t(x / factor), colour, alpha ? sample(planes[colours], x, y) : 1);
       }
-      uint8_t* out = plane.out + size_t(oy) * plane.outRowBytes;
-      for (uint32_t ox = 0; ox < outWidth; ++ox) {
-        const uint64_t count = uint64_t(y1 - y0) * uint64_t(std::min(width, int(ox + 1) * factor) - int(ox) * factor);
-        const uint64_t mean = (sums[ox] + count / 2) / count;
-        if (wide)
-          reinterpret_cast<uint16_t*>(out)[ox] = uint16_t(mean);
-        else
-          out[ox] = uint8_t(mean);
-      }
+    for (uint32_t ox = 0; ox < outWidth; ++ox) {
+      const uint64_t count = uint64_t(y1 - y0) * uint64_t(std::min(width, int(ox + 1) * factor) - int(ox) * factor);
+      for (size_t c = 0; c < colours; ++c) put(planes[c], ox, oy, sums.colour(ox, c, count));
+      if (alpha) put(planes[colours], ox, oy, sums.alpha(ox, count));
     }
   }
   return small;

@@ -190,7 +190,6 @@ std::optional<DecodedImage> decodeReduced(heif_image_handle* handle, int minLong
                       heif_image_get_height(decoded.get(), heif_channel(heif_channel_R + c)) < height))
       return std::nullopt;
   const bool alpha = planes[3].has_value();
-  const int channels = alpha ? 4 : 3;
 
   const int factor = std::max(1, std::max(width, height) / minLongSide);
   const int outWidth = (width + factor - 1) / factor, outHeight = (height + factor - 1) / factor;
@@ -198,19 +197,21 @@ std::optional<DecodedImage> decodeReduced(heif_image_handle* handle, int minLong
                                      !alpha                                            ? AlphaInfo::none
                                      : heif_image_handle_is_premultiplied_alpha(handle) ? AlphaInfo::premultiplied
                                                                                          : AlphaInfo::straight);
-  std::vector<uint64_t> sums(size_t(outWidth) * 4);
+  ReducedSums sums(size_t(outWidth), 3, image.alpha == AlphaInfo::straight);
   for (int oy = 0; oy < outHeight; ++oy) {
     Cancellation::check();
-    std::fill(sums.begin(), sums.end(), 0);
+    sums.clear();
     const int y0 = oy * factor, y1 = std::min(height, y0 + factor);
-    for (int c = 0; c < channels; ++c)
-      for (int y = y0; y < y1; ++y)
-        for (int x = 0; x < width; ++x) sums[size_t(x / factor) * 4 + size_t(c)] += planes[c]->at(x, y);
+    for (int y = y0; y < y1; ++y)
+      for (int x = 0; x < width; ++x) {
+        const unsigned colour[3] = {planes[0]->at(x, y), planes[1]->at(x, y), planes[2]->at(x, y)};
+        sums.add(size_t(x / factor), colour, alpha ? planes[3]->at(x, y) : 1);
+      }
     uint8_t* out = image.pixels8.data() + size_t(oy) * size_t(outWidth) * 4;
     for (int ox = 0; ox < outWidth; ++ox) {
-      const double count = double(y1 - y0) * double(std::min(width, (ox + 1) * factor) - ox * factor);
-      for (int c = 0; c < channels; ++c)
-        out[ox * 4 + c] = uint8_t(std::lround(double(sums[size_t(ox) * 4 + size_t(c)]) / count / planes[c]->max * 255));
+      const uint64_t count = uint64_t(y1 - y0) * uint64_t(std::min(width, (ox + 1) * factor) - ox * factor);
+      for (int c = 0; c < 3; ++c) out[ox * 4 + c] = uint8_t(std::lround(sums.colour(size_t(ox), size_t(c), count) / planes[c]->max * 255));
+      if (alpha) out[ox * 4 + 3] = uint8_t(std::lround(sums.alpha(size_t(ox), count) / planes[3]->max * 255));
     }
   }
   image.colorSpace = colorSpaceOf(handle);

@@ -6,6 +6,8 @@
 #include <jxl/decode_cxx.h>
 
 #include <algorithm>
+#include <cmath>
+#include <optional>
 #include <vector>
 
 #include "engine/Cancellation.h"
@@ -45,22 +47,24 @@ std::vector<uint8_t> iccProfile(JxlDecoder* decoder, JxlColorProfileTarget targe
 // A picture averaged down by a whole factor while libjxl hands over its pixels, group by group
 // in any order, so that no full-size output buffer exists (measured for a lossy picture: 14.2
 // bytes a pixel instead of 22): per output pixel, the sums of the samples under it.
+// The pixel format always carries alpha (its maximum where the picture has none).
 struct Reducer {
   int factor = 1;
   size_t width = 0, height = 0, outWidth = 0, outHeight = 0;
-  size_t channels = 4;
+  size_t channels = 4;  // colour and alpha
   bool wide = false;
-  std::vector<uint64_t> sums;
+  std::optional<ReducedSums> sums;
 
   static void onPixels(void* opaque, size_t x, size_t y, size_t count, const void* pixels) {
     auto* self = static_cast<Reducer*>(opaque);
     if (y >= self->height || x + count > self->width) return;
-    uint64_t* row = self->sums.data() + y / size_t(self->factor) * self->outWidth * self->channels;
+    const size_t rowStart = y / size_t(self->factor) * self->outWidth;
     for (size_t i = 0; i < count; ++i) {
-      uint64_t* sum = row + (x + i) / size_t(self->factor) * self->channels;
+      unsigned sample[4] = {};
       for (size_t c = 0; c < self->channels; ++c)
-        sum[c] += self->wide ? static_cast<const uint16_t*>(pixels)[i * self->channels + c]
-                             : static_cast<const uint8_t*>(pixels)[i * self->channels + c];
+        sample[c] = self->wide ? static_cast<const uint16_t*>(pixels)[i * self->channels + c]
+                               : static_cast<const uint8_t*>(pixels)[i * self->channels + c];
+      self->sums->add(rowStart + (x + i) / size_t(self->factor), sample, sample[self->channels - 1]);
     }
   }
 
@@ -72,13 +76,13 @@ struct Reducer {
         const size_t rows = std::min(height, (oy + 1) * size_t(factor)) - oy * size_t(factor);
         const size_t columns = std::min(width, (ox + 1) * size_t(factor)) - ox * size_t(factor);
         const uint64_t count = uint64_t(rows * columns);
-        const size_t at = (oy * outWidth + ox) * channels;
+        const size_t cell = oy * outWidth + ox;
         for (size_t c = 0; c < channels; ++c) {
-          const uint64_t mean = (sums[at + c] + count / 2) / count;
+          const double mean = c + 1 < channels ? sums->colour(cell, c, count) : sums->alpha(cell, count);
           if (wide)
-            image.pixels16[at + c] = uint16_t(mean);
+            image.pixels16[cell * channels + c] = uint16_t(std::lround(mean));
           else
-            image.pixels8[at + c] = uint8_t(mean);
+            image.pixels8[cell * channels + c] = uint8_t(std::lround(mean));
         }
       }
   }
@@ -181,7 +185,7 @@ DecodedImage decodeJxl(Input bytes, int minLongSide) {
           reducer.outHeight = (info.ysize + uint32_t(reducer.factor) - 1) / uint32_t(reducer.factor);
           reducer.channels = format.num_channels;
           reducer.wide = wide;
-          reducer.sums.assign(reducer.outWidth * reducer.outHeight * reducer.channels, 0);
+          reducer.sums.emplace(reducer.outWidth * reducer.outHeight, reducer.channels - 1, alpha == AlphaInfo::straight);
           image = allocateImage(int(reducer.outWidth), int(reducer.outHeight), wide ? 16 : 8, alpha);
           if (JxlDecoderSetImageOutCallback(decoder.get(), &format, &Reducer::onPixels, &reducer) != JXL_DEC_SUCCESS)
             fail("JxlDecoderSetImageOutCallback");
@@ -198,7 +202,7 @@ DecodedImage decodeJxl(Input bytes, int minLongSide) {
       }
       case JXL_DEC_FULL_IMAGE: {
         if (image.empty()) fail("JxlDecoderProcessInput: no image");
-        if (!reducer.sums.empty()) reducer.writeInto(image);
+        if (reducer.sums) reducer.writeInto(image);
         if (format.num_channels == 2) {
           ColorConvert::expandGreyInPlace(image, 2, &icc);
         } else {

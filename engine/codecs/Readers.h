@@ -8,9 +8,11 @@
 // ImageProcessingError::decodingFailed, and never print anything. Library objects live for one
 // call. Any thread.
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <vector>
 
 #include "engine/DecodedImage.h"
 #include "engine/ImageFormat.h"
@@ -41,6 +43,39 @@ bool hasGridItem(Input bytes);
 // HEVC or AV1 configuration boxes: 3 for 4:4:4, 2 for 4:2:2, 1.5 for 4:2:0, 1 for grey; the
 // largest when they differ, 3 when there is none.
 double codedSamplesPerPixel(Input bytes);
+// Sums for a picture averaged down by a whole factor, per output pixel ("cell"): with straight
+// alpha, colour samples are weighted by their alpha, so that the colour of transparent pixels
+// leaves no dark fringe; a cell that is transparent throughout takes its plain mean.
+class ReducedSums {
+ public:
+  ReducedSums(size_t cells, size_t colourChannels, bool weighByAlpha)
+      : channels_(colourChannels), weigh_(weighByAlpha), plain_(cells * colourChannels),
+        weighted_(weighByAlpha ? cells * colourChannels : 0), alpha_(cells) {}
+  void clear() {
+    std::fill(plain_.begin(), plain_.end(), 0);
+    std::fill(weighted_.begin(), weighted_.end(), 0);
+    std::fill(alpha_.begin(), alpha_.end(), 0);
+  }
+  void add(size_t cell, const unsigned* colour, unsigned alpha) {
+    for (size_t c = 0; c < channels_; ++c) {
+      plain_[cell * channels_ + c] += colour[c];
+      if (weigh_) weighted_[cell * channels_ + c] += uint64_t(colour[c]) * alpha;
+    }
+    alpha_[cell] += alpha;
+  }
+  // Means over the `count` pixels of a cell, in sample units.
+  double colour(size_t cell, size_t c, uint64_t count) const {
+    if (weigh_ && alpha_[cell] > 0) return double(weighted_[cell * channels_ + c]) / double(alpha_[cell]);
+    return double(plain_[cell * channels_ + c]) / double(count);
+  }
+  double alpha(size_t cell, uint64_t count) const { return double(alpha_[cell]) / double(count); }
+
+ private:
+  size_t channels_;
+  bool weigh_;
+  std::vector<uint64_t> plain_, weighted_, alpha_;
+};
+
 // Throws ImageProcessingError::decodingFailed naming the failing call.
 [[noreturn]] void fail(const char* what);
 // Throws when a stored size is zero or beyond kMaxDimension / kMaxPixels.

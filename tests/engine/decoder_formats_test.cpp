@@ -161,6 +161,19 @@ TEST(Thumbnails, TransparentPixelsLeaveNoDarkFringe) {
   ASSERT_TRUE(thumb);
   EXPECT_EQ(pixelAt(*thumb, 3, 3)[0], 255);
   EXPECT_NEAR(pixelAt(*thumb, 3, 3)[3], 128, 1);
+  // The same from the readers that average as they decode, through lossy coding: squares of
+  // 2 x 2 pixels, which 4:2:0 chroma keeps apart.
+  for (size_t i = 0; i < image.pixels8.size(); i += 4) {
+    bool on = (i / 4 % 64 / 2 + i / 4 / 64 / 2) % 2 == 0;
+    image.pixels8[i] = image.pixels8[i + 3] = on ? 255 : 0;
+  }
+  for (const auto& file : {fixtures::heic(image), fixtures::avif(image), fixtures::jxl(image, {.lossless = false})}) {
+    SCOPED_TRACE(ImageFormats::rawValue(*ImageFormats::detect(file)));
+    thumb = ImageDecoder::loadPreview(file, 8);
+    ASSERT_TRUE(thumb);
+    EXPECT_GT(pixelAt(*thumb, 3, 3)[0], 200);
+    EXPECT_NEAR(pixelAt(*thumb, 3, 3)[3], 128, 16);
+  }
 }
 
 }  // namespace
