@@ -221,19 +221,26 @@ std::optional<DecodedImage> decodeReduced(heif_image_handle* handle, int minLong
 }  // namespace
 
 std::optional<uint64_t> heifReducedDecodeBytes(Input bytes, int minLongSide) {
-  auto opened = open(bytes);
-  if (!opened) return std::nullopt;
-  HeifHandlePtr thumbnail = thumbnailOf(opened->primary.get(), minLongSide);
-  heif_image_handle* handle = thumbnail ? thumbnail.get() : opened->primary.get();
-  const uint64_t pixels = uint64_t(std::max(0, heif_image_handle_get_width(handle))) *
-                          uint64_t(std::max(0, heif_image_handle_get_height(handle)));
-  const double sample = heif_image_handle_get_luma_bits_per_pixel(handle) > 8 ? 2 : 1;
-  const double alpha = heif_image_handle_has_alpha_channel(handle) ? 1 : 0;
+  const CodedLayout layout = codedLayout(bytes);
+  uint64_t pixels = layout.largestPixels;
+  double sample = layout.bytesPerSample, alpha = 1;
+  // From the first bytes of a longer file libheif reads nothing (it checks that every item lies
+  // within the bytes): then the largest picture the boxes name counts, with alpha.
+  if (auto opened = open(bytes)) {
+    HeifHandlePtr thumbnail = thumbnailOf(opened->primary.get(), minLongSide);
+    heif_image_handle* handle = thumbnail ? thumbnail.get() : opened->primary.get();
+    pixels = uint64_t(std::max(0, heif_image_handle_get_width(handle))) *
+             uint64_t(std::max(0, heif_image_handle_get_height(handle)));
+    sample = heif_image_handle_get_luma_bits_per_pixel(handle) > 8 ? 2 : 1;
+    alpha = heif_image_handle_has_alpha_channel(handle) ? 1 : 0;
+  } else if (pixels == 0) {
+    return std::nullopt;
+  }
   // libheif's planar RGB of the whole picture, and for a single picture the decoder's planes
   // and libheif's copy of them besides (measured: 7.1 bytes a pixel for 8-bit 4:2:0, 3.0 for
   // a grid of such cells, decoded one at a time); the reduced picture is small.
   const double decoder = hasGridItem(bytes) ? 0.1 : 2.6;
-  const double perPixel = sample * ((3 + alpha) + (codedSamplesPerPixel(bytes) + alpha) * decoder);
+  const double perPixel = sample * ((3 + alpha) + (layout.samplesPerPixel + alpha) * decoder);
   return uint64_t(double(pixels) * perPixel) + (8u << 20);
 }
 

@@ -59,28 +59,39 @@ bool hasGridItem(Input bytes) {
   return false;
 }
 
-double codedSamplesPerPixel(Input bytes) {
-  auto search = [&](const char* type, auto&& samplesOf) {
-    double most = 0;
+CodedLayout codedLayout(Input bytes) {
+  // The largest of `valueOf` over the payloads (their first `size` bytes) of every box named
+  // `type`; 0 when there is none.
+  auto most = [&](const char* type, size_t size, auto&& valueOf) {
+    double found = 0;
     const uint8_t* name = reinterpret_cast<const uint8_t*>(type);
     for (auto at = bytes.begin(); (at = std::search(at, bytes.end(), name, name + 4)) != bytes.end(); ++at) {
       const size_t payload = size_t(at - bytes.begin()) + 4;
-      if (payload + 20 <= bytes.size()) most = std::max(most, samplesOf(bytes.subspan(payload, 20)));
+      if (payload + size <= bytes.size()) found = std::max(found, double(valueOf(bytes.subspan(payload, size))));
     }
-    return most;
+    return found;
   };
-  // hvcC: chroma_format_idc in the low bits of its 17th byte. av1C: monochrome and the two
-  // subsampling flags in its third.
-  const double hevc = search("hvcC", [](Input c) {
-    static constexpr double kSamples[4] = {1, 1.5, 2, 3};
-    return kSamples[c[16] & 3];
-  });
-  const double av1 = search("av1C", [](Input c) {
-    if (c[2] & 0x10) return 1.0;
-    return (c[2] & 0x08) ? ((c[2] & 0x04) ? 1.5 : 2.0) : 3.0;
-  });
-  const double most = std::max(hevc, av1);
-  return most > 0 ? most : 3;
+  // hvcC: chroma_format_idc in the low bits of its 17th byte, the luma depth less 8 in its
+  // 18th. av1C: high bit depth, monochrome and the two subsampling flags in its third.
+  // ispe: width and height after its version and flags.
+  CodedLayout layout;
+  const double samples = std::max(most("hvcC", 20, [](Input c) {
+                                    static constexpr double kSamples[4] = {1, 1.5, 2, 3};
+                                    return kSamples[c[16] & 3];
+                                  }),
+                                  most("av1C", 4, [](Input c) {
+                                    if (c[2] & 0x10) return 1.0;
+                                    return (c[2] & 0x08) ? ((c[2] & 0x04) ? 1.5 : 2.0) : 3.0;
+                                  }));
+  if (samples > 0) layout.samplesPerPixel = samples;
+  const bool wide = most("hvcC", 20, [](Input c) { return (c[17] & 7) != 0; }) > 0 ||
+                    most("av1C", 4, [](Input c) { return (c[2] & 0x40) != 0; }) > 0;
+  layout.bytesPerSample = wide ? 2 : 1;
+  auto read32 = [](Input b, size_t at) {
+    return uint64_t(b[at]) << 24 | uint64_t(b[at + 1]) << 16 | uint64_t(b[at + 2]) << 8 | b[at + 3];
+  };
+  layout.largestPixels = uint64_t(most("ispe", 12, [&](Input c) { return read32(c, 4) * read32(c, 8); }));
+  return layout;
 }
 
 std::optional<uint64_t> reducedDecodeBytes(ImageFormat format, Input bytes, int minLongSide) {

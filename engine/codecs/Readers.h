@@ -39,10 +39,18 @@ inline constexpr uint64_t kPeakBytesPerPixel = 10;
 // Whether an ISO-BMFF file (HEIC, AVIF) declares a grid item, a picture made of many coded
 // cells.
 bool hasGridItem(Input bytes);
-// The colour samples a pixel that the coded pictures of an ISO-BMFF file carry, from their
-// HEVC or AV1 configuration boxes: 3 for 4:4:4, 2 for 4:2:2, 1.5 for 4:2:0, 1 for grey; the
-// largest when they differ, 3 when there is none.
-double codedSamplesPerPixel(Input bytes);
+// What the boxes of an ISO-BMFF file say of its coded pictures, found by name wherever they
+// are (so the first bytes of a file serve, and a chance match only makes an estimate more
+// cautious): from the HEVC or AV1 configurations, the colour samples a pixel (3 for 4:4:4, 2
+// for 4:2:2, 1.5 for 4:2:0, 1 for grey; 3 when none says) and their bytes (2 above 8 bits);
+// from the "ispe" boxes, the largest picture's pixels (0 when none). The largest when they
+// differ.
+struct CodedLayout {
+  double samplesPerPixel = 3;
+  int bytesPerSample = 1;
+  uint64_t largestPixels = 0;
+};
+CodedLayout codedLayout(Input bytes);
 // Sums for a picture averaged down by a whole factor, per output pixel ("cell"): with straight
 // alpha, colour samples are weighted by their alpha, so that the colour of transparent pixels
 // leaves no dark fringe; a cell that is transparent throughout takes its plain mean.

@@ -161,6 +161,10 @@ TEST_F(Bombs, InspectUnderOneGigabyteAndRefuseTheFullDecodeBeforeAllocating) {
     ASSERT_LT(bomb.bytes.size(), 200u << 10);
     const std::string path = dir.file(bomb.name);
     testing::writeBytes(path, bomb.bytes);
+    // What the batch counts for the inspection: the file, and the thumbnail's decode if made.
+    const uint64_t cost = ImageDecoder::inspectionPeakBytes(path);
+    EXPECT_EQ(cost > bomb.bytes.size(), bomb.thumbnail) << cost;
+    EXPECT_LE(cost, ImageDecoder::kInspectionMemory);
     expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
       const auto light = ImageDecoder::inspect(path);
       if (light.pixelWidth != bomb.size || light.pixelHeight != bomb.size || light.frameCount != 1 ||
@@ -203,7 +207,8 @@ TEST_F(Bombs, WhatIsNotARegularImageFileIsRefusedWithoutReadingIt) {
     expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
       alarm(10);
       const auto result = ImageCompressor::compress(path, dir.path(), ImageFormat::jpeg, 70, "out.jpg");
-      return !ImageFormats::detect(path) && refusedAsUndecodable([&] { ImageDecoder::readSource(path); }) &&
+      return !ImageFormats::detect(path) && ImageDecoder::inspectionPeakBytes(path) == 0 &&
+             refusedAsUndecodable([&] { ImageDecoder::readSource(path); }) &&
              refusedAsUndecodable([&] { ImageDecoder::inspect(path); }) && !ImageDecoder::loadPreview(path, 64) &&
              result.error == ImageProcessingError::decodingFailed().description();
     });
