@@ -178,13 +178,13 @@ TEST(Thumbnails, ThumbnailsAveragedAsDecodedMatchTheFullDecodeReduced) {
   const fixtures::Bytes files[] = {fixtures::heic(photo, {.alpha = false}),
                                    fixtures::grid(fixtures::heic(photo, {.alpha = false}), 2, 2),
                                    fixtures::avif(photo),
-                                   fixtures::avif(photo, {.depth = 10}),
+                                   fixtures::avif(photo, {.depth = 10, .irotAngle = 1}),
                                    fixtures::grid(fixtures::avif(photo, {.alpha = false}), 2, 2),
-                                   fixtures::jxl(photo, {.lossless = false})};
+                                   fixtures::jxl(photo, {.lossless = false, .orientation = 6})};
   for (const auto& file : files) {
     auto thumb = ImageService::thumbnail(file, 64);
     ASSERT_TRUE(thumb);
-    const DecodedImage full = Resample::fitWithin(Resample::toEightBit(ImageService::decodeFirstFrame(file)), 64);
+    const DecodedImage full = Resample::fitWithin(Resample::toEightBit(decodeCGImageSource(file).image), 64);
     ASSERT_EQ(thumb->width, full.width);
     ASSERT_EQ(thumb->height, full.height);
     double difference = 0;
