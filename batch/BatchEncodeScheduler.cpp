@@ -205,7 +205,7 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
   const double quality = task->quality;
   // A row imported without a thumbnail (inspection could not afford it) gets one after its
   // encode, within the memory the encode claimed and no longer uses: a reduced decode takes
-  // less than the full one before it.
+  // less than the full one before it, so no preview bound of its own applies.
   const bool wantsThumbnail = image->thumbnail().empty();
   QtConcurrent::run(encodePool_.get(),
                     [workEnded, reader, encoder, path, format, quality, label, cancel, wantsThumbnail]() -> EncodeResult {
@@ -215,7 +215,7 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
                         const std::vector<uint8_t> source = reader(path);
                         const std::vector<uint8_t> bytes = encoder(source, format, quality);
                         result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
-                        if (wantsThumbnail) result.thumbnail = ImageDecoder::loadPreview(source, ImageDecoder::kThumbnailSize);
+                        if (wantsThumbnail) result.thumbnail = ImageDecoder::loadPreview(source, ImageDecoder::kThumbnailSize, UINT64_MAX);
                       } catch (...) {
                         result.error = batchdetail::describeCurrentException(QString::fromStdString(
                             ImageProcessingError::encodingFailed(label.toStdString()).description()));

@@ -115,13 +115,17 @@ std::optional<DecodedImage> applyOrientation(int orientation, const DecodedImage
   }
 }
 
-std::optional<DecodedImage> loadPreview(const std::string& path, int maxPixelSize) {
+std::optional<DecodedImage> loadPreview(const std::string& path, int maxPixelSize, uint64_t maxPeakBytes) {
   auto bytes = readAll(path);
   if (!bytes) return std::nullopt;
-  return loadPreview(*bytes, maxPixelSize);
+  return loadPreview(*bytes, maxPixelSize, maxPeakBytes);
 }
 
-std::optional<DecodedImage> loadPreview(std::span<const uint8_t> data, int maxPixelSize) {
+std::optional<DecodedImage> loadPreview(std::span<const uint8_t> data, int maxPixelSize, uint64_t maxPeakBytes) {
+  if (maxPeakBytes != UINT64_MAX) {
+    const std::optional<uint64_t> peak = ImageService::thumbnailPeakBytes(data, maxPixelSize);
+    if (!peak || *peak > maxPeakBytes) return std::nullopt;
+  }
   return ImageService::thumbnail(data, maxPixelSize);
 }
 

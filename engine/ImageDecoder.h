@@ -78,9 +78,14 @@ std::optional<DecodedImage> applyOrientation(int orientation, const DecodedImage
 
 // An upright picture of at most `maxPixelSize` on its longer side, 8-bit RGBA; nothing when
 // the file can't be read. No format check of its own: whatever the readers read (the six
-// formats) gives a preview, and a missing one is no error.
-std::optional<DecodedImage> loadPreview(const std::string& path, int maxPixelSize);
-std::optional<DecodedImage> loadPreview(std::span<const uint8_t> data, int maxPixelSize);
+// formats) gives a preview, and a missing one is no error. Nothing either when its decode
+// would take more than `maxPeakBytes` (ImageService::thumbnailPeakBytes): a preview is no
+// reason to hold gigabytes for a picture of hundreds of megapixels.
+inline constexpr uint64_t kPreviewMemory = 1ull << 30;
+std::optional<DecodedImage> loadPreview(const std::string& path, int maxPixelSize,
+                                        uint64_t maxPeakBytes = kPreviewMemory);
+std::optional<DecodedImage> loadPreview(std::span<const uint8_t> data, int maxPixelSize,
+                                        uint64_t maxPeakBytes = kPreviewMemory);
 
 // The file's size in bytes, 0 when it can't be read. Never throws.
 int64_t fileSize(const std::string& path);
