@@ -156,7 +156,8 @@ void LocalAPIConnection::onDeadline() {
 }
 
 void LocalAPIConnection::onHeadersDeadline() {
-  if (awaitingHeaders()) respond(LocalAPIResponse::error(408, timeoutMessage(server_->limits.headersSeconds)));
+  if (awaitingHeaders())
+    respond(LocalAPIResponse::error(408, timeoutMessage(server_->limits.headersSeconds)));
 }
 
 void LocalAPIConnection::settle(LocalAPIRequestReader::Outcome outcome) {
@@ -331,7 +332,9 @@ bool LocalAPIListener::evictOldestWithoutHeaders(LocalAPIServer::Shared& server)
   for (LocalAPIConnection* connection : server.connections)
     if (connection->awaitingHeaders()) candidates.push_back(connection);
   std::sort(candidates.begin(), candidates.end(),
-            [](const LocalAPIConnection* a, const LocalAPIConnection* b) { return a->admission() < b->admission(); });
+            [](const LocalAPIConnection* a, const LocalAPIConnection* b) {
+              return a->admission() < b->admission();
+            });
   for (LocalAPIConnection* connection : candidates) {
     // Headers already sent but not read yet (its readiness event still queued) are no idling.
     connection->readPending();

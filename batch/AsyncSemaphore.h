@@ -1,7 +1,8 @@
 #pragma once
 // A counting semaphore for continuations: cost-weighted, first in first out (with one lane
-// ahead of the queue, waitAhead), not cancellable. Used by the batch to bound how many encodes run at once (one permit per
-// processor) and how much working memory they may claim (one permit per megabyte).
+// ahead of the queue, waitAhead), not cancellable. Used by the batch to bound how many
+// encodes run at once (one permit per processor) and how much working memory they may claim
+// (one permit per megabyte).
 //
 // Owned by BatchViewModel; lives on the GUI thread. wait() and signal() may be called from
 // any thread; continuations always run later, on the semaphore's thread, through its event

@@ -208,14 +208,17 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
   // less than the full one before it, so no preview bound of its own applies.
   const bool wantsThumbnail = image->thumbnail().empty();
   QtConcurrent::run(encodePool_.get(),
-                    [workEnded, reader, encoder, path, format, quality, label, cancel, wantsThumbnail]() -> EncodeResult {
+                    [workEnded, reader, encoder, path, format, quality, label, cancel,
+                     wantsThumbnail]() -> EncodeResult {
                       EncodeResult result;
                       Cancellation::Scope scope(cancel.get());
                       try {
                         const std::vector<uint8_t> source = reader(path);
                         const std::vector<uint8_t> bytes = encoder(source, format, quality);
                         result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
-                        if (wantsThumbnail) result.thumbnail = ImageDecoder::loadPreview(source, ImageDecoder::kThumbnailSize, UINT64_MAX);
+                        if (wantsThumbnail)
+                          result.thumbnail =
+                              ImageDecoder::loadPreview(source, ImageDecoder::kThumbnailSize, UINT64_MAX);
                       } catch (...) {
                         result.error = batchdetail::describeCurrentException(QString::fromStdString(
                             ImageProcessingError::encodingFailed(label.toStdString()).description()));
@@ -231,7 +234,8 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
 
 void BatchViewModel::finishEncode(const std::shared_ptr<ImportedImage>& image, uint64_t generation,
                                   const EncodeResult& result) {
-  if (result.thumbnail && !result.thumbnail->empty() && image->thumbnail().empty()) image->setThumbnail(*result.thumbnail);
+  if (result.thumbnail && !result.thumbnail->empty() && image->thumbnail().empty())
+    image->setThumbnail(*result.thumbnail);
   // A result of older settings is harmless: a newer encode owns the image now.
   if (image->encodeGeneration_ != generation) return;
   if (result.bytes) {

@@ -104,14 +104,13 @@ void BatchViewModel::startInspection(const std::shared_ptr<InspectionRun>& run, 
   // waits for running encodes to give memory back, but ahead of the queued ones: an import
   // must not sit behind a queue of long encodes, and inspections are short.
   const std::string path = localFilePath(run->urls[index]);
-  QtConcurrent::run(inspectPool_.get(),
-                    [path] {
-                      const uint64_t bytes = ImageDecoder::inspectionPeakBytes(path);
-                      return int(std::min<uint64_t>((bytes + (1u << 20) - 1) >> 20, INT32_MAX));
-                    })
-      .then(this, [this, run, index, path](int costMB) {
-        encodeMemoryBudget_->waitAhead(costMB, [this, run, index, path, costMB] { inspect(run, index, path, costMB); });
-      });
+  QtConcurrent::run(inspectPool_.get(), [path] {
+    const uint64_t bytes = ImageDecoder::inspectionPeakBytes(path);
+    return int(std::min<uint64_t>((bytes + (1u << 20) - 1) >> 20, INT32_MAX));
+  }).then(this, [this, run, index, path](int costMB) {
+    encodeMemoryBudget_->waitAhead(costMB,
+                                   [this, run, index, path, costMB] { inspect(run, index, path, costMB); });
+  });
 }
 
 void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int index, const std::string& path,

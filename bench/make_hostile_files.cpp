@@ -35,8 +35,11 @@ int main(int argc, char** argv) {
   write("single-4096-10bit.avif", [&] { return fixtures::avif(photo, {.depth = 10, .alpha = false}); });
   write("single-4096-lossless.jxl", [&] { return fixtures::jxl(photo, {.lossless = true}); });
   write("single-4096-lossy.jxl", [&] { return fixtures::jxl(photo, {.lossless = false}); });
-  write("16383-lossless.webp", [&] { return fixtures::webp(fixtures::quadrants(16383, 16383), {.lossless = true}); });
-  write("16384-lossless.jxl", [&] { return fixtures::jxl(fixtures::quadrants(16384, 16384), {.lossless = true}); });
-  write("16384-lossy.jxl", [&] { return fixtures::jxl(fixtures::quadrants(16384, 16384), {.lossless = false}); });
+  write("16383-lossless.webp",
+        [&] { return fixtures::webp(fixtures::quadrants(16383, 16383), {.lossless = true}); });
+  write("16384-lossless.jxl",
+        [&] { return fixtures::jxl(fixtures::quadrants(16384, 16384), {.lossless = true}); });
+  write("16384-lossy.jxl",
+        [&] { return fixtures::jxl(fixtures::quadrants(16384, 16384), {.lossless = false}); });
   return 0;
 }

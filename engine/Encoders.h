@@ -35,7 +35,8 @@ struct ARGBPicture {
   RGBABuffer buffer;  // the samples as ARGB words; hasAlpha and colorSpace as they were
   explicit ARGBPicture(RGBABuffer&& rgba);
 };
-Bytes encode(const ARGBPicture& picture, const EncodingPlan& plan, const ImageCharacteristics& characteristics);
+Bytes encode(const ARGBPicture& picture, const EncodingPlan& plan,
+             const ImageCharacteristics& characteristics);
 }  // namespace WebPEncoder
 
 namespace JXLEncoder {

@@ -50,9 +50,10 @@ std::vector<uint8_t> readHead(const std::string& path, size_t headBytes);
 // and recognisable when a crash leaves one behind), syncs it, renames it over `path` and
 // syncs the folder, so that once it returns a power cut leaves the new file, never an empty
 // or missing one. A reader sees the old file or the new one, never part of one, and a
-// symbolic link at `path` is replaced, never written through. The temporary file is removed on every failure. The
-// first write into a folder in this process also removes temporaries of that form older
-// than a day (staleTemporaryAge). `path` is file system bytes. Any thread. Throws WriteError.
+// symbolic link at `path` is replaced, never written through. The temporary file is removed
+// on every failure. The first write into a folder in this process also removes temporaries
+// of that form older than a day (staleTemporaryAge). `path` is file system bytes. Any
+// thread. Throws WriteError.
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes);
 
 inline constexpr char temporaryPrefix[] = ".quillane-";

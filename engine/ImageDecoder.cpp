@@ -121,7 +121,8 @@ std::optional<DecodedImage> loadPreview(const std::string& path, int maxPixelSiz
   return loadPreview(*bytes, maxPixelSize, maxPeakBytes);
 }
 
-std::optional<DecodedImage> loadPreview(std::span<const uint8_t> data, int maxPixelSize, uint64_t maxPeakBytes) {
+std::optional<DecodedImage> loadPreview(std::span<const uint8_t> data, int maxPixelSize,
+                                        uint64_t maxPeakBytes) {
   if (maxPeakBytes != UINT64_MAX) {
     const std::optional<uint64_t> peak = ImageService::thumbnailPeakBytes(data, maxPixelSize);
     if (!peak || *peak > maxPeakBytes) return std::nullopt;

@@ -198,7 +198,8 @@ WebPConfig validConfig(const EncodingPlan& plan, const ImageCharacteristics& cha
 }  // namespace
 
 Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan, const ImageCharacteristics& characteristics) {
-  return withProfile(encodeImported(rgba, validConfig(plan, characteristics, rgba.hasAlpha)), rgba.colorSpace);
+  return withProfile(encodeImported(rgba, validConfig(plan, characteristics, rgba.hasAlpha)),
+                     rgba.colorSpace);
 }
 
 ARGBPicture::ARGBPicture(RGBABuffer&& rgba) : buffer(std::move(rgba)) {
@@ -206,12 +207,14 @@ ARGBPicture::ARGBPicture(RGBABuffer&& rgba) : buffer(std::move(rgba)) {
   const size_t count = std::min(buffer.pixels.size() / 4, size_t(buffer.width) * size_t(buffer.height));
   const bool opaque = !buffer.hasAlpha;  // the import libwebp would do sets alpha to 255
   for (size_t i = 0; i < count; ++i, p += 4) {
-    const uint32_t word = uint32_t(opaque ? 255 : p[3]) << 24 | uint32_t(p[0]) << 16 | uint32_t(p[1]) << 8 | p[2];
+    const uint32_t word =
+        uint32_t(opaque ? 255 : p[3]) << 24 | uint32_t(p[0]) << 16 | uint32_t(p[1]) << 8 | p[2];
     std::memcpy(p, &word, 4);
   }
 }
 
-Bytes encode(const ARGBPicture& picture, const EncodingPlan& plan, const ImageCharacteristics& characteristics) {
+Bytes encode(const ARGBPicture& picture, const EncodingPlan& plan,
+             const ImageCharacteristics& characteristics) {
   const WebPConfig config = validConfig(plan, characteristics, picture.buffer.hasAlpha);
   return withProfile(encodeARGB(picture, config), picture.buffer.colorSpace);
 }

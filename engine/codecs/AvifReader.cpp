@@ -53,9 +53,11 @@ std::optional<int> orientationOf(const avifImage* image) {
 AvifImagePtr reduced(const avifImage* frame, int minLongSide) {
   const int width = int(frame->width), height = int(frame->height);
   const int factor = std::max(1, std::max(width, height) / minLongSide);
-  const uint32_t outWidth = uint32_t((width + factor - 1) / factor), outHeight = uint32_t((height + factor - 1) / factor);
+  const uint32_t outWidth = uint32_t((width + factor - 1) / factor),
+                 outHeight = uint32_t((height + factor - 1) / factor);
   const bool grey = frame->yuvFormat == AVIF_PIXEL_FORMAT_YUV400, alpha = frame->alphaPlane != nullptr;
-  AvifImagePtr small(avifImageCreate(outWidth, outHeight, frame->depth, grey ? AVIF_PIXEL_FORMAT_YUV400 : AVIF_PIXEL_FORMAT_YUV444));
+  AvifImagePtr small(avifImageCreate(outWidth, outHeight, frame->depth,
+                                     grey ? AVIF_PIXEL_FORMAT_YUV400 : AVIF_PIXEL_FORMAT_YUV444));
   if (!small) fail("avifImageCreate");
   small->yuvRange = frame->yuvRange;
   small->colorPrimaries = frame->colorPrimaries;
@@ -78,9 +80,11 @@ AvifImagePtr reduced(const avifImage* frame, int minLongSide) {
                                  small->yuvPlanes[AVIF_CHAN_Y], small->yuvRowBytes[AVIF_CHAN_Y]}};
   if (!grey)
     for (int c : {AVIF_CHAN_U, AVIF_CHAN_V})
-      planes.push_back({frame->yuvPlanes[c], frame->yuvRowBytes[c], int(info.chromaShiftX), int(info.chromaShiftY),
-                        small->yuvPlanes[c], small->yuvRowBytes[c]});
-  if (alpha) planes.push_back({frame->alphaPlane, frame->alphaRowBytes, 0, 0, small->alphaPlane, small->alphaRowBytes});
+      planes.push_back({frame->yuvPlanes[c], frame->yuvRowBytes[c], int(info.chromaShiftX),
+                        int(info.chromaShiftY), small->yuvPlanes[c], small->yuvRowBytes[c]});
+  if (alpha)
+    planes.push_back(
+        {frame->alphaPlane, frame->alphaRowBytes, 0, 0, small->alphaPlane, small->alphaRowBytes});
   for (const Source& plane : planes)
     if (!plane.data || !plane.out) fail("avifDecoderNextImage: missing plane");
   auto sample = [wide](const Source& plane, int x, int y) -> unsigned {
@@ -109,7 +113,8 @@ AvifImagePtr reduced(const avifImage* frame, int minLongSide) {
         sums.add(size_t(x / factor), colour, alpha ? sample(planes[colours], x, y) : 1);
       }
     for (uint32_t ox = 0; ox < outWidth; ++ox) {
-      const uint64_t count = uint64_t(y1 - y0) * uint64_t(std::min(width, int(ox + 1) * factor) - int(ox) * factor);
+      const uint64_t count =
+          uint64_t(y1 - y0) * uint64_t(std::min(width, int(ox + 1) * factor) - int(ox) * factor);
       for (size_t c = 0; c < colours; ++c) put(planes[c], ox, oy, sums.colour(ox, c, count));
       if (alpha) put(planes[colours], ox, oy, sums.alpha(ox, count));
     }

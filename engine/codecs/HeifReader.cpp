@@ -182,8 +182,9 @@ std::optional<DecodedImage> decodeReduced(heif_image_handle* handle, int minLong
     return std::nullopt;
   const int width = heif_image_get_width(decoded.get(), heif_channel_R);
   const int height = heif_image_get_height(decoded.get(), heif_channel_R);
-  std::optional<Plane> planes[4] = {planeOf(decoded.get(), heif_channel_R), planeOf(decoded.get(), heif_channel_G),
-                                    planeOf(decoded.get(), heif_channel_B), planeOf(decoded.get(), heif_channel_Alpha)};
+  std::optional<Plane> planes[4] = {
+      planeOf(decoded.get(), heif_channel_R), planeOf(decoded.get(), heif_channel_G),
+      planeOf(decoded.get(), heif_channel_B), planeOf(decoded.get(), heif_channel_Alpha)};
   if (!planes[0] || !planes[1] || !planes[2] || width <= 0 || height <= 0) return std::nullopt;
   for (int c = 0; c < 4; ++c)
     if (planes[c] && (heif_image_get_width(decoded.get(), heif_channel(heif_channel_R + c)) < width ||
@@ -193,10 +194,11 @@ std::optional<DecodedImage> decodeReduced(heif_image_handle* handle, int minLong
 
   const int factor = std::max(1, std::max(width, height) / minLongSide);
   const int outWidth = (width + factor - 1) / factor, outHeight = (height + factor - 1) / factor;
-  DecodedImage image = allocateImage(outWidth, outHeight, 8,
-                                     !alpha                                            ? AlphaInfo::none
-                                     : heif_image_handle_is_premultiplied_alpha(handle) ? AlphaInfo::premultiplied
-                                                                                         : AlphaInfo::straight);
+  DecodedImage image =
+      allocateImage(outWidth, outHeight, 8,
+                    !alpha                                             ? AlphaInfo::none
+                    : heif_image_handle_is_premultiplied_alpha(handle) ? AlphaInfo::premultiplied
+                                                                       : AlphaInfo::straight);
   ReducedSums sums(size_t(outWidth), 3, image.alpha == AlphaInfo::straight);
   for (int oy = 0; oy < outHeight; ++oy) {
     Cancellation::check();
@@ -210,7 +212,9 @@ std::optional<DecodedImage> decodeReduced(heif_image_handle* handle, int minLong
     uint8_t* out = image.pixels8.data() + size_t(oy) * size_t(outWidth) * 4;
     for (int ox = 0; ox < outWidth; ++ox) {
       const uint64_t count = uint64_t(y1 - y0) * uint64_t(std::min(width, (ox + 1) * factor) - ox * factor);
-      for (int c = 0; c < 3; ++c) out[ox * 4 + c] = uint8_t(std::lround(sums.colour(size_t(ox), size_t(c), count) / planes[c]->max * 255));
+      for (int c = 0; c < 3; ++c)
+        out[ox * 4 + c] =
+            uint8_t(std::lround(sums.colour(size_t(ox), size_t(c), count) / planes[c]->max * 255));
       if (alpha) out[ox * 4 + 3] = uint8_t(std::lround(sums.alpha(size_t(ox), count) / planes[3]->max * 255));
     }
   }

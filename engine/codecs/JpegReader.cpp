@@ -140,7 +140,8 @@ bool decodeWithLibjpeg(JpegJob& job) {
   if (cinfo.progressive_mode || cinfo.comps_in_scan < cinfo.num_components)
     for (int c = 0; c < cinfo.num_components; ++c) {
       const jpeg_component_info& component = cinfo.comp_info[c];
-      const uint64_t h = uint64_t(std::max(component.h_samp_factor, 1)), v = uint64_t(std::max(component.v_samp_factor, 1));
+      const uint64_t h = uint64_t(std::max(component.h_samp_factor, 1)),
+                     v = uint64_t(std::max(component.v_samp_factor, 1));
       job.coefficientBytes += (uint64_t(component.width_in_blocks) + h - 1) / h * h *
                               ((uint64_t(component.height_in_blocks) + v - 1) / v * v) * sizeof(JBLOCK);
     }
@@ -228,7 +229,8 @@ std::optional<uint64_t> jpegReducedDecodeBytes(Input bytes, int minLongSide) {
   // below twice minLongSide) as RGBA, with libjpeg's rows and tables.
   const uint64_t pixels = uint64_t(job.width) * uint64_t(job.height);
   const uint64_t side = uint64_t(std::max(minLongSide, 1));
-  return job.coefficientBytes + std::max(pixels / 64, 4 * side * side) * 4 + uint64_t(job.width) * 64 + (2u << 20);
+  return job.coefficientBytes + std::max(pixels / 64, 4 * side * side) * 4 + uint64_t(job.width) * 64 +
+         (2u << 20);
 }
 
 DecodedImage decodeJpeg(Input bytes, int minLongSide) {

@@ -47,13 +47,14 @@ bool hasGridItem(Input bytes) {
   // Every "infe" box of version 2 or 3 names its item's type after its id and protection
   // index. A chance match elsewhere in the file only makes an estimate more cautious.
   static constexpr uint8_t kInfe[] = {'i', 'n', 'f', 'e'};
-  for (auto at = bytes.begin(); (at = std::search(at, bytes.end(), std::begin(kInfe), std::end(kInfe))) != bytes.end();
-       ++at) {
+  for (auto at = bytes.begin();
+       (at = std::search(at, bytes.end(), std::begin(kInfe), std::end(kInfe))) != bytes.end(); ++at) {
     const size_t offset = size_t(at - bytes.begin());
     if (offset + 4 + 4 + 4 + 2 + 4 > bytes.size()) break;
     const uint8_t version = bytes[offset + 4];
     const size_t type = offset + 4 + 4 + (version == 3 ? 4 : 2) + 2;
-    if ((version == 2 || version == 3) && type + 4 <= bytes.size() && std::equal(bytes.begin() + std::ptrdiff_t(type), bytes.begin() + std::ptrdiff_t(type + 4), "grid"))
+    if ((version == 2 || version == 3) && type + 4 <= bytes.size() &&
+        std::equal(bytes.begin() + std::ptrdiff_t(type), bytes.begin() + std::ptrdiff_t(type + 4), "grid"))
       return true;
   }
   return false;
@@ -67,7 +68,8 @@ CodedLayout codedLayout(Input bytes) {
     const uint8_t* name = reinterpret_cast<const uint8_t*>(type);
     for (auto at = bytes.begin(); (at = std::search(at, bytes.end(), name, name + 4)) != bytes.end(); ++at) {
       const size_t payload = size_t(at - bytes.begin()) + 4;
-      if (payload + size <= bytes.size()) found = std::max(found, double(valueOf(bytes.subspan(payload, size))));
+      if (payload + size <= bytes.size())
+        found = std::max(found, double(valueOf(bytes.subspan(payload, size))));
     }
     return found;
   };

@@ -1,6 +1,6 @@
 // WebP through libwebp: still pictures with the incremental decoder (scaled while decoding
-// for thumbnails, cancellable between slices of the input), animations through the demuxer (the first frame, on its canvas for a full
-// decode); ICCP and EXIF chunks from the demuxer.
+// for thumbnails, cancellable between slices of the input), animations through the demuxer
+// (the first frame, on its canvas for a full decode); ICCP and EXIF chunks from the demuxer.
 
 #include <webp/decode.h>
 #include <webp/demux.h>
