@@ -39,7 +39,7 @@ void ExportProfileMenuView::refresh() {
   setVisible(!viewModel_.exportProfiles().empty());
   setToolTip(text("profiles.menu.help", "Appliquer un profil enregistré"));
   button_->setToolTip(toolTip());
-  setMenuButtonText(button_, title(), 120);
+  setMenuButtonText(button_, title(), 150);
   rebuildMenu();
 }
 
