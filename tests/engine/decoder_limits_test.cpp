@@ -206,19 +206,24 @@ TEST_F(Bombs, WhatIsNotARegularImageFileIsRefusedWithoutReadingIt) {
   testing::writeBytes(sparse, {'h', 'e', 'l', 'l', 'o'});
   ASSERT_EQ(truncate(sparse.c_str(), 3ll << 30), 0);
 
-  for (const std::string& path : {fifo, socketPath, sparse, std::string("/dev/zero"), dir.path()}) {
+  testing::writeBytes(dir.file("empty.png"), {});
+  for (const std::string& path :
+       {fifo, socketPath, sparse, std::string("/dev/zero"), dir.path(), dir.file("empty.png")}) {
     SCOPED_TRACE(path);
     // Under an alarm and 1 GB: a read that blocks or grows without end kills the child.
     expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
       alarm(10);
       const auto result = ImageCompressor::compress(path, dir.path(), ImageFormat::jpeg, 70, "out.jpg");
       return !ImageFormats::detect(path) && ImageDecoder::inspectionPeakBytes(path) == 0 &&
+             (path == sparse || ImageDecoder::fileSize(path) == 0) &&
              refusedAsUndecodable([&] { ImageDecoder::readSource(path); }) &&
              refusedAsUndecodable([&] { ImageDecoder::inspect(path); }) && !ImageDecoder::loadPreview(path, 64) &&
              result.error == ImageProcessingError::decodingFailed().description();
     });
   }
   close(sock);
+  EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::inspect(dir.file("missing.png")); }));
+  EXPECT_FALSE(ImageDecoder::loadPreview(dir.file("missing.png"), 64));
 }
 
 TEST_F(Bombs, AFileLargerThanItsPixelsCanTakeIsRefusedBeforeItsBodyIsRead) {

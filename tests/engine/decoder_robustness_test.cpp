@@ -142,20 +142,5 @@ TEST(ValidJpegs, APartlyDownloadedPhotoAndAFlatArithmeticCodedOneDecode) {
   EXPECT_NEAR(grey.pixels8[(size_t(3000) * 6000 + 3000) * 4], 90, 1);
 }
 
-TEST(EmptyAndMissingFiles, FailInspectionAndHaveNoPreview) {
-  testing::TempDir dir;
-  testing::writeBytes(dir.file("empty.jpg"), {});
-  for (const std::string& path : {dir.file("empty.jpg"), dir.file("missing.png")}) {
-    EXPECT_EQ(ImageDecoder::fileSize(path), 0);
-    EXPECT_FALSE(ImageDecoder::loadPreview(path, 64));
-    try {
-      ImageDecoder::inspect(path);
-      ADD_FAILURE() << "inspected " << path;
-    } catch (const ImageProcessingError& e) {
-      EXPECT_EQ(e.kind(), ImageProcessingError::Kind::decodingFailed);
-    }
-  }
-}
-
 }  // namespace
 }  // namespace quillane

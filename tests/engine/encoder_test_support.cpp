@@ -140,4 +140,12 @@ int maxDifference(const Bytes& a, const Bytes& b) {
   return worst;
 }
 
+double meanColourError(const DecodedImage& a, const DecodedImage& b) {
+  if (a.width != b.width || a.height != b.height) return 1e9;
+  double sum = 0;
+  for (size_t i = 0; i < a.pixels8.size(); ++i)
+    if (i % 4 != 3) sum += std::abs(int(a.pixels8[i]) - int(b.pixels8[i]));
+  return sum / double(a.pixelCount() * 3);
+}
+
 }  // namespace quillane::testing

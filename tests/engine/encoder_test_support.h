@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/DecodedImage.h"
 #include "engine/EncodingStrategy.h"
 
 namespace quillane::testing {
@@ -47,5 +48,7 @@ EncodingPlan makePlan(EncodingPlan::Mode mode, int effort = 2);
 
 // Largest difference of any sample between two pictures of the same size (256 if not).
 int maxDifference(const Bytes& a, const Bytes& b);
+// Mean absolute difference of the colour samples of two 8-bit pictures (1e9 if not the same size).
+double meanColourError(const DecodedImage& a, const DecodedImage& b);
 
 }  // namespace quillane::testing

@@ -39,14 +39,6 @@ const uint8_t* pixelAt(const DecodedImage& img, int x, int y) {
   return &img.pixels8[(size_t(y) * size_t(img.width) + size_t(x)) * 4];
 }
 
-// Mean absolute difference of the colour samples of two 8-bit pictures of the same size.
-double meanColourError(const DecodedImage& a, const DecodedImage& b) {
-  double sum = 0;
-  for (size_t i = 0; i < a.pixels8.size(); ++i)
-    if (i % 4 != 3) sum += std::abs(int(a.pixels8[i]) - int(b.pixels8[i]));
-  return sum / double(a.pixelCount() * 3);
-}
-
 DecodedImage decode8(const Bytes& file) {
   DecodedImage img = ImageService::decodeFirstFrame(file);
   if (img.bitsPerComponent == 16) img = NativeImageIOEncoder::straightEightBit(img);
@@ -126,7 +118,7 @@ TEST(NativeEncoder, SixteenBitAndPremultipliedSourcesAreWrittenFaithfully) {
     for (auto corner : {fixtures::Corner::topLeft, fixtures::Corner::bottomRight})
       EXPECT_EQ(fixtures::quadrantAt(back, corner), int(corner));
     DecodedImage round = decode8(encode(premultiplied, true, format, lossyPlan(95)));
-    EXPECT_LT(meanColourError(round, expectedStraight), 6.0);
+    EXPECT_LT(testing::meanColourError(round, expectedStraight), 6.0);
   }
 }
 

@@ -106,36 +106,32 @@ Bytes heic(const DecodedImage& image, const HeifOptions& options) {
   heif_encoder_set_lossy_quality(encoder.get(), options.quality);
   if (!options.av1) heif_encoder_set_parameter(encoder.get(), "x265:log-level", "none");  // keep test output quiet
 
-  heif_image* rawImage = nullptr;
-  const int channels = options.alpha ? 4 : 3;
-  require(heif_image_create(image.width, image.height, heif_colorspace_RGB,
-                            options.alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB, &rawImage),
-          "heif_image_create");
-  CHandle<heif_image, heif_image_release> picture(rawImage);
-  require(heif_image_add_plane(picture.get(), heif_channel_interleaved, image.width, image.height, 8),
-          "heif_image_add_plane");
-  int stride = 0;
-  uint8_t* plane = heif_image_get_plane(picture.get(), heif_channel_interleaved, &stride);
-  Bytes rgba = eightBit(image);
-  for (size_t i = 0; i < image.pixelCount(); ++i)
-    std::memcpy(plane + i / size_t(image.width) * size_t(stride) + i % size_t(image.width) * size_t(channels),
-                &rgba[i * 4], size_t(channels));
+  const Bytes rgba = eightBit(image);
+  auto picture = [&](bool alpha) {  // interleaved RGB(A), 8 bits
+    heif_image* raw = nullptr;
+    const size_t channels = alpha ? 4 : 3;
+    require(heif_image_create(image.width, image.height, heif_colorspace_RGB,
+                              alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB, &raw),
+            "heif_image_create");
+    CHandle<heif_image, heif_image_release> out(raw);
+    require(heif_image_add_plane(raw, heif_channel_interleaved, image.width, image.height, 8), "heif_image_add_plane");
+    int stride = 0;
+    uint8_t* plane = heif_image_get_plane(raw, heif_channel_interleaved, &stride);
+    for (size_t i = 0; i < image.pixelCount(); ++i)
+      std::memcpy(plane + i / size_t(image.width) * size_t(stride) + i % size_t(image.width) * channels, &rgba[i * 4],
+                  channels);
+    return out;
+  };
+  const auto primary = picture(options.alpha);
 
   CHandle<heif_encoding_options, heif_encoding_options_free> encoding(heif_encoding_options_alloc());
   encoding->image_orientation = heif_orientation(options.orientation);
   heif_image_handle* rawHandle = nullptr;
-  require(heif_context_encode_image(context.get(), picture.get(), encoder.get(), encoding.get(), &rawHandle),
+  require(heif_context_encode_image(context.get(), primary.get(), encoder.get(), encoding.get(), &rawHandle),
           "heif_context_encode_image");
   CHandle<heif_image_handle, heif_image_handle_release> handle(rawHandle);
   if (options.thumbnailSide > 0) {
-    heif_image* rawOpaque = nullptr;
-    require(heif_image_create(image.width, image.height, heif_colorspace_RGB, heif_chroma_interleaved_RGB, &rawOpaque),
-            "heif_image_create");
-    CHandle<heif_image, heif_image_release> opaque(rawOpaque);
-    require(heif_image_add_plane(opaque.get(), heif_channel_interleaved, image.width, image.height, 8), "add_plane");
-    uint8_t* rgb = heif_image_get_plane(opaque.get(), heif_channel_interleaved, &stride);
-    for (size_t i = 0; i < image.pixelCount(); ++i)
-      std::memcpy(rgb + i / size_t(image.width) * size_t(stride) + i % size_t(image.width) * 3, &rgba[i * 4], 3);
+    const auto opaque = picture(false);
     CHandle<heif_encoding_options, heif_encoding_options_free> upright(heif_encoding_options_alloc());
     heif_image_handle* rawThumb = nullptr;
     require(heif_context_encode_thumbnail(context.get(), opaque.get(), handle.get(), encoder.get(), upright.get(),

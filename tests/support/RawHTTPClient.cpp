@@ -29,6 +29,28 @@ int remainingMs(Clock::time_point deadline) {
   return left > 0 ? int(left) : 0;
 }
 
+// Splits a raw response into status line, headers and body.
+RawHTTPResponse parseResponse(std::string raw, bool closedByServer) {
+  RawHTTPResponse response;
+  response.raw = std::move(raw);
+  response.closedByServer = closedByServer;
+  size_t headEnd = response.raw.find("\r\n\r\n");
+  if (headEnd == std::string::npos) return response;
+  std::string head = response.raw.substr(0, headEnd);
+  response.body = response.raw.substr(headEnd + 4);
+  size_t lineEnd = head.find("\r\n");
+  response.statusLine = head.substr(0, lineEnd);
+  if (response.statusLine.size() >= 12) response.status = std::atoi(response.statusLine.c_str() + 9);
+  while (lineEnd != std::string::npos) {
+    size_t start = lineEnd + 2;
+    lineEnd = head.find("\r\n", start);
+    std::string line = head.substr(start, lineEnd == std::string::npos ? std::string::npos : lineEnd - start);
+    size_t colon = line.find(": ");
+    if (colon != std::string::npos) response.headers[line.substr(0, colon)] = line.substr(colon + 2);
+  }
+  return response;
+}
+
 }  // namespace
 
 RawConnection::RawConnection(int port) {
@@ -88,27 +110,6 @@ std::string RawConnection::readSome(std::chrono::milliseconds timeout) {
 void RawConnection::close() {
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
-}
-
-RawHTTPResponse parseResponse(std::string raw, bool closedByServer) {
-  RawHTTPResponse response;
-  response.raw = std::move(raw);
-  response.closedByServer = closedByServer;
-  size_t headEnd = response.raw.find("\r\n\r\n");
-  if (headEnd == std::string::npos) return response;
-  std::string head = response.raw.substr(0, headEnd);
-  response.body = response.raw.substr(headEnd + 4);
-  size_t lineEnd = head.find("\r\n");
-  response.statusLine = head.substr(0, lineEnd);
-  if (response.statusLine.size() >= 12) response.status = std::atoi(response.statusLine.c_str() + 9);
-  while (lineEnd != std::string::npos) {
-    size_t start = lineEnd + 2;
-    lineEnd = head.find("\r\n", start);
-    std::string line = head.substr(start, lineEnd == std::string::npos ? std::string::npos : lineEnd - start);
-    size_t colon = line.find(": ");
-    if (colon != std::string::npos) response.headers[line.substr(0, colon)] = line.substr(colon + 2);
-  }
-  return response;
 }
 
 RawHTTPResponse httpExchange(int port, std::string_view bytes, std::chrono::milliseconds timeout) {

@@ -44,9 +44,6 @@ class RawConnection {
   int fd_ = -1;
 };
 
-// Splits a raw response into status line, headers and body.
-RawHTTPResponse parseResponse(std::string raw, bool closedByServer);
-
 // Connects, sends `bytes`, reads the whole answer.
 RawHTTPResponse httpExchange(int port, std::string_view bytes,
                          std::chrono::milliseconds timeout = std::chrono::seconds(20));

@@ -58,12 +58,6 @@ DecodedImage makeImage(int width, int height, Pattern pattern, uint32_t seed, bo
           if (withAlpha && band == 3) p[3] = 0, p[0] = p[1] = p[2] = 0;
           break;
         }
-        case Pattern::gradient: {
-          p[0] = clamp8(255 * fx);
-          p[1] = clamp8(255 * fy);
-          p[2] = clamp8(128 + 100 * (fx - fy));
-          break;
-        }
       }
       if (withAlpha && pattern != Pattern::flatLogo) p[3] = clamp8(255 * (0.5 + 0.5 * fx));
     }

@@ -15,7 +15,6 @@ enum class Pattern {
   noisyPhoto,  // strong per-pixel noise
   screenshot,  // flat background, hard-edged text-like blocks
   flatLogo,    // a few flat colours, transparent surround
-  gradient,    // a clean diagonal gradient
 };
 
 // An 8-bit RGBA picture; `withAlpha` keeps the pattern's transparency (flatLogo has some).
