@@ -1,5 +1,5 @@
-// Bad input: truncated, corrupted, empty and oversized files of every format fail with
-// decodingFailed (or decode), never crash, hang, print or allocate what the header claims.
+// Bad input: truncated files of every format fail with decodingFailed (or decode), never
+// crash, hang or print; oversized headers are refused before any pixel memory.
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 
 #include "engine/Errors.h"
 #include "engine/ImageDecoder.h"
@@ -61,31 +60,20 @@ void readEverything(std::span<const uint8_t> bytes, const std::string& what) {
 
 class DamagedFiles : public ::testing::TestWithParam<Sample> {};
 
-TEST_P(DamagedFiles, TruncationAndFlippedBytesOnlyEverFailCleanly) {
+// Flipped, dropped and repeated bytes of the same kinds of files are the image_fuzz_* tests'
+// subject (fuzz/); here every cut in the headers, and the silence of every reader.
+TEST_P(DamagedFiles, TruncatedFilesOnlyEverFailCleanlyAndSilently) {
   const Bytes file = GetParam().make();
   ASSERT_NO_THROW(ImageDecoder::decodeCGImageSource(file));
   ::testing::internal::CaptureStderr();
   ::testing::internal::CaptureStdout();
-
-  // Cuts: every byte of the first 64 (headers), then 40 places spread over the rest.
+  // Every byte of the first 64 (headers), then 40 places spread over the rest.
   std::vector<size_t> cuts;
   for (size_t n = 0; n < std::min<size_t>(64, file.size()); ++n) cuts.push_back(n);
   for (int i = 1; i < 40; ++i) cuts.push_back(file.size() * size_t(i) / 40);
   cuts.push_back(file.size() - 1);
-  for (size_t n : cuts) {
+  for (size_t n : cuts)
     readEverything(std::span(file).first(n), std::string(GetParam().name) + " cut at " + std::to_string(n));
-  }
-
-  // Flips: single bytes and short runs, in the header and in the coded data.
-  std::mt19937 rng(12345);
-  for (int i = 0; i < 120; ++i) {
-    Bytes damaged = file;
-    size_t at = i < 40 ? rng() % std::min<size_t>(file.size(), 200) : rng() % file.size();
-    size_t run = 1 + rng() % (i % 3 == 0 ? 8 : 1);
-    for (size_t k = at; k < std::min(damaged.size(), at + run); ++k) damaged[k] ^= uint8_t(1 + rng() % 255);
-    readEverything(damaged, std::string(GetParam().name) + " flipped at " + std::to_string(at));
-  }
-
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
