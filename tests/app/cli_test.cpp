@@ -115,22 +115,6 @@ TEST_F(CommandLineTool, CommandErrorsGoToStandardErrorWithStatusSix) {
   }
 }
 
-TEST_F(CommandLineTool, InputsAreNeverReplacedNeitherAlreadyReadNorStillToBeRead) {
-  QDir(dir_.path()).mkpath("out");
-  QFile::copy(path(image("x.jpg")), path("out/photo.jpg"));
-  const auto second = testing::readBytes(path("out/photo.jpg").toStdString());
-  ToolRun r = run({"compress", image("photo.png"), "out/photo.jpg", "--to", "out", "--format", "jpeg"});
-  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-  EXPECT_EQ(r.json()[0].toObject()["destination"].toString(), path("out/photo-2.jpg"));
-  EXPECT_EQ(r.json()[1].toObject()["destination"].toString(), path("out/photo-3.jpg"));
-  EXPECT_EQ(testing::readBytes(path("out/photo.jpg").toStdString()), second);
-
-  const auto source = testing::readBytes(path("in/x.jpg").toStdString());
-  ASSERT_EQ(run({"compress", "in/x.jpg", "--to", "in", "--format", "jpeg", "--quality", "30"}).exitCode, 0);
-  EXPECT_EQ(testing::readBytes(path("in/x.jpg").toStdString()), source) << "compressed in place";
-  EXPECT_TRUE(QFileInfo::exists(path("in/x-2.jpg")));
-}
-
 // Names are bytes: not UTF-8, or 255 bytes long, they go in and come out as they are; "-h"
 // after "--" is a file; a lost standard output and an unusable folder are errors that say so.
 TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {

@@ -15,7 +15,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QMap>
 #include <QMutex>
 #include <QThread>
 #include <QProcess>
@@ -247,7 +246,6 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
   EXPECT_EQ(entries("out/gone"), QStringList{"a.png"});
   EXPECT_TRUE(entries("out/bad").isEmpty());
   EXPECT_FALSE(QFileInfo::exists(path("out/e")));
-
 }
 
 TEST_F(DesktopBus, ASecondLaunchHandsItsFilesToTheRunningBatch) {
@@ -315,33 +313,6 @@ TEST_F(DesktopBus, CompressCommandWorksThroughAnInstanceOrAloneAndReportsTheOutc
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_TRUE(failed.err.isEmpty()) << failed.err.toStdString();
   EXPECT_EQ(sink.shown(), QStringList{"Quillane: Échec de la compression: Choisissez au moins une image à compresser."});
-}
-
-// The launcher entry: files open in the window, the action compresses them, and every
-// language of the string tables reads its own names.
-TEST(DesktopEntry, OpensAndCompressesFilesInEveryLanguage) {
-  QFile file(QStringLiteral(QT_TESTCASE_SOURCEDIR) + "/../ui/resources/com.quillane.Quillane.desktop");
-  ASSERT_TRUE(file.open(QIODevice::ReadOnly | QIODevice::Text));
-  QMap<QString, QMap<QString, QString>> groups;
-  QString group;
-  for (const QString& line : QString::fromUtf8(file.readAll()).split('\n')) {
-    if (line.startsWith('[')) group = line.mid(1, line.size() - 2);
-    else if (line.contains('=')) groups[group][line.section('=', 0, 0)] = line.section('=', 1);
-  }
-  const auto& entry = groups["Desktop Entry"];
-  const auto& action = groups["Desktop Action compress"];
-  EXPECT_EQ(entry["Exec"], "quillane %F");
-  EXPECT_EQ(action["Exec"], "quillane --compress %F");
-  EXPECT_EQ(entry["Actions"], "compress;");
-  for (const char* type : {"image/png", "image/jpeg", "image/heic", "image/avif", "image/webp", "image/jxl"})
-    EXPECT_TRUE(entry["MimeType"].split(';').contains(type)) << type;
-  for (const char* locale : {"de", "en_GB", "en_US", "es_419", "es", "fr", "hi", "it", "ja", "ko", "pt_BR", "pt", "ru",
-                             "zh_CN", "zh_TW"}) {
-    const QString suffix = QString("[%1]").arg(locale);
-    EXPECT_FALSE(action["Name" + suffix].isEmpty()) << locale;
-    EXPECT_FALSE(entry["GenericName" + suffix].isEmpty()) << locale;
-    EXPECT_FALSE(entry["Comment" + suffix].isEmpty()) << locale;
-  }
 }
 
 }  // namespace

@@ -132,6 +132,20 @@ bool UiFixture::waitIdle(int timeoutMs) {
   return QTest::qWaitFor([&] { return !model_->isEncoding() && !model_->hasPendingRecompute(); }, timeoutMs);
 }
 
+void WindowFixture::TearDown() {
+  window_.reset();
+  UiFixture::TearDown();
+}
+
+ui::MainWindow& WindowFixture::window() {
+  if (!model_) makeModel();
+  if (!window_) {
+    window_ = std::make_unique<ui::MainWindow>(*model_);
+    window_->show();
+  }
+  return *window_;
+}
+
 QStringList clippedTexts(QWidget* root) {
   QStringList clipped;
   const auto check = [&](QWidget* w, const QString& text) {

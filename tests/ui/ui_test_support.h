@@ -15,6 +15,7 @@
 #include <string>
 
 #include "batch/BatchViewModel.h"
+#include "ui/MainWindow.h"
 
 namespace quillane::uitest {
 
@@ -54,6 +55,14 @@ class UiFixture : public ::testing::Test {
   std::condition_variable gate_;
   bool gateOpen_ = false;
   std::map<std::string, FakeFile> files_;  // by content (the file's first line is its name)
+};
+
+// The main window over the fixture's model (made if there is none yet), shown at first use.
+class WindowFixture : public UiFixture {
+ protected:
+  void TearDown() override;
+  ui::MainWindow& window();
+  std::unique_ptr<ui::MainWindow> window_;
 };
 
 // Widgets in `root` whose text does not fit: labels and buttons narrower than their text

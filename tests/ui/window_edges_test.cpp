@@ -1,6 +1,5 @@
 // What a user meets in the window's corners: a double click on a row button, the exclusive
 // format menus, the profile button's arrow, and the file dialogs' start folders and filter.
-#include <QActionGroup>
 #include <QApplication>
 #include <QFileDialog>
 #include <QLineEdit>
@@ -21,7 +20,6 @@
 #include "ui/ExportProfilesSettingsView.h"
 #include "ui/ImageListModel.h"
 #include "ui/ImageListView.h"
-#include "ui/MainWindow.h"
 #include "ui/ProfileMenuView.h"
 #include "ui/QualityControls.h"
 #include "ui/SettingsWindow.h"
@@ -33,22 +31,7 @@ namespace {
 using ui::DesktopPanels;
 using Kind = DesktopPanels::FolderKind;
 
-class WindowEdgesTest : public UiFixture {
- protected:
-  void TearDown() override {
-    window_.reset();
-    UiFixture::TearDown();
-  }
-  ui::MainWindow& window() {
-    if (!model_) makeModel();
-    if (!window_) {
-      window_ = std::make_unique<ui::MainWindow>(*model_);
-      window_->show();
-    }
-    return *window_;
-  }
-  std::unique_ptr<ui::MainWindow> window_;
-};
+using WindowEdgesTest = WindowFixture;
 
 void sendMouse(QWidget* target, QEvent::Type type, QPoint pos) {
   QMouseEvent event(type, pos, target->mapToGlobal(pos), Qt::LeftButton,
@@ -169,23 +152,27 @@ TEST_F(WindowEdgesTest, AnOpenQualityPopoverStaysWithItsRow) {
   EXPECT_TRUE(QTest::qWaitFor([&] { return !window().qualityPopover(); }));
 }
 
+// The bar's and the profile form's format menus are one choice each; choosing the current
+// format again keeps it chosen and still recomputes.
 TEST_F(WindowEdgesTest, FormatMenusAreOneExclusiveChoice) {
   window();
+  import({source("a.png")});
+  ASSERT_TRUE(waitIdle());
   auto pane = ui::ExportProfilesSettingsView(*model_, {});
-  for (QMenu* menu : {window().controlsBar()->formatPicker()->menu(), pane.findChild<QMenu*>()}) {
-    ASSERT_TRUE(menu);
-    ASSERT_EQ(menu->actions().size(), 6);
-    QActionGroup* group = menu->actions()[0]->actionGroup();
-    ASSERT_TRUE(group && group->isExclusive());
-    for (QAction* action : menu->actions()) EXPECT_EQ(action->actionGroup(), group);
-  }
   QMenu* bar = window().controlsBar()->formatPicker()->menu();
-  bar->actions()[3]->trigger();
-  bar->actions()[3]->trigger();  // choosing it again keeps it chosen
+  for (QMenu* menu : {bar, pane.findChild<QMenu*>()}) {
+    ASSERT_TRUE(menu && menu->actions().size() == 6);
+    const QList<QAction*> actions = menu->actions();
+    actions[2]->trigger();
+    actions[3]->trigger();
+    ASSERT_TRUE(waitIdle());
+    actions[3]->trigger();
+    EXPECT_TRUE(actions[3]->isChecked());
+    EXPECT_EQ(std::count_if(actions.begin(), actions.end(), [](QAction* a) { return a->isChecked(); }), 1);
+    EXPECT_EQ(model_->hasPendingRecompute(), menu == bar);
+  }
   EXPECT_EQ(model_->outputFormat(), ImageFormat::avif);
-  EXPECT_TRUE(bar->actions()[3]->isChecked());
-  const QList<QAction*> actions = bar->actions();
-  EXPECT_EQ(std::count_if(actions.begin(), actions.end(), [](QAction* a) { return a->isChecked(); }), 1);
+  ASSERT_TRUE(waitIdle());
 }
 
 TEST_F(WindowEdgesTest, TheProfileButtonsLabelClearsItsArrowInEveryScript) {
