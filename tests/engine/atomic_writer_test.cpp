@@ -5,7 +5,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 
@@ -20,13 +19,6 @@ namespace fs = std::filesystem;
 
 class AtomicWriter : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "atomic_writer-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
   void write(const std::string& name, const std::string& text) {
     FileIO::writeFileAtomically(dir_ + "/" + name, {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
   }
@@ -34,7 +26,8 @@ class AtomicWriter : public ::testing::Test {
     auto bytes = testing::readBytes(path);
     return {bytes.begin(), bytes.end()};
   }
-  std::string dir_;
+  testing::TempDir temp_;
+  const std::string dir_ = temp_.path();
 };
 
 TEST_F(AtomicWriter, ReplacesALinkAtTheDestinationAndTakesTheLongestNames) {
