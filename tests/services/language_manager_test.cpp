@@ -14,16 +14,13 @@
 namespace quillane {
 namespace {
 
-const char* const kTestHost = "XCTestConfigurationFilePath";
-
 class LanguageManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(dir_.isValid());
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir_.path());
-    qunsetenv(kTestHost);  // the services tests run with no test host set
+    qunsetenv("XCTestConfigurationFilePath");  // under a test host nothing would be written
   }
-  void TearDown() override { qunsetenv(kTestHost); }
 
   static void store(const QStringList& value) { UserDefaults::store()->setValue("AppleLanguages", value); }
   static QStringList stored() { return UserDefaults::store()->value("AppleLanguages").toStringList(); }
@@ -75,14 +72,6 @@ TEST_F(LanguageManagerTest, AnUnsupportedSystemStoresEnglishForTheNextLaunchAndA
     EXPECT_EQ(LanguageManager(platform(system)).activeLanguage(), AppLanguage::enUS);
   }
   EXPECT_EQ(QFile::permissions(settingsPath()) & 0x0077, QFileDevice::Permissions());
-}
-
-TEST_F(LanguageManagerTest, UnderATestHostNothingIsWrittenButOverridesAreRead) {
-  qputenv(kTestHost, "/tmp/config.xctestconfiguration");
-  EXPECT_EQ(LanguageManager(platform({"nl-NL"})).selectedLanguage(), std::nullopt);
-  EXPECT_FALSE(QFile::exists(settingsPath()));
-  store({"ja"});
-  EXPECT_EQ(LanguageManager(platform({"nl-NL"})).selectedLanguage(), AppLanguage::ja);
 }
 
 TEST_F(LanguageManagerTest, ConfirmPersistsSelectsAndQuitsEvenIfTheRelaunchFails) {

@@ -98,7 +98,6 @@ TEST_F(HotFoldersPaneTest, AProfileReplacesFormatAndQualityWhichComeBackWithoutI
   const HotFolder saved = manager_->hotFolders().at(0);
   EXPECT_EQ(saved.profileName, QString("Web"));
   EXPECT_FALSE(saved.format || saved.quality);
-  EXPECT_EQ(ui::HotFoldersSettingsView::subtitle(saved), in_ + " → " + out_ + " · Web");
 
   pane().startEditing(saved);
   pane().setNewProfileName(std::nullopt);
