@@ -162,12 +162,16 @@ void BatchViewModel::recordImportFailure(const QUrl& url, const QString& message
 }
 
 void BatchViewModel::retryImport(const ImportFailure& failure) {
+  // Copied first: `failure` may be an element of importFailures_, which dismissing destroys.
+  const QUrl url = failure.url;
   dismissImportFailure(failure.id);
-  importFiles({failure.url});
+  importFiles({url});
 }
 
 void BatchViewModel::dismissImportFailure(const QUuid& id) {
-  if (std::erase_if(importFailures_, [&](const ImportFailure& failure) { return failure.id == id; }) > 0) {
+  // By value into the predicate: `id` may belong to an element that erasing moves over.
+  const auto matches = [target = id](const ImportFailure& failure) { return failure.id == target; };
+  if (std::erase_if(importFailures_, matches) > 0) {
     emit importFailuresChanged();
   }
 }
