@@ -4,13 +4,15 @@
 #   make package  builds the Debian package into build-package/ and checks it with lintian
 #   make fuzz  builds the fuzz targets with clang and the sanitizers (build-fuzz/) and runs
 #              each for FUZZ_SECONDS; what a target finds is left in build-fuzz/ as crash-*
+#   make asan  builds with AddressSanitizer and UBSan (build-asan/) and runs every test there;
+#              any report fails the run
 JOBS ?= $(shell nproc)
 BUILD := build
 
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS := image_fuzz_png image_fuzz_jpeg image_fuzz_webp image_fuzz_heic image_fuzz_avif image_fuzz_jxl
 
-.PHONY: deps configure build run test bench package fuzz clean
+.PHONY: deps configure build run test bench package fuzz asan clean
 
 deps:
 	@scripts/install-deps
@@ -54,6 +56,12 @@ fuzz: deps
 	    || exit 1; \
 	done
 	cd build-fuzz && bin/request_reader_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=2048
+
+asan: deps
+	@test -f build-asan/build.ninja || cmake --preset asan
+	cmake --build build-asan -j $(JOBS)
+	LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+		scripts/run-tests build-asan
 
 clean:
 	rm -rf $(BUILD) build-asan build-release build-package build-fuzz
