@@ -57,26 +57,22 @@ ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel
   connect(name_, &QLineEdit::textChanged, this, &ExportProfilesSettingsView::refreshForm);
   form->addRow(text("settings.profiles.nameField", "Nom"), name_);
 
-  formatButton_ = new QPushButton(form_);
-  formatButton_->setFixedWidth(120);
-  formatMenu_ = new QMenu(formatButton_);
-  addFormatChoices(formatMenu_, [this](ImageFormat format) { setNewFormat(format); });
-  formatButton_->setMenu(formatMenu_);
+  const FormatField format = makeFormatField(form_, [this](ImageFormat chosen) { setNewFormat(chosen); });
+  formatButton_ = format.button;
+  formatMenu_ = format.menu;
   form->addRow(text("format.label", "Format"), formatButton_);
 
   auto* qualityRow = new QHBoxLayout;
-  quality_ = new QSlider(Qt::Horizontal, form_);
-  quality_->setRange(1, 100);
-  quality_->setValue(75);
-  qualityReadout_ = new QLabel(form_);
-  qualityReadout_->setFixedWidth(40);
-  qualityReadout_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
-  connect(quality_, &QSlider::valueChanged, this, [this](int value) {
+  const QualityField quality = makeQualityField(form_, qualityRow, 40, [this](int value) {
     newQuality_ = value;
     refreshForm();
   });
-  qualityRow->addWidget(quality_, 1);
-  qualityRow->addWidget(qualityReadout_);
+  quality_ = quality.slider;
+  qualityReadout_ = quality.readout;
+  {
+    const QSignalBlocker block(quality_);  // the form is not built yet
+    quality_->setValue(75);
+  }
   form->addRow(text("quality.label", "Qualité"), qualityRow);
 
   auto* folderRow = new QHBoxLayout;
@@ -96,17 +92,13 @@ ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel
   isDefault_->setToolTip(text("settings.profiles.defaultHelp", "Utilisé lorsqu'aucun profil n'est indiqué"));
   form->addRow(isDefault_);
 
-  auto* buttons = new QHBoxLayout;
-  buttons->addStretch(1);
-  cancel_ = new QPushButton(text("settings.profiles.cancelEdit", "Annuler"), form_);
-  save_ = new QPushButton(form_);
-  makeProminent(save_);
+  const FormButtons buttons = makeFormButtons(form_);
+  cancel_ = buttons.cancel;
+  save_ = buttons.save;
   connect(cancel_, &QPushButton::clicked, this, &ExportProfilesSettingsView::resetForm);
   connect(save_, &QPushButton::clicked, this, &ExportProfilesSettingsView::save);
   connect(name_, &QLineEdit::returnPressed, this, &ExportProfilesSettingsView::save);
-  buttons->addWidget(cancel_);
-  buttons->addWidget(save_);
-  form->addRow(buttons);
+  form->addRow(buttons.row);
   layout->addWidget(form_);
   layout->addStretch(1);
 

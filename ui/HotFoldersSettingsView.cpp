@@ -124,11 +124,9 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   profileButton_->setMenu(profileMenu_);
   form->addRow(text("settings.hotFolders.profileField", "Profil"), profileButton_);
 
-  formatButton_ = new QPushButton(form_);
-  formatButton_->setFixedWidth(120);
-  formatMenu_ = new QMenu(formatButton_);
-  addFormatChoices(formatMenu_, [this](ImageFormat format) { setNewFormat(format); });
-  formatButton_->setMenu(formatMenu_);
+  const FormatField format = makeFormatField(form_, [this](ImageFormat chosen) { setNewFormat(chosen); });
+  formatButton_ = format.button;
+  formatMenu_ = format.menu;
   formatRowLabel_ = new QLabel(text("format.label", "Format"), form_);
   formatRow_ = formatButton_;
   form->addRow(formatRowLabel_, formatButton_);
@@ -136,33 +134,24 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   qualityRow_ = new QWidget(form_);
   auto* qualityLayout = new QHBoxLayout(qualityRow_);
   qualityLayout->setContentsMargins(0, 0, 0, 0);
-  quality_ = new QSlider(Qt::Horizontal, qualityRow_);
-  quality_->setRange(1, 100);
-  qualityReadout_ = new QLabel(qualityRow_);
-  qualityReadout_->setFixedWidth(44);
-  qualityReadout_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
-  connect(quality_, &QSlider::valueChanged, this, [this](int value) {
+  const QualityField quality = makeQualityField(qualityRow_, qualityLayout, 44, [this](int value) {
     newQuality_ = value;
     refreshForm();
   });
-  qualityLayout->addWidget(quality_, 1);
-  qualityLayout->addWidget(qualityReadout_);
+  quality_ = quality.slider;
+  qualityReadout_ = quality.readout;
   qualityRowLabel_ = new QLabel(text("quality.label", "Qualité"), form_);
   form->addRow(qualityRowLabel_, qualityRow_);
 
   isEnabled_ = new QCheckBox(text("settings.hotFolders.enabledToggle", "Activé"), form_);
   form->addRow(isEnabled_);
 
-  auto* buttons = new QHBoxLayout;
-  buttons->addStretch(1);
-  cancel_ = new QPushButton(text("settings.profiles.cancelEdit", "Annuler"), form_);
-  save_ = new QPushButton(form_);
-  makeProminent(save_);
+  const FormButtons buttons = makeFormButtons(form_);
+  cancel_ = buttons.cancel;
+  save_ = buttons.save;
   connect(cancel_, &QPushButton::clicked, this, &HotFoldersSettingsView::resetForm);
   connect(save_, &QPushButton::clicked, this, &HotFoldersSettingsView::save);
-  buttons->addWidget(cancel_);
-  buttons->addWidget(save_);
-  form->addRow(buttons);
+  form->addRow(buttons.row);
   layout->addWidget(form_);
 
   // Recent activity, with its clear button, and the error log.

@@ -2,10 +2,15 @@
 
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QMenu>
+#include <QPushButton>
 #include <QScrollArea>
+#include <QSlider>
 
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
+#include "ui/QualityControls.h"
+#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -31,6 +36,39 @@ QWidget* wrapPane(QWidget* pane, int width) {
   layout->addStretch(0);
   scroll->setWidget(host);
   return scroll;
+}
+
+FormatField makeFormatField(QWidget* form, std::function<void(ImageFormat)> choose) {
+  auto* button = new QPushButton(form);
+  button->setFixedWidth(120);
+  auto* menu = new QMenu(button);
+  addFormatChoices(menu, std::move(choose));
+  button->setMenu(menu);
+  return {button, menu};
+}
+
+QualityField makeQualityField(QWidget* parent, QHBoxLayout* row, int readoutWidth,
+                              std::function<void(int)> changed) {
+  auto* slider = new QSlider(Qt::Horizontal, parent);
+  slider->setRange(1, 100);
+  auto* readout = new QLabel(parent);
+  readout->setFixedWidth(readoutWidth);
+  readout->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+  QObject::connect(slider, &QSlider::valueChanged, parent, std::move(changed));
+  row->addWidget(slider, 1);
+  row->addWidget(readout);
+  return {slider, readout};
+}
+
+FormButtons makeFormButtons(QWidget* form) {
+  auto* row = new QHBoxLayout;
+  row->addStretch(1);
+  auto* cancel = new QPushButton(text("settings.profiles.cancelEdit", "Annuler"), form);
+  auto* save = new QPushButton(form);
+  makeProminent(save);
+  row->addWidget(cancel);
+  row->addWidget(save);
+  return {row, cancel, save};
 }
 
 }  // namespace quillane::ui

@@ -1,12 +1,21 @@
 #pragma once
 // Small building blocks shared by the settings panes: a secondary (grey, small, wrapping)
-// note, and a pane wrapper that keeps a form at its design width inside a scroll area.
+// note, a pane wrapper that keeps a form at its design width inside a scroll area, and the
+// fields and buttons the profile and hot folder forms share.
 //
 // GUI thread only.
 
 #include <QString>
 
+#include <functional>
+
+#include "engine/ImageFormat.h"
+
+class QHBoxLayout;
 class QLabel;
+class QMenu;
+class QPushButton;
+class QSlider;
 class QWidget;
 
 namespace quillane::ui {
@@ -15,5 +24,30 @@ namespace quillane::ui {
 QLabel* makeNote(const QString& text, QWidget* parent);
 // `pane` inside a scroll area, at most `width` wide and centred, so that long texts wrap.
 QWidget* wrapPane(QWidget* pane, int width = 600);
+
+// A format button with its exclusive menu of the six formats; `choose` gets the one picked.
+struct FormatField {
+  QPushButton* button;
+  QMenu* menu;
+};
+FormatField makeFormatField(QWidget* form, std::function<void(ImageFormat)> choose);
+
+// A quality slider from 1 to 100 and its right-aligned readout `readoutWidth` pixels wide,
+// added to `row`; `changed` gets every new value.
+struct QualityField {
+  QSlider* slider;
+  QLabel* readout;
+};
+QualityField makeQualityField(QWidget* parent, QHBoxLayout* row, int readoutWidth,
+                              std::function<void(int)> changed);
+
+// The Cancel and Save buttons that end a form, on one right-aligned row, Save the prominent
+// one; their texts, states and actions are the pane's.
+struct FormButtons {
+  QHBoxLayout* row;
+  QPushButton* cancel;
+  QPushButton* save;
+};
+FormButtons makeFormButtons(QWidget* form);
 
 }  // namespace quillane::ui
