@@ -1,16 +1,16 @@
 #include "api/LocalAPIConnection.h"
 
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <QHostAddress>
 #include <QSocketNotifier>
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cmath>
 #include <vector>
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace quillane {
 
@@ -188,8 +188,9 @@ void LocalAPIConnection::settle(LocalAPIRequestReader::Outcome outcome) {
     closeNow();
     return;
   }
-  future.then(this, [this](const LocalAPIResponse& response) { respond(response); })
-      .onCanceled(this, [this] { closeNow(); });
+  future.then(this, [this](const LocalAPIResponse& response) { respond(response); }).onCanceled(this, [this] {
+    closeNow();
+  });
 }
 
 void LocalAPIConnection::respond(const LocalAPIResponse& response) {

@@ -6,7 +6,6 @@
 #include <QPointer>
 #include <QTcpServer>
 #include <QTimer>
-
 #include <cstdint>
 #include <deque>
 #include <memory>

@@ -4,7 +4,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonParseError>
-
 #include <algorithm>
 
 #include "batch/BatchViewModel.h"
@@ -131,7 +130,9 @@ JsonValue exportResultDTO(const ExportOutcome& outcome) {
   if (state.isReady()) dto.set("compressedSizeBytes", state.sizeBytes);
   if (outcome.destinationURL) dto.set("destination", utf8(outcome.destinationURL->toLocalFile()));
   if (outcome.errorDescription) dto.set("error", utf8(*outcome.errorDescription));
-  dto.set("id", idText(image.id())).set("name", utf8(image.fileName())).set("originalSizeBytes", image.originalSizeBytes());
+  dto.set("id", idText(image.id()))
+      .set("name", utf8(image.fileName()))
+      .set("originalSizeBytes", image.originalSizeBytes());
   if (state.isReady()) dto.set("ratio", ratio(state.sizeBytes, image.originalSizeBytes()));
   return dto;
 }

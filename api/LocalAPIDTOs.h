@@ -10,7 +10,6 @@
 #include <QString>
 #include <QStringList>
 #include <QUuid>
-
 #include <optional>
 #include <string>
 #include <string_view>

@@ -51,8 +51,8 @@ class LocalAPIRequestReader {
   enum class Phase { head, body, done };
   Phase phase_ = Phase::head;
   Outcome outcome_ = Outcome::needMore;
-  std::string buffer_;       // head phase: everything so far; body phase: the body so far
-  size_t searchFrom_ = 0;    // the terminator can't start before this offset
+  std::string buffer_;     // head phase: everything so far; body phase: the body so far
+  size_t searchFrom_ = 0;  // the terminator can't start before this offset
   int64_t bodyLength_ = 0;
   bool headRead_ = false;
   LocalAPIRequest request_;

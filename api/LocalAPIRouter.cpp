@@ -3,7 +3,6 @@
 #include <QCoreApplication>
 #include <QPointer>
 #include <QPromise>
-
 #include <memory>
 
 #include "api/LocalAPIDTOs.h"
@@ -68,7 +67,9 @@ bool LocalAPIRouter::authorize(const LocalAPIRequest& request, const QString& to
 }
 
 namespace {
-LocalAPIResponse unauthorized() { return LocalAPIResponse::error(401, "Missing or invalid Authorization token"); }
+LocalAPIResponse unauthorized() {
+  return LocalAPIResponse::error(401, "Missing or invalid Authorization token");
+}
 }  // namespace
 
 LocalAPIServer::Gate LocalAPIRouter::serverGate() {
@@ -104,7 +105,8 @@ void LocalAPIRouter::route(const LocalAPIRequest& request, const std::vector<std
   if (m == "GET" && n == 1 && s[0] == "profiles") return reply(profilesList());
   if (m == "POST" && n == 1 && s[0] == "profiles") return reply(upsertProfile(request));
   if (m == "DELETE" && n == 2 && s[0] == "profiles") return reply(deleteProfile(s[1]));
-  if (m == "POST" && n == 3 && s[0] == "images" && s[2] == "quality") return reply(updateQuality(s[1], request));
+  if (m == "POST" && n == 3 && s[0] == "images" && s[2] == "quality")
+    return reply(updateQuality(s[1], request));
   if (m == "POST" && n == 3 && s[0] == "images" && s[2] == "export") {
     return exportSingleImage(s[1], request, std::move(reply));
   }

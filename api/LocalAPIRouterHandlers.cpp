@@ -2,7 +2,6 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QFutureWatcher>
-
 #include <memory>
 #include <set>
 
@@ -25,7 +24,9 @@ LocalAPIResponse badBody(std::string_view expected) {
   return LocalAPIResponse::error(400, "Expected JSON body: " + std::string(expected));
 }
 
-LocalAPIResponse qualityOutOfRange() { return LocalAPIResponse::error(400, "quality must be between 1 and 100"); }
+LocalAPIResponse qualityOutOfRange() {
+  return LocalAPIResponse::error(400, "quality must be between 1 and 100");
+}
 
 LocalAPIResponse noProfile(const QString& name) {
   return LocalAPIResponse::error(404, "No profile named '" + name.toStdString() + "'");
@@ -46,10 +47,11 @@ QUrl fileURL(const QString& path) { return QUrl::fromLocalFile(absolutePath(path
 // Runs `continuation` on the GUI thread once `future` has finished, however it finished.
 void whenFinished(QObject* context, QFuture<void> future, std::function<void()> continuation) {
   auto* watcher = new QFutureWatcher<void>(context);
-  QObject::connect(watcher, &QFutureWatcherBase::finished, context, [watcher, continuation = std::move(continuation)] {
-    watcher->deleteLater();
-    continuation();
-  });
+  QObject::connect(watcher, &QFutureWatcherBase::finished, context,
+                   [watcher, continuation = std::move(continuation)] {
+                     watcher->deleteLater();
+                     continuation();
+                   });
   watcher->setFuture(future);
 }
 
@@ -96,20 +98,22 @@ void LocalAPIRouter::importFiles(const LocalAPIRequest& request, Reply reply) {
   for (const ImportFailure& failure : viewModel_.importFailures()) failuresBefore.insert(failure.id);
   QSet<QUrl> importing(urls.begin(), urls.end());
 
-  whenFinished(this, viewModel_.importFiles(urls), [this, imagesBefore, failuresBefore, importing, failed, reply] {
-    // Images that arrived through another door during the wait are listed too.
-    JsonValue imported = JsonValue::array();
-    for (const auto& image : viewModel_.images()) {
-      if (!imagesBefore.count(image->id())) imported.push(idText(image->id()));
-    }
-    for (const ImportFailure& failure : viewModel_.importFailures()) {
-      if (failuresBefore.count(failure.id) || !importing.contains(failure.url)) continue;
-      failed->push(JsonValue::object()
-                       .set("error", failure.message.toStdString())
-                       .set("path", failure.url.toLocalFile().toStdString()));
-    }
-    reply(LocalAPIResponse::json(200, JsonValue::object().set("failed", *failed).set("imported", imported)));
-  });
+  whenFinished(this, viewModel_.importFiles(urls),
+               [this, imagesBefore, failuresBefore, importing, failed, reply] {
+                 // Images that arrived through another door during the wait are listed too.
+                 JsonValue imported = JsonValue::array();
+                 for (const auto& image : viewModel_.images()) {
+                   if (!imagesBefore.count(image->id())) imported.push(idText(image->id()));
+                 }
+                 for (const ImportFailure& failure : viewModel_.importFailures()) {
+                   if (failuresBefore.count(failure.id) || !importing.contains(failure.url)) continue;
+                   failed->push(JsonValue::object()
+                                    .set("error", failure.message.toStdString())
+                                    .set("path", failure.url.toLocalFile().toStdString()));
+                 }
+                 reply(LocalAPIResponse::json(
+                     200, JsonValue::object().set("failed", *failed).set("imported", imported)));
+               });
 }
 
 LocalAPIResponse LocalAPIRouter::updateSettings(const LocalAPIRequest& request) {
@@ -152,8 +156,9 @@ void LocalAPIRouter::exportAll(const LocalAPIRequest& request, Reply reply) {
     viewModel_.applyExportProfile(profile);
     if (!folder) {
       if (!profile.destinationFolder) {
-        return reply(LocalAPIResponse::error(400, "Profile '" + body->profile->toStdString() +
-                                                      "' has no destination folder \u2014 pass \"folder\" explicitly"));
+        return reply(LocalAPIResponse::error(
+            400, "Profile '" + body->profile->toStdString() +
+                     "' has no destination folder \u2014 pass \"folder\" explicitly"));
       }
       folder = *profile.destinationFolder;
     }
@@ -166,7 +171,8 @@ void LocalAPIRouter::exportAll(const LocalAPIRequest& request, Reply reply) {
   double wait = body->waitTimeoutSeconds.value_or(defaultWaitTimeoutSeconds);
   whenFinished(this, viewModel_.waitForEncodingToFinish(wait), [this, destination, reply] {
     JsonValue results = JsonValue::array();
-    for (const ExportOutcome& outcome : viewModel_.exportAll(destination)) results.push(exportResultDTO(outcome));
+    for (const ExportOutcome& outcome : viewModel_.exportAll(destination))
+      results.push(exportResultDTO(outcome));
     reply(LocalAPIResponse::json(200, results));
   });
 }
@@ -185,7 +191,8 @@ LocalAPIResponse LocalAPIRouter::upsertProfile(const LocalAPIRequest& request) {
   if (!object || !requiredString(*object, "name", name) || !requiredString(*object, "format", format) ||
       !requiredDouble(*object, "quality", quality) ||
       !optionalString(*object, "destinationFolder", destinationFolder)) {
-    return badBody("{\"name\": String, \"format\": String, \"quality\": Double, \"destinationFolder\": String?}");
+    return badBody(
+        "{\"name\": String, \"format\": String, \"quality\": Double, \"destinationFolder\": String?}");
   }
   QString trimmed = name.trimmed();
   if (trimmed.isEmpty()) return LocalAPIResponse::error(400, "name must not be empty");
@@ -193,7 +200,8 @@ LocalAPIResponse LocalAPIRouter::upsertProfile(const LocalAPIRequest& request) {
   if (!parsedFormat) return LocalAPIResponse::error(400, unknownFormatMessage(format));
   if (!inQualityRange(quality)) return qualityOutOfRange();
   if (destinationFolder && !isDirectory(*destinationFolder)) {
-    return LocalAPIResponse::error(400, "destinationFolder does not exist: " + destinationFolder->toStdString());
+    return LocalAPIResponse::error(400,
+                                   "destinationFolder does not exist: " + destinationFolder->toStdString());
   }
   ExportProfile profile;
   if (const ExportProfile* existing = findProfile(trimmed)) {
@@ -238,7 +246,8 @@ LocalAPIResponse LocalAPIRouter::updateQuality(const std::string& idSegment, con
   return LocalAPIResponse::json(200, imageDTO(*image));
 }
 
-void LocalAPIRouter::exportSingleImage(const std::string& idSegment, const LocalAPIRequest& request, Reply reply) {
+void LocalAPIRouter::exportSingleImage(const std::string& idSegment, const LocalAPIRequest& request,
+                                       Reply reply) {
   auto id = parseCanonicalUUID(idSegment);
   auto image = id ? viewModel_.image(*id) : nullptr;
   if (!image) return reply(noImage(idSegment));

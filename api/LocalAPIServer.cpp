@@ -2,7 +2,6 @@
 
 #include <QCoreApplication>
 #include <QThread>
-
 #include <algorithm>
 #include <utility>
 
@@ -76,14 +75,16 @@ void LocalAPIServer::start(int port) {
   auto bound = quint16(std::clamp(port, 0, 65535));
   auto* listener = new LocalAPIListener(shared_, stateHandler_);
   listener->moveToThread(thread());
-  QMetaObject::invokeMethod(listener, [listener, bound] { listener->begin(bound); }, Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      listener, [listener, bound] { listener->begin(bound); }, Qt::QueuedConnection);
   listener_ = listener;
 }
 
 void LocalAPIServer::stop() {
   if (!listener_) return;
   auto* listener = std::exchange(listener_, nullptr);
-  QMetaObject::invokeMethod(listener, [listener] { listener->cancel(); }, Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      listener, [listener] { listener->cancel(); }, Qt::QueuedConnection);
 }
 
 }  // namespace quillane

@@ -22,7 +22,6 @@
 
 #include <QFuture>
 #include <QObject>
-
 #include <functional>
 #include <memory>
 #include <optional>
@@ -92,7 +91,7 @@ class LocalAPIServer {
  private:
   std::shared_ptr<Shared> shared_;              // also held by every connection being served
   std::shared_ptr<StateHandler> stateHandler_;  // held weakly by the listener
-  LocalAPIListener* listener_ = nullptr;  // lives on thread(); deleted there by its cancel
+  LocalAPIListener* listener_ = nullptr;        // lives on thread(); deleted there by its cancel
 };
 
 }  // namespace quillane

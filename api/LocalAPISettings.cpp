@@ -1,10 +1,10 @@
 #include "api/LocalAPISettings.h"
 
+#include <sys/random.h>
+
 #include <QByteArray>
 #include <QSettings>
-
 #include <cerrno>
-#include <sys/random.h>
 
 #include "services/UserDefaults.h"
 

@@ -7,7 +7,6 @@
 // GUI thread only (QSettings instances are made per call and not shared).
 
 #include <QString>
-
 #include <memory>
 #include <optional>
 

@@ -1,7 +1,6 @@
 #include "automation/CompressImagesIntent.h"
 
 #include <QUrl>
-
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -22,25 +21,38 @@ std::optional<ImageFormatAppEnum> fromRawValue(const QString& rawValue) {
   const auto format = ImageFormats::fromRawValue(rawValue.toStdString());
   if (!format) return std::nullopt;
   switch (*format) {
-    case ImageFormat::png: return ImageFormatAppEnum::png;
-    case ImageFormat::jpeg: return ImageFormatAppEnum::jpeg;
-    case ImageFormat::heic: return ImageFormatAppEnum::heic;
-    case ImageFormat::avif: return ImageFormatAppEnum::avif;
-    case ImageFormat::webp: return ImageFormatAppEnum::webp;
-    case ImageFormat::jxl: return ImageFormatAppEnum::jxl;
+    case ImageFormat::png:
+      return ImageFormatAppEnum::png;
+    case ImageFormat::jpeg:
+      return ImageFormatAppEnum::jpeg;
+    case ImageFormat::heic:
+      return ImageFormatAppEnum::heic;
+    case ImageFormat::avif:
+      return ImageFormatAppEnum::avif;
+    case ImageFormat::webp:
+      return ImageFormatAppEnum::webp;
+    case ImageFormat::jxl:
+      return ImageFormatAppEnum::jxl;
   }
   return std::nullopt;
 }
 
 std::optional<ImageFormat> imageFormat(ImageFormatAppEnum value) {
   switch (value) {
-    case ImageFormatAppEnum::profileOrDefault: return std::nullopt;
-    case ImageFormatAppEnum::png: return ImageFormat::png;
-    case ImageFormatAppEnum::jpeg: return ImageFormat::jpeg;
-    case ImageFormatAppEnum::heic: return ImageFormat::heic;
-    case ImageFormatAppEnum::avif: return ImageFormat::avif;
-    case ImageFormatAppEnum::webp: return ImageFormat::webp;
-    case ImageFormatAppEnum::jxl: return ImageFormat::jxl;
+    case ImageFormatAppEnum::profileOrDefault:
+      return std::nullopt;
+    case ImageFormatAppEnum::png:
+      return ImageFormat::png;
+    case ImageFormatAppEnum::jpeg:
+      return ImageFormat::jpeg;
+    case ImageFormatAppEnum::heic:
+      return ImageFormat::heic;
+    case ImageFormatAppEnum::avif:
+      return ImageFormat::avif;
+    case ImageFormatAppEnum::webp:
+      return ImageFormat::webp;
+    case ImageFormatAppEnum::jxl:
+      return ImageFormat::jxl;
   }
   return std::nullopt;
 }
@@ -52,15 +64,16 @@ std::string EmptyFileListError::description() const {
 }
 
 std::string MissingOutputDirectoryError::description() const {
-  return Localization::text("intents.error.missingOutputDirectory",
-                            "Dossier de destination manquant : renseignez-le, ou utilisez un profil qui en a un.");
+  return Localization::text(
+      "intents.error.missingOutputDirectory",
+      "Dossier de destination manquant : renseignez-le, ou utilisez un profil qui en a un.");
 }
 
 std::string CompressionFailedError::description() const {
   const std::string reason =
       reason_ ? *reason_ : Localization::text("intents.error.unknownReason", "erreur inconnue");
-  return Localization::format("intents.error.compressionFailedFormat", "Échec de la compression de %1$@ : %2$@",
-                              {path_, reason});
+  return Localization::format("intents.error.compressionFailedFormat",
+                              "Échec de la compression de %1$@ : %2$@", {path_, reason});
 }
 
 std::string InvalidIntentArgumentError::description() const {
@@ -114,8 +127,8 @@ QStringList CompressImagesIntent::perform() const {
   if (quality) explicitQuality = double(*quality);
   std::optional<QString> folderArgument;
   if (outputFolder) folderArgument = localPath(*outputFolder);
-  const auto resolved = ExportProfileResolver::resolve(profileName, explicitQuality,
-                                                       ImageFormatAppEnums::imageFormat(format), folderArgument);
+  const auto resolved = ExportProfileResolver::resolve(
+      profileName, explicitQuality, ImageFormatAppEnums::imageFormat(format), folderArgument);
   if (!resolved.outputDirectory || resolved.outputDirectory->isEmpty()) throw MissingOutputDirectoryError();
   const std::string folder = resolved.outputDirectory->toStdString();
   createFolder(folder);

@@ -1,25 +1,24 @@
 #include "automation/CompressScriptCommand.h"
 
-#include <QFile>
-#include <QThread>
-#include <QUrl>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <QFile>
+#include <QThread>
+#include <QUrl>
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
-#include <functional>
-#include <limits>
-#include <mutex>
-#include <thread>
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <functional>
+#include <limits>
+#include <mutex>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "batch/BatchViewModel.h"
@@ -117,13 +116,16 @@ void prepareFolder(const std::string& folder) {
   std::error_code error;
   std::filesystem::create_directories(folder, error);
   if (error) throw ScriptCommandError::folderUnusable(folder, error.message());
-  if (!std::filesystem::is_directory(folder)) throw ScriptCommandError::folderUnusable(folder, std::strerror(ENOTDIR));
-  if (::access(folder.c_str(), W_OK | X_OK) != 0) throw ScriptCommandError::folderUnusable(folder, std::strerror(errno));
+  if (!std::filesystem::is_directory(folder))
+    throw ScriptCommandError::folderUnusable(folder, std::strerror(ENOTDIR));
+  if (::access(folder.c_str(), W_OK | X_OK) != 0)
+    throw ScriptCommandError::folderUnusable(folder, std::strerror(errno));
 }
 
 // The file's last component without its extension, in bytes: "a/photo.tar.png" gives "photo.tar".
-std::string baseName(const std::string& path) { return std::filesystem::path(path).filename().stem().string(); }
-
+std::string baseName(const std::string& path) {
+  return std::filesystem::path(path).filename().stem().string();
+}
 
 // How the window's batch bounds its encodes, for a command that has no event loop to wait
 // in: one file a processor, and a memory budget in megabytes that each file claims by its
@@ -224,10 +226,11 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
   // The folder stays in bytes; the resolver only needs to know that one was given.
   const std::optional<std::string> explicitFolder = url(evaluatedArguments.value(toArgument));
   const auto resolved = ExportProfileResolver::resolve(
-      profileName(evaluatedArguments), explicitQuality(evaluatedArguments), explicitFormat(evaluatedArguments),
+      profileName(evaluatedArguments), explicitQuality(evaluatedArguments),
+      explicitFormat(evaluatedArguments),
       explicitFolder ? std::optional<QString>(QFile::decodeName(QByteArray::fromStdString(*explicitFolder)))
                      : std::nullopt);
-  const std::string folder = explicitFolder ? *explicitFolder
+  const std::string folder = explicitFolder             ? *explicitFolder
                              : resolved.outputDirectory ? bytes(*resolved.outputDirectory)
                                                         : std::string();
   if (folder.empty()) throw ScriptCommandError::missingOutputDirectory();
@@ -247,7 +250,8 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
       paths.size(),
       [&](size_t i) {
         try {
-          results[i] = ImageCompressor::compress(paths[i], folder, resolved.format, resolved.quality, names[i]);
+          results[i] =
+              ImageCompressor::compress(paths[i], folder, resolved.format, resolved.quality, names[i]);
         } catch (const std::exception&) {  // out of memory for the record itself
           results[i].path = paths[i];
           results[i].error = Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");

@@ -12,7 +12,6 @@
 #include <QStringList>
 #include <QVariant>
 #include <QVariantMap>
-
 #include <optional>
 #include <string>
 #include <vector>

@@ -14,8 +14,8 @@ bool show(const QDBusConnection& connection, const QString& summary, const QStri
   QVariantMap hints;
   hints.insert(QStringLiteral("desktop-entry"), QStringLiteral("com.quillane.Quillane"));
   // app_name, replaces_id, app_icon, summary, body, actions, hints, expire_timeout (-1: the server's)
-  call << QStringLiteral("Quillane") << uint(0) << QStringLiteral("quillane") << summary << body << QStringList()
-       << hints << int(-1);
+  call << QStringLiteral("Quillane") << uint(0) << QStringLiteral("quillane") << summary << body
+       << QStringList() << hints << int(-1);
   // Without a notification service the bus answers at once with ServiceUnknown (no
   // activation is attempted for a name nobody provides).
   const QDBusMessage reply = connection.call(call, QDBus::Block, 5000);

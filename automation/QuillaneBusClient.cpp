@@ -30,14 +30,14 @@ std::optional<QString> openOrActivate(const QDBusConnection& connection, const Q
     platformData.insert(QStringLiteral("desktop-startup-id"), qEnvironmentVariable("DESKTOP_STARTUP_ID"));
   QDBusMessage call;
   if (files.isEmpty()) {
-    call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath, interface,
-                                         QStringLiteral("Activate"));
+    call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath,
+                                          interface, QStringLiteral("Activate"));
     call << platformData;
   } else {
     QStringList uris;
     for (const QUrl& file : files) uris.append(file.toString(QUrl::FullyEncoded));
-    call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath, interface,
-                                         QStringLiteral("Open"));
+    call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath,
+                                          interface, QStringLiteral("Open"));
     call << uris << platformData;
   }
   const QDBusMessage reply = connection.call(call);
@@ -47,8 +47,9 @@ std::optional<QString> openOrActivate(const QDBusConnection& connection, const Q
 
 CompressReply compress(const QDBusConnection& connection, const QStringList& files, const QString& format,
                        int quality, const QString& profileName, const QString& outputFolder) {
-  QDBusMessage call = QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath,
-                                                     QuillaneBusService::interfaceName, QStringLiteral("Compress"));
+  QDBusMessage call =
+      QDBusMessage::createMethodCall(QuillaneBusService::serviceName, QuillaneBusService::objectPath,
+                                     QuillaneBusService::interfaceName, QStringLiteral("Compress"));
   call << files << format << quality << profileName << outputFolder;
   const QDBusMessage reply = connection.call(call, QDBus::Block, kCompressTimeoutMs);
   CompressReply result;

@@ -2,13 +2,12 @@
 
 #include <QDBusArgument>
 #include <QDBusConnectionInterface>
-#include <QDBusMetaType>
 #include <QDBusMessage>
+#include <QDBusMetaType>
 #include <QFile>
 #include <QMetaObject>
 #include <QPointer>
 #include <QUrl>
-
 #include <exception>
 
 #include "automation/CompressImagesIntent.h"
@@ -58,7 +57,9 @@ QString compressIntrospection() {
   return QStringLiteral("  ") + xml.mid(begin, end + endTag.size() - begin) + QLatin1Char('\n');
 }
 
-QString errorName(const char* suffix) { return QStringLiteral("com.quillane.Quillane.Error.") + QLatin1String(suffix); }
+QString errorName(const char* suffix) {
+  return QStringLiteral("com.quillane.Quillane.Error.") + QLatin1String(suffix);
+}
 
 QDBusMessage errorReply(const QDBusMessage& call, const std::exception_ptr& failure) {
   try {
@@ -68,7 +69,8 @@ QDBusMessage errorReply(const QDBusMessage& call, const std::exception_ptr& fail
   } catch (const ProfileNotFoundError& e) {
     return call.createErrorReply(errorName("ProfileNotFound"), QString::fromStdString(e.description()));
   } catch (const MissingOutputDirectoryError& e) {
-    return call.createErrorReply(errorName("MissingOutputDirectory"), QString::fromStdString(e.description()));
+    return call.createErrorReply(errorName("MissingOutputDirectory"),
+                                 QString::fromStdString(e.description()));
   } catch (const CompressionFailedError& e) {
     return call.createErrorReply(errorName("CompressionFailed"), QString::fromStdString(e.description()));
   } catch (const InvalidIntentArgumentError& e) {
@@ -81,9 +83,9 @@ QDBusMessage errorReply(const QDBusMessage& call, const std::exception_ptr& fail
     return call.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.Failed"),
                                  QString::fromStdString(e.description()));
   } catch (...) {
-    return call.createErrorReply(
-        QStringLiteral("org.freedesktop.DBus.Error.Failed"),
-        QString::fromStdString(Localization::text("error.generic", "L'opération n'a pas pu être effectuée.")));
+    return call.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.Failed"),
+                                 QString::fromStdString(Localization::text(
+                                     "error.generic", "L'opération n'a pas pu être effectuée.")));
   }
 }
 
@@ -127,8 +129,9 @@ bool QuillaneBusService::publish(QDBusConnection connection) {
   if (!connection.isConnected()) return false;
   // The object first, so that a call arriving the moment the name is ours finds it.
   if (!connection.registerVirtualObject(objectPath, this, QDBusConnection::SingleNode)) return false;
-  const auto reply = connection.interface()->registerService(serviceName, QDBusConnectionInterface::DontQueueService,
-                                                             QDBusConnectionInterface::DontAllowReplacement);
+  const auto reply =
+      connection.interface()->registerService(serviceName, QDBusConnectionInterface::DontQueueService,
+                                              QDBusConnectionInterface::DontAllowReplacement);
   if (!reply.isValid() || reply.value() != QDBusConnectionInterface::ServiceRegistered) {
     connection.unregisterObject(objectPath);
     return false;
@@ -152,8 +155,8 @@ bool QuillaneBusService::handleMessage(const QDBusMessage& message, const QDBusC
 
   if (member == QLatin1String("Compress") && (interface.isEmpty() || interface == interfaceName)) {
     if (signature != QLatin1String("assiss")) {
-      connection.send(message.createErrorReply(invalidArgs, QStringLiteral("Compress takes (as, s, i, s, s), not (%1)")
-                                                                .arg(signature)));
+      connection.send(message.createErrorReply(
+          invalidArgs, QStringLiteral("Compress takes (as, s, i, s, s), not (%1)").arg(signature)));
       return true;
     }
     compress(message, connection);
@@ -212,9 +215,9 @@ void QuillaneBusService::compress(const QDBusMessage& message, const QDBusConnec
   pool_.start([this, self, message, connection, arguments] {
     QDBusMessage reply;
     try {
-      const auto intent = CompressImagesIntent::fromArguments(arguments[0].toStringList(), arguments[1].toString(),
-                                                              arguments[2].toInt(), arguments[3].toString(),
-                                                              arguments[4].toString());
+      const auto intent = CompressImagesIntent::fromArguments(
+          arguments[0].toStringList(), arguments[1].toString(), arguments[2].toInt(), arguments[3].toString(),
+          arguments[4].toString());
       reply = message.createReply(QVariant(intent.perform()));
     } catch (...) {
       reply = errorReply(message, std::current_exception());
@@ -223,7 +226,12 @@ void QuillaneBusService::compress(const QDBusMessage& message, const QDBusConnec
     bus.send(reply);
     // The pool is the service's own and is drained in its destructor, so `this` is alive here.
     if (--pending_ == 0)
-      QMetaObject::invokeMethod(this, [self] { if (self) emit self->idle(); }, Qt::QueuedConnection);
+      QMetaObject::invokeMethod(
+          this,
+          [self] {
+            if (self) emit self->idle();
+          },
+          Qt::QueuedConnection);
   });
 }
 

@@ -21,7 +21,6 @@
 #include <QStringList>
 #include <QThreadPool>
 #include <QUrl>
-
 #include <atomic>
 #include <functional>
 
@@ -37,7 +36,7 @@ class QuillaneBusService : public QDBusVirtualObject {
 
   struct Handlers {
     // Both run on the GUI thread; either may be empty, and then the call is refused.
-    std::function<void()> activate;                     // show and raise the window
+    std::function<void()> activate;                      // show and raise the window
     std::function<void(const QList<QUrl>& files)> open;  // add local files (file URLs) to the batch
   };
 
@@ -61,7 +60,8 @@ class QuillaneBusService : public QDBusVirtualObject {
 
  private:
   void compress(const QDBusMessage& message, const QDBusConnection& connection);
-  void runOnGuiThread(const QDBusMessage& message, const QDBusConnection& connection, std::function<bool()> work);
+  void runOnGuiThread(const QDBusMessage& message, const QDBusConnection& connection,
+                      std::function<bool()> work);
 
   Handlers handlers_;
   QThreadPool pool_;

@@ -1,7 +1,6 @@
 #include "batch/AsyncSemaphore.h"
 
 #include <QMetaObject>
-
 #include <algorithm>
 #include <vector>
 

@@ -10,7 +10,6 @@
 // is destroyed is dropped.
 
 #include <QObject>
-
 #include <deque>
 #include <functional>
 #include <mutex>

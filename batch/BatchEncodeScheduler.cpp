@@ -9,14 +9,13 @@
 #include <QPromise>
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
-
 #include <algorithm>
 #include <atomic>
 
 #include "batch/AsyncSemaphore.h"
 #include "batch/BatchViewModelPrivate.h"
-#include "engine/Errors.h"
 #include "engine/Cancellation.h"
+#include "engine/Errors.h"
 
 namespace quillane {
 
@@ -193,7 +192,8 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
     cancel->store(true);
     if (*workEnded) return;  // the work's result is already queued and wins
     EncodeResult timedOut;
-    timedOut.error = QString::fromStdString(ImageProcessingError::encodingFailed(label.toStdString()).description());
+    timedOut.error =
+        QString::fromStdString(ImageProcessingError::encodingFailed(label.toStdString()).description());
     settle(timedOut);
   });
   watchdog->start(options_.watchdog);
@@ -207,25 +207,24 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
   // encode, within the memory the encode claimed and no longer uses: a reduced decode takes
   // less than the full one before it, so no preview bound of its own applies.
   const bool wantsThumbnail = image->thumbnail().empty();
-  QtConcurrent::run(encodePool_.get(),
-                    [workEnded, reader, encoder, path, format, quality, label, cancel,
-                     wantsThumbnail]() -> EncodeResult {
-                      EncodeResult result;
-                      Cancellation::Scope scope(cancel.get());
-                      try {
-                        const std::vector<uint8_t> source = reader(path);
-                        const std::vector<uint8_t> bytes = encoder(source, format, quality);
-                        result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
-                        if (wantsThumbnail)
-                          result.thumbnail =
-                              ImageDecoder::loadPreview(source, ImageDecoder::kThumbnailSize, UINT64_MAX);
-                      } catch (...) {
-                        result.error = batchdetail::describeCurrentException(QString::fromStdString(
-                            ImageProcessingError::encodingFailed(label.toStdString()).description()));
-                      }
-                      *workEnded = true;
-                      return result;
-                    })
+  QtConcurrent::run(
+      encodePool_.get(),
+      [workEnded, reader, encoder, path, format, quality, label, cancel, wantsThumbnail]() -> EncodeResult {
+        EncodeResult result;
+        Cancellation::Scope scope(cancel.get());
+        try {
+          const std::vector<uint8_t> source = reader(path);
+          const std::vector<uint8_t> bytes = encoder(source, format, quality);
+          result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
+          if (wantsThumbnail)
+            result.thumbnail = ImageDecoder::loadPreview(source, ImageDecoder::kThumbnailSize, UINT64_MAX);
+        } catch (...) {
+          result.error = batchdetail::describeCurrentException(QString::fromStdString(
+              ImageProcessingError::encodingFailed(label.toStdString()).description()));
+        }
+        *workEnded = true;
+        return result;
+      })
       .then(this, [race, settle](const EncodeResult& result) {
         if (race->watchdog) race->watchdog->stop();
         settle(result);
@@ -264,27 +263,25 @@ void BatchViewModel::schedulePassthrough(const std::shared_ptr<ImportedImage>& i
 
   const std::string path = image->sourceFilePath();
   std::weak_ptr<ImportedImage> weakImage = image;
-  QtConcurrent::run(encodePool_.get(),
-                    [reader = options_.reader, path]() -> QByteArray {
-                      try {
-                        const std::vector<uint8_t> bytes = reader(path);
-                        return QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
-                      } catch (...) {
-                        return {};
-                      }
-                    })
-      .then(this, [this, weakImage, generation](const QByteArray& bytes) {
-        auto image = weakImage.lock();
-        if (!image || image->encodeGeneration_ != generation) return;
-        if (!bytes.isEmpty()) {
-          image->setCompressedData(bytes);
-          image->setEncodeState(EncodeState::ready(bytes.size()));
-        } else {
-          image->setEncodeState(EncodeState::failed(
-              QString::fromStdString(ImageProcessingError::decodingFailed().description())));
-        }
-        refreshIsEncoding();
-      });
+  QtConcurrent::run(encodePool_.get(), [reader = options_.reader, path]() -> QByteArray {
+    try {
+      const std::vector<uint8_t> bytes = reader(path);
+      return QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
+    } catch (...) {
+      return {};
+    }
+  }).then(this, [this, weakImage, generation](const QByteArray& bytes) {
+    auto image = weakImage.lock();
+    if (!image || image->encodeGeneration_ != generation) return;
+    if (!bytes.isEmpty()) {
+      image->setCompressedData(bytes);
+      image->setEncodeState(EncodeState::ready(bytes.size()));
+    } else {
+      image->setEncodeState(
+          EncodeState::failed(QString::fromStdString(ImageProcessingError::decodingFailed().description())));
+    }
+    refreshIsEncoding();
+  });
 }
 
 QFuture<void> BatchViewModel::waitForEncodingToFinish(double timeoutSeconds) {

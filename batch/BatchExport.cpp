@@ -36,7 +36,8 @@ std::vector<std::string> BatchViewModel::sourcePaths() const {
 
 void BatchViewModel::promptExportAll() {
   if (!panels_) return;
-  const QString prompt = QString::fromStdString(Localization::text("export.chooseFolder.prompt", "Exporter ici"));
+  const QString prompt =
+      QString::fromStdString(Localization::text("export.chooseFolder.prompt", "Exporter ici"));
   const QString message = QString::fromStdString(
       Localization::text("export.chooseFolder.message", "Choisissez le dossier de destination des images."));
   const std::optional<QUrl> folder = panels_->chooseExportFolder(lastAppliedProfileFolder_, prompt, message);
@@ -47,10 +48,10 @@ void BatchViewModel::promptExportAll() {
 std::vector<ExportOutcome> BatchViewModel::exportAll(const QUrl& folder) {
   std::vector<ExportOutcome> outcomes;
   const QDir directory(folder.toLocalFile());
-  ExportFilenameAllocator allocator = folder.isLocalFile()
-                                          ? ExportFilenameAllocator(QFile::encodeName(directory.path()).toStdString(),
-                                                                    sourcePaths())
-                                          : ExportFilenameAllocator();
+  ExportFilenameAllocator allocator =
+      folder.isLocalFile()
+          ? ExportFilenameAllocator(QFile::encodeName(directory.path()).toStdString(), sourcePaths())
+          : ExportFilenameAllocator();
   // A folder that is not a local one gets destinations that fail to write, row by row,
   // rather than names resolved against the working directory.
   auto destinationFor = [&](const QString& name) {
@@ -88,7 +89,8 @@ bool BatchViewModel::exportSingle(const std::shared_ptr<ImportedImage>& image, c
       const QFileInfo info(url.toLocalFile());
       ExportFilenameAllocator allocator(QFile::encodeName(info.path()).toStdString(), sourcePaths());
       if (allocator.isInput(QFile::encodeName(info.filePath()).toStdString()))
-        destination = QUrl::fromLocalFile(info.dir().filePath(allocator.filename(info.completeBaseName(), info.suffix())));
+        destination = QUrl::fromLocalFile(
+            info.dir().filePath(allocator.filename(info.completeBaseName(), info.suffix())));
     }
     return writeExport(image, *image->compressedData(), destination);
   }
@@ -101,10 +103,10 @@ bool BatchViewModel::writeExport(const std::shared_ptr<ImportedImage>& image, co
   if (!image) return false;
   image->lastExportDestination_ = url;
   const QString path = url.toLocalFile();
-  std::optional<QString> error = path.isEmpty()
-                                     ? std::optional<QString>(QString::fromStdString(FileError(
-                                           url.toString().toStdString(), "not a local file").description()))
-                                     : batchdetail::writeFileAtomically(path, data);
+  std::optional<QString> error =
+      path.isEmpty() ? std::optional<QString>(QString::fromStdString(
+                           FileError(url.toString().toStdString(), "not a local file").description()))
+                     : batchdetail::writeFileAtomically(path, data);
   if (error) {
     image->setExportError(std::move(error));
     return false;

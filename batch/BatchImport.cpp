@@ -58,7 +58,8 @@ QFuture<void> BatchViewModel::importFiles(const QList<QUrl>& urls) {
   auto anyImported = std::make_shared<bool>(false);
   inspectConcurrently(
       urls,
-      [this, anyImported](int, const QUrl& url, const ImageDecoder::LightDecodedImage* decoded, const QString& error) {
+      [this, anyImported](int, const QUrl& url, const ImageDecoder::LightDecodedImage* decoded,
+                          const QString& error) {
         if (!decoded) {
           recordImportFailure(url, error);
           return;
@@ -66,7 +67,8 @@ QFuture<void> BatchViewModel::importFiles(const QList<QUrl>& urls) {
         auto image = std::make_shared<ImportedImage>(url, *decoded);
         appendImported(image);
         *anyImported = true;
-        if (std::erase_if(importFailures_, [&](const ImportFailure& failure) { return failure.url == url; }) > 0) {
+        if (std::erase_if(importFailures_, [&](const ImportFailure& failure) { return failure.url == url; }) >
+            0) {
           emit importFailuresChanged();
         }
         scheduleEncode(image, false);
@@ -117,36 +119,34 @@ void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int inde
                              int costMB) {
   using Outcome = InspectionRun::Outcome;
   Inspector inspector = options_.inspector;
-  QtConcurrent::run(inspectPool_.get(),
-                    [inspector, path]() -> Outcome {
-                      Outcome outcome;
-                      try {
-                        outcome.decoded = inspector(path);
-                      } catch (...) {
-                        outcome.error = batchdetail::describeCurrentException(
-                            QString::fromStdString(ImageProcessingError::decodingFailed().description()));
-                      }
-                      return outcome;
-                    })
-      .then(this, [this, run, index, costMB](const Outcome& outcome) {
-        encodeMemoryBudget_->signal(costMB);
-        run->buffer[index] = outcome;
-        if (run->nextToStart < run->urls.size()) startInspection(run, run->nextToStart++);
-        // A slow early file holds back the delivery of later ones, never their inspection.
-        while (true) {
-          auto it = run->buffer.find(run->nextToDeliver);
-          if (it == run->buffer.end()) break;
-          const Outcome ready = std::move(it->second);
-          run->buffer.erase(it);
-          const int delivered = run->nextToDeliver++;
-          run->onResult(delivered, run->urls[delivered], ready.decoded ? &*ready.decoded : nullptr, ready.error);
-        }
-        if (run->nextToDeliver == run->urls.size() && run->onFinished) {
-          auto finished = std::move(run->onFinished);
-          run->onFinished = nullptr;
-          finished();
-        }
-      });
+  QtConcurrent::run(inspectPool_.get(), [inspector, path]() -> Outcome {
+    Outcome outcome;
+    try {
+      outcome.decoded = inspector(path);
+    } catch (...) {
+      outcome.error = batchdetail::describeCurrentException(
+          QString::fromStdString(ImageProcessingError::decodingFailed().description()));
+    }
+    return outcome;
+  }).then(this, [this, run, index, costMB](const Outcome& outcome) {
+    encodeMemoryBudget_->signal(costMB);
+    run->buffer[index] = outcome;
+    if (run->nextToStart < run->urls.size()) startInspection(run, run->nextToStart++);
+    // A slow early file holds back the delivery of later ones, never their inspection.
+    while (true) {
+      auto it = run->buffer.find(run->nextToDeliver);
+      if (it == run->buffer.end()) break;
+      const Outcome ready = std::move(it->second);
+      run->buffer.erase(it);
+      const int delivered = run->nextToDeliver++;
+      run->onResult(delivered, run->urls[delivered], ready.decoded ? &*ready.decoded : nullptr, ready.error);
+    }
+    if (run->nextToDeliver == run->urls.size() && run->onFinished) {
+      auto finished = std::move(run->onFinished);
+      run->onFinished = nullptr;
+      finished();
+    }
+  });
 }
 
 void BatchViewModel::recordImportFailure(const QUrl& url, const QString& message) {

@@ -48,14 +48,16 @@ void BatchViewModel::deleteExportProfile(const ExportProfile& profile) {
 void BatchViewModel::applyExportProfile(const ExportProfile& profile) {
   setQuality(profile.quality);
   setOutputFormat(profile.format);
-  lastAppliedProfileFolder_ =
-      profile.destinationFolder ? std::optional<QUrl>(QUrl::fromLocalFile(*profile.destinationFolder)) : std::nullopt;
+  lastAppliedProfileFolder_ = profile.destinationFolder
+                                  ? std::optional<QUrl>(QUrl::fromLocalFile(*profile.destinationFolder))
+                                  : std::nullopt;
   setAppliedProfileName(profile.name);
 }
 
 // ---- History ----
 
-void BatchViewModel::recordExport(const ImportedImage& image, const QUrl& destination, const QByteArray& data) {
+void BatchViewModel::recordExport(const ImportedImage& image, const QUrl& destination,
+                                  const QByteArray& data) {
   ExportRecord record;
   record.id = QUuid::createUuid();
   record.sourceDisplayName = image.fileName();
@@ -79,9 +81,9 @@ void BatchViewModel::undoExport(const ExportRecord& record) {
     if (info.exists() || info.isSymLink()) {
       QFile file(record.destinationURL);
       if (!file.remove()) {
-        setExportError(QString::fromStdString(Localization::format(
-            "export.deleteFailedFormat", "Impossible de supprimer « %@ » : %@",
-            {info.fileName().toStdString(), file.errorString().toStdString()})));
+        setExportError(QString::fromStdString(
+            Localization::format("export.deleteFailedFormat", "Impossible de supprimer « %@ » : %@",
+                                 {info.fileName().toStdString(), file.errorString().toStdString()})));
         return;
       }
     }

@@ -3,11 +3,10 @@
 
 #include "batch/BatchViewModel.h"
 
-#include <QThread>
-#include <QThreadPool>
-
 #include <unistd.h>
 
+#include <QThread>
+#include <QThreadPool>
 #include <algorithm>
 
 #include "batch/AsyncSemaphore.h"
@@ -42,7 +41,8 @@ QString describeCurrentException(const QString& fallback) {
 
 BatchViewModel::BatchViewModel(QObject* parent) : BatchViewModel(Options{}, parent) {}
 
-BatchViewModel::BatchViewModel(Options options, QObject* parent) : QObject(parent), options_(std::move(options)) {
+BatchViewModel::BatchViewModel(Options options, QObject* parent)
+    : QObject(parent), options_(std::move(options)) {
   if (!options_.reader) options_.reader = &ImageDecoder::readSource;
   if (!options_.encoder) options_.encoder = &ImageCompressor::encodeData;
   if (!options_.inspector) options_.inspector = &ImageDecoder::inspect;
@@ -82,7 +82,8 @@ BatchViewModel::~BatchViewModel() {
 }
 
 std::shared_ptr<ImportedImage> BatchViewModel::image(const QUuid& id) const {
-  auto it = std::find_if(images_.begin(), images_.end(), [&](const auto& image) { return image->id() == id; });
+  auto it =
+      std::find_if(images_.begin(), images_.end(), [&](const auto& image) { return image->id() == id; });
   return it == images_.end() ? nullptr : *it;
 }
 
@@ -110,7 +111,8 @@ void BatchViewModel::setAppliedProfileName(std::optional<QString> name) {
   emit appliedProfileNameChanged();
 }
 
-void BatchViewModel::setQualityOverride(const std::shared_ptr<ImportedImage>& image, std::optional<double> quality) {
+void BatchViewModel::setQualityOverride(const std::shared_ptr<ImportedImage>& image,
+                                        std::optional<double> quality) {
   if (!image) return;
   image->setQualityOverride(quality);
   scheduleEncode(image, true);

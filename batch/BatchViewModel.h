@@ -18,7 +18,6 @@
 #include <QTimer>
 #include <QUrl>
 #include <QUuid>
-
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -61,8 +60,8 @@ class BatchPanels {
   virtual QList<QUrl> chooseFilesToImport() = 0;
   // Folder chooser that may create folders, starting in `startFolder` when given, with the
   // localised `prompt` (button) and `message`. Empty when the user cancels.
-  virtual std::optional<QUrl> chooseExportFolder(const std::optional<QUrl>& startFolder, const QString& prompt,
-                                                 const QString& message) = 0;
+  virtual std::optional<QUrl> chooseExportFolder(const std::optional<QUrl>& startFolder,
+                                                 const QString& prompt, const QString& message) = 0;
   // Shows `file` selected in the desktop's file manager.
   virtual void showInFileManager(const QUrl& file) = 0;
 };
@@ -71,12 +70,14 @@ class BatchViewModel : public QObject {
   Q_OBJECT
   Q_PROPERTY(quillane::ImageList images READ images NOTIFY imagesChanged)
   Q_PROPERTY(double quality READ quality WRITE setQuality NOTIFY qualityChanged)
-  Q_PROPERTY(quillane::ImageFormat outputFormat READ outputFormat WRITE setOutputFormat NOTIFY outputFormatChanged)
-  Q_PROPERTY(std::optional<QString> exportError READ exportError WRITE setExportError NOTIFY exportErrorChanged)
+  Q_PROPERTY(
+      quillane::ImageFormat outputFormat READ outputFormat WRITE setOutputFormat NOTIFY outputFormatChanged)
+  Q_PROPERTY(
+      std::optional<QString> exportError READ exportError WRITE setExportError NOTIFY exportErrorChanged)
   Q_PROPERTY(bool isEncoding READ isEncoding NOTIFY isEncodingChanged)
   Q_PROPERTY(quillane::ImportFailureList importFailures READ importFailures NOTIFY importFailuresChanged)
-  Q_PROPERTY(std::optional<QString> appliedProfileName READ appliedProfileName WRITE setAppliedProfileName NOTIFY
-                 appliedProfileNameChanged)
+  Q_PROPERTY(std::optional<QString> appliedProfileName READ appliedProfileName WRITE setAppliedProfileName
+                 NOTIFY appliedProfileNameChanged)
   Q_PROPERTY(bool hasPendingRecompute READ hasPendingRecompute NOTIFY hasPendingRecomputeChanged)
   Q_PROPERTY(quillane::ExportRecordList exportHistory READ exportHistory NOTIFY exportHistoryChanged)
   Q_PROPERTY(quillane::ExportProfileList exportProfiles READ exportProfiles NOTIFY exportProfilesChanged)
@@ -93,14 +94,14 @@ class BatchViewModel : public QObject {
   using Inspector = std::function<ImageDecoder::LightDecodedImage(const std::string& path)>;
 
   struct Options {
-    SourceReader reader;              // empty: ImageDecoder::readSource
-    Encoder encoder;                  // empty: ImageCompressor::encodeData
-    Inspector inspector;              // empty: ImageDecoder::inspect
-    int processorCount = 0;           // 0 or less: QThread::idealThreadCount()
-    int memoryBudgetMB = 0;           // 0 or less: encodeMemoryBudgetMB(physical memory)
+    SourceReader reader;                        // empty: ImageDecoder::readSource
+    Encoder encoder;                            // empty: ImageCompressor::encodeData
+    Inspector inspector;                        // empty: ImageDecoder::inspect
+    int processorCount = 0;                     // 0 or less: QThread::idealThreadCount()
+    int memoryBudgetMB = 0;                     // 0 or less: encodeMemoryBudgetMB(physical memory)
     std::chrono::milliseconds watchdog{45000};  // an encode slower than this fails
     std::chrono::milliseconds debounce{250};    // quiet time before a recompute or an override encode
-    bool restoreSession = true;       // start restoring importSession.json after construction
+    bool restoreSession = true;                 // start restoring importSession.json after construction
   };
 
   // Reads exportHistory.json and exportProfiles.json now, and starts the session restore as
@@ -246,8 +247,8 @@ class BatchViewModel : public QObject {
   struct EncodeTask;
   struct InspectionRun;
   struct EncodeResult;
-  using InspectionResult = std::function<void(int index, const QUrl& url, const ImageDecoder::LightDecodedImage*,
-                                              const QString& error)>;
+  using InspectionResult = std::function<void(int index, const QUrl& url,
+                                              const ImageDecoder::LightDecodedImage*, const QString& error)>;
 
   // Scheduler.
   void recomputeAll();
@@ -259,11 +260,13 @@ class BatchViewModel : public QObject {
   void startEncodeTask(const std::shared_ptr<EncodeTask>& task);
   void runEncode(const std::shared_ptr<EncodeTask>& task, std::function<void()> done);
   void encode(const std::shared_ptr<EncodeTask>& task, std::function<void()> done);
-  void finishEncode(const std::shared_ptr<ImportedImage>& image, uint64_t generation, const EncodeResult& result);
+  void finishEncode(const std::shared_ptr<ImportedImage>& image, uint64_t generation,
+                    const EncodeResult& result);
   void cancelEncodeTask(const QUuid& id);
 
   // Import.
-  void inspectConcurrently(const QList<QUrl>& urls, InspectionResult onResult, std::function<void()> onFinished);
+  void inspectConcurrently(const QList<QUrl>& urls, InspectionResult onResult,
+                           std::function<void()> onFinished);
   void startInspection(const std::shared_ptr<InspectionRun>& run, int index);
   // The inspection itself, once its memory is claimed; gives the memory back when it ends.
   void inspect(const std::shared_ptr<InspectionRun>& run, int index, const std::string& path, int costMB);

@@ -6,7 +6,6 @@
 #include <QString>
 #include <QTimer>
 #include <QUrl>
-
 #include <functional>
 #include <map>
 #include <memory>

@@ -21,7 +21,8 @@ std::string candidate(const std::string& base, int n, const std::string& extensi
 
 }  // namespace
 
-ExportFilenameAllocator::ExportFilenameAllocator(std::string folder, const std::vector<std::string>& inputPaths)
+ExportFilenameAllocator::ExportFilenameAllocator(std::string folder,
+                                                 const std::vector<std::string>& inputPaths)
     : folder_(std::move(folder)) {
   for (const std::string& path : inputPaths) {
     struct stat st {};

@@ -12,7 +12,6 @@
 
 #include <QSet>
 #include <QString>
-
 #include <set>
 #include <string>
 #include <utility>

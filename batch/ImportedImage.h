@@ -12,7 +12,6 @@
 #include <QString>
 #include <QUrl>
 #include <QUuid>
-
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -79,8 +78,8 @@ class ImportedImage : public QObject {
   QString sourcePath() const { return sourceURL_.toLocalFile(); }
   // The path to open the source with: the file system's bytes (localFilePath).
   std::string sourceFilePath() const { return localFilePath(sourceURL_); }
-  QString fileName() const;      // last path component of sourceURL, with extension
-  QString baseName() const;      // fileName() without its last extension
+  QString fileName() const;  // last path component of sourceURL, with extension
+  QString baseName() const;  // fileName() without its last extension
   ImageFormat originalFormat() const { return originalFormat_; }
   int64_t originalSizeBytes() const { return originalSizeBytes_; }
   int width() const { return width_; }

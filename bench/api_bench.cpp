@@ -18,7 +18,6 @@
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QThread>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -84,7 +83,8 @@ struct Stack {
     model.reset();
     JSONFileStore::setFolderForTesting(QString());
   }
-  std::string request(const std::string& method, const std::string& target, const std::string& body = {}) const {
+  std::string request(const std::string& method, const std::string& target,
+                      const std::string& body = {}) const {
     return testing::buildRequest(method, target, token, body);
   }
 };
@@ -105,7 +105,8 @@ void BM_StatusWith50Clients(benchmark::State& state) {
         for (int i = 0; i < perClient; ++i) {
           auto t0 = Clock::now();
           auto response = testing::httpExchange(stack.port, request);
-          perThread[size_t(c)].push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+          perThread[size_t(c)].push_back(
+              std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
           if (response.status != 200) ++failed;
         }
         ++done;
@@ -241,14 +242,20 @@ void BM_StatusDuringAnUnauthenticatedFlood(benchmark::State& state) {
   }
   std::sort(latencies.begin(), latencies.end());
   std::sort(quiet.begin(), quiet.end());
-  auto percentile = [&](double p) { return latencies.empty() ? 0 : latencies[size_t(p * double(latencies.size() - 1))]; };
+  auto percentile = [&](double p) {
+    return latencies.empty() ? 0 : latencies[size_t(p * double(latencies.size() - 1))];
+  };
   state.counters["peak_growth_MB"] = double(peakGrowth) / 1024.0;
   state.counters["quiet_p50_ms"] = quiet[quiet.size() / 2];
   state.counters["status_p50_ms"] = percentile(0.50);
   state.counters["status_max_ms"] = latencies.empty() ? 0 : latencies.back();
   state.counters["status_requests"] = double(latencies.size());
 }
-BENCHMARK(BM_StatusDuringAnUnauthenticatedFlood)->Arg(1)->Arg(0)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StatusDuringAnUnauthenticatedFlood)
+    ->Arg(1)
+    ->Arg(0)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
 
 void BM_StatusWith300IdleSockets(benchmark::State& state) {
   Stack stack;

@@ -62,7 +62,9 @@ DecodedImage texturedPhoto(int w, int h, uint32_t seed) {
         int ix = int(fx), iy = int(fy);
         float tx = fx - float(ix), ty = fy - float(iy);
         tx = tx * tx * (3 - 2 * tx), ty = ty * ty * (3 - 2 * ty);
-        auto at = [&](int a, int b, int k) { return grids[size_t(o)][(size_t(b) * size_t(n + 1) + size_t(a)) * 3 + size_t(k)]; };
+        auto at = [&](int a, int b, int k) {
+          return grids[size_t(o)][(size_t(b) * size_t(n + 1) + size_t(a)) * 3 + size_t(k)];
+        };
         for (int k = 0; k < 3; ++k)
           c[k] += weight[o] * (at(ix, iy, k) * (1 - tx) * (1 - ty) + at(ix + 1, iy, k) * tx * (1 - ty) +
                                at(ix, iy + 1, k) * (1 - tx) * ty + at(ix + 1, iy + 1, k) * tx * ty);
@@ -86,9 +88,10 @@ const DecodedImage& picture(const Picture& p) {
   static std::map<std::string, DecodedImage> cache;
   auto it = cache.find(p.name);
   if (it == cache.end()) {
-    DecodedImage img = p.kind == Kind::photo        ? texturedPhoto(p.width, p.height, 7)
-                       : p.kind == Kind::screenshot ? testing::makeImage(p.width, p.height, testing::Pattern::screenshot, 1)
-                                                    : testing::makeImage(p.width, p.height, testing::Pattern::flatLogo, 1, true);
+    DecodedImage img = p.kind == Kind::photo ? texturedPhoto(p.width, p.height, 7)
+                       : p.kind == Kind::screenshot
+                           ? testing::makeImage(p.width, p.height, testing::Pattern::screenshot, 1)
+                           : testing::makeImage(p.width, p.height, testing::Pattern::flatLogo, 1, true);
     it = cache.emplace(p.name, std::move(img)).first;
   }
   return it->second;
@@ -98,7 +101,8 @@ const DecodedImage& picture(const Picture& p) {
 const Bytes& sourceFile(const Picture& p) {
   static std::map<std::string, Bytes> cache;
   auto it = cache.find(p.name);
-  if (it == cache.end()) it = cache.emplace(p.name, fixtures::png(picture(p), {.alpha = p.kind == Kind::logo})).first;
+  if (it == cache.end())
+    it = cache.emplace(p.name, fixtures::png(picture(p), {.alpha = p.kind == Kind::logo})).first;
   return it->second;
 }
 
@@ -130,7 +134,8 @@ size_t encodeOnce(const Prepared& p, ImageFormat format, const EncodingPlan& pla
       return JXLEncoder::encode(p.rgba, p.rgba.hasAlpha, plan).size();
     case ImageFormat::png:
       if (!alternative) return PNGQuantEncoder::encode(p.rgba, plan).size();
-      if (plan.mode.kind == EncodingPlan::Mode::Kind::lossless) return PNGQuantEncoder::encodeLossless(p.rgba, plan).size();
+      if (plan.mode.kind == EncodingPlan::Mode::Kind::lossless)
+        return PNGQuantEncoder::encodeLossless(p.rgba, plan).size();
       return PNGQuantEncoder::encodePalette(p.rgba, plan).size();
   }
   return 0;
@@ -209,7 +214,8 @@ void Fidelity(benchmark::State& state, Picture pic, ImageFormat format, double q
     if (format == ImageFormat::webp) {
       RGBABuffer rgba(source);
       ImageCharacteristics c;
-      c.width = source.width, c.height = source.height, c.contentClass = ImageCharacteristics::ContentClass::photo;
+      c.width = source.width, c.height = source.height,
+      c.contentClass = ImageCharacteristics::ContentClass::photo;
       file = WebPEncoder::encode(rgba, plan, c);
     } else {
       file = NativeImageIOEncoder::encode(source, false, format, plan);
@@ -223,9 +229,9 @@ void Fidelity(benchmark::State& state, Picture pic, ImageFormat format, double q
 
 void registerAll() {
   const Picture pictures[] = {
-      {"photo_1MP", Kind::photo, 1155, 866},        {"photo_12MP", Kind::photo, 4000, 3000},
+      {"photo_1MP", Kind::photo, 1155, 866},           {"photo_12MP", Kind::photo, 4000, 3000},
       {"screenshot_1MP", Kind::screenshot, 1155, 866}, {"screenshot_12MP", Kind::screenshot, 4000, 3000},
-      {"logo_alpha_1MP", Kind::logo, 1000, 1000},   {"logo_alpha_12MP", Kind::logo, 4000, 3000},
+      {"logo_alpha_1MP", Kind::logo, 1000, 1000},      {"logo_alpha_12MP", Kind::logo, 4000, 3000},
   };
   // Process CPU time counts x265's worker threads too and is what a loaded machine disturbs
   // least; three runs at 1 MP for medians, one at 12 MP, where each runs for seconds.
@@ -239,17 +245,22 @@ void registerAll() {
       configure(benchmark::RegisterBenchmark(("Encode/" + suffix).c_str(), Encode, pic, format), pic);
       configure(benchmark::RegisterBenchmark(("Pipeline/" + suffix).c_str(), Pipeline, pic, format), pic);
     }
-    configure(benchmark::RegisterBenchmark(("Prepare/" + pic.name).c_str(), Prepare, pic, ImageFormat::webp), pic);
+    configure(benchmark::RegisterBenchmark(("Prepare/" + pic.name).c_str(), Prepare, pic, ImageFormat::webp),
+              pic);
   }
-  const Picture fidelity[] = {{"photo_0.8MP", Kind::photo, 1024, 768}, {"screenshot_0.8MP", Kind::screenshot, 1024, 768}};
+  const Picture fidelity[] = {{"photo_0.8MP", Kind::photo, 1024, 768},
+                              {"screenshot_0.8MP", Kind::screenshot, 1024, 768}};
   for (const Picture& pic : fidelity)
     for (ImageFormat format : {ImageFormat::jpeg, ImageFormat::heic, ImageFormat::avif, ImageFormat::webp})
       for (double quality : {30.0, 50.0, 75.0, 90.0, 100.0})
-        benchmark::RegisterBenchmark(("Fidelity/" + pic.name + "/" + std::string(ImageFormats::rawValue(format)) + "/" +
-                                      std::to_string(int(quality)))
-                                         .c_str(),
-                                     Fidelity, pic, format, quality)
-            ->Unit(benchmark::kMillisecond)->Iterations(1)->MeasureProcessCPUTime();
+        benchmark::RegisterBenchmark(
+            ("Fidelity/" + pic.name + "/" + std::string(ImageFormats::rawValue(format)) + "/" +
+             std::to_string(int(quality)))
+                .c_str(),
+            Fidelity, pic, format, quality)
+            ->Unit(benchmark::kMillisecond)
+            ->Iterations(1)
+            ->MeasureProcessCPUTime();
 }
 
 }  // namespace

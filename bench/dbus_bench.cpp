@@ -16,7 +16,6 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QThread>
-
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -37,7 +36,8 @@ struct Rig {
 
   bool start() {
     bin = qEnvironmentVariable("QUILLANE_BIN_DIR", QCoreApplication::applicationDirPath());
-    daemon.start(QStandardPaths::findExecutable("dbus-daemon"), {"--session", "--nofork", "--print-address=1"});
+    daemon.start(QStandardPaths::findExecutable("dbus-daemon"),
+                 {"--session", "--nofork", "--print-address=1"});
     if (!daemon.waitForStarted(10000)) return false;
     while (!daemon.canReadLine())
       if (!daemon.waitForReadyRead(10000)) return false;

@@ -34,7 +34,8 @@ const Picture kPictures[] = {
 const RGBABuffer& buffer(const Picture& p) {
   static std::map<std::string, RGBABuffer> cache;
   auto it = cache.find(p.name);
-  if (it == cache.end()) it = cache.emplace(p.name, testing::makeBuffer(p.width, p.height, p.pattern, 1, p.alpha)).first;
+  if (it == cache.end())
+    it = cache.emplace(p.name, testing::makeBuffer(p.width, p.height, p.pattern, 1, p.alpha)).first;
   return it->second;
 }
 
@@ -54,7 +55,8 @@ EncodingPlan planFor(const Picture& p) {
   EncodingPlan plan;
   plan.quality = 75;
   plan.effort = n <= 2'000'000 ? 2 : n <= 12'000'000 ? 1 : 0;
-  plan.mode = p.contentClass == Class::flatGraphic ? EncodingPlan::Mode::lossless() : EncodingPlan::Mode::lossy(75);
+  plan.mode =
+      p.contentClass == Class::flatGraphic ? EncodingPlan::Mode::lossless() : EncodingPlan::Mode::lossy(75);
   plan.dithering = p.contentClass == Class::flatGraphic ? 0.2f : 0.7f;
   return plan;
 }
@@ -102,7 +104,8 @@ int registerAll() {
   for (const Picture& p : kPictures) {
     const bool large = (long long)p.width * p.height > 2'000'000;
     const int iterations = large ? 1 : 3;
-    for (auto [label, fn] : {std::pair{"WebP", &webp}, {"JXL", &jxl}, {"PNG", &png}, {"PNG_truecolour", &pngTruecolour}})
+    for (auto [label, fn] :
+         {std::pair{"WebP", &webp}, {"JXL", &jxl}, {"PNG", &png}, {"PNG_truecolour", &pngTruecolour}})
       benchmark::RegisterBenchmark((std::string(label) + "/" + p.name).c_str(), fn, p)
           ->Unit(benchmark::kMillisecond)
           ->Iterations(iterations);

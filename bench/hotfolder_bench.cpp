@@ -10,18 +10,17 @@
 // 10 s. Files are written to a staging folder first and moved in with fresh dates, as a copy
 // from a file manager would leave them. COUNT defaults to 200.
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QTemporaryDir>
-
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -69,7 +68,8 @@ int main(int argc, char** argv) {
   // would take longer than the measurement.
   std::vector<std::vector<uint8_t>> photos;
   for (uint32_t seed = 1; seed <= 8; ++seed) {
-    photos.push_back(fixtures::jpeg(testing::makeImage(4000, 3000, testing::Pattern::photo, seed), {.quality = 92}));
+    photos.push_back(
+        fixtures::jpeg(testing::makeImage(4000, 3000, testing::Pattern::photo, seed), {.quality = 92}));
   }
   QStringList staged;
   for (int i = 0; i < count; ++i) {
@@ -78,8 +78,14 @@ int main(int argc, char** argv) {
   }
 
   // (1) and (2): the watched folder.
-  HotFolder folder{QUuid::createUuid(), "Bench", root.filePath("in"), root.filePath("out"), std::nullopt,
-                   ImageFormat::jpeg, 75, true};
+  HotFolder folder{QUuid::createUuid(),
+                   "Bench",
+                   root.filePath("in"),
+                   root.filePath("out"),
+                   std::nullopt,
+                   ImageFormat::jpeg,
+                   75,
+                   true};
   auto watcher = HotFolderWatcher::make(folder);
   Progress progress;
   watcher->onActivity = [&](const HotFolderActivity& line) {
@@ -127,8 +133,8 @@ int main(int argc, char** argv) {
   const double cliWall = seconds(Clock::now() - cliStart);
   const double cliCPU = cpuSeconds(RUSAGE_CHILDREN) - childBefore;
 
-  std::printf("files: %d (12 MP JPEG to JPEG at 75), errors: %d, cli exit status: %d\n", count, progress.errors,
-              process.exitCode());
+  std::printf("files: %d (12 MP JPEG to JPEG at 75), errors: %d, cli exit status: %d\n", count,
+              progress.errors, process.exitCode());
   std::printf("last file landed -> first scan's progress report: %.0f ms\n", firstScan * 1000);
   std::printf("hot folder: %.1f s wall, %.1f s CPU (%.0f ms CPU per file)\n", hotWall, hotCPU,
               hotCPU * 1000 / count);
@@ -141,14 +147,15 @@ int main(int argc, char** argv) {
   for (int i = 0; i < 20; ++i) {
     const QString path = root.filePath(QStringLiteral("idle%1").arg(i));
     QDir().mkpath(path);
-    idle.push_back(HotFolderWatcher::make({QUuid::createUuid(), "Idle", path, path + "-out", std::nullopt,
-                                           ImageFormat::jpeg, 75, true}));
+    idle.push_back(HotFolderWatcher::make(
+        {QUuid::createUuid(), "Idle", path, path + "-out", std::nullopt, ImageFormat::jpeg, 75, true}));
     idle.back()->start();
   }
   std::this_thread::sleep_for(std::chrono::seconds(2));  // their first scans
   const double idleBefore = cpuSeconds(RUSAGE_SELF);
   std::this_thread::sleep_for(std::chrono::seconds(10));
-  std::printf("20 idle watched folders: %.1f ms CPU in 10 s\n", (cpuSeconds(RUSAGE_SELF) - idleBefore) * 1000);
+  std::printf("20 idle watched folders: %.1f ms CPU in 10 s\n",
+              (cpuSeconds(RUSAGE_SELF) - idleBefore) * 1000);
   for (auto& w : idle) w->stop();
   idle.clear();
   SerialQueue::waitForAll();

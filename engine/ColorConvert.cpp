@@ -41,7 +41,8 @@ void replicateGrey(T* samples, size_t pixels, int channels) {
 template <class T>
 bool transformGrey(T* samples, int width, int height, int channels, cmsHPROFILE grey) {
   bool wide = sizeof(T) == 2;
-  cmsUInt32Number in = channels == 2 ? (wide ? TYPE_GRAYA_16 : TYPE_GRAYA_8) : (wide ? TYPE_GRAY_16 : TYPE_GRAY_8);
+  cmsUInt32Number in =
+      channels == 2 ? (wide ? TYPE_GRAYA_16 : TYPE_GRAYA_8) : (wide ? TYPE_GRAY_16 : TYPE_GRAY_8);
   cmsUInt32Number out = wide ? TYPE_RGBA_16 : TYPE_RGBA_8;
   CmsTransformPtr transform = transformToSRGB(grey, in, out, channels == 2 ? cmsFLAGS_COPY_ALPHA : 0);
   if (!transform) return false;
@@ -64,14 +65,21 @@ cmsToneCurve* transferCurve(int transfer) {
       const double p[5] = {2.4, 1.0 / 1.055, 0.055 / 1.055, 1.0 / 12.92, 0.04045};
       return cmsBuildParametricToneCurve(nullptr, 4, p);
     }
-    case 1: case 6: case 14: case 15: {  // BT.709 family
+    case 1:
+    case 6:
+    case 14:
+    case 15: {  // BT.709 family
       const double p[5] = {1.0 / 0.45, 1.0 / 1.099, 0.099 / 1.099, 1.0 / 4.5, 0.081};
       return cmsBuildParametricToneCurve(nullptr, 4, p);
     }
-    case 8: return cmsBuildGamma(nullptr, 1.0);
-    case 4: return cmsBuildGamma(nullptr, 2.2);
-    case 5: return cmsBuildGamma(nullptr, 2.8);
-    default: return nullptr;
+    case 8:
+      return cmsBuildGamma(nullptr, 1.0);
+    case 4:
+      return cmsBuildGamma(nullptr, 2.2);
+    case 5:
+      return cmsBuildGamma(nullptr, 2.8);
+    default:
+      return nullptr;
   }
 }
 }  // namespace
@@ -101,7 +109,8 @@ void cmykToRGBInPlace(DecodedImage& image, bool inverted, const std::vector<uint
   // lcms2 precomputes a four-dimensional grid for CMYK input, which costs about 50 ms: worth
   // it for a photo, not for a small picture, which is evaluated directly.
   cmsUInt32Number flags = count < (1u << 20) ? cmsFLAGS_NOOPTIMIZE : 0;
-  if (cmyk) transform = transformToSRGB(cmyk.get(), inverted ? TYPE_CMYK_8_REV : TYPE_CMYK_8, TYPE_RGBA_8, flags);
+  if (cmyk)
+    transform = transformToSRGB(cmyk.get(), inverted ? TYPE_CMYK_8_REV : TYPE_CMYK_8, TYPE_RGBA_8, flags);
   if (transform) {
     std::vector<uint8_t> row(size_t(image.width) * 4);
     for (int y = 0; y < image.height; ++y) {
@@ -125,13 +134,15 @@ void cmykToRGBInPlace(DecodedImage& image, bool inverted, const std::vector<uint
   image.colorSpace = ColorSpace::sRGB();
 }
 
-bool convertRGBInPlace(DecodedImage& image, const std::vector<uint8_t>& from, const std::vector<uint8_t>& to) {
+bool convertRGBInPlace(DecodedImage& image, const std::vector<uint8_t>& from,
+                       const std::vector<uint8_t>& to) {
   CmsProfilePtr source = openProfile(&from, cmsSigRgbData);
   CmsProfilePtr target = openProfile(&to, cmsSigRgbData);
   if (!source || !target || image.empty()) return false;
   const bool wide = image.bitsPerComponent == 16;
   const cmsUInt32Number format = wide ? TYPE_RGBA_16 : TYPE_RGBA_8;
-  CmsTransformPtr transform(cmsCreateTransform(source.get(), format, target.get(), format, INTENT_RELATIVE_COLORIMETRIC,
+  CmsTransformPtr transform(cmsCreateTransform(source.get(), format, target.get(), format,
+                                               INTENT_RELATIVE_COLORIMETRIC,
                                                cmsFLAGS_COPY_ALPHA | cmsFLAGS_NOCACHE));
   if (!transform) return false;
   void* pixels = wide ? static_cast<void*>(image.pixels16.data()) : image.pixels8.data();
@@ -153,19 +164,25 @@ ColorSpace fromCodePoints(int primaries, int transfer) {
   cmsCIExyYTRIPLE xy;
   cmsCIExyY white = {0.3127, 0.3290, 1.0};  // D65
   switch (primaries) {
-    case 1: case 2:  // BT.709 (sRGB) or unspecified: untagged sRGB unless the curve differs
+    case 1:
+    case 2:  // BT.709 (sRGB) or unspecified: untagged sRGB unless the curve differs
       if (transfer == 8 || transfer == 5) {
         xy = {{0.64, 0.33, 1}, {0.30, 0.60, 1}, {0.15, 0.06, 1}};
         break;
       }
       return ColorSpace::sRGB();
-    case 9: xy = {{0.708, 0.292, 1}, {0.170, 0.797, 1}, {0.131, 0.046, 1}}; break;  // BT.2020
+    case 9:
+      xy = {{0.708, 0.292, 1}, {0.170, 0.797, 1}, {0.131, 0.046, 1}};
+      break;  // BT.2020
     case 11:  // DCI-P3, its own white
       xy = {{0.680, 0.320, 1}, {0.265, 0.690, 1}, {0.150, 0.060, 1}};
       white = {0.314, 0.351, 1.0};
       break;
-    case 12: xy = {{0.680, 0.320, 1}, {0.265, 0.690, 1}, {0.150, 0.060, 1}}; break;  // Display P3
-    default: return ColorSpace::sRGB();
+    case 12:
+      xy = {{0.680, 0.320, 1}, {0.265, 0.690, 1}, {0.150, 0.060, 1}};
+      break;  // Display P3
+    default:
+      return ColorSpace::sRGB();
   }
   // Unknown or HDR transfers (PQ, HLG) are approximated by the sRGB curve.
   ToneCurvePtr curve(transferCurve(transfer));

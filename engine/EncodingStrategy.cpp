@@ -9,20 +9,28 @@ using Mode = EncodingPlan::Mode;
 
 std::string_view ImageCharacteristics::name(ContentClass c) {
   switch (c) {
-    case ContentClass::flatGraphic: return "flatGraphic";
-    case ContentClass::screenText: return "screenText";
-    case ContentClass::illustration: return "illustration";
-    case ContentClass::photo: return "photo";
-    case ContentClass::noisyPhoto: return "noisyPhoto";
+    case ContentClass::flatGraphic:
+      return "flatGraphic";
+    case ContentClass::screenText:
+      return "screenText";
+    case ContentClass::illustration:
+      return "illustration";
+    case ContentClass::photo:
+      return "photo";
+    case ContentClass::noisyPhoto:
+      return "noisyPhoto";
   }
   return "photo";
 }
 
 std::string_view EncodingPlan::modeName(Mode::Kind kind) {
   switch (kind) {
-    case Mode::Kind::lossy: return "lossy";
-    case Mode::Kind::nearLossless: return "nearLossless";
-    case Mode::Kind::lossless: return "lossless";
+    case Mode::Kind::lossy:
+      return "lossy";
+    case Mode::Kind::nearLossless:
+      return "nearLossless";
+    case Mode::Kind::lossless:
+      return "lossless";
   }
   return "lossy";
 }
@@ -50,10 +58,14 @@ double clampTo(double v, double low, double high) { return v >= low ? std::min(v
 
 double column(const Anchor& anchor, ImageFormat format) {
   switch (format) {
-    case ImageFormat::jpeg: return anchor.jpeg;
-    case ImageFormat::heic: return anchor.heic;
-    case ImageFormat::avif: return anchor.avif;
-    default: return anchor.webp;
+    case ImageFormat::jpeg:
+      return anchor.jpeg;
+    case ImageFormat::heic:
+      return anchor.heic;
+    case ImageFormat::avif:
+      return anchor.avif;
+    default:
+      return anchor.webp;
   }
 }
 
@@ -95,16 +107,20 @@ Mode mode(const ImageCharacteristics& characteristics, ImageFormat format, doubl
   switch (format) {
     case ImageFormat::jpeg:
     case ImageFormat::heic:
-    case ImageFormat::avif: return Mode::lossy(cq);
-    case ImageFormat::png: return Mode::lossy(quality);  // the PNG path routes on prefersLossless
+    case ImageFormat::avif:
+      return Mode::lossy(cq);
+    case ImageFormat::png:
+      return Mode::lossy(quality);  // the PNG path routes on prefersLossless
     case ImageFormat::webp:
-    case ImageFormat::jxl: break;
+    case ImageFormat::jxl:
+      break;
   }
   if (cls == ContentClass::flatGraphic) return Mode::lossless();
   if (quality >= 97 && cls == ContentClass::screenText && characteristics.flatFraction > 0.55) {
     return Mode::lossless();
   }
-  if (format == ImageFormat::webp && cls == ContentClass::screenText && quality >= 85) return Mode::nearLossless(60);
+  if (format == ImageFormat::webp && cls == ContentClass::screenText && quality >= 85)
+    return Mode::nearLossless(60);
   return Mode::lossy(cq);
 }
 
@@ -131,7 +147,8 @@ EncodingPlan plan(const ImageCharacteristics& characteristics, ImageFormat forma
   switch (format) {
     case ImageFormat::jpeg:
     case ImageFormat::heic:
-    case ImageFormat::avif: break;
+    case ImageFormat::avif:
+      break;
     case ImageFormat::webp:
     case ImageFormat::jxl:
       if (pixels <= 4'000'000) {

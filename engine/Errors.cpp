@@ -11,7 +11,8 @@ std::string ImageProcessingError::description() const {
     case Kind::contextCreationFailed:
       return Localization::text("error.contextCreationFailed", "Impossible de créer le contexte de rendu.");
     case Kind::encodingFailed:
-      return Localization::format("error.encodingFailedFormat", "Échec de l'encodage au format %@.", {label_});
+      return Localization::format("error.encodingFailedFormat", "Échec de l'encodage au format %@.",
+                                  {label_});
   }
   return {};
 }

@@ -45,11 +45,20 @@ std::optional<int> orientation(std::span<const uint8_t> block) {
   if (size == 0 || entry->size < size) return std::nullopt;
   long value;
   switch (entry->format) {
-    case EXIF_FORMAT_SHORT: value = exif_get_short(entry->data, order); break;
-    case EXIF_FORMAT_SSHORT: value = exif_get_sshort(entry->data, order); break;
-    case EXIF_FORMAT_LONG: value = long(exif_get_long(entry->data, order)); break;
-    case EXIF_FORMAT_SLONG: value = exif_get_slong(entry->data, order); break;
-    default: return std::nullopt;
+    case EXIF_FORMAT_SHORT:
+      value = exif_get_short(entry->data, order);
+      break;
+    case EXIF_FORMAT_SSHORT:
+      value = exif_get_sshort(entry->data, order);
+      break;
+    case EXIF_FORMAT_LONG:
+      value = long(exif_get_long(entry->data, order));
+      break;
+    case EXIF_FORMAT_SLONG:
+      value = exif_get_slong(entry->data, order);
+      break;
+    default:
+      return std::nullopt;
   }
   if (value < 1 || value > 8) return std::nullopt;
   return int(value);

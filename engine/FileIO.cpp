@@ -70,7 +70,8 @@ int createTemporary(const std::string& folder, std::string& tmp) {
   for (int attempt = 0; attempt < 100; ++attempt) {
     uint8_t random[6] = {};
     if (::getrandom(random, sizeof random, 0) != ssize_t(sizeof random)) {
-      const auto mixed = uint64_t(::getpid()) * 0x9E3779B97F4A7C15ull ^ uint64_t(attempt) ^ uint64_t(uintptr_t(&tmp));
+      const auto mixed =
+          uint64_t(::getpid()) * 0x9E3779B97F4A7C15ull ^ uint64_t(attempt) ^ uint64_t(uintptr_t(&tmp));
       std::memcpy(random, &mixed, sizeof random);
     }
     tmp = folder + "/" + temporaryPrefix;
@@ -85,7 +86,8 @@ int createTemporary(const std::string& folder, std::string& tmp) {
 
 // The whole file, at most the size it had when opened, its head shown to `check` first; or
 // only the head when `headOnly`.
-std::vector<uint8_t> readRegular(const std::string& path, const HeadCheck& check, size_t headBytes, bool headOnly) {
+std::vector<uint8_t> readRegular(const std::string& path, const HeadCheck& check, size_t headBytes,
+                                 bool headOnly) {
   Fd f;
   f.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (f.fd < 0) {
@@ -125,7 +127,9 @@ std::vector<uint8_t> readFile(const std::string& path, const HeadCheck& check, s
   return readRegular(path, check, headBytes, false);
 }
 
-std::vector<uint8_t> readHead(const std::string& path, size_t headBytes) { return readRegular(path, {}, headBytes, true); }
+std::vector<uint8_t> readHead(const std::string& path, size_t headBytes) {
+  return readRegular(path, {}, headBytes, true);
+}
 
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes) {
   const std::string folder = folderOf(path);

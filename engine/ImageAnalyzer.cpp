@@ -68,7 +68,8 @@ ContentClass classify(const ImageCharacteristics& c) {
     return ContentClass::flatGraphic;
   }
   if (c.flatFraction > 0.35 && c.edgeFraction > 0.01) return ContentClass::screenText;
-  if (c.noiseLevel < 3.0 && !c.colorCountSaturated && c.flatFraction > 0.08) return ContentClass::illustration;
+  if (c.noiseLevel < 3.0 && !c.colorCountSaturated && c.flatFraction > 0.08)
+    return ContentClass::illustration;
   if (c.noiseLevel > 8.0) return ContentClass::noisyPhoto;
   return ContentClass::photo;
 }

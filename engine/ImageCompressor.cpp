@@ -39,7 +39,8 @@ struct Pictures {
 // One encoding of the plan, with `mode` as the plan's mode (the main encoding or the
 // alternative). For PNG the lossy alternative is the palette as if lossless weren't preferred.
 Bytes encodeOnce(const Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
-                 const ImageCharacteristics& characteristics, const EncodingPlan::Mode& mode, bool alternative) {
+                 const ImageCharacteristics& characteristics, const EncodingPlan::Mode& mode,
+                 bool alternative) {
   EncodingPlan p = plan;
   p.mode = mode;
   switch (format) {
@@ -54,7 +55,8 @@ Bytes encodeOnce(const Pictures& pictures, ImageFormat format, const EncodingPla
       return JXLEncoder::encode(pictures.rgba, pictures.rgba.hasAlpha, p);
     case ImageFormat::png:
       if (!alternative) return PNGQuantEncoder::encode(pictures.rgba, plan);
-      if (mode.kind == EncodingPlan::Mode::Kind::lossless) return PNGQuantEncoder::encodeLossless(pictures.rgba, plan);
+      if (mode.kind == EncodingPlan::Mode::Kind::lossless)
+        return PNGQuantEncoder::encodeLossless(pictures.rgba, plan);
       p = plan;
       p.prefersLossless = false;
       return PNGQuantEncoder::encode(pictures.rgba, p);
@@ -64,7 +66,8 @@ Bytes encodeOnce(const Pictures& pictures, ImageFormat format, const EncodingPla
 
 // encodeOnce, with an encoder that runs out of memory reported as that format's failure.
 Bytes encodeWith(const Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
-                 const ImageCharacteristics& characteristics, const EncodingPlan::Mode& mode, bool alternative) {
+                 const ImageCharacteristics& characteristics, const EncodingPlan::Mode& mode,
+                 bool alternative) {
   try {
     return encodeOnce(pictures, format, plan, characteristics, mode, alternative);
   } catch (const std::bad_alloc&) {
@@ -171,9 +174,11 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
   try {
     const Bytes source = ImageDecoder::readSource(path);
     const Bytes compressed = encodeData(source, format, quality);
-    const std::string name = destinationFilename ? *destinationFilename
-                                                 : baseName(path) + "." + std::string(ImageFormats::fileExtension(format));
-    const std::string destination = std::filesystem::absolute(std::filesystem::path(directory) / name).string();
+    const std::string name = destinationFilename
+                                 ? *destinationFilename
+                                 : baseName(path) + "." + std::string(ImageFormats::fileExtension(format));
+    const std::string destination =
+        std::filesystem::absolute(std::filesystem::path(directory) / name).string();
     FileIO::writeFileAtomically(destination, compressed);
     const auto original = int64_t(source.size());
     const auto written = int64_t(compressed.size());

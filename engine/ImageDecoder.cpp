@@ -50,7 +50,8 @@ std::vector<uint8_t> readSource(const std::string& path) {
     return FileIO::readFile(
         path,
         [&path](std::span<const uint8_t> head, uint64_t fileSize) {
-          if (!ImageFormats::detect(head)) throw ImageProcessingError::decodingFailed("not one of the six formats: " + path);
+          if (!ImageFormats::detect(head))
+            throw ImageProcessingError::decodingFailed("not one of the six formats: " + path);
           if (fileSize > maxSourceBytes(ImageService::properties(head)))
             throw ImageProcessingError::decodingFailed("larger than its pixels can take: " + path);
         },

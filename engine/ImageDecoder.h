@@ -21,10 +21,10 @@ inline constexpr int kThumbnailSize = 256;
 
 struct LightDecodedImage {
   ImageFormat format;
-  int pixelWidth = 0;   // displayed size: swapped already when the orientation turns by a quarter
+  int pixelWidth = 0;  // displayed size: swapped already when the orientation turns by a quarter
   int pixelHeight = 0;
   int64_t fileSizeBytes = 0;
-  int frameCount = 1;   // above 1 means animated
+  int frameCount = 1;  // above 1 means animated
   // At most 256 pixels on the longer side, upright, 8-bit; empty when making it would take
   // more than kInspectionMemory.
   DecodedImage thumbnail;

@@ -17,12 +17,18 @@ std::optional<ImageFormat> formatOf(std::span<const uint8_t> bytes) { return Ima
 
 DecodedImage decode(ImageFormat format, std::span<const uint8_t> bytes, int minLongSide) {
   switch (format) {
-    case ImageFormat::png: return codecs::decodePng(bytes, minLongSide);
-    case ImageFormat::jpeg: return codecs::decodeJpeg(bytes, minLongSide);
-    case ImageFormat::heic: return codecs::decodeHeif(bytes, minLongSide);
-    case ImageFormat::avif: return codecs::decodeAvif(bytes, minLongSide);
-    case ImageFormat::webp: return codecs::decodeWebp(bytes, minLongSide);
-    case ImageFormat::jxl: return codecs::decodeJxl(bytes, minLongSide);
+    case ImageFormat::png:
+      return codecs::decodePng(bytes, minLongSide);
+    case ImageFormat::jpeg:
+      return codecs::decodeJpeg(bytes, minLongSide);
+    case ImageFormat::heic:
+      return codecs::decodeHeif(bytes, minLongSide);
+    case ImageFormat::avif:
+      return codecs::decodeAvif(bytes, minLongSide);
+    case ImageFormat::webp:
+      return codecs::decodeWebp(bytes, minLongSide);
+    case ImageFormat::jxl:
+      return codecs::decodeJxl(bytes, minLongSide);
   }
   codecs::fail("unknown format");
 }
@@ -34,12 +40,18 @@ std::optional<Properties> properties(std::span<const uint8_t> bytes) {
   if (!format) return std::nullopt;
   try {
     switch (*format) {
-      case ImageFormat::png: return codecs::pngProperties(bytes);
-      case ImageFormat::jpeg: return codecs::jpegProperties(bytes);
-      case ImageFormat::heic: return codecs::heifProperties(bytes);
-      case ImageFormat::avif: return codecs::avifProperties(bytes);
-      case ImageFormat::webp: return codecs::webpProperties(bytes);
-      case ImageFormat::jxl: return codecs::jxlProperties(bytes);
+      case ImageFormat::png:
+        return codecs::pngProperties(bytes);
+      case ImageFormat::jpeg:
+        return codecs::jpegProperties(bytes);
+      case ImageFormat::heic:
+        return codecs::heifProperties(bytes);
+      case ImageFormat::avif:
+        return codecs::avifProperties(bytes);
+      case ImageFormat::webp:
+        return codecs::webpProperties(bytes);
+      case ImageFormat::jxl:
+        return codecs::jxlProperties(bytes);
     }
   } catch (const std::exception&) {
     // A damaged header is no properties, whatever failed while reading it.
@@ -81,7 +93,8 @@ std::optional<DecodedImage> thumbnail(std::span<const uint8_t> bytes, int maxPix
   try {
     auto props = properties(bytes);
     // JPEG, PNG and WebP decode reduced; the others need their full picture for a moment.
-    const bool reduces = *format == ImageFormat::jpeg || *format == ImageFormat::png || *format == ImageFormat::webp;
+    const bool reduces =
+        *format == ImageFormat::jpeg || *format == ImageFormat::png || *format == ImageFormat::webp;
     if (props && !reduces) codecs::checkFitsInMemory(uint64_t(props->width) * uint64_t(props->height), 8);
     DecodedImage image = decode(*format, bytes, maxPixelSize);
     image = Resample::fitWithin(image, maxPixelSize);

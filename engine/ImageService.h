@@ -21,7 +21,7 @@ inline constexpr size_t kSniffBytes = 64;
 std::optional<std::string> typeIdentifier(std::span<const uint8_t> bytes);
 
 struct Properties {
-  int width = 0;   // as stored, before orientation
+  int width = 0;  // as stored, before orientation
   int height = 0;
   std::optional<int> orientation;  // EXIF 1...8 where the file states one that the decoder won't apply
   int frameCount = 1;

@@ -16,7 +16,9 @@ bool fourcc(std::span<const uint8_t> b, size_t offset, const char* code) {
   return b.size() >= offset + 4 && std::memcmp(b.data() + offset, code, 4) == 0;
 }
 
-uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
+uint32_t be32(const uint8_t* p) {
+  return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
 
 // HEIF family: decides from the ftyp box's major and compatible brands. AVIF brands win
 // over the generic still-image brands, and HEVC brands make HEIC.
@@ -52,7 +54,8 @@ std::optional<std::string> typeIdentifier(std::span<const uint8_t> b) {
   if (startsWith(b, {0xFF, 0xD8, 0xFF})) return "public.jpeg";
   if (fourcc(b, 0, "RIFF") && fourcc(b, 8, "WEBP")) return "org.webmproject.webp";
   if (startsWith(b, {0xFF, 0x0A})) return "public.jpeg-xl";
-  if (startsWith(b, {0x00, 0x00, 0x00, 0x0C, 'J', 'X', 'L', ' ', 0x0D, 0x0A, 0x87, 0x0A})) return "public.jpeg-xl";
+  if (startsWith(b, {0x00, 0x00, 0x00, 0x0C, 'J', 'X', 'L', ' ', 0x0D, 0x0A, 0x87, 0x0A}))
+    return "public.jpeg-xl";
   if (auto iso = isoBmffType(b)) return iso;
   if (fourcc(b, 0, "GIF8")) return "com.compuserve.gif";
   if (startsWith(b, {'I', 'I', 0x2A, 0x00}) || startsWith(b, {'M', 'M', 0x00, 0x2A})) return "public.tiff";

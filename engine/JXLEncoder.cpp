@@ -103,7 +103,8 @@ std::optional<JPEGHeader> readJPEGHeader(std::span<const uint8_t> jpeg) {
     const size_t length = size_t(jpeg[at + 2]) << 8 | jpeg[at + 3];
     if (length < 2 || at + 2 + length > jpeg.size()) return std::nullopt;
     const std::span<const uint8_t> payload = jpeg.subspan(at + 4, length - 2);
-    const bool isFrame = marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
+    const bool isFrame =
+        marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
     if (isFrame && payload.size() >= 6) {
       header.precision = payload[0];
       header.height = uint32_t(payload[1]) << 8 | payload[2];
@@ -162,7 +163,8 @@ float distance(double quality) {
 }
 
 Bytes encode(const RGBABuffer& rgba, bool hasAlpha, const EncodingPlan& plan) {
-  if (rgba.width <= 0 || rgba.height <= 0 || rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
+  if (rgba.width <= 0 || rgba.height <= 0 ||
+      rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
     throw jxlFailed("pixel size check");
   codecs::QuietStderr quiet;
   JxlEncoderPtr encoder = makeEncoder();

@@ -55,7 +55,8 @@ void JsonValue::writeTo(std::string& out, const WriteOptions& options) const {
       entries.reserve(o.size());
       for (const auto& e : o) entries.push_back(&e);
       if (options.sortKeys) {
-        std::stable_sort(entries.begin(), entries.end(), [](auto* a, auto* b) { return a->first < b->first; });
+        std::stable_sort(entries.begin(), entries.end(),
+                         [](auto* a, auto* b) { return a->first < b->first; });
       }
       out += '{';
       for (size_t i = 0; i < entries.size(); ++i) {
@@ -77,16 +78,32 @@ void appendString(std::string& out, std::string_view s, bool escapeSlashes) {
   out += '"';
   for (unsigned char c : s) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
       case '/':
-        if (escapeSlashes) out += "\\/";
-        else out += '/';
+        if (escapeSlashes)
+          out += "\\/";
+        else
+          out += '/';
         break;
       default:
         if (c < 0x20) {

@@ -37,7 +37,8 @@ std::string formatArgs(std::string_view format, std::initializer_list<std::strin
     }
     size_t index = 0;
     bool numbered = false;
-    while (j < format.size() && format[j] >= '0' && format[j] <= '9') index = index * 10 + size_t(format[j++] - '0');
+    while (j < format.size() && format[j] >= '0' && format[j] <= '9')
+      index = index * 10 + size_t(format[j++] - '0');
     if (j < format.size() && format[j] == '$' && index > 0) {
       numbered = true;
       ++j;
@@ -47,7 +48,8 @@ std::string formatArgs(std::string_view format, std::initializer_list<std::strin
       continue;
     }
     while (j < format.size() && format[j] == 'l') ++j;
-    if (j >= format.size() || (format[j] != '@' && format[j] != 'd' && format[j] != 's' && format[j] != 'u')) {
+    if (j >= format.size() ||
+        (format[j] != '@' && format[j] != 'd' && format[j] != 's' && format[j] != 'u')) {
       out += format[i];
       continue;
     }

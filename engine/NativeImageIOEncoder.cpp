@@ -110,10 +110,12 @@ double compressionQuality(ImageFormat format, const EncodingPlan& plan) {
 
 Bytes encode(const DecodedImage& image, bool hasAlpha, ImageFormat format, const EncodingPlan& plan) {
   const std::string label(ImageFormats::label(format));
-  if (!isNativeFormat(format)) throw ImageProcessingError::encodingFailed(label, "not a JPEG, HEIC or AVIF request");
+  if (!isNativeFormat(format))
+    throw ImageProcessingError::encodingFailed(label, "not a JPEG, HEIC or AVIF request");
   if (plan.mode.kind != EncodingPlan::Mode::Kind::lossy)
     throw ImageProcessingError::encodingFailed(label, "JPEG, HEIC and AVIF are written lossy only");
-  if (!hasValidPixels(image)) throw ImageProcessingError::encodingFailed(label, "picture without valid pixels");
+  if (!hasValidPixels(image))
+    throw ImageProcessingError::encodingFailed(label, "picture without valid pixels");
 
   try {
     const bool keepAlpha = format != ImageFormat::jpeg && hasAlpha;

@@ -89,7 +89,8 @@ void fillRow(const RGBABuffer& rgba, int y, int channels, uint8_t* row) {
 
 Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
   // Width and height are ints already, so they fit libimagequant's signed 32-bit sizes.
-  if (rgba.width <= 0 || rgba.height <= 0 || rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
+  if (rgba.width <= 0 || rgba.height <= 0 ||
+      rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
     throw pngFailed("size check");
   LiqAttrPtr attr(liq_attr_create());
   if (!attr) throw pngFailed("liq_attr_create");

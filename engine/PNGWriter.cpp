@@ -107,8 +107,8 @@ void appendICCProfileIfPresent(Bytes& data, const std::optional<Bytes>& profile)
   appendPNGChunk(data, "iCCP", payload);
 }
 
-Bytes writeIndexedPNG(int width, int height, std::span<const uint8_t> indices, std::span<const PaletteEntry> palette,
-                      const std::optional<Bytes>& iccProfile) {
+Bytes writeIndexedPNG(int width, int height, std::span<const uint8_t> indices,
+                      std::span<const PaletteEntry> palette, const std::optional<Bytes>& iccProfile) {
   Bytes file(pngSignature.begin(), pngSignature.end());
   appendIHDR(file, width, height, 3);
   appendICCProfileIfPresent(file, iccProfile);
@@ -141,7 +141,8 @@ Bytes writeIndexedPNG(int width, int height, std::span<const uint8_t> indices, s
   return file;
 }
 
-int64_t apply(Filter filter, const uint8_t* row, const uint8_t* previous, size_t count, size_t bpp, uint8_t* out) {
+int64_t apply(Filter filter, const uint8_t* row, const uint8_t* previous, size_t count, size_t bpp,
+              uint8_t* out) {
   int64_t score = 0;
   switch (filter) {
     case Filter::none:

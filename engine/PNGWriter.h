@@ -28,7 +28,8 @@ Bytes writeIndexedPNG(int width, int height, std::span<const uint8_t> indices,
 // Level 9 up to 2 MiB of input, 6 above. Throws ZlibError.
 Bytes zlibCompress(std::span<const uint8_t> data);
 // Filters `count` bytes of `row` against `previous` into `out`; returns the score.
-int64_t apply(Filter filter, const uint8_t* row, const uint8_t* previous, size_t count, size_t bpp, uint8_t* out);
+int64_t apply(Filter filter, const uint8_t* row, const uint8_t* previous, size_t count, size_t bpp,
+              uint8_t* out);
 
 void appendUInt32BE(Bytes& data, uint32_t value);
 // `type` must be four ASCII letters.

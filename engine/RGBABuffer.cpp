@@ -112,7 +112,8 @@ bool convert8(AlphaInfo alpha, std::vector<uint8_t>& pixels) {
       return false;
     case AlphaInfo::straight:
     case AlphaInfo::premultiplied: {
-      const AlphaTable& table = alpha == AlphaInfo::straight ? straightRoundTripTable() : unpremultiplyTable();
+      const AlphaTable& table =
+          alpha == AlphaInfo::straight ? straightRoundTripTable() : unpremultiplyTable();
       bool any = false;
       for (size_t i = 0; i < count; ++i) any |= applyAlphaTable(p + i * 4, table);
       return any;

@@ -16,14 +16,30 @@ struct SourceOf {
   SourceOf(int orientation, int w, int h) {
     const ptrdiff_t W = w, last = ptrdiff_t(h - 1) * W, right = W - 1;
     switch (orientation) {
-      case 2: base = right, stepX = -1, stepY = W; break;
-      case 3: base = last + right, stepX = -1, stepY = -W; break;
-      case 4: base = last, stepX = 1, stepY = -W; break;
-      case 5: base = 0, stepX = W, stepY = 1; break;              // transpose
-      case 6: base = last, stepX = -W, stepY = 1; break;          // quarter turn clockwise
-      case 7: base = last + right, stepX = -W, stepY = -1; break;  // transverse
-      case 8: base = right, stepX = W, stepY = -1; break;         // quarter turn anticlockwise
-      default: base = 0, stepX = 1, stepY = W; break;
+      case 2:
+        base = right, stepX = -1, stepY = W;
+        break;
+      case 3:
+        base = last + right, stepX = -1, stepY = -W;
+        break;
+      case 4:
+        base = last, stepX = 1, stepY = -W;
+        break;
+      case 5:
+        base = 0, stepX = W, stepY = 1;
+        break;  // transpose
+      case 6:
+        base = last, stepX = -W, stepY = 1;
+        break;  // quarter turn clockwise
+      case 7:
+        base = last + right, stepX = -W, stepY = -1;
+        break;  // transverse
+      case 8:
+        base = right, stepX = W, stepY = -1;
+        break;  // quarter turn anticlockwise
+      default:
+        base = 0, stepX = 1, stepY = W;
+        break;
     }
   }
 };
@@ -142,7 +158,8 @@ DecodedImage orient(const DecodedImage& image, int orientation) {
 DecodedImage toEightBit(DecodedImage image) {
   if (image.bitsPerComponent != 16) return image;
   image.pixels8.resize(image.pixels16.size());
-  for (size_t i = 0; i < image.pixels16.size(); ++i) image.pixels8[i] = uint8_t((image.pixels16[i] + 128u) / 257u);
+  for (size_t i = 0; i < image.pixels16.size(); ++i)
+    image.pixels8[i] = uint8_t((image.pixels16[i] + 128u) / 257u);
   std::vector<uint16_t>().swap(image.pixels16);
   image.bitsPerComponent = 8;
   return image;

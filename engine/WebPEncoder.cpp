@@ -146,7 +146,8 @@ WebPPreset preset(const ImageCharacteristics& characteristics) {
   return WEBP_PRESET_PHOTO;
 }
 
-WebPConfig makeConfig(const EncodingPlan& plan, const ImageCharacteristics& characteristics, bool bufferHasAlpha) {
+WebPConfig makeConfig(const EncodingPlan& plan, const ImageCharacteristics& characteristics,
+                      bool bufferHasAlpha) {
   WebPConfig config;
   std::memset(&config, 0, sizeof config);
   if (!WebPConfigPreset(&config, preset(characteristics), 75.f)) throw webpFailed("WebPConfigPreset");

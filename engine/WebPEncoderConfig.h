@@ -16,6 +16,7 @@ WebPPreset preset(const ImageCharacteristics& characteristics);
 // The preset at quality 75 with the fields of `plan.mode` set on top; `bufferHasAlpha` is
 // the RGBABuffer's (it picks method 4 for lossy). Not yet validated.
 // Throws ImageProcessingError::encodingFailed("WebP") when libwebp refuses the preset.
-WebPConfig makeConfig(const EncodingPlan& plan, const ImageCharacteristics& characteristics, bool bufferHasAlpha);
+WebPConfig makeConfig(const EncodingPlan& plan, const ImageCharacteristics& characteristics,
+                      bool bufferHasAlpha);
 
 }  // namespace quillane::WebPEncoder

@@ -30,7 +30,8 @@ using quillane::DecodedImage;
 using quillane::ImageProcessingError;
 namespace ImageService = quillane::ImageService;
 
-const quillane::ImageFormat kFormat = *quillane::ImageFormats::fromRawValue(QUILLANE_STRINGIFY(QUILLANE_FUZZ_FORMAT));
+const quillane::ImageFormat kFormat =
+    *quillane::ImageFormats::fromRawValue(QUILLANE_STRINGIFY(QUILLANE_FUZZ_FORMAT));
 
 // Pictures above this are refused here rather than decoded: the size limits are the bomb
 // tests' subject, and a fuzzer that allocates gigabytes finds nothing faster.
@@ -60,7 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (int bound : {1, 64}) {
     if (auto thumb = ImageService::thumbnail(bytes, bound)) {
       checkPicture(*thumb);
-      if (thumb->bitsPerComponent != 8 || std::max(thumb->width, thumb->height) > bound) fail("thumbnail out of bounds");
+      if (thumb->bitsPerComponent != 8 || std::max(thumb->width, thumb->height) > bound)
+        fail("thumbnail out of bounds");
     }
   }
   try {
@@ -102,20 +104,32 @@ int main(int argc, char** argv) {
       // The first 16 bytes keep the signature, so that the input reaches the reader.
       const size_t at = 16 + random() % (input.size() - 16);
       switch (random() % 5) {
-        case 0: input[at] ^= uint8_t(1 + random() % 255); break;
-        case 1: input[at] = uint8_t(random() % 2 ? 0xFF : 0x00); break;
-        case 2: input.resize(at); break;
-        case 3: input.erase(input.begin() + std::ptrdiff_t(at), input.begin() + std::ptrdiff_t(std::min(input.size(), at + 1 + random() % 32))); break;
+        case 0:
+          input[at] ^= uint8_t(1 + random() % 255);
+          break;
+        case 1:
+          input[at] = uint8_t(random() % 2 ? 0xFF : 0x00);
+          break;
+        case 2:
+          input.resize(at);
+          break;
+        case 3:
+          input.erase(input.begin() + std::ptrdiff_t(at),
+                      input.begin() + std::ptrdiff_t(std::min(input.size(), at + 1 + random() % 32)));
+          break;
         default: {
           const size_t length = std::min<size_t>(input.size() - at, 1 + random() % 32);
-          std::vector<uint8_t> run(input.begin() + std::ptrdiff_t(at), input.begin() + std::ptrdiff_t(at + length));
+          std::vector<uint8_t> run(input.begin() + std::ptrdiff_t(at),
+                                   input.begin() + std::ptrdiff_t(at + length));
           input.insert(input.begin() + std::ptrdiff_t(at), run.begin(), run.end());
         }
       }
     }
     LLVMFuzzerTestOneInput(input.data(), input.size());
   }
-  std::printf("image_fuzz " QUILLANE_STRINGIFY(QUILLANE_FUZZ_FORMAT) ": %zu seeds, %ld mutations, no failure\n", seeds.size(), runs);
+  std::printf(
+      "image_fuzz " QUILLANE_STRINGIFY(QUILLANE_FUZZ_FORMAT) ": %zu seeds, %ld mutations, no failure\n",
+      seeds.size(), runs);
   return 0;
 }
 #endif

@@ -33,15 +33,22 @@ int main(int argc, char** argv) {
       {"jpeg/cmyk", [&] { return fixtures::cmykJpeg(8, 8, Bytes(8 * 8 * 4, 90), fixtures::cmykICC()); }},
       {"webp/lossy", [&] { return fixtures::webp(photo, {.icc = fixtures::srgbICC(), .orientation = 8}); }},
       {"webp/lossless", [&] { return fixtures::webp(quarters, {.lossless = true}); }},
-      {"webp/animated", [&] { return fixtures::animatedWebp({quarters, quarters}); }},
+      {"webp/animated",
+       [&] {
+         return fixtures::animatedWebp({quarters, quarters});
+       }},
       {"heic/alpha", [&] { return fixtures::heic(photo, {.quality = 40}); }},
-      {"heic/turned", [&] { return fixtures::heic(quarters, {.quality = 40, .alpha = false, .orientation = 6}); }},
+      {"heic/turned",
+       [&] { return fixtures::heic(quarters, {.quality = 40, .alpha = false, .orientation = 6}); }},
       {"heic/av1", [&] { return fixtures::heic(quarters, {.quality = 40, .av1 = true}); }},
       {"avif/plain", [&] { return fixtures::avif(photo, {.quantizer = 40, .irotAngle = 1}); }},
-      {"avif/ten_bit", [&] { return fixtures::avif(wide, {.quantizer = 40, .depth = 10, .icc = fixtures::srgbICC()}); }},
-      {"avif/sequence", [&] { return fixtures::avif(quarters, {.quantizer = 50, .alpha = false, .frames = 2}); }},
+      {"avif/ten_bit",
+       [&] { return fixtures::avif(wide, {.quantizer = 40, .depth = 10, .icc = fixtures::srgbICC()}); }},
+      {"avif/sequence",
+       [&] { return fixtures::avif(quarters, {.quantizer = 50, .alpha = false, .frames = 2}); }},
       {"jxl/lossless", [&] { return fixtures::jxl(photo, {.orientation = 5}); }},
-      {"jxl/lossy", [&] { return fixtures::jxl(quarters, {.lossless = false, .icc = fixtures::displayP3ICC()}); }},
+      {"jxl/lossy",
+       [&] { return fixtures::jxl(quarters, {.lossless = false, .icc = fixtures::displayP3ICC()}); }},
       {"jxl/animated", [&] { return fixtures::jxl(wide, {.frames = 2}); }},
   };
   try {

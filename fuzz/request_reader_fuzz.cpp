@@ -36,7 +36,8 @@ Result read(std::string_view bytes, std::string_view pattern) {
   auto outcome = LocalAPIRequestReader::Outcome::needMore;
   size_t at = 0, step = 0;
   while (at < bytes.size() && outcome == LocalAPIRequestReader::Outcome::needMore) {
-    size_t length = pattern.empty() ? bytes.size() : 1 + size_t(uint8_t(pattern[step++ % pattern.size()])) % 64;
+    size_t length =
+        pattern.empty() ? bytes.size() : 1 + size_t(uint8_t(pattern[step++ % pattern.size()])) % 64;
     length = std::min(length, bytes.size() - at);
     outcome = reader.receive(bytes.substr(at, length));
     at += length;
@@ -63,7 +64,8 @@ void checkRequest(const LocalAPIRequest& request) {
   if (request.path.find('?') != std::string::npos) fail("query left in the path");
   // The response that would carry these strings back must be well formed.
   auto response = quillane::LocalAPIResponse::error(200, request.path + request.method + request.body);
-  if (response.body.size() < 12 || response.body.front() != '{' || response.body.back() != '}') fail("bad JSON");
+  if (response.body.size() < 12 || response.body.front() != '{' || response.body.back() != '}')
+    fail("bad JSON");
 }
 
 }  // namespace
@@ -112,8 +114,21 @@ int main(int argc, char** argv) {
       "PUT  /a b c\r\nContent-Length: 8388609\r\n\r\n",
       "GET /\xc3\xa9\xff HTTP/1.1\nHost: lf-only\n\n",
   };
-  const std::vector<std::string> tokens = {"\r\n", "\r\n\r\n", ":", " ", "Content-Length: ", "%", "%e2%82",
-                                           "?", "&", "=", "-", "+", "99999999999999999999", "\xc0\xaf", std::string(1, '\0')};
+  const std::vector<std::string> tokens = {"\r\n",
+                                           "\r\n\r\n",
+                                           ":",
+                                           " ",
+                                           "Content-Length: ",
+                                           "%",
+                                           "%e2%82",
+                                           "?",
+                                           "&",
+                                           "=",
+                                           "-",
+                                           "+",
+                                           "99999999999999999999",
+                                           "\xc0\xaf",
+                                           std::string(1, '\0')};
   std::mt19937_64 random(20240601);
   std::string input;
   for (long run = 0; run < runs; ++run) {
@@ -122,10 +137,18 @@ int main(int argc, char** argv) {
     for (int m = 0; m < mutations && !input.empty(); ++m) {
       size_t at = random() % input.size();
       switch (random() % 4) {
-        case 0: input[at] = char(random()); break;
-        case 1: input.erase(at, random() % 8); break;
-        case 2: input.insert(at, tokens[random() % tokens.size()]); break;
-        default: input.insert(at, std::string(random() % 64, char('a' + random() % 26))); break;
+        case 0:
+          input[at] = char(random());
+          break;
+        case 1:
+          input.erase(at, random() % 8);
+          break;
+        case 2:
+          input.insert(at, tokens[random() % tokens.size()]);
+          break;
+        default:
+          input.insert(at, std::string(random() % 64, char('a' + random() % 26)));
+          break;
       }
     }
     std::string framed(1, char(random()));

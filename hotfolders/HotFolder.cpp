@@ -34,9 +34,11 @@ HotFolder fromJson(const QJsonObject& object) {
   folder.destinationFolder = JsonForms::requireFileURL(object, QStringLiteral("destinationFolder"));
   folder.profileName = JsonForms::optionalString(object, QStringLiteral("profileName"));
   const QJsonValue format = object.value(QStringLiteral("format"));
-  if (!format.isUndefined() && !format.isNull()) folder.format = JsonForms::requireFormat(object, QStringLiteral("format"));
+  if (!format.isUndefined() && !format.isNull())
+    folder.format = JsonForms::requireFormat(object, QStringLiteral("format"));
   const QJsonValue quality = object.value(QStringLiteral("quality"));
-  if (!quality.isUndefined() && !quality.isNull()) folder.quality = JsonForms::requireDouble(object, QStringLiteral("quality"));
+  if (!quality.isUndefined() && !quality.isNull())
+    folder.quality = JsonForms::requireDouble(object, QStringLiteral("quality"));
   const std::optional<bool> enabled = JsonForms::optionalBool(object, QStringLiteral("isEnabled"));
   if (!enabled) throw JsonForms::DecodingError("isEnabled is required");
   folder.isEnabled = *enabled;

@@ -8,7 +8,6 @@
 #include <QMetaType>
 #include <QString>
 #include <QUuid>
-
 #include <optional>
 #include <vector>
 
@@ -20,13 +19,13 @@ class QJsonObject;
 namespace quillane {
 
 struct HotFolder {
-  QUuid id;                    // never changes across edits; keys the folder's processed memory
-  QString name;                // trimmed, never empty when saved by the form
-  QString sourceFolder;        // local path; a file URL in JSON
-  QString destinationFolder;   // local path; always wins over a profile's folder
+  QUuid id;                            // never changes across edits; keys the folder's processed memory
+  QString name;                        // trimmed, never empty when saved by the form
+  QString sourceFolder;                // local path; a file URL in JSON
+  QString destinationFolder;           // local path; always wins over a profile's folder
   std::optional<QString> profileName;  // matched ignoring case at each scan
   std::optional<ImageFormat> format;
-  std::optional<double> quality;       // 1 to 100, perceptual
+  std::optional<double> quality;  // 1 to 100, perceptual
   bool isEnabled = true;
 
   bool operator==(const HotFolder&) const = default;

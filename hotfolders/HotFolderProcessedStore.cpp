@@ -3,7 +3,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QStringList>
-
 #include <algorithm>
 #include <mutex>
 #include <vector>
@@ -55,8 +54,8 @@ void write(const OuterMap& outer) {
     JsonValue inner = JsonValue::object();
     for (auto entry = files.begin(); entry != files.end(); ++entry) {
       inner.set(entry.key().toStdString(), JsonValue::object()
-                                                .set("sizeBytes", JsonForms::integer(entry->sizeBytes))
-                                                .set("modificationDate", entry->modificationDate));
+                                               .set("sizeBytes", JsonForms::integer(entry->sizeBytes))
+                                               .set("modificationDate", entry->modificationDate));
     }
     root.set(folderID.toStdString(), std::move(inner));
   }
@@ -64,7 +63,8 @@ void write(const OuterMap& outer) {
 }
 
 OuterMap::iterator find(OuterMap& outer, const QString& hotFolderID) {
-  return std::find_if(outer.begin(), outer.end(), [&](const auto& pair) { return pair.first == hotFolderID; });
+  return std::find_if(outer.begin(), outer.end(),
+                      [&](const auto& pair) { return pair.first == hotFolderID; });
 }
 
 }  // namespace

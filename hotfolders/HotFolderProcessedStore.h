@@ -11,7 +11,6 @@
 
 #include <QMap>
 #include <QString>
-
 #include <cstdint>
 #include <functional>
 

@@ -1,6 +1,12 @@
 // HotFolderWatcher::scanOnce and what it needs: the listing, the choice of candidates, the
 // parallel compression and the record of what was done.
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <QCollator>
 #include <QDir>
 #include <QFile>
@@ -8,13 +14,6 @@
 #include <QSemaphore>
 #include <QStringList>
 #include <QThreadPool>
-
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <time.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <thread>
 
@@ -59,7 +58,8 @@ std::optional<std::vector<FolderEntry>> listFolder(const QString& folder) {
   while (const dirent* entry = ::readdir(dir)) {
     if (entry->d_name[0] == '.') continue;
     struct stat st {};
-    if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) continue;
+    if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode))
+      continue;
     files.push_back({QFile::decodeName(entry->d_name), int64_t(st.st_size), secondsSince2001(st.st_mtim)});
   }
   ::closedir(dir);
@@ -149,7 +149,8 @@ void HotFolderWatcher::scanOnce() {
   for (const FolderEntry& file : *listing) {
     seenNames.insert(file.name);
     const auto entry = known.constFind(file.name);
-    if (entry != known.constEnd() && entry->sizeBytes == file.size && entry->modificationDate == file.modificationDate)
+    if (entry != known.constEnd() && entry->sizeBytes == file.size &&
+        entry->modificationDate == file.modificationDate)
       continue;
     const QString path = hotFolder_.sourceFolder + QLatin1Char('/') + file.name;
     if (!ImageFormats::detect(QFile::encodeName(path).toStdString())) continue;
@@ -184,8 +185,8 @@ void HotFolderWatcher::scanOnce() {
     // Nothing compressed and the stale names kept, so that recreating the profile resumes
     // the folder where it stood.
     if (onActivity) {
-      onActivity({QUuid::createUuid(), hotFolder_.name, QString(), std::nullopt, QDateTime::currentDateTimeUtc(),
-                  QString::fromStdString(error.description())});
+      onActivity({QUuid::createUuid(), hotFolder_.name, QString(), std::nullopt,
+                  QDateTime::currentDateTimeUtc(), QString::fromStdString(error.description())});
     }
     return;
   }
@@ -193,17 +194,20 @@ void HotFolderWatcher::scanOnce() {
 
   QCollator collator{QLocale()};
   collator.setNumericMode(true);
-  std::stable_sort(state->candidates.begin(), state->candidates.end(),
-                   [&](const Candidate& a, const Candidate& b) { return collator.compare(a.name, b.name) < 0; });
+  std::stable_sort(
+      state->candidates.begin(), state->candidates.end(),
+      [&](const Candidate& a, const Candidate& b) { return collator.compare(a.name, b.name) < 0; });
   // The files of this scan are its inputs: a name in the destination that is one of them (a
   // hard link, say) is passed over, so that no output replaces a source it has yet to read.
   std::vector<std::string> inputPaths;
   inputPaths.reserve(state->candidates.size());
-  for (const Candidate& candidate : state->candidates) inputPaths.push_back(QFile::encodeName(candidate.path).toStdString());
+  for (const Candidate& candidate : state->candidates)
+    inputPaths.push_back(QFile::encodeName(candidate.path).toStdString());
   ExportFilenameAllocator allocator(QFile::encodeName(state->settings.destination).toStdString(), inputPaths);
   const QString extension = QString::fromLatin1(ImageFormats::fileExtension(state->settings.format).data());
   for (Candidate& candidate : state->candidates) {
-    candidate.destinationFilename = allocator.filename(QFileInfo(candidate.name).completeBaseName(), extension);
+    candidate.destinationFilename =
+        allocator.filename(QFileInfo(candidate.name).completeBaseName(), extension);
   }
 
   const int total = int(state->candidates.size());
@@ -224,16 +228,18 @@ void HotFolderWatcher::scanOnce() {
       const Candidate& candidate = state->candidates[index];
       const ResolvedSettings& settings = state->settings;
       const ImageCompressionResult result = ImageCompressor::compress(
-          QFile::encodeName(candidate.path).toStdString(), QFile::encodeName(settings.destination).toStdString(),
-          settings.format, settings.quality, QFile::encodeName(candidate.destinationFilename).toStdString());
+          QFile::encodeName(candidate.path).toStdString(),
+          QFile::encodeName(settings.destination).toStdString(), settings.format, settings.quality,
+          QFile::encodeName(candidate.destinationFilename).toStdString());
       state->results.sync([&] {
-        HotFolderActivity line{QUuid::createUuid(), self->hotFolder_.name, candidate.name, std::nullopt,
-                               QDateTime::currentDateTimeUtc(), std::nullopt};
+        HotFolderActivity line{QUuid::createUuid(), self->hotFolder_.name,           candidate.name,
+                               std::nullopt,        QDateTime::currentDateTimeUtc(), std::nullopt};
         if (result.destination) line.destinationURL = QFile::decodeName(result.destination->c_str());
         if (result.error) line.error = QString::fromStdString(*result.error);
         if (self->onActivity) self->onActivity(line);
         // The listed values, not fresh ones: a file that changed meanwhile comes up again.
-        if (!result.error) state->processed.insert(candidate.name, {candidate.size, candidate.modificationDate});
+        if (!result.error)
+          state->processed.insert(candidate.name, {candidate.size, candidate.modificationDate});
         ++state->completed;
         if (self->onProgress) self->onProgress(state->completed, total);
       });

@@ -1,13 +1,13 @@
 #include "hotfolders/HotFolderWatcher.h"
 
-#include <QFile>
-#include <QThread>
-
 #include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
+
+#include <QFile>
+#include <QThread>
 
 #include "hotfolders/SerialQueue.h"
 
@@ -53,7 +53,8 @@ bool statFolder(const QString& folder, struct stat& st) {
 
 }  // namespace
 
-std::shared_ptr<HotFolderWatcher> HotFolderWatcher::make(HotFolder hotFolder, std::optional<double> pollIntervalOverride,
+std::shared_ptr<HotFolderWatcher> HotFolderWatcher::make(HotFolder hotFolder,
+                                                         std::optional<double> pollIntervalOverride,
                                                          VolumeCheck volumeCheck) {
   return std::shared_ptr<HotFolderWatcher>(
       new HotFolderWatcher(std::move(hotFolder), pollIntervalOverride, std::move(volumeCheck)));
@@ -217,10 +218,13 @@ bool HotFolderWatcher::isWatching() const {
   }
   // A volume mounted over the folder after start hides what inotify watches.
   struct stat st {};
-  return statFolder(hotFolder_.sourceFolder, st) && uint64_t(st.st_dev) == device && uint64_t(st.st_ino) == inode;
+  return statFolder(hotFolder_.sourceFolder, st) && uint64_t(st.st_dev) == device &&
+         uint64_t(st.st_ino) == inode;
 }
 
-void HotFolderWatcher::waitUntilIdle() { queue_->sync([] {}); }
+void HotFolderWatcher::waitUntilIdle() {
+  queue_->sync([] {});
+}
 
 bool HotFolderWatcher::startedOnMountRoot() const {
   std::lock_guard lock(stateLock_);
@@ -232,7 +236,8 @@ bool HotFolderWatcher::isMountRoot(const QString& folder) {
   if (::statx(AT_FDCWD, QFile::encodeName(folder).constData(), 0, STATX_BASIC_STATS, &st) != 0) return false;
   if (st.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) return (st.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
   // Kernels before 5.8 don't say; a device of its own still tells most volumes apart.
-  struct stat self {}, parent {};
+  struct stat self {
+  }, parent{};
   return statFolder(folder, self) && statFolder(folder + QStringLiteral("/.."), parent) &&
          self.st_dev != parent.st_dev;
 }

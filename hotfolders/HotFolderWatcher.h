@@ -20,7 +20,6 @@
 
 #include <QDateTime>
 #include <QString>
-
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -115,7 +114,7 @@ class HotFolderWatcher : public std::enable_shared_from_this<HotFolderWatcher> {
   mutable std::mutex stateLock_;  // guards the fields below; never held across a call out
   bool isStopped_ = false;
   std::shared_ptr<WorkItem> source_;
-  int watchedFd_ = -1;      // the inotify descriptor of source_, owned by the queue
+  int watchedFd_ = -1;  // the inotify descriptor of source_, owned by the queue
   uint64_t watchedDevice_ = 0, watchedInode_ = 0;
   bool sourceLost_ = false;
   bool startedOnMountRoot_ = false;

@@ -12,17 +12,19 @@ namespace quillane {
 namespace {
 
 HotFolderActivity folderLine(const HotFolder& hotFolder, const QString& message) {
-  return {QUuid::createUuid(), hotFolder.name, QString(), std::nullopt, QDateTime::currentDateTimeUtc(), message};
+  return {
+      QUuid::createUuid(), hotFolder.name, QString(), std::nullopt, QDateTime::currentDateTimeUtc(), message};
 }
 
 QString sameFolderText() {
-  return QString::fromStdString(Localization::text(
-      "settings.hotFolders.sameFolderWarning", "La source et la destination doivent être des dossiers différents."));
+  return QString::fromStdString(
+      Localization::text("settings.hotFolders.sameFolderWarning",
+                         "La source et la destination doivent être des dossiers différents."));
 }
 
 QString unreadableSourceText() {
-  return QString::fromStdString(
-      Localization::text("settings.hotFolders.unreadableSource", "Impossible d'ouvrir le dossier surveillé."));
+  return QString::fromStdString(Localization::text("settings.hotFolders.unreadableSource",
+                                                   "Impossible d'ouvrir le dossier surveillé."));
 }
 
 }  // namespace
@@ -53,7 +55,9 @@ std::optional<HotFolderProgress> HotFoldersManager::progress(const QUuid& hotFol
   return it == progress_.constEnd() ? std::nullopt : std::optional(*it);
 }
 
-bool HotFoldersManager::isRunning(const QUuid& hotFolderID) const { return watchers_.count(hotFolderID) != 0; }
+bool HotFoldersManager::isRunning(const QUuid& hotFolderID) const {
+  return watchers_.count(hotFolderID) != 0;
+}
 
 void HotFoldersManager::retire(const QUuid& hotFolderID) {
   const auto it = watchers_.find(hotFolderID);
@@ -83,7 +87,8 @@ void HotFoldersManager::applyWatchers() {
     if (!folder.isEnabled) continue;
     const auto running = watchers_.find(folder.id);
     // A watcher whose folder went away (deleted, unmounted, covered by a mount) is tried again.
-    if (running != watchers_.end() && running->second->hotFolder() == folder && running->second->isWatching()) {
+    if (running != watchers_.end() && running->second->hotFolder() == folder &&
+        running->second->isWatching()) {
       continue;
     }
     if (running != watchers_.end() && running->second->hotFolder() == folder &&
@@ -107,7 +112,8 @@ void HotFoldersManager::applyWatchers() {
     // may name it directly.
     const QUuid id = folder.id;
     watcher->onActivity = [this](const HotFolderActivity& activity) {
-      QMetaObject::invokeMethod(this, [this, activity] { record(activity); }, Qt::QueuedConnection);
+      QMetaObject::invokeMethod(
+          this, [this, activity] { record(activity); }, Qt::QueuedConnection);
     };
     watcher->onProgress = [this, id](int completed, int total) {
       QMetaObject::invokeMethod(

@@ -14,7 +14,6 @@
 #include <QObject>
 #include <QSet>
 #include <QUuid>
-
 #include <map>
 #include <memory>
 #include <optional>

@@ -1,9 +1,9 @@
 #include "hotfolders/MountObserver.h"
 
-#include <QSocketNotifier>
-
 #include <fcntl.h>
 #include <unistd.h>
+
+#include <QSocketNotifier>
 
 namespace quillane {
 

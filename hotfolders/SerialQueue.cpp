@@ -1,12 +1,11 @@
 #include "hotfolders/SerialQueue.h"
 
-#include <QSemaphore>
-#include <QThread>
-
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <QSemaphore>
+#include <QThread>
 #include <map>
 #include <mutex>
 #include <vector>
@@ -42,7 +41,8 @@ struct SerialQueue::Impl {
 
   void closeRemovedSources() {  // REQUIRES: mutex held
     for (const auto& handler : removed) {
-      auto it = std::find_if(sources.begin(), sources.end(), [&](const Source& s) { return s.handler == handler; });
+      auto it =
+          std::find_if(sources.begin(), sources.end(), [&](const Source& s) { return s.handler == handler; });
       if (it == sources.end()) continue;
       ::close(it->fd);
       sources.erase(it);
@@ -62,7 +62,8 @@ struct SerialQueue::Impl {
         closeRemovedSources();
         tasks.swap(posted);
         if (!timers.empty()) {
-          const auto wait = std::chrono::ceil<std::chrono::milliseconds>(timers.begin()->first - Clock::now());
+          const auto wait =
+              std::chrono::ceil<std::chrono::milliseconds>(timers.begin()->first - Clock::now());
           timeout = int(std::max<int64_t>(0, wait.count()));
         }
         fds.assign(1, pollfd{wakeFd, POLLIN, 0});

@@ -12,7 +12,6 @@
 // Any thread, unless said otherwise.
 
 #include <QString>
-
 #include <atomic>
 #include <chrono>
 #include <functional>

@@ -2,7 +2,6 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
-
 #include <algorithm>
 
 #include "records/JSONFileStore.h"
@@ -18,13 +17,14 @@ bool sameName(const QString& a, const QString& b) { return QString::compare(a, b
 
 void upsert(ExportProfileList& profiles, const ExportProfile& profile) {
   const QString trimmed = profile.name.trimmed();
-  auto byID = std::find_if(profiles.begin(), profiles.end(), [&](const auto& p) { return p.id == profile.id; });
+  auto byID =
+      std::find_if(profiles.begin(), profiles.end(), [&](const auto& p) { return p.id == profile.id; });
   if (byID != profiles.end()) {
     *byID = profile;
     std::erase_if(profiles, [&](const auto& p) { return p.id != profile.id && sameName(p.name, trimmed); });
   } else {
-    auto byName =
-        std::find_if(profiles.begin(), profiles.end(), [&](const auto& p) { return sameName(p.name, trimmed); });
+    auto byName = std::find_if(profiles.begin(), profiles.end(),
+                               [&](const auto& p) { return sameName(p.name, trimmed); });
     if (byName != profiles.end()) {
       *byName = profile;
     } else {
@@ -64,7 +64,8 @@ JsonValue toJson(const ExportProfile& profile) {
   object.set("name", JsonForms::string(profile.name));
   object.set("format", JsonForms::format(profile.format));
   object.set("quality", profile.quality);
-  if (profile.destinationFolder) object.set("destinationFolder", JsonForms::fileURL(*profile.destinationFolder));
+  if (profile.destinationFolder)
+    object.set("destinationFolder", JsonForms::fileURL(*profile.destinationFolder));
   object.set("isDefault", profile.isDefault);
   return object;
 }
@@ -88,6 +89,8 @@ std::optional<ExportProfileList> listFromJson(const QJsonDocument& document) {
 
 ExportProfileList load() { return JSONFileStore::loadList(QString::fromLatin1(fileName), &fromJson); }
 
-void save(const ExportProfileList& profiles) { JSONFileStore::save(toJson(profiles), QString::fromLatin1(fileName)); }
+void save(const ExportProfileList& profiles) {
+  JSONFileStore::save(toJson(profiles), QString::fromLatin1(fileName));
+}
 
 }  // namespace quillane::ExportProfiles

@@ -9,13 +9,15 @@ ProfileNotFoundError::ProfileNotFoundError(QString name)
     : QuillaneError("no profile named " + name.toStdString()), name_(std::move(name)) {}
 
 std::string ProfileNotFoundError::description() const {
-  return Localization::format("error.profileNotFoundFormat", "Profil introuvable : %@", {name_.toStdString()});
+  return Localization::format("error.profileNotFoundFormat", "Profil introuvable : %@",
+                              {name_.toStdString()});
 }
 
 namespace ExportProfileResolver {
 
 Resolved resolve(const std::optional<QString>& profileName, std::optional<double> explicitQuality,
-                 std::optional<ImageFormat> explicitFormat, const std::optional<QString>& explicitOutputDirectory) {
+                 std::optional<ImageFormat> explicitFormat,
+                 const std::optional<QString>& explicitOutputDirectory) {
   Resolved resolved{explicitFormat.value_or(ImageFormat::jpeg), explicitQuality.value_or(75.0),
                     explicitOutputDirectory};
   const ExportProfileList profiles = ExportProfiles::load();

@@ -5,7 +5,6 @@
 // it sees the latest saved state.
 
 #include <QString>
-
 #include <optional>
 
 #include "engine/Errors.h"
@@ -37,7 +36,8 @@ struct Resolved {
 // explicitly, or ProfileNotFoundError is thrown; without one, the default profile does, if
 // any. A missing or damaged file counts as no profiles. Any thread.
 Resolved resolve(const std::optional<QString>& profileName, std::optional<double> explicitQuality,
-                 std::optional<ImageFormat> explicitFormat, const std::optional<QString>& explicitOutputDirectory);
+                 std::optional<ImageFormat> explicitFormat,
+                 const std::optional<QString>& explicitOutputDirectory);
 
 }  // namespace ExportProfileResolver
 }  // namespace quillane

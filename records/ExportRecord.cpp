@@ -1,9 +1,9 @@
 #include "records/ExportRecord.h"
 
 #include <QJsonDocument>
+#include <QJsonObject>
 #include <algorithm>
 #include <chrono>
-#include <QJsonObject>
 
 #include "records/JSONFileStore.h"
 #include "records/JsonForms.h"
@@ -24,7 +24,8 @@ double now() {
 
 bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& record) {
   // The list is newest first: of two exports within one clock tick, the earlier entry is the later export.
-  const auto self = std::find_if(history.begin(), history.end(), [&](const auto& e) { return e.id == record.id; });
+  const auto self =
+      std::find_if(history.begin(), history.end(), [&](const auto& e) { return e.id == record.id; });
   for (auto it = history.begin(); it != history.end(); ++it) {
     if (it->id == record.id || it->destinationURL != record.destinationURL) continue;
     if (it->date > record.date || (it->date == record.date && it < self)) return true;
@@ -62,6 +63,8 @@ std::optional<ExportRecordList> listFromJson(const QJsonDocument& document) {
 
 ExportRecordList load() { return JSONFileStore::loadList(QString::fromLatin1(fileName), &fromJson); }
 
-void save(const ExportRecordList& history) { JSONFileStore::save(toJson(history), QString::fromLatin1(fileName)); }
+void save(const ExportRecordList& history) {
+  JSONFileStore::save(toJson(history), QString::fromLatin1(fileName));
+}
 
 }  // namespace quillane::ExportHistory

@@ -5,7 +5,6 @@
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QStandardPaths>
-
 #include <mutex>
 
 #include "engine/Errors.h"

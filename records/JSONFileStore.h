@@ -9,7 +9,6 @@
 
 #include <QJsonDocument>
 #include <QString>
-
 #include <optional>
 #include <vector>
 

@@ -5,7 +5,6 @@
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QUrl>
-
 #include <cmath>
 
 namespace quillane::JsonForms {

@@ -13,7 +13,6 @@
 #include <QString>
 #include <QUrl>
 #include <QUuid>
-
 #include <functional>
 #include <optional>
 #include <stdexcept>

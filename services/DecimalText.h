@@ -2,7 +2,6 @@
 // Whole numbers typed or stored as text, read strictly. Any thread.
 
 #include <QString>
-
 #include <cstdint>
 #include <optional>
 

@@ -61,7 +61,8 @@ LanguageManager::Platform LanguageManager::systemPlatform() {
     QProcess process;
     process.setProgram(program);
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("QUILLANE_RELAUNCHED_FROM"), QString::number(QCoreApplication::applicationPid()));
+    environment.insert(QStringLiteral("QUILLANE_RELAUNCHED_FROM"),
+                       QString::number(QCoreApplication::applicationPid()));
     process.setProcessEnvironment(environment);
     return process.startDetached();
   };

@@ -9,11 +9,11 @@
 #include <optional>
 #include <vector>
 
+#include "QuillaneVersion.h"
 #include "engine/Localization.h"
 #include "services/DecimalText.h"
 #include "services/Strings.h"
 #include "services/UserDefaults.h"
-#include "QuillaneVersion.h"
 
 #ifndef QUILLANE_UPDATE_HOST
 #define QUILLANE_UPDATE_HOST ""

@@ -9,8 +9,8 @@ namespace quillane::UserDefaults {
 std::unique_ptr<QSettings> store() {
   // On Linux the native format is INI; unlike IniFormat, whose files end in ".ini", it names
   // the file Quillane.conf.
-  return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Quillane"),
-                                     QStringLiteral("Quillane"));
+  return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
+                                     QStringLiteral("Quillane"), QStringLiteral("Quillane"));
 }
 
 void save(QSettings& settings) {

@@ -146,8 +146,7 @@ int BarLayout::arrange(const QRect& rect, bool apply, bool everyItem) const {
     y += line.height + gap;
   }
   if (apply)
-    for (const Entry* e : hiddenDividers)
-      e->item->setGeometry(QRect(QPoint(-1000, -1000), hintOf(e)));
+    for (const Entry* e : hiddenDividers) e->item->setGeometry(QRect(QPoint(-1000, -1000), hintOf(e)));
   const int used = y - gap - area.y();
   const QMargins m = contentsMargins();
   return std::max(0, used) + m.top() + m.bottom();

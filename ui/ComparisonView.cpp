@@ -237,15 +237,16 @@ void SplitCompareWidget::paintBadge(QPainter& painter, bool original) const {
   const QFontMetricsF titleMetrics(fonts.title), detailMetrics(fonts.detail);
   const BadgeText badge = badgeText(original);
   double textWidth = titleMetrics.horizontalAdvance(badge.title);
-  for (const QString& line : badge.detailLines) textWidth = std::max(textWidth, detailMetrics.horizontalAdvance(line));
+  for (const QString& line : badge.detailLines)
+    textWidth = std::max(textWidth, detailMetrics.horizontalAdvance(line));
   textWidth = std::min(textWidth, badge.maxTextWidth);
   const double lines = double(badge.detailLines.size());
   const QSizeF size(textWidth + 2 * kBadgeInnerX,
                     titleMetrics.height() + lines * (1 + detailMetrics.height()) + 2 * kBadgeInnerY);
   const QRectF area(0, 0, width(), height());
-  const QPointF topLeft = original
-                              ? QPointF(area.left() + kBadgeOuter, area.bottom() - kBadgeOuter - size.height())
-                              : QPointF(area.right() - kBadgeOuter - size.width(), area.top() + kBadgeOuter);
+  const QPointF topLeft =
+      original ? QPointF(area.left() + kBadgeOuter, area.bottom() - kBadgeOuter - size.height())
+               : QPointF(area.right() - kBadgeOuter - size.width(), area.top() + kBadgeOuter);
   const QRectF frame(topLeft, size);
   painter.setPen(Qt::NoPen);
   painter.setBrush(QColor(0, 0, 0, 140));
@@ -255,7 +256,8 @@ void SplitCompareWidget::paintBadge(QPainter& painter, bool original) const {
   const QRectF inner = frame.adjusted(kBadgeInnerX, kBadgeInnerY, -kBadgeInnerX, -kBadgeInnerY);
   painter.setFont(fonts.title);
   painter.setPen(Qt::white);
-  painter.drawText(QRectF(inner.left(), inner.top(), inner.width(), titleMetrics.height()), align, badge.title);
+  painter.drawText(QRectF(inner.left(), inner.top(), inner.width(), titleMetrics.height()), align,
+                   badge.title);
   painter.setFont(fonts.detail);
   const QColor soft(255, 255, 255, 204);
   const QColor changeColour = badge.tone == CompressedCaption::Tone::green    ? QColor(0x4C, 0xD9, 0x64)

@@ -63,8 +63,9 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   // wide as the wider of the two, so that encoding starting or ending moves nothing.
   exportSlot_ = new QWidget(this);
   exportStack_ = new QStackedLayout(exportSlot_);
-  export_ = new QPushButton(Icons::tinted("square.and.arrow.down", palette().color(QPalette::HighlightedText)),
-                            text("menu.exportAll", "Tout exporter…"), exportSlot_);
+  export_ =
+      new QPushButton(Icons::tinted("square.and.arrow.down", palette().color(QPalette::HighlightedText)),
+                      text("menu.exportAll", "Tout exporter…"), exportSlot_);
   makeProminent(export_);
   export_->setToolTip(
       text("controls.exportAllHelp", "Enregistrer toutes les images compressées dans un dossier"));

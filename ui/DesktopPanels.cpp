@@ -61,7 +61,8 @@ QString DesktopPanels::importFilter() {
 }
 
 QList<QUrl> DesktopPanels::chooseFilesToImport() {
-  QFileDialog dialog(window_, text("menu.import", "Importer…"), startFolder(FolderKind::import), importFilter());
+  QFileDialog dialog(window_, text("menu.import", "Importer…"), startFolder(FolderKind::import),
+                     importFilter());
   dialog.setFileMode(QFileDialog::ExistingFiles);
   dialog.setAcceptMode(QFileDialog::AcceptOpen);
   if (dialog.exec() != QDialog::Accepted || dialog.selectedUrls().isEmpty()) return {};
@@ -72,8 +73,9 @@ QList<QUrl> DesktopPanels::chooseFilesToImport() {
 std::optional<QUrl> DesktopPanels::chooseExportFolder(const std::optional<QUrl>& startFolder,
                                                       const QString& prompt, const QString& message) {
   const QString profileFolder = startFolder ? existingFolder(startFolder->toLocalFile()) : QString();
-  QFileDialog dialog(window_, message,
-                     profileFolder.isEmpty() ? DesktopPanels::startFolder(FolderKind::exportFolder) : profileFolder);
+  QFileDialog dialog(
+      window_, message,
+      profileFolder.isEmpty() ? DesktopPanels::startFolder(FolderKind::exportFolder) : profileFolder);
   dialog.setFileMode(QFileDialog::Directory);
   dialog.setOption(QFileDialog::ShowDirsOnly, true);
   dialog.setAcceptMode(QFileDialog::AcceptOpen);

@@ -107,7 +107,8 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
         text("history.supersededWarningHelp", "Une exportation plus récente a remplacé ce fichier"));
     first->addWidget(warning);
   }
-  auto* time = new QLabel(QLocale().toString(record.dateTime().toLocalTime().time(), QLocale::ShortFormat), row);
+  auto* time =
+      new QLabel(QLocale().toString(record.dateTime().toLocalTime().time(), QLocale::ShortFormat), row);
   Icons::makeSecondary(time);
   first->addWidget(time);
   first->addStretch(1);

@@ -21,7 +21,6 @@
 #include "ui/DesktopPanels.h"
 #include "ui/Icons.h"
 #include "ui/QualityControls.h"
-#include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
 #include "ui/UiText.h"
 
@@ -31,7 +30,9 @@ namespace {
 constexpr int kActivityShown = 5;
 constexpr int kErrorsShown = 20;
 
-QString formatLabel(ImageFormat format) { return QString::fromUtf8(std::string(ImageFormats::label(format))); }
+QString formatLabel(ImageFormat format) {
+  return QString::fromUtf8(std::string(ImageFormats::label(format)));
+}
 QString pathText(const QString& path) { return QDir::toNativeSeparators(path); }
 
 void clearLayout(QVBoxLayout* layout) {
@@ -52,12 +53,14 @@ QLabel* elidedNote(const QString& text, QWidget* parent) {
 }  // namespace
 
 QString HotFoldersSettingsView::subtitle(const HotFolder& hotFolder) {
-  QString result = pathText(hotFolder.sourceFolder) + QStringLiteral(" → ") + pathText(hotFolder.destinationFolder);
+  QString result =
+      pathText(hotFolder.sourceFolder) + QStringLiteral(" → ") + pathText(hotFolder.destinationFolder);
   if (hotFolder.profileName) {
     result += QStringLiteral(" · ") + *hotFolder.profileName;
   } else if (hotFolder.format) {
     result += QStringLiteral(" · ") + formatLabel(*hotFolder.format);
-    if (hotFolder.quality) result += QLatin1Char(' ') + QString::number(int(*hotFolder.quality)) + QLatin1Char('%');
+    if (hotFolder.quality)
+      result += QLatin1Char(' ') + QString::number(int(*hotFolder.quality)) + QLatin1Char('%');
   }
   return result;
 }
@@ -77,10 +80,11 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSpacing(12);
-  layout->addWidget(makeNote(text("settings.hotFolders.enableHelp",
-                                  "Les images déposées dans un dossier surveillé sont compressées automatiquement "
-                                  "dans son dossier de destination tant que Quillane est ouvert."),
-                             this));
+  layout->addWidget(
+      makeNote(text("settings.hotFolders.enableHelp",
+                    "Les images déposées dans un dossier surveillé sont compressées automatiquement "
+                    "dans son dossier de destination tant que Quillane est ouvert."),
+               this));
 
   existing_ = new QGroupBox(text("settings.hotFolders.existingSection", "Dossiers surveillés"), this);
   rows_ = new QVBoxLayout(existing_);
@@ -97,7 +101,8 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   connect(name_, &QLineEdit::returnPressed, this, &HotFoldersSettingsView::save);
   form->addRow(text("settings.profiles.nameField", "Nom"), name_);
 
-  auto folderPicker = [this, form](const char* key, const char* french, QLabel*& label, void (HotFoldersSettingsView::*choose)()) {
+  auto folderPicker = [this, form](const char* key, const char* french, QLabel*& label,
+                                   void (HotFoldersSettingsView::*choose)()) {
     auto* row = new QHBoxLayout;
     label = new QLabel(form_);
     label->setMinimumWidth(60);
@@ -175,8 +180,10 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
 
   connect(&manager_, &HotFoldersManager::hotFoldersChanged, this, &HotFoldersSettingsView::rebuildList);
   connect(&manager_, &HotFoldersManager::progressChanged, this, &HotFoldersSettingsView::refreshProgress);
-  connect(&manager_, &HotFoldersManager::recentActivityChanged, this, &HotFoldersSettingsView::rebuildActivity);
-  connect(&viewModel_, &BatchViewModel::exportProfilesChanged, this, &HotFoldersSettingsView::rebuildProfileMenu);
+  connect(&manager_, &HotFoldersManager::recentActivityChanged, this,
+          &HotFoldersSettingsView::rebuildActivity);
+  connect(&viewModel_, &BatchViewModel::exportProfilesChanged, this,
+          &HotFoldersSettingsView::rebuildProfileMenu);
   rebuildList();
   rebuildActivity();
   resetForm();
@@ -279,8 +286,8 @@ void HotFoldersSettingsView::refreshForm() {
   // Format and quality belong to the form only while no profile is chosen; they keep their
   // values meanwhile.
   const bool explicitSettings = !newProfileName_.has_value();
-  for (QWidget* widget : {static_cast<QWidget*>(formatRowLabel_), formatRow_, static_cast<QWidget*>(qualityRowLabel_),
-                          qualityRow_}) {
+  for (QWidget* widget : {static_cast<QWidget*>(formatRowLabel_), formatRow_,
+                          static_cast<QWidget*>(qualityRowLabel_), qualityRow_}) {
     widget->setVisible(explicitSettings);
   }
   formatButton_->setText(formatLabel(newFormat_));
@@ -341,7 +348,8 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
   connect(enabled, &QCheckBox::toggled, this, [this, copy](bool on) {
     HotFolder changed = copy;
     changed.isEnabled = on;
-    QMetaObject::invokeMethod(this, [this, changed] { manager_.upsert(changed); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this, changed] { manager_.upsert(changed); }, Qt::QueuedConnection);
   });
   auto* edit = new QToolButton(row);
   edit->setAutoRaise(true);
@@ -354,7 +362,8 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
   remove->setObjectName(QStringLiteral("deleteButton"));
   // No confirmation is asked; queued for the same reason as the switch.
   connect(remove, &QToolButton::clicked, this, [this, copy] {
-    QMetaObject::invokeMethod(this, [this, copy] { manager_.remove(copy); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this, copy] { manager_.remove(copy); }, Qt::QueuedConnection);
   });
   line->addWidget(enabled);
   line->addWidget(edit);

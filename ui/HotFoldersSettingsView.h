@@ -8,7 +8,6 @@
 
 #include <QUuid>
 #include <QWidget>
-
 #include <functional>
 #include <map>
 #include <optional>

@@ -70,14 +70,16 @@ QVariant ImageListModel::data(const QModelIndex& index, int role) const {
     if (auto image = imageAt(index.row())) {
       const RowRules::SizeSummary summary = RowRules::sizeSummary(*image, viewModel_.outputFormat());
       QStringList parts{image->fileName(), RowRules::metaText(*image)};
-      if (summary.kind == RowRules::SizeSummary::Kind::lines) parts << summary.firstLine << summary.secondLine;
+      if (summary.kind == RowRules::SizeSummary::Kind::lines)
+        parts << summary.firstLine << summary.secondLine;
       if (image->exportError()) parts << *image->exportError();
       parts.removeAll(QString());
       return parts.join(QStringLiteral(", "));
     }
     if (const ImportFailure* failure = failureAt(index.row()))
       return failure->url.fileName() + QStringLiteral(", ") + failure->message;
-    if (kind(index.row()) == RowKind::failuresHeader) return text("import.failuresSection", "Importation impossible");
+    if (kind(index.row()) == RowKind::failuresHeader)
+      return text("import.failuresSection", "Importation impossible");
   }
   return {};
 }

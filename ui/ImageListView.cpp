@@ -1,8 +1,8 @@
 #include "ui/ImageListView.h"
 
 #include <QApplication>
-#include <QDrag>
 #include <QContextMenuEvent>
+#include <QDrag>
 #include <QHelpEvent>
 #include <QKeyEvent>
 #include <QMimeData>
@@ -224,8 +224,9 @@ void ImageListView::contextMenuEvent(QContextMenuEvent* event) {
   if (!index.isValid() || model_->kind(index.row()) == ImageListModel::RowKind::failuresHeader) return;
   setCurrentIndex(index);
   std::unique_ptr<QMenu> menu(rowMenu(index));
-  menu->exec(event->reason() == QContextMenuEvent::Mouse ? event->globalPos()
-                                                          : viewport()->mapToGlobal(visualRect(index).center()));
+  menu->exec(event->reason() == QContextMenuEvent::Mouse
+                 ? event->globalPos()
+                 : viewport()->mapToGlobal(visualRect(index).center()));
 }
 
 QMenu* ImageListView::rowMenu(const QModelIndex& index) {

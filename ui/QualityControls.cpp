@@ -5,12 +5,12 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QMenu>
-#include <QStyle>
-#include <QStyleOptionButton>
 #include <QPushButton>
 #include <QScreen>
 #include <QSignalBlocker>
 #include <QSlider>
+#include <QStyle>
+#include <QStyleOptionButton>
 #include <QVBoxLayout>
 #include <string>
 
@@ -148,7 +148,8 @@ FormatPickerView::FormatPickerView(BatchViewModel& viewModel, QWidget* parent)
   // As wide as the longest format's name needs, whichever is shown.
   QString longest;
   for (ImageFormat format : ImageFormats::allCases)
-    if (button_->fontMetrics().horizontalAdvance(formatLabel(format)) > button_->fontMetrics().horizontalAdvance(longest))
+    if (button_->fontMetrics().horizontalAdvance(formatLabel(format)) >
+        button_->fontMetrics().horizontalAdvance(longest))
       longest = formatLabel(format);
   setMenuButtonText(button_, longest, 1000);
   // Choosing the current format is not filtered out: it recomputes all the same.

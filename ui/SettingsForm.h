@@ -6,7 +6,6 @@
 // GUI thread only.
 
 #include <QString>
-
 #include <functional>
 
 #include "engine/ImageFormat.h"

@@ -14,20 +14,19 @@
 #include <QLocale>
 #include <QStringList>
 #include <QVariant>
-
 #include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "QuillaneVersion.h"
 #include "app/cli/InspectCommands.h"
 #include "automation/CompressScriptCommand.h"
 #include "services/LanguageManager.h"
-#include "QuillaneVersion.h"
 
 namespace {
 
@@ -102,7 +101,8 @@ struct CommandLine {
 
 // Splits arguments into files and the options named in `known`, each of which takes a value.
 // Returns an error text for anything else.
-std::optional<std::string> parse(const QByteArrayList& arguments, const QByteArrayList& known, CommandLine& out) {
+std::optional<std::string> parse(const QByteArrayList& arguments, const QByteArrayList& known,
+                                 CommandLine& out) {
   bool optionsEnded = false;
   for (qsizetype i = 0; i < arguments.size(); ++i) {
     const QByteArray& argument = arguments[i];
@@ -178,7 +178,8 @@ int runCompress(const QByteArrayList& arguments) {
   QVariantMap evaluated;
   // Paths stay bytes (QByteArray); names of formats and profiles are text.
   if (line.options.count("to")) evaluated[CompressScriptCommand::toArgument] = line.options["to"];
-  if (line.options.count("format")) evaluated[CompressScriptCommand::formatArgument] = text(line.options["format"]);
+  if (line.options.count("format"))
+    evaluated[CompressScriptCommand::formatArgument] = text(line.options["format"]);
   if (line.options.count("quality"))
     evaluated[CompressScriptCommand::qualityArgument] = qualityValue(line.options["quality"]);
   if (line.options.count("profile"))

@@ -2,7 +2,6 @@
 
 #include <QDBusConnection>
 #include <QFileInfo>
-
 #include <cstdio>
 #include <exception>
 
@@ -22,7 +21,9 @@ struct Outcome {
 
 Outcome compressInProcess(const QStringList& files) {
   try {
-    return {CompressImagesIntent::fromArguments(files, QStringLiteral("profileOrDefault"), 0, {}, {}).perform(), {}};
+    return {
+        CompressImagesIntent::fromArguments(files, QStringLiteral("profileOrDefault"), 0, {}, {}).perform(),
+        {}};
   } catch (const QuillaneError& error) {
     return {{}, QString::fromStdString(error.description())};
   } catch (const std::exception&) {
@@ -52,11 +53,13 @@ int runCompressLaunch(const QStringList& files) {
   const QString summary =
       outcome.error ? Strings::text("intents.notification.failed") : Strings::text("intents.compress.title");
   const QString body =
-      outcome.error ? *outcome.error
-                    : Strings::format("intents.notification.doneFormat",
-                                      outcome.outputs.isEmpty() ? QString() : QFileInfo(outcome.outputs[0]).path());
+      outcome.error
+          ? *outcome.error
+          : Strings::format("intents.notification.doneFormat",
+                            outcome.outputs.isEmpty() ? QString() : QFileInfo(outcome.outputs[0]).path());
   if (!DesktopNotification::show(bus, summary, body))
-    std::fprintf(stderr, "quillane: %s: %s\n", summary.toLocal8Bit().constData(), body.toLocal8Bit().constData());
+    std::fprintf(stderr, "quillane: %s: %s\n", summary.toLocal8Bit().constData(),
+                 body.toLocal8Bit().constData());
   return outcome.error ? 1 : 0;
 }
 

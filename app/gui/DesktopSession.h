@@ -11,7 +11,6 @@
 #include <QStringList>
 #include <QTimer>
 #include <QUrl>
-
 #include <functional>
 #include <memory>
 

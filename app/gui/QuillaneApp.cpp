@@ -4,6 +4,7 @@
 #include <QTimer>
 #include <QWidget>
 
+#include "QuillaneVersion.h"
 #include "api/LocalAPIController.h"
 #include "batch/BatchViewModel.h"
 #include "hotfolders/HotFoldersManager.h"
@@ -12,8 +13,6 @@
 #include "ui/HotFoldersSettingsView.h"
 #include "ui/MainWindow.h"
 #include "ui/SettingsWindow.h"
-#include "QuillaneVersion.h"
-
 
 namespace quillane {
 

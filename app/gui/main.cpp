@@ -6,6 +6,11 @@
 //   quillane --compress FILE... compresses with the default profile (see CompressLaunch.h)
 //   quillane --service          started by the bus for the Compress method: no window until
 //                               a launch asks for one, and gone after a quiet minute
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <QApplication>
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -13,25 +18,19 @@
 #include <QStringList>
 #include <QThread>
 #include <QUrl>
-
-#include <cstdio>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string_view>
 
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include "QuillaneVersion.h"
 #include "app/gui/CompressLaunch.h"
 #include "app/gui/DesktopSession.h"
 #include "app/gui/QuillaneApp.h"
 #include "automation/QuillaneBusClient.h"
 #include "automation/QuillaneBusService.h"
 #include "services/LanguageManager.h"
-#include "QuillaneVersion.h"
 
 namespace {
 
@@ -163,7 +162,8 @@ int main(int argc, char** argv) {
     // launch carry on alone.
     const auto error = quillane::QuillaneBusClient::openOrActivate(connection, files);
     if (!error) return 0;
-    std::fprintf(stderr, "quillane: the running instance did not answer: %s\n", error->toLocal8Bit().constData());
+    std::fprintf(stderr, "quillane: the running instance did not answer: %s\n",
+                 error->toLocal8Bit().constData());
   }
 
   if (service) {

@@ -165,7 +165,8 @@ DecodedImage decodeAvif(Input bytes, int minLongSide) {
   const avifImage* frame = small ? small.get() : decoder->image;
   bool alpha = frame->alphaPlane != nullptr;
   int bits = frame->depth > 8 ? 16 : 8;
-  DecodedImage image = allocateImage(int(frame->width), int(frame->height), bits, alpha ? AlphaInfo::straight : AlphaInfo::none);
+  DecodedImage image = allocateImage(int(frame->width), int(frame->height), bits,
+                                     alpha ? AlphaInfo::straight : AlphaInfo::none);
   avifRGBImage rgb;
   avifRGBImageSetDefaults(&rgb, frame);
   rgb.format = AVIF_RGB_FORMAT_RGBA;
@@ -175,9 +176,11 @@ DecodedImage decodeAvif(Input bytes, int minLongSide) {
   rgb.pixels = bits == 16 ? reinterpret_cast<uint8_t*>(image.pixels16.data()) : image.pixels8.data();
   if (avifImageYUVToRGB(frame, &rgb) != AVIF_RESULT_OK) fail("avifImageYUVToRGB");
   if (frame->icc.size > 0)
-    image.colorSpace = ColorConvert::rgbSpace(std::vector<uint8_t>(frame->icc.data, frame->icc.data + frame->icc.size));
+    image.colorSpace =
+        ColorConvert::rgbSpace(std::vector<uint8_t>(frame->icc.data, frame->icc.data + frame->icc.size));
   else
-    image.colorSpace = ColorConvert::fromCodePoints(int(frame->colorPrimaries), int(frame->transferCharacteristics));
+    image.colorSpace =
+        ColorConvert::fromCodePoints(int(frame->colorPrimaries), int(frame->transferCharacteristics));
   return image;
 }
 

@@ -23,7 +23,9 @@ struct RWDataGuard {
   ~RWDataGuard() { avifRWDataFree(&data); }
 };
 
-[[noreturn]] void fail(const std::string& internal) { throw ImageProcessingError::encodingFailed("AVIF", internal); }
+[[noreturn]] void fail(const std::string& internal) {
+  throw ImageProcessingError::encodingFailed("AVIF", internal);
+}
 
 void check(const char* call, avifResult result) {
   if (result != AVIF_RESULT_OK) fail(std::string(call) + ": " + avifResultToString(result));

@@ -31,8 +31,8 @@ std::optional<Opened> open(Input bytes) {
   Opened opened{HeifContextPtr(heif_context_alloc()), nullptr};
   if (!opened.context) return std::nullopt;
   heif_context_set_maximum_image_size_limit(opened.context.get(), kMaxDimension);
-  if (heif_context_read_from_memory_without_copy(opened.context.get(), bytes.data(), bytes.size(), nullptr).code !=
-      heif_error_Ok)
+  if (heif_context_read_from_memory_without_copy(opened.context.get(), bytes.data(), bytes.size(), nullptr)
+          .code != heif_error_Ok)
     return std::nullopt;
   heif_image_handle* handle = nullptr;
   if (heif_context_get_primary_image_handle(opened.context.get(), &handle).code != heif_error_Ok || !handle)
@@ -57,7 +57,8 @@ ColorSpace colorSpaceOf(heif_image_handle* handle) {
       if (error.code != heif_error_Ok || !nclx) return ColorSpace::sRGB();
       return ColorConvert::fromCodePoints(int(nclx->color_primaries), int(nclx->transfer_characteristics));
     }
-    default: return ColorSpace::sRGB();
+    default:
+      return ColorSpace::sRGB();
   }
 }
 
@@ -122,7 +123,8 @@ HeifHandlePtr thumbnailOf(heif_image_handle* primary, int minLongSide) {
   int bestSide = 0;
   for (int i = 0; i < count; ++i) {
     heif_image_handle* raw = nullptr;
-    if (heif_image_handle_get_thumbnail(primary, ids[size_t(i)], &raw).code != heif_error_Ok || !raw) continue;
+    if (heif_image_handle_get_thumbnail(primary, ids[size_t(i)], &raw).code != heif_error_Ok || !raw)
+      continue;
     HeifHandlePtr candidate(raw);
     if (!matchesPrimary(raw, primary)) continue;
     int side = std::max(heif_image_handle_get_width(raw), heif_image_handle_get_height(raw));
@@ -257,8 +259,9 @@ DecodedImage decodeHeif(Input bytes, int minLongSide) {
             uint64_t(std::max(0, heif_image_handle_get_height(handle))));
   bool alpha = heif_image_handle_has_alpha_channel(handle) != 0;
   bool wide = heif_image_handle_get_luma_bits_per_pixel(handle) > 8;
-  heif_chroma chroma = wide ? (alpha ? heif_chroma_interleaved_RRGGBBAA_LE : heif_chroma_interleaved_RRGGBB_LE)
-                            : (alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB);
+  heif_chroma chroma = wide
+                           ? (alpha ? heif_chroma_interleaved_RRGGBBAA_LE : heif_chroma_interleaved_RRGGBB_LE)
+                           : (alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB);
   if (minLongSide > 0)
     if (auto reduced = decodeReduced(handle, minLongSide)) return std::move(*reduced);
   HeifImagePtr decoded = decodeQuietly(handle, heif_colorspace_RGB, chroma);
@@ -268,9 +271,9 @@ DecodedImage decodeHeif(Input bytes, int minLongSide) {
   int stride = 0;
   const uint8_t* plane = heif_image_get_plane_readonly(decoded.get(), heif_channel_interleaved, &stride);
   if (!plane || width <= 0 || height <= 0 || (wide && (bits <= 8 || bits > 16))) fail("heif_image_get_plane");
-  AlphaInfo alphaInfo = !alpha ? AlphaInfo::none
+  AlphaInfo alphaInfo = !alpha                                             ? AlphaInfo::none
                         : heif_image_handle_is_premultiplied_alpha(handle) ? AlphaInfo::premultiplied
-                                                                            : AlphaInfo::straight;
+                                                                           : AlphaInfo::straight;
   DecodedImage image = allocateImage(width, height, wide ? 16 : 8, alphaInfo);
   copyPixels(plane, stride, alpha ? 4 : 3, bits, image);
   image.colorSpace = colorSpaceOf(handle);

@@ -59,7 +59,8 @@ HeifImagePtr makeImage(const DecodedImage& image, bool keepAlpha) {
         heif_image_add_plane(raw, heif_channel_interleaved, image.width, image.height, 8));
   int stride = 0;
   uint8_t* plane = heif_image_get_plane(raw, heif_channel_interleaved, &stride);
-  if (!plane) fail("heif_image_get_plane", {heif_error_Memory_allocation_error, heif_suberror_Unspecified, ""});
+  if (!plane)
+    fail("heif_image_get_plane", {heif_error_Memory_allocation_error, heif_suberror_Unspecified, ""});
   const int channels = keepAlpha ? 4 : 3;
   for (int y = 0; y < image.height; ++y) {
     const uint8_t* src = image.pixels8.data() + size_t(y) * size_t(image.width) * 4;
@@ -105,7 +106,8 @@ Bytes writeHeic(const DecodedImage& image, bool keepAlpha, const HeifSettings& s
   initialiseOnce();
 
   HeifContextPtr context(heif_context_alloc());
-  if (!context) fail("heif_context_alloc", {heif_error_Memory_allocation_error, heif_suberror_Unspecified, ""});
+  if (!context)
+    fail("heif_context_alloc", {heif_error_Memory_allocation_error, heif_suberror_Unspecified, ""});
   heif_encoder* rawEncoder = nullptr;
   check("heif_context_get_encoder_for_format",
         heif_context_get_encoder_for_format(context.get(), heif_compression_HEVC, &rawEncoder));
@@ -131,7 +133,8 @@ Bytes writeHeic(const DecodedImage& image, bool keepAlpha, const HeifSettings& s
   }
 
   HeifOptionsPtr options(heif_encoding_options_alloc());
-  if (!options) fail("heif_encoding_options_alloc", {heif_error_Memory_allocation_error, heif_suberror_Unspecified, ""});
+  if (!options)
+    fail("heif_encoding_options_alloc", {heif_error_Memory_allocation_error, heif_suberror_Unspecified, ""});
   options->save_alpha_channel = keepAlpha ? 1 : 0;
   heif_image_handle* rawHandle = nullptr;
   check("heif_context_encode_image",

@@ -54,7 +54,8 @@ struct ProgressMonitor {
 void onProgress(j_common_ptr cinfo) {
   auto* monitor = reinterpret_cast<ProgressMonitor*>(cinfo->progress);
   auto* decompress = reinterpret_cast<j_decompress_ptr>(cinfo);
-  if (uint64_t(std::max(decompress->input_scan_number, 0)) > scanLimit(decompress)) monitor->tooManyScans = true;
+  if (uint64_t(std::max(decompress->input_scan_number, 0)) > scanLimit(decompress))
+    monitor->tooManyScans = true;
   if (Cancellation::requested()) monitor->cancelled = true;
   if (monitor->tooManyScans || monitor->cancelled) cinfo->err->error_exit(cinfo);
 }
@@ -154,17 +155,24 @@ bool decodeWithLibjpeg(JpegJob& job) {
   // The pixel budget bounds what a header can make us allocate. There is no bound on pixels per
   // byte: arithmetic coding spends next to nothing on a flat picture.
   uint64_t area = uint64_t(job.width) * uint64_t(job.height);
-  job.tooLarge = uint64_t(job.width) > uint64_t(kMaxDimension) || uint64_t(job.height) > uint64_t(kMaxDimension) ||
-                 area > kMaxPixels;
+  job.tooLarge = uint64_t(job.width) > uint64_t(kMaxDimension) ||
+                 uint64_t(job.height) > uint64_t(kMaxDimension) || area > kMaxPixels;
   if (job.headerOnly || job.tooLarge) {
     jpeg_destroy_decompress(&cinfo);
     return job.headerOnly;
   }
   jpeg_read_icc_profile(&cinfo, &job.icc, &job.iccLength);
   switch (cinfo.jpeg_color_space) {
-    case JCS_GRAYSCALE: cinfo.out_color_space = JCS_GRAYSCALE; break;
-    case JCS_CMYK: case JCS_YCCK: cinfo.out_color_space = JCS_CMYK; break;
-    default: cinfo.out_color_space = JCS_EXT_RGBA; break;
+    case JCS_GRAYSCALE:
+      cinfo.out_color_space = JCS_GRAYSCALE;
+      break;
+    case JCS_CMYK:
+    case JCS_YCCK:
+      cinfo.out_color_space = JCS_CMYK;
+      break;
+    default:
+      cinfo.out_color_space = JCS_EXT_RGBA;
+      break;
   }
   chooseScale(job);
   cinfo.scale_num = unsigned(job.numerator);

@@ -2,8 +2,8 @@
 // optimised Huffman tables per call.
 
 #include <algorithm>
-#include <csetjmp>
 #include <cmath>
+#include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -41,7 +41,8 @@ std::vector<uint8_t> iccProfile(JxlDecoder* decoder, JxlColorProfileTarget targe
       size > (64u << 20))
     return {};
   std::vector<uint8_t> icc(size);
-  if (JxlDecoderGetColorAsICCProfile(decoder, &unused, target, icc.data(), size) != JXL_DEC_SUCCESS) return {};
+  if (JxlDecoderGetColorAsICCProfile(decoder, &unused, target, icc.data(), size) != JXL_DEC_SUCCESS)
+    return {};
   return icc;
 }
 
@@ -104,7 +105,8 @@ std::optional<Properties> jxlProperties(Input bytes) {
         JxlBasicInfo info;
         if (JxlDecoderGetBasicInfo(decoder.get(), &info) != JXL_DEC_SUCCESS) return std::nullopt;
         props = Properties{int(info.xsize), int(info.ysize), int(info.orientation), 1};
-        if (info.xsize == 0 || info.ysize == 0 || info.xsize > 0x7FFFFFFF || info.ysize > 0x7FFFFFFF) return std::nullopt;
+        if (info.xsize == 0 || info.ysize == 0 || info.xsize > 0x7FFFFFFF || info.ysize > 0x7FFFFFFF)
+          return std::nullopt;
         animated = info.have_animation != 0;
         if (!animated) return props;
       } else if (status == JXL_DEC_FRAME) {
@@ -144,7 +146,8 @@ std::optional<uint64_t> jxlReducedDecodeBytes(Input bytes) {
 DecodedImage decodeJxl(Input bytes, int minLongSide) {
   QuietStderr quiet;
   Reducer reducer;
-  JxlDecoderPtr decoder = makeDecoder(bytes, JXL_DEC_BASIC_INFO | JXL_DEC_COLOR_ENCODING | JXL_DEC_FULL_IMAGE);
+  JxlDecoderPtr decoder =
+      makeDecoder(bytes, JXL_DEC_BASIC_INFO | JXL_DEC_COLOR_ENCODING | JXL_DEC_FULL_IMAGE);
   JxlBasicInfo info{};
   bool haveInfo = false;
   std::vector<uint8_t> icc, originalICC;
@@ -199,7 +202,8 @@ DecodedImage decodeJxl(Input bytes, int minLongSide) {
         void* buffer = wide ? static_cast<void*>(image.pixels16.data()) : image.pixels8.data();
         size_t capacity = image.pixelCount() * 4 * (wide ? 2 : 1);
         size_t needed = 0;
-        if (JxlDecoderImageOutBufferSize(decoder.get(), &format, &needed) != JXL_DEC_SUCCESS || needed > capacity ||
+        if (JxlDecoderImageOutBufferSize(decoder.get(), &format, &needed) != JXL_DEC_SUCCESS ||
+            needed > capacity ||
             JxlDecoderSetImageOutBuffer(decoder.get(), &format, buffer, needed) != JXL_DEC_SUCCESS)
           fail("JxlDecoderSetImageOutBuffer");
         break;

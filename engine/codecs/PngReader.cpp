@@ -20,7 +20,9 @@ constexpr uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
 // Ancillary chunks (iCCP, eXIf, text) larger than this are refused by libpng.
 constexpr png_alloc_size_t kMaxChunkBytes = 64u << 20;
 
-uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
+uint32_t be32(const uint8_t* p) {
+  return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
 
 // How a reduced picture is read. A large non-interlaced picture is read row by row and
 // averaged over blocks of `factor` x `factor` pixels as it comes; an interlaced one is read
@@ -106,7 +108,8 @@ bool decodeWithLibpng(PngJob& job) {
   png_set_chunk_malloc_max(png, kMaxChunkBytes);
   png_read_info(png, info);
   int interlace = 0;
-  png_get_IHDR(png, info, &job.width, &job.height, &job.bitDepth, &job.colorType, &interlace, nullptr, nullptr);
+  png_get_IHDR(png, info, &job.width, &job.height, &job.bitDepth, &job.colorType, &interlace, nullptr,
+               nullptr);
   if (uint64_t(job.width) * uint64_t(job.height) > kMaxPixels) {
     job.tooLarge = true;
     png_error(png, "too large");
@@ -142,7 +145,10 @@ bool decodeWithLibpng(PngJob& job) {
     png_bytep row = job.rowBuffer(job.context, job, png_get_rowbytes(png, info));
     if (!row) png_error(png, "allocation refused");
     // Passes 1, 3 and 5 (of 7) end the ones that sample every 8th, 4th and 2nd pixel.
-    const int passes = job.reduction == Reduction::rowAverage ? 1 : job.factor == 8 ? 1 : job.factor == 4 ? 3 : 5;
+    const int passes = job.reduction == Reduction::rowAverage ? 1
+                       : job.factor == 8                      ? 1
+                       : job.factor == 4                      ? 3
+                                                              : 5;
     for (int pass = 0; pass < passes; ++pass) {
       const bool interlaced = job.reduction == Reduction::interlacePasses;
       const png_uint_32 count = interlaced ? PNG_PASS_ROWS(job.height, pass) : job.height;
@@ -163,8 +169,8 @@ struct PngTarget {
   DecodedImage image;
   std::vector<png_bytep> rows;
   std::vector<uint8_t> icc;
-  std::vector<uint8_t> row;     // reduced reads: one row as libpng hands it over
-  std::vector<uint64_t> sums;   // row averaging: per output sample of the current block row
+  std::vector<uint8_t> row;       // reduced reads: one row as libpng hands it over
+  std::vector<uint64_t> sums;     // row averaging: per output sample of the current block row
   std::vector<uint64_t> weights;  // and the alpha summed under each output pixel
 };
 
@@ -172,7 +178,7 @@ template <class Sample>
 void takeRow(PngTarget& t, const PngJob& j, int pass, png_uint_32 y, const Sample* in) {
   const size_t channels = size_t(j.channels), alphaIndex = channels - 1;
   auto* out = reinterpret_cast<Sample*>(j.bitDepth == 16 ? reinterpret_cast<uint8_t*>(t.image.pixels16.data())
-                                                          : t.image.pixels8.data());
+                                                         : t.image.pixels8.data());
   const size_t outStride = size_t(j.outWidth) * channels;
   if (pass >= 0) {
     // Every pixel of the passes read so far lies on the grid of `factor`.
@@ -252,7 +258,8 @@ DecodedImage decodePng(Input bytes, int minLongSide) {
                                j.alpha ? AlphaInfo::straight : AlphaInfo::none);
       t->rows.assign(1, nullptr);
       if (j.reduction != Reduction::none) return t->rows.data();  // rows come one by one, through takeRow
-      uint8_t* base = j.bitDepth == 16 ? reinterpret_cast<uint8_t*>(t->image.pixels16.data()) : t->image.pixels8.data();
+      uint8_t* base =
+          j.bitDepth == 16 ? reinterpret_cast<uint8_t*>(t->image.pixels16.data()) : t->image.pixels8.data();
       size_t stride = size_t(j.width) * size_t(j.channels) * (j.bitDepth == 16 ? 2 : 1);
       t->rows.resize(j.height);
       for (size_t y = 0; y < j.height; ++y) t->rows[y] = base + y * stride;

@@ -77,10 +77,11 @@ CodedLayout codedLayout(Input bytes) {
   // 18th. av1C: high bit depth, monochrome and the two subsampling flags in its third.
   // ispe: width and height after its version and flags.
   CodedLayout layout;
-  const double samples = std::max(most("hvcC", 20, [](Input c) {
-                                    static constexpr double kSamples[4] = {1, 1.5, 2, 3};
-                                    return kSamples[c[16] & 3];
-                                  }),
+  const double samples = std::max(most("hvcC", 20,
+                                       [](Input c) {
+                                         static constexpr double kSamples[4] = {1, 1.5, 2, 3};
+                                         return kSamples[c[16] & 3];
+                                       }),
                                   most("av1C", 4, [](Input c) {
                                     if (c[2] & 0x10) return 1.0;
                                     return (c[2] & 0x08) ? ((c[2] & 0x04) ? 1.5 : 2.0) : 3.0;
@@ -107,11 +108,16 @@ std::optional<uint64_t> reducedDecodeBytes(ImageFormat format, Input bytes, int 
       const uint64_t side = uint64_t(std::max(minLongSide, 1));
       return uint64_t(props->width) * 16 + std::max(pixels / 64, 16 * side * side) * 8 + (1u << 20);
     }
-    case ImageFormat::jpeg: return jpegReducedDecodeBytes(bytes, minLongSide);
-    case ImageFormat::webp: return webpReducedDecodeBytes(bytes, minLongSide);
-    case ImageFormat::heic: return heifReducedDecodeBytes(bytes, minLongSide);
-    case ImageFormat::avif: return avifReducedDecodeBytes(bytes);
-    case ImageFormat::jxl: return jxlReducedDecodeBytes(bytes);
+    case ImageFormat::jpeg:
+      return jpegReducedDecodeBytes(bytes, minLongSide);
+    case ImageFormat::webp:
+      return webpReducedDecodeBytes(bytes, minLongSide);
+    case ImageFormat::heic:
+      return heifReducedDecodeBytes(bytes, minLongSide);
+    case ImageFormat::avif:
+      return avifReducedDecodeBytes(bytes);
+    case ImageFormat::jxl:
+      return jxlReducedDecodeBytes(bytes);
   }
   return std::nullopt;
 }

@@ -57,8 +57,11 @@ CodedLayout codedLayout(Input bytes);
 class ReducedSums {
  public:
   ReducedSums(size_t cells, size_t colourChannels, bool weighByAlpha)
-      : channels_(colourChannels), weigh_(weighByAlpha), plain_(cells * colourChannels),
-        weighted_(weighByAlpha ? cells * colourChannels : 0), alpha_(cells) {}
+      : channels_(colourChannels),
+        weigh_(weighByAlpha),
+        plain_(cells * colourChannels),
+        weighted_(weighByAlpha ? cells * colourChannels : 0),
+        alpha_(cells) {}
   void clear() {
     std::fill(plain_.begin(), plain_.end(), 0);
     std::fill(weighted_.begin(), weighted_.end(), 0);

@@ -24,11 +24,15 @@ using DemuxPtr = CHandle<WebPDemuxer, WebPDemuxDelete>;
 struct ChunkGuard {
   WebPChunkIterator it{};
   bool found = false;
-  ChunkGuard(const WebPDemuxer* demux, const char* fourcc) { found = WebPDemuxGetChunk(demux, fourcc, 1, &it) != 0; }
+  ChunkGuard(const WebPDemuxer* demux, const char* fourcc) {
+    found = WebPDemuxGetChunk(demux, fourcc, 1, &it) != 0;
+  }
   ~ChunkGuard() {
     if (found) WebPDemuxReleaseChunkIterator(&it);
   }
-  std::span<const uint8_t> bytes() const { return found ? std::span(it.chunk.bytes, it.chunk.size) : std::span<const uint8_t>(); }
+  std::span<const uint8_t> bytes() const {
+    return found ? std::span(it.chunk.bytes, it.chunk.size) : std::span<const uint8_t>();
+  }
 };
 
 DemuxPtr demuxer(Input bytes) {
@@ -72,7 +76,8 @@ void decodeInto(Input bitstream, uint8_t* out, int stride, size_t size, int scal
 // `minLongSide`: the full-size picture is never held.
 DecodedImage decodeStill(Input bitstream, int minLongSide) {
   WebPBitstreamFeatures features;
-  if (WebPGetFeatures(bitstream.data(), bitstream.size(), &features) != VP8_STATUS_OK) fail("WebPGetFeatures");
+  if (WebPGetFeatures(bitstream.data(), bitstream.size(), &features) != VP8_STATUS_OK)
+    fail("WebPGetFeatures");
   checkSize(uint64_t(std::max(features.width, 0)), uint64_t(std::max(features.height, 0)));
   int width = features.width, height = features.height, scaledWidth = 0, scaledHeight = 0;
   const int longSide = std::max(width, height);
@@ -81,7 +86,8 @@ DecodedImage decodeStill(Input bitstream, int minLongSide) {
     width = scaledWidth = std::max(1, int(std::lround(features.width * scale)));
     height = scaledHeight = std::max(1, int(std::lround(features.height * scale)));
   }
-  DecodedImage image = allocateImage(width, height, 8, features.has_alpha ? AlphaInfo::straight : AlphaInfo::none);
+  DecodedImage image =
+      allocateImage(width, height, 8, features.has_alpha ? AlphaInfo::straight : AlphaInfo::none);
   decodeInto(bitstream, image.pixels8.data(), width * 4, image.pixels8.size(), scaledWidth, scaledHeight);
   return image;
 }
@@ -104,7 +110,8 @@ DecodedImage decodeFirstFrame(const WebPDemuxer* demux, bool alpha, int minLongS
       uint64_t(frame.x_offset) + uint64_t(frame.width) > canvasWidth ||
       uint64_t(frame.y_offset) + uint64_t(frame.height) > canvasHeight)
     fail("WebPDemuxGetFrame: frame outside the canvas");
-  DecodedImage image = allocateImage(int(canvasWidth), int(canvasHeight), 8, alpha ? AlphaInfo::straight : AlphaInfo::none);
+  DecodedImage image =
+      allocateImage(int(canvasWidth), int(canvasHeight), 8, alpha ? AlphaInfo::straight : AlphaInfo::none);
   std::fill(image.pixels8.begin(), image.pixels8.end(), uint8_t(0));
   const size_t stride = size_t(canvasWidth) * 4;
   const size_t start = size_t(frame.y_offset) * stride + size_t(frame.x_offset) * 4;
@@ -129,7 +136,8 @@ std::optional<Properties> webpProperties(Input bytes) {
   props.width = int(WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_WIDTH));
   props.height = int(WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_HEIGHT));
   props.frameCount = std::max(1, int(WebPDemuxGetI(demux.get(), WEBP_FF_FRAME_COUNT)));
-  if (!whole && (WebPDemuxGetI(demux.get(), WEBP_FF_FORMAT_FLAGS) & ANIMATION_FLAG)) props.frameCount = std::max(props.frameCount, 2);
+  if (!whole && (WebPDemuxGetI(demux.get(), WEBP_FF_FORMAT_FLAGS) & ANIMATION_FLAG))
+    props.frameCount = std::max(props.frameCount, 2);
   if (props.width <= 0 || props.height <= 0) return std::nullopt;
   ChunkGuard exif(demux.get(), "EXIF");
   if (exif.found) props.orientation = Exif::orientation(exif.bytes());
@@ -160,9 +168,11 @@ DecodedImage decodeWebp(Input bytes, int minLongSide) {
   DemuxPtr demux = demuxer(bytes);
   if (!demux) fail("WebPDemux: damaged or truncated WebP");
   uint32_t flags = WebPDemuxGetI(demux.get(), WEBP_FF_FORMAT_FLAGS);
-  checkSize(WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_WIDTH), WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_HEIGHT));
-  DecodedImage image = (flags & ANIMATION_FLAG) ? decodeFirstFrame(demux.get(), (flags & ALPHA_FLAG) != 0, minLongSide)
-                                                : decodeStill(bytes, minLongSide);
+  checkSize(WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_WIDTH),
+            WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_HEIGHT));
+  DecodedImage image = (flags & ANIMATION_FLAG)
+                           ? decodeFirstFrame(demux.get(), (flags & ALPHA_FLAG) != 0, minLongSide)
+                           : decodeStill(bytes, minLongSide);
   ChunkGuard icc(demux.get(), "ICCP");
   auto profile = icc.bytes();
   image.colorSpace = ColorConvert::rgbSpace(std::vector<uint8_t>(profile.begin(), profile.end()));

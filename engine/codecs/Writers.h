@@ -40,7 +40,7 @@ double chromaEdgeShare(const DecodedImage& image, bool keepAlpha, int step = kCh
 bool usesFullChroma(ChromaLayout layout, const DecodedImage& image, bool keepAlpha);
 
 struct JpegSettings {
-  int quality = 75;       // libjpeg's 1...100
+  int quality = 75;                               // libjpeg's 1...100
   ChromaLayout chroma = ChromaLayout::automatic;  // full from quality 90 on
 };
 JpegSettings jpegSettings(double quality);
@@ -50,10 +50,10 @@ JpegSettings jpegSettings(double quality);
 Bytes writeJpeg(const DecodedImage& image, const JpegSettings& settings, const std::optional<Bytes>& icc);
 
 struct HeifSettings {
-  int quality = 50;         // libheif's lossy quality 0...100 for x265
+  int quality = 50;                               // libheif's lossy quality 0...100 for x265
   ChromaLayout chroma = ChromaLayout::automatic;  // full from a 0...1 quality of 0.9 on
-  const char* preset = "";  // x265 speed preset
-  int minBlock = 8;         // x265's smallest coding block, 8 or 16 pixels
+  const char* preset = "";                        // x265 speed preset
+  int minBlock = 8;                               // x265's smallest coding block, 8 or 16 pixels
 };
 // `photographic` (a photo or illustration, not a graphic or screen text) lets x265 skip its
 // 8-pixel blocks: a 12-megapixel photo in a third of the time for half a percent more bytes
@@ -70,7 +70,7 @@ struct AvifSettings {
   int maxQuantizer = 0;
   int minQuantizerAlpha = 0;
   int maxQuantizerAlpha = 0;
-  int speed = 6;         // aom's 0 (slowest) ... 10
+  int speed = 6;            // aom's 0 (slowest) ... 10
   int colourEdgeSpeed = 5;  // for pictures with sharp colour edges (see `usesFullChroma`)
   ChromaLayout chroma = ChromaLayout::automatic;  // full from a 0...1 quality of 0.9 on
 };

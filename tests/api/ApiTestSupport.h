@@ -13,7 +13,6 @@
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QThread>
-
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -74,7 +73,9 @@ class StateLog {
   LocalAPIListenerState waitFor(size_t index) {
     spinUntil([&] { return states().size() > index; }, std::chrono::seconds(10));
     auto all = states();
-    return all.size() > index ? all[index] : LocalAPIListenerState{LocalAPIListenerState::Kind::failed, "no state reported", 0};
+    return all.size() > index
+               ? all[index]
+               : LocalAPIListenerState{LocalAPIListenerState::Kind::failed, "no state reported", 0};
   }
 
  private:
@@ -132,7 +133,8 @@ class RouterFixture : public ::testing::Test {
 
   // A small JPEG made in code; returns its path.
   std::string writeJPEG(const std::string& name, uint32_t seed = 1) {
-    auto bytes = codecs::writeJpeg(makeImage(40, 30, Pattern::photo, seed), codecs::jpegSettings(0.8), std::nullopt);
+    auto bytes =
+        codecs::writeJpeg(makeImage(40, 30, Pattern::photo, seed), codecs::jpegSettings(0.8), std::nullopt);
     std::string path = dir_.filePath(QString::fromStdString(name)).toStdString();
     writeBytes(path, bytes);
     return path;

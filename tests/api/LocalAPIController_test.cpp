@@ -1,14 +1,15 @@
 // The API's settings and token in a private settings folder, and the controller that runs the
 // server on the stored port and publishes its state.
+#include "api/LocalAPIController.h"
+
+#include <sys/stat.h>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QTcpServer>
 
-#include <sys/stat.h>
-
-#include "api/LocalAPIController.h"
 #include "services/UpdateChecker.h"
 #include "tests/api/ApiTestSupport.h"
 

@@ -1,7 +1,7 @@
 // The request reader without sockets: the head limit and the small parsers it relies on.
-#include <gtest/gtest.h>
-
 #include "api/LocalAPIRequestReader.h"
+
+#include <gtest/gtest.h>
 
 namespace quillane {
 namespace {
@@ -12,8 +12,9 @@ using LocalAPIHTTP::percentDecode;
 
 TEST(RequestReader, HeaderLimitCountsTheWholeBufferEvenWhenTheHeadIsComplete) {
   LocalAPIRequestReader reader;
-  ASSERT_EQ(reader.receive("GET / HTTP/1.1\r\nX: " + std::string(LocalAPIRequestReader::headerLimit - 40, 'a')),
-            Outcome::needMore);
+  ASSERT_EQ(
+      reader.receive("GET / HTTP/1.1\r\nX: " + std::string(LocalAPIRequestReader::headerLimit - 40, 'a')),
+      Outcome::needMore);
   // This chunk both completes the head and pushes the buffer past the limit.
   EXPECT_EQ(reader.receive("\r\n\r\n" + std::string(100, 'b')), Outcome::malformed);
 
@@ -27,11 +28,13 @@ TEST(RequestReader, ContentLengthAndPercentEscapesAreReadStrictly) {
   for (const char* bad : {"", "+", "9223372036854775808", " 1", "1e3", "+-1"})
     EXPECT_EQ(parseDecimal(bad), std::nullopt) << bad;
   // Too big for 64 bits counts as no length at all, not as too large.
-  EXPECT_EQ(LocalAPIRequestReader().receive("POST / HTTP/1.1\r\nContent-Length: 99999999999999999999\r\n\r\n"),
-            Outcome::request);
+  EXPECT_EQ(
+      LocalAPIRequestReader().receive("POST / HTTP/1.1\r\nContent-Length: 99999999999999999999\r\n\r\n"),
+      Outcome::request);
   // Broken escapes, a cut sequence, a surrogate and an overlong "/" are refused.
   EXPECT_EQ(percentDecode("%C3%A9t%C3%A9"), "été");
-  for (const char* bad : {"100%", "%g1", "%C3", "%ED%A0%80", "%C0%AF"}) EXPECT_EQ(percentDecode(bad), std::nullopt) << bad;
+  for (const char* bad : {"100%", "%g1", "%C3", "%ED%A0%80", "%C0%AF"})
+    EXPECT_EQ(percentDecode(bad), std::nullopt) << bad;
 }
 
 }  // namespace

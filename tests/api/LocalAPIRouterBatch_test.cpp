@@ -16,11 +16,12 @@ TEST_F(BatchRouterTest, ImportReportsEachFailureInOrderAndListsNewIds) {
   testing::writeBytes(garbage, {'n', 'o', 't', ' ', 'a', 'n', ' ', 'i', 'm', 'a', 'g', 'e'});
 
   auto response = call("POST", "/v1/import",
-                       R"({"paths":[")" + missing + R"(",")" + good + R"(",")" + garbage + R"(",")" + aFolder +
-                           R"("],"extra":true})");
+                       R"({"paths":[")" + missing + R"(",")" + good + R"(",")" + garbage + R"(",")" +
+                           aFolder + R"("],"extra":true})");
   QJsonArray failed = json(response)["failed"].toArray();
   ASSERT_EQ(failed.size(), 3) << response.body;
-  EXPECT_EQ(failed[0].toObject(), (QJsonObject{{"error", "File not found"}, {"path", QString::fromStdString(missing)}}));
+  EXPECT_EQ(failed[0].toObject(),
+            (QJsonObject{{"error", "File not found"}, {"path", QString::fromStdString(missing)}}));
   EXPECT_EQ(failed[1].toObject()["path"].toString() + failed[2].toObject()["path"].toString(),
             QString::fromStdString(garbage + aFolder));
   ASSERT_EQ(model_->images().size(), 1u);
@@ -36,9 +37,15 @@ TEST_F(BatchRouterTest, ImagesDescribeTheModelAndAnOverrideSetsAndClears) {
   const qint64 original = QFileInfo(QString::fromStdString(path)).size();
   QJsonObject image = json(call("GET", "/v1/images"))[0].toObject();
   EXPECT_DOUBLE_EQ(image.take("ratio").toDouble(), 1.0 - 751.0 / double(original));
-  EXPECT_EQ(image, (QJsonObject{{"id", QString::fromStdString(ids[0])}, {"name", "photo.jpg"}, {"width", 40},
-                                {"height", 30}, {"frameCount", 1}, {"isAnimated", false}, {"originalFormat", "jpeg"},
-                                {"originalSizeBytes", original}, {"state", "ready"},
+  EXPECT_EQ(image, (QJsonObject{{"id", QString::fromStdString(ids[0])},
+                                {"name", "photo.jpg"},
+                                {"width", 40},
+                                {"height", 30},
+                                {"frameCount", 1},
+                                {"isAnimated", false},
+                                {"originalFormat", "jpeg"},
+                                {"originalSizeBytes", original},
+                                {"state", "ready"},
                                 {"compressedSizeBytes", 751}}));  // quality 75, jpeg
 
   // Ids are matched in any case; the answer is the row as it is now, being encoded again.
@@ -51,7 +58,8 @@ TEST_F(BatchRouterTest, ImagesDescribeTheModelAndAnOverrideSetsAndClears) {
 
   for (const char* clear : {"{}", R"({"quality":null})"}) {
     call("POST", "/v1/images/" + ids[0] + "/quality", R"({"quality":12})");
-    EXPECT_FALSE(json(call("POST", "/v1/images/" + ids[0] + "/quality", clear)).object().contains("qualityOverride"));
+    EXPECT_FALSE(
+        json(call("POST", "/v1/images/" + ids[0] + "/quality", clear)).object().contains("qualityOverride"));
   }
   ASSERT_TRUE(waitUntilSettled());
   EXPECT_EQ(json(call("GET", "/v1/images"))[0]["compressedSizeBytes"].toInteger(), 751);
@@ -70,10 +78,13 @@ TEST_F(BatchRouterTest, ExportWritesIntoTheFolderThePathOrTheProfilesAndAppliesT
   EXPECT_EQ(QFileInfo(QString::fromStdString(out + "/two.jpg")).size(), 751);
 
   // One image to a path of its own; a write that fails is reported in the answer.
-  const std::string route = "/v1/images/" + ids[0] + "/export", target = dir_.filePath("renamed.bin").toStdString();
+  const std::string route = "/v1/images/" + ids[0] + "/export",
+                    target = dir_.filePath("renamed.bin").toStdString();
   EXPECT_EQ(call("POST", route, R"({"path":")" + target + R"(","folder":5})").status, 400)
       << "a wrong type anywhere invalidates the shared body";
-  EXPECT_EQ(json(call("POST", route, R"({"path":")" + target + R"("})"))["destination"].toString().toStdString(), target);
+  EXPECT_EQ(
+      json(call("POST", route, R"({"path":")" + target + R"("})"))["destination"].toString().toStdString(),
+      target);
   EXPECT_EQ(QFileInfo(QString::fromStdString(target)).size(), 751);
   auto failedWrite = call("POST", route, R"({"path":"/nonexistent-dir/x.jpg"})");
   EXPECT_TRUE(json(failedWrite)["error"].isString() && json(failedWrite)["destination"].isUndefined())

@@ -13,9 +13,9 @@ const std::string emptyStatus =
     R"("imageCount":0,"isEncoding":false,"outputFormat":"jpeg","quality":75})";
 
 TEST_F(RouterTest, TheTokenIsCheckedBeforeAnyRoutingAndReadAtEachRequest) {
-  for (const std::string& authorization : {std::string(), "Authorization: bearer " + token_ + "\r\n",
-                                           "Authorization: Bearer  " + token_ + "\r\n",
-                                           "Authorization: Bearer " + token_ + "x\r\n"}) {
+  for (const std::string& authorization :
+       {std::string(), "Authorization: bearer " + token_ + "\r\n",
+        "Authorization: Bearer  " + token_ + "\r\n", "Authorization: Bearer " + token_ + "x\r\n"}) {
     auto response = raw("GET /no/such/route HTTP/1.1\r\n" + authorization + "\r\n");
     EXPECT_EQ(response.statusLine, "HTTP/1.1 401 Unauthorized") << authorization;
     EXPECT_EQ(response.body, unauthorized) << authorization;
@@ -29,17 +29,23 @@ TEST_F(RouterTest, TheTokenIsCheckedBeforeAnyRoutingAndReadAtEachRequest) {
 TEST_F(RouterTest, RoutesMatchSegmentsExactlyAndNeverAnswer405) {
   for (const char* target : {"/v1/status", "/v1/status/", "//v1//status", "/v1/status?verbose=1"})
     EXPECT_EQ(call("GET", target).body, emptyStatus) << target;
-  for (auto [method, target] : std::vector<std::pair<std::string, std::string>>{
-           {"PUT", "/v1/status"}, {"get", "/v1/status"}, {"GET", "/V1/status"}, {"GET", "/v1/status/extra"},
-           {"GET", "/v1/images/x/quality"}}) {
+  for (auto [method, target] :
+       std::vector<std::pair<std::string, std::string>>{{"PUT", "/v1/status"},
+                                                        {"get", "/v1/status"},
+                                                        {"GET", "/V1/status"},
+                                                        {"GET", "/v1/status/extra"},
+                                                        {"GET", "/v1/images/x/quality"}}) {
     auto response = call(method, target);
-    EXPECT_EQ(std::to_string(response.status) + response.body, "404" + error("Unknown route")) << method << target;
+    EXPECT_EQ(std::to_string(response.status) + response.body, "404" + error("Unknown route"))
+        << method << target;
   }
 }
 
 TEST_F(RouterTest, RefusalsNameWhatWasWrong) {
-  const std::string id = importPaths({writeJPEG("a.jpg")}).at(0), file = QString::fromStdString(writeJPEG("f.jpg")).replace("/", "\\/").toStdString();
-  const std::string unknownID = "0000000A-0000-0000-0000-00000000000b", range = "quality must be between 1 and 100";
+  const std::string id = importPaths({writeJPEG("a.jpg")}).at(0),
+                    file = QString::fromStdString(writeJPEG("f.jpg")).replace("/", "\\/").toStdString();
+  const std::string unknownID = "0000000A-0000-0000-0000-00000000000b",
+                    range = "quality must be between 1 and 100";
   model_->upsertExportProfile({QUuid::createUuid(), "Bare", ImageFormat::webp, 30, std::nullopt, false});
   struct Case {
     std::string method, target, body;
@@ -57,7 +63,8 @@ TEST_F(RouterTest, RefusalsNameWhatWasWrong) {
       {"POST", "/v1/images/" + id + "/quality", "not json", 400,
        R"(Expected JSON body: {\"quality\": Double?} (omit\/null to follow the global slider))"},
       // The lookup comes first: a bad body for an unknown id is a 404 echoing the segment.
-      {"POST", "/v1/images/" + unknownID + "/quality", "not json", 404, "No image with id '" + unknownID + "'"},
+      {"POST", "/v1/images/" + unknownID + "/quality", "not json", 404,
+       "No image with id '" + unknownID + "'"},
       {"DELETE", "/v1/images/not-a-uuid", "", 404, "No image with id 'not-a-uuid'"},
       {"POST", "/v1/images/" + id + "/export", R"({"folder":"/tmp"})", 400,
        R"(Expected JSON body: {\"path\": String, \"waitTimeoutSeconds\": Double?})"},
@@ -69,9 +76,11 @@ TEST_F(RouterTest, RefusalsNameWhatWasWrong) {
        "Profile 'bare' has no destination folder \xE2\x80\x94 pass \\\"folder\\\" explicitly"},
       {"POST", "/v1/profiles", R"({"name":"a","format":"png","quality":null})", 400,
        R"(Expected JSON body: {\"name\": String, \"format\": String, \"quality\": Double, \"destinationFolder\": String?})"},
-      {"POST", "/v1/profiles", R"({"name":" \n\t","format":"png","quality":5})", 400, "name must not be empty"},
-      {"POST", "/v1/profiles", R"({"name":"a","format":"png","quality":5,"destinationFolder":")" + file + R"("})",
-       400, "destinationFolder does not exist: " + file},
+      {"POST", "/v1/profiles", R"({"name":" \n\t","format":"png","quality":5})", 400,
+       "name must not be empty"},
+      {"POST", "/v1/profiles",
+       R"({"name":"a","format":"png","quality":5,"destinationFolder":")" + file + R"("})", 400,
+       "destinationFolder does not exist: " + file},
       {"DELETE", "/v1/profiles/Gone%20Now", "", 404, "No profile named 'Gone Now'"},
   };
   for (const Case& c : cases) {
@@ -85,7 +94,8 @@ TEST_F(RouterTest, RefusalsNameWhatWasWrong) {
 
 TEST_F(RouterTest, SettingsApplyInOrderAndKeepWhatWasApplied) {
   auto fraction = call("POST", "/v1/settings", R"({"quality":62.5,"format":"webp"})");
-  EXPECT_NE(fraction.body.find(R"("outputFormat":"webp","quality":62.5})"), std::string::npos) << fraction.body;
+  EXPECT_NE(fraction.body.find(R"("outputFormat":"webp","quality":62.5})"), std::string::npos)
+      << fraction.body;
   model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::avif, 55, std::nullopt, false});
   // A good profile followed by a bad format: the profile stays applied.
   EXPECT_EQ(call("POST", "/v1/settings", R"({"format":"gif","profile":"wEB"})").status, 400);
@@ -95,10 +105,12 @@ TEST_F(RouterTest, SettingsApplyInOrderAndKeepWhatWasApplied) {
 
 TEST_F(RouterTest, ProfilesAreUpsertedByNameInAnyCaseListedAndDeleted) {
   std::string out = folder("out");
-  auto created = call("POST", "/v1/profiles",
-                      R"({"name":"  My Web  ","format":"webp","quality":70,"destinationFolder":")" + out + R"("})");
+  auto created =
+      call("POST", "/v1/profiles",
+           R"({"name":"  My Web  ","format":"webp","quality":70,"destinationFolder":")" + out + R"("})");
   QString id = json(created)["id"].toString();
-  EXPECT_EQ(created.body, R"({"destinationFolder":")" + QString::fromStdString(out).replace("/", "\\/").toStdString() +
+  EXPECT_EQ(created.body, R"({"destinationFolder":")" +
+                              QString::fromStdString(out).replace("/", "\\/").toStdString() +
                               R"(","format":"webp","id":")" + id.toUpper().toStdString() +
                               R"(","name":"My Web","quality":70})");
   // Same name in other case: same id and default flag, replaced whole (the folder is gone).
@@ -106,7 +118,8 @@ TEST_F(RouterTest, ProfilesAreUpsertedByNameInAnyCaseListedAndDeleted) {
   profiles.front().isDefault = true;
   model_->upsertExportProfile(profiles.front());
   auto renamed = call("POST", "/v1/profiles", R"({"name":"my web","format":"png","quality":90})");
-  EXPECT_EQ(renamed.body, R"({"format":"png","id":")" + id.toStdString() + R"(","name":"my web","quality":90})");
+  EXPECT_EQ(renamed.body,
+            R"({"format":"png","id":")" + id.toStdString() + R"(","name":"my web","quality":90})");
   ASSERT_EQ(model_->exportProfiles().size(), 1u);
   EXPECT_TRUE(model_->exportProfiles().front().isDefault);
   EXPECT_EQ(call("GET", "/v1/profiles").body, "[" + renamed.body + "]");

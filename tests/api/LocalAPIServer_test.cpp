@@ -20,7 +20,8 @@ class EchoRouter {
  public:
   LocalAPIServer::Router router() {
     return [this](const LocalAPIRequest& request) {
-      if (request.path != "/slow") return QtFuture::makeReadyFuture(LocalAPIResponse::json(200, echo(request)));
+      if (request.path != "/slow")
+        return QtFuture::makeReadyFuture(LocalAPIResponse::json(200, echo(request)));
       std::lock_guard lock(mutex_);
       auto promise = std::make_shared<QPromise<LocalAPIResponse>>();
       promise->start();
@@ -80,8 +81,8 @@ class ServerTest : public ::testing::Test {
 
 std::string expectedResponse(int status, const std::string& reason, const std::string& body) {
   return "HTTP/1.1 " + std::to_string(status) + " " + reason +
-         "\r\nContent-Type: application/json; charset=utf-8\r\nContent-Length: " + std::to_string(body.size()) +
-         "\r\nConnection: close\r\n\r\n" + body;
+         "\r\nContent-Type: application/json; charset=utf-8\r\nContent-Length: " +
+         std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
 }
 const std::string malformed = expectedResponse(400, "Bad Request", R"({"error":"Malformed request"})");
 
@@ -89,22 +90,25 @@ TEST_F(ServerTest, ReadsTheHeadLenientlyAnswersWithThreeHeadersAndClosesEvenWhen
   int port = startServer();
   // No version, a lower-case method, header names in any case, padded values, a line without
   // a colon, a repeated header (the last one counts).
-  auto response = httpExchange(port, "get /x?a=1\r\nConnection: keep-alive\r\nX-UPPER:  \t value \t\r\n"
-                                     "no colon here\r\nDup: first\r\ndup: second\r\n\r\n");
-  EXPECT_EQ(response.raw, expectedResponse(200, "OK",
-                                           R"({"body":"","bodyLength":0,"headers":{"connection":"keep-alive",)"
-                                           R"("dup":"second","x-upper":"value"},"method":"get","path":"\/x",)"
-                                           R"("query":{"a":"1"}})"));
+  auto response = httpExchange(port,
+                               "get /x?a=1\r\nConnection: keep-alive\r\nX-UPPER:  \t value \t\r\n"
+                               "no colon here\r\nDup: first\r\ndup: second\r\n\r\n");
+  EXPECT_EQ(response.raw,
+            expectedResponse(200, "OK",
+                             R"({"body":"","bodyLength":0,"headers":{"connection":"keep-alive",)"
+                             R"("dup":"second","x-upper":"value"},"method":"get","path":"\/x",)"
+                             R"("query":{"a":"1"}})"));
   EXPECT_TRUE(response.closedByServer);
 }
 
 TEST_F(ServerTest, MalformedRequestsGetA400) {
   int port = startServer();
-  for (const char* bad : {"GET\r\n\r\n", "GET /\xff\xfe HTTP/1.1\r\n\r\n",
-                          "POST /x HTTP/1.1\r\nContent-Length: -1\r\n\r\n"})
+  for (const char* bad :
+       {"GET\r\n\r\n", "GET /\xff\xfe HTTP/1.1\r\n\r\n", "POST /x HTTP/1.1\r\nContent-Length: -1\r\n\r\n"})
     EXPECT_EQ(httpExchange(port, bad).raw, malformed) << bad;
   // Cut short by the client, in the head or in the body.
-  for (const char* partial : {"GET /x HTTP/1.1\r\nHost: a\r\n", "POST /x HTTP/1.1\r\nContent-Length: 10\r\n\r\nabc"}) {
+  for (const char* partial :
+       {"GET /x HTTP/1.1\r\nHost: a\r\n", "POST /x HTTP/1.1\r\nContent-Length: 10\r\n\r\nabc"}) {
     RawConnection connection(port);
     connection.send(partial);
     connection.shutdownWrite();
@@ -125,7 +129,8 @@ TEST_F(ServerTest, MalformedRequestsGetA400) {
 TEST_F(ServerTest, ContentLengthFramesTheBody) {
   int port = startServer();
   // A longer body is cut to its length; the surplus never becomes a second request.
-  auto surplus = httpExchange(port, "POST /x HTTP/1.1\r\nContent-Length: 3\r\n\r\nabcGET /second HTTP/1.1\r\n\r\n");
+  auto surplus =
+      httpExchange(port, "POST /x HTTP/1.1\r\nContent-Length: 3\r\n\r\nabcGET /second HTTP/1.1\r\n\r\n");
   EXPECT_NE(surplus.body.find(R"("body":"abc")"), std::string::npos) << surplus.body;
   EXPECT_EQ(surplus.raw.find("HTTP/1.1", 1), std::string::npos) << "one response only";
 }
@@ -133,7 +138,8 @@ TEST_F(ServerTest, ContentLengthFramesTheBody) {
 TEST_F(ServerTest, BodyLimitIsInclusiveAndTooLargeIsRefusedFromTheHeadAlone) {
   int port = startServer();
   auto accepted = testing::offThread([&] {
-    return httpExchange(port, "POST /big HTTP/1.1\r\nContent-Length: 8388608\r\n\r\n" + std::string(8388608, 'x'));
+    return httpExchange(port,
+                        "POST /big HTTP/1.1\r\nContent-Length: 8388608\r\n\r\n" + std::string(8388608, 'x'));
   });
   EXPECT_NE(accepted.body.find(R"("bodyLength":8388608)"), std::string::npos);
 
@@ -147,8 +153,8 @@ TEST_F(ServerTest, TheDeadlineCoversTheWholeRequest) {
   int port = startServer(0.4);  // 0.4 s truncates to 0 in the message
   const std::string timedOut =
       expectedResponse(408, "Request Timeout", R"({"error":"Request not received within 0s"})");
-  for (const char* request : {"",                                             // a silent client
-                              "GET /x HTTP/1.1\nHost: a\n\n",                 // LF alone never ends the head
+  for (const char* request : {"",                              // a silent client
+                              "GET /x HTTP/1.1\nHost: a\n\n",  // LF alone never ends the head
                               "POST /x HTTP/1.1\r\nContent-Length: 5\r\n\r\nab"})  // a body that stops
     EXPECT_EQ(httpExchange(port, request, 5s).raw, timedOut) << request;
 }
@@ -192,8 +198,8 @@ TEST_F(ServerTest, HundredsOfConcurrentConnectionsAreServedWithoutLeakingDescrip
       if (connection->connected()) connection->send("x");
     int ok = 0;
     for (int i = 0; i < count; ++i)
-      ok += i % 10 && connections[size_t(i)]->readResponse(10s).body.find("\"path\":\"\\/c" + std::to_string(i) + "\"") !=
-                          std::string::npos;
+      ok += i % 10 && connections[size_t(i)]->readResponse(10s).body.find(
+                          "\"path\":\"\\/c" + std::to_string(i) + "\"") != std::string::npos;
     return ok;
   });
   EXPECT_EQ(served, count - count / 10);
@@ -225,8 +231,10 @@ TEST_F(ServerTest, ClientsBeyondTheCapWaitAndBufferedBytesHaveOneBudgetForAll) {
     std::string refusal;
     RawConnection* other = nullptr;
     for (int i = 0; i < 100 && !other; ++i) {
-      if (!(refusal = a.readSome(20ms)).empty()) other = &b;
-      else if (!(refusal = b.readSome(20ms)).empty()) other = &a;
+      if (!(refusal = a.readSome(20ms)).empty())
+        other = &b;
+      else if (!(refusal = b.readSome(20ms)).empty())
+        other = &a;
     }
     if (!other) return std::pair<std::string, int>{};
     other->shutdownWrite();  // still awaited, so it ends short: 400
@@ -235,8 +243,10 @@ TEST_F(ServerTest, ClientsBeyondTheCapWaitAndBufferedBytesHaveOneBudgetForAll) {
   EXPECT_TRUE(answers.first.starts_with("HTTP/1.1 503")) << answers.first;
   EXPECT_EQ(answers.second, 400);
   // Their bytes were given back: a body of 900 KB fits again.
-  auto accepted = testing::offThread(
-      [&] { return httpExchange(port, "POST /fits HTTP/1.1\r\nContent-Length: 900000\r\n\r\n" + std::string(900000, 'c')); });
+  auto accepted = testing::offThread([&] {
+    return httpExchange(port,
+                        "POST /fits HTTP/1.1\r\nContent-Length: 900000\r\n\r\n" + std::string(900000, 'c'));
+  });
   EXPECT_EQ(accepted.status, 200);
 }
 
@@ -259,9 +269,11 @@ TEST_F(ServerTest, ClientsWithoutHeadersGiveWayAtTheCapAndHaveAShortDeadlineHowe
   RawConnection trickler(port);
   trickler.send("GET /slow HTTP/1.1\r\n");
   std::string answer;
-  for (int i = 0; i < 200 && answer.empty() && trickler.send("X-Pad: 1\r\n"); ++i) answer = trickler.readSome(50ms);
+  for (int i = 0; i < 200 && answer.empty() && trickler.send("X-Pad: 1\r\n"); ++i)
+    answer = trickler.readSome(50ms);
   answer += trickler.readResponse(5s).raw;
-  EXPECT_EQ(answer, expectedResponse(408, "Request Timeout", R"({"error":"Request not received within 0s"})"));
+  EXPECT_EQ(answer,
+            expectedResponse(408, "Request Timeout", R"({"error":"Request not received within 0s"})"));
 }
 
 }  // namespace

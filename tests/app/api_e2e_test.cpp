@@ -13,7 +13,6 @@
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QUrl>
-
 #include <algorithm>
 #include <chrono>
 #include <thread>
@@ -43,7 +42,9 @@ class ApiEndToEnd : public ::testing::Test {
     QFile conf(dir_.filePath("config/Quillane/Quillane.conf"));
     ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
     conf.write(QString("[General]\nlocalAPIEnabled=true\nlocalAPIPort=%1\nlocalAPIToken=%2\n")
-                   .arg(port_).arg(QString::fromStdString(token)).toUtf8());
+                   .arg(port_)
+                   .arg(QString::fromStdString(token))
+                   .toUtf8());
   }
 
   void TearDown() override { stop(); }
@@ -78,7 +79,8 @@ class ApiEndToEnd : public ::testing::Test {
     process_.reset();
   }
 
-  testing::RawHTTPResponse call(const std::string& method, const std::string& target, const std::string& body = {}) {
+  testing::RawHTTPResponse call(const std::string& method, const std::string& target,
+                                const std::string& body = {}) {
     return testing::httpExchange(port_, testing::buildRequest(method, target, token, body), 120s);
   }
   static QJsonDocument json(const testing::RawHTTPResponse& response) {
@@ -89,15 +91,17 @@ class ApiEndToEnd : public ::testing::Test {
   QJsonArray waitForReadyImages(int count) {
     for (auto deadline = std::chrono::steady_clock::now() + 90s;; std::this_thread::sleep_for(100ms)) {
       QJsonArray images = json(call("GET", "/v1/images")).array();
-      bool ready = images.size() == count &&
-                   std::all_of(images.begin(), images.end(), [](const QJsonValue& v) { return v["state"] == "ready"; });
+      bool ready =
+          images.size() == count && std::all_of(images.begin(), images.end(),
+                                                [](const QJsonValue& v) { return v["state"] == "ready"; });
       if (ready || std::chrono::steady_clock::now() > deadline) return images;
     }
   }
 
   QString writePhoto(const QString& name, uint32_t seed) {
     auto image = testing::makeImage(160 - 20 * int(seed), 120, testing::Pattern::photo, seed);
-    testing::writeBytes(dir_.filePath(name).toStdString(), codecs::writeJpeg(image, codecs::jpegSettings(0.9), std::nullopt));
+    testing::writeBytes(dir_.filePath(name).toStdString(),
+                        codecs::writeJpeg(image, codecs::jpegSettings(0.9), std::nullopt));
     return dir_.filePath(name);
   }
 
@@ -110,12 +114,15 @@ class ApiEndToEnd : public ::testing::Test {
 TEST_F(ApiEndToEnd, ImportTuneExportAndFindTheBatchAfterARestart) {
   start();
   QJsonArray list{writePhoto("first.jpg", 1), writePhoto("second.jpg", 2), writePhoto("third.jpg", 3)};
-  auto imported = call("POST", "/v1/import", QJsonDocument(QJsonObject{{"paths", list}}).toJson().toStdString());
+  auto imported =
+      call("POST", "/v1/import", QJsonDocument(QJsonObject{{"paths", list}}).toJson().toStdString());
   QJsonArray ids = json(imported)["imported"].toArray();
   ASSERT_EQ(ids.size(), 3) << imported.body;
 
   ASSERT_EQ(call("POST", "/v1/settings", R"({"quality":60,"format":"webp"})").status, 200);
-  ASSERT_EQ(call("POST", "/v1/images/" + ids[1].toString().toStdString() + "/quality", R"({"quality":30})").status, 200);
+  ASSERT_EQ(
+      call("POST", "/v1/images/" + ids[1].toString().toStdString() + "/quality", R"({"quality":30})").status,
+      200);
 
   std::string out = dir_.filePath("out").toStdString();
   auto exported = call("POST", "/v1/export", R"({"folder":")" + out + R"(","waitTimeoutSeconds":90})");
@@ -138,7 +145,8 @@ TEST_F(ApiEndToEnd, ImportTuneExportAndFindTheBatchAfterARestart) {
   EXPECT_EQ(after[1].toObject()["qualityOverride"].toDouble(), 30.0);
   EXPECT_FALSE(after[0].toObject().contains("qualityOverride"));
   auto status = json(call("GET", "/v1/status"));
-  EXPECT_TRUE(status["outputFormat"] == "jpeg" && status["quality"] == 75.0 && status["appVersion"] != "unknown");
+  EXPECT_TRUE(status["outputFormat"] == "jpeg" && status["quality"] == 75.0 &&
+              status["appVersion"] != "unknown");
 }
 
 // What arrived in a hot folder while the application was closed is compressed at start-up.
@@ -160,7 +168,8 @@ TEST_F(ApiEndToEnd, HotFolderCompressesWhatArrivedWhileClosed) {
   // The processed memory lists both files once the scan is over (its last step).
   for (auto deadline = std::chrono::steady_clock::now() + 90s;; std::this_thread::sleep_for(100ms)) {
     QFile file(dir_.filePath("data/Quillane/hotFolderProcessed.json"));
-    if (file.open(QIODevice::ReadOnly) && QJsonDocument::fromJson(file.readAll())[id].toObject().size() == 2) break;
+    if (file.open(QIODevice::ReadOnly) && QJsonDocument::fromJson(file.readAll())[id].toObject().size() == 2)
+      break;
     ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the scan never finished";
     ASSERT_EQ(process_->state(), QProcess::Running);
   }
@@ -173,10 +182,14 @@ TEST_F(ApiEndToEnd, HotFolderCompressesWhatArrivedWhileClosed) {
 TEST_F(ApiEndToEnd, QuitEndsAtOnceWithAnEncodeRunning) {
   start();
   const QString path = dir_.filePath("large.jpg");
-  testing::writeBytes(path.toStdString(), codecs::writeJpeg(testing::makeImage(6000, 4000, testing::Pattern::photo, 7),
-                                                            codecs::jpegSettings(0.9), std::nullopt));
+  testing::writeBytes(path.toStdString(),
+                      codecs::writeJpeg(testing::makeImage(6000, 4000, testing::Pattern::photo, 7),
+                                        codecs::jpegSettings(0.9), std::nullopt));
   ASSERT_EQ(call("POST", "/v1/settings", R"({"format":"avif"})").status, 200);
-  ASSERT_EQ(call("POST", "/v1/import", QJsonDocument(QJsonObject{{"paths", QJsonArray{path}}}).toJson().toStdString()).status, 200);
+  ASSERT_EQ(call("POST", "/v1/import",
+                 QJsonDocument(QJsonObject{{"paths", QJsonArray{path}}}).toJson().toStdString())
+                .status,
+            200);
   for (auto deadline = std::chrono::steady_clock::now() + 30s;; std::this_thread::sleep_for(50ms)) {
     QJsonArray images = json(call("GET", "/v1/images")).array();
     if (images.size() == 1 && images.at(0)["state"] == "encoding") break;

@@ -1,17 +1,17 @@
 // The real quillane-cli executable: exit statuses, stdout and stderr, files written, and the
 // profiles it finds in the user's data folder.
 
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QCoreApplication>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QUrl>
-#include <gtest/gtest.h>
-
 #include <filesystem>
 
 #include "tests/support/CodecFixtures.h"
@@ -30,7 +30,8 @@ class CommandLineTool : public ::testing::Test {
  protected:
   void SetUp() override {
     // The tool is built beside the test binary; QUILLANE_BIN_DIR points elsewhere when set.
-    program_ = qEnvironmentVariable("QUILLANE_BIN_DIR", QCoreApplication::applicationDirPath()) + "/quillane-cli";
+    program_ =
+        qEnvironmentVariable("QUILLANE_BIN_DIR", QCoreApplication::applicationDirPath()) + "/quillane-cli";
     ASSERT_TRUE(QFileInfo(program_).isExecutable()) << program_.toStdString();
     ASSERT_TRUE(dir_.isValid());
     QDir(dir_.path()).mkpath("in/nested");
@@ -44,9 +45,9 @@ class CommandLineTool : public ::testing::Test {
     QProcess process;
     if (!stdoutFile.isEmpty()) process.setStandardOutputFile(stdoutFile);
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("XDG_DATA_HOME", dir_.filePath("data"));  // no profiles but the test's own
+    env.insert("XDG_DATA_HOME", dir_.filePath("data"));      // no profiles but the test's own
     env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));  // no stored language
-    env.insert("LANGUAGE", "fr");  // the texts the assertions quote
+    env.insert("LANGUAGE", "fr");                            // the texts the assertions quote
     env.insert("LC_ALL", "fr_FR.UTF-8");
     env.insert("Q", program_);
     process.setProcessEnvironment(env);
@@ -124,8 +125,9 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
                       testing::readBytes(path(image("odd.png")).toStdString()));
   QFile::copy(path("in/odd.png"), path("in/" + longName));
   QFile::copy(path("in/odd.png"), path("-h"));
-  ToolRun r = run({}, {}, "exec \"$Q\" compress \"$(printf 'in/caf\\351 \\377.png')\" in/" + longName +
-                              " --format png --to out -- -h");
+  ToolRun r = run({}, {},
+                  "exec \"$Q\" compress \"$(printf 'in/caf\\351 \\377.png')\" in/" + longName +
+                      " --format png --to out -- -h");
   ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
   EXPECT_TRUE(r.out.contains("\\/out\\/caf\xe9 \xff.png\"")) << "the name's bytes, unchanged";
   EXPECT_TRUE(r.out.contains("\"path\":\"-h\"") && !r.out.contains("Usage"));
@@ -147,9 +149,12 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
 
 TEST_F(CommandLineTool, DefaultProfileFromTheDataFolderGivesFolderAndFormat) {
   QDir(path("data")).mkpath("Quillane");
-  const QJsonObject profile{{"id", "0A1B2C3D-0000-4000-8000-000000000001"}, {"name", "Archive"},
-                            {"format", "avif"}, {"quality", 60},
-                            {"destinationFolder", QUrl::fromLocalFile(path("archive")).toString()}, {"isDefault", true}};
+  const QJsonObject profile{{"id", "0A1B2C3D-0000-4000-8000-000000000001"},
+                            {"name", "Archive"},
+                            {"format", "avif"},
+                            {"quality", 60},
+                            {"destinationFolder", QUrl::fromLocalFile(path("archive")).toString()},
+                            {"isDefault", true}};
   const QByteArray json = QJsonDocument(QJsonArray{profile}).toJson();
   testing::writeBytes(path("data/Quillane/exportProfiles.json").toStdString(), {json.begin(), json.end()});
   ToolRun r = run({"compress", image("pic.png")});
@@ -162,7 +167,8 @@ TEST_F(CommandLineTool, InspectAndAnalyzeDescribeEachFileInOrder) {
   ToolRun inspected = run({"inspect", png, "in/missing.png"});
   ASSERT_EQ(inspected.exitCode, 0);
   QJsonArray files = inspected.json();
-  EXPECT_TRUE(files[0].toObject()["format"] == "png" && files[0].toObject()["pixelWidth"] == 48) << inspected.out.toStdString();
+  EXPECT_TRUE(files[0].toObject()["format"] == "png" && files[0].toObject()["pixelWidth"] == 48)
+      << inspected.out.toStdString();
   EXPECT_EQ(files[1].toObject().keys(), (QStringList{"error", "path"}));
 
   ToolRun analyzed = run({"analyze", "--quality", "90", png});

@@ -4,6 +4,7 @@
 // launch handing its files to the running batch, and `quillane --compress` through a
 // running instance or on its own.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -16,13 +17,10 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMutex>
-#include <QThread>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
-
-#include <signal.h>
-
+#include <QThread>
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -75,7 +73,8 @@ class DesktopBus : public ::testing::Test {
     program_ = qEnvironmentVariable("QUILLANE_BIN_DIR", QCoreApplication::applicationDirPath()) + "/quillane";
     ASSERT_TRUE(QFileInfo(program_).isExecutable()) << program_.toStdString();
     ASSERT_TRUE(dir_.isValid());
-    for (const char* folder : {"config/Quillane", "data/Quillane", "runtime", "in/sub"}) QDir(dir_.path()).mkpath(folder);
+    for (const char* folder : {"config/Quillane", "data/Quillane", "runtime", "in/sub"})
+      QDir(dir_.path()).mkpath(folder);
     QFile::setPermissions(dir_.filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 
     // A session bus that activates the built program, in this test's sandbox.
@@ -91,7 +90,8 @@ class DesktopBus : public ::testing::Test {
     daemon_.setProcessEnvironment(environment());  // what an activated program gets
     daemon_.start(daemon, {"--config-file=" + path("bus.conf"), "--nofork", "--print-address=1"});
     ASSERT_TRUE(daemon_.waitForStarted(10000));
-    while (!daemon_.canReadLine()) ASSERT_TRUE(daemon_.waitForReadyRead(10000)) << "dbus-daemon gave no address";
+    while (!daemon_.canReadLine())
+      ASSERT_TRUE(daemon_.waitForReadyRead(10000)) << "dbus-daemon gave no address";
     address_ = QString::fromUtf8(daemon_.readLine()).trimmed();
     bus_ = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address_, "desktop-bus-test"));
     ASSERT_TRUE(bus_->isConnected()) << bus_->lastError().message().toStdString();
@@ -135,7 +135,8 @@ class DesktopBus : public ::testing::Test {
     process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
     process->start(program_, arguments);
     ASSERT_TRUE(process->waitForStarted(10000));
-    for (auto deadline = std::chrono::steady_clock::now() + 60s; !owned(); std::this_thread::sleep_for(50ms)) {
+    for (auto deadline = std::chrono::steady_clock::now() + 60s; !owned();
+         std::this_thread::sleep_for(50ms)) {
       ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the name never appeared";
       ASSERT_EQ(process->state(), QProcess::Running) << "the program ended early";
     }
@@ -168,7 +169,8 @@ class DesktopBus : public ::testing::Test {
   QString image(const QString& relative, testing::Pattern pattern = testing::Pattern::photo) {
     DecodedImage picture = testing::makeImage(48, 32, pattern, 3);
     const QString path = dir_.filePath("in/" + relative);
-    testing::writeBytes(path.toStdString(), relative.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
+    testing::writeBytes(path.toStdString(),
+                        relative.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
     return path;
   }
   QString path(const QString& relative) const { return dir_.filePath(relative); }
@@ -176,8 +178,11 @@ class DesktopBus : public ::testing::Test {
   // exportProfiles.json in `data` with one default profile writing WebP into `folder`.
   void saveDefaultProfile(const QString& data, const QString& folder) {
     QDir(dir_.path()).mkpath(data + "/Quillane");
-    QJsonObject profile{{"id", "6F9619FF-8B86-D011-B42D-00C04FC964FF"}, {"name", "Web"},   {"format", "webp"},
-                        {"quality", 70},  {"destinationFolder", QUrl::fromLocalFile(folder).toString()},
+    QJsonObject profile{{"id", "6F9619FF-8B86-D011-B42D-00C04FC964FF"},
+                        {"name", "Web"},
+                        {"format", "webp"},
+                        {"quality", 70},
+                        {"destinationFolder", QUrl::fromLocalFile(folder).toString()},
                         {"isDefault", true}};
     QFile file(dir_.filePath(data + "/Quillane/exportProfiles.json"));
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
@@ -228,12 +233,28 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
       {{}, "webp", 80, "", path("out/e"), kError + "EmptyFileList", "Choisissez au moins une image"},
       {{a}, "webp", 101, "", path("out/e"), "org.freedesktop.DBus.Error.InvalidArgs", "quality : 101"},
       {{a}, "gif", 0, "", path("out/e"), "org.freedesktop.DBus.Error.InvalidArgs", "format : gif"},
-      {{a}, "profileOrDefault", 0, "Nope", path("out/e"), kError + "ProfileNotFound", "Profil introuvable : Nope"},
+      {{a},
+       "profileOrDefault",
+       0,
+       "Nope",
+       path("out/e"),
+       kError + "ProfileNotFound",
+       "Profil introuvable : Nope"},
       {{a}, "png", 50, "", "", kError + "MissingOutputDirectory", "Dossier de destination manquant"},
       {{a}, "png", 50, "", path("blocker/sub"), kError + "OutputFolder", "blocker/sub"},
-      {{a, path("in/gone.png"), nestedA}, "png", 50, "", path("out/gone"), kError + "CompressionFailed",
+      {{a, path("in/gone.png"), nestedA},
+       "png",
+       50,
+       "",
+       path("out/gone"),
+       kError + "CompressionFailed",
        "Échec de la compression de gone.png"},
-      {{notImage}, "png", 50, "", path("out/bad"), kError + "CompressionFailed",
+      {{notImage},
+       "png",
+       50,
+       "",
+       path("out/bad"),
+       kError + "CompressionFailed",
        "Échec de la compression de notes.png : Impossible de décoder"},
   };
   for (const Case& c : cases) {
@@ -269,7 +290,8 @@ TEST_F(DesktopBus, ASecondLaunchHandsItsFilesToTheRunningBatch) {
   QJsonArray images;
   for (auto deadline = std::chrono::steady_clock::now() + 60s;
        images.size() < 2 && std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(100ms)) {
-    const auto response = testing::httpExchange(port, testing::buildRequest("GET", "/v1/images", kToken, {}), 20s);
+    const auto response =
+        testing::httpExchange(port, testing::buildRequest("GET", "/v1/images", kToken, {}), 20s);
     images = QJsonDocument::fromJson(QByteArray::fromStdString(response.body)).array();
   }
   ASSERT_EQ(images.size(), 2);
@@ -312,7 +334,8 @@ TEST_F(DesktopBus, CompressCommandWorksThroughAnInstanceOrAloneAndReportsTheOutc
   sinkThread.wait();
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_TRUE(failed.err.isEmpty()) << failed.err.toStdString();
-  EXPECT_EQ(sink.shown(), QStringList{"Quillane: Échec de la compression: Choisissez au moins une image à compresser."});
+  EXPECT_EQ(sink.shown(),
+            QStringList{"Quillane: Échec de la compression: Choisissez au moins une image à compresser."});
 }
 
 }  // namespace

@@ -2,6 +2,9 @@
 // from explicit values and profiles, names kept apart within one command, and command errors
 // that touch no file.
 
+#include <gtest/gtest.h>
+#include <unistd.h>
+
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -9,8 +12,6 @@
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <QUrl>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 #include "automation/CompressImagesIntent.h"
 #include "automation/CompressScriptCommand.h"
@@ -49,7 +50,8 @@ class CompressCommand : public ::testing::Test {
     auto outcome = performDefaultImplementation(files, arguments);
     EXPECT_TRUE(outcome.json) << outcome.errorString;
     EXPECT_EQ(outcome.errorNumber, 0);
-    return outcome.json ? QJsonDocument::fromJson(QByteArray::fromStdString(*outcome.json)).array() : QJsonArray();
+    return outcome.json ? QJsonDocument::fromJson(QByteArray::fromStdString(*outcome.json)).array()
+                        : QJsonArray();
   }
 
   QTemporaryDir temp_;
@@ -57,7 +59,8 @@ class CompressCommand : public ::testing::Test {
 
 QStringList destinations(const QJsonArray& records) {
   QStringList names;
-  for (const auto& record : records) names << QFileInfo(record.toObject()["destination"].toString()).fileName();
+  for (const auto& record : records)
+    names << QFileInfo(record.toObject()["destination"].toString()).fileName();
   return names;
 }
 
@@ -73,7 +76,8 @@ TEST(ScriptCommandParameters, PathsComeFromUrlsStringsAndNestedListsInOrder) {
       CompressScriptCommand::filePaths(bad);
       ADD_FAILURE() << "accepted " << bad.typeName();
     } catch (const ScriptCommandError& e) {
-      EXPECT_EQ(e.description(), "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers.");
+      EXPECT_EQ(e.description(),
+                "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers.");
     }
   }
   EXPECT_EQ(CompressScriptCommand::url(QUrl::fromLocalFile("/tmp/out")), "/tmp/out");
@@ -96,7 +100,8 @@ TEST_F(CompressCommand, NamesDifferOnlyWithinOneCommandAndIgnoreCase) {
   QDir().mkpath(out("deep/er"));
   testing::writeBytes(out("deep/er/a.jpg").toStdString(), {'o', 'l', 'd'});
 
-  QJsonArray records = run(QVariantList{lower, QVariantList{upper}}, {{"to", QUrl::fromLocalFile(out("deep/er"))}});
+  QJsonArray records =
+      run(QVariantList{lower, QVariantList{upper}}, {{"to", QUrl::fromLocalFile(out("deep/er"))}});
   EXPECT_EQ(destinations(records), (QStringList{"a.jpg", "A-2.jpg"}));
   EXPECT_GT(QFileInfo(out("deep/er/a.jpg")).size(), 3) << "a file of this name from before is replaced";
   EXPECT_EQ(destinations(run(QStringList{upper}, {{"to", out("deep/er")}})), QStringList{"A.jpg"})
@@ -108,7 +113,8 @@ TEST_F(CompressCommand, NamesDifferOnlyWithinOneCommandAndIgnoreCase) {
 // ones sequential compression gives.
 TEST_F(CompressCommand, ParallelFilesKeepTheOrderAndNamesOfTheArguments) {
   const QString large = temp_.filePath("in/p.png");
-  testing::writeBytes(large.toStdString(), fixtures::png(testing::makeImage(1200, 900, testing::Pattern::photo, 3)));
+  testing::writeBytes(large.toStdString(),
+                      fixtures::png(testing::makeImage(1200, 900, testing::Pattern::photo, 3)));
   QDir(temp_.path()).mkpath("in/b");
   const QStringList files{large, source("sub/p.png"), temp_.filePath("in/missing.png"), source("b/p.jpg")};
   QJsonArray records = run(files, {{"to", out()}, {"format", "jpeg"}});
@@ -128,7 +134,8 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
   const auto second = testing::readBytes(out("out/photo.jpg").toStdString());
   QJsonArray records = run(QStringList{png, out("out/photo.jpg")}, {{"to", out()}, {"format", "jpeg"}});
   EXPECT_EQ(destinations(records), (QStringList{"photo-2.jpg", "photo-3.jpg"}));
-  EXPECT_EQ(testing::readBytes(out("out/photo.jpg").toStdString()), second) << "the second input was read, not replaced";
+  EXPECT_EQ(testing::readBytes(out("out/photo.jpg").toStdString()), second)
+      << "the second input was read, not replaced";
 
   // In place: the source stays as it was.
   QString jpeg = source("sub/pic.jpg");
@@ -138,7 +145,8 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
   EXPECT_EQ(testing::readBytes(jpeg.toStdString()), original);
 
   QDir().mkpath(out("hard"));
-  ASSERT_EQ(::link(QFile::encodeName(png).constData(), QFile::encodeName(out("hard/photo.jpg")).constData()), 0);
+  ASSERT_EQ(::link(QFile::encodeName(png).constData(), QFile::encodeName(out("hard/photo.jpg")).constData()),
+            0);
   EXPECT_EQ(destinations(run(QStringList{png}, {{"to", out("hard")}})), QStringList{"photo-2.jpg"});
 
   // The desktop's compress action (D-Bus) keeps to the same rule.

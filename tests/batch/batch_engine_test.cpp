@@ -1,10 +1,9 @@
 // The model over the real engine: a generated PNG is inspected, encoded and exported, and a
 // file that is no image lands in the failure list with the decoder's text. A name that is not
 // UTF-8 is read, exported and restored after a restart as the very same file.
-#include <QDir>
-
 #include <unistd.h>
 
+#include <QDir>
 #include <memory>
 
 #include "engine/ImageFormat.h"
@@ -29,8 +28,8 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   const QByteArray latin1Name = QFile::encodeName(dir_.path()) + "/caf\xe9.png";
   writeBytes(latin1Name.toStdString(), png);
   // QDir lists no such name, so the temporary folder could not remove it by itself.
-  const std::unique_ptr<const char, void (*)(const char*)> unlinkAtEnd(latin1Name.constData(),
-                                                                       [](const char* name) { ::unlink(name); });
+  const std::unique_ptr<const char, void (*)(const char*)> unlinkAtEnd(
+      latin1Name.constData(), [](const char* name) { ::unlink(name); });
   const QUrl latin1URL = QUrl::fromEncoded("file://" + latin1Name.toPercentEncoding("/"));
 
   auto o = options();
@@ -38,7 +37,8 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   o.encoder = nullptr;
   o.inspector = nullptr;
   auto& model = makeModel(o);
-  import({QUrl::fromLocalFile(dir_.filePath("pattern.png")), source("notes.png", "this is not an image"), latin1URL});
+  import({QUrl::fromLocalFile(dir_.filePath("pattern.png")), source("notes.png", "this is not an image"),
+          latin1URL});
   ASSERT_EQ(model.images().size(), 2u);
   auto image = model.images()[0];
   EXPECT_EQ(std::tuple(image->width(), image->height(), image->originalFormat()),

@@ -76,8 +76,8 @@ class BatchFixture : public ::testing::Test {
       std::this_thread::sleep_for(std::chrono::milliseconds(entry.delayMs));
       const QString file = QString::fromStdString(path);
       if (entry.fail || !QFile::exists(file)) throw ImageProcessingError::decodingFailed("fake: " + path);
-      return ImageDecoder::LightDecodedImage{
-          entry.format, entry.width, entry.height, QFile(file).size(), entry.frameCount, {}};
+      return ImageDecoder::LightDecodedImage{entry.format,       entry.width,      entry.height,
+                                             QFile(file).size(), entry.frameCount, {}};
     };
     o.processorCount = 2;
     o.memoryBudgetMB = 2048;

@@ -52,7 +52,8 @@ TEST(AsyncSemaphoreTest, WaitAheadPassesQueuedWaitersButNeverHeldPermits) {
 
 using SchedulerTest = BatchFixture;
 
-TEST_F(SchedulerTest, AnInspectionWaitsForMemoryThatARunningEncodeHoldsAndAMissingThumbnailComesFromTheEncode) {
+TEST_F(SchedulerTest,
+       AnInspectionWaitsForMemoryThatARunningEncodeHoldsAndAMissingThumbnailComesFromTheEncode) {
   auto o = options();
   o.processorCount = 2;
   o.memoryBudgetMB = 100;

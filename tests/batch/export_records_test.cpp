@@ -1,8 +1,8 @@
 // Export, history with undo, and the model's profile operations.
+#include <unistd.h>
+
 #include <QDir>
 #include <QFileInfo>
-
-#include <unistd.h>
 
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/TestImages.h"
@@ -95,12 +95,15 @@ TEST_F(ExportTest, ExportNeverReplacesASourceAndReplacesAPlantedLinkInsteadOfFol
   auto& model = readyModel({"a.jpg", "c.png"});
   ASSERT_TRUE(QFile::link(dir_.filePath("c.png"), outFolder() + "/c.jpg") &&
               ::link(path("a.jpg").c_str(), (outFolder() + "/a.jpg").toLocal8Bit().constData()) == 0);
-  EXPECT_EQ(destinationNames(model.exportAll(QUrl::fromLocalFile(dir_.path()))), (QStringList{"a-2.jpg", "c.jpg"}));
+  EXPECT_EQ(destinationNames(model.exportAll(QUrl::fromLocalFile(dir_.path()))),
+            (QStringList{"a-2.jpg", "c.jpg"}));
   EXPECT_EQ(contentOf(dir_.filePath("a.jpg")), "source");
-  EXPECT_EQ(destinationNames(model.exportAll(QUrl::fromLocalFile(outFolder()))), (QStringList{"a-2.jpg", "c.jpg"}))
+  EXPECT_EQ(destinationNames(model.exportAll(QUrl::fromLocalFile(outFolder()))),
+            (QStringList{"a-2.jpg", "c.jpg"}))
       << "a hard link to a source is that source";
   EXPECT_EQ(contentOf(outFolder() + "/a.jpg"), "source");
-  EXPECT_EQ(contentOf(dir_.filePath("c.png")), "source") << "the link planted as c.jpg was replaced, not followed";
+  EXPECT_EQ(contentOf(dir_.filePath("c.png")), "source")
+      << "the link planted as c.jpg was replaced, not followed";
   EXPECT_FALSE(QFileInfo(outFolder() + "/c.jpg").isSymLink());
 
   // A single export onto a source goes beside it, and the row tells where.

@@ -88,8 +88,8 @@ TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
 
 TEST_F(ImportTest, EmptyCorruptOrMalformedSessionStartsEmptyAndIsLeftAlone) {
   // An empty list (the session after clearAll) is as good as none: the next start begins empty.
-  for (const QByteArray content :
-       {"[]", "{not json", R"([{"qualityOverride":40}])", R"([{"sourceURL":"file:///x.png","qualityOverride":"high"}])"}) {
+  for (const QByteArray content : {"[]", "{not json", R"([{"qualityOverride":40}])",
+                                   R"([{"sourceURL":"file:///x.png","qualityOverride":"high"}])"}) {
     QDir().mkpath(JSONFileStore::folder());
     QFile file(JSONFileStore::path("importSession.json"));
     ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));

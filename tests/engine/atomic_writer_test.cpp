@@ -20,7 +20,8 @@ namespace fs = std::filesystem;
 class AtomicWriter : public ::testing::Test {
  protected:
   void write(const std::string& name, const std::string& text) {
-    FileIO::writeFileAtomically(dir_ + "/" + name, {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+    FileIO::writeFileAtomically(dir_ + "/" + name,
+                                {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
   }
   std::string read(const std::string& path) {
     auto bytes = testing::readBytes(path);

@@ -51,7 +51,8 @@ TEST(EncodeData, WideGamutProfileReachesEveryFormatAndSRGBAddsNone) {
     for (const DecodedImage& picture : pictures)
       for (ImageFormat format : ImageFormats::allCases) {
         SCOPED_TRACE(std::string(ImageFormats::label(format)) + " profile of " + std::to_string(icc.size()));
-        auto written = ImageService::decodeFirstFrame(encodeData(fixtures::png(picture, {.icc = icc}), format, 80));
+        auto written =
+            ImageService::decodeFirstFrame(encodeData(fixtures::png(picture, {.icc = icc}), format, 80));
         EXPECT_EQ(written.colorSpace.isSRGB, icc == srgb);
         // JPEG XL signals sRGB and known spaces in its header: its reader makes a profile of them.
         if (format == ImageFormat::jxl) continue;
@@ -92,9 +93,10 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
   // fallback stays silent: the command-line tool's stderr carries only its own messages.
   Bytes cmyk(32 * 16 * 4, 0);
   for (size_t i = 0; i < cmyk.size(); i += 4) cmyk[i] = uint8_t(i % 200);
-  const std::pair<Bytes, double> fromPixels[] = {{jpeg, 89.9},
-                                                 {fixtures::cmykJpeg(32, 16, cmyk), 95},
-                                                 {fixtures::png(testing::makeImage(32, 16, testing::Pattern::photo)), 95}};
+  const std::pair<Bytes, double> fromPixels[] = {
+      {jpeg, 89.9},
+      {fixtures::cmykJpeg(32, 16, cmyk), 95},
+      {fixtures::png(testing::makeImage(32, 16, testing::Pattern::photo)), 95}};
   for (const auto& [source, quality] : fromPixels) {
     ::testing::internal::CaptureStderr();
     auto out = testing::decodeJXL(encodeData(source, ImageFormat::jxl, quality));
@@ -108,7 +110,8 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
 // --- compress ---------------------------------------------------------------------------------
 
 TEST_F(CompressorFiles, WritesUnderTheSourceNameOrTheGivenOneAndReplacesAnOldFile) {
-  std::string source = write("holiday.photo.png", fixtures::png(testing::makeImage(40, 30, testing::Pattern::photo)));
+  std::string source =
+      write("holiday.photo.png", fixtures::png(testing::makeImage(40, 30, testing::Pattern::photo)));
   fs::create_directory(dir.file("out"));
   testing::writeBytes(dir.file("out/holiday.photo.webp"), {'o', 'l', 'd'});
 
@@ -145,7 +148,8 @@ TEST_F(CompressorFiles, CorruptMissingAndEmptySourcesGiveTheirTrueSizeAndWriteNo
   }
   EXPECT_TRUE(filesIn(dir.file("out")).empty());
 
-  const std::string valid = write("a.png", fixtures::png(testing::makeImage(20, 20, testing::Pattern::photo)));
+  const std::string valid =
+      write("a.png", fixtures::png(testing::makeImage(20, 20, testing::Pattern::photo)));
   auto noFolder = compress(valid, dir.file("missing/deeper"), ImageFormat::jpeg, 75, std::nullopt);
   EXPECT_FALSE(noFolder.succeeded());
   EXPECT_FALSE(fs::exists(dir.file("missing"))) << "no folder is made";

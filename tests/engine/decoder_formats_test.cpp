@@ -17,7 +17,8 @@ using fixtures::Corner;
 std::array<int, 4> pixelAt(const DecodedImage& image, int x, int y) {
   size_t i = (size_t(y) * size_t(image.width) + size_t(x)) * 4;
   std::array<int, 4> p;
-  for (size_t c = 0; c < 4; ++c) p[c] = image.bitsPerComponent == 16 ? image.pixels16[i + c] >> 8 : image.pixels8[i + c];
+  for (size_t c = 0; c < 4; ++c)
+    p[c] = image.bitsPerComponent == 16 ? image.pixels16[i + c] >> 8 : image.pixels8[i + c];
   return p;
 }
 
@@ -100,8 +101,10 @@ TEST(Detection, ContentDecidesNotTheNameAndOtherImageTypesAreRefused) {
   testing::writeBytes(dir.file("actually.png"), fixtures::jpeg(fixtures::quadrants(16, 16)));
   EXPECT_EQ(ImageDecoder::inspect(dir.file("actually.png")).format, ImageFormat::jpeg);
 
-  const std::vector<fixtures::Bytes> others = {  // GIF, TIFF, BMP
-      {'G', 'I', 'F', '8', '9', 'a', 1, 0, 1, 0, 0, 0, 0, ',', 0, 0, 0, 0, 1, 0, 1, 0, 0, 2, 2, 'D', 1, 0, ';'},
+  const std::vector<fixtures::Bytes> others = {
+      // GIF, TIFF, BMP
+      {'G', 'I', 'F', '8', '9', 'a', 1, 0, 1, 0, 0,   0, 0, ',', 0,
+       0,   0,   0,   1,   0,   1,   0, 0, 2, 2, 'D', 1, 0, ';'},
       {'I', 'I', 0x2A, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0},
       {'B', 'M', 58, 0, 0, 0, 0, 0, 0, 0, 54, 0, 0, 0, 40, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 24, 0},
   };
@@ -117,7 +120,8 @@ TEST(Detection, ContentDecidesNotTheNameAndOtherImageTypesAreRefused) {
 TEST(Thumbnails, ReducedReadsKeepEveryCornerInPlace) {
   // PNG rows averaged as they come, PNG Adam7 passes read only as far as needed, and WebP
   // scaled while it decodes: each must still give the whole picture, the right way round.
-  const DecodedImage picture = fixtures::quadrants(1000, 600, 8, true), wide = fixtures::quadrants(1000, 600, 16, true);
+  const DecodedImage picture = fixtures::quadrants(1000, 600, 8, true),
+                     wide = fixtures::quadrants(1000, 600, 16, true);
   const fixtures::Bytes files[] = {fixtures::png(picture), fixtures::png(wide, {.interlaced = true}),
                                    fixtures::png(picture, {.palette = true, .interlaced = true}),
                                    fixtures::webp(picture), fixtures::animatedWebp({picture, picture})};
@@ -133,7 +137,8 @@ TEST(Thumbnails, ReducedReadsKeepEveryCornerInPlace) {
     }
   }
   EXPECT_EQ(fixtures::quadrantAt(ImageService::decodeFirstFrame(files[2]), fixtures::Corner::bottomRight), 3);
-  EXPECT_EQ(ImageDecoder::loadPreview(fixtures::webp(fixtures::quadrants(40, 20)), 256)->width, 40) << "never enlarged";
+  EXPECT_EQ(ImageDecoder::loadPreview(fixtures::webp(fixtures::quadrants(40, 20)), 256)->width, 40)
+      << "never enlarged";
 }
 
 TEST(Thumbnails, TransparentPixelsLeaveNoDarkFringe) {
@@ -155,7 +160,8 @@ TEST(Thumbnails, TransparentPixelsLeaveNoDarkFringe) {
     bool on = (i / 4 % 64 / 2 + i / 4 / 64 / 2) % 2 == 0;
     image.pixels8[i] = image.pixels8[i + 3] = on ? 255 : 0;
   }
-  for (const auto& file : {fixtures::heic(image), fixtures::avif(image), fixtures::jxl(image, {.lossless = false})}) {
+  for (const auto& file :
+       {fixtures::heic(image), fixtures::avif(image), fixtures::jxl(image, {.lossless = false})}) {
     SCOPED_TRACE(ImageFormats::rawValue(*ImageFormats::detect(file)));
     thumb = ImageDecoder::loadPreview(file, 8);
     ASSERT_TRUE(thumb);

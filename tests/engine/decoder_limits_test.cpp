@@ -92,8 +92,10 @@ Bytes hugeCanvasWebp() {
   frame.duration = 100;
   WebPMuxAnimParams params{0, 0};
   WebPData assembled{};
-  const bool ok = WebPMuxPushFrame(mux, &frame, 1) == WEBP_MUX_OK && WebPMuxSetCanvasSize(mux, 16383, 16383) == WEBP_MUX_OK &&
-                  WebPMuxSetAnimationParams(mux, &params) == WEBP_MUX_OK && WebPMuxAssemble(mux, &assembled) == WEBP_MUX_OK;
+  const bool ok = WebPMuxPushFrame(mux, &frame, 1) == WEBP_MUX_OK &&
+                  WebPMuxSetCanvasSize(mux, 16383, 16383) == WEBP_MUX_OK &&
+                  WebPMuxSetAnimationParams(mux, &params) == WEBP_MUX_OK &&
+                  WebPMuxAssemble(mux, &assembled) == WEBP_MUX_OK;
   WebPMuxDelete(mux);
   Bytes out(assembled.bytes, assembled.bytes + (ok ? assembled.size : 0));
   WebPDataClear(&assembled);
@@ -155,12 +157,13 @@ TEST_F(Bombs, InspectUnderOneGigabyteAndRefuseTheFullDecodeBeforeAllocating) {
   };
   // Grids of 32 x 32 cells of one 512 x 512 tile: libheif and libavif decode a grid whole.
   const DecodedImage tile = fixtures::quadrants(512, 512);
-  const Bomb bombs[] = {{"bomb.png", blackPng(22000, false), 22000},
-                        {"interlaced.png", blackPng(22000, true), 22000},
-                        {"bomb.jpg", fixtures::arithmeticGreyJpeg(22000, 22000, 128, 120000), 22000},
-                        {"canvas.webp", hugeCanvasWebp(), 16383},
-                        {"grid.heic", fixtures::grid(fixtures::heic(tile, {.alpha = false}), 32, 32), 16384, false},
-                        {"grid.avif", fixtures::grid(fixtures::avif(tile, {.alpha = false}), 32, 32), 16384, false, false}};
+  const Bomb bombs[] = {
+      {"bomb.png", blackPng(22000, false), 22000},
+      {"interlaced.png", blackPng(22000, true), 22000},
+      {"bomb.jpg", fixtures::arithmeticGreyJpeg(22000, 22000, 128, 120000), 22000},
+      {"canvas.webp", hugeCanvasWebp(), 16383},
+      {"grid.heic", fixtures::grid(fixtures::heic(tile, {.alpha = false}), 32, 32), 16384, false},
+      {"grid.avif", fixtures::grid(fixtures::avif(tile, {.alpha = false}), 32, 32), 16384, false, false}};
   for (const Bomb& bomb : bombs) {
     SCOPED_TRACE(bomb.name);
     ASSERT_LT(bomb.bytes.size(), 200u << 10);
@@ -177,10 +180,12 @@ TEST_F(Bombs, InspectUnderOneGigabyteAndRefuseTheFullDecodeBeforeAllocating) {
     expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
       const auto light = ImageDecoder::inspect(path);
       if (light.pixelWidth != bomb.size || light.pixelHeight != bomb.size || light.frameCount != 1 ||
-          light.thumbnail.empty() == bomb.thumbnail || std::max(light.thumbnail.width, light.thumbnail.height) > 256)
+          light.thumbnail.empty() == bomb.thumbnail ||
+          std::max(light.thumbnail.width, light.thumbnail.height) > 256)
         return false;
       // Inspection made no full-size copy, and the encode is refused with the usual text.
-      const auto result = ImageCompressor::compress(path, dir.path(), ImageFormat::heic, 70, bomb.name + ".heic");
+      const auto result =
+          ImageCompressor::compress(path, dir.path(), ImageFormat::heic, 70, bomb.name + ".heic");
       return result.error == ImageProcessingError::decodingFailed().description();
     });
   }
@@ -199,7 +204,8 @@ TEST_F(Bombs, ThousandsOfScansAreRefusedWithinACPULimit) {
 }
 
 TEST_F(Bombs, WhatIsNotARegularImageFileIsRefusedWithoutReadingIt) {
-  const std::string fifo = dir.file("pipe.png"), socketPath = dir.file("socket.png"), sparse = dir.file("sparse.png");
+  const std::string fifo = dir.file("pipe.png"), socketPath = dir.file("socket.png"),
+                    sparse = dir.file("sparse.png");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   int sock = socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{};
@@ -221,7 +227,8 @@ TEST_F(Bombs, WhatIsNotARegularImageFileIsRefusedWithoutReadingIt) {
       return !ImageFormats::detect(path) && ImageDecoder::inspectionPeakBytes(path) == 0 &&
              (path == sparse || ImageDecoder::fileSize(path) == 0) &&
              refusedAsUndecodable([&] { ImageDecoder::readSource(path); }) &&
-             refusedAsUndecodable([&] { ImageDecoder::inspect(path); }) && !ImageDecoder::loadPreview(path, 64) &&
+             refusedAsUndecodable([&] { ImageDecoder::inspect(path); }) &&
+             !ImageDecoder::loadPreview(path, 64) &&
              result.error == ImageProcessingError::decodingFailed().description();
     });
   }
@@ -271,10 +278,12 @@ TEST(Cancellation, ARaisedFlagStopsADecodeAndOnlyOnItsOwnThread) {
     for (const Bytes* file : {&png, &jpeg, &jxl, &webp})
       expectCancelled("decode", [&] { ImageDecoder::decodeCGImageSource(*file); });
   }
-  for (const Bytes* file : {&png, &jxl, &webp}) EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(*file));  // the scope ended
+  for (const Bytes* file : {&png, &jxl, &webp})
+    EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(*file));  // the scope ended
 
   // WebP is shown to its decoder in slices: one of several slices gives libwebp's own pixels.
-  const Bytes noisy = fixtures::webp(testing::makeImage(400, 300, testing::Pattern::noisyPhoto), {.lossless = true});
+  const Bytes noisy =
+      fixtures::webp(testing::makeImage(400, 300, testing::Pattern::noisyPhoto), {.lossless = true});
   ASSERT_GT(noisy.size(), 262'144u);
   const auto reference = testing::decodeWebP(noisy);
   ASSERT_TRUE(reference);
@@ -288,12 +297,15 @@ TEST(Cancellation, ARaisedFlagStopsEachHookedEncoder) {
   photo.hasAlpha = true;
   const std::pair<const char*, std::function<Bytes()>> encoders[] = {
       {"WebP lossy", [&] { return WebPEncoder::encode(rgba, testing::makePlan(Mode::lossy(80)), photo); }},
-      {"WebP lossless", [&] { return WebPEncoder::encode(rgba, testing::makePlan(Mode::lossless()), photo); }},
+      {"WebP lossless",
+       [&] { return WebPEncoder::encode(rgba, testing::makePlan(Mode::lossless()), photo); }},
       {"JPEG XL", [&] { return JXLEncoder::encode(rgba, true, testing::makePlan(Mode::lossy(80), 0)); }},
-      {"PNG palette", [&] { return PNGQuantEncoder::encodePalette(rgba, testing::makePlan(Mode::lossy(80))); }},
+      {"PNG palette",
+       [&] { return PNGQuantEncoder::encodePalette(rgba, testing::makePlan(Mode::lossy(80))); }},
       // The palette's failure must not fall back to truecolour once cancelled.
       {"PNG", [&] { return PNGQuantEncoder::encode(rgba, testing::makePlan(Mode::lossy(80))); }},
-      {"PNG truecolour", [&] { return PNGQuantEncoder::encodeLossless(rgba, testing::makePlan(Mode::lossless())); }},
+      {"PNG truecolour",
+       [&] { return PNGQuantEncoder::encodeLossless(rgba, testing::makePlan(Mode::lossless())); }},
   };
   std::atomic<bool> flag{true};
   for (const auto& [name, encode] : encoders) {

@@ -33,7 +33,10 @@ const Sample kSamples[] = {
     {"png", [] { return fixtures::png(picture(), {.icc = fixtures::displayP3ICC(), .orientation = 3}); }},
     {"png16", [] { return fixtures::png(fixtures::quadrants(20, 10, 16, true)); }},
     {"webp", [] { return fixtures::webp(picture(), {.icc = fixtures::displayP3ICC(), .orientation = 8}); }},
-    {"webp_anim", [] { return fixtures::animatedWebp({picture(), fixtures::quadrants(40, 28)}); }},
+    {"webp_anim",
+     [] {
+       return fixtures::animatedWebp({picture(), fixtures::quadrants(40, 28)});
+     }},
     {"heic", [] { return fixtures::heic(picture(), {.quality = 50}); }},
     {"heic_av1", [] { return fixtures::heic(picture(), {.quality = 50, .av1 = true}); }},
     {"avif", [] { return fixtures::avif(picture(), {.quantizer = 30, .irotAngle = 1}); }},

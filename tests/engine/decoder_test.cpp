@@ -84,7 +84,8 @@ TEST(Orientation, EachContainerIsTurnedOnceWhereverItStoresTheOrientation) {
     auto props = ImageService::properties(c.file);
     ASSERT_TRUE(props);
     // Stated for the pipeline to apply, except where libheif already did (and reports the turned size).
-    EXPECT_EQ(props->orientation, c.name == std::string("heic") ? std::nullopt : std::optional(c.orientation));
+    EXPECT_EQ(props->orientation,
+              c.name == std::string("heic") ? std::nullopt : std::optional(c.orientation));
     EXPECT_EQ(props->width, c.name == std::string("heic") ? kH : kW);
     expectUpright(decodeCGImageSource(c.file).image, c.orientation);
     auto thumb = ImageService::thumbnail(c.file, 256);
@@ -98,7 +99,8 @@ TEST(Orientation, ReadWhateverIntegerTypeAndByteOrderHoldIt) {
   for (int type : {3, 4, 8, 9})  // SHORT, LONG, SSHORT, SLONG
     for (bool bigEndian : {false, true}) {
       const fixtures::ExifLayout layout{type, bigEndian};
-      SCOPED_TRACE(::testing::Message() << "type " << type << (bigEndian ? ", big-endian" : ", little-endian"));
+      SCOPED_TRACE(::testing::Message()
+                   << "type " << type << (bigEndian ? ", big-endian" : ", little-endian"));
       const fixtures::Bytes files[] = {
           fixtures::jpeg(picture, {.orientation = 6, .exifLayout = layout, .xmpBeforeExif = type == 4}),
           fixtures::png(picture, {.orientation = 6, .exifLayout = layout}),
@@ -111,7 +113,8 @@ TEST(Orientation, ReadWhateverIntegerTypeAndByteOrderHoldIt) {
       }
       expectUpright(decodeCGImageSource(files[0]).image, 6);
       // -2, or 65534 and 4294967294 unsigned: out of range in every type.
-      auto outside = ImageService::properties(fixtures::jpeg(picture, {.orientation = -2, .exifLayout = layout}));
+      auto outside =
+          ImageService::properties(fixtures::jpeg(picture, {.orientation = -2, .exifLayout = layout}));
       ASSERT_TRUE(outside);
       EXPECT_EQ(outside->orientation, std::nullopt);
     }
@@ -126,7 +129,8 @@ TEST(Depth, SixteenBitPngAvifAndJxlStaySixteenBit) {
     EXPECT_EQ(image.alpha, AlphaInfo::straight);
     EXPECT_EQ(image.pixels16, source.pixels16);
   }
-  auto avif = ImageService::decodeFirstFrame(fixtures::avif(fixtures::quadrants(kW, kH, 16, true), {.depth = 10}));
+  auto avif =
+      ImageService::decodeFirstFrame(fixtures::avif(fixtures::quadrants(kW, kH, 16, true), {.depth = 10}));
   EXPECT_EQ(avif.bitsPerComponent, 16);
   EXPECT_EQ(fixtures::quadrantAt(avif, Corner::bottomRight), 3);
   EXPECT_NEAR(avif.pixels16[3], 128 * 257, 600);  // half-transparent top left, full 16-bit scale
@@ -165,7 +169,8 @@ TEST(Thumbnails, ThumbnailsAveragedAsDecodedMatchTheFullDecodeReduced) {
     ASSERT_EQ(thumb->width, full.width);
     ASSERT_EQ(thumb->height, full.height);
     double difference = 0;
-    for (size_t i = 0; i < full.pixels8.size(); ++i) difference += std::abs(int(thumb->pixels8[i]) - int(full.pixels8[i]));
+    for (size_t i = 0; i < full.pixels8.size(); ++i)
+      difference += std::abs(int(thumb->pixels8[i]) - int(full.pixels8[i]));
     EXPECT_LT(difference / double(full.pixels8.size()), 2.0);
   }
 }
@@ -174,8 +179,10 @@ TEST(Thumbnails, ThumbnailsAveragedAsDecodedMatchTheFullDecodeReduced) {
 // by code points.
 fixtures::Bytes tabulatedCurveICC() {
   std::vector<cmsUInt16Number> table(1024);
-  for (size_t i = 0; i < table.size(); ++i) table[i] = cmsUInt16Number(std::lround(std::pow(i / 1023.0, 1.8) * 65535));
-  CHandle<cmsToneCurve, cmsFreeToneCurve> curve(cmsBuildTabulatedToneCurve16(nullptr, cmsUInt32Number(table.size()), table.data()));
+  for (size_t i = 0; i < table.size(); ++i)
+    table[i] = cmsUInt16Number(std::lround(std::pow(i / 1023.0, 1.8) * 65535));
+  CHandle<cmsToneCurve, cmsFreeToneCurve> curve(
+      cmsBuildTabulatedToneCurve16(nullptr, cmsUInt32Number(table.size()), table.data()));
   cmsToneCurve* curves[3] = {curve.get(), curve.get(), curve.get()};
   const cmsCIExyY white{0.3127, 0.3290, 1.0};
   const cmsCIExyYTRIPLE primaries{{0.64, 0.33, 1.0}, {0.30, 0.60, 1.0}, {0.15, 0.06, 1.0}};
@@ -195,8 +202,9 @@ std::vector<cmsCIELab> toLab(const DecodedImage& image, const std::vector<uint8_
   CmsTransformPtr transform(cmsCreateTransform(source.get(), wide ? TYPE_RGBA_16 : TYPE_RGBA_8, lab.get(),
                                                TYPE_Lab_DBL, INTENT_RELATIVE_COLORIMETRIC, 0));
   std::vector<cmsCIELab> out(image.pixelCount());
-  cmsDoTransform(transform.get(), wide ? static_cast<const void*>(image.pixels16.data()) : image.pixels8.data(),
-                 out.data(), cmsUInt32Number(out.size()));
+  cmsDoTransform(transform.get(),
+                 wide ? static_cast<const void*>(image.pixels16.data()) : image.pixels8.data(), out.data(),
+                 cmsUInt32Number(out.size()));
   return out;
 }
 

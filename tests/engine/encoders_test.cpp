@@ -1,12 +1,13 @@
 // The PNG, WebP and JPEG XL encoders, checked with the libraries' own decoders: exact lossless
 // round trips, close lossy ones, the palette writer's chunks and JPEG repackaging.
 
+#include "engine/Encoders.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <random>
 
-#include "engine/Encoders.h"
 #include "engine/Errors.h"
 #include "engine/PNGWriter.h"
 #include "engine/WebPEncoderConfig.h"
@@ -44,15 +45,18 @@ int worstVisibleDifference(const Bytes& source, const Bytes& decoded) {
 TEST(LosslessEncoders, RoundTripExactly) {
   using RoundTrip = std::function<std::optional<Bytes>(const RGBABuffer&, int)>;
   const std::pair<const char*, RoundTrip> encoders[] = {
-      {"PNG", [](const RGBABuffer& rgba, int effort) {
+      {"PNG",
+       [](const RGBABuffer& rgba, int effort) {
          return rgbaOf(decodePNG(PNGQuantEncoder::encodeLossless(rgba, makePlan(Mode::lossless(), effort))));
        }},
-      {"WebP", [](const RGBABuffer& rgba, int effort) {
-         return rgbaOf(decodeWebP(
-             WebPEncoder::encode(rgba, makePlan(Mode::lossless(), effort), characteristics(Class::photo, rgba.hasAlpha))));
+      {"WebP",
+       [](const RGBABuffer& rgba, int effort) {
+         return rgbaOf(decodeWebP(WebPEncoder::encode(rgba, makePlan(Mode::lossless(), effort),
+                                                      characteristics(Class::photo, rgba.hasAlpha))));
        }},
       {"JPEG XL", [](const RGBABuffer& rgba, int effort) -> std::optional<Bytes> {
-         const auto decoded = decodeJXL(JXLEncoder::encode(rgba, rgba.hasAlpha, makePlan(Mode::lossless(), effort)));
+         const auto decoded =
+             decodeJXL(JXLEncoder::encode(rgba, rgba.hasAlpha, makePlan(Mode::lossless(), effort)));
          if (!decoded) return std::nullopt;
          EXPECT_TRUE(decoded->usesOriginalProfile);
          EXPECT_EQ(decoded->extraChannels, rgba.hasAlpha ? 1u : 0u);
@@ -67,7 +71,8 @@ TEST(LosslessEncoders, RoundTripExactly) {
             const RGBABuffer rgba = makeBuffer(w, h, pattern, 3, alpha);
             const auto back = roundTrip(rgba, effort);
             ASSERT_TRUE(back) << name << " " << w << "x" << h;
-            EXPECT_EQ(*back, rgba.pixels) << name << " " << w << "x" << h << " alpha " << alpha << " effort " << effort;
+            EXPECT_EQ(*back, rgba.pixels)
+                << name << " " << w << "x" << h << " alpha " << alpha << " effort " << effort;
           }
 }
 
@@ -95,7 +100,8 @@ TEST(PngWriterChunks, IndexedFileDecodesWithValidChunksInOrder) {
   EXPECT_EQ(inflate(std::span(findChunk(chunks, "iCCP")->payload).subspan(13), profile.size()), profile);
   const auto decoded = decodePNG(file);
   ASSERT_TRUE(decoded);
-  const Bytes expected = {255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0, 255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0};
+  const Bytes expected = {255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0,
+                          255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0};
   EXPECT_EQ(decoded->rgba, expected);
   // An opaque palette needs no tRNS, and an empty profile no iCCP.
   const std::vector<PNGWriter::PaletteEntry> opaque = {{1, 2, 3, 255}, {4, 5, 6, 255}, {7, 8, 9, 255}};
@@ -107,9 +113,10 @@ TEST(PngWriterChunks, IndexedFileDecodesWithValidChunksInOrder) {
 
 // Whether the mode and the alpha plane's quality are honoured, the round trips below show.
 TEST(WebPConfig, EveryClassModeAndEffortGivesAConfigLibwebpAccepts) {
-  for (Class cls : {Class::flatGraphic, Class::screenText, Class::illustration, Class::photo, Class::noisyPhoto})
-    for (Mode mode : {Mode::lossy(-3), Mode::lossy(62.5), Mode::lossy(140), Mode::lossless(), Mode::nearLossless(60),
-                      Mode::nearLossless(250)})
+  for (Class cls :
+       {Class::flatGraphic, Class::screenText, Class::illustration, Class::photo, Class::noisyPhoto})
+    for (Mode mode : {Mode::lossy(-3), Mode::lossy(62.5), Mode::lossy(140), Mode::lossless(),
+                      Mode::nearLossless(60), Mode::nearLossless(250)})
       for (int effort : {0, 1, 2})
         for (bool alpha : {false, true}) {
           WebPConfig c = WebPEncoder::makeConfig(makePlan(mode, effort), characteristics(cls, alpha), alpha);
@@ -119,7 +126,8 @@ TEST(WebPConfig, EveryClassModeAndEffortGivesAConfigLibwebpAccepts) {
 
 TEST(WebPEncode, LossyKeepsAlphaExactlyAndColourCloseAndFailsWithItsLabel) {
   const RGBABuffer rgba = makeBuffer(64, 48, Pattern::photo, 2, true);
-  const Bytes webp = WebPEncoder::encode(rgba, makePlan(Mode::lossy(90)), characteristics(Class::photo, true));
+  const Bytes webp =
+      WebPEncoder::encode(rgba, makePlan(Mode::lossy(90)), characteristics(Class::photo, true));
   const auto decoded = decodeWebP(webp);
   ASSERT_TRUE(decoded);
   for (size_t i = 3; i < rgba.pixels.size(); i += 4) ASSERT_EQ(decoded->rgba[i], rgba.pixels[i]) << i;
@@ -143,9 +151,11 @@ TEST(WebPEncode, ARGBPictureGivesTheImportsBytesInAnyOrder) {
     RGBABuffer rgba = makeBuffer(64, 48, Pattern::photo, 2, alpha);
     for (int y = 0; alpha && y < rgba.height; ++y)  // colour under transparency: a corner and a scatter
       for (int x = 0; x < rgba.width; ++x)
-        if ((x < 20 && y < 20) || (x * 7 + y * 3) % 9 == 0) rgba.pixels[(size_t(y) * rgba.width + x) * 4 + 3] = 0;
+        if ((x < 20 && y < 20) || (x * 7 + y * 3) % 9 == 0)
+          rgba.pixels[(size_t(y) * rgba.width + x) * 4 + 3] = 0;
     const auto c = characteristics(Class::screenText, alpha);
-    const Mode modes[] = {Mode::lossless(), Mode::lossy(75), Mode::nearLossless(60), Mode::lossless(), Mode::lossy(75)};
+    const Mode modes[] = {Mode::lossless(), Mode::lossy(75), Mode::nearLossless(60), Mode::lossless(),
+                          Mode::lossy(75)};
     const WebPEncoder::ARGBPicture argb{RGBABuffer(rgba)};
     for (const Mode& mode : modes)
       EXPECT_EQ(WebPEncoder::encode(argb, makePlan(mode), c), WebPEncoder::encode(rgba, makePlan(mode), c))
@@ -180,7 +190,10 @@ TEST(JxlTranscode, ReconstructsTheJPEGByteForByte) {
   const std::pair<const char*, fixtures::JpegOptions> cases[] = {
       {"exif orientation 6", {.quality = 85, .orientation = 6}},
       {"32-bit big-endian orientation after XMP",
-       {.quality = 85, .orientation = 8, .exifLayout = {.type = 4, .bigEndian = true}, .xmpBeforeExif = true}},
+       {.quality = 85,
+        .orientation = 8,
+        .exifLayout = {.type = 4, .bigEndian = true},
+        .xmpBeforeExif = true}},
       {"progressive", {.quality = 85, .progressive = true}},
       {"grey", {.orientation = 3, .grey = true}},
   };

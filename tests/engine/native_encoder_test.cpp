@@ -2,9 +2,8 @@
 // alpha kept or dropped, 16-bit and premultiplied sources), the one quality number, silence
 // on stderr, and failures.
 
-#include <gtest/gtest.h>
-
 #include <avif/avif.h>
+#include <gtest/gtest.h>
 
 #include <cmath>
 #include <memory>
@@ -80,7 +79,8 @@ TEST(NativeQuality, LossyAvifNeverBecomesLosslessAndJpegQualityMovesOneWay) {
   EXPECT_GT(codecs::avifSettings(0.99, 1000).maxQuantizer, 0);
   for (int i = 1; i <= 100; ++i) {
     EXPECT_LE(codecs::jpegSettings((i - 1) / 100.0).quality, codecs::jpegSettings(i / 100.0).quality);
-    EXPECT_GE(codecs::avifSettings((i - 1) / 100.0, 1000).maxQuantizer, codecs::avifSettings(i / 100.0, 1000).maxQuantizer);
+    EXPECT_GE(codecs::avifSettings((i - 1) / 100.0, 1000).maxQuantizer,
+              codecs::avifSettings(i / 100.0, 1000).maxQuantizer);
   }
 }
 
@@ -109,7 +109,8 @@ TEST(NativeEncoder, SixteenBitAndPremultipliedSourcesAreWrittenFaithfully) {
   DecodedImage premultiplied = testing::makeImage(40, 30, testing::Pattern::photo, 2, true);
   for (size_t i = 0; i < premultiplied.pixels8.size(); i += 4)
     for (int c = 0; c < 3; ++c)
-      premultiplied.pixels8[i + c] = uint8_t((premultiplied.pixels8[i + c] * premultiplied.pixels8[i + 3] + 127) / 255);
+      premultiplied.pixels8[i + c] =
+          uint8_t((premultiplied.pixels8[i + c] * premultiplied.pixels8[i + 3] + 127) / 255);
   premultiplied.alpha = AlphaInfo::premultiplied;
   DecodedImage expectedStraight = NativeImageIOEncoder::straightEightBit(premultiplied);
   for (ImageFormat format : {ImageFormat::heic, ImageFormat::avif}) {
@@ -126,7 +127,8 @@ TEST(NativeEncoder, SixteenBitAndPremultipliedSourcesAreWrittenFaithfully) {
 // reader shows the same colours; with a profile the profile speaks.
 TEST(NativeEncoder, AvifNamesTheSrgbColourEncoding) {
   const auto cicp = [](const Bytes& file) {
-    std::unique_ptr<avifDecoder, decltype(&avifDecoderDestroy)> decoder(avifDecoderCreate(), avifDecoderDestroy);
+    std::unique_ptr<avifDecoder, decltype(&avifDecoderDestroy)> decoder(avifDecoderCreate(),
+                                                                        avifDecoderDestroy);
     EXPECT_EQ(avifDecoderSetIOMemory(decoder.get(), file.data(), file.size()), AVIF_RESULT_OK);
     EXPECT_EQ(avifDecoderParse(decoder.get()), AVIF_RESULT_OK);
     const avifImage* image = decoder->image;
@@ -135,7 +137,9 @@ TEST(NativeEncoder, AvifNamesTheSrgbColourEncoding) {
   };
   const DecodedImage photo = testing::makeImage(48, 32, testing::Pattern::photo, 3);
   EXPECT_EQ(cicp(encode(photo, false, ImageFormat::avif, lossyPlan(70))), (std::vector<int>{1, 13, 6, 0}));
-  EXPECT_EQ(cicp(codecs::writeAvif(photo, false, codecs::avifSettings(0.7, 1536), Bytes(fixtures::displayP3ICC())))[3], 1);
+  EXPECT_EQ(cicp(codecs::writeAvif(photo, false, codecs::avifSettings(0.7, 1536),
+                                   Bytes(fixtures::displayP3ICC())))[3],
+            1);
 }
 
 TEST(NativeEncoder, FailsWithTheFormatLabelAndWritesNothingToStandardError) {
@@ -155,7 +159,8 @@ TEST(NativeEncoder, FailsWithTheFormatLabelAndWritesNothingToStandardError) {
   lossless.mode = EncodingPlan::Mode::lossless();
   for (ImageFormat format : kNative)
     expectFailure([&] { encode(img, false, format, lossless); }, std::string(ImageFormats::label(format)));
-  expectFailure([&] { encode(solid(70000, 1, 0, 0, 0, 255), false, ImageFormat::jpeg, lossyPlan(75)); }, "JPEG");
+  expectFailure([&] { encode(solid(70000, 1, 0, 0, 0, 255), false, ImageFormat::jpeg, lossyPlan(75)); },
+                "JPEG");
   img.pixels8.resize(5);
   expectFailure([&] { encode(img, false, ImageFormat::avif, lossyPlan(75)); }, "AVIF");
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");

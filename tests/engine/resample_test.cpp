@@ -1,9 +1,10 @@
 // Downscaling, the irot/imir to EXIF mapping and EXIF parsing.
 
+#include "engine/Resample.h"
+
 #include <gtest/gtest.h>
 
 #include "engine/Exif.h"
-#include "engine/Resample.h"
 #include "engine/codecs/Readers.h"
 #include "tests/support/CodecFixtures.h"
 
@@ -13,7 +14,8 @@ namespace {
 DecodedImage numbered(int w, int h) {
   DecodedImage image;
   image.width = w, image.height = h, image.alpha = AlphaInfo::straight;
-  for (int i = 0; i < w * h; ++i) image.pixels8.insert(image.pixels8.end(), {uint8_t(4 * i), uint8_t(8 * i), 0, 255});
+  for (int i = 0; i < w * h; ++i)
+    image.pixels8.insert(image.pixels8.end(), {uint8_t(4 * i), uint8_t(8 * i), 0, 255});
   return image;
 }
 
@@ -58,7 +60,8 @@ DecodedImage turnAndMirror(DecodedImage img, int turns, int mode) {
       }
     img = out;
   };
-  for (int t = 0; t < turns; ++t) remap(img.height, img.width, [&](int x, int y) { return std::pair{img.width - 1 - y, x}; });
+  for (int t = 0; t < turns; ++t)
+    remap(img.height, img.width, [&](int x, int y) { return std::pair{img.width - 1 - y, x}; });
   if (mode >= 0)
     remap(img.width, img.height, [&](int x, int y) {
       return mode == 1 ? std::pair{img.width - 1 - x, y} : std::pair{x, img.height - 1 - y};

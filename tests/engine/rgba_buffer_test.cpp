@@ -96,8 +96,10 @@ TEST(RGBABuffer16Bit, AboveFortyMillionPixelsRoundsToTheNearestLevelWithoutPatte
   header.width = 40'000'001, header.height = 1;
   EXPECT_FALSE(RGBABuffer::takesDitheredRoute(header));
   // 33024 / 257 = 128.498 and 33025 / 257 = 128.502.
-  for (const auto& [value, expected] : {std::pair{33024, 128}, std::pair{33025, 129}, std::pair{65535, 255}}) {
-    const RGBABuffer buffer = RGBABuffer::convert16(image16(8, 8, AlphaInfo::none, {uint16_t(value), 0, 0, 0}), false);
+  for (const auto& [value, expected] :
+       {std::pair{33024, 128}, std::pair{33025, 129}, std::pair{65535, 255}}) {
+    const RGBABuffer buffer =
+        RGBABuffer::convert16(image16(8, 8, AlphaInfo::none, {uint16_t(value), 0, 0, 0}), false);
     for (size_t i = 0; i < buffer.pixels.size(); i += 4) ASSERT_EQ(buffer.pixels[i], expected) << value;
   }
 }

@@ -10,8 +10,8 @@ namespace {
 using ContentClass = ImageCharacteristics::ContentClass;
 using Mode = EncodingPlan::Mode;
 
-ImageCharacteristics picture(ContentClass cls, int64_t width, int height = 1, double noise = 0, double flat = 0.5,
-                             bool saturated = false) {
+ImageCharacteristics picture(ContentClass cls, int64_t width, int height = 1, double noise = 0,
+                             double flat = 0.5, bool saturated = false) {
   ImageCharacteristics c;
   c.width = int(width), c.height = height;
   c.contentClass = cls;
@@ -23,8 +23,10 @@ ImageCharacteristics picture(ContentClass cls, int64_t width, int height = 1, do
 TEST(EncodingStrategy, QualityIsClampedToOneEvenAfterTheNoiseAdjustmentOrWhenNotANumber) {
   const auto noisy = picture(ContentClass::noisyPhoto, 100, 100, 12, 0, true);
   EXPECT_EQ(EncodingStrategy::plan(noisy, ImageFormat::png, 3).quality, 1);
-  EXPECT_EQ(EncodingStrategy::plan(noisy, ImageFormat::jpeg, std::numeric_limits<double>::quiet_NaN()).quality, 1);
-  EXPECT_EQ(EncodingStrategy::plan(picture(ContentClass::photo, 10), ImageFormat::jpeg, 0).mode, Mode::lossy(1));
+  EXPECT_EQ(
+      EncodingStrategy::plan(noisy, ImageFormat::jpeg, std::numeric_limits<double>::quiet_NaN()).quality, 1);
+  EXPECT_EQ(EncodingStrategy::plan(picture(ContentClass::photo, 10), ImageFormat::jpeg, 0).mode,
+            Mode::lossy(1));
 }
 
 TEST(EncodingStrategy, NearLosslessIsAWebPModeOnly) {
@@ -41,8 +43,11 @@ TEST(EncodingStrategy, BigPicturesGetLessWorkAndOneEncoding) {
     int effort;
     bool webpAlternative;  // screenText
     bool pngAlternative;   // smooth picture, palette main
-  } const cases[] = {{500'000, 2, true, true},     {500'001, 2, true, false}, {2'000'001, 1, true, false},
-                     {4'000'001, 1, false, false}, {12'000'001, 0, false, false}};
+  } const cases[] = {{500'000, 2, true, true},
+                     {500'001, 2, true, false},
+                     {2'000'001, 1, true, false},
+                     {4'000'001, 1, false, false},
+                     {12'000'001, 0, false, false}};
   for (const auto& k : cases) {
     SCOPED_TRACE(k.pixels);
     const auto text = picture(ContentClass::screenText, k.pixels);  // N by 1: only the product counts
@@ -58,13 +63,15 @@ TEST(EncodingStrategy, BigPicturesGetLessWorkAndOneEncoding) {
 
 TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   for (ImageFormat format : {ImageFormat::webp, ImageFormat::jxl}) {
-    EXPECT_EQ(EncodingStrategy::plan(picture(ContentClass::flatGraphic, 100), format, 70).alternative, Mode::lossy(70));
+    EXPECT_EQ(EncodingStrategy::plan(picture(ContentClass::flatGraphic, 100), format, 70).alternative,
+              Mode::lossy(70));
     EXPECT_EQ(EncodingStrategy::plan(picture(ContentClass::illustration, 100), format, 70).alternative,
               Mode::lossless());
     EXPECT_FALSE(EncodingStrategy::plan(picture(ContentClass::photo, 100), format, 70).alternative);
   }
   const auto png = [](double noise, bool saturated, double p) {
-    return EncodingStrategy::plan(picture(ContentClass::photo, 100, 1, noise, 0, saturated), ImageFormat::png, p);
+    return EncodingStrategy::plan(picture(ContentClass::photo, 100, 1, noise, 0, saturated), ImageFormat::png,
+                                  p);
   };
   EXPECT_EQ(png(5.99, false, 70).alternative, Mode::lossless());
   EXPECT_EQ(png(6.0, true, 90).alternative, Mode::lossy(90)) << "lossless main: the palette competes";

@@ -4,7 +4,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QStringList>
-
 #include <thread>
 
 #include "hotfolders/HotFolder.h"
@@ -32,17 +31,19 @@ TEST_F(HotFolderRecordsTest, AbsentOrNullOptionalsReadAsNoSettingsAndAllFieldsRo
     HotFolders::save(folders);
     EXPECT_EQ(readStoreFile(QStringLiteral("hotFolders.json")), requiredOnly);
   }
-  HotFolder folder{QUuid::createUuid(), "Web", "/a", "/b", QStringLiteral("Web"), ImageFormat::webp, 62.5, false};
+  HotFolder folder{QUuid::createUuid(), "Web", "/a", "/b", QStringLiteral("Web"),
+                   ImageFormat::webp,   62.5,  false};
   HotFolders::save({folder});
   EXPECT_EQ(HotFolders::load(), HotFolderList{folder});
 }
 
 TEST_F(HotFolderRecordsTest, OneEntryWithoutARequiredKeyEmptiesTheWholeList) {
-  for (const char* key : {"\"id\"", "\"name\"", "\"sourceFolder\"", "\"destinationFolder\"", "\"isEnabled\""}) {
+  for (const char* key :
+       {"\"id\"", "\"name\"", "\"sourceFolder\"", "\"destinationFolder\"", "\"isEnabled\""}) {
     QByteArray bytes = requiredOnly;
     bytes.replace(key, "\"other\"");
-    writeStoreFile(QStringLiteral("hotFolders.json"), "[" + requiredOnly.mid(1, requiredOnly.size() - 2) + "," +
-                                                          bytes.mid(1));
+    writeStoreFile(QStringLiteral("hotFolders.json"),
+                   "[" + requiredOnly.mid(1, requiredOnly.size() - 2) + "," + bytes.mid(1));
     EXPECT_TRUE(HotFolders::load().empty()) << key;
   }
 }

@@ -3,14 +3,13 @@
 // one temporary folder, small real JPEGs, and a thread-safe log of what a watcher reports
 // with bounded waits on it.
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -42,7 +41,8 @@ class Reports {
   bool waitForLines(size_t count) {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, std::chrono::seconds(60), [&] {
-      return lines_.size() >= count && (progress_.empty() || progress_.back().completed == progress_.back().total);
+      return lines_.size() >= count &&
+             (progress_.empty() || progress_.back().completed == progress_.back().total);
     });
   }
   std::vector<HotFolderActivity> lines() {
@@ -78,8 +78,8 @@ class HotFolderSandbox : public ::testing::Test {
   void TearDown() override { JSONFileStore::setFolderForTesting({}); }
 
   HotFolder folder() const {
-    return {QUuid::createUuid(), QStringLiteral("Shots"), source_, destination_, std::nullopt, ImageFormat::jpeg, 70,
-            true};
+    return {QUuid::createUuid(), QStringLiteral("Shots"), source_, destination_,
+            std::nullopt,        ImageFormat::jpeg,       70,      true};
   }
   // A small JPEG named `name`; `oldDate` backdates it a minute, as a copy that keeps dates
   // does, so that it needs no stability wait.
@@ -97,7 +97,9 @@ class HotFolderSandbox : public ::testing::Test {
   static std::vector<uint8_t> jpegBytes(uint32_t seed, int side = 48) {
     return fixtures::jpeg(makeImage(side, side, Pattern::photo, seed), {.quality = 90});
   }
-  std::string pathOf(const QString& name) const { return QFile::encodeName(source_ + '/' + name).toStdString(); }
+  std::string pathOf(const QString& name) const {
+    return QFile::encodeName(source_ + '/' + name).toStdString();
+  }
   QStringList outputs() const { return QDir(destination_).entryList(QDir::Files | QDir::Hidden, QDir::Name); }
 
   QTemporaryDir temp_;

@@ -2,11 +2,10 @@
 // run (debounce, start, stop, polling), which files they take (stability, memory), and what
 // they write and report.
 
-#include <QFileInfo>
-
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <QFileInfo>
 #include <list>
 #include <thread>
 
@@ -105,8 +104,9 @@ TEST_F(HotFolderWatcherTest, AFileStillBeingWrittenIsTakenOnceItsWriterClosesIt)
   EXPECT_FALSE(line.error);
   EXPECT_EQ(QFileInfo(*line.destinationURL).fileName(), QStringLiteral("growing.jpg"));
   // Remembered at its full size: a partial copy would have been compressed again.
-  EXPECT_EQ(HotFolderProcessedStore::folderState(watcher->hotFolder().idText()).value("growing.jpg").sizeBytes,
-            int64_t(bytes.size()));
+  EXPECT_EQ(
+      HotFolderProcessedStore::folderState(watcher->hotFolder().idText()).value("growing.jpg").sizeBytes,
+      int64_t(bytes.size()));
 }
 
 TEST_F(HotFolderWatcherTest, StabilityNeedsAnOldDateOrASizeThatHoldsStill) {
@@ -197,7 +197,8 @@ TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderAndIgnoresWhatIsNoImag
     ASSERT_TRUE(line.destinationURL) << line.sourceFileName.toStdString();
     written[line.sourceFileName] = QFileInfo(*line.destinationURL).fileName();
   }
-  EXPECT_EQ(written, (std::map<QString, QString>{{"a.jpeg", "a-2.jpg"}, {"a.png", "a-3.jpg"}, {"a.webp", "a-4.jpg"}}));
+  EXPECT_EQ(written,
+            (std::map<QString, QString>{{"a.jpeg", "a-2.jpg"}, {"a.png", "a-3.jpg"}, {"a.webp", "a-4.jpg"}}));
   EXPECT_EQ(readBytes(linked.toStdString()), jpegBytes(1));
   EXPECT_EQ(reports.progress(), (std::vector<HotFolderProgress>{{0, 3}, {1, 3}, {2, 3}, {3, 3}}));
 }
@@ -214,7 +215,8 @@ TEST_F(HotFolderWatcherTest, DestinationThatCannotBeMadeFailsEachFileAndEachScan
   watcher->scanOnce();
   ASSERT_EQ(reports.lines().size(), 4u);
   for (const HotFolderActivity& line : reports.lines()) {
-    EXPECT_TRUE(line.error && !line.error->isEmpty() && !line.destinationURL) << line.sourceFileName.toStdString();
+    EXPECT_TRUE(line.error && !line.error->isEmpty() && !line.destinationURL)
+        << line.sourceFileName.toStdString();
   }
   EXPECT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
   EXPECT_EQ(QDir(source_).entryList(QDir::Files), (QStringList{"a.jpg", "b.jpg"}));  // sources untouched
@@ -234,7 +236,8 @@ TEST_F(HotFolderWatcherTest, MissingProfileReportsTheFolderOnceAndCompressesNoth
   EXPECT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
 
   // Recreating the profile resumes the folder; its format and quality apply.
-  ExportProfiles::save({ExportProfile{QUuid::createUuid(), "gone", ImageFormat::webp, 50, std::nullopt, false}});
+  ExportProfiles::save(
+      {ExportProfile{QUuid::createUuid(), "gone", ImageFormat::webp, 50, std::nullopt, false}});
   hotFolder.format.reset();
   auto resumed = watch(hotFolder, reports);
   resumed->scanOnce();
@@ -261,7 +264,8 @@ TEST_F(HotFolderWatcherTest, FolderThatGoesAwayEndsTheWatchQuietly) {
   ASSERT_TRUE(watcher->start());
   ASSERT_TRUE(watcher->isWatching());
   ASSERT_TRUE(QDir(source_).removeRecursively());
-  for (int i = 0; i < 500 && watcher->isWatching(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  for (int i = 0; i < 500 && watcher->isWatching(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_FALSE(watcher->isWatching());
   watcher->scanOnce();  // the folder unreadable: nothing reported, nothing stored
   EXPECT_TRUE(reports.lines().empty());

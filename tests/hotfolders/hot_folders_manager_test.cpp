@@ -2,10 +2,10 @@
 // run and what is reported once, the activity cap, progress only while a scan runs, and a
 // clean end while a scan is under way.
 
-#include <QTest>
-
 #include <sys/mount.h>
 #include <unistd.h>
+
+#include <QTest>
 
 #include "engine/ImageFormat.h"
 #include "hotfolders/HotFolderProcessedStore.h"
@@ -64,7 +64,8 @@ TEST_F(HotFoldersManagerTest, UnreadableSourceIsReportedOnceAndStartsWhenItAppea
 class BindMount {
  public:
   BindMount(const QString& from, const QString& onto) : onto_(QFile::encodeName(onto)) {
-    mounted_ = ::mount(QFile::encodeName(from).constData(), onto_.constData(), nullptr, MS_BIND, nullptr) == 0;
+    mounted_ =
+        ::mount(QFile::encodeName(from).constData(), onto_.constData(), nullptr, MS_BIND, nullptr) == 0;
   }
   ~BindMount() { unmount(); }
   void unmount() {
@@ -96,7 +97,10 @@ TEST_F(HotFoldersManagerTest, VolumeMountedOnTheFolderIsFollowedAndItsUnmountDro
   if (!mount.mounted()) GTEST_SKIP() << "no right to mount here";
   // The scan's last step is its one write of the store: wait for it, not only for the line.
   ASSERT_TRUE(QTest::qWaitFor(
-      [&] { return doneLines(manager) == 1 && HotFolderProcessedStore::folderState(hotFolder.idText()).size() == 1; },
+      [&] {
+        return doneLines(manager) == 1 &&
+               HotFolderProcessedStore::folderState(hotFolder.idText()).size() == 1;
+      },
       60000));
 
   // Unmounted: the empty mount point is not watched, so its scan can't forget a.jpg.
@@ -169,7 +173,8 @@ TEST_F(HotFoldersManagerTest, EndingDuringAScanLeavesOnlyWholeFiles) {
   EXPECT_LT(written.size(), 20 + 1);
   for (const QString& name : written) {
     EXPECT_FALSE(name.startsWith('.')) << name.toStdString();
-    EXPECT_EQ(ImageFormats::detect(QFile::encodeName(destination_ + '/' + name).toStdString()), ImageFormat::jpeg);
+    EXPECT_EQ(ImageFormats::detect(QFile::encodeName(destination_ + '/' + name).toStdString()),
+              ImageFormat::jpeg);
   }
   // A stop in mid-scan still records the files that finished.
   EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).size(), written.size());

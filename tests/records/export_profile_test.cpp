@@ -24,22 +24,26 @@ TEST(ExportProfileJSON, WritesTheStoredFormsAndReadsThemBack) {
   ExportProfile p = profile(idA, QStringLiteral("Web é"), ImageFormat::webp, 62.5, true);
   p.destinationFolder = QStringLiteral("/home/u/My Pictures");
   const std::string json = ExportProfiles::toJson(ExportProfileList{p, profile(idB, "B")}).write();
-  EXPECT_EQ(json,
-            R"([{"id":"0B8F3A6E-1C2D-4E5F-8A9B-0C1D2E3F4A5B","name":"Web é","format":"webp","quality":62.5,)"
-            R"("destinationFolder":"file:///home/u/My%20Pictures","isDefault":true},)"
-            R"({"id":"1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C","name":"B","format":"jpeg","quality":75,"isDefault":false}])");
+  EXPECT_EQ(
+      json,
+      R"([{"id":"0B8F3A6E-1C2D-4E5F-8A9B-0C1D2E3F4A5B","name":"Web é","format":"webp","quality":62.5,)"
+      R"("destinationFolder":"file:///home/u/My%20Pictures","isDefault":true},)"
+      R"({"id":"1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C","name":"B","format":"jpeg","quality":75,"isDefault":false}])");
   EXPECT_EQ(decode(json), (ExportProfileList{p, profile(idB, "B")}));
 }
 
 TEST(ExportProfileJSON, OptionalFieldsMayBeMissingOrNull) {
-  const auto list = decode(R"([{"id":"0b8f3a6e-1c2d-4e5f-8a9b-0c1d2e3f4a5b","name":"A","format":"png","quality":90},
+  const auto list =
+      decode(R"([{"id":"0b8f3a6e-1c2d-4e5f-8a9b-0c1d2e3f4a5b","name":"A","format":"png","quality":90},
     {"id":"1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C","name":"B","format":"jxl","quality":40,
      "destinationFolder":null,"isDefault":null,"unknownKey":[1]}])");
-  EXPECT_EQ(list, (ExportProfileList{profile(idA, "A", ImageFormat::png, 90), profile(idB, "B", ImageFormat::jxl, 40)}));
+  EXPECT_EQ(list, (ExportProfileList{profile(idA, "A", ImageFormat::png, 90),
+                                     profile(idB, "B", ImageFormat::jxl, 40)}));
 }
 
 TEST(ExportProfileJSON, OneBadEntryFailsTheWholeFile) {
-  const std::string good = R"({"id":"0B8F3A6E-1C2D-4E5F-8A9B-0C1D2E3F4A5B","name":"A","format":"png","quality":90)";
+  const std::string good =
+      R"({"id":"0B8F3A6E-1C2D-4E5F-8A9B-0C1D2E3F4A5B","name":"A","format":"png","quality":90)";
   const std::string bad[] = {
       R"({"name":"B","format":"png","quality":90})",
       R"({"id":"{1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C}","name":"B","format":"png","quality":9})",
@@ -100,8 +104,8 @@ TEST_F(ExportProfileResolverTest, ExplicitValuesWinAndTheProfileFillsTheRest) {
          ImageFormat::webp, 80, QStringLiteral("/srv/web"));
   expect(ExportProfileResolver::resolve(QStringLiteral("Web"), 40.0, std::nullopt, QStringLiteral("/out")),
          ImageFormat::webp, 40, QStringLiteral("/out"));
-  expect(ExportProfileResolver::resolve(std::nullopt, std::nullopt, ImageFormat::png, std::nullopt), ImageFormat::png,
-         75, std::nullopt);
+  expect(ExportProfileResolver::resolve(std::nullopt, std::nullopt, ImageFormat::png, std::nullopt),
+         ImageFormat::png, 75, std::nullopt);
   ExportProfileList list = ExportProfiles::load();
   list[1].isDefault = true;
   ExportProfiles::save(list);
@@ -117,10 +121,11 @@ TEST_F(ExportProfileResolverTest, UnknownNameThrowsAndADamagedFileMeansNoProfile
     EXPECT_EQ(e.description(), "Profil introuvable :  Web");
   }
   writeStoreFile(QString::fromLatin1(ExportProfiles::fileName), "{oops");
-  expect(ExportProfileResolver::resolve(std::nullopt, std::nullopt, std::nullopt, std::nullopt), ImageFormat::jpeg,
-         75, std::nullopt);
-  EXPECT_THROW(ExportProfileResolver::resolve(QStringLiteral("Web"), std::nullopt, std::nullopt, std::nullopt),
-               ProfileNotFoundError);
+  expect(ExportProfileResolver::resolve(std::nullopt, std::nullopt, std::nullopt, std::nullopt),
+         ImageFormat::jpeg, 75, std::nullopt);
+  EXPECT_THROW(
+      ExportProfileResolver::resolve(QStringLiteral("Web"), std::nullopt, std::nullopt, std::nullopt),
+      ProfileNotFoundError);
 }
 
 }  // namespace

@@ -14,12 +14,17 @@ double utc(const char* iso) {
 }
 
 ExportRecord record(const char* id, const char* destination, const char* iso) {
-  return ExportRecord{QUuid::fromString(QString::fromLatin1(id)), QStringLiteral("a.png"),
-                      QString::fromUtf8(destination), ImageFormat::heic, 1234, utc(iso)};
+  return ExportRecord{QUuid::fromString(QString::fromLatin1(id)),
+                      QStringLiteral("a.png"),
+                      QString::fromUtf8(destination),
+                      ImageFormat::heic,
+                      1234,
+                      utc(iso)};
 }
 
 TEST(ExportRecordJSON, WritesTheStoredFormsWithDatesFrom2001) {
-  ExportRecord r = record("{6f9619ff-8b86-d011-b42d-00c04fc964ff}", "/tmp/out dir/Été.heic", "2001-01-01T00:00:01.500Z");
+  ExportRecord r =
+      record("{6f9619ff-8b86-d011-b42d-00c04fc964ff}", "/tmp/out dir/Été.heic", "2001-01-01T00:00:01.500Z");
   r.sizeBytes = qint64(5) << 40;
   EXPECT_EQ(ExportHistory::toJson(r).write(),
             R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","sourceDisplayName":"a.png",)"
@@ -32,11 +37,13 @@ TEST(ExportRecordJSON, WritesTheStoredFormsWithDatesFrom2001) {
 }
 
 TEST_F(StoreFolderTest, HistoryRoundTripsAndEveryFieldIsRequired) {
-  const ExportRecordList list{record("11111111-2222-3333-4444-555555555555", "/x/a b#c.jpg", "2030-05-06T07:08:09.123Z")};
+  const ExportRecordList list{
+      record("11111111-2222-3333-4444-555555555555", "/x/a b#c.jpg", "2030-05-06T07:08:09.123Z")};
   ExportHistory::save(list);
   EXPECT_EQ(ExportHistory::load(), list);
 
-  const QJsonObject stored = QJsonDocument::fromJson(readStoreFile("exportHistory.json")).array()[0].toObject();
+  const QJsonObject stored =
+      QJsonDocument::fromJson(readStoreFile("exportHistory.json")).array()[0].toObject();
   for (const QString& key : stored.keys()) {
     QJsonObject object = stored;
     object.remove(key);
@@ -68,11 +75,12 @@ TEST(ExportRecordSuperseded, ALaterExportToTheSameFileSupersedesAndTiesGoByOrder
 // Dates are seconds since 2001 at a double's precision: two exports 300 µs apart are told
 // apart by date alone, after a save and load too.
 TEST_F(StoreFolderTest, DatesKeepTheirPrecisionBelowTheMillisecond) {
-  QJsonObject first = QJsonDocument::fromJson(ExportHistory::toJson(record("11111111-0000-0000-0000-000000000000",
-                                                                            "/o/a.jpg", "2024-01-01T10:00:00Z"))
-                                                   .write()
-                                                   .c_str())
-                          .object();
+  QJsonObject first =
+      QJsonDocument::fromJson(ExportHistory::toJson(record("11111111-0000-0000-0000-000000000000", "/o/a.jpg",
+                                                           "2024-01-01T10:00:00Z"))
+                                  .write()
+                                  .c_str())
+          .object();
   QJsonObject second = first;
   first[QStringLiteral("date")] = 725882400.0001;
   second[QStringLiteral("id")] = QStringLiteral("22222222-0000-0000-0000-000000000000");
@@ -84,7 +92,9 @@ TEST_F(StoreFolderTest, DatesKeepTheirPrecisionBelowTheMillisecond) {
   EXPECT_FALSE(ExportHistory::isRecordSuperseded(*list, (*list)[1]));
   ExportHistory::save(*list);
   EXPECT_EQ(ExportHistory::load(), *list);
-  EXPECT_EQ(QJsonDocument::fromJson(readStoreFile("exportHistory.json")).array()[1][QStringLiteral("date")].toDouble(),
+  EXPECT_EQ(QJsonDocument::fromJson(readStoreFile("exportHistory.json"))
+                .array()[1][QStringLiteral("date")]
+                .toDouble(),
             725882400.0004);
 }
 

@@ -1,9 +1,9 @@
-#include <QJsonDocument>
-
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+
+#include <QJsonDocument>
 
 #include "tests/records/records_test_support.h"
 
@@ -62,7 +62,8 @@ TEST_F(JSONFileStoreTest, FirstSaveCreatesTheFolderAndWritesCompactJSON) {
 
 TEST_F(JSONFileStoreTest, MissingAndCorruptFilesReadAsNothing) {
   EXPECT_FALSE(JSONFileStore::load(QStringLiteral("absent.json")));
-  for (const QByteArray& bytes : {QByteArray(R"([{"a":1,"b":)"), QByteArray("\x89PNG\r\n\x1a\n\0", 9), QByteArray()}) {
+  for (const QByteArray& bytes :
+       {QByteArray(R"([{"a":1,"b":)"), QByteArray("\x89PNG\r\n\x1a\n\0", 9), QByteArray()}) {
     writeStoreFile(QStringLiteral("bad.json"), bytes);
     EXPECT_FALSE(JSONFileStore::load(QStringLiteral("bad.json"))) << bytes.toHex().toStdString();
   }

@@ -2,10 +2,11 @@
 // Every records test gets its own store folder inside a temporary folder, not yet created,
 // so that the first save has to make it.
 
+#include <gtest/gtest.h>
+
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
-#include <gtest/gtest.h>
 
 #include "records/JSONFileStore.h"
 

@@ -90,8 +90,8 @@ TEST_F(LanguageManagerTest, ConfirmPersistsSelectsAndQuitsEvenIfTheRelaunchFails
 TEST(AppLanguages, BestMatchPicksTheRegionalVariant) {
   using L = AppLanguage;
   const std::pair<const char*, std::optional<L>> cases[] = {
-      {"en_AU.UTF-8", L::enGB}, {"es-MX", L::esLatam}, {"pt", L::ptBR},    {"pt_PT", L::ptPT},
-      {"zh-Hant-CN", L::zhHant}, {"zh_CN", L::zhHans},   {"fr-CA", L::fr},   {"C", std::nullopt},
+      {"en_AU.UTF-8", L::enGB},  {"es-MX", L::esLatam}, {"pt", L::ptBR},  {"pt_PT", L::ptPT},
+      {"zh-Hant-CN", L::zhHant}, {"zh_CN", L::zhHans},  {"fr-CA", L::fr}, {"C", std::nullopt},
   };
   for (const auto& [tag, expected] : cases) EXPECT_EQ(AppLanguages::bestMatch(tag), expected) << tag;
 }

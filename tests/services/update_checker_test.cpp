@@ -103,7 +103,8 @@ TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOffered) {
   };
   for (const Case& c : cases) {
     server_.respond(c.status, c.body);
-    EXPECT_EQ(check(c.current), c.expected) << c.status << " " << c.body.toStdString() << " at " << c.current.toStdString();
+    EXPECT_EQ(check(c.current), c.expected)
+        << c.status << " " << c.body.toStdString() << " at " << c.current.toStdString();
   }
   EXPECT_TRUE(server_.lastRequest().startsWith("GET /version.json HTTP/1.1\r\n"));
   EXPECT_TRUE(server_.lastRequest().toLower().contains("cache-control: no-cache"));
@@ -130,9 +131,10 @@ TEST(UpdateCheckerIsNewer, ComparesNumericPiecesPaddedWithZeros) {
     bool newer;
   };
   const Case cases[] = {
-      {"1.10", "1.9", true}, {"1.2.0", "1.2", false},    {"1..2", "1.1", true},
-      {"1.beta.3", "1.2", true}, {"1.2-rc1", "1.1", false}, {"+2", "1", true}, {" 1", "0", false},
-      {"99999999999999999999.1", "1.2", false},  // overflow dropped
+      {"1.10", "1.9", true},     {"1.2.0", "1.2", false},
+      {"1..2", "1.1", true},     {"1.beta.3", "1.2", true},
+      {"1.2-rc1", "1.1", false}, {"+2", "1", true},
+      {" 1", "0", false},        {"99999999999999999999.1", "1.2", false},  // overflow dropped
   };
   for (const Case& c : cases)
     EXPECT_EQ(UpdateChecker::isNewer(QString::fromUtf8(c.a), QString::fromUtf8(c.b)), c.newer)

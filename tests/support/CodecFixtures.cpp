@@ -3,8 +3,8 @@
 
 #include "tests/support/CodecFixtures.h"
 
-#include <lcms2.h>
 #include <jpeglib.h>
+#include <lcms2.h>
 #include <turbojpeg.h>
 #include <zlib.h>
 
@@ -29,7 +29,8 @@ uint16_t sample(const DecodedImage& image, size_t index) {
 
 Bytes saveProfile(cmsHPROFILE profile) {
   cmsUInt32Number size = 0;
-  if (!profile || !cmsSaveProfileToMem(profile, nullptr, &size)) throw std::runtime_error("cmsSaveProfileToMem");
+  if (!profile || !cmsSaveProfileToMem(profile, nullptr, &size))
+    throw std::runtime_error("cmsSaveProfileToMem");
   Bytes icc(size);
   cmsSaveProfileToMem(profile, icc.data(), &size);
   cmsCloseProfile(profile);
@@ -84,12 +85,12 @@ Bytes exifBlock(int orientation, bool jpegPrefix, ExifLayout layout) {
   };
   const bool wide = layout.type == 4 || layout.type == 9;
   out = layout.bigEndian ? Bytes{'M', 'M', 0, 0x2A} : Bytes{'I', 'I', 0x2A, 0};
-  put(8, 4);                                          // IFD0 at 8
-  put(1, 2);                                          // one entry
+  put(8, 4);                                                 // IFD0 at 8
+  put(1, 2);                                                 // one entry
   put(0x0112, 2), put(uint32_t(layout.type), 2), put(1, 4);  // Orientation, its type, count 1
-  put(uint32_t(orientation), wide ? 4 : 2);           // the value, left-justified in its 4 bytes
+  put(uint32_t(orientation), wide ? 4 : 2);                  // the value, left-justified in its 4 bytes
   if (!wide) put(0, 2);
-  put(0, 4);                                          // no next IFD
+  put(0, 4);  // no next IFD
   if (jpegPrefix) out.insert(out.begin(), {'E', 'x', 'i', 'f', 0, 0});
   return out;
 }
@@ -103,7 +104,8 @@ Bytes displayP3ICC(bool large) {
   for (int c = 0; large && c < 3; ++c) {  // three distinct tables of 20000 entries: about 120 kB
     std::vector<cmsUInt16Number> values(20000);
     for (size_t i = 0; i < values.size(); ++i)
-      values[i] = cmsUInt16Number(std::min(65535.0, cmsEvalToneCurveFloat(parametric, float(i) / 19999) * 65535.0 + c));
+      values[i] = cmsUInt16Number(
+          std::min(65535.0, cmsEvalToneCurveFloat(parametric, float(i) / 19999) * 65535.0 + c));
     curves[c] = cmsBuildTabulatedToneCurve16(nullptr, cmsUInt32Number(values.size()), values.data());
   }
   cmsHPROFILE profile = cmsCreateRGBProfile(&white, &primaries, curves);
@@ -128,7 +130,8 @@ Bytes cmykICC(bool cyanPrintsRed) {
   cmsUInt16Number table[16 * 3];
   for (int node = 0; node < 16; ++node) {
     int c = (node >> 3) & 1, m = (node >> 2) & 1, y = (node >> 1) & 1, k = node & 1;
-    uint8_t rgb[3] = {uint8_t(255 * (1 - c) * (1 - k)), uint8_t(255 * (1 - m) * (1 - k)), uint8_t(255 * (1 - y) * (1 - k))};
+    uint8_t rgb[3] = {uint8_t(255 * (1 - c) * (1 - k)), uint8_t(255 * (1 - m) * (1 - k)),
+                      uint8_t(255 * (1 - y) * (1 - k))};
     if (cyanPrintsRed && node == 8) rgb[0] = 255, rgb[1] = 0, rgb[2] = 0;
     cmsCIELab value;
     cmsDoTransform(toLab, rgb, &value, 1);
@@ -172,16 +175,19 @@ Bytes compressTurbo(const uint8_t* pixels, int width, int height, int pixelForma
     out.insert(out.end(), payload.begin(), payload.end());
   };
   if (options.xmpBeforeExif) {
-    const std::string xmp = std::string("http://ns.adobe.com/xap/1.0/") + '\0' + "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"/>";
+    const std::string xmp =
+        std::string("http://ns.adobe.com/xap/1.0/") + '\0' + "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"/>";
     marker(0xE1, Bytes(xmp.begin(), xmp.end()));
   }
   if (options.orientation) marker(0xE1, exifBlock(*options.orientation, true, options.exifLayout));
   const Bytes& icc = options.icc;
   const size_t perMarker = 65519, count = (icc.size() + perMarker - 1) / perMarker;
   for (size_t i = 0; i < count; ++i) {
-    Bytes payload = {'I', 'C', 'C', '_', 'P', 'R', 'O', 'F', 'I', 'L', 'E', 0, uint8_t(i + 1), uint8_t(count)};
+    Bytes payload = {'I',           'C', 'C', '_', 'P', 'R', 'O', 'F', 'I', 'L', 'E', 0, uint8_t(i + 1),
+                     uint8_t(count)};
     auto begin = icc.begin() + std::ptrdiff_t(i * perMarker);
-    payload.insert(payload.end(), begin, begin + std::ptrdiff_t(std::min(perMarker, icc.size() - i * perMarker)));
+    payload.insert(payload.end(), begin,
+                   begin + std::ptrdiff_t(std::min(perMarker, icc.size() - i * perMarker)));
     marker(0xE2, payload);
   }
   out.insert(out.end(), data + at, data + size);
@@ -196,8 +202,9 @@ Bytes jpeg(const DecodedImage& image, const JpegOptions& options) {
     size_t at = options.grey ? i * 4 : i;
     samples[i] = uint8_t(image.bitsPerComponent == 16 ? image.pixels16[at] >> 8 : image.pixels8[at]);
   }
-  return options.grey ? compressTurbo(samples.data(), image.width, image.height, TJPF_GRAY, TJSAMP_GRAY, options)
-                      : compressTurbo(samples.data(), image.width, image.height, TJPF_RGBA, TJSAMP_444, options);
+  return options.grey
+             ? compressTurbo(samples.data(), image.width, image.height, TJPF_GRAY, TJSAMP_GRAY, options)
+             : compressTurbo(samples.data(), image.width, image.height, TJPF_RGBA, TJSAMP_444, options);
 }
 
 Bytes arithmeticGreyJpeg(int width, int height, uint8_t value, size_t commentBytes) {
@@ -246,7 +253,8 @@ void chunk(Bytes& out, const char* type, const Bytes& payload) {
 Bytes deflate(const Bytes& raw) {
   uLongf size = compressBound(uLong(raw.size()));
   Bytes out(size);
-  if (compress2(out.data(), &size, raw.data(), uLong(raw.size()), 6) != Z_OK) throw std::runtime_error("compress2");
+  if (compress2(out.data(), &size, raw.data(), uLong(raw.size()), 6) != Z_OK)
+    throw std::runtime_error("compress2");
   out.resize(size);
   return out;
 }
@@ -264,11 +272,13 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
     iccp.insert(iccp.end(), z.begin(), z.end());
     chunk(out, "iCCP", iccp);
   }
-  if (options.orientation && !options.exifAfterData) chunk(out, "eXIf", exifBlock(*options.orientation, false, options.exifLayout));
+  if (options.orientation && !options.exifAfterData)
+    chunk(out, "eXIf", exifBlock(*options.orientation, false, options.exifLayout));
 
   std::map<uint32_t, uint8_t> indexOf;
   Bytes plte, trns, raw;
-  const std::vector<size_t> picks = options.grey ? std::vector<size_t>{0, 3} : std::vector<size_t>{0, 1, 2, 3};
+  const std::vector<size_t> picks =
+      options.grey ? std::vector<size_t>{0, 3} : std::vector<size_t>{0, 1, 2, 3};
   auto emit = [&](size_t x, size_t y) {
     const size_t i = (y * size_t(image.width) + x) * 4;
     if (palette) {
@@ -303,7 +313,8 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
   }
   if (palette) chunk(out, "PLTE", plte), chunk(out, "tRNS", trns);
   chunk(out, "IDAT", deflate(raw));
-  if (options.orientation && options.exifAfterData) chunk(out, "eXIf", exifBlock(*options.orientation, false, options.exifLayout));
+  if (options.orientation && options.exifAfterData)
+    chunk(out, "eXIf", exifBlock(*options.orientation, false, options.exifLayout));
   chunk(out, "IEND", {});
   return out;
 }

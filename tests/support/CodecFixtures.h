@@ -46,8 +46,8 @@ struct JpegOptions {
   int quality = 95;
   std::optional<int> orientation{};  // APP1 EXIF
   ExifLayout exifLayout{};
-  bool xmpBeforeExif = false;        // an XMP APP1 marker first
-  Bytes icc{};                       // APP2, split over several markers when needed
+  bool xmpBeforeExif = false;  // an XMP APP1 marker first
+  Bytes icc{};                 // APP2, split over several markers when needed
   bool grey = false;
   bool progressive = false;
 };
@@ -60,7 +60,7 @@ Bytes arithmeticGreyJpeg(int width, int height, uint8_t value = 90, size_t comme
 Bytes cmykJpeg(int width, int height, const Bytes& cmyk, const Bytes& icc = {});
 
 struct PngOptions {
-  bool grey = false;     // from the red channel
+  bool grey = false;  // from the red channel
   bool alpha = true;
   bool palette = false;  // colour type 3 with tRNS, from the first 256 distinct colours
   Bytes icc{};
@@ -100,7 +100,7 @@ struct AvifOptions {
   int irotAngle = -1;  // quarter turns anticlockwise; -1: no irot box
   int imirMode = -1;   // 0 top and bottom exchanged, 1 left and right; -1: none
   Bytes icc{};
-  int frames = 1;      // above 1: a sequence of the same picture
+  int frames = 1;  // above 1: a sequence of the same picture
 };
 Bytes avif(const DecodedImage& image, const AvifOptions& options = {});  // aom, 4:4:4, fastest
 
@@ -108,7 +108,7 @@ struct JxlOptions {
   bool lossless = true;
   int orientation = 1;  // in the codestream header
   Bytes icc{};
-  int frames = 1;       // above 1: an animation of the same picture
+  int frames = 1;  // above 1: an animation of the same picture
 };
 Bytes jxl(const DecodedImage& image, const JxlOptions& options = {});  // low effort, 8 or 16 bits
 

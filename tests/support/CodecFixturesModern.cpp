@@ -39,9 +39,10 @@ Bytes takeWebPData(WebPData& data) {
 Bytes webp(const DecodedImage& image, const WebPOptions& options) {
   Bytes rgba = eightBit(image);
   uint8_t* encoded = nullptr;
-  size_t size = options.lossless
-                    ? WebPEncodeLosslessRGBA(rgba.data(), image.width, image.height, image.width * 4, &encoded)
-                    : WebPEncodeRGBA(rgba.data(), image.width, image.height, image.width * 4, options.quality, &encoded);
+  size_t size = options.lossless ? WebPEncodeLosslessRGBA(rgba.data(), image.width, image.height,
+                                                          image.width * 4, &encoded)
+                                 : WebPEncodeRGBA(rgba.data(), image.width, image.height, image.width * 4,
+                                                  options.quality, &encoded);
   require(size > 0, "WebPEncodeRGBA");
   Bytes file(encoded, encoded + size);
   WebPFree(encoded);
@@ -63,7 +64,8 @@ Bytes webp(const DecodedImage& image, const WebPOptions& options) {
 Bytes animatedWebp(const std::vector<DecodedImage>& frames) {
   WebPAnimEncoderOptions animOptions;
   WebPConfig config;
-  require(!frames.empty() && WebPAnimEncoderOptionsInit(&animOptions) && WebPConfigInit(&config), "WebP init");
+  require(!frames.empty() && WebPAnimEncoderOptionsInit(&animOptions) && WebPConfigInit(&config),
+          "WebP init");
   CHandle<WebPAnimEncoder, WebPAnimEncoderDelete> encoder(
       WebPAnimEncoderNew(frames[0].width, frames[0].height, &animOptions));
   require(encoder != nullptr, "WebPAnimEncoderNew");
@@ -99,12 +101,13 @@ heif_error appendBytes(heif_context*, const void* data, size_t size, void* userd
 Bytes heic(const DecodedImage& image, const HeifOptions& options) {
   CHandle<heif_context, heif_context_free> context(heif_context_alloc());
   heif_encoder* rawEncoder = nullptr;
-  require(heif_context_get_encoder_for_format(context.get(), options.av1 ? heif_compression_AV1 : heif_compression_HEVC,
-                                              &rawEncoder),
+  require(heif_context_get_encoder_for_format(
+              context.get(), options.av1 ? heif_compression_AV1 : heif_compression_HEVC, &rawEncoder),
           "HEVC encoder");
   CHandle<heif_encoder, heif_encoder_release> encoder(rawEncoder);
   heif_encoder_set_lossy_quality(encoder.get(), options.quality);
-  if (!options.av1) heif_encoder_set_parameter(encoder.get(), "x265:log-level", "none");  // keep test output quiet
+  if (!options.av1)
+    heif_encoder_set_parameter(encoder.get(), "x265:log-level", "none");  // keep test output quiet
 
   const Bytes rgba = eightBit(image);
   auto picture = [&](bool alpha) {  // interleaved RGB(A), 8 bits
@@ -114,12 +117,13 @@ Bytes heic(const DecodedImage& image, const HeifOptions& options) {
                               alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB, &raw),
             "heif_image_create");
     CHandle<heif_image, heif_image_release> out(raw);
-    require(heif_image_add_plane(raw, heif_channel_interleaved, image.width, image.height, 8), "heif_image_add_plane");
+    require(heif_image_add_plane(raw, heif_channel_interleaved, image.width, image.height, 8),
+            "heif_image_add_plane");
     int stride = 0;
     uint8_t* plane = heif_image_get_plane(raw, heif_channel_interleaved, &stride);
     for (size_t i = 0; i < image.pixelCount(); ++i)
-      std::memcpy(plane + i / size_t(image.width) * size_t(stride) + i % size_t(image.width) * channels, &rgba[i * 4],
-                  channels);
+      std::memcpy(plane + i / size_t(image.width) * size_t(stride) + i % size_t(image.width) * channels,
+                  &rgba[i * 4], channels);
     return out;
   };
   const auto primary = picture(options.alpha);
@@ -134,30 +138,33 @@ Bytes heic(const DecodedImage& image, const HeifOptions& options) {
     const auto opaque = picture(false);
     CHandle<heif_encoding_options, heif_encoding_options_free> upright(heif_encoding_options_alloc());
     heif_image_handle* rawThumb = nullptr;
-    require(heif_context_encode_thumbnail(context.get(), opaque.get(), handle.get(), encoder.get(), upright.get(),
-                                          options.thumbnailSide, &rawThumb),
+    require(heif_context_encode_thumbnail(context.get(), opaque.get(), handle.get(), encoder.get(),
+                                          upright.get(), options.thumbnailSide, &rawThumb),
             "heif_context_encode_thumbnail");
     if (rawThumb) heif_image_handle_release(rawThumb);
   }
   if (options.exifOrientation) {
     Bytes exif = exifBlock(*options.exifOrientation);
-    require(heif_context_add_exif_metadata(context.get(), handle.get(), exif.data(), int(exif.size())), "EXIF");
+    require(heif_context_add_exif_metadata(context.get(), handle.get(), exif.data(), int(exif.size())),
+            "EXIF");
   }
   Bytes out;
   heif_writer writer{1, appendBytes};
   require(heif_context_write(context.get(), &writer, &out), "heif_context_write");
   if (options.av1) {
     // libheif brands AV1 content "avif"; a file that calls itself HEIC is what is wanted.
-    const uint32_t ftypSize = uint32_t(out[0]) << 24 | uint32_t(out[1]) << 16 | uint32_t(out[2]) << 8 | out[3];
+    const uint32_t ftypSize =
+        uint32_t(out[0]) << 24 | uint32_t(out[1]) << 16 | uint32_t(out[2]) << 8 | out[3];
     for (size_t at = 8; at + 4 <= std::min<size_t>(ftypSize, out.size()); at += 4)
-      if (std::memcmp(&out[at], "avif", 4) == 0 || std::memcmp(&out[at], "avis", 4) == 0) std::memcpy(&out[at], "heic", 4);
+      if (std::memcmp(&out[at], "avif", 4) == 0 || std::memcmp(&out[at], "avis", 4) == 0)
+        std::memcpy(&out[at], "heic", 4);
   }
   return out;
 }
 
 Bytes avif(const DecodedImage& image, const AvifOptions& options) {
-  CHandle<avifImage, avifImageDestroy> picture(
-      avifImageCreate(uint32_t(image.width), uint32_t(image.height), uint32_t(options.depth), AVIF_PIXEL_FORMAT_YUV444));
+  CHandle<avifImage, avifImageDestroy> picture(avifImageCreate(
+      uint32_t(image.width), uint32_t(image.height), uint32_t(options.depth), AVIF_PIXEL_FORMAT_YUV444));
   avifRGBImage rgb;
   avifRGBImageSetDefaults(&rgb, picture.get());
   const bool wide = image.bitsPerComponent == 16;
@@ -168,8 +175,10 @@ Bytes avif(const DecodedImage& image, const AvifOptions& options) {
   rgb.pixels = wide ? reinterpret_cast<uint8_t*>(const_cast<uint16_t*>(image.pixels16.data()))
                     : const_cast<uint8_t*>(image.pixels8.data());
   require(avifImageRGBToYUV(picture.get(), &rgb) == AVIF_RESULT_OK, "avifImageRGBToYUV");
-  if (options.irotAngle >= 0) picture->transformFlags |= AVIF_TRANSFORM_IROT, picture->irot.angle = uint8_t(options.irotAngle);
-  if (options.imirMode >= 0) picture->transformFlags |= AVIF_TRANSFORM_IMIR, picture->imir.mode = uint8_t(options.imirMode);
+  if (options.irotAngle >= 0)
+    picture->transformFlags |= AVIF_TRANSFORM_IROT, picture->irot.angle = uint8_t(options.irotAngle);
+  if (options.imirMode >= 0)
+    picture->transformFlags |= AVIF_TRANSFORM_IMIR, picture->imir.mode = uint8_t(options.imirMode);
   if (!options.icc.empty()) avifImageSetProfileICC(picture.get(), options.icc.data(), options.icc.size());
   CHandle<avifEncoder, avifEncoderDestroy> encoder(avifEncoderCreate());
   encoder->codecChoice = AVIF_CODEC_CHOICE_AOM;
@@ -178,7 +187,8 @@ Bytes avif(const DecodedImage& image, const AvifOptions& options) {
   encoder->minQuantizerAlpha = encoder->maxQuantizerAlpha = options.quantizer;
   const avifAddImageFlags flags = options.frames == 1 ? AVIF_ADD_IMAGE_FLAG_SINGLE : AVIF_ADD_IMAGE_FLAG_NONE;
   for (int i = 0; i < options.frames; ++i)
-    require(avifEncoderAddImage(encoder.get(), picture.get(), 1, flags) == AVIF_RESULT_OK, "avifEncoderAddImage");
+    require(avifEncoderAddImage(encoder.get(), picture.get(), 1, flags) == AVIF_RESULT_OK,
+            "avifEncoderAddImage");
   avifRWData output = AVIF_DATA_EMPTY;
   require(avifEncoderFinish(encoder.get(), &output) == AVIF_RESULT_OK, "avifEncoderFinish");
   Bytes out(output.data, output.data + output.size);
@@ -203,8 +213,8 @@ Bytes jxl(const DecodedImage& image, const JxlOptions& options) {
   JxlColorEncoding srgb;
   JxlColorEncodingSetToSRGB(&srgb, JXL_FALSE);
   require((options.icc.empty() ? JxlEncoderSetColorEncoding(encoder.get(), &srgb)
-                               : JxlEncoderSetICCProfile(encoder.get(), options.icc.data(), options.icc.size())) ==
-              JXL_ENC_SUCCESS,
+                               : JxlEncoderSetICCProfile(encoder.get(), options.icc.data(),
+                                                         options.icc.size())) == JXL_ENC_SUCCESS,
           "JxlEncoderSetColorEncoding");
   JxlEncoderFrameSettings* settings = JxlEncoderFrameSettingsCreate(encoder.get(), nullptr);
   JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, 2);
@@ -223,8 +233,9 @@ Bytes jxl(const DecodedImage& image, const JxlOptions& options) {
   const void* pixels = wide ? static_cast<const void*>(packed.data()) : packed8.data();
   JxlPixelFormat format{channels, wide ? JXL_TYPE_UINT16 : JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
   for (int i = 0; i < options.frames; ++i)
-    require(JxlEncoderAddImageFrame(settings, &format, pixels, packed.size() * (wide ? 2 : 1)) == JXL_ENC_SUCCESS,
-            "JxlEncoderAddImageFrame");
+    require(
+        JxlEncoderAddImageFrame(settings, &format, pixels, packed.size() * (wide ? 2 : 1)) == JXL_ENC_SUCCESS,
+        "JxlEncoderAddImageFrame");
   JxlEncoderCloseInput(encoder.get());
 
   Bytes out(4096);
@@ -275,7 +286,8 @@ Bytes mdatPayload(const Bytes& file) {
   for (size_t at = 0; at + 8 <= file.size();) {
     const size_t size = read32(file, at);
     require(size >= 8 && at + size <= file.size(), "top-level box");
-    if (std::memcmp(&file[at + 4], "mdat", 4) == 0) return Bytes(file.begin() + std::ptrdiff_t(at + 8), file.begin() + std::ptrdiff_t(at + size));
+    if (std::memcmp(&file[at + 4], "mdat", 4) == 0)
+      return Bytes(file.begin() + std::ptrdiff_t(at + 8), file.begin() + std::ptrdiff_t(at + size));
     at += size;
   }
   require(false, "mdat");
@@ -300,7 +312,8 @@ Bytes grid(const Bytes& tileFile, int columns, int rows) {
   Bytes gridData = {0, 0, uint8_t(rows - 1), uint8_t(columns - 1)};
   put(gridData, tileWidth * uint32_t(columns), 2);
   put(gridData, tileHeight * uint32_t(rows), 2);
-  require(rows <= 256 && columns <= 256 && tileWidth * uint32_t(columns) < 65536 && tileHeight * uint32_t(rows) < 65536,
+  require(rows <= 256 && columns <= 256 && tileWidth * uint32_t(columns) < 65536 &&
+              tileHeight * uint32_t(rows) < 65536,
           "grid size");
 
   auto meta = [&](uint32_t mdatStart) {
@@ -353,8 +366,8 @@ Bytes grid(const Bytes& tileFile, int columns, int rows) {
     Bytes iprp = box("ipco", ipco), ipmaBox = box("ipma", ipma, 0);
     iprp.insert(iprp.end(), ipmaBox.begin(), ipmaBox.end());
     Bytes payload;
-    for (const Bytes& part : {box("hdlr", hdlr, 0), box("pitm", pitm, 0), box("iloc", iloc, 0), box("iinf", iinf, 0),
-                              box("iref", box("dimg", dimg), 0), box("iprp", iprp)})
+    for (const Bytes& part : {box("hdlr", hdlr, 0), box("pitm", pitm, 0), box("iloc", iloc, 0),
+                              box("iinf", iinf, 0), box("iref", box("dimg", dimg), 0), box("iprp", iprp)})
       payload.insert(payload.end(), part.begin(), part.end());
     return box("meta", payload, 0);
   };

@@ -119,13 +119,15 @@ RawHTTPResponse httpExchange(int port, std::string_view bytes, std::chrono::mill
   return connection.readResponse(timeout);
 }
 
-std::string buildRequest(std::string_view method, std::string_view target, const std::optional<std::string>& token,
-                         std::string_view body) {
+std::string buildRequest(std::string_view method, std::string_view target,
+                         const std::optional<std::string>& token, std::string_view body) {
   std::string request;
   request.append(method).append(" ").append(target).append(" HTTP/1.1\r\nHost: 127.0.0.1\r\n");
   if (token) request.append("Authorization: Bearer ").append(*token).append("\r\n");
-  if (!body.empty()) request.append("Content-Type: application/json\r\nContent-Length: ")
-      .append(std::to_string(body.size())).append("\r\n");
+  if (!body.empty())
+    request.append("Content-Type: application/json\r\nContent-Length: ")
+        .append(std::to_string(body.size()))
+        .append("\r\n");
   request.append("\r\n").append(body);
   return request;
 }

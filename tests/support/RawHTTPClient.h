@@ -12,7 +12,7 @@
 namespace quillane::testing {
 
 struct RawHTTPResponse {
-  std::string raw;         // every byte received until the server closed (or the wait ended)
+  std::string raw;  // every byte received until the server closed (or the wait ended)
   bool closedByServer = false;
   std::string statusLine;  // "HTTP/1.1 200 OK"
   int status = 0;
@@ -46,12 +46,12 @@ class RawConnection {
 
 // Connects, sends `bytes`, reads the whole answer.
 RawHTTPResponse httpExchange(int port, std::string_view bytes,
-                         std::chrono::milliseconds timeout = std::chrono::seconds(20));
+                             std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 // A well-formed request: request line, Authorization when `token` is given, Content-Length
 // when there is a body.
-std::string buildRequest(std::string_view method, std::string_view target, const std::optional<std::string>& token,
-                         std::string_view body = {});
+std::string buildRequest(std::string_view method, std::string_view target,
+                         const std::optional<std::string>& token, std::string_view body = {});
 
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int freeLocalPort();

@@ -1,7 +1,8 @@
 // gtest main for the Qt layers: a QCoreApplication exists for the whole run, so that
 // event loops, timers, queued calls and QSignalSpy work inside tests.
-#include <QCoreApplication>
 #include <gtest/gtest.h>
+
+#include <QCoreApplication>
 
 int main(int argc, char** argv) {
   QCoreApplication app(argc, argv);

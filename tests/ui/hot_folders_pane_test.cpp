@@ -1,13 +1,13 @@
 // The hot folders tab against a real manager: the form's rules (name, folders that resolve to
 // one, profile against explicit settings), the enabled switch, and the two log sections.
+#include <unistd.h>
+
 #include <QCheckBox>
 #include <QGroupBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QSlider>
-
-#include <unistd.h>
 
 #include "hotfolders/HotFoldersManager.h"
 #include "records/ExportProfile.h"
@@ -33,9 +33,8 @@ class HotFoldersPaneTest : public UiFixture {
     if (!model_) makeModel();
     if (!manager_) manager_ = std::make_unique<HotFoldersManager>();
     if (!pane_) {
-      pane_ = std::make_unique<ui::HotFoldersSettingsView>(*manager_, *model_, [this](const auto&) {
-        return std::optional<QString>(chosen_);
-      });
+      pane_ = std::make_unique<ui::HotFoldersSettingsView>(
+          *manager_, *model_, [this](const auto&) { return std::optional<QString>(chosen_); });
     }
     return *pane_;
   }
@@ -109,8 +108,8 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   // 30 folders whose source is missing: 30 error lines at launch.
   HotFolderList folders;
   for (int i = 0; i < 30; ++i) {
-    folders.push_back({QUuid::createUuid(), QString("F%1").arg(i), dir_.filePath("missing"), out_, std::nullopt,
-                       ImageFormat::png, 50.0, true});
+    folders.push_back({QUuid::createUuid(), QString("F%1").arg(i), dir_.filePath("missing"), out_,
+                       std::nullopt, ImageFormat::png, 50.0, true});
   }
   folders.push_back({QUuid::createUuid(), "Live", in_, out_, std::nullopt, ImageFormat::webp, 80.0, true});
   HotFolders::save(folders);
@@ -128,7 +127,8 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   EXPECT_FALSE(manager_->hotFolders().back().isEnabled);
 
   pane().clearActivityButton()->click();
-  EXPECT_TRUE(texts(pane().errorSection()).contains(ui::text("settings.hotFolders.errorLogEmpty", "Aucune erreur")));
+  EXPECT_TRUE(
+      texts(pane().errorSection()).contains(ui::text("settings.hotFolders.errorLogEmpty", "Aucune erreur")));
   EXPECT_TRUE(texts(pane().activitySection())
                   .contains(ui::text("settings.hotFolders.activityEmpty", "Aucune activité pour l'instant")));
 }

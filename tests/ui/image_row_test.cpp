@@ -51,7 +51,8 @@ TEST_F(ImageRowTest, AnAnimatedImageInItsOwnFormatIsPassedThroughAndAStillOneNev
   EXPECT_TRUE(ui::RowRules::isPassThrough(*gif, ImageFormat::webp));
   EXPECT_FALSE(ui::RowRules::isPassThrough(*still, ImageFormat::webp));
   EXPECT_EQ(ui::RowRules::sizeSummary(*gif, ImageFormat::webp).secondTone, Tone::secondary);
-  EXPECT_NE(ui::RowRules::qualityHelp(*gif, ImageFormat::webp), ui::RowRules::qualityHelp(*gif, ImageFormat::jpeg));
+  EXPECT_NE(ui::RowRules::qualityHelp(*gif, ImageFormat::webp),
+            ui::RowRules::qualityHelp(*gif, ImageFormat::jpeg));
   // Converted to another format it shows the percentage again.
   EXPECT_EQ(ui::RowRules::sizeSummary(*gif, ImageFormat::jpeg).secondTone, Tone::green);
   // A result that grew shows its change in orange.

@@ -174,8 +174,8 @@ class SettingsScreenshots : public ScreenshotTest {
     if (!hotFolders_) {
       // One working folder, and one whose source is missing, so that the error log has a line.
       QDir(dir_.path()).mkpath("camera");
-      HotFolders::save({{QUuid::createUuid(), "Camera", dir_.filePath("camera"), dir_.filePath("camera-small"),
-                         QString("Web"), std::nullopt, std::nullopt, true},
+      HotFolders::save({{QUuid::createUuid(), "Camera", dir_.filePath("camera"),
+                         dir_.filePath("camera-small"), QString("Web"), std::nullopt, std::nullopt, true},
                         {QUuid::createUuid(), "Scans", dir_.filePath("scans"), dir_.filePath("scans-small"),
                          std::nullopt, ImageFormat::jxl, 80.0, true}});
       hotFolders_ = std::make_unique<HotFoldersManager>();

@@ -90,12 +90,13 @@ ImageDecoder::LightDecodedImage UiFixture::inspect(const std::string& path) {
     if (it == files_.end()) throw ImageProcessingError::decodingFailed("not an image");
     file = it->second;
   }
-  ImageDecoder::LightDecodedImage decoded{file.format, file.width, file.height,
-                                          QFileInfo(QString::fromStdString(path)).size(), file.frameCount, {}};
+  ImageDecoder::LightDecodedImage decoded{file.format,     file.width,
+                                          file.height,     QFileInfo(QString::fromStdString(path)).size(),
+                                          file.frameCount, {}};
   const int side = std::max({1, file.width, file.height});
-  decoded.thumbnail = testing::makeImage(std::max(1, 64 * file.width / side),
-                                         std::max(1, 64 * file.height / side), testing::Pattern::photo,
-                                         uint32_t(qHash(name)));
+  decoded.thumbnail =
+      testing::makeImage(std::max(1, 64 * file.width / side), std::max(1, 64 * file.height / side),
+                         testing::Pattern::photo, uint32_t(qHash(name)));
   return decoded;
 }
 

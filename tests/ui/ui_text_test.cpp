@@ -4,9 +4,9 @@
 
 #include <QKeySequence>
 #include <QLocale>
-#include <QTime>
 #include <QMimeData>
 #include <QTest>
+#include <QTime>
 #include <thread>
 
 #include "engine/Localization.h"
@@ -21,8 +21,13 @@ namespace {
 TEST(ByteCountText, DecimalUnitsRoundedUpToTheNextUnitInTheLocalesNotation) {
   const QLocale c(QLocale::C);
   const std::pair<int64_t, const char*> cases[] = {
-      {-5, "0 B"}, {999, "999 B"}, {1'234'567, "1.2 MB"}, {3'000'000, "3 MB"}, {3'456'789'000, "3.46 GB"},
-      {999'600, "1 MB"}, {999'960'000, "1 GB"},  // rounding up moves to the next unit
+      {-5, "0 B"},
+      {999, "999 B"},
+      {1'234'567, "1.2 MB"},
+      {3'000'000, "3 MB"},
+      {3'456'789'000, "3.46 GB"},
+      {999'600, "1 MB"},
+      {999'960'000, "1 GB"},  // rounding up moves to the next unit
   };
   for (const auto& [bytes, text] : cases) EXPECT_EQ(formatByteCount(bytes, c), text) << bytes;
   EXPECT_EQ(formatByteCount(1'234'567, QLocale(QLocale::French)), "1,2 MB");
@@ -33,7 +38,8 @@ TEST(ByteCountText, DecimalUnitsRoundedUpToTheNextUnitInTheLocalesNotation) {
 TEST(ChosenLanguage, SetsTheLocaleAndQtsOwnTexts) {
   LanguageManager::persist(std::nullopt);
   const auto install = [](const char* system) {
-    LanguageManager(LanguageManager::Platform{{system}, [](const QString&) { return true; }, [] {}}).installLookup();
+    LanguageManager(LanguageManager::Platform{{system}, [](const QString&) { return true; }, [] {}})
+        .installLookup();
   };
   install("de-DE");
   EXPECT_EQ(formatByteCount(1'300'000), "1,3 MB");
@@ -51,7 +57,8 @@ TEST(SizeChange, HalvesRoundAwayFromZeroAndAnEmptySourceDoesNotDivideByZero) {
     int64_t size, original, percent;
     bool reduced;
   } const cases[] = {
-      {996, 1000, 0, true}, {995, 1000, 1, true}, {1005, 1000, 1, false}, {10, 0, 900, false}, {0, 0, 100, true},
+      {996, 1000, 0, true}, {995, 1000, 1, true}, {1005, 1000, 1, false},
+      {10, 0, 900, false},  {0, 0, 100, true},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(sizeChange(c.size, c.original).percent, c.percent) << c.size << "/" << c.original;

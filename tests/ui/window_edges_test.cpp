@@ -45,7 +45,8 @@ TEST_F(WindowEdgesTest, ADoubleClickOnRemoveRemovesOnlyTheRowUnderTheFirstPress)
   ASSERT_TRUE(waitIdle());
   ui::ImageListView& list = *window().imageList();
   const QModelIndex first = list.listModel().index(0);
-  const QPoint remove = list.rowDelegate().partRect(list.visualRect(first), first, ui::RowHit::remove).center();
+  const QPoint remove =
+      list.rowDelegate().partRect(list.visualRect(first), first, ui::RowHit::remove).center();
   // What the window system delivers for a double click: press, release, double click, release.
   for (QEvent::Type type : {QEvent::MouseButtonPress, QEvent::MouseButtonRelease, QEvent::MouseButtonDblClick,
                             QEvent::MouseButtonRelease})
@@ -76,8 +77,12 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardAndNamedForScree
 
   const QModelIndex row = list.listModel().index(list.listModel().rowOfImage(0));
   const QString spoken = list.listModel().data(row, Qt::AccessibleTextRole).toString();
-  EXPECT_TRUE(spoken.startsWith("a.png, ") && spoken.contains(ui::formatByteCount(750))) << spoken.toStdString();
-  EXPECT_TRUE(list.listModel().data(list.listModel().index(1), Qt::AccessibleTextRole).toString().startsWith("missing.png"));
+  EXPECT_TRUE(spoken.startsWith("a.png, ") && spoken.contains(ui::formatByteCount(750)))
+      << spoken.toStdString();
+  EXPECT_TRUE(list.listModel()
+                  .data(list.listModel().index(1), Qt::AccessibleTextRole)
+                  .toString()
+                  .startsWith("missing.png"));
 
   std::unique_ptr<QMenu> menu(list.rowMenu(row));
   QStringList labels;
@@ -178,9 +183,8 @@ TEST_F(WindowEdgesTest, FormatMenusAreOneExclusiveChoice) {
 TEST_F(WindowEdgesTest, TheProfileButtonsLabelClearsItsArrowInEveryScript) {
   window();
   model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, false});
-  model_->upsertExportProfile(
-      {QUuid::createUuid(), "Archive quality for the printer downstairs", ImageFormat::jxl, 95, std::nullopt,
-       false});
+  model_->upsertExportProfile({QUuid::createUuid(), "Archive quality for the printer downstairs",
+                               ImageFormat::jxl, 95, std::nullopt, false});
   QPushButton* button = window().controlsBar()->profileMenu()->button();
   QStyleOptionButton option;
   option.initFrom(button);
@@ -224,7 +228,8 @@ TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQ
               original.join(' ').contains(ui::formatByteCount(100000)))
       << original.join('|').toStdString();
   EXPECT_TRUE(result.join(' ').contains(ui::formatByteCount(700))) << result.join('|').toStdString();
-  for (const QString& line : original + result) EXPECT_FALSE(line.contains(QChar(0x2026))) << line.toStdString();
+  for (const QString& line : original + result)
+    EXPECT_FALSE(line.contains(QChar(0x2026))) << line.toStdString();
 
   model_->removeImage(image);  // the comparison goes with its image
   EXPECT_TRUE(QTest::qWaitFor([&] { return window().findChildren<ui::ImageComparisonView*>().isEmpty(); }));
@@ -255,25 +260,28 @@ TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindElseHomeAndOfferTh
   DesktopPanels::rememberFolder(Kind::import, dir_.filePath("no-such-folder"));
   DesktopPanels::rememberFolder(Kind::exportFolder, {});
   const QUrl picked = source("picked.png");
-  const QList<QUrl> chosen = withDialog([&] { return panels.chooseFilesToImport(); }, [&](QFileDialog& dialog) {
-    EXPECT_EQ(dialog.directory().absolutePath(), QDir::homePath());
-    EXPECT_EQ(nameField(dialog), QString());
-    ASSERT_EQ(dialog.nameFilters().size(), 1);
-    for (const char* pattern : {"*.png", "*.jpg", "*.heic", "*.avif", "*.webp", "*.jxl"})
-      EXPECT_TRUE(dialog.nameFilters()[0].contains(pattern)) << pattern;
-    for (const char* pattern : {"*.gif", "*.tif", "*.bmp", "(*)"})
-      EXPECT_FALSE(dialog.nameFilters()[0].contains(pattern)) << pattern;
-    dialog.selectUrl(picked);
-    QMetaObject::invokeMethod(&dialog, "accept");
-  });
+  const QList<QUrl> chosen =
+      withDialog([&] { return panels.chooseFilesToImport(); },
+                 [&](QFileDialog& dialog) {
+                   EXPECT_EQ(dialog.directory().absolutePath(), QDir::homePath());
+                   EXPECT_EQ(nameField(dialog), QString());
+                   ASSERT_EQ(dialog.nameFilters().size(), 1);
+                   for (const char* pattern : {"*.png", "*.jpg", "*.heic", "*.avif", "*.webp", "*.jxl"})
+                     EXPECT_TRUE(dialog.nameFilters()[0].contains(pattern)) << pattern;
+                   for (const char* pattern : {"*.gif", "*.tif", "*.bmp", "(*)"})
+                     EXPECT_FALSE(dialog.nameFilters()[0].contains(pattern)) << pattern;
+                   dialog.selectUrl(picked);
+                   QMetaObject::invokeMethod(&dialog, "accept");
+                 });
   EXPECT_EQ(chosen, QList<QUrl>{picked});
 
   // The next import starts where the last one was; export keeps its own folder.
-  withDialog([&] { return panels.chooseFilesToImport(); }, [&](QFileDialog& dialog) {
-    EXPECT_EQ(dialog.directory().absolutePath(), QDir(dir_.path()).absolutePath());
-    EXPECT_EQ(nameField(dialog), QString());
-    dialog.reject();
-  });
+  withDialog([&] { return panels.chooseFilesToImport(); },
+             [&](QFileDialog& dialog) {
+               EXPECT_EQ(dialog.directory().absolutePath(), QDir(dir_.path()).absolutePath());
+               EXPECT_EQ(nameField(dialog), QString());
+               dialog.reject();
+             });
   EXPECT_EQ(DesktopPanels::startFolder(Kind::exportFolder), QDir::homePath());
 }
 
