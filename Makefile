@@ -6,13 +6,17 @@
 #              each for FUZZ_SECONDS; what a target finds is left in build-fuzz/ as crash-*
 #   make asan  builds with AddressSanitizer and UBSan (build-asan/) and runs every test there;
 #              any report fails the run
+#   make quick   the tests without the label `slow` (no end-to-end, bus, install or fuzz runs)
+#   make tidy    clang-tidy with the project's .clang-tidy over every source file; any finding fails
+#   make screenshots  renders the window, the comparison and each settings tab in every language
+#              to build/screenshots/
 JOBS ?= $(shell nproc)
 BUILD := build
 
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS := image_fuzz_png image_fuzz_jpeg image_fuzz_webp image_fuzz_heic image_fuzz_avif image_fuzz_jxl
 
-.PHONY: deps configure build run test bench package fuzz asan clean
+.PHONY: deps configure build run test quick tidy screenshots bench package fuzz asan clean
 
 deps:
 	@scripts/install-deps
@@ -29,6 +33,18 @@ run: build
 
 test: build
 	scripts/run-tests $(BUILD)
+
+quick: build
+	scripts/run-tests $(BUILD) -LE slow
+
+tidy: build
+	scripts/run-tidy $(BUILD)
+
+screenshots: build
+	rm -rf $(BUILD)/screenshots
+	QT_QPA_PLATFORM=offscreen QUILLANE_SCREENSHOTS=$(CURDIR)/$(BUILD)/screenshots \
+		$(BUILD)/bin/ui_tests --gtest_filter='Screenshots.*:ClippedText.*'
+	@ls $(BUILD)/screenshots | wc -l | xargs printf '%s screenshots in $(BUILD)/screenshots/\n'
 
 bench: deps
 	@test -f build-release/build.ninja || cmake --preset release -DQUILLANE_BUILD_BENCH=ON -DQUILLANE_BUILD_TESTS=ON

@@ -41,10 +41,10 @@ void replicateGrey(T* samples, size_t pixels, int channels) {
 template <class T>
 bool transformGrey(T* samples, int width, int height, int channels, cmsHPROFILE grey) {
   bool wide = sizeof(T) == 2;
-  cmsUInt32Number in =
+  cmsUInt32Number inType =
       channels == 2 ? (wide ? TYPE_GRAYA_16 : TYPE_GRAYA_8) : (wide ? TYPE_GRAY_16 : TYPE_GRAY_8);
-  cmsUInt32Number out = wide ? TYPE_RGBA_16 : TYPE_RGBA_8;
-  CmsTransformPtr transform = transformToSRGB(grey, in, out, channels == 2 ? cmsFLAGS_COPY_ALPHA : 0);
+  cmsUInt32Number outType = wide ? TYPE_RGBA_16 : TYPE_RGBA_8;
+  CmsTransformPtr transform = transformToSRGB(grey, inType, outType, channels == 2 ? cmsFLAGS_COPY_ALPHA : 0);
   if (!transform) return false;
   std::vector<T> row(size_t(width) * size_t(channels));
   const T opaque = T(~T(0));

@@ -10,11 +10,11 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 #include <string_view>
 #include <unordered_set>
 
 #include "engine/Errors.h"
+#include "engine/ThreadAnnotations.h"
 
 namespace quillane::FileIO {
 namespace {
@@ -42,12 +42,13 @@ bool isTemporaryName(std::string_view name) {
 // Temporaries left by a power cut or a kill: removed once per folder per process, when the
 // folder is next written to. A day old, so that a write still running in another process is
 // never touched. Failures are ignored: this is tidying, not the write.
+Mutex tidiedMutex;
+std::unordered_set<std::string> tidiedFolders GUARDED_BY(tidiedMutex);
+
 void removeStaleTemporaries(const std::string& folder) {
-  static std::mutex mutex;
-  static std::unordered_set<std::string> done;
   {
-    std::lock_guard lock(mutex);
-    if (!done.insert(folder).second) return;
+    MutexLock lock(tidiedMutex);
+    if (!tidiedFolders.insert(folder).second) return;
   }
   DIR* dir = ::opendir(folder.c_str());
   if (!dir) return;

@@ -58,6 +58,6 @@ void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes
 
 inline constexpr char temporaryPrefix[] = ".quillane-";
 inline constexpr char temporarySuffix[] = ".tmp";
-inline constexpr long long staleTemporaryAgeSeconds = 24 * 60 * 60;
+inline constexpr long long staleTemporaryAgeSeconds = 24LL * 60 * 60;
 
 }  // namespace quillane::FileIO

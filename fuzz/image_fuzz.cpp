@@ -119,9 +119,9 @@ int main(int argc, char** argv) {
           break;
         default: {
           const size_t length = std::min<size_t>(input.size() - at, 1 + random() % 32);
-          std::vector<uint8_t> run(input.begin() + std::ptrdiff_t(at),
-                                   input.begin() + std::ptrdiff_t(at + length));
-          input.insert(input.begin() + std::ptrdiff_t(at), run.begin(), run.end());
+          std::vector<uint8_t> repeat(input.begin() + std::ptrdiff_t(at),
+                                      input.begin() + std::ptrdiff_t(at + length));
+          input.insert(input.begin() + std::ptrdiff_t(at), repeat.begin(), repeat.end());
         }
       }
     }

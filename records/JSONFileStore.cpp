@@ -5,17 +5,17 @@
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QStandardPaths>
-#include <mutex>
 
 #include "engine/Errors.h"
 #include "engine/FileIO.h"
+#include "engine/ThreadAnnotations.h"
 
 namespace quillane::JSONFileStore {
 
 namespace {
 
-std::mutex overrideMutex;
-std::optional<QString> folderOverride;
+Mutex overrideMutex;
+std::optional<QString> folderOverride GUARDED_BY(overrideMutex);
 
 const QString& realFolder() {
   static const QString folder =
@@ -27,14 +27,14 @@ const QString& realFolder() {
 
 QString folder() {
   {
-    std::lock_guard lock(overrideMutex);
+    MutexLock lock(overrideMutex);
     if (folderOverride) return *folderOverride;
   }
   return realFolder();
 }
 
 void setFolderForTesting(const QString& folder) {
-  std::lock_guard lock(overrideMutex);
+  MutexLock lock(overrideMutex);
   if (folder.isEmpty()) {
     folderOverride.reset();
   } else {

@@ -3,8 +3,9 @@
 #include <QCoreApplication>
 #include <QMetaObject>
 #include <QMimeData>
-#include <mutex>
 #include <optional>
+
+#include "engine/ThreadAnnotations.h"
 
 namespace quillane::ui {
 namespace {
@@ -23,9 +24,9 @@ class MimeURLProvider : public DropItemProvider {
 
 // The entries of one drop, shared by every answer.
 struct DropCollection {
-  std::mutex lock;
-  std::vector<std::optional<QUrl>> entries;
-  size_t unanswered = 0;
+  Mutex lock;
+  std::vector<std::optional<QUrl>> entries GUARDED_BY(lock);
+  size_t unanswered GUARDED_BY(lock) = 0;
   std::function<void(QList<QUrl>)> completion;
 };
 
@@ -53,15 +54,18 @@ bool handle(const DropItemProviders& providers, std::function<void(QList<QUrl>)>
   if (kept.empty()) return false;
 
   auto collection = std::make_shared<DropCollection>();
-  collection->entries.resize(kept.size());
-  collection->unanswered = kept.size();
+  {
+    MutexLock guard(collection->lock);
+    collection->entries.resize(kept.size());
+    collection->unanswered = kept.size();
+  }
   collection->completion = std::move(completion);
 
   for (size_t index = 0; index < kept.size(); ++index) {
     kept[index]->loadItem([collection, index](const QVariant& item) {
       bool last = false;
       {
-        std::lock_guard<std::mutex> guard(collection->lock);
+        MutexLock guard(collection->lock);
         if (auto url = urlFromItem(item)) collection->entries[index] = *url;
         last = --collection->unanswered == 0;
       }
@@ -71,8 +75,11 @@ bool handle(const DropItemProviders& providers, std::function<void(QList<QUrl>)>
           QCoreApplication::instance(),
           [collection] {
             QList<QUrl> urls;
-            for (const auto& slot : collection->entries)
-              if (slot) urls.push_back(*slot);
+            {
+              MutexLock guard(collection->lock);
+              for (const auto& slot : collection->entries)
+                if (slot) urls.push_back(*slot);
+            }
             collection->completion(urls);
           },
           Qt::QueuedConnection);

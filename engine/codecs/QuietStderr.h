@@ -6,7 +6,8 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <mutex>
+
+#include "engine/ThreadAnnotations.h"
 
 namespace quillane::codecs {
 
@@ -19,7 +20,7 @@ namespace quillane::codecs {
 class QuietStderr {
  public:
   QuietStderr() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (depth_++ > 0) return;
     std::fflush(stderr);
     saved_ = ::fcntl(2, F_DUPFD_CLOEXEC, 3);
@@ -30,7 +31,7 @@ class QuietStderr {
     }
   }
   ~QuietStderr() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (--depth_ > 0) return;
     std::fflush(stderr);
     if (saved_ >= 0) {
@@ -43,9 +44,9 @@ class QuietStderr {
   QuietStderr& operator=(const QuietStderr&) = delete;
 
  private:
-  static inline std::mutex mutex_;
-  static inline int depth_ = 0;
-  static inline int saved_ = -1;
+  static inline Mutex mutex_;
+  static inline int depth_ GUARDED_BY(mutex_) = 0;
+  static inline int saved_ GUARDED_BY(mutex_) = -1;
 };
 
 }  // namespace quillane::codecs
