@@ -1,6 +1,7 @@
-// Renders the window, the comparison sheet, the history popover and each settings tab to PNG
-// files under <build>/screenshots for a person to look at, and checks in every language that
-// no text of the bar or the panes is cut at the window's minimum size.
+// Renders the window, the comparison sheet, the history and each settings tab to PNG files for a
+// person to look at (make screenshots: the Screenshots suite, which CTest does not run), and
+// checks in every language that no text of the bar or the panes is cut at the window's minimum
+// size (ClippedText, in CTest with the label `slow`).
 #include <QApplication>
 #include <QDir>
 #include <QImage>
@@ -28,19 +29,19 @@
 namespace quillane::uitest {
 namespace {
 
-QString screenshotFolder() {
-  const QByteArray bin = qgetenv("QUILLANE_BIN_DIR");
-  const QString base = bin.isEmpty() ? QCoreApplication::applicationDirPath() : QString::fromLocal8Bit(bin);
-  const QString folder = QDir(base).absoluteFilePath("../screenshots");
-  QDir().mkpath(folder);
-  return folder;
-}
-
+// Renders go to $QUILLANE_SCREENSHOTS (make screenshots sets it); without it nothing is written.
 void save(QWidget* widget, const QString& name) {
+  const QString folder = qEnvironmentVariable("QUILLANE_SCREENSHOTS");
+  if (folder.isEmpty()) return;
   QCoreApplication::processEvents();
   const QImage image = widget->grab().toImage();
   ASSERT_FALSE(image.isNull());
-  ASSERT_TRUE(image.save(QDir(screenshotFolder()).filePath(name + ".png")));
+  ASSERT_TRUE(QDir().mkpath(folder));
+  ASSERT_TRUE(image.save(QDir(folder).filePath(name + ".png")));
+}
+
+bool previewsShown(ui::ImageComparisonView* sheet) {
+  return sheet->area()->hasOriginalPreview() && sheet->area()->hasCompressedPreview();
 }
 
 QPalette darkPalette() {
@@ -56,7 +57,7 @@ QPalette darkPalette() {
   return p;
 }
 
-class ScreenshotTest : public UiFixture {
+class Screenshots : public UiFixture {
  protected:
   void SetUp() override {
     UiFixture::SetUp();
@@ -103,7 +104,7 @@ class ScreenshotTest : public UiFixture {
   }
 };
 
-TEST_F(ScreenshotTest, MainWindowLightAndDarkAndTheHistory) {
+TEST_F(Screenshots, MainWindowLightAndDarkAndTheHistory) {
   // In English from the start, so that the rows' messages are too: these renders are the
   // software centre's screenshots.
   useLanguage(QStringLiteral("en-US"));
@@ -126,7 +127,7 @@ TEST_F(ScreenshotTest, MainWindowLightAndDarkAndTheHistory) {
   ASSERT_TRUE(waitIdle());
 }
 
-TEST_F(ScreenshotTest, ComparisonOfARealEncoding) {
+TEST_F(Screenshots, ComparisonOfARealEncoding) {
   // A real picture through the real engine.
   BatchViewModel::Options o;
   o.restoreSession = false;
@@ -143,8 +144,7 @@ TEST_F(ScreenshotTest, ComparisonOfARealEncoding) {
   auto window = showWindow({960, 640});
   auto* sheet = new ui::ImageComparisonView(*model_, model_->images()[0], window.get());
   sheet->show();
-  ASSERT_TRUE(sheet->waitForPreviews(10000));
-  EXPECT_TRUE(sheet->area()->hasOriginalPreview() && sheet->area()->hasCompressedPreview());
+  ASSERT_TRUE(QTest::qWaitFor([&] { return previewsShown(sheet); }, 10000));
   EXPECT_EQ(sheet->area()->size(), QSize(760, 507));
   sheet->area()->setSliderFraction(0.35);
   save(sheet, "comparison");
@@ -152,12 +152,12 @@ TEST_F(ScreenshotTest, ComparisonOfARealEncoding) {
   // A narrow portrait: the badges keep their size lines beside it.
   auto* narrow = new ui::ImageComparisonView(*model_, model_->images()[1], window.get());
   narrow->show();
-  ASSERT_TRUE(narrow->waitForPreviews(10000));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return previewsShown(narrow); }, 10000));
   save(narrow, "comparison-portrait");
   narrow->close();
 }
 
-class SettingsScreenshots : public ScreenshotTest {
+class ClippedText : public Screenshots {
  protected:
   std::unique_ptr<ui::SettingsWindow> makeSettings() {
     if (!model_) makeShowcaseBatch();
@@ -189,7 +189,7 @@ class SettingsScreenshots : public ScreenshotTest {
     checker_.reset();
     languages_.reset();
     LocalAPISettings::setEnabled(false);
-    ScreenshotTest::TearDown();
+    Screenshots::TearDown();
   }
   std::unique_ptr<HotFoldersManager> hotFolders_;
   std::unique_ptr<LocalAPIController> controller_;
@@ -199,7 +199,7 @@ class SettingsScreenshots : public ScreenshotTest {
 
 // In every language, the main window at its minimum size and each settings tab at the settings
 // window's minimum size: no text of a button or a one-line label is cut.
-TEST_F(SettingsScreenshots, EachTabAndNoClippedTextInAnyLanguageAtMinimumSize) {
+TEST_F(ClippedText, NoTextOfTheBarOrATabIsCutInAnyLanguageAtMinimumSize) {
   makeShowcaseBatch();
   for (AppLanguage language : AppLanguages::allCases()) {
     const QString code = AppLanguages::rawValue(language);
