@@ -18,6 +18,7 @@
 
 #include "batch/BatchViewModel.h"
 #include "engine/ImageDecoder.h"
+#include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
 #include "ui/UiText.h"
@@ -74,10 +75,10 @@ CompressedCaption compressedCaption(const ImportedImage& image) {
       break;
     }
     case EncodeState::Kind::encoding:
-      caption.text = text("comparison.encoding", "Encodage…");
+      caption.text = Strings::text("comparison.encoding");
       break;
     case EncodeState::Kind::idle:
-      caption.text = text("common.dash", "—");
+      caption.text = Strings::text("common.dash");
       break;
     case EncodeState::Kind::failed:
       caption.text = state.message;
@@ -208,9 +209,8 @@ SplitCompareWidget::BadgeText SplitCompareWidget::badgeText(bool original) const
   badge.title = QString::fromUtf8(std::string(ImageFormats::label(format))).toUpper();
   QString detail;
   if (original) {
-    detail = ui::format("comparison.sizeFormat", "%1$lld × %2$lld · %3$@",
-                        {integerArg(image_->width()), integerArg(image_->height()),
-                         formatByteCount(image_->originalSizeBytes())});
+    detail = Strings::format("comparison.sizeFormat", image_->width(), image_->height(),
+                             formatByteCount(image_->originalSizeBytes()));
   } else {
     const CompressedCaption caption = compressedCaption(*image_);
     detail = caption.text;
@@ -309,7 +309,7 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
   close->setAutoRaise(true);
   close->setIcon(Icons::tinted("xmark.circle.fill", Icons::secondaryColor(palette())));
   close->setIconSize(QSize(20, 20));
-  close->setToolTip(text("comparison.close", "Fermer la comparaison"));
+  close->setToolTip(Strings::text("comparison.close"));
   close->setShortcut(QKeySequence(Qt::Key_Escape));
   connect(close, &QToolButton::clicked, this, &QDialog::reject);
   header->addWidget(name, 1);

@@ -10,6 +10,7 @@
 #include "batch/BatchViewModel.h"
 #include "records/ExportProfile.h"
 #include "records/ExportRecord.h"
+#include "services/Strings.h"
 #include "ui/BarLayout.h"
 #include "ui/HistoryPopover.h"
 #include "ui/Icons.h"
@@ -17,7 +18,6 @@
 #include "ui/ProfileMenuView.h"
 #include "ui/QualityControls.h"
 #include "ui/RowRules.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -30,8 +30,8 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   // Import and clear all show their icons only, named by tooltip and for screen readers, so
   // that the bar holds on one line at the default window size in the longer languages too.
   import_ = new QPushButton(Icons::icon("plus"), QString(), this);
-  import_->setAccessibleName(text("controls.importLabel", "Ajouter des images"));
-  import_->setToolTip(text("controls.importHelp", "Ajouter des images au lot"));
+  import_->setAccessibleName(Strings::text("controls.importLabel"));
+  import_->setToolTip(Strings::text("controls.importHelp"));
   connect(import_, &QPushButton::clicked, this, [this] { viewModel_.promptImport(); });
   layout->addBarWidget(import_);
   layout->addDivider(makeBarDivider(20, this));
@@ -54,8 +54,8 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   layout->addStretch();
 
   clearAll_ = new QPushButton(Icons::tinted("trash", Icons::redColor(palette())), QString(), this);
-  clearAll_->setAccessibleName(text("common.clearAll", "Tout effacer"));
-  clearAll_->setToolTip(text("controls.clearAllHelp", "Retirer toutes les images de la liste"));
+  clearAll_->setAccessibleName(Strings::text("common.clearAll"));
+  clearAll_->setToolTip(Strings::text("controls.clearAllHelp"));
   connect(clearAll_, &QPushButton::clicked, this, [this] { viewModel_.clearAll(); });
   layout->addBarWidget(clearAll_);
 
@@ -65,10 +65,9 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   exportStack_ = new QStackedLayout(exportSlot_);
   export_ =
       new QPushButton(Icons::tinted("square.and.arrow.down", palette().color(QPalette::HighlightedText)),
-                      text("menu.exportAll", "Tout exporter…"), exportSlot_);
+                      Strings::text("menu.exportAll"), exportSlot_);
   makeProminent(export_);
-  export_->setToolTip(
-      text("controls.exportAllHelp", "Enregistrer toutes les images compressées dans un dossier"));
+  export_->setToolTip(Strings::text("controls.exportAllHelp"));
   connect(export_, &QPushButton::clicked, this, [this] { viewModel_.promptExportAll(); });
   progressGroup_ = new QWidget(exportSlot_);
   auto* progressLayout = new QHBoxLayout(progressGroup_);
@@ -80,7 +79,7 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   progressLabel_->setFont(smallFont(progressLabel_->font()));
   progressLayout->addWidget(progress_);
   progressLayout->addWidget(progressLabel_);
-  progressGroup_->setToolTip(text("controls.progressHelp", "Images déjà compressées"));
+  progressGroup_->setToolTip(Strings::text("controls.progressHelp"));
   exportStack_->addWidget(export_);
   exportStack_->addWidget(progressGroup_);
   layout->addBarWidget(exportSlot_);
@@ -89,7 +88,7 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   history_->setAutoRaise(true);
   history_->setIcon(Icons::icon("clock.arrow.circlepath"));
   history_->setIconSize(QSize(18, 18));
-  history_->setToolTip(text("history.title", "Historique des exportations"));
+  history_->setToolTip(Strings::text("history.title"));
   connect(history_, &QToolButton::clicked, this, &ControlsBar::showHistory);
   layout->addBarWidget(history_);
 

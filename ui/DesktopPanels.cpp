@@ -9,8 +9,8 @@
 #include <QFileInfo>
 #include <string>
 
+#include "services/Strings.h"
 #include "services/UserDefaults.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 namespace {
@@ -57,12 +57,11 @@ QString DesktopPanels::importFilter() {
   // the import itself goes by the content.
   static const QString patterns =
       QStringLiteral("*.png *.jpg *.jpeg *.jpe *.heic *.heif *.hif *.avif *.webp *.jxl");
-  return QStringLiteral("%1 (%2)").arg(text("import.filterLabel", "Images"), patterns);
+  return QStringLiteral("%1 (%2)").arg(Strings::text("import.filterLabel"), patterns);
 }
 
 QList<QUrl> DesktopPanels::chooseFilesToImport() {
-  QFileDialog dialog(window_, text("menu.import", "Importer…"), startFolder(FolderKind::import),
-                     importFilter());
+  QFileDialog dialog(window_, Strings::text("menu.import"), startFolder(FolderKind::import), importFilter());
   dialog.setFileMode(QFileDialog::ExistingFiles);
   dialog.setAcceptMode(QFileDialog::AcceptOpen);
   if (dialog.exec() != QDialog::Accepted || dialog.selectedUrls().isEmpty()) return {};
@@ -86,7 +85,7 @@ std::optional<QUrl> DesktopPanels::chooseExportFolder(const std::optional<QUrl>&
 }
 
 std::optional<QUrl> DesktopPanels::chooseSaveFile(const QString& suggestedName, ImageFormat format) {
-  QFileDialog dialog(window_, text("row.exportHelp", "Exporter cette image"));
+  QFileDialog dialog(window_, Strings::text("row.exportHelp"));
   dialog.setAcceptMode(QFileDialog::AcceptSave);
   dialog.setDirectory(startFolder(FolderKind::exportFolder));
   dialog.selectFile(suggestedName);
@@ -101,7 +100,7 @@ std::optional<QUrl> DesktopPanels::chooseFolder(const std::optional<QUrl>& start
   const QString current = startFolder ? existingFolder(startFolder->toLocalFile()) : QString();
   // Over the window it was asked from: the settings window, not the main one.
   if (!parent) parent = QApplication::activeWindow() ? QApplication::activeWindow() : window_.data();
-  QFileDialog dialog(parent, text("settings.profiles.chooseFolder", "Choisir…"),
+  QFileDialog dialog(parent, Strings::text("settings.profiles.chooseFolder"),
                      current.isEmpty() ? DesktopPanels::startFolder(FolderKind::profileFolder) : current);
   dialog.setFileMode(QFileDialog::Directory);
   dialog.setOption(QFileDialog::ShowDirsOnly, true);

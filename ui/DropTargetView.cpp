@@ -9,11 +9,11 @@
 #include <QVBoxLayout>
 
 #include "batch/BatchViewModel.h"
+#include "services/Strings.h"
 #include "ui/FileDropHandler.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
 #include "ui/QualityControls.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -30,7 +30,7 @@ DropTargetView::DropTargetView(BatchViewModel& viewModel, std::function<void()> 
   refreshIcon();
   layout->addWidget(picture_);
 
-  auto* title = new QLabel(text("drop.title", "Déposez vos images ici"), this);
+  auto* title = new QLabel(Strings::text("drop.title"), this);
   QFont titleFont = title->font();
   titleFont.setPointSizeF(titleFont.pointSizeF() * 1.5);
   titleFont.setBold(true);
@@ -39,14 +39,14 @@ DropTargetView::DropTargetView(BatchViewModel& viewModel, std::function<void()> 
   title->setWordWrap(true);
   layout->addWidget(title);
 
-  auto* formats = new QLabel(text("drop.formats", "PNG, JPEG, HEIC, AVIF, WebP ou JPEG XL"), this);
+  auto* formats = new QLabel(Strings::text("drop.formats"), this);
   formats->setFont(smallFont(formats->font()));
   Icons::makeSecondary(formats);
   formats->setAlignment(Qt::AlignCenter);
   formats->setWordWrap(true);
   layout->addWidget(formats);
 
-  choose_ = new QPushButton(text("drop.chooseFiles", "Choisir des fichiers…"), this);
+  choose_ = new QPushButton(Strings::text("drop.chooseFiles"), this);
   makeProminent(choose_);
   connect(choose_, &QPushButton::clicked, this, [this] {
     if (onImport_) onImport_();

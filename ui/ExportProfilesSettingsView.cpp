@@ -17,10 +17,10 @@
 
 #include "batch/BatchViewModel.h"
 #include "records/ExportProfile.h"
+#include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 namespace {
@@ -44,7 +44,7 @@ ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSpacing(12);
 
-  existing_ = new QGroupBox(text("settings.profiles.existingSection", "Profils"), this);
+  existing_ = new QGroupBox(Strings::text("settings.profiles.existingSection"), this);
   rows_ = new QVBoxLayout(existing_);
   layout->addWidget(existing_);
 
@@ -53,14 +53,14 @@ ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel
   form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
   form->setRowWrapPolicy(QFormLayout::WrapLongRows);
   name_ = new QLineEdit(form_);
-  name_->setPlaceholderText(text("settings.profiles.nameHelp", "Par exemple : Web"));
+  name_->setPlaceholderText(Strings::text("settings.profiles.nameHelp"));
   connect(name_, &QLineEdit::textChanged, this, &ExportProfilesSettingsView::refreshForm);
-  form->addRow(text("settings.profiles.nameField", "Nom"), name_);
+  form->addRow(Strings::text("settings.profiles.nameField"), name_);
 
   const FormatField format = makeFormatField(form_, [this](ImageFormat chosen) { setNewFormat(chosen); });
   formatButton_ = format.button;
   formatMenu_ = format.menu;
-  form->addRow(text("format.label", "Format"), formatButton_);
+  form->addRow(Strings::text("format.label"), formatButton_);
 
   auto* qualityRow = new QHBoxLayout;
   const QualityField quality = makeQualityField(form_, qualityRow, 40, [this](int value) {
@@ -73,23 +73,23 @@ ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel
     const QSignalBlocker block(quality_);  // the form is not built yet
     quality_->setValue(75);
   }
-  form->addRow(text("quality.label", "Qualité"), qualityRow);
+  form->addRow(Strings::text("quality.label"), qualityRow);
 
   auto* folderRow = new QHBoxLayout;
   folderLabel_ = new QLabel(form_);
   folderLabel_->setMinimumWidth(60);
   folderLabel_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
-  chooseFolderButton_ = new QPushButton(text("settings.profiles.chooseFolder", "Choisir…"), form_);
-  clearFolder_ = new QPushButton(text("settings.profiles.clearFolder", "Effacer"), form_);
+  chooseFolderButton_ = new QPushButton(Strings::text("settings.profiles.chooseFolder"), form_);
+  clearFolder_ = new QPushButton(Strings::text("settings.profiles.clearFolder"), form_);
   connect(chooseFolderButton_, &QPushButton::clicked, this, &ExportProfilesSettingsView::chooseFolder);
   connect(clearFolder_, &QPushButton::clicked, this, [this] { setNewFolder(std::nullopt); });
   folderRow->addWidget(folderLabel_, 1);
   folderRow->addWidget(chooseFolderButton_);
   folderRow->addWidget(clearFolder_);
-  form->addRow(text("settings.profiles.folderField", "Dossier de destination"), folderRow);
+  form->addRow(Strings::text("settings.profiles.folderField"), folderRow);
 
-  isDefault_ = new QCheckBox(text("settings.profiles.defaultToggle", "Profil par défaut"), form_);
-  isDefault_->setToolTip(text("settings.profiles.defaultHelp", "Utilisé lorsqu'aucun profil n'est indiqué"));
+  isDefault_ = new QCheckBox(Strings::text("settings.profiles.defaultToggle"), form_);
+  isDefault_->setToolTip(Strings::text("settings.profiles.defaultHelp"));
   form->addRow(isDefault_);
 
   const FormButtons buttons = makeFormButtons(form_);
@@ -175,19 +175,19 @@ void ExportProfilesSettingsView::deleteProfile(const ExportProfile& profile) {
 
 void ExportProfilesSettingsView::refreshForm() {
   const bool editing = editingProfileID_.has_value();
-  form_->setTitle(editing ? text("settings.profiles.editSection", "Modifier le profil")
-                          : text("settings.profiles.addSection", "Nouveau profil"));
+  form_->setTitle(editing ? Strings::text("settings.profiles.editSection")
+                          : Strings::text("settings.profiles.addSection"));
   formatButton_->setText(formatLabel(newFormat_));
   for (QAction* action : formatMenu_->actions())
     action->setChecked(action->data().toInt() == int(newFormat_));
   qualityReadout_->setText(QString::number(int(newQuality_)));
   folderLabel_->setText(newFolder_ ? QDir::toNativeSeparators(newFolder_->toLocalFile())
-                                   : text("settings.profiles.folderNone", "Aucun"));
+                                   : Strings::text("settings.profiles.folderNone"));
   folderLabel_->setToolTip(folderLabel_->text());
   clearFolder_->setVisible(newFolder_.has_value());
   cancel_->setVisible(editing);
-  save_->setText(editing ? text("settings.profiles.update", "Enregistrer les modifications")
-                         : text("settings.profiles.save", "Ajouter"));
+  save_->setText(editing ? Strings::text("settings.profiles.update")
+                         : Strings::text("settings.profiles.save"));
   save_->setEnabled(!name_->text().trimmed().isEmpty());
 }
 
@@ -209,7 +209,7 @@ void ExportProfilesSettingsView::rebuildList() {
     name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     first->addWidget(name, 1);
     if (profile.isDefault) {
-      auto* badge = new QLabel(text("settings.profiles.defaultBadge", "Par défaut"), row);
+      auto* badge = new QLabel(Strings::text("settings.profiles.defaultBadge"), row);
       badge->setObjectName(QStringLiteral("defaultBadge"));
       badge->setStyleSheet(
           QStringLiteral("QLabel { border: 1px solid palette(mid); border-radius: 4px; padding: 0px 5px; }"));

@@ -15,6 +15,7 @@
 
 #include "batch/BatchViewModel.h"
 #include "records/ExportRecord.h"
+#include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
 #include "ui/QualityControls.h"
@@ -32,19 +33,19 @@ ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWid
   layout->setSpacing(6);
 
   auto* header = new QHBoxLayout;
-  auto* title = new QLabel(text("history.title", "Historique des exportations"), this);
+  auto* title = new QLabel(Strings::text("history.title"), this);
   QFont bold = title->font();
   bold.setBold(true);
   title->setFont(bold);
-  clear_ = makeLinkButton(text("common.clearAll", "Tout effacer"), this);
-  clear_->setToolTip(text("history.clearHelp", "Effacer l'historique des exportations"));
+  clear_ = makeLinkButton(Strings::text("common.clearAll"), this);
+  clear_->setToolTip(Strings::text("history.clearHelp"));
   // At once, without a question: the files stay where they are.
   connect(clear_, &QPushButton::clicked, this, [this] { viewModel_.clearExportHistory(); });
   header->addWidget(title, 1);
   header->addWidget(clear_);
   layout->addLayout(header);
 
-  empty_ = new QLabel(text("history.empty", "Aucune exportation pour l'instant"), this);
+  empty_ = new QLabel(Strings::text("history.empty"), this);
   empty_->setAlignment(Qt::AlignCenter);
   empty_->setWordWrap(true);
   Icons::makeSecondary(empty_);
@@ -103,8 +104,7 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
     auto* warning = new QLabel(row);
     warning->setPixmap(
         Icons::pixmap("exclamationmark.triangle", 12, Icons::orangeColor(), devicePixelRatioF()));
-    warning->setToolTip(
-        text("history.supersededWarningHelp", "Une exportation plus récente a remplacé ce fichier"));
+    warning->setToolTip(Strings::text("history.supersededWarningHelp"));
     first->addWidget(warning);
   }
   auto* time =
@@ -119,7 +119,7 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
   subtitle->setFont(smallFont(subtitle->font()));
   Icons::makeSecondary(subtitle);
   const QString subtitleText =
-      format("history.rowSubtitleFormat", "%1$@ · %2$@", {folder, formatByteCount(record.sizeBytes)});
+      Strings::format("history.rowSubtitleFormat", folder, formatByteCount(record.sizeBytes));
   subtitle->setText(subtitle->fontMetrics().elidedText(subtitleText, Qt::ElideMiddle, 300));
   subtitle->setToolTip(subtitleText);
   texts->addWidget(subtitle);
@@ -129,18 +129,16 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
   show->setAutoRaise(true);
   show->setIcon(Icons::icon("folder"));
   show->setEnabled(!superseded);
-  show->setToolTip(
-      superseded ? text("history.supersededNothingHelp", "Une exportation plus récente a remplacé ce fichier")
-                 : text("history.showInFinderHelp", "Afficher le fichier"));
+  show->setToolTip(superseded ? Strings::text("history.supersededNothingHelp")
+                              : Strings::text("history.showInFinderHelp"));
   show->setObjectName(QStringLiteral("showButton"));
   const ExportRecord copy = record;
   connect(show, &QToolButton::clicked, this, [this, copy] { viewModel_.showInFileManager(copy); });
   auto* undo = new QToolButton(row);
   undo->setAutoRaise(true);
   undo->setIcon(Icons::icon("arrow.uturn.backward"));
-  undo->setToolTip(superseded
-                       ? text("history.supersededUndoHelp", "Annuler retire seulement cette entrée")
-                       : text("history.undoHelp", "Annuler cette exportation et supprimer le fichier"));
+  undo->setToolTip(superseded ? Strings::text("history.supersededUndoHelp")
+                              : Strings::text("history.undoHelp"));
   undo->setObjectName(QStringLiteral("undoButton"));
   connect(undo, &QToolButton::clicked, this, [this, copy] { viewModel_.undoExport(copy); });
   layout->addWidget(show);

@@ -18,11 +18,11 @@
 #include "batch/BatchViewModel.h"
 #include "hotfolders/HotFoldersManager.h"
 #include "records/ExportProfile.h"
+#include "services/Strings.h"
 #include "ui/DesktopPanels.h"
 #include "ui/Icons.h"
 #include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 namespace {
@@ -80,13 +80,9 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSpacing(12);
-  layout->addWidget(
-      makeNote(text("settings.hotFolders.enableHelp",
-                    "Les images déposées dans un dossier surveillé sont compressées automatiquement "
-                    "dans son dossier de destination tant que Quillane est ouvert."),
-               this));
+  layout->addWidget(makeNote(Strings::text("settings.hotFolders.enableHelp"), this));
 
-  existing_ = new QGroupBox(text("settings.hotFolders.existingSection", "Dossiers surveillés"), this);
+  existing_ = new QGroupBox(Strings::text("settings.hotFolders.existingSection"), this);
   rows_ = new QVBoxLayout(existing_);
   layout->addWidget(existing_);
 
@@ -96,30 +92,27 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
   form->setRowWrapPolicy(QFormLayout::WrapLongRows);
   name_ = new QLineEdit(form_);
-  name_->setPlaceholderText(text("settings.hotFolders.nameHelp", "Par exemple : Captures d'écran"));
+  name_->setPlaceholderText(Strings::text("settings.hotFolders.nameHelp"));
   connect(name_, &QLineEdit::textChanged, this, &HotFoldersSettingsView::refreshForm);
   connect(name_, &QLineEdit::returnPressed, this, &HotFoldersSettingsView::save);
-  form->addRow(text("settings.profiles.nameField", "Nom"), name_);
+  form->addRow(Strings::text("settings.profiles.nameField"), name_);
 
-  auto folderPicker = [this, form](const char* key, const char* french, QLabel*& label,
+  auto folderPicker = [this, form](const char* key, QLabel*& label,
                                    void (HotFoldersSettingsView::*choose)()) {
     auto* row = new QHBoxLayout;
     label = new QLabel(form_);
     label->setMinimumWidth(60);
     label->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
-    auto* button = new QPushButton(text("settings.profiles.chooseFolder", "Choisir…"), form_);
+    auto* button = new QPushButton(Strings::text("settings.profiles.chooseFolder"), form_);
     connect(button, &QPushButton::clicked, this, choose);
     row->addWidget(label, 1);
     row->addWidget(button);
-    form->addRow(text(key, french), row);
+    form->addRow(Strings::text(key), row);
   };
-  folderPicker("settings.hotFolders.sourceField", "Dossier surveillé", sourceLabel_,
-               &HotFoldersSettingsView::chooseSource);
-  folderPicker("settings.profiles.folderField", "Dossier de destination", destinationLabel_,
+  folderPicker("settings.hotFolders.sourceField", sourceLabel_, &HotFoldersSettingsView::chooseSource);
+  folderPicker("settings.profiles.folderField", destinationLabel_,
                &HotFoldersSettingsView::chooseDestination);
-  sameFolderWarning_ = new QLabel(text("settings.hotFolders.sameFolderWarning",
-                                       "La source et la destination doivent être des dossiers différents."),
-                                  form_);
+  sameFolderWarning_ = new QLabel(Strings::text("settings.hotFolders.sameFolderWarning"), form_);
   sameFolderWarning_->setWordWrap(true);
   sameFolderWarning_->setStyleSheet(QStringLiteral("color: %1").arg(Icons::orangeColor().name()));
   form->addRow(sameFolderWarning_);
@@ -127,12 +120,12 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   profileButton_ = new QPushButton(form_);
   profileMenu_ = new QMenu(profileButton_);
   profileButton_->setMenu(profileMenu_);
-  form->addRow(text("settings.hotFolders.profileField", "Profil"), profileButton_);
+  form->addRow(Strings::text("settings.hotFolders.profileField"), profileButton_);
 
   const FormatField format = makeFormatField(form_, [this](ImageFormat chosen) { setNewFormat(chosen); });
   formatButton_ = format.button;
   formatMenu_ = format.menu;
-  formatRowLabel_ = new QLabel(text("format.label", "Format"), form_);
+  formatRowLabel_ = new QLabel(Strings::text("format.label"), form_);
   formatRow_ = formatButton_;
   form->addRow(formatRowLabel_, formatButton_);
 
@@ -145,10 +138,10 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   });
   quality_ = quality.slider;
   qualityReadout_ = quality.readout;
-  qualityRowLabel_ = new QLabel(text("quality.label", "Qualité"), form_);
+  qualityRowLabel_ = new QLabel(Strings::text("quality.label"), form_);
   form->addRow(qualityRowLabel_, qualityRow_);
 
-  isEnabled_ = new QCheckBox(text("settings.hotFolders.enabledToggle", "Activé"), form_);
+  isEnabled_ = new QCheckBox(Strings::text("settings.hotFolders.enabledToggle"), form_);
   form->addRow(isEnabled_);
 
   const FormButtons buttons = makeFormButtons(form_);
@@ -160,12 +153,12 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   layout->addWidget(form_);
 
   // Recent activity, with its clear button, and the error log.
-  activity_ = new QGroupBox(text("settings.hotFolders.activitySection", "Activité récente"), this);
+  activity_ = new QGroupBox(Strings::text("settings.hotFolders.activitySection"), this);
   auto* activityLayout = new QVBoxLayout(activity_);
   auto* header = new QHBoxLayout;
   header->addStretch(1);
-  clearActivity_ = new QPushButton(text("common.clearAll", "Tout effacer"), activity_);
-  clearActivity_->setToolTip(text("settings.hotFolders.clearActivityHelp", "Effacer l'activité récente"));
+  clearActivity_ = new QPushButton(Strings::text("common.clearAll"), activity_);
+  clearActivity_->setToolTip(Strings::text("settings.hotFolders.clearActivityHelp"));
   connect(clearActivity_, &QPushButton::clicked, this, [this] { manager_.clearActivity(); });
   header->addWidget(clearActivity_);
   activityLayout->addLayout(header);
@@ -173,7 +166,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   activityLayout->addLayout(activityLines_);
   layout->addWidget(activity_);
 
-  errors_ = new QGroupBox(text("settings.hotFolders.errorLogSection", "Erreurs"), this);
+  errors_ = new QGroupBox(Strings::text("settings.hotFolders.errorLogSection"), this);
   errorLines_ = new QVBoxLayout(errors_);
   layout->addWidget(errors_);
   layout->addStretch(1);
@@ -273,9 +266,9 @@ std::vector<HotFolderActivity> HotFoldersSettingsView::errorActivities() const {
 
 void HotFoldersSettingsView::refreshForm() {
   const bool editing = editingID_.has_value();
-  form_->setTitle(editing ? text("settings.hotFolders.editSection", "Modifier le dossier surveillé")
-                          : text("settings.hotFolders.addSection", "Nouveau dossier surveillé"));
-  const QString none = text("settings.profiles.folderNone", "Aucun");
+  form_->setTitle(editing ? Strings::text("settings.hotFolders.editSection")
+                          : Strings::text("settings.hotFolders.addSection"));
+  const QString none = Strings::text("settings.profiles.folderNone");
   sourceLabel_->setText(newSourceFolder_ ? pathText(*newSourceFolder_) : none);
   sourceLabel_->setToolTip(sourceLabel_->text());
   destinationLabel_->setText(newDestinationFolder_ ? pathText(*newDestinationFolder_) : none);
@@ -296,14 +289,14 @@ void HotFoldersSettingsView::refreshForm() {
   }
   qualityReadout_->setText(QString::number(int(newQuality_)) + QLatin1Char('%'));
   cancel_->setVisible(editing);
-  save_->setText(editing ? text("settings.profiles.update", "Enregistrer les modifications")
-                         : text("settings.profiles.save", "Ajouter"));
+  save_->setText(editing ? Strings::text("settings.profiles.update")
+                         : Strings::text("settings.profiles.save"));
   save_->setEnabled(isFormValid());
 }
 
 // What exists now; a stored name whose profile is gone still stands on the button.
 void HotFoldersSettingsView::rebuildProfileMenu() {
-  const QString noProfile = text("settings.hotFolders.noProfile", "Aucun profil");
+  const QString noProfile = Strings::text("settings.hotFolders.noProfile");
   profileButton_->setText(newProfileName_.value_or(noProfile));
   profileMenu_->clear();
   auto add = [this](const QString& label, const std::optional<QString>& name) {
@@ -340,7 +333,7 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
   texts->addWidget(elidedNote(subtitle(hotFolder), row));
   line->addLayout(texts, 1);
 
-  auto* enabled = new QCheckBox(text("settings.hotFolders.enabledToggle", "Activé"), row);
+  auto* enabled = new QCheckBox(Strings::text("settings.hotFolders.enabledToggle"), row);
   enabled->setObjectName(QStringLiteral("enabledSwitch"));
   enabled->setChecked(hotFolder.isEnabled);
   const HotFolder copy = hotFolder;
@@ -390,8 +383,8 @@ void HotFoldersSettingsView::refreshProgress() {
     if (!progress) continue;
     bar->setRange(0, progress->total);
     bar->setValue(progress->completed);
-    count->setText(format("settings.hotFolders.progressFormat", "%1$lld fichiers sur %2$lld",
-                          {integerArg(progress->completed), integerArg(progress->total)}));
+    count->setText(
+        Strings::format("settings.hotFolders.progressFormat", progress->completed, progress->total));
   }
 }
 
@@ -420,8 +413,7 @@ void HotFoldersSettingsView::rebuildActivity() {
   const auto& lines = manager_.recentActivity();
   clearActivity_->setVisible(!lines.empty());
   if (lines.empty()) {
-    activityLines_->addWidget(
-        makeNote(text("settings.hotFolders.activityEmpty", "Aucune activité pour l'instant"), activity_));
+    activityLines_->addWidget(makeNote(Strings::text("settings.hotFolders.activityEmpty"), activity_));
   }
   for (size_t i = 0; i < lines.size() && i < size_t(kActivityShown); ++i) {
     activityLines_->addWidget(makeActivityLine(lines[i], false, activity_));
@@ -430,7 +422,7 @@ void HotFoldersSettingsView::rebuildActivity() {
   clearLayout(errorLines_);
   const std::vector<HotFolderActivity> errors = errorActivities();
   if (errors.empty()) {
-    errorLines_->addWidget(makeNote(text("settings.hotFolders.errorLogEmpty", "Aucune erreur"), errors_));
+    errorLines_->addWidget(makeNote(Strings::text("settings.hotFolders.errorLogEmpty"), errors_));
   }
   for (size_t i = 0; i < errors.size() && i < size_t(kErrorsShown); ++i) {
     errorLines_->addWidget(makeActivityLine(errors[i], true, errors_));

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <set>
 
+#include "services/Strings.h"
 #include "ui/RowRules.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -78,8 +78,7 @@ QVariant ImageListModel::data(const QModelIndex& index, int role) const {
     }
     if (const ImportFailure* failure = failureAt(index.row()))
       return failure->url.fileName() + QStringLiteral(", ") + failure->message;
-    if (kind(index.row()) == RowKind::failuresHeader)
-      return text("import.failuresSection", "Importation impossible");
+    if (kind(index.row()) == RowKind::failuresHeader) return Strings::text("import.failuresSection");
   }
   return {};
 }

@@ -12,9 +12,9 @@
 #include <QToolTip>
 
 #include "batch/BatchViewModel.h"
+#include "services/Strings.h"
 #include "ui/FileDropHandler.h"
 #include "ui/ImageListModel.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -241,19 +241,19 @@ QMenu* ImageListView::rowMenu(const QModelIndex& index) {
     });
   };
   if (model_->kind(index.row()) == ImageListModel::RowKind::failure) {
-    add(RowHit::failureRetry, text("common.retry", "Réessayer"));
-    add(RowHit::failureDismiss, text("import.dismissFailureHelp", "Ignorer"));
+    add(RowHit::failureRetry, Strings::text("common.retry"));
+    add(RowHit::failureDismiss, Strings::text("import.dismissFailureHelp"));
     return menu;
   }
   auto image = model_->imageAt(index.row());
   if (!image) return menu;
-  add(RowHit::thumbnail, text("row.comparisonHelp", "Comparer l'original et l'image compressée"));
-  add(RowHit::quality, text("quality.overrideTitle", "Qualité de cette image"));
-  if (image->encodeState().isFailed()) add(RowHit::summaryRetry, text("common.retry", "Réessayer"));
-  add(RowHit::exportButton, text("row.exportHelp", "Exporter cette image"));
-  if (image->exportError()) add(RowHit::warning, text("row.retryExport", "Exporter à nouveau"));
+  add(RowHit::thumbnail, Strings::text("row.comparisonHelp"));
+  add(RowHit::quality, Strings::text("quality.overrideTitle"));
+  if (image->encodeState().isFailed()) add(RowHit::summaryRetry, Strings::text("common.retry"));
+  add(RowHit::exportButton, Strings::text("row.exportHelp"));
+  if (image->exportError()) add(RowHit::warning, Strings::text("row.retryExport"));
   menu->addSeparator();
-  add(RowHit::remove, text("row.removeHelp", "Retirer de la liste"));
+  add(RowHit::remove, Strings::text("row.removeHelp"));
   return menu;
 }
 

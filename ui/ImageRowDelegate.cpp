@@ -4,9 +4,9 @@
 #include <QPainter>
 #include <QtMath>
 
+#include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/ImageListModel.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -74,7 +74,7 @@ ImageRowDelegate::Geometry ImageRowDelegate::geometry(const QRect& r, const QMod
     g.failDismiss = takeButton(8);
     const QFont small = smallFont(QApplication::font());
     const int retryWidth =
-        QFontMetrics(QApplication::font()).horizontalAdvance(text("common.retry", "Réessayer")) + 8;
+        QFontMetrics(QApplication::font()).horizontalAdvance(Strings::text("common.retry")) + 8;
     g.failRetry = QRect(right - retryWidth, cy - 11, retryWidth, 22);
     g.failIcon = QRect(r.left() + kPadding + 13, cy - 9, 18, 18);
     const int left = g.failIcon.right() + 13;
@@ -184,12 +184,12 @@ bool ImageRowDelegate::isEnabled(const QModelIndex& index, RowHit part) const {
 
 QString ImageRowDelegate::helpText(const QModelIndex& index, RowHit part) const {
   const ImageFormat output = model_.viewModel().outputFormat();
-  if (part == RowHit::failureDismiss) return text("import.dismissFailureHelp", "Ignorer");
+  if (part == RowHit::failureDismiss) return Strings::text("import.dismissFailureHelp");
   auto image = model_.imageAt(index.row());
   if (!image) return {};
   switch (part) {
     case RowHit::thumbnail:
-      return text("row.comparisonHelp", "Comparer l'original et l'image compressée");
+      return Strings::text("row.comparisonHelp");
     case RowHit::animatedBadge:
       return RowRules::animatedHelp(*image, output);
     case RowHit::summary:
@@ -198,12 +198,11 @@ QString ImageRowDelegate::helpText(const QModelIndex& index, RowHit part) const 
     case RowHit::quality:
       return RowRules::qualityHelp(*image, output);
     case RowHit::warning:
-      return format("row.exportErrorHelpFormat", "L'exportation a échoué : %@. Cliquez pour réessayer.",
-                    {image->exportError().value_or(QString())});
+      return Strings::format("row.exportErrorHelpFormat", image->exportError().value_or(QString()));
     case RowHit::exportButton:
-      return text("row.exportHelp", "Exporter cette image");
+      return Strings::text("row.exportHelp");
     case RowHit::remove:
-      return text("row.removeHelp", "Retirer de la liste");
+      return Strings::text("row.removeHelp");
     default:
       return {};
   }
@@ -251,9 +250,9 @@ void ImageRowDelegate::paintHeader(QPainter* painter, const QStyleOptionViewItem
   painter->setFont(font);
   painter->setPen(Icons::secondaryColor(option.palette));
   const QRect r = option.rect.adjusted(kPadding, 0, -kPadding, 0);
-  painter->drawText(r, Qt::AlignLeft | Qt::AlignVCenter,
-                    QFontMetrics(font).elidedText(text("import.failuresSection", "Importation impossible"),
-                                                  Qt::ElideRight, r.width()));
+  painter->drawText(
+      r, Qt::AlignLeft | Qt::AlignVCenter,
+      QFontMetrics(font).elidedText(Strings::text("import.failuresSection"), Qt::ElideRight, r.width()));
 }
 
 void ImageRowDelegate::paintButton(QPainter* painter, const QStyleOptionViewItem& option,
@@ -396,7 +395,7 @@ void ImageRowDelegate::paintFailureRow(QPainter* painter, const QStyleOptionView
   link.setUnderline(hoverIndex_ == index && hoverPart_ == RowHit::failureRetry);
   painter->setFont(link);
   painter->setPen(palette.color(QPalette::Link));
-  painter->drawText(g.failRetry, Qt::AlignCenter, text("common.retry", "Réessayer"));
+  painter->drawText(g.failRetry, Qt::AlignCenter, Strings::text("common.retry"));
   paintButton(painter, option, index, RowHit::failureDismiss, g.failDismiss, "xmark.circle.fill",
               Icons::secondaryColor(palette));
 }

@@ -16,10 +16,10 @@
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"
 #include "services/DecimalText.h"
+#include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
 #include "ui/SettingsForm.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -39,12 +39,11 @@ LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidg
   // Section 1: the switch.
   auto* first = new QGroupBox(this);
   auto* firstLayout = new QVBoxLayout(first);
-  enable_ = new QCheckBox(text("settings.api.enable", "Activer l'API locale"), first);
+  enable_ = new QCheckBox(Strings::text("settings.api.enable"), first);
   enable_->setChecked(isEnabled_);
   connect(enable_, &QCheckBox::toggled, this, &LocalAPISettingsView::setEnabled);
   firstLayout->addWidget(enable_);
-  firstLayout->addWidget(
-      makeNote(text("settings.api.enableHelp", "Permet aux scripts de compresser des images."), first));
+  firstLayout->addWidget(makeNote(Strings::text("settings.api.enableHelp"), first));
   layout->addWidget(first);
 
   // Section 2: status, port, base URL.
@@ -65,15 +64,15 @@ LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidg
   port_->setFixedWidth(80);
   // Only Return applies the port; leaving the field applies nothing.
   connect(port_, &QLineEdit::returnPressed, this, &LocalAPISettingsView::applyPort);
-  form->addRow(text("settings.api.port", "Port"), port_);
+  form->addRow(Strings::text("settings.api.port"), port_);
   baseURL_ = new QLabel(server_);
   baseURL_->setTextInteractionFlags(Qt::TextSelectableByMouse);
   Icons::makeSecondary(baseURL_);
-  form->addRow(text("settings.api.baseURL", "URL de base"), baseURL_);
+  form->addRow(Strings::text("settings.api.baseURL"), baseURL_);
   layout->addWidget(server_);
 
   // Section 3: the token.
-  tokenBox_ = new QGroupBox(text("settings.api.token", "Jeton d'accès"), this);
+  tokenBox_ = new QGroupBox(Strings::text("settings.api.token"), this);
   auto* tokenLayout = new QVBoxLayout(tokenBox_);
   token_ = new QLabel(LocalAPISettings::token(), tokenBox_);
   token_->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
@@ -81,18 +80,16 @@ LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidg
   token_->setWordWrap(true);
   tokenLayout->addWidget(token_);
   auto* buttons = new QHBoxLayout;
-  copy_ = new QPushButton(text("settings.api.copyToken", "Copier"), tokenBox_);
-  regenerate_ = new QPushButton(text("settings.api.regenerateToken", "Régénérer"), tokenBox_);
+  copy_ = new QPushButton(Strings::text("settings.api.copyToken"), tokenBox_);
+  regenerate_ = new QPushButton(Strings::text("settings.api.regenerateToken"), tokenBox_);
   connect(copy_, &QPushButton::clicked, this, &LocalAPISettingsView::copyToken);
   connect(regenerate_, &QPushButton::clicked, this, &LocalAPISettingsView::regenerateToken);
   buttons->addWidget(copy_);
   buttons->addWidget(regenerate_);
   buttons->addStretch(1);
   tokenLayout->addLayout(buttons);
-  tokenLayout->addWidget(makeNote(
-      text("settings.api.regenerateWarning", "Régénérer le jeton bloque les anciens clients."), tokenBox_));
-  tokenLayout->addWidget(
-      makeNote(text("settings.api.docsHint", "Envoyez le jeton dans un en-tête Authorization."), tokenBox_));
+  tokenLayout->addWidget(makeNote(Strings::text("settings.api.regenerateWarning"), tokenBox_));
+  tokenLayout->addWidget(makeNote(Strings::text("settings.api.docsHint"), tokenBox_));
   layout->addWidget(tokenBox_);
   layout->addStretch(1);
 
@@ -134,11 +131,11 @@ void LocalAPISettingsView::copyToken() {
   clipboard->clear();
   clipboard->setText(token_->text());
   didCopyToken_ = true;
-  copy_->setText(text("settings.api.tokenCopied", "Copié"));
+  copy_->setText(Strings::text("settings.api.tokenCopied"));
   // Each copy schedules its own clearing; the first to come ends the copied state.
   QTimer::singleShot(1500, this, [this] {
     didCopyToken_ = false;
-    copy_->setText(text("settings.api.copyToken", "Copier"));
+    copy_->setText(Strings::text("settings.api.copyToken"));
   });
 }
 
@@ -156,8 +153,8 @@ void LocalAPISettingsView::refreshSections() {
 
 void LocalAPISettingsView::refreshBaseURL() {
   const int stored = LocalAPISettings::storedPort();
-  baseURL_->setText(format("settings.api.baseURLFormat", "http://127.0.0.1:%lld/v1",
-                           {integerArg(stored == 0 ? LocalAPISettings::defaultPort : stored)}));
+  baseURL_->setText(
+      Strings::format("settings.api.baseURLFormat", stored == 0 ? LocalAPISettings::defaultPort : stored));
 }
 
 void LocalAPISettingsView::refreshStatus() {
@@ -174,11 +171,11 @@ void LocalAPISettingsView::refreshStatus() {
   dot.setDevicePixelRatio(2.0);
   statusDot_->setPixmap(dot);
   if (running)
-    status_->setText(text("settings.api.statusRunning", "En marche"));
+    status_->setText(Strings::text("settings.api.statusRunning"));
   else if (controller_.lastError())
-    status_->setText(format("settings.api.statusErrorFormat", "Erreur : %@", {*controller_.lastError()}));
+    status_->setText(Strings::format("settings.api.statusErrorFormat", *controller_.lastError()));
   else
-    status_->setText(text("settings.api.statusStopped", "Arrêtée"));
+    status_->setText(Strings::text("settings.api.statusStopped"));
 }
 
 }  // namespace quillane::ui

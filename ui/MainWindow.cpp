@@ -13,6 +13,7 @@
 #include <QVBoxLayout>
 
 #include "batch/BatchViewModel.h"
+#include "services/Strings.h"
 #include "ui/ComparisonView.h"
 #include "ui/ControlsBar.h"
 #include "ui/DesktopPanels.h"
@@ -22,7 +23,6 @@
 #include "ui/ImageListView.h"
 #include "ui/QualityControls.h"
 #include "ui/RowRules.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -90,41 +90,40 @@ void MainWindow::setPanels(std::unique_ptr<DesktopPanels> panels) {
 bool MainWindow::showsList() const { return stack_->currentWidget() == list_; }
 
 void MainWindow::buildMenus() {
-  QMenu* file = menuBar()->addMenu(text("menu.file", "Fichier"));
-  importAction_ =
-      file->addAction(text("menu.import", "Importer…"), this, [this] { viewModel_.promptImport(); });
+  QMenu* file = menuBar()->addMenu(Strings::text("menu.file"));
+  importAction_ = file->addAction(Strings::text("menu.import"), this, [this] { viewModel_.promptImport(); });
   importAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_O));
-  exportAction_ = file->addAction(text("menu.exportAll", "Tout exporter…"), this,
-                                  [this] { viewModel_.promptExportAll(); });
+  exportAction_ =
+      file->addAction(Strings::text("menu.exportAll"), this, [this] { viewModel_.promptExportAll(); });
   exportAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_E));
   file->addSeparator();
-  QAction* settings = file->addAction(text("menu.settings", "Réglages…"), this, [this] {
+  QAction* settings = file->addAction(Strings::text("menu.settings"), this, [this] {
     if (openSettings_) openSettings_();
   });
   settings->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
   settings->setMenuRole(QAction::PreferencesRole);
   file->addSeparator();
-  quitAction_ = file->addAction(text("menu.quit", "Quitter"), qApp, &QApplication::closeAllWindows);
+  quitAction_ = file->addAction(Strings::text("menu.quit"), qApp, &QApplication::closeAllWindows);
   quitAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
   quitAction_->setMenuRole(QAction::QuitRole);
 
-  QMenu* quality = menuBar()->addMenu(text("quality.label", "Qualité"));
-  increaseAction_ = quality->addAction(text("menu.increaseQuality", "Augmenter la qualité"), this, [this] {
+  QMenu* quality = menuBar()->addMenu(Strings::text("quality.label"));
+  increaseAction_ = quality->addAction(Strings::text("menu.increaseQuality"), this, [this] {
     viewModel_.setQuality(std::min(viewModel_.quality() + 5, 100.0));
   });
   // Ctrl+= as well: on most layouts "+" needs Shift.
   increaseAction_->setShortcuts(
       {QKeySequence(Qt::CTRL | Qt::Key_Plus), QKeySequence(Qt::CTRL | Qt::Key_Equal)});
-  decreaseAction_ = quality->addAction(text("menu.decreaseQuality", "Diminuer la qualité"), this, [this] {
+  decreaseAction_ = quality->addAction(Strings::text("menu.decreaseQuality"), this, [this] {
     viewModel_.setQuality(std::max(viewModel_.quality() - 5, 1.0));
   });
   decreaseAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Minus));
 
-  QMenu* help = menuBar()->addMenu(text("menu.help", "Aide"));
-  help->addAction(format("menu.helpFormat", "Aide de %@", {appName()}), this,
+  QMenu* help = menuBar()->addMenu(Strings::text("menu.help"));
+  help->addAction(Strings::format("menu.helpFormat", appName()), this,
                   [] { QDesktopServices::openUrl(websiteURL()); });
-  QAction* about = help->addAction(format("menu.aboutFormat", "À propos de %@", {appName()}), this,
-                                   &MainWindow::showAbout);
+  QAction* about =
+      help->addAction(Strings::format("menu.aboutFormat", appName()), this, &MainWindow::showAbout);
   about->setMenuRole(QAction::AboutRole);
 }
 
@@ -142,9 +141,9 @@ void MainWindow::refreshExportError() {
     return;
   }
   if (!alert_) {
-    alert_ = new QMessageBox(QMessageBox::Warning, text("export.errorTitle", "Erreur d'exportation"),
-                             QString(), QMessageBox::Ok, this);
-    alert_->button(QMessageBox::Ok)->setText(text("common.ok", "OK"));
+    alert_ = new QMessageBox(QMessageBox::Warning, Strings::text("export.errorTitle"), QString(),
+                             QMessageBox::Ok, this);
+    alert_->button(QMessageBox::Ok)->setText(Strings::text("common.ok"));
     alert_->setWindowModality(Qt::WindowModal);
     // Any way of closing the alert clears the error, so that it does not come back.
     connect(alert_, &QMessageBox::finished, this, [this] {
@@ -200,7 +199,7 @@ void MainWindow::exportSingle(const std::shared_ptr<ImportedImage>& image) {
 
 void MainWindow::showAbout() {
   QMessageBox box(this);
-  box.setWindowTitle(format("menu.aboutFormat", "À propos de %@", {appName()}));
+  box.setWindowTitle(Strings::format("menu.aboutFormat", appName()));
   box.setIconPixmap(Icons::applicationIcon().pixmap(64, 64));
   box.setTextFormat(Qt::RichText);
   box.setText(QStringLiteral("<h3>%1</h3><p>%2</p><p><a href=\"%3\">%3</a></p>")

@@ -6,9 +6,9 @@
 
 #include "batch/BatchViewModel.h"
 #include "records/ExportProfile.h"
+#include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/QualityControls.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -32,12 +32,12 @@ ExportProfileMenuView::ExportProfileMenuView(BatchViewModel& viewModel, QWidget*
 QString ExportProfileMenuView::title() const {
   const auto& applied = viewModel_.appliedProfileName();
   if (applied && !applied->isEmpty()) return *applied;
-  return text("profiles.menu.placeholder", "Choisir un profil");
+  return Strings::text("profiles.menu.placeholder");
 }
 
 void ExportProfileMenuView::refresh() {
   setVisible(!viewModel_.exportProfiles().empty());
-  setToolTip(text("profiles.menu.help", "Appliquer un profil enregistré"));
+  setToolTip(Strings::text("profiles.menu.help"));
   button_->setToolTip(toolTip());
   setMenuButtonText(button_, title(), 150);
   rebuildMenu();
@@ -45,7 +45,7 @@ void ExportProfileMenuView::refresh() {
 
 void ExportProfileMenuView::rebuildMenu() {
   menu_->clear();
-  QAction* none = menu_->addAction(text("profiles.menu.none", "Aucun"));
+  QAction* none = menu_->addAction(Strings::text("profiles.menu.none"));
   // Forgets the applied name only: quality, format and the export folder stay.
   connect(none, &QAction::triggered, this, [this] { viewModel_.setAppliedProfileName(std::nullopt); });
   menu_->addSeparator();

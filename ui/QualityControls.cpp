@@ -15,6 +15,7 @@
 #include <string>
 
 #include "batch/BatchViewModel.h"
+#include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
 #include "ui/UiText.h"
@@ -94,8 +95,8 @@ QualitySliderView::QualitySliderView(BatchViewModel& viewModel, QWidget* parent)
 }
 
 void QualitySliderView::retranslate() {
-  label_->setText(text("quality.label", "Qualité"));
-  setToolTip(text("quality.sliderHelp", "Qualité perçue, de 1 à 100"));
+  label_->setText(Strings::text("quality.label"));
+  setToolTip(Strings::text("quality.sliderHelp"));
 }
 
 QString QualitySliderView::readoutText() const { return readout_->text(); }
@@ -165,8 +166,8 @@ FormatPickerView::FormatPickerView(BatchViewModel& viewModel, QWidget* parent)
 }
 
 void FormatPickerView::retranslate() {
-  label_->setText(text("format.label", "Format"));
-  setToolTip(text("format.help", "Le format des fichiers compressés"));
+  label_->setText(Strings::text("format.label"));
+  setToolTip(Strings::text("format.help"));
 }
 
 void FormatPickerView::syncFromModel() {
@@ -187,7 +188,7 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
   layout->setContentsMargins(14, 12, 14, 12);
   layout->setSpacing(8);
 
-  auto* title = new QLabel(text("quality.overrideTitle", "Qualité de cette image"), this);
+  auto* title = new QLabel(Strings::text("quality.overrideTitle"), this);
   QFont bold = title->font();
   bold.setBold(true);
   title->setFont(bold);
@@ -203,7 +204,7 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
   layout->addLayout(row);
 
   revert_ = makeLinkButton(QString(), this);
-  following_ = new QLabel(text("quality.followingGlobal", "Suit la qualité globale"), this);
+  following_ = new QLabel(Strings::text("quality.followingGlobal"), this);
   following_->setFont(smallFont(following_->font()));
   following_->setWordWrap(true);
   Icons::makeSecondary(following_);
@@ -261,8 +262,7 @@ void QualityOverridePopup::refresh() {
     slider_->setValue(qualityReadout(displayedQuality()));
   }
   const bool custom = image_->qualityOverride().has_value();
-  revert_->setText(format("quality.revertFormat", "Revenir à la qualité globale (%lld)",
-                          {integerArg(qualityReadout(viewModel_.quality()))}));
+  revert_->setText(Strings::format("quality.revertFormat", qualityReadout(viewModel_.quality())));
   revert_->setVisible(custom);
   following_->setVisible(!custom);
   adjustSize();

@@ -3,6 +3,7 @@
 #include <QString>
 #include <string>
 
+#include "services/Strings.h"
 #include "ui/UiText.h"
 
 namespace quillane::ui::RowRules {
@@ -15,26 +16,20 @@ bool isPassThrough(const ImportedImage& image, ImageFormat outputFormat) {
 }
 
 QString animatedHelp(const ImportedImage& image, ImageFormat outputFormat) {
-  const QString frames = integerArg(image.frameCount());
-  if (isPassThrough(image, outputFormat))
-    return format("row.animatedPassthroughHelpFormat",
-                  "Image animée (%lld images) : conservée telle quelle dans son format d'origine.", {frames});
-  return format("row.animatedConvertHelpFormat",
-                "Image animée (%lld images) : seule la première image est convertie.", {frames});
+  const auto frames = image.frameCount();
+  if (isPassThrough(image, outputFormat)) return Strings::format("row.animatedPassthroughHelpFormat", frames);
+  return Strings::format("row.animatedConvertHelpFormat", frames);
 }
 
 QString qualityHelp(const ImportedImage& image, ImageFormat outputFormat) {
-  if (isPassThrough(image, outputFormat))
-    return text("row.qualityPassthroughHelp",
-                "Image animée conservée telle quelle : la qualité ne s'applique pas.");
-  if (image.qualityOverride()) return text("row.qualityCustomHelp", "Qualité personnalisée pour cette image");
-  return text("row.qualityGlobalHelp", "Régler la qualité de cette image");
+  if (isPassThrough(image, outputFormat)) return Strings::text("row.qualityPassthroughHelp");
+  if (image.qualityOverride()) return Strings::text("row.qualityCustomHelp");
+  return Strings::text("row.qualityGlobalHelp");
 }
 
 QString metaText(const ImportedImage& image) {
-  return format("row.metaFormat", "%lld × %lld · %@ · %@",
-                {integerArg(image.width()), integerArg(image.height()), label(image.originalFormat()),
-                 formatByteCount(image.originalSizeBytes())});
+  return Strings::format("row.metaFormat", image.width(), image.height(), label(image.originalFormat()),
+                         formatByteCount(image.originalSizeBytes()));
 }
 
 SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat) {
@@ -43,7 +38,7 @@ SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat) {
   switch (state.kind) {
     case EncodeState::Kind::idle:
       summary.kind = SizeSummary::Kind::dash;
-      summary.firstLine = text("common.dash", "—");
+      summary.firstLine = Strings::text("common.dash");
       summary.firstTone = Tone::secondary;
       break;
     case EncodeState::Kind::encoding:
@@ -53,25 +48,23 @@ SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat) {
       summary.kind = SizeSummary::Kind::lines;
       summary.firstLine = formatByteCount(state.sizeBytes);
       if (isPassThrough(image, outputFormat)) {
-        summary.secondLine = text("row.uncompressed", "Non compressée");
+        summary.secondLine = Strings::text("row.uncompressed");
         summary.secondTone = Tone::secondary;
-        summary.help =
-            text("row.passthroughHelp", "Image animée conservée telle quelle, sans recompression.");
+        summary.help = Strings::text("row.passthroughHelp");
       } else {
         const SizeChange change = sizeChange(state.sizeBytes, image.originalSizeBytes());
         summary.secondLine = sizeChangeText(change);
         summary.secondTone = change.reduced ? Tone::green : Tone::orange;
-        summary.help = change.reduced
-                           ? text("row.sizeReducedHelp", "Gain par rapport à l'original")
-                           : text("row.sizeIncreasedHelp", "Le résultat est plus lourd que l'original");
+        summary.help =
+            change.reduced ? Strings::text("row.sizeReducedHelp") : Strings::text("row.sizeIncreasedHelp");
       }
       break;
     }
     case EncodeState::Kind::failed:
       summary.kind = SizeSummary::Kind::lines;
-      summary.firstLine = text("row.encodeFailedShort", "Échec");
+      summary.firstLine = Strings::text("row.encodeFailedShort");
       summary.firstTone = Tone::red;
-      summary.secondLine = text("common.retry", "Réessayer");
+      summary.secondLine = Strings::text("common.retry");
       summary.secondTone = Tone::link;
       summary.secondIsRetry = true;
       summary.help = state.message;
@@ -81,14 +74,12 @@ SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat) {
 }
 
 QString importedCountText(int count) {
-  if (count == 1)
-    return format("controls.importedCountSingularFormat", "%lld image importée", {integerArg(count)});
-  return format("controls.importedCountFormat", "%lld images importées", {integerArg(count)});
+  if (count == 1) return Strings::format("controls.importedCountSingularFormat", count);
+  return Strings::format("controls.importedCountFormat", count);
 }
 
 QString progressText(int completed, int imageCount) {
-  return format("progress.format", "%lld / %lld",
-                {integerArg(completed), integerArg(std::max(imageCount, 1))});
+  return Strings::format("progress.format", completed, std::max(imageCount, 1));
 }
 
 QString suggestedExportName(const ImportedImage& image, ImageFormat outputFormat) {

@@ -7,10 +7,10 @@
 #include <QScrollArea>
 #include <QSlider>
 
+#include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
 #include "ui/QualityControls.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -63,7 +63,7 @@ QualityField makeQualityField(QWidget* parent, QHBoxLayout* row, int readoutWidt
 FormButtons makeFormButtons(QWidget* form) {
   auto* row = new QHBoxLayout;
   row->addStretch(1);
-  auto* cancel = new QPushButton(text("settings.profiles.cancelEdit", "Annuler"), form);
+  auto* cancel = new QPushButton(Strings::text("settings.profiles.cancelEdit"), form);
   auto* save = new QPushButton(form);
   makeProminent(save);
   row->addWidget(cancel);

@@ -3,13 +3,13 @@
 #include <QTabWidget>
 #include <QVBoxLayout>
 
+#include "services/Strings.h"
 #include "ui/DesktopPanels.h"
 #include "ui/ExportProfilesSettingsView.h"
 #include "ui/Icons.h"
 #include "ui/LocalAPISettingsView.h"
 #include "ui/SettingsForm.h"
 #include "ui/SmallSettingsViews.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 namespace {
@@ -17,7 +17,7 @@ constexpr int kUpdatesTabFromEnd = 1;  // the hot folders tab goes before the la
 }
 
 SettingsWindow::SettingsWindow(Services services, QWidget* parent) : QWidget(parent, Qt::Window) {
-  setWindowTitle(text("settings.windowTitle", "Réglages"));
+  setWindowTitle(Strings::text("settings.windowTitle"));
   setWindowIcon(Icons::applicationIcon());
   setObjectName(QStringLiteral("QuillaneSettingsWindow"));
   // Closing drops what was not confirmed (a pending language); the next opening reads the
@@ -30,24 +30,24 @@ SettingsWindow::SettingsWindow(Services services, QWidget* parent) : QWidget(par
   layout->addWidget(tabs_);
 
   tabs_->addTab(wrapPane(new LanguageSettingsView(services.languageManager)), Icons::icon("globe"),
-                text("settings.language.title", "Langue"));
+                Strings::text("settings.language.title"));
   tabs_->addTab(wrapPane(new LocalAPISettingsView(services.apiController)), Icons::icon("terminal"),
-                text("settings.api.title", "API locale"));
+                Strings::text("settings.api.title"));
   DesktopPanels* panels = services.panels;
   auto chooser = [panels, this](const std::optional<QUrl>& start) -> std::optional<QUrl> {
     return panels ? panels->chooseFolder(start, this) : std::nullopt;
   };
   tabs_->addTab(wrapPane(new ExportProfilesSettingsView(services.viewModel, chooser)),
-                Icons::icon("square.and.arrow.up.on.square"), text("settings.profiles.title", "Profils"));
+                Icons::icon("square.and.arrow.up.on.square"), Strings::text("settings.profiles.title"));
   tabs_->addTab(wrapPane(new UpdateSettingsView(services.updateChecker)), Icons::icon("arrow.down.circle"),
-                text("settings.updates.title", "Mises à jour"));
+                Strings::text("settings.updates.title"));
   resize(680, 560);
   setMinimumSize(560, 420);
 }
 
 void SettingsWindow::insertHotFoldersPane(QWidget* pane) {
   tabs_->insertTab(tabs_->count() - kUpdatesTabFromEnd, wrapPane(pane, 600), Icons::icon("eye"),
-                   text("settings.hotFolders.title", "Dossiers surveillés"));
+                   Strings::text("settings.hotFolders.title"));
 }
 
 SettingsWindow* SettingsWindow::showFor(QWidget* mainWindow, Services services) {

@@ -12,11 +12,11 @@
 #include <QSignalBlocker>
 #include <QVBoxLayout>
 
+#include "services/Strings.h"
 #include "services/UpdateChecker.h"
 #include "ui/Icons.h"
 #include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -29,12 +29,11 @@ UpdateSettingsView::UpdateSettingsView(UpdateChecker& checker, QWidget* parent)
   auto* box = new QGroupBox(this);
   auto* layout = new QVBoxLayout(box);
   layout->setSpacing(10);
-  enable_ = new QCheckBox(text("settings.updates.enable", "Rechercher les mises à jour au lancement"), box);
+  enable_ = new QCheckBox(Strings::text("settings.updates.enable"), box);
   enable_->setChecked(UpdateChecker::isCheckAtLaunchEnabled());
   connect(enable_, &QCheckBox::toggled, this, &UpdateSettingsView::setEnabled);
   layout->addWidget(enable_);
-  layout->addWidget(
-      makeNote(text("settings.updates.enableHelp", "Rien n'est téléchargé ni installé sans vous."), box));
+  layout->addWidget(makeNote(Strings::text("settings.updates.enableHelp"), box));
 
   statusRow_ = new QWidget(box);
   auto* row = new QHBoxLayout(statusRow_);
@@ -46,7 +45,7 @@ UpdateSettingsView::UpdateSettingsView(UpdateChecker& checker, QWidget* parent)
   status_ = new QLabel(statusRow_);
   status_->setWordWrap(true);
   status_->setTextInteractionFlags(Qt::TextSelectableByMouse);
-  download_ = new QPushButton(text("settings.updates.download", "Télécharger"), statusRow_);
+  download_ = new QPushButton(Strings::text("settings.updates.download"), statusRow_);
   connect(download_, &QPushButton::clicked, this, [this] {
     if (checker_.state().kind == UpdateChecker::State::Kind::updateAvailable)
       QDesktopServices::openUrl(checker_.state().url);
@@ -56,7 +55,7 @@ UpdateSettingsView::UpdateSettingsView(UpdateChecker& checker, QWidget* parent)
   row->addWidget(download_);
   layout->addWidget(statusRow_);
 
-  checkNow_ = new QPushButton(text("settings.updates.checkNow", "Vérifier maintenant"), box);
+  checkNow_ = new QPushButton(Strings::text("settings.updates.checkNow"), box);
   // Runs whatever the toggle and the state say.
   connect(checkNow_, &QPushButton::clicked, this, [this] { checker_.checkNow(); });
   auto* buttons = new QHBoxLayout;
@@ -88,18 +87,16 @@ void UpdateSettingsView::refresh() {
       status_->clear();
       break;
     case Kind::checking:
-      status_->setText(text("settings.updates.checking", "Vérification…"));
+      status_->setText(Strings::text("settings.updates.checking"));
       break;
     case Kind::upToDate:
-      status_->setText(text("settings.updates.upToDate", "Quillane est à jour."));
+      status_->setText(Strings::text("settings.updates.upToDate"));
       break;
     case Kind::updateAvailable:
-      status_->setText(
-          format("settings.updates.newVersionFormat", "La version %@ est disponible.", {state.version}));
+      status_->setText(Strings::format("settings.updates.newVersionFormat", state.version));
       break;
     case Kind::failed:
-      status_->setText(
-          format("settings.updates.checkFailedFormat", "La vérification a échoué : %@", {state.message}));
+      status_->setText(Strings::format("settings.updates.checkFailedFormat", state.message));
       palette.setColor(QPalette::WindowText, Icons::redColor(palette));
       break;
   }
@@ -118,21 +115,20 @@ LanguageSettingsView::LanguageSettingsView(LanguageManager& manager, QWidget* pa
   auto* form = new QFormLayout;
   form->setRowWrapPolicy(QFormLayout::WrapLongRows);
   picker_ = new QComboBox(box);
-  picker_->addItem(text("settings.language.systemDefault", "Langue du système"), -1);
+  picker_->addItem(Strings::text("settings.language.systemDefault"), -1);
   for (AppLanguage language : AppLanguages::allCases())
     picker_->addItem(AppLanguages::nativeName(language), int(language));
   connect(picker_, &QComboBox::activated, this, [this](int index) {
     const int value = picker_->itemData(index).toInt();
     choose(value < 0 ? std::nullopt : std::optional<AppLanguage>(AppLanguage(value)));
   });
-  form->addRow(text("settings.language.title", "Langue"), picker_);
+  form->addRow(Strings::text("settings.language.title"), picker_);
   layout->addLayout(form);
 
-  note_ = new QLabel(
-      text("settings.language.restartRequired", "Quillane doit redémarrer pour changer de langue."), box);
+  note_ = new QLabel(Strings::text("settings.language.restartRequired"), box);
   note_->setWordWrap(true);
   layout->addWidget(note_);
-  restart_ = new QPushButton(text("settings.language.restartNow", "Redémarrer maintenant"), box);
+  restart_ = new QPushButton(Strings::text("settings.language.restartNow"), box);
   makeProminent(restart_);
   connect(restart_, &QPushButton::clicked, this, &LanguageSettingsView::restartNow);
   auto* buttons = new QHBoxLayout;

@@ -2,48 +2,10 @@
 
 #include <QLocale>
 #include <cmath>
-#include <string>
-#include <vector>
 
-#include "engine/Localization.h"
 #include "services/Strings.h"
 
 namespace quillane::ui {
-
-QString text(const char* key, const char* frenchDefault) {
-  // The string tables (with their own French fallback) first; the default given here stands
-  // in only for a key that no table knows.
-  const QString found = Strings::text(key);
-  if (found.isEmpty() || found == QLatin1String(key)) return QString::fromUtf8(frenchDefault);
-  return found;
-}
-
-QString format(const char* key, const char* frenchDefault, std::initializer_list<QString> args) {
-  const std::string pattern = text(key, frenchDefault).toStdString();
-  std::vector<std::string> utf8;
-  utf8.reserve(args.size());
-  for (const QString& arg : args) utf8.push_back(arg.toStdString());
-  // formatArgs takes an initializer_list of views; at most four arguments are ever used.
-  std::string out;
-  switch (utf8.size()) {
-    case 0:
-      out = Localization::formatArgs(pattern, {});
-      break;
-    case 1:
-      out = Localization::formatArgs(pattern, {utf8[0]});
-      break;
-    case 2:
-      out = Localization::formatArgs(pattern, {utf8[0], utf8[1]});
-      break;
-    case 3:
-      out = Localization::formatArgs(pattern, {utf8[0], utf8[1], utf8[2]});
-      break;
-    default:
-      out = Localization::formatArgs(pattern, {utf8[0], utf8[1], utf8[2], utf8[3]});
-      break;
-  }
-  return QString::fromStdString(out);
-}
 
 QString formatByteCount(int64_t bytes) { return formatByteCount(bytes, QLocale()); }
 
@@ -81,8 +43,8 @@ SizeChange sizeChange(int64_t sizeBytes, int64_t originalSizeBytes) {
 }
 
 QString sizeChangeText(const SizeChange& change) {
-  if (change.reduced) return format("sign.reduced", "−%lld %%", {integerArg(change.percent)});
-  return format("sign.increased", "+%lld %%", {integerArg(change.percent)});
+  if (change.reduced) return Strings::format("sign.reduced", change.percent);
+  return Strings::format("sign.increased", change.percent);
 }
 
 }  // namespace quillane::ui

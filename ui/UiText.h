@@ -1,27 +1,16 @@
 #pragma once
-// Small text helpers shared by every view: localised lookups by dotted key, file-size texts
-// and the rounding rules of the size change shown in rows and badges.
+// Small text helpers shared by every view: file-size texts and the rounding rules of the size
+// change shown in rows and badges. The views look their texts up with Strings::text and
+// Strings::format (services/Strings.h).
 //
-// GUI thread only (the lookups read the installed string tables).
+// GUI thread only.
 
 #include <QString>
 #include <cstdint>
-#include <initializer_list>
 
 class QLocale;
 
 namespace quillane::ui {
-
-// The text for `key`, or `frenchDefault` when the tables have none. Looked up at each call,
-// so that a view built before the tables were installed still shows the right text.
-QString text(const char* key, const char* frenchDefault);
-
-// The format string of `key` (or `frenchDefault`) with its "%@" / "%lld" / "%1$@"
-// placeholders filled by `args` in order.
-QString format(const char* key, const char* frenchDefault, std::initializer_list<QString> args);
-
-// An integer as a format argument: plain digits, as the string tables expect.
-inline QString integerArg(int64_t value) { return QString::number(value); }
 
 // A file size in decimal units (1 kB = 1000 bytes) with the locale's digits and decimal
 // separator: "0 B", "999 B", "12 kB", "1.2 MB", "3.45 GB". Negative counts read as 0.

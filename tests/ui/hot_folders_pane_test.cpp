@@ -11,9 +11,9 @@
 
 #include "hotfolders/HotFoldersManager.h"
 #include "records/ExportProfile.h"
+#include "services/Strings.h"
 #include "tests/ui/ui_test_support.h"
 #include "ui/HotFoldersSettingsView.h"
-#include "ui/UiText.h"
 
 namespace quillane::uitest {
 namespace {
@@ -127,10 +127,8 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   EXPECT_FALSE(manager_->hotFolders().back().isEnabled);
 
   pane().clearActivityButton()->click();
-  EXPECT_TRUE(
-      texts(pane().errorSection()).contains(ui::text("settings.hotFolders.errorLogEmpty", "Aucune erreur")));
-  EXPECT_TRUE(texts(pane().activitySection())
-                  .contains(ui::text("settings.hotFolders.activityEmpty", "Aucune activité pour l'instant")));
+  EXPECT_TRUE(texts(pane().errorSection()).contains(Strings::text("settings.hotFolders.errorLogEmpty")));
+  EXPECT_TRUE(texts(pane().activitySection()).contains(Strings::text("settings.hotFolders.activityEmpty")));
 }
 
 }  // namespace
