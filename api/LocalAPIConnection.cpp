@@ -22,7 +22,7 @@ namespace {
 constexpr int lingerMilliseconds = 2000;
 // ... and only up to this many bytes: a client refused early (no token) may still be pushing
 // megabytes of body, and reading them all would cost the thread every other client needs.
-constexpr size_t maxDrainBytes = 256 * 1024;
+constexpr size_t maxDrainBytes = size_t(256) * 1024;
 // Receives per readiness event, so that one fast sender can't starve the others.
 constexpr int receivesPerEvent = 16;
 // Clients accepted beyond the cap, kept unread until a place is free.

@@ -271,13 +271,13 @@ void BatchViewModel::schedulePassthrough(const std::shared_ptr<ImportedImage>& i
       return {};
     }
   }).then(this, [this, weakImage, generation](const QByteArray& bytes) {
-    auto image = weakImage.lock();
-    if (!image || image->encodeGeneration_ != generation) return;
+    auto row = weakImage.lock();
+    if (!row || row->encodeGeneration_ != generation) return;
     if (!bytes.isEmpty()) {
-      image->setCompressedData(bytes);
-      image->setEncodeState(EncodeState::ready(bytes.size()));
+      row->setCompressedData(bytes);
+      row->setEncodeState(EncodeState::ready(bytes.size()));
     } else {
-      image->setEncodeState(
+      row->setEncodeState(
           EncodeState::failed(QString::fromStdString(ImageProcessingError::decodingFailed().description())));
     }
     refreshIsEncoding();

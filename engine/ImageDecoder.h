@@ -42,7 +42,7 @@ struct DecodedSource {
 };
 
 // Leading bytes that hold the dimensions of an ordinary file of any of the six formats.
-inline constexpr size_t kHeaderBytes = 256 * 1024;
+inline constexpr size_t kHeaderBytes = size_t(256) * 1024;
 
 // The header of image 0 from the first kHeaderBytes of a regular file, without reading the
 // rest. Nothing when it is not a regular file, can't be read or has no header there.

@@ -20,7 +20,7 @@ constexpr qint64 referenceDateMSecs = secondsFrom1970To2001 * 1000;
 
 // The value of a required key: present and not null.
 QJsonValue required(const QJsonObject& object, const QString& key) {
-  const QJsonValue value = object.value(key);
+  QJsonValue value = object.value(key);
   if (value.isUndefined() || value.isNull()) fail(key, "missing");
   return value;
 }
@@ -149,7 +149,7 @@ std::optional<QString> optionalFileURL(const QJsonObject& object, const QString&
 bool forEachObject(const QJsonDocument& document, const std::function<void(const QJsonObject&)>& each) {
   if (!document.isArray()) return false;
   try {
-    for (const QJsonValue& element : document.array()) {
+    for (const auto& element : document.array()) {
       if (!element.isObject()) return false;
       each(element.toObject());
     }
