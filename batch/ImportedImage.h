@@ -75,7 +75,6 @@ class ImportedImage : public QObject {
   // Immutable after construction; any thread.
   QUuid id() const { return id_; }
   QUrl sourceURL() const { return sourceURL_; }
-  QString sourcePath() const { return sourceURL_.toLocalFile(); }
   // The path to open the source with: the file system's bytes (localFilePath).
   std::string sourceFilePath() const { return localFilePath(sourceURL_); }
   QString fileName() const;  // last path component of sourceURL, with extension

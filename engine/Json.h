@@ -44,7 +44,6 @@ class JsonValue {
   bool isObject() const { return std::holds_alternative<Object>(v_); }
   bool isArray() const { return std::holds_alternative<Array>(v_); }
   const Object& asObject() const { return std::get<Object>(v_); }
-  const Array& asArray() const { return std::get<Array>(v_); }
 
   struct WriteOptions {
     bool sortKeys = false;

@@ -1,7 +1,6 @@
 #include "ui/ComparisonView.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QHBoxLayout>
 #include <QKeySequence>
 #include <QLabel>
@@ -9,7 +8,6 @@
 #include <QPainter>
 #include <QPainterPath>
 #include <QPointer>
-#include <QThread>
 #include <QThreadPool>
 #include <QToolButton>
 #include <QVBoxLayout>
@@ -45,7 +43,7 @@ QImage toQImage(const DecodedImage& image) {
   if (image.empty() || image.pixels8.size() < image.pixelCount() * 4) return {};
   const QImage::Format fmt = image.alpha == AlphaInfo::premultiplied ? QImage::Format_RGBA8888_Premultiplied
                                                                      : QImage::Format_RGBA8888;
-  return QImage(image.pixels8.data(), image.width, image.height, image.width * 4, fmt).copy();
+  return QImage(image.pixels8.data(), image.width, image.height, qsizetype(image.width) * 4, fmt).copy();
 }
 
 namespace {
@@ -267,13 +265,11 @@ void SplitCompareWidget::paintBadge(QPainter& painter, bool original) const {
   for (const QString& line : badge.detailLines) {
     const QRectF lineRect(inner.left(), y, inner.width(), detailMetrics.height());
     y += detailMetrics.height() + 1;
-    if (badge.tone == CompressedCaption::Tone::plain) {
-      painter.setPen(soft);
-      painter.drawText(lineRect, align, line);
-    } else if (badge.tone == CompressedCaption::Tone::red || line == badge.change) {
+    const bool toned = badge.tone != CompressedCaption::Tone::plain;
+    if (toned && (badge.tone == CompressedCaption::Tone::red || line == badge.change)) {
       painter.setPen(changeColour);
       painter.drawText(lineRect, align, line);
-    } else if (!badge.change.isEmpty() && line.endsWith(badge.change)) {
+    } else if (toned && !badge.change.isEmpty() && line.endsWith(badge.change)) {
       // "size · " in soft white, the change in green or orange, right-aligned together.
       const double changeWidth = detailMetrics.horizontalAdvance(badge.change);
       painter.setPen(soft);
@@ -338,7 +334,6 @@ void ImageComparisonView::loadOriginalPreview() {
         QCoreApplication::instance(),
         [self, result] {
           if (!self) return;
-          self->originalLoaded_ = true;
           // Without a preview the row thumbnail stays.
           if (!result.isNull()) self->area_->setOriginalPreview(result);
         },
@@ -348,11 +343,9 @@ void ImageComparisonView::loadOriginalPreview() {
 
 void ImageComparisonView::loadCompressedPreview() {
   const quint64 generation = ++compressedGeneration_;
-  compressedLoaded_ = false;
   const std::optional<QByteArray>& data = image_->compressedData();
   if (!data) {
     area_->setCompressedPreview(std::nullopt);
-    compressedLoaded_ = true;
     return;
   }
   QPointer<ImageComparisonView> self(this);
@@ -365,21 +358,10 @@ void ImageComparisonView::loadCompressedPreview() {
         [self, result, generation] {
           // A newer result replaced this one while it was decoded.
           if (!self || generation != self->compressedGeneration_) return;
-          self->compressedLoaded_ = true;
           self->area_->setCompressedPreview(result.isNull() ? std::nullopt : std::optional<QImage>(result));
         },
         Qt::QueuedConnection);
   });
-}
-
-bool ImageComparisonView::waitForPreviews(int timeoutMs) {
-  QElapsedTimer timer;
-  timer.start();
-  while (!(originalLoaded_ && compressedLoaded_) && timer.elapsed() < timeoutMs) {
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    QThread::msleep(2);
-  }
-  return originalLoaded_ && compressedLoaded_;
 }
 
 }  // namespace quillane::ui

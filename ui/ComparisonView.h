@@ -59,7 +59,6 @@ class SplitCompareWidget : public QWidget {
   SplitCompareWidget(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
                      QWidget* parent = nullptr);
 
-  double sliderFraction() const { return fraction_; }
   void setSliderFraction(double fraction);
   void setOriginalPreview(const QImage& image);
   void setCompressedPreview(const std::optional<QImage>& image);
@@ -106,8 +105,6 @@ class ImageComparisonView : public QDialog {
 
   SplitCompareWidget* area() const { return area_; }
   const std::shared_ptr<ImportedImage>& image() const { return image_; }
-  // Waits for the preview decodes to arrive (tests and screenshots).
-  bool waitForPreviews(int timeoutMs);
 
  private:
   void loadOriginalPreview();
@@ -117,8 +114,6 @@ class ImageComparisonView : public QDialog {
   std::shared_ptr<ImportedImage> image_;
   SplitCompareWidget* area_;
   quint64 compressedGeneration_ = 0;
-  bool originalLoaded_ = false;
-  bool compressedLoaded_ = false;
 };
 
 // An 8-bit RGBA decoded picture as a QImage (a deep copy); null when empty.

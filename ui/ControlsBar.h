@@ -41,11 +41,9 @@ class ControlsBar : public QWidget {
   QLabel* countLabel() const { return count_; }
   QWidget* progressGroup() const { return progressGroup_; }
   QProgressBar* progressBar() const { return progress_; }
-  QLabel* progressLabel() const { return progressLabel_; }
   QPushButton* clearAllButton() const { return clearAll_; }
   QPushButton* exportButton() const { return export_; }
   QToolButton* historyButton() const { return history_; }
-  ExportHistoryView* historyPopover() const { return historyPopover_; }
 
   // Opens the history popover under its button (what the button does).
   void showHistory();

@@ -36,8 +36,6 @@ class DesktopPanels : public BatchPanels {
   // folders.
   virtual std::optional<QUrl> chooseFolder(const std::optional<QUrl>& startFolder, QWidget* parent = nullptr);
 
-  void setWindow(QWidget* window) { window_ = window; }
-
   // Where a dialog of `kind` opens: the remembered folder while it exists, else the home folder.
   static QString startFolder(FolderKind kind);
   static void rememberFolder(FolderKind kind, const QString& folder);

@@ -23,7 +23,6 @@ class DropTargetView : public QWidget {
   DropTargetView(BatchViewModel& viewModel, std::function<void()> onImport, QWidget* parent = nullptr);
 
   bool isTargeted() const { return isTargeted_; }
-  QPushButton* chooseButton() const { return choose_; }
 
  protected:
   void paintEvent(QPaintEvent* event) override;

@@ -45,19 +45,12 @@ class ExportProfilesSettingsView : public QWidget {
   QLineEdit* nameField() const { return name_; }
   QPushButton* formatButton() const { return formatButton_; }
   QSlider* qualitySlider() const { return quality_; }
-  QCheckBox* defaultToggle() const { return isDefault_; }
   QPushButton* saveButton() const { return save_; }
-  QPushButton* cancelButton() const { return cancel_; }
-  QPushButton* clearFolderButton() const { return clearFolder_; }
   QGroupBox* existingSection() const { return existing_; }
-  QGroupBox* formSection() const { return form_; }
-  ImageFormat newFormat() const { return newFormat_; }
-  const std::optional<QUrl>& newFolder() const { return newFolder_; }
 
   void setNewFormat(ImageFormat format);
   void setNewFolder(std::optional<QUrl> folder);
   void setNewQuality(double quality);
-  double newQuality() const { return newQuality_; }
   void startEditing(const ExportProfile& profile);
   void resetForm();
   void chooseFolder();

@@ -28,8 +28,6 @@ class ExportHistoryView : public QFrame {
   // As a popover with `popup`, else as a plain widget (tests, screenshots).
   ExportHistoryView(BatchViewModel& viewModel, bool popup, QWidget* parent = nullptr);
 
-  QPushButton* clearButton() const { return clear_; }
-  QLabel* emptyLabel() const { return empty_; }
   int rowCount() const;
   // The row widget of record `index` in stored order.
   QWidget* row(int index) const;

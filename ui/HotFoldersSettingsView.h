@@ -64,8 +64,6 @@ class HotFoldersSettingsView : public QWidget {
   std::vector<HotFolderActivity> errorActivities() const;
 
   const std::optional<QUuid>& editingID() const { return editingID_; }
-  const std::optional<QString>& newSourceFolder() const { return newSourceFolder_; }
-  const std::optional<QString>& newDestinationFolder() const { return newDestinationFolder_; }
   QLineEdit* nameField() const { return name_; }
   QCheckBox* enabledToggle() const { return isEnabled_; }
   QPushButton* saveButton() const { return save_; }

@@ -1,8 +1,8 @@
 #pragma once
-// The symbols the views show, by the names the design gives them ("plus", "trash",
-// "exclamationmark.triangle.fill"). Each has a bundled monochrome SVG (ui/resources/icons),
-// drawn in the palette's text colour so that it reads in light and dark palettes alike; the
-// desktop's icon theme is preferred where it has a matching freedesktop name.
+// The symbols the views show, by name ("plus", "trash", "exclamationmark.triangle.fill"). Each
+// has a bundled monochrome SVG of that name (ui/resources/icons), drawn in the palette's text
+// colour so that it reads in light and dark palettes alike; the desktop's icon theme is
+// preferred where it has a matching freedesktop name.
 //
 // GUI thread only.
 
@@ -33,7 +33,7 @@ bool hasSymbol(const QString& symbol);
 // The application icon (theme "quillane", else the bundled SVG).
 QIcon applicationIcon();
 
-// Colours the design names by role, taken from the current palette where it has one.
+// Colours by role (secondary text, accent, warning...), from the current palette where it has one.
 QColor secondaryColor(const QPalette& palette);
 // Sets a label's text colour to secondaryColor() of its own palette.
 void makeSecondary(QLabel* label);

@@ -34,10 +34,6 @@ class LocalAPISettingsView : public QWidget {
   QGroupBox* tokenSection() const { return tokenBox_; }
   QLineEdit* portField() const { return port_; }
   QLabel* statusLabel() const { return status_; }
-  QLabel* baseURLLabel() const { return baseURL_; }
-  QLabel* tokenLabel() const { return token_; }
-  QPushButton* copyButton() const { return copy_; }
-  QPushButton* regenerateButton() const { return regenerate_; }
 
   // The toggle's action: store, then start or stop the server.
   void setEnabled(bool on);

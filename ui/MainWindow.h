@@ -50,11 +50,7 @@ class MainWindow : public QMainWindow {
   DropTargetView* dropTarget() const { return drop_; }
   ImageListView* imageList() const { return list_; }
   bool showsList() const;
-  QAction* importAction() const { return importAction_; }
   QAction* exportAction() const { return exportAction_; }
-  QAction* increaseQualityAction() const { return increaseAction_; }
-  QAction* decreaseQualityAction() const { return decreaseAction_; }
-  QMessageBox* exportAlert() const { return alert_; }
   QWidget* qualityPopover() const { return qualityPopover_; }
 
   // The row actions that need a window. The comparison is a window of its own, one per image.

@@ -70,7 +70,6 @@ class QualityOverridePopup : public QFrame {
 
   // The first of the draft, the image's override and the global quality.
   double displayedQuality() const;
-  const std::optional<double>& draftQuality() const { return draftQuality_; }
   QSlider* slider() const { return slider_; }
   QString readoutText() const;
   QPushButton* revertButton() const { return revert_; }

@@ -30,8 +30,6 @@ class UpdateSettingsView : public QWidget {
   QCheckBox* enableToggle() const { return enable_; }
   QWidget* statusRow() const { return statusRow_; }
   QLabel* statusLabel() const { return status_; }
-  QPushButton* downloadButton() const { return download_; }
-  QPushButton* checkNowButton() const { return checkNow_; }
 
  private:
   void setEnabled(bool on);
@@ -54,7 +52,6 @@ class LanguageSettingsView : public QWidget {
   QComboBox* picker() const { return picker_; }
   QLabel* restartNote() const { return note_; }
   QPushButton* restartButton() const { return restart_; }
-  const PendingLanguageChoice& pendingChoice() const { return pending_; }
 
   // The picker's action: remembers the choice without applying it.
   void choose(std::optional<AppLanguage> language);

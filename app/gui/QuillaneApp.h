@@ -42,8 +42,6 @@ class QuillaneApp : public QObject {
   // Stops the hot folders (waiting for the files they are writing) and the local API server,
   // so that the process may end at once: the batch's own encodes write nothing.
   void stopServices();
-  // Null until the first createMainWindow().
-  HotFoldersManager* hotFoldersManager() { return hotFoldersManager_.get(); }
   UpdateChecker& updateChecker() { return *updateChecker_; }
 
   // Makes the main window, showing the one batch. The caller owns it. The first call also
