@@ -6,7 +6,7 @@
 #include <QSettings>
 #include <cerrno>
 
-#include "services/UserDefaults.h"
+#include "services/SettingsFile.h"
 
 namespace quillane::LocalAPISettings {
 
@@ -28,11 +28,11 @@ bool fillRandom(char* out, size_t length) {
 
 }  // namespace
 
-std::unique_ptr<QSettings> store() { return UserDefaults::store(); }
+std::unique_ptr<QSettings> store() { return SettingsFile::store(); }
 
-void saveSecurely(QSettings& settings) { UserDefaults::save(settings); }
+void saveSecurely(QSettings& settings) { SettingsFile::save(settings); }
 
-bool isEnabled() { return UserDefaults::boolValue(*store(), enabledKey); }
+bool isEnabled() { return SettingsFile::boolValue(*store(), enabledKey); }
 
 void setEnabled(bool enabled) {
   auto settings = store();
@@ -57,7 +57,7 @@ QString storedToken() { return store()->value(tokenKey).toString(); }
 
 QString token() {
   auto settings = store();
-  QString stored = UserDefaults::stringValue(*settings, tokenKey);
+  QString stored = SettingsFile::stringValue(*settings, tokenKey);
   if (!stored.isEmpty()) return stored;
   std::optional<QString> fresh = generateToken();
   if (!fresh) return {};

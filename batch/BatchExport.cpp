@@ -35,12 +35,13 @@ std::vector<std::string> BatchViewModel::sourcePaths() const {
 }
 
 void BatchViewModel::promptExportAll() {
-  if (!panels_) return;
+  if (!fileDialogs_) return;
   const QString prompt =
       QString::fromStdString(Localization::text("export.chooseFolder.prompt", "Exporter ici"));
   const QString message = QString::fromStdString(
       Localization::text("export.chooseFolder.message", "Choisissez le dossier de destination des images."));
-  const std::optional<QUrl> folder = panels_->chooseExportFolder(lastAppliedProfileFolder_, prompt, message);
+  const std::optional<QUrl> folder =
+      fileDialogs_->chooseExportFolder(lastAppliedProfileFolder_, prompt, message);
   // Failures show in the rows through their exportError; the outcomes are not needed here.
   if (folder && !folder->isEmpty()) exportAll(*folder);
 }

@@ -44,8 +44,8 @@ std::vector<Snapshot> decodeSession(const QJsonDocument& document) {
 }  // namespace
 
 void BatchViewModel::promptImport() {
-  if (!panels_) return;
-  const QList<QUrl> urls = panels_->chooseFilesToImport();
+  if (!fileDialogs_) return;
+  const QList<QUrl> urls = fileDialogs_->chooseFilesToImport();
   if (urls.isEmpty()) return;
   importFiles(urls);
 }

@@ -39,7 +39,7 @@ void BatchViewModel::deleteExportProfile(const ExportProfile& profile) {
   ExportProfileList profiles = exportProfiles_;
   ExportProfiles::remove(profiles, profile);
   setExportProfiles(std::move(profiles));
-  // The folder the export panel opens with stays: only the label goes.
+  // The folder the export dialog opens with stays: only the label goes.
   if (appliedProfileName_ && appliedProfileName_->compare(profile.name, Qt::CaseInsensitive) == 0) {
     setAppliedProfileName(std::nullopt);
   }
@@ -96,7 +96,7 @@ void BatchViewModel::undoExport(const ExportRecord& record) {
 void BatchViewModel::clearExportHistory() { setExportHistory({}); }
 
 void BatchViewModel::showInFileManager(const ExportRecord& record) {
-  if (panels_) panels_->showInFileManager(QUrl::fromLocalFile(record.destinationURL));
+  if (fileDialogs_) fileDialogs_->showInFileManager(QUrl::fromLocalFile(record.destinationURL));
 }
 
 }  // namespace quillane

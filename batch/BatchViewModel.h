@@ -8,7 +8,7 @@
 // operation below must be called on the GUI thread, and every change signal is emitted
 // there. Inspection and encoding run on private thread pools; their results come back by
 // queued calls. The model owns its images (shared with rows and tasks), its two semaphores
-// and its pools; the window may install a BatchPanels for the file dialogs.
+// and its pools; the window may install its FileDialogs.
 
 #include <QFuture>
 #include <QList>
@@ -53,10 +53,10 @@ struct ExportOutcome {
 
 // The file dialogs the model needs, installed by the window (ui/). Without one, the prompts
 // do nothing. Called on the GUI thread; the calls may be modal.
-class BatchPanels {
+class FileDialogs {
  public:
-  virtual ~BatchPanels() = default;
-  // Open panel: several image files, no folders. Empty when the user cancels.
+  virtual ~FileDialogs() = default;
+  // Open dialog: several image files, no folders. Empty when the user cancels.
   virtual QList<QUrl> chooseFilesToImport() = 0;
   // Folder chooser that may create folders, starting in `startFolder` when given, with the
   // localised `prompt` (button) and `message`. Empty when the user cancels.
@@ -152,7 +152,7 @@ class BatchViewModel : public QObject {
   // already encoding is marked and encoded again when the running encode ends.
   void scheduleEncode(const std::shared_ptr<ImportedImage>& image, bool debounce);
 
-  // The per-image quality writers (popover, local API): stores the override (nullopt
+  // The per-image quality writers (popup, local API): stores the override (nullopt
   // follows the global quality again), schedules a debounced encode and saves the session.
   void setQualityOverride(const std::shared_ptr<ImportedImage>& image, std::optional<double> quality);
 
@@ -161,7 +161,7 @@ class BatchViewModel : public QObject {
   QFuture<void> waitForEncodingToFinish(double timeoutSeconds);
 
   // ---- Import ----
-  // Imports through the installed BatchPanels; nothing without one or when cancelled.
+  // Imports through the installed FileDialogs; nothing without one or when cancelled.
   void promptImport();
   // Inspects the files in parallel and appends the readable ones in the order given, each
   // starting to encode as it arrives; unreadable ones become importFailures. The future
@@ -180,7 +180,7 @@ class BatchViewModel : public QObject {
   void clearAll();
 
   // ---- Export ----
-  // Asks for a folder through the installed BatchPanels, starting in the folder of the
+  // Asks for a folder through the installed FileDialogs, starting in the folder of the
   // last applied profile, and exports all into it.
   void promptExportAll();
   // Writes every image's compressedData into `folder`, names kept apart within the run,
@@ -205,7 +205,7 @@ class BatchViewModel : public QObject {
   void upsertExportProfile(const ExportProfile& profile);
   // Removes by id; clears appliedProfileName if it named this profile. Saves.
   void deleteExportProfile(const ExportProfile& profile);
-  // Sets quality and format (each with its recompute), the export panel's start folder and
+  // Sets quality and format (each with its recompute), the export dialog's start folder and
   // the applied name.
   void applyExportProfile(const ExportProfile& profile);
   const std::optional<QString>& appliedProfileName() const { return appliedProfileName_; }
@@ -223,13 +223,13 @@ class BatchViewModel : public QObject {
   void undoExport(const ExportRecord& record);
   // Empties the history; files stay.
   void clearExportHistory();
-  // Shows the record's file through the installed BatchPanels.
+  // Shows the record's file through the installed FileDialogs.
   void showInFileManager(const ExportRecord& record);
 
-  // ---- Panels ----
+  // ---- File dialogs ----
   // Not owned; the window installs it and resets it to null before it goes away.
-  void setPanels(BatchPanels* panels) { panels_ = panels; }
-  BatchPanels* panels() const { return panels_; }
+  void setFileDialogs(FileDialogs* dialogs) { fileDialogs_ = dialogs; }
+  FileDialogs* fileDialogs() const { return fileDialogs_; }
 
  signals:
   void imagesChanged();
@@ -305,7 +305,7 @@ class BatchViewModel : public QObject {
   AsyncSemaphore* encodeMemoryBudget_ = nullptr;  // child: megabytes
   std::unique_ptr<QThreadPool> encodePool_;
   std::unique_ptr<QThreadPool> inspectPool_;
-  BatchPanels* panels_ = nullptr;
+  FileDialogs* fileDialogs_ = nullptr;
 };
 
 }  // namespace quillane

@@ -16,7 +16,8 @@ namespace quillane {
 
 using Bytes = std::vector<uint8_t>;
 
-// JPEG (libjpeg-turbo), HEIC (libheif with x265) and AVIF (libavif with aom).
+// JPEG (libjpeg-turbo), HEIC (libheif with x265) and AVIF (libavif with aom). A fixed name: here
+// it stands for those three libraries' writers (engine/codecs/Writers.h).
 namespace NativeImageIOEncoder {
 // `format` must be jpeg, heic or avif and `plan.mode` lossy. JPEG flattens alpha over white.
 Bytes encode(const DecodedImage& image, bool hasAlpha, ImageFormat format, const EncodingPlan& plan);

@@ -68,8 +68,9 @@ LightDecodedImage inspect(const std::string& path);
 // there to tell. Next to nothing for a file that inspection refuses from its first bytes.
 uint64_t inspectionPeakBytes(const std::string& path);
 
-// Decodes the first frame in full and bakes its orientation into the pixels.
-// Throws ImageProcessingError::decodingFailed.
+// Decodes the first frame in full and bakes its orientation into the pixels: the full decode of
+// the readers in engine/codecs (a fixed name: no platform image source is involved). Throws
+// ImageProcessingError::decodingFailed.
 DecodedSource decodeCGImageSource(std::span<const uint8_t> fileData);
 
 // Bakes an EXIF orientation (2 to 8) into the pixels. Any other value: nothing, and the

@@ -9,8 +9,8 @@
 #include <memory>
 
 #include "engine/Localization.h"
+#include "services/SettingsFile.h"
 #include "services/StringTables.h"
-#include "services/UserDefaults.h"
 
 namespace quillane {
 
@@ -19,7 +19,7 @@ namespace {
 const QString kAppleLanguagesKey = QStringLiteral("AppleLanguages");
 const char* const kTestHostVariable = "XCTestConfigurationFilePath";
 
-QStringList storedLanguages() { return UserDefaults::store()->value(kAppleLanguagesKey).toStringList(); }
+QStringList storedLanguages() { return SettingsFile::store()->value(kAppleLanguagesKey).toStringList(); }
 
 // The table of this run: the first language of the list in force that a table serves.
 AppLanguage resolveActiveLanguage(const QStringList& stored, const QStringList& system) {
@@ -137,12 +137,12 @@ bool LanguageManager::systemLanguageIsUnsupported() const {
 }
 
 void LanguageManager::persist(std::optional<AppLanguage> language) {
-  auto settings = UserDefaults::store();
+  auto settings = SettingsFile::store();
   if (language)
     settings->setValue(kAppleLanguagesKey, QStringList{AppLanguages::rawValue(*language)});
   else
     settings->remove(kAppleLanguagesKey);
-  UserDefaults::save(*settings);
+  SettingsFile::save(*settings);
 }
 
 void LanguageManager::relaunch() {

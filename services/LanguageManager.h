@@ -1,6 +1,7 @@
 #pragma once
 // LanguageManager holds the user's choice of language. The choice lives in the settings
-// file under "AppleLanguages" (a list whose first entry is the chosen locale code) and is
+// file under "AppleLanguages" (a list whose first entry is the chosen locale code; a
+// fixed name, and here only a QSettings key) and is
 // read when the process starts, so a change takes effect only after a relaunch: the
 // language pane persists the choice and relaunches, as two explicit steps.
 //
@@ -39,9 +40,9 @@ class LanguageManager : public QObject {
 
   // Reads the stored choice and applies the launch rules: an override in "AppleLanguages"
   // becomes selectedLanguage; otherwise, unless the environment has
-  // "XCTestConfigurationFilePath" (then nothing is written), a first preferred language (the
-  // stored list while it has entries, else the system's) outside the fifteen stores "en-US"
-  // for the next launch and selects enUS.
+  // "XCTestConfigurationFilePath" (the test runs' marker; then nothing is written), a first preferred
+  // language (the stored list while it has entries, else the system's) outside the fifteen stores "en-US" for
+  // the next launch and selects enUS.
   explicit LanguageManager(Platform platform, QObject* parent = nullptr);
 
   // The language chosen by the user; nothing means "follow the system".

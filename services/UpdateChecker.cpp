@@ -12,8 +12,8 @@
 #include "QuillaneVersion.h"
 #include "engine/Localization.h"
 #include "services/DecimalText.h"
+#include "services/SettingsFile.h"
 #include "services/Strings.h"
-#include "services/UserDefaults.h"
 
 #ifndef QUILLANE_UPDATE_HOST
 #define QUILLANE_UPDATE_HOST ""
@@ -47,13 +47,13 @@ UpdateChecker::UpdateChecker(const QUrl& baseUrl, const QString& currentVersion,
 QString UpdateChecker::currentAppVersion() { return QString::fromLatin1(kAppVersion); }
 
 bool UpdateChecker::isCheckAtLaunchEnabled() {
-  return UserDefaults::boolValue(*UserDefaults::store(), kEnabledKey);
+  return SettingsFile::boolValue(*SettingsFile::store(), kEnabledKey);
 }
 
 void UpdateChecker::setCheckAtLaunchEnabled(bool enabled) {
-  auto settings = UserDefaults::store();
+  auto settings = SettingsFile::store();
   settings->setValue(kEnabledKey, enabled);
-  UserDefaults::save(*settings);
+  SettingsFile::save(*settings);
 }
 
 bool UpdateChecker::isNewer(const QString& a, const QString& b) {

@@ -12,7 +12,7 @@
 #include "records/ExportRecord.h"
 #include "services/Strings.h"
 #include "ui/BarLayout.h"
-#include "ui/HistoryPopover.h"
+#include "ui/ExportHistoryView.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
 #include "ui/ProfileMenuView.h"
@@ -123,8 +123,8 @@ void ControlsBar::refresh() {
       RowRules::canExportAll(viewModel_.isEncoding(), viewModel_.hasPendingRecompute(), hasImages));
   const bool hasHistory = !viewModel_.exportHistory().empty();
   history_->setVisible(hasHistory);
-  // The popover goes with its button.
-  if (!hasHistory && historyPopover_) historyPopover_->close();
+  // The popup goes with its button.
+  if (!hasHistory && historyPopup_) historyPopup_->close();
   refreshProgress();
 }
 
@@ -137,9 +137,9 @@ void ControlsBar::refreshProgress() {
 }
 
 void ControlsBar::showHistory() {
-  if (historyPopover_) historyPopover_->close();
-  historyPopover_ = new ExportHistoryView(viewModel_, true, this);
-  historyPopover_->popUp(QRect(history_->mapToGlobal(QPoint(0, 0)), history_->size()));
+  if (historyPopup_) historyPopup_->close();
+  historyPopup_ = new ExportHistoryView(viewModel_, true, this);
+  historyPopup_->popUp(QRect(history_->mapToGlobal(QPoint(0, 0)), history_->size()));
 }
 
 }  // namespace quillane::ui

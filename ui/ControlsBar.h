@@ -10,7 +10,7 @@
 #include <QPointer>
 #include <QWidget>
 
-#include "ui/HistoryPopover.h"
+#include "ui/ExportHistoryView.h"
 
 class QLabel;
 class QProgressBar;
@@ -45,7 +45,7 @@ class ControlsBar : public QWidget {
   QPushButton* exportButton() const { return export_; }
   QToolButton* historyButton() const { return history_; }
 
-  // Opens the history popover under its button (what the button does).
+  // Opens the history popup under its button (what the button does).
   void showHistory();
 
  private:
@@ -69,7 +69,7 @@ class ControlsBar : public QWidget {
   QStackedLayout* exportStack_;
   QPushButton* export_;
   QToolButton* history_;
-  QPointer<ExportHistoryView> historyPopover_;
+  QPointer<ExportHistoryView> historyPopup_;
 };
 
 }  // namespace quillane::ui

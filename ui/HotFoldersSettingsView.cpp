@@ -19,7 +19,7 @@
 #include "hotfolders/HotFoldersManager.h"
 #include "records/ExportProfile.h"
 #include "services/Strings.h"
-#include "ui/DesktopPanels.h"
+#include "ui/DesktopFileDialogs.h"
 #include "ui/Icons.h"
 #include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
@@ -65,11 +65,11 @@ QString HotFoldersSettingsView::subtitle(const HotFolder& hotFolder) {
   return result;
 }
 
-HotFoldersSettingsView::FolderChooser HotFoldersSettingsView::folderChooser(DesktopPanels* panels) {
-  return [panels](const std::optional<QString>& start) -> std::optional<QString> {
-    if (!panels) return std::nullopt;
+HotFoldersSettingsView::FolderChooser HotFoldersSettingsView::folderChooser(DesktopFileDialogs* dialogs) {
+  return [dialogs](const std::optional<QString>& start) -> std::optional<QString> {
+    if (!dialogs) return std::nullopt;
     const std::optional<QUrl> chosen =
-        panels->chooseFolder(start ? std::optional<QUrl>(QUrl::fromLocalFile(*start)) : std::nullopt);
+        dialogs->chooseFolder(start ? std::optional<QUrl>(QUrl::fromLocalFile(*start)) : std::nullopt);
     return chosen ? std::optional<QString>(chosen->toLocalFile()) : std::nullopt;
   };
 }

@@ -32,7 +32,7 @@ class HotFoldersManager;
 
 namespace quillane::ui {
 
-class DesktopPanels;
+class DesktopFileDialogs;
 
 class HotFoldersSettingsView : public QWidget {
   Q_OBJECT
@@ -43,9 +43,9 @@ class HotFoldersSettingsView : public QWidget {
   HotFoldersSettingsView(HotFoldersManager& manager, BatchViewModel& viewModel, FolderChooser chooseFolder,
                          QWidget* parent = nullptr);
 
-  // The folder chooser of `panels` (a modal dialog in which only folders can be chosen and
-  // new ones made); a chooser that never chooses without panels.
-  static FolderChooser folderChooser(DesktopPanels* panels);
+  // The folder chooser of `dialogs` (a modal dialog in which only folders can be chosen and
+  // new ones made); a chooser that never chooses without dialogs.
+  static FolderChooser folderChooser(DesktopFileDialogs* dialogs);
 
   // "/in → /out · Web", or "/in → /out · WebP 80%".
   static QString subtitle(const HotFolder& hotFolder);

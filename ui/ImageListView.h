@@ -5,7 +5,7 @@
 // keyboard, the arrows select a row, Delete removes it, Space or Return opens its comparison
 // (retries a failed import), and the menu key or Shift+F10 opens the row's menu, which holds
 // every action of the row, as does a right click.
-// Requests that need a window (comparison, quality popover, save dialog) are passed up as
+// Requests that need a window (comparison, quality popup, save dialog) are passed up as
 // signals.
 //
 // GUI thread only.

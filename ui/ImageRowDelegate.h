@@ -22,7 +22,7 @@ enum class RowHit {
   animatedBadge,   // help only
   summary,         // help only
   summaryRetry,    // failed encode: retry
-  quality,         // opens the quality popover
+  quality,         // opens the quality popup
   warning,         // retries a failed export
   exportButton,    // save dialog of one image
   remove,          // removes the image
@@ -46,7 +46,7 @@ class ImageRowDelegate : public QStyledItemDelegate {
 
   // The part of the row at `index`, drawn in `rowRect`, under `pos` (viewport coordinates).
   RowHit hitTest(const QRect& rowRect, const QModelIndex& index, const QPoint& pos) const;
-  // The rectangle of a part, for anchoring a popover under it.
+  // The rectangle of a part, for anchoring a popup under it.
   QRect partRect(const QRect& rowRect, const QModelIndex& index, RowHit part) const;
   // The help text of a part, or empty.
   QString helpText(const QModelIndex& index, RowHit part) const;

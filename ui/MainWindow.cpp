@@ -16,7 +16,7 @@
 #include "services/Strings.h"
 #include "ui/ComparisonView.h"
 #include "ui/ControlsBar.h"
-#include "ui/DesktopPanels.h"
+#include "ui/DesktopFileDialogs.h"
 #include "ui/DropTargetView.h"
 #include "ui/Icons.h"
 #include "ui/ImageListModel.h"
@@ -27,12 +27,12 @@
 namespace quillane::ui {
 
 MainWindow::MainWindow(BatchViewModel& viewModel, QWidget* parent)
-    : QMainWindow(parent), viewModel_(viewModel), panels_(std::make_unique<DesktopPanels>(this)) {
+    : QMainWindow(parent), viewModel_(viewModel), fileDialogs_(std::make_unique<DesktopFileDialogs>(this)) {
   setWindowTitle(appName());
   setWindowIcon(Icons::applicationIcon());
   setMinimumSize(minimumWidth, minimumHeight);
   resize(960, 640);
-  viewModel_.setPanels(panels_.get());
+  viewModel_.setFileDialogs(fileDialogs_.get());
 
   auto* central = new QWidget(this);
   auto* layout = new QVBoxLayout(central);
@@ -69,7 +69,7 @@ MainWindow::MainWindow(BatchViewModel& viewModel, QWidget* parent)
 }
 
 MainWindow::~MainWindow() {
-  if (viewModel_.panels() == panels_.get()) viewModel_.setPanels(nullptr);
+  if (viewModel_.fileDialogs() == fileDialogs_.get()) viewModel_.setFileDialogs(nullptr);
 }
 
 QString MainWindow::appName() {
@@ -82,9 +82,9 @@ QUrl MainWindow::websiteURL() {
   return url;
 }
 
-void MainWindow::setPanels(std::unique_ptr<DesktopPanels> panels) {
-  if (viewModel_.panels() == panels_.get()) viewModel_.setPanels(panels.get());
-  panels_ = std::move(panels);
+void MainWindow::setFileDialogs(std::unique_ptr<DesktopFileDialogs> dialogs) {
+  if (viewModel_.fileDialogs() == fileDialogs_.get()) viewModel_.setFileDialogs(dialogs.get());
+  fileDialogs_ = std::move(dialogs);
 }
 
 bool MainWindow::showsList() const { return stack_->currentWidget() == list_; }
@@ -169,30 +169,30 @@ void MainWindow::showComparison(const std::shared_ptr<ImportedImage>& image) {
 }
 
 void MainWindow::showQualityOverride(const std::shared_ptr<ImportedImage>& image, const QRect& anchor) {
-  if (qualityPopover_) qualityPopover_->close();
-  auto* popover = new QualityOverridePopup(viewModel_, image, this);
-  qualityPopover_ = popover;
-  popover->popUp(anchor);
-  // The popover stays under its own row's button when the rows move (another row removed,
+  if (qualityPopup_) qualityPopup_->close();
+  auto* popup = new QualityOverridePopup(viewModel_, image, this);
+  qualityPopup_ = popup;
+  popup->popUp(anchor);
+  // The popup stays under its own row's button when the rows move (another row removed,
   // scrolling, the window resized) and goes with its row.
-  const auto follow = [this, popover, image] {
-    if (qualityPopover_ != popover) return;
+  const auto follow = [this, popup, image] {
+    if (qualityPopup_ != popup) return;
     if (const auto moved = list_->qualityAnchor(image))
-      popover->popUp(*moved);
+      popup->popUp(*moved);
     else
-      popover->close();
+      popup->close();
   };
   const auto later = [follow] { QTimer::singleShot(0, follow); };
-  connect(&list_->listModel(), &QAbstractItemModel::rowsRemoved, popover, later);
-  connect(&list_->listModel(), &QAbstractItemModel::rowsInserted, popover, later);
-  connect(&list_->listModel(), &QAbstractItemModel::rowsMoved, popover, later);
-  connect(&list_->listModel(), &QAbstractItemModel::modelReset, popover, later);
-  connect(list_->verticalScrollBar(), &QScrollBar::valueChanged, popover, later);
+  connect(&list_->listModel(), &QAbstractItemModel::rowsRemoved, popup, later);
+  connect(&list_->listModel(), &QAbstractItemModel::rowsInserted, popup, later);
+  connect(&list_->listModel(), &QAbstractItemModel::rowsMoved, popup, later);
+  connect(&list_->listModel(), &QAbstractItemModel::modelReset, popup, later);
+  connect(list_->verticalScrollBar(), &QScrollBar::valueChanged, popup, later);
 }
 
 void MainWindow::exportSingle(const std::shared_ptr<ImportedImage>& image) {
   const ImageFormat format = viewModel_.outputFormat();
-  const auto url = panels_->chooseSaveFile(RowRules::suggestedExportName(*image, format), format);
+  const auto url = fileDialogs_->chooseSaveFile(RowRules::suggestedExportName(*image, format), format);
   // A cancelled dialog changes nothing.
   if (url) viewModel_.exportSingle(image, *url);
 }

@@ -22,7 +22,7 @@ class ImportedImage;
 namespace quillane::ui {
 
 class ControlsBar;
-class DesktopPanels;
+class DesktopFileDialogs;
 class DropTargetView;
 class ImageListView;
 
@@ -41,8 +41,8 @@ class MainWindow : public QMainWindow {
   static QUrl websiteURL();
 
   // Replaces the dialogs (tests). The window keeps ownership.
-  void setPanels(std::unique_ptr<DesktopPanels> panels);
-  DesktopPanels& panels() const { return *panels_; }
+  void setFileDialogs(std::unique_ptr<DesktopFileDialogs> dialogs);
+  DesktopFileDialogs& fileDialogs() const { return *fileDialogs_; }
   // What the Settings command runs (the application opens its settings window).
   void setSettingsOpener(std::function<void()> opener) { openSettings_ = std::move(opener); }
 
@@ -51,7 +51,7 @@ class MainWindow : public QMainWindow {
   ImageListView* imageList() const { return list_; }
   bool showsList() const;
   QAction* exportAction() const { return exportAction_; }
-  QWidget* qualityPopover() const { return qualityPopover_; }
+  QWidget* qualityPopup() const { return qualityPopup_; }
 
   // The row actions that need a window. The comparison is a window of its own, one per image.
   void showComparison(const std::shared_ptr<ImportedImage>& image);
@@ -65,7 +65,7 @@ class MainWindow : public QMainWindow {
   void refreshExportError();
 
   BatchViewModel& viewModel_;
-  std::unique_ptr<DesktopPanels> panels_;
+  std::unique_ptr<DesktopFileDialogs> fileDialogs_;
   std::function<void()> openSettings_;
   ControlsBar* bar_;
   QStackedWidget* stack_;
@@ -77,7 +77,7 @@ class MainWindow : public QMainWindow {
   QAction* decreaseAction_ = nullptr;
   QAction* quitAction_ = nullptr;
   QMessageBox* alert_ = nullptr;
-  QPointer<QWidget> qualityPopover_;
+  QPointer<QWidget> qualityPopup_;
 };
 
 }  // namespace quillane::ui

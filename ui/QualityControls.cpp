@@ -197,7 +197,7 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
 
   auto* row = new QHBoxLayout;
   slider_ = makeQualitySlider(this);
-  slider_->setFixedWidth(160);  // the popover has room for a finer slider than the bar
+  slider_->setFixedWidth(160);  // the popup has room for a finer slider than the bar
   readout_ = makeReadout(this);
   row->addWidget(slider_);
   row->addWidget(readout_);

@@ -3,7 +3,7 @@
 // - QualitySliderView: the global quality, cooperating with the model's debounce: while the
 //   thumb is held nothing is encoded, and letting go sends a recompute held back meanwhile.
 // - FormatPickerView: the output format menu; choosing the current format recomputes too.
-// - QualityOverridePopup: one image's quality, in a popover; a drag writes nothing until the
+// - QualityOverridePopup: one image's quality, in a popup; a drag writes nothing until the
 //   thumb is let go, so one drag encodes once.
 //
 // GUI thread only. The views hold the model (and the image) by reference / shared pointer.

@@ -4,7 +4,7 @@
 #include <QVBoxLayout>
 
 #include "services/Strings.h"
-#include "ui/DesktopPanels.h"
+#include "ui/DesktopFileDialogs.h"
 #include "ui/ExportProfilesSettingsView.h"
 #include "ui/Icons.h"
 #include "ui/LocalAPISettingsView.h"
@@ -33,9 +33,9 @@ SettingsWindow::SettingsWindow(Services services, QWidget* parent) : QWidget(par
                 Strings::text("settings.language.title"));
   tabs_->addTab(wrapPane(new LocalAPISettingsView(services.apiController)), Icons::icon("terminal"),
                 Strings::text("settings.api.title"));
-  DesktopPanels* panels = services.panels;
-  auto chooser = [panels, this](const std::optional<QUrl>& start) -> std::optional<QUrl> {
-    return panels ? panels->chooseFolder(start, this) : std::nullopt;
+  DesktopFileDialogs* dialogs = services.fileDialogs;
+  auto chooser = [dialogs, this](const std::optional<QUrl>& start) -> std::optional<QUrl> {
+    return dialogs ? dialogs->chooseFolder(start, this) : std::nullopt;
   };
   tabs_->addTab(wrapPane(new ExportProfilesSettingsView(services.viewModel, chooser)),
                 Icons::icon("square.and.arrow.up.on.square"), Strings::text("settings.profiles.title"));

@@ -19,7 +19,7 @@ class UpdateChecker;
 
 namespace quillane::ui {
 
-class DesktopPanels;
+class DesktopFileDialogs;
 
 class SettingsWindow : public QWidget {
   Q_OBJECT
@@ -29,7 +29,7 @@ class SettingsWindow : public QWidget {
     LocalAPIController& apiController;
     UpdateChecker& updateChecker;
     LanguageManager& languageManager;
-    DesktopPanels* panels = nullptr;  // folder chooser of the profile form
+    DesktopFileDialogs* fileDialogs = nullptr;  // folder chooser of the profile form
   };
 
   explicit SettingsWindow(Services services, QWidget* parent = nullptr);

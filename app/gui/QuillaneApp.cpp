@@ -74,10 +74,11 @@ std::unique_ptr<QWidget> QuillaneApp::createMainWindow() {
   ui::MainWindow* main = window.get();
   main->setSettingsOpener([this, main] {
     ui::SettingsWindow* settings = ui::SettingsWindow::showFor(
-        main, {*viewModel_, *apiController_, *updateChecker_, LanguageManager::shared(), &main->panels()});
+        main,
+        {*viewModel_, *apiController_, *updateChecker_, LanguageManager::shared(), &main->fileDialogs()});
     if (!settings->findChild<ui::HotFoldersSettingsView*>()) {
       settings->insertHotFoldersPane(new ui::HotFoldersSettingsView(
-          *hotFoldersManager_, *viewModel_, ui::HotFoldersSettingsView::folderChooser(&main->panels())));
+          *hotFoldersManager_, *viewModel_, ui::HotFoldersSettingsView::folderChooser(&main->fileDialogs())));
     }
   });
   return window;

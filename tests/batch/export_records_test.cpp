@@ -152,7 +152,7 @@ TEST_F(ExportTest, ProfilesAreSavedAtEachChangeAndDeletingTheAppliedOneKeepsItsF
   model.deleteExportProfile({web.id, "WEB", ImageFormat::avif, 50, std::nullopt, false});  // by id
   EXPECT_TRUE(ExportProfiles::load().empty());
   EXPECT_EQ(model.lastAppliedProfileFolder(), QUrl::fromLocalFile("/srv/out"))
-      << "the export panel opens there";
+      << "the export dialog opens there";
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 #include <QTemporaryDir>
 
 #include "services/LanguageManager.h"
-#include "services/UserDefaults.h"
+#include "services/SettingsFile.h"
 
 namespace quillane {
 namespace {
@@ -22,8 +22,8 @@ class LanguageManagerTest : public ::testing::Test {
     qunsetenv("XCTestConfigurationFilePath");  // under a test host nothing would be written
   }
 
-  static void store(const QStringList& value) { UserDefaults::store()->setValue("AppleLanguages", value); }
-  static QStringList stored() { return UserDefaults::store()->value("AppleLanguages").toStringList(); }
+  static void store(const QStringList& value) { SettingsFile::store()->setValue("AppleLanguages", value); }
+  static QStringList stored() { return SettingsFile::store()->value("AppleLanguages").toStringList(); }
   QString settingsPath() const { return dir_.path() + "/Quillane/Quillane.conf"; }
 
   LanguageManager::Platform platform(QStringList system) {
@@ -79,7 +79,7 @@ TEST_F(LanguageManagerTest, ConfirmPersistsSelectsAndQuitsEvenIfTheRelaunchFails
   LanguageManager manager(platform({"de-DE"}));
   QSignalSpy changed(&manager, &LanguageManager::selectedLanguageChanged);
   manager.confirm(std::nullopt);
-  EXPECT_FALSE(UserDefaults::store()->contains("AppleLanguages"));
+  EXPECT_FALSE(SettingsFile::store()->contains("AppleLanguages"));
   EXPECT_EQ(manager.selectedLanguage(), std::nullopt);
   EXPECT_EQ(changed.count(), 1);
   EXPECT_EQ(std::pair(started_.size(), quits_), std::pair(qsizetype(1), 1));

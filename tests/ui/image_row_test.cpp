@@ -1,5 +1,5 @@
 // What an image row shows and does, through the painted list and its rules, and the
-// per-image quality popover.
+// per-image quality popup.
 #include <QLabel>
 #include <QPushButton>
 #include <QSlider>
@@ -105,9 +105,9 @@ TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRow) {
   EXPECT_EQ(model_->importFailures()[0].id, second);
 }
 
-class QualityPopoverTest : public ImageRowTest {};
+class QualityPopupTest : public ImageRowTest {};
 
-TEST_F(QualityPopoverTest, ADragChangesNothingUntilReleasedAndAClickMakesNoOverride) {
+TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAndAClickMakesNoOverride) {
   auto image = importOne("a.png", 100'000, {});
   ui::QualityOverridePopup popup(*model_, image);
   popup.show();
@@ -122,13 +122,13 @@ TEST_F(QualityPopoverTest, ADragChangesNothingUntilReleasedAndAClickMakesNoOverr
   ASSERT_TRUE(waitIdle());
 }
 
-TEST_F(QualityPopoverTest, RevertFollowsTheGlobalQualityAgain) {
+TEST_F(QualityPopupTest, RevertFollowsTheGlobalQualityAgain) {
   auto image = importOne("a.png", 100'000, {});
   model_->setQualityOverride(image, 30);
   ASSERT_TRUE(waitIdle());
   ui::QualityOverridePopup popup(*model_, image);
   popup.show();
-  model_->setQuality(72.6);  // from the local API while the popover is open
+  model_->setQuality(72.6);  // from the local API while the popup is open
   EXPECT_TRUE(popup.revertButton()->text().contains("72"));
   EXPECT_EQ(popup.readoutText(), "30");
   popup.revertButton()->click();

@@ -20,7 +20,7 @@
 #include "tests/ui/ui_test_support.h"
 #include "ui/ComparisonView.h"
 #include "ui/ControlsBar.h"
-#include "ui/HistoryPopover.h"
+#include "ui/ExportHistoryView.h"
 #include "ui/HotFoldersSettingsView.h"
 #include "ui/ImageListView.h"
 #include "ui/MainWindow.h"

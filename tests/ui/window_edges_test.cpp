@@ -16,7 +16,7 @@
 #include "tests/ui/ui_test_support.h"
 #include "ui/ComparisonView.h"
 #include "ui/ControlsBar.h"
-#include "ui/DesktopPanels.h"
+#include "ui/DesktopFileDialogs.h"
 #include "ui/ExportProfilesSettingsView.h"
 #include "ui/ImageListModel.h"
 #include "ui/ImageListView.h"
@@ -28,8 +28,8 @@
 namespace quillane::uitest {
 namespace {
 
-using ui::DesktopPanels;
-using Kind = DesktopPanels::FolderKind;
+using ui::DesktopFileDialogs;
+using Kind = DesktopFileDialogs::FolderKind;
 
 using WindowEdgesTest = WindowFixture;
 
@@ -144,17 +144,17 @@ TEST_F(WindowEdgesTest, AnOpenQualityPopoverStaysWithItsRow) {
   ui::ImageListView& list = *window().imageList();
   auto b = model_->images()[1];
   list.activate(list.listModel().index(list.listModel().rowOfImage(1)), ui::RowHit::quality);
-  QWidget* popover = window().qualityPopover();
-  ASSERT_TRUE(popover && popover->isVisible());
+  QWidget* popup = window().qualityPopup();
+  ASSERT_TRUE(popup && popup->isVisible());
   const QRect before = *list.qualityAnchor(b);
-  const int top = popover->y();
+  const int top = popup->y();
   model_->removeImage(model_->images()[0]);  // as the local API may do meanwhile
   const QRect after = *list.qualityAnchor(b);
   ASSERT_NE(after.y(), before.y());
   // It moves with the row (within the window frame's few pixels).
-  EXPECT_TRUE(QTest::qWaitFor([&] { return std::abs(popover->y() - top - (after.y() - before.y())) <= 4; }));
+  EXPECT_TRUE(QTest::qWaitFor([&] { return std::abs(popup->y() - top - (after.y() - before.y())) <= 4; }));
   model_->removeImage(b);
-  EXPECT_TRUE(QTest::qWaitFor([&] { return !window().qualityPopover(); }));
+  EXPECT_TRUE(QTest::qWaitFor([&] { return !window().qualityPopup(); }));
 }
 
 // The bar's and the profile form's format menus are one choice each; choosing the current
@@ -256,12 +256,12 @@ QString nameField(QFileDialog& dialog) {
 }
 
 TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindElseHomeAndOfferTheSixFormats) {
-  DesktopPanels panels;
-  DesktopPanels::rememberFolder(Kind::import, dir_.filePath("no-such-folder"));
-  DesktopPanels::rememberFolder(Kind::exportFolder, {});
+  DesktopFileDialogs dialogs;
+  DesktopFileDialogs::rememberFolder(Kind::import, dir_.filePath("no-such-folder"));
+  DesktopFileDialogs::rememberFolder(Kind::exportFolder, {});
   const QUrl picked = source("picked.png");
   const QList<QUrl> chosen =
-      withDialog([&] { return panels.chooseFilesToImport(); },
+      withDialog([&] { return dialogs.chooseFilesToImport(); },
                  [&](QFileDialog& dialog) {
                    EXPECT_EQ(dialog.directory().absolutePath(), QDir::homePath());
                    EXPECT_EQ(nameField(dialog), QString());
@@ -276,17 +276,17 @@ TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindElseHomeAndOfferTh
   EXPECT_EQ(chosen, QList<QUrl>{picked});
 
   // The next import starts where the last one was; export keeps its own folder.
-  withDialog([&] { return panels.chooseFilesToImport(); },
+  withDialog([&] { return dialogs.chooseFilesToImport(); },
              [&](QFileDialog& dialog) {
                EXPECT_EQ(dialog.directory().absolutePath(), QDir(dir_.path()).absolutePath());
                EXPECT_EQ(nameField(dialog), QString());
                dialog.reject();
              });
-  EXPECT_EQ(DesktopPanels::startFolder(Kind::exportFolder), QDir::homePath());
+  EXPECT_EQ(DesktopFileDialogs::startFolder(Kind::exportFolder), QDir::homePath());
 }
 
 // The profile form's folder chooser stands over the settings window, not the main window.
-class RecordingPanels : public DesktopPanels {
+class RecordingFileDialogs : public DesktopFileDialogs {
  public:
   std::optional<QUrl> chooseFolder(const std::optional<QUrl>&, QWidget* parent) override {
     parents.push_back(parent);
@@ -297,16 +297,16 @@ class RecordingPanels : public DesktopPanels {
 
 TEST_F(WindowEdgesTest, TheProfileFolderChooserIsParentedToTheSettingsWindow) {
   window();
-  RecordingPanels panels;
+  RecordingFileDialogs dialogs;
   LocalAPIController controller(*model_);
   UpdateChecker checker(QUrl("http://127.0.0.1:9"), "1.0");
   LanguageManager languages(LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
-  ui::SettingsWindow settings({*model_, controller, checker, languages, &panels}, &window());
+  ui::SettingsWindow settings({*model_, controller, checker, languages, &dialogs}, &window());
   settings.setAttribute(Qt::WA_DeleteOnClose, false);
   auto* pane = settings.findChild<ui::ExportProfilesSettingsView*>();
   ASSERT_TRUE(pane);
   pane->chooseFolder();
-  EXPECT_EQ(panels.parents, std::vector<QWidget*>{&settings});
+  EXPECT_EQ(dialogs.parents, std::vector<QWidget*>{&settings});
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "ui/HistoryPopover.h"
+#include "ui/ExportHistoryView.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -27,7 +27,7 @@ ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWid
     : QFrame(parent, popup ? Qt::Popup : Qt::Widget), viewModel_(viewModel) {
   if (popup) setAttribute(Qt::WA_DeleteOnClose);
   setFrameShape(QFrame::StyledPanel);
-  setFixedSize(popoverWidth, popoverHeight);
+  setFixedSize(popupWidth, popupHeight);
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(12, 10, 12, 10);
   layout->setSpacing(6);

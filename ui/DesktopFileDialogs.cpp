@@ -1,4 +1,4 @@
-#include "ui/DesktopPanels.h"
+#include "ui/DesktopFileDialogs.h"
 
 #include <QApplication>
 #include <QDBusConnection>
@@ -9,19 +9,19 @@
 #include <QFileInfo>
 #include <string>
 
+#include "services/SettingsFile.h"
 #include "services/Strings.h"
-#include "services/UserDefaults.h"
 
 namespace quillane::ui {
 namespace {
 
-const char* settingsKey(DesktopPanels::FolderKind kind) {
+const char* settingsKey(DesktopFileDialogs::FolderKind kind) {
   switch (kind) {
-    case DesktopPanels::FolderKind::import:
+    case DesktopFileDialogs::FolderKind::import:
       return "lastImportFolder";
-    case DesktopPanels::FolderKind::exportFolder:
+    case DesktopFileDialogs::FolderKind::exportFolder:
       return "lastExportFolder";
-    case DesktopPanels::FolderKind::profileFolder:
+    case DesktopFileDialogs::FolderKind::profileFolder:
       return "lastProfileFolder";
   }
   return "lastImportFolder";
@@ -33,26 +33,26 @@ QString existingFolder(const QString& folder) {
 }
 
 // Remembers the folder of the first chosen URL (the URL itself when it is a folder).
-void rememberChoice(DesktopPanels::FolderKind kind, const QUrl& chosen, bool chosenIsFolder) {
+void rememberChoice(DesktopFileDialogs::FolderKind kind, const QUrl& chosen, bool chosenIsFolder) {
   if (!chosen.isLocalFile()) return;
   const QString path = chosen.toLocalFile();
-  DesktopPanels::rememberFolder(kind, chosenIsFolder ? path : QFileInfo(path).absolutePath());
+  DesktopFileDialogs::rememberFolder(kind, chosenIsFolder ? path : QFileInfo(path).absolutePath());
 }
 
 }  // namespace
 
-QString DesktopPanels::startFolder(FolderKind kind) {
-  const QString remembered = existingFolder(UserDefaults::store()->value(settingsKey(kind)).toString());
+QString DesktopFileDialogs::startFolder(FolderKind kind) {
+  const QString remembered = existingFolder(SettingsFile::store()->value(settingsKey(kind)).toString());
   return remembered.isEmpty() ? QDir::homePath() : remembered;
 }
 
-void DesktopPanels::rememberFolder(FolderKind kind, const QString& folder) {
-  auto settings = UserDefaults::store();
+void DesktopFileDialogs::rememberFolder(FolderKind kind, const QString& folder) {
+  auto settings = SettingsFile::store();
   settings->setValue(settingsKey(kind), folder);
-  UserDefaults::save(*settings);
+  SettingsFile::save(*settings);
 }
 
-QString DesktopPanels::importFilter() {
+QString DesktopFileDialogs::importFilter() {
   // The usual names of PNG, JPEG, HEIC, AVIF, WebP and JPEG XL files (the dialog ignores case);
   // the import itself goes by the content.
   static const QString patterns =
@@ -60,7 +60,7 @@ QString DesktopPanels::importFilter() {
   return QStringLiteral("%1 (%2)").arg(Strings::text("import.filterLabel"), patterns);
 }
 
-QList<QUrl> DesktopPanels::chooseFilesToImport() {
+QList<QUrl> DesktopFileDialogs::chooseFilesToImport() {
   QFileDialog dialog(window_, Strings::text("menu.import"), startFolder(FolderKind::import), importFilter());
   dialog.setFileMode(QFileDialog::ExistingFiles);
   dialog.setAcceptMode(QFileDialog::AcceptOpen);
@@ -69,12 +69,12 @@ QList<QUrl> DesktopPanels::chooseFilesToImport() {
   return dialog.selectedUrls();
 }
 
-std::optional<QUrl> DesktopPanels::chooseExportFolder(const std::optional<QUrl>& startFolder,
-                                                      const QString& prompt, const QString& message) {
+std::optional<QUrl> DesktopFileDialogs::chooseExportFolder(const std::optional<QUrl>& startFolder,
+                                                           const QString& prompt, const QString& message) {
   const QString profileFolder = startFolder ? existingFolder(startFolder->toLocalFile()) : QString();
   QFileDialog dialog(
       window_, message,
-      profileFolder.isEmpty() ? DesktopPanels::startFolder(FolderKind::exportFolder) : profileFolder);
+      profileFolder.isEmpty() ? DesktopFileDialogs::startFolder(FolderKind::exportFolder) : profileFolder);
   dialog.setFileMode(QFileDialog::Directory);
   dialog.setOption(QFileDialog::ShowDirsOnly, true);
   dialog.setAcceptMode(QFileDialog::AcceptOpen);
@@ -84,7 +84,7 @@ std::optional<QUrl> DesktopPanels::chooseExportFolder(const std::optional<QUrl>&
   return dialog.selectedUrls().first();
 }
 
-std::optional<QUrl> DesktopPanels::chooseSaveFile(const QString& suggestedName, ImageFormat format) {
+std::optional<QUrl> DesktopFileDialogs::chooseSaveFile(const QString& suggestedName, ImageFormat format) {
   QFileDialog dialog(window_, Strings::text("row.exportHelp"));
   dialog.setAcceptMode(QFileDialog::AcceptSave);
   dialog.setDirectory(startFolder(FolderKind::exportFolder));
@@ -96,12 +96,14 @@ std::optional<QUrl> DesktopPanels::chooseSaveFile(const QString& suggestedName, 
   return dialog.selectedUrls().first();
 }
 
-std::optional<QUrl> DesktopPanels::chooseFolder(const std::optional<QUrl>& startFolder, QWidget* parent) {
+std::optional<QUrl> DesktopFileDialogs::chooseFolder(const std::optional<QUrl>& startFolder,
+                                                     QWidget* parent) {
   const QString current = startFolder ? existingFolder(startFolder->toLocalFile()) : QString();
   // Over the window it was asked from: the settings window, not the main one.
   if (!parent) parent = QApplication::activeWindow() ? QApplication::activeWindow() : window_.data();
-  QFileDialog dialog(parent, Strings::text("settings.profiles.chooseFolder"),
-                     current.isEmpty() ? DesktopPanels::startFolder(FolderKind::profileFolder) : current);
+  QFileDialog dialog(
+      parent, Strings::text("settings.profiles.chooseFolder"),
+      current.isEmpty() ? DesktopFileDialogs::startFolder(FolderKind::profileFolder) : current);
   dialog.setFileMode(QFileDialog::Directory);
   dialog.setOption(QFileDialog::ShowDirsOnly, true);
   if (dialog.exec() != QDialog::Accepted || dialog.selectedUrls().isEmpty()) return std::nullopt;
@@ -109,7 +111,7 @@ std::optional<QUrl> DesktopPanels::chooseFolder(const std::optional<QUrl>& start
   return dialog.selectedUrls().first();
 }
 
-void DesktopPanels::showInFileManager(const QUrl& file) {
+void DesktopFileDialogs::showInFileManager(const QUrl& file) {
   QDBusMessage call = QDBusMessage::createMethodCall(
       QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
       QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));

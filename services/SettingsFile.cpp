@@ -1,10 +1,10 @@
-#include "services/UserDefaults.h"
+#include "services/SettingsFile.h"
 
 #include <sys/stat.h>
 
 #include <QFile>
 
-namespace quillane::UserDefaults {
+namespace quillane::SettingsFile {
 
 std::unique_ptr<QSettings> store() {
   // On Linux the native format is INI; unlike IniFormat, whose files end in ".ini", it names
@@ -36,4 +36,4 @@ QString stringValue(const QSettings& settings, QAnyStringView key) {
   return value.toString();
 }
 
-}  // namespace quillane::UserDefaults
+}  // namespace quillane::SettingsFile

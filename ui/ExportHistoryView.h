@@ -1,5 +1,5 @@
 #pragma once
-// ExportHistoryView: the export history in a popover of the control bar, newest first. Each
+// ExportHistoryView: the export history in a popup of the control bar, newest first. Each
 // row tells where a file went and offers to show it or take the export back; a row whose file
 // a later export overwrote is faded and marked.
 //
@@ -22,10 +22,10 @@ namespace quillane::ui {
 class ExportHistoryView : public QFrame {
   Q_OBJECT
  public:
-  static constexpr int popoverWidth = 420;
-  static constexpr int popoverHeight = 320;
+  static constexpr int popupWidth = 420;
+  static constexpr int popupHeight = 320;
 
-  // As a popover with `popup`, else as a plain widget (tests, screenshots).
+  // As a popup with `popup`, else as a plain widget (tests, screenshots).
   ExportHistoryView(BatchViewModel& viewModel, bool popup, QWidget* parent = nullptr);
 
   int rowCount() const;

@@ -8,7 +8,7 @@
 #include <QSettings>
 #include <memory>
 
-namespace quillane::UserDefaults {
+namespace quillane::SettingsFile {
 
 std::unique_ptr<QSettings> store();
 
@@ -23,4 +23,4 @@ bool boolValue(const QSettings& settings, QAnyStringView key);
 // INI reader splits into a list, is joined back.
 QString stringValue(const QSettings& settings, QAnyStringView key);
 
-}  // namespace quillane::UserDefaults
+}  // namespace quillane::SettingsFile

@@ -1,5 +1,5 @@
 #pragma once
-// The file dialogs and the file manager, as the model and the views need them: the open panel
+// The file dialogs and the file manager, as the model and the views need them: the open dialog
 // of the import, the folder chooser of the export, the save dialog of one image, the folder
 // chooser of a profile, and showing a file in the desktop's file manager (D-Bus
 // org.freedesktop.FileManager1, else the folder is opened). Each kind of dialog starts in the
@@ -19,11 +19,11 @@ class QFileDialog;
 
 namespace quillane::ui {
 
-class DesktopPanels : public BatchPanels {
+class DesktopFileDialogs : public FileDialogs {
  public:
   enum class FolderKind { import, exportFolder, profileFolder };
 
-  explicit DesktopPanels(QWidget* window = nullptr) : window_(window) {}
+  explicit DesktopFileDialogs(QWidget* window = nullptr) : window_(window) {}
 
   QList<QUrl> chooseFilesToImport() override;
   std::optional<QUrl> chooseExportFolder(const std::optional<QUrl>& startFolder, const QString& prompt,
