@@ -198,12 +198,11 @@ void QuillaneBusService::runOnGuiThread(const QDBusMessage& message, const QDBus
   QMetaObject::invokeMethod(
       this,
       [message, connection, work = std::move(work)] {
-        QDBusConnection bus = connection;
         if (work())
-          bus.send(message.createReply());
+          connection.send(message.createReply());
         else
-          bus.send(message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.NotSupported"),
-                                            QStringLiteral("This instance has no window to show")));
+          connection.send(message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.NotSupported"),
+                                                   QStringLiteral("This instance has no window to show")));
       },
       Qt::QueuedConnection);
 }
@@ -222,8 +221,7 @@ void QuillaneBusService::compress(const QDBusMessage& message, const QDBusConnec
     } catch (...) {
       reply = errorReply(message, std::current_exception());
     }
-    QDBusConnection bus = connection;
-    bus.send(reply);
+    connection.send(reply);
     // The pool is the service's own and is drained in its destructor, so `this` is alive here.
     if (--pending_ == 0)
       QMetaObject::invokeMethod(

@@ -82,7 +82,7 @@ TEST_P(DamagedFiles, TruncatedFilesOnlyEverFailCleanlyAndSilently) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryFormat, DamagedFiles, ::testing::ValuesIn(kSamples),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& instance) { return std::string(instance.param.name); });
 
 void expectRefusedForSize(const Bytes& file) {
   try {
