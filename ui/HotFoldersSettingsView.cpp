@@ -19,6 +19,7 @@
 #include "hotfolders/HotFoldersManager.h"
 #include "records/ExportProfile.h"
 #include "services/Strings.h"
+#include "ui/BackgroundSettingsSection.h"
 #include "ui/DesktopFileDialogs.h"
 #include "ui/Icons.h"
 #include "ui/QualityControls.h"
@@ -169,6 +170,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   errors_ = new QGroupBox(Strings::text("settings.hotFolders.errorLogSection"), this);
   errorLines_ = new QVBoxLayout(errors_);
   layout->addWidget(errors_);
+  layout->addWidget(new BackgroundSettingsSection(this));
   layout->addStretch(1);
 
   connect(&manager_, &HotFoldersManager::hotFoldersChanged, this, &HotFoldersSettingsView::rebuildList);

@@ -44,6 +44,9 @@ class QuillaneApp : public QObject {
   void stopServices();
   UpdateChecker& updateChecker() { return *updateChecker_; }
 
+  // Builds the hot folders manager, which starts the enabled hot folders; once.
+  HotFoldersManager& startHotFolders();
+
   // Makes the main window, showing the one batch. The caller owns it. The first call also
   // builds the hot folders manager, which starts the enabled hot folders.
   std::unique_ptr<QWidget> createMainWindow();

@@ -137,7 +137,7 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
   useLanguage({});
 }
 
-TEST_F(WindowEdgesTest, AnOpenQualityPopoverStaysWithItsRow) {
+TEST_F(WindowEdgesTest, AnOpenQualityPopupStaysWithItsRow) {
   window();
   import({source("a.png"), source("b.png")});
   ASSERT_TRUE(waitIdle());
