@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "batch/ExportFilenameAllocator.h"
+#include "budget/CompressionBudget.h"
+#include "budget/CompressionCost.h"
 #include "engine/ImageCompressor.h"
 #include "engine/Localization.h"
 #include "records/ExportProfileResolver.h"
@@ -144,6 +146,8 @@ QStringList CompressImagesIntent::perform() const {
     const std::string path = localPath(file).toStdString();
     const QString base = QString::fromStdString(std::filesystem::path(path).filename().stem().string());
     const QString name = allocator.filename(base, extensionText);
+    const CompressionBudget::Claim claim =
+        CompressionBudget::process().claim(CompressionCost::fileCostMB(path, resolved.format));
     const ImageCompressionResult result =
         ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name.toStdString());
     if (!result.destination)
