@@ -356,13 +356,13 @@ void ImageComparisonView::loadOriginalPreview() {
 
 void ImageComparisonView::loadCompressedPreview() {
   const quint64 generation = ++compressedGeneration_;
-  const std::optional<QByteArray>& data = image_->compressedData();
-  if (!data) {
+  const std::optional<QByteArray>& compressed = image_->compressedData();
+  if (!compressed) {
     area_->setCompressedPreview(std::nullopt);
     return;
   }
   QPointer<ImageComparisonView> self(this);
-  const QByteArray bytes = *data;
+  const QByteArray bytes = *compressed;
   QThreadPool::globalInstance()->start([self, bytes, generation] {
     const auto* begin = reinterpret_cast<const uint8_t*>(bytes.constData());
     QImage result = previewImage(std::span<const uint8_t>(begin, size_t(bytes.size())));

@@ -151,10 +151,10 @@ void LanguageSettingsView::restartNow() { manager_.confirm(pending_.currentSelec
 
 void LanguageSettingsView::refresh() {
   const std::optional<AppLanguage> shown = pending_.currentSelection(manager_);
-  const int data = shown ? int(*shown) : -1;
+  const int shownData = shown ? int(*shown) : -1;
   {
     const QSignalBlocker block(picker_);
-    picker_->setCurrentIndex(picker_->findData(data));
+    picker_->setCurrentIndex(picker_->findData(shownData));
   }
   const bool pending = pending_.hasPendingChange(manager_);
   note_->setVisible(pending);
