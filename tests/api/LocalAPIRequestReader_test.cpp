@@ -19,7 +19,8 @@ TEST(RequestReader, HeaderLimitCountsTheWholeBufferEvenWhenTheHeadIsComplete) {
   EXPECT_EQ(reader.receive("\r\n\r\n" + std::string(100, 'b')), Outcome::malformed);
 
   std::string head = "GET / HTTP/1.1\r\nX: ";
-  head += std::string(LocalAPIRequestReader::headerLimit - head.size() - 4, 'a') + "\r\n\r\n";
+  head.append(LocalAPIRequestReader::headerLimit - head.size() - 4, 'a');
+  head += "\r\n\r\n";
   EXPECT_EQ(LocalAPIRequestReader().receive(head), Outcome::request) << "exactly at the limit";
 }
 
