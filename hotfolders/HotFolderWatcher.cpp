@@ -54,8 +54,8 @@ bool statFolder(const QString& folder, struct stat& st) {
 }  // namespace
 
 // The watcher's side on its own thread: the inotify descriptor and its notifier, the
-// debounce, poll and retry timers. Every member is touched on that thread only; the object
-// is deleted there when the thread ends, closing the descriptor.
+// debounce, poll and retry timers. Every member is touched on that thread only, until the
+// thread has ended.
 class HotFolderWatcher::Loop : public QObject {
  public:
   explicit Loop(HotFolderWatcher& watcher) : watcher_(watcher) {
@@ -64,7 +64,7 @@ class HotFolderWatcher::Loop : public QObject {
     connect(&poll_, &QTimer::timeout, this, [this] { scanIfRunning(); });  // a poll is not debounced
     connect(&retry_, &QTimer::timeout, this, [this] { open(); });
   }
-  ~Loop() override { closeWatch(); }
+  ~Loop() override { closeWatch(); }  // a no-op by then: the thread's end stopped everything
 
   // Watches the folder, or waits for it. Each watch that begins asks for a first scan, which
   // picks up what arrived while the folder was not watched.
@@ -180,14 +180,18 @@ HotFolderWatcher::HotFolderWatcher(HotFolder hotFolder, Timing timing, VolumeChe
       loop_(new Loop(*this)) {
   thread_->setObjectName(QStringLiteral("com.quillane.Quillane.hotFolderWatcher.") + hotFolder_.idText());
   loop_->moveToThread(thread_.get());
-  QObject::connect(thread_.get(), &QThread::finished, loop_, &QObject::deleteLater);
+  // The notifier and the timers are let go on their own thread, as the thread ends; the
+  // object itself is deleted once the thread has ended.
+  QObject::connect(
+      thread_.get(), &QThread::finished, loop_, [loop = loop_] { loop->stop(); }, Qt::DirectConnection);
   thread_->start();
 }
 
 HotFolderWatcher::~HotFolderWatcher() {
   stop();
   thread_->quit();
-  thread_->wait();  // the Loop is deleted as the thread ends
+  thread_->wait();
+  delete loop_;
 }
 
 bool HotFolderWatcher::isStopped() const {

@@ -140,7 +140,7 @@ class HotFolderWatcher {
   const Timing timing_;
   const VolumeCheck volumeCheck_;
   std::unique_ptr<QThread> thread_;
-  Loop* loop_;  // lives on thread_, deleted there as it ends
+  Loop* loop_;  // lives on thread_; deleted once thread_ has ended
 
   mutable std::mutex stateLock_;  // guards the two fields below; never held across a call out
   bool isStopped_ = false;
