@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QtConcurrent/QtConcurrentRun>
+#include <algorithm>
 
 #include "engine/Localization.h"
 #include "hotfolders/HotFolderProcessedStore.h"
@@ -78,11 +79,23 @@ void HotFoldersManager::retire(const QUuid& hotFolderID) {
   if (progress_.remove(hotFolderID)) emit progressChanged();
 }
 
+void HotFoldersManager::setPaused(bool paused) {
+  if (paused_ == paused) return;
+  paused_ = paused;
+  applyWatchers();
+  emit pausedChanged();
+}
+
+bool HotFoldersManager::hasEnabledFolder() const {
+  return std::any_of(hotFolders_.begin(), hotFolders_.end(),
+                     [](const HotFolder& folder) { return folder.isEnabled; });
+}
+
 void HotFoldersManager::applyWatchers() {
   QSet<QUuid> enabledIDs;
   HotFolderList enabled;
   for (const HotFolder& folder : hotFolders_) {
-    if (!folder.isEnabled) continue;
+    if (!folder.isEnabled || paused_) continue;
     enabledIDs.insert(folder.id);
     enabled.push_back(folder);
   }
@@ -108,7 +121,7 @@ void HotFoldersManager::applyWatchers() {
 
 void HotFoldersManager::applyChecked(const std::map<QUuid, QString>& refusals) {
   for (const HotFolder& folder : hotFolders_) {
-    if (!folder.isEnabled) continue;
+    if (!folder.isEnabled || paused_) continue;
     const auto refusal = refusals.find(folder.id);
     if (refusal != refusals.end()) {
       retire(folder.id);

@@ -62,6 +62,12 @@ class HotFoldersManager : public QObject {
   void remove(const HotFolder& hotFolder);
   void clearActivity();
 
+  // Paused, no folder runs (their settings are kept); resuming starts the enabled ones again,
+  // each with a fresh scan. Not saved: a new process starts unpaused.
+  void setPaused(bool paused);
+  bool isPaused() const { return paused_; }
+  bool hasEnabledFolder() const;
+
   // Stops at once what should not run; then checks the enabled folders off this thread and
   // starts what may run and is not running, and has each running watcher check its folder.
   // Idempotent; called at each edit and at each mount change.
@@ -72,6 +78,7 @@ class HotFoldersManager : public QObject {
   void recentActivityChanged();
   void progressChanged();
   void statusChanged();
+  void pausedChanged();
 
  private:
   void applyChecked(const std::map<QUuid, QString>& refusals);
@@ -93,6 +100,7 @@ class HotFoldersManager : public QObject {
   std::vector<std::unique_ptr<HotFolderWatcher>> retired_;  // stopped, perhaps still scanning
   MountObserver* volumeMountObserver_ = nullptr;
   QSet<QUuid> unstartedHotFolderIDs_;
+  bool paused_ = false;
   QThreadPool checks_;       // the folder checks, which may block on a slow volume
   int checkGeneration_ = 0;  // only the newest check's result is applied
 };

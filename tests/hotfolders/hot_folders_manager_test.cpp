@@ -73,6 +73,20 @@ TEST_F(HotFoldersManagerTest, MissingSourceIsReportedOnceAndStartsWhenItAppears)
   EXPECT_EQ(manager.recentActivity().size(), 1u);
 }
 
+TEST_F(HotFoldersManagerTest, PauseStopsEveryFolderUntilResumedAndKeepsTheirSettings) {
+  const HotFolder hotFolder = folder();
+  HotFolders::save({hotFolder});
+  HotFoldersManager manager;
+  settle(manager, hotFolder.id, State::watching);
+  manager.setPaused(true);
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  manager.applyWatchers();  // a mount change does not undo the pause
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  EXPECT_TRUE(HotFolders::load().at(0).isEnabled);
+  manager.setPaused(false);
+  settle(manager, hotFolder.id, State::watching);
+}
+
 // A bind mount stands in for a volume that arrives later. It needs the right to mount (root
 // in a container, say); elsewhere the test is skipped.
 class BindMount {
