@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "batch/ExportFilenameAllocator.h"
+#include "budget/CompressionBudget.h"
+#include "budget/CompressionCost.h"
 #include "engine/ImageCompressor.h"
 #include "engine/Localization.h"
 #include "records/ExportProfileResolver.h"
@@ -152,6 +154,8 @@ QStringList CompressImagesIntent::perform() const {
     // Beside the sources nothing is replaced: a name already taken on disk is passed over.
     while (besideSources && std::filesystem::exists(std::filesystem::path(folder) / name.toStdString()))
       name = allocator->second.filename(base, extensionText);
+    const CompressionBudget::Claim claim =
+        CompressionBudget::process().claim(CompressionCost::fileCostMB(path, resolved.format));
     const ImageCompressionResult result =
         ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name.toStdString());
     if (!result.destination) throw CompressionFailedError(source.filename().string(), result.error);
