@@ -197,12 +197,14 @@ void QuillaneBusService::runOnGuiThread(const QDBusMessage& message, const QDBus
                                         std::function<bool()> work) {
   QMetaObject::invokeMethod(
       this,
-      [message, connection, work = std::move(work)] {
-        if (work())
+      [this, message, connection, work = std::move(work)] {
+        if (work()) {
           connection.send(message.createReply());
-        else
+        } else {
           connection.send(message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.NotSupported"),
                                                    QStringLiteral("This instance has no window to show")));
+          emit windowRefused();
+        }
       },
       Qt::QueuedConnection);
 }
