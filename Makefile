@@ -43,7 +43,7 @@ tidy: build
 screenshots: build
 	rm -rf $(BUILD)/screenshots
 	QT_QPA_PLATFORM=offscreen QUILLANE_SCREENSHOTS=$(CURDIR)/$(BUILD)/screenshots \
-		$(BUILD)/bin/ui_tests --gtest_filter='Screenshots.*:ClippedText.*'
+		$(BUILD)/bin/ui_tests --gtest_filter='Screenshots.*:SettingsScreenshots.*:ClippedText.*'
 	@ls $(BUILD)/screenshots | wc -l | xargs printf '%s screenshots in $(BUILD)/screenshots/\n'
 
 bench: deps

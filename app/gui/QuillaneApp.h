@@ -42,6 +42,8 @@ class QuillaneApp : public QObject {
   // Stops the hot folders (waiting for the files they are writing) and the local API server,
   // so that the process may end at once: the batch's own encodes write nothing.
   void stopServices();
+  // Null until the first createMainWindow().
+  HotFoldersManager* hotFoldersManager() { return hotFoldersManager_.get(); }
   UpdateChecker& updateChecker() { return *updateChecker_; }
 
   // Builds the hot folders manager, which starts the enabled hot folders; once.

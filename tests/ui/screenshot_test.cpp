@@ -1,7 +1,7 @@
-// Renders the window, the comparison sheet, the history and each settings tab to PNG files for a
-// person to look at (make screenshots: the Screenshots suite, which CTest does not run), and
-// checks in every language that no text of the bar or the panes is cut at the window's minimum
-// size (ClippedText, in CTest with the label `slow`).
+// Renders the window, the comparison sheet, the history, the tray menu and each settings tab to
+// PNG files for a person to look at, when make screenshots asks (the Screenshots suite runs only
+// then), and checks in every language that no text of the bar or the panes is cut at the
+// window's minimum size (ClippedText, in CTest with the label `slow`).
 #include <QApplication>
 #include <QDir>
 #include <QImage>
@@ -158,7 +158,7 @@ TEST_F(Screenshots, ComparisonOfARealEncoding) {
   narrow->close();
 }
 
-class ClippedText : public Screenshots {
+class SettingsScreenshots : public Screenshots {
  protected:
   std::unique_ptr<ui::SettingsWindow> makeSettings() {
     if (!model_) makeShowcaseBatch();
@@ -197,6 +197,7 @@ class ClippedText : public Screenshots {
   std::unique_ptr<UpdateChecker> checker_;
   std::unique_ptr<LanguageManager> languages_;
 };
+class ClippedText : public SettingsScreenshots {};
 
 // The tray icon's menu of a background instance, running and paused; its entries do what they say.
 TEST_F(SettingsScreenshots, TrayMenuRunningAndPaused) {
