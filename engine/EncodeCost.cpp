@@ -48,7 +48,7 @@ constexpr Measured kAvifCareful{{26, 24 * kMB}, {80, 30 * kMB}, 5};
 // lossless and near-lossless keep hash chains and backward references of every pixel, far
 // fewer on graphics.
 constexpr Measured kWebPLossy{{6.5, 2 * kMB}, {8, 2 * kMB}, 7};
-constexpr Measured kWebPLossless{{36, 8 * kMB}, {14, 4 * kMB}, 1};
+constexpr Measured kWebPLossless{{36, 14 * kMB}, {14, 4 * kMB}, 1};
 // JPEG XL (libjxl 0.7): lossy holds the frame in floats three times over; at effort 7 its
 // patch search on graphics costs as much as lossless. Lossless holds every sample as a 32-bit
 // integer and a token; at effort 5 and above, graphics take four times that.
@@ -60,7 +60,7 @@ constexpr Measured kJxlLosslessLight{{74, 10 * kMB}, {45, 10 * kMB}, 8};
 // PNG: libimagequant's histogram of a many-coloured picture (larger at its slower speeds) and
 // its remapped rows; the truecolour writer's filtered rows and deflate output.
 constexpr Measured kPngPalette{{32, 25 * kMB}, {23, 4 * kMB}, 0};
-constexpr Measured kPngPaletteFast{{8, 30 * kMB}, {23, 4 * kMB}, 0};
+constexpr Measured kPngPaletteFast{{8, 30 * kMB}, {8, 30 * kMB}, 0};
 constexpr Measured kPngTruecolour{{13.5, 4 * kMB}, {12.5, 2 * kMB}, 0};
 
 const Measured& measured(ImageFormat format, Kind kind, int effort, uint64_t pixels) {
