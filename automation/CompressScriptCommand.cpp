@@ -170,7 +170,10 @@ uint64_t physicalMemoryBytes() {
 // claims the whole budget and so runs alone.
 int memoryCostMB(const std::string& path) {
   const auto header = ImageDecoder::readHeader(path);
-  if (header) return BatchViewModel::encodeCostMB(header->width, header->height);
+  // The encode, then the distance of what it wrote, one after the other: the larger counts.
+  if (header)
+    return std::max(BatchViewModel::encodeCostMB(header->width, header->height),
+                    BatchViewModel::measureCostMB(header->width, header->height, 0, 0));
   return std::numeric_limits<int>::max();
 }
 
@@ -251,7 +254,7 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
       [&](size_t i) {
         try {
           results[i] =
-              ImageCompressor::compress(paths[i], folder, resolved.format, resolved.quality, names[i]);
+              ImageCompressor::compress(paths[i], folder, resolved.format, resolved.quality, names[i], true);
         } catch (const std::exception&) {  // out of memory for the record itself
           results[i].path = paths[i];
           results[i].error = Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
