@@ -8,8 +8,9 @@
 #include <QtConcurrent/QtConcurrentRun>
 #include <atomic>
 
-#include "batch/AsyncSemaphore.h"
 #include "batch/BatchViewModelPrivate.h"
+#include "budget/CompressionBudget.h"
+#include "budget/CompressionCost.h"
 #include "engine/Cancellation.h"
 #include "engine/PerceptualDistance.h"
 
@@ -22,13 +23,6 @@ struct Look {
 };
 }  // namespace
 
-int BatchViewModel::measureCostMB(int width, int height, int64_t sourceBytes, int64_t resultBytes) {
-  const uint64_t bytes = PerceptualDistance::peakBytes(width, height) +
-                         uint64_t(std::max<int64_t>(sourceBytes, 0)) +
-                         uint64_t(std::max<int64_t>(resultBytes, 0));
-  return int(std::clamp<uint64_t>(bytes / 1048576 + 8, 1, INT32_MAX));
-}
-
 void BatchViewModel::measureResult(const std::shared_ptr<ImportedImage>& image) {
   if (!options_.measureResults || !image || !image->compressedData()) return;
   const QByteArray result = *image->compressedData();
@@ -40,15 +34,16 @@ void BatchViewModel::measureResult(const std::shared_ptr<ImportedImage>& image) 
     cancel->store(true);
     QObject::disconnect(*stale);
   });
-  const int costMB =
-      measureCostMB(image->width(), image->height(), image->originalSizeBytes(), result.size());
+  const int costMB = CompressionCost::measureCostMB(
+      image->width(), image->height(),
+      uint64_t(std::max<int64_t>(image->originalSizeBytes(), 0)) + uint64_t(result.size()));
   std::weak_ptr<ImportedImage> weakImage = image;
-  encodeSemaphore_->wait(1, [this, weakImage, result, cancel, stale, costMB] {
-    encodeMemoryBudget_->wait(costMB, [this, weakImage, result, cancel, stale, costMB] {
+  processorSlots_->wait(1, this, [this, weakImage, result, cancel, stale, costMB] {
+    memoryBudget_->wait(costMB, this, [this, weakImage, result, cancel, stale, costMB] {
       auto image = weakImage.lock();
       if (!image || cancel->load()) {
-        encodeMemoryBudget_->signal(costMB);
-        encodeSemaphore_->signal(1);
+        memoryBudget_->release(costMB);
+        processorSlots_->release(1);
         return;
       }
       QtConcurrent::run(encodePool_.get(), [reader = options_.reader, path = image->sourceFilePath(), result,
@@ -69,8 +64,8 @@ void BatchViewModel::measureResult(const std::shared_ptr<ImportedImage>& image) 
         }
         return look;
       }).then(this, [this, weakImage, result, stale, costMB](Look look) {
-        encodeMemoryBudget_->signal(costMB);
-        encodeSemaphore_->signal(1);
+        memoryBudget_->release(costMB);
+        processorSlots_->release(1);
         QObject::disconnect(*stale);
         auto image = weakImage.lock();
         // Implicit sharing: the same data pointer means the row still shows this result.

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "engine/Errors.h"
+#include "engine/SystemMemory.h"
 #include "engine/codecs/Readers.h"
 
 namespace quillane::codecs {
@@ -20,8 +21,8 @@ void checkSize(uint64_t width, uint64_t height) {
 }
 
 void checkFitsInMemory(uint64_t pixels, uint64_t bytesPerPixel) {
-  const long pages = ::sysconf(_SC_PHYS_PAGES), pageSize = ::sysconf(_SC_PAGESIZE);
-  uint64_t available = pages > 0 && pageSize > 0 ? uint64_t(pages) * uint64_t(pageSize) : UINT64_MAX;
+  uint64_t available = physicalMemoryBytes();
+  if (available == 0) available = UINT64_MAX;
   struct rlimit limit {};
   if (::getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY)
     available = std::min<uint64_t>(available, limit.rlim_cur);
@@ -100,13 +101,9 @@ CodedLayout codedLayout(Input bytes) {
 std::optional<uint64_t> reducedDecodeBytes(ImageFormat format, Input bytes, int minLongSide) {
   switch (format) {
     case ImageFormat::png: {
-      // Rows as libpng hands them over and their sums, and a reduced output (at most 1/8 of
-      // the sides of an interlaced picture, or below twice minLongSide), 16 bits at most.
       auto props = pngProperties(bytes);
       if (!props) return std::nullopt;
-      const uint64_t pixels = uint64_t(props->width) * uint64_t(props->height);
-      const uint64_t side = uint64_t(std::max(minLongSide, 1));
-      return uint64_t(props->width) * 16 + std::max(pixels / 64, 16 * side * side) * 8 + (1u << 20);
+      return pngReducedDecodeBytes(*props, minLongSide);
     }
     case ImageFormat::jpeg:
       return jpegReducedDecodeBytes(bytes, minLongSide);
@@ -120,6 +117,14 @@ std::optional<uint64_t> reducedDecodeBytes(ImageFormat format, Input bytes, int 
       return jxlReducedDecodeBytes(bytes);
   }
   return std::nullopt;
+}
+
+uint64_t pngReducedDecodeBytes(const Properties& props, int minLongSide) {
+  // Rows as libpng hands them over and their sums, and a reduced output (at most 1/8 of the
+  // sides of an interlaced picture, or below twice minLongSide), 16 bits at most.
+  const uint64_t pixels = uint64_t(props.width) * uint64_t(props.height);
+  const uint64_t side = uint64_t(std::max(minLongSide, 1));
+  return uint64_t(props.width) * 16 + std::max(pixels / 64, 16 * side * side) * 8 + (1u << 20);
 }
 
 int orientationFromRotationMirror(int quarterTurnsAnticlockwise, int mirrorMode) {
