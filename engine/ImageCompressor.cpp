@@ -179,7 +179,7 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
                                  : baseName(path) + "." + std::string(ImageFormats::fileExtension(format));
     const std::string destination =
         std::filesystem::absolute(std::filesystem::path(directory) / name).string();
-    FileIO::writeFileAtomically(destination, compressed);
+    FileIO::writeFileAtomically(destination, compressed, FileIO::permissionsFor(path));
     const auto original = int64_t(source.size());
     const auto written = int64_t(compressed.size());
     result.originalSizeBytes = original;
