@@ -5,10 +5,13 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <system_error>
 #include <vector>
 
 #include "batch/ExportFilenameAllocator.h"
+#include "budget/CompressionBudget.h"
+#include "budget/CompressionCost.h"
 #include "engine/ImageCompressor.h"
 #include "engine/Localization.h"
 #include "records/ExportProfileResolver.h"
@@ -149,26 +152,34 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
   if (outputFolder) folderArgument = localPath(*outputFolder);
   const auto resolved = ExportProfileResolver::resolve(
       profileName, explicitQuality, ImageFormatAppEnums::imageFormat(format), folderArgument);
-  if (!resolved.outputDirectory || resolved.outputDirectory->isEmpty()) throw MissingOutputDirectoryError();
-  const std::string folder = resolved.outputDirectory->toStdString();
-  createFolder(folder);
+  // Without a folder (a fresh install has no profile), each result goes beside its source.
+  const bool besideSources = !resolved.outputDirectory || resolved.outputDirectory->isEmpty();
+  if (!besideSources) createFolder(resolved.outputDirectory->toStdString());
 
-  // Fresh for every call: files of one call never take each other's names, nor an input's.
+  // Fresh for every call, one per folder written into: files of one call never take each
+  // other's names, nor an input's.
   std::vector<std::string> inputs;
   for (const QString& file : files) inputs.push_back(localPath(file).toStdString());
-  ExportFilenameAllocator allocator(folder, inputs);
+  std::map<std::string, ExportFilenameAllocator> allocators;
   const std::string_view extension = ImageFormats::fileExtension(resolved.format);
   const QString extensionText = QString::fromUtf8(extension.data(), qsizetype(extension.size()));
   QStringList outputs;
-  for (const QString& file : files) {
+  for (const std::string& path : inputs) {
     if (callerGone && callerGone()) throw CallerGoneError();
-    const std::string path = localPath(file).toStdString();
-    const QString base = QString::fromStdString(std::filesystem::path(path).filename().stem().string());
-    const QString name = allocator.filename(base, extensionText);
+    const std::filesystem::path source = std::filesystem::absolute(path);
+    const std::string folder =
+        besideSources ? source.parent_path().string() : resolved.outputDirectory->toStdString();
+    auto allocator = allocators.try_emplace(folder, folder, inputs).first;
+    const QString base = QString::fromStdString(source.filename().stem().string());
+    QString name = allocator->second.filename(base, extensionText);
+    // Beside the sources nothing is replaced: a name already taken on disk is passed over.
+    while (besideSources && std::filesystem::exists(std::filesystem::path(folder) / name.toStdString()))
+      name = allocator->second.filename(base, extensionText);
+    const CompressionBudget::Claim claim =
+        CompressionBudget::process().claim(CompressionCost::fileCostMB(path, resolved.format));
     const ImageCompressionResult result =
         ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name.toStdString());
-    if (!result.destination)
-      throw CompressionFailedError(std::filesystem::path(path).filename().string(), result.error);
+    if (!result.destination) throw CompressionFailedError(source.filename().string(), result.error);
     outputs.append(QString::fromStdString(*result.destination));
   }
   return outputs;

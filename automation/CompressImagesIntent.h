@@ -99,11 +99,13 @@ struct CompressImagesIntent {
   // Resolves the settings (explicit values, then the named or default profile), makes the
   // output folder with its parents, and compresses the files in order with names kept apart
   // within this call, never replacing one of `files` (such a name gets the next number);
-  // returns the written files' paths in the order of `files`.
-  // Throws, before touching anything: EmptyFileListError, ProfileNotFoundError,
-  // MissingOutputDirectoryError, FileError (the folder can't be made); and on the first file
-  // that fails, CompressionFailedError. `callerGone`, when given, is asked first and before
-  // each file; true ends the call there with CallerGoneError.
+  // returns the written files' paths in the order of `files`. With no folder given and none
+  // in the profile, each result is written beside its source, under a name that no file
+  // there has yet ("photo.png" to PNG gives "photo-2.png", or "photo-3.png" when that exists).
+  // Throws, before touching anything: EmptyFileListError, ProfileNotFoundError, FileError
+  // (the folder can't be made); and on the first file that fails, CompressionFailedError.
+  // `callerGone`, when given, is asked first and before each file; true ends the call there
+  // with CallerGoneError.
   QStringList perform(const std::function<bool()>& callerGone = {}) const;
 };
 

@@ -8,9 +8,7 @@
 #include <QThread>
 #include <QUrl>
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -21,8 +19,9 @@
 #include <thread>
 #include <vector>
 
-#include "batch/BatchViewModel.h"
 #include "batch/ExportFilenameAllocator.h"
+#include "budget/CompressionBudget.h"
+#include "budget/CompressionCost.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageFormat.h"
@@ -127,66 +126,28 @@ std::string baseName(const std::string& path) {
   return std::filesystem::path(path).filename().stem().string();
 }
 
-// How the window's batch bounds its encodes, for a command that has no event loop to wait
-// in: one file a processor, and a memory budget in megabytes that each file claims by its
-// size (BatchViewModel's encodeMemoryBudgetMB and encodeCostMB). Files start strictly in
-// the order of the arguments: the first waiting file holds back those behind it, even when
-// they would fit.
-class MemoryGate {
- public:
-  explicit MemoryGate(int limit) : limit_(std::max(limit, 1)), available_(limit_) {}
-  int clamp(int cost) const { return std::clamp(cost, 1, limit_); }
-  // `turn` counts 0, 1, 2... in the order the files must start.
-  void acquire(size_t turn, int cost) {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return turn == nextTurn_ && available_ >= cost; });
-    available_ -= cost;
-    ++nextTurn_;
-    changed_.notify_all();
-  }
-  void release(int cost) {
-    {
-      std::lock_guard lock(mutex_);
-      available_ += cost;
-    }
-    changed_.notify_all();
-  }
-
- private:
-  const int limit_;
-  int available_;
-  size_t nextTurn_ = 0;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-};
-
-uint64_t physicalMemoryBytes() {
-  const long pages = ::sysconf(_SC_PHYS_PAGES), pageSize = ::sysconf(_SC_PAGE_SIZE);
-  return pages > 0 && pageSize > 0 ? uint64_t(pages) * uint64_t(pageSize) : 0;
-}
-
-// The megabytes a file claims, from the dimensions in its header; a file whose header can't
-// be read in its first bytes (or that is no regular file, which is not read ahead at all)
-// claims the whole budget and so runs alone.
-int memoryCostMB(const std::string& path) {
-  const auto header = ImageDecoder::readHeader(path);
-  if (header) return BatchViewModel::encodeCostMB(header->width, header->height);
-  return std::numeric_limits<int>::max();
-}
-
-// Runs job(0) ... job(count - 1) on as many threads as there are processors, within the
-// memory budget; returns when all have run. `job` must not throw.
+// Runs job(0) ... job(count - 1) on as many threads as there are processors, each claiming
+// costMB(i) from the process's compression budget; returns when all have run. Files start
+// strictly in the order of the arguments: a thread takes its index and queues its claim under
+// one lock, so the first waiting file holds back those behind it, even when they would fit.
+// `job` must not throw.
 void compressInParallel(size_t count, const std::function<void(size_t)>& job,
                         const std::function<int(size_t)>& costMB) {
   const size_t processors = size_t(std::max(QThread::idealThreadCount(), 1));
-  MemoryGate gate(BatchViewModel::encodeMemoryBudgetMB(physicalMemoryBytes()));
-  std::atomic<size_t> next{0};
+  CompressionBudget& budget = CompressionBudget::process();
+  std::mutex turn;
+  size_t next = 0;
   auto worker = [&] {
-    for (size_t i = next++; i < count; i = next++) {
-      const int cost = gate.clamp(costMB(i));
-      gate.acquire(i, cost);
+    while (true) {
+      size_t i;
+      CompressionBudget::Claim claim;
+      {
+        std::lock_guard lock(turn);
+        if (next >= count) return;
+        i = next++;
+        claim = budget.claim(costMB(i));
+      }
       job(i);
-      gate.release(cost);
     }
   };
   std::vector<std::thread> threads;
@@ -257,7 +218,7 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
           results[i].error = Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
         }
       },
-      [&](size_t i) { return memoryCostMB(paths[i]); });
+      [&](size_t i) { return CompressionCost::fileCostMB(paths[i], resolved.format); });
   return ImageCompressor::jsonString(results);
 }
 

@@ -12,22 +12,13 @@
 #include <algorithm>
 #include <atomic>
 
-#include "batch/AsyncSemaphore.h"
 #include "batch/BatchViewModelPrivate.h"
+#include "budget/CompressionBudget.h"
+#include "budget/CompressionCost.h"
 #include "engine/Cancellation.h"
 #include "engine/Errors.h"
 
 namespace quillane {
-
-int BatchViewModel::encodeMemoryBudgetMB(uint64_t physicalMemoryBytes) {
-  if (physicalMemoryBytes > 4294967295ull) return int(std::min<uint64_t>(physicalMemoryBytes >> 23, 4096));
-  return 512;
-}
-
-int BatchViewModel::encodeCostMB(int width, int height) {
-  const int64_t pixels = int64_t(std::max(width, 0)) * int64_t(std::max(height, 0));
-  return int(std::clamp<int64_t>(pixels * 20 / 1048576 + 8, 1, INT32_MAX));
-}
 
 void BatchViewModel::setHasPendingRecompute(bool pending) {
   if (pending == hasPendingRecompute_) return;
@@ -107,7 +98,7 @@ void BatchViewModel::scheduleEncode(const std::shared_ptr<ImportedImage>& image,
   task->image = image;
   task->quality = quality;
   task->format = format;
-  task->costMB = encodeCostMB(image->width(), image->height());
+  task->costMB = CompressionCost::encodeCostMB(image->width(), image->height(), format);
   encodeTasks_[id] = task;
 
   if (!debounce) {
@@ -128,18 +119,17 @@ void BatchViewModel::scheduleEncode(const std::shared_ptr<ImportedImage>& image,
 
 void BatchViewModel::startEncodeTask(const std::shared_ptr<EncodeTask>& task) {
   // Always the processor slot first, then the memory: every task takes them in the same
-  // order and none holds one while asleep, so they cannot deadlock.
-  encodeSemaphore_->wait(1, [this, task] {
-    encodeMemoryBudget_->wait(task->costMB, [this, task] {
-      auto leave = [this, task] {
-        encodeMemoryBudget_->signal(task->costMB);
-        encodeSemaphore_->signal(1);
-      };
+  // order and none holds one while asleep, so they cannot deadlock. The slot goes back when
+  // the encode is settled (by its result or by the watchdog); the memory when the work ends,
+  // which for an encode that can't be cancelled is later than its deadline.
+  processorSlots_->wait(1, this, [this, task] {
+    memoryBudget_->wait(task->costMB, this, [this, task] {
       if (task->cancelled) {
-        leave();
+        memoryBudget_->release(task->costMB);
+        processorSlots_->release(1);
         return;
       }
-      runEncode(task, leave);
+      runEncode(task, [this] { processorSlots_->release(1); });
     });
   });
 }
@@ -207,9 +197,12 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
   // encode, within the memory the encode claimed and no longer uses: a reduced decode takes
   // less than the full one before it, so no preview bound of its own applies.
   const bool wantsThumbnail = image->thumbnail().empty();
+  CompressionBudget* memory = memoryBudget_;
+  const int costMB = task->costMB;
   QtConcurrent::run(
       encodePool_.get(),
-      [workEnded, reader, encoder, path, format, quality, label, cancel, wantsThumbnail]() -> EncodeResult {
+      [workEnded, reader, encoder, path, format, quality, label, cancel, wantsThumbnail, memory,
+       costMB]() -> EncodeResult {
         EncodeResult result;
         Cancellation::Scope scope(cancel.get());
         try {
@@ -222,6 +215,7 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
           result.error = batchdetail::describeCurrentException(QString::fromStdString(
               ImageProcessingError::encodingFailed(label.toStdString()).description()));
         }
+        memory->release(costMB);
         *workEnded = true;
         return result;
       })

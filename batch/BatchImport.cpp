@@ -9,8 +9,9 @@
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
 
-#include "batch/AsyncSemaphore.h"
 #include "batch/BatchViewModelPrivate.h"
+#include "budget/CompressionBudget.h"
+#include "budget/CompressionCost.h"
 #include "engine/Errors.h"
 #include "records/JSONFileStore.h"
 #include "records/JsonForms.h"
@@ -107,11 +108,10 @@ void BatchViewModel::startInspection(const std::shared_ptr<InspectionRun>& run, 
   // must not sit behind a queue of long encodes, and inspections are short.
   const std::string path = localFilePath(run->urls[index]);
   QtConcurrent::run(inspectPool_.get(), [path] {
-    const uint64_t bytes = ImageDecoder::inspectionPeakBytes(path);
-    return int(std::min<uint64_t>((bytes + (1u << 20) - 1) >> 20, INT32_MAX));
+    return CompressionCost::megabytes(ImageDecoder::inspectionPeakBytes(path));
   }).then(this, [this, run, index, path](int costMB) {
-    encodeMemoryBudget_->waitAhead(costMB,
-                                   [this, run, index, path, costMB] { inspect(run, index, path, costMB); });
+    memoryBudget_->waitAhead(costMB, this,
+                             [this, run, index, path, costMB] { inspect(run, index, path, costMB); });
   });
 }
 
@@ -119,7 +119,7 @@ void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int inde
                              int costMB) {
   using Outcome = InspectionRun::Outcome;
   Inspector inspector = options_.inspector;
-  QtConcurrent::run(inspectPool_.get(), [inspector, path]() -> Outcome {
+  QtConcurrent::run(inspectPool_.get(), [inspector, path, memory = memoryBudget_, costMB]() -> Outcome {
     Outcome outcome;
     try {
       outcome.decoded = inspector(path);
@@ -127,9 +127,9 @@ void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int inde
       outcome.error = batchdetail::describeCurrentException(
           QString::fromStdString(ImageProcessingError::decodingFailed().description()));
     }
+    memory->release(costMB);
     return outcome;
-  }).then(this, [this, run, index, costMB](const Outcome& outcome) {
-    encodeMemoryBudget_->signal(costMB);
+  }).then(this, [this, run, index](const Outcome& outcome) {
     run->buffer[index] = outcome;
     if (run->nextToStart < run->urls.size()) startInspection(run, run->nextToStart++);
     // A slow early file holds back the delivery of later ones, never their inspection.

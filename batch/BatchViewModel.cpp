@@ -3,29 +3,18 @@
 
 #include "batch/BatchViewModel.h"
 
-#include <unistd.h>
-
 #include <QThread>
 #include <QThreadPool>
 #include <algorithm>
 
-#include "batch/AsyncSemaphore.h"
 #include "batch/BatchViewModelPrivate.h"
+#include "budget/CompressionBudget.h"
 #include "engine/Errors.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageDecoder.h"
 #include "engine/Localization.h"
 
 namespace quillane {
-
-namespace {
-uint64_t physicalMemoryBytes() {
-  const long pages = sysconf(_SC_PHYS_PAGES);
-  const long pageSize = sysconf(_SC_PAGE_SIZE);
-  if (pages <= 0 || pageSize <= 0) return 0;
-  return uint64_t(pages) * uint64_t(pageSize);
-}
-}  // namespace
 
 namespace batchdetail {
 QString describeCurrentException(const QString& fallback) {
@@ -48,17 +37,17 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
   if (!options_.inspector) options_.inspector = &ImageDecoder::inspect;
   const int processors = options_.processorCount > 0 ? options_.processorCount : QThread::idealThreadCount();
   options_.processorCount = std::max(processors, 1);
-  const int budget =
-      options_.memoryBudgetMB > 0 ? options_.memoryBudgetMB : encodeMemoryBudgetMB(physicalMemoryBytes());
-  options_.memoryBudgetMB = std::max(budget, 1);
 
   loadRecords();
 
-  encodeSemaphore_ = new AsyncSemaphore(options_.processorCount, this);
-  encodeMemoryBudget_ = new AsyncSemaphore(options_.memoryBudgetMB, this);
+  processorSlots_ = std::make_unique<CompressionBudget>(options_.processorCount);
+  if (options_.memoryBudgetMB > 0)
+    ownMemoryBudget_ = std::make_unique<CompressionBudget>(options_.memoryBudgetMB);
+  memoryBudget_ = ownMemoryBudget_ ? ownMemoryBudget_.get() : &CompressionBudget::process();
   encodePool_ = std::make_unique<QThreadPool>();
-  // The semaphores bound the encodes that count; the pool only needs room beyond them for
-  // work abandoned by a timeout, which runs on until the encoder returns.
+  // The processor slots bound the encodes that count; the pool only needs room beyond them
+  // for work abandoned by a timeout, which runs on (holding its memory) until the encoder
+  // returns.
   encodePool_->setMaxThreadCount(options_.processorCount + 16);
   inspectPool_ = std::make_unique<QThreadPool>();
   inspectPool_->setMaxThreadCount(options_.processorCount);
@@ -75,8 +64,8 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
 }
 
 BatchViewModel::~BatchViewModel() {
-  // Abandoned work still holds pool threads; their results go nowhere, since every
-  // continuation is tied to this object.
+  // Abandoned work still holds pool threads (and its memory, given back as it ends); their
+  // results go nowhere, since every continuation is tied to this object.
   encodePool_->waitForDone();
   inspectPool_->waitForDone();
 }

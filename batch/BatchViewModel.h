@@ -7,8 +7,9 @@
 // and shared by reference with the window and the local API. GUI thread only: every
 // operation below must be called on the GUI thread, and every change signal is emitted
 // there. Inspection and encoding run on private thread pools; their results come back by
-// queued calls. The model owns its images (shared with rows and tasks), its two semaphores
-// and its pools; the window may install a BatchPanels for the file dialogs.
+// queued calls. The model owns its images (shared with rows and tasks), its processor slots
+// and its pools, and claims memory from the process's CompressionBudget; the window may
+// install a BatchPanels for the file dialogs.
 
 #include <QFuture>
 #include <QList>
@@ -39,7 +40,7 @@ class QThreadPool;
 
 namespace quillane {
 
-class AsyncSemaphore;
+class CompressionBudget;
 
 using ImageList = std::vector<std::shared_ptr<ImportedImage>>;
 using ImportFailureList = std::vector<ImportFailure>;
@@ -98,7 +99,7 @@ class BatchViewModel : public QObject {
     Encoder encoder;                            // empty: ImageCompressor::encodeData
     Inspector inspector;                        // empty: ImageDecoder::inspect
     int processorCount = 0;                     // 0 or less: QThread::idealThreadCount()
-    int memoryBudgetMB = 0;                     // 0 or less: encodeMemoryBudgetMB(physical memory)
+    int memoryBudgetMB = 0;                     // 0 or less: CompressionBudget::process(), else its own
     std::chrono::milliseconds watchdog{45000};  // an encode slower than this fails
     std::chrono::milliseconds debounce{250};    // quiet time before a recompute or an override encode
     bool restoreSession = true;                 // start restoring importSession.json after construction
@@ -110,11 +111,6 @@ class BatchViewModel : public QObject {
   explicit BatchViewModel(Options options, QObject* parent = nullptr);
   // Running encodes are abandoned; waits for pool threads still busy with them.
   ~BatchViewModel() override;
-
-  // One eighth of the memory in megabytes, at most 4096; 512 for machines under 4 GiB.
-  static int encodeMemoryBudgetMB(uint64_t physicalMemoryBytes);
-  // Working memory of one encode in MB: 20 bytes a pixel plus 8 MB, at least 1.
-  static int encodeCostMB(int width, int height);
 
   // ---- Batch state ----
   const ImageList& images() const { return images_; }
@@ -301,8 +297,9 @@ class BatchViewModel : public QObject {
   std::map<QUuid, std::shared_ptr<EncodeTask>> encodeTasks_;
   std::set<QUuid> activeEncodeImageIDs_;
   std::set<QUuid> pendingReEncodeImageIDs_;
-  AsyncSemaphore* encodeSemaphore_ = nullptr;     // child: processor count
-  AsyncSemaphore* encodeMemoryBudget_ = nullptr;  // child: megabytes
+  std::unique_ptr<CompressionBudget> processorSlots_;   // one permit per processor
+  std::unique_ptr<CompressionBudget> ownMemoryBudget_;  // when Options::memoryBudgetMB is set
+  CompressionBudget* memoryBudget_ = nullptr;           // megabytes: own, else the process's
   std::unique_ptr<QThreadPool> encodePool_;
   std::unique_ptr<QThreadPool> inspectPool_;
   BatchPanels* panels_ = nullptr;

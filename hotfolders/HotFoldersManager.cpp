@@ -1,6 +1,7 @@
 #include "hotfolders/HotFoldersManager.h"
 
 #include <QDateTime>
+#include <algorithm>
 
 #include "engine/Localization.h"
 #include "hotfolders/HotFolderProcessedStore.h"
@@ -70,10 +71,22 @@ void HotFoldersManager::retire(const QUuid& hotFolderID) {
   if (progress_.remove(hotFolderID)) emit progressChanged();
 }
 
+void HotFoldersManager::setPaused(bool paused) {
+  if (paused_ == paused) return;
+  paused_ = paused;
+  applyWatchers();
+  emit pausedChanged();
+}
+
+bool HotFoldersManager::hasEnabledFolder() const {
+  return std::any_of(hotFolders_.begin(), hotFolders_.end(),
+                     [](const HotFolder& folder) { return folder.isEnabled; });
+}
+
 void HotFoldersManager::applyWatchers() {
   QSet<QUuid> enabledIDs;
   for (const HotFolder& folder : hotFolders_) {
-    if (folder.isEnabled) enabledIDs.insert(folder.id);
+    if (folder.isEnabled && !paused_) enabledIDs.insert(folder.id);
   }
   std::vector<QUuid> unwanted;
   for (const auto& [id, watcher] : watchers_) {
@@ -84,7 +97,7 @@ void HotFoldersManager::applyWatchers() {
   awaitingVolumeIDs_.intersect(enabledIDs);
 
   for (const HotFolder& folder : hotFolders_) {
-    if (!folder.isEnabled) continue;
+    if (!enabledIDs.contains(folder.id)) continue;
     const auto running = watchers_.find(folder.id);
     // A watcher whose folder went away (deleted, unmounted, covered by a mount) is tried again.
     if (running != watchers_.end() && running->second->hotFolder() == folder &&

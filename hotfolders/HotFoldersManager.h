@@ -50,6 +50,12 @@ class HotFoldersManager : public QObject {
   void remove(const HotFolder& hotFolder);
   void clearActivity();
 
+  // Paused, no folder runs (their settings are kept); resuming starts the enabled ones again,
+  // each with a fresh scan. Not saved: a new process starts unpaused.
+  void setPaused(bool paused);
+  bool isPaused() const { return paused_; }
+  bool hasEnabledFolder() const;
+
   // Starts what should run and is not running, stops what should not. Idempotent; called at
   // each edit and at each mount change.
   void applyWatchers();
@@ -58,6 +64,7 @@ class HotFoldersManager : public QObject {
   void hotFoldersChanged();
   void recentActivityChanged();
   void progressChanged();
+  void pausedChanged();
 
  private:
   void noteCouldNotStart(const HotFolder& hotFolder, const QString& message);
@@ -72,6 +79,7 @@ class HotFoldersManager : public QObject {
   std::vector<std::weak_ptr<HotFolderWatcher>> retired_;  // stopped, perhaps still scanning
   MountObserver* volumeMountObserver_ = nullptr;
   QSet<QUuid> unstartedHotFolderIDs_;
+  bool paused_ = false;
   // Folders that were the root of a volume that has been unmounted. Their mount point is an
   // empty folder now, and scanning it would drop the memory of every file; they wait for a
   // volume to be mounted there again.

@@ -17,6 +17,8 @@
 #include <vector>
 
 #include "batch/BatchViewModel.h"
+#include "budget/CompressionBudget.h"
+#include "budget/CompressionCost.h"
 #include "engine/ImageDecoder.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
@@ -49,15 +51,26 @@ QImage toQImage(const DecodedImage& image) {
 
 namespace {
 
-// The preview of `source` (a file's path or its bytes); a null image when it can't be decoded.
-template <class Source>
-QImage previewImage(const Source& source) {
+// The preview of `source` (a file's path or its bytes), within a claim on the process's
+// compression budget; a null image when it can't be decoded.
+QImage previewImage(std::span<const uint8_t> bytes) {
   std::optional<DecodedImage> preview;
   try {
-    preview = ImageDecoder::loadPreview(source, ComparisonGeometry::previewPixelSize);
+    const CompressionBudget::Claim claim = CompressionBudget::process().claim(
+        CompressionCost::previewCostMB(bytes, ComparisonGeometry::previewPixelSize));
+    preview = ImageDecoder::loadPreview(bytes, ComparisonGeometry::previewPixelSize);
   } catch (...) {
   }
   return preview ? toQImage(*preview) : QImage();
+}
+QImage previewImage(const std::string& path) {
+  std::vector<uint8_t> bytes;
+  try {
+    bytes = ImageDecoder::readSource(path);
+  } catch (...) {
+    return {};
+  }
+  return previewImage(std::span<const uint8_t>(bytes));
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "batch/BatchViewModel.h"
 #include "hotfolders/HotFoldersManager.h"
 #include "records/ExportProfile.h"
+#include "ui/BackgroundSettingsSection.h"
 #include "ui/DesktopPanels.h"
 #include "ui/Icons.h"
 #include "ui/QualityControls.h"
@@ -176,6 +177,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   errors_ = new QGroupBox(text("settings.hotFolders.errorLogSection", "Erreurs"), this);
   errorLines_ = new QVBoxLayout(errors_);
   layout->addWidget(errors_);
+  layout->addWidget(new BackgroundSettingsSection(this));
   layout->addStretch(1);
 
   connect(&manager_, &HotFoldersManager::hotFoldersChanged, this, &HotFoldersSettingsView::rebuildList);

@@ -132,7 +132,8 @@ QIcon tinted(const QString& symbol, const QColor& color) {
 }
 
 QIcon applicationIcon() {
-  if (QIcon::hasThemeIcon(QStringLiteral("quillane"))) return QIcon::fromTheme(QStringLiteral("quillane"));
+  if (QIcon::hasThemeIcon(QStringLiteral("com.quillane.Quillane")))
+    return QIcon::fromTheme(QStringLiteral("com.quillane.Quillane"));
   return QIcon(QStringLiteral(":/quillane/quillane.svg"));
 }
 

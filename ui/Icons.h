@@ -30,7 +30,7 @@ QPixmap pixmap(const QString& symbol, int size, const QColor& color, qreal devic
 // Whether a bundled SVG exists for `symbol`.
 bool hasSymbol(const QString& symbol);
 
-// The application icon (theme "quillane", else the bundled SVG).
+// The application icon (the theme's "com.quillane.Quillane", else the bundled SVG).
 QIcon applicationIcon();
 
 // Colours the design names by role, taken from the current palette where it has one.

@@ -1,7 +1,12 @@
 #include "app/gui/CompressLaunch.h"
 
+#include <QCoreApplication>
 #include <QDBusConnection>
+#include <QDBusMessage>
 #include <QFileInfo>
+#include <QProcess>
+#include <QTimer>
+#include <QUrl>
 #include <cstdio>
 #include <exception>
 
@@ -13,6 +18,11 @@
 namespace quillane {
 
 namespace {
+
+const QString kShowInFolder = QStringLiteral("show-in-folder");
+// How long the launch stays for the notification's "Show in folder", unless the notification
+// is closed first.
+constexpr int kActionWaitMs = 5 * 60 * 1000;
 
 struct Outcome {
   QStringList outputs;
@@ -31,7 +41,57 @@ Outcome compressInProcess(const QStringList& files) {
   }
 }
 
+// The file manager's window on the written files, selected (org.freedesktop.FileManager1);
+// without that service, the first file's folder opened by the desktop's default.
+void showInFolder(const QDBusConnection& bus, const QStringList& outputs) {
+  QStringList uris;
+  for (const QString& output : outputs) uris.append(QUrl::fromLocalFile(output).toString(QUrl::FullyEncoded));
+  QDBusMessage call = QDBusMessage::createMethodCall(
+      QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
+      QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
+  call << uris << QString();
+  if (bus.call(call, QDBus::Block, 10000).type() == QDBusMessage::ReplyMessage) return;
+  QProcess::startDetached(QStringLiteral("xdg-open"),
+                          {QUrl::fromLocalFile(QFileInfo(outputs.first()).path()).toString()});
+}
+
 }  // namespace
+
+// Waits for the user's answer to one notification: its action, or its closing.
+class NotificationAnswer : public QObject {
+  Q_OBJECT
+ public:
+  NotificationAnswer(const QDBusConnection& bus) : bus_(bus) {
+    for (const char* signal : {"ActionInvoked", "NotificationClosed"}) {
+      bus_.connect(QStringLiteral("org.freedesktop.Notifications"),
+                   QStringLiteral("/org/freedesktop/Notifications"),
+                   QStringLiteral("org.freedesktop.Notifications"), QString::fromLatin1(signal), this,
+                   signal[0] == 'A' ? SLOT(actionInvoked(uint, QString)) : SLOT(closed(uint, uint)));
+    }
+  }
+  // Runs the event loop until notification `id` is answered or `timeoutMs` passed; the action's key, if any.
+  QString wait(uint id, int timeoutMs) {
+    id_ = id;
+    QTimer::singleShot(timeoutMs, this, [] { QCoreApplication::quit(); });
+    QCoreApplication::exec();
+    return action_;
+  }
+
+ private slots:
+  void actionInvoked(uint id, const QString& action) {
+    if (id != id_) return;
+    action_ = action;
+    QCoreApplication::quit();
+  }
+  void closed(uint id, uint) {
+    if (id == id_) QCoreApplication::quit();
+  }
+
+ private:
+  QDBusConnection bus_;
+  uint id_ = 0;
+  QString action_;
+};
 
 int runCompressLaunch(const QStringList& files) {
   QStringList paths;
@@ -57,10 +117,21 @@ int runCompressLaunch(const QStringList& files) {
           ? *outcome.error
           : Strings::format("intents.notification.doneFormat",
                             outcome.outputs.isEmpty() ? QString() : QFileInfo(outcome.outputs[0]).path());
-  if (!DesktopNotification::show(bus, summary, body))
+  QStringList actions;
+  if (!outcome.error && !outcome.outputs.isEmpty() && DesktopNotification::supportsActions(bus))
+    actions = {kShowInFolder, Strings::text("intents.notification.showInFolder")};
+  // Listening before the notification exists, so that no answer is missed.
+  NotificationAnswer answer(bus);
+  const std::optional<uint> id = DesktopNotification::notify(bus, summary, body, actions);
+  if (!id) {
     std::fprintf(stderr, "quillane: %s: %s\n", summary.toLocal8Bit().constData(),
                  body.toLocal8Bit().constData());
+  } else if (!actions.isEmpty() && answer.wait(*id, kActionWaitMs) == kShowInFolder) {
+    showInFolder(bus, outcome.outputs);
+  }
   return outcome.error ? 1 : 0;
 }
 
 }  // namespace quillane
+
+#include "CompressLaunch.moc"

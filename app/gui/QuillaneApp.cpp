@@ -68,8 +68,13 @@ void QuillaneApp::stopServices() {
   apiController_->stop();
 }
 
-std::unique_ptr<QWidget> QuillaneApp::createMainWindow() {
+HotFoldersManager& QuillaneApp::startHotFolders() {
   if (!hotFoldersManager_) hotFoldersManager_ = std::make_unique<HotFoldersManager>();
+  return *hotFoldersManager_;
+}
+
+std::unique_ptr<QWidget> QuillaneApp::createMainWindow() {
+  startHotFolders();
   auto window = std::make_unique<ui::MainWindow>(*viewModel_);
   ui::MainWindow* main = window.get();
   main->setSettingsOpener([this, main] {

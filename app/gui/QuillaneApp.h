@@ -46,6 +46,9 @@ class QuillaneApp : public QObject {
   HotFoldersManager* hotFoldersManager() { return hotFoldersManager_.get(); }
   UpdateChecker& updateChecker() { return *updateChecker_; }
 
+  // Builds the hot folders manager, which starts the enabled hot folders; once.
+  HotFoldersManager& startHotFolders();
+
   // Makes the main window, showing the one batch. The caller owns it. The first call also
   // builds the hot folders manager, which starts the enabled hot folders.
   std::unique_ptr<QWidget> createMainWindow();

@@ -3,7 +3,11 @@
 //   quillane [FILE...]          the window, with the files added to the batch; when an
 //                               instance runs already, it gets the files (or is raised)
 //                               over the session bus and this launch ends
-//   quillane --compress FILE... compresses with the default profile (see CompressLaunch.h)
+//   quillane --compress FILE... compresses with the default profile, or beside each file (see
+//                               CompressLaunch.h); with no file it is the plain launch
+//   quillane --background       the hot folders, the local API and the bus with no window (see
+//                               DesktopSession.h); a later launch opens the window in it
+//   quillane -h, --help, --version, and the usage for anything else (LaunchArguments.h)
 //   quillane --service          started by the bus for the Compress method: no window until
 //                               a launch asks for one, and gone after a quiet minute
 #include <signal.h>
@@ -27,10 +31,12 @@
 #include "QuillaneVersion.h"
 #include "app/gui/CompressLaunch.h"
 #include "app/gui/DesktopSession.h"
+#include "app/gui/LaunchArguments.h"
 #include "app/gui/QuillaneApp.h"
 #include "automation/QuillaneBusClient.h"
 #include "automation/QuillaneBusService.h"
 #include "services/LanguageManager.h"
+#include "services/Strings.h"
 
 namespace {
 
@@ -54,31 +60,12 @@ void waitForReplacedInstance() {
   for (int attempt = 0; attempt < 50 && ::kill(pid_t(pid), 0) == 0; ++attempt) QThread::msleep(100);
 }
 
-bool hasArgument(int argc, char** argv, const char* name) {
-  for (int i = 1; i < argc; ++i)
-    if (std::strcmp(argv[i], name) == 0) return true;
-  return false;
-}
-
-// The files of the command line (after Qt took its own options from argv), made absolute (a
-// running instance has a working folder of its own), as file URLs that keep the bytes of a
-// name that is not UTF-8, which QCoreApplication::arguments() would not.
-QList<QUrl> fileArguments(int argc, char** argv) {
+// The working folder as bytes, for relative file arguments.
+QByteArray workingFolder() {
   QByteArray folder(PATH_MAX, '\0');
   if (::getcwd(folder.data(), size_t(folder.size())) == nullptr) folder.clear();
   folder.truncate(qsizetype(std::strlen(folder.constData())));
-  QList<QUrl> files;
-  bool optionsEnded = false;
-  for (int i = 1; i < argc; ++i) {
-    const QByteArray argument(argv[i]);
-    if (!optionsEnded && argument == "--") {
-      optionsEnded = true;
-    } else if (optionsEnded || !argument.startsWith("--")) {
-      const QByteArray path = argument.startsWith('/') ? argument : folder + '/' + argument;
-      files.append(QUrl::fromEncoded("file://" + path.toPercentEncoding("/")));
-    }
-  }
-  return files;
+  return folder;
 }
 
 // Whether a window can be shown: a display, or a platform chosen explicitly (offscreen).
@@ -117,25 +104,42 @@ void quitOnTerminationSignals(QObject* owner) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Answered before a display is opened, so that it works from any shell.
-  if (argc == 2 && std::string_view(argv[1]) == "--version") {
+  const quillane::LaunchArguments arguments = quillane::LaunchArguments::parse(argc, argv, workingFolder());
+  using Mode = quillane::LaunchArguments::Mode;
+
+  // Answered before a display is opened, so that they work from any shell.
+  if (arguments.mode == Mode::version) {
     std::printf("quillane %s\n", quillane::kAppVersion);
     return 0;
   }
+  if (arguments.mode == Mode::help || arguments.mode == Mode::usageError) {
+    quillane::QuillaneApp::describeApplication();
+    quillane::LanguageManager::installLookupReadOnly();
+    const QByteArray usage = quillane::LaunchArguments::usage().toLocal8Bit();
+    if (arguments.mode == Mode::help) {
+      std::fputs(usage.constData(), stdout);
+      return 0;
+    }
+    const QString unknown = quillane::Strings::format("launch.error.unknownOptionFormat",
+                                                      QString::fromLocal8Bit(arguments.unknownOption));
+    std::fprintf(stderr, "quillane: %s\n\n%s", unknown.toLocal8Bit().constData(), usage.constData());
+    return 2;
+  }
   raiseDescriptorLimit();
 
-  if (hasArgument(argc, argv, "--compress")) {
+  if (arguments.mode == Mode::compress) {
     // No window and no display needed.
     QCoreApplication application(argc, argv);
     quillane::QuillaneApp::describeApplication();
     quillane::LanguageManager::installLookupReadOnly();
     QStringList paths;
-    for (const QUrl& file : fileArguments(argc, argv)) paths.append(file.toLocalFile());
+    for (const QUrl& file : arguments.files) paths.append(file.toLocalFile());
     return quillane::runCompressLaunch(paths);
   }
 
-  const bool service = hasArgument(argc, argv, "--service");
-  const bool canShowWindow = !service || hasDisplay();
+  const bool service = arguments.mode == Mode::service;
+  const bool background = arguments.mode == Mode::background;
+  const bool canShowWindow = !(service || background) || hasDisplay();
   waitForReplacedInstance();
   std::unique_ptr<QCoreApplication> application;
   if (canShowWindow)
@@ -146,7 +150,6 @@ int main(int argc, char** argv) {
   // Ahead of the bus service: its replies are worded in this run's language.
   quillane::LanguageManager::shared();
 
-  const QList<QUrl> files = service ? QList<QUrl>() : fileArguments(argc, argv);
   quillane::DesktopSession session(canShowWindow);
   quillane::QuillaneBusService::Handlers handlers;
   if (canShowWindow) {
@@ -156,11 +159,12 @@ int main(int argc, char** argv) {
   quillane::QuillaneBusService bus(std::move(handlers));
   const QDBusConnection connection = QDBusConnection::sessionBus();
   if (!bus.publish(connection) && quillane::QuillaneBusClient::isRunning(connection)) {
-    // Started by the bus while another instance took the name: that one serves the calls.
-    if (service) return 0;
+    // Started by the bus, or in the background, while another instance took the name: that
+    // one serves the calls and watches the folders.
+    if (service || background) return 0;
     // One process owns the batch: hand over to it. Only if it can't be reached does this
     // launch carry on alone.
-    const auto error = quillane::QuillaneBusClient::openOrActivate(connection, files);
+    const auto error = quillane::QuillaneBusClient::openOrActivate(connection, arguments.files);
     if (!error) return 0;
     std::fprintf(stderr, "quillane: the running instance did not answer: %s\n",
                  error->toLocal8Bit().constData());
@@ -170,12 +174,10 @@ int main(int argc, char** argv) {
     QObject::connect(&bus, &quillane::QuillaneBusService::idle, &session,
                      [&session] { session.idleActivity(); });
     session.quitWhenQuiet(kServiceQuietMs, [&bus] { return bus.pendingCompressCalls() > 0; });
+  } else if (background) {
+    session.startInBackground();
   } else {
-    session.open(files);
-    // Start-up measurements and the check of an installed copy: quit once the window has
-    // been shown and painted (its paint is posted ahead of this call).
-    if (qEnvironmentVariableIsSet("QUILLANE_QUIT_WHEN_SHOWN"))
-      QMetaObject::invokeMethod(application.get(), &QCoreApplication::quit, Qt::QueuedConnection);
+    session.open(arguments.files);
   }
   quitOnTerminationSignals(application.get());
   const int status = application->exec();

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "engine/Errors.h"
+#include "engine/SystemMemory.h"
 #include "engine/codecs/Readers.h"
 
 namespace quillane::codecs {
@@ -20,8 +21,8 @@ void checkSize(uint64_t width, uint64_t height) {
 }
 
 void checkFitsInMemory(uint64_t pixels, uint64_t bytesPerPixel) {
-  const long pages = ::sysconf(_SC_PHYS_PAGES), pageSize = ::sysconf(_SC_PAGESIZE);
-  uint64_t available = pages > 0 && pageSize > 0 ? uint64_t(pages) * uint64_t(pageSize) : UINT64_MAX;
+  uint64_t available = physicalMemoryBytes();
+  if (available == 0) available = UINT64_MAX;
   struct rlimit limit {};
   if (::getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY)
     available = std::min<uint64_t>(available, limit.rlim_cur);

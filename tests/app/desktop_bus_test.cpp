@@ -54,10 +54,41 @@ class NotificationSink : public QObject {
 
  public slots:
   uint Notify(const QString& appName, uint, const QString&, const QString& summary, const QString& body,
-              const QStringList&, const QVariantMap&, int) {
+              const QStringList& actions, const QVariantMap&, int) {
     QMutexLocker lock(&mutex_);
     shown_.append(appName + ": " + summary + ": " + body);
+    actions_.append(actions);
     return uint(shown_.size());
+  }
+  QStringList GetCapabilities() { return {"actions", "body"}; }
+
+ public:
+  QList<QStringList> actions() const {
+    QMutexLocker lock(&mutex_);
+    return actions_;
+  }
+
+ private:
+  mutable QMutex mutex_;
+  QStringList shown_;
+  QList<QStringList> actions_;
+};
+
+// The file manager's ShowItems, which keeps the items it was asked to show.
+class FileManagerSink : public QObject {
+  Q_OBJECT
+  Q_CLASSINFO("D-Bus Interface", "org.freedesktop.FileManager1")
+
+ public:
+  QStringList shown() const {
+    QMutexLocker lock(&mutex_);
+    return shown_;
+  }
+
+ public slots:
+  void ShowItems(const QStringList& uris, const QString&) {
+    QMutexLocker lock(&mutex_);
+    shown_.append(uris);
   }
 
  private:
@@ -249,7 +280,6 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
        path("out/e"),
        kError + "ProfileNotFound",
        "Profil introuvable : Nope"},
-      {{a}, "png", 50, "", "", kError + "MissingOutputDirectory", "Dossier de destination manquant"},
       {{a}, "png", 50, "", path("blocker/sub"), kError + "OutputFolder", "blocker/sub"},
       {{a, path("in/gone.png"), nestedA},
        "png",
@@ -371,15 +401,126 @@ TEST_F(DesktopBus, CompressCommandWorksThroughAnInstanceOrAloneAndReportsTheOutc
   sinkThread.start();
   ASSERT_TRUE(bus_->registerObject("/org/freedesktop/Notifications", &sink, QDBusConnection::ExportAllSlots));
   ASSERT_TRUE(bus_->registerService("org.freedesktop.Notifications"));
-  Run failed = run({"--compress"}, environment());
+  Run failed = run({"--compress", "in/gone.png"}, environment());
+  // With no file, the action is the plain launch: the running instance's window comes up.
+  Run noFiles = run({"--compress"}, environment());
   bus_->unregisterService("org.freedesktop.Notifications");
   bus_->unregisterObject("/org/freedesktop/Notifications");
   sinkThread.quit();
   sinkThread.wait();
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_TRUE(failed.err.isEmpty()) << failed.err.toStdString();
-  EXPECT_EQ(sink.shown(),
-            QStringList{"Quillane: Échec de la compression: Choisissez au moins une image à compresser."});
+  ASSERT_EQ(sink.shown().size(), 1);
+  EXPECT_TRUE(
+      sink.shown()[0].startsWith("Quillane: Échec de la compression: Échec de la compression de gone.png"))
+      << sink.shown()[0].toStdString();
+  EXPECT_EQ(sink.actions(), QList<QStringList>{QStringList()});  // nothing to show in a folder
+  EXPECT_EQ(noFiles.exitCode, 0) << noFiles.err.toStdString();
+}
+
+// A fresh install has no profile: the action writes beside each source, never over a file.
+TEST_F(DesktopBus, WithoutAFolderTheActionWritesBesideEachSourceAndOffersToShowTheResults) {
+  const QString a = image("a.png"), c = image("sub/c.jpg");
+  ASSERT_TRUE(QFile::copy(a, path("in/sub/c-2.jpg")));  // someone else's file of that name
+  QProcessEnvironment noBus = environment();
+  noBus.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + path("no-bus-here"));
+  Run alone = run({"--compress", "in/a.png", "in/sub/c.jpg"}, noBus);
+  EXPECT_EQ(alone.exitCode, 0) << alone.err.toStdString();
+  EXPECT_EQ(alone.out, (path("in/a.jpg") + "\n" + path("in/sub/c-3.jpg") + "\n").toUtf8());
+  EXPECT_EQ(entries("in/sub"), QStringList({"c-2.jpg", "c-3.jpg", "c.jpg"}));
+  QFile theirs(path("in/sub/c-2.jpg"));
+  ASSERT_TRUE(theirs.open(QIODevice::ReadOnly));
+  EXPECT_EQ(theirs.read(4), QByteArray("\x89PNG"));
+
+  // The bus's Compress with no folder does the same.
+  QDBusMessage reply = compress({a}, "png", 50, "", "");
+  ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
+  EXPECT_EQ(reply.arguments().value(0).toStringList(), QStringList{path("in/a-2.png")});
+
+  // The outcome's "Show in folder" shows the written file in the file manager.
+  QThread sinkThread;
+  NotificationSink notifications;
+  FileManagerSink fileManager;
+  notifications.moveToThread(&sinkThread);
+  fileManager.moveToThread(&sinkThread);
+  sinkThread.start();
+  ASSERT_TRUE(bus_->registerObject("/org/freedesktop/Notifications", &notifications,
+                                   QDBusConnection::ExportAllSlots));
+  ASSERT_TRUE(bus_->registerService("org.freedesktop.Notifications"));
+  ASSERT_TRUE(
+      bus_->registerObject("/org/freedesktop/FileManager1", &fileManager, QDBusConnection::ExportAllSlots));
+  ASSERT_TRUE(bus_->registerService("org.freedesktop.FileManager1"));
+  QProcess launch;
+  launch.setProcessEnvironment(environment());
+  launch.setWorkingDirectory(dir_.path());
+  launch.start(program_, {"--compress", "in/a.png"});
+  for (auto deadline = std::chrono::steady_clock::now() + 60s; notifications.actions().isEmpty();
+       std::this_thread::sleep_for(50ms))
+    ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "no notification";
+  EXPECT_EQ(notifications.actions()[0].value(0), "show-in-folder");
+  QDBusMessage chosen = QDBusMessage::createSignal("/org/freedesktop/Notifications",
+                                                   "org.freedesktop.Notifications", "ActionInvoked");
+  chosen << uint(1) << QString("show-in-folder");
+  ASSERT_TRUE(bus_->send(chosen));
+  EXPECT_TRUE(launch.waitForFinished(60000));
+  EXPECT_EQ(launch.exitCode(), 0);
+  EXPECT_EQ(fileManager.shown(), QStringList{QUrl::fromLocalFile(path("in/a-2.jpg")).toString()});
+  for (const char* name : {"org.freedesktop.Notifications", "org.freedesktop.FileManager1"})
+    bus_->unregisterService(name);
+  bus_->unregisterObject("/org/freedesktop/Notifications");
+  bus_->unregisterObject("/org/freedesktop/FileManager1");
+  sinkThread.quit();
+  sinkThread.wait();
+}
+
+TEST_F(DesktopBus, HelpAndVersionNeedNoDisplayAndAnUnknownOptionIsAUsageError) {
+  QProcessEnvironment bare = environment();
+  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) bare.remove(name);
+  for (const char* option : {"--help", "-h"}) {
+    const Run help = run({option}, bare);
+    EXPECT_EQ(help.exitCode, 0) << option << help.err.toStdString();
+    EXPECT_TRUE(help.out.contains("quillane --background")) << help.out.toStdString();
+  }
+  EXPECT_TRUE(run({"--version"}, bare).out.startsWith("quillane "));
+  const Run wrong = run({"--frobnicate", "in/a.png"}, bare);
+  EXPECT_EQ(wrong.exitCode, 2);
+  EXPECT_TRUE(wrong.out.isEmpty());
+  EXPECT_TRUE(wrong.err.contains("--frobnicate") && wrong.err.contains("quillane --compress"))
+      << wrong.err.toStdString();
+  EXPECT_FALSE(owned());
+}
+
+TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpensIt) {
+  QDir(dir_.path()).mkpath("hot/in");
+  QJsonObject folder{{"id", "0F6F2D3E-7C4B-4C55-9D6E-2F3A4B5C6D7E"},
+                     {"name", "Drop"},
+                     {"sourceFolder", QUrl::fromLocalFile(path("hot/in")).toString()},
+                     {"destinationFolder", QUrl::fromLocalFile(path("hot/out")).toString()},
+                     {"format", "webp"},
+                     {"quality", 70},
+                     {"isEnabled", true}};
+  QFile list(path("data/Quillane/hotFolders.json"));
+  ASSERT_TRUE(list.open(QIODevice::WriteOnly));
+  list.write(QJsonDocument(QJsonArray{folder}).toJson());
+  list.close();
+
+  // Showing a window would end the background instance (and the launch that could not hand over).
+  QProcessEnvironment env = environment();
+  env.insert("QUILLANE_QUIT_WHEN_SHOWN", "1");
+  startInstance({"--background"}, env);
+  EXPECT_EQ(run({"--background"}, env).exitCode, 0);  // one is enough
+
+  ASSERT_TRUE(QFile::rename(image("drop.png"), path("hot/in/drop.png")));
+  for (auto deadline = std::chrono::steady_clock::now() + 60s; !QFileInfo::exists(path("hot/out/drop.webp"));
+       std::this_thread::sleep_for(100ms))
+    ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the hot folder wrote nothing";
+  EXPECT_EQ(processes_.front()->state(), QProcess::Running);
+
+  image("b.png");
+  const Run later = run({"in/b.png"}, env);
+  EXPECT_EQ(later.exitCode, 0) << later.err.toStdString();
+  ASSERT_TRUE(processes_.front()->waitForFinished(60000)) << "the background instance showed no window";
+  EXPECT_EQ(processes_.front()->exitCode(), 0);
 }
 
 }  // namespace

@@ -1,54 +1,13 @@
-// The encode scheduler: debounce, semaphores, watchdog, generations, passthrough.
+// The encode scheduler: debounce, budgets, watchdog, generations, passthrough.
 #include <QSignalSpy>
 
-#include "batch/AsyncSemaphore.h"
+#include "budget/CompressionBudget.h"
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane::testing {
 namespace {
-
-TEST(AsyncSemaphoreTest, StrictlyFirstInFirstOutWithClampedCosts) {
-  AsyncSemaphore semaphore(10);
-  std::string order;
-  auto wait = [&](int cost, char name) { semaphore.wait(cost, [&order, name] { order += name; }); };
-  auto step = [&](std::initializer_list<int> givenBack) {
-    for (int cost : givenBack) semaphore.signal(cost);
-    QCoreApplication::processEvents();
-    return order;
-  };
-  wait(6, 'A');
-  wait(8, 'B');
-  wait(1, 'C');  // would fit, but B is ahead of it
-  EXPECT_EQ(order, "") << "a continuation never runs inside the call that freed it";
-  EXPECT_EQ(step({}), "A");
-  EXPECT_EQ(step({6}), "ABC");
-  // A job larger than the whole budget takes all of it and still runs; giving back more
-  // than the limit never inflates the budget.
-  wait(5730, 'H');
-  wait(0, 't');
-  EXPECT_EQ(step({8, 1}), "ABCH");
-  EXPECT_EQ(step({5730, 5730}), "ABCHt");
-  EXPECT_EQ(semaphore.availablePermits(), 10);
-}
-
-TEST(AsyncSemaphoreTest, WaitAheadPassesQueuedWaitersButNeverHeldPermits) {
-  AsyncSemaphore semaphore(10);
-  std::string order;
-  auto step = [&](std::initializer_list<int> givenBack) {
-    for (int cost : givenBack) semaphore.signal(cost);
-    QCoreApplication::processEvents();
-    return order;
-  };
-  semaphore.wait(8, [&] { order += 'A'; });
-  semaphore.wait(5, [&] { order += 'B'; });       // 2 free: queued
-  semaphore.waitAhead(2, [&] { order += 'i'; });  // fits in the 2 free although B waits
-  semaphore.waitAhead(4, [&] { order += 'j'; });  // does not fit: queued, but ahead of B
-  EXPECT_EQ(step({}), "Ai");
-  EXPECT_EQ(step({8}), "Aij") << "B needs 5 and 4 are free";
-  EXPECT_EQ(step({2}), "AijB");
-}
 
 using SchedulerTest = BatchFixture;
 
@@ -144,6 +103,26 @@ TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBack) {
   QTest::qWait(100);
   EXPECT_EQ(changes.count(), 0) << "the late result changes nothing";
   EXPECT_FALSE(slow->compressedData());
+}
+
+TEST_F(SchedulerTest, AnEncodeThatOutlivesItsDeadlineKeepsItsMemoryUntilItReturns) {
+  auto o = options();
+  o.memoryBudgetMB = 0;  // the process's budget, shared with every other front end
+  o.watchdog = std::chrono::milliseconds(200);
+  auto& model = makeModel(o);
+  CompressionBudget& budget = CompressionBudget::process();
+  inspectAs("huge.png", {60000, 60000});  // more than the whole budget
+  import({source("huge.png", "slow")});
+  ASSERT_TRUE(QTest::qWaitFor([&] { return model.images()[0]->encodeState().isFailed(); }, 5000));
+  EXPECT_EQ(budget.availablePermits(), 0) << "the row failed, the work still runs";
+
+  QFuture<void> next = model.importFiles({source("next.png", "next")});
+  ASSERT_TRUE(QTest::qWaitFor([&] { return budget.waiterCount() == 1; }, 2000));
+  openGate();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return next.isFinished(); }, 5000));
+  ASSERT_TRUE(waitIdle());
+  EXPECT_TRUE(model.images()[1]->encodeState().isReady());
+  EXPECT_EQ(budget.availablePermits(), budget.limit());
 }
 
 TEST_F(SchedulerTest, AWatchdogThatFiresCancelsTheWorkItGaveUpOn) {

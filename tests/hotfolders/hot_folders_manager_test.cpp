@@ -59,6 +59,20 @@ TEST_F(HotFoldersManagerTest, UnreadableSourceIsReportedOnceAndStartsWhenItAppea
   EXPECT_EQ(manager.recentActivity().size(), 1u);
 }
 
+TEST_F(HotFoldersManagerTest, PauseStopsEveryFolderUntilResumedAndKeepsTheirSettings) {
+  const HotFolder hotFolder = folder();
+  HotFolders::save({hotFolder});
+  HotFoldersManager manager;
+  ASSERT_TRUE(manager.isRunning(hotFolder.id));
+  manager.setPaused(true);
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  manager.applyWatchers();  // a mount change does not undo the pause
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  EXPECT_TRUE(HotFolders::load().at(0).isEnabled);
+  manager.setPaused(false);
+  EXPECT_TRUE(manager.isRunning(hotFolder.id));
+}
+
 // A bind mount stands in for a volume that arrives later. It needs the right to mount (root
 // in a container, say); elsewhere the test is skipped.
 class BindMount {

@@ -17,6 +17,7 @@
 #include "services/UpdateChecker.h"
 #include "tests/support/TestImages.h"
 #include "tests/ui/ui_test_support.h"
+#include "ui/BackgroundTrayMenu.h"
 #include "ui/ComparisonView.h"
 #include "ui/ControlsBar.h"
 #include "ui/HistoryPopover.h"
@@ -196,6 +197,25 @@ class SettingsScreenshots : public ScreenshotTest {
   std::unique_ptr<UpdateChecker> checker_;
   std::unique_ptr<LanguageManager> languages_;
 };
+
+// The tray icon's menu of a background instance, running and paused; its entries do what they say.
+TEST_F(SettingsScreenshots, TrayMenuRunningAndPaused) {
+  useLanguage("en-US");  // for the software centre, as the main window's
+  makeSettings();
+  int opened = 0;
+  ui::BackgroundTrayMenu menu(
+      *hotFolders_, [&] { ++opened; }, [] {});
+  menu.popup({0, 0});
+  save(&menu, "tray-menu");
+  menu.findChild<QAction*>("trayPause")->trigger();
+  EXPECT_TRUE(hotFolders_->isPaused());
+  EXPECT_NE(menu.toolTipText(), QString());
+  save(&menu, "tray-menu-paused");
+  menu.findChild<QAction*>("trayPause")->trigger();
+  EXPECT_FALSE(hotFolders_->isPaused());
+  menu.findChild<QAction*>("trayOpen")->trigger();
+  EXPECT_EQ(opened, 1);
+}
 
 // In every language, the main window at its minimum size and each settings tab at the settings
 // window's minimum size: no text of a button or a one-line label is cut.

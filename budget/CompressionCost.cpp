@@ -1,0 +1,37 @@
+#include "budget/CompressionCost.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "engine/ImageDecoder.h"
+#include "engine/ImageService.h"
+
+namespace quillane::CompressionCost {
+
+int memoryBudgetMB(uint64_t physicalMemoryBytes) {
+  if (physicalMemoryBytes > 4294967295ull) return int(std::min<uint64_t>(physicalMemoryBytes >> 23, 4096));
+  return 512;
+}
+
+int encodeCostMB(int width, int height, ImageFormat) {
+  const int64_t pixels = int64_t(std::max(width, 0)) * int64_t(std::max(height, 0));
+  return int(std::clamp<int64_t>(pixels * 20 / 1048576 + 8, 1, INT32_MAX));
+}
+
+int fileCostMB(const std::string& path, ImageFormat format) {
+  const auto header = ImageDecoder::readHeader(path);
+  if (header) return encodeCostMB(header->width, header->height, format);
+  return std::numeric_limits<int>::max();
+}
+
+int previewCostMB(std::span<const uint8_t> bytes, int maxPixelSize) {
+  const auto decode = ImageService::thumbnailPeakBytes(bytes, maxPixelSize);
+  const uint64_t peak = decode && *decode <= ImageDecoder::kPreviewMemory ? *decode : 0;
+  return megabytes(bytes.size() + peak);
+}
+
+int megabytes(uint64_t bytes) {
+  return int(std::min<uint64_t>((bytes + (1u << 20) - 1) >> 20, std::numeric_limits<int32_t>::max()));
+}
+
+}  // namespace quillane::CompressionCost

@@ -1,0 +1,32 @@
+#pragma once
+// The cost rules of the compression budget (CompressionBudget), in megabytes. Stateless; any
+// thread.
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "engine/ImageFormat.h"
+
+namespace quillane::CompressionCost {
+
+// The process's budget: one eighth of the memory, at most 4096; 512 for machines under 4 GiB.
+int memoryBudgetMB(uint64_t physicalMemoryBytes);
+
+// The working memory of one encode of a `width` x `height` picture into `format`: 20 bytes a
+// pixel plus 8 MB, at least 1.
+int encodeCostMB(int width, int height, ImageFormat format);
+
+// The encode cost of the file at `path` into `format`, from the dimensions in its header; a
+// file whose header can't be read in its first bytes (or that is no regular file) costs the
+// most there is, and so runs alone.
+int fileCostMB(const std::string& path, ImageFormat format);
+
+// What a preview of at most `maxPixelSize` made from `bytes` (ImageDecoder::loadPreview) takes:
+// the bytes and the decode, which is never made beyond ImageDecoder::kPreviewMemory.
+int previewCostMB(std::span<const uint8_t> bytes, int maxPixelSize);
+
+// `bytes` in megabytes, rounded up, at most INT32_MAX.
+int megabytes(uint64_t bytes);
+
+}  // namespace quillane::CompressionCost
