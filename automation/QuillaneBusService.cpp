@@ -199,13 +199,15 @@ void QuillaneBusService::runOnGuiThread(const QDBusMessage& message, const QDBus
                                         std::function<bool()> work) {
   QMetaObject::invokeMethod(
       this,
-      [message, connection, work = std::move(work)] {
+      [this, message, connection, work = std::move(work)] {
         QDBusConnection bus = connection;
-        if (work())
+        if (work()) {
           bus.send(message.createReply());
-        else
+        } else {
           bus.send(message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.NotSupported"),
                                             QStringLiteral("This instance has no window to show")));
+          emit windowRefused();
+        }
       },
       Qt::QueuedConnection);
 }

@@ -63,6 +63,8 @@ class QuillaneBusService : public QDBusVirtualObject {
  signals:
   // A Compress call was answered and none is left (GUI thread).
   void idle();
+  // An Activate or Open call was refused for want of a window (GUI thread), after its reply.
+  void windowRefused();
 
  private:
   void compress(const QDBusMessage& message, const QDBusConnection& connection);

@@ -523,6 +523,22 @@ TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpen
   EXPECT_EQ(processes_.front()->exitCode(), 0);
 }
 
+// Started where there is no display (a bus that lacks the session's environment), the instance
+// cannot show the window a launch asks for: it gives its name up to that launch.
+TEST_F(DesktopBus, AnInstanceWithoutADisplayHandsOverToALaunchThatHasOne) {
+  QProcessEnvironment headless = environment();
+  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) headless.remove(name);
+  startInstance({"--background"}, headless);
+  QProcessEnvironment env = environment();
+  env.insert("QUILLANE_QUIT_WHEN_SHOWN", "1");
+  image("b.png");
+  const Run later = run({"in/b.png"}, env);
+  EXPECT_EQ(later.exitCode, 0);
+  EXPECT_FALSE(later.err.contains("did not answer")) << later.err.toStdString();
+  ASSERT_TRUE(processes_.front()->waitForFinished(60000));
+  EXPECT_EQ(processes_.front()->exitCode(), 0);
+}
+
 }  // namespace
 }  // namespace quillane
 
