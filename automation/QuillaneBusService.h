@@ -10,19 +10,25 @@
 //
 // Compress calls run on a private one-thread pool, one at a time in the order they arrive,
 // and never on the GUI thread; each gets its reply (the written paths, or a D-Bus error with
-// the localised text) when its turn is done. Activate and Open run their handlers on the
-// GUI thread.
+// the localised text) when its turn is done. One caller (one bus connection) may have at
+// most maxCallsPerCaller calls unanswered; beyond that a call is refused at once with
+// org.freedesktop.DBus.Error.LimitsExceeded. The work of a caller that has left the bus is
+// dropped: its calls still waiting are skipped, and its running call stops before its next
+// file. Activate and Open run their handlers on the GUI thread.
 //
 // Made, published and destroyed on the GUI thread. The destructor drops the calls still
 // waiting and waits for the one running.
 
 #include <QDBusConnection>
 #include <QDBusVirtualObject>
+#include <QHash>
 #include <QStringList>
 #include <QThreadPool>
 #include <QUrl>
 #include <atomic>
 #include <functional>
+
+#include "engine/ThreadAnnotations.h"
 
 namespace quillane {
 
@@ -33,6 +39,7 @@ class QuillaneBusService : public QDBusVirtualObject {
   static const QString serviceName;    // "com.quillane.Quillane"
   static const QString objectPath;     // "/com/quillane/Quillane"
   static const QString interfaceName;  // "com.quillane.Quillane"
+  static constexpr int maxCallsPerCaller = 32;
 
   struct Handlers {
     // Both run on the GUI thread; either may be empty, and then the call is refused.
@@ -68,6 +75,8 @@ class QuillaneBusService : public QDBusVirtualObject {
   Handlers handlers_;
   QThreadPool pool_;
   std::atomic<int> pending_{0};
+  Mutex callersMutex_;
+  QHash<QString, int> unansweredByCaller_ GUARDED_BY(callersMutex_);  // by unique bus name
   bool published_ = false;
   QDBusConnection connection_{QString()};
 };

@@ -14,11 +14,23 @@
 
 namespace quillane {
 
+namespace {
+// The source's file name without its extension, in the file system's bytes.
+std::string sourceBaseName(const ImportedImage& image) {
+  std::string name = localFilePath(image.sourceURL());
+  if (name.empty()) return image.baseName().toStdString();
+  name = name.substr(name.rfind('/') + 1);
+  const size_t dot = name.rfind('.');
+  return dot != std::string::npos && dot > 0 ? name.substr(0, dot) : name;
+}
+}  // namespace
+
 namespace batchdetail {
-std::optional<QString> writeFileAtomically(const QString& path, const QByteArray& data) {
+std::optional<QString> writeFileAtomically(const std::string& path, const QByteArray& data,
+                                           unsigned permissions) {
   try {
-    FileIO::writeFileAtomically(QFile::encodeName(path).toStdString(),
-                                {reinterpret_cast<const uint8_t*>(data.constData()), size_t(data.size())});
+    FileIO::writeFileAtomically(
+        path, {reinterpret_cast<const uint8_t*>(data.constData()), size_t(data.size())}, permissions);
   } catch (const QuillaneError& error) {
     return QString::fromStdString(error.description());
   }
@@ -48,27 +60,28 @@ void BatchViewModel::promptExportAll() {
 
 std::vector<ExportOutcome> BatchViewModel::exportAll(const QUrl& folder) {
   std::vector<ExportOutcome> outcomes;
-  const QDir directory(folder.toLocalFile());
+  // Names stay the file system's bytes, so that a source whose name is not UTF-8 gives an
+  // output of the same bytes.
+  std::string directory = localFilePath(folder);
+  while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
   ExportFilenameAllocator allocator =
-      folder.isLocalFile()
-          ? ExportFilenameAllocator(QFile::encodeName(directory.path()).toStdString(), sourcePaths())
-          : ExportFilenameAllocator();
+      folder.isLocalFile() ? ExportFilenameAllocator(directory, sourcePaths()) : ExportFilenameAllocator();
   // A folder that is not a local one gets destinations that fail to write, row by row,
   // rather than names resolved against the working directory.
-  auto destinationFor = [&](const QString& name) {
-    if (folder.isLocalFile()) return QUrl::fromLocalFile(directory.filePath(name));
+  auto destinationFor = [&](const std::string& name) {
+    if (folder.isLocalFile()) return localFileURL(directory == "/" ? "/" + name : directory + "/" + name);
     QUrl url = folder;
-    url.setPath(folder.path() + (folder.path().endsWith(u'/') ? "" : "/") + name);
+    url.setPath(folder.path() + (folder.path().endsWith(u'/') ? "" : "/") + QFile::decodeName(name.c_str()));
     return url;
   };
-  const QString extension = batchdetail::toQString(ImageFormats::fileExtension(outputFormat_));
+  const std::string extension(ImageFormats::fileExtension(outputFormat_));
   const ImageList snapshot = images_;
   for (const auto& image : snapshot) {
     ExportOutcome outcome{image, std::nullopt, std::nullopt};
     if (!image->compressedData()) {
       outcome.errorDescription = image->exportError() ? *image->exportError() : notEncodedDescription(*image);
     } else {
-      const QString name = allocator.filename(image->baseName(), extension);
+      const std::string name = allocator.filename(sourceBaseName(*image), extension);
       const QUrl destination = destinationFor(name);
       if (writeExport(image, *image->compressedData(), destination)) {
         outcome.destinationURL = destination;
@@ -103,11 +116,12 @@ bool BatchViewModel::writeExport(const std::shared_ptr<ImportedImage>& image, co
                                  const QUrl& url) {
   if (!image) return false;
   image->lastExportDestination_ = url;
-  const QString path = url.toLocalFile();
+  const std::string path = localFilePath(url);
   std::optional<QString> error =
-      path.isEmpty() ? std::optional<QString>(QString::fromStdString(
-                           FileError(url.toString().toStdString(), "not a local file").description()))
-                     : batchdetail::writeFileAtomically(path, data);
+      path.empty()
+          ? std::optional<QString>(QString::fromStdString(
+                FileError(url.toString().toStdString(), "not a local file").description()))
+          : batchdetail::writeFileAtomically(path, data, FileIO::permissionsFor(image->sourceFilePath()));
   if (error) {
     image->setExportError(std::move(error));
     return false;

@@ -9,6 +9,10 @@ std::string localFilePath(const QUrl& url) {
   return QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1()).toStdString();
 }
 
+QUrl localFileURL(const std::string& path) {
+  return QUrl::fromEncoded("file://" + QByteArray::fromStdString(path).toPercentEncoding("/"));
+}
+
 const char* EncodeState::name() const {
   switch (kind) {
     case Kind::idle:
@@ -56,6 +60,13 @@ void ImportedImage::setEncodeState(EncodeState state) {
 void ImportedImage::setCompressedData(std::optional<QByteArray> data) {
   compressedData_ = std::move(data);
   emit compressedDataChanged();
+  if (butteraugli_ || !resultThumbnail_.empty()) setResultLook(std::nullopt, {});
+}
+
+void ImportedImage::setResultLook(std::optional<double> butteraugli, DecodedImage thumbnail) {
+  butteraugli_ = butteraugli;
+  resultThumbnail_ = std::move(thumbnail);
+  emit resultLookChanged();
 }
 
 void ImportedImage::setThumbnail(DecodedImage thumbnail) {

@@ -60,6 +60,8 @@ struct ImportFailure {
 // valid UTF-8: such bytes stay percent-encoded in the URL, where toLocalFile() would turn them
 // into U+FFFD and name another file. Empty for a URL that is not a local file.
 std::string localFilePath(const QUrl& url);
+// The file URL of a path given as the file system's bytes, the reverse of localFilePath.
+QUrl localFileURL(const std::string& path);
 
 class ImportedImage : public QObject {
   Q_OBJECT
@@ -93,6 +95,12 @@ class ImportedImage : public QObject {
   EncodeState encodeState() const { return encodeState_; }
   // The latest result; kept during a new encoding so that a busy row can still be exported.
   const std::optional<QByteArray>& compressedData() const { return compressedData_; }
+  // How the latest result looks beside its source, measured after its encode: the
+  // butteraugli distance (PerceptualDistance) and the result decoded as a thumbnail like
+  // thumbnail(). Absent and empty until measured, and again whenever compressedData changes;
+  // absent for good where the measure failed.
+  std::optional<double> butteraugli() const { return butteraugli_; }
+  const DecodedImage& resultThumbnail() const { return resultThumbnail_; }
   // Empty: the image follows the batch's global quality.
   std::optional<double> qualityOverride() const { return qualityOverride_; }
   // The last export failure of this row; cleared by the next successful write.
@@ -113,6 +121,7 @@ class ImportedImage : public QObject {
   void qualityOverrideChanged();
   void exportErrorChanged();
   void thumbnailChanged();
+  void resultLookChanged();  // butteraugli and resultThumbnail
 
  private:
   friend class BatchViewModel;
@@ -120,6 +129,7 @@ class ImportedImage : public QObject {
   void setCompressedData(std::optional<QByteArray> data);
   void setExportError(std::optional<QString> error);
   void setThumbnail(DecodedImage thumbnail);
+  void setResultLook(std::optional<double> butteraugli, DecodedImage thumbnail);
 
   const QUuid id_;
   const QUrl sourceURL_;
@@ -132,6 +142,8 @@ class ImportedImage : public QObject {
 
   EncodeState encodeState_;
   std::optional<QByteArray> compressedData_;
+  std::optional<double> butteraugli_;
+  DecodedImage resultThumbnail_;
   std::optional<double> qualityOverride_;
   std::optional<QString> exportError_;
   std::optional<QUrl> lastExportDestination_;

@@ -28,14 +28,17 @@
 #include <QStringList>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "engine/ThreadAnnotations.h"
 #include "hotfolders/HotFolder.h"
+#include "hotfolders/HotFolderProcessedStore.h"
 
 class QThread;
 
@@ -128,9 +131,10 @@ class HotFolderWatcher {
   struct Settings;   // a scan's resolved destination, format and quality
 
   // The scan's steps (HotFolderScan.cpp).
-  std::vector<Candidate> pick(QStringList& staleNames) const;
+  std::vector<Candidate> pick(const HotFolderProcessedMap& known, QStringList& staleNames);
   std::optional<Settings> resolveSettings();
-  void name(std::vector<Candidate>& candidates, const Settings& settings) const;
+  void name(std::vector<Candidate>& candidates, const Settings& settings,
+            const HotFolderProcessedMap& known) const;
   void compressAll(const std::vector<Candidate>& candidates, const Settings& settings);
   void record(const Candidate& candidate, const ImageCompressionResult& result, int& completed, int total);
 
@@ -143,11 +147,24 @@ class HotFolderWatcher {
   std::unique_ptr<QThread> thread_;
   Loop* loop_;  // lives on thread_; deleted once thread_ has ended
 
+  // Names of the files written and not closed since the watch began, as inotify tells; the
+  // watcher's thread reads its events first when it asks.
+  std::set<std::string> namesBeingWritten();
+
   mutable Mutex stateLock_;  // never held across a call out
   bool isStopped_ GUARDED_BY(stateLock_) = false;
   State state_ GUARDED_BY(stateLock_) = State::stopped;
+  std::set<std::string> writing_ GUARDED_BY(stateLock_);  // file names (bytes)
 
-  std::mutex reportLock_;  // orders the callbacks of one scan's compressions
+  Mutex reportLock_;  // orders the callbacks
+  struct ReportedFailure {
+    int64_t size;
+    double modificationDate;
+    QString error;
+    bool operator==(const ReportedFailure&) const = default;
+  };
+  std::map<std::string, ReportedFailure> reportedFailures_ GUARDED_BY(reportLock_);  // by file name (bytes)
+  std::optional<QString> reportedFolderError_ GUARDED_BY(reportLock_);
 };
 
 }  // namespace quillane

@@ -1,5 +1,6 @@
 #include "ui/RowRules.h"
 
+#include <QLocale>
 #include <QString>
 #include <string>
 
@@ -71,6 +72,43 @@ SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat) {
       break;
   }
   return summary;
+}
+
+Look look(const ImportedImage& image) {
+  Look result;
+  const auto distance = image.butteraugli();
+  if (!distance) return result;
+  if (*distance < kLooksIdentical) {
+    result.word = Strings::text("look.identical");
+    result.tone = Tone::green;
+  } else if (*distance < kLooksClose) {
+    result.word = Strings::text("look.close");
+    result.tone = Tone::secondary;
+  } else {
+    result.word = Strings::text("look.different");
+    result.tone = Tone::orange;
+  }
+  result.help = Strings::format("look.helpFormat", distanceText(*distance));
+  return result;
+}
+
+QString distanceText(double distance) { return QLocale().toString(distance, 'f', 2); }
+
+QString batchTotalText(const ImageList& images) {
+  int64_t before = 0, after = 0;
+  for (const auto& image : images) {
+    const EncodeState state = image->encodeState();
+    if (!state.isReady()) continue;
+    before += image->originalSizeBytes();
+    after += state.sizeBytes;
+  }
+  if (before == 0 && after == 0) return {};
+  const SizeChange change = sizeChange(after, before);
+  if (!change.reduced)
+    return Strings::format("list.totalIncreasedFormat", formatByteCount(before), formatByteCount(after),
+                           formatByteCount(after - before), sizeChangeText(change));
+  return Strings::format("list.totalFormat", formatByteCount(before), formatByteCount(after),
+                         formatByteCount(before - after), sizeChangeText(change));
 }
 
 QString importedCountText(int count) {

@@ -36,6 +36,7 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   o.reader = nullptr;  // the real seams
   o.encoder = nullptr;
   o.inspector = nullptr;
+  o.measureResults = true;
   auto& model = makeModel(o);
   import({QUrl::fromLocalFile(dir_.filePath("pattern.png")), source("notes.png", "this is not an image"),
           latin1URL});
@@ -47,14 +48,24 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
 
   ASSERT_TRUE(waitIdle(20000));
   ASSERT_TRUE(image->encodeState().isReady()) << image->encodeState().message.toStdString();
+  // After the size, how the result looks: its distance and its own thumbnail.
+  ASSERT_TRUE(QTest::qWaitFor([&] { return image->butteraugli().has_value(); }, 20000));
+  EXPECT_GT(*image->butteraugli(), 0.0);
+  EXPECT_EQ(image->resultThumbnail().width, 64);
   QDir(dir_.path()).mkpath("out");
   const auto outcomes = model.exportAll(QUrl::fromLocalFile(dir_.filePath("out")));
   ASSERT_TRUE(outcomes.at(0).destinationURL);
   const auto written = readBytes(outcomes[0].destinationURL->toLocalFile().toStdString());
   EXPECT_EQ(ImageFormats::detect(written), ImageFormat::jpeg);
   EXPECT_EQ(int64_t(written.size()), image->encodeState().sizeBytes);
+  // The output keeps the source name's bytes, as the command line does ("caf\xe9.jpg", not
+  // "caf\uFFFD.jpg").
   ASSERT_TRUE(outcomes.at(1).destinationURL);
-  EXPECT_EQ(readBytes(outcomes[1].destinationURL->toLocalFile().toStdString()), written);
+  const std::string latin1Output = QFile::encodeName(dir_.path()).toStdString() + "/out/caf\xe9.jpg";
+  const std::unique_ptr<const char, void (*)(const char*)> unlinkOutput(
+      latin1Output.c_str(), [](const char* name) { ::unlink(name); });
+  EXPECT_EQ(localFilePath(*outcomes[1].destinationURL), latin1Output);
+  EXPECT_EQ(readBytes(latin1Output), written);
 
   o.restoreSession = true;
   auto& restarted = makeModel(o);
