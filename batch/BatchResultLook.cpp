@@ -40,13 +40,13 @@ void BatchViewModel::measureResult(const std::shared_ptr<ImportedImage>& image) 
   std::weak_ptr<ImportedImage> weakImage = image;
   processorSlots_->wait(1, this, [this, weakImage, result, cancel, stale, costMB] {
     memoryBudget_->wait(costMB, this, [this, weakImage, result, cancel, stale, costMB] {
-      auto image = weakImage.lock();
-      if (!image || cancel->load()) {
+      auto alive = weakImage.lock();
+      if (!alive || cancel->load()) {
         memoryBudget_->release(costMB);
         processorSlots_->release(1);
         return;
       }
-      QtConcurrent::run(encodePool_.get(), [reader = options_.reader, path = image->sourceFilePath(), result,
+      QtConcurrent::run(encodePool_.get(), [reader = options_.reader, path = alive->sourceFilePath(), result,
                                             cancel] {
         Look look;
         Cancellation::Scope scope(cancel.get());
@@ -67,11 +67,11 @@ void BatchViewModel::measureResult(const std::shared_ptr<ImportedImage>& image) 
         memoryBudget_->release(costMB);
         processorSlots_->release(1);
         QObject::disconnect(*stale);
-        auto image = weakImage.lock();
+        auto shown = weakImage.lock();
         // Implicit sharing: the same data pointer means the row still shows this result.
-        if (!image || !image->compressedData() || image->compressedData()->constData() != result.constData())
+        if (!shown || !shown->compressedData() || shown->compressedData()->constData() != result.constData())
           return;
-        image->setResultLook(look.butteraugli, std::move(look.thumbnail));
+        shown->setResultLook(look.butteraugli, std::move(look.thumbnail));
       });
     });
   });
