@@ -120,7 +120,7 @@ void BatchViewModel::setQualityOverride(const std::shared_ptr<ImportedImage>& im
 
 void BatchViewModel::removeImage(const std::shared_ptr<ImportedImage>& given) {
   // A copy: `given` may be the very element of images_ that the removal erases.
-  const std::shared_ptr<ImportedImage> image = given;
+  const std::shared_ptr<ImportedImage> image = given;  // NOLINT(performance-unnecessary-copy-initialization)
   if (!image) return;
   const QUuid id = image->id();
   const auto at = std::find(images_.begin(), images_.end(), image);

@@ -23,7 +23,7 @@ const std::array<int32_t, 64> RGBABuffer::bayer8 = {
 namespace {
 
 // 256 rows of 256 entries, indexed [alpha][sample].
-using AlphaTable = std::array<uint8_t, 256 * 256>;
+using AlphaTable = std::array<uint8_t, size_t(256) * 256>;
 
 uint8_t unpremultiplied(int alpha, int value) {
   if (alpha == 0) return 0;

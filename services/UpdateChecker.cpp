@@ -128,7 +128,7 @@ void UpdateChecker::handleReply(QNetworkReply* reply) {
 }
 
 UpdateChecker::State UpdateChecker::evaluate(const QByteArray& body) const {
-  const State unreadable = State::failed(Strings::text("settings.updates.unreadableResponse"));
+  State unreadable = State::failed(Strings::text("settings.updates.unreadableResponse"));
   QJsonParseError parseError{};
   QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
   if (parseError.error != QJsonParseError::NoError || !document.isObject()) return unreadable;
