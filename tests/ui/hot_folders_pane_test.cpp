@@ -127,8 +127,8 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   // Each row says what its folder is doing.
   QStringList states;
   for (QLabel* label : pane().existingSection()->findChildren<QLabel*>("statusText")) states << label->text();
-  EXPECT_EQ(states.count(ui::text("settings.hotFolders.stateWaiting", "En attente du dossier")), 30);
-  EXPECT_EQ(states.count(ui::text("settings.hotFolders.stateWatching", "Surveillé")), 1);
+  EXPECT_EQ(states.count(Strings::text("settings.hotFolders.stateWaiting")), 30);
+  EXPECT_EQ(states.count(Strings::text("settings.hotFolders.stateWatching")), 1);
 
   QList<QCheckBox*> switches = pane().existingSection()->findChildren<QCheckBox*>("enabledSwitch");
   ASSERT_EQ(switches.size(), 31);
