@@ -1,9 +1,14 @@
 // Export profiles and export history of BatchViewModel. Both lists are saved whole at each
 // assignment; a failed save is silent and the list in memory stays the truth for this run.
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
+#include <cerrno>
+#include <cstring>
 
 #include "batch/BatchViewModelPrivate.h"
 #include "engine/Localization.h"
@@ -61,7 +66,7 @@ void BatchViewModel::recordExport(const ImportedImage& image, const QUrl& destin
   ExportRecord record;
   record.id = QUuid::createUuid();
   record.sourceDisplayName = image.fileName();
-  record.destinationURL = destination.toLocalFile();
+  record.destinationURL = destination;
   record.format = outputFormat_;
   record.sizeBytes = data.size();
   record.date = ExportHistory::now();
@@ -77,15 +82,15 @@ bool BatchViewModel::isRecordSuperseded(const ExportRecord& record) const {
 void BatchViewModel::undoExport(const ExportRecord& record) {
   // A superseded record's file belongs to the newer export: only the record goes.
   if (!isRecordSuperseded(record)) {
-    const QFileInfo info(record.destinationURL);
-    if (info.exists() || info.isSymLink()) {
-      QFile file(record.destinationURL);
-      if (!file.remove()) {
-        setExportError(QString::fromStdString(
-            Localization::format("export.deleteFailedFormat", "Impossible de supprimer « %@ » : %@",
-                                 {info.fileName().toStdString(), file.errorString().toStdString()})));
-        return;
-      }
+    // By the path's bytes, so that a name that is not UTF-8 is the file that was written.
+    const std::string path = localFilePath(record.destinationURL);
+    struct stat st {};
+    if (!path.empty() && ::lstat(path.c_str(), &st) == 0 && ::unlink(path.c_str()) != 0) {
+      const std::string reason = std::strerror(errno);
+      setExportError(QString::fromStdString(
+          Localization::format("export.deleteFailedFormat", "Impossible de supprimer « %@ » : %@",
+                               {record.destinationURL.fileName().toStdString(), reason})));
+      return;
     }
   }
   ExportRecordList history = exportHistory_;
@@ -96,7 +101,7 @@ void BatchViewModel::undoExport(const ExportRecord& record) {
 void BatchViewModel::clearExportHistory() { setExportHistory({}); }
 
 void BatchViewModel::showInFileManager(const ExportRecord& record) {
-  if (panels_) panels_->showInFileManager(QUrl::fromLocalFile(record.destinationURL));
+  if (panels_) panels_->showInFileManager(record.destinationURL);
 }
 
 }  // namespace quillane
