@@ -235,6 +235,7 @@ void BatchViewModel::finishEncode(const std::shared_ptr<ImportedImage>& image, u
     const int64_t size = result.bytes->size();
     image->setCompressedData(result.bytes);
     image->setEncodeState(EncodeState::ready(size));
+    measureResult(image);
   } else {
     image->setCompressedData(std::nullopt);
     image->setEncodeState(EncodeState::failed(result.error));

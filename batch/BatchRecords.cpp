@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QStandardPaths>
 #include <cerrno>
 #include <cstring>
 
@@ -79,18 +81,43 @@ bool BatchViewModel::isRecordSuperseded(const ExportRecord& record) const {
   return ExportHistory::isRecordSuperseded(exportHistory_, record);
 }
 
+namespace {
+// QFile::moveToTrash, guarded against Qt 6.4's fallback: where the home Trash can't be set up
+// (no data folder yet) it "succeeds" by moving the file into ./files of the working folder.
+// The data folder is made first, and a file that still lands there is put back.
+bool moveToTrash(QFile& file) {
+  QDir().mkpath(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation));
+  const QString original = file.fileName();
+  if (!file.moveToTrash()) return false;
+  if (QFileInfo(file.fileName()).isAbsolute()) return true;
+  QFile::rename(file.fileName(), original);
+  QFile::remove(QStringLiteral("info/") + QFileInfo(original).fileName() + QStringLiteral(".trashinfo"));
+  return false;
+}
+}  // namespace
+
 void BatchViewModel::undoExport(const ExportRecord& record) {
   // A superseded record's file belongs to the newer export: only the record goes.
   if (!isRecordSuperseded(record)) {
-    // By the path's bytes, so that a name that is not UTF-8 is the file that was written.
     const std::string path = localFilePath(record.destinationURL);
+    const QString name = QFile::decodeName(QByteArray::fromStdString(path));
     struct stat st {};
-    if (!path.empty() && ::lstat(path.c_str(), &st) == 0 && ::unlink(path.c_str()) != 0) {
-      const std::string reason = std::strerror(errno);
-      setExportError(QString::fromStdString(
-          Localization::format("export.deleteFailedFormat", "Impossible de supprimer « %@ » : %@",
-                               {record.destinationURL.fileName().toStdString(), reason})));
-      return;
+    if (!path.empty() && ::lstat(path.c_str(), &st) == 0) {
+      // To the desktop's Trash, not deleted: an undo of an export can itself be taken back
+      // from the file manager. A name that is not UTF-8 can't be handed to Qt's Trash: that
+      // file is deleted by its bytes.
+      // A folder in its place is not what was exported: it stays where it is.
+      QFile file(name);
+      const bool folder = S_ISDIR(st.st_mode);
+      const bool qtCanNameIt = QFile::encodeName(name).toStdString() == path;
+      const bool removed = !folder && (qtCanNameIt ? moveToTrash(file) : ::unlink(path.c_str()) == 0);
+      if (!removed) {
+        const std::string reason = std::strerror(folder ? EISDIR : EIO);
+        setExportError(QString::fromStdString(
+            Localization::format("export.deleteFailedFormat", "Impossible de supprimer « %@ » : %@",
+                                 {record.destinationURL.fileName().toStdString(), reason})));
+        return;
+      }
     }
   }
   ExportRecordList history = exportHistory_;

@@ -5,6 +5,7 @@
 
 #include "engine/ImageDecoder.h"
 #include "engine/ImageService.h"
+#include "engine/PerceptualDistance.h"
 
 namespace quillane::CompressionCost {
 
@@ -22,6 +23,19 @@ int fileCostMB(const std::string& path, ImageFormat format) {
   const auto header = ImageDecoder::readHeader(path);
   if (header) return encodeCostMB(header->width, header->height, format);
   return std::numeric_limits<int>::max();
+}
+
+int measureCostMB(int width, int height, uint64_t fileBytes) {
+  const uint64_t bytes = PerceptualDistance::peakBytes(width, height) + fileBytes + (8u << 20);
+  return std::max(megabytes(bytes), 1);
+}
+
+int measuredFileCostMB(const std::string& path, ImageFormat format) {
+  const auto header = ImageDecoder::readHeader(path);
+  if (!header) return std::numeric_limits<int>::max();
+  const uint64_t file = uint64_t(std::max<int64_t>(ImageDecoder::fileSize(path), 0));
+  return std::max(encodeCostMB(header->width, header->height, format),
+                  measureCostMB(header->width, header->height, file * 2));
 }
 
 int previewCostMB(std::span<const uint8_t> bytes, int maxPixelSize) {

@@ -18,6 +18,7 @@
 #include "engine/ImageDecoder.h"
 #include "engine/Json.h"
 #include "engine/Localization.h"
+#include "engine/PerceptualDistance.h"
 #include "engine/RGBABuffer.h"
 
 namespace quillane {
@@ -101,6 +102,7 @@ std::string ImageCompressionResult::toJSON() const {
   if (compressedSizeBytes) object.set("compressedSizeBytes", *compressedSizeBytes);
   if (ratio) object.set("ratio", *ratio);
   if (destination) object.set("destination", *destination);
+  if (butteraugli) object.set("butteraugli", *butteraugli);
   if (error) object.set("error", *error);
   return object.writeSorted();
 }
@@ -185,7 +187,8 @@ Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double q
 }
 
 ImageCompressionResult compress(const std::string& path, const std::string& directory, ImageFormat format,
-                                double quality, const std::optional<std::string>& destinationFilename) {
+                                double quality, const std::optional<std::string>& destinationFilename,
+                                bool measure) {
   ImageCompressionResult result;
   result.path = path;
   try {
@@ -203,6 +206,13 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
     result.compressedSizeBytes = written;
     result.ratio = 1.0 - double(written) / double(std::max<int64_t>(original, 1));
     result.destination = destination;
+    if (measure) {
+      try {
+        result.butteraugli = PerceptualDistance::between(source, compressed);
+      } catch (const std::exception&) {
+        // the file is written; only its measure is missing
+      }
+    }
   } catch (const std::exception& error) {
     result.originalSizeBytes = fileSize(path);
     result.error = describe(error);
