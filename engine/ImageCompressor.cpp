@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <new>
@@ -125,11 +126,11 @@ std::string ImageCompressionResult::toJSON() const {
 namespace ImageCompressor {
 
 Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality) {
-  return encodeData(fileData, format, quality, CompressionOptions{}).bytes;
+  return encode(fileData, format, quality, CompressionOptions{}).bytes;
 }
 
-Encoded encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality,
-                   const CompressionOptions& options) {
+Encoded encode(std::span<const uint8_t> fileData, ImageFormat format, double quality,
+               const CompressionOptions& options) {
   // Between its stages the pipeline stops when its caller gave up (Cancellation.h).
   ImageDecoder::DecodedSource source = ImageDecoder::decodeCGImageSource(fileData);
   const ImageFormat sourceFormat = source.format;
@@ -286,7 +287,7 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
   result.path = path;
   try {
     const Bytes source = ImageDecoder::readSource(path);
-    const Encoded encoded = encodeData(source, format, quality, options);
+    const Encoded encoded = encode(source, format, quality, options);
     const Bytes& compressed = encoded.bytes;
     result.quality = encoded.quality;
     result.pixelWidth = encoded.width;
@@ -322,6 +323,28 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
     result.error = describe(error);
   }
   return result;
+}
+
+std::optional<int64_t> parseByteCount(std::string_view text) {
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+  if (!text.empty() && (text.back() == 'B' || text.back() == 'b')) text.remove_suffix(1);
+  double unit = 1;
+  if (!text.empty() && (text.back() == 'k' || text.back() == 'K')) unit = 1e3;
+  if (!text.empty() && (text.back() == 'm' || text.back() == 'M')) unit = 1e6;
+  if (unit > 1) text.remove_suffix(1);
+  if (text.empty() || text.size() > 20) return std::nullopt;
+  bool dot = false;
+  for (char c : text) {
+    if (c == '.' && !dot && unit > 1) {
+      dot = true;
+      continue;
+    }
+    if (c < '0' || c > '9') return std::nullopt;
+  }
+  const double value = std::strtod(std::string(text).c_str(), nullptr) * unit;
+  if (!(value >= 1) || value > 9e18) return std::nullopt;
+  return int64_t(std::llround(value));
 }
 
 int64_t fileSize(const std::string& path) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "engine/Errors.h"
@@ -76,11 +77,15 @@ struct Encoded {
 // byte budget encodes at `quality` first, then predicts from that size and bisects among
 // lower whole qualities, at most about seven encodings; throws BudgetError when quality 1
 // does not fit either.
-Encoded encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality,
-                   const CompressionOptions& options);
+Encoded encode(std::span<const uint8_t> fileData, ImageFormat format, double quality,
+               const CompressionOptions& options);
 
 // "100 kB", "1.5 MB", "900 bytes": a byte count in decimal units, as budgets are given.
 std::string byteCountText(int64_t bytes);
+
+// A byte count as users write it: "250000", "500k", "1.5M" (k and M are 1,000 and 1,000,000,
+// in either case, optionally followed by "B"). Nothing for anything else, zero or negative.
+std::optional<int64_t> parseByteCount(std::string_view text);
 
 // Reads `path`, encodes, writes atomically into `directory` as `destinationFilename` (or the
 // source's base name with the format's extension), replacing a file of that name. With

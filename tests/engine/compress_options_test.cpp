@@ -32,8 +32,8 @@ TEST(FitOption, ScalesTheUprightPictureIntoTheBoxAndKeepsAlpha) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::to_string(c.width) + " x " + std::to_string(c.height));
-    auto out =
-        encodeData(c.source, ImageFormat::webp, 80, {.maxWidth = c.maxWidth, .maxHeight = c.maxHeight});
+    auto out = ImageCompressor::encode(c.source, ImageFormat::webp, 80,
+                                       {.maxWidth = c.maxWidth, .maxHeight = c.maxHeight});
     EXPECT_EQ(out.width, c.width);
     EXPECT_EQ(out.height, c.height);
     EXPECT_EQ(out.fitted, c.width != 120 && c.height != 120);
@@ -43,12 +43,13 @@ TEST(FitOption, ScalesTheUprightPictureIntoTheBoxAndKeepsAlpha) {
     EXPECT_EQ(props->height, c.height);
   }
   // A picture inside the box gives the very bytes it gives without the option.
-  EXPECT_EQ(encodeData(cases[0].source, ImageFormat::jpeg, 70, {.maxWidth = 500}).bytes,
+  EXPECT_EQ(ImageCompressor::encode(cases[0].source, ImageFormat::jpeg, 70, {.maxWidth = 500}).bytes,
             encodeData(cases[0].source, ImageFormat::jpeg, 70));
 
   const Bytes logo = fixtures::png(testing::makeImage(64, 64, testing::Pattern::flatLogo, 1, true));
   for (ImageFormat format : {ImageFormat::png, ImageFormat::avif}) {
-    auto decoded = ImageService::decodeFirstFrame(encodeData(logo, format, 90, {.maxWidth = 32}).bytes);
+    auto decoded =
+        ImageService::decodeFirstFrame(ImageCompressor::encode(logo, format, 90, {.maxWidth = 32}).bytes);
     EXPECT_EQ(decoded.width, 32);
     EXPECT_TRUE(decoded.hasAlphaChannel()) << ImageFormats::label(format);
   }
@@ -60,7 +61,7 @@ TEST(BudgetOption, EveryFormatLandsUnderTheBudgetAndCloseToItForAPhoto) {
     SCOPED_TRACE(ImageFormats::label(format));
     const size_t plain = encodeData(source, format, 90).size();
     const auto budget = int64_t(plain / 3);
-    auto out = encodeData(source, format, 90, {.maxBytes = budget});
+    auto out = ImageCompressor::encode(source, format, 90, {.maxBytes = budget});
     EXPECT_LE(int64_t(out.bytes.size()), budget);
     EXPECT_LT(out.quality, 90);
     EXPECT_LE(out.encodes, 8);
@@ -71,7 +72,7 @@ TEST(BudgetOption, EveryFormatLandsUnderTheBudgetAndCloseToItForAPhoto) {
     EXPECT_EQ(out.bytes, encodeData(source, format, out.quality));
 
     // A budget the first encoding meets costs nothing more.
-    auto roomy = encodeData(source, format, 90, {.maxBytes = int64_t(plain)});
+    auto roomy = ImageCompressor::encode(source, format, 90, {.maxBytes = int64_t(plain)});
     EXPECT_EQ(roomy.encodes, 1);
     EXPECT_EQ(roomy.quality, 90);
   }
