@@ -125,15 +125,19 @@ std::string ImageCompressionResult::toJSON() const {
 
 namespace ImageCompressor {
 
-Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality) {
-  return encode(fileData, format, quality, CompressionOptions{}).bytes;
-}
+namespace {
 
-Encoded encode(std::span<const uint8_t> fileData, ImageFormat format, double quality,
-               const CompressionOptions& options) {
+// encode; `owned`, when given, holds the file's bytes (`fileData`), which go as soon as the
+// picture is decoded unless a JPEG is to be repackaged as JPEG XL from them.
+Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageFormat format, double quality,
+                     const CompressionOptions& options) {
   // Between its stages the pipeline stops when its caller gave up (Cancellation.h).
   ImageDecoder::DecodedSource source = ImageDecoder::decodeCGImageSource(fileData);
   const ImageFormat sourceFormat = source.format;
+  if (owned && !(format == ImageFormat::jxl && sourceFormat == ImageFormat::jpeg && quality >= 90)) {
+    Bytes().swap(*owned);
+    fileData = {};
+  }
   Cancellation::check();
   Encoded result;
   if (options.fits()) {
@@ -270,6 +274,17 @@ Encoded encode(std::span<const uint8_t> fileData, ImageFormat format, double qua
   return result;
 }
 
+}  // namespace
+
+Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality) {
+  return encodeSource(fileData, nullptr, format, quality, CompressionOptions{}).bytes;
+}
+
+Encoded encode(std::span<const uint8_t> fileData, ImageFormat format, double quality,
+               const CompressionOptions& options) {
+  return encodeSource(fileData, nullptr, format, quality, options);
+}
+
 std::string byteCountText(int64_t bytes) {
   const auto scaled = [](double value, const char* unit) {
     std::string text = Json::formatDouble(std::round(value * 10) / 10);
@@ -286,14 +301,16 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
   ImageCompressionResult result;
   result.path = path;
   try {
-    const Bytes source = ImageDecoder::readSource(path);
-    const Encoded encoded = encode(source, format, quality, options);
+    Bytes source = ImageDecoder::readSource(path);
+    const auto original = int64_t(source.size());
+    // The file's bytes go once decoded, unless the measure reads them afterwards.
+    const Encoded encoded = encodeSource(source, measure ? nullptr : &source, format, quality, options);
     const Bytes& compressed = encoded.bytes;
     result.quality = encoded.quality;
     result.pixelWidth = encoded.width;
     result.pixelHeight = encoded.height;
-    result.originalSizeBytes = int64_t(source.size());
-    if (options.skipLarger && compressed.size() >= source.size()) {
+    result.originalSizeBytes = original;
+    if (options.skipLarger && int64_t(compressed.size()) >= original) {
       result.skipped = Localization::format("result.keptOriginalFormat",
                                             "Original conservé : le résultat (%1$@) n'était pas plus petit.",
                                             {byteCountText(int64_t(compressed.size()))});
@@ -305,7 +322,6 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
     const std::string destination =
         std::filesystem::absolute(std::filesystem::path(directory) / name).string();
     FileIO::writeFileAtomically(destination, compressed, FileIO::permissionsFor(path));
-    const auto original = int64_t(source.size());
     const auto written = int64_t(compressed.size());
     result.originalSizeBytes = original;
     result.compressedSizeBytes = written;
