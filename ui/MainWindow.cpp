@@ -152,7 +152,7 @@ void MainWindow::buildMenus() {
   settings->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
   settings->setMenuRole(QAction::PreferencesRole);
   file->addSeparator();
-  quitAction_ = file->addAction(text("menu.quit", "Quitter"), qApp, &QApplication::closeAllWindows);
+  quitAction_ = file->addAction(text("menu.quit", "Quitter"), qApp, &QCoreApplication::quit);
   quitAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
   quitAction_->setMenuRole(QAction::QuitRole);
 
