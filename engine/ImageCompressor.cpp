@@ -185,41 +185,41 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
   if (format == ImageFormat::webp) pictures.argb.emplace(std::move(pictures.rgba));
   Cancellation::check();
 
-  // One encoding of the picture at `q` under `plan`. With `consume` its last encoding may take
+  // One encoding of the picture at `q` under `attempt`. With `consume` its last encoding may take
   // the picture's memory; a budget's search keeps the picture for the next one.
-  const auto encodeAt = [&](const EncodingPlan& plan, double q, bool consume) -> Bytes {
+  const auto encodeAt = [&](const EncodingPlan& attempt, double q, bool consume) -> Bytes {
     // A JPEG repackaged as JPEG XL loses nothing and is reconstructible byte for byte; below
     // 90 the user asked for a smaller file than that gives, so it is encoded from pixels.
     if (format == ImageFormat::jxl && sourceFormat == ImageFormat::jpeg && q >= 90 && !result.fitted) {
-      if (auto transcoded = JXLEncoder::transcodeJPEG(fileData, plan.effort + 5))
+      if (auto transcoded = JXLEncoder::transcodeJPEG(fileData, attempt.effort + 5))
         return std::move(*transcoded);
     }
 
     // A WebP plan whose lossless encoding cannot beat its lossy one runs the lossy one alone:
     // the bytes are those the smaller of the two gave, without the costlier encoding.
-    if (format == ImageFormat::webp && plan.alternative) {
+    if (format == ImageFormat::webp && attempt.alternative) {
       using Kind = EncodingPlan::Mode::Kind;
-      const bool mainLossless = plan.mode.kind == Kind::lossless;
-      const EncodingPlan::Mode& lossy = mainLossless ? *plan.alternative : plan.mode;
-      if ((mainLossless || plan.alternative->kind == Kind::lossless) &&
+      const bool mainLossless = attempt.mode.kind == Kind::lossless;
+      const EncodingPlan::Mode& lossy = mainLossless ? *attempt.alternative : attempt.mode;
+      if ((mainLossless || attempt.alternative->kind == Kind::lossless) &&
           !EncodingStrategy::losslessWebPMayWin(characteristics, lossy)) {
         if (!mainLossless)
-          return encodeWith(pictures, format, plan, characteristics, plan.mode, false, consume);
+          return encodeWith(pictures, format, attempt, characteristics, attempt.mode, false, consume);
         try {
-          return encodeWith(pictures, format, plan, characteristics, lossy, true, false);
+          return encodeWith(pictures, format, attempt, characteristics, lossy, true, false);
         } catch (const std::exception&) {
           // a failed lossy encoding leaves the lossless main encoding to try, as before
         }
       }
     }
 
-    Bytes main =
-        encodeWith(pictures, format, plan, characteristics, plan.mode, false, consume && !plan.alternative);
-    if (!plan.alternative) return main;
+    Bytes main = encodeWith(pictures, format, attempt, characteristics, attempt.mode, false,
+                            consume && !attempt.alternative);
+    if (!attempt.alternative) return main;
     Cancellation::check();
     Bytes second;
     try {
-      second = encodeWith(pictures, format, plan, characteristics, *plan.alternative, true, consume);
+      second = encodeWith(pictures, format, attempt, characteristics, *attempt.alternative, true, consume);
     } catch (const std::exception&) {
       return main;  // a failed competitor leaves the main encoding standing
     }
