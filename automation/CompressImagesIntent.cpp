@@ -175,8 +175,8 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
     // Beside the sources nothing is replaced: a name already taken on disk is passed over.
     while (besideSources && std::filesystem::exists(std::filesystem::path(folder) / name.toStdString()))
       name = allocator->second.filename(base, extensionText);
-    const CompressionBudget::Claim claim =
-        CompressionBudget::process().claim(CompressionCost::fileCostMB(path, resolved.format));
+    const CompressionBudget::Claim claim = CompressionBudget::process().claim(
+        CompressionCost::fileCostMB(path, resolved.format, resolved.quality));
     const ImageCompressionResult result =
         ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name.toStdString());
     if (!result.destination) throw CompressionFailedError(source.filename().string(), result.error);

@@ -98,7 +98,9 @@ void BatchViewModel::scheduleEncode(const std::shared_ptr<ImportedImage>& image,
   task->image = image;
   task->quality = quality;
   task->format = format;
-  task->costMB = CompressionCost::encodeCostMB(image->width(), image->height(), format);
+  task->costMB = CompressionCost::encodeCostMB({image->originalFormat(), image->width(), image->height(),
+                                                uint64_t(std::max<int64_t>(image->originalSizeBytes(), 0))},
+                                               format, quality);
   encodeTasks_[id] = task;
 
   if (!debounce) {

@@ -14,15 +14,13 @@ int memoryBudgetMB(uint64_t physicalMemoryBytes) {
   return 512;
 }
 
-int encodeCostMB(int width, int height, ImageFormat) {
-  const int64_t pixels = int64_t(std::max(width, 0)) * int64_t(std::max(height, 0));
-  return int(std::clamp<int64_t>(pixels * 20 / 1048576 + 8, 1, INT32_MAX));
+int encodeCostMB(const EncodeCost::Source& source, ImageFormat format, double quality) {
+  return std::max(megabytes(EncodeCost::peakBytes(source, format, quality)), 1);
 }
 
-int fileCostMB(const std::string& path, ImageFormat format) {
-  const auto header = ImageDecoder::readHeader(path);
-  if (header) return encodeCostMB(header->width, header->height, format);
-  return std::numeric_limits<int>::max();
+int fileCostMB(const std::string& path, ImageFormat format, double quality) {
+  const auto peak = EncodeCost::peakBytes(path, format, quality);
+  return peak ? std::max(megabytes(*peak), 1) : std::numeric_limits<int>::max();
 }
 
 int measureCostMB(int width, int height, uint64_t fileBytes) {
@@ -30,12 +28,11 @@ int measureCostMB(int width, int height, uint64_t fileBytes) {
   return std::max(megabytes(bytes), 1);
 }
 
-int measuredFileCostMB(const std::string& path, ImageFormat format) {
+int measuredFileCostMB(const std::string& path, ImageFormat format, double quality) {
   const auto header = ImageDecoder::readHeader(path);
   if (!header) return std::numeric_limits<int>::max();
   const uint64_t file = uint64_t(std::max<int64_t>(ImageDecoder::fileSize(path), 0));
-  return std::max(encodeCostMB(header->width, header->height, format),
-                  measureCostMB(header->width, header->height, file * 2));
+  return std::max(fileCostMB(path, format, quality), measureCostMB(header->width, header->height, file * 2));
 }
 
 int previewCostMB(std::span<const uint8_t> bytes, int maxPixelSize) {

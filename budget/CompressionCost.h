@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 
+#include "engine/EncodeCost.h"
 #include "engine/ImageFormat.h"
 
 namespace quillane::CompressionCost {
@@ -13,14 +14,14 @@ namespace quillane::CompressionCost {
 // The process's budget: one eighth of the memory, at most 4096; 512 for machines under 4 GiB.
 int memoryBudgetMB(uint64_t physicalMemoryBytes);
 
-// The working memory of one encode of a `width` x `height` picture into `format`: 20 bytes a
-// pixel plus 8 MB, at least 1.
-int encodeCostMB(int width, int height, ImageFormat format);
+// The peak memory of one encode of `source` into `format` at `quality`: the engine's cost
+// model (EncodeCost::peakBytes), at least 1.
+int encodeCostMB(const EncodeCost::Source& source, ImageFormat format, double quality);
 
-// The encode cost of the file at `path` into `format`, from the dimensions in its header; a
-// file whose header can't be read in its first bytes (or that is no regular file) costs the
+// The encode cost of the file at `path` into `format`, from its size and the header in its
+// first bytes; a file whose header can't be read there (or that is no regular file) costs the
 // most there is, and so runs alone.
-int fileCostMB(const std::string& path, ImageFormat format);
+int fileCostMB(const std::string& path, ImageFormat format, double quality);
 
 // The working memory of measuring how a result looks (PerceptualDistance::between) for a
 // `width` x `height` picture whose source and result files take `fileBytes` together: the
@@ -29,7 +30,7 @@ int measureCostMB(int width, int height, uint64_t fileBytes);
 
 // The larger of fileCostMB and measureCostMB for the file at `path`: what a compression that
 // measures its result claims (the one follows the other).
-int measuredFileCostMB(const std::string& path, ImageFormat format);
+int measuredFileCostMB(const std::string& path, ImageFormat format, double quality);
 
 // What a preview of at most `maxPixelSize` made from `bytes` (ImageDecoder::loadPreview) takes:
 // the bytes and the decode, which is never made beyond ImageDecoder::kPreviewMemory.

@@ -266,8 +266,8 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
     utilityPool().start([&] {
       for (size_t index; !isStopped() && (index = next++) < candidates.size();) {
         const Candidate& candidate = candidates[index];
-        const CompressionBudget::Claim claim =
-            CompressionBudget::process().claim(CompressionCost::fileCostMB(candidate.path, settings.format));
+        const CompressionBudget::Claim claim = CompressionBudget::process().claim(
+            CompressionCost::fileCostMB(candidate.path, settings.format, settings.quality));
         record(candidate,
                ImageCompressor::compress(candidate.path, destination, settings.format, settings.quality,
                                          candidate.destinationFilename),
