@@ -194,6 +194,9 @@ class BatchViewModel : public QObject {
   // ---- Session ----
   // Saves the list of source URLs and overrides to importSession.json.
   void persistImportSession();
+  // Saves the output format and the global quality to batchSettings.json (also done by itself
+  // half a second after a change); they are read back at start-up with the session.
+  void persistSettings();
 
   // ---- Profiles ----
   const ExportProfileList& exportProfiles() const { return exportProfiles_; }
@@ -286,6 +289,7 @@ class BatchViewModel : public QObject {
   void recordImportFailure(const QUrl& url, const QString& message);
   void appendImported(const std::shared_ptr<ImportedImage>& image);
   void restoreSession();
+  void restoreSettings();
 
   // Undo: announces a change unless one is being replayed; `replay` runs a change replayed.
   void announceUndoable(const QString& text, const QString& mergeKey, std::function<void()> undo,
@@ -317,6 +321,7 @@ class BatchViewModel : public QObject {
   bool isQualitySliderEditing_ = false;
 
   QTimer qualityDebounce_;  // single shot, restarted by each send
+  QTimer settingsSave_;     // single shot, restarted by each change of format or quality
   std::map<QUuid, std::shared_ptr<EncodeTask>> encodeTasks_;
   std::set<QUuid> activeEncodeImageIDs_;
   std::set<QUuid> pendingReEncodeImageIDs_;
