@@ -17,6 +17,7 @@
 #include "budget/CompressionCost.h"
 #include "engine/Cancellation.h"
 #include "engine/Errors.h"
+#include "engine/ImageService.h"
 
 namespace quillane {
 
@@ -192,6 +193,8 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
 
   SourceReader reader = options_.reader;
   Encoder encoder = options_.encoder;
+  SizedEncoder sizedEncoder = options_.sizedEncoder;
+  const CompressionOptions sizing = compressionOptions_;
   const std::string path = image->sourceFilePath();
   const ImageFormat format = task->format;
   const double quality = task->quality;
@@ -203,13 +206,23 @@ void BatchViewModel::encode(const std::shared_ptr<EncodeTask>& task, std::functi
   const int costMB = task->costMB;
   QtConcurrent::run(
       encodePool_.get(),
-      [workEnded, reader, encoder, path, format, quality, label, cancel, wantsThumbnail, memory,
-       costMB]() -> EncodeResult {
+      [workEnded, reader, encoder, sizedEncoder, sizing, path, format, quality, label, cancel, wantsThumbnail,
+       memory, costMB]() -> EncodeResult {
         EncodeResult result;
         Cancellation::Scope scope(cancel.get());
         try {
           const std::vector<uint8_t> source = reader(path);
-          const std::vector<uint8_t> bytes = encoder(source, format, quality);
+          std::vector<uint8_t> bytes;
+          if (sizing.fits() || sizing.maxBytes > 0) {
+            ImageCompressor::Encoded encoded = sizedEncoder(source, format, quality, sizing);
+            bytes = std::move(encoded.bytes);
+            result.shape = ResultShape{encoded.quality, encoded.width, encoded.height, false};
+          } else {
+            bytes = encoder(source, format, quality);
+            if (auto header = ImageService::properties(bytes))
+              result.shape = ResultShape{quality, header->width, header->height, false};
+          }
+          if (result.shape) result.shape->keptOriginal = sizing.skipLarger && bytes.size() >= source.size();
           result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
           if (wantsThumbnail)
             result.thumbnail = ImageDecoder::loadPreview(source, ImageDecoder::kThumbnailSize, UINT64_MAX);
@@ -236,10 +249,12 @@ void BatchViewModel::finishEncode(const std::shared_ptr<ImportedImage>& image, u
   if (result.bytes) {
     const int64_t size = result.bytes->size();
     image->setCompressedData(result.bytes);
+    image->resultShape_ = result.shape;
     image->setEncodeState(EncodeState::ready(size));
     measureResult(image);
   } else {
     image->setCompressedData(std::nullopt);
+    image->resultShape_.reset();
     image->setEncodeState(EncodeState::failed(result.error));
   }
   refreshIsEncoding();
@@ -271,6 +286,7 @@ void BatchViewModel::schedulePassthrough(const std::shared_ptr<ImportedImage>& i
     auto row = weakImage.lock();
     if (!row || row->encodeGeneration_ != generation) return;
     if (!bytes.isEmpty()) {
+      row->resultShape_.reset();
       row->setCompressedData(bytes);
       row->setEncodeState(EncodeState::ready(bytes.size()));
     } else {

@@ -80,6 +80,8 @@ std::vector<ExportOutcome> BatchViewModel::exportAll(const QUrl& folder) {
     ExportOutcome outcome{image, std::nullopt, std::nullopt};
     if (!image->compressedData()) {
       outcome.errorDescription = image->exportError() ? *image->exportError() : notEncodedDescription(*image);
+    } else if (image->resultShape() && image->resultShape()->keptOriginal) {
+      outcome.keptOriginal = true;
     } else {
       const std::string name = allocator.filename(sourceBaseName(*image), extension);
       const QUrl destination = destinationFor(name);

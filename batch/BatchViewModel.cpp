@@ -34,6 +34,7 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
     : QObject(parent), options_(std::move(options)) {
   if (!options_.reader) options_.reader = &ImageDecoder::readSource;
   if (!options_.encoder) options_.encoder = &ImageCompressor::encodeData;
+  if (!options_.sizedEncoder) options_.sizedEncoder = &ImageCompressor::encode;
   if (!options_.inspector) options_.inspector = &ImageDecoder::inspect;
   const int processors = options_.processorCount > 0 ? options_.processorCount : QThread::idealThreadCount();
   options_.processorCount = std::max(processors, 1);
@@ -97,6 +98,13 @@ void BatchViewModel::setOutputFormat(ImageFormat format) {
   emit outputFormatChanged();
   scheduleRecompute();
   settingsSave_.start();
+}
+
+void BatchViewModel::setCompressionOptions(const CompressionOptions& options) {
+  if (options == compressionOptions_) return;
+  compressionOptions_ = options;
+  emit compressionOptionsChanged();
+  scheduleRecompute();
 }
 
 void BatchViewModel::setExportError(std::optional<QString> error) {

@@ -32,6 +32,7 @@ struct BatchViewModel::EncodeTask {
 // What a pool thread hands back from one encode: bytes, or the text of the error.
 struct BatchViewModel::EncodeResult {
   std::optional<QByteArray> bytes;
+  std::optional<ResultShape> shape;
   QString error;
   std::optional<DecodedImage> thumbnail;  // asked for when the row has none
 };
