@@ -48,7 +48,7 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   ASSERT_TRUE(waitIdle(20000));
   ASSERT_TRUE(image->encodeState().isReady()) << image->encodeState().message.toStdString();
   QDir(dir_.path()).mkpath("out");
-  const auto outcomes = model.exportAll(QUrl::fromLocalFile(dir_.filePath("out")));
+  const auto outcomes = await(model.exportAll(QUrl::fromLocalFile(dir_.filePath("out"))));
   ASSERT_TRUE(outcomes.at(0).destinationURL);
   const auto written = readBytes(outcomes[0].destinationURL->toLocalFile().toStdString());
   EXPECT_EQ(ImageFormats::detect(written), ImageFormat::jpeg);

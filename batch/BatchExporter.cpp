@@ -1,0 +1,177 @@
+#include "batch/BatchExporter.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QThreadPool>
+#include <QtConcurrent/QtConcurrentRun>
+
+#include "batch/BatchSupport.h"
+#include "batch/ExportFilenameAllocator.h"
+#include "engine/Errors.h"
+#include "engine/Localization.h"
+
+namespace quillane {
+
+namespace {
+
+// The atomic write of `data` to `url`, on the worker thread.
+std::optional<QString> write(const QUrl& url, const QByteArray& data) {
+  const QString path = url.toLocalFile();
+  if (path.isEmpty())
+    return QString::fromStdString(FileError(url.toString().toStdString(), "not a local file").description());
+  return batchdetail::writeFileAtomically(path, data);
+}
+
+QString genericError() {
+  return QString::fromStdString(
+      Localization::text("error.generic", "L'opération n'a pas pu être effectuée."));
+}
+
+}  // namespace
+
+BatchExporter::BatchExporter(Recorder recorder, QObject* parent)
+    : QObject(parent), recorder_(std::move(recorder)), pool_(std::make_unique<QThreadPool>()) {
+  // One job at a time, in the order asked: two exports to one folder never race for names.
+  pool_->setMaxThreadCount(1);
+}
+
+BatchExporter::~BatchExporter() { pool_->waitForDone(); }
+
+QString BatchExporter::notEncodedDescription(const ImportedImage& image, ImageFormat format) {
+  if (image.encodeState().isFailed()) return image.encodeState().message;
+  const std::string label(ImageFormats::label(format));
+  return QString::fromStdString(ImageProcessingError::encodingFailed(label).description());
+}
+
+void BatchExporter::apply(const std::shared_ptr<ImportedImage>& image, const FileResult& result, qint64 size,
+                          ImageFormat format, std::vector<Written>& written) {
+  if (result.destination) image->lastExportDestination_ = result.destination;
+  image->setExportError(result.error);
+  if (!result.error && result.destination) written.push_back({image, *result.destination, size, format});
+}
+
+QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
+    const QUrl& folder, std::vector<std::shared_ptr<ImportedImage>> images, ImageFormat format,
+    std::vector<std::string> sourcePaths) {
+  // What the job needs from each row, read now on the GUI thread.
+  struct Item {
+    QString baseName;
+    std::optional<QByteArray> data;
+  };
+  std::vector<Item> items;
+  items.reserve(images.size());
+  for (const auto& image : images) items.push_back({image->baseName(), image->compressedData()});
+  const QString extension = batchdetail::toQString(ImageFormats::fileExtension(format));
+
+  auto job = [folder, items = std::move(items), extension, sourcePaths = std::move(sourcePaths)] {
+    std::vector<FileResult> results(items.size());
+    try {
+      const QDir directory(folder.toLocalFile());
+      ExportFilenameAllocator allocator =
+          folder.isLocalFile()
+              ? ExportFilenameAllocator(QFile::encodeName(directory.path()).toStdString(), sourcePaths)
+              : ExportFilenameAllocator();
+      // A folder that is not a local one gets destinations that fail to write, row by row,
+      // rather than names resolved against the working directory.
+      auto destinationFor = [&](const QString& name) {
+        if (folder.isLocalFile()) return QUrl::fromLocalFile(directory.filePath(name));
+        QUrl url = folder;
+        url.setPath(folder.path() + (folder.path().endsWith(u'/') ? "" : "/") + name);
+        return url;
+      };
+      for (size_t i = 0; i < items.size(); ++i) {
+        if (!items[i].data) continue;
+        results[i].destination = destinationFor(allocator.filename(items[i].baseName, extension));
+        results[i].error = write(*results[i].destination, *items[i].data);
+      }
+    } catch (...) {
+      // Out of memory or worse: every file not yet written fails, and the program goes on.
+      for (size_t i = 0; i < items.size(); ++i)
+        if (items[i].data && !results[i].error && !results[i].destination) results[i].error = genericError();
+    }
+    return results;
+  };
+  return QtConcurrent::run(pool_.get(), std::move(job))
+      .then(this, [this, images = std::move(images), format](const std::vector<FileResult>& results) {
+        std::vector<ExportOutcome> outcomes;
+        std::vector<Written> written;
+        for (size_t i = 0; i < images.size(); ++i) {
+          const auto& image = images[i];
+          ExportOutcome outcome{image, std::nullopt, std::nullopt};
+          const std::optional<QByteArray>& data = image->compressedData();
+          if (!results[i].destination && !results[i].error) {
+            outcome.errorDescription =
+                image->exportError() ? *image->exportError() : notEncodedDescription(*image, format);
+          } else {
+            apply(image, results[i], data ? data->size() : 0, format, written);
+            if (results[i].error)
+              outcome.errorDescription = results[i].error;
+            else
+              outcome.destinationURL = results[i].destination;
+          }
+          outcomes.push_back(std::move(outcome));
+        }
+        if (!written.empty()) recorder_(written);
+        return outcomes;
+      });
+}
+
+QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url,
+                                          ImageFormat format, std::vector<std::string> sourcePaths) {
+  if (!image) return QtFuture::makeReadyFuture(false);
+  if (!image->compressedData()) {
+    image->setExportError(notEncodedDescription(*image, format));
+    return QtFuture::makeReadyFuture(false);
+  }
+  const QByteArray data = *image->compressedData();
+  auto job = [url, data, sourcePaths = std::move(sourcePaths)] {
+    FileResult result;
+    try {
+      QUrl destination = url;
+      if (url.isLocalFile()) {
+        // A destination that is a source of the batch gets the next free name beside it.
+        const QFileInfo info(url.toLocalFile());
+        ExportFilenameAllocator allocator(QFile::encodeName(info.path()).toStdString(), sourcePaths);
+        if (allocator.isInput(QFile::encodeName(info.filePath()).toStdString()))
+          destination = QUrl::fromLocalFile(
+              info.dir().filePath(allocator.filename(info.completeBaseName(), info.suffix())));
+      }
+      result.destination = destination;
+      result.error = write(destination, data);
+    } catch (...) {
+      result.error = genericError();
+    }
+    return result;
+  };
+  return QtConcurrent::run(pool_.get(), std::move(job))
+      .then(this, [this, image, format, size = data.size()](const FileResult& result) {
+        std::vector<Written> written;
+        apply(image, result, size, format, written);
+        if (!written.empty()) recorder_(written);
+        return !result.error;
+      });
+}
+
+QFuture<bool> BatchExporter::writeExport(const std::shared_ptr<ImportedImage>& image, const QByteArray& data,
+                                         const QUrl& url, ImageFormat format) {
+  if (!image) return QtFuture::makeReadyFuture(false);
+  auto job = [url, data] {
+    FileResult result{url, std::nullopt};
+    try {
+      result.error = write(url, data);
+    } catch (...) {
+      result.error = genericError();
+    }
+    return result;
+  };
+  return QtConcurrent::run(pool_.get(), std::move(job))
+      .then(this, [this, image, format, size = data.size()](const FileResult& result) {
+        std::vector<Written> written;
+        apply(image, result, size, format, written);
+        if (!written.empty()) recorder_(written);
+        return !result.error;
+      });
+}
+
+}  // namespace quillane
