@@ -13,14 +13,21 @@
 // callbacks return void, its encode (x265 for HEIC) has no callback at all, and libavif 0.11
 // has none for decoding or for encoding through aom; those calls run to their end and their
 // result is dropped.
-// A raised flag ends the call with ImageProcessingError::decodingFailed("cancelled"), with
-// every library object released on the way out.
+// A raised flag ends the call by throwing Cancelled, with every library object released on the
+// way out.
 
 #include <atomic>
 
 namespace quillane::Cancellation {
 
 using Flag = std::atomic<bool>;
+
+// What a cancelled call throws. Deliberately no std::exception: the fallbacks that catch one
+// (a second encoding after a failed first, a picture without its profile) must not take a
+// cancellation for a failure and go on working. Thread edges catch it by name or with (...).
+struct Cancelled final {
+  const char* what() const noexcept { return "cancelled"; }
+};
 
 // Installs `flag` for this thread until the scope ends (scopes nest; the innermost wins).
 class Scope {
@@ -36,7 +43,7 @@ class Scope {
 
 // Whether this thread's call was asked to stop. Cheap enough for every row.
 bool requested() noexcept;
-// Throws ImageProcessingError::decodingFailed("cancelled") when requested().
+// Throws Cancelled when requested().
 void check();
 // This thread's flag (nullptr when none), for library callbacks that may run on other
 // threads: they test it with raised().
