@@ -33,6 +33,14 @@ DecodedImage decode(ImageFormat format, std::span<const uint8_t> bytes, int minL
   codecs::fail("unknown format");
 }
 
+// A reduced decode brought within `maxPixelSize` and turned upright.
+DecodedImage finishThumbnail(DecodedImage image, const std::optional<Properties>& props, int maxPixelSize) {
+  image = Resample::fitWithin(image, maxPixelSize);
+  int orientation = props && props->orientation ? *props->orientation : 1;
+  if (orientation >= 2 && orientation <= 8) image = Resample::orient(image, orientation);
+  return image;
+}
+
 }  // namespace
 
 std::optional<Properties> properties(std::span<const uint8_t> bytes) {
@@ -96,11 +104,42 @@ std::optional<DecodedImage> thumbnail(std::span<const uint8_t> bytes, int maxPix
     const bool reduces =
         *format == ImageFormat::jpeg || *format == ImageFormat::png || *format == ImageFormat::webp;
     if (props && !reduces) codecs::checkFitsInMemory(uint64_t(props->width) * uint64_t(props->height), 8);
-    DecodedImage image = decode(*format, bytes, maxPixelSize);
-    image = Resample::fitWithin(image, maxPixelSize);
-    int orientation = props && props->orientation ? *props->orientation : 1;
-    if (orientation >= 2 && orientation <= 8) image = Resample::orient(image, orientation);
-    return image;
+    return finishThumbnail(decode(*format, bytes, maxPixelSize), props, maxPixelSize);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+bool streams(ImageFormat format) { return format == ImageFormat::png || format == ImageFormat::jpeg; }
+
+std::optional<Properties> properties(ImageFormat format, ByteSource& source) {
+  try {
+    if (format == ImageFormat::png) return codecs::pngProperties(source);
+    if (format == ImageFormat::jpeg) return codecs::jpegProperties(source);
+  } catch (const std::exception&) {
+  }
+  return std::nullopt;
+}
+
+std::optional<uint64_t> thumbnailPeakBytes(ImageFormat format, ByteSource& source, int maxPixelSize) {
+  if (maxPixelSize <= 0) return std::nullopt;
+  try {
+    if (format == ImageFormat::jpeg) return codecs::jpegReducedDecodeBytes(source, maxPixelSize);
+    if (format == ImageFormat::png)
+      if (auto props = codecs::pngProperties(source))
+        return codecs::pngReducedDecodeBytes(*props, maxPixelSize);
+  } catch (const std::exception&) {
+  }
+  return std::nullopt;
+}
+
+std::optional<DecodedImage> thumbnail(ImageFormat format, ByteSource& source, int maxPixelSize) {
+  if (!streams(format) || maxPixelSize <= 0) return std::nullopt;
+  try {
+    auto props = properties(format, source);
+    DecodedImage image = format == ImageFormat::png ? codecs::decodePng(source, maxPixelSize)
+                                                    : codecs::decodeJpeg(source, maxPixelSize);
+    return finishThumbnail(std::move(image), props, maxPixelSize);
   } catch (const std::exception&) {
     return std::nullopt;
   }

@@ -7,7 +7,9 @@
 #include <span>
 #include <string>
 
+#include "engine/ByteSource.h"
 #include "engine/DecodedImage.h"
+#include "engine/ImageFormat.h"
 
 namespace quillane::ImageService {
 
@@ -43,5 +45,14 @@ std::optional<uint64_t> thumbnailPeakBytes(std::span<const uint8_t> bytes, int m
 // An 8-bit picture of image 0 of at most `maxPixelSize` on the longer side, orientation
 // applied, decoded at a reduced scale where the codec can (JPEG DCT scaling). Nothing on failure.
 std::optional<DecodedImage> thumbnail(std::span<const uint8_t> bytes, int maxPixelSize);
+
+// Whether the reader of `format` reads from a ByteSource as its library asks (PNG, JPEG), so
+// that a file's header and thumbnail take what they need of it and never a copy of it whole.
+bool streams(ImageFormat format);
+// properties(), thumbnailPeakBytes() and thumbnail() over `source`, holding bytes of the
+// `format` that streams() accepts; nothing for another format. The source is rewound first.
+std::optional<Properties> properties(ImageFormat format, ByteSource& source);
+std::optional<uint64_t> thumbnailPeakBytes(ImageFormat format, ByteSource& source, int maxPixelSize);
+std::optional<DecodedImage> thumbnail(ImageFormat format, ByteSource& source, int maxPixelSize);
 
 }  // namespace quillane::ImageService

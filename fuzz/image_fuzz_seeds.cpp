@@ -1,5 +1,6 @@
 // Writes the seed corpus of the image fuzz targets: small real files of each format, made
-// by the tests' own writers, one folder per format (DIR/png, DIR/jpeg, ...).
+// by the tests' own writers, and small hostile ones (tests/support/HostileFiles.h), one folder
+// per format (DIR/png, DIR/jpeg, ...).
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "tests/support/CodecFixtures.h"
+#include "tests/support/HostileFiles.h"
 #include "tests/support/TestImages.h"
 
 using namespace quillane;
@@ -22,11 +24,15 @@ int main(int argc, char** argv) {
   const std::filesystem::path root = argv[1];
   const DecodedImage photo = testing::makeImage(24, 16, testing::Pattern::photo, 5, true);
   const DecodedImage quarters = fixtures::quadrants(16, 12), wide = fixtures::quadrants(12, 10, 16, true);
+  const DecodedImage coded = fixtures::quadrants(160, 128);  // declared 12 x 16
   const std::vector<std::pair<std::string, std::function<Bytes()>>> seeds = {
       {"png/rgba", [&] { return fixtures::png(photo, {.icc = fixtures::displayP3ICC(), .orientation = 6}); }},
       {"png/wide", [&] { return fixtures::png(wide, {.interlaced = true}); }},
       {"png/grey", [&] { return fixtures::png(quarters, {.grey = true, .alpha = false}); }},
       {"png/palette", [&] { return fixtures::png(photo, {.palette = true, .interlaced = true}); }},
+      {"png/text", [&] { return fixtures::withTextChunks(fixtures::png(photo), 3, 1 << 20); }},
+      {"png/starved", [&] { return fixtures::starvedPng(4096, 4096, 8, 2048, false); }},
+      {"png/truncated", [&] { return fixtures::starvedPng(2048, 2048, 16, 2048, true); }},
       {"jpeg/plain", [&] { return fixtures::jpeg(photo, {.orientation = 3, .icc = fixtures::srgbICC()}); }},
       {"jpeg/progressive", [&] { return fixtures::jpeg(quarters, {.quality = 70, .progressive = true}); }},
       {"jpeg/grey", [&] { return fixtures::jpeg(quarters, {.grey = true}); }},
@@ -41,9 +47,15 @@ int main(int argc, char** argv) {
       {"heic/turned",
        [&] { return fixtures::heic(quarters, {.quality = 40, .alpha = false, .orientation = 6}); }},
       {"heic/av1", [&] { return fixtures::heic(quarters, {.quality = 40, .av1 = true}); }},
+      {"heic/understated",
+       [&] {
+         return fixtures::withDeclaredSize(fixtures::heic(coded, {.quality = 40, .alpha = false}), 12, 16);
+       }},
       {"avif/plain", [&] { return fixtures::avif(photo, {.quantizer = 40, .irotAngle = 1}); }},
       {"avif/ten_bit",
        [&] { return fixtures::avif(wide, {.quantizer = 40, .depth = 10, .icc = fixtures::srgbICC()}); }},
+      {"avif/understated",
+       [&] { return fixtures::withDeclaredSize(fixtures::avif(coded, {.quantizer = 50}), 12, 16); }},
       {"avif/sequence",
        [&] { return fixtures::avif(quarters, {.quantizer = 50, .alpha = false, .frames = 2}); }},
       {"jxl/lossless", [&] { return fixtures::jxl(photo, {.orientation = 5}); }},

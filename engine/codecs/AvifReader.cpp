@@ -157,6 +157,14 @@ DecodedImage decodeAvif(Input bytes, int minLongSide) {
   AvifDecoderPtr decoder = parse(bytes);
   if (!decoder) fail("avifDecoderParse: damaged or truncated AVIF");
   checkSize(decoder->image->width, decoder->image->height);
+  checkCodedSizes(bytes);
+  // An image sequence's frames are samples of a track, not items: its first frame's data
+  // is checked against the size the track declares.
+  avifExtent extent{};
+  if (decoder->imageCount > 1 && avifDecoderNthImageMaxExtent(decoder.get(), 0, &extent) == AVIF_RESULT_OK &&
+      extent.offset <= bytes.size() && extent.size <= bytes.size() - extent.offset)
+    checkAv1Size(bytes.subspan(size_t(extent.offset), extent.size), decoder->image->width,
+                 decoder->image->height);
   {
     QuietStderr quiet;
     if (avifDecoderNextImage(decoder.get()) != AVIF_RESULT_OK) fail("avifDecoderNextImage");

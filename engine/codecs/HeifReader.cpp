@@ -253,6 +253,7 @@ std::optional<uint64_t> heifReducedDecodeBytes(Input bytes, int minLongSide) {
 DecodedImage decodeHeif(Input bytes, int minLongSide) {
   auto opened = open(bytes);
   if (!opened) fail("heif_context_read_from_memory: damaged or truncated HEIF");
+  checkCodedSizes(bytes);
   HeifHandlePtr thumbnail = thumbnailOf(opened->primary.get(), minLongSide);
   heif_image_handle* handle = thumbnail ? thumbnail.get() : opened->primary.get();
   checkSize(uint64_t(std::max(0, heif_image_handle_get_width(handle))),

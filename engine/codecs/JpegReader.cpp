@@ -13,6 +13,8 @@
 
 // jpeglib.h expects stdio's FILE and size_t before it.
 #include <jpeglib.h>
+// After jpeglib.h: the warning codes.
+#include <jerror.h>
 
 #include "engine/CHandle.h"
 #include "engine/Cancellation.h"
@@ -63,8 +65,9 @@ void onProgress(j_common_ptr cinfo) {
 // Plain data between decodeWithLibjpeg and its callers: trivially destructible, so that a
 // longjmp out of libjpeg skips no destructor.
 struct JpegJob {
-  const uint8_t* data;
-  unsigned long size;
+  ByteSource* source;  // at its first byte
+  JOCTET* buffer;      // what libjpeg reads from it at a time
+  size_t bufferSize;
   bool headerOnly;
   int numerator, denominator;  // DCT scale chosen for minLongSide
   int minLongSide;
@@ -87,6 +90,43 @@ struct JpegJob {
   void (*exifFound)(void* context, const uint8_t* data, size_t size) noexcept;
   uint8_t* (*allocate)(void* context, const JpegJob& job) noexcept;  // null refuses the picture
 };
+
+// libjpeg's source manager over a ByteSource. A source that ends early ends with an EOI marker,
+// as libjpeg's own memory source does, so that a cut file decodes as far as it goes.
+struct StreamSource {
+  jpeg_source_mgr pub;
+  ByteSource* source;
+  JOCTET* buffer;
+  size_t bufferSize;
+};
+constexpr JOCTET kEndOfImage[2] = {0xFF, JPEG_EOI};
+
+void initSource(j_decompress_ptr) {}
+void termSource(j_decompress_ptr) {}
+boolean fillInput(j_decompress_ptr cinfo) {
+  auto* s = reinterpret_cast<StreamSource*>(cinfo->src);
+  const size_t count = s->source->read(s->buffer, s->bufferSize);
+  if (count == 0) {
+    WARNMS(cinfo, JWRN_JPEG_EOF);
+    s->pub.next_input_byte = kEndOfImage;
+    s->pub.bytes_in_buffer = 2;
+  } else {
+    s->pub.next_input_byte = s->buffer;
+    s->pub.bytes_in_buffer = count;
+  }
+  return TRUE;
+}
+void skipInput(j_decompress_ptr cinfo, long count) {
+  auto* s = reinterpret_cast<StreamSource*>(cinfo->src);
+  if (count <= 0) return;
+  if (size_t(count) <= s->pub.bytes_in_buffer) {
+    s->pub.next_input_byte += count;
+    s->pub.bytes_in_buffer -= size_t(count);
+    return;
+  }
+  s->source->skip(uint64_t(count) - s->pub.bytes_in_buffer);  // past the end: the next fill ends it
+  s->pub.bytes_in_buffer = 0;
+}
 
 void chooseScale(JpegJob& job) {
   job.numerator = job.denominator = 1;
@@ -123,7 +163,13 @@ bool decodeWithLibjpeg(JpegJob& job) {
   jpeg_create_decompress(&cinfo);
   cinfo.progress = &progress.pub;
   if (job.memoryLimit > 0) cinfo.mem->max_memory_to_use = job.memoryLimit;
-  jpeg_mem_src(&cinfo, job.data, job.size);
+  StreamSource source{{}, job.source, job.buffer, job.bufferSize};
+  source.pub.init_source = initSource;
+  source.pub.fill_input_buffer = fillInput;
+  source.pub.skip_input_data = skipInput;
+  source.pub.resync_to_restart = jpeg_resync_to_restart;
+  source.pub.term_source = termSource;
+  cinfo.src = &source.pub;
   jpeg_save_markers(&cinfo, JPEG_APP0 + 1, 0xFFFF);
   if (!job.headerOnly) jpeg_save_markers(&cinfo, JPEG_APP0 + 2, 0xFFFF);
   if (jpeg_read_header(&cinfo, TRUE) != JPEG_HEADER_OK) {
@@ -202,10 +248,14 @@ bool decodeWithLibjpeg(JpegJob& job) {
   return true;
 }
 
-JpegJob makeJob(Input bytes, bool headerOnly) {
+// A job reading `source` from its first byte through `buffer`.
+JpegJob makeJob(ByteSource& source, std::vector<JOCTET>& buffer, bool headerOnly) {
+  source.rewind();
+  buffer.resize(64 << 10);
   JpegJob job{};
-  job.data = bytes.data();
-  job.size = static_cast<unsigned long>(bytes.size());
+  job.source = &source;
+  job.buffer = buffer.data();
+  job.bufferSize = buffer.size();
   job.headerOnly = headerOnly;
   return job;
 }
@@ -215,8 +265,13 @@ using MallocPtr = CHandle<JOCTET, std::free>;
 }  // namespace
 
 std::optional<Properties> jpegProperties(Input bytes) {
-  if (bytes.size() < 4) return std::nullopt;
-  JpegJob job = makeJob(bytes, true);
+  MemorySource source(bytes);
+  return jpegProperties(source);
+}
+
+std::optional<Properties> jpegProperties(ByteSource& source) {
+  std::vector<JOCTET> buffer;
+  JpegJob job = makeJob(source, buffer, true);
   std::optional<int> orientation;
   job.context = &orientation;
   job.exifFound = [](void* context, const uint8_t* data, size_t size) noexcept {
@@ -230,8 +285,13 @@ std::optional<Properties> jpegProperties(Input bytes) {
 }
 
 std::optional<uint64_t> jpegReducedDecodeBytes(Input bytes, int minLongSide) {
-  if (bytes.size() < 4) return std::nullopt;
-  JpegJob job = makeJob(bytes, true);
+  MemorySource source(bytes);
+  return jpegReducedDecodeBytes(source, minLongSide);
+}
+
+std::optional<uint64_t> jpegReducedDecodeBytes(ByteSource& source, int minLongSide) {
+  std::vector<JOCTET> buffer;
+  JpegJob job = makeJob(source, buffer, true);
   if (!decodeWithLibjpeg(job) || job.width <= 0 || job.height <= 0) return std::nullopt;
   // The coefficients, then the output at the chosen DCT scale (at most 1/8 of the sides, or
   // below twice minLongSide) as RGBA, with libjpeg's rows and tables.
@@ -243,7 +303,13 @@ std::optional<uint64_t> jpegReducedDecodeBytes(Input bytes, int minLongSide) {
 
 DecodedImage decodeJpeg(Input bytes, int minLongSide) {
   if (bytes.size() < 4) fail("jpeg_read_header: too short");
-  JpegJob job = makeJob(bytes, false);
+  MemorySource source(bytes);
+  return decodeJpeg(source, minLongSide);
+}
+
+DecodedImage decodeJpeg(ByteSource& source, int minLongSide) {
+  std::vector<JOCTET> buffer;
+  JpegJob job = makeJob(source, buffer, false);
   job.minLongSide = minLongSide;
   // A reduced picture for inspection keeps libjpeg within a fixed budget; a full decode was
   // measured against the machine's memory before it started.

@@ -4,6 +4,7 @@
 
 #include <png.h>
 
+#include <algorithm>
 #include <csetjmp>
 #include <cstring>
 #include <vector>
@@ -17,8 +18,13 @@ namespace quillane::codecs {
 namespace {
 
 constexpr uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
-// Ancillary chunks (iCCP, eXIf, text) larger than this are refused by libpng.
+// Ancillary chunks (iCCP, eXIf) larger than this are refused by libpng.
 constexpr png_alloc_size_t kMaxChunkBytes = 64u << 20;
+// Text chunks are never used, and inflating compressed ones costs seconds a megabyte: libpng
+// skips them unread (it still checks their CRC).
+constexpr png_byte kSkippedChunks[] = "tEXt\0zTXt\0iTXt";
+// Deflate's largest ratio: 258 bytes from a match coded in two bits.
+constexpr uint64_t kMaxDeflateRatio = 1032;
 
 uint32_t be32(const uint8_t* p) {
   return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
@@ -32,10 +38,8 @@ enum class Reduction { none, rowAverage, interlacePasses };
 // Plain data between decodeWithLibpng and its caller: trivially destructible, so that a
 // longjmp out of libpng skips no destructor.
 struct PngJob {
-  const uint8_t* data;
-  size_t size;
-  size_t offset;
-  int minLongSide;  // 0: full size
+  ByteSource* source;  // at its first byte
+  int minLongSide;     // 0: full size
   png_uint_32 width, height;
   int bitDepth, colorType;
   bool alpha;
@@ -83,9 +87,7 @@ void onRowRead(png_structp png, png_uint_32, int) {
 
 void readData(png_structp png, png_bytep out, size_t length) {
   auto* job = static_cast<PngJob*>(png_get_io_ptr(png));
-  if (job->size - job->offset < length) png_error(png, "truncated");
-  std::memcpy(out, job->data + job->offset, length);
-  job->offset += length;
+  if (job->source->read(out, length) != length) png_error(png, "truncated");
 }
 void onError(png_structp png, png_const_charp) { png_longjmp(png, 1); }
 void onWarning(png_structp, png_const_charp) {}
@@ -106,6 +108,7 @@ bool decodeWithLibpng(PngJob& job) {
   png_set_read_fn(png, &job, readData);
   png_set_user_limits(png, png_uint_32(kMaxDimension), png_uint_32(kMaxDimension));
   png_set_chunk_malloc_max(png, kMaxChunkBytes);
+  png_set_keep_unknown_chunks(png, PNG_HANDLE_CHUNK_NEVER, kSkippedChunks, 3);
   png_read_info(png, info);
   int interlace = 0;
   png_get_IHDR(png, info, &job.width, &job.height, &job.bitDepth, &job.colorType, &interlace, nullptr,
@@ -213,35 +216,99 @@ void takeRow(PngTarget& t, const PngJob& j, int pass, png_uint_32 y, const Sampl
   std::fill(t.weights.begin(), t.weights.end(), 0);
 }
 
+struct Header {
+  uint32_t width, height;
+  uint8_t depth, colourType;
+};
+
+// The IHDR fields, read from the first bytes of `source`.
+std::optional<Header> readHeader(ByteSource& source) {
+  uint8_t p[33];
+  source.rewind();
+  if (source.read(p, sizeof p) != sizeof p || std::memcmp(p, kSignature, 8) != 0 || be32(p + 8) != 13 ||
+      std::memcmp(p + 12, "IHDR", 4) != 0)
+    return std::nullopt;
+  const Header header{be32(p + 16), be32(p + 20), p[24], p[25]};
+  if (header.width == 0 || header.height == 0 || header.width > 0x7FFFFFFFu || header.height > 0x7FFFFFFFu)
+    return std::nullopt;
+  return header;
+}
+
+// Calls `visit(type, length)` for each chunk after IHDR, in order, with `source` at the chunk's
+// payload, as long as the chunk's type is four letters and its bytes are all there; `visit`
+// returns how many bytes of the payload it read. Stops after IEND, and returns whether it came.
+// Payloads are skipped, never read: a file of holes costs its chunk headers.
+template <class Visit>
+bool walkChunks(ByteSource& source, Visit&& visit) {
+  uint8_t header[8];
+  while (source.read(header, 8) == 8) {
+    const uint32_t length = be32(header);
+    const uint8_t* type = header + 4;
+    if (length > 0x7FFFFFFFu ||
+        !std::all_of(type, type + 4, [](uint8_t c) { return (c | 0x20) >= 'a' && (c | 0x20) <= 'z'; }))
+      return false;
+    const uint32_t used = visit(type, length);
+    if (!std::memcmp(type, "IEND", 4)) return true;
+    if (used > length || !source.skip(uint64_t(length - used) + 4)) return false;
+  }
+  return false;
+}
+
+// Whether the data can hold the picture its header declares: every chunk is there up to IEND
+// (libpng reads to the end of a full decode), and the image data, inflated at deflate's largest
+// ratio, reaches the samples of every pixel. A full-size picture is allocated only then: a
+// truncated file saying 16384 x 16384 would otherwise take gigabytes before failing.
+bool dataCanFill(ByteSource& source) {
+  static constexpr double kChannels[7] = {1, 0, 3, 1, 2, 0, 4};  // by colour type
+  const auto header = readHeader(source);
+  if (!header || header->colourType > 6 || kChannels[header->colourType] == 0) return false;
+  const double sampleBits =
+      double(header->width) * double(header->height) * kChannels[header->colourType] * header->depth;
+  uint64_t data = 0;
+  const bool complete = walkChunks(source, [&](const uint8_t* type, uint32_t length) {
+    if (!std::memcmp(type, "IDAT", 4)) data += length;
+    return 0u;
+  });
+  return complete && double(data) * kMaxDeflateRatio >= sampleBits / 8;
+}
+
 }  // namespace
 
-std::optional<Properties> pngProperties(Input bytes) {
-  if (bytes.size() < 8 + 8 + 13 || std::memcmp(bytes.data(), kSignature, 8) != 0) return std::nullopt;
-  const uint8_t* p = bytes.data();
-  if (be32(p + 8) != 13 || std::memcmp(p + 12, "IHDR", 4) != 0) return std::nullopt;
-  uint32_t width = be32(p + 16), height = be32(p + 20);
-  if (width == 0 || height == 0 || width > 0x7FFFFFFFu || height > 0x7FFFFFFFu) return std::nullopt;
-  Properties props{int(width), int(height), std::nullopt, 1};
-  // Chunk by chunk, reading only lengths and types, up to IEND or the end of the data.
-  size_t offset = 8;
-  while (bytes.size() - offset >= 12) {
-    uint32_t length = be32(p + offset);
-    const uint8_t* type = p + offset + 4;
-    if (length > bytes.size() - offset - 12) break;
-    const uint8_t* payload = p + offset + 8;
-    if (!std::memcmp(type, "eXIf", 4)) props.orientation = Exif::orientation({payload, length});
-    if (!std::memcmp(type, "acTL", 4) && length >= 8 && be32(payload) > 0)
-      props.frameCount = int(std::min<uint32_t>(be32(payload), 1u << 20));
-    if (!std::memcmp(type, "IEND", 4)) break;
-    offset += size_t(length) + 12;
-  }
+std::optional<Properties> pngProperties(ByteSource& source) {
+  const auto header = readHeader(source);
+  if (!header) return std::nullopt;
+  Properties props{int(header->width), int(header->height), std::nullopt, 1};
+  std::vector<uint8_t> payload;
+  walkChunks(source, [&](const uint8_t* type, uint32_t length) -> uint32_t {
+    const bool exif = !std::memcmp(type, "eXIf", 4), animation = !std::memcmp(type, "acTL", 4);
+    // An EXIF block larger than libpng would take is no EXIF block.
+    if ((!exif && !animation) || length > kMaxChunkBytes) return 0;
+    payload.resize(length);
+    if (source.read(payload.data(), length) != length) return length + 1;  // ends the walk
+    if (exif) props.orientation = Exif::orientation(payload);
+    if (animation && length >= 8 && be32(payload.data()) > 0)
+      props.frameCount = int(std::min<uint32_t>(be32(payload.data()), 1u << 20));
+    return length;
+  });
   return props;
 }
 
+std::optional<Properties> pngProperties(Input bytes) {
+  MemorySource source(bytes);
+  return pngProperties(source);
+}
+
 DecodedImage decodePng(Input bytes, int minLongSide) {
+  MemorySource source(bytes);
+  if (minLongSide <= 0 && readHeader(source) && !dataCanFill(source))
+    fail("libpng: truncated PNG, or too little image data for its size");
+  return decodePng(source, minLongSide);
+}
+
+DecodedImage decodePng(ByteSource& source, int minLongSide) {
+  source.rewind();
   PngJob job{};
-  job.data = bytes.data();
-  job.size = bytes.size();
+  job.source = &source;
   job.minLongSide = minLongSide;
   PngTarget target;
   job.context = &target;
@@ -288,7 +355,7 @@ DecodedImage decodePng(Input bytes, int minLongSide) {
     else
       takeRow(*t, j, pass, y, row);
   };
-  const bool ok = bytes.size() >= 8 && decodeWithLibpng(job);
+  const bool ok = decodeWithLibpng(job);
   if (!ok) {
     Cancellation::check();
     fail(job.tooLarge ? kTooLarge : "libpng: damaged or truncated PNG");

@@ -101,13 +101,9 @@ CodedLayout codedLayout(Input bytes) {
 std::optional<uint64_t> reducedDecodeBytes(ImageFormat format, Input bytes, int minLongSide) {
   switch (format) {
     case ImageFormat::png: {
-      // Rows as libpng hands them over and their sums, and a reduced output (at most 1/8 of
-      // the sides of an interlaced picture, or below twice minLongSide), 16 bits at most.
       auto props = pngProperties(bytes);
       if (!props) return std::nullopt;
-      const uint64_t pixels = uint64_t(props->width) * uint64_t(props->height);
-      const uint64_t side = uint64_t(std::max(minLongSide, 1));
-      return uint64_t(props->width) * 16 + std::max(pixels / 64, 16 * side * side) * 8 + (1u << 20);
+      return pngReducedDecodeBytes(*props, minLongSide);
     }
     case ImageFormat::jpeg:
       return jpegReducedDecodeBytes(bytes, minLongSide);
@@ -121,6 +117,14 @@ std::optional<uint64_t> reducedDecodeBytes(ImageFormat format, Input bytes, int 
       return jxlReducedDecodeBytes(bytes);
   }
   return std::nullopt;
+}
+
+uint64_t pngReducedDecodeBytes(const Properties& props, int minLongSide) {
+  // Rows as libpng hands them over and their sums, and a reduced output (at most 1/8 of the
+  // sides of an interlaced picture, or below twice minLongSide), 16 bits at most.
+  const uint64_t pixels = uint64_t(props.width) * uint64_t(props.height);
+  const uint64_t side = uint64_t(std::max(minLongSide, 1));
+  return uint64_t(props.width) * 16 + std::max(pixels / 64, 16 * side * side) * 8 + (1u << 20);
 }
 
 int orientationFromRotationMirror(int quarterTurnsAnticlockwise, int mirrorMode) {

@@ -14,6 +14,7 @@
 #include <span>
 #include <vector>
 
+#include "engine/ByteSource.h"
 #include "engine/DecodedImage.h"
 #include "engine/ImageFormat.h"
 #include "engine/ImageService.h"
@@ -51,6 +52,16 @@ struct CodedLayout {
   uint64_t largestPixels = 0;
 };
 CodedLayout codedLayout(Input bytes);
+// Refuses an ISO-BMFF file (HEIC, AVIF) whose coded pictures are larger than their items
+// declare: the size in each HEVC sequence parameter set or AV1 sequence header, in the item's
+// configuration or its data, against its "ispe" (rounded up to whole 64-pixel blocks), before
+// any decoder allocates what the bitstream says. Also refuses a coded picture with no declared
+// size, and a header it cannot read. Items whose data lies beyond `bytes` are judged by their
+// configuration alone. Throws ImageProcessingError::decodingFailed.
+void checkCodedSizes(Input bytes);
+// The same for the AV1 OBUs of one stretch of data (an image sequence's first frame), against
+// the size libavif reports for it.
+void checkAv1Size(Input obus, uint64_t width, uint64_t height);
 // Sums for a picture averaged down by a whole factor, per output pixel ("cell"): with straight
 // alpha, colour samples are weighted by their alpha, so that the colour of transparent pixels
 // leaves no dark fringe; a cell that is transparent throughout takes its plain mean.
@@ -97,17 +108,27 @@ void checkFitsInMemory(uint64_t pixels, uint64_t bytesPerPixel);
 // A zeroed 8- or 16-bit RGBA image of the given size, alpha samples at their maximum.
 DecodedImage allocateImage(int width, int height, int bitsPerComponent, AlphaInfo alpha);
 
+// JPEG and PNG also read from a ByteSource (a file read as libjpeg and libpng ask): it is
+// rewound first, and left anywhere.
 std::optional<Properties> jpegProperties(Input bytes);
+std::optional<Properties> jpegProperties(ByteSource& source);
 // `minLongSide` 0 decodes at full size; otherwise at the smallest DCT scale whose longer side
 // is still at least `minLongSide` (or 1/8, the smallest scale).
 DecodedImage decodeJpeg(Input bytes, int minLongSide = 0);
+DecodedImage decodeJpeg(ByteSource& source, int minLongSide = 0);
 std::optional<uint64_t> jpegReducedDecodeBytes(Input bytes, int minLongSide);
+std::optional<uint64_t> jpegReducedDecodeBytes(ByteSource& source, int minLongSide);
 
 std::optional<Properties> pngProperties(Input bytes);
+std::optional<Properties> pngProperties(ByteSource& source);
+uint64_t pngReducedDecodeBytes(const Properties& header, int minLongSide);
 // `minLongSide` above 0 reads a large picture reduced, without ever holding it whole: at
 // least `minLongSide` on the longer side, at most about twice that (an interlaced one: every
 // 8th, 4th or 2nd pixel, up to 1/8 of the full size).
+// A full decode from memory is refused before allocating when the data can't fill the picture
+// (cut short, or less image data than deflate's largest ratio needs).
 DecodedImage decodePng(Input bytes, int minLongSide = 0);
+DecodedImage decodePng(ByteSource& source, int minLongSide = 0);
 
 std::optional<Properties> webpProperties(Input bytes);
 // `minLongSide` above 0 decodes scaled to that longer side; an animation's reduced picture

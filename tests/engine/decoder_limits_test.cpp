@@ -11,7 +11,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 #include <webp/mux.h>
-#include <zlib.h>
 
 #include <atomic>
 #include <cstdio>
@@ -26,6 +25,7 @@
 #include "engine/ImageService.h"
 #include "tests/engine/encoder_test_support.h"
 #include "tests/support/CodecFixtures.h"
+#include "tests/support/HostileFiles.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane {
@@ -35,52 +35,7 @@ using fixtures::Bytes;
 
 constexpr rlim_t kOneGigabyte = 1ull << 30;
 
-void put32(Bytes& out, uint32_t v) {
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(uint8_t(v >> shift));
-}
-void chunk(Bytes& out, const char* type, const Bytes& payload) {
-  put32(out, uint32_t(payload.size()));
-  const size_t start = out.size();
-  out.insert(out.end(), type, type + 4);
-  out.insert(out.end(), payload.begin(), payload.end());
-  put32(out, uint32_t(crc32(0, out.data() + start, uInt(out.size() - start))));
-}
-
-// A 1-bit grey PNG of `size` x `size` pixels, all black, deflated row by row (22000 x 22000
-// is about 60 KB).
-Bytes blackPng(uint32_t size, bool interlaced) {
-  Bytes png = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A}, ihdr;
-  put32(ihdr, size);
-  put32(ihdr, size);
-  ihdr.insert(ihdr.end(), {1, 0, 0, 0, uint8_t(interlaced ? 1 : 0)});
-  chunk(png, "IHDR", ihdr);
-  z_stream z{};
-  deflateInit(&z, 9);
-  Bytes idat(1 << 20), row;
-  z.next_out = idat.data();
-  z.avail_out = uInt(idat.size());
-  auto feed = [&](uint32_t rows, uint32_t columns) {
-    row.assign(1 + (columns + 7) / 8, 0);
-    for (uint32_t y = 0; y < rows && columns > 0; ++y) {
-      z.next_in = row.data();
-      z.avail_in = uInt(row.size());
-      while (z.avail_in > 0) deflate(&z, Z_NO_FLUSH);
-    }
-  };
-  if (!interlaced) feed(size, size);
-  static const uint32_t kStart[7][2] = {{0, 0}, {4, 0}, {0, 4}, {2, 0}, {0, 2}, {1, 0}, {0, 1}};
-  static const uint32_t kStep[7][2] = {{8, 8}, {8, 8}, {4, 8}, {4, 4}, {2, 4}, {2, 2}, {1, 2}};
-  for (int pass = 0; interlaced && pass < 7; ++pass)
-    feed((size - kStart[pass][1] + kStep[pass][1] - 1) / kStep[pass][1],
-         (size - kStart[pass][0] + kStep[pass][0] - 1) / kStep[pass][0]);
-  while (deflate(&z, Z_FINISH) != Z_STREAM_END) {
-  }
-  idat.resize(z.total_out);
-  deflateEnd(&z);
-  chunk(png, "IDAT", idat);
-  chunk(png, "IEND", {});
-  return png;
-}
+Bytes blackPng(uint32_t size, bool interlaced) { return fixtures::blackPng(size, size, interlaced); }
 
 // An animation of one 1 x 1 frame on a 16383 x 16383 canvas: a couple of hundred bytes.
 Bytes hugeCanvasWebp() {
@@ -253,6 +208,99 @@ TEST_F(Bombs, AFileLargerThanItsPixelsCanTakeIsRefusedBeforeItsBodyIsRead) {
   const auto header = ImageDecoder::readHeader(path);
   ASSERT_TRUE(header);
   EXPECT_EQ(header->width, 64);
+}
+
+TEST_F(Bombs, ACodedPictureLargerThanItsDeclaredSizeIsRefusedBeforeDecoding) {
+  using Writer = std::function<Bytes(const DecodedImage&)>;
+  const std::pair<const char*, Writer> writers[] = {
+      {"HEVC", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40, .alpha = false}); }},
+      {"HEVC and alpha", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40}); }},
+      {"AV1 in HEIC", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40, .av1 = true}); }},
+      {"AVIF", [](const DecodedImage& i) { return fixtures::avif(i, {.quantizer = 40}); }},
+      {"AVIF grid", [](const DecodedImage& i) {  // cells of at least 64 x 64, as libavif wants
+         const DecodedImage cell = fixtures::quadrants(std::max(i.width, 64), std::max(i.height, 64));
+         return fixtures::grid(fixtures::avif(cell, {.quantizer = 40, .alpha = false}), 2, 2);
+       }}};
+  for (const auto& [name, write] : writers) {
+    SCOPED_TRACE(name);
+    // Honest files of odd sizes read: their coded pictures are whole blocks larger.
+    EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(write(fixtures::quadrants(37, 21))));
+    // A file that declares 12 x 16 for a picture coded at 256 x 256 is refused unread, and so
+    // is its thumbnail: the same lie at 16384 x 16384 took 900 MB to inspect.
+    const std::string path = dir.file("lying");
+    testing::writeBytes(path, fixtures::withDeclaredSize(write(fixtures::quadrants(256, 256)), 12, 16));
+    EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::decodeCGImageSource(testing::readBytes(path)); }));
+    EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::inspect(path); }));
+  }
+}
+
+// The peak resident memory of this process, in bytes.
+uint64_t peakResidentBytes() {
+  struct rusage usage {};
+  getrusage(RUSAGE_SELF, &usage);
+  return uint64_t(usage.ru_maxrss) << 10;
+}
+
+TEST_F(Bombs, APngWhoseDataCannotFillItsRowsIsRefusedBeforeAllocating) {
+  // 8192 x 8192 (256 MB of RGBA) from 40 KB of data: cut short, or ended with too little.
+  for (const bool truncated : {true, false}) {
+    SCOPED_TRACE(truncated ? "truncated" : "starved");
+    const Bytes file = fixtures::starvedPng(8192, 8192, 8, 40 << 10, truncated);
+    expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
+      const uint64_t before = peakResidentBytes();
+      return refusedAsUndecodable([&] { ImageDecoder::decodeCGImageSource(file); }) &&
+             peakResidentBytes() - before < (64u << 20);
+    });
+  }
+  // Data at deflate's highest ratio fills its rows: a black 4096 x 4096 picture from 2 KB.
+  const Bytes black = fixtures::blackPng(4096, 4096);
+  ASSERT_LT(black.size(), 4u << 10);
+  EXPECT_EQ(ImageDecoder::decodeCGImageSource(black).image.width, 4096);
+}
+
+TEST_F(Bombs, TextChunksAreNeverInflated) {
+  // 3 MB of zTXt chunks that inflate to 3 GB: seconds of CPU a megabyte when they are read.
+  const DecodedImage photo = testing::makeImage(64, 48, testing::Pattern::photo);
+  const Bytes plain = fixtures::png(photo), texts = fixtures::withTextChunks(plain, 200, 16u << 20);
+  ASSERT_GT(texts.size(), 3u << 20);
+  const std::string path = dir.file("texts.png");
+  testing::writeBytes(path, texts);
+  expectInChild(RLIMIT_CPU, 2, [&] {
+    return !ImageDecoder::inspect(path).thumbnail.empty() &&
+           ImageDecoder::decodeCGImageSource(texts).image.pixels8 ==
+               ImageDecoder::decodeCGImageSource(plain).image.pixels8;
+  });
+}
+
+TEST_F(Bombs, APictureAboveTheHardLimitsIsRefusedAtInspection) {
+  // Their headers read, but such pictures can never be encoded: refused at import.
+  for (const auto& [width, height] : {std::pair(100'000u, 100'000u), std::pair(300'000u, 1u)}) {
+    SCOPED_TRACE(width);
+    const std::string path = dir.file("huge.png");
+    testing::writeBytes(path, fixtures::starvedPng(width, height, 8, 1000, false));
+    ASSERT_TRUE(ImageDecoder::readHeader(path));
+    EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::inspect(path); }));
+  }
+}
+
+TEST_F(Bombs, InspectionReadsWhatItNeedsNotTheWholeFile) {
+  // 16384 x 16384 pictures followed by 1.9 GB of holes, within what their pixels may take.
+  const std::pair<const char*, Bytes> files[] = {{"sparse.png", fixtures::blackPng(16384, 16384, true)},
+                                                 {"sparse.jpg", fixtures::arithmeticGreyJpeg(16384, 16384)}};
+  for (const auto& [name, bytes] : files) {
+    SCOPED_TRACE(name);
+    const std::string path = dir.file(name);
+    testing::writeBytes(path, bytes);
+    ASSERT_EQ(truncate(path.c_str(), 1900ll << 20), 0);
+    // The batch counts no copy of the file for it.
+    EXPECT_LT(ImageDecoder::inspectionPeakBytes(path), 64u << 20);
+    expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
+      const auto light = ImageDecoder::inspect(path);
+      const auto preview = ImageDecoder::loadPreview(path, 64);
+      return light.pixelWidth == 16384 && light.thumbnail.width == 256 && preview && preview->width == 64 &&
+             peakResidentBytes() < (256u << 20);
+    });
+  }
 }
 
 // Every codec with a hook stops on a raised flag with Cancelled, never with a failure that a

@@ -1,0 +1,391 @@
+// The size a HEIF or AVIF file's coded pictures really have, read from their own bitstreams
+// (HEVC sequence parameter sets, AV1 sequence headers), against the size their items declare
+// ("ispe"). The decoders allocate what the bitstream says: a 3 KB file declaring 12 x 16 could
+// otherwise decode at 16384 x 16384 behind estimates made from its boxes.
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <tuple>
+#include <vector>
+
+#include "engine/codecs/Readers.h"
+
+namespace quillane::codecs {
+namespace {
+
+// Big-endian fields over a span; reading past its end sets `ok` to false and yields zeros.
+struct ByteReader {
+  Input data;
+  size_t at = 0;
+  bool ok = true;
+  uint64_t read(size_t bytes) {
+    if (data.size() - at < bytes) {
+      ok = false;
+      at = data.size();
+      return 0;
+    }
+    uint64_t value = 0;
+    for (size_t i = 0; i < bytes; ++i) value = value << 8 | data[at++];
+    return value;
+  }
+  Input take(size_t bytes) {
+    if (data.size() - at < bytes) {
+      ok = false;
+      at = data.size();
+      return {};
+    }
+    at += bytes;
+    return data.subspan(at - bytes, bytes);
+  }
+};
+
+// Bits, most significant first, as both bitstreams store them.
+struct BitReader {
+  Input data;
+  size_t bit = 0;
+  bool ok = true;
+  uint64_t read(int count) {
+    uint64_t value = 0;
+    for (int i = 0; i < count; ++i) {
+      if (bit >= data.size() * 8) {
+        ok = false;
+        return 0;
+      }
+      value = value << 1 | ((data[bit / 8] >> (7 - bit % 8)) & 1);
+      ++bit;
+    }
+    return value;
+  }
+  // HEVC's ue(v).
+  uint64_t expGolomb() {
+    int zeros = 0;
+    while (ok && read(1) == 0)
+      if (++zeros > 32) ok = false;
+    return ok ? (uint64_t(1) << zeros) - 1 + read(zeros) : 0;
+  }
+  // AV1's uvlc().
+  uint64_t uvlc() {
+    int zeros = 0;
+    while (ok && read(1) == 0)
+      if (++zeros > 32) ok = false;
+    return ok ? read(zeros) + (uint64_t(1) << zeros) - 1 : 0;
+  }
+};
+
+struct Size {
+  uint64_t width = 0, height = 0;
+};
+
+// The luma size of an HEVC sequence parameter set (the whole NAL unit, header included).
+std::optional<Size> spsSize(Input nal) {
+  if (nal.size() < 3) return std::nullopt;
+  std::vector<uint8_t> rbsp;  // without emulation prevention bytes
+  for (size_t i = 2; i < nal.size() && rbsp.size() < 512; ++i) {
+    if (rbsp.size() >= 2 && nal[i] == 3 && rbsp[rbsp.size() - 1] == 0 && rbsp[rbsp.size() - 2] == 0) continue;
+    rbsp.push_back(nal[i]);
+  }
+  BitReader bits{rbsp};
+  bits.read(4);  // sps_video_parameter_set_id
+  const int subLayers = int(bits.read(3));
+  bits.read(1);
+  bits.read(88 + 8);  // general profile, tier and level
+  bool profilePresent[8] = {}, levelPresent[8] = {};
+  for (int i = 0; i < subLayers; ++i) profilePresent[i] = bits.read(1), levelPresent[i] = bits.read(1);
+  if (subLayers > 0)
+    for (int i = subLayers; i < 8; ++i) bits.read(2);
+  for (int i = 0; i < subLayers; ++i) bits.read((profilePresent[i] ? 88 : 0) + (levelPresent[i] ? 8 : 0));
+  bits.expGolomb();                         // sps_seq_parameter_set_id
+  if (bits.expGolomb() == 3) bits.read(1);  // chroma_format_idc, separate_colour_plane_flag
+  Size size;
+  size.width = bits.expGolomb();
+  size.height = bits.expGolomb();
+  if (!bits.ok) return std::nullopt;
+  return size;
+}
+
+// The largest frame an AV1 sequence header (an OBU's payload) allows.
+std::optional<Size> sequenceHeaderSize(Input payload) {
+  BitReader bits{payload};
+  bits.read(3);  // seq_profile
+  bits.read(1);  // still_picture
+  if (bits.read(1)) {
+    bits.read(5);  // reduced still picture header: seq_level_idx
+  } else {
+    bool decoderModel = false;
+    int delayLength = 0;
+    if (bits.read(1)) {  // timing_info_present_flag
+      bits.read(64);
+      if (bits.read(1)) bits.uvlc();
+      decoderModel = bits.read(1);
+      if (decoderModel) {
+        delayLength = int(bits.read(5)) + 1;
+        bits.read(32 + 5 + 5);
+      }
+    }
+    const bool initialDelay = bits.read(1);
+    const int points = int(bits.read(5)) + 1;
+    for (int i = 0; i < points && bits.ok; ++i) {
+      bits.read(12);
+      if (bits.read(5) > 7) bits.read(1);
+      if (decoderModel && bits.read(1)) bits.read(2 * delayLength + 1);
+      if (initialDelay && bits.read(1)) bits.read(4);
+    }
+  }
+  const int widthBits = int(bits.read(4)) + 1, heightBits = int(bits.read(4)) + 1;
+  Size size;
+  size.width = bits.read(widthBits) + 1;
+  size.height = bits.read(heightBits) + 1;
+  if (!bits.ok) return std::nullopt;
+  return size;
+}
+
+// What the bitstreams of one picture say: the largest size of any header found, and whether
+// one could not be read.
+struct Coded {
+  Size largest;
+  bool unreadable = false;
+  void add(const std::optional<Size>& size) {
+    if (!size) {
+      unreadable = true;
+      return;
+    }
+    largest.width = std::max(largest.width, size->width);
+    largest.height = std::max(largest.height, size->height);
+  }
+};
+
+// HEVC NAL units, each behind a big-endian length of `lengthBytes`.
+void scanHevc(Input data, size_t lengthBytes, Coded& coded) {
+  ByteReader in{data};
+  while (in.at < data.size()) {
+    const Input nal = in.take(in.read(lengthBytes));
+    if (!in.ok) return;
+    if (nal.size() >= 2 && ((nal[0] >> 1) & 0x3F) == 33) coded.add(spsSize(nal));
+  }
+}
+
+// AV1 OBUs, as far as they are well formed.
+void scanAv1(Input data, Coded& coded) {
+  ByteReader in{data};
+  while (in.at < data.size()) {
+    const uint64_t header = in.read(1);
+    if ((header & 0x80) != 0) return;  // forbidden bit
+    if (header & 0x04) in.read(1);     // extension
+    uint64_t size = data.size() - in.at;
+    if (header & 0x02) {
+      size = 0;
+      for (int i = 0; i < 8; ++i) {
+        const uint64_t byte = in.read(1);
+        size |= (byte & 0x7F) << (7 * i);
+        if (!(byte & 0x80)) break;
+      }
+    }
+    const Input payload = in.take(size);
+    if (!in.ok) return;
+    if (((header >> 3) & 0x0F) == 1) coded.add(sequenceHeaderSize(payload));
+  }
+}
+
+struct Box {
+  const uint8_t* type;
+  Input payload;
+};
+
+// The boxes of `data`, in order, as far as they are whole (the last one may run to the end).
+std::vector<Box> boxesOf(Input data) {
+  std::vector<Box> boxes;
+  ByteReader in{data};
+  while (data.size() - in.at >= 8) {
+    const size_t start = in.at;
+    uint64_t size = in.read(4);
+    const uint8_t* type = data.data() + in.at;
+    in.read(4);
+    if (size == 1) size = in.read(8);
+    if (size == 0) size = data.size() - start;
+    const size_t headerBytes = in.at - start;
+    if (!in.ok || size < headerBytes || size > data.size() - start) break;
+    boxes.push_back({type, in.take(size - headerBytes)});
+  }
+  return boxes;
+}
+
+const Box* find(const std::vector<Box>& boxes, const char* type) {
+  for (const Box& box : boxes)
+    if (std::memcmp(box.type, type, 4) == 0) return &box;
+  return nullptr;
+}
+
+struct Extent {
+  int method;  // 0: in the file, 1: in the idat box
+  uint64_t offset, length;
+  bool operator<(const Extent& o) const {
+    return std::tie(method, offset, length) < std::tie(o.method, o.offset, o.length);
+  }
+};
+
+struct Item {
+  char type[4] = {};
+  std::vector<Extent> extents;
+  std::vector<uint32_t> properties;  // indices into ipco, from 1
+};
+
+void readInfe(Input payload, std::map<uint32_t, Item>& items) {
+  ByteReader in{payload};
+  const uint64_t version = in.read(1);
+  in.read(3);
+  if (version < 2) return;  // no item type
+  const uint32_t id = uint32_t(in.read(version == 3 ? 4 : 2));
+  in.read(2);
+  const Input type = in.take(4);
+  if (in.ok) std::memcpy(items[id].type, type.data(), 4);
+}
+
+void readIloc(Input payload, std::map<uint32_t, Item>& items) {
+  ByteReader in{payload};
+  const uint64_t version = in.read(1);
+  in.read(3);
+  const uint64_t sizes = in.read(2);
+  const size_t offsetBytes = (sizes >> 12) & 15, lengthBytes = (sizes >> 8) & 15,
+               baseBytes = (sizes >> 4) & 15, indexBytes = version >= 1 ? sizes & 15 : 0;
+  const uint64_t count = in.read(version < 2 ? 2 : 4);
+  for (uint64_t i = 0; i < count && in.ok; ++i) {
+    const uint32_t id = uint32_t(in.read(version < 2 ? 2 : 4));
+    const int method = version >= 1 ? int(in.read(2) & 15) : 0;
+    in.read(2);  // data_reference_index
+    const uint64_t base = in.read(baseBytes);
+    const uint64_t extents = in.read(2);
+    std::vector<Extent> found;
+    for (uint64_t e = 0; e < extents && in.ok; ++e) {
+      in.read(indexBytes);
+      const uint64_t offset = in.read(offsetBytes), length = in.read(lengthBytes);
+      found.push_back({method, base + offset, length});
+    }
+    if (in.ok) items[id].extents = std::move(found);
+  }
+}
+
+void readIpma(Input payload, std::map<uint32_t, Item>& items) {
+  ByteReader in{payload};
+  const uint64_t version = in.read(1);
+  const uint64_t flags = in.read(3);
+  const uint64_t count = in.read(4);
+  for (uint64_t i = 0; i < count && in.ok; ++i) {
+    const uint32_t id = uint32_t(in.read(version < 1 ? 2 : 4));
+    const uint64_t associations = in.read(1);
+    for (uint64_t a = 0; a < associations && in.ok; ++a) {
+      const uint32_t index = (flags & 1) ? uint32_t(in.read(2) & 0x7FFF) : uint32_t(in.read(1) & 0x7F);
+      if (index > 0 && in.ok) items[id].properties.push_back(index);
+    }
+  }
+}
+
+// The bytes of an item: its one extent in place, or several joined in `joined`; nothing when
+// they are not all within `file` (an extent of length 0 runs to the end of its source).
+std::optional<Input> itemData(const Item& item, Input file, Input idat, std::vector<uint8_t>& joined) {
+  for (const Extent& extent : item.extents) {
+    const Input source = extent.method == 0 ? file : extent.method == 1 ? idat : Input();
+    if (extent.method > 1 || extent.offset > source.size()) return std::nullopt;
+    const uint64_t length = extent.length == 0 ? source.size() - extent.offset : extent.length;
+    if (length > source.size() - extent.offset) return std::nullopt;
+    const Input bytes = source.subspan(size_t(extent.offset), size_t(length));
+    if (item.extents.size() == 1) return bytes;
+    joined.insert(joined.end(), bytes.begin(), bytes.end());
+  }
+  return Input(joined);
+}
+
+// Coded sizes are whole blocks (up to 64 pixels) that the declared size may crop. Some writers
+// declare the size after the item's rotation: either way round is the same memory.
+void checkWithin(const Coded& coded, uint64_t width, uint64_t height) {
+  auto within = [&](uint64_t w, uint64_t h) {
+    return coded.largest.width <= (w + 63) / 64 * 64 && coded.largest.height <= (h + 63) / 64 * 64;
+  };
+  if (!within(width, height) && !within(height, width))
+    fail("coded picture larger than the size its file declares");
+}
+
+}  // namespace
+
+void checkCodedSizes(Input bytes) {
+  const std::vector<Box> top = boxesOf(bytes);
+  const Box* meta = find(top, "meta");
+  if (!meta || meta->payload.size() < 4) return;
+  const std::vector<Box> inMeta = boxesOf(meta->payload.subspan(4));
+  std::map<uint32_t, Item> items;
+  if (const Box* iinf = find(inMeta, "iinf")) {
+    const size_t countBytes = iinf->payload.size() > 0 && iinf->payload[0] == 0 ? 2 : 4;
+    if (iinf->payload.size() >= 4 + countBytes)
+      for (const Box& infe : boxesOf(iinf->payload.subspan(4 + countBytes)))
+        if (!std::memcmp(infe.type, "infe", 4)) readInfe(infe.payload, items);
+  }
+  if (const Box* iloc = find(inMeta, "iloc")) readIloc(iloc->payload, items);
+  std::vector<Box> properties;
+  if (const Box* iprp = find(inMeta, "iprp")) {
+    const std::vector<Box> inIprp = boxesOf(iprp->payload);
+    if (const Box* ipco = find(inIprp, "ipco")) properties = boxesOf(ipco->payload);
+    for (const Box& ipma : inIprp)
+      if (!std::memcmp(ipma.type, "ipma", 4)) readIpma(ipma.payload, items);
+  }
+  const Box* idatBox = find(inMeta, "idat");
+  const Input idat = idatBox ? idatBox->payload : Input();
+
+  // Items often share their data (a grid's cells): each stretch is read once.
+  std::map<std::tuple<std::vector<Extent>, const Box*>, Coded> scanned;
+  for (const auto& [id, item] : items) {
+    const bool hevc = !std::memcmp(item.type, "hvc1", 4), av1 = !std::memcmp(item.type, "av01", 4);
+    if (!hevc && !av1) continue;
+    const Box *config = nullptr, *ispe = nullptr;
+    for (uint32_t index : item.properties) {
+      if (index > properties.size()) continue;
+      const Box& property = properties[index - 1];
+      if (!std::memcmp(property.type, hevc ? "hvcC" : "av1C", 4)) config = &property;
+      if (!std::memcmp(property.type, "ispe", 4)) ispe = &property;
+    }
+    auto key = std::make_tuple(item.extents, config);
+    auto known = scanned.find(key);
+    if (known == scanned.end()) {
+      Coded coded;
+      size_t lengthBytes = 4;
+      if (config && hevc && config->payload.size() >= 23) {
+        // hvcC: 22 bytes of fields, then arrays of parameter sets with 2-byte lengths.
+        lengthBytes = (config->payload[21] & 3) + 1;
+        ByteReader in{config->payload, 22};
+        const uint64_t arrays = in.read(1);
+        for (uint64_t a = 0; a < arrays && in.ok; ++a) {
+          in.read(1);
+          const uint64_t count = in.read(2);
+          for (uint64_t n = 0; n < count && in.ok; ++n) {
+            const Input nal = in.take(in.read(2));
+            if (in.ok && nal.size() >= 2 && ((nal[0] >> 1) & 0x3F) == 33) coded.add(spsSize(nal));
+          }
+        }
+      }
+      if (config && av1 && config->payload.size() > 4) scanAv1(config->payload.subspan(4), coded);
+      std::vector<uint8_t> joined;
+      if (auto data = itemData(item, bytes, idat, joined)) {
+        if (hevc)
+          scanHevc(*data, lengthBytes, coded);
+        else
+          scanAv1(*data, coded);
+      }
+      known = scanned.emplace(std::move(key), coded).first;
+    }
+    const Coded& coded = known->second;
+    if (coded.unreadable) fail("unreadable sequence header of a coded picture");
+    if (coded.largest.width == 0) continue;  // no header here: the decoder finds none either
+    if (!ispe || ispe->payload.size() < 12) fail("coded picture without a declared size");
+    ByteReader in{ispe->payload, 4};
+    const uint64_t width = in.read(4), height = in.read(4);
+    checkWithin(coded, width, height);
+  }
+}
+
+void checkAv1Size(Input obus, uint64_t width, uint64_t height) {
+  Coded coded;
+  scanAv1(obus, coded);
+  if (coded.unreadable) fail("unreadable sequence header of a coded picture");
+  checkWithin(coded, width, height);
+}
+
+}  // namespace quillane::codecs
