@@ -119,6 +119,13 @@ void LocalAPIConnection::onReadable() {
         respond(LocalAPIResponse::error(503, "Server busy"));
         return;
       }
+      // What the head alone decides (a negative or too large Content-Length) is answered
+      // first, token or not: those answers read no body byte either.
+      if (outcome == LocalAPIRequestReader::Outcome::malformed ||
+          outcome == LocalAPIRequestReader::Outcome::payloadTooLarge) {
+        settle(outcome);
+        return;
+      }
       if (!gated_ && reader_.head()) {
         gated_ = true;
         headersDeadline_.stop();

@@ -17,6 +17,9 @@ LocalAPIController::~LocalAPIController() = default;
 
 void LocalAPIController::start() {
   stop();
+  // The token exists from the moment the API runs, so that a client handed it (from the
+  // settings file or the pane) is let in at once.
+  LocalAPISettings::token();
   auto server = std::make_unique<LocalAPIServer>(requestReadTimeoutSeconds, router_->serverRouter());
   server->setGate(LocalAPIRouter::serverGate());
   quint64 generation = ++generation_;

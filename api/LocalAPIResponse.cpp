@@ -37,6 +37,8 @@ std::string_view statusText(int status) {
       return "Payload Too Large";
     case 500:
       return "Internal Server Error";
+    case 503:
+      return "Service Unavailable";
     default:
       return "Unknown";
   }

@@ -74,7 +74,7 @@ LocalAPIResponse unauthorized() {
 
 LocalAPIServer::Gate LocalAPIRouter::serverGate() {
   return [](const LocalAPIRequest& head) -> std::optional<LocalAPIResponse> {
-    if (authorize(head, LocalAPISettings::storedToken())) return std::nullopt;
+    if (authorize(head, LocalAPISettings::token())) return std::nullopt;
     return unauthorized();
   };
 }

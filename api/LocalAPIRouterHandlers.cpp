@@ -40,6 +40,13 @@ bool inQualityRange(double quality) { return quality >= 1.0 && quality <= 100.0;
 
 bool isDirectory(const QString& path) { return !path.isEmpty() && QFileInfo(path).isDir(); }
 
+// Paths are taken whole: one relative to the program's working folder (often "/") would name
+// a file the client never meant.
+std::optional<LocalAPIResponse> relativePath(const char* key, const QString& path) {
+  if (QDir::isAbsolutePath(path)) return std::nullopt;
+  return LocalAPIResponse::error(400, std::string(key) + " must be an absolute path: " + path.toStdString());
+}
+
 QString absolutePath(const QString& path) { return QDir::cleanPath(QFileInfo(path).absoluteFilePath()); }
 
 QUrl fileURL(const QString& path) { return QUrl::fromLocalFile(absolutePath(path)); }
@@ -88,7 +95,9 @@ void LocalAPIRouter::importFiles(const LocalAPIRequest& request, Reply reply) {
   QList<QUrl> urls;
   for (const QString& path : paths) {
     // A folder passes this test and fails inspection like any unreadable file.
-    if (!path.isEmpty() && QFileInfo::exists(path)) {
+    if (!QDir::isAbsolutePath(path)) {
+      failed->push(JsonValue::object().set("error", "Path must be absolute").set("path", path.toStdString()));
+    } else if (QFileInfo::exists(path)) {
       urls.push_back(fileURL(path));
     } else {
       failed->push(JsonValue::object().set("error", "File not found").set("path", path.toStdString()));
@@ -164,6 +173,7 @@ void LocalAPIRouter::exportAll(const LocalAPIRequest& request, Reply reply) {
     }
   }
   if (!folder) return reply(badBody(expected));
+  if (auto refusal = relativePath("folder", *folder)) return reply(*refusal);
   if (!isDirectory(*folder)) {
     return reply(LocalAPIResponse::error(400, "folder does not exist: " + folder->toStdString()));
   }
@@ -200,6 +210,9 @@ LocalAPIResponse LocalAPIRouter::upsertProfile(const LocalAPIRequest& request) {
   auto parsedFormat = ImageFormats::fromRawValue(format.toStdString());
   if (!parsedFormat) return LocalAPIResponse::error(400, unknownFormatMessage(format));
   if (!inQualityRange(quality)) return qualityOutOfRange();
+  if (destinationFolder) {
+    if (auto refusal = relativePath("destinationFolder", *destinationFolder)) return *refusal;
+  }
   if (destinationFolder && !isDirectory(*destinationFolder)) {
     return LocalAPIResponse::error(400,
                                    "destinationFolder does not exist: " + destinationFolder->toStdString());
@@ -254,6 +267,7 @@ void LocalAPIRouter::exportSingleImage(const std::string& idSegment, const Local
   if (!image) return reply(noImage(idSegment));
   auto body = decodeExportBody(request.body);
   if (!body || !body->path) return reply(badBody("{\"path\": String, \"waitTimeoutSeconds\": Double?}"));
+  if (auto refusal = relativePath("path", *body->path)) return reply(*refusal);
   QUrl destination = fileURL(*body->path);
   double wait = body->waitTimeoutSeconds.value_or(defaultWaitTimeoutSeconds);
   // Waits for the whole batch, not for this image alone.

@@ -3,6 +3,7 @@
 #include <sys/random.h>
 
 #include <QByteArray>
+#include <QMutex>
 #include <QSettings>
 #include <cerrno>
 
@@ -53,9 +54,10 @@ void setPort(int port) {
   saveSecurely(*settings);
 }
 
-QString storedToken() { return store()->value(tokenKey).toString(); }
-
 QString token() {
+  // The server's gate and the window may both find no token at once: one makes it.
+  static QMutex mutex;
+  QMutexLocker lock(&mutex);
   auto settings = store();
   QString stored = UserDefaults::stringValue(*settings, tokenKey);
   if (!stored.isEmpty()) return stored;

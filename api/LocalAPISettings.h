@@ -4,7 +4,7 @@
 // "localAPIEnabled", "localAPIPort" and "localAPIToken". The file holds the token, so every
 // write through this namespace leaves it readable by its owner only (mode 0600).
 //
-// GUI thread only (QSettings instances are made per call and not shared).
+// GUI thread only, but for token() (QSettings instances are made per call and not shared).
 
 #include <QString>
 #include <memory>
@@ -38,10 +38,9 @@ void setPort(int port);
 // The stored token; makes and stores one first when there is none or it is empty. Any
 // non-empty stored value is the token, whatever its form. Empty only when the system's
 // random source failed, in which case nothing is stored and no request can authorize.
+// Any thread (the server's gate reads it for every request): callers that find no token at
+// the same time get the same new one.
 QString token();
-// The stored token, empty when there is none; never makes one. Any thread (the server's
-// gate reads it for every request, and must not race the window over making one).
-QString storedToken();
 // Stores `token` (the pane's regenerate button).
 void setToken(const QString& token);
 // "qlne_" and 43 URL-safe Base64 characters carrying 32 bytes from getrandom(2); nothing

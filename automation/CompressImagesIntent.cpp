@@ -1,5 +1,6 @@
 #include "automation/CompressImagesIntent.h"
 
+#include <QDir>
 #include <QUrl>
 #include <cerrno>
 #include <cstring>
@@ -84,12 +85,28 @@ std::string InvalidIntentArgumentError::description() const {
                               {argument_, value_});
 }
 
+std::string RelativePathArgumentError::description() const {
+  return Localization::format("intents.error.relativePathFormat",
+                              "Chemin relatif refusé pour %1$@ : %2$@ (un chemin absolu est attendu)",
+                              {argument(), value()});
+}
+
+std::string CallerGoneError::description() const {
+  return Localization::text("intents.error.callerGone", "L'appelant est parti : le reste est abandonné.");
+}
+
 namespace {
 
 // A file:// URL's local path; anything else is taken as a path as it is.
 QString localPath(const QString& pathOrURL) {
   if (pathOrURL.startsWith(QLatin1String("file:"))) return QUrl(pathOrURL).toLocalFile();
   return pathOrURL;
+}
+
+// Refuses a path argument that is not absolute once a file:// URL is read.
+void requireAbsolute(const char* argument, const QString& pathOrURL) {
+  if (!QDir::isAbsolutePath(localPath(pathOrURL)))
+    throw RelativePathArgumentError(argument, pathOrURL.toStdString());
 }
 
 std::optional<QString> noneIfEmpty(const QString& value) {
@@ -118,11 +135,14 @@ CompressImagesIntent CompressImagesIntent::fromArguments(const QStringList& file
   if (quality != 0) intent.quality = quality;
   intent.profileName = noneIfEmpty(profileName);
   intent.outputFolder = noneIfEmpty(outputFolder);
+  for (const QString& file : files) requireAbsolute("files", file);
+  if (intent.outputFolder) requireAbsolute("outputFolder", *intent.outputFolder);
   return intent;
 }
 
-QStringList CompressImagesIntent::perform() const {
+QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGone) const {
   if (files.isEmpty()) throw EmptyFileListError();
+  if (callerGone && callerGone()) throw CallerGoneError();
   if (quality && (*quality < 1 || *quality > 100))
     throw InvalidIntentArgumentError("quality", std::to_string(*quality));
 
@@ -145,6 +165,7 @@ QStringList CompressImagesIntent::perform() const {
   const QString extensionText = QString::fromUtf8(extension.data(), qsizetype(extension.size()));
   QStringList outputs;
   for (const std::string& path : inputs) {
+    if (callerGone && callerGone()) throw CallerGoneError();
     const std::filesystem::path source = std::filesystem::absolute(path);
     const std::string folder =
         besideSources ? source.parent_path().string() : resolved.outputDirectory->toStdString();
@@ -154,8 +175,8 @@ QStringList CompressImagesIntent::perform() const {
     // Beside the sources nothing is replaced: a name already taken on disk is passed over.
     while (besideSources && std::filesystem::exists(std::filesystem::path(folder) / name.toStdString()))
       name = allocator->second.filename(base, extensionText);
-    const CompressionBudget::Claim claim =
-        CompressionBudget::process().claim(CompressionCost::fileCostMB(path, resolved.format));
+    const CompressionBudget::Claim claim = CompressionBudget::process().claim(
+        CompressionCost::fileCostMB(path, resolved.format, resolved.quality));
     const ImageCompressionResult result =
         ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name.toStdString());
     if (!result.destination) throw CompressionFailedError(source.filename().string(), result.error);

@@ -9,6 +9,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -59,11 +60,26 @@ class InvalidIntentArgumentError : public QuillaneError {
   InvalidIntentArgumentError(std::string argument, std::string value)
       : QuillaneError(argument + "=" + value), argument_(std::move(argument)), value_(std::move(value)) {}
   const std::string& argument() const { return argument_; }
+  const std::string& value() const { return value_; }
   std::string description() const override;
 
  private:
   std::string argument_;
   std::string value_;
+};
+
+// A path argument that is not absolute (nor a file:// URL): it would name a file relative to
+// wherever the service happens to run. The description names the argument and the value.
+class RelativePathArgumentError : public InvalidIntentArgumentError {
+ public:
+  using InvalidIntentArgumentError::InvalidIntentArgumentError;
+  std::string description() const override;
+};
+
+// The caller gave up (left the bus) before the call had finished.
+class CallerGoneError : public QuillaneError {
+ public:
+  std::string description() const override;
 };
 
 struct CompressImagesIntent {
@@ -75,7 +91,8 @@ struct CompressImagesIntent {
 
   // The parameters in their wire form: a format's raw value, quality 0 for none, empty
   // strings for none. Throws InvalidIntentArgumentError for an unknown format or a quality
-  // outside 0 to 100.
+  // outside 0 to 100, and RelativePathArgumentError for a file or folder that is neither an
+  // absolute path nor a file:// URL of one.
   static CompressImagesIntent fromArguments(const QStringList& files, const QString& format, int quality,
                                             const QString& profileName, const QString& outputFolder);
 
@@ -87,7 +104,9 @@ struct CompressImagesIntent {
   // there has yet ("photo.png" to PNG gives "photo-2.png", or "photo-3.png" when that exists).
   // Throws, before touching anything: EmptyFileListError, ProfileNotFoundError, FileError
   // (the folder can't be made); and on the first file that fails, CompressionFailedError.
-  QStringList perform() const;
+  // `callerGone`, when given, is asked first and before each file; true ends the call there
+  // with CallerGoneError.
+  QStringList perform(const std::function<bool()>& callerGone = {}) const;
 };
 
 }  // namespace quillane

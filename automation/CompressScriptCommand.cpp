@@ -218,7 +218,7 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
           results[i].error = Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
         }
       },
-      [&](size_t i) { return CompressionCost::fileCostMB(paths[i], resolved.format); });
+      [&](size_t i) { return CompressionCost::fileCostMB(paths[i], resolved.format, resolved.quality); });
   return ImageCompressor::jsonString(results);
 }
 

@@ -73,6 +73,8 @@ QDBusMessage errorReply(const QDBusMessage& call, const std::exception_ptr& fail
                                  QString::fromStdString(e.description()));
   } catch (const CompressionFailedError& e) {
     return call.createErrorReply(errorName("CompressionFailed"), QString::fromStdString(e.description()));
+  } catch (const CallerGoneError& e) {
+    return call.createErrorReply(errorName("CallerGone"), QString::fromStdString(e.description()));
   } catch (const InvalidIntentArgumentError& e) {
     return call.createErrorReply(invalidArgs, QString::fromStdString(e.description()));
   } catch (const FileError& e) {
@@ -197,33 +199,63 @@ void QuillaneBusService::runOnGuiThread(const QDBusMessage& message, const QDBus
                                         std::function<bool()> work) {
   QMetaObject::invokeMethod(
       this,
-      [message, connection, work = std::move(work)] {
+      [this, message, connection, work = std::move(work)] {
         QDBusConnection bus = connection;
-        if (work())
+        if (work()) {
           bus.send(message.createReply());
-        else
+        } else {
           bus.send(message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.NotSupported"),
                                             QStringLiteral("This instance has no window to show")));
+          emit windowRefused();
+        }
       },
       Qt::QueuedConnection);
 }
 
 void QuillaneBusService::compress(const QDBusMessage& message, const QDBusConnection& connection) {
+  const QString caller = message.service();
+  {
+    QMutexLocker lock(&callersMutex_);
+    int& unanswered = unansweredByCaller_[caller];
+    if (unanswered >= maxCallsPerCaller) {
+      lock.unlock();
+      QDBusConnection(connection)
+          .send(message.createErrorReply(
+              QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded"),
+              QStringLiteral("Too many Compress calls waiting for this caller (at most %1)")
+                  .arg(maxCallsPerCaller)));
+      return;
+    }
+    ++unanswered;
+  }
   const QList<QVariant> arguments = message.arguments();
   ++pending_;
   QPointer<QuillaneBusService> self(this);
-  pool_.start([this, self, message, connection, arguments] {
+  pool_.start([this, self, message, connection, arguments, caller] {
+    QDBusConnection bus = connection;
+    // Asked of the bus before each file: a caller that has gone wants no more files.
+    const auto callerGone = [&bus, &caller] {
+      QDBusMessage ask = QDBusMessage::createMethodCall(
+          QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+          QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameHasOwner"));
+      ask << caller;
+      const QDBusMessage answer = bus.call(ask);
+      return answer.type() == QDBusMessage::ReplyMessage && !answer.arguments().value(0).toBool();
+    };
     QDBusMessage reply;
     try {
       const auto intent = CompressImagesIntent::fromArguments(
           arguments[0].toStringList(), arguments[1].toString(), arguments[2].toInt(), arguments[3].toString(),
           arguments[4].toString());
-      reply = message.createReply(QVariant(intent.perform()));
+      reply = message.createReply(QVariant(intent.perform(callerGone)));
     } catch (...) {
       reply = errorReply(message, std::current_exception());
     }
-    QDBusConnection bus = connection;
     bus.send(reply);
+    {
+      QMutexLocker lock(&callersMutex_);
+      if (--unansweredByCaller_[caller] <= 0) unansweredByCaller_.remove(caller);
+    }
     // The pool is the service's own and is drained in its destructor, so `this` is alive here.
     if (--pending_ == 0)
       QMetaObject::invokeMethod(

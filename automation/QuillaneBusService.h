@@ -10,14 +10,19 @@
 //
 // Compress calls run on a private one-thread pool, one at a time in the order they arrive,
 // and never on the GUI thread; each gets its reply (the written paths, or a D-Bus error with
-// the localised text) when its turn is done. Activate and Open run their handlers on the
-// GUI thread.
+// the localised text) when its turn is done. One caller (one bus connection) may have at
+// most maxCallsPerCaller calls unanswered; beyond that a call is refused at once with
+// org.freedesktop.DBus.Error.LimitsExceeded. The work of a caller that has left the bus is
+// dropped: its calls still waiting are skipped, and its running call stops before its next
+// file. Activate and Open run their handlers on the GUI thread.
 //
 // Made, published and destroyed on the GUI thread. The destructor drops the calls still
 // waiting and waits for the one running.
 
 #include <QDBusConnection>
 #include <QDBusVirtualObject>
+#include <QHash>
+#include <QMutex>
 #include <QStringList>
 #include <QThreadPool>
 #include <QUrl>
@@ -33,6 +38,7 @@ class QuillaneBusService : public QDBusVirtualObject {
   static const QString serviceName;    // "com.quillane.Quillane"
   static const QString objectPath;     // "/com/quillane/Quillane"
   static const QString interfaceName;  // "com.quillane.Quillane"
+  static constexpr int maxCallsPerCaller = 32;
 
   struct Handlers {
     // Both run on the GUI thread; either may be empty, and then the call is refused.
@@ -57,6 +63,8 @@ class QuillaneBusService : public QDBusVirtualObject {
  signals:
   // A Compress call was answered and none is left (GUI thread).
   void idle();
+  // An Activate or Open call was refused for want of a window (GUI thread), after its reply.
+  void windowRefused();
 
  private:
   void compress(const QDBusMessage& message, const QDBusConnection& connection);
@@ -66,6 +74,8 @@ class QuillaneBusService : public QDBusVirtualObject {
   Handlers handlers_;
   QThreadPool pool_;
   std::atomic<int> pending_{0};
+  QMutex callersMutex_;
+  QHash<QString, int> unansweredByCaller_;  // GUARDED_BY(callersMutex_), by unique bus name
   bool published_ = false;
   QDBusConnection connection_{QString()};
 };

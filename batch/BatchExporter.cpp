@@ -9,18 +9,28 @@
 #include "batch/BatchSupport.h"
 #include "batch/ExportFilenameAllocator.h"
 #include "engine/Errors.h"
+#include "engine/FileIO.h"
 #include "engine/Localization.h"
 
 namespace quillane {
 
 namespace {
 
-// The atomic write of `data` to `url`, on the worker thread.
-std::optional<QString> write(const QUrl& url, const QByteArray& data) {
-  const QString path = url.toLocalFile();
-  if (path.isEmpty())
+// The atomic write of `data` to `url`, on the worker thread, no more readable than `source`.
+std::optional<QString> write(const QUrl& url, const QByteArray& data, const std::string& source) {
+  const std::string path = localFilePath(url);
+  if (path.empty())
     return QString::fromStdString(FileError(url.toString().toStdString(), "not a local file").description());
-  return batchdetail::writeFileAtomically(path, data);
+  return batchdetail::writeFileAtomically(path, data, FileIO::permissionsFor(source));
+}
+
+// The source's file name without its extension, in the file system's bytes.
+std::string sourceBaseName(const ImportedImage& image) {
+  std::string name = localFilePath(image.sourceURL());
+  if (name.empty()) return image.baseName().toStdString();
+  name = name.substr(name.rfind('/') + 1);
+  const size_t dot = name.rfind('.');
+  return dot != std::string::npos && dot > 0 ? name.substr(0, dot) : name;
 }
 
 QString genericError() {
@@ -56,34 +66,37 @@ QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
     std::vector<std::string> sourcePaths) {
   // What the job needs from each row, read now on the GUI thread.
   struct Item {
-    QString baseName;
+    std::string baseName;  // names stay the file system's bytes: a source whose name is not
+                           // UTF-8 gives an output of the same bytes
+    std::string source;
     std::optional<QByteArray> data;
   };
   std::vector<Item> items;
   items.reserve(images.size());
-  for (const auto& image : images) items.push_back({image->baseName(), image->compressedData()});
-  const QString extension = batchdetail::toQString(ImageFormats::fileExtension(format));
+  for (const auto& image : images)
+    items.push_back({sourceBaseName(*image), image->sourceFilePath(), image->compressedData()});
+  const std::string extension(ImageFormats::fileExtension(format));
 
   auto job = [folder, items = std::move(items), extension, sourcePaths = std::move(sourcePaths)] {
     std::vector<FileResult> results(items.size());
     try {
-      const QDir directory(folder.toLocalFile());
+      std::string directory = localFilePath(folder);
+      while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
       ExportFilenameAllocator allocator =
-          folder.isLocalFile()
-              ? ExportFilenameAllocator(QFile::encodeName(directory.path()).toStdString(), sourcePaths)
-              : ExportFilenameAllocator();
+          folder.isLocalFile() ? ExportFilenameAllocator(directory, sourcePaths) : ExportFilenameAllocator();
       // A folder that is not a local one gets destinations that fail to write, row by row,
       // rather than names resolved against the working directory.
-      auto destinationFor = [&](const QString& name) {
-        if (folder.isLocalFile()) return QUrl::fromLocalFile(directory.filePath(name));
+      auto destinationFor = [&](const std::string& name) {
+        if (folder.isLocalFile()) return localFileURL(directory == "/" ? "/" + name : directory + "/" + name);
         QUrl url = folder;
-        url.setPath(folder.path() + (folder.path().endsWith(u'/') ? "" : "/") + name);
+        url.setPath(folder.path() + (folder.path().endsWith(u'/') ? "" : "/") +
+                    QFile::decodeName(name.c_str()));
         return url;
       };
       for (size_t i = 0; i < items.size(); ++i) {
         if (!items[i].data) continue;
         results[i].destination = destinationFor(allocator.filename(items[i].baseName, extension));
-        results[i].error = write(*results[i].destination, *items[i].data);
+        results[i].error = write(*results[i].destination, *items[i].data, items[i].source);
       }
     } catch (...) {
       // Out of memory or worse: every file not yet written fails, and the program goes on.
@@ -125,7 +138,7 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
     return QtFuture::makeReadyFuture(false);
   }
   const QByteArray data = *image->compressedData();
-  auto job = [url, data, sourcePaths = std::move(sourcePaths)] {
+  auto job = [url, data, source = image->sourceFilePath(), sourcePaths = std::move(sourcePaths)] {
     FileResult result;
     try {
       QUrl destination = url;
@@ -138,7 +151,7 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
               info.dir().filePath(allocator.filename(info.completeBaseName(), info.suffix())));
       }
       result.destination = destination;
-      result.error = write(destination, data);
+      result.error = write(destination, data, source);
     } catch (...) {
       result.error = genericError();
     }
@@ -156,10 +169,10 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
 QFuture<bool> BatchExporter::writeExport(const std::shared_ptr<ImportedImage>& image, const QByteArray& data,
                                          const QUrl& url, ImageFormat format) {
   if (!image) return QtFuture::makeReadyFuture(false);
-  auto job = [url, data] {
+  auto job = [url, data, source = image->sourceFilePath()] {
     FileResult result{url, std::nullopt};
     try {
-      result.error = write(url, data);
+      result.error = write(url, data, source);
     } catch (...) {
       result.error = genericError();
     }

@@ -1,7 +1,5 @@
 #include "batch/BatchSupport.h"
 
-#include <QFile>
-
 #include "engine/Errors.h"
 #include "engine/FileIO.h"
 
@@ -17,10 +15,11 @@ QString describeCurrentException(const QString& fallback) {
   }
 }
 
-std::optional<QString> writeFileAtomically(const QString& path, const QByteArray& data) {
+std::optional<QString> writeFileAtomically(const std::string& path, const QByteArray& data,
+                                           unsigned permissions) {
   try {
-    FileIO::writeFileAtomically(QFile::encodeName(path).toStdString(),
-                                {reinterpret_cast<const uint8_t*>(data.constData()), size_t(data.size())});
+    FileIO::writeFileAtomically(
+        path, {reinterpret_cast<const uint8_t*>(data.constData()), size_t(data.size())}, permissions);
   } catch (const QuillaneError& error) {
     return QString::fromStdString(error.description());
   }

@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QString>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace quillane::batchdetail {
@@ -15,8 +16,10 @@ QString describeCurrentException(const QString& fallback);
 
 inline QString toQString(std::string_view s) { return QString::fromUtf8(s.data(), qsizetype(s.size())); }
 
-// Atomic whole-file write (temporary file in the same folder, then rename). Nothing on
-// success, the system's text on failure; a failure leaves any older file untouched.
-std::optional<QString> writeFileAtomically(const QString& path, const QByteArray& data);
+// Atomic whole-file write (temporary file in the same folder, then rename) of `path`, the file
+// system's bytes. Nothing on success, the system's text on failure; a failure leaves any
+// older file untouched.
+std::optional<QString> writeFileAtomically(const std::string& path, const QByteArray& data,
+                                           unsigned permissions = 0666);
 
 }  // namespace quillane::batchdetail

@@ -9,6 +9,10 @@ std::string localFilePath(const QUrl& url) {
   return QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1()).toStdString();
 }
 
+QUrl localFileURL(const std::string& path) {
+  return QUrl::fromEncoded("file://" + QByteArray::fromStdString(path).toPercentEncoding("/"));
+}
+
 const char* EncodeState::name() const {
   switch (kind) {
     case Kind::idle:

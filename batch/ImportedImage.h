@@ -59,6 +59,8 @@ struct ImportFailure {
 // valid UTF-8: such bytes stay percent-encoded in the URL, where toLocalFile() would turn them
 // into U+FFFD and name another file. Empty for a URL that is not a local file.
 std::string localFilePath(const QUrl& url);
+// The file URL of a path given as the file system's bytes, the reverse of localFilePath.
+QUrl localFileURL(const std::string& path);
 
 class ImportedImage : public QObject {
   Q_OBJECT

@@ -28,7 +28,6 @@
 #include <thread>
 
 #include "hotfolders/HotFolderWatcher.h"
-#include "hotfolders/SerialQueue.h"
 #include "records/JSONFileStore.h"
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
@@ -86,7 +85,7 @@ int main(int argc, char** argv) {
                    ImageFormat::jpeg,
                    75,
                    true};
-  auto watcher = HotFolderWatcher::make(folder);
+  auto watcher = std::make_unique<HotFolderWatcher>(folder);
   Progress progress;
   watcher->onActivity = [&](const HotFolderActivity& line) {
     std::lock_guard lock(progress.mutex);
@@ -98,7 +97,7 @@ int main(int argc, char** argv) {
     if (completed == total) progress.finished = Clock::now();
     progress.changed.notify_all();
   };
-  if (!watcher->start()) return 1;
+  watcher->start();
   std::this_thread::sleep_for(std::chrono::seconds(1));  // the first scan of the empty folder
 
   const double cpuBefore = cpuSeconds(RUSAGE_SELF);
@@ -114,8 +113,6 @@ int main(int argc, char** argv) {
   const double hotCPU = cpuSeconds(RUSAGE_SELF) - cpuBefore;
   const double firstScan = seconds(*progress.started - landed);
   const double hotWall = seconds(*progress.finished - landed);
-  watcher->stop();
-  watcher->waitUntilIdle();
   watcher.reset();
 
   // The command-line tool on the same files.
@@ -143,12 +140,12 @@ int main(int argc, char** argv) {
   std::printf("CPU ratio hot folder / cli: %.3f\n", hotCPU / cliCPU);
 
   // (3) Twenty idle local folders.
-  std::vector<std::shared_ptr<HotFolderWatcher>> idle;
+  std::vector<std::unique_ptr<HotFolderWatcher>> idle;
   for (int i = 0; i < 20; ++i) {
     const QString path = root.filePath(QStringLiteral("idle%1").arg(i));
     QDir().mkpath(path);
-    idle.push_back(HotFolderWatcher::make(
-        {QUuid::createUuid(), "Idle", path, path + "-out", std::nullopt, ImageFormat::jpeg, 75, true}));
+    idle.push_back(std::make_unique<HotFolderWatcher>(HotFolder{
+        QUuid::createUuid(), "Idle", path, path + "-out", std::nullopt, ImageFormat::jpeg, 75, true}));
     idle.back()->start();
   }
   std::this_thread::sleep_for(std::chrono::seconds(2));  // their first scans
@@ -156,8 +153,6 @@ int main(int argc, char** argv) {
   std::this_thread::sleep_for(std::chrono::seconds(10));
   std::printf("20 idle watched folders: %.1f ms CPU in 10 s\n",
               (cpuSeconds(RUSAGE_SELF) - idleBefore) * 1000);
-  for (auto& w : idle) w->stop();
   idle.clear();
-  SerialQueue::waitForAll();
   return 0;
 }

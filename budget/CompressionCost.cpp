@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "engine/FileIO.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageService.h"
 
@@ -13,15 +14,22 @@ int memoryBudgetMB(uint64_t physicalMemoryBytes) {
   return 512;
 }
 
-int encodeCostMB(int width, int height, ImageFormat) {
-  const int64_t pixels = int64_t(std::max(width, 0)) * int64_t(std::max(height, 0));
-  return int(std::clamp<int64_t>(pixels * 20 / 1048576 + 8, 1, INT32_MAX));
+int encodeCostMB(const EncodeCost::Source& source, ImageFormat target, double quality) {
+  return std::max(megabytes(EncodeCost::peakBytes(source, target, quality)), 1);
 }
 
-int fileCostMB(const std::string& path, ImageFormat format) {
-  const auto header = ImageDecoder::readHeader(path);
-  if (header) return encodeCostMB(header->width, header->height, format);
-  return std::numeric_limits<int>::max();
+int fileCostMB(const std::string& path, ImageFormat target, double quality) {
+  std::vector<uint8_t> head;
+  try {
+    head = FileIO::readHead(path, ImageDecoder::kHeaderBytes);
+  } catch (const std::exception&) {
+    return std::numeric_limits<int>::max();
+  }
+  const auto format = ImageFormats::detect(head);
+  const auto header = ImageService::properties(head);
+  if (!format || !header) return std::numeric_limits<int>::max();
+  const auto fileBytes = uint64_t(std::max<int64_t>(ImageDecoder::fileSize(path), 0));
+  return encodeCostMB({*format, header->width, header->height, fileBytes}, target, quality);
 }
 
 int previewCostMB(std::span<const uint8_t> bytes, int maxPixelSize) {

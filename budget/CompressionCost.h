@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 
+#include "engine/EncodeCost.h"
 #include "engine/ImageFormat.h"
 
 namespace quillane::CompressionCost {
@@ -13,14 +14,14 @@ namespace quillane::CompressionCost {
 // The process's budget: one eighth of the memory, at most 4096; 512 for machines under 4 GiB.
 int memoryBudgetMB(uint64_t physicalMemoryBytes);
 
-// The working memory of one encode of a `width` x `height` picture into `format`: 20 bytes a
-// pixel plus 8 MB, at least 1.
-int encodeCostMB(int width, int height, ImageFormat format);
+// The working memory of compressing `source` into `target` at `quality`: the engine's model of
+// its peak (EncodeCost::peakBytes), at least 1.
+int encodeCostMB(const EncodeCost::Source& source, ImageFormat target, double quality);
 
-// The encode cost of the file at `path` into `format`, from the dimensions in its header; a
-// file whose header can't be read in its first bytes (or that is no regular file) costs the
-// most there is, and so runs alone.
-int fileCostMB(const std::string& path, ImageFormat format);
+// The same for the file at `path`, from its first bytes and its size; a file whose header
+// can't be read there (or that is no regular file) costs the most there is, and so runs
+// alone.
+int fileCostMB(const std::string& path, ImageFormat target, double quality);
 
 // What a preview of at most `maxPixelSize` made from `bytes` (ImageDecoder::loadPreview) takes:
 // the bytes and the decode, which is never made beyond ImageDecoder::kPreviewMemory.

@@ -20,6 +20,9 @@ using Bytes = std::vector<uint8_t>;
 namespace NativeImageIOEncoder {
 // `format` must be jpeg, heic or avif and `plan.mode` lossy. JPEG flattens alpha over white.
 Bytes encode(const DecodedImage& image, bool hasAlpha, ImageFormat format, const EncodingPlan& plan);
+// The same bytes, consuming `image`: its memory goes back to the system as the writer reads it
+// (codecs/Writers.h), and the caller may only drop it afterwards.
+Bytes encode(DecodedImage&& image, bool hasAlpha, ImageFormat format, const EncodingPlan& plan);
 // The 8-bit opaque copy handed to the writers; nothing when it can't be made.
 std::optional<DecodedImage> opaqueCopy(const DecodedImage& image, bool overWhite);
 }  // namespace NativeImageIOEncoder
@@ -41,6 +44,9 @@ Bytes encode(const ARGBPicture& picture, const EncodingPlan& plan,
 
 namespace JXLEncoder {
 Bytes encode(const RGBABuffer& rgba, bool hasAlpha, const EncodingPlan& plan);
+// The same bytes, consuming `rgba`: its memory goes back to the system once libjxl holds its
+// own copy of the frame, and the caller may only drop it afterwards.
+Bytes encode(RGBABuffer&& rgba, bool hasAlpha, const EncodingPlan& plan);
 // Lossless repackaging of a JPEG file, reconstructible byte for byte; nothing on any failure.
 std::optional<Bytes> transcodeJPEG(std::span<const uint8_t> jpeg, int effort);
 // The Butteraugli distance for a lossy quality.

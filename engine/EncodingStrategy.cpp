@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "engine/EncodeCost.h"
+
 namespace quillane {
 
 using ContentClass = ImageCharacteristics::ContentClass;
@@ -130,6 +132,38 @@ bool losslessWebPMayWin(const ImageCharacteristics& characteristics, const Mode&
          characteristics.gradientFraction <= 0.03;
 }
 
+namespace {
+
+// Lossless JPEG XL takes many times the memory of any other encoding (EncodeCost). Where the
+// plan's effort would exceed the allowance, lossless runs at the light effort; where that too
+// would, the lossy encoding takes its place, unless it would cost more still (a large
+// graphic, which libjxl holds in floats at about the light effort's cost).
+void keepWithinAllowance(EncodingPlan& plan, const ImageCharacteristics& characteristics,
+                         ImageFormat format) {
+  if (format != ImageFormat::jxl) return;
+  const bool mainLossless = plan.mode.kind == Mode::Kind::lossless;
+  const bool alternativeLossless = plan.alternative && plan.alternative->kind == Mode::Kind::lossless;
+  if (!mainLossless && !alternativeLossless) return;
+  auto cost = [&](const EncodingPlan& p) {
+    return EncodeCost::encodingBytes(format, p, Mode::lossless(), characteristics);
+  };
+  const uint64_t limit =
+      EncodeCost::allowance(uint64_t(characteristics.width) * uint64_t(characteristics.height));
+  if (cost(plan) <= limit) return;
+  plan.lightLossless = true;
+  if (cost(plan) <= limit) return;
+  const Mode lossy =
+      mainLossless
+          ? plan.alternative.value_or(Mode::lossy(QualityCalibration::codecQuality(plan.quality, format)))
+          : plan.mode;
+  if (EncodeCost::encodingBytes(format, plan, lossy, characteristics) > cost(plan)) return;
+  plan.lightLossless = false;
+  plan.mode = lossy;
+  plan.alternative.reset();
+}
+
+}  // namespace
+
 EncodingPlan plan(const ImageCharacteristics& characteristics, ImageFormat format, double perceptualQuality) {
   const ContentClass cls = characteristics.contentClass;
   const int64_t pixels = int64_t(characteristics.width) * int64_t(characteristics.height);
@@ -177,6 +211,7 @@ EncodingPlan plan(const ImageCharacteristics& characteristics, ImageFormat forma
   } else {
     plan.dithering = 0.7f;
   }
+  keepWithinAllowance(plan, characteristics, format);
   return plan;
 }
 

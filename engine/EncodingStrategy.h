@@ -53,6 +53,9 @@ struct EncodingPlan {
   float dithering = 0.7f;
   bool prefersLossless = false;
   bool photographic = false;  // photo, noisy photo or illustration: no graphic, no screen text
+  // JPEG XL: lossless at the encoder's light effort, whose memory fits where the plan's
+  // effort would not (EncodeCost::allowance).
+  bool lightLossless = false;
 
   static std::string_view modeName(Mode::Kind kind);  // "lossy", "nearLossless", "lossless"
 };
@@ -77,6 +80,9 @@ double codecQuality(double perceptual, ImageFormat format);
 }  // namespace QualityCalibration
 
 namespace EncodingStrategy {
+// Every encoding of the plan keeps within EncodeCost::allowance where the format has a
+// cheaper way: a lossless JPEG XL that would exceed it runs at the light effort, or, where
+// that too would, gives way to the lossy encoding.
 EncodingPlan plan(const ImageCharacteristics& characteristics, ImageFormat format, double perceptualQuality);
 EncodingPlan::Mode mode(const ImageCharacteristics& characteristics, ImageFormat format, double quality);
 // Whether a lossless WebP of this picture can come out smaller than a lossy one in `lossy`

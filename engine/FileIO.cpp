@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +13,7 @@
 #include <ctime>
 #include <mutex>
 #include <string_view>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "engine/Errors.h"
 
@@ -39,33 +40,60 @@ bool isTemporaryName(std::string_view name) {
          name.substr(prefix + 6) == temporarySuffix;
 }
 
-// Temporaries left by a power cut or a kill: removed once per folder per process, when the
-// folder is next written to. A day old, so that a write still running in another process is
-// never touched. Failures are ignored: this is tidying, not the write.
-void removeStaleTemporaries(const std::string& folder) {
+// Whether the temporary `name` is a leftover: no writer holds its lock (one that can't be
+// locked counts as a leftover once a day old). Writers lock only files they have just made,
+// so a leftover never becomes owned again.
+bool isLeftover(int dirFd, const char* name, time_t now) {
+  struct stat st {};
+  if (::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) return false;
+  const long long age = now - st.st_mtime;
+  if (age < unlockedTemporaryGraceSeconds) return false;
+  Fd f;
+  f.fd = ::openat(dirFd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (f.fd < 0) return age > staleTemporaryAgeSeconds;
+  if (::flock(f.fd, LOCK_EX | LOCK_NB) == 0) return true;
+  if (errno == EWOULDBLOCK) return false;
+  return age > staleTemporaryAgeSeconds;
+}
+
+// Temporaries left by a power cut or a kill, removed when the folder is written to, at most
+// once a minute per folder. Failures are ignored: this is tidying, not the write.
+void removeLeftoverTemporaries(const std::string& folder) {
   static std::mutex mutex;
-  static std::unordered_set<std::string> done;
+  static std::unordered_map<std::string, time_t> lastSweep;
+  const time_t now = ::time(nullptr);
   {
     std::lock_guard lock(mutex);
-    if (!done.insert(folder).second) return;
+    auto [it, inserted] = lastSweep.try_emplace(folder, now);
+    if (!inserted) {
+      if (now - it->second < 60 && now >= it->second) return;
+      it->second = now;
+    }
   }
   DIR* dir = ::opendir(folder.c_str());
   if (!dir) return;
   const int dirFd = ::dirfd(dir);
-  const time_t now = ::time(nullptr);
   while (const dirent* entry = ::readdir(dir)) {
-    if (!isTemporaryName(entry->d_name)) continue;
-    struct stat st {};
-    if (::fstatat(dirFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) continue;
-    if (now - st.st_mtime > staleTemporaryAgeSeconds) ::unlinkat(dirFd, entry->d_name, 0);
+    if (isTemporaryName(entry->d_name) && isLeftover(dirFd, entry->d_name, now))
+      ::unlinkat(dirFd, entry->d_name, 0);
   }
   ::closedir(dir);
 }
 
-// Creates folder/.quillane-XXXXXX.tmp exclusively, with mode 0666 less the umask (as any new
-// file). The umask is never read by changing it: that would briefly widen it for every other
-// thread of the process. Returns the descriptor, or -1 with errno set.
-int createTemporary(const std::string& folder, std::string& tmp) {
+// Refuses a destination that is neither absent, a regular file nor a link. Returns the
+// group and other bits of a regular file there (077 when there is none).
+unsigned checkDestination(const std::string& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return 077;
+  if (S_ISLNK(st.st_mode)) return 077;
+  if (!S_ISREG(st.st_mode)) throw DestinationNotAFile(path);
+  return unsigned(st.st_mode) & 077;
+}
+
+// Creates folder/.quillane-XXXXXX.tmp exclusively, with `mode` less the umask (as any new
+// file), and locks it. The umask is never read by changing it: that would briefly widen it
+// for every other thread of the process. Returns the descriptor, or -1 with errno set.
+int createTemporary(const std::string& folder, mode_t mode, std::string& tmp) {
   static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
   for (int attempt = 0; attempt < 100; ++attempt) {
     uint8_t random[6] = {};
@@ -77,8 +105,14 @@ int createTemporary(const std::string& folder, std::string& tmp) {
     tmp = folder + "/" + temporaryPrefix;
     for (uint8_t r : random) tmp += kLetters[r % (sizeof kLetters - 1)];
     tmp += temporarySuffix;
-    const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
-    if (fd >= 0 || errno != EEXIST) return fd;
+    const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+    if (fd >= 0) {
+      // Marks it as owned for other processes' sweeps; a file system without locks falls
+      // back to the age rule.
+      (void)::flock(fd, LOCK_EX | LOCK_NB);
+      return fd;
+    }
+    if (errno != EEXIST) return fd;
   }
   errno = EEXIST;
   return -1;
@@ -131,42 +165,50 @@ std::vector<uint8_t> readHead(const std::string& path, size_t headBytes) {
   return readRegular(path, {}, headBytes, true);
 }
 
-void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes) {
+unsigned permissionsFor(const std::string& source) {
+  struct stat st {};
+  if (::stat(source.c_str(), &st) != 0) return 0666;
+  return 0600 | (unsigned(st.st_mode) & 066);
+}
+
+void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, unsigned permissions) {
   const std::string folder = folderOf(path);
   auto failIn = [&](const std::string& place, int err) { throw WriteError(path, place, std::strerror(err)); };
-  removeStaleTemporaries(folder);
+  const unsigned existing = checkDestination(path);
+  removeLeftoverTemporaries(folder);
   std::string tmpl;
   Fd f;
-  f.fd = createTemporary(folder, tmpl);
+  f.fd = createTemporary(folder, mode_t(permissions & (0700 | existing)), tmpl);
   if (f.fd < 0) failIn(folder, errno);
-  auto cleanup = [&](int err) {
+  auto cleanup = [&](const std::string& place, int err) {
+    ::unlink(tmpl.c_str());
     ::close(f.fd);
     f.fd = -1;
-    ::unlink(tmpl.c_str());
-    failIn(folder, err);
+    failIn(place, err);
   };
   size_t written = 0;
   while (written < bytes.size()) {
     ssize_t n = ::write(f.fd, bytes.data() + written, bytes.size() - written);
     if (n < 0) {
       if (errno == EINTR) continue;
-      cleanup(errno);
+      cleanup(folder, errno);
     }
     written += size_t(n);
   }
-  if (::fsync(f.fd) != 0) cleanup(errno);
-  if (::close(f.fd) != 0) {
-    f.fd = -1;
-    int err = errno;
+  if (::fsync(f.fd) != 0) cleanup(folder, errno);
+  // Looked at again just before the rename: what appeared meanwhile is not ours either.
+  try {
+    checkDestination(path);
+  } catch (const WriteError&) {
     ::unlink(tmpl.c_str());
-    failIn(folder, err);
+    throw;
   }
+  // Renamed while still open, so that the lock marks it as owned until it has its name.
+  if (::rename(tmpl.c_str(), path.c_str()) != 0) cleanup(path, errno);
+  // The data was synced above: a late error of close() could only be about what is already
+  // on disk, and the file has its name.
+  ::close(f.fd);
   f.fd = -1;
-  if (::rename(tmpl.c_str(), path.c_str()) != 0) {
-    int err = errno;
-    ::unlink(tmpl.c_str());
-    failIn(path, err);
-  }
   // The rename is durable once the folder is synced. A folder that can't be opened for it
   // (write and search permission without read) or whose file system can't sync folders
   // (EINVAL) keeps the rename as it is; an I/O error means the file may not survive.

@@ -49,15 +49,42 @@ std::vector<uint8_t> readHead(const std::string& path, size_t headBytes);
 // folder, named ".quillane-XXXXXX.tmp" (short, so that final names of up to 255 bytes work,
 // and recognisable when a crash leaves one behind), syncs it, renames it over `path` and
 // syncs the folder, so that once it returns a power cut leaves the new file, never an empty
-// or missing one. A reader sees the old file or the new one, never part of one, and a
-// symbolic link at `path` is replaced, never written through. The temporary file is removed
-// on every failure. The first write into a folder in this process also removes temporaries
-// of that form older than a day (staleTemporaryAge). `path` is file system bytes. Any
-// thread. Throws WriteError.
-void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes);
+// or missing one. A reader sees the old file or the new one, never part of one.
+//
+// Only what is ours is replaced: a regular file, or a symbolic link (replaced, never written
+// through). Anything else at `path` (a folder, a pipe, a device, a socket) is refused with
+// DestinationNotAFile and left as it is.
+//
+// The file gets `permissions` less the umask, and, when it replaces a regular file, no group
+// or other bit that file did not have: a private output stays private. Callers pass
+// permissionsFor(source) so that an output is no more readable than its source.
+//
+// The writer holds an flock on its temporary from creation to rename. Each write into a
+// folder (at most once a minute per folder in this process) removes temporaries of that form
+// that no process holds, which only a killed or crashed writer leaves (those on a file system
+// without locks, once they are a day old). The temporary is removed on every failure. `path`
+// is file system bytes. Any thread. Throws WriteError.
+void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
+                         unsigned permissions = 0666);
+
+// The permissions for a file made from `source`: read and write for its owner, and for the
+// group and others no more than `source` gives them (never execute). 0666 when `source`
+// can't be looked at.
+unsigned permissionsFor(const std::string& source);
+
+// A destination that exists and is no regular file nor link (a folder, a pipe, a device, a
+// socket): never replaced.
+class DestinationNotAFile : public WriteError {
+ public:
+  explicit DestinationNotAFile(const std::string& path)
+      : WriteError(path, path, "exists and is not a regular file; left as it is") {}
+};
 
 inline constexpr char temporaryPrefix[] = ".quillane-";
 inline constexpr char temporarySuffix[] = ".tmp";
 inline constexpr long long staleTemporaryAgeSeconds = 24 * 60 * 60;
+// A writer locks its temporary right after creating it; younger than this, an unlocked one
+// may be in that gap.
+inline constexpr long long unlockedTemporaryGraceSeconds = 10;
 
 }  // namespace quillane::FileIO

@@ -10,6 +10,7 @@
 
 #include "engine/Cancellation.h"
 #include "engine/DecodedImage.h"
+#include "engine/EncodeCost.h"
 #include "engine/Encoders.h"
 #include "engine/EncodingStrategy.h"
 #include "engine/Errors.h"
@@ -38,21 +39,26 @@ struct Pictures {
 
 // One encoding of the plan, with `mode` as the plan's mode (the main encoding or the
 // alternative). For PNG the lossy alternative is the palette as if lossless weren't preferred.
-Bytes encodeOnce(const Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
+// The `last` encoding of the plan consumes the picture where its encoder can (JPEG, HEIC,
+// AVIF, JPEG XL): its memory goes back as the library takes its own copy.
+Bytes encodeOnce(Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
                  const ImageCharacteristics& characteristics, const EncodingPlan::Mode& mode,
-                 bool alternative) {
+                 bool alternative, bool last) {
   EncodingPlan p = plan;
   p.mode = mode;
   switch (format) {
     case ImageFormat::jpeg:
     case ImageFormat::heic:
     case ImageFormat::avif:
-      return NativeImageIOEncoder::encode(pictures.decoded, pictures.rgba.hasAlpha, format, p);
+      return last ? NativeImageIOEncoder::encode(std::move(pictures.decoded), pictures.rgba.hasAlpha, format,
+                                                 p)
+                  : NativeImageIOEncoder::encode(pictures.decoded, pictures.rgba.hasAlpha, format, p);
     case ImageFormat::webp:
       return pictures.argb ? WebPEncoder::encode(*pictures.argb, p, characteristics)
                            : WebPEncoder::encode(pictures.rgba, p, characteristics);
     case ImageFormat::jxl:
-      return JXLEncoder::encode(pictures.rgba, pictures.rgba.hasAlpha, p);
+      return last ? JXLEncoder::encode(std::move(pictures.rgba), pictures.rgba.hasAlpha, p)
+                  : JXLEncoder::encode(pictures.rgba, pictures.rgba.hasAlpha, p);
     case ImageFormat::png:
       if (!alternative) return PNGQuantEncoder::encode(pictures.rgba, plan);
       if (mode.kind == EncodingPlan::Mode::Kind::lossless)
@@ -65,11 +71,11 @@ Bytes encodeOnce(const Pictures& pictures, ImageFormat format, const EncodingPla
 }
 
 // encodeOnce, with an encoder that runs out of memory reported as that format's failure.
-Bytes encodeWith(const Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
+Bytes encodeWith(Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
                  const ImageCharacteristics& characteristics, const EncodingPlan::Mode& mode,
-                 bool alternative) {
+                 bool alternative, bool last) {
   try {
-    return encodeOnce(pictures, format, plan, characteristics, mode, alternative);
+    return encodeOnce(pictures, format, plan, characteristics, mode, alternative, last);
   } catch (const std::bad_alloc&) {
     throw ImageProcessingError::encodingFailed(std::string(ImageFormats::label(format)), "out of memory");
   }
@@ -121,6 +127,17 @@ Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double q
   }
   const ImageCharacteristics characteristics = ImageAnalyzer::analyze(pictures.rgba);
   const EncodingPlan plan = EncodingStrategy::plan(characteristics, format, quality);
+  // An encoding the machine cannot hold is refused before it starts, not when its memory is gone.
+  uint64_t encoding = EncodeCost::encodingBytes(format, plan, plan.mode, characteristics);
+  if (plan.alternative)
+    encoding =
+        std::max(encoding, EncodeCost::encodingBytes(format, plan, *plan.alternative, characteristics));
+  if (!EncodeCost::fitsInMemory(pictures.rgba.pixels.size() + encoding))
+    throw ImageProcessingError::encodingFailed(std::string(ImageFormats::label(format)),
+                                               "needs more memory than the machine has");
+  // A writer that reads the decoded frame needs of the buffer only its hasAlpha: its samples
+  // served the analysis alone, and go before the writer makes its 8-bit copy.
+  if (keepDecoded) std::vector<uint8_t>().swap(pictures.rgba.pixels);
   if (isNative(format) && !keepDecoded) {
     // Opaque 8 bits: the buffer's samples are the frame's, with alpha at 255.
     pictures.decoded.width = pictures.rgba.width;
@@ -146,21 +163,21 @@ Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double q
     const EncodingPlan::Mode& lossy = mainLossless ? *plan.alternative : plan.mode;
     if ((mainLossless || plan.alternative->kind == Kind::lossless) &&
         !EncodingStrategy::losslessWebPMayWin(characteristics, lossy)) {
-      if (!mainLossless) return encodeWith(pictures, format, plan, characteristics, plan.mode, false);
+      if (!mainLossless) return encodeWith(pictures, format, plan, characteristics, plan.mode, false, true);
       try {
-        return encodeWith(pictures, format, plan, characteristics, lossy, true);
+        return encodeWith(pictures, format, plan, characteristics, lossy, true, false);
       } catch (const std::exception&) {
         // a failed lossy encoding leaves the lossless main encoding to try, as before
       }
     }
   }
 
-  Bytes main = encodeWith(pictures, format, plan, characteristics, plan.mode, false);
+  Bytes main = encodeWith(pictures, format, plan, characteristics, plan.mode, false, !plan.alternative);
   if (!plan.alternative) return main;
   Cancellation::check();
   Bytes second;
   try {
-    second = encodeWith(pictures, format, plan, characteristics, *plan.alternative, true);
+    second = encodeWith(pictures, format, plan, characteristics, *plan.alternative, true, true);
   } catch (const std::exception&) {
     return main;  // a failed competitor leaves the main encoding standing
   }
@@ -179,7 +196,7 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
                                  : baseName(path) + "." + std::string(ImageFormats::fileExtension(format));
     const std::string destination =
         std::filesystem::absolute(std::filesystem::path(directory) / name).string();
-    FileIO::writeFileAtomically(destination, compressed);
+    FileIO::writeFileAtomically(destination, compressed, FileIO::permissionsFor(path));
     const auto original = int64_t(source.size());
     const auto written = int64_t(compressed.size());
     result.originalSizeBytes = original;

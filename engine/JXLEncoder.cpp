@@ -13,6 +13,7 @@
 #include "engine/Errors.h"
 #include "engine/Exif.h"
 #include "engine/JxlRunner.h"
+#include "engine/PageRelease.h"
 #include "engine/codecs/QuietStderr.h"
 
 namespace quillane::JXLEncoder {
@@ -41,14 +42,18 @@ JxlEncoderPtr makeEncoder() {
   return encoder;
 }
 
-Bytes stripAlpha(const RGBABuffer& rgba) {
+// The colour samples; with `releasable` (the buffer's samples), each stretch of the buffer
+// goes back to the system once copied.
+Bytes stripAlpha(const RGBABuffer& rgba, uint8_t* releasable) {
   const size_t count = size_t(rgba.width) * size_t(rgba.height);
   Bytes rgb(count * 3);
   const uint8_t* src = rgba.pixels.data();
+  PageRelease::Releaser releaser(releasable);
   for (size_t i = 0; i < count; ++i) {
     rgb[i * 3] = src[i * 4];
     rgb[i * 3 + 1] = src[i * 4 + 1];
     rgb[i * 3 + 2] = src[i * 4 + 2];
+    if ((i & 0xFFFF) == 0xFFFF) releaser.readUpTo((i + 1) * 4);
   }
   return rgb;
 }
@@ -162,7 +167,11 @@ float distance(double quality) {
   return float(25.0 + c * -1.15 + c * c * 53 / 3000);
 }
 
-Bytes encode(const RGBABuffer& rgba, bool hasAlpha, const EncodingPlan& plan) {
+namespace {
+
+// libjxl copies the frame into planes of its own as it is added: `releasable` (the buffer's
+// samples, when the caller gave them away) goes back to the system then.
+Bytes encodePixels(const RGBABuffer& rgba, uint8_t* releasable, bool hasAlpha, const EncodingPlan& plan) {
   if (rgba.width <= 0 || rgba.height <= 0 ||
       rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
     throw jxlFailed("pixel size check");
@@ -203,7 +212,10 @@ Bytes encode(const RGBABuffer& rgba, bool hasAlpha, const EncodingPlan& plan) {
       throw jxlFailed("near-lossless mode");  // planned for WebP only
   }
   check(JxlEncoderSetFrameDistance(settings, frameDistance), "JxlEncoderSetFrameDistance");
-  JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, std::clamp(plan.effort, 0, 2) + 5);
+  // The light lossless effort (4) takes well under half the memory of 5 and above on
+  // graphics (EncodeCost).
+  const int effort = lossless && plan.lightLossless ? 4 : std::clamp(plan.effort, 0, 2) + 5;
+  JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, effort);
 
   const JxlPixelFormat format{hasAlpha ? 4u : 3u, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
   if (hasAlpha) {
@@ -211,11 +223,22 @@ Bytes encode(const RGBABuffer& rgba, bool hasAlpha, const EncodingPlan& plan) {
                                   size_t(rgba.width) * size_t(rgba.height) * 4),
           "JxlEncoderAddImageFrame");
   } else {
-    const Bytes rgb = stripAlpha(rgba);
+    const Bytes rgb = stripAlpha(rgba, releasable);
     check(JxlEncoderAddImageFrame(settings, &format, rgb.data(), rgb.size()), "JxlEncoderAddImageFrame");
   }
+  if (releasable) PageRelease::release(releasable, rgba.pixels.size());
   JxlEncoderCloseInput(encoder.get());
   return drainOutput(encoder.get());
+}
+
+}  // namespace
+
+Bytes encode(const RGBABuffer& rgba, bool hasAlpha, const EncodingPlan& plan) {
+  return encodePixels(rgba, nullptr, hasAlpha, plan);
+}
+
+Bytes encode(RGBABuffer&& rgba, bool hasAlpha, const EncodingPlan& plan) {
+  return encodePixels(rgba, rgba.pixels.data(), hasAlpha, plan);
 }
 
 std::optional<Bytes> transcodeJPEG(std::span<const uint8_t> jpeg, int effort) {

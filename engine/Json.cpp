@@ -73,10 +73,67 @@ void JsonValue::writeTo(std::string& out, const WriteOptions& options) const {
 
 namespace Json {
 
+namespace {
+
+// The length of the well-formed UTF-8 sequence at the start of `s` (no overlong forms, no
+// surrogates, nothing above U+10FFFF) and its code point; 0 when there is none.
+size_t utf8Sequence(std::string_view s, char32_t& codePoint) {
+  const auto byte = [&](size_t i) { return (unsigned char)s[i]; };
+  const unsigned char lead = byte(0);
+  size_t length;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+    codePoint = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3;
+    codePoint = lead & 0x0F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    codePoint = lead & 0x07;
+  } else {
+    return 0;
+  }
+  if (s.size() < length) return 0;
+  for (size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xC0) != 0x80) return 0;
+    codePoint = (codePoint << 6) | (byte(i) & 0x3F);
+  }
+  if ((length == 3 && codePoint < 0x800) || (length == 4 && (codePoint < 0x10000 || codePoint > 0x10FFFF)) ||
+      (codePoint >= 0xD800 && codePoint <= 0xDFFF))
+    return 0;
+  return length;
+}
+
+void appendByteEscape(std::string& out, unsigned char byte) {
+  static const char* hex = "0123456789abcdef";
+  out += "\\uf7";
+  out += hex[byte >> 4];
+  out += hex[byte & 15];
+}
+
+}  // namespace
+
 void appendString(std::string& out, std::string_view s, bool escapeSlashes) {
   static const char* hex = "0123456789abcdef";
   out += '"';
-  for (unsigned char c : s) {
+  for (size_t i = 0; i < s.size(); ++i) {
+    const unsigned char c = (unsigned char)s[i];
+    if (c >= 0x80) {
+      char32_t codePoint = 0;
+      const size_t length = utf8Sequence(s.substr(i), codePoint);
+      if (length == 0) {
+        appendByteEscape(out, c);
+      } else if (codePoint >= byteEscapeFirst && codePoint <= byteEscapeLast) {
+        // A name that really holds one of these characters: its bytes, so that reading
+        // back stays unambiguous.
+        for (size_t k = 0; k < length; ++k) appendByteEscape(out, (unsigned char)s[i + k]);
+        i += length - 1;
+      } else {
+        out.append(s.substr(i, length));
+        i += length - 1;
+      }
+      continue;
+    }
     switch (c) {
       case '"':
         out += "\\\"";

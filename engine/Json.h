@@ -61,8 +61,14 @@ class JsonValue {
 };
 
 namespace Json {
-// Appends `s` as a JSON string literal.
+// Appends `s` as a JSON string literal. Text is UTF-8, but a file name need not be: so that
+// every output is valid JSON and such a name can still be told apart and read back, a byte
+// that is not part of well-formed UTF-8 is written as the character U+F700 plus its value
+// ("\uf780" to "\uf7ff"), and so is each byte of a character of that range that `s` holds.
+// Read back, each character from U+F780 to U+F7FF is one byte (its code less 0xF700), and
+// every other character its UTF-8 bytes.
 void appendString(std::string& out, std::string_view s, bool escapeSlashes);
+inline constexpr char32_t byteEscapeFirst = 0xF780, byteEscapeLast = 0xF7FF;
 // Whole numbers without a fraction ("3"), others shortest round-trip ("0.1"); NaN and
 // infinities, which JSON can't hold, as 0.
 std::string formatDouble(double d);

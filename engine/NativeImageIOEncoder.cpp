@@ -108,7 +108,33 @@ double compressionQuality(ImageFormat format, const EncodingPlan& plan) {
   return quality;
 }
 
-Bytes encode(const DecodedImage& image, bool hasAlpha, ImageFormat format, const EncodingPlan& plan) {
+namespace {
+
+// The writer's call on `pixels`, which it consumes when `consumable` (`pixels` itself) is given.
+Bytes write(const DecodedImage& pixels, DecodedImage* consumable, bool keepAlpha, ImageFormat format,
+            const EncodingPlan& plan, const std::optional<Bytes>& icc) {
+  const double quality = compressionQuality(format, plan);
+  switch (format) {
+    case ImageFormat::jpeg:
+      return consumable ? codecs::writeJpeg(std::move(*consumable), codecs::jpegSettings(quality), icc)
+                        : codecs::writeJpeg(pixels, codecs::jpegSettings(quality), icc);
+    case ImageFormat::heic: {
+      const auto settings = codecs::heifSettings(quality, plan.photographic);
+      return consumable ? codecs::writeHeic(std::move(*consumable), keepAlpha, settings, icc)
+                        : codecs::writeHeic(pixels, keepAlpha, settings, icc);
+    }
+    default: {
+      const auto settings = codecs::avifSettings(quality, pixels.pixelCount());
+      return consumable ? codecs::writeAvif(std::move(*consumable), keepAlpha, settings, icc)
+                        : codecs::writeAvif(pixels, keepAlpha, settings, icc);
+    }
+  }
+}
+
+// `owned` is `image` itself when the caller gave it away: it is then dropped as soon as a
+// copy for the writer exists, or consumed by the writer.
+Bytes encodePicture(const DecodedImage& image, DecodedImage* owned, bool hasAlpha, ImageFormat format,
+                    const EncodingPlan& plan) {
   const std::string label(ImageFormats::label(format));
   if (!isNativeFormat(format))
     throw ImageProcessingError::encodingFailed(label, "not a JPEG, HEIC or AVIF request");
@@ -119,6 +145,7 @@ Bytes encode(const DecodedImage& image, bool hasAlpha, ImageFormat format, const
 
   try {
     const bool keepAlpha = format != ImageFormat::jpeg && hasAlpha;
+    const auto icc = ColorProfile::embeddableICC(image.colorSpace);
     std::optional<DecodedImage> opaque;
     // The writers read only the colour of an opaque picture: opaque 8 bits go to them as they
     // are, without a copy.
@@ -129,21 +156,24 @@ Bytes encode(const DecodedImage& image, bool hasAlpha, ImageFormat format, const
     std::optional<DecodedImage> converted;
     if (chosen.bitsPerComponent != 8 || chosen.alpha == AlphaInfo::premultiplied)
       converted = straightEightBit(chosen);
-    const DecodedImage& pixels = converted ? *converted : chosen;
-
-    const double quality = compressionQuality(format, plan);
-    const auto icc = ColorProfile::embeddableICC(image.colorSpace);
-    switch (format) {
-      case ImageFormat::jpeg:
-        return codecs::writeJpeg(pixels, codecs::jpegSettings(quality), icc);
-      case ImageFormat::heic:
-        return codecs::writeHeic(pixels, keepAlpha, codecs::heifSettings(quality, plan.photographic), icc);
-      default:
-        return codecs::writeAvif(pixels, keepAlpha, codecs::avifSettings(quality, pixels.pixelCount()), icc);
-    }
+    if (converted) opaque.reset();
+    DecodedImage* copy = converted ? &*converted : opaque ? &*opaque : nullptr;
+    if (copy && owned) *owned = DecodedImage{};
+    if (copy) return write(*copy, owned ? copy : nullptr, keepAlpha, format, plan, icc);
+    return write(image, owned, keepAlpha, format, plan, icc);
   } catch (const std::bad_alloc&) {
     throw ImageProcessingError::encodingFailed(label, "out of memory");
   }
+}
+
+}  // namespace
+
+Bytes encode(const DecodedImage& image, bool hasAlpha, ImageFormat format, const EncodingPlan& plan) {
+  return encodePicture(image, nullptr, hasAlpha, format, plan);
+}
+
+Bytes encode(DecodedImage&& image, bool hasAlpha, ImageFormat format, const EncodingPlan& plan) {
+  return encodePicture(image, &image, hasAlpha, format, plan);
 }
 
 }  // namespace quillane::NativeImageIOEncoder

@@ -4,6 +4,7 @@
 #include <QFileInfo>
 #include <QJsonObject>
 
+#include "engine/Localization.h"
 #include "records/JSONFileStore.h"
 #include "records/JsonForms.h"
 
@@ -51,6 +52,18 @@ QString resolvedFolder(const QString& path) {
 }
 
 bool isSameFolder(const QString& a, const QString& b) { return resolvedFolder(a) == resolvedFolder(b); }
+
+std::map<QUuid, QString> refusals(const HotFolderList& enabled) {
+  std::map<QUuid, QString> refused;
+  for (const HotFolder& folder : enabled) {
+    if (isSameFolder(folder.sourceFolder, folder.destinationFolder)) {
+      refused[folder.id] = QString::fromStdString(
+          Localization::text("settings.hotFolders.sameFolderWarning",
+                             "La source et la destination doivent être des dossiers différents."));
+    }
+  }
+  return refused;
+}
 
 HotFolderList load() { return JSONFileStore::loadList(QString::fromLatin1(fileName), &fromJson); }
 

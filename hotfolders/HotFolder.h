@@ -8,6 +8,7 @@
 #include <QMetaType>
 #include <QString>
 #include <QUuid>
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -71,6 +72,10 @@ QString resolvedFolder(const QString& path);
 // Whether the two folders are one after resolvedFolder(): a hot folder must not write into
 // the folder it watches.
 bool isSameFolder(const QString& a, const QString& b);
+
+// For each folder of `enabled` that must not run, the message that says why: its source and
+// destination are one folder. Reads the file system; any thread.
+std::map<QUuid, QString> refusals(const HotFolderList& enabled);
 
 // hotFolders.json in the store's folder; empty when missing or when any entry is bad.
 HotFolderList load();

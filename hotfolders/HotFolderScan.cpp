@@ -1,5 +1,5 @@
-// HotFolderWatcher::scanOnce and what it needs: the listing, the choice of candidates, the
-// parallel compression and the record of what was done.
+// HotFolderWatcher::scanOnce and its steps: list the folder, pick the files that are new and
+// finished, name their outputs, compress them side by side and record each outcome.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -10,11 +10,11 @@
 #include <QCollator>
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QSemaphore>
 #include <QStringList>
 #include <QThreadPool>
 #include <algorithm>
+#include <atomic>
 #include <thread>
 
 #include "batch/ExportFilenameAllocator.h"
@@ -23,7 +23,6 @@
 #include "engine/ImageFormat.h"
 #include "hotfolders/HotFolderProcessedStore.h"
 #include "hotfolders/HotFolderWatcher.h"
-#include "hotfolders/SerialQueue.h"
 #include "records/ExportProfileResolver.h"
 
 namespace quillane {
@@ -44,7 +43,7 @@ double nowSince2001() {
 }
 
 struct FolderEntry {
-  QString name;
+  std::string fileName;  // bytes, whatever their encoding
   int64_t size;
   double modificationDate;
 };
@@ -60,7 +59,7 @@ std::optional<std::vector<FolderEntry>> listFolder(const QString& folder) {
     struct stat st {};
     if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode))
       continue;
-    files.push_back({QFile::decodeName(entry->d_name), int64_t(st.st_size), secondsSince2001(st.st_mtim)});
+    files.push_back({entry->d_name, int64_t(st.st_size), secondsSince2001(st.st_mtim)});
   }
   ::closedir(dir);
   return files;
@@ -79,48 +78,30 @@ QThreadPool& utilityPool() {
   return pool;
 }
 
-struct Candidate {
-  QString name;
-  QString path;
+// A date in the future gives a negative age and so needs the size test.
+bool isOldEnough(double modificationDate) { return nowSince2001() - modificationDate >= kStableAge; }
+
+bool hasSize(const std::string& path, int64_t size) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && int64_t(st.st_size) == size;
+}
+
+}  // namespace
+
+struct HotFolderWatcher::Candidate {
+  QString name;  // the store's key and the activity line's; lossy where the bytes are no UTF-8
+  std::string fileName;
+  std::string path;
   int64_t size;
   double modificationDate;
-  QString destinationFilename;
+  std::string destinationFilename;
 };
 
-struct ResolvedSettings {
+struct HotFolderWatcher::Settings {
   QString destination;
   ImageFormat format;
   double quality;
 };
-
-// What the work units of one scan share. `completed` and `processed` are touched only on
-// `results`.
-struct ScanState {
-  explicit ScanState(const QString& id)
-      : results(QStringLiteral("com.quillane.Quillane.hotFolderWatcher.results.") + id),
-        inFlight(HotFolderWatcher::concurrencyLimit()) {}
-  std::vector<Candidate> candidates;
-  ResolvedSettings settings;
-  SerialQueue results;
-  QSemaphore inFlight;
-  QSemaphore finished;  // one release per unit: the group
-  int completed = 0;
-  HotFolderProcessedMap processed;
-};
-
-}  // namespace
-
-namespace {
-
-// A date in the future gives a negative age and so needs the size test.
-bool isOldEnough(double modificationDate) { return nowSince2001() - modificationDate >= kStableAge; }
-
-bool hasSize(const QString& path, int64_t size) {
-  struct stat st {};
-  return ::stat(QFile::encodeName(path).constData(), &st) == 0 && int64_t(st.st_size) == size;
-}
-
-}  // namespace
 
 std::vector<bool> HotFolderWatcher::isStableOnDisk(const std::vector<ListedFile>& files) {
   std::vector<bool> stable;
@@ -138,126 +119,146 @@ std::vector<bool> HotFolderWatcher::isStableOnDisk(const std::vector<ListedFile>
 }
 
 void HotFolderWatcher::scanOnce() {
-  const QString id = hotFolder_.idText();
-  const std::optional<std::vector<FolderEntry>> listing = listFolder(hotFolder_.sourceFolder);
-  if (!listing) return;  // unreadable or gone: quietly, the store untouched
-
-  const HotFolderProcessedMap known = HotFolderProcessedStore::folderState(id);
-  QSet<QString> seenNames;
-  std::vector<Candidate> candidates;
-  std::vector<ListedFile> images;
-  for (const FolderEntry& file : *listing) {
-    seenNames.insert(file.name);
-    const auto entry = known.constFind(file.name);
-    if (entry != known.constEnd() && entry->sizeBytes == file.size &&
-        entry->modificationDate == file.modificationDate)
-      continue;
-    const QString path = hotFolder_.sourceFolder + QLatin1Char('/') + file.name;
-    if (!ImageFormats::detect(QFile::encodeName(path).toStdString())) continue;
-    candidates.push_back({file.name, path, file.size, file.modificationDate, {}});
-    images.push_back({path, file.size, file.modificationDate});
-  }
-  const std::vector<bool> stable = isStableOnDisk(images);
-  for (size_t i = candidates.size(); i-- > 0;) {
-    if (!stable[i]) candidates.erase(candidates.begin() + std::ptrdiff_t(i));
-  }
   QStringList stale;
-  for (auto it = known.constBegin(); it != known.constEnd(); ++it) {
-    if (!seenNames.contains(it.key())) stale.append(it.key());
-  }
-  // An empty listing prunes nothing: it is what an unmounted volume's mount point, or a share
-  // that is not there yet, looks like, and forgetting its files would compress them all again
-  // when it comes back. A folder really emptied drops its memory at the next listing with a file.
-  if (listing->empty()) stale.clear();
+  std::vector<Candidate> candidates = pick(stale);
+  const QString id = hotFolder_.idText();
   if (candidates.empty()) {
     if (!stale.isEmpty()) HotFolderProcessedStore::pruneProcessedState(id, stale);
     return;
   }
-  auto state = std::make_shared<ScanState>(id);
-  state->candidates = std::move(candidates);
+  // Nothing compressed and the stale names kept, so that recreating the profile resumes the
+  // folder where it stood.
+  const std::optional<Settings> settings = resolveSettings();
+  if (!settings) return;
+  if (!stale.isEmpty()) HotFolderProcessedStore::pruneProcessedState(id, stale);
+  QDir().mkpath(settings->destination);  // on failure each file fails and says so
+  name(candidates, *settings);
+  compressAll(candidates, *settings);
+}
 
+// The files that are images, not known unchanged to the store and done being written; the
+// store's names that the listing no longer has go to `staleNames`.
+std::vector<HotFolderWatcher::Candidate> HotFolderWatcher::pick(QStringList& staleNames) const {
+  const std::optional<std::vector<FolderEntry>> listing = listFolder(hotFolder_.sourceFolder);
+  if (!listing) return {};  // unreadable or gone: quietly, the store untouched
+
+  const HotFolderProcessedMap known = HotFolderProcessedStore::folderState(hotFolder_.idText());
+  const std::string folder = QFile::encodeName(hotFolder_.sourceFolder).toStdString() + '/';
+  QSet<QString> seenNames;
+  std::vector<Candidate> candidates;
+  std::vector<ListedFile> listed;
+  for (const FolderEntry& file : *listing) {
+    const QString name = QFile::decodeName(file.fileName.c_str());
+    seenNames.insert(name);
+    const auto entry = known.constFind(name);
+    if (entry != known.constEnd() && entry->sizeBytes == file.size &&
+        entry->modificationDate == file.modificationDate)
+      continue;
+    const std::string path = folder + file.fileName;
+    if (!ImageFormats::detect(path)) continue;
+    candidates.push_back({name, file.fileName, path, file.size, file.modificationDate, {}});
+    listed.push_back({path, file.size, file.modificationDate});
+  }
+  const std::vector<bool> stable = isStableOnDisk(listed);
+  for (size_t i = candidates.size(); i-- > 0;) {
+    if (!stable[i]) candidates.erase(candidates.begin() + std::ptrdiff_t(i));
+  }
+  // An empty listing prunes nothing: it is what an unmounted volume's mount point, or a share
+  // that is not there yet, looks like, and forgetting its files would compress them all again
+  // when it comes back. A folder really emptied drops its memory at the next listing with a file.
+  if (listing->empty()) return candidates;
+  for (auto it = known.constBegin(); it != known.constEnd(); ++it) {
+    if (!seenNames.contains(it.key())) staleNames.append(it.key());
+  }
+  return candidates;
+}
+
+// The profile's settings as they are now; a missing profile is reported as a line about the
+// whole folder.
+std::optional<HotFolderWatcher::Settings> HotFolderWatcher::resolveSettings() {
   try {
     const ExportProfileResolver::Resolved resolved = ExportProfileResolver::resolve(
         hotFolder_.profileName, hotFolder_.quality, hotFolder_.format, hotFolder_.destinationFolder);
-    state->settings = {resolved.outputDirectory.value_or(hotFolder_.destinationFolder), resolved.format,
-                       resolved.quality};
+    return Settings{resolved.outputDirectory.value_or(hotFolder_.destinationFolder), resolved.format,
+                    resolved.quality};
   } catch (const QuillaneError& error) {
-    // Nothing compressed and the stale names kept, so that recreating the profile resumes
-    // the folder where it stood.
+    std::lock_guard lock(reportLock_);
     if (onActivity) {
       onActivity({QUuid::createUuid(), hotFolder_.name, QString(), std::nullopt,
                   QDateTime::currentDateTimeUtc(), QString::fromStdString(error.description())});
     }
-    return;
+    return std::nullopt;
   }
-  QDir().mkpath(state->settings.destination);  // on failure each file fails and says so
+}
 
+// Sorts the candidates as a file manager does ("2.png" before "10.png") and gives each an
+// output name of its own.
+void HotFolderWatcher::name(std::vector<Candidate>& candidates, const Settings& settings) const {
   QCollator collator{QLocale()};
   collator.setNumericMode(true);
-  std::stable_sort(
-      state->candidates.begin(), state->candidates.end(),
-      [&](const Candidate& a, const Candidate& b) { return collator.compare(a.name, b.name) < 0; });
+  std::stable_sort(candidates.begin(), candidates.end(), [&](const Candidate& a, const Candidate& b) {
+    return collator.compare(a.name, b.name) < 0;
+  });
   // The files of this scan are its inputs: a name in the destination that is one of them (a
   // hard link, say) is passed over, so that no output replaces a source it has yet to read.
   std::vector<std::string> inputPaths;
-  inputPaths.reserve(state->candidates.size());
-  for (const Candidate& candidate : state->candidates)
-    inputPaths.push_back(QFile::encodeName(candidate.path).toStdString());
-  ExportFilenameAllocator allocator(QFile::encodeName(state->settings.destination).toStdString(), inputPaths);
-  const QString extension = QString::fromLatin1(ImageFormats::fileExtension(state->settings.format).data());
-  for (Candidate& candidate : state->candidates) {
-    candidate.destinationFilename =
-        allocator.filename(QFileInfo(candidate.name).completeBaseName(), extension);
+  inputPaths.reserve(candidates.size());
+  for (const Candidate& candidate : candidates) inputPaths.push_back(candidate.path);
+  ExportFilenameAllocator allocator(QFile::encodeName(settings.destination).toStdString(), inputPaths);
+  const std::string extension(ImageFormats::fileExtension(settings.format));
+  for (Candidate& candidate : candidates) {
+    const size_t dot = candidate.fileName.rfind('.');
+    candidate.destinationFilename = allocator.filename(candidate.fileName.substr(0, dot), extension);
   }
+}
 
-  const int total = int(state->candidates.size());
-  if (onProgress) onProgress(0, total);
-  std::weak_ptr<HotFolderWatcher> weak = weak_from_this();
-  int started = 0;
-  for (size_t index = 0; index < state->candidates.size(); ++index) {
-    if (isStopped()) break;
-    state->inFlight.acquire();
-    ++started;
-    utilityPool().start([state, weak, index, total] {
-      auto self = weak.lock();
-      if (!self || self->isStopped()) {
-        state->inFlight.release();
-        state->finished.release();
-        return;
+// Compresses in sorted order, at most concurrencyLimit() files at a time, each recorded as it
+// ends. A stop lets no further file start.
+void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, const Settings& settings) {
+  const int total = int(candidates.size());
+  int completed = 0;  // under reportLock_
+  {
+    std::lock_guard lock(reportLock_);
+    if (onProgress) onProgress(0, total);
+  }
+  const std::string destination = QFile::encodeName(settings.destination).toStdString();
+  std::atomic<size_t> next{0};
+  QSemaphore finished;
+  const int workers = std::min(concurrencyLimit(), total);
+  for (int i = 0; i < workers; ++i) {
+    utilityPool().start([&] {
+      for (size_t index; !isStopped() && (index = next++) < candidates.size();) {
+        const Candidate& candidate = candidates[index];
+        record(candidate,
+               ImageCompressor::compress(candidate.path, destination, settings.format, settings.quality,
+                                         candidate.destinationFilename),
+               completed, total);
       }
-      const Candidate& candidate = state->candidates[index];
-      const ResolvedSettings& settings = state->settings;
-      const ImageCompressionResult result = ImageCompressor::compress(
-          QFile::encodeName(candidate.path).toStdString(),
-          QFile::encodeName(settings.destination).toStdString(), settings.format, settings.quality,
-          QFile::encodeName(candidate.destinationFilename).toStdString());
-      state->results.sync([&] {
-        HotFolderActivity line{QUuid::createUuid(), self->hotFolder_.name,           candidate.name,
-                               std::nullopt,        QDateTime::currentDateTimeUtc(), std::nullopt};
-        if (result.destination) line.destinationURL = QFile::decodeName(result.destination->c_str());
-        if (result.error) line.error = QString::fromStdString(*result.error);
-        if (self->onActivity) self->onActivity(line);
-        // The listed values, not fresh ones: a file that changed meanwhile comes up again.
-        if (!result.error)
-          state->processed.insert(candidate.name, {candidate.size, candidate.modificationDate});
-        ++state->completed;
-        if (self->onProgress) self->onProgress(state->completed, total);
-      });
-      self.reset();  // the watcher is let go here, not on the scan's far side of the release
-      state->inFlight.release();
-      state->finished.release();
+      finished.release();
     });
   }
-  state->finished.acquire(started);
+  finished.acquire(workers);
+}
 
-  // Also after a stop in mid-scan, so that the files that finished stay remembered.
-  if (!state->processed.isEmpty() || !stale.isEmpty()) {
-    HotFolderProcessedStore::update(id, [&](HotFolderProcessedMap& files) {
-      for (const QString& name : stale) files.remove(name);
-      for (auto it = state->processed.constBegin(); it != state->processed.constEnd(); ++it)
-        files.insert(it.key(), it.value());
+// A success is stored at once, so that a crash redoes only the files in flight; then the
+// line and the progress are reported.
+void HotFolderWatcher::record(const Candidate& candidate, const ImageCompressionResult& result,
+                              int& completed, int total) {
+  if (!result.error) {
+    // The listed values, not fresh ones: a file that changed meanwhile comes up again.
+    HotFolderProcessedStore::update(hotFolder_.idText(), [&](HotFolderProcessedMap& files) {
+      files.insert(candidate.name, {candidate.size, candidate.modificationDate});
     });
   }
+  std::lock_guard lock(reportLock_);
+  HotFolderActivity line{
+      QUuid::createUuid(), hotFolder_.name, candidate.name, std::nullopt, QDateTime::currentDateTimeUtc(),
+      std::nullopt};
+  if (result.destination) line.destinationURL = QFile::decodeName(result.destination->c_str());
+  if (result.error) line.error = QString::fromStdString(*result.error);
+  if (onActivity) onActivity(line);
+  ++completed;
+  if (onProgress) onProgress(completed, total);
 }
 
 }  // namespace quillane

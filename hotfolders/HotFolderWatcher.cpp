@@ -7,15 +7,15 @@
 #include <unistd.h>
 
 #include <QFile>
+#include <QSocketNotifier>
 #include <QThread>
-
-#include "hotfolders/SerialQueue.h"
+#include <QTimer>
 
 namespace quillane {
 namespace {
 
-constexpr std::chrono::milliseconds kDebounce{500};
-constexpr double kPollIntervalSeconds = 30.0;
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::milliseconds kPollInterval{30'000};
 
 // Entry changes of the folder, plus a file closed after writing; never IN_MODIFY, which every
 // write() of a copy raises. The *_SELF and UNMOUNT events tell that the folder went away.
@@ -53,182 +53,206 @@ bool statFolder(const QString& folder, struct stat& st) {
 
 }  // namespace
 
-std::shared_ptr<HotFolderWatcher> HotFolderWatcher::make(HotFolder hotFolder,
-                                                         std::optional<double> pollIntervalOverride,
-                                                         VolumeCheck volumeCheck) {
-  return std::shared_ptr<HotFolderWatcher>(
-      new HotFolderWatcher(std::move(hotFolder), pollIntervalOverride, std::move(volumeCheck)));
+// The watcher's side on its own thread: the inotify descriptor and its notifier, the
+// debounce, poll and retry timers. Every member is touched on that thread only, until the
+// thread has ended.
+class HotFolderWatcher::Loop : public QObject {
+ public:
+  explicit Loop(HotFolderWatcher& watcher) : watcher_(watcher) {
+    debounce_.setSingleShot(true);
+    connect(&debounce_, &QTimer::timeout, this, [this] { scanIfRunning(); });
+    connect(&poll_, &QTimer::timeout, this, [this] { scanIfRunning(); });  // a poll is not debounced
+    connect(&retry_, &QTimer::timeout, this, [this] { open(); });
+  }
+  ~Loop() override { closeWatch(); }  // a no-op by then: the thread's end stopped everything
+
+  // Watches the folder, or waits for it. Each watch that begins asks for a first scan, which
+  // picks up what arrived while the folder was not watched.
+  void open() {
+    closeWatch();
+    if (watcher_.isStopped()) return;
+    const QString& folder = watcher_.hotFolder_.sourceFolder;
+    struct stat st {};
+    // A volume's root that has lost its volume is an empty mount point: wait for the volume.
+    if ((wasMountRoot_ && !isMountRoot(folder)) || !statFolder(folder, st)) return wait();
+    fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    // Watching needs read permission on the folder, so an unreadable folder fails here.
+    if (fd_ < 0 || ::inotify_add_watch(fd_, QFile::encodeName(folder).constData(),
+                                       kEntryEvents | kGoneEvents | IN_ONLYDIR) < 0)
+      return wait();
+    notifier_ = new QSocketNotifier(qintptr(fd_), QSocketNotifier::Read, this);
+    connect(notifier_, &QSocketNotifier::activated, this, [this] { readEvents(); });
+    device_ = uint64_t(st.st_dev);
+    inode_ = uint64_t(st.st_ino);
+    wasMountRoot_ = wasMountRoot_ || isMountRoot(folder);
+    retry_.stop();
+    if (watcher_.timing_.pollInterval) {
+      poll_.start(*watcher_.timing_.pollInterval);
+    } else if (!(watcher_.volumeCheck_ ? watcher_.volumeCheck_(folder) : isOnLocalVolume(folder))) {
+      poll_.start(kPollInterval);  // inotify sees every change of a local folder: no timer there
+    }
+    watcher_.setState(State::watching);
+    requestScan();
+  }
+
+  // A mount over the folder or an unmount changes what its path names: watch that instead.
+  void recheck() {
+    if (watcher_.isStopped()) return;
+    struct stat st {};
+    if (fd_ < 0 || !statFolder(watcher_.hotFolder_.sourceFolder, st) || uint64_t(st.st_dev) != device_ ||
+        uint64_t(st.st_ino) != inode_)
+      open();
+  }
+
+  // The trailing debounce, held back by each request but never past longestDelay after the
+  // first request it holds.
+  void requestScan() {
+    if (watcher_.isStopped()) return;
+    const Clock::time_point now = Clock::now();
+    if (!debounce_.isActive()) firstRequest_ = now;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        firstRequest_ + watcher_.timing_.longestDelay - now);
+    debounce_.start(std::clamp(left, std::chrono::milliseconds(0), watcher_.timing_.debounce));
+  }
+
+  void stop() {
+    closeWatch();
+    retry_.stop();
+  }
+
+ private:
+  void scanIfRunning() {
+    if (!watcher_.isStopped()) watcher_.scanOnce();
+  }
+
+  void wait() {
+    closeWatch();
+    retry_.start(watcher_.timing_.retryInterval);
+    watcher_.setState(State::waitingForFolder);
+  }
+
+  void closeWatch() {
+    delete notifier_;
+    notifier_ = nullptr;
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    debounce_.stop();
+    poll_.stop();
+  }
+
+  // Drains the descriptor; an entry change asks for a scan, the folder going away ends the
+  // watch and waits for the folder to come back.
+  void readEvents() {
+    bool changed = false, gone = false;
+    alignas(inotify_event) char buffer[16 * 1024];
+    for (;;) {
+      const ssize_t n = ::read(fd_, buffer, sizeof buffer);
+      if (n <= 0) break;
+      for (ssize_t at = 0; at < n;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+        // An overflowed event queue lost entry events: a scan finds out what they were.
+        changed = changed || (event->mask & (kEntryEvents | IN_Q_OVERFLOW));
+        gone = gone || (event->mask & kGoneEvents);
+        at += ssize_t(sizeof(inotify_event) + event->len);
+      }
+    }
+    if (gone) {
+      wait();
+    } else if (changed) {
+      requestScan();
+    }
+  }
+
+  HotFolderWatcher& watcher_;
+  int fd_ = -1;
+  QSocketNotifier* notifier_ = nullptr;
+  QTimer debounce_{this}, poll_{this}, retry_{this};
+  uint64_t device_ = 0, inode_ = 0;
+  bool wasMountRoot_ = false;  // for the life of the watcher: then only a volume's root will do
+  Clock::time_point firstRequest_;
+};
+
+HotFolderWatcher::HotFolderWatcher(HotFolder hotFolder, Timing timing, VolumeCheck volumeCheck)
+    : hotFolder_(std::move(hotFolder)),
+      timing_(timing),
+      volumeCheck_(std::move(volumeCheck)),
+      thread_(std::make_unique<QThread>()),
+      loop_(new Loop(*this)) {
+  thread_->setObjectName(QStringLiteral("com.quillane.Quillane.hotFolderWatcher.") + hotFolder_.idText());
+  loop_->moveToThread(thread_.get());
+  // The notifier and the timers are let go on their own thread, as the thread ends; the
+  // object itself is deleted once the thread has ended.
+  QObject::connect(
+      thread_.get(), &QThread::finished, loop_, [loop = loop_] { loop->stop(); }, Qt::DirectConnection);
+  thread_->start();
 }
 
-HotFolderWatcher::HotFolderWatcher(HotFolder hotFolder, std::optional<double> pollIntervalOverride,
-                                   VolumeCheck volumeCheck)
-    : hotFolder_(std::move(hotFolder)),
-      pollIntervalOverride_(pollIntervalOverride),
-      volumeCheck_(std::move(volumeCheck)),
-      queue_(std::make_unique<SerialQueue>(QStringLiteral("com.quillane.Quillane.hotFolderWatcher.") +
-                                           hotFolder_.idText())) {}
-
-HotFolderWatcher::~HotFolderWatcher() { stop(); }
+HotFolderWatcher::~HotFolderWatcher() {
+  stop();
+  thread_->quit();
+  thread_->wait();
+  delete loop_;
+}
 
 bool HotFolderWatcher::isStopped() const {
   std::lock_guard lock(stateLock_);
   return isStopped_;
 }
 
-bool HotFolderWatcher::start() {
-  stop();
-  struct stat st {};
-  if (!statFolder(hotFolder_.sourceFolder, st)) return false;
-  const int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (fd < 0) return false;
-  // Watching needs read permission on the folder, so an unreadable folder fails here.
-  if (::inotify_add_watch(fd, QFile::encodeName(hotFolder_.sourceFolder).constData(),
-                          kEntryEvents | kGoneEvents | IN_ONLYDIR) < 0) {
-    ::close(fd);
-    return false;
+HotFolderWatcher::State HotFolderWatcher::state() const {
+  std::lock_guard lock(stateLock_);
+  return state_;
+}
+
+void HotFolderWatcher::setState(State state) {
+  {
+    std::lock_guard lock(stateLock_);
+    if (isStopped_ || state_ == state) return;
+    state_ = state;
   }
-  const bool mountRoot = isMountRoot(hotFolder_.sourceFolder);
-  std::weak_ptr<HotFolderWatcher> weak = weak_from_this();
-  std::shared_ptr<WorkItem> source = queue_->addReadSource(fd, [weak] {
-    if (auto self = weak.lock()) self->readEvents();
-  });
+  if (onState) onState(state);
+}
+
+void HotFolderWatcher::start() {
   {
     std::lock_guard lock(stateLock_);
     isStopped_ = false;
-    source_ = source;
-    watchedFd_ = fd;
-    watchedDevice_ = uint64_t(st.st_dev);
-    watchedInode_ = uint64_t(st.st_ino);
-    sourceLost_ = false;
-    startedOnMountRoot_ = mountRoot;
   }
-  startPollingIfNeeded();
-  scheduleScan();  // picks up what arrived while the folder was not watched
-  return true;
+  QMetaObject::invokeMethod(
+      loop_, [loop = loop_] { loop->open(); }, Qt::QueuedConnection);
 }
 
 void HotFolderWatcher::stop() {
-  std::shared_ptr<WorkItem> pending, source, timer;
   {
     std::lock_guard lock(stateLock_);
     isStopped_ = true;
-    pending = std::move(pendingScan_);
-    source = std::move(source_);
-    timer = std::move(pollTimer_);
-    watchedFd_ = -1;
+    state_ = State::stopped;
   }
-  if (pending) pending->cancel();
-  if (source) queue_->removeSource(source);  // the queue closes the descriptor
-  if (timer) timer->cancel();
+  QMetaObject::invokeMethod(
+      loop_, [loop = loop_] { loop->stop(); }, Qt::QueuedConnection);
 }
+
+void HotFolderWatcher::finish() {
+  stop();
+  thread_->quit();
+}
+
+bool HotFolderWatcher::isFinished() const { return thread_->isFinished(); }
 
 void HotFolderWatcher::scheduleScan() {
-  std::weak_ptr<HotFolderWatcher> weak = weak_from_this();
-  auto item = std::make_shared<WorkItem>([weak] {
-    auto self = weak.lock();
-    if (self && !self->isStopped()) self->scanOnce();
-  });
-  std::shared_ptr<WorkItem> replaced;
-  {
-    std::lock_guard lock(stateLock_);
-    if (!isStopped_) {
-      replaced = std::move(pendingScan_);
-      pendingScan_ = item;
-    }
-  }
-  if (replaced) replaced->cancel();
-  if (isStopped()) {
-    item->cancel();
-    return;
-  }
-  queue_->asyncAfter(kDebounce, std::move(item));
+  if (isStopped()) return;
+  QMetaObject::invokeMethod(
+      loop_, [loop = loop_] { loop->requestScan(); }, Qt::QueuedConnection);
 }
 
-void HotFolderWatcher::startPollingIfNeeded() {
-  double interval = kPollIntervalSeconds;
-  if (pollIntervalOverride_) {
-    interval = *pollIntervalOverride_;
-  } else if (isSourceOnLocalVolume()) {
-    return;  // inotify sees every change of a local folder: no timer
-  }
-  schedulePoll(std::chrono::milliseconds(int64_t(interval * 1000)));
-}
-
-// A poll is not debounced. The next firing is armed before the scan, so a scan that outlasts
-// the interval is followed at once by the next.
-void HotFolderWatcher::schedulePoll(std::chrono::milliseconds interval) {
-  std::weak_ptr<HotFolderWatcher> weak = weak_from_this();
-  auto item = std::make_shared<WorkItem>([weak, interval] {
-    auto self = weak.lock();
-    if (!self || self->isStopped()) return;
-    self->schedulePoll(interval);
-    self->scanOnce();
-  });
-  {
-    std::lock_guard lock(stateLock_);
-    if (isStopped_) return;
-    pollTimer_ = item;
-  }
-  queue_->asyncAfter(interval, std::move(item));
-}
-
-// On the queue. Drains the descriptor; an entry change asks for a scan, the folder going
-// away ends the watch quietly (isWatching() then turns false and the owner tries again).
-void HotFolderWatcher::readEvents() {
-  int fd;
-  {
-    std::lock_guard lock(stateLock_);
-    fd = watchedFd_;
-  }
-  if (fd < 0) return;
-  bool changed = false, gone = false;
-  alignas(inotify_event) char buffer[16 * 1024];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n <= 0) break;
-    for (ssize_t at = 0; at < n;) {
-      const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-      // An overflowed event queue lost entry events: a scan finds out what they were.
-      changed = changed || (event->mask & (kEntryEvents | IN_Q_OVERFLOW));
-      gone = gone || (event->mask & kGoneEvents);
-      at += ssize_t(sizeof(inotify_event) + event->len);
-    }
-  }
-  if (gone) {
-    std::shared_ptr<WorkItem> source;
-    {
-      std::lock_guard lock(stateLock_);
-      sourceLost_ = true;
-      source = std::move(source_);
-      watchedFd_ = -1;
-    }
-    queue_->removeSource(source);
-    return;
-  }
-  if (changed) scheduleScan();
-}
-
-bool HotFolderWatcher::isWatching() const {
-  uint64_t device, inode;
-  {
-    std::lock_guard lock(stateLock_);
-    if (isStopped_ || !source_ || sourceLost_) return false;
-    device = watchedDevice_;
-    inode = watchedInode_;
-  }
-  // A volume mounted over the folder after start hides what inotify watches.
-  struct stat st {};
-  return statFolder(hotFolder_.sourceFolder, st) && uint64_t(st.st_dev) == device &&
-         uint64_t(st.st_ino) == inode;
+void HotFolderWatcher::recheck() {
+  QMetaObject::invokeMethod(
+      loop_, [loop = loop_] { loop->recheck(); }, Qt::QueuedConnection);
 }
 
 void HotFolderWatcher::waitUntilIdle() {
-  queue_->sync([] {});
-}
-
-bool HotFolderWatcher::startedOnMountRoot() const {
-  std::lock_guard lock(stateLock_);
-  return startedOnMountRoot_;
+  QMetaObject::invokeMethod(
+      loop_, [] {}, Qt::BlockingQueuedConnection);
 }
 
 bool HotFolderWatcher::isMountRoot(const QString& folder) {
@@ -240,10 +264,6 @@ bool HotFolderWatcher::isMountRoot(const QString& folder) {
   }, parent{};
   return statFolder(folder, self) && statFolder(folder + QStringLiteral("/.."), parent) &&
          self.st_dev != parent.st_dev;
-}
-
-bool HotFolderWatcher::isSourceOnLocalVolume() const {
-  return volumeCheck_ ? volumeCheck_(hotFolder_.sourceFolder) : isOnLocalVolume(hotFolder_.sourceFolder);
 }
 
 bool HotFolderWatcher::isOnLocalVolume(const QString& folder) {

@@ -6,91 +6,113 @@
 // Triggers: inotify on the source folder (entries created, deleted, moved in or out, and a
 // file closed after writing, so that a file still being copied when a scan skipped it is
 // taken as soon as its writer closes it; a write inside a file is no entry change) feeds a
-// trailing debounce of 0.5 s that each event pushes back; every start is followed by a first
-// scan 0.5 s later; on a folder that is not on a local volume a timer adds a scan every 30 s.
+// trailing debounce of 0.5 s that each event pushes back, though never past 3 s after the
+// first event it holds, so that a steady stream of files shows results as it goes. Every
+// watch that begins is followed by a first scan after the debounce; on a folder that is not
+// on a local volume a timer adds a scan every 30 s.
 //
-// Threads: everything of one watcher (events, debounce, timer, the whole blocking scan) runs
-// on its own SerialQueue, labelled "com.quillane.Quillane.hotFolderWatcher.<ID>", so scans of
-// one folder never overlap. A scan compresses on the shared utility pool, at most
-// concurrencyLimit() files at a time, and reports through a serial results queue. The two
-// callbacks are called on those threads, never on the GUI thread: the owner moves to its
-// own thread by itself. start(), stop() and scheduleScan() may be called from any thread and
-// never wait for a scan. The owner holds the watcher in a shared_ptr; queued work holds it
-// weakly, so a dropped watcher runs no further scan.
+// States: a started watcher is watching its folder, or waiting for it (missing, unreadable,
+// deleted while watched, or the root of a volume that has been unmounted: the empty mount
+// point is not watched, as its scan would drop the memory of every file). A waiting watcher
+// tries again every 2 s and at each recheck(), and reports each change of state.
+//
+// Threads: everything of one watcher (events, timers, the whole blocking scan) runs on its
+// own QThread and its event loop, named "com.quillane.Quillane.hotFolderWatcher.<ID>", so
+// scans of one folder never overlap. A scan compresses on a shared pool, at most
+// concurrencyLimit() files at a time. The callbacks are called on those threads, never on
+// the GUI thread, one at a time (a lock orders them): the owner moves to its own thread by
+// itself. start(), stop(), scheduleScan() and recheck() may be called from any thread other
+// than the watcher's own and never wait for a scan; the destructor does.
 
-#include <QDateTime>
 #include <QString>
+#include <QStringList>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "hotfolders/HotFolder.h"
 
+class QThread;
+
 namespace quillane {
 
-class SerialQueue;
-class WorkItem;
+struct ImageCompressionResult;
 
-class HotFolderWatcher : public std::enable_shared_from_this<HotFolderWatcher> {
+// A watcher's delays; tests shorten or lengthen them.
+struct HotFolderWatcherTiming {
+  std::chrono::milliseconds debounce{500};
+  std::chrono::milliseconds longestDelay{3000};  // from the first event a pending scan holds
+  // Replaces the 30 s interval and turns polling on whatever the volume.
+  std::optional<std::chrono::milliseconds> pollInterval{};
+  std::chrono::milliseconds retryInterval{2000};  // while waiting for the folder
+};
+
+class HotFolderWatcher {
  public:
   using ActivityCallback = std::function<void(const HotFolderActivity&)>;
   using ProgressCallback = std::function<void(int completed, int total)>;
+  enum class State { stopped, watching, waitingForFolder };
+  using StateCallback = std::function<void(State)>;
   using VolumeCheck = std::function<bool(const QString& folder)>;
 
-  // `pollIntervalOverride` (seconds) replaces the 30 s interval and turns polling on whatever
-  // the volume; the manager leaves it absent. `volumeCheck` replaces isSourceOnLocalVolume's
-  // reading of the file system (a seam for tests).
-  static std::shared_ptr<HotFolderWatcher> make(HotFolder hotFolder,
-                                                std::optional<double> pollIntervalOverride = std::nullopt,
-                                                VolumeCheck volumeCheck = nullptr);
+  using Timing = HotFolderWatcherTiming;
+
+  // `volumeCheck` replaces isOnLocalVolume's reading of the file system (a seam for tests).
+  explicit HotFolderWatcher(HotFolder hotFolder, Timing timing = {}, VolumeCheck volumeCheck = nullptr);
+  // Stops, then waits for the running scan and ends the thread. Not from the watcher's thread.
   ~HotFolderWatcher();
+  HotFolderWatcher(const HotFolderWatcher&) = delete;
+  HotFolderWatcher& operator=(const HotFolderWatcher&) = delete;
 
   const HotFolder& hotFolder() const { return hotFolder_; }
 
   // Set before start().
   ActivityCallback onActivity;
   ProgressCallback onProgress;
+  StateCallback onState;
 
-  // Opens the folder for watching, starts the timer when the volume needs one and asks for a
-  // first scan. False when the folder can't be watched (missing, unreadable, not a folder):
-  // then nothing runs. A second start replaces everything the first made.
-  bool start();
-  // Cancels the pending scan, the watch and the timer. Does not wait for a running scan,
+  // Opens the folder for watching on the watcher's thread, or waits for it; the outcome comes
+  // through onState. A second start replaces everything the first made.
+  void start();
+  // Cancels the pending scan, the watch and the timers. Does not wait for a running scan,
   // which sees the stop before its next file; compressions in flight run to their end.
   void stop();
-  // A scan 0.5 s from now, replacing a pending one. The one entry of every event-driven scan.
+  // Stops, and lets the thread end once what it runs has ended; the watcher can't be started
+  // again. Does not wait.
+  void finish();
+  // Whether the thread has ended (after finish()): the watcher can then be dropped at once.
+  bool isFinished() const;
+  // A scan after the debounce. The one entry of every event-driven scan.
   void scheduleScan();
+  // Checks that the watched folder is still the one that is there (a mount made over it or an
+  // unmount changes it): if it is not, the watch begins again; a waiting watcher tries at once.
+  void recheck();
+
+  State state() const;
+  bool isWatching() const { return state() == State::watching; }
+
+  // Returns once the watcher's thread has handled what was asked of it before (a scan, say).
+  void waitUntilIdle();
+
+  // Lists, picks, names, compresses and records once; returns when every compression it
+  // started has ended. Runs on the watcher's thread (also callable directly, which tests do).
+  void scanOnce();
 
   // False for network and FUSE file systems (NFS, SMB/CIFS, SSHFS, 9p, AFS, Ceph, Lustre...)
   // and when the file system can't be asked.
-  bool isSourceOnLocalVolume() const;
   static bool isOnLocalVolume(const QString& folder);
-
-  // True while started and the watched folder still exists as the one watched (not deleted,
-  // unmounted or covered by a mount made after start). The owner restarts a watcher that
-  // has lost its source.
-  bool isWatching() const;
-  // Whether the folder was the root of a mounted volume when the watch began.
-  bool startedOnMountRoot() const;
   // Whether `folder` is the root of a mounted volume (its device differs from its parent's).
   static bool isMountRoot(const QString& folder);
-
-  // Returns once the queue has finished what it is running (a scan, say). Not from the
-  // queue itself. The owner calls it after stop() when the process ends.
-  void waitUntilIdle();
-
-  // Lists, picks, compresses and records once; returns when every compression it started has
-  // ended. Runs on the watcher's queue (also callable directly, which tests do).
-  void scanOnce();
-
   // Files one scan compresses at a time: the usable processor count, at least 1.
   static int concurrencyLimit();
 
   // A file as a listing saw it; modificationDate in seconds since 2001-01-01 UTC.
   struct ListedFile {
-    QString path;
+    std::string path;  // bytes
     int64_t lastKnownSize = 0;
     double modificationDate = 0;
   };
@@ -100,26 +122,31 @@ class HotFolderWatcher : public std::enable_shared_from_this<HotFolderWatcher> {
   static std::vector<bool> isStableOnDisk(const std::vector<ListedFile>& files);
 
  private:
-  HotFolderWatcher(HotFolder hotFolder, std::optional<double> pollIntervalOverride, VolumeCheck volumeCheck);
-  void startPollingIfNeeded();
-  void schedulePoll(std::chrono::milliseconds interval);
-  void readEvents();
+  class Loop;        // on the watcher's thread: its descriptor, notifier and timers
+  struct Candidate;  // one file a scan compresses
+  struct Settings;   // a scan's resolved destination, format and quality
+
+  // The scan's steps (HotFolderScan.cpp).
+  std::vector<Candidate> pick(QStringList& staleNames) const;
+  std::optional<Settings> resolveSettings();
+  void name(std::vector<Candidate>& candidates, const Settings& settings) const;
+  void compressAll(const std::vector<Candidate>& candidates, const Settings& settings);
+  void record(const Candidate& candidate, const ImageCompressionResult& result, int& completed, int total);
+
+  void setState(State state);
   bool isStopped() const;
 
   const HotFolder hotFolder_;
-  const std::optional<double> pollIntervalOverride_;
+  const Timing timing_;
   const VolumeCheck volumeCheck_;
-  std::unique_ptr<SerialQueue> queue_;
+  std::unique_ptr<QThread> thread_;
+  Loop* loop_;  // lives on thread_; deleted once thread_ has ended
 
-  mutable std::mutex stateLock_;  // guards the fields below; never held across a call out
+  mutable std::mutex stateLock_;  // guards the two fields below; never held across a call out
   bool isStopped_ = false;
-  std::shared_ptr<WorkItem> source_;
-  int watchedFd_ = -1;  // the inotify descriptor of source_, owned by the queue
-  uint64_t watchedDevice_ = 0, watchedInode_ = 0;
-  bool sourceLost_ = false;
-  bool startedOnMountRoot_ = false;
-  std::shared_ptr<WorkItem> pendingScan_;
-  std::shared_ptr<WorkItem> pollTimer_;
+  State state_ = State::stopped;
+
+  std::mutex reportLock_;  // orders the callbacks of one scan's compressions
 };
 
 }  // namespace quillane

@@ -1,13 +1,12 @@
 #include "hotfolders/HotFoldersManager.h"
 
 #include <QDateTime>
+#include <QtConcurrent/QtConcurrentRun>
 #include <algorithm>
 
 #include "engine/Localization.h"
 #include "hotfolders/HotFolderProcessedStore.h"
-#include "hotfolders/HotFolderWatcher.h"
 #include "hotfolders/MountObserver.h"
-#include "hotfolders/SerialQueue.h"
 
 namespace quillane {
 namespace {
@@ -17,12 +16,6 @@ HotFolderActivity folderLine(const HotFolder& hotFolder, const QString& message)
       QUuid::createUuid(), hotFolder.name, QString(), std::nullopt, QDateTime::currentDateTimeUtc(), message};
 }
 
-QString sameFolderText() {
-  return QString::fromStdString(
-      Localization::text("settings.hotFolders.sameFolderWarning",
-                         "La source et la destination doivent être des dossiers différents."));
-}
-
 QString unreadableSourceText() {
   return QString::fromStdString(Localization::text("settings.hotFolders.unreadableSource",
                                                    "Impossible d'ouvrir le dossier surveillé."));
@@ -30,7 +23,12 @@ QString unreadableSourceText() {
 
 }  // namespace
 
-HotFoldersManager::HotFoldersManager(QObject* parent) : QObject(parent) {
+HotFoldersManager::HotFoldersManager(QObject* parent)
+    : HotFoldersManager(HotFolderWatcher::Timing(), parent) {}
+
+HotFoldersManager::HotFoldersManager(HotFolderWatcher::Timing timing, QObject* parent)
+    : QObject(parent), timing_(timing) {
+  checks_.setObjectName(QStringLiteral("com.quillane.Quillane.hotFolderChecks"));
   hotFolders_ = HotFolders::load();
   applyWatchers();
   volumeMountObserver_ = new MountObserver(this);
@@ -38,17 +36,12 @@ HotFoldersManager::HotFoldersManager(QObject* parent) : QObject(parent) {
 }
 
 HotFoldersManager::~HotFoldersManager() {
-  std::vector<std::shared_ptr<HotFolderWatcher>> all;
-  for (auto& [id, watcher] : watchers_) all.push_back(std::move(watcher));
-  watchers_.clear();
-  for (const auto& weak : retired_) {
-    if (auto watcher = weak.lock()) all.push_back(std::move(watcher));
-  }
-  for (const auto& watcher : all) watcher->stop();
+  ++checkGeneration_;
+  for (auto& [id, watcher] : watchers_) watcher->stop();
   // The scans see the stop before their next file; what is being compressed ends first.
-  for (const auto& watcher : all) watcher->waitUntilIdle();
-  all.clear();
-  SerialQueue::waitForAll();
+  watchers_.clear();
+  retired_.clear();
+  checks_.waitForDone();
 }
 
 std::optional<HotFolderProgress> HotFoldersManager::progress(const QUuid& hotFolderID) const {
@@ -56,16 +49,31 @@ std::optional<HotFolderProgress> HotFoldersManager::progress(const QUuid& hotFol
   return it == progress_.constEnd() ? std::nullopt : std::optional(*it);
 }
 
-bool HotFoldersManager::isRunning(const QUuid& hotFolderID) const {
-  return watchers_.count(hotFolderID) != 0;
+HotFoldersManager::Status HotFoldersManager::status(const QUuid& hotFolderID) const {
+  return statuses_.value(hotFolderID);
 }
 
+bool HotFoldersManager::isRunning(const QUuid& hotFolderID) const {
+  return status(hotFolderID).state == Status::State::watching;
+}
+
+void HotFoldersManager::setStatus(const QUuid& hotFolderID, Status status) {
+  if (statuses_.value(hotFolderID) == status) return;
+  if (status.state == Status::State::disabled) {
+    statuses_.remove(hotFolderID);
+  } else {
+    statuses_.insert(hotFolderID, status);
+  }
+  emit statusChanged();
+}
+
+// A stopped watcher is kept until its thread has ended, so that dropping it never waits.
 void HotFoldersManager::retire(const QUuid& hotFolderID) {
+  std::erase_if(retired_, [](const auto& watcher) { return watcher->isFinished(); });
   const auto it = watchers_.find(hotFolderID);
   if (it != watchers_.end()) {
-    it->second->stop();
-    std::erase_if(retired_, [](const auto& weak) { return weak.expired(); });
-    retired_.push_back(it->second);
+    it->second->finish();
+    retired_.push_back(std::move(it->second));
     watchers_.erase(it);
   }
   if (progress_.remove(hotFolderID)) emit progressChanged();
@@ -85,45 +93,54 @@ bool HotFoldersManager::hasEnabledFolder() const {
 
 void HotFoldersManager::applyWatchers() {
   QSet<QUuid> enabledIDs;
+  HotFolderList enabled;
   for (const HotFolder& folder : hotFolders_) {
-    if (folder.isEnabled && !paused_) enabledIDs.insert(folder.id);
+    if (!folder.isEnabled || paused_) continue;
+    enabledIDs.insert(folder.id);
+    enabled.push_back(folder);
   }
   std::vector<QUuid> unwanted;
   for (const auto& [id, watcher] : watchers_) {
-    if (!enabledIDs.contains(id)) unwanted.push_back(id);
+    const auto folder =
+        std::find_if(enabled.begin(), enabled.end(), [&](const HotFolder& f) { return f.id == id; });
+    if (folder == enabled.end() || !(*folder == watcher->hotFolder())) unwanted.push_back(id);
   }
   for (const QUuid& id : unwanted) retire(id);
+  for (const QUuid& id : statuses_.keys()) {
+    if (!enabledIDs.contains(id)) setStatus(id, {});
+  }
   unstartedHotFolderIDs_.intersect(enabledIDs);
-  awaitingVolumeIDs_.intersect(enabledIDs);
 
+  const int generation = ++checkGeneration_;
+  QtConcurrent::run(&checks_, [enabled] {
+    return HotFolders::refusals(enabled);
+  }).then(this, [this, generation](const std::map<QUuid, QString>& refusals) {
+    if (generation == checkGeneration_) applyChecked(refusals);
+  });
+}
+
+void HotFoldersManager::applyChecked(const std::map<QUuid, QString>& refusals) {
   for (const HotFolder& folder : hotFolders_) {
-    if (!enabledIDs.contains(folder.id)) continue;
-    const auto running = watchers_.find(folder.id);
-    // A watcher whose folder went away (deleted, unmounted, covered by a mount) is tried again.
-    if (running != watchers_.end() && running->second->hotFolder() == folder &&
-        running->second->isWatching()) {
+    if (!folder.isEnabled || paused_) continue;
+    const auto refusal = refusals.find(folder.id);
+    if (refusal != refusals.end()) {
+      retire(folder.id);
+      setStatus(folder.id, {Status::State::refused, refusal->second});
+      noteCouldNotStart(folder, refusal->second);
       continue;
     }
-    if (running != watchers_.end() && running->second->hotFolder() == folder &&
-        running->second->startedOnMountRoot() && !HotFolderWatcher::isMountRoot(folder.sourceFolder)) {
-      awaitingVolumeIDs_.insert(folder.id);
+    const auto running = watchers_.find(folder.id);
+    if (running != watchers_.end() && running->second->hotFolder() == folder) {
+      running->second->recheck();  // a mount may have changed what its path names
+      continue;
     }
     retire(folder.id);
-    if (awaitingVolumeIDs_.contains(folder.id)) {
-      if (!HotFolderWatcher::isMountRoot(folder.sourceFolder)) {
-        noteCouldNotStart(folder, unreadableSourceText());
-        continue;
-      }
-      awaitingVolumeIDs_.remove(folder.id);
-    }
-    if (HotFolders::isSameFolder(folder.sourceFolder, folder.destinationFolder)) {
-      noteCouldNotStart(folder, sameFolderText());
-      continue;
-    }
-    auto watcher = HotFolderWatcher::make(folder);
+    auto watcher = std::make_unique<HotFolderWatcher>(folder, timing_);
     // The manager outlives every watcher's threads (see the destructor), so the queued calls
     // may name it directly.
     const QUuid id = folder.id;
+    const quint64 serial = ++watcherSerial_;
+    serials_.insert(id, serial);
     watcher->onActivity = [this](const HotFolderActivity& activity) {
       QMetaObject::invokeMethod(
           this, [this, activity] { record(activity); }, Qt::QueuedConnection);
@@ -132,12 +149,28 @@ void HotFoldersManager::applyWatchers() {
       QMetaObject::invokeMethod(
           this, [this, id, completed, total] { updateProgress(id, completed, total); }, Qt::QueuedConnection);
     };
-    if (!watcher->start()) {
-      noteCouldNotStart(folder, unreadableSourceText());
-      continue;
-    }
-    unstartedHotFolderIDs_.remove(folder.id);
+    watcher->onState = [this, id, serial](HotFolderWatcher::State state) {
+      QMetaObject::invokeMethod(
+          this, [this, id, serial, state] { watcherStateChanged(id, serial, state); }, Qt::QueuedConnection);
+    };
+    watcher->start();
+    setStatus(folder.id, {Status::State::starting, {}});
     watchers_.emplace(folder.id, std::move(watcher));
+  }
+}
+
+// Reports of a watcher that has since been replaced are dropped.
+void HotFoldersManager::watcherStateChanged(const QUuid& hotFolderID, quint64 serial,
+                                            HotFolderWatcher::State state) {
+  const auto it = watchers_.find(hotFolderID);
+  if (it == watchers_.end() || serials_.value(hotFolderID) != serial) return;
+  const HotFolder& folder = it->second->hotFolder();
+  if (state == HotFolderWatcher::State::watching) {
+    unstartedHotFolderIDs_.remove(folder.id);
+    setStatus(folder.id, {Status::State::watching, {}});
+  } else if (state == HotFolderWatcher::State::waitingForFolder) {
+    setStatus(folder.id, {Status::State::waitingForFolder, {}});
+    noteCouldNotStart(folder, unreadableSourceText());
   }
 }
 
@@ -150,8 +183,6 @@ void HotFoldersManager::noteCouldNotStart(const HotFolder& hotFolder, const QStr
 void HotFoldersManager::upsert(const HotFolder& hotFolder) {
   const auto it = std::find_if(hotFolders_.begin(), hotFolders_.end(),
                                [&](const HotFolder& folder) { return folder.id == hotFolder.id; });
-  // An edit is the user's word that the folder is meant as it is now.
-  if (it == hotFolders_.end() || !(*it == hotFolder)) awaitingVolumeIDs_.remove(hotFolder.id);
   if (it != hotFolders_.end()) {
     *it = hotFolder;
   } else {

@@ -51,7 +51,7 @@ void save(const JsonValue& value, const QString& filename) {
   QDir().mkpath(dir);
   try {
     FileIO::writeFileAtomically(QFile::encodeName(dir + QLatin1Char('/') + filename).toStdString(),
-                                {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+                                {reinterpret_cast<const uint8_t*>(text.data()), text.size()}, 0600);
   } catch (const QuillaneError&) {
     // Dropped without a message, like every failed save; the older file stays whole.
   }

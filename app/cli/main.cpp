@@ -13,6 +13,7 @@
 #include <QFile>
 #include <QLocale>
 #include <QStringList>
+#include <QUrl>
 #include <QVariant>
 #include <cerrno>
 #include <cmath>
@@ -26,6 +27,7 @@
 #include "QuillaneVersion.h"
 #include "app/cli/InspectCommands.h"
 #include "automation/CompressScriptCommand.h"
+#include "engine/ImageFormat.h"
 #include "services/LanguageManager.h"
 
 namespace {
@@ -63,11 +65,11 @@ const char kHelp[] =
     "      or error. Output names are the source's name with the format's extension; two\n"
     "      sources of the same name get \"-2\", \"-3\"... A file of that name already in DIR\n"
     "      is replaced.\n"
-    "      --to DIR        output folder, created if missing\n"
+    "      --to DIR        output folder (a path or a file:// URL), created if missing\n"
     "      --format NAME   png, jpeg, heic, avif, webp or jxl, in any case; another name is\n"
-    "                      ignored\n"
+    "                      ignored, with a warning on stderr\n"
     "      --quality Q     perceptual quality from 1 to 100; a value that is no number is\n"
-    "                      ignored\n"
+    "                      ignored, one outside the range taken as 1 or 100, with a warning\n"
     "      --profile NAME  an export profile saved in Quillane, by name (any case); it gives\n"
     "                      whatever the options above leave out. Without it, the default\n"
     "                      profile does, if there is one; else jpeg at 75.\n"
@@ -81,12 +83,17 @@ const char kHelp[] =
     "\n"
     "Options may also be written --name=VALUE; \"--\" ends the options, so that the\n"
     "arguments after it (\"-h\" too) are files. File names are passed through byte for byte,\n"
-    "also when they are not valid UTF-8.\n"
+    "also when they are not valid UTF-8. In the JSON, which stays valid UTF-8, each byte of a\n"
+    "name that is not part of valid UTF-8 is written as the character U+F700 plus the byte\n"
+    "(\\uf780 to \\uf7ff), as is each byte of such a character a name really holds: read\n"
+    "back, U+F780 to U+F7FF is one byte (the code less 0xF700), any other character its UTF-8.\n"
     "\n"
     "compress never replaces one of its own input files: a destination that is the same file\n"
     "as an input (compressing in place, or a second input in DIR) gets the next free name,\n"
     "\"photo-2.jpg\". Files are written through a temporary \".quillane-XXXXXX.tmp\" in DIR and\n"
-    "renamed; a symbolic link at the destination is replaced, never written through.\n"
+    "renamed; a symbolic link at the destination is replaced, never written through, and a\n"
+    "folder, pipe, device or socket there is left as it is (that file's \"error\" says so).\n"
+    "An output is no more readable than its source (a private photo gives a private output).\n"
     "\n"
     "Exit status: 0 when the verb ran, even if some files failed (see their \"error\");\n"
     "6 when compress failed as a whole (no files, no output folder, unknown profile, a folder\n"
@@ -172,12 +179,60 @@ QVariant qualityValue(const QByteArray& value) {
   return number ? QVariant(*number) : QVariant(text(value));
 }
 
+void warn(const std::string& message) { std::fprintf(stderr, "quillane-cli: %s\n", message.c_str()); }
+
+// "--to" as a path, or as a file:// URL whose percent-encoded bytes are the path's (also
+// those that are not UTF-8). Nothing, with `error` set, for a URL of another host.
+std::optional<QByteArray> folderArgument(const QByteArray& value, std::string& error) {
+  if (!value.startsWith("file://")) return value;
+  // Bytes a shell passed unencoded (spaces, names that are not UTF-8) are encoded first, so
+  // that the URL parser sees only ASCII.
+  QByteArray encoded;
+  for (const char c : value) {
+    if ((unsigned char)c < 0x80 && c != ' ')
+      encoded += c;
+    else
+      encoded += '%' + QByteArray::number((unsigned char)c, 16).rightJustified(2, '0').toUpper();
+  }
+  const QUrl url = QUrl::fromEncoded(encoded);
+  const QString host = url.host();
+  if (!url.isValid() || (!host.isEmpty() && host != QLatin1String("localhost")) || url.path().isEmpty()) {
+    error = "--to: not a local file URL: " + value.toStdString();
+    return std::nullopt;
+  }
+  return QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1());
+}
+
+// The command falls back without failing on a format or quality it can't use; the user hears
+// of it here.
+void warnAboutFallbacks(const std::map<QByteArray, QByteArray>& options) {
+  if (auto format = options.find("format"); format != options.end()) {
+    if (!ImageFormats::fromRawValue(text(format->second).toLower().toStdString()))
+      warn("unknown format '" + format->second.toStdString() +
+           "' ignored: the profile's format, or jpeg, is used (png, jpeg, heic, avif, webp, jxl)");
+  }
+  if (auto quality = options.find("quality"); quality != options.end()) {
+    const std::optional<double> number = finiteNumber(quality->second);
+    if (!number)
+      warn("quality '" + quality->second.toStdString() + "' is no number: ignored");
+    else if (*number < 1 || *number > 100)
+      warn("quality " + quality->second.toStdString() +
+           " is outside 1 to 100: " + (*number < 1 ? "1" : "100") + " is used");
+  }
+}
+
 int runCompress(const QByteArrayList& arguments) {
   CommandLine line;
   if (auto error = parse(arguments, {"to", "format", "quality", "profile"}, line)) return usageError(*error);
   QVariantMap evaluated;
   // Paths stay bytes (QByteArray); names of formats and profiles are text.
-  if (line.options.count("to")) evaluated[CompressScriptCommand::toArgument] = line.options["to"];
+  if (line.options.count("to")) {
+    std::string error;
+    const std::optional<QByteArray> folder = folderArgument(line.options["to"], error);
+    if (!folder) return usageError(error);
+    evaluated[CompressScriptCommand::toArgument] = *folder;
+  }
+  warnAboutFallbacks(line.options);
   if (line.options.count("format"))
     evaluated[CompressScriptCommand::formatArgument] = text(line.options["format"]);
   if (line.options.count("quality"))

@@ -75,6 +75,16 @@ bool hasDisplay() {
 }
 
 constexpr int kServiceQuietMs = 60 * 1000;
+constexpr int kHandOverPollMs = 100;
+
+// Waits, ten seconds at most, until no process owns the bus name.
+bool waitUntilNameIsFree(const QDBusConnection& connection) {
+  for (int attempt = 0; attempt < 200; ++attempt) {
+    if (!quillane::QuillaneBusClient::isRunning(connection)) return true;
+    QThread::msleep(50);
+  }
+  return false;
+}
 
 int quitSignalPipe[2] = {-1, -1};
 
@@ -166,8 +176,17 @@ int main(int argc, char** argv) {
     // launch carry on alone.
     const auto error = quillane::QuillaneBusClient::openOrActivate(connection, arguments.files);
     if (!error) return 0;
-    std::fprintf(stderr, "quillane: the running instance did not answer: %s\n",
-                 error->toLocal8Bit().constData());
+    // An instance without a display gives its name up to a launch that has one: take over.
+    if (!waitUntilNameIsFree(connection) || !bus.publish(connection))
+      std::fprintf(stderr, "quillane: the running instance did not answer: %s\n",
+                   error->toLocal8Bit().constData());
+  }
+  if (!canShowWindow) {
+    // Without a display the window can't be shown here: a launch that asks for it takes the
+    // name over once the calls under way are answered.
+    QObject::connect(&bus, &quillane::QuillaneBusService::windowRefused, &session, [&session, &bus] {
+      session.quitWhenQuiet(kHandOverPollMs, [&bus] { return bus.pendingCompressCalls() > 0; });
+    });
   }
 
   if (service) {

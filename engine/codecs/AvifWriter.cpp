@@ -10,6 +10,7 @@
 
 #include "engine/CHandle.h"
 #include "engine/Errors.h"
+#include "engine/PageRelease.h"
 #include "engine/codecs/Writers.h"
 
 namespace quillane::codecs {
@@ -66,8 +67,10 @@ AvifSettings avifSettings(double quality, size_t pixelCount) {
   return s;
 }
 
-Bytes writeAvif(const DecodedImage& image, bool keepAlpha, const AvifSettings& settings,
-                const std::optional<Bytes>& icc) {
+namespace {
+
+Bytes write(const DecodedImage& image, uint8_t* releasable, bool keepAlpha, const AvifSettings& settings,
+            const std::optional<Bytes>& icc) {
   if (image.empty() || image.bitsPerComponent != 8 || image.pixels8.size() != image.pixelCount() * 4)
     fail("writeAvif: not an 8-bit RGBA picture");
 
@@ -97,6 +100,8 @@ Bytes writeAvif(const DecodedImage& image, bool keepAlpha, const AvifSettings& s
   rgb.pixels = const_cast<uint8_t*>(image.pixels8.data());
   rgb.rowBytes = uint32_t(image.width) * 4;
   check("avifImageRGBToYUV", avifImageRGBToYUV(avif.get(), &rgb));
+  // From here on aom reads libavif's YUV planes only.
+  if (releasable) PageRelease::release(releasable, image.pixels8.size());
 
   AvifEncoderPtr encoder(avifEncoderCreate());
   if (!encoder) fail("avifEncoderCreate");
@@ -111,6 +116,18 @@ Bytes writeAvif(const DecodedImage& image, bool keepAlpha, const AvifSettings& s
   RWDataGuard output;
   check("avifEncoderWrite", avifEncoderWrite(encoder.get(), avif.get(), &output.data));
   return Bytes(output.data.data, output.data.data + output.data.size);
+}
+
+}  // namespace
+
+Bytes writeAvif(const DecodedImage& image, bool keepAlpha, const AvifSettings& settings,
+                const std::optional<Bytes>& icc) {
+  return write(image, nullptr, keepAlpha, settings, icc);
+}
+
+Bytes writeAvif(DecodedImage&& image, bool keepAlpha, const AvifSettings& settings,
+                const std::optional<Bytes>& icc) {
+  return write(image, image.pixels8.data(), keepAlpha, settings, icc);
 }
 
 }  // namespace quillane::codecs

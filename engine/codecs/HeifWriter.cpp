@@ -10,6 +10,7 @@
 #include <string>
 
 #include "engine/Errors.h"
+#include "engine/PageRelease.h"
 #include "engine/codecs/HeifHandles.h"
 #include "engine/codecs/Writers.h"
 
@@ -50,7 +51,8 @@ void initialiseOnce() {
   (void)initialised;
 }
 
-HeifImagePtr makeImage(const DecodedImage& image, bool keepAlpha) {
+// With `releasable` (the picture's samples), each row goes back to the system once copied.
+HeifImagePtr makeImage(const DecodedImage& image, bool keepAlpha, uint8_t* releasable) {
   heif_image* raw = nullptr;
   heif_chroma chroma = keepAlpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB;
   check("heif_image_create", heif_image_create(image.width, image.height, heif_colorspace_RGB, chroma, &raw));
@@ -62,6 +64,7 @@ HeifImagePtr makeImage(const DecodedImage& image, bool keepAlpha) {
   if (!plane)
     fail("heif_image_get_plane", {heif_error_Memory_allocation_error, heif_suberror_Unspecified, ""});
   const int channels = keepAlpha ? 4 : 3;
+  PageRelease::Releaser releaser(releasable);
   for (int y = 0; y < image.height; ++y) {
     const uint8_t* src = image.pixels8.data() + size_t(y) * size_t(image.width) * 4;
     uint8_t* dst = plane + size_t(y) * size_t(stride);
@@ -72,6 +75,7 @@ HeifImagePtr makeImage(const DecodedImage& image, bool keepAlpha) {
         dst[0] = src[0], dst[1] = src[1], dst[2] = src[2];
       }
     }
+    releaser.readUpTo(size_t(y + 1) * size_t(image.width) * 4);
   }
   return heifImage;
 }
@@ -99,8 +103,10 @@ HeifSettings heifSettings(double quality, bool photographic) {
   return s;
 }
 
-Bytes writeHeic(const DecodedImage& image, bool keepAlpha, const HeifSettings& settings,
-                const std::optional<Bytes>& icc) {
+namespace {
+
+Bytes write(const DecodedImage& image, uint8_t* releasable, bool keepAlpha, const HeifSettings& settings,
+            const std::optional<Bytes>& icc) {
   if (image.empty() || image.bitsPerComponent != 8 || image.pixels8.size() != image.pixelCount() * 4)
     throw ImageProcessingError::encodingFailed("HEIC", "writeHeic: not an 8-bit RGBA picture");
   initialiseOnce();
@@ -126,7 +132,7 @@ Bytes writeHeic(const DecodedImage& image, bool keepAlpha, const HeifSettings& s
   check("heif_encoder_set_parameter_string(chroma)",
         heif_encoder_set_parameter_string(rawEncoder, "chroma", fullChroma ? "444" : "420"));
 
-  HeifImagePtr heifImage = makeImage(image, keepAlpha);
+  HeifImagePtr heifImage = makeImage(image, keepAlpha, releasable);
   if (icc && !icc->empty()) {
     check("heif_image_set_raw_color_profile",
           heif_image_set_raw_color_profile(heifImage.get(), "prof", icc->data(), icc->size()));
@@ -145,6 +151,18 @@ Bytes writeHeic(const DecodedImage& image, bool keepAlpha, const HeifSettings& s
   heif_writer writer{1, appendToBytes};
   check("heif_context_write", heif_context_write(context.get(), &writer, &out));
   return out;
+}
+
+}  // namespace
+
+Bytes writeHeic(const DecodedImage& image, bool keepAlpha, const HeifSettings& settings,
+                const std::optional<Bytes>& icc) {
+  return write(image, nullptr, keepAlpha, settings, icc);
+}
+
+Bytes writeHeic(DecodedImage&& image, bool keepAlpha, const HeifSettings& settings,
+                const std::optional<Bytes>& icc) {
+  return write(image, image.pixels8.data(), keepAlpha, settings, icc);
 }
 
 }  // namespace quillane::codecs

@@ -17,6 +17,7 @@
 
 #include "engine/CHandle.h"
 #include "engine/Errors.h"
+#include "engine/PageRelease.h"
 #include "engine/codecs/Writers.h"
 
 namespace quillane::codecs {
@@ -27,6 +28,7 @@ namespace {
 // by the caller on every path.
 struct JpegJob {
   const uint8_t* pixels;
+  uint8_t* releasable;  // the pixels again when their rows go back to the system once read
   JDIMENSION width;
   JDIMENSION height;
   int quality;
@@ -39,6 +41,7 @@ struct JpegJob {
   char message[JMSG_LENGTH_MAX];
 };
 static_assert(std::is_trivially_destructible_v<JpegJob>);
+static_assert(std::is_trivially_destructible_v<PageRelease::Releaser>);
 
 struct ErrorManager {
   jpeg_error_mgr pub;
@@ -126,9 +129,13 @@ bool compressJpeg(JpegJob* job) {
   jpeg_start_compress(&cinfo, TRUE);
   if (job->icc) jpeg_write_icc_profile(&cinfo, job->icc, job->iccSize);
   const size_t stride = size_t(job->width) * 4;
+  // libjpeg converts each row into buffers of its own as it is written, and with optimised
+  // tables keeps the whole picture as coefficients: rows already written are not read again.
+  PageRelease::Releaser releaser(job->releasable);
   while (cinfo.next_scanline < cinfo.image_height) {
     JSAMPROW row = const_cast<JSAMPROW>(job->pixels + size_t(cinfo.next_scanline) * stride);
     jpeg_write_scanlines(&cinfo, &row, 1);
+    releaser.readUpTo(size_t(cinfo.next_scanline) * stride);
   }
   jpeg_finish_compress(&cinfo);
   jpeg_destroy_compress(&cinfo);
@@ -148,11 +155,15 @@ JpegSettings jpegSettings(double quality) {
   return s;
 }
 
-Bytes writeJpeg(const DecodedImage& image, const JpegSettings& settings, const std::optional<Bytes>& icc) {
+namespace {
+
+Bytes write(const DecodedImage& image, uint8_t* releasable, const JpegSettings& settings,
+            const std::optional<Bytes>& icc) {
   if (image.empty() || image.bitsPerComponent != 8 || image.pixels8.size() != image.pixelCount() * 4)
     throw ImageProcessingError::encodingFailed("JPEG", "writeJpeg: not an 8-bit RGBA picture");
   JpegJob job{};
   job.pixels = image.pixels8.data();
+  job.releasable = releasable;
   job.width = JDIMENSION(image.width);
   job.height = JDIMENSION(image.height);
   job.quality = settings.quality;
@@ -165,6 +176,16 @@ Bytes writeJpeg(const DecodedImage& image, const JpegSettings& settings, const s
   CHandle<JOCTET, std::free> out(job.out);
   if (!ok) throw ImageProcessingError::encodingFailed("JPEG", std::string("libjpeg: ") + job.message);
   return Bytes(out.get(), out.get() + job.outSize);
+}
+
+}  // namespace
+
+Bytes writeJpeg(const DecodedImage& image, const JpegSettings& settings, const std::optional<Bytes>& icc) {
+  return write(image, nullptr, settings, icc);
+}
+
+Bytes writeJpeg(DecodedImage&& image, const JpegSettings& settings, const std::optional<Bytes>& icc) {
+  return write(image, image.pixels8.data(), settings, icc);
 }
 
 }  // namespace quillane::codecs

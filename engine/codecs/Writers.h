@@ -4,8 +4,11 @@
 // owns the library objects it creates for the length of one call.
 //
 // The writers take 8-bit interleaved RGBA with straight alpha and rows without padding
-// (NativeImageIOEncoder prepares it). They throw ImageProcessingError::encodingFailed with the
-// format's label, and never print anything.
+// (NativeImageIOEncoder prepares it). Each takes it by reference, or by rvalue to consume it:
+// then the writer gives the picture's memory back to the system as its library takes the
+// samples in (PageRelease), so that the two are never both whole, and the caller may only
+// drop the picture afterwards. The bytes written are the same either way. They throw
+// ImageProcessingError::encodingFailed with the format's label, and never print anything.
 //
 // Quality mappings. The slider's value reaches these writers unchanged (the strategy's
 // calibration table is weighted 0), so each mapping below is chosen so that one value looks
@@ -48,6 +51,7 @@ JpegSettings jpegSettings(double quality);
 // Writes the colour samples of `image` (alpha ignored), with optimised Huffman tables and the
 // profile in APP2 markers when given.
 Bytes writeJpeg(const DecodedImage& image, const JpegSettings& settings, const std::optional<Bytes>& icc);
+Bytes writeJpeg(DecodedImage&& image, const JpegSettings& settings, const std::optional<Bytes>& icc);
 
 struct HeifSettings {
   int quality = 50;                               // libheif's lossy quality 0...100 for x265
@@ -63,6 +67,8 @@ HeifSettings heifSettings(double quality, bool photographic = false);
 // HEVC still image through libheif and x265; alpha as an auxiliary image when `keepAlpha`;
 // the profile as a "prof" colour box when given.
 Bytes writeHeic(const DecodedImage& image, bool keepAlpha, const HeifSettings& settings,
+                const std::optional<Bytes>& icc);
+Bytes writeHeic(DecodedImage&& image, bool keepAlpha, const HeifSettings& settings,
                 const std::optional<Bytes>& icc);
 
 struct AvifSettings {
@@ -81,6 +87,8 @@ AvifSettings avifSettings(double quality, size_t pixelCount);
 // AV1 still image through libavif and aom; alpha kept when `keepAlpha`; the profile as ICC
 // colour information when given.
 Bytes writeAvif(const DecodedImage& image, bool keepAlpha, const AvifSettings& settings,
+                const std::optional<Bytes>& icc);
+Bytes writeAvif(DecodedImage&& image, bool keepAlpha, const AvifSettings& settings,
                 const std::optional<Bytes>& icc);
 
 // Piecewise-linear interpolation over (x, y) points sorted by x; clamps outside the range.

@@ -113,6 +113,22 @@ TEST_F(ControllerTest, ReportsAFailedBindAndRestartsOnANewPort) {
   EXPECT_FALSE(testing::RawConnection(first).connected());
 }
 
+// Enabled by hand in the settings file, with no token yet: a client that reads the token
+// from the file as soon as the API runs is let in, without the settings pane ever opening.
+TEST_F(ControllerTest, TheTokenExistsAsSoonAsTheAPIRuns) {
+  LocalAPISettings::setEnabled(true);
+  LocalAPISettings::setPort(testing::freeLocalPort());
+  auto& controller = make();
+  ASSERT_TRUE(spinUntil([&] { return controller.isRunning(); }, 5s));
+  const std::string stored =
+      LocalAPISettings::store()->value(LocalAPISettings::tokenKey).toString().toStdString();
+  ASSERT_FALSE(stored.empty());
+  const int port = controller.boundPort();
+  auto response = testing::offThread(
+      [&] { return testing::httpExchange(port, testing::buildRequest("GET", "/v1/status", stored)); });
+  EXPECT_EQ(response.status, 200) << response.body;
+}
+
 // Any web page can make the browser open connections to 127.0.0.1: without the token, a
 // request is refused as soon as its head is read, and its body is never waited for.
 TEST_F(ControllerTest, RequestsWithoutTheTokenAreRefusedBeforeTheirBody) {

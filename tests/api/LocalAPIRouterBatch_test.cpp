@@ -1,4 +1,5 @@
 // Import, images, per-image quality, export, removal and clearing through real requests.
+#include <QDir>
 #include <QFileInfo>
 
 #include "api/LocalAPIDTOs.h"
@@ -27,6 +28,15 @@ TEST_F(BatchRouterTest, ImportReportsEachFailureInOrderAndListsNewIds) {
   ASSERT_EQ(model_->images().size(), 1u);
   EXPECT_EQ(json(response)["imported"].toArray(),
             QJsonArray{QString::fromStdString(LocalAPIDTOs::idText(model_->images()[0]->id()))});
+
+  // A name relative to the program's working folder is refused even where it names a file.
+  const QString working = QDir::currentPath();
+  ASSERT_TRUE(QDir::setCurrent(dir_.path()));
+  response = call("POST", "/v1/import", R"({"paths":["good.jpg"]})");
+  QDir::setCurrent(working);
+  const QJsonObject refused{{"error", "Path must be absolute"}, {"path", "good.jpg"}};
+  EXPECT_EQ(json(response)["failed"].toArray(), QJsonArray{refused});
+  EXPECT_EQ(model_->images().size(), 1u);
 }
 
 TEST_F(BatchRouterTest, ImagesDescribeTheModelAndAnOverrideSetsAndClears) {

@@ -72,6 +72,12 @@ TEST_F(RouterTest, RefusalsNameWhatWasWrong) {
        R"(Expected JSON body: {\"folder\": String, \"waitTimeoutSeconds\": Double?, \"profile\": String?})"},
       {"POST", "/v1/export", R"({"folder":")" + file + R"("})", 400, "folder does not exist: " + file},
       {"POST", "/v1/export", R"({"profile":"none"})", 404, "No profile named 'none'"},
+      // Relative to the program's working folder (often "/"): never taken.
+      {"POST", "/v1/export", R"({"folder":"out"})", 400, "folder must be an absolute path: out"},
+      {"POST", "/v1/images/" + id + "/export", R"({"path":"a.webp"})", 400,
+       "path must be an absolute path: a.webp"},
+      {"POST", "/v1/profiles", R"({"name":"a","format":"png","quality":5,"destinationFolder":"."})", 400,
+       "destinationFolder must be an absolute path: ."},
       {"POST", "/v1/export", R"({"profile":"bare"})", 400,
        "Profile 'bare' has no destination folder \xE2\x80\x94 pass \\\"folder\\\" explicitly"},
       {"POST", "/v1/profiles", R"({"name":"a","format":"png","quality":null})", 400,

@@ -63,11 +63,13 @@ class EchoRouter {
 class ServerTest : public ::testing::Test {
  protected:
   // Starts a server with `timeout` seconds to read a request and returns its port.
-  int startServer(double timeout = 10.0, int port = 0, LocalAPIServer::Limits limits = {}) {
+  int startServer(double timeout = 10.0, int port = 0, LocalAPIServer::Limits limits = {},
+                  LocalAPIServer::Gate gate = {}) {
     server_.reset();
     log_.clear();
     server_ = std::make_unique<LocalAPIServer>(timeout, router_.router());
     server_->setLimits(limits);
+    server_->setGate(std::move(gate));
     server_->setOnStateChange(log_.handler());
     server_->start(port);
     auto state = log_.waitFor(0);
@@ -147,6 +149,19 @@ TEST_F(ServerTest, BodyLimitIsInclusiveAndTooLargeIsRefusedFromTheHeadAlone) {
   connection.send("POST /big HTTP/1.1\r\nContent-Length: 8388609\r\n\r\n");  // and no body byte
   EXPECT_EQ(connection.readResponse(5s).raw,
             expectedResponse(413, "Payload Too Large", R"({"error":"Request body exceeds 8388608 bytes"})"));
+}
+
+// A gate that lets nobody in still leaves the answers the head alone decides to the framing,
+// and refuses the rest before any body byte.
+TEST_F(ServerTest, FramingErrorsAreAnsweredBeforeTheGate) {
+  int port = startServer(
+      10.0, 0, {}, [](const LocalAPIRequest&) { return std::optional(LocalAPIResponse::error(401, "no")); });
+  EXPECT_EQ(httpExchange(port, "GET\r\n\r\n").raw, malformed);
+  EXPECT_EQ(httpExchange(port, "POST /x HTTP/1.1\r\nContent-Length: -1\r\n\r\n").raw, malformed);
+  EXPECT_EQ(httpExchange(port, "POST /x HTTP/1.1\r\nContent-Length: 8388609\r\n\r\n").status, 413);
+  RawConnection connection(port);
+  connection.send("POST /x HTTP/1.1\r\nContent-Length: 8388608\r\n\r\n");  // and no body byte
+  EXPECT_EQ(connection.readResponse(5s).status, 401);
 }
 
 TEST_F(ServerTest, TheDeadlineCoversTheWholeRequest) {
@@ -240,7 +255,7 @@ TEST_F(ServerTest, ClientsBeyondTheCapWaitAndBufferedBytesHaveOneBudgetForAll) {
     other->shutdownWrite();  // still awaited, so it ends short: 400
     return std::pair{refusal, other->readResponse(5s).status};
   });
-  EXPECT_TRUE(answers.first.starts_with("HTTP/1.1 503")) << answers.first;
+  EXPECT_TRUE(answers.first.starts_with("HTTP/1.1 503 Service Unavailable\r\n")) << answers.first;
   EXPECT_EQ(answers.second, 400);
   // Their bytes were given back: a body of 900 KB fits again.
   auto accepted = testing::offThread([&] {

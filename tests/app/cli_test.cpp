@@ -2,6 +2,7 @@
 // profiles it finds in the user's data folder.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -129,7 +130,11 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
                   "exec \"$Q\" compress \"$(printf 'in/caf\\351 \\377.png')\" in/" + longName +
                       " --format png --to out -- -h");
   ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-  EXPECT_TRUE(r.out.contains("\\/out\\/caf\xe9 \xff.png\"")) << "the name's bytes, unchanged";
+  // Valid JSON still, each byte that is not UTF-8 as U+F700 plus the byte.
+  QJsonParseError parse;
+  QJsonDocument::fromJson(r.out, &parse);
+  EXPECT_EQ(parse.error, QJsonParseError::NoError) << r.out.toStdString();
+  EXPECT_TRUE(r.out.contains("\\/out\\/caf\\uf7e9 \\uf7ff.png\"")) << r.out.toStdString();
   EXPECT_TRUE(r.out.contains("\"path\":\"-h\"") && !r.out.contains("Usage"));
   const std::string root = QFile::encodeName(dir_.path()).toStdString();
   EXPECT_TRUE(std::filesystem::exists(root + "/out/caf\xe9 \xff.png"));
@@ -145,6 +150,38 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
   ToolRun blocked = run({"compress", "in/odd.png", "--to", "in/odd.png/sub"});
   EXPECT_EQ(blocked.exitCode, 6);
   EXPECT_TRUE(blocked.err.startsWith("in/odd.png/sub: ")) << blocked.err.toStdString();
+}
+
+// What it falls back on is said on stderr; the folder may be a file:// URL.
+TEST_F(CommandLineTool, FallbacksAreToldAndTheFolderMayBeAURL) {
+  const QString a = image("a.png");
+  ToolRun r = run({"compress", a, "--format", "bmp", "--quality", "150", "--to",
+                   QUrl::fromLocalFile(path("out dir")).toString(QUrl::FullyEncoded)});
+  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+  EXPECT_TRUE(QFileInfo::exists(path("out dir/a.jpg"))) << r.out.toStdString();
+  EXPECT_TRUE(r.err.contains("unknown format 'bmp'")) << r.err.toStdString();
+  EXPECT_TRUE(r.err.contains("quality 150 is outside 1 to 100: 100 is used")) << r.err.toStdString();
+  EXPECT_TRUE(run({"compress", a, "--quality", "high", "--to", "out"}).err.contains("'high' is no number"));
+  EXPECT_EQ(run({"compress", a, "--to", "file://elsewhere/out"}).exitCode, 2);
+}
+
+// A pipe where an output would go is not ours: that file fails and the pipe stays. A private
+// source gives a private output.
+TEST_F(CommandLineTool, NothingButAFileIsReplacedAndAPrivateSourceStaysPrivate) {
+  const QString a = image("a.png"), b = image("b.png");
+  QFile::setPermissions(path(b), QFile::ReadOwner | QFile::WriteOwner);
+  QDir(dir_.path()).mkpath("out");
+  ASSERT_EQ(::mkfifo(QFile::encodeName(path("out/a.png")).constData(), 0644), 0);
+  ToolRun r = run({"compress", a, b, "--to", "out", "--format", "png"});
+  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+  const QJsonArray records = r.json();
+  EXPECT_TRUE(records[0].toObject()["error"].toString().contains("not a regular file"))
+      << r.out.toStdString();
+  struct stat st {};
+  ASSERT_EQ(::stat(QFile::encodeName(path("out/a.png")).constData(), &st), 0);
+  EXPECT_TRUE(S_ISFIFO(st.st_mode));
+  ASSERT_EQ(::stat(QFile::encodeName(path("out/b.png")).constData(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
 TEST_F(CommandLineTool, DefaultProfileFromTheDataFolderGivesFolderAndFormat) {

@@ -264,6 +264,15 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
       {{}, "webp", 80, "", path("out/e"), kError + "EmptyFileList", "Choisissez au moins une image"},
       {{a}, "webp", 101, "", path("out/e"), "org.freedesktop.DBus.Error.InvalidArgs", "quality : 101"},
       {{a}, "gif", 0, "", path("out/e"), "org.freedesktop.DBus.Error.InvalidArgs", "format : gif"},
+      // Relative to wherever the service runs (often /): never taken.
+      {{"in/a.png"},
+       "png",
+       50,
+       "",
+       path("out/e"),
+       "org.freedesktop.DBus.Error.InvalidArgs",
+       "Chemin relatif refusé pour files : in/a.png"},
+      {{a}, "png", 50, "", "out/e", "org.freedesktop.DBus.Error.InvalidArgs", "outputFolder : out/e"},
       {{a},
        "profileOrDefault",
        0,
@@ -297,6 +306,41 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
   EXPECT_EQ(entries("out/gone"), QStringList{"a.png"});
   EXPECT_TRUE(entries("out/bad").isEmpty());
   EXPECT_FALSE(QFileInfo::exists(path("out/e")));
+}
+
+// A client that gives up and leaves the bus leaves no work behind it, and no one client can
+// fill the queue.
+TEST_F(DesktopBus, ACallerThatLeavesHasItsWorkDroppedAndCanQueueOnlySoMuch) {
+  const QString small = image("small.png");
+  const QString large = dir_.filePath("in/large.png");
+  testing::writeBytes(large.toStdString(),
+                      fixtures::png(testing::makeImage(512, 512, testing::Pattern::photo, 5)));
+  ASSERT_EQ(compress({}, "png", 0, "", "").errorName(), kError + "EmptyFileList");  // started by the bus
+
+  QStringList many;
+  for (int i = 0; i < 30; ++i) many.append(large);
+  {
+    QDBusConnection leaver = QDBusConnection::connectToBus(address_, "leaver");
+    ASSERT_TRUE(leaver.isConnected());
+    QDBusInterface quillane(kService, kPath, "com.quillane.Quillane", leaver);
+    std::vector<QDBusPendingCall> calls{
+        quillane.asyncCall("Compress", many, "webp", 90, "", path("out/first"))};
+    for (int i = 0; i < 40; ++i)
+      calls.push_back(
+          quillane.asyncCall("Compress", QStringList{small}, "png", 50, "", path(QString("out/q%1").arg(i))));
+    // The first is running: 31 more may wait, the rest are refused at once.
+    for (size_t i = 32; i < calls.size(); ++i) {
+      calls[i].waitForFinished();
+      EXPECT_EQ(calls[i].error().name(), "org.freedesktop.DBus.Error.LimitsExceeded") << i;
+    }
+  }
+  QDBusConnection::disconnectFromBus("leaver");  // the last reference is gone: the client leaves
+
+  // Answered in turn, so after everything the leaver had queued.
+  const QDBusMessage after = compress({small}, "png", 50, "", path("out/after"));
+  ASSERT_EQ(after.type(), QDBusMessage::ReplyMessage) << after.errorMessage().toStdString();
+  EXPECT_LT(entries("out/first").size(), 30) << "stopped before its next file";
+  for (int i = 0; i < 31; ++i) EXPECT_FALSE(QFileInfo::exists(path(QString("out/q%1").arg(i)))) << i;
 }
 
 TEST_F(DesktopBus, ASecondLaunchHandsItsFilesToTheRunningBatch) {
@@ -476,6 +520,22 @@ TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpen
   const Run later = run({"in/b.png"}, env);
   EXPECT_EQ(later.exitCode, 0) << later.err.toStdString();
   ASSERT_TRUE(processes_.front()->waitForFinished(60000)) << "the background instance showed no window";
+  EXPECT_EQ(processes_.front()->exitCode(), 0);
+}
+
+// Started where there is no display (a bus that lacks the session's environment), the instance
+// cannot show the window a launch asks for: it gives its name up to that launch.
+TEST_F(DesktopBus, AnInstanceWithoutADisplayHandsOverToALaunchThatHasOne) {
+  QProcessEnvironment headless = environment();
+  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) headless.remove(name);
+  startInstance({"--background"}, headless);
+  QProcessEnvironment env = environment();
+  env.insert("QUILLANE_QUIT_WHEN_SHOWN", "1");
+  image("b.png");
+  const Run later = run({"in/b.png"}, env);
+  EXPECT_EQ(later.exitCode, 0);
+  EXPECT_FALSE(later.err.contains("did not answer")) << later.err.toStdString();
+  ASSERT_TRUE(processes_.front()->waitForFinished(60000));
   EXPECT_EQ(processes_.front()->exitCode(), 0);
 }
 

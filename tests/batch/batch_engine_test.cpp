@@ -53,8 +53,14 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   const auto written = readBytes(outcomes[0].destinationURL->toLocalFile().toStdString());
   EXPECT_EQ(ImageFormats::detect(written), ImageFormat::jpeg);
   EXPECT_EQ(int64_t(written.size()), image->encodeState().sizeBytes);
+  // The output keeps the source name's bytes, as the command line does ("caf\xe9.jpg", not
+  // "caf\uFFFD.jpg").
   ASSERT_TRUE(outcomes.at(1).destinationURL);
-  EXPECT_EQ(readBytes(outcomes[1].destinationURL->toLocalFile().toStdString()), written);
+  const std::string latin1Output = QFile::encodeName(dir_.path()).toStdString() + "/out/caf\xe9.jpg";
+  const std::unique_ptr<const char, void (*)(const char*)> unlinkOutput(
+      latin1Output.c_str(), [](const char* name) { ::unlink(name); });
+  EXPECT_EQ(localFilePath(*outcomes[1].destinationURL), latin1Output);
+  EXPECT_EQ(readBytes(latin1Output), written);
 
   o.restoreSession = true;
   auto& restarted = makeModel(o);

@@ -1,8 +1,13 @@
-// The one atomic writer: a link planted at the destination is replaced, not followed; the
-// longest names a folder takes work; temporaries left by a crash go once they are a day old.
+// The one atomic writer: a link planted at the destination is replaced, not followed, and
+// nothing else that is not a file is; the longest names a folder takes work; a private
+// output stays private; temporaries left by a killed writer go once nobody holds them.
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -58,23 +63,79 @@ TEST_F(AtomicWriter, AFailedWriteNamesTheFolderOrTheDestinationAndLeavesNothing)
   // The reason alone ("No such file or directory") would not say which folder.
   EXPECT_EQ(failure("missing/a.jpg"), dir_ + "/missing: No such file or directory");
   fs::create_directories(dir_ + "/taken.jpg/inside");  // a folder in the file's place, even for root
-  EXPECT_EQ(failure("taken.jpg"), dir_ + "/taken.jpg: Is a directory");
+  EXPECT_EQ(failure("taken.jpg"), dir_ + "/taken.jpg: exists and is not a regular file; left as it is");
   EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1) << "no temporary left";
 }
 
-TEST_F(AtomicWriter, TheFirstWriteIntoAFolderRemovesItsOwnTemporariesOlderThanADay) {
-  const std::string stale = dir_ + "/.quillane-abcDEF.tmp", fresh = dir_ + "/.quillane-ghiJKL.tmp",
-                    foreign = dir_ + "/.quillane-abc.tmp.keep";
-  for (const std::string& path : {stale, fresh, foreign}) testing::writeBytes(path, {'t'});
-  const timeval twoDaysAgo{::time(nullptr) - 2 * 24 * 3600, 0};
-  const timeval times[2] = {twoDaysAgo, twoDaysAgo};
-  ASSERT_EQ(::utimes(stale.c_str(), times), 0);
-  ASSERT_EQ(::utimes(foreign.c_str(), times), 0);
+// A pipe, a socket, a folder or a device where the file was to go is not ours: each is
+// refused and left as it was (as root, /dev/null was once replaced by a regular file).
+TEST_F(AtomicWriter, OnlyAFileOrALinkIsReplaced) {
+  ASSERT_EQ(::mkfifo((dir_ + "/pipe.jpg").c_str(), 0644), 0);
+  fs::create_directory(dir_ + "/folder.jpg");
+  const int sock = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string socketPath = dir_ + "/socket.jpg";
+  ASSERT_LT(socketPath.size(), sizeof address.sun_path);
+  std::copy(socketPath.begin(), socketPath.end(), address.sun_path);
+  ASSERT_EQ(::bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  std::vector<std::string> names = {"pipe.jpg", "folder.jpg", "socket.jpg"};
+  if (::mknod((dir_ + "/null.jpg").c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0) names.push_back("null.jpg");
+  for (const std::string& name : names) {
+    const auto before = fs::symlink_status(dir_ + "/" + name).type();
+    EXPECT_THROW(write(name, "new"), FileIO::DestinationNotAFile) << name;
+    EXPECT_EQ(fs::symlink_status(dir_ + "/" + name).type(), before) << name;
+  }
+  ::close(sock);
+  EXPECT_EQ(size_t(std::distance(fs::directory_iterator(dir_), fs::directory_iterator())), names.size())
+      << "no temporary left";
+}
+
+TEST_F(AtomicWriter, AnOutputIsNoMoreReadableThanItsSourceOrTheFileItReplaces) {
+  const auto mode = [&](const std::string& name) {
+    struct stat st {};
+    ::stat((dir_ + "/" + name).c_str(), &st);
+    return unsigned(st.st_mode & 0777);
+  };
+  const mode_t umask = ::umask(022);
+  testing::writeBytes(dir_ + "/private.png", {'p'});
+  ::chmod((dir_ + "/private.png").c_str(), 0600);
+  testing::writeBytes(dir_ + "/group.png", {'g'});
+  ::chmod((dir_ + "/group.png").c_str(), 0750);
+  EXPECT_EQ(FileIO::permissionsFor(dir_ + "/private.png"), 0600u);
+  EXPECT_EQ(FileIO::permissionsFor(dir_ + "/group.png"), 0640u) << "never executable";
+
+  const std::string text = "out";
+  const std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+  FileIO::writeFileAtomically(dir_ + "/a.jpg", bytes, FileIO::permissionsFor(dir_ + "/private.png"));
+  EXPECT_EQ(mode("a.jpg"), 0600u);
+  FileIO::writeFileAtomically(dir_ + "/b.jpg", bytes);
+  EXPECT_EQ(mode("b.jpg"), 0644u) << "the umask still applies";
+  // The user made an earlier output private: replacing it keeps it so.
+  ::chmod((dir_ + "/b.jpg").c_str(), 0640);
+  FileIO::writeFileAtomically(dir_ + "/b.jpg", bytes);
+  EXPECT_EQ(mode("b.jpg"), 0640u);
+  ::umask(umask);
+}
+
+TEST_F(AtomicWriter, TemporariesNobodyHoldsAreRemovedAndThoseOfARunningWriterKept) {
+  const std::string orphan = dir_ + "/.quillane-abcDEF.tmp", held = dir_ + "/.quillane-ghiJKL.tmp",
+                    justMade = dir_ + "/.quillane-mnoPQR.tmp", foreign = dir_ + "/.quillane-abc.tmp.keep";
+  for (const std::string& path : {orphan, held, justMade, foreign}) testing::writeBytes(path, {'t'});
+  // A minute old: long after a writer would have locked it, long before a day.
+  const timeval minuteAgo{::time(nullptr) - 60, 0};
+  const timeval times[2] = {minuteAgo, minuteAgo};
+  for (const std::string& path : {orphan, held, foreign}) ASSERT_EQ(::utimes(path.c_str(), times), 0);
+  // Another writer's lock, as a running process holds it (a lock of another open file).
+  const int holder = ::open(held.c_str(), O_RDONLY);
+  ASSERT_EQ(::flock(holder, LOCK_EX), 0);
 
   write("a.png", "a");
-  EXPECT_FALSE(fs::exists(stale));
-  EXPECT_TRUE(fs::exists(fresh)) << "a day old at least: it may belong to a write still running";
+  EXPECT_FALSE(fs::exists(orphan)) << "its writer was killed";
+  EXPECT_TRUE(fs::exists(held)) << "its writer is still at work";
+  EXPECT_TRUE(fs::exists(justMade)) << "it may not be locked yet";
   EXPECT_TRUE(fs::exists(foreign)) << "only the writer's own form";
+  ::close(holder);
 }
 
 }  // namespace

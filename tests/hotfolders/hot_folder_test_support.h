@@ -36,6 +36,21 @@ class Reports {
       progress_.push_back({completed, total});
       changed_.notify_all();
     };
+    watcher.onState = [this](HotFolderWatcher::State state) {
+      std::lock_guard lock(mutex_);
+      states_.push_back(state);
+      changed_.notify_all();
+    };
+  }
+  // Waits for the watcher to report `state` as its latest.
+  bool waitForState(HotFolderWatcher::State state) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(60),
+                             [&] { return !states_.empty() && states_.back() == state; });
+  }
+  std::vector<HotFolderWatcher::State> states() {
+    std::lock_guard lock(mutex_);
+    return states_;
   }
   // Waits for `count` lines and for the progress report that follows the last of them.
   bool waitForLines(size_t count) {
@@ -67,6 +82,7 @@ class Reports {
   std::condition_variable changed_;
   std::vector<HotFolderActivity> lines_;
   std::vector<HotFolderProgress> progress_;
+  std::vector<HotFolderWatcher::State> states_;
 };
 
 class HotFolderSandbox : public ::testing::Test {

@@ -11,40 +11,37 @@
 
 #include "engine/ImageFormat.h"
 #include "hotfolders/HotFolderProcessedStore.h"
-#include "hotfolders/SerialQueue.h"
 #include "records/ExportProfile.h"
 #include "tests/hotfolders/hot_folder_test_support.h"
 
 namespace quillane::testing {
 namespace {
 
+using namespace std::chrono_literals;
+using State = HotFolderWatcher::State;
+
 class HotFolderWatcherTest : public HotFolderSandbox {
  protected:
   void TearDown() override {
-    for (auto& watcher : watchers_) watcher->stop();
-    for (auto& watcher : watchers_) watcher->waitUntilIdle();
     watchers_.clear();
-    SerialQueue::waitForAll();
     HotFolderSandbox::TearDown();
   }
-  std::shared_ptr<HotFolderWatcher> watch(const HotFolder& folder, Reports& reports,
-                                          std::optional<double> pollInterval = std::nullopt) {
-    auto watcher = HotFolderWatcher::make(folder, pollInterval);
+  HotFolderWatcher* watch(const HotFolder& folder, Reports& reports, HotFolderWatcher::Timing timing = {}) {
+    auto& watcher = watchers_.emplace_back(std::make_unique<HotFolderWatcher>(folder, timing));
     reports.attach(*watcher);
-    watchers_.push_back(watcher);
-    return watcher;
+    return watcher.get();
   }
   // Outlive every watcher that reports to them.
   Reports& newReports() { return reports_.emplace_back(); }
   std::list<Reports> reports_;
-  std::vector<std::shared_ptr<HotFolderWatcher>> watchers_;
+  std::vector<std::unique_ptr<HotFolderWatcher>> watchers_;
 };
 
 TEST_F(HotFolderWatcherTest, FirstScanTakesWhatIsThereAndABurstOfEntriesGivesOneScan) {
   for (int i = 0; i < 5; ++i) putImage(QStringLiteral("old%1.jpg").arg(i), i);
   Reports& reports = newReports();
-  auto watcher = watch(folder(), reports);
-  ASSERT_TRUE(watcher->start());
+  auto watcher = watch(folder(), reports, {.longestDelay = 60s});
+  watcher->start();
   ASSERT_TRUE(reports.waitForLines(5));
   EXPECT_EQ(reports.scanTotals(), std::vector<int>{5});
 
@@ -67,23 +64,25 @@ TEST_F(HotFolderWatcherTest, StopCancelsThePendingScanAndLaterRequestsQueueNothi
   Reports& stopped = newReports();
   Reports& replacement = newReports();
   const HotFolder hotFolder = folder();
-  auto first = watch(hotFolder, stopped);
-  ASSERT_TRUE(first->start());
+  auto first = watch(hotFolder, stopped, {.debounce = 200ms});
+  first->start();
+  ASSERT_TRUE(stopped.waitForState(State::watching));
   first->stop();
   first->scheduleScan();
-  // The replacement's first scan comes due after the cancelled one would have: the stopped
-  // watcher reported nothing, and its scan would have left nothing for the replacement.
-  auto second = watch(hotFolder, replacement);
-  ASSERT_TRUE(second->start());
+  EXPECT_FALSE(first->isWatching());
+  // The replacement's first scan comes due seconds after the cancelled one would have: the
+  // stopped watcher reported nothing, and its scan would have left nothing for the replacement.
+  auto second = watch(hotFolder, replacement, {.debounce = 3s});
+  second->start();
   ASSERT_TRUE(replacement.waitForLines(1));
   EXPECT_TRUE(stopped.lines().empty());
-  EXPECT_FALSE(first->isWatching());
 }
 
 TEST_F(HotFolderWatcherTest, AFileStillBeingWrittenIsTakenOnceItsWriterClosesIt) {
   Reports& reports = newReports();
   auto watcher = watch(folder(), reports);
-  ASSERT_TRUE(watcher->start());
+  watcher->start();
+  ASSERT_TRUE(reports.waitForState(State::watching));
   // Written in small pieces for about 1.5 s: the scan that its creation triggers finds it
   // growing and skips it; closing it triggers the scan that takes it whole.
   const std::vector<uint8_t> bytes = jpegBytes(7, 160);
@@ -98,8 +97,6 @@ TEST_F(HotFolderWatcherTest, AFileStillBeingWrittenIsTakenOnceItsWriterClosesIt)
   });
   writer.join();
   ASSERT_TRUE(reports.waitForLines(1));
-  watcher->stop();
-  watcher->waitUntilIdle();  // the scan has stored what it did
   const HotFolderActivity line = reports.lines().front();
   EXPECT_FALSE(line.error);
   EXPECT_EQ(QFileInfo(*line.destinationURL).fileName(), QStringLiteral("growing.jpg"));
@@ -111,14 +108,12 @@ TEST_F(HotFolderWatcherTest, AFileStillBeingWrittenIsTakenOnceItsWriterClosesIt)
 
 TEST_F(HotFolderWatcherTest, StabilityNeedsAnOldDateOrASizeThatHoldsStill) {
   putImage(QStringLiteral("fresh.jpg"), 1, false);
-  const QString fresh = source_ + "/fresh.jpg";
-  const int64_t size = QFileInfo(fresh).size();
+  const std::string fresh = pathOf("fresh.jpg"), gone = pathOf("gone.jpg");
+  const int64_t size = QFileInfo(QFile::decodeName(fresh.c_str())).size();
   const double now = double(::time(nullptr) - 978307200);
   // An old date needs no size at all; a future date counts as recent.
-  EXPECT_EQ(HotFolderWatcher::isStableOnDisk({{source_ + "/gone.jpg", 1, now - 60},
-                                              {fresh, size, now},
-                                              {fresh, size - 1, now + 3600},
-                                              {source_ + "/gone.jpg", 0, now}}),
+  EXPECT_EQ(HotFolderWatcher::isStableOnDisk(
+                {{gone, 1, now - 60}, {fresh, size, now}, {fresh, size - 1, now + 3600}, {gone, 0, now}}),
             (std::vector<bool>{true, true, false, false}));
 }
 
@@ -142,10 +137,8 @@ TEST_F(HotFolderWatcherTest, MemoryAcrossRestartsTakesOnlyChangedAndRenamedFiles
 
   Reports& reports = newReports();
   auto watcher = watch(hotFolder, reports);
-  ASSERT_TRUE(watcher->start());
+  watcher->start();
   ASSERT_TRUE(reports.waitForLines(2));
-  watcher->stop();
-  watcher->waitUntilIdle();
   QStringList taken;
   for (const HotFolderActivity& line : reports.lines()) taken << line.sourceFileName;
   taken.sort();
@@ -248,8 +241,8 @@ TEST_F(HotFolderWatcherTest, MissingProfileReportsTheFolderOnceAndCompressesNoth
 TEST_F(HotFolderWatcherTest, NonLocalFolderIsPolledForChangesInotifyDoesNotReport) {
   putImage(QStringLiteral("a.jpg"));
   Reports& reports = newReports();
-  auto watcher = watch(folder(), reports, 0.3);
-  ASSERT_TRUE(watcher->start());
+  auto watcher = watch(folder(), reports, {.pollInterval = 300ms});
+  watcher->start();
   ASSERT_TRUE(reports.waitForLines(1));
   // A new date alone raises no entry event: only the timer's scan sees it.
   backdate("a.jpg", 120);
@@ -258,17 +251,67 @@ TEST_F(HotFolderWatcherTest, NonLocalFolderIsPolledForChangesInotifyDoesNotRepor
   EXPECT_FALSE(HotFolderWatcher::isOnLocalVolume(source_ + "/missing"));
 }
 
-TEST_F(HotFolderWatcherTest, FolderThatGoesAwayEndsTheWatchQuietly) {
+// The inotify path alone: with retries an hour apart, only the folder's own events can
+// end the watch; a recheck (as a mount change asks) finds the folder back and scans it.
+TEST_F(HotFolderWatcherTest, FolderThatGoesAwayIsWaitedForAndWatchedAgainWhenItComesBack) {
   Reports& reports = newReports();
-  auto watcher = watch(folder(), reports);
-  ASSERT_TRUE(watcher->start());
-  ASSERT_TRUE(watcher->isWatching());
+  auto watcher = watch(folder(), reports, {.retryInterval = 3600s});
+  watcher->start();
+  ASSERT_TRUE(reports.waitForState(State::watching));
   ASSERT_TRUE(QDir(source_).removeRecursively());
-  for (int i = 0; i < 500 && watcher->isWatching(); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_TRUE(reports.waitForState(State::waitingForFolder));
   EXPECT_FALSE(watcher->isWatching());
   watcher->scanOnce();  // the folder unreadable: nothing reported, nothing stored
   EXPECT_TRUE(reports.lines().empty());
+
+  ASSERT_TRUE(QDir().mkpath(source_));
+  putImage(QStringLiteral("back.jpg"));
+  watcher->recheck();
+  ASSERT_TRUE(reports.waitForLines(1));
+  EXPECT_EQ(reports.lines()[0].sourceFileName, QStringLiteral("back.jpg"));
+  EXPECT_EQ(reports.states(),
+            (std::vector<State>{State::watching, State::waitingForFolder, State::watching}));
+
+  // A folder that does not exist yet is retried on its own.
+  Reports& later = newReports();
+  HotFolder laterFolder = folder();
+  laterFolder.sourceFolder = temp_.path() + "/later";
+  watch(laterFolder, later, {.retryInterval = 50ms})->start();
+  ASSERT_TRUE(later.waitForState(State::waitingForFolder));
+  ASSERT_TRUE(QDir().mkpath(laterFolder.sourceFolder));
+  ASSERT_TRUE(later.waitForState(State::watching));
+}
+
+// Files every 20 ms hold back a 10 s trailing debounce for ever; the longest delay still lets
+// a scan through while they keep coming.
+TEST_F(HotFolderWatcherTest, SteadyStreamIsScannedWhileItLasts) {
+  Reports& reports = newReports();
+  auto watcher = watch(folder(), reports, {.debounce = 10s, .longestDelay = 300ms});
+  watcher->start();
+  ASSERT_TRUE(reports.waitForState(State::watching));
+  const std::vector<uint8_t> bytes = jpegBytes(5);
+  int written = 0;
+  for (; written < 500 && reports.lines().empty(); ++written) {
+    writeBytes(pathOf(QStringLiteral("s%1.jpg").arg(written)), bytes);
+    std::this_thread::sleep_for(20ms);
+  }
+  EXPECT_LT(written, 500) << "no scan while the stream lasted";
+}
+
+// What is stored is stored file by file: when a file's line is reported its success is
+// already on disk, so that a crash later in the scan does not compress it again.
+TEST_F(HotFolderWatcherTest, EachSuccessIsStoredBeforeItIsReported) {
+  for (int i = 0; i < 4; ++i) putImage(QStringLiteral("c%1.jpg").arg(i), i);
+  const HotFolder hotFolder = folder();
+  HotFolderWatcher watcher(hotFolder);
+  std::vector<QString> notYetStored;
+  watcher.onActivity = [&](const HotFolderActivity& line) {
+    if (!HotFolderProcessedStore::folderState(hotFolder.idText()).contains(line.sourceFileName))
+      notYetStored.push_back(line.sourceFileName);
+  };
+  watcher.scanOnce();
+  EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).size(), 4);
+  EXPECT_TRUE(notYetStored.empty());
 }
 
 }  // namespace

@@ -23,6 +23,14 @@ int errorLines(const HotFoldersManager& manager) {
   return count;
 }
 
+using State = HotFoldersManager::Status::State;
+
+// Waits until every check and watcher start asked for so far has reported back.
+void settle(HotFoldersManager& manager, const QUuid& id, State state) {
+  ASSERT_TRUE(QTest::qWaitFor([&] { return manager.status(id).state == state; }, 10000))
+      << int(manager.status(id).state);
+}
+
 TEST_F(HotFoldersManagerTest, SourceLinkedToItsDestinationIsRefusedAndReportedOncePerEnabling) {
   ASSERT_TRUE(QDir().mkpath(destination_));
   const QString link = temp_.path() + "/link";
@@ -31,30 +39,36 @@ TEST_F(HotFoldersManagerTest, SourceLinkedToItsDestinationIsRefusedAndReportedOn
   HotFolder hotFolder = folder();
   hotFolder.sourceFolder = link;
   manager.upsert(hotFolder);
-  manager.applyWatchers();
-  manager.applyWatchers();
+  settle(manager, hotFolder.id, State::refused);
+  for (int i = 0; i < 2; ++i) {
+    manager.applyWatchers();
+    settle(manager, hotFolder.id, State::refused);
+  }
   EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  EXPECT_FALSE(manager.status(hotFolder.id).message.isEmpty());
   ASSERT_EQ(manager.recentActivity().size(), 1u);
   EXPECT_EQ(manager.recentActivity()[0].hotFolderName, QStringLiteral("Shots"));
   EXPECT_TRUE(manager.recentActivity()[0].sourceFileName.isEmpty());
 
   hotFolder.isEnabled = false;
   manager.upsert(hotFolder);
+  EXPECT_EQ(manager.status(hotFolder.id).state, State::disabled);
   hotFolder.isEnabled = true;
   manager.upsert(hotFolder);
-  EXPECT_EQ(errorLines(manager), 2);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return errorLines(manager) == 2; }, 10000));
 }
 
-TEST_F(HotFoldersManagerTest, UnreadableSourceIsReportedOnceAndStartsWhenItAppears) {
+TEST_F(HotFoldersManagerTest, MissingSourceIsReportedOnceAndStartsWhenItAppears) {
   HotFolder hotFolder = folder();
   hotFolder.sourceFolder = temp_.path() + "/later";
   HotFolders::save({hotFolder});
-  HotFoldersManager manager;
-  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  HotFoldersManager manager({.retryInterval = std::chrono::milliseconds(50)});
+  settle(manager, hotFolder.id, State::waitingForFolder);
   manager.applyWatchers();  // as a mount of any volume does
+  settle(manager, hotFolder.id, State::waitingForFolder);
   ASSERT_EQ(manager.recentActivity().size(), 1u);
   ASSERT_TRUE(QDir().mkpath(hotFolder.sourceFolder));
-  manager.applyWatchers();
+  settle(manager, hotFolder.id, State::watching);
   EXPECT_TRUE(manager.isRunning(hotFolder.id));
   EXPECT_EQ(manager.recentActivity().size(), 1u);
 }
@@ -63,14 +77,14 @@ TEST_F(HotFoldersManagerTest, PauseStopsEveryFolderUntilResumedAndKeepsTheirSett
   const HotFolder hotFolder = folder();
   HotFolders::save({hotFolder});
   HotFoldersManager manager;
-  ASSERT_TRUE(manager.isRunning(hotFolder.id));
+  settle(manager, hotFolder.id, State::watching);
   manager.setPaused(true);
   EXPECT_FALSE(manager.isRunning(hotFolder.id));
   manager.applyWatchers();  // a mount change does not undo the pause
   EXPECT_FALSE(manager.isRunning(hotFolder.id));
   EXPECT_TRUE(HotFolders::load().at(0).isEnabled);
   manager.setPaused(false);
-  EXPECT_TRUE(manager.isRunning(hotFolder.id));
+  settle(manager, hotFolder.id, State::watching);
 }
 
 // A bind mount stands in for a volume that arrives later. It needs the right to mount (root
@@ -140,9 +154,14 @@ TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredLines) {
   }
   HotFolders::save(folders);
   HotFoldersManager manager;
-  ASSERT_EQ(manager.recentActivity().size(), 100u);
-  EXPECT_EQ(manager.recentActivity().front().hotFolderName, QStringLiteral("100"));
-  EXPECT_EQ(manager.recentActivity().back().hotFolderName, QStringLiteral("1"));
+  ASSERT_TRUE(QTest::qWaitFor(
+      [&] {
+        return std::all_of(folders.begin(), folders.end(), [&](const HotFolder& folder) {
+          return manager.status(folder.id).state == State::waitingForFolder;
+        });
+      },
+      20000));
+  EXPECT_EQ(manager.recentActivity().size(), 100u);
 }
 
 TEST_F(HotFoldersManagerTest, ScanReportsProgressOnlyWhileItRunsAndDeletionForgetsTheFolder) {

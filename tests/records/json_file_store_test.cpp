@@ -1,10 +1,14 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QJsonDocument>
+#include <QJsonObject>
+#include <set>
 
+#include "engine/Json.h"
 #include "tests/records/records_test_support.h"
 
 namespace quillane::testing {
@@ -52,12 +56,57 @@ const JsonValue sample = JsonValue(JsonValue::Array{JsonValue::object().set("a",
 
 using JSONFileStoreTest = StoreFolderTest;
 
-TEST_F(JSONFileStoreTest, FirstSaveCreatesTheFolderAndWritesCompactJSON) {
+unsigned modeOf(const QString& path) {
+  struct stat st {};
+  ::stat(QFile::encodeName(path).constData(), &st);
+  return unsigned(st.st_mode & 0777);
+}
+
+// The state files list the user's paths: only the user reads them, whatever the umask, and
+// also when an older, more open file is replaced.
+TEST_F(JSONFileStoreTest, FirstSaveCreatesTheFolderAndWritesCompactJSONOnlyItsOwnerReads) {
   ASSERT_FALSE(QDir(folder_).exists());
   JSONFileStore::save(sample, QStringLiteral("list.json"));
   EXPECT_EQ(readStoreFile(QStringLiteral("list.json")), QByteArray(R"([{"a":1,"b":"x/y"}])"));
   EXPECT_EQ(QDir(folder_).entryList(QDir::Files | QDir::Hidden), QStringList{QStringLiteral("list.json")});
   EXPECT_TRUE(JSONFileStore::load(QStringLiteral("list.json"))->isArray());
+  EXPECT_EQ(modeOf(folder_ + "/list.json"), 0600u);
+  writeStoreFile(QStringLiteral("old.json"), "[]");
+  ::chmod(QFile::encodeName(folder_ + "/old.json").constData(), 0644);
+  JSONFileStore::save(sample, QStringLiteral("old.json"));
+  EXPECT_EQ(modeOf(folder_ + "/old.json"), 0600u);
+}
+
+// Bytes of a name that are not UTF-8 become U+F780..U+F7FF, and a name that holds such a
+// character has its bytes escaped too: strict parsers read it, and the bytes come back.
+TEST(JsonWriter, NamesThatAreNotUTF8GiveValidJSONThatGivesTheirBytesBack) {
+  const auto decode = [](const QString& text) {
+    std::string bytes;
+    for (char32_t c : text.toUcs4()) {
+      if (c >= 0xF780 && c <= 0xF7FF)
+        bytes += char(c - 0xF700);
+      else
+        bytes += QString::fromUcs4(&c, 1).toStdString();
+    }
+    return bytes;
+  };
+  const std::string names[] = {"caf\xe9.jpg",
+                               "caf\xe8.jpg",
+                               "\xc3\xa9t\xc3\xa9.png" /* valid: kept */,
+                               "\xef\x9e\xa9",
+                               /* U+F7A9 */ "\xc0\x80\xed\xa0\x80\xe2\x82",
+                               "\xff/\x01"};
+  std::set<std::string> written;
+  for (const std::string& name : names) {
+    const std::string json = JsonValue::object().set("path", name).writeSorted();
+    written.insert(json);
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(json), &error);
+    ASSERT_EQ(error.error, QJsonParseError::NoError) << json;
+    EXPECT_EQ(decode(document.object()["path"].toString()), name) << json;
+  }
+  EXPECT_EQ(written.size(), std::size(names)) << "told apart";
+  EXPECT_EQ(JsonValue::object().set("p", names[2]).writeSorted(), "{\"p\":\"" + names[2] + "\"}");
 }
 
 TEST_F(JSONFileStoreTest, MissingAndCorruptFilesReadAsNothing) {

@@ -14,6 +14,52 @@ namespace {
 uint8_t clamp8(double v) { return uint8_t(std::lround(std::clamp(v, 0.0, 255.0))); }
 }  // namespace
 
+DecodedImage texturedPhoto(int w, int h, uint32_t seed) {
+  DecodedImage img;
+  img.width = w, img.height = h;
+  img.pixels8.assign(size_t(w) * size_t(h) * 4, 255);
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> unit(0, 1);
+  std::normal_distribution<float> noise(0, 3);
+  const int cells[5] = {4, 9, 23, 61, 160};
+  const float weight[5] = {0.5f, 0.25f, 0.13f, 0.08f, 0.05f};
+  std::vector<std::vector<float>> grids;
+  for (int n : cells) {
+    std::vector<float> g(size_t(n + 1) * size_t(n + 1) * 3);
+    for (float& v : g) v = unit(rng);
+    grids.push_back(std::move(g));
+  }
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      float c[3] = {0, 0, 0};
+      for (int o = 0; o < 5; ++o) {
+        const int n = cells[o];
+        float fx = float(x) / float(w) * float(n), fy = float(y) / float(h) * float(n);
+        int ix = int(fx), iy = int(fy);
+        float tx = fx - float(ix), ty = fy - float(iy);
+        tx = tx * tx * (3 - 2 * tx), ty = ty * ty * (3 - 2 * ty);
+        auto at = [&](int a, int b, int k) {
+          return grids[size_t(o)][(size_t(b) * size_t(n + 1) + size_t(a)) * 3 + size_t(k)];
+        };
+        for (int k = 0; k < 3; ++k)
+          c[k] += weight[o] * (at(ix, iy, k) * (1 - tx) * (1 - ty) + at(ix + 1, iy, k) * tx * (1 - ty) +
+                               at(ix, iy + 1, k) * (1 - tx) * ty + at(ix + 1, iy + 1, k) * tx * ty);
+      }
+      const float dx = float(x) / float(w) - 0.3f, dy = float(y) / float(h) - 0.6f;
+      const bool disc = dx * dx + dy * dy < 0.02f;
+      const bool bar = (x / std::max(1, w / 7)) % 2 == 0 && y > h / 10 && y < h / 4;
+      uint8_t* p = &img.pixels8[(size_t(y) * size_t(w) + size_t(x)) * 4];
+      for (int k = 0; k < 3; ++k) {
+        float v = c[k] * 255;
+        if (disc) v = v * 0.4f + (k == 0 ? 150 : 40);
+        if (bar) v = v * 0.5f + (k == 2 ? 120 : 20);
+        p[k] = uint8_t(std::clamp(v + noise(rng), 0.f, 255.f));
+      }
+    }
+  }
+  return img;
+}
+
 DecodedImage makeImage(int width, int height, Pattern pattern, uint32_t seed, bool withAlpha) {
   DecodedImage img;
   img.width = width, img.height = height;

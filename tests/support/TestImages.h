@@ -22,6 +22,11 @@ DecodedImage makeImage(int width, int height, Pattern pattern, uint32_t seed = 1
 // The same picture as a straight RGBA buffer.
 RGBABuffer makeBuffer(int width, int height, Pattern pattern, uint32_t seed = 1, bool withAlpha = false);
 
+// A photograph stand-in with texture at several scales, hard-edged objects and mild sensor
+// noise, opaque: the photo pattern is so smooth that every codec finds it trivial, which hides
+// the real cost of the HEVC, AV1 and JPEG XL encoders.
+DecodedImage texturedPhoto(int width, int height, uint32_t seed = 7);
+
 // A fresh empty folder under the system's temporary folder, removed with the object.
 class TempDir {
  public:

@@ -1,0 +1,170 @@
+#include "engine/EncodeCost.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+namespace quillane::EncodeCost {
+namespace {
+
+using Kind = EncodingPlan::Mode::Kind;
+using ContentClass = ImageCharacteristics::ContentClass;
+
+constexpr uint64_t kMB = 1'000'000;
+
+// Bytes a pixel and fixed bytes: one encoding's peak, its picture included.
+struct Figure {
+  double bytesPerPixel;
+  uint64_t fixedBytes;
+  uint64_t at(uint64_t pixels) const {
+    return uint64_t(std::ceil(bytesPerPixel * double(pixels))) + fixedBytes;
+  }
+};
+
+// Measured by bench/encode_peak.cpp on generated pictures of 1 and 4 megapixels, called as the
+// pipeline calls its last encoding (which gives its picture back where the encoder can), and
+// rounded up; "graphic" is the worst of a screenshot, a flat picture and a logo, "photo" a
+// textured photo. Alpha adds what the logo with alpha took beyond the screenshot.
+struct Measured {
+  Figure photo, graphic;
+  double alphaBytesPerPixel;
+};
+
+// JPEG: libjpeg keeps the whole picture as coefficients to optimise its tables (3 bytes a
+// pixel at 4:2:0, 6 at 4:4:4, which colour edges or quality 90 choose) while the rows it has
+// read go back; alpha is flattened into a copy first.
+constexpr Measured kJpeg{{7.5, 4 * kMB}, {7.5, 4 * kMB}, 1};
+// HEIC: libheif's RGB copy and YCbCr planes, and x265's frame buffers; 4:4:4 the worst, alpha
+// a second picture.
+constexpr Measured kHeic{{28, 20 * kMB}, {28, 24 * kMB}, 11};
+// AVIF: libavif's YUV planes and aom's buffers; up to 2 megapixels aom searches its screen
+// content tools (speed 5) on graphics, which cost several times more.
+constexpr Measured kAvif{{26, 24 * kMB}, {26, 24 * kMB}, 5};
+constexpr Measured kAvifCareful{{26, 24 * kMB}, {80, 30 * kMB}, 5};
+// WebP: lossy converts to YUV 4:2:0 beside the words it reads, alpha a plane of its own;
+// lossless and near-lossless keep hash chains and backward references of every pixel, far
+// fewer on graphics.
+constexpr Measured kWebPLossy{{6.5, 2 * kMB}, {8, 2 * kMB}, 7};
+constexpr Measured kWebPLossless{{36, 14 * kMB}, {14, 4 * kMB}, 1};
+// JPEG XL (libjxl 0.7): lossy holds the frame in floats three times over; at effort 7 its
+// patch search on graphics costs as much as lossless. Lossless holds every sample as a 32-bit
+// integer and a token; at effort 5 and above, graphics take four times that.
+constexpr Measured kJxlLossy{{40, 10 * kMB}, {47, 10 * kMB}, 15};
+constexpr Measured kJxlLossyCareful{{40, 10 * kMB}, {182, 10 * kMB}, 15};
+constexpr Measured kJxlLossless{{74, 10 * kMB}, {182, 10 * kMB}, 4};
+constexpr Measured kJxlLosslessCareful{{100, 10 * kMB}, {182, 10 * kMB}, 4};
+constexpr Measured kJxlLosslessLight{{74, 10 * kMB}, {45, 10 * kMB}, 8};
+// PNG: libimagequant's histogram of a many-coloured picture (larger at its slower speeds) and
+// its remapped rows; the truecolour writer's filtered rows and deflate output.
+constexpr Measured kPngPalette{{32, 25 * kMB}, {23, 4 * kMB}, 0};
+constexpr Measured kPngPaletteFast{{8, 30 * kMB}, {8, 30 * kMB}, 0};
+constexpr Measured kPngTruecolour{{13.5, 4 * kMB}, {12.5, 2 * kMB}, 0};
+
+const Measured& measured(ImageFormat format, Kind kind, int effort, uint64_t pixels) {
+  switch (format) {
+    case ImageFormat::jpeg:
+      return kJpeg;
+    case ImageFormat::heic:
+      return kHeic;
+    case ImageFormat::avif:
+      return pixels <= 2'000'000 ? kAvifCareful : kAvif;
+    case ImageFormat::webp:
+      return kind == Kind::lossy ? kWebPLossy : kWebPLossless;
+    case ImageFormat::jxl:
+      if (kind == Kind::lossy) return effort >= 2 ? kJxlLossyCareful : kJxlLossy;
+      return effort < 0 ? kJxlLosslessLight : effort >= 2 ? kJxlLosslessCareful : kJxlLossless;
+    case ImageFormat::png:
+      if (kind == Kind::lossless) return kPngTruecolour;
+      return effort <= 0 ? kPngPaletteFast : kPngPalette;
+  }
+  return kJxlLosslessCareful;
+}
+
+// The decode's peak, the decoded picture included, in bytes a pixel: the worst a source of
+// the format can take (a progressive 4:4:4 JPEG's coefficients beside its output or the
+// turn of an EXIF orientation; 16-bit samples with their 8-bit conversion; libjxl's float
+// planes).
+double decodeBytesPerPixel(ImageFormat format) {
+  switch (format) {
+    case ImageFormat::jpeg:
+      return 10;
+    case ImageFormat::png:
+      return 12;
+    case ImageFormat::webp:
+      return 8;
+    case ImageFormat::heic:
+      return 12;
+    case ImageFormat::avif:
+      return 12;
+    case ImageFormat::jxl:
+      return 16;
+  }
+  return 16;
+}
+
+bool isGraphic(ContentClass c) { return c == ContentClass::flatGraphic || c == ContentClass::screenText; }
+
+}  // namespace
+
+uint64_t allowance(uint64_t pixels) { return std::max(pixels * kBytesPerPixel, kSmallPictureBytes); }
+
+uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int effort, uint64_t pixels,
+                       bool graphic, bool alpha) {
+  const Measured& m = measured(format, mode.kind, effort, pixels);
+  const uint64_t extra = alpha ? uint64_t(std::ceil(m.alphaBytesPerPixel * double(pixels))) : 0;
+  return (graphic ? m.graphic : m.photo).at(pixels) + extra;
+}
+
+uint64_t encodingBytes(ImageFormat format, const EncodingPlan& plan, const EncodingPlan::Mode& mode,
+                       const ImageCharacteristics& characteristics) {
+  const uint64_t pixels =
+      uint64_t(std::max(characteristics.width, 0)) * uint64_t(std::max(characteristics.height, 0));
+  const bool light = plan.lightLossless && mode.kind == Kind::lossless;
+  return encodingBytes(format, mode, light ? -1 : plan.effort, pixels,
+                       isGraphic(characteristics.contentClass), characteristics.hasAlpha);
+}
+
+bool fitsInMemory(uint64_t bytes) {
+  const long pages = ::sysconf(_SC_PHYS_PAGES), pageSize = ::sysconf(_SC_PAGESIZE);
+  uint64_t available = pages > 0 && pageSize > 0 ? uint64_t(pages) * uint64_t(pageSize) : UINT64_MAX;
+  struct rlimit limit {};
+  if (::getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY)
+    available = std::min<uint64_t>(available, limit.rlim_cur);
+  return bytes <= available;
+}
+
+uint64_t peakBytes(const Source& source, ImageFormat target, double quality) {
+  const uint64_t pixels = uint64_t(std::max(source.width, 0)) * uint64_t(std::max(source.height, 0));
+  // The costliest plan the strategy makes for any content of this size: every class, with
+  // and without alpha, flat or not, with many colours or few, noisy or clean.
+  uint64_t encoding = 0;
+  for (const ContentClass c : {ContentClass::flatGraphic, ContentClass::screenText,
+                               ContentClass::illustration, ContentClass::photo, ContentClass::noisyPhoto}) {
+    for (int variant = 0; variant < 16; ++variant) {
+      ImageCharacteristics characteristics;
+      characteristics.width = source.width;
+      characteristics.height = source.height;
+      characteristics.contentClass = c;
+      characteristics.hasAlpha = variant & 1;
+      characteristics.hasPartialAlpha = variant & 1;
+      characteristics.flatFraction = variant & 2 ? 0.9 : 0.1;
+      characteristics.colorCountSaturated = variant & 4;
+      characteristics.noiseLevel = variant & 8 ? 10 : 1;
+      characteristics.gradientFraction = variant & 8 ? 0.01 : 0.3;
+      const EncodingPlan plan = EncodingStrategy::plan(characteristics, target, quality);
+      uint64_t cost = encodingBytes(target, plan, plan.mode, characteristics);
+      // Where two encodings compete, the first leaves the picture whole, and its output (at
+      // most 4 bytes a pixel) waits while the other runs.
+      if (plan.alternative)
+        cost = std::max(cost, encodingBytes(target, plan, *plan.alternative, characteristics)) + pixels * 4;
+      encoding = std::max(encoding, cost);
+    }
+  }
+  const uint64_t decode = uint64_t(decodeBytesPerPixel(source.format) * double(pixels));
+  return source.fileBytes + std::max(decode, encoding);
+}
+
+}  // namespace quillane::EncodeCost

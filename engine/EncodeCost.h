@@ -1,0 +1,55 @@
+#pragma once
+// The memory an encode takes at its peak, from what is known before the source is decoded:
+// the one cost model that every front end claims from (the batch's memory budget, the command
+// line, hot folders, D-Bus, the API), and that the strategy plans within. The figures were
+// measured per format, mode and effort (bench/encode_peak.cpp; bench/README.md, "Memory of an
+// encode"). Pure functions, any thread.
+
+#include <cstdint>
+
+#include "engine/EncodingStrategy.h"
+#include "engine/ImageFormat.h"
+
+namespace quillane::EncodeCost {
+
+// What an encoding may take, its picture included: 16 bytes a pixel, and never less than
+// 384 MiB, which small pictures' encodings take in libraries' fixed buffers and the costlier
+// modes on pictures of a megapixel or two. The strategy plans every encoding within it where
+// the format has a cheaper way (EncodingStrategy::plan); lossy JPEG XL (40 to 47 bytes a
+// pixel in libjxl 0.7), HEIC and AVIF at 4:4:4 (26 to 28) and lossless WebP of a photograph
+// (36) have none, and claim what they take.
+inline constexpr uint64_t kBytesPerPixel = 16;
+inline constexpr uint64_t kSmallPictureBytes = 384ull << 20;
+uint64_t allowance(uint64_t pixels);
+
+// The peak of one encoding in `mode` at the plan's `effort` (0 to 2, or -1 for JPEG XL's light
+// lossless effort), its picture and output included, as the pipeline runs its last
+// encoding, for a picture of `pixels` whose content is a graphic (flat
+// graphic or screen text: flat areas and hard edges) or not, and with or without alpha: the
+// worst of the pictures measured of that kind.
+uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int effort, uint64_t pixels,
+                       bool graphic, bool alpha);
+
+// The same for an encoding the strategy planned.
+uint64_t encodingBytes(ImageFormat format, const EncodingPlan& plan, const EncodingPlan::Mode& mode,
+                       const ImageCharacteristics& characteristics);
+
+// Whether `bytes` fit in the machine's memory and the process's address-space limit.
+bool fitsInMemory(uint64_t bytes);
+
+// What is known of a source before it is read: its format and size from its header, and the
+// file's length.
+struct Source {
+  ImageFormat format = ImageFormat::png;
+  int width = 0;  // as stored; orientation does not change the cost
+  int height = 0;
+  uint64_t fileBytes = 0;
+};
+
+// The peak of ImageCompressor::compress of such a source to `target` at `quality`, in bytes
+// beyond the process's own memory: the file's bytes, the decode, the picture, and the
+// costliest plan the strategy can make for any content of that size (both encodings where
+// two compete). Never below what the encode takes by more than a quarter (the bench checks).
+uint64_t peakBytes(const Source& source, ImageFormat target, double quality);
+
+}  // namespace quillane::EncodeCost
