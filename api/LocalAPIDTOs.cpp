@@ -108,6 +108,7 @@ JsonValue statusDTO(const BatchViewModel& viewModel) {
 JsonValue imageDTO(const ImportedImage& image) {
   EncodeState state = image.encodeState();
   JsonValue dto = JsonValue::object();
+  if (auto distance = image.butteraugli()) dto.set("butteraugli", *distance);
   if (state.isReady()) dto.set("compressedSizeBytes", state.sizeBytes);
   if (state.isFailed()) dto.set("error", utf8(state.message));
   dto.set("frameCount", image.frameCount())
@@ -127,6 +128,7 @@ JsonValue exportResultDTO(const ExportOutcome& outcome) {
   const ImportedImage& image = *outcome.image;
   EncodeState state = image.encodeState();
   JsonValue dto = JsonValue::object();
+  if (auto distance = image.butteraugli()) dto.set("butteraugli", *distance);
   if (state.isReady()) dto.set("compressedSizeBytes", state.sizeBytes);
   if (outcome.destinationURL) dto.set("destination", utf8(outcome.destinationURL->toLocalFile()));
   if (outcome.errorDescription) dto.set("error", utf8(*outcome.errorDescription));

@@ -212,13 +212,15 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
       [&](size_t i) {
         try {
           results[i] =
-              ImageCompressor::compress(paths[i], folder, resolved.format, resolved.quality, names[i]);
+              ImageCompressor::compress(paths[i], folder, resolved.format, resolved.quality, names[i], true);
         } catch (const std::exception&) {  // out of memory for the record itself
           results[i].path = paths[i];
           results[i].error = Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
         }
       },
-      [&](size_t i) { return CompressionCost::fileCostMB(paths[i], resolved.format, resolved.quality); });
+      [&](size_t i) {
+        return CompressionCost::measuredFileCostMB(paths[i], resolved.format, resolved.quality);
+      });
   return ImageCompressor::jsonString(results);
 }
 

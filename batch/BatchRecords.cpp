@@ -2,8 +2,12 @@
 // assignment; a failed save is silent and the list in memory stays the truth for this run.
 
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QStandardPaths>
+#include <cerrno>
+#include <cstring>
 
 #include "batch/BatchViewModel.h"
 #include "engine/Localization.h"
@@ -76,16 +80,36 @@ bool BatchViewModel::isRecordSuperseded(const ExportRecord& record) const {
   return ExportHistory::isRecordSuperseded(exportHistory_, record);
 }
 
+namespace {
+// QFile::moveToTrash, guarded against Qt 6.4's fallback: where the home Trash can't be set up
+// (no data folder yet) it "succeeds" by moving the file into ./files of the working folder.
+// The data folder is made first, and a file that still lands there is put back.
+bool moveToTrash(QFile& file) {
+  QDir().mkpath(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation));
+  const QString original = file.fileName();
+  if (!file.moveToTrash()) return false;
+  if (QFileInfo(file.fileName()).isAbsolute()) return true;
+  QFile::rename(file.fileName(), original);
+  QFile::remove(QStringLiteral("info/") + QFileInfo(original).fileName() + QStringLiteral(".trashinfo"));
+  return false;
+}
+}  // namespace
+
 void BatchViewModel::undoExport(const ExportRecord& record) {
   // A superseded record's file belongs to the newer export: only the record goes.
   if (!isRecordSuperseded(record)) {
     const QFileInfo info(record.destinationURL);
     if (info.exists() || info.isSymLink()) {
+      // To the desktop's Trash, not deleted: an undo of an export can itself be taken back
+      // from the file manager.
+      // A folder in its place is not what was exported: it stays where it is.
       QFile file(record.destinationURL);
-      if (!file.remove()) {
-        setExportError(QString::fromStdString(
-            Localization::format("export.deleteFailedFormat", "Impossible de supprimer « %@ » : %@",
-                                 {info.fileName().toStdString(), file.errorString().toStdString()})));
+      const bool folder = info.isDir() && !info.isSymLink();
+      if (folder || !moveToTrash(file)) {
+        const std::string reason = std::strerror(folder ? EISDIR : EIO);
+        setExportError(QString::fromStdString(Localization::format("export.deleteFailedFormat",
+                                                                   "Impossible de supprimer « %@ » : %@",
+                                                                   {info.fileName().toStdString(), reason})));
         return;
       }
     }

@@ -38,8 +38,9 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
   inspectPool_ = std::make_unique<QThreadPool>();
   inspectPool_->setMaxThreadCount(options_.processorCount);
 
-  EncodeScheduler::Options scheduling{options_.reader, options_.encoder,  options_.processorCount,
-                                      memoryBudget_,   options_.watchdog, options_.debounce};
+  EncodeScheduler::Options scheduling{options_.reader,        options_.encoder,  options_.processorCount,
+                                      memoryBudget_,          options_.watchdog, options_.debounce,
+                                      options_.measureResults};
   scheduler_ = std::make_unique<EncodeScheduler>(scheduling, [this](const ImportedImage& image) {
     return EncodeScheduler::Settings{outputFormat_, image.qualityOverride().value_or(quality_)};
   });
@@ -100,19 +101,37 @@ void BatchViewModel::setAppliedProfileName(std::optional<QString> name) {
 void BatchViewModel::setQualityOverride(const std::shared_ptr<ImportedImage>& image,
                                         std::optional<double> quality) {
   if (!image) return;
+  const std::optional<double> before = image->qualityOverride();
   image->setQualityOverride(quality);
   scheduleEncode(image, true);
   persistImportSession();
+  if (before == quality) return;
+  std::weak_ptr<ImportedImage> weak = image;
+  auto set = [this, weak](std::optional<double> value) {
+    return [this, weak, value] {
+      if (auto target = weak.lock()) setQualityOverride(target, value);
+    };
+  };
+  announceUndoable(QString::fromStdString(Localization::text("undo.quality", "Qualité de l'image")),
+                   image->id().toString(), set(before), set(quality));
 }
 
-void BatchViewModel::removeImage(const std::shared_ptr<ImportedImage>& image) {
+void BatchViewModel::removeImage(const std::shared_ptr<ImportedImage>& given) {
+  // A copy: `given` may be the very element of images_ that the removal erases.
+  const std::shared_ptr<ImportedImage> image = given;
   if (!image) return;
   const QUuid id = image->id();
+  const auto at = std::find(images_.begin(), images_.end(), image);
+  if (at == images_.end()) return;
+  const ImagePlacements removed{{int(at - images_.begin()), image}};
   scheduler_->forget(id);
   std::erase_if(images_, [&](const auto& candidate) { return candidate->id() == id; });
   emit imagesChanged();
   refreshIsEncoding();
   persistImportSession();
+  announceUndoable(
+      QString::fromStdString(Localization::text("undo.remove", "Retrait de l'image")), {},
+      [this, removed] { restoreImages(removed); }, [this, image] { removeImage(image); });
 }
 
 void BatchViewModel::moveImage(int from, int to) {
@@ -126,6 +145,10 @@ void BatchViewModel::moveImage(int from, int to) {
 }
 
 void BatchViewModel::clearAll() {
+  if (images_.empty() && importFailures_.empty()) return;
+  ImagePlacements removed;
+  for (size_t i = 0; i < images_.size(); ++i) removed.emplace_back(int(i), images_[i]);
+  const ImportFailureList failures = importFailures_;
   scheduler_->forgetAll();
   images_.clear();
   importFailures_.clear();
@@ -134,6 +157,9 @@ void BatchViewModel::clearAll() {
   setIsEncoding(false);
   setHasPendingRecompute(false);
   persistImportSession();
+  announceUndoable(
+      QString::fromStdString(Localization::text("undo.clearAll", "Tout effacer")), {},
+      [this, removed, failures] { restoreImages(removed, failures); }, [this] { clearAll(); });
 }
 
 // ---- Encoding ----

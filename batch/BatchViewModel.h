@@ -98,6 +98,7 @@ class BatchViewModel : public QObject {
     std::chrono::milliseconds watchdog{45000};  // an encode slower than this fails
     std::chrono::milliseconds debounce{250};    // quiet time before a recompute or an override encode
     bool restoreSession = true;                 // start restoring importSession.json after construction
+    bool measureResults = true;                 // each result's distance and thumbnail after its encode
   };
 
   // Reads exportHistory.json and exportProfiles.json now, and starts the session restore as
@@ -213,13 +214,22 @@ class BatchViewModel : public QObject {
   const ExportRecordList& exportHistory() const { return exportHistory_; }
   // True when another record has the same destination and a strictly later date.
   bool isRecordSuperseded(const ExportRecord& record) const;
-  // Deletes the record's file (unless a later export owns it) and removes the record. A
-  // failed delete sets exportError and keeps the record.
+  // Moves the record's file to the desktop's Trash (unless a later export owns it) and removes
+  // the record. A failed move sets exportError and keeps the record.
   void undoExport(const ExportRecord& record);
   // Empties the history; files stay.
   void clearExportHistory();
   // Shows the record's file through the installed BatchPanels.
   void showInFileManager(const ExportRecord& record);
+
+  // ---- Undo ----
+  // Removals (one image, Clear All) and per-image quality changes, from the window or the
+  // local API, are announced by undoableChange; the window keeps them on its undo stack.
+  // Undoing or redoing one announces nothing.
+  using ImagePlacements = std::vector<std::pair<int, std::shared_ptr<ImportedImage>>>;
+  // Puts the images back at their indices (ascending; clamped to the list), encodes them with
+  // the settings of this moment and saves the session.
+  void restoreImages(const ImagePlacements& placements, const ImportFailureList& failures = {});
 
   // ---- Panels ----
   // Not owned; the window installs it and resets it to null before it goes away.
@@ -227,6 +237,10 @@ class BatchViewModel : public QObject {
   BatchPanels* panels() const { return panels_; }
 
  signals:
+  // A change the user may take back: its menu text, and what undoing and redoing it do. Changes
+  // with the same non-empty `mergeKey` one after the other are one step (a slider drag).
+  void undoableChange(const QString& text, const QString& mergeKey, std::function<void()> undo,
+                      std::function<void()> redo);
   void imagesChanged();
   void qualityChanged();
   void outputFormatChanged();
@@ -258,6 +272,12 @@ class BatchViewModel : public QObject {
   void appendImported(const std::shared_ptr<ImportedImage>& image);
   void restoreSession();
 
+  // Undo: announces a change unless one is being replayed; `replay` runs a change replayed.
+  void announceUndoable(const QString& text, const QString& mergeKey, std::function<void()> undo,
+                        std::function<void()> redo);
+  std::function<void()> replay(std::function<void()> change);
+  bool replaying_ = false;
+
   // Export and records.
   // The local source files of every image, as file system bytes: no export replaces them.
   std::vector<std::string> sourcePaths() const;
@@ -280,7 +300,7 @@ class BatchViewModel : public QObject {
   bool hasPendingRecompute_ = false;
   bool isQualitySliderEditing_ = false;
 
-  QTimer qualityDebounce_;  // single shot, restarted by each change
+  QTimer qualityDebounce_;                              // single shot, restarted by each change
   std::unique_ptr<CompressionBudget> ownMemoryBudget_;  // when Options::memoryBudgetMB is set
   CompressionBudget* memoryBudget_ = nullptr;           // megabytes: own, else the process's
   std::unique_ptr<QThreadPool> inspectPool_;

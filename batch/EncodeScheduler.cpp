@@ -232,6 +232,7 @@ void EncodeScheduler::finish(const std::shared_ptr<ImportedImage>& image, uint64
     const int64_t size = result.bytes->size();
     image->setCompressedData(result.bytes);
     image->setEncodeState(EncodeState::ready(size));
+    measureResult(image);
   } else {
     image->setCompressedData(std::nullopt);
     image->setEncodeState(EncodeState::failed(result.error));

@@ -53,6 +53,7 @@ class EncodeScheduler : public QObject {
     CompressionBudget* memoryBudget = nullptr;  // required; outlives the scheduler
     std::chrono::milliseconds watchdog{45000};  // an encode slower than this fails
     std::chrono::milliseconds debounce{250};    // quiet time of a debounced encode
+    bool measureResults = true;                 // each result's distance and thumbnail after its encode
   };
 
   EncodeScheduler(Options options, SettingsSource settings, QObject* parent = nullptr);
@@ -86,6 +87,9 @@ class EncodeScheduler : public QObject {
   void encode(const std::shared_ptr<Task>& task, std::function<void()> done);
   void finish(const std::shared_ptr<ImportedImage>& image, uint64_t generation, const Result& result);
   void cancel(const QUuid& id);
+  // After an encode: the result's distance and thumbnail (ImportedImage::resultLookChanged),
+  // on the pool within the same slots and budget; dropped once a newer result replaces it.
+  void measureResult(const std::shared_ptr<ImportedImage>& image);
 
   Options options_;
   SettingsSource settings_;

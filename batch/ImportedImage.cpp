@@ -60,6 +60,13 @@ void ImportedImage::setEncodeState(EncodeState state) {
 void ImportedImage::setCompressedData(std::optional<QByteArray> data) {
   compressedData_ = std::move(data);
   emit compressedDataChanged();
+  if (butteraugli_ || !resultThumbnail_.empty()) setResultLook(std::nullopt, {});
+}
+
+void ImportedImage::setResultLook(std::optional<double> butteraugli, DecodedImage thumbnail) {
+  butteraugli_ = butteraugli;
+  resultThumbnail_ = std::move(thumbnail);
+  emit resultLookChanged();
 }
 
 void ImportedImage::setThumbnail(DecodedImage thumbnail) {

@@ -95,6 +95,12 @@ class ImportedImage : public QObject {
   EncodeState encodeState() const { return encodeState_; }
   // The latest result; kept during a new encoding so that a busy row can still be exported.
   const std::optional<QByteArray>& compressedData() const { return compressedData_; }
+  // How the latest result looks beside its source, measured after its encode: the
+  // butteraugli distance (PerceptualDistance) and the result decoded as a thumbnail like
+  // thumbnail(). Absent and empty until measured, and again whenever compressedData changes;
+  // absent for good where the measure failed.
+  std::optional<double> butteraugli() const { return butteraugli_; }
+  const DecodedImage& resultThumbnail() const { return resultThumbnail_; }
   // Empty: the image follows the batch's global quality.
   std::optional<double> qualityOverride() const { return qualityOverride_; }
   // The last export failure of this row; cleared by the next successful write.
@@ -115,6 +121,7 @@ class ImportedImage : public QObject {
   void qualityOverrideChanged();
   void exportErrorChanged();
   void thumbnailChanged();
+  void resultLookChanged();  // butteraugli and resultThumbnail
 
  private:
   // The writers of the observable fields: the encodes and the exports.
@@ -124,6 +131,7 @@ class ImportedImage : public QObject {
   void setCompressedData(std::optional<QByteArray> data);
   void setExportError(std::optional<QString> error);
   void setThumbnail(DecodedImage thumbnail);
+  void setResultLook(std::optional<double> butteraugli, DecodedImage thumbnail);
 
   const QUuid id_;
   const QUrl sourceURL_;
@@ -136,6 +144,8 @@ class ImportedImage : public QObject {
 
   EncodeState encodeState_;
   std::optional<QByteArray> compressedData_;
+  std::optional<double> butteraugli_;
+  DecodedImage resultThumbnail_;
   std::optional<double> qualityOverride_;
   std::optional<QString> exportError_;
   std::optional<QUrl> lastExportDestination_;

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <limits>
 
-#include "engine/FileIO.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageService.h"
+#include "engine/PerceptualDistance.h"
 
 namespace quillane::CompressionCost {
 
@@ -19,17 +19,21 @@ int encodeCostMB(const EncodeCost::Source& source, ImageFormat target, double qu
 }
 
 int fileCostMB(const std::string& path, ImageFormat target, double quality) {
-  std::vector<uint8_t> head;
-  try {
-    head = FileIO::readHead(path, ImageDecoder::kHeaderBytes);
-  } catch (const std::exception&) {
-    return std::numeric_limits<int>::max();
-  }
-  const auto format = ImageFormats::detect(head);
-  const auto header = ImageService::properties(head);
-  if (!format || !header) return std::numeric_limits<int>::max();
-  const auto fileBytes = uint64_t(std::max<int64_t>(ImageDecoder::fileSize(path), 0));
-  return encodeCostMB({*format, header->width, header->height, fileBytes}, target, quality);
+  const std::optional<uint64_t> peak = EncodeCost::peakBytes(path, target, quality);
+  if (!peak) return std::numeric_limits<int>::max();
+  return std::max(megabytes(*peak), 1);
+}
+
+int measureCostMB(int width, int height, uint64_t fileBytes) {
+  const uint64_t bytes = PerceptualDistance::peakBytes(width, height) + fileBytes + (8u << 20);
+  return std::max(megabytes(bytes), 1);
+}
+
+int measuredFileCostMB(const std::string& path, ImageFormat target, double quality) {
+  const auto header = ImageDecoder::readHeader(path);
+  if (!header) return std::numeric_limits<int>::max();
+  const uint64_t file = uint64_t(std::max<int64_t>(ImageDecoder::fileSize(path), 0));
+  return std::max(fileCostMB(path, target, quality), measureCostMB(header->width, header->height, file * 2));
 }
 
 int previewCostMB(std::span<const uint8_t> bytes, int maxPixelSize) {

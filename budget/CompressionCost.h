@@ -23,6 +23,15 @@ int encodeCostMB(const EncodeCost::Source& source, ImageFormat target, double qu
 // alone.
 int fileCostMB(const std::string& path, ImageFormat target, double quality);
 
+// The working memory of measuring how a result looks (PerceptualDistance::between) for a
+// `width` x `height` picture whose source and result files take `fileBytes` together: the
+// distance's peak, the files and 8 MB.
+int measureCostMB(int width, int height, uint64_t fileBytes);
+
+// The larger of fileCostMB and measureCostMB for the file at `path`: what a compression that
+// measures its result claims (the one follows the other).
+int measuredFileCostMB(const std::string& path, ImageFormat target, double quality);
+
 // What a preview of at most `maxPixelSize` made from `bytes` (ImageDecoder::loadPreview) takes:
 // the bytes and the decode, which is never made beyond ImageDecoder::kPreviewMemory.
 int previewCostMB(std::span<const uint8_t> bytes, int maxPixelSize);

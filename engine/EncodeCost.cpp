@@ -7,6 +7,8 @@
 #include <array>
 #include <cmath>
 
+#include "engine/ImageDecoder.h"
+
 namespace quillane::EncodeCost {
 namespace {
 
@@ -165,6 +167,14 @@ uint64_t peakBytes(const Source& source, ImageFormat target, double quality) {
   }
   const uint64_t decode = uint64_t(decodeBytesPerPixel(source.format) * double(pixels));
   return source.fileBytes + std::max(decode, encoding);
+}
+
+std::optional<uint64_t> peakBytes(const std::string& path, ImageFormat target, double quality) {
+  const auto header = ImageDecoder::readHeader(path);
+  const auto format = ImageFormats::detect(path);
+  if (!header || !format) return std::nullopt;
+  const uint64_t fileBytes = uint64_t(std::max<int64_t>(ImageDecoder::fileSize(path), 0));
+  return peakBytes(Source{*format, header->width, header->height, fileBytes}, target, quality);
 }
 
 }  // namespace quillane::EncodeCost

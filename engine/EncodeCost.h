@@ -6,6 +6,8 @@
 // encode"). Pure functions, any thread.
 
 #include <cstdint>
+#include <optional>
+#include <string>
 
 #include "engine/EncodingStrategy.h"
 #include "engine/ImageFormat.h"
@@ -51,5 +53,10 @@ struct Source {
 // costliest plan the strategy can make for any content of that size (both encodings where
 // two compete). Never below what the encode takes by more than a quarter (the bench checks).
 uint64_t peakBytes(const Source& source, ImageFormat target, double quality);
+
+// The same for the file at `path`, from its size and the header in its first bytes
+// (ImageDecoder::readHeader); nothing when that header can't be read, or the file is none of
+// the six formats.
+std::optional<uint64_t> peakBytes(const std::string& path, ImageFormat target, double quality);
 
 }  // namespace quillane::EncodeCost

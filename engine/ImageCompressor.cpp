@@ -18,6 +18,7 @@
 #include "engine/ImageDecoder.h"
 #include "engine/Json.h"
 #include "engine/Localization.h"
+#include "engine/PerceptualDistance.h"
 #include "engine/RGBABuffer.h"
 
 namespace quillane {
@@ -101,16 +102,25 @@ std::string ImageCompressionResult::toJSON() const {
   if (compressedSizeBytes) object.set("compressedSizeBytes", *compressedSizeBytes);
   if (ratio) object.set("ratio", *ratio);
   if (destination) object.set("destination", *destination);
+  if (butteraugli) object.set("butteraugli", *butteraugli);
   if (error) object.set("error", *error);
   return object.writeSorted();
 }
 
 namespace ImageCompressor {
 
-Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality) {
+namespace {
+
+// encodeData; `owned`, when given, holds the file's bytes (`fileData`), which go as soon as the
+// picture is decoded unless a JPEG is to be repackaged as JPEG XL from them.
+Bytes encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageFormat format, double quality) {
   // Between its stages the pipeline stops when its caller gave up (Cancellation.h).
   ImageDecoder::DecodedSource source = ImageDecoder::decodeCGImageSource(fileData);
   const ImageFormat sourceFormat = source.format;
+  if (owned && !(format == ImageFormat::jxl && sourceFormat == ImageFormat::jpeg && quality >= 90)) {
+    Bytes().swap(*owned);
+    fileData = {};
+  }
   Cancellation::check();
   Pictures pictures;
   // A JPEG, HEIC or AVIF writer reads the decoded frame, which differs from the RGBA buffer
@@ -184,25 +194,40 @@ Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double q
   return second.size() < main.size() ? second : main;
 }
 
+}  // namespace
+
+Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality) {
+  return encodeSource(fileData, nullptr, format, quality);
+}
+
 ImageCompressionResult compress(const std::string& path, const std::string& directory, ImageFormat format,
-                                double quality, const std::optional<std::string>& destinationFilename) {
+                                double quality, const std::optional<std::string>& destinationFilename,
+                                bool measure) {
   ImageCompressionResult result;
   result.path = path;
   try {
-    const Bytes source = ImageDecoder::readSource(path);
-    const Bytes compressed = encodeData(source, format, quality);
+    Bytes source = ImageDecoder::readSource(path);
+    const auto original = int64_t(source.size());
+    // The file's bytes go once decoded, unless the measure reads them afterwards.
+    const Bytes compressed = encodeSource(source, measure ? nullptr : &source, format, quality);
     const std::string name = destinationFilename
                                  ? *destinationFilename
                                  : baseName(path) + "." + std::string(ImageFormats::fileExtension(format));
     const std::string destination =
         std::filesystem::absolute(std::filesystem::path(directory) / name).string();
     FileIO::writeFileAtomically(destination, compressed, FileIO::permissionsFor(path));
-    const auto original = int64_t(source.size());
     const auto written = int64_t(compressed.size());
     result.originalSizeBytes = original;
     result.compressedSizeBytes = written;
     result.ratio = 1.0 - double(written) / double(std::max<int64_t>(original, 1));
     result.destination = destination;
+    if (measure) {
+      try {
+        result.butteraugli = PerceptualDistance::between(source, compressed);
+      } catch (const std::exception&) {
+        // the file is written; only its measure is missing
+      }
+    }
   } catch (const std::exception& error) {
     result.originalSizeBytes = fileSize(path);
     result.error = describe(error);

@@ -18,10 +18,11 @@ struct ImageCompressionResult {
   std::optional<int64_t> compressedSizeBytes;
   std::optional<double> ratio;  // 1 - compressed / max(original, 1)
   std::optional<std::string> destination;
+  std::optional<double> butteraugli;  // PerceptualDistance::between, when asked for and measurable
   std::optional<std::string> error;
 
   bool succeeded() const { return !error.has_value(); }
-  // {"compressedSizeBytes":..,"destination":..,"originalSizeBytes":..,"path":..,"ratio":..}
+  // {"butteraugli":..,"compressedSizeBytes":..,"destination":..,"originalSizeBytes":..,"path":..,"ratio":..}
   // with sorted keys, "/" escaped and empty optionals left out.
   std::string toJSON() const;
 };
@@ -33,9 +34,12 @@ namespace ImageCompressor {
 std::vector<uint8_t> encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality);
 
 // Reads `path`, encodes, writes atomically into `directory` as `destinationFilename` (or the
-// source's base name with the format's extension), replacing a file of that name. Never throws.
+// source's base name with the format's extension), replacing a file of that name. With
+// `measure`, the written result's distance to its source follows (absent where it can't be
+// measured, which fails nothing). Never throws.
 ImageCompressionResult compress(const std::string& path, const std::string& directory, ImageFormat format,
-                                double quality, const std::optional<std::string>& destinationFilename);
+                                double quality, const std::optional<std::string>& destinationFilename,
+                                bool measure = false);
 
 // Size attribute of the file, 0 when unreadable.
 int64_t fileSize(const std::string& path);

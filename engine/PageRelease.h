@@ -19,11 +19,7 @@ class Releaser {
  public:
   static constexpr size_t kStep = 1 << 20;
   explicit Releaser(uint8_t* buffer) : buffer_(buffer) {}
-  void readUpTo(size_t end) noexcept {
-    if (!buffer_ || end < released_ + kStep) return;
-    release(buffer_ + released_, end - released_);
-    released_ = end;
-  }
+  void readUpTo(size_t end) noexcept;
 
  private:
   uint8_t* buffer_;

@@ -1,8 +1,11 @@
 #include "hotfolders/HotFolder.h"
 
+#include <sys/stat.h>
+
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonObject>
+#include <set>
 
 #include "engine/Localization.h"
 #include "records/JSONFileStore.h"
@@ -53,13 +56,64 @@ QString resolvedFolder(const QString& path) {
 
 bool isSameFolder(const QString& a, const QString& b) { return resolvedFolder(a) == resolvedFolder(b); }
 
+namespace {
+
+using Identity = std::pair<uint64_t, uint64_t>;  // device, inode
+
+std::optional<Identity> identityOf(const QString& path) {
+  struct stat st {};
+  if (::stat(QFile::encodeName(path).constData(), &st) != 0) return std::nullopt;
+  return Identity{uint64_t(st.st_dev), uint64_t(st.st_ino)};
+}
+
+// The folder and every folder above it, by identity: the path's links resolved where it
+// exists, the part that does not exist yet left out.
+std::set<Identity> identitiesUpFrom(const QString& path) {
+  QString existing = QDir::cleanPath(QDir(path).absolutePath());
+  while (!QFileInfo::exists(existing) && existing != QStringLiteral("/"))
+    existing = QFileInfo(existing).path();
+  QString folder = QFileInfo(existing).canonicalFilePath();
+  std::set<Identity> identities;
+  while (!folder.isEmpty()) {
+    if (const std::optional<Identity> identity = identityOf(folder)) identities.insert(*identity);
+    if (folder == QStringLiteral("/")) break;
+    folder = QFileInfo(folder).path();
+  }
+  return identities;
+}
+
+}  // namespace
+
 std::map<QUuid, QString> refusals(const HotFolderList& enabled) {
   std::map<QUuid, QString> refused;
+  std::vector<std::optional<Identity>> sources;
+  std::vector<std::set<Identity>> destinations;
   for (const HotFolder& folder : enabled) {
-    if (isSameFolder(folder.sourceFolder, folder.destinationFolder)) {
-      refused[folder.id] = QString::fromStdString(
+    sources.push_back(identityOf(resolvedFolder(folder.sourceFolder)));
+    destinations.push_back(identitiesUpFrom(folder.destinationFolder));
+  }
+  for (size_t i = 0; i < enabled.size(); ++i) {
+    if (isSameFolder(enabled[i].sourceFolder, enabled[i].destinationFolder) ||
+        (sources[i] && identityOf(enabled[i].destinationFolder) == sources[i])) {
+      refused[enabled[i].id] = QString::fromStdString(
           Localization::text("settings.hotFolders.sameFolderWarning",
                              "La source et la destination doivent être des dossiers différents."));
+    }
+  }
+  // A destination in or under another folder's source: the one would compress the other's
+  // outputs, and each again, for ever where the two point at each other. Both stay off.
+  auto loopText = [](const HotFolder& other) {
+    return QString::fromStdString(Localization::format(
+        "settings.hotFolders.loopFormat",
+        "Refusé : ce dossier et « %@ » forment une boucle, la destination de l'un étant dans le dossier "
+        "surveillé de l'autre.",
+        {other.name.toStdString()}));
+  };
+  for (size_t i = 0; i < enabled.size(); ++i) {
+    for (size_t j = 0; j < enabled.size(); ++j) {
+      if (i == j || !sources[j] || !destinations[i].count(*sources[j])) continue;
+      refused.try_emplace(enabled[i].id, loopText(enabled[j]));
+      refused.try_emplace(enabled[j].id, loopText(enabled[i]));
     }
   }
   return refused;

@@ -74,7 +74,9 @@ QString resolvedFolder(const QString& path);
 bool isSameFolder(const QString& a, const QString& b);
 
 // For each folder of `enabled` that must not run, the message that says why: its source and
-// destination are one folder. Reads the file system; any thread.
+// destination are one folder, or it makes a loop with another, one's destination being the
+// other's source or inside it. Folders are compared by device and inode, so that links and
+// bind mounts count. Reads the file system; any thread.
 std::map<QUuid, QString> refusals(const HotFolderList& enabled);
 
 // hotFolders.json in the store's folder; empty when missing or when any entry is bad.

@@ -37,8 +37,16 @@ OuterMap read() {
       for (auto entry = files.begin(); entry != files.end(); ++entry) {
         if (!entry.value().isObject()) return {};
         const QJsonObject fields = entry.value().toObject();
-        inner.insert(entry.key(), {JsonForms::requireInteger(fields, QStringLiteral("sizeBytes")),
-                                   JsonForms::requireDouble(fields, QStringLiteral("modificationDate"))});
+        HotFolderProcessedEntry value{JsonForms::requireInteger(fields, QStringLiteral("sizeBytes")),
+                                      JsonForms::requireDouble(fields, QStringLiteral("modificationDate")),
+                                      std::nullopt};
+        if (const std::optional<QString> output =
+                JsonForms::optionalString(fields, QStringLiteral("output"))) {
+          value.output = {*output,
+                          uint64_t(JsonForms::requireInteger(fields, QStringLiteral("outputDevice"))),
+                          uint64_t(JsonForms::requireInteger(fields, QStringLiteral("outputInode")))};
+        }
+        inner.insert(entry.key(), value);
       }
       outer.emplace_back(folder.key(), std::move(inner));
     }
@@ -53,9 +61,15 @@ void write(const OuterMap& outer) {
   for (const auto& [folderID, files] : outer) {
     JsonValue inner = JsonValue::object();
     for (auto entry = files.begin(); entry != files.end(); ++entry) {
-      inner.set(entry.key().toStdString(), JsonValue::object()
-                                               .set("sizeBytes", JsonForms::integer(entry->sizeBytes))
-                                               .set("modificationDate", entry->modificationDate));
+      JsonValue fields = JsonValue::object()
+                             .set("sizeBytes", JsonForms::integer(entry->sizeBytes))
+                             .set("modificationDate", entry->modificationDate);
+      if (entry->output) {
+        fields.set("output", JsonForms::string(entry->output->name))
+            .set("outputDevice", JsonForms::integer(qint64(entry->output->device)))
+            .set("outputInode", JsonForms::integer(qint64(entry->output->inode)));
+      }
+      inner.set(entry.key().toStdString(), std::move(fields));
     }
     root.set(folderID.toStdString(), std::move(inner));
   }
@@ -83,6 +97,17 @@ void update(const QString& hotFolderID, const std::function<void(HotFolderProces
   if (it == outer.end()) it = outer.insert(outer.end(), {hotFolderID, HotFolderProcessedMap()});
   mutate(it->second);
   write(outer);
+}
+
+std::set<std::pair<uint64_t, uint64_t>> outputs() {
+  std::lock_guard lock(storeLock());
+  std::set<std::pair<uint64_t, uint64_t>> identities;
+  for (const auto& [folderID, files] : read()) {
+    for (const HotFolderProcessedEntry& entry : files) {
+      if (entry.output) identities.insert({entry.output->device, entry.output->inode});
+    }
+  }
+  return identities;
 }
 
 void remove(const QString& hotFolderID) {

@@ -2,7 +2,9 @@
 // HotFolderProcessedStore: the memory that keeps a hot folder from compressing the same file
 // twice, across scans and launches. For each hot folder it maps a file name to the size and
 // modification date the file had when it was compressed with success. It lives in
-// hotFolderProcessed.json, {"<FOLDER ID>": {"<file name>": {"sizeBytes":..,"modificationDate":..}}}.
+// hotFolderProcessed.json, {"<FOLDER ID>": {"<file name>": {"sizeBytes":..,"modificationDate":..}}};
+// an entry also names the file it wrote ("output", "outputDevice", "outputInode"), so that a
+// hot folder replaces only its own outputs and never takes a file that a hot folder wrote.
 //
 // Nothing is cached: every operation reads the whole file and every change rewrites it, all
 // under one process-wide lock, so that watchers of different folders never overwrite each
@@ -13,6 +15,8 @@
 #include <QString>
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <set>
 
 namespace quillane {
 
@@ -21,6 +25,13 @@ struct HotFolderProcessedEntry {
   // Seconds since 2001-01-01 00:00:00 UTC at the full precision of a double, so that a value
   // read back compares equal to the one written; equality has no tolerance.
   double modificationDate = 0;
+  // The output written for the file: its name in the destination and its identity then.
+  struct Output {
+    QString name;
+    uint64_t device = 0, inode = 0;
+    bool operator==(const Output&) const = default;
+  };
+  std::optional<Output> output{};
 
   bool operator==(const HotFolderProcessedEntry&) const = default;
 };
@@ -37,6 +48,9 @@ HotFolderProcessedMap folderState(const QString& hotFolderID);
 // Runs `mutate` on the folder's map (empty if none) and stores the result, even when empty.
 // `mutate` runs with the lock held and must not call back into the store.
 void update(const QString& hotFolderID, const std::function<void(HotFolderProcessedMap&)>& mutate);
+
+// The device and inode of every output that the entries of all folders name.
+std::set<std::pair<uint64_t, uint64_t>> outputs();
 
 // Drops the folder's whole map.
 void remove(const QString& hotFolderID);

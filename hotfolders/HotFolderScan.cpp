@@ -15,12 +15,16 @@
 #include <QThreadPool>
 #include <algorithm>
 #include <atomic>
+#include <set>
 #include <thread>
 
 #include "batch/ExportFilenameAllocator.h"
+#include "budget/CompressionBudget.h"
+#include "budget/CompressionCost.h"
 #include "engine/Errors.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
+#include "hotfolders/FileCompleteness.h"
 #include "hotfolders/HotFolderProcessedStore.h"
 #include "hotfolders/HotFolderWatcher.h"
 #include "records/ExportProfileResolver.h"
@@ -46,6 +50,7 @@ struct FolderEntry {
   std::string fileName;  // bytes, whatever their encoding
   int64_t size;
   double modificationDate;
+  uint64_t device, inode;
 };
 
 // One level of `folder`, hidden entries left out, regular files only (no sub-folders, no
@@ -59,7 +64,8 @@ std::optional<std::vector<FolderEntry>> listFolder(const QString& folder) {
     struct stat st {};
     if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode))
       continue;
-    files.push_back({entry->d_name, int64_t(st.st_size), secondsSince2001(st.st_mtim)});
+    files.push_back({entry->d_name, int64_t(st.st_size), secondsSince2001(st.st_mtim), uint64_t(st.st_dev),
+                     uint64_t(st.st_ino)});
   }
   ::closedir(dir);
   return files;
@@ -119,9 +125,10 @@ std::vector<bool> HotFolderWatcher::isStableOnDisk(const std::vector<ListedFile>
 }
 
 void HotFolderWatcher::scanOnce() {
-  QStringList stale;
-  std::vector<Candidate> candidates = pick(stale);
   const QString id = hotFolder_.idText();
+  const HotFolderProcessedMap known = HotFolderProcessedStore::folderState(id);
+  QStringList stale;
+  std::vector<Candidate> candidates = pick(known, stale);
   if (candidates.empty()) {
     if (!stale.isEmpty()) HotFolderProcessedStore::pruneProcessedState(id, stale);
     return;
@@ -132,21 +139,25 @@ void HotFolderWatcher::scanOnce() {
   if (!settings) return;
   if (!stale.isEmpty()) HotFolderProcessedStore::pruneProcessedState(id, stale);
   QDir().mkpath(settings->destination);  // on failure each file fails and says so
-  name(candidates, *settings);
+  name(candidates, *settings, known);
   compressAll(candidates, *settings);
 }
 
-// The files that are images, not known unchanged to the store and done being written; the
-// store's names that the listing no longer has go to `staleNames`.
-std::vector<HotFolderWatcher::Candidate> HotFolderWatcher::pick(QStringList& staleNames) const {
+// The files that are images, not known unchanged to the store, not written by a hot folder,
+// and done being written (closed by their writer, their size still, their structure whole);
+// the store's names that the listing no longer has go to `staleNames`.
+std::vector<HotFolderWatcher::Candidate> HotFolderWatcher::pick(const HotFolderProcessedMap& known,
+                                                                QStringList& staleNames) {
   const std::optional<std::vector<FolderEntry>> listing = listFolder(hotFolder_.sourceFolder);
   if (!listing) return {};  // unreadable or gone: quietly, the store untouched
 
-  const HotFolderProcessedMap known = HotFolderProcessedStore::folderState(hotFolder_.idText());
+  const std::set<std::pair<uint64_t, uint64_t>> outputs = HotFolderProcessedStore::outputs();
+  const std::set<std::string> writing = namesBeingWritten();
   const std::string folder = QFile::encodeName(hotFolder_.sourceFolder).toStdString() + '/';
   QSet<QString> seenNames;
   std::vector<Candidate> candidates;
   std::vector<ListedFile> listed;
+  std::vector<ImageFormat> formats;
   for (const FolderEntry& file : *listing) {
     const QString name = QFile::decodeName(file.fileName.c_str());
     seenNames.insert(name);
@@ -154,14 +165,19 @@ std::vector<HotFolderWatcher::Candidate> HotFolderWatcher::pick(QStringList& sta
     if (entry != known.constEnd() && entry->sizeBytes == file.size &&
         entry->modificationDate == file.modificationDate)
       continue;
+    if (writing.count(file.fileName) || outputs.count({file.device, file.inode})) continue;
     const std::string path = folder + file.fileName;
-    if (!ImageFormats::detect(path)) continue;
+    const std::optional<ImageFormat> format = ImageFormats::detect(path);
+    if (!format) continue;
     candidates.push_back({name, file.fileName, path, file.size, file.modificationDate, {}});
     listed.push_back({path, file.size, file.modificationDate});
+    formats.push_back(*format);
   }
   const std::vector<bool> stable = isStableOnDisk(listed);
   for (size_t i = candidates.size(); i-- > 0;) {
-    if (!stable[i]) candidates.erase(candidates.begin() + std::ptrdiff_t(i));
+    // A file cut short is taken at its next close or change, which starts another scan.
+    if (!stable[i] || !FileCompleteness::isComplete(candidates[i].path, formats[i]))
+      candidates.erase(candidates.begin() + std::ptrdiff_t(i));
   }
   // An empty listing prunes nothing: it is what an unmounted volume's mount point, or a share
   // that is not there yet, looks like, and forgetting its files would compress them all again
@@ -179,21 +195,29 @@ std::optional<HotFolderWatcher::Settings> HotFolderWatcher::resolveSettings() {
   try {
     const ExportProfileResolver::Resolved resolved = ExportProfileResolver::resolve(
         hotFolder_.profileName, hotFolder_.quality, hotFolder_.format, hotFolder_.destinationFolder);
+    {
+      std::lock_guard lock(reportLock_);
+      reportedFolderError_.reset();
+    }
     return Settings{resolved.outputDirectory.value_or(hotFolder_.destinationFolder), resolved.format,
                     resolved.quality};
   } catch (const QuillaneError& error) {
+    const QString message = QString::fromStdString(error.description());
     std::lock_guard lock(reportLock_);
-    if (onActivity) {
+    if (onActivity && reportedFolderError_ != message) {  // said once, not at every scan
       onActivity({QUuid::createUuid(), hotFolder_.name, QString(), std::nullopt,
-                  QDateTime::currentDateTimeUtc(), QString::fromStdString(error.description())});
+                  QDateTime::currentDateTimeUtc(), message});
     }
+    reportedFolderError_ = message;
     return std::nullopt;
   }
 }
 
 // Sorts the candidates as a file manager does ("2.png" before "10.png") and gives each an
-// output name of its own.
-void HotFolderWatcher::name(std::vector<Candidate>& candidates, const Settings& settings) const {
+// output name of its own: a name whose file in the destination this folder did not write for
+// that same source (someone else's file, another source's output) is passed over.
+void HotFolderWatcher::name(std::vector<Candidate>& candidates, const Settings& settings,
+                            const HotFolderProcessedMap& known) const {
   QCollator collator{QLocale()};
   collator.setNumericMode(true);
   std::stable_sort(candidates.begin(), candidates.end(), [&](const Candidate& a, const Candidate& b) {
@@ -204,16 +228,26 @@ void HotFolderWatcher::name(std::vector<Candidate>& candidates, const Settings& 
   std::vector<std::string> inputPaths;
   inputPaths.reserve(candidates.size());
   for (const Candidate& candidate : candidates) inputPaths.push_back(candidate.path);
-  ExportFilenameAllocator allocator(QFile::encodeName(settings.destination).toStdString(), inputPaths);
+  const std::string folder = QFile::encodeName(settings.destination).toStdString() + '/';
+  ExportFilenameAllocator allocator(folder, inputPaths);
   const std::string extension(ImageFormats::fileExtension(settings.format));
   for (Candidate& candidate : candidates) {
-    const size_t dot = candidate.fileName.rfind('.');
-    candidate.destinationFilename = allocator.filename(candidate.fileName.substr(0, dot), extension);
+    const std::optional<HotFolderProcessedEntry::Output> ownOutput = known.value(candidate.name).output;
+    const std::string base = candidate.fileName.substr(0, candidate.fileName.rfind('.'));
+    for (;;) {
+      candidate.destinationFilename = allocator.filename(base, extension);
+      struct stat st {};
+      if (::lstat((folder + candidate.destinationFilename).c_str(), &st) != 0) break;  // free
+      if (ownOutput && QFile::encodeName(ownOutput->name).toStdString() == candidate.destinationFilename &&
+          ownOutput->device == uint64_t(st.st_dev) && ownOutput->inode == uint64_t(st.st_ino))
+        break;  // this source's own earlier output
+    }
   }
 }
 
-// Compresses in sorted order, at most concurrencyLimit() files at a time, each recorded as it
-// ends. A stop lets no further file start.
+// Compresses in sorted order, at most concurrencyLimit() files at a time, each claiming its
+// cost from the process's compression budget, and each recorded as it ends. A stop lets no
+// further file start.
 void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, const Settings& settings) {
   const int total = int(candidates.size());
   int completed = 0;  // under reportLock_
@@ -229,6 +263,8 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
     utilityPool().start([&] {
       for (size_t index; !isStopped() && (index = next++) < candidates.size();) {
         const Candidate& candidate = candidates[index];
+        const CompressionBudget::Claim claim = CompressionBudget::process().claim(
+            CompressionCost::fileCostMB(candidate.path, settings.format, settings.quality));
         record(candidate,
                ImageCompressor::compress(candidate.path, destination, settings.format, settings.quality,
                                          candidate.destinationFilename),
@@ -240,23 +276,38 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
   finished.acquire(workers);
 }
 
-// A success is stored at once, so that a crash redoes only the files in flight; then the
-// line and the progress are reported.
+// A success is stored at once, with the identity of what it wrote, so that a crash redoes
+// only the files in flight; then the line and the progress are reported. A failure that
+// repeats the last one reported for the file as it stands is not reported again.
 void HotFolderWatcher::record(const Candidate& candidate, const ImageCompressionResult& result,
                               int& completed, int total) {
   if (!result.error) {
     // The listed values, not fresh ones: a file that changed meanwhile comes up again.
-    HotFolderProcessedStore::update(hotFolder_.idText(), [&](HotFolderProcessedMap& files) {
-      files.insert(candidate.name, {candidate.size, candidate.modificationDate});
-    });
+    HotFolderProcessedEntry entry{candidate.size, candidate.modificationDate, std::nullopt};
+    struct stat st {};
+    if (result.destination && ::stat(result.destination->c_str(), &st) == 0) {
+      entry.output = {QFile::decodeName(candidate.destinationFilename.c_str()), uint64_t(st.st_dev),
+                      uint64_t(st.st_ino)};
+    }
+    HotFolderProcessedStore::update(
+        hotFolder_.idText(), [&](HotFolderProcessedMap& files) { files.insert(candidate.name, entry); });
   }
   std::lock_guard lock(reportLock_);
   HotFolderActivity line{
       QUuid::createUuid(), hotFolder_.name, candidate.name, std::nullopt, QDateTime::currentDateTimeUtc(),
       std::nullopt};
   if (result.destination) line.destinationURL = QFile::decodeName(result.destination->c_str());
-  if (result.error) line.error = QString::fromStdString(*result.error);
-  if (onActivity) onActivity(line);
+  bool repeated = false;
+  if (result.error) {
+    line.error = QString::fromStdString(*result.error);
+    const ReportedFailure failure{candidate.size, candidate.modificationDate, *line.error};
+    const auto previous = reportedFailures_.find(candidate.fileName);
+    repeated = previous != reportedFailures_.end() && previous->second == failure;
+    reportedFailures_[candidate.fileName] = failure;
+  } else {
+    reportedFailures_.erase(candidate.fileName);
+  }
+  if (onActivity && !repeated) onActivity(line);
   ++completed;
   if (onProgress) onProgress(completed, total);
 }

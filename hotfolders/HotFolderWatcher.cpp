@@ -17,8 +17,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kPollInterval{30'000};
 
-// Entry changes of the folder, plus a file closed after writing; never IN_MODIFY, which every
-// write() of a copy raises. The *_SELF and UNMOUNT events tell that the folder went away.
+// Entry changes of the folder, plus a file closed after writing, ask for a scan; IN_MODIFY,
+// which every write() of a copy raises, only marks the file as being written until it is
+// closed. The *_SELF and UNMOUNT events tell that the folder went away.
 constexpr uint32_t kEntryEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE;
 constexpr uint32_t kGoneEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
 
@@ -78,10 +79,14 @@ class HotFolderWatcher::Loop : public QObject {
     fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     // Watching needs read permission on the folder, so an unreadable folder fails here.
     if (fd_ < 0 || ::inotify_add_watch(fd_, QFile::encodeName(folder).constData(),
-                                       kEntryEvents | kGoneEvents | IN_ONLYDIR) < 0)
+                                       kEntryEvents | IN_MODIFY | kGoneEvents | IN_ONLYDIR) < 0)
       return wait();
     notifier_ = new QSocketNotifier(qintptr(fd_), QSocketNotifier::Read, this);
     connect(notifier_, &QSocketNotifier::activated, this, [this] { readEvents(); });
+    {
+      std::lock_guard lock(watcher_.stateLock_);
+      watcher_.writing_.clear();
+    }
     device_ = uint64_t(st.st_dev);
     inode_ = uint64_t(st.st_ino);
     wasMountRoot_ = wasMountRoot_ || isMountRoot(folder);
@@ -120,6 +125,38 @@ class HotFolderWatcher::Loop : public QObject {
     retry_.stop();
   }
 
+  // Drains the descriptor; an entry change asks for a scan, the folder going away ends the
+  // watch and waits for the folder to come back.
+  void readEvents() {
+    if (fd_ < 0) return;
+    bool changed = false, gone = false;
+    alignas(inotify_event) char buffer[16 * 1024];
+    for (;;) {
+      const ssize_t n = ::read(fd_, buffer, sizeof buffer);
+      if (n <= 0) break;
+      std::lock_guard lock(watcher_.stateLock_);
+      for (ssize_t at = 0; at < n;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+        // An overflowed event queue lost entry events: a scan finds out what they were.
+        changed = changed || (event->mask & (kEntryEvents | IN_Q_OVERFLOW));
+        gone = gone || (event->mask & kGoneEvents);
+        if (event->len > 0 && !(event->mask & IN_ISDIR)) {
+          if (event->mask & IN_MODIFY) {
+            watcher_.writing_.insert(event->name);
+          } else if (event->mask & (IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO)) {
+            watcher_.writing_.erase(event->name);
+          }
+        }
+        at += ssize_t(sizeof(inotify_event) + event->len);
+      }
+    }
+    if (gone) {
+      wait();
+    } else if (changed) {
+      requestScan();
+    }
+  }
+
  private:
   void scanIfRunning() {
     if (!watcher_.isStopped()) watcher_.scanOnce();
@@ -138,29 +175,6 @@ class HotFolderWatcher::Loop : public QObject {
     fd_ = -1;
     debounce_.stop();
     poll_.stop();
-  }
-
-  // Drains the descriptor; an entry change asks for a scan, the folder going away ends the
-  // watch and waits for the folder to come back.
-  void readEvents() {
-    bool changed = false, gone = false;
-    alignas(inotify_event) char buffer[16 * 1024];
-    for (;;) {
-      const ssize_t n = ::read(fd_, buffer, sizeof buffer);
-      if (n <= 0) break;
-      for (ssize_t at = 0; at < n;) {
-        const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-        // An overflowed event queue lost entry events: a scan finds out what they were.
-        changed = changed || (event->mask & (kEntryEvents | IN_Q_OVERFLOW));
-        gone = gone || (event->mask & kGoneEvents);
-        at += ssize_t(sizeof(inotify_event) + event->len);
-      }
-    }
-    if (gone) {
-      wait();
-    } else if (changed) {
-      requestScan();
-    }
   }
 
   HotFolderWatcher& watcher_;
@@ -230,6 +244,13 @@ void HotFolderWatcher::stop() {
   }
   QMetaObject::invokeMethod(
       loop_, [loop = loop_] { loop->stop(); }, Qt::QueuedConnection);
+}
+
+std::set<std::string> HotFolderWatcher::namesBeingWritten() {
+  // A scan runs on the watcher's thread and blocks its events: read what came meanwhile.
+  if (QThread::currentThread() == thread_.get()) loop_->readEvents();
+  std::lock_guard lock(stateLock_);
+  return writing_;
 }
 
 void HotFolderWatcher::finish() {

@@ -28,13 +28,16 @@
 #include <QStringList>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "hotfolders/HotFolder.h"
+#include "hotfolders/HotFolderProcessedStore.h"
 
 class QThread;
 
@@ -127,9 +130,10 @@ class HotFolderWatcher {
   struct Settings;   // a scan's resolved destination, format and quality
 
   // The scan's steps (HotFolderScan.cpp).
-  std::vector<Candidate> pick(QStringList& staleNames) const;
+  std::vector<Candidate> pick(const HotFolderProcessedMap& known, QStringList& staleNames);
   std::optional<Settings> resolveSettings();
-  void name(std::vector<Candidate>& candidates, const Settings& settings) const;
+  void name(std::vector<Candidate>& candidates, const Settings& settings,
+            const HotFolderProcessedMap& known) const;
   void compressAll(const std::vector<Candidate>& candidates, const Settings& settings);
   void record(const Candidate& candidate, const ImageCompressionResult& result, int& completed, int total);
 
@@ -142,11 +146,24 @@ class HotFolderWatcher {
   std::unique_ptr<QThread> thread_;
   Loop* loop_;  // lives on thread_; deleted once thread_ has ended
 
-  mutable std::mutex stateLock_;  // guards the two fields below; never held across a call out
+  // Names of the files written and not closed since the watch began, as inotify tells; the
+  // watcher's thread reads its events first when it asks.
+  std::set<std::string> namesBeingWritten();
+
+  mutable std::mutex stateLock_;  // guards the fields below; never held across a call out
   bool isStopped_ = false;
   State state_ = State::stopped;
+  std::set<std::string> writing_;  // file names (bytes)
 
-  std::mutex reportLock_;  // orders the callbacks of one scan's compressions
+  std::mutex reportLock_;  // orders the callbacks; guards the two fields below
+  struct ReportedFailure {
+    int64_t size;
+    double modificationDate;
+    QString error;
+    bool operator==(const ReportedFailure&) const = default;
+  };
+  std::map<std::string, ReportedFailure> reportedFailures_;  // by file name (bytes)
+  std::optional<QString> reportedFolderError_;
 };
 
 }  // namespace quillane

@@ -206,9 +206,15 @@ void HotFoldersManager::clearActivity() {
   emit recentActivityChanged();
 }
 
+// Errors and successes are counted apart, so that a run of successes never pushes the last
+// errors out of sight.
 void HotFoldersManager::record(const HotFolderActivity& activity) {
   recentActivity_.insert(recentActivity_.begin(), activity);
-  if (recentActivity_.size() > size_t(kActivityLimit)) recentActivity_.resize(kActivityLimit);
+  const bool isError = activity.isError();
+  int kept = 0;
+  std::erase_if(recentActivity_, [&](const HotFolderActivity& line) {
+    return line.isError() == isError && ++kept > (isError ? kErrorLimit : kActivityLimit);
+  });
   emit recentActivityChanged();
 }
 

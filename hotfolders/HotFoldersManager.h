@@ -1,8 +1,9 @@
 #pragma once
 // HotFoldersManager: owns the list of hot folders, persisted in hotFolders.json, and one
 // HotFolderWatcher for each enabled folder that may run. It is what the settings pane shows:
-// the folders and the state of each, the recent activity (newest first, memory only) and the
-// progress of running scans. One instance lives for the life of the application.
+// the folders and the state of each, the recent activity (newest first, memory only: the
+// last 100 successes and, apart from them, the last 100 errors) and the progress of running
+// scans. One instance lives for the life of the application.
 //
 // GUI thread only. What touches the file system runs elsewhere: the checks of the enabled
 // folders against each other on a private pool, each watcher's opening of its folder on the
@@ -30,7 +31,8 @@ class MountObserver;
 class HotFoldersManager : public QObject {
   Q_OBJECT
  public:
-  static constexpr int kActivityLimit = 100;
+  static constexpr int kActivityLimit = 100;  // successes
+  static constexpr int kErrorLimit = 100;
 
   // What an enabled folder is doing. A disabled or unknown folder is `disabled`.
   struct Status {

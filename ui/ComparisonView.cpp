@@ -22,6 +22,7 @@
 #include "engine/ImageDecoder.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
+#include "ui/RowRules.h"
 #include "ui/UiText.h"
 
 namespace quillane::ui {
@@ -84,6 +85,9 @@ CompressedCaption compressedCaption(const ImportedImage& image) {
       caption.change = sizeChangeText(change);
       caption.changeTone = change.reduced ? CompressedCaption::Tone::green : CompressedCaption::Tone::orange;
       caption.text = formatByteCount(state.sizeBytes) + QStringLiteral(" · ") + caption.change;
+      if (const auto distance = image.butteraugli())
+        caption.distance =
+            format("comparison.distanceFormat", "distance %@", {RowRules::distanceText(*distance)});
       break;
     }
     case EncodeState::Kind::encoding:
@@ -110,6 +114,7 @@ SplitCompareWidget::SplitCompareWidget(BatchViewModel& viewModel, std::shared_pt
   setFixedSize(sizeHint());
   setCursor(Qt::SizeHorCursor);
   connect(image_.get(), &ImportedImage::encodeStateChanged, this, qOverload<>(&QWidget::update));
+  connect(image_.get(), &ImportedImage::resultLookChanged, this, qOverload<>(&QWidget::update));
   connect(&viewModel_, &BatchViewModel::outputFormatChanged, this, qOverload<>(&QWidget::update));
 }
 
@@ -241,6 +246,11 @@ SplitCompareWidget::BadgeText SplitCompareWidget::badgeText(bool original) const
   } else {
     for (const QString& part : detail.split(QStringLiteral(" · ")))
       badge.detailLines << detailMetrics.elidedText(part, Qt::ElideRight, badge.maxTextWidth);
+  }
+  if (!original) {
+    const QString distance = compressedCaption(*image_).distance;
+    if (!distance.isEmpty())
+      badge.detailLines << detailMetrics.elidedText(distance, Qt::ElideRight, badge.maxTextWidth);
   }
   return badge;
 }

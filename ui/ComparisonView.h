@@ -49,6 +49,7 @@ struct CompressedCaption {
   QString text;                   // whole text ("1.2 MB · −40 %", "Encodage…", the failure message)
   QString change;                 // ready only: the part after " · "
   Tone changeTone = Tone::plain;  // ready: green or orange; failed: red
+  QString distance;               // ready and measured: "distance 0.84", a line of its own
 };
 CompressedCaption compressedCaption(const ImportedImage& image);
 

@@ -182,6 +182,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
 
   connect(&manager_, &HotFoldersManager::hotFoldersChanged, this, &HotFoldersSettingsView::rebuildList);
   connect(&manager_, &HotFoldersManager::progressChanged, this, &HotFoldersSettingsView::refreshProgress);
+  connect(&manager_, &HotFoldersManager::statusChanged, this, &HotFoldersSettingsView::refreshStatus);
   connect(&manager_, &HotFoldersManager::recentActivityChanged, this,
           &HotFoldersSettingsView::rebuildActivity);
   connect(&viewModel_, &BatchViewModel::exportProfilesChanged, this,
@@ -320,9 +321,11 @@ void HotFoldersSettingsView::rebuildProfileMenu() {
 void HotFoldersSettingsView::rebuildList() {
   clearLayout(rows_);
   progressWidgets_.clear();
+  statusLabels_.clear();
   existing_->setVisible(!manager_.hotFolders().empty());
   for (const HotFolder& hotFolder : manager_.hotFolders()) rows_->addWidget(makeRow(hotFolder));
   refreshProgress();
+  refreshStatus();
   if (editingID_ && std::none_of(manager_.hotFolders().begin(), manager_.hotFolders().end(),
                                  [&](const HotFolder& folder) { return folder.id == *editingID_; })) {
     resetForm();  // the folder being edited was deleted
@@ -380,7 +383,33 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
   outer->addWidget(bar);
   outer->addWidget(count);
   progressWidgets_[hotFolder.id] = {bar, count};
+  QLabel* status = makeNote(QString(), row);
+  status->setObjectName(QStringLiteral("statusText"));
+  status->setWordWrap(true);
+  texts->addWidget(status);
+  statusLabels_[hotFolder.id] = status;
   return row;
+}
+
+// What each enabled folder is doing: watching, waiting for its folder, or refused and why.
+void HotFoldersSettingsView::refreshStatus() {
+  for (auto& [id, label] : statusLabels_) {
+    const HotFoldersManager::Status status = manager_.status(id);
+    using State = HotFoldersManager::Status::State;
+    QString line;
+    if (status.state == State::watching) {
+      line = text("settings.hotFolders.stateWatching", "Surveillé");
+    } else if (status.state == State::waitingForFolder) {
+      line = text("settings.hotFolders.stateWaiting", "En attente du dossier");
+    } else if (status.state == State::refused) {
+      line = status.message;
+    }
+    label->setText(line);
+    label->setVisible(!line.isEmpty());
+    label->setStyleSheet(status.state == State::refused
+                             ? QStringLiteral("color: %1").arg(Icons::redColor(palette()).name())
+                             : QString());
+  }
 }
 
 void HotFoldersSettingsView::refreshProgress() {

@@ -81,6 +81,7 @@ class HotFoldersSettingsView : public QWidget {
  private:
   void rebuildList();
   void refreshProgress();
+  void refreshStatus();
   void rebuildActivity();
   void rebuildProfileMenu();
   void refreshForm();
@@ -101,6 +102,7 @@ class HotFoldersSettingsView : public QWidget {
   QGroupBox* existing_;
   QVBoxLayout* rows_;
   std::map<QUuid, std::pair<QProgressBar*, QLabel*>> progressWidgets_;
+  std::map<QUuid, QLabel*> statusLabels_;
   QGroupBox* form_;
   QLineEdit* name_;
   QLabel* sourceLabel_;

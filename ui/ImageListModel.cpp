@@ -71,7 +71,7 @@ QVariant ImageListModel::data(const QModelIndex& index, int role) const {
       const RowRules::SizeSummary summary = RowRules::sizeSummary(*image, viewModel_.outputFormat());
       QStringList parts{image->fileName(), RowRules::metaText(*image)};
       if (summary.kind == RowRules::SizeSummary::Kind::lines)
-        parts << summary.firstLine << summary.secondLine;
+        parts << summary.firstLine << summary.secondLine << RowRules::look(*image).word;
       if (image->exportError()) parts << *image->exportError();
       parts.removeAll(QString());
       return parts.join(QStringLiteral(", "));
@@ -98,6 +98,11 @@ void ImageListModel::watch(const std::shared_ptr<ImportedImage>& image) {
   connect(image.get(), &ImportedImage::exportErrorChanged, this, changed);
   connect(image.get(), &ImportedImage::thumbnailChanged, this, [this, id] {
     thumbnails_.remove(id);
+    resultThumbnails_.remove(id);
+    imageChanged(id);
+  });
+  connect(image.get(), &ImportedImage::resultLookChanged, this, [this, id] {
+    resultThumbnails_.remove(id);
     imageChanged(id);
   });
 }
@@ -124,6 +129,7 @@ void ImageListModel::onImagesChanged() {
   for (const QUuid& id : shownIDs_) {
     if (after.count(id)) continue;
     thumbnails_.remove(id);
+    resultThumbnails_.remove(id);
     // The image may already be gone from the batch; its signals then stop with it.
     if (auto gone = viewModel_.image(id)) disconnect(gone.get(), nullptr, this, nullptr);
   }
@@ -164,14 +170,12 @@ void ImageListModel::onFailuresChanged() {
   endResetModel();
 }
 
-QPixmap ImageListModel::thumbnail(const ImportedImage& image, int side, qreal devicePixelRatio) const {
-  const int device = std::max(1, qRound(side * devicePixelRatio));
-  auto it = thumbnails_.constFind(image.id());
-  if (it != thumbnails_.constEnd() && it->width() == device) return *it;
-
+namespace {
+// `thumb` scaled and cropped to a square of `device` pixels, rounded corners; a grey square
+// when there is none.
+QPixmap squarePixmap(const DecodedImage& thumb, int device, qreal devicePixelRatio) {
   QPixmap result(device, device);
   result.fill(Qt::transparent);
-  const DecodedImage& thumb = image.thumbnail();
   QPainter painter(&result);
   painter.setRenderHint(QPainter::Antialiasing);
   painter.setRenderHint(QPainter::SmoothPixmapTransform);
@@ -192,7 +196,26 @@ QPixmap ImageListModel::thumbnail(const ImportedImage& image, int side, qreal de
   }
   painter.end();
   result.setDevicePixelRatio(devicePixelRatio);
+  return result;
+}
+}  // namespace
+
+QPixmap ImageListModel::thumbnail(const ImportedImage& image, int side, qreal devicePixelRatio) const {
+  const int device = std::max(1, qRound(side * devicePixelRatio));
+  auto it = thumbnails_.constFind(image.id());
+  if (it != thumbnails_.constEnd() && it->width() == device) return *it;
+  QPixmap result = squarePixmap(image.thumbnail(), device, devicePixelRatio);
   thumbnails_.insert(image.id(), result);
+  return result;
+}
+
+QPixmap ImageListModel::resultThumbnail(const ImportedImage& image, int side, qreal devicePixelRatio) const {
+  if (image.resultThumbnail().empty()) return thumbnail(image, side, devicePixelRatio);
+  const int device = std::max(1, qRound(side * devicePixelRatio));
+  auto it = resultThumbnails_.constFind(image.id());
+  if (it != resultThumbnails_.constEnd() && it->width() == device) return *it;
+  QPixmap result = squarePixmap(image.resultThumbnail(), device, devicePixelRatio);
+  resultThumbnails_.insert(image.id(), result);
   return result;
 }
 

@@ -41,6 +41,8 @@ class ImageListModel : public QAbstractListModel {
 
   // The thumbnail scaled and cropped to a square of `side` device pixels, rounded corners.
   QPixmap thumbnail(const ImportedImage& image, int side, qreal devicePixelRatio) const;
+  // The same of the encoded result once it is measured; until then the source's.
+  QPixmap resultThumbnail(const ImportedImage& image, int side, qreal devicePixelRatio) const;
 
   // Whether any image is encoding (the view animates its spinners while so).
   bool anyEncoding() const;
@@ -56,6 +58,7 @@ class ImageListModel : public QAbstractListModel {
   int shownFailures_ = 0;
   QHash<QUuid, int> rowOfID_;
   mutable QHash<QUuid, QPixmap> thumbnails_;
+  mutable QHash<QUuid, QPixmap> resultThumbnails_;
 };
 
 }  // namespace quillane::ui

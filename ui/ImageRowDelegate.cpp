@@ -188,13 +188,19 @@ QString ImageRowDelegate::helpText(const QModelIndex& index, RowHit part) const 
   auto image = model_.imageAt(index.row());
   if (!image) return {};
   switch (part) {
-    case RowHit::thumbnail:
-      return text("row.comparisonHelp", "Comparer l'original et l'image compressée");
+    case RowHit::thumbnail: {
+      const QString help = text("row.comparisonHelp", "Comparer l'original et l'image compressée");
+      const QString look = RowRules::look(*image).help;
+      return look.isEmpty() ? help : help + QLatin1Char('\n') + look;
+    }
     case RowHit::animatedBadge:
       return RowRules::animatedHelp(*image, output);
     case RowHit::summary:
-    case RowHit::summaryRetry:
-      return RowRules::sizeSummary(*image, output).help;
+    case RowHit::summaryRetry: {
+      const QString help = RowRules::sizeSummary(*image, output).help;
+      const QString look = RowRules::look(*image).help;
+      return look.isEmpty() ? help : help + QLatin1Char('\n') + look;
+    }
     case RowHit::quality:
       return RowRules::qualityHelp(*image, output);
     case RowHit::warning:
@@ -308,7 +314,7 @@ void ImageRowDelegate::paintImageRow(QPainter* painter, const QStyleOptionViewIt
   painter->drawPixmap(g.thumb, thumb);
   painter->drawPixmap(g.arrow, Icons::pixmap("arrow.right", g.arrow.width(), secondary, dpr));
   painter->setOpacity(encoding ? 0.4 : 1.0);
-  painter->drawPixmap(g.compressed, thumb);
+  painter->drawPixmap(g.compressed, model_.resultThumbnail(*image, thumbnailSide, dpr));
   painter->setOpacity(1.0);
   if (encoding) paintSpinner(painter, g.compressed.adjusted(12, 12, -12, -12), palette.color(QPalette::Text));
 
@@ -324,9 +330,21 @@ void ImageRowDelegate::paintImageRow(QPainter* painter, const QStyleOptionViewIt
   const QFont small = smallFont(option.font);
   painter->setFont(small);
   painter->setPen(secondary);
-  painter->drawText(
-      g.meta, Qt::AlignLeft | Qt::AlignVCenter,
-      QFontMetrics(small).elidedText(RowRules::metaText(*image), Qt::ElideRight, g.meta.width()));
+  // The result's look, when measured, ends the line in its tone; the metadata gives way to it.
+  const RowRules::Look look = RowRules::look(*image);
+  QRect meta = g.meta;
+  if (!look.word.isEmpty() && !encoding) {
+    const QFontMetrics sfm(small);
+    const int wordWidth = std::min(sfm.horizontalAdvance(look.word) + 2, meta.width() / 2);
+    const QRect word(meta.right() - wordWidth + 1, meta.top(), wordWidth, meta.height());
+    meta.setRight(word.left() - 8);
+    painter->setPen(toneColor(look.tone, palette));
+    painter->drawText(word, Qt::AlignRight | Qt::AlignVCenter,
+                      sfm.elidedText(look.word, Qt::ElideRight, word.width()));
+    painter->setPen(secondary);
+  }
+  painter->drawText(meta, Qt::AlignLeft | Qt::AlignVCenter,
+                    QFontMetrics(small).elidedText(RowRules::metaText(*image), Qt::ElideRight, meta.width()));
 
   // Size summary.
   const RowRules::SizeSummary summary = RowRules::sizeSummary(*image, output);

@@ -4,13 +4,16 @@
 #include <QApplication>
 #include <QDesktopServices>
 #include <QFrame>
+#include <QLabel>
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QScrollBar>
 #include <QStackedWidget>
 #include <QTimer>
+#include <QUndoStack>
 #include <QUrl>
 #include <QVBoxLayout>
+#include <utility>
 
 #include "batch/BatchViewModel.h"
 #include "ui/ComparisonView.h"
@@ -25,6 +28,34 @@
 #include "ui/UiText.h"
 
 namespace quillane::ui {
+
+namespace {
+// One change the model announced, already done when pushed: the stack's first redo is skipped.
+// Quality changes of one image in a row (a slider drag) merge into one step.
+class ModelChangeCommand : public QUndoCommand {
+ public:
+  ModelChangeCommand(const QString& label, QString mergeKey, std::function<void()> undo,
+                     std::function<void()> redo)
+      : QUndoCommand(label), mergeKey_(std::move(mergeKey)), undo_(std::move(undo)), redo_(std::move(redo)) {}
+  void undo() override { undo_(); }
+  void redo() override {
+    if (std::exchange(pushed_, false)) return;
+    redo_();
+  }
+  int id() const override { return mergeKey_.isEmpty() ? -1 : 1; }
+  bool mergeWith(const QUndoCommand* other) override {
+    const auto* next = static_cast<const ModelChangeCommand*>(other);
+    if (next->mergeKey_ != mergeKey_) return false;
+    redo_ = next->redo_;
+    return true;
+  }
+
+ private:
+  QString mergeKey_;
+  std::function<void()> undo_, redo_;
+  bool pushed_ = true;
+};
+}  // namespace
 
 MainWindow::MainWindow(BatchViewModel& viewModel, QWidget* parent)
     : QMainWindow(parent), viewModel_(viewModel), panels_(std::make_unique<DesktopPanels>(this)) {
@@ -52,12 +83,29 @@ MainWindow::MainWindow(BatchViewModel& viewModel, QWidget* parent)
   stack_->addWidget(drop_);
   stack_->addWidget(list_);
   layout->addWidget(stack_, 1);
+  total_ = new QLabel(central);
+  total_->setObjectName(QStringLiteral("batchTotal"));
+  total_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+  total_->setContentsMargins(12, 4, 12, 6);
+  layout->addWidget(total_);
   setCentralWidget(central);
+  // Any row's change may change the total: the list model announces them all.
+  const QAbstractItemModel* rows = &list_->listModel();
+  connect(rows, &QAbstractItemModel::dataChanged, this, &MainWindow::refreshTotal);
+  connect(rows, &QAbstractItemModel::rowsInserted, this, &MainWindow::refreshTotal);
+  connect(rows, &QAbstractItemModel::rowsRemoved, this, &MainWindow::refreshTotal);
+  connect(rows, &QAbstractItemModel::modelReset, this, &MainWindow::refreshTotal);
 
   connect(list_, &ImageListView::comparisonRequested, this, &MainWindow::showComparison);
   connect(list_, &ImageListView::qualityOverrideRequested, this, &MainWindow::showQualityOverride);
   connect(list_, &ImageListView::exportSingleRequested, this, &MainWindow::exportSingle);
 
+  undoStack_ = new QUndoStack(this);
+  connect(&viewModel_, &BatchViewModel::undoableChange, this,
+          [this](const QString& label, const QString& mergeKey, std::function<void()> undo,
+                 std::function<void()> redo) {
+            undoStack_->push(new ModelChangeCommand(label, mergeKey, std::move(undo), std::move(redo)));
+          });
   buildMenus();
   connect(&viewModel_, &BatchViewModel::imagesChanged, this, &MainWindow::refresh);
   connect(&viewModel_, &BatchViewModel::importFailuresChanged, this, &MainWindow::refresh);
@@ -104,9 +152,17 @@ void MainWindow::buildMenus() {
   settings->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
   settings->setMenuRole(QAction::PreferencesRole);
   file->addSeparator();
-  quitAction_ = file->addAction(text("menu.quit", "Quitter"), qApp, &QApplication::closeAllWindows);
+  quitAction_ = file->addAction(text("menu.quit", "Quitter"), qApp, &QCoreApplication::quit);
   quitAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
   quitAction_->setMenuRole(QAction::QuitRole);
+
+  QMenu* edit = menuBar()->addMenu(text("menu.edit", "Édition"));
+  QAction* undo = undoStack_->createUndoAction(this, text("menu.undo", "Annuler"));
+  undo->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Z));
+  edit->addAction(undo);
+  QAction* redo = undoStack_->createRedoAction(this, text("menu.redo", "Rétablir"));
+  redo->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z));
+  edit->addAction(redo);
 
   QMenu* quality = menuBar()->addMenu(text("quality.label", "Qualité"));
   increaseAction_ = quality->addAction(text("menu.increaseQuality", "Augmenter la qualité"), this, [this] {
@@ -133,6 +189,14 @@ void MainWindow::refresh() {
   stack_->setCurrentWidget(empty ? static_cast<QWidget*>(drop_) : static_cast<QWidget*>(list_));
   exportAction_->setEnabled(RowRules::canExportAll(viewModel_.isEncoding(), viewModel_.hasPendingRecompute(),
                                                    !viewModel_.images().empty()));
+  refreshTotal();
+}
+
+void MainWindow::refreshTotal() {
+  const QString total = RowRules::batchTotalText(viewModel_.images());
+  total_->setText(total);
+  total_->setAccessibleName(total);
+  total_->setVisible(!total.isEmpty() && showsList());
 }
 
 void MainWindow::refreshExportError() {

@@ -12,7 +12,9 @@
 
 class QAction;
 class QMessageBox;
+class QLabel;
 class QStackedWidget;
+class QUndoStack;
 
 namespace quillane {
 class BatchViewModel;
@@ -49,6 +51,7 @@ class MainWindow : public QMainWindow {
   ControlsBar* controlsBar() const { return bar_; }
   DropTargetView* dropTarget() const { return drop_; }
   ImageListView* imageList() const { return list_; }
+  QUndoStack* undoStack() const { return undoStack_; }
   bool showsList() const;
   QAction* importAction() const { return importAction_; }
   QAction* exportAction() const { return exportAction_; }
@@ -67,6 +70,7 @@ class MainWindow : public QMainWindow {
   void buildMenus();
   void refresh();
   void refreshExportError();
+  void refreshTotal();
 
   BatchViewModel& viewModel_;
   std::unique_ptr<DesktopPanels> panels_;
@@ -75,6 +79,9 @@ class MainWindow : public QMainWindow {
   QStackedWidget* stack_;
   DropTargetView* drop_;
   ImageListView* list_;
+  QLabel* total_;
+  // The batch's undoable changes (BatchViewModel::undoableChange), Edit > Undo / Redo.
+  QUndoStack* undoStack_;  // the batch's before, after and saving, under the list
   QAction* importAction_ = nullptr;
   QAction* exportAction_ = nullptr;
   QAction* increaseAction_ = nullptr;

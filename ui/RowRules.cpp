@@ -1,5 +1,6 @@
 #include "ui/RowRules.h"
 
+#include <QLocale>
 #include <QString>
 #include <string>
 
@@ -78,6 +79,48 @@ SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat) {
       break;
   }
   return summary;
+}
+
+Look look(const ImportedImage& image) {
+  Look result;
+  const auto distance = image.butteraugli();
+  if (!distance) return result;
+  if (*distance < kLooksIdentical) {
+    result.word = text("look.identical", "Identique à l'œil");
+    result.tone = Tone::green;
+  } else if (*distance < kLooksClose) {
+    result.word = text("look.close", "Très proche");
+    result.tone = Tone::secondary;
+  } else {
+    result.word = text("look.different", "Différence visible");
+    result.tone = Tone::orange;
+  }
+  result.help = format("look.helpFormat",
+                       "Distance perceptuelle (butteraugli) : %@. Sous 1, aucune différence ne se voit ; "
+                       "sous 2, elle est légère ; au-delà, elle se voit.",
+                       {distanceText(*distance)});
+  return result;
+}
+
+QString distanceText(double distance) { return QLocale().toString(distance, 'f', 2); }
+
+QString batchTotalText(const ImageList& images) {
+  int64_t before = 0, after = 0;
+  for (const auto& image : images) {
+    const EncodeState state = image->encodeState();
+    if (!state.isReady()) continue;
+    before += image->originalSizeBytes();
+    after += state.sizeBytes;
+  }
+  if (before == 0 && after == 0) return {};
+  const SizeChange change = sizeChange(after, before);
+  if (!change.reduced)
+    return format("list.totalIncreasedFormat", "Avant %1$@ · après %2$@ · %3$@ de plus (%4$@)",
+                  {formatByteCount(before), formatByteCount(after), formatByteCount(after - before),
+                   sizeChangeText(change)});
+  return format("list.totalFormat", "Avant %1$@ · après %2$@ · gain %3$@ (%4$@)",
+                {formatByteCount(before), formatByteCount(after), formatByteCount(before - after),
+                 sizeChangeText(change)});
 }
 
 QString importedCountText(int count) {

@@ -8,6 +8,7 @@
 #include <QString>
 #include <cstdint>
 
+#include "batch/BatchViewModel.h"
 #include "batch/ImportedImage.h"
 #include "engine/ImageFormat.h"
 
@@ -37,6 +38,25 @@ struct SizeSummary {
   QString help;                // help of the block (failed) or of the second line
 };
 SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat);
+
+// How a result looks beside its source, from its measured distance: the row's short word, its
+// tone and the help that gives the number. Empty texts until the distance is measured.
+// Below kLooksIdentical no difference shows at a normal viewing distance; below kLooksClose
+// it is slight (bench/README.md, "Perceptual distance", for why these two).
+inline constexpr double kLooksIdentical = 1.0;
+inline constexpr double kLooksClose = 2.0;
+struct Look {
+  QString word;
+  Tone tone = Tone::secondary;
+  QString help;
+};
+Look look(const ImportedImage& image);
+// A distance as the views show it: two decimals in the locale's digits ("0.84").
+QString distanceText(double distance);
+
+// The line under the list: before, after and the saving of the ready results, in bytes and
+// percent; empty while no result is ready. Pass-through rows count at their own size.
+QString batchTotalText(const ImageList& images);
 
 // The bar's imported-count text: singular for exactly one image.
 QString importedCountText(int count);

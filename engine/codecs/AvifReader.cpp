@@ -158,6 +158,11 @@ DecodedImage decodeAvif(Input bytes, int minLongSide) {
   if (!decoder) fail("avifDecoderParse: damaged or truncated AVIF");
   checkSize(decoder->image->width, decoder->image->height);
   checkCodedSizes(bytes);
+  // And dav1d, which libavif gives this limit when it starts it, refuses any frame larger than
+  // the file declares (in whole 64-pixel blocks), whatever a header the check above missed says.
+  auto blocks = [](uint64_t side) { return (side + 63) / 64 * 64; };
+  decoder->imageSizeLimit = uint32_t(std::min<uint64_t>(
+      decoder->imageSizeLimit, blocks(decoder->image->width) * blocks(decoder->image->height)));
   // An image sequence's frames are samples of a track, not items: its first frame's data
   // is checked against the size the track declares.
   avifExtent extent{};

@@ -36,6 +36,7 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   o.reader = nullptr;  // the real seams
   o.encoder = nullptr;
   o.inspector = nullptr;
+  o.measureResults = true;
   auto& model = makeModel(o);
   import({QUrl::fromLocalFile(dir_.filePath("pattern.png")), source("notes.png", "this is not an image"),
           latin1URL});
@@ -47,6 +48,10 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
 
   ASSERT_TRUE(waitIdle(20000));
   ASSERT_TRUE(image->encodeState().isReady()) << image->encodeState().message.toStdString();
+  // After the size, how the result looks: its distance and its own thumbnail.
+  ASSERT_TRUE(QTest::qWaitFor([&] { return image->butteraugli().has_value(); }, 20000));
+  EXPECT_GT(*image->butteraugli(), 0.0);
+  EXPECT_EQ(image->resultThumbnail().width, 64);
   QDir(dir_.path()).mkpath("out");
   const auto outcomes = await(model.exportAll(QUrl::fromLocalFile(dir_.filePath("out"))));
   ASSERT_TRUE(outcomes.at(0).destinationURL);

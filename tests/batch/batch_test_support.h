@@ -82,6 +82,7 @@ class BatchFixture : public ::testing::Test {
     o.processorCount = 2;
     o.memoryBudgetMB = 2048;
     o.restoreSession = false;
+    o.measureResults = false;  // the fake results are no pictures
     return o;
   }
   BatchViewModel& makeModel(BatchViewModel::Options o) {

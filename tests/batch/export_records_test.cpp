@@ -129,13 +129,20 @@ TEST_F(ExportTest, UndoRespectsSupersedingRecordsAndKeepsARecordWhoseFileWontGo)
   EXPECT_TRUE(model.isRecordSuperseded(older) && !model.isRecordSuperseded(newer));
   model.undoExport(older);  // the file belongs to the newer record
   EXPECT_TRUE(QFile::exists(target));
+  // The file goes to the desktop's Trash (the one of this sandbox), where the user can still
+  // take it back.
+  const QString dataHome = dir_.filePath("data");
+  const QByteArray previousDataHome = qgetenv("XDG_DATA_HOME");
+  qputenv("XDG_DATA_HOME", dataHome.toUtf8());
   model.undoExport(newer);
+  qputenv("XDG_DATA_HOME", previousDataHome);
   EXPECT_FALSE(QFile::exists(target));
+  EXPECT_TRUE(QFile::exists(dataHome + "/Trash/files/a.jpg"));
   EXPECT_TRUE(ExportHistory::load().empty());
 
   exportIt();
   QFile::remove(target);
-  QDir().mkpath(target + "/inside");  // a non-empty folder in its place: removal fails even for root
+  QDir().mkpath(target + "/inside");  // a folder in its place is not the export's: it stays
   model.undoExport(model.exportHistory()[0]);
   EXPECT_EQ(model.exportHistory().size(), 1u);
   EXPECT_TRUE(model.exportError().value_or("").contains("a.jpg"));

@@ -217,6 +217,10 @@ TEST_F(Bombs, ACodedPictureLargerThanItsDeclaredSizeIsRefusedBeforeDecoding) {
       {"HEVC and alpha", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40}); }},
       {"AV1 in HEIC", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40, .av1 = true}); }},
       {"AVIF", [](const DecodedImage& i) { return fixtures::avif(i, {.quantizer = 40}); }},
+      {"AVIF sequence",
+       [](const DecodedImage& i) {
+         return fixtures::avif(i, {.quantizer = 40, .alpha = false, .frames = 2});
+       }},
       {"AVIF grid", [](const DecodedImage& i) {  // cells of at least 64 x 64, as libavif wants
          const DecodedImage cell = fixtures::quadrants(std::max(i.width, 64), std::max(i.height, 64));
          return fixtures::grid(fixtures::avif(cell, {.quantizer = 40, .alpha = false}), 2, 2);

@@ -6,8 +6,10 @@
 
 #include "engine/EncodeCost.h"
 #include "engine/Encoders.h"
+#include "engine/ImageDecoder.h"
 #include "engine/PageRelease.h"
 #include "tests/engine/encoder_test_support.h"
+#include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane {
@@ -80,6 +82,17 @@ TEST(EncodeCost, TheClaimCoversEveryPlanOfTheSourceForEveryFormat) {
       }
     }
   }
+}
+
+TEST(EncodeCost, AFileIsClaimedFromItsHeaderAndSize) {
+  testing::TempDir dir;
+  const std::string path = dir.file("photo.jpg");
+  testing::writeBytes(path, fixtures::jpeg(testing::makeImage(640, 480, testing::Pattern::photo)));
+  EXPECT_EQ(EncodeCost::peakBytes(path, ImageFormat::avif, 75),
+            EncodeCost::peakBytes({ImageFormat::jpeg, 640, 480, uint64_t(ImageDecoder::fileSize(path))},
+                                  ImageFormat::avif, 75));
+  testing::writeBytes(dir.file("text.jpg"), {'n', 'o'});
+  EXPECT_FALSE(EncodeCost::peakBytes(dir.file("text.jpg"), ImageFormat::avif, 75));
 }
 
 TEST(PageRelease, GivesBackOnlyWholePagesInsideTheRange) {

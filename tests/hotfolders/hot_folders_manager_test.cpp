@@ -146,22 +146,50 @@ TEST_F(HotFoldersManagerTest, VolumeMountedOnTheFolderIsFollowedAndItsUnmountDro
   EXPECT_EQ(errorLines(manager), 1);
 }
 
-TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredLines) {
-  HotFolderList folders;
-  for (int i = 0; i < 101; ++i) {
-    folders.push_back({QUuid::createUuid(), QString::number(i), temp_.path() + "/missing", destination_,
-                       std::nullopt, std::nullopt, std::nullopt, true});
-  }
-  HotFolders::save(folders);
+TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredSuccessesAndTheErrorsApart) {
+  for (int i = 0; i < 101; ++i) putImage(QStringLiteral("p%1.jpg").arg(i), i, true, 8);
+  HotFolder gone = folder();
+  gone.name = "Gone";
+  gone.sourceFolder = temp_.path() + "/missing";
   HotFoldersManager manager;
+  manager.upsert(gone);
+  settle(manager, gone.id, State::waitingForFolder);
+  const HotFolder hotFolder = folder();
+  manager.upsert(hotFolder);
   ASSERT_TRUE(QTest::qWaitFor(
-      [&] {
-        return std::all_of(folders.begin(), folders.end(), [&](const HotFolder& folder) {
-          return manager.status(folder.id).state == State::waitingForFolder;
-        });
-      },
-      20000));
-  EXPECT_EQ(manager.recentActivity().size(), 100u);
+      [&] { return HotFolderProcessedStore::folderState(hotFolder.idText()).size() == 101; }, 60000));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return doneLines(manager) == 100; }, 10000));
+  EXPECT_EQ(errorLines(manager), 1);
+  EXPECT_EQ(manager.recentActivity().back().hotFolderName, QStringLiteral("Gone"));
+}
+
+// A destination in another folder's source, through a link here, would feed each folder the
+// other's outputs for ever: both are refused and say why; an unrelated folder runs.
+TEST_F(HotFoldersManagerTest, FoldersThatFeedEachOtherAreRefusedEvenThroughALink) {
+  const QString a = temp_.path() + "/a", b = temp_.path() + "/b", link = temp_.path() + "/link";
+  ASSERT_TRUE(QDir().mkpath(a) && QDir().mkpath(b + "/sub"));
+  ASSERT_EQ(::symlink(QFile::encodeName(b).constData(), QFile::encodeName(link).constData()), 0);
+  HotFolder first = folder(), second = folder(), alone = folder();
+  first.name = "First";
+  first.sourceFolder = a;
+  first.destinationFolder = link + "/sub/new";  // inside b, through the link, not made yet
+  second.name = "Second";
+  second.sourceFolder = b;
+  second.destinationFolder = temp_.path() + "/elsewhere";
+  alone.sourceFolder = source_;
+  HotFolders::save({first, second, alone});
+  HotFoldersManager manager;
+  settle(manager, alone.id, State::watching);
+  settle(manager, first.id, State::refused);
+  settle(manager, second.id, State::refused);
+  EXPECT_TRUE(manager.status(first.id).message.contains("Second"));
+  EXPECT_TRUE(manager.status(second.id).message.contains("First"));
+  EXPECT_EQ(errorLines(manager), 2);
+
+  first.destinationFolder = temp_.path() + "/out-a";  // the loop undone: both run
+  manager.upsert(first);
+  settle(manager, first.id, State::watching);
+  settle(manager, second.id, State::watching);
 }
 
 TEST_F(HotFoldersManagerTest, ScanReportsProgressOnlyWhileItRunsAndDeletionForgetsTheFolder) {

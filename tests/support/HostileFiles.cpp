@@ -63,13 +63,17 @@ Bytes deflateAll(Feed&& feed, size_t limit = SIZE_MAX) {
 }  // namespace
 
 Bytes withDeclaredSize(Bytes file, uint32_t width, uint32_t height) {
-  for (size_t at = 4; at + 16 <= file.size(); ++at)
-    if (std::memcmp(&file[at], "ispe", 4) == 0) {
-      Bytes size;
-      put32(size, width);
-      put32(size, height);
-      std::memcpy(&file[at + 8], size.data(), 8);  // after the version and flags
-    }
+  for (size_t at = 4; at + 16 <= file.size(); ++at) {
+    // ispe: after its version and flags. tkhd: 16.16 fixed point after its times, id and
+    // duration (20 bytes, 32 in version 1), then layer, volume and matrix (52 bytes).
+    const bool ispe = std::memcmp(&file[at], "ispe", 4) == 0, tkhd = std::memcmp(&file[at], "tkhd", 4) == 0;
+    const size_t offset = ispe ? at + 8 : at + 8 + (file[at + 4] == 1 ? 32 : 20) + 52;
+    if ((!ispe && !tkhd) || offset + 8 > file.size()) continue;
+    Bytes size;
+    put32(size, tkhd ? width << 16 : width);
+    put32(size, tkhd ? height << 16 : height);
+    std::memcpy(&file[offset], size.data(), 8);
+  }
   return file;
 }
 

@@ -10,8 +10,8 @@ namespace quillane::fixtures {
 
 using Bytes = std::vector<uint8_t>;
 
-// `file` (a HEIC or AVIF) with every "ispe" box rewritten to declare `width` x `height`: the
-// coded pictures stay as they were.
+// `file` (a HEIC or AVIF) with every "ispe" box, and the track header of an image sequence,
+// rewritten to declare `width` x `height`: the coded pictures stay as they were.
 Bytes withDeclaredSize(Bytes file, uint32_t width, uint32_t height);
 
 // A PNG of `width` x `height`, 8-bit RGBA, whose image data (`dataBytes` of deflated noise) can

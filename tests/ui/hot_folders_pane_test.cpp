@@ -124,6 +124,11 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   const QStringList errors = texts(pane().errorSection());
   EXPECT_TRUE(errors.contains(title(0)) && errors.contains(title(19)) && !errors.contains(title(20)));
   EXPECT_TRUE(texts(pane().activitySection()).contains(title(4)));
+  // Each row says what its folder is doing.
+  QStringList states;
+  for (QLabel* label : pane().existingSection()->findChildren<QLabel*>("statusText")) states << label->text();
+  EXPECT_EQ(states.count(ui::text("settings.hotFolders.stateWaiting", "En attente du dossier")), 30);
+  EXPECT_EQ(states.count(ui::text("settings.hotFolders.stateWatching", "Surveillé")), 1);
 
   QList<QCheckBox*> switches = pane().existingSection()->findChildren<QCheckBox*>("enabledSwitch");
   ASSERT_EQ(switches.size(), 31);

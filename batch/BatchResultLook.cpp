@@ -1,0 +1,81 @@
+// How each result looks beside its source (EncodeScheduler::measureResult): after an encode's
+// size is shown, its perceptual distance and a thumbnail of the result are measured on the
+// encode pool, within the same processor slots and memory budget as the encodes, and handed to
+// the row. GUI thread, but for the pool body, which gets copies and touches no QObject.
+
+#include <QMetaObject>
+#include <QThreadPool>
+#include <QtConcurrent/QtConcurrentRun>
+#include <atomic>
+
+#include "batch/EncodeScheduler.h"
+#include "budget/CompressionBudget.h"
+#include "budget/CompressionCost.h"
+#include "engine/Cancellation.h"
+#include "engine/PerceptualDistance.h"
+
+namespace quillane {
+
+namespace {
+struct Look {
+  std::optional<double> butteraugli;
+  DecodedImage thumbnail;
+};
+}  // namespace
+
+void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image) {
+  if (!options_.measureResults || !image || !image->compressedData()) return;
+  const QByteArray result = *image->compressedData();
+  // A newer result makes this measure worthless: its change raises the flag, which libjxl's
+  // work polls.
+  auto cancel = std::make_shared<Cancellation::Flag>(false);
+  auto stale = std::make_shared<QMetaObject::Connection>();
+  *stale = connect(image.get(), &ImportedImage::compressedDataChanged, this, [cancel, stale] {
+    cancel->store(true);
+    QObject::disconnect(*stale);
+  });
+  const int costMB = CompressionCost::measureCostMB(
+      image->width(), image->height(),
+      uint64_t(std::max<int64_t>(image->originalSizeBytes(), 0)) + uint64_t(result.size()));
+  std::weak_ptr<ImportedImage> weakImage = image;
+  CompressionBudget* memory = options_.memoryBudget;
+  processorSlots_->wait(1, this, [this, weakImage, result, cancel, stale, costMB, memory] {
+    memory->wait(costMB, this, [this, weakImage, result, cancel, stale, costMB, memory] {
+      auto image = weakImage.lock();
+      if (!image || cancel->load()) {
+        memory->release(costMB);
+        processorSlots_->release(1);
+        return;
+      }
+      QtConcurrent::run(pool_.get(), [reader = options_.reader, path = image->sourceFilePath(), result,
+                                      cancel, memory, costMB] {
+        Look look;
+        Cancellation::Scope scope(cancel.get());
+        const std::span<const uint8_t> resultBytes(reinterpret_cast<const uint8_t*>(result.constData()),
+                                                   size_t(result.size()));
+        try {
+          const std::vector<uint8_t> source = reader(path);
+          look.butteraugli = PerceptualDistance::between(source, resultBytes);
+        } catch (...) {
+          // no number rather than one that can't be trusted
+        }
+        if (!cancel->load()) {
+          if (auto thumbnail = ImageDecoder::loadPreview(resultBytes, ImageDecoder::kThumbnailSize))
+            look.thumbnail = std::move(*thumbnail);
+        }
+        memory->release(costMB);  // the work has ended, whatever becomes of its result
+        return look;
+      }).then(this, [this, weakImage, result, stale](Look look) {
+        processorSlots_->release(1);
+        QObject::disconnect(*stale);
+        auto image = weakImage.lock();
+        // Implicit sharing: the same data pointer means the row still shows this result.
+        if (!image || !image->compressedData() || image->compressedData()->constData() != result.constData())
+          return;
+        image->setResultLook(look.butteraugli, std::move(look.thumbnail));
+      });
+    });
+  });
+}
+
+}  // namespace quillane
