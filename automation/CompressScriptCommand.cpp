@@ -22,6 +22,7 @@
 #include "batch/ExportFilenameAllocator.h"
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
+#include "engine/DecodedImage.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageFormat.h"
@@ -49,6 +50,11 @@ ScriptCommandError ScriptCommandError::missingOutputDirectory() {
 
 ScriptCommandError ScriptCommandError::folderUnusable(const std::string& folder, const std::string& reason) {
   return ScriptCommandError(folder + ": " + reason);
+}
+
+ScriptCommandError ScriptCommandError::invalidOption(const std::string& name, const std::string& value) {
+  return ScriptCommandError(Localization::format("appleScript.error.invalidOptionFormat",
+                                                 "Valeur invalide pour %1$@ : %2$@", {name, value}));
 }
 
 namespace CompressScriptCommand {
@@ -180,9 +186,40 @@ std::optional<std::string> url(const QVariant& value) {
   }
 }
 
+CompressionOptions compressionOptions(const QVariantMap& arguments) {
+  CompressionOptions options;
+  const auto whole = [&](const char* name) -> int {
+    const QVariant value = arguments.value(name);
+    if (!value.isValid()) return 0;
+    bool ok = false;
+    const qlonglong number = value.toLongLong(&ok);
+    if (value.typeId() == QMetaType::Bool || !ok || number < 1 || number > kMaxDimension)
+      throw ScriptCommandError::invalidOption(name, value.toString().toStdString());
+    return int(number);
+  };
+  options.maxWidth = whole(maxWidthArgument);
+  options.maxHeight = whole(maxHeightArgument);
+  if (const QVariant budget = arguments.value(maxBytesArgument); budget.isValid()) {
+    std::optional<int64_t> bytes;
+    if (budget.typeId() == QMetaType::QString)
+      bytes = ImageCompressor::parseByteCount(budget.toString().toStdString());
+    else if (budget.typeId() != QMetaType::Bool && budget.canConvert<qlonglong>() && budget.toLongLong() > 0)
+      bytes = budget.toLongLong();
+    if (!bytes) throw ScriptCommandError::invalidOption(maxBytesArgument, budget.toString().toStdString());
+    options.maxBytes = *bytes;
+  }
+  if (const QVariant skip = arguments.value(skipLargerArgument); skip.isValid()) {
+    if (skip.typeId() != QMetaType::Bool)
+      throw ScriptCommandError::invalidOption(skipLargerArgument, skip.toString().toStdString());
+    options.skipLarger = skip.toBool();
+  }
+  return options;
+}
+
 std::string perform(const QVariant& directParameter, const QVariantMap& evaluatedArguments) {
   const std::vector<std::string> paths = filePaths(directParameter);
   if (paths.empty()) throw ScriptCommandError::noFiles();
+  const CompressionOptions options = compressionOptions(evaluatedArguments);
 
   // The folder stays in bytes; the resolver only needs to know that one was given.
   const std::optional<std::string> explicitFolder = url(evaluatedArguments.value(toArgument));
@@ -211,8 +248,8 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
       paths.size(),
       [&](size_t i) {
         try {
-          results[i] =
-              ImageCompressor::compress(paths[i], folder, resolved.format, resolved.quality, names[i], true);
+          results[i] = ImageCompressor::compress(paths[i], folder, resolved.format, resolved.quality,
+                                                 names[i], true, options);
         } catch (const std::exception&) {  // out of memory for the record itself
           results[i].path = paths[i];
           results[i].error = Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");

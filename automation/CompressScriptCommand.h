@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "engine/Errors.h"
+#include "engine/ImageCompressor.h"
 
 namespace quillane {
 
@@ -28,6 +29,8 @@ class ScriptCommandError : public QuillaneError {
   static ScriptCommandError missingOutputDirectory();
   // The output folder can't be made or written: "<folder>: <the system's text>".
   static ScriptCommandError folderUnusable(const std::string& folder, const std::string& reason);
+  // A size, byte budget or switch argument of the wrong kind: "maxBytes: not a size: 12x".
+  static ScriptCommandError invalidOption(const std::string& name, const std::string& value);
 
   const std::string& message() const { return message_; }
   std::string description() const override { return message_; }
@@ -44,6 +47,14 @@ inline constexpr char toArgument[] = "to";            // a QUrl, a QString or QB
 inline constexpr char formatArgument[] = "format";    // a QString in any case; unknown names ignored
 inline constexpr char qualityArgument[] = "quality";  // a number; any other form ignored
 inline constexpr char profileArgument[] = "profile";  // a QString
+// Fit within maxWidth x maxHeight pixels (whole numbers above 0), keep each file within
+// maxBytes (a number, or a QString such as "500k" or "1.5M"), and write no result that is not
+// smaller than its source (skipLarger, a bool). Absent: off. A value of another kind fails
+// the command with invalidOption.
+inline constexpr char maxWidthArgument[] = "maxWidth";
+inline constexpr char maxHeightArgument[] = "maxHeight";
+inline constexpr char maxBytesArgument[] = "maxBytes";
+inline constexpr char skipLargerArgument[] = "skipLarger";
 
 // The error number a failed command reports, as script hosts expect it.
 inline constexpr int commandErrorNumber = 6;
@@ -69,6 +80,9 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
 // valid UTF-8), or a list of these, nested to any depth, flattened in order. Anything else,
 // or nothing, raises invalidDirectParameter.
 std::vector<std::string> filePaths(const QVariant& value);
+
+// The size options of the arguments; raises invalidOption for a value of the wrong kind.
+CompressionOptions compressionOptions(const QVariantMap& evaluatedArguments);
 
 // A folder argument as bytes: a local QUrl's path, a QString or QByteArray as a path,
 // anything else nothing.

@@ -36,6 +36,7 @@ struct BatchViewModel::InspectionRun {
 
 namespace {
 const QString kSessionFile = QStringLiteral("importSession.json");
+const QString kSettingsFile = QStringLiteral("batchSettings.json");
 
 struct Snapshot {
   QUrl sourceURL;
@@ -205,6 +206,25 @@ void BatchViewModel::persistImportSession() {
     list.push(std::move(entry));
   }
   JSONFileStore::save(list, kSessionFile);
+}
+
+void BatchViewModel::persistSettings() {
+  settingsSave_.stop();
+  JsonValue settings = JsonValue::object();
+  settings.set("outputFormat", ImageFormats::rawValue(outputFormat_));
+  settings.set("quality", quality_);
+  JSONFileStore::save(settings, kSettingsFile);
+}
+
+void BatchViewModel::restoreSettings() {
+  // {"outputFormat": raw name, "quality": 1...100}; anything else keeps the defaults.
+  const std::optional<QJsonDocument> document = JSONFileStore::load(kSettingsFile);
+  if (!document || !document->isObject()) return;
+  const QJsonObject object = document->object();
+  const std::string raw = object.value("outputFormat").toString().toStdString();
+  if (const auto format = ImageFormats::fromRawValue(raw)) outputFormat_ = *format;
+  const double quality = object.value("quality").toDouble(-1);
+  if (quality >= 1 && quality <= 100) quality_ = quality;
 }
 
 void BatchViewModel::restoreSession() {

@@ -1,6 +1,9 @@
 // Export profiles and export history of BatchViewModel. Both lists are saved whole at each
 // assignment; a failed save is silent and the list in memory stays the truth for this run.
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -67,7 +70,7 @@ void BatchViewModel::recordExports(const std::vector<BatchExporter::Written>& wr
     ExportRecord record;
     record.id = QUuid::createUuid();
     record.sourceDisplayName = file.image->fileName();
-    record.destinationURL = file.destination.toLocalFile();
+    record.destinationURL = file.destination;
     record.format = file.format;
     record.sizeBytes = file.sizeBytes;
     record.date = ExportHistory::now();
@@ -98,18 +101,23 @@ bool moveToTrash(QFile& file) {
 void BatchViewModel::undoExport(const ExportRecord& record) {
   // A superseded record's file belongs to the newer export: only the record goes.
   if (!isRecordSuperseded(record)) {
-    const QFileInfo info(record.destinationURL);
-    if (info.exists() || info.isSymLink()) {
+    const std::string path = localFilePath(record.destinationURL);
+    const QString name = QFile::decodeName(QByteArray::fromStdString(path));
+    struct stat st {};
+    if (!path.empty() && ::lstat(path.c_str(), &st) == 0) {
       // To the desktop's Trash, not deleted: an undo of an export can itself be taken back
-      // from the file manager.
+      // from the file manager. A name that is not UTF-8 can't be handed to Qt's Trash: that
+      // file is deleted by its bytes.
       // A folder in its place is not what was exported: it stays where it is.
-      QFile file(record.destinationURL);
-      const bool folder = info.isDir() && !info.isSymLink();
-      if (folder || !moveToTrash(file)) {
+      QFile file(name);
+      const bool folder = S_ISDIR(st.st_mode);
+      const bool qtCanNameIt = QFile::encodeName(name).toStdString() == path;
+      const bool removed = !folder && (qtCanNameIt ? moveToTrash(file) : ::unlink(path.c_str()) == 0);
+      if (!removed) {
         const std::string reason = std::strerror(folder ? EISDIR : EIO);
-        setExportError(QString::fromStdString(Localization::format("export.deleteFailedFormat",
-                                                                   "Impossible de supprimer « %@ » : %@",
-                                                                   {info.fileName().toStdString(), reason})));
+        setExportError(QString::fromStdString(
+            Localization::format("export.deleteFailedFormat", "Impossible de supprimer « %@ » : %@",
+                                 {record.destinationURL.fileName().toStdString(), reason})));
         return;
       }
     }
@@ -122,7 +130,7 @@ void BatchViewModel::undoExport(const ExportRecord& record) {
 void BatchViewModel::clearExportHistory() { setExportHistory({}); }
 
 void BatchViewModel::showInFileManager(const ExportRecord& record) {
-  if (panels_) panels_->showInFileManager(QUrl::fromLocalFile(record.destinationURL));
+  if (panels_) panels_->showInFileManager(record.destinationURL);
 }
 
 }  // namespace quillane

@@ -57,10 +57,19 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
     recomputeAll();
   });
 
-  if (options_.restoreSession) QTimer::singleShot(0, this, [this] { restoreSession(); });
+  // Format and quality are saved once a change has settled (a slider drag writes once) and
+  // come back with the restored batch.
+  settingsSave_.setSingleShot(true);
+  settingsSave_.setInterval(500);
+  connect(&settingsSave_, &QTimer::timeout, this, &BatchViewModel::persistSettings);
+  if (options_.restoreSession) {
+    restoreSettings();
+    QTimer::singleShot(0, this, [this] { restoreSession(); });
+  }
 }
 
 BatchViewModel::~BatchViewModel() {
+  if (settingsSave_.isActive()) persistSettings();
   // The scheduler and the exporter wait for their own threads as they go; results go nowhere,
   // since every continuation is tied to an object being destroyed.
   scheduler_.reset();
@@ -78,12 +87,14 @@ void BatchViewModel::setQuality(double quality) {
   quality_ = quality;
   emit qualityChanged();
   scheduleRecompute();
+  settingsSave_.start();
 }
 
 void BatchViewModel::setOutputFormat(ImageFormat format) {
   outputFormat_ = format;
   emit outputFormatChanged();
   scheduleRecompute();
+  settingsSave_.start();
 }
 
 void BatchViewModel::setExportError(std::optional<QString> error) {

@@ -193,6 +193,9 @@ class BatchViewModel : public QObject {
   // ---- Session ----
   // Saves the list of source URLs and overrides to importSession.json.
   void persistImportSession();
+  // Saves the output format and the global quality to batchSettings.json (also done by itself
+  // half a second after a change); they are read back at start-up with the session.
+  void persistSettings();
 
   // ---- Profiles ----
   const ExportProfileList& exportProfiles() const { return exportProfiles_; }
@@ -271,6 +274,7 @@ class BatchViewModel : public QObject {
   void recordImportFailure(const QUrl& url, const QString& message);
   void appendImported(const std::shared_ptr<ImportedImage>& image);
   void restoreSession();
+  void restoreSettings();
 
   // Undo: announces a change unless one is being replayed; `replay` runs a change replayed.
   void announceUndoable(const QString& text, const QString& mergeKey, std::function<void()> undo,
@@ -300,7 +304,8 @@ class BatchViewModel : public QObject {
   bool hasPendingRecompute_ = false;
   bool isQualitySliderEditing_ = false;
 
-  QTimer qualityDebounce_;                              // single shot, restarted by each change
+  QTimer qualityDebounce_;  // single shot, restarted by each change
+  QTimer settingsSave_;     // single shot, restarted by each change of format or quality
   std::unique_ptr<CompressionBudget> ownMemoryBudget_;  // when Options::memoryBudgetMB is set
   CompressionBudget* memoryBudget_ = nullptr;           // megabytes: own, else the process's
   std::unique_ptr<QThreadPool> inspectPool_;

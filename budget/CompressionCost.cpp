@@ -14,14 +14,13 @@ int memoryBudgetMB(uint64_t physicalMemoryBytes) {
   return 512;
 }
 
-int encodeCostMB(const EncodeCost::Source& source, ImageFormat target, double quality) {
-  return std::max(megabytes(EncodeCost::peakBytes(source, target, quality)), 1);
+int encodeCostMB(const EncodeCost::Source& source, ImageFormat format, double quality) {
+  return std::max(megabytes(EncodeCost::peakBytes(source, format, quality)), 1);
 }
 
-int fileCostMB(const std::string& path, ImageFormat target, double quality) {
-  const std::optional<uint64_t> peak = EncodeCost::peakBytes(path, target, quality);
-  if (!peak) return std::numeric_limits<int>::max();
-  return std::max(megabytes(*peak), 1);
+int fileCostMB(const std::string& path, ImageFormat format, double quality) {
+  const auto peak = EncodeCost::peakBytes(path, format, quality);
+  return peak ? std::max(megabytes(*peak), 1) : std::numeric_limits<int>::max();
 }
 
 int measureCostMB(int width, int height, uint64_t fileBytes) {
@@ -29,11 +28,11 @@ int measureCostMB(int width, int height, uint64_t fileBytes) {
   return std::max(megabytes(bytes), 1);
 }
 
-int measuredFileCostMB(const std::string& path, ImageFormat target, double quality) {
+int measuredFileCostMB(const std::string& path, ImageFormat format, double quality) {
   const auto header = ImageDecoder::readHeader(path);
   if (!header) return std::numeric_limits<int>::max();
   const uint64_t file = uint64_t(std::max<int64_t>(ImageDecoder::fileSize(path), 0));
-  return std::max(fileCostMB(path, target, quality), measureCostMB(header->width, header->height, file * 2));
+  return std::max(fileCostMB(path, format, quality), measureCostMB(header->width, header->height, file * 2));
 }
 
 int previewCostMB(std::span<const uint8_t> bytes, int maxPixelSize) {

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <new>
@@ -20,6 +22,7 @@
 #include "engine/Localization.h"
 #include "engine/PerceptualDistance.h"
 #include "engine/RGBABuffer.h"
+#include "engine/Resample.h"
 
 namespace quillane {
 namespace {
@@ -95,6 +98,12 @@ std::string baseName(const std::string& path) {
 
 }  // namespace
 
+std::string BudgetError::description() const {
+  return Localization::format(
+      "error.budgetUnreachableFormat", "Impossible de descendre sous %1$@ en %2$@ x %3$@.",
+      {ImageCompressor::byteCountText(maxBytes_), std::to_string(width_), std::to_string(height_)});
+}
+
 std::string ImageCompressionResult::toJSON() const {
   JsonValue object = JsonValue::object();
   object.set("path", path);
@@ -104,6 +113,13 @@ std::string ImageCompressionResult::toJSON() const {
   if (destination) object.set("destination", *destination);
   if (butteraugli) object.set("butteraugli", *butteraugli);
   if (error) object.set("error", *error);
+  if (quality) object.set("quality", *quality);
+  if (pixelWidth) object.set("pixelWidth", *pixelWidth);
+  if (pixelHeight) object.set("pixelHeight", *pixelHeight);
+  if (skipped) {
+    object.set("skipped", true);
+    object.set("reason", *skipped);
+  }
   return object.writeSorted();
 }
 
@@ -111,9 +127,10 @@ namespace ImageCompressor {
 
 namespace {
 
-// encodeData; `owned`, when given, holds the file's bytes (`fileData`), which go as soon as the
+// encode; `owned`, when given, holds the file's bytes (`fileData`), which go as soon as the
 // picture is decoded unless a JPEG is to be repackaged as JPEG XL from them.
-Bytes encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageFormat format, double quality) {
+Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageFormat format, double quality,
+                     const CompressionOptions& options) {
   // Between its stages the pipeline stops when its caller gave up (Cancellation.h).
   ImageDecoder::DecodedSource source = ImageDecoder::decodeCGImageSource(fileData);
   const ImageFormat sourceFormat = source.format;
@@ -122,6 +139,15 @@ Bytes encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageFormat 
     fileData = {};
   }
   Cancellation::check();
+  Encoded result;
+  if (options.fits()) {
+    const int width = source.image.width;
+    source.image = Resample::fitBox(std::move(source.image), options.maxWidth, options.maxHeight);
+    result.fitted = source.image.width != width;
+    Cancellation::check();
+  }
+  result.width = source.image.width;
+  result.height = source.image.height;
   Pictures pictures;
   // A JPEG, HEIC or AVIF writer reads the decoded frame, which differs from the RGBA buffer
   // only for 16 bits or alpha (the writer composites or keeps it itself). Otherwise the
@@ -159,57 +185,137 @@ Bytes encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageFormat 
   if (format == ImageFormat::webp) pictures.argb.emplace(std::move(pictures.rgba));
   Cancellation::check();
 
-  // A JPEG repackaged as JPEG XL loses nothing and is reconstructible byte for byte; below
-  // 90 the user asked for a smaller file than that gives, so it is encoded from pixels.
-  if (format == ImageFormat::jxl && sourceFormat == ImageFormat::jpeg && quality >= 90) {
-    if (auto transcoded = JXLEncoder::transcodeJPEG(fileData, plan.effort + 5)) return std::move(*transcoded);
-  }
+  // One encoding of the picture at `q` under `plan`. With `consume` its last encoding may take
+  // the picture's memory; a budget's search keeps the picture for the next one.
+  const auto encodeAt = [&](const EncodingPlan& plan, double q, bool consume) -> Bytes {
+    // A JPEG repackaged as JPEG XL loses nothing and is reconstructible byte for byte; below
+    // 90 the user asked for a smaller file than that gives, so it is encoded from pixels.
+    if (format == ImageFormat::jxl && sourceFormat == ImageFormat::jpeg && q >= 90 && !result.fitted) {
+      if (auto transcoded = JXLEncoder::transcodeJPEG(fileData, plan.effort + 5))
+        return std::move(*transcoded);
+    }
 
-  // A WebP plan whose lossless encoding cannot beat its lossy one runs the lossy one alone:
-  // the bytes are those the smaller of the two gave, without the costlier encoding.
-  if (format == ImageFormat::webp && plan.alternative) {
-    using Kind = EncodingPlan::Mode::Kind;
-    const bool mainLossless = plan.mode.kind == Kind::lossless;
-    const EncodingPlan::Mode& lossy = mainLossless ? *plan.alternative : plan.mode;
-    if ((mainLossless || plan.alternative->kind == Kind::lossless) &&
-        !EncodingStrategy::losslessWebPMayWin(characteristics, lossy)) {
-      if (!mainLossless) return encodeWith(pictures, format, plan, characteristics, plan.mode, false, true);
-      try {
-        return encodeWith(pictures, format, plan, characteristics, lossy, true, false);
-      } catch (const std::exception&) {
-        // a failed lossy encoding leaves the lossless main encoding to try, as before
+    // A WebP plan whose lossless encoding cannot beat its lossy one runs the lossy one alone:
+    // the bytes are those the smaller of the two gave, without the costlier encoding.
+    if (format == ImageFormat::webp && plan.alternative) {
+      using Kind = EncodingPlan::Mode::Kind;
+      const bool mainLossless = plan.mode.kind == Kind::lossless;
+      const EncodingPlan::Mode& lossy = mainLossless ? *plan.alternative : plan.mode;
+      if ((mainLossless || plan.alternative->kind == Kind::lossless) &&
+          !EncodingStrategy::losslessWebPMayWin(characteristics, lossy)) {
+        if (!mainLossless)
+          return encodeWith(pictures, format, plan, characteristics, plan.mode, false, consume);
+        try {
+          return encodeWith(pictures, format, plan, characteristics, lossy, true, false);
+        } catch (const std::exception&) {
+          // a failed lossy encoding leaves the lossless main encoding to try, as before
+        }
       }
     }
-  }
 
-  Bytes main = encodeWith(pictures, format, plan, characteristics, plan.mode, false, !plan.alternative);
-  if (!plan.alternative) return main;
-  Cancellation::check();
-  Bytes second;
-  try {
-    second = encodeWith(pictures, format, plan, characteristics, *plan.alternative, true, true);
-  } catch (const std::exception&) {
-    return main;  // a failed competitor leaves the main encoding standing
+    Bytes main =
+        encodeWith(pictures, format, plan, characteristics, plan.mode, false, consume && !plan.alternative);
+    if (!plan.alternative) return main;
+    Cancellation::check();
+    Bytes second;
+    try {
+      second = encodeWith(pictures, format, plan, characteristics, *plan.alternative, true, consume);
+    } catch (const std::exception&) {
+      return main;  // a failed competitor leaves the main encoding standing
+    }
+    return second.size() < main.size() ? second : main;
+  };
+
+  const auto budget = uint64_t(std::max<int64_t>(options.maxBytes, 0));
+  result.quality = quality;
+  result.bytes = encodeAt(plan, quality, budget == 0);
+  result.encodes = 1;
+  if (budget == 0 || result.bytes.size() <= budget) return result;
+
+  // The highest whole quality below the one asked for whose file fits. The file's size falls
+  // roughly exponentially with quality: the first guess assumes it halves every 20 steps,
+  // later ones interpolate the logarithm of the size between the closest qualities known
+  // above and below the budget. `fitsAt` holds the best fitting encoding so far.
+  constexpr int kMaxEncodes = 7;
+  const double target = std::log(double(budget) * 0.97);
+  int high = int(std::ceil(quality));  // too large here
+  double highLog = std::log(double(result.bytes.size()));
+  int low = 0;  // fits here; 0 while no quality is known to fit
+  double lowLog = 0;
+  std::optional<Bytes> fitsAt;
+  const auto tryQuality = [&](int q) {
+    Cancellation::check();
+    Bytes bytes = encodeAt(EncodingStrategy::plan(characteristics, format, q), q, false);
+    ++result.encodes;
+    const double size = std::log(double(std::max<size_t>(bytes.size(), 1)));
+    if (bytes.size() <= budget) {
+      low = q, lowLog = size;
+      fitsAt = std::move(bytes);
+    } else {
+      high = q, highLog = size;
+    }
+  };
+  while (high - low > 1 && result.encodes < kMaxEncodes) {
+    double guess;
+    if (low == 0)
+      guess = high - (highLog - target) / (std::log(2.0) / 20.0);
+    else
+      guess = low + (high - low) * (target - lowLog) / std::max(highLog - lowLog, 1e-9);
+    // Inside the bracket, and, once both ends are known, never hugging one end so that a
+    // badly curved size still halves the bracket at least every other step.
+    int q = int(std::lround(guess));
+    if (low > 0 && result.encodes % 2 == 0) q = (low + high) / 2;
+    tryQuality(std::clamp(q, low + 1, high - 1));
   }
-  return second.size() < main.size() ? second : main;
+  if (!fitsAt && high > 1) tryQuality(1);
+  if (!fitsAt) throw BudgetError(options.maxBytes, result.width, result.height);
+  result.bytes = std::move(*fitsAt);
+  result.quality = low;
+  return result;
 }
 
 }  // namespace
 
 Bytes encodeData(std::span<const uint8_t> fileData, ImageFormat format, double quality) {
-  return encodeSource(fileData, nullptr, format, quality);
+  return encodeSource(fileData, nullptr, format, quality, CompressionOptions{}).bytes;
+}
+
+Encoded encode(std::span<const uint8_t> fileData, ImageFormat format, double quality,
+               const CompressionOptions& options) {
+  return encodeSource(fileData, nullptr, format, quality, options);
+}
+
+std::string byteCountText(int64_t bytes) {
+  const auto scaled = [](double value, const char* unit) {
+    std::string text = Json::formatDouble(std::round(value * 10) / 10);
+    return text + " " + unit;
+  };
+  if (bytes >= 1000000) return scaled(double(bytes) / 1e6, "MB");
+  if (bytes >= 1000) return scaled(double(bytes) / 1e3, "kB");
+  return std::to_string(bytes) + " bytes";
 }
 
 ImageCompressionResult compress(const std::string& path, const std::string& directory, ImageFormat format,
                                 double quality, const std::optional<std::string>& destinationFilename,
-                                bool measure) {
+                                bool measure, const CompressionOptions& options) {
   ImageCompressionResult result;
   result.path = path;
   try {
     Bytes source = ImageDecoder::readSource(path);
     const auto original = int64_t(source.size());
     // The file's bytes go once decoded, unless the measure reads them afterwards.
-    const Bytes compressed = encodeSource(source, measure ? nullptr : &source, format, quality);
+    const Encoded encoded = encodeSource(source, measure ? nullptr : &source, format, quality, options);
+    const Bytes& compressed = encoded.bytes;
+    result.quality = encoded.quality;
+    result.pixelWidth = encoded.width;
+    result.pixelHeight = encoded.height;
+    result.originalSizeBytes = original;
+    if (options.skipLarger && int64_t(compressed.size()) >= original) {
+      result.skipped = Localization::format("result.keptOriginalFormat",
+                                            "Original conservé : le résultat (%1$@) n'était pas plus petit.",
+                                            {byteCountText(int64_t(compressed.size()))});
+      return result;
+    }
     const std::string name = destinationFilename
                                  ? *destinationFilename
                                  : baseName(path) + "." + std::string(ImageFormats::fileExtension(format));
@@ -236,6 +342,28 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
     result.error = ImageProcessingError::decodingFailed("cancelled").description();
   }
   return result;
+}
+
+std::optional<int64_t> parseByteCount(std::string_view text) {
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+  if (!text.empty() && (text.back() == 'B' || text.back() == 'b')) text.remove_suffix(1);
+  double unit = 1;
+  if (!text.empty() && (text.back() == 'k' || text.back() == 'K')) unit = 1e3;
+  if (!text.empty() && (text.back() == 'm' || text.back() == 'M')) unit = 1e6;
+  if (unit > 1) text.remove_suffix(1);
+  if (text.empty() || text.size() > 20) return std::nullopt;
+  bool dot = false;
+  for (char c : text) {
+    if (c == '.' && !dot && unit > 1) {
+      dot = true;
+      continue;
+    }
+    if (c < '0' || c > '9') return std::nullopt;
+  }
+  const double value = std::strtod(std::string(text).c_str(), nullptr) * unit;
+  if (!(value >= 1) || value > 9e18) return std::nullopt;
+  return int64_t(std::llround(value));
 }
 
 int64_t fileSize(const std::string& path) {

@@ -15,7 +15,7 @@ namespace quillane::PerceptualDistance {
 // tile up to kFullPixelLimit, and a spread sample of tiles covering kFullPixelLimit above it
 // (bench/README.md, "Perceptual distance": cost, memory and agreement of each).
 inline constexpr uint64_t kWholePixelLimit = 1'000'000;
-inline constexpr uint64_t kFullPixelLimit = 4'000'000;
+inline constexpr uint64_t kFullPixelLimit = 8'000'000;
 
 // The 3-norm distance between two 8-bit pictures of one size, taken as sRGB (as
 // butteraugli_main takes an untagged PNG). Pictures with alpha are compared over black and

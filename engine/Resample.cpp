@@ -176,3 +176,159 @@ DecodedImage fitWithin(const DecodedImage& image, int maxPixelSize) {
 }
 
 }  // namespace quillane::Resample
+
+namespace quillane::Resample {
+namespace {
+
+double lanczos3(double x) {
+  x = std::abs(x);
+  if (x < 1e-9) return 1.0;
+  if (x >= 3.0) return 0.0;
+  const double px = M_PI * x;
+  return 3.0 * std::sin(px) * std::sin(px / 3.0) / (px * px);
+}
+
+// For each output position, the source pixels its filter reaches and their weights (adding
+// up to 1). The kernel is stretched by the reduction, so that it averages what it drops.
+Coverage lanczosTaps(int source, int target) {
+  Coverage c;
+  const double scale = double(source) / target;
+  const double support = 3.0 * std::max(scale, 1.0);
+  for (int o = 0; o < target; ++o) {
+    const double centre = (o + 0.5) * scale;
+    const int i0 = std::max(0, int(std::floor(centre - support)));
+    const int i1 = std::min(source, int(std::ceil(centre + support)));
+    c.first.push_back(i0);
+    c.count.push_back(i1 - i0);
+    c.offset.push_back(c.weight.size());
+    double sum = 0;
+    for (int i = i0; i < i1; ++i) sum += lanczos3((i + 0.5 - centre) / std::max(scale, 1.0));
+    for (int i = i0; i < i1; ++i)
+      c.weight.push_back(float(lanczos3((i + 0.5 - centre) / std::max(scale, 1.0)) / sum));
+  }
+  return c;
+}
+
+double toLinear(double v) { return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); }
+double fromLinear(double v) { return v <= 0.0031308 ? v * 12.92 : 1.055 * std::pow(v, 1.0 / 2.4) - 0.055; }
+
+// Linear light to 16-bit sRGB samples, indexed by the linear value times 65535.
+const std::vector<uint16_t>& encodeTable() {
+  static const std::vector<uint16_t> table = [] {
+    std::vector<uint16_t> t(65536);
+    for (size_t i = 0; i < t.size(); ++i)
+      t[i] = uint16_t(std::lround(fromLinear(double(i) / 65535.0) * 65535.0));
+    return t;
+  }();
+  return table;
+}
+
+template <class T>
+const std::vector<float>& decodeTable() {
+  static const std::vector<float> table = [] {
+    const double maxValue = double(T(~T(0)));
+    std::vector<float> t(size_t(maxValue) + 1);
+    for (size_t i = 0; i < t.size(); ++i) t[i] = float(toLinear(double(i) / maxValue));
+    return t;
+  }();
+  return table;
+}
+
+template <class T>
+void linearResize(const DecodedImage& image, const std::vector<T>& px, std::vector<T>& outPx, int outW,
+                  int outH) {
+  const float maxValue = float(T(~T(0)));
+  const std::vector<float>& linear = decodeTable<T>();
+  const std::vector<uint16_t>& encode = encodeTable();
+  const Coverage cx = lanczosTaps(image.width, outW), cy = lanczosTaps(image.height, outH);
+  const size_t inW = size_t(image.width);
+
+  // Source rows filtered across, premultiplied in linear light, kept in a ring as long as an
+  // output row still reaches them: each source row is filtered once.
+  int ringSize = 1;
+  for (int n : cy.count) ringSize = std::max(ringSize, n);
+  std::vector<float> ring(size_t(ringSize) * size_t(outW) * 4);
+  std::vector<int> held(size_t(ringSize), -1);
+  std::vector<float> line(inW * 4);
+  auto filteredRow = [&](int y) -> const float* {
+    float* dst = &ring[size_t(y % ringSize) * size_t(outW) * 4];
+    if (held[size_t(y % ringSize)] == y) return dst;
+    const T* src = px.data() + size_t(y) * inW * 4;
+    for (size_t x = 0; x < inW; ++x) {
+      const T* p = src + x * 4;
+      const float a = image.alpha == AlphaInfo::none ? 1.0f : float(p[3]) / maxValue;
+      float* l = &line[x * 4];
+      for (int c = 0; c < 3; ++c) {
+        T v = p[c];
+        if (image.alpha == AlphaInfo::premultiplied)
+          v = a > 0 ? T(std::min(maxValue, std::round(float(v) / a))) : T(0);
+        l[c] = linear[v] * a;
+      }
+      l[3] = a;
+    }
+    for (int ox = 0; ox < outW; ++ox) {
+      float acc[4] = {0, 0, 0, 0};
+      const float* l = &line[size_t(cx.first[size_t(ox)]) * 4];
+      const float* w = &cx.weight[cx.offset[size_t(ox)]];
+      for (int i = 0; i < cx.count[size_t(ox)]; ++i, l += 4)
+        for (int c = 0; c < 4; ++c) acc[c] += w[i] * l[c];
+      std::memcpy(dst + size_t(ox) * 4, acc, sizeof acc);
+    }
+    held[size_t(y % ringSize)] = y;
+    return dst;
+  };
+
+  outPx.resize(size_t(outW) * size_t(outH) * 4);
+  std::vector<float> acc(size_t(outW) * 4);
+  const float outMax = float(T(~T(0)));
+  for (int oy = 0; oy < outH; ++oy) {
+    std::fill(acc.begin(), acc.end(), 0.0f);
+    for (int k = 0; k < cy.count[size_t(oy)]; ++k) {
+      const float wy = cy.weight[cy.offset[size_t(oy)] + size_t(k)];
+      const float* row = filteredRow(cy.first[size_t(oy)] + k);
+      for (size_t i = 0; i < acc.size(); ++i) acc[i] += wy * row[i];
+    }
+    T* out = outPx.data() + size_t(oy) * size_t(outW) * 4;
+    for (size_t i = 0; i < acc.size(); i += 4) {
+      const float a = std::clamp(acc[i + 3], 0.0f, 1.0f);
+      for (int c = 0; c < 3; ++c) {
+        const float v = a > 0 ? std::clamp(acc[i + size_t(c)] / a, 0.0f, 1.0f) : 0.0f;
+        float encoded = float(encode[size_t(std::lround(v * 65535.0f))]) / 65535.0f;
+        if (image.alpha == AlphaInfo::premultiplied) encoded *= a;
+        out[i + size_t(c)] = T(std::lround(encoded * outMax));
+      }
+      out[i + 3] = image.alpha == AlphaInfo::none ? T(~T(0)) : T(std::lround(a * outMax));
+    }
+  }
+}
+
+}  // namespace
+
+Size fittedSize(int width, int height, int maxWidth, int maxHeight) {
+  double scale = 1.0;
+  if (maxWidth > 0 && width > maxWidth) scale = std::min(scale, double(maxWidth) / width);
+  if (maxHeight > 0 && height > maxHeight) scale = std::min(scale, double(maxHeight) / height);
+  if (scale >= 1.0) return {width, height};
+  Size size{std::max(1, int(std::lround(width * scale))), std::max(1, int(std::lround(height * scale)))};
+  if (maxWidth > 0) size.width = std::min(size.width, maxWidth);
+  if (maxHeight > 0) size.height = std::min(size.height, maxHeight);
+  return size;
+}
+
+DecodedImage fitBox(DecodedImage image, int maxWidth, int maxHeight) {
+  const Size size = fittedSize(image.width, image.height, maxWidth, maxHeight);
+  if (image.empty() || (size.width == image.width && size.height == image.height)) return image;
+  DecodedImage out;
+  out.width = size.width;
+  out.height = size.height;
+  out.bitsPerComponent = image.bitsPerComponent;
+  out.alpha = image.alpha;
+  out.colorSpace = image.colorSpace;
+  if (image.bitsPerComponent == 16)
+    linearResize(image, image.pixels16, out.pixels16, size.width, size.height);
+  else
+    linearResize(image, image.pixels8, out.pixels8, size.width, size.height);
+  return out;
+}
+
+}  // namespace quillane::Resample

@@ -20,4 +20,18 @@ DecodedImage toEightBit(DecodedImage image);
 // Straight alpha stays straight, premultiplied stays premultiplied.
 DecodedImage fitWithin(const DecodedImage& image, int maxPixelSize);
 
+// The size `width` x `height` takes when scaled down, keeping its proportions, to fit within
+// `maxWidth` x `maxHeight` (0 or less: no bound on that side); the size itself when it fits.
+// Never larger than the picture; each side at least 1.
+struct Size {
+  int width = 0, height = 0;
+};
+Size fittedSize(int width, int height, int maxWidth, int maxHeight);
+
+// The picture scaled down to fittedSize with a Lanczos-3 filter widened to the reduction
+// (every source pixel counts), in linear light (the sRGB curve, which most camera and
+// display profiles share) and weighted by alpha. Depth, alpha kind and colour space are
+// kept. A picture that already fits is returned as it is.
+DecodedImage fitBox(DecodedImage image, int maxWidth, int maxHeight);
+
 }  // namespace quillane::Resample

@@ -43,8 +43,10 @@ OuterMap read() {
         if (const std::optional<QString> output =
                 JsonForms::optionalString(fields, QStringLiteral("output"))) {
           value.output = {*output,
-                          uint64_t(JsonForms::requireInteger(fields, QStringLiteral("outputDevice"))),
-                          uint64_t(JsonForms::requireInteger(fields, QStringLiteral("outputInode")))};
+                          {uint64_t(JsonForms::requireInteger(fields, QStringLiteral("outputDevice"))),
+                           uint64_t(JsonForms::requireInteger(fields, QStringLiteral("outputInode"))),
+                           JsonForms::requireInteger(fields, QStringLiteral("outputSizeBytes")),
+                           JsonForms::requireDouble(fields, QStringLiteral("outputModificationDate"))}};
         }
         inner.insert(entry.key(), value);
       }
@@ -66,8 +68,10 @@ void write(const OuterMap& outer) {
                              .set("modificationDate", entry->modificationDate);
       if (entry->output) {
         fields.set("output", JsonForms::string(entry->output->name))
-            .set("outputDevice", JsonForms::integer(qint64(entry->output->device)))
-            .set("outputInode", JsonForms::integer(qint64(entry->output->inode)));
+            .set("outputDevice", JsonForms::integer(qint64(std::get<0>(entry->output->identity))))
+            .set("outputInode", JsonForms::integer(qint64(std::get<1>(entry->output->identity))))
+            .set("outputSizeBytes", JsonForms::integer(std::get<2>(entry->output->identity)))
+            .set("outputModificationDate", std::get<3>(entry->output->identity));
       }
       inner.set(entry.key().toStdString(), std::move(fields));
     }
@@ -99,12 +103,12 @@ void update(const QString& hotFolderID, const std::function<void(HotFolderProces
   write(outer);
 }
 
-std::set<std::pair<uint64_t, uint64_t>> outputs() {
+std::set<HotFolderProcessedEntry::Identity> outputs() {
   std::lock_guard lock(storeLock());
-  std::set<std::pair<uint64_t, uint64_t>> identities;
+  std::set<HotFolderProcessedEntry::Identity> identities;
   for (const auto& [folderID, files] : read()) {
     for (const HotFolderProcessedEntry& entry : files) {
-      if (entry.output) identities.insert({entry.output->device, entry.output->inode});
+      if (entry.output) identities.insert(entry.output->identity);
     }
   }
   return identities;

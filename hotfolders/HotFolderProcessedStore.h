@@ -3,7 +3,8 @@
 // twice, across scans and launches. For each hot folder it maps a file name to the size and
 // modification date the file had when it was compressed with success. It lives in
 // hotFolderProcessed.json, {"<FOLDER ID>": {"<file name>": {"sizeBytes":..,"modificationDate":..}}};
-// an entry also names the file it wrote ("output", "outputDevice", "outputInode"), so that a
+// an entry also names the file it wrote ("output", "outputDevice", "outputInode",
+// "outputSizeBytes", "outputModificationDate"), so that a
 // hot folder replaces only its own outputs and never takes a file that a hot folder wrote.
 //
 // Nothing is cached: every operation reads the whole file and every change rewrites it, all
@@ -17,6 +18,7 @@
 #include <functional>
 #include <optional>
 #include <set>
+#include <tuple>
 
 namespace quillane {
 
@@ -25,10 +27,13 @@ struct HotFolderProcessedEntry {
   // Seconds since 2001-01-01 00:00:00 UTC at the full precision of a double, so that a value
   // read back compares equal to the one written; equality has no tolerance.
   double modificationDate = 0;
-  // The output written for the file: its name in the destination and its identity then.
+  // The output written for the file: its name in the destination, and its device, inode,
+  // size and modification date then (a freed inode is soon another file's: the four together
+  // tell the output from a file made later).
+  using Identity = std::tuple<uint64_t, uint64_t, int64_t, double>;
   struct Output {
     QString name;
-    uint64_t device = 0, inode = 0;
+    Identity identity;
     bool operator==(const Output&) const = default;
   };
   std::optional<Output> output{};
@@ -49,8 +54,8 @@ HotFolderProcessedMap folderState(const QString& hotFolderID);
 // `mutate` runs with the lock held and must not call back into the store.
 void update(const QString& hotFolderID, const std::function<void(HotFolderProcessedMap&)>& mutate);
 
-// The device and inode of every output that the entries of all folders name.
-std::set<std::pair<uint64_t, uint64_t>> outputs();
+// The identity of every output that the entries of all folders name.
+std::set<HotFolderProcessedEntry::Identity> outputs();
 
 // Drops the folder's whole map.
 void remove(const QString& hotFolderID);

@@ -46,11 +46,15 @@ double nowSince2001() {
   return secondsSince2001(now);
 }
 
+HotFolderProcessedEntry::Identity identityOf(const struct stat& st) {
+  return {uint64_t(st.st_dev), uint64_t(st.st_ino), int64_t(st.st_size), secondsSince2001(st.st_mtim)};
+}
+
 struct FolderEntry {
   std::string fileName;  // bytes, whatever their encoding
   int64_t size;
   double modificationDate;
-  uint64_t device, inode;
+  HotFolderProcessedEntry::Identity identity;
 };
 
 // One level of `folder`, hidden entries left out, regular files only (no sub-folders, no
@@ -64,8 +68,7 @@ std::optional<std::vector<FolderEntry>> listFolder(const QString& folder) {
     struct stat st {};
     if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode))
       continue;
-    files.push_back({entry->d_name, int64_t(st.st_size), secondsSince2001(st.st_mtim), uint64_t(st.st_dev),
-                     uint64_t(st.st_ino)});
+    files.push_back({entry->d_name, int64_t(st.st_size), secondsSince2001(st.st_mtim), identityOf(st)});
   }
   ::closedir(dir);
   return files;
@@ -151,7 +154,7 @@ std::vector<HotFolderWatcher::Candidate> HotFolderWatcher::pick(const HotFolderP
   const std::optional<std::vector<FolderEntry>> listing = listFolder(hotFolder_.sourceFolder);
   if (!listing) return {};  // unreadable or gone: quietly, the store untouched
 
-  const std::set<std::pair<uint64_t, uint64_t>> outputs = HotFolderProcessedStore::outputs();
+  const std::set<HotFolderProcessedEntry::Identity> outputs = HotFolderProcessedStore::outputs();
   const std::set<std::string> writing = namesBeingWritten();
   const std::string folder = QFile::encodeName(hotFolder_.sourceFolder).toStdString() + '/';
   QSet<QString> seenNames;
@@ -165,7 +168,7 @@ std::vector<HotFolderWatcher::Candidate> HotFolderWatcher::pick(const HotFolderP
     if (entry != known.constEnd() && entry->sizeBytes == file.size &&
         entry->modificationDate == file.modificationDate)
       continue;
-    if (writing.count(file.fileName) || outputs.count({file.device, file.inode})) continue;
+    if (writing.count(file.fileName) || outputs.count(file.identity)) continue;
     const std::string path = folder + file.fileName;
     const std::optional<ImageFormat> format = ImageFormats::detect(path);
     if (!format) continue;
@@ -239,7 +242,7 @@ void HotFolderWatcher::name(std::vector<Candidate>& candidates, const Settings& 
       struct stat st {};
       if (::lstat((folder + candidate.destinationFilename).c_str(), &st) != 0) break;  // free
       if (ownOutput && QFile::encodeName(ownOutput->name).toStdString() == candidate.destinationFilename &&
-          ownOutput->device == uint64_t(st.st_dev) && ownOutput->inode == uint64_t(st.st_ino))
+          ownOutput->identity == identityOf(st))
         break;  // this source's own earlier output
     }
   }
@@ -286,8 +289,7 @@ void HotFolderWatcher::record(const Candidate& candidate, const ImageCompression
     HotFolderProcessedEntry entry{candidate.size, candidate.modificationDate, std::nullopt};
     struct stat st {};
     if (result.destination && ::stat(result.destination->c_str(), &st) == 0) {
-      entry.output = {QFile::decodeName(candidate.destinationFilename.c_str()), uint64_t(st.st_dev),
-                      uint64_t(st.st_ino)};
+      entry.output = {QFile::decodeName(candidate.destinationFilename.c_str()), identityOf(st)};
     }
     HotFolderProcessedStore::update(
         hotFolder_.idText(), [&](HotFolderProcessedMap& files) { files.insert(candidate.name, entry); });

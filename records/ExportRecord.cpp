@@ -50,7 +50,7 @@ ExportRecord fromJson(const QJsonObject& object) {
   ExportRecord record;
   record.id = JsonForms::requireUUID(object, QStringLiteral("id"));
   record.sourceDisplayName = JsonForms::requireString(object, QStringLiteral("sourceDisplayName"));
-  record.destinationURL = JsonForms::requireFileURL(object, QStringLiteral("destinationURL"));
+  record.destinationURL = JsonForms::requireFileURLExact(object, QStringLiteral("destinationURL"));
   record.format = JsonForms::requireFormat(object, QStringLiteral("format"));
   record.sizeBytes = JsonForms::requireInteger(object, QStringLiteral("sizeBytes"));
   record.date = JsonForms::requireDateSeconds(object, QStringLiteral("date"));

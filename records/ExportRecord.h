@@ -5,6 +5,7 @@
 
 #include <QDateTime>
 #include <QString>
+#include <QUrl>
 #include <QUuid>
 #include <optional>
 #include <vector>
@@ -20,7 +21,8 @@ namespace quillane {
 struct ExportRecord {
   QUuid id;
   QString sourceDisplayName;  // last path component of the source, extension included
-  QString destinationURL;     // the written file as a local path; a file URL in JSON
+  // The written file, exact also for a name that is not UTF-8 (its bytes stay percent-encoded).
+  QUrl destinationURL;
   ImageFormat format = ImageFormat::jpeg;
   qint64 sizeBytes = 0;
   // Seconds since 2001-01-01 00:00:00 UTC at the system clock's precision (what the file holds),

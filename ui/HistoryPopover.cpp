@@ -114,7 +114,8 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
   first->addStretch(1);
   texts->addLayout(first);
 
-  const QString folder = QDir::toNativeSeparators(QFileInfo(record.destinationURL).absolutePath());
+  const QString folder =
+      QDir::toNativeSeparators(QFileInfo(record.destinationURL.toLocalFile()).absolutePath());
   auto* subtitle = new QLabel(row);
   subtitle->setFont(smallFont(subtitle->font()));
   Icons::makeSecondary(subtitle);

@@ -2,6 +2,7 @@
 
 #include <QAbstractButton>
 #include <QApplication>
+#include <QCloseEvent>
 #include <QDesktopServices>
 #include <QFrame>
 #include <QLabel>
@@ -16,6 +17,7 @@
 #include <utility>
 
 #include "batch/BatchViewModel.h"
+#include "services/UserDefaults.h"
 #include "ui/ComparisonView.h"
 #include "ui/ControlsBar.h"
 #include "ui/DesktopPanels.h"
@@ -30,6 +32,8 @@
 namespace quillane::ui {
 
 namespace {
+const QString kGeometryKey = QStringLiteral("window/geometry");
+
 // One change the model announced, already done when pushed: the stack's first redo is skipped.
 // Quality changes of one image in a row (a slider drag) merge into one step.
 class ModelChangeCommand : public QUndoCommand {
@@ -63,6 +67,10 @@ MainWindow::MainWindow(BatchViewModel& viewModel, QWidget* parent)
   setWindowIcon(Icons::applicationIcon());
   setMinimumSize(minimumWidth, minimumHeight);
   resize(960, 640);
+  // The size and place of the last session; restoreGeometry keeps the window on a screen.
+  if (const QByteArray geometry = UserDefaults::store()->value(kGeometryKey).toByteArray();
+      !geometry.isEmpty())
+    restoreGeometry(geometry);
   viewModel_.setPanels(panels_.get());
 
   auto* central = new QWidget(this);
@@ -190,6 +198,13 @@ void MainWindow::refresh() {
   exportAction_->setEnabled(RowRules::canExportAll(viewModel_.isEncoding(), viewModel_.hasPendingRecompute(),
                                                    !viewModel_.images().empty()));
   refreshTotal();
+}
+
+void MainWindow::closeEvent(QCloseEvent* event) {
+  auto settings = UserDefaults::store();
+  settings->setValue(kGeometryKey, saveGeometry());
+  UserDefaults::save(*settings);
+  QMainWindow::closeEvent(event);
 }
 
 void MainWindow::refreshTotal() {

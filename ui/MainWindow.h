@@ -66,6 +66,10 @@ class MainWindow : public QMainWindow {
   void exportSingle(const std::shared_ptr<ImportedImage>& image);
   void showAbout();
 
+ protected:
+  // Keeps the window's size and place for the next launch.
+  void closeEvent(QCloseEvent* event) override;
+
  private:
   void buildMenus();
   void refresh();

@@ -27,6 +27,7 @@
 #include "QuillaneVersion.h"
 #include "app/cli/InspectCommands.h"
 #include "automation/CompressScriptCommand.h"
+#include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
 #include "services/LanguageManager.h"
 
@@ -59,6 +60,7 @@ const char kHelp[] =
     "      --quality Q   perceptual quality from 1 to 100 (default 75)\n"
     "\n"
     "  compress FILE... [--to DIR] [--format NAME] [--quality Q] [--profile NAME]\n"
+    "           [--max-width W] [--max-height H] [--max-bytes SIZE] [--skip-larger]\n"
     "      Compresses the files into DIR, as many at a time as there are processors and\n"
     "      memory allows, and prints one record a file, in the order given:\n"
     "      path, originalSizeBytes, and either compressedSizeBytes, ratio, destination and\n"
@@ -75,6 +77,18 @@ const char kHelp[] =
     "      --profile NAME  an export profile saved in Quillane, by name (any case); it gives\n"
     "                      whatever the options above leave out. Without it, the default\n"
     "                      profile does, if there is one; else jpeg at 75.\n"
+    "      --max-width W, --max-height H\n"
+    "                      scale each picture down, proportions kept, to fit W x H pixels\n"
+    "                      (either or both); a smaller picture is left as it is\n"
+    "      --max-bytes SIZE\n"
+    "                      keep each file within SIZE bytes (\"500k\", \"1.5M\": k and M are\n"
+    "                      1,000 and 1,000,000) at the highest quality, up to Q, that fits;\n"
+    "                      a file that can't get under it even at quality 1 fails and is\n"
+    "                      not written\n"
+    "      --skip-larger   write no result that is not smaller than its source; its record\n"
+    "                      says \"skipped\": true and the reason\n"
+    "      Records of written files also give quality (the one used) and the result's\n"
+    "      pixelWidth and pixelHeight.\n"
     "      Without a folder from --to or a profile, nothing is written.\n"
     "\n"
     "  --help, -h\n"
@@ -108,10 +122,10 @@ struct CommandLine {
   std::map<QByteArray, QByteArray> options;  // without the leading "--"
 };
 
-// Splits arguments into files and the options named in `known`, each of which takes a value.
-// Returns an error text for anything else.
+// Splits arguments into files, the options named in `known`, each of which takes a value,
+// and the switches named in `flags`, which take none. Returns an error text for anything else.
 std::optional<std::string> parse(const QByteArrayList& arguments, const QByteArrayList& known,
-                                 CommandLine& out) {
+                                 CommandLine& out, const QByteArrayList& flags = {}) {
   bool optionsEnded = false;
   for (qsizetype i = 0; i < arguments.size(); ++i) {
     const QByteArray& argument = arguments[i];
@@ -124,6 +138,10 @@ std::optional<std::string> parse(const QByteArrayList& arguments, const QByteArr
       continue;
     }
     QByteArray name = argument.mid(2);
+    if (flags.contains(name)) {
+      out.options[name] = {};
+      continue;
+    }
     QByteArray value;
     const qsizetype equals = name.indexOf('=');
     if (equals >= 0) {
@@ -225,7 +243,10 @@ void warnAboutFallbacks(const std::map<QByteArray, QByteArray>& options) {
 
 int runCompress(const QByteArrayList& arguments) {
   CommandLine line;
-  if (auto error = parse(arguments, {"to", "format", "quality", "profile"}, line)) return usageError(*error);
+  if (auto error =
+          parse(arguments, {"to", "format", "quality", "profile", "max-width", "max-height", "max-bytes"},
+                line, {"skip-larger"}))
+    return usageError(*error);
   QVariantMap evaluated;
   // Paths stay bytes (QByteArray); names of formats and profiles are text.
   if (line.options.count("to")) {
@@ -241,6 +262,21 @@ int runCompress(const QByteArrayList& arguments) {
     evaluated[CompressScriptCommand::qualityArgument] = qualityValue(line.options["quality"]);
   if (line.options.count("profile"))
     evaluated[CompressScriptCommand::profileArgument] = text(line.options["profile"]);
+  for (const auto& [option, argument] : {std::pair{"max-width", CompressScriptCommand::maxWidthArgument},
+                                         std::pair{"max-height", CompressScriptCommand::maxHeightArgument}}) {
+    if (!line.options.count(option)) continue;
+    bool ok = false;
+    const int pixels = line.options[option].toInt(&ok);
+    if (!ok || pixels < 1)
+      return usageError(std::string("--") + option + " needs a whole number of pixels above 0");
+    evaluated[argument] = pixels;
+  }
+  if (line.options.count("max-bytes")) {
+    const auto budget = ImageCompressor::parseByteCount(line.options["max-bytes"].toStdString());
+    if (!budget) return usageError("--max-bytes needs a size in bytes, such as 250000, 500k or 1.5M");
+    evaluated[CompressScriptCommand::maxBytesArgument] = qlonglong(*budget);
+  }
+  if (line.options.count("skip-larger")) evaluated[CompressScriptCommand::skipLargerArgument] = true;
   QVariantList files;
   for (const QByteArray& file : line.files) files.append(file);
 

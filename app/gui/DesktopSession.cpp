@@ -17,6 +17,11 @@
 
 namespace quillane {
 
+namespace {
+constexpr int kTrayAttempts = 30;
+constexpr int kTrayRetryMs = 10 * 1000;
+}  // namespace
+
 DesktopSession::DesktopSession(bool canShowWindow) : canShowWindow_(canShowWindow) {
   quietTimer_.setSingleShot(true);
   connect(&quietTimer_, &QTimer::timeout, this, [this] {
@@ -113,7 +118,12 @@ void DesktopSession::windowClosed() {
 }
 
 void DesktopSession::showTray() {
-  if (tray_ || !canShowWindow_ || !QSystemTrayIcon::isSystemTrayAvailable()) return;
+  if (tray_ || !canShowWindow_) return;
+  if (!QSystemTrayIcon::isSystemTrayAvailable()) {
+    // Started at login, the process may come before the desktop's tray: look again for a while.
+    if (trayAttempts_++ < kTrayAttempts) QTimer::singleShot(kTrayRetryMs, this, &DesktopSession::showTray);
+    return;
+  }
   HotFoldersManager* manager = app().hotFoldersManager();
   if (!manager) return;
   trayMenu_ = std::make_unique<ui::BackgroundTrayMenu>(

@@ -10,8 +10,8 @@
 // Closing the window ends the process unless it stays in the background: started with
 // --background, or "Keep watching in the background" is on and a hot folder is enabled. Then
 // the hot folders, the local API and the bus go on, a tray icon (where the desktop has a
-// tray) opens the window, pauses or resumes the hot folders and quits, and the first time a
-// notification says that Quillane keeps running.
+// tray, or gets one within five minutes) opens the window, pauses or resumes the hot folders
+// and quits, and the first time a notification says that Quillane keeps running.
 //
 // GUI thread only.
 
@@ -71,6 +71,7 @@ class DesktopSession : public QObject {
 
   bool canShowWindow_;
   bool startedInBackground_ = false;
+  int trayAttempts_ = 0;
   std::unique_ptr<QuillaneApp> app_;
   std::unique_ptr<QWidget> window_;
   std::unique_ptr<ui::BackgroundTrayMenu> trayMenu_;

@@ -101,6 +101,37 @@ TEST_F(CommandLineTool, CompressWritesDistinctNamesAndReportsEveryFile) {
   EXPECT_EQ(QDir(path("out/sub")).entryList(QDir::Files), (QStringList{"a-2.webp", "a.webp"}));
 }
 
+TEST_F(CommandLineTool, SizeOptionsFitBudgetAndSkipAndRefuseBadValues) {
+  QString a = image("a.png"), b = image("b.jpg");
+  const QStringList fit{"--to", "out", "--format", "jpeg", "--quality", "100", "--max-width", "24"};
+  ToolRun plain = run(QStringList{"compress", a} + fit);
+  const int budget = plain.json()[0].toObject()["compressedSizeBytes"].toInt() * 85 / 100;
+  ToolRun r =
+      run(QStringList{"compress", a, b} + fit + QStringList{"--max-bytes=" + QString::number(budget)});
+  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+  for (const QJsonValue& value : r.json()) {
+    const QJsonObject record = value.toObject();
+    EXPECT_EQ(record["pixelWidth"].toInt(), 24);
+    EXPECT_EQ(record["pixelHeight"].toInt(), 16);
+    EXPECT_LE(record["compressedSizeBytes"].toInt(), budget);
+    EXPECT_LT(record["quality"].toDouble(), 100);
+  }
+
+  // A JPEG at 95 grows at 100: kept, and said so.
+  ToolRun skip =
+      run({"compress", b, "--to", "kept", "--format", "jpeg", "--quality", "100", "--skip-larger"});
+  ASSERT_EQ(skip.exitCode, 0);
+  EXPECT_TRUE(skip.json()[0].toObject()["skipped"].toBool()) << skip.out.toStdString();
+  EXPECT_TRUE(QDir(path("kept")).isEmpty());
+
+  for (const QStringList& bad : {QStringList{"--max-width", "0"}, QStringList{"--max-height", "wide"},
+                                 QStringList{"--max-bytes", "12x"}, QStringList{"--max-bytes", "-5k"}}) {
+    ToolRun refused = run(QStringList{"compress", a, "--to", "bad"} + bad);
+    EXPECT_EQ(refused.exitCode, 2) << bad.join(' ').toStdString();
+    EXPECT_FALSE(QFileInfo::exists(path("bad")));
+  }
+}
+
 TEST_F(CommandLineTool, CommandErrorsGoToStandardErrorWithStatusSix) {
   QString a = image("a.png");
   struct Case {

@@ -95,6 +95,25 @@ TEST_F(CompressCommand, BadParameterReportsNumberSix) {
   EXPECT_FALSE(QFileInfo::exists(out()));
 }
 
+TEST(ScriptCommandParameters, SizeOptionsTakeNumbersOrSizeTextsAndRefuseTheWrongKind) {
+  using CompressScriptCommand::compressionOptions;
+  EXPECT_EQ(compressionOptions({}), CompressionOptions{});
+  const CompressionOptions given = compressionOptions({{"maxWidth", 1600},
+                                                       {"maxHeight", qlonglong(1200)},
+                                                       {"maxBytes", QString("1.5M")},
+                                                       {"skipLarger", true}});
+  EXPECT_EQ(given, (CompressionOptions{
+                       .maxWidth = 1600, .maxHeight = 1200, .maxBytes = 1500000, .skipLarger = true}));
+  EXPECT_EQ(compressionOptions({{"maxBytes", 250000.0}}).maxBytes, 250000);
+
+  for (const QVariantMap& bad :
+       {QVariantMap{{"maxWidth", 0}}, QVariantMap{{"maxHeight", true}},
+        QVariantMap{{"maxWidth", QString("wide")}}, QVariantMap{{"maxBytes", QString("5q")}},
+        QVariantMap{{"maxBytes", -3}}, QVariantMap{{"skipLarger", QString("yes")}}}) {
+    EXPECT_THROW(compressionOptions(bad), ScriptCommandError) << bad.firstKey().toStdString();
+  }
+}
+
 TEST_F(CompressCommand, NamesDifferOnlyWithinOneCommandAndIgnoreCase) {
   QString lower = source("a.png"), upper = source("sub/A.jpg");
   QDir().mkpath(out("deep/er"));

@@ -66,6 +66,11 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
       latin1Output.c_str(), [](const char* name) { ::unlink(name); });
   EXPECT_EQ(localFilePath(*outcomes[1].destinationURL), latin1Output);
   EXPECT_EQ(readBytes(latin1Output), written);
+  // Taken back by the same bytes, also once the history has been saved and read again.
+  ASSERT_EQ(ExportHistory::load().size(), 2u);
+  model.undoExport(ExportHistory::load()[0]);
+  EXPECT_FALSE(model.exportError()) << model.exportError()->toStdString();
+  EXPECT_NE(::access(latin1Output.c_str(), F_OK), 0) << "removed";
 
   o.restoreSession = true;
   auto& restarted = makeModel(o);

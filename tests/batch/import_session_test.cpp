@@ -63,6 +63,8 @@ TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
   model_->moveImage(4, 0);
   model_->removeImage(model_->images()[5]);
   model_->setQuality(30);
+  model_->setOutputFormat(ImageFormat::webp);
+  model_->persistSettings();  // as half a second later, or at exit
   const QJsonArray stored = QJsonDocument::fromJson(readSession()).array();
   ASSERT_EQ(stored.size(), 5);
   EXPECT_EQ(stored[0].toObject().value("sourceURL").toString(),
@@ -79,6 +81,8 @@ TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
       QTest::qWaitFor([&] { return model.images().size() == 4 && !model.importFailures().empty(); }, 3000));
   ASSERT_TRUE(waitIdle());
   EXPECT_EQ(names(), (QStringList{"e.png", "a.png", "b.png", "c.png"}));
+  EXPECT_EQ(std::pair(model.quality(), model.outputFormat()), std::pair(30.0, ImageFormat::webp))
+      << "format and quality come back with the batch";
   EXPECT_EQ(model.images()[3]->encodeState(), EncodeState::ready(400)) << "its override of 40";
   ASSERT_EQ(model.importFailures().size(), 1u);
   EXPECT_EQ(model.importFailures()[0].url.fileName(), "d.png");

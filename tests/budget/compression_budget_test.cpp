@@ -89,11 +89,13 @@ TEST(CompressionBudgetTest, ACallerGoneBeforeItsTurnGivesThePermitsBack) {
   EXPECT_EQ(budget.availablePermits(), 10);
 }
 
-TEST(CompressionCostTest, TheBudgetFollowsTheMachineAndAnUnreadableFileRunsAlone) {
+TEST(CompressionCostTest, BudgetFollowsTheMachineAndCostsFollowPixels) {
   EXPECT_EQ(CompressionCost::memoryBudgetMB(2ull << 30), 512);
   EXPECT_EQ(CompressionCost::memoryBudgetMB(16ull << 30), 2048);
   EXPECT_EQ(CompressionCost::memoryBudgetMB(1ull << 40), 4096);
-  EXPECT_EQ(CompressionCost::fileCostMB("/nonexistent", ImageFormat::jpeg, 75), INT32_MAX);
+  EXPECT_EQ(CompressionCost::fileCostMB("/nonexistent", ImageFormat::jpeg, 75), INT32_MAX) << "runs alone";
+  EXPECT_GT(CompressionCost::encodeCostMB({ImageFormat::jpeg, 4000, 3000, 0}, ImageFormat::jpeg, 75),
+            CompressionCost::encodeCostMB({ImageFormat::jpeg, 1000, 1000, 0}, ImageFormat::jpeg, 75));
   EXPECT_EQ(CompressionCost::megabytes((1u << 20) + 1), 2);
 }
 

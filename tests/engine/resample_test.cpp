@@ -82,6 +82,52 @@ TEST(RotationMirror, EveryCombinationMatchesTheEquivalentExifOrientation) {
 }
 
 // Both byte orders and every integer type are read through the containers (decoder_test).
+TEST(FitBox, KeepsProportionsInEitherBoxAndNeverEnlarges) {
+  using S = Resample::Size;
+  const auto same = [](S a, S b) { return a.width == b.width && a.height == b.height; };
+  EXPECT_TRUE(same(Resample::fittedSize(4000, 3000, 1600, 1600), S{1600, 1200}));  // landscape
+  EXPECT_TRUE(same(Resample::fittedSize(3000, 4000, 1600, 1200), S{900, 1200}));   // portrait
+  EXPECT_TRUE(same(Resample::fittedSize(4000, 3000, 0, 300), S{400, 300}));        // one side bound
+  EXPECT_TRUE(same(Resample::fittedSize(4000, 30, 100, 0), S{100, 1}));            // never below 1
+  EXPECT_TRUE(same(Resample::fittedSize(800, 600, 1600, 1200), S{800, 600}));      // fits already
+  DecodedImage small = numbered(8, 4);
+  DecodedImage kept = Resample::fitBox(small, 100, 100);
+  EXPECT_EQ(kept.pixels8, small.pixels8);
+}
+
+TEST(FitBox, AveragesInLinearLightAndLetsNoTransparentColourBleed) {
+  // Black and white columns halve to the grey of half the light (188), not of half the code (128).
+  DecodedImage stripes;
+  stripes.width = 64, stripes.height = 8;
+  for (int y = 0; y < 8; ++y)
+    for (int x = 0; x < 64; ++x) {
+      const uint8_t v = x % 2 ? 255 : 0;
+      stripes.pixels8.insert(stripes.pixels8.end(), {v, v, v, 255});
+    }
+  DecodedImage grey = Resample::fitBox(stripes, 32, 0);
+  ASSERT_EQ(grey.width, 32);
+  ASSERT_EQ(grey.height, 4);
+  EXPECT_NEAR(grey.pixels8[(2 * 32 + 16) * 4], 188, 2);
+
+  // Transparent red beside opaque blue: blue stays pure, alpha halves; depth and profile kept.
+  DecodedImage halves;
+  halves.width = 32, halves.height = 4, halves.bitsPerComponent = 16, halves.alpha = AlphaInfo::straight;
+  halves.colorSpace.icc = std::make_shared<const std::vector<uint8_t>>(fixtures::displayP3ICC());
+  for (int y = 0; y < 4; ++y)
+    for (int x = 0; x < 32; ++x)
+      halves.pixels16.insert(halves.pixels16.end(), x % 2
+                                                        ? std::initializer_list<uint16_t>{0, 0, 65535, 65535}
+                                                        : std::initializer_list<uint16_t>{65535, 0, 0, 0});
+  DecodedImage out = Resample::fitBox(halves, 8, 8);
+  ASSERT_EQ(out.bitsPerComponent, 16);
+  ASSERT_EQ(out.width, 8);
+  EXPECT_EQ(out.colorSpace.icc, halves.colorSpace.icc);
+  const uint16_t* p = &out.pixels16[4 * 4];
+  EXPECT_LT(p[0], 700);
+  EXPECT_GT(p[2], 64800);
+  EXPECT_NEAR(p[3], 32768, 700);
+}
+
 TEST(Exif, RejectsNonsense) {
   EXPECT_FALSE(Exif::orientation(fixtures::exifBlock(0)));
   EXPECT_FALSE(Exif::orientation(fixtures::exifBlock(9)));

@@ -16,7 +16,7 @@ double utc(const char* iso) {
 ExportRecord record(const char* id, const char* destination, const char* iso) {
   return ExportRecord{QUuid::fromString(QString::fromLatin1(id)),
                       QStringLiteral("a.png"),
-                      QString::fromUtf8(destination),
+                      QUrl::fromLocalFile(QString::fromUtf8(destination)),
                       ImageFormat::heic,
                       1234,
                       utc(iso)};
