@@ -95,14 +95,21 @@ double ratio(int64_t compressedSizeBytes, int64_t originalSizeBytes) {
 
 JsonValue statusDTO(const BatchViewModel& viewModel) {
   QString version = QCoreApplication::applicationVersion();
-  return JsonValue::object()
-      .set("apiVersion", "v1")
+  JsonValue dto = JsonValue::object();
+  dto.set("apiVersion", "v1")
       .set("appVersion", version.isEmpty() ? std::string("unknown") : utf8(version))
       .set("availableFormats", formatList())
       .set("imageCount", int64_t(viewModel.images().size()))
       .set("isEncoding", viewModel.isEncoding())
       .set("outputFormat", ImageFormats::rawValue(viewModel.outputFormat()))
       .set("quality", viewModel.quality());
+  // The size options, present only while on.
+  const CompressionOptions& sizing = viewModel.compressionOptions();
+  if (sizing.maxWidth > 0) dto.set("maxWidth", sizing.maxWidth);
+  if (sizing.maxHeight > 0) dto.set("maxHeight", sizing.maxHeight);
+  if (sizing.maxBytes > 0) dto.set("maxBytes", sizing.maxBytes);
+  if (sizing.skipLarger) dto.set("skipLarger", true);
+  return dto;
 }
 
 JsonValue imageDTO(const ImportedImage& image) {
@@ -120,6 +127,12 @@ JsonValue imageDTO(const ImportedImage& image) {
       .set("originalSizeBytes", image.originalSizeBytes());
   if (auto quality = image.qualityOverride()) dto.set("qualityOverride", *quality);
   if (state.isReady()) dto.set("ratio", ratio(state.sizeBytes, image.originalSizeBytes()));
+  if (const auto& shape = image.resultShape(); shape && state.isReady()) {
+    dto.set("resultQuality", shape->quality)
+        .set("resultWidth", shape->width)
+        .set("resultHeight", shape->height);
+    if (shape->keptOriginal) dto.set("keptOriginal", true);
+  }
   dto.set("state", state.name()).set("width", image.width());
   return dto;
 }
@@ -136,6 +149,7 @@ JsonValue exportResultDTO(const ExportOutcome& outcome) {
       .set("name", utf8(image.fileName()))
       .set("originalSizeBytes", image.originalSizeBytes());
   if (state.isReady()) dto.set("ratio", ratio(state.sizeBytes, image.originalSizeBytes()));
+  if (outcome.keptOriginal) dto.set("keptOriginal", true);
   return dto;
 }
 

@@ -2,13 +2,17 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QFutureWatcher>
+#include <cmath>
 #include <memory>
 #include <set>
+#include <type_traits>
 
 #include "api/LocalAPIDTOs.h"
 #include "api/LocalAPIRequestReader.h"
 #include "api/LocalAPIRouter.h"
 #include "batch/BatchViewModel.h"
+#include "engine/DecodedImage.h"
+#include "engine/ImageCompressor.h"
 #include "engine/Json.h"
 #include "records/ExportProfile.h"
 
@@ -125,14 +129,52 @@ void LocalAPIRouter::importFiles(const LocalAPIRequest& request, Reply reply) {
                });
 }
 
+namespace {
+
+// The size options of a settings body over `options`: maxWidth and maxHeight whole numbers of
+// pixels, maxBytes a number of bytes or a text such as "500k", 0 turning each off; skipLarger
+// a bool. False when one has the wrong type or an impossible value.
+bool sizeOptions(const QJsonObject& object, CompressionOptions& options) {
+  const auto whole = [&](const char* key, auto& out, double limit) {
+    const QJsonValue value = object.value(key);
+    if (value.isUndefined() || value.isNull()) return true;
+    const double number = value.toDouble(-1);
+    if (!value.isDouble() || number < 0 || number > limit || number != std::floor(number)) return false;
+    out = std::remove_reference_t<decltype(out)>(number);
+    return true;
+  };
+  if (!whole("maxWidth", options.maxWidth, kMaxDimension) ||
+      !whole("maxHeight", options.maxHeight, kMaxDimension))
+    return false;
+  if (const QJsonValue budget = object.value("maxBytes"); budget.isString()) {
+    const auto bytes = ImageCompressor::parseByteCount(budget.toString().toStdString());
+    if (!bytes) return false;
+    options.maxBytes = *bytes;
+  } else if (!whole("maxBytes", options.maxBytes, 9e15)) {
+    return false;
+  }
+  if (const QJsonValue skip = object.value("skipLarger"); skip.isBool())
+    options.skipLarger = skip.toBool();
+  else if (!skip.isUndefined() && !skip.isNull())
+    return false;
+  return true;
+}
+
+}  // namespace
+
 LocalAPIResponse LocalAPIRouter::updateSettings(const LocalAPIRequest& request) {
   auto object = parseObject(request.body);
   std::optional<double> quality;
   std::optional<QString> format, profile;
+  CompressionOptions sizing = viewModel_.compressionOptions();
   if (!object || !optionalDouble(*object, "quality", quality) || !optionalString(*object, "format", format) ||
       !optionalString(*object, "profile", profile)) {
     return badBody("{\"quality\": Double?, \"format\": String?, \"profile\": String?}");
   }
+  if (!sizeOptions(*object, sizing))
+    return badBody(
+        "{\"maxWidth\": Int?, \"maxHeight\": Int?, \"maxBytes\": Int or String?, \"skipLarger\": Bool?} "
+        "(0 or false: off)");
   // Profile, quality, format, in this order whatever the body's order; nothing is undone
   // when a later step refuses.
   if (profile) {
@@ -149,6 +191,7 @@ LocalAPIResponse LocalAPIRouter::updateSettings(const LocalAPIRequest& request) 
     if (!parsed) return LocalAPIResponse::error(400, unknownFormatMessage(*format));
     viewModel_.setOutputFormat(*parsed);
   }
+  viewModel_.setCompressionOptions(sizing);
   return status();
 }
 

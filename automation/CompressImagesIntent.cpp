@@ -177,8 +177,9 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
       name = allocator->second.filename(base, extensionText);
     const CompressionBudget::Claim claim = CompressionBudget::process().claim(
         CompressionCost::fileCostMB(path, resolved.format, resolved.quality));
-    const ImageCompressionResult result =
-        ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name.toStdString());
+    const ImageCompressionResult result = ImageCompressor::compress(
+        path, folder, resolved.format, resolved.quality, name.toStdString(), false, options);
+    if (result.skipped) continue;
     if (!result.destination) throw CompressionFailedError(source.filename().string(), result.error);
     outputs.append(QString::fromStdString(*result.destination));
   }

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "engine/Errors.h"
+#include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
 
 namespace quillane {
@@ -88,6 +89,9 @@ struct CompressImagesIntent {
   std::optional<int> quality;  // 1 to 100
   std::optional<QString> profileName;
   std::optional<QString> outputFolder;  // a local path or a file:// URL
+  // Fit, byte budget, skip larger: off by default. A file kept under skipLarger is written
+  // nowhere and left out of the returned paths.
+  CompressionOptions options;
 
   // The parameters in their wire form: a format's raw value, quality 0 for none, empty
   // strings for none. Throws InvalidIntentArgumentError for an unknown format or a quality

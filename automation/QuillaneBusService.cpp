@@ -11,6 +11,7 @@
 #include <exception>
 
 #include "automation/CompressImagesIntent.h"
+#include "automation/CompressScriptCommand.h"
 #include "engine/Localization.h"
 #include "records/ExportProfileResolver.h"
 
@@ -91,6 +92,38 @@ QDBusMessage errorReply(const QDBusMessage& call, const std::exception_ptr& fail
   }
 }
 
+// CompressWithOptions: the named options of Compress and the size options, each optional.
+// Throws InvalidIntentArgumentError for an unknown key or a value of the wrong kind.
+CompressImagesIntent intentFromOptions(const QStringList& files, const QVariantMap& options) {
+  static const QStringList known{"format",   "quality",   "profile",  "outputFolder",
+                                 "maxWidth", "maxHeight", "maxBytes", "skipLarger"};
+  for (auto it = options.begin(); it != options.end(); ++it)
+    if (!known.contains(it.key())) throw InvalidIntentArgumentError("options", it.key().toStdString());
+  const auto text = [&](const char* key) {
+    const QVariant value = options.value(key);
+    if (value.isValid() && value.typeId() != QMetaType::QString)
+      throw InvalidIntentArgumentError(key, value.toString().toStdString());
+    return value.toString();
+  };
+  int quality = 0;
+  if (const QVariant value = options.value("quality"); value.isValid()) {
+    bool ok = false;
+    quality = value.toInt(&ok);
+    if (!ok || value.typeId() == QMetaType::Bool || value.typeId() == QMetaType::QString)
+      throw InvalidIntentArgumentError("quality", value.toString().toStdString());
+  }
+  const QString format = text("format");
+  CompressImagesIntent intent = CompressImagesIntent::fromArguments(
+      files, format.isEmpty() ? QStringLiteral("profileOrDefault") : format, quality, text("profile"),
+      text("outputFolder"));
+  try {
+    intent.options = CompressScriptCommand::compressionOptions(options);
+  } catch (const ScriptCommandError& e) {
+    throw InvalidIntentArgumentError("options", e.message());
+  }
+  return intent;
+}
+
 // The launcher's activation token (xdg-activation on Wayland), handed to the window system
 // through the variable Qt reads when a window asks to be activated.
 void adoptActivationToken(const QVariant& platformData) {
@@ -159,6 +192,16 @@ bool QuillaneBusService::handleMessage(const QDBusMessage& message, const QDBusC
     if (signature != QLatin1String("assiss")) {
       connection.send(message.createErrorReply(
           invalidArgs, QStringLiteral("Compress takes (as, s, i, s, s), not (%1)").arg(signature)));
+      return true;
+    }
+    compress(message, connection);
+    return true;
+  }
+
+  if (member == QLatin1String("CompressWithOptions") && (interface.isEmpty() || interface == interfaceName)) {
+    if (signature != QLatin1String("asa{sv}")) {
+      connection.send(message.createErrorReply(
+          invalidArgs, QStringLiteral("CompressWithOptions takes (as, a{sv}), not (%1)").arg(signature)));
       return true;
     }
     compress(message, connection);
@@ -244,9 +287,12 @@ void QuillaneBusService::compress(const QDBusMessage& message, const QDBusConnec
     };
     QDBusMessage reply;
     try {
-      const auto intent = CompressImagesIntent::fromArguments(
-          arguments[0].toStringList(), arguments[1].toString(), arguments[2].toInt(), arguments[3].toString(),
-          arguments[4].toString());
+      const auto intent =
+          arguments.size() == 2
+              ? intentFromOptions(arguments[0].toStringList(), qdbus_cast<QVariantMap>(arguments[1]))
+              : CompressImagesIntent::fromArguments(arguments[0].toStringList(), arguments[1].toString(),
+                                                    arguments[2].toInt(), arguments[3].toString(),
+                                                    arguments[4].toString());
       reply = message.createReply(QVariant(intent.perform(callerGone)));
     } catch (...) {
       reply = errorReply(message, std::current_exception());

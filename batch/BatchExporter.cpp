@@ -70,11 +70,13 @@ QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
                            // UTF-8 gives an output of the same bytes
     std::string source;
     std::optional<QByteArray> data;
+    bool keptOriginal = false;  // the result was not smaller than its source: nothing is written
   };
   std::vector<Item> items;
   items.reserve(images.size());
   for (const auto& image : images)
-    items.push_back({sourceBaseName(*image), image->sourceFilePath(), image->compressedData()});
+    items.push_back({sourceBaseName(*image), image->sourceFilePath(), image->compressedData(),
+                     image->resultShape() && image->resultShape()->keptOriginal});
   const std::string extension(ImageFormats::fileExtension(format));
 
   auto job = [folder, items = std::move(items), extension, sourcePaths = std::move(sourcePaths)] {
@@ -94,7 +96,7 @@ QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
         return url;
       };
       for (size_t i = 0; i < items.size(); ++i) {
-        if (!items[i].data) continue;
+        if (!items[i].data || items[i].keptOriginal) continue;
         results[i].destination = destinationFor(allocator.filename(items[i].baseName, extension));
         results[i].error = write(*results[i].destination, *items[i].data, items[i].source);
       }
@@ -113,7 +115,9 @@ QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
           const auto& image = images[i];
           ExportOutcome outcome{image, std::nullopt, std::nullopt};
           const std::optional<QByteArray>& data = image->compressedData();
-          if (!results[i].destination && !results[i].error) {
+          if (data && image->resultShape() && image->resultShape()->keptOriginal) {
+            outcome.keptOriginal = true;
+          } else if (!results[i].destination && !results[i].error) {
             outcome.errorDescription =
                 image->exportError() ? *image->exportError() : notEncodedDescription(*image, format);
           } else {

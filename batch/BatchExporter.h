@@ -35,6 +35,7 @@ struct ExportOutcome {
   std::shared_ptr<ImportedImage> image;
   std::optional<QUrl> destinationURL;       // set on success only
   std::optional<QString> errorDescription;  // set on failure only
+  bool keptOriginal = false;                // skipped: the result was not smaller than its source
 };
 
 class BatchExporter : public QObject {

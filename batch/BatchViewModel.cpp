@@ -26,6 +26,7 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
     : QObject(parent), options_(std::move(options)) {
   if (!options_.reader) options_.reader = &ImageDecoder::readSource;
   if (!options_.encoder) options_.encoder = &ImageCompressor::encodeData;
+  if (!options_.sizedEncoder) options_.sizedEncoder = &ImageCompressor::encode;
   if (!options_.inspector) options_.inspector = &ImageDecoder::inspect;
   const int processors = options_.processorCount > 0 ? options_.processorCount : QThread::idealThreadCount();
   options_.processorCount = std::max(processors, 1);
@@ -38,11 +39,12 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
   inspectPool_ = std::make_unique<QThreadPool>();
   inspectPool_->setMaxThreadCount(options_.processorCount);
 
-  EncodeScheduler::Options scheduling{options_.reader,        options_.encoder,  options_.processorCount,
-                                      memoryBudget_,          options_.watchdog, options_.debounce,
-                                      options_.measureResults};
+  EncodeScheduler::Options scheduling{options_.reader,         options_.encoder,       options_.sizedEncoder,
+                                      options_.processorCount, memoryBudget_,          options_.watchdog,
+                                      options_.debounce,       options_.measureResults};
   scheduler_ = std::make_unique<EncodeScheduler>(scheduling, [this](const ImportedImage& image) {
-    return EncodeScheduler::Settings{outputFormat_, image.qualityOverride().value_or(quality_)};
+    return EncodeScheduler::Settings{outputFormat_, image.qualityOverride().value_or(quality_),
+                                     compressionOptions_};
   });
   connect(scheduler_.get(), &EncodeScheduler::encodeStarted, this, [this] { setIsEncoding(true); });
   connect(scheduler_.get(), &EncodeScheduler::encodeSettled, this, [this] { refreshIsEncoding(); });
@@ -95,6 +97,13 @@ void BatchViewModel::setOutputFormat(ImageFormat format) {
   emit outputFormatChanged();
   scheduleRecompute();
   settingsSave_.start();
+}
+
+void BatchViewModel::setCompressionOptions(const CompressionOptions& options) {
+  if (options == compressionOptions_) return;
+  compressionOptions_ = options;
+  emit compressionOptionsChanged();
+  scheduleRecompute();
 }
 
 void BatchViewModel::setExportError(std::optional<QString> error) {

@@ -34,6 +34,7 @@
 #include "batch/BatchExporter.h"
 #include "batch/EncodeScheduler.h"
 #include "batch/ImportedImage.h"
+#include "engine/ImageCompressor.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageFormat.h"
 #include "records/ExportProfile.h"
@@ -88,11 +89,14 @@ class BatchViewModel : public QObject {
   using SourceReader = EncodeScheduler::SourceReader;
   using Encoder = EncodeScheduler::Encoder;
   using Inspector = std::function<ImageDecoder::LightDecodedImage(const std::string& path)>;
+  // The encoder under size options (fit, byte budget), used instead of `encoder` while any is on.
+  using SizedEncoder = EncodeScheduler::SizedEncoder;
 
   struct Options {
     SourceReader reader;                        // empty: ImageDecoder::readSource
     Encoder encoder;                            // empty: ImageCompressor::encodeData
     Inspector inspector;                        // empty: ImageDecoder::inspect
+    SizedEncoder sizedEncoder;                  // empty: ImageCompressor::encode
     int processorCount = 0;                     // 0 or less: QThread::idealThreadCount()
     int memoryBudgetMB = 0;                     // 0 or less: CompressionBudget::process(), else its own
     std::chrono::milliseconds watchdog{45000};  // an encode slower than this fails
@@ -122,6 +126,10 @@ class BatchViewModel : public QObject {
   ImageFormat outputFormat() const { return outputFormat_; }
   // Stores and calls scheduleRecompute, even for an unchanged value.
   void setOutputFormat(ImageFormat format);
+  // Fit within a box, a byte budget, skip larger results: all off by default. A change
+  // re-encodes every image; an export leaves out a result that kept its original.
+  const CompressionOptions& compressionOptions() const { return compressionOptions_; }
+  void setCompressionOptions(const CompressionOptions& options);
 
   // The window-wide error (a failed undo). The window's alert clears it with nullopt.
   const std::optional<QString>& exportError() const { return exportError_; }
@@ -247,6 +255,7 @@ class BatchViewModel : public QObject {
   void imagesChanged();
   void qualityChanged();
   void outputFormatChanged();
+  void compressionOptionsChanged();
   void exportErrorChanged();
   void isEncodingChanged();
   void importFailuresChanged();
@@ -294,6 +303,7 @@ class BatchViewModel : public QObject {
   ImageList images_;
   double quality_ = 75.0;
   ImageFormat outputFormat_ = ImageFormat::jpeg;
+  CompressionOptions compressionOptions_;
   std::optional<QString> exportError_;
   bool isEncoding_ = false;
   ImportFailureList importFailures_;

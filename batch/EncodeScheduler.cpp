@@ -14,6 +14,7 @@
 #include "engine/Cancellation.h"
 #include "engine/Errors.h"
 #include "engine/ImageDecoder.h"
+#include "engine/ImageService.h"
 
 namespace quillane {
 
@@ -32,6 +33,7 @@ struct EncodeScheduler::Task {
 // What a pool thread hands back from one encode: bytes, or the text of the error.
 struct EncodeScheduler::Result {
   std::optional<QByteArray> bytes;
+  std::optional<ResultShape> shape;
   QString error;
   std::optional<DecodedImage> thumbnail;  // asked for when the row has none
 };
@@ -180,6 +182,7 @@ void EncodeScheduler::encode(const std::shared_ptr<Task>& task, std::function<vo
   race->watchdog = watchdog;
   const ImageFormat format = task->settings.format;
   const double quality = task->settings.quality;
+  const CompressionOptions sizing = task->settings.sizing;
   const std::string label(ImageFormats::label(format));
   auto cancel = std::make_shared<Cancellation::Flag>(false);
   connect(watchdog, &QTimer::timeout, this, [workEnded, settle, label, cancel] {
@@ -198,13 +201,24 @@ void EncodeScheduler::encode(const std::shared_ptr<Task>& task, std::function<vo
   const std::string path = image->sourceFilePath();
   QtConcurrent::run(
       pool_.get(),
-      [workEnded, reader = options_.reader, encoder = options_.encoder, path, format, quality, label, cancel,
-       wantsThumbnail, memory = options_.memoryBudget, costMB = task->costMB]() -> Result {
+      [workEnded, reader = options_.reader, encoder = options_.encoder, sizedEncoder = options_.sizedEncoder,
+       sizing, path, format, quality, label, cancel, wantsThumbnail, memory = options_.memoryBudget,
+       costMB = task->costMB]() -> Result {
         Result result;
         Cancellation::Scope scope(cancel.get());
         try {
           const std::vector<uint8_t> source = reader(path);
-          const std::vector<uint8_t> bytes = encoder(source, format, quality);
+          std::vector<uint8_t> bytes;
+          if (sizing.fits() || sizing.maxBytes > 0) {
+            ImageCompressor::Encoded encoded = sizedEncoder(source, format, quality, sizing);
+            bytes = std::move(encoded.bytes);
+            result.shape = ResultShape{encoded.quality, encoded.width, encoded.height, false};
+          } else {
+            bytes = encoder(source, format, quality);
+            if (auto header = ImageService::properties(bytes))
+              result.shape = ResultShape{quality, header->width, header->height, false};
+          }
+          if (result.shape) result.shape->keptOriginal = sizing.skipLarger && bytes.size() >= source.size();
           result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
           if (wantsThumbnail)
             result.thumbnail = ImageDecoder::loadPreview(source, ImageDecoder::kThumbnailSize, UINT64_MAX);
@@ -231,10 +245,12 @@ void EncodeScheduler::finish(const std::shared_ptr<ImportedImage>& image, uint64
   if (result.bytes) {
     const int64_t size = result.bytes->size();
     image->setCompressedData(result.bytes);
+    image->resultShape_ = result.shape;
     image->setEncodeState(EncodeState::ready(size));
     measureResult(image);
   } else {
     image->setCompressedData(std::nullopt);
+    image->resultShape_.reset();
     image->setEncodeState(EncodeState::failed(result.error));
   }
   emit encodeSettled();
@@ -265,6 +281,7 @@ void EncodeScheduler::schedulePassthrough(const std::shared_ptr<ImportedImage>& 
     auto image = weakImage.lock();
     if (!image || image->encodeGeneration_ != generation) return;
     if (!bytes.isEmpty()) {
+      image->resultShape_.reset();
       image->setCompressedData(bytes);
       image->setEncodeState(EncodeState::ready(bytes.size()));
     } else {

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "batch/ImportedImage.h"
+#include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
 
 class QThreadPool;
@@ -39,16 +40,22 @@ class EncodeScheduler : public QObject {
   using SourceReader = std::function<std::vector<uint8_t>(const std::string& path)>;
   using Encoder = std::function<std::vector<uint8_t>(std::span<const uint8_t> fileData, ImageFormat format,
                                                      double quality)>;
+  // The encoder under size options (fit, byte budget), used instead of `encoder` while any is on.
+  using SizedEncoder =
+      std::function<ImageCompressor::Encoded(std::span<const uint8_t> fileData, ImageFormat format,
+                                             double quality, const CompressionOptions& options)>;
   // The format and quality an image is to be encoded with at this moment.
   struct Settings {
     ImageFormat format = ImageFormat::jpeg;
     double quality = 75.0;
+    CompressionOptions sizing;  // fit, byte budget and skip-larger; all off by default
   };
   using SettingsSource = std::function<Settings(const ImportedImage&)>;
 
   struct Options {
     SourceReader reader;                        // required
     Encoder encoder;                            // required
+    SizedEncoder sizedEncoder;                  // required
     int processorCount = 1;                     // encodes at once; raised to at least 1
     CompressionBudget* memoryBudget = nullptr;  // required; outlives the scheduler
     std::chrono::milliseconds watchdog{45000};  // an encode slower than this fails

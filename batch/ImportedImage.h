@@ -62,6 +62,18 @@ std::string localFilePath(const QUrl& url);
 // The file URL of a path given as the file system's bytes, the reverse of localFilePath.
 QUrl localFileURL(const std::string& path);
 
+// What the latest result is beside the settings it was asked with: the quality encoded at
+// (lower than asked under a byte budget), its size in pixels (smaller when fitted), and,
+// under "skip larger", that it was not smaller than its source, so the original stays.
+struct ResultShape {
+  double quality = 0;
+  int width = 0;
+  int height = 0;
+  bool keptOriginal = false;
+
+  friend bool operator==(const ResultShape&, const ResultShape&) = default;
+};
+
 class ImportedImage : public QObject {
   Q_OBJECT
   Q_PROPERTY(quillane::EncodeState encodeState READ encodeState NOTIFY encodeStateChanged)
@@ -101,6 +113,8 @@ class ImportedImage : public QObject {
   // absent for good where the measure failed.
   std::optional<double> butteraugli() const { return butteraugli_; }
   const DecodedImage& resultThumbnail() const { return resultThumbnail_; }
+  // Set with each encoded result (not for a source passed through as it came).
+  const std::optional<ResultShape>& resultShape() const { return resultShape_; }
   // Empty: the image follows the batch's global quality.
   std::optional<double> qualityOverride() const { return qualityOverride_; }
   // The last export failure of this row; cleared by the next successful write.
@@ -145,6 +159,7 @@ class ImportedImage : public QObject {
   EncodeState encodeState_;
   std::optional<QByteArray> compressedData_;
   std::optional<double> butteraugli_;
+  std::optional<ResultShape> resultShape_;
   DecodedImage resultThumbnail_;
   std::optional<double> qualityOverride_;
   std::optional<QString> exportError_;

@@ -4,15 +4,18 @@
 // Scope. The pipeline polls it between its stages, and the codecs where their libraries let
 // them:
 // - decoding: libjpeg's progress monitor (between scans and rows), libpng's rows, libjxl's
-//   parallel runner (between its work items), libwebp's incremental decoder (between slices
-//   of the input, so a picture that expands hugely from few bytes still finishes its slice);
-// - encoding: libwebp's progress hook, libjxl's parallel runner, libimagequant's progress
+//   events, libwebp's incremental decoder (between slices of the input, so a picture that
+//   expands hugely from few bytes still finishes its slice);
+// - encoding: libwebp's progress hook, libjxl's rounds of output, libimagequant's progress
 //   callbacks (quantizing and remapping), and our own PNG writer between rows and deflate
-//   blocks.
+//   blocks;
+// - the perceptual distance: between libjxl's comparisons (a picture, or a tile of one).
 // The others offer nothing that stops a call once started: libheif 1.15's decode progress
 // callbacks return void, its encode (x265 for HEIC) has no callback at all, and libavif 0.11
 // has none for decoding or for encoding through aom; those calls run to their end and their
-// result is dropped.
+// result is dropped. libjxl 0.7 has a hook, its parallel runner, but must not be given one
+// that fails: some of its passes abort the process on a failed work item (the butteraugli
+// comparator's colour conversion, the decoder's groups), so its passes run to their end too.
 // A raised flag ends the call by throwing Cancelled, with every library object released on the
 // way out.
 

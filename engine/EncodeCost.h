@@ -15,13 +15,13 @@
 namespace quillane::EncodeCost {
 
 // What an encoding may take, its picture included: 16 bytes a pixel, and never less than
-// 384 MiB, which small pictures' encodings take in libraries' fixed buffers and the costlier
-// modes on pictures of a megapixel or two. The strategy plans every encoding within it where
-// the format has a cheaper way (EncodingStrategy::plan); lossy JPEG XL (40 to 47 bytes a
-// pixel in libjxl 0.7), HEIC and AVIF at 4:4:4 (26 to 28) and lossless WebP of a photograph
-// (36) have none, and claim what they take.
+// 1.5 GiB, so that a screenshot up to a 4K screen (8.3 megapixels) keeps lossless JPEG XL's
+// full effort, whose files are up to six times smaller than the light effort's. The strategy plans every
+// encoding within it where the format has a cheaper way (EncodingStrategy::plan); lossy JPEG XL (40 to 47
+// bytes a pixel in libjxl 0.7), HEIC and AVIF at 4:4:4 (26 to 28) and lossless WebP of a photograph (36) have
+// none, and claim what they take.
 inline constexpr uint64_t kBytesPerPixel = 16;
-inline constexpr uint64_t kSmallPictureBytes = 384ull << 20;
+inline constexpr uint64_t kSmallPictureBytes = 1536ull << 20;
 uint64_t allowance(uint64_t pixels);
 
 // The peak of one encoding in `mode` at the plan's `effort` (0 to 2, or -1 for JPEG XL's light

@@ -232,40 +232,53 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
   result.encodes = 1;
   if (budget == 0 || result.bytes.size() <= budget) return result;
 
-  // The highest whole quality below the one asked for whose file fits. The file's size falls
-  // roughly exponentially with quality: the first guess assumes it halves every 20 steps,
-  // later ones interpolate the logarithm of the size between the closest qualities known
-  // above and below the budget. `fitsAt` holds the best fitting encoding so far.
+  // The highest whole quality below the one asked for whose file fits, or one whose file
+  // comes within 5 % under the budget, which ends the search early. The file's size falls
+  // roughly exponentially with quality: the guess interpolates the logarithm of the size
+  // between the two closest qualities known (both too large at first, assuming a halving
+  // every 20 steps while only one is known), aiming 5 % under the budget; when the same end
+  // of the bracket moves twice running, the bracket is halved instead. `fitsAt` holds the
+  // best fitting encoding so far.
   constexpr int kMaxEncodes = 7;
-  const double target = std::log(double(budget) * 0.97);
+  const double target = std::log(double(budget) * 0.95), closeEnough = double(budget) * 0.95;
   int high = int(std::ceil(quality));  // too large here
   double highLog = std::log(double(result.bytes.size()));
-  int low = 0;  // fits here; 0 while no quality is known to fit
+  std::optional<std::pair<int, double>> aboveHigh;  // the previous too-large point
+  int low = 0;                                      // fits here; 0 while no quality is known to fit
   double lowLog = 0;
+  int lastSide = 0, sameSide = 0;  // +1 when the last step moved high, -1 low
   std::optional<Bytes> fitsAt;
+  bool done = false;
   const auto tryQuality = [&](int q) {
     Cancellation::check();
     Bytes bytes = encodeAt(EncodingStrategy::plan(characteristics, format, q), q, false);
     ++result.encodes;
     const double size = std::log(double(std::max<size_t>(bytes.size(), 1)));
-    if (bytes.size() <= budget) {
+    const int side = bytes.size() <= budget ? -1 : 1;
+    sameSide = side == lastSide ? sameSide + 1 : 1;
+    lastSide = side;
+    if (side < 0) {
       low = q, lowLog = size;
+      done = double(bytes.size()) >= closeEnough;
       fitsAt = std::move(bytes);
     } else {
+      aboveHigh = {high, highLog};
       high = q, highLog = size;
     }
   };
-  while (high - low > 1 && result.encodes < kMaxEncodes) {
+  while (!done && high - low > 1 && result.encodes < kMaxEncodes) {
     double guess;
-    if (low == 0)
-      guess = high - (highLog - target) / (std::log(2.0) / 20.0);
-    else
+    if (low == 0) {
+      double slope = std::log(2.0) / 20.0;  // per quality step
+      if (aboveHigh && aboveHigh->first > high && aboveHigh->second > highLog)
+        slope = (aboveHigh->second - highLog) / (aboveHigh->first - high);
+      guess = high - (highLog - target) / slope;
+    } else if (sameSide >= 2) {
+      guess = (low + high) / 2.0;
+    } else {
       guess = low + (high - low) * (target - lowLog) / std::max(highLog - lowLog, 1e-9);
-    // Inside the bracket, and, once both ends are known, never hugging one end so that a
-    // badly curved size still halves the bracket at least every other step.
-    int q = int(std::lround(guess));
-    if (low > 0 && result.encodes % 2 == 0) q = (low + high) / 2;
-    tryQuality(std::clamp(q, low + 1, high - 1));
+    }
+    tryQuality(std::clamp(int(std::floor(guess)), low + 1, high - 1));
   }
   if (!fitsAt && high > 1) tryQuality(1);
   if (!fitsAt) throw BudgetError(options.maxBytes, result.width, result.height);

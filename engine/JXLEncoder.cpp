@@ -12,7 +12,6 @@
 #include "engine/Encoders.h"
 #include "engine/Errors.h"
 #include "engine/Exif.h"
-#include "engine/JxlRunner.h"
 #include "engine/PageRelease.h"
 #include "engine/codecs/QuietStderr.h"
 
@@ -32,13 +31,13 @@ void check(JxlEncoderStatus status, const char* call) {
   throw jxlFailed(call);
 }
 
-// libjxl prints its failures, a cancelled encode's included; callers hold a QuietStderr.
+// libjxl prints its failures; callers hold a QuietStderr. No parallel runner: libjxl 0.7
+// aborts the process when a work item of some of its passes fails, so a runner may not stop
+// it half way. A raised flag is seen before the encode and between rounds of output.
 JxlEncoderPtr makeEncoder() {
+  Cancellation::check();
   JxlEncoderPtr encoder = JxlEncoderMake(nullptr);
   if (!encoder) throw jxlFailed("JxlEncoderCreate");
-  check(JxlEncoderSetParallelRunner(encoder.get(), JxlRunner::runCancellably,
-                                    const_cast<Cancellation::Flag*>(Cancellation::current())),
-        "JxlEncoderSetParallelRunner");
   return encoder;
 }
 
@@ -69,10 +68,8 @@ Bytes drainOutput(JxlEncoder* encoder) {
     const size_t written = buffer.size() - available;
     result.insert(result.end(), buffer.begin(), buffer.begin() + ptrdiff_t(written));
     if (status == JXL_ENC_SUCCESS) return result;
-    if (status != JXL_ENC_NEED_MORE_OUTPUT || written == 0) {
-      Cancellation::check();
-      throw jxlFailed("JxlEncoderProcessOutput");
-    }
+    Cancellation::check();
+    if (status != JXL_ENC_NEED_MORE_OUTPUT || written == 0) throw jxlFailed("JxlEncoderProcessOutput");
   }
 }
 

@@ -12,7 +12,6 @@
 #include "engine/Cancellation.h"
 #include "engine/Errors.h"
 #include "engine/ImageDecoder.h"
-#include "engine/JxlRunner.h"
 #include "engine/LcmsHandles.h"
 
 namespace quillane::PerceptualDistance {
@@ -48,16 +47,18 @@ struct NormSums {
   }
 };
 
-// One comparison through libjxl, serially on this thread and cancellable between work items.
-// `alpha`: both are compared with their alpha (libjxl then compares over black and over
-// white, twice the work); otherwise as RGB.
+// One comparison through libjxl, serially on this thread; cancellable before and after it,
+// not within: libjxl 0.7 aborts the process when a work item of its colour conversion fails
+// (a JXL_CHECK in its comparator), so no runner may stop it half way. `alpha`: both are
+// compared with their alpha (libjxl then compares over black and over white, twice the
+// work); otherwise as RGB.
 ButteraugliResultPtr compute(const uint8_t* reference, const uint8_t* distorted, int width, int height,
                              size_t stride, bool alpha, std::vector<uint8_t>& scratchA,
                              std::vector<uint8_t>& scratchB) {
+  Cancellation::check();
+  // No parallel runner: libjxl's own serial one, which never fails an item.
   ButteraugliApiPtr api(JxlButteraugliApiCreate(nullptr));
   if (!api) throw failure("JxlButteraugliApiCreate");
-  JxlButteraugliApiSetParallelRunner(api.get(), JxlRunner::runCancellably,
-                                     const_cast<Cancellation::Flag*>(Cancellation::current()));
   // The API takes 255 nits for white; butteraugli_main, like the metric's own default, takes
   // 80, the sRGB reference display. The numbers users compare with are butteraugli_main's.
   JxlButteraugliApiSetIntensityTarget(api.get(), 80.0f);

@@ -19,8 +19,9 @@ inline constexpr uint64_t kFullPixelLimit = 8'000'000;
 
 // The 3-norm distance between two 8-bit pictures of one size, taken as sRGB (as
 // butteraugli_main takes an untagged PNG). Pictures with alpha are compared over black and
-// over white, the larger distance counting, as libjxl does. Runs on the calling thread and
-// stops between libjxl's work items when the thread's cancellation flag is raised.
+// over white, the larger distance counting, as libjxl does. Runs on the calling thread; the
+// thread's cancellation flag is looked at before and after each of libjxl's comparisons (a
+// whole picture, or one tile), never within one.
 // Throws ImageProcessingError (sizes differ, libjxl fails, cancelled).
 double butteraugli(const RGBABuffer& reference, const RGBABuffer& distorted);
 

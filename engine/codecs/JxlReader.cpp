@@ -12,7 +12,6 @@
 
 #include "engine/Cancellation.h"
 #include "engine/ColorConvert.h"
-#include "engine/JxlRunner.h"
 #include "engine/codecs/QuietStderr.h"
 #include "engine/codecs/Readers.h"
 
@@ -22,10 +21,10 @@ namespace {
 JxlDecoderPtr makeDecoder(Input bytes, int events) {
   JxlDecoderPtr decoder = JxlDecoderMake(nullptr);
   if (!decoder) fail("JxlDecoderCreate");
-  if (JxlDecoderSetParallelRunner(decoder.get(), JxlRunner::runCancellably,
-                                  const_cast<Cancellation::Flag*>(Cancellation::current())) !=
-          JXL_DEC_SUCCESS ||
-      JxlDecoderSetKeepOrientation(decoder.get(), JXL_TRUE) != JXL_DEC_SUCCESS ||
+  // No parallel runner: libjxl 0.7 aborts the process when a work item of some of its passes
+  // fails, so a runner may not stop it half way. The caller looks at its cancellation flag
+  // between the decoder's events.
+  if (JxlDecoderSetKeepOrientation(decoder.get(), JXL_TRUE) != JXL_DEC_SUCCESS ||
       JxlDecoderSubscribeEvents(decoder.get(), events) != JXL_DEC_SUCCESS ||
       JxlDecoderSetInput(decoder.get(), bytes.data(), bytes.size()) != JXL_DEC_SUCCESS)
     fail("JxlDecoderSetInput");
@@ -155,6 +154,7 @@ DecodedImage decodeJxl(Input bytes, int minLongSide) {
   DecodedImage image;
   JxlPixelFormat format{4, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
   for (;;) {
+    Cancellation::check();
     JxlDecoderStatus status = JxlDecoderProcessInput(decoder.get());
     switch (status) {
       case JXL_DEC_BASIC_INFO: {

@@ -109,6 +109,31 @@ TEST_F(RouterTest, SettingsApplyInOrderAndKeepWhatWasApplied) {
   EXPECT_EQ(model_->appliedProfileName(), std::optional<QString>("Web"));
 }
 
+TEST_F(RouterTest, SizeSettingsReachTheEncodesAndTheirResultsAndTurnOffWithZero) {
+  auto set = call("POST", "/v1/settings", R"({"maxWidth":20,"maxBytes":"50k","skipLarger":true})");
+  ASSERT_EQ(set.status, 200) << set.body;
+  EXPECT_NE(set.body.find(R"("maxBytes":50000,"maxWidth":20,)"), std::string::npos) << set.body;
+  EXPECT_NE(set.body.find(R"("skipLarger":true)"), std::string::npos) << set.body;
+  EXPECT_EQ(model_->compressionOptions(),
+            (CompressionOptions{.maxWidth = 20, .maxBytes = 50000, .skipLarger = true}));
+
+  // The sized encoder is the engine's own: a 40 x 30 photo comes back fitted.
+  ASSERT_EQ(importPaths({writeJPEG("a.jpg")}).size(), 1u);
+  ASSERT_TRUE(waitUntilSettled());
+  auto image = json(call("GET", "/v1/images")).array()[0].toObject();
+  EXPECT_EQ(image["resultWidth"].toInt(), 20);
+  EXPECT_EQ(image["resultHeight"].toInt(), 15);
+  EXPECT_EQ(image["resultQuality"].toDouble(), 75);
+
+  for (const char* bad : {R"({"maxWidth":-1})", R"({"maxHeight":2.5})", R"({"maxBytes":"lots"})",
+                          R"({"skipLarger":1})", R"({"maxWidth":"20"})"})
+    EXPECT_EQ(call("POST", "/v1/settings", bad).status, 400) << bad;
+  const auto off = call("POST", "/v1/settings", R"({"maxWidth":0,"maxBytes":0,"skipLarger":false})").body;
+  EXPECT_EQ(off.find("max"), std::string::npos) << off;
+  EXPECT_EQ(off.find("skip"), std::string::npos) << off;
+  EXPECT_EQ(model_->compressionOptions(), CompressionOptions{});
+}
+
 TEST_F(RouterTest, ProfilesAreUpsertedByNameInAnyCaseListedAndDeleted) {
   std::string out = folder("out");
   auto created =

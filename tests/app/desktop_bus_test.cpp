@@ -26,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "engine/ImageService.h"
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/RawHTTPClient.h"
 #include "tests/support/TestImages.h"
@@ -310,6 +311,37 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
 
 // A client that gives up and leaves the bus leaves no work behind it, and no one client can
 // fill the queue.
+TEST_F(DesktopBus, CompressWithOptionsFitsSkipsAndRefusesUnknownOrMistypedOptions) {
+  const QString a = image("a.png"), b = image("b.jpg");
+  QDBusInterface quillane(kService, kPath, "com.quillane.Quillane", *bus_);
+  quillane.setTimeout(120000);
+  QDBusMessage reply = quillane.call(
+      "CompressWithOptions", QStringList{a},
+      QVariantMap{
+          {"format", "png"}, {"outputFolder", path("out/fit")}, {"maxWidth", 24}, {"maxBytes", "500k"}});
+  ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
+  ASSERT_EQ(reply.arguments().value(0).toStringList(), QStringList{path("out/fit/a.png")});
+  const auto fitted = ImageService::properties(testing::readBytes(path("out/fit/a.png").toStdString()));
+  ASSERT_TRUE(fitted);
+  EXPECT_EQ(fitted->width, 24);
+  EXPECT_EQ(fitted->height, 16);
+
+  // A JPEG at 95 grows at 100: kept, and left out of the outputs.
+  reply = quillane.call(
+      "CompressWithOptions", QStringList{b},
+      QVariantMap{
+          {"format", "jpeg"}, {"quality", 100}, {"outputFolder", path("out/kept")}, {"skipLarger", true}});
+  ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
+  EXPECT_TRUE(reply.arguments().value(0).toStringList().isEmpty());
+  EXPECT_TRUE(entries("out/kept").isEmpty());
+
+  for (const QVariantMap& bad : {QVariantMap{{"maxWidth", "wide"}}, QVariantMap{{"colour", 1}},
+                                 QVariantMap{{"skipLarger", 1}}, QVariantMap{{"quality", "high"}}}) {
+    reply = quillane.call("CompressWithOptions", QStringList{a}, bad);
+    EXPECT_EQ(reply.errorName(), "org.freedesktop.DBus.Error.InvalidArgs") << bad.firstKey().toStdString();
+  }
+}
+
 TEST_F(DesktopBus, ACallerThatLeavesHasItsWorkDroppedAndCanQueueOnlySoMuch) {
   const QString small = image("small.png");
   const QString large = dir_.filePath("in/large.png");

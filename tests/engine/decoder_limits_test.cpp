@@ -13,9 +13,11 @@
 #include <webp/mux.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <thread>
 
 #include "engine/Cancellation.h"
 #include "engine/Encoders.h"
@@ -23,6 +25,7 @@
 #include "engine/ImageCompressor.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageService.h"
+#include "engine/PerceptualDistance.h"
 #include "tests/engine/encoder_test_support.h"
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/HostileFiles.h"
@@ -368,6 +371,43 @@ TEST(Cancellation, ARaisedFlagStopsEachHookedEncoder) {
       expectCancelled(name, [&] { encode(); });
     }
     EXPECT_FALSE(encode().empty()) << name;
+  }
+}
+
+// A flag raised while libjxl is at work (a newer result while its distance is measured, a
+// quit during an encode) ends the call with a result or the cancellation error, wherever in
+// the call it lands: libjxl aborts the process on a failed work item in some of its passes.
+TEST(Cancellation, AFlagRaisedDuringLibjxlWorkNeverAbortsTheProcess) {
+  using Mode = EncodingPlan::Mode;
+  const DecodedImage photo = testing::makeImage(400, 300, testing::Pattern::photo, 6);
+  const RGBABuffer rgba = testing::makeBuffer(400, 300, testing::Pattern::photo, 6, true);
+  const Bytes jpeg = fixtures::jpeg(photo);
+  const Bytes jxl = fixtures::jxl(photo, {.lossless = false});
+  const Bytes result = ImageCompressor::encodeData(jpeg, ImageFormat::jpeg, 30);
+  const std::pair<const char*, std::function<void()>> calls[] = {
+      {"distance", [&] { PerceptualDistance::between(jpeg, result); }},
+      {"JPEG XL encode", [&] { JXLEncoder::encode(rgba, true, testing::makePlan(Mode::lossy(80), 0)); }},
+      {"JPEG XL decode", [&] { ImageDecoder::decodeCGImageSource(jxl); }},
+  };
+  for (const auto& [name, call] : calls) {
+    const auto start = std::chrono::steady_clock::now();
+    call();
+    const auto whole = std::chrono::steady_clock::now() - start;
+    // The flag goes up at twenty points spread over the call's uncancelled length.
+    for (int step = 0; step < 20; ++step) {
+      std::atomic<bool> flag{false};
+      std::thread raiser([&] {
+        std::this_thread::sleep_for(whole * step / 20);
+        flag = true;
+      });
+      try {
+        Cancellation::Scope scope(&flag);
+        call();
+      } catch (const ImageProcessingError& e) {
+        EXPECT_STREQ(e.what(), "cancelled") << name;
+      }
+      raiser.join();
+    }
   }
 }
 

@@ -61,6 +61,9 @@ TEST(EncodeCost, LosslessJPEGXLIsPlannedWithinTheAllowanceOrAtTheLeastCost) {
   EXPECT_EQ(small.mode.kind, Kind::lossless);
   EXPECT_FALSE(small.lightLossless);
   EXPECT_TRUE(small.alternative);
+  const EncodingPlan screen =
+      EncodingStrategy::plan(characteristicsOf(3840, 2160, ContentClass::screenText), ImageFormat::jxl, 75);
+  EXPECT_FALSE(screen.lightLossless);
   const EncodingPlan flat =
       EncodingStrategy::plan(characteristicsOf(8000, 8000, ContentClass::flatGraphic), ImageFormat::jxl, 75);
   EXPECT_TRUE(flat.mode.kind == Kind::lossy || flat.lightLossless);
