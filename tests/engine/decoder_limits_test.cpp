@@ -403,8 +403,8 @@ TEST(Cancellation, AFlagRaisedDuringLibjxlWorkNeverAbortsTheProcess) {
       try {
         Cancellation::Scope scope(&flag);
         call();
-      } catch (const ImageProcessingError& e) {
-        EXPECT_STREQ(e.what(), "cancelled") << name;
+      } catch (const Cancellation::Cancelled&) {
+        // stopped between libjxl's steps, as it may be
       }
       raiser.join();
     }
