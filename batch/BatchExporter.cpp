@@ -161,13 +161,7 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
     }
     return result;
   };
-  return QtConcurrent::run(pool_.get(), std::move(job))
-      .then(this, [this, image, format, size = data.size()](const FileResult& result) {
-        std::vector<Written> written;
-        apply(image, result, size, format, written);
-        if (!written.empty()) recorder_(written);
-        return !result.error;
-      });
+  return writeOne(image, format, data.size(), std::move(job));
 }
 
 QFuture<bool> BatchExporter::writeExport(const std::shared_ptr<ImportedImage>& image, const QByteArray& data,
@@ -182,8 +176,13 @@ QFuture<bool> BatchExporter::writeExport(const std::shared_ptr<ImportedImage>& i
     }
     return result;
   };
+  return writeOne(image, format, data.size(), std::move(job));
+}
+
+QFuture<bool> BatchExporter::writeOne(const std::shared_ptr<ImportedImage>& image, ImageFormat format,
+                                      qint64 size, std::function<FileResult()> job) {
   return QtConcurrent::run(pool_.get(), std::move(job))
-      .then(this, [this, image, format, size = data.size()](const FileResult& result) {
+      .then(this, [this, image, format, size](const FileResult& result) {
         std::vector<Written> written;
         apply(image, result, size, format, written);
         if (!written.empty()) recorder_(written);

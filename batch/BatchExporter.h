@@ -85,6 +85,10 @@ class BatchExporter : public QObject {
   // Sets the row's export state from `result`; a success goes into `written`.
   static void apply(const std::shared_ptr<ImportedImage>& image, const FileResult& result, qint64 size,
                     ImageFormat format, std::vector<Written>& written);
+  // Runs one file's write `job` on the pool; back on the GUI thread, applies its result to the
+  // row and records a success. True when the file was written.
+  QFuture<bool> writeOne(const std::shared_ptr<ImportedImage>& image, ImageFormat format, qint64 size,
+                         std::function<FileResult()> job);
 
   Recorder recorder_;
   std::unique_ptr<QThreadPool> pool_;
