@@ -223,10 +223,11 @@ void LocalAPIRouter::exportAll(const LocalAPIRequest& request, Reply reply) {
   QUrl destination = fileURL(*folder);
   double wait = body->waitTimeoutSeconds.value_or(defaultWaitTimeoutSeconds);
   whenFinished(this, viewModel_.waitForEncodingToFinish(wait), [this, destination, reply] {
-    JsonValue results = JsonValue::array();
-    for (const ExportOutcome& outcome : viewModel_.exportAll(destination))
-      results.push(exportResultDTO(outcome));
-    reply(LocalAPIResponse::json(200, results));
+    viewModel_.exportAll(destination).then(this, [reply](const std::vector<ExportOutcome>& outcomes) {
+      JsonValue results = JsonValue::array();
+      for (const ExportOutcome& outcome : outcomes) results.push(exportResultDTO(outcome));
+      reply(LocalAPIResponse::json(200, results));
+    });
   });
 }
 
@@ -314,13 +315,15 @@ void LocalAPIRouter::exportSingleImage(const std::string& idSegment, const Local
   double wait = body->waitTimeoutSeconds.value_or(defaultWaitTimeoutSeconds);
   // Waits for the whole batch, not for this image alone.
   whenFinished(this, viewModel_.waitForEncodingToFinish(wait), [this, image, destination, reply] {
-    ExportOutcome outcome{image, std::nullopt, std::nullopt};
-    if (viewModel_.exportSingle(image, destination)) {
-      outcome.destinationURL = image->lastExportDestination();  // renamed if it was a source
-    } else {
-      outcome.errorDescription = image->exportError();
-    }
-    reply(LocalAPIResponse::json(200, exportResultDTO(outcome)));
+    viewModel_.exportSingle(image, destination).then(this, [image, reply](bool written) {
+      ExportOutcome outcome{image, std::nullopt, std::nullopt};
+      if (written) {
+        outcome.destinationURL = image->lastExportDestination();  // renamed if it was a source
+      } else {
+        outcome.errorDescription = image->exportError();
+      }
+      reply(LocalAPIResponse::json(200, exportResultDTO(outcome)));
+    });
   });
 }
 

@@ -9,7 +9,8 @@
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
 
-#include "batch/BatchViewModelPrivate.h"
+#include "batch/BatchSupport.h"
+#include "batch/BatchViewModel.h"
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
 #include "engine/Errors.h"
@@ -17,6 +18,21 @@
 #include "records/JsonForms.h"
 
 namespace quillane {
+
+// One call of inspectConcurrently: results are buffered by index and delivered in URL order.
+// GUI thread only.
+struct BatchViewModel::InspectionRun {
+  struct Outcome {
+    std::optional<ImageDecoder::LightDecodedImage> decoded;
+    QString error;
+  };
+  QList<QUrl> urls;
+  InspectionResult onResult;
+  std::function<void()> onFinished;
+  int nextToStart = 0;
+  int nextToDeliver = 0;
+  std::map<int, Outcome> buffer;
+};
 
 namespace {
 const QString kSessionFile = QStringLiteral("importSession.json");
@@ -109,7 +125,11 @@ void BatchViewModel::startInspection(const std::shared_ptr<InspectionRun>& run, 
   // must not sit behind a queue of long encodes, and inspections are short.
   const std::string path = localFilePath(run->urls[index]);
   QtConcurrent::run(inspectPool_.get(), [path] {
-    return CompressionCost::megabytes(ImageDecoder::inspectionPeakBytes(path));
+    try {
+      return CompressionCost::megabytes(ImageDecoder::inspectionPeakBytes(path));
+    } catch (...) {
+      return CompressionCost::megabytes(ImageDecoder::kInspectionMemory);  // the most it may take
+    }
   }).then(this, [this, run, index, path](int costMB) {
     memoryBudget_->waitAhead(costMB, this,
                              [this, run, index, path, costMB] { inspect(run, index, path, costMB); });

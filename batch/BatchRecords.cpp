@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "batch/BatchViewModelPrivate.h"
+#include "batch/BatchViewModel.h"
 #include "engine/Localization.h"
 
 namespace quillane {
@@ -63,17 +63,19 @@ void BatchViewModel::applyExportProfile(const ExportProfile& profile) {
 
 // ---- History ----
 
-void BatchViewModel::recordExport(const ImportedImage& image, const QUrl& destination,
-                                  const QByteArray& data) {
-  ExportRecord record;
-  record.id = QUuid::createUuid();
-  record.sourceDisplayName = image.fileName();
-  record.destinationURL = destination;
-  record.format = outputFormat_;
-  record.sizeBytes = data.size();
-  record.date = ExportHistory::now();
+void BatchViewModel::recordExports(const std::vector<BatchExporter::Written>& written) {
+  // One save for the whole export, newest first: the last file written heads the list.
   ExportRecordList history = exportHistory_;
-  history.insert(history.begin(), std::move(record));
+  for (const BatchExporter::Written& file : written) {
+    ExportRecord record;
+    record.id = QUuid::createUuid();
+    record.sourceDisplayName = file.image->fileName();
+    record.destinationURL = file.destination;
+    record.format = file.format;
+    record.sizeBytes = file.sizeBytes;
+    record.date = ExportHistory::now();
+    history.insert(history.begin(), std::move(record));
+  }
   setExportHistory(std::move(history));
 }
 

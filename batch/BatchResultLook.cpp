@@ -1,14 +1,14 @@
-// How each result looks beside its source: after an encode's size is shown, its perceptual
-// distance and a thumbnail of the result are measured on the encode pool, within the same
-// processor slots and memory budget as the encodes, and handed to the row. GUI thread, but
-// for the pool body, which gets copies and touches no QObject.
+// How each result looks beside its source (EncodeScheduler::measureResult): after an encode's
+// size is shown, its perceptual distance and a thumbnail of the result are measured on the
+// encode pool, within the same processor slots and memory budget as the encodes, and handed to
+// the row. GUI thread, but for the pool body, which gets copies and touches no QObject.
 
 #include <QMetaObject>
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
 #include <atomic>
 
-#include "batch/BatchViewModelPrivate.h"
+#include "batch/EncodeScheduler.h"
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
 #include "engine/Cancellation.h"
@@ -23,7 +23,7 @@ struct Look {
 };
 }  // namespace
 
-void BatchViewModel::measureResult(const std::shared_ptr<ImportedImage>& image) {
+void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image) {
   if (!options_.measureResults || !image || !image->compressedData()) return;
   const QByteArray result = *image->compressedData();
   // A newer result makes this measure worthless: its change raises the flag, which libjxl's
@@ -38,16 +38,17 @@ void BatchViewModel::measureResult(const std::shared_ptr<ImportedImage>& image) 
       image->width(), image->height(),
       uint64_t(std::max<int64_t>(image->originalSizeBytes(), 0)) + uint64_t(result.size()));
   std::weak_ptr<ImportedImage> weakImage = image;
-  processorSlots_->wait(1, this, [this, weakImage, result, cancel, stale, costMB] {
-    memoryBudget_->wait(costMB, this, [this, weakImage, result, cancel, stale, costMB] {
+  CompressionBudget* memory = options_.memoryBudget;
+  processorSlots_->wait(1, this, [this, weakImage, result, cancel, stale, costMB, memory] {
+    memory->wait(costMB, this, [this, weakImage, result, cancel, stale, costMB, memory] {
       auto alive = weakImage.lock();
       if (!alive || cancel->load()) {
-        memoryBudget_->release(costMB);
+        memory->release(costMB);
         processorSlots_->release(1);
         return;
       }
-      QtConcurrent::run(encodePool_.get(), [reader = options_.reader, path = alive->sourceFilePath(), result,
-                                            cancel] {
+      QtConcurrent::run(pool_.get(), [reader = options_.reader, path = alive->sourceFilePath(), result,
+                                      cancel, memory, costMB] {
         Look look;
         Cancellation::Scope scope(cancel.get());
         const std::span<const uint8_t> resultBytes(reinterpret_cast<const uint8_t*>(result.constData()),
@@ -62,9 +63,9 @@ void BatchViewModel::measureResult(const std::shared_ptr<ImportedImage>& image) 
           if (auto thumbnail = ImageDecoder::loadPreview(resultBytes, ImageDecoder::kThumbnailSize))
             look.thumbnail = std::move(*thumbnail);
         }
+        memory->release(costMB);  // the work has ended, whatever becomes of its result
         return look;
-      }).then(this, [this, weakImage, result, stale, costMB](Look look) {
-        memoryBudget_->release(costMB);
+      }).then(this, [this, weakImage, result, stale](Look look) {
         processorSlots_->release(1);
         QObject::disconnect(*stale);
         auto shown = weakImage.lock();

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "batch/BatchViewModelPrivate.h"
+#include "batch/BatchViewModel.h"
 
 namespace quillane {
 

@@ -1,13 +1,17 @@
-// BatchViewModel: construction, the plain state of the batch and the list operations.
-// The scheduler, import, export and records operations live in the Batch*.cpp files.
+// BatchViewModel: construction, the plain state of the batch, the list operations, and the
+// model's side of encoding and export (the settings, the debounce of global changes and
+// isEncoding; the work itself is EncodeScheduler's and BatchExporter's). Import and session
+// live in BatchImport.cpp, profiles and history in BatchRecords.cpp.
 
 #include "batch/BatchViewModel.h"
 
+#include <QDeadlineTimer>
+#include <QPromise>
 #include <QThread>
 #include <QThreadPool>
 #include <algorithm>
 
-#include "batch/BatchViewModelPrivate.h"
+#include "batch/BatchSupport.h"
 #include "budget/CompressionBudget.h"
 #include "engine/Errors.h"
 #include "engine/ImageCompressor.h"
@@ -15,18 +19,6 @@
 #include "engine/Localization.h"
 
 namespace quillane {
-
-namespace batchdetail {
-QString describeCurrentException(const QString& fallback) {
-  try {
-    throw;
-  } catch (const QuillaneError& error) {
-    return QString::fromStdString(error.description());
-  } catch (...) {
-    return fallback;
-  }
-}
-}  // namespace batchdetail
 
 BatchViewModel::BatchViewModel(QObject* parent) : BatchViewModel(Options{}, parent) {}
 
@@ -41,17 +33,23 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
 
   loadRecords();
 
-  processorSlots_ = std::make_unique<CompressionBudget>(options_.processorCount);
   if (options_.memoryBudgetMB > 0)
     ownMemoryBudget_ = std::make_unique<CompressionBudget>(options_.memoryBudgetMB);
   memoryBudget_ = ownMemoryBudget_ ? ownMemoryBudget_.get() : &CompressionBudget::process();
-  encodePool_ = std::make_unique<QThreadPool>();
-  // The processor slots bound the encodes that count; the pool only needs room beyond them
-  // for work abandoned by a timeout, which runs on (holding its memory) until the encoder
-  // returns.
-  encodePool_->setMaxThreadCount(options_.processorCount + 16);
   inspectPool_ = std::make_unique<QThreadPool>();
   inspectPool_->setMaxThreadCount(options_.processorCount);
+
+  EncodeScheduler::Options scheduling{options_.reader,         options_.encoder,       options_.sizedEncoder,
+                                      options_.processorCount, memoryBudget_,          options_.watchdog,
+                                      options_.debounce,       options_.measureResults};
+  scheduler_ = std::make_unique<EncodeScheduler>(scheduling, [this](const ImportedImage& image) {
+    return EncodeScheduler::Settings{outputFormat_, image.qualityOverride().value_or(quality_),
+                                     compressionOptions_};
+  });
+  connect(scheduler_.get(), &EncodeScheduler::encodeStarted, this, [this] { setIsEncoding(true); });
+  connect(scheduler_.get(), &EncodeScheduler::encodeSettled, this, [this] { refreshIsEncoding(); });
+  exporter_ = std::make_unique<BatchExporter>(
+      [this](const std::vector<BatchExporter::Written>& written) { recordExports(written); });
 
   // The quality debounce: a value passes when the quiet time has gone by without a newer one.
   qualityDebounce_.setSingleShot(true);
@@ -74,9 +72,10 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
 
 BatchViewModel::~BatchViewModel() {
   if (settingsSave_.isActive()) persistSettings();
-  // Abandoned work still holds pool threads (and its memory, given back as it ends); their
-  // results go nowhere, since every continuation is tied to this object.
-  encodePool_->waitForDone();
+  // The scheduler and the exporter wait for their own threads as they go; results go nowhere,
+  // since every continuation is tied to an object being destroyed.
+  scheduler_.reset();
+  exporter_.reset();
   inspectPool_->waitForDone();
 }
 
@@ -145,10 +144,7 @@ void BatchViewModel::removeImage(const std::shared_ptr<ImportedImage>& given) {
   const auto at = std::find(images_.begin(), images_.end(), image);
   if (at == images_.end()) return;
   const ImagePlacements removed{{int(at - images_.begin()), image}};
-  cancelEncodeTask(id);
-  encodeTasks_.erase(id);
-  pendingReEncodeImageIDs_.erase(id);
-  // A running encode of it (activeEncodeImageIDs) ends by itself and clears its own entry.
+  scheduler_->forget(id);
   std::erase_if(images_, [&](const auto& candidate) { return candidate->id() == id; });
   emit imagesChanged();
   refreshIsEncoding();
@@ -173,9 +169,7 @@ void BatchViewModel::clearAll() {
   ImagePlacements removed;
   for (size_t i = 0; i < images_.size(); ++i) removed.emplace_back(int(i), images_[i]);
   const ImportFailureList failures = importFailures_;
-  for (auto& entry : encodeTasks_) cancelEncodeTask(entry.first);
-  encodeTasks_.clear();
-  pendingReEncodeImageIDs_.clear();
+  scheduler_->forgetAll();
   images_.clear();
   importFailures_.clear();
   emit imagesChanged();
@@ -186,6 +180,107 @@ void BatchViewModel::clearAll() {
   announceUndoable(
       QString::fromStdString(Localization::text("undo.clearAll", "Tout effacer")), {},
       [this, removed, failures] { restoreImages(removed, failures); }, [this] { clearAll(); });
+}
+
+// ---- Encoding ----
+
+void BatchViewModel::setHasPendingRecompute(bool pending) {
+  if (pending == hasPendingRecompute_) return;
+  hasPendingRecompute_ = pending;
+  emit hasPendingRecomputeChanged();
+}
+
+void BatchViewModel::setIsEncoding(bool encoding) {
+  if (encoding == isEncoding_) return;
+  isEncoding_ = encoding;
+  emit isEncodingChanged();
+}
+
+void BatchViewModel::refreshIsEncoding() {
+  setIsEncoding(std::any_of(images_.begin(), images_.end(),
+                            [](const auto& image) { return image->encodeState().isEncoding(); }));
+}
+
+int BatchViewModel::encodingCompletedCount() const {
+  return int(std::count_if(images_.begin(), images_.end(),
+                           [](const auto& image) { return !image->encodeState().isEncoding(); }));
+}
+
+void BatchViewModel::scheduleRecompute() {
+  if (images_.empty()) {
+    setHasPendingRecompute(false);
+    return;
+  }
+  setHasPendingRecompute(true);
+  if (!isQualitySliderEditing_) qualityDebounce_.start();
+}
+
+void BatchViewModel::setQualitySliderEditing(bool editing) {
+  isQualitySliderEditing_ = editing;
+  if (!editing && hasPendingRecompute_) qualityDebounce_.start();
+}
+
+void BatchViewModel::recomputeAll() {
+  const ImageList snapshot = images_;  // scheduling may not change the list, but stay safe
+  for (const auto& image : snapshot) scheduleEncode(image, false);
+}
+
+void BatchViewModel::scheduleEncode(const std::shared_ptr<ImportedImage>& image, bool debounce) {
+  scheduler_->schedule(image, debounce);
+}
+
+QFuture<void> BatchViewModel::waitForEncodingToFinish(double timeoutSeconds) {
+  auto busy = [this] { return hasPendingRecompute_ || isEncoding_; };
+  if (!busy() || !(timeoutSeconds > 0)) return QtFuture::makeReadyFuture();
+  const auto deadline = QDeadlineTimer(qint64(std::min(timeoutSeconds, 1e9) * 1000.0));
+  auto promise = std::make_shared<QPromise<void>>();
+  promise->start();
+  QFuture<void> future = promise->future();
+  auto* poll = new QTimer(this);
+  poll->setInterval(50);
+  connect(poll, &QTimer::timeout, this, [poll, promise, deadline, busy] {
+    if (busy() && !deadline.hasExpired()) return;
+    poll->stop();
+    poll->deleteLater();
+    promise->finish();
+  });
+  poll->start();
+  return future;
+}
+
+// ---- Export ----
+
+std::vector<std::string> BatchViewModel::sourcePaths() const {
+  std::vector<std::string> paths;
+  paths.reserve(images_.size());
+  for (const auto& image : images_)
+    if (image->sourceURL().isLocalFile()) paths.push_back(image->sourceFilePath());
+  return paths;
+}
+
+void BatchViewModel::promptExportAll() {
+  if (!fileDialogs_) return;
+  const QString prompt =
+      QString::fromStdString(Localization::text("export.chooseFolder.prompt", "Exporter ici"));
+  const QString message = QString::fromStdString(
+      Localization::text("export.chooseFolder.message", "Choisissez le dossier de destination des images."));
+  const std::optional<QUrl> folder =
+      fileDialogs_->chooseExportFolder(lastAppliedProfileFolder_, prompt, message);
+  // Failures show in the rows through their exportError; the outcomes are not needed here.
+  if (folder && !folder->isEmpty()) exportAll(*folder);
+}
+
+QFuture<std::vector<ExportOutcome>> BatchViewModel::exportAll(const QUrl& folder) {
+  return exporter_->exportAll(folder, images_, outputFormat_, sourcePaths());
+}
+
+QFuture<bool> BatchViewModel::exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url) {
+  return exporter_->exportSingle(image, url, outputFormat_, sourcePaths());
+}
+
+QFuture<bool> BatchViewModel::writeExport(const std::shared_ptr<ImportedImage>& image, const QByteArray& data,
+                                          const QUrl& url) {
+  return exporter_->writeExport(image, data, url, outputFormat_);
 }
 
 }  // namespace quillane

@@ -6,10 +6,11 @@
 // Exactly one instance per process, built and owned by the application on the GUI thread
 // and shared by reference with the window and the local API. GUI thread only: every
 // operation below must be called on the GUI thread, and every change signal is emitted
-// there. Inspection and encoding run on private thread pools; their results come back by
-// queued calls. The model owns its images (shared with rows and tasks), its processor slots
-// and its pools, and claims memory from the process's CompressionBudget; the window may
-// install its FileDialogs.
+// there. The model owns its images (shared with rows and tasks), its EncodeScheduler (the
+// encodes), its BatchExporter (the export writes) and the inspection pool; inspections and
+// encodes claim memory from the process's CompressionBudget. Work runs on worker threads and
+// its results come back by queued calls. The window may install a FileDialogs for the file
+// dialogs.
 
 #include <QFuture>
 #include <QList>
@@ -30,6 +31,8 @@
 #include <string>
 #include <vector>
 
+#include "batch/BatchExporter.h"
+#include "batch/EncodeScheduler.h"
 #include "batch/ImportedImage.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageDecoder.h"
@@ -45,14 +48,6 @@ class CompressionBudget;
 
 using ImageList = std::vector<std::shared_ptr<ImportedImage>>;
 using ImportFailureList = std::vector<ImportFailure>;
-
-// One entry of the result of exportAll, in batch order.
-struct ExportOutcome {
-  std::shared_ptr<ImportedImage> image;
-  std::optional<QUrl> destinationURL;       // set on success only
-  std::optional<QString> errorDescription;  // set on failure only
-  bool keptOriginal = false;                // skipped: the result was not smaller than its source
-};
 
 // The file dialogs the model needs, installed by the window (ui/). Without one, the prompts
 // do nothing. Called on the GUI thread; the calls may be modal.
@@ -91,14 +86,11 @@ class BatchViewModel : public QObject {
   // The engine seams: reading a source file whole, encoding it, and inspection of one path.
   // All are called on pool threads and report failure by throwing (QuillaneError for a
   // described one).
-  using SourceReader = std::function<std::vector<uint8_t>(const std::string& path)>;
-  using Encoder = std::function<std::vector<uint8_t>(std::span<const uint8_t> fileData, ImageFormat format,
-                                                     double quality)>;
+  using SourceReader = EncodeScheduler::SourceReader;
+  using Encoder = EncodeScheduler::Encoder;
   using Inspector = std::function<ImageDecoder::LightDecodedImage(const std::string& path)>;
   // The encoder under size options (fit, byte budget), used instead of `encoder` while any is on.
-  using SizedEncoder =
-      std::function<ImageCompressor::Encoded(std::span<const uint8_t> fileData, ImageFormat format,
-                                             double quality, const CompressionOptions& options)>;
+  using SizedEncoder = EncodeScheduler::SizedEncoder;
 
   struct Options {
     SourceReader reader;                        // empty: ImageDecoder::readSource
@@ -117,7 +109,8 @@ class BatchViewModel : public QObject {
   // a queued call, so that a window may appear before the restored rows do.
   explicit BatchViewModel(QObject* parent = nullptr);
   explicit BatchViewModel(Options options, QObject* parent = nullptr);
-  // Running encodes are abandoned; waits for pool threads still busy with them.
+  // Running encodes are abandoned; waits for pool threads still busy with them, and for the
+  // export being written.
   ~BatchViewModel() override;
 
   // ---- Batch state ----
@@ -188,19 +181,22 @@ class BatchViewModel : public QObject {
   void clearAll();
 
   // ---- Export ----
+  // The writes run on the exporter's worker thread, one export after another; each future
+  // finishes on the GUI thread once the rows' export state and the history are up to date.
   // Asks for a folder through the installed FileDialogs, starting in the folder of the
   // last applied profile, and exports all into it.
   void promptExportAll();
   // Writes every image's compressedData into `folder`, names kept apart within the run,
   // with the extension of the current output format. One outcome per image, in batch order.
-  std::vector<ExportOutcome> exportAll(const QUrl& folder);
+  QFuture<std::vector<ExportOutcome>> exportAll(const QUrl& folder);
   // Writes one image to the file `url`, or, when `url` is the source of an image of the
   // batch, to the next free name beside it ("photo-2.jpg"); the row's lastExportDestination
   // tells which. False (with the row's exportError set) on failure.
-  bool exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url);
+  QFuture<bool> exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url);
   // Atomic write of `data` to `url`, recorded in the history on success; the row's
   // exportError tells a failure. Also the retry of a failed export (lastExportDestination).
-  bool writeExport(const std::shared_ptr<ImportedImage>& image, const QByteArray& data, const QUrl& url);
+  QFuture<bool> writeExport(const std::shared_ptr<ImportedImage>& image, const QByteArray& data,
+                            const QUrl& url);
 
   // ---- Session ----
   // Saves the list of source URLs and overrides to importSession.json.
@@ -269,28 +265,14 @@ class BatchViewModel : public QObject {
   void hasPendingRecomputeChanged();
 
  private:
-  struct EncodeTask;
   struct InspectionRun;
-  struct EncodeResult;
   using InspectionResult = std::function<void(int index, const QUrl& url,
                                               const ImageDecoder::LightDecodedImage*, const QString& error)>;
 
-  // Scheduler.
   void recomputeAll();
-  void sendQualityToDebounce();
   void setHasPendingRecompute(bool pending);
   void refreshIsEncoding();
   void setIsEncoding(bool encoding);
-  void schedulePassthrough(const std::shared_ptr<ImportedImage>& image, ImageFormat format);
-  void startEncodeTask(const std::shared_ptr<EncodeTask>& task);
-  void runEncode(const std::shared_ptr<EncodeTask>& task, std::function<void()> done);
-  void encode(const std::shared_ptr<EncodeTask>& task, std::function<void()> done);
-  void finishEncode(const std::shared_ptr<ImportedImage>& image, uint64_t generation,
-                    const EncodeResult& result);
-  void cancelEncodeTask(const QUuid& id);
-  // After an encode: the result's distance and thumbnail (ImportedImage::resultLookChanged),
-  // on the encode pool within the same slots and budget; dropped once a newer result replaces it.
-  void measureResult(const std::shared_ptr<ImportedImage>& image);
 
   // Import.
   void inspectConcurrently(const QList<QUrl>& urls, InspectionResult onResult,
@@ -310,10 +292,9 @@ class BatchViewModel : public QObject {
   bool replaying_ = false;
 
   // Export and records.
-  QString notEncodedDescription(const ImportedImage& image) const;
   // The local source files of every image, as file system bytes: no export replaces them.
   std::vector<std::string> sourcePaths() const;
-  void recordExport(const ImportedImage& image, const QUrl& destination, const QByteArray& data);
+  void recordExports(const std::vector<BatchExporter::Written>& written);
   void loadRecords();
   void setExportHistory(ExportRecordList history);
   void setExportProfiles(ExportProfileList profiles);
@@ -333,16 +314,13 @@ class BatchViewModel : public QObject {
   bool hasPendingRecompute_ = false;
   bool isQualitySliderEditing_ = false;
 
-  QTimer qualityDebounce_;  // single shot, restarted by each send
+  QTimer qualityDebounce_;  // single shot, restarted by each change
   QTimer settingsSave_;     // single shot, restarted by each change of format or quality
-  std::map<QUuid, std::shared_ptr<EncodeTask>> encodeTasks_;
-  std::set<QUuid> activeEncodeImageIDs_;
-  std::set<QUuid> pendingReEncodeImageIDs_;
-  std::unique_ptr<CompressionBudget> processorSlots_;   // one permit per processor
   std::unique_ptr<CompressionBudget> ownMemoryBudget_;  // when Options::memoryBudgetMB is set
   CompressionBudget* memoryBudget_ = nullptr;           // megabytes: own, else the process's
-  std::unique_ptr<QThreadPool> encodePool_;
   std::unique_ptr<QThreadPool> inspectPool_;
+  std::unique_ptr<BatchExporter> exporter_;
+  std::unique_ptr<EncodeScheduler> scheduler_;
   FileDialogs* fileDialogs_ = nullptr;
 };
 

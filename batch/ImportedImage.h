@@ -5,7 +5,8 @@
 // row that shows it and the encode task that works on it; identity is id(). It is a
 // QObject so that a row can follow its observable fields through their change signals.
 // GUI thread only: the immutable fields may be read anywhere, but every observable field
-// is written by BatchViewModel on the GUI thread and signalled there.
+// is written by the batch (EncodeScheduler, BatchExporter) on the GUI thread and signalled
+// there.
 
 #include <QByteArray>
 #include <QObject>
@@ -21,8 +22,6 @@
 #include "engine/ImageFormat.h"
 
 namespace quillane {
-
-class BatchViewModel;
 
 // Where one image's encoding stands. `idle` only before the first scheduling.
 struct EncodeState {
@@ -138,7 +137,9 @@ class ImportedImage : public QObject {
   void resultLookChanged();  // butteraugli and resultThumbnail
 
  private:
-  friend class BatchViewModel;
+  // The writers of the observable fields: the encodes and the exports.
+  friend class EncodeScheduler;
+  friend class BatchExporter;
   void setEncodeState(EncodeState state);
   void setCompressedData(std::optional<QByteArray> data);
   void setExportError(std::optional<QString> error);

@@ -68,8 +68,9 @@ class CompressionBudget : public QObject {
     CompressionBudget* budget_ = nullptr;
     int cost_ = 0;
   };
-  // Blocks until clamp(cost) permits are this caller's, in the same queue as wait.
-  // REQUIRES: not on the budget's thread when it has waiters, which only that thread releases.
+  // Blocks until clamp(cost) permits are this caller's, in the same queue as wait. REQUIRES:
+  // not on the budget's thread where continuations wait (the window's GUI thread): one granted
+  // there could neither run nor give its permits back while that thread sleeps.
   [[nodiscard]] Claim claim(int cost);
 
   // Gives back clamp(cost) permits and releases waiters from the head while the head fits.

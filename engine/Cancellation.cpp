@@ -1,7 +1,5 @@
 #include "engine/Cancellation.h"
 
-#include "engine/Errors.h"
-
 namespace quillane::Cancellation {
 namespace {
 thread_local const Flag* installed = nullptr;
@@ -15,7 +13,7 @@ bool requested() noexcept { return installed && installed->load(std::memory_orde
 const Flag* current() noexcept { return installed; }
 
 void check() {
-  if (requested()) throw ImageProcessingError::decodingFailed("cancelled");
+  if (requested()) throw Cancelled{};
 }
 
 }  // namespace quillane::Cancellation

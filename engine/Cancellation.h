@@ -16,14 +16,21 @@
 // result is dropped. libjxl 0.7 has a hook, its parallel runner, but must not be given one
 // that fails: some of its passes abort the process on a failed work item (the butteraugli
 // comparator's colour conversion, the decoder's groups), so its passes run to their end too.
-// A raised flag ends the call with ImageProcessingError::decodingFailed("cancelled"), with
-// every library object released on the way out.
+// A raised flag ends the call by throwing Cancelled, with every library object released on the
+// way out.
 
 #include <atomic>
 
 namespace quillane::Cancellation {
 
 using Flag = std::atomic<bool>;
+
+// What a cancelled call throws. Deliberately no std::exception: the fallbacks that catch one
+// (a second encoding after a failed first, a picture without its profile) must not take a
+// cancellation for a failure and go on working. Thread edges catch it by name or with (...).
+struct Cancelled final {
+  const char* what() const noexcept { return "cancelled"; }
+};
 
 // Installs `flag` for this thread until the scope ends (scopes nest; the innermost wins).
 class Scope {
@@ -39,7 +46,7 @@ class Scope {
 
 // Whether this thread's call was asked to stop. Cheap enough for every row.
 bool requested() noexcept;
-// Throws ImageProcessingError::decodingFailed("cancelled") when requested().
+// Throws Cancelled when requested().
 void check();
 // This thread's flag (nullptr when none), for library callbacks that may run on other
 // threads: they test it with raised().

@@ -350,6 +350,9 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
   } catch (const std::exception& error) {
     result.originalSizeBytes = fileSize(path);
     result.error = describe(error);
+  } catch (const Cancellation::Cancelled&) {
+    result.originalSizeBytes = fileSize(path);
+    result.error = ImageProcessingError::decodingFailed("cancelled").description();
   }
   return result;
 }

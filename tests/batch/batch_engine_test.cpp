@@ -53,7 +53,7 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   EXPECT_GT(*image->butteraugli(), 0.0);
   EXPECT_EQ(image->resultThumbnail().width, 64);
   QDir(dir_.path()).mkpath("out");
-  const auto outcomes = model.exportAll(QUrl::fromLocalFile(dir_.filePath("out")));
+  const auto outcomes = await(model.exportAll(QUrl::fromLocalFile(dir_.filePath("out"))));
   ASSERT_TRUE(outcomes.at(0).destinationURL);
   const auto written = readBytes(outcomes[0].destinationURL->toLocalFile().toStdString());
   EXPECT_EQ(ImageFormats::detect(written), ImageFormat::jpeg);

@@ -123,6 +123,12 @@ class BatchFixture : public ::testing::Test {
     QFuture<void> done = model_->importFiles(urls);
     ASSERT_TRUE(QTest::qWaitFor([&] { return done.isFinished(); }, 5000));
   }
+  // The result of an export, once it is back on this thread.
+  template <class T>
+  T await(QFuture<T> future) {
+    EXPECT_TRUE(QTest::qWaitFor([&] { return future.isFinished(); }, 5000));
+    return future.result();
+  }
   bool waitIdle(int timeoutMs = 5000) {
     return QTest::qWaitFor([&] { return !model_->isEncoding() && !model_->hasPendingRecompute(); },
                            timeoutMs);

@@ -3,6 +3,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QSignalSpy>
 
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/TestImages.h"
@@ -41,7 +42,8 @@ TEST_F(ExportTest, NamesAreKeptApartIgnoringCaseAndFailuresDoNotStopOthers) {
   model.setOutputFormat(ImageFormat::png);
   ASSERT_TRUE(waitIdle());
 
-  const auto outcomes = model.exportAll(QUrl::fromLocalFile(outFolder()));
+  QSignalSpy saves(&model, &BatchViewModel::exportHistoryChanged);
+  const auto outcomes = await(model.exportAll(QUrl::fromLocalFile(outFolder())));
   QStringList got;  // a name, or the failure's message
   for (const auto& outcome : outcomes)
     got << outcome.destinationURL.value_or(QUrl()).fileName() + outcome.errorDescription.value_or("");
@@ -49,7 +51,8 @@ TEST_F(ExportTest, NamesAreKeptApartIgnoringCaseAndFailuresDoNotStopOthers) {
                               "a-3.png"}));
   EXPECT_EQ(contentOf(outFolder() + "/A-2.png"), QByteArray(750, 'x'));
 
-  ASSERT_EQ(model.exportHistory().size(), 3u);  // newest first
+  ASSERT_EQ(model.exportHistory().size(), 3u);  // newest first, in one save
+  EXPECT_EQ(saves.count(), 1);
   EXPECT_EQ(model.exportHistory()[0].sourceDisplayName, "a.webp");
   EXPECT_EQ(ExportHistory::load(), model.exportHistory());
 }
@@ -60,7 +63,7 @@ TEST_F(ExportTest, UnusableFolderGivesPerRowErrorsNoFilesAndNoHistory) {
   // no local one must not fall back to the working directory.
   const QString underFile = source("plain-file").toLocalFile() + "/sub";
   for (const QUrl& folder : {QUrl(), QUrl("https://example.invalid/out"), QUrl::fromLocalFile(underFile)}) {
-    for (const auto& outcome : model.exportAll(folder)) {
+    for (const auto& outcome : await(model.exportAll(folder))) {
       EXPECT_FALSE(outcome.destinationURL) << folder.toString().toStdString();
       ASSERT_TRUE(outcome.errorDescription);
       EXPECT_EQ(outcome.image->exportError(), outcome.errorDescription);
@@ -79,13 +82,13 @@ TEST_F(ExportTest, ExportReplacesAnExistingFileWholeAndNamesAMissingEncode) {
   auto& model = readyModel({"a.png"});
   const QString target = outFolder() + "/a.jpg";
   writeBytes(target.toStdString(), std::vector<uint8_t>(5000, 'o'));
-  EXPECT_TRUE(model.exportSingle(model.images()[0], QUrl::fromLocalFile(target)));
+  EXPECT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(target))));
   EXPECT_EQ(contentOf(target), QByteArray(750, 'x'));
   EXPECT_EQ(QDir(outFolder()).entryList(QDir::Files | QDir::Hidden).size(), 1) << "no temporary left";
 
   // An image still busy is reported as an encoding failure and writes nothing.
   import({source("slow.png", "slow")});
-  EXPECT_FALSE(model.exportSingle(model.images()[1], QUrl::fromLocalFile(outFolder() + "/x.jpg")));
+  EXPECT_FALSE(await(model.exportSingle(model.images()[1], QUrl::fromLocalFile(outFolder() + "/x.jpg"))));
   EXPECT_FALSE(QFile::exists(outFolder() + "/x.jpg"));
 }
 
@@ -95,10 +98,10 @@ TEST_F(ExportTest, ExportNeverReplacesASourceAndReplacesAPlantedLinkInsteadOfFol
   auto& model = readyModel({"a.jpg", "c.png"});
   ASSERT_TRUE(QFile::link(dir_.filePath("c.png"), outFolder() + "/c.jpg") &&
               ::link(path("a.jpg").c_str(), (outFolder() + "/a.jpg").toLocal8Bit().constData()) == 0);
-  EXPECT_EQ(destinationNames(model.exportAll(QUrl::fromLocalFile(dir_.path()))),
+  EXPECT_EQ(destinationNames(await(model.exportAll(QUrl::fromLocalFile(dir_.path())))),
             (QStringList{"a-2.jpg", "c.jpg"}));
   EXPECT_EQ(contentOf(dir_.filePath("a.jpg")), "source");
-  EXPECT_EQ(destinationNames(model.exportAll(QUrl::fromLocalFile(outFolder()))),
+  EXPECT_EQ(destinationNames(await(model.exportAll(QUrl::fromLocalFile(outFolder())))),
             (QStringList{"a-2.jpg", "c.jpg"}))
       << "a hard link to a source is that source";
   EXPECT_EQ(contentOf(outFolder() + "/a.jpg"), "source");
@@ -107,7 +110,7 @@ TEST_F(ExportTest, ExportNeverReplacesASourceAndReplacesAPlantedLinkInsteadOfFol
   EXPECT_FALSE(QFileInfo(outFolder() + "/c.jpg").isSymLink());
 
   // A single export onto a source goes beside it, and the row tells where.
-  ASSERT_TRUE(model.exportSingle(model.images()[0], QUrl::fromLocalFile(dir_.filePath("c.png"))));
+  ASSERT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(dir_.filePath("c.png")))));
   EXPECT_EQ(model.images()[0]->lastExportDestination(), QUrl::fromLocalFile(dir_.filePath("c-2.png")));
   EXPECT_EQ(contentOf(dir_.filePath("c.png")), "source");
 }
@@ -115,7 +118,9 @@ TEST_F(ExportTest, ExportNeverReplacesASourceAndReplacesAPlantedLinkInsteadOfFol
 TEST_F(ExportTest, UndoRespectsSupersedingRecordsAndKeepsARecordWhoseFileWontGo) {
   auto& model = readyModel({"a.png"});
   const QString target = outFolder() + "/a.jpg";
-  auto exportIt = [&] { ASSERT_TRUE(model.exportSingle(model.images()[0], QUrl::fromLocalFile(target))); };
+  auto exportIt = [&] {
+    ASSERT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(target))));
+  };
   exportIt();
   QTest::qWait(5);  // dates must differ: equal dates do not supersede
   exportIt();

@@ -310,14 +310,16 @@ TEST_F(Bombs, InspectionReadsWhatItNeedsNotTheWholeFile) {
   }
 }
 
-// Every codec with a hook stops on a raised flag with the cancellation error (the sanitizer
-// build checks that nothing it held leaks), and works again once the scope has ended.
+// Every codec with a hook stops on a raised flag with Cancelled, never with a failure that a
+// fallback would take for its cue (the sanitizer build checks that nothing it held leaks), and
+// works again once the scope has ended.
 void expectCancelled(const char* what, const std::function<void()>& call) {
   try {
     call();
     ADD_FAILURE() << what << ": a cancelled call ran to its end";
-  } catch (const ImageProcessingError& e) {
-    EXPECT_STREQ(e.what(), "cancelled") << what;
+  } catch (const Cancellation::Cancelled&) {
+  } catch (const std::exception& e) {
+    ADD_FAILURE() << what << ": cancelled as a failure: " << e.what();
   }
 }
 
@@ -401,8 +403,8 @@ TEST(Cancellation, AFlagRaisedDuringLibjxlWorkNeverAbortsTheProcess) {
       try {
         Cancellation::Scope scope(&flag);
         call();
-      } catch (const ImageProcessingError& e) {
-        EXPECT_STREQ(e.what(), "cancelled") << name;
+      } catch (const Cancellation::Cancelled&) {
+        // stopped between libjxl's steps, as it may be
       }
       raiser.join();
     }

@@ -81,7 +81,9 @@ TEST_F(ImageRowTest, TheWarningButtonWritesAgainToTheFailedDestination) {
   auto image = importOne("a.png", 1000, {100, 100, ImageFormat::png, 1, 400});
   const QString folder = dir_.filePath("gone");
   const QUrl target = QUrl::fromLocalFile(folder + "/a.jpg");
-  EXPECT_FALSE(model_->exportSingle(image, target));
+  QFuture<bool> failed = model_->exportSingle(image, target);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return failed.isFinished(); }, 5000));
+  EXPECT_FALSE(failed.result());
   ASSERT_TRUE(image->exportError().has_value());
   const QModelIndex index = rowOf(image);
   const QRect warning = list().rowDelegate().partRect(list().visualRect(index), index, RowHit::warning);
@@ -89,8 +91,8 @@ TEST_F(ImageRowTest, TheWarningButtonWritesAgainToTheFailedDestination) {
 
   QDir().mkpath(folder);  // the folder has come back
   list().activate(index, RowHit::warning);
+  EXPECT_TRUE(QTest::qWaitFor([&] { return !image->exportError().has_value(); }, 5000));
   EXPECT_TRUE(QFile::exists(folder + "/a.jpg"));
-  EXPECT_FALSE(image->exportError().has_value());
 }
 
 TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRow) {

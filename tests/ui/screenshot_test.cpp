@@ -86,11 +86,13 @@ class Screenshots : public UiFixture {
     ASSERT_TRUE(waitIdle());
     import({source("slow-panorama.png", 5'000'000, {8000, 1500})});
     // A failed export on the logo row.
-    model_->exportSingle(model_->images()[1], QUrl::fromLocalFile(dir_.filePath("missing-folder/logo.jpg")));
+    QFuture<bool> failed = model_->exportSingle(
+        model_->images()[1], QUrl::fromLocalFile(dir_.filePath("missing-folder/logo.jpg")));
     // One successful export for the history.
     QDir(dir_.path()).mkpath("out");
-    model_->exportSingle(model_->images()[0],
-                         QUrl::fromLocalFile(dir_.filePath("out/mountain-lake-at-dawn.jpg")));
+    QFuture<bool> written = model_->exportSingle(
+        model_->images()[0], QUrl::fromLocalFile(dir_.filePath("out/mountain-lake-at-dawn.jpg")));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return failed.isFinished() && written.isFinished(); }, 5000));
     model_->upsertExportProfile(
         {QUuid::createUuid(), "Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true});
     model_->upsertExportProfile({QUuid::createUuid(), "Archive", ImageFormat::jxl, 95, std::nullopt, false});

@@ -1,0 +1,193 @@
+#include "batch/BatchExporter.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QThreadPool>
+#include <QtConcurrent/QtConcurrentRun>
+
+#include "batch/BatchSupport.h"
+#include "batch/ExportFilenameAllocator.h"
+#include "engine/Errors.h"
+#include "engine/FileIO.h"
+#include "engine/Localization.h"
+
+namespace quillane {
+
+namespace {
+
+// The atomic write of `data` to `url`, on the worker thread, no more readable than `source`.
+std::optional<QString> write(const QUrl& url, const QByteArray& data, const std::string& source) {
+  const std::string path = localFilePath(url);
+  if (path.empty())
+    return QString::fromStdString(FileError(url.toString().toStdString(), "not a local file").description());
+  return batchdetail::writeFileAtomically(path, data, FileIO::permissionsFor(source));
+}
+
+// The source's file name without its extension, in the file system's bytes.
+std::string sourceBaseName(const ImportedImage& image) {
+  std::string name = localFilePath(image.sourceURL());
+  if (name.empty()) return image.baseName().toStdString();
+  name = name.substr(name.rfind('/') + 1);
+  const size_t dot = name.rfind('.');
+  return dot != std::string::npos && dot > 0 ? name.substr(0, dot) : name;
+}
+
+QString genericError() {
+  return QString::fromStdString(
+      Localization::text("error.generic", "L'opération n'a pas pu être effectuée."));
+}
+
+}  // namespace
+
+BatchExporter::BatchExporter(Recorder recorder, QObject* parent)
+    : QObject(parent), recorder_(std::move(recorder)), pool_(std::make_unique<QThreadPool>()) {
+  // One job at a time, in the order asked: two exports to one folder never race for names.
+  pool_->setMaxThreadCount(1);
+}
+
+BatchExporter::~BatchExporter() { pool_->waitForDone(); }
+
+QString BatchExporter::notEncodedDescription(const ImportedImage& image, ImageFormat format) {
+  if (image.encodeState().isFailed()) return image.encodeState().message;
+  const std::string label(ImageFormats::label(format));
+  return QString::fromStdString(ImageProcessingError::encodingFailed(label).description());
+}
+
+void BatchExporter::apply(const std::shared_ptr<ImportedImage>& image, const FileResult& result, qint64 size,
+                          ImageFormat format, std::vector<Written>& written) {
+  if (result.destination) image->lastExportDestination_ = result.destination;
+  image->setExportError(result.error);
+  if (!result.error && result.destination) written.push_back({image, *result.destination, size, format});
+}
+
+QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
+    const QUrl& folder, std::vector<std::shared_ptr<ImportedImage>> images, ImageFormat format,
+    std::vector<std::string> sourcePaths) {
+  // What the job needs from each row, read now on the GUI thread.
+  struct Item {
+    std::string baseName;  // names stay the file system's bytes: a source whose name is not
+                           // UTF-8 gives an output of the same bytes
+    std::string source;
+    std::optional<QByteArray> data;
+    bool keptOriginal = false;  // the result was not smaller than its source: nothing is written
+  };
+  std::vector<Item> items;
+  items.reserve(images.size());
+  for (const auto& image : images)
+    items.push_back({sourceBaseName(*image), image->sourceFilePath(), image->compressedData(),
+                     image->resultShape() && image->resultShape()->keptOriginal});
+  const std::string extension(ImageFormats::fileExtension(format));
+
+  auto job = [folder, items = std::move(items), extension, sourcePaths = std::move(sourcePaths)] {
+    std::vector<FileResult> results(items.size());
+    try {
+      std::string directory = localFilePath(folder);
+      while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
+      ExportFilenameAllocator allocator =
+          folder.isLocalFile() ? ExportFilenameAllocator(directory, sourcePaths) : ExportFilenameAllocator();
+      // A folder that is not a local one gets destinations that fail to write, row by row,
+      // rather than names resolved against the working directory.
+      auto destinationFor = [&](const std::string& name) {
+        if (folder.isLocalFile()) return localFileURL(directory == "/" ? "/" + name : directory + "/" + name);
+        QUrl url = folder;
+        url.setPath(folder.path() + (folder.path().endsWith(u'/') ? "" : "/") +
+                    QFile::decodeName(name.c_str()));
+        return url;
+      };
+      for (size_t i = 0; i < items.size(); ++i) {
+        if (!items[i].data || items[i].keptOriginal) continue;
+        results[i].destination = destinationFor(allocator.filename(items[i].baseName, extension));
+        results[i].error = write(*results[i].destination, *items[i].data, items[i].source);
+      }
+    } catch (...) {
+      // Out of memory or worse: every file not yet written fails, and the program goes on.
+      for (size_t i = 0; i < items.size(); ++i)
+        if (items[i].data && !results[i].error && !results[i].destination) results[i].error = genericError();
+    }
+    return results;
+  };
+  return QtConcurrent::run(pool_.get(), std::move(job))
+      .then(this, [this, images = std::move(images), format](const std::vector<FileResult>& results) {
+        std::vector<ExportOutcome> outcomes;
+        std::vector<Written> written;
+        for (size_t i = 0; i < images.size(); ++i) {
+          const auto& image = images[i];
+          ExportOutcome outcome{image, std::nullopt, std::nullopt};
+          const std::optional<QByteArray>& data = image->compressedData();
+          if (data && image->resultShape() && image->resultShape()->keptOriginal) {
+            outcome.keptOriginal = true;
+          } else if (!results[i].destination && !results[i].error) {
+            outcome.errorDescription =
+                image->exportError() ? *image->exportError() : notEncodedDescription(*image, format);
+          } else {
+            apply(image, results[i], data ? data->size() : 0, format, written);
+            if (results[i].error)
+              outcome.errorDescription = results[i].error;
+            else
+              outcome.destinationURL = results[i].destination;
+          }
+          outcomes.push_back(std::move(outcome));
+        }
+        if (!written.empty()) recorder_(written);
+        return outcomes;
+      });
+}
+
+QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url,
+                                          ImageFormat format, std::vector<std::string> sourcePaths) {
+  if (!image) return QtFuture::makeReadyFuture(false);
+  if (!image->compressedData()) {
+    image->setExportError(notEncodedDescription(*image, format));
+    return QtFuture::makeReadyFuture(false);
+  }
+  const QByteArray data = *image->compressedData();
+  auto job = [url, data, source = image->sourceFilePath(), sourcePaths = std::move(sourcePaths)] {
+    FileResult result;
+    try {
+      QUrl destination = url;
+      if (url.isLocalFile()) {
+        // A destination that is a source of the batch gets the next free name beside it.
+        const QFileInfo info(url.toLocalFile());
+        ExportFilenameAllocator allocator(QFile::encodeName(info.path()).toStdString(), sourcePaths);
+        if (allocator.isInput(QFile::encodeName(info.filePath()).toStdString()))
+          destination = QUrl::fromLocalFile(
+              info.dir().filePath(allocator.filename(info.completeBaseName(), info.suffix())));
+      }
+      result.destination = destination;
+      result.error = write(destination, data, source);
+    } catch (...) {
+      result.error = genericError();
+    }
+    return result;
+  };
+  return writeOne(image, format, data.size(), std::move(job));
+}
+
+QFuture<bool> BatchExporter::writeExport(const std::shared_ptr<ImportedImage>& image, const QByteArray& data,
+                                         const QUrl& url, ImageFormat format) {
+  if (!image) return QtFuture::makeReadyFuture(false);
+  auto job = [url, data, source = image->sourceFilePath()] {
+    FileResult result{url, std::nullopt};
+    try {
+      result.error = write(url, data, source);
+    } catch (...) {
+      result.error = genericError();
+    }
+    return result;
+  };
+  return writeOne(image, format, data.size(), std::move(job));
+}
+
+QFuture<bool> BatchExporter::writeOne(const std::shared_ptr<ImportedImage>& image, ImageFormat format,
+                                      qint64 size, std::function<FileResult()> job) {
+  return QtConcurrent::run(pool_.get(), std::move(job))
+      .then(this, [this, image, format, size](const FileResult& result) {
+        std::vector<Written> written;
+        apply(image, result, size, format, written);
+        if (!written.empty()) recorder_(written);
+        return !result.error;
+      });
+}
+
+}  // namespace quillane
