@@ -213,11 +213,13 @@ void BatchViewModel::persistSettings() {
   JsonValue settings = JsonValue::object();
   settings.set("outputFormat", ImageFormats::rawValue(outputFormat_));
   settings.set("quality", quality_);
+  JsonForms::setSizeOptions(settings, compressionOptions_);
   JSONFileStore::save(settings, kSettingsFile);
 }
 
 void BatchViewModel::restoreSettings() {
-  // {"outputFormat": raw name, "quality": 1...100}; anything else keeps the defaults.
+  // {"outputFormat": raw name, "quality": 1...100, and the size options where set}; anything
+  // else keeps the defaults.
   const std::optional<QJsonDocument> document = JSONFileStore::load(kSettingsFile);
   if (!document || !document->isObject()) return;
   const QJsonObject object = document->object();
@@ -225,6 +227,11 @@ void BatchViewModel::restoreSettings() {
   if (const auto format = ImageFormats::fromRawValue(raw)) outputFormat_ = *format;
   const double quality = object.value("quality").toDouble(-1);
   if (quality >= 1 && quality <= 100) quality_ = quality;
+  try {
+    compressionOptions_ = JsonForms::sizeOptions(object);
+  } catch (const JsonForms::DecodingError&) {
+    // a size option of the wrong kind leaves them all off
+  }
 }
 
 void BatchViewModel::restoreSession() {

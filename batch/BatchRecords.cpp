@@ -55,6 +55,7 @@ void BatchViewModel::deleteExportProfile(const ExportProfile& profile) {
 void BatchViewModel::applyExportProfile(const ExportProfile& profile) {
   setQuality(profile.quality);
   setOutputFormat(profile.format);
+  setCompressionOptions(profile.sizing);
   lastAppliedProfileFolder_ = profile.destinationFolder
                                   ? std::optional<QUrl>(QUrl::fromLocalFile(*profile.destinationFolder))
                                   : std::nullopt;

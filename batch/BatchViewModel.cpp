@@ -59,7 +59,7 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
     recomputeAll();
   });
 
-  // Format and quality are saved once a change has settled (a slider drag writes once) and
+  // Format, quality and size options are saved once a change has settled (a slider drag writes once) and
   // come back with the restored batch.
   settingsSave_.setSingleShot(true);
   settingsSave_.setInterval(500);
@@ -104,6 +104,7 @@ void BatchViewModel::setCompressionOptions(const CompressionOptions& options) {
   compressionOptions_ = options;
   emit compressionOptionsChanged();
   scheduleRecompute();
+  settingsSave_.start();
 }
 
 void BatchViewModel::setExportError(std::optional<QString> error) {

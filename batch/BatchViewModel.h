@@ -201,8 +201,8 @@ class BatchViewModel : public QObject {
   // ---- Session ----
   // Saves the list of source URLs and overrides to importSession.json.
   void persistImportSession();
-  // Saves the output format and the global quality to batchSettings.json (also done by itself
-  // half a second after a change); they are read back at start-up with the session.
+  // Saves the output format, the global quality and the size options to batchSettings.json (also done by
+  // itself half a second after a change); they are read back at start-up with the session.
   void persistSettings();
 
   // ---- Profiles ----
@@ -212,7 +212,7 @@ class BatchViewModel : public QObject {
   void upsertExportProfile(const ExportProfile& profile);
   // Removes by id; clears appliedProfileName if it named this profile. Saves.
   void deleteExportProfile(const ExportProfile& profile);
-  // Sets quality and format (each with its recompute), the export dialog's start folder and
+  // Sets quality, format and size options (each with its recompute), the export dialog's start folder and
   // the applied name.
   void applyExportProfile(const ExportProfile& profile);
   const std::optional<QString>& appliedProfileName() const { return appliedProfileName_; }

@@ -212,11 +212,12 @@ void EncodeScheduler::encode(const std::shared_ptr<Task>& task, std::function<vo
           if (sizing.fits() || sizing.maxBytes > 0) {
             ImageCompressor::Encoded encoded = sizedEncoder(source, format, quality, sizing);
             bytes = std::move(encoded.bytes);
-            result.shape = ResultShape{encoded.quality, encoded.width, encoded.height, false};
+            result.shape =
+                ResultShape{encoded.quality, encoded.width, encoded.height, false, quality, sizing};
           } else {
             bytes = encoder(source, format, quality);
             if (auto header = ImageService::properties(bytes))
-              result.shape = ResultShape{quality, header->width, header->height, false};
+              result.shape = ResultShape{quality, header->width, header->height, false, quality, sizing};
           }
           if (result.shape) result.shape->keptOriginal = sizing.skipLarger && bytes.size() >= source.size();
           result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));

@@ -18,6 +18,7 @@
 #include <string>
 
 #include "engine/DecodedImage.h"
+#include "engine/ImageCompressor.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageFormat.h"
 
@@ -64,12 +65,15 @@ QUrl localFileURL(const std::string& path);
 
 // What the latest result is beside the settings it was asked with: the quality encoded at
 // (lower than asked under a byte budget), its size in pixels (smaller when fitted), and,
-// under "skip larger", that it was not smaller than its source, so the original stays.
+// under "skip larger", that it was not smaller than its source, so the original stays; then
+// the quality and the size options it was asked with.
 struct ResultShape {
   double quality = 0;
   int width = 0;
   int height = 0;
   bool keptOriginal = false;
+  double askedQuality = 0;
+  CompressionOptions sizing;
 
   friend bool operator==(const ResultShape&, const ResultShape&) = default;
 };

@@ -18,6 +18,7 @@
 #include "ui/ProfileMenuView.h"
 #include "ui/QualityControls.h"
 #include "ui/RowRules.h"
+#include "ui/SizeControls.h"
 
 namespace quillane::ui {
 
@@ -40,6 +41,8 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   layout->addDivider(makeBarDivider(20, this));
   format_ = new FormatPickerView(viewModel_, this);
   layout->addBarWidget(format_);
+  size_ = new SizeButtonView(viewModel_, this);
+  layout->addBarWidget(size_);
   profileDivider_ = makeBarDivider(20, this);
   layout->addDivider(profileDivider_);
   profiles_ = new ExportProfileMenuView(viewModel_, this);

@@ -1,5 +1,5 @@
 #pragma once
-// The bar of controls above the list: import, global quality, format, profile menu, the
+// The bar of controls above the list: import, global quality, format, size, profile menu, the
 // imported count, clear all, export all (its place taken by the encoding progress while
 // encoding) and the history button, each shown by the model's state. It wraps onto a second
 // line when the window is too narrow for it, and keeps one height whatever is shown, so that
@@ -28,6 +28,7 @@ class ExportHistoryView;
 class ExportProfileMenuView;
 class FormatPickerView;
 class QualitySliderView;
+class SizeButtonView;
 
 class ControlsBar : public QWidget {
   Q_OBJECT
@@ -37,6 +38,7 @@ class ControlsBar : public QWidget {
   QPushButton* importButton() const { return import_; }
   QualitySliderView* qualitySlider() const { return quality_; }
   FormatPickerView* formatPicker() const { return format_; }
+  SizeButtonView* sizeControl() const { return size_; }
   ExportProfileMenuView* profileMenu() const { return profiles_; }
   QLabel* countLabel() const { return count_; }
   QWidget* progressGroup() const { return progressGroup_; }
@@ -57,6 +59,7 @@ class ControlsBar : public QWidget {
   QPushButton* import_;
   QualitySliderView* quality_;
   FormatPickerView* format_;
+  SizeButtonView* size_;
   QWidget* profileDivider_;
   ExportProfileMenuView* profiles_;
   QWidget* countDivider_;

@@ -21,6 +21,7 @@
 #include "ui/Icons.h"
 #include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
+#include "ui/SizeControls.h"
 
 namespace quillane::ui {
 namespace {
@@ -32,6 +33,7 @@ QString formatLabel(ImageFormat format) {
 QString ExportProfilesSettingsView::subtitle(const ExportProfile& profile) {
   QString result = formatLabel(profile.format) + QStringLiteral(" · ") +
                    QString::number(int(profile.quality)) + QLatin1Char('%');
+  if (profile.sizing.any()) result += QStringLiteral(" · ") + sizeOptionsText(profile.sizing);
   if (profile.destinationFolder && !profile.destinationFolder->isEmpty())
     result += QStringLiteral(" — ") + QDir::toNativeSeparators(*profile.destinationFolder);
   return result;
@@ -74,6 +76,8 @@ ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel
     quality_->setValue(75);
   }
   form->addRow(Strings::text("quality.label"), qualityRow);
+  size_ = new SizeOptionsEditor(form_);
+  form->addRow(Strings::text("size.label"), size_);
 
   auto* folderRow = new QHBoxLayout;
   folderLabel_ = new QLabel(form_);
@@ -131,6 +135,7 @@ void ExportProfilesSettingsView::startEditing(const ExportProfile& profile) {
   name_->setText(profile.name);
   newFormat_ = profile.format;
   setNewQuality(profile.quality);
+  size_->setOptions(profile.sizing);
   newFolder_ = profile.destinationFolder
                    ? std::optional<QUrl>(QUrl::fromLocalFile(*profile.destinationFolder))
                    : std::nullopt;
@@ -143,6 +148,7 @@ void ExportProfilesSettingsView::resetForm() {
   name_->clear();
   newFormat_ = ImageFormat::jpeg;
   setNewQuality(75.0);
+  size_->setOptions({});
   newFolder_.reset();
   isDefault_->setChecked(false);
   refreshForm();
@@ -161,6 +167,7 @@ void ExportProfilesSettingsView::save() {
   profile.name = name;
   profile.format = newFormat_;
   profile.quality = newQuality_;
+  profile.sizing = size_->options();
   if (newFolder_) profile.destinationFolder = newFolder_->toLocalFile();
   profile.isDefault = isDefault_->isChecked();
   viewModel_.upsertExportProfile(profile);

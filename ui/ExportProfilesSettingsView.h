@@ -29,6 +29,8 @@ struct ExportProfile;
 
 namespace quillane::ui {
 
+class SizeOptionsEditor;
+
 class ExportProfilesSettingsView : public QWidget {
   Q_OBJECT
  public:
@@ -37,7 +39,7 @@ class ExportProfilesSettingsView : public QWidget {
   ExportProfilesSettingsView(BatchViewModel& viewModel, FolderChooser chooseFolder,
                              QWidget* parent = nullptr);
 
-  // "WebP · 80%", and " — /path" with a folder.
+  // "WebP · 80%", the size options where set, and " — /path" with a folder.
   static QString subtitle(const ExportProfile& profile);
 
   // The form's state.
@@ -45,6 +47,7 @@ class ExportProfilesSettingsView : public QWidget {
   QLineEdit* nameField() const { return name_; }
   QPushButton* formatButton() const { return formatButton_; }
   QSlider* qualitySlider() const { return quality_; }
+  SizeOptionsEditor* sizeEditor() const { return size_; }
   QPushButton* saveButton() const { return save_; }
   QGroupBox* existingSection() const { return existing_; }
 
@@ -77,6 +80,7 @@ class ExportProfilesSettingsView : public QWidget {
   QMenu* formatMenu_;
   QSlider* quality_;
   QLabel* qualityReadout_;
+  SizeOptionsEditor* size_;
   QLabel* folderLabel_;
   QPushButton* chooseFolderButton_;
   QPushButton* clearFolder_;

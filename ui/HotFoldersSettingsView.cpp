@@ -24,6 +24,7 @@
 #include "ui/Icons.h"
 #include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
+#include "ui/SizeControls.h"
 
 namespace quillane::ui {
 namespace {
@@ -63,6 +64,7 @@ QString HotFoldersSettingsView::subtitle(const HotFolder& hotFolder) {
     if (hotFolder.quality)
       result += QLatin1Char(' ') + QString::number(int(*hotFolder.quality)) + QLatin1Char('%');
   }
+  if (hotFolder.sizing.any()) result += QStringLiteral(" · ") + sizeOptionsText(hotFolder.sizing);
   return result;
 }
 
@@ -141,6 +143,9 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   qualityReadout_ = quality.readout;
   qualityRowLabel_ = new QLabel(Strings::text("quality.label"), form_);
   form->addRow(qualityRowLabel_, qualityRow_);
+  // Apart from the profile's: each option set here wins over the profile's.
+  size_ = new SizeOptionsEditor(form_);
+  form->addRow(Strings::text("size.label"), size_);
 
   isEnabled_ = new QCheckBox(Strings::text("settings.hotFolders.enabledToggle"), form_);
   form->addRow(isEnabled_);
@@ -203,6 +208,7 @@ void HotFoldersSettingsView::save() {
     hotFolder.quality = newQuality_;
   }
   hotFolder.isEnabled = isEnabled_->isChecked();
+  hotFolder.sizing = size_->options();
   manager_.upsert(hotFolder);
   resetForm();
 }
@@ -215,6 +221,7 @@ void HotFoldersSettingsView::startEditing(const HotFolder& hotFolder) {
   newProfileName_ = hotFolder.profileName;
   newFormat_ = hotFolder.format.value_or(ImageFormat::jpeg);
   isEnabled_->setChecked(hotFolder.isEnabled);
+  size_->setOptions(hotFolder.sizing);
   setNewQuality(hotFolder.quality.value_or(75));
 }
 
@@ -226,6 +233,7 @@ void HotFoldersSettingsView::resetForm() {
   newProfileName_.reset();
   newFormat_ = ImageFormat::jpeg;
   isEnabled_->setChecked(true);
+  size_->setOptions({});
   setNewQuality(75);
 }
 

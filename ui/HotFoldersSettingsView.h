@@ -33,6 +33,7 @@ class HotFoldersManager;
 namespace quillane::ui {
 
 class DesktopFileDialogs;
+class SizeOptionsEditor;
 
 class HotFoldersSettingsView : public QWidget {
   Q_OBJECT
@@ -47,7 +48,7 @@ class HotFoldersSettingsView : public QWidget {
   // new ones made); a chooser that never chooses without dialogs.
   static FolderChooser folderChooser(DesktopFileDialogs* dialogs);
 
-  // "/in → /out · Web", or "/in → /out · WebP 80%".
+  // "/in → /out · Web", or "/in → /out · WebP 80%", then the size options where set.
   static QString subtitle(const HotFolder& hotFolder);
 
   // The form's state and its rules.
@@ -70,6 +71,7 @@ class HotFoldersSettingsView : public QWidget {
   QPushButton* profileButton() const { return profileButton_; }
   QPushButton* formatButton() const { return formatButton_; }
   QSlider* qualitySlider() const { return quality_; }
+  SizeOptionsEditor* sizeEditor() const { return size_; }
   QLabel* sameFolderWarning() const { return sameFolderWarning_; }
   QGroupBox* existingSection() const { return existing_; }
   QGroupBox* activitySection() const { return activity_; }
@@ -116,6 +118,7 @@ class HotFoldersSettingsView : public QWidget {
   QMenu* formatMenu_;
   QSlider* quality_;
   QLabel* qualityReadout_;
+  SizeOptionsEditor* size_;
   QCheckBox* isEnabled_;
   QPushButton* cancel_;
   QPushButton* save_;

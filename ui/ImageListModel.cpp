@@ -69,7 +69,7 @@ QVariant ImageListModel::data(const QModelIndex& index, int role) const {
   if (role == Qt::AccessibleTextRole) {
     if (auto image = imageAt(index.row())) {
       const RowRules::SizeSummary summary = RowRules::sizeSummary(*image, viewModel_.outputFormat());
-      QStringList parts{image->fileName(), RowRules::metaText(*image)};
+      QStringList parts{image->fileName(), RowRules::metaText(*image), RowRules::shapeText(*image)};
       if (summary.kind == RowRules::SizeSummary::Kind::lines)
         parts << summary.firstLine << summary.secondLine << RowRules::look(*image).word;
       if (image->exportError()) parts << *image->exportError();

@@ -197,7 +197,9 @@ QString ImageRowDelegate::helpText(const QModelIndex& index, RowHit part) const 
       return RowRules::animatedHelp(*image, output);
     case RowHit::summary:
     case RowHit::summaryRetry: {
-      const QString help = RowRules::sizeSummary(*image, output).help;
+      QString help = RowRules::sizeSummary(*image, output).help;
+      if (const QString shape = RowRules::shapeText(*image); !shape.isEmpty())
+        help += QLatin1Char('\n') + shape;
       const QString look = RowRules::look(*image).help;
       return look.isEmpty() ? help : help + QLatin1Char('\n') + look;
     }
@@ -342,8 +344,12 @@ void ImageRowDelegate::paintImageRow(QPainter* painter, const QStyleOptionViewIt
                       sfm.elidedText(look.word, Qt::ElideRight, word.width()));
     painter->setPen(secondary);
   }
+  // What the size options did follows the source's metadata.
+  QString metaLine = RowRules::metaText(*image);
+  if (const QString shape = RowRules::shapeText(*image); !shape.isEmpty() && !encoding)
+    metaLine += QStringLiteral(" · ") + shape;
   painter->drawText(meta, Qt::AlignLeft | Qt::AlignVCenter,
-                    QFontMetrics(small).elidedText(RowRules::metaText(*image), Qt::ElideRight, meta.width()));
+                    QFontMetrics(small).elidedText(metaLine, Qt::ElideRight, meta.width()));
 
   // Size summary.
   const RowRules::SizeSummary summary = RowRules::sizeSummary(*image, output);

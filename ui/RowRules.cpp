@@ -2,6 +2,8 @@
 
 #include <QLocale>
 #include <QString>
+#include <QStringList>
+#include <cmath>
 #include <string>
 
 #include "services/Strings.h"
@@ -33,6 +35,25 @@ QString metaText(const ImportedImage& image) {
                          formatByteCount(image.originalSizeBytes()));
 }
 
+namespace {
+bool keptOriginal(const ImportedImage& image) {
+  return image.encodeState().isReady() && image.resultShape() && image.resultShape()->keptOriginal;
+}
+}  // namespace
+
+QString shapeText(const ImportedImage& image) {
+  const std::optional<ResultShape>& shape = image.resultShape();
+  if (!shape || !image.encodeState().isReady()) return {};
+  if (shape->keptOriginal) return Strings::text("row.keptOriginal");
+  QStringList parts;
+  if (shape->sizing.fits() && int64_t(shape->width) * shape->height < int64_t(image.width()) * image.height())
+    parts << Strings::format("row.fittedFormat", shape->width, shape->height);
+  if (shape->sizing.maxBytes > 0 && shape->quality < shape->askedQuality)
+    parts << Strings::format("row.budgetFormat", int(std::lround(shape->quality)),
+                             ImageCompressor::byteCountText(shape->sizing.maxBytes));
+  return parts.join(QStringLiteral(" · "));
+}
+
 SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat) {
   const EncodeState state = image.encodeState();
   SizeSummary summary;
@@ -48,7 +69,12 @@ SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat) {
     case EncodeState::Kind::ready: {
       summary.kind = SizeSummary::Kind::lines;
       summary.firstLine = formatByteCount(state.sizeBytes);
-      if (isPassThrough(image, outputFormat)) {
+      if (keptOriginal(image)) {
+        summary.firstLine = formatByteCount(image.originalSizeBytes());
+        summary.secondLine = Strings::text("row.keptOriginal");
+        summary.secondTone = Tone::secondary;
+        summary.help = Strings::format("result.keptOriginalFormat", formatByteCount(state.sizeBytes));
+      } else if (isPassThrough(image, outputFormat)) {
         summary.secondLine = Strings::text("row.uncompressed");
         summary.secondTone = Tone::secondary;
         summary.help = Strings::text("row.passthroughHelp");
@@ -100,7 +126,7 @@ QString batchTotalText(const ImageList& images) {
     const EncodeState state = image->encodeState();
     if (!state.isReady()) continue;
     before += image->originalSizeBytes();
-    after += state.sizeBytes;
+    after += keptOriginal(*image) ? image->originalSizeBytes() : state.sizeBytes;
   }
   if (before == 0 && after == 0) return {};
   const SizeChange change = sizeChange(after, before);

@@ -23,6 +23,9 @@ QString animatedHelp(const ImportedImage& image, ImageFormat outputFormat);
 QString qualityHelp(const ImportedImage& image, ImageFormat outputFormat);
 // "row.metaFormat": width, height, format label, original size.
 QString metaText(const ImportedImage& image);
+// What the size options did to the latest result, "fitted to 1600 x 1200 · at quality 62 to
+// fit 500 kB", or "kept the original"; empty when they changed nothing.
+QString shapeText(const ImportedImage& image);
 
 enum class Tone { primary, secondary, green, orange, red, link };
 
@@ -55,7 +58,8 @@ Look look(const ImportedImage& image);
 QString distanceText(double distance);
 
 // The line under the list: before, after and the saving of the ready results, in bytes and
-// percent; empty while no result is ready. Pass-through rows count at their own size.
+// percent; empty while no result is ready. Pass-through rows and kept originals count at
+// their own size.
 QString batchTotalText(const ImageList& images);
 
 // The bar's imported-count text: singular for exactly one image.

@@ -9,6 +9,7 @@
 #include "engine/ImageFormat.h"
 #include "engine/PNGWriter.h"
 #include "tests/batch/batch_test_support.h"
+#include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane::testing {
@@ -77,6 +78,36 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   ASSERT_TRUE(QTest::qWaitFor([&] { return restarted.images().size() == 2; }, 5000));
   EXPECT_EQ(restarted.images()[1]->sourceFilePath(), latin1Name.toStdString());
   EXPECT_TRUE(restarted.importFailures().empty());
+}
+
+TEST_F(BatchEngineTest, AResultNotSmallerUnderSkipLargerKeepsTheOriginalAndTheExportLeavesItOut) {
+  // Re-encoded at quality 90, a JPEG of quality 95 shrinks and one of quality 20 grows.
+  writeBytes(path("fine.jpg"), fixtures::jpeg(texturedPhoto(320, 240), {.quality = 95}));
+  writeBytes(path("coarse.jpg"), fixtures::jpeg(texturedPhoto(320, 240, 9), {.quality = 20}));
+  auto o = options();
+  o.reader = nullptr;
+  o.encoder = nullptr;
+  o.inspector = nullptr;
+  auto& model = makeModel(o);
+  model.setQuality(90);
+  model.setCompressionOptions({.skipLarger = true});
+  import({QUrl::fromLocalFile(dir_.filePath("fine.jpg")), QUrl::fromLocalFile(dir_.filePath("coarse.jpg"))});
+  ASSERT_TRUE(waitIdle(20000));
+  ASSERT_EQ(model.images().size(), 2u);
+  const auto& images = model.images();
+  for (const auto& image : images) ASSERT_TRUE(image->encodeState().isReady() && image->resultShape());
+  EXPECT_FALSE(images[0]->resultShape()->keptOriginal);
+  EXPECT_TRUE(images[1]->resultShape()->keptOriginal);
+
+  QDir(dir_.path()).mkpath("out");
+  const auto outcomes = await(model.exportAll(QUrl::fromLocalFile(dir_.filePath("out"))));
+  ASSERT_EQ(outcomes.size(), 2u);
+  EXPECT_TRUE(outcomes[0].destinationURL && !outcomes[0].keptOriginal);
+  EXPECT_TRUE(outcomes[1].keptOriginal);
+  EXPECT_FALSE(outcomes[1].destinationURL || outcomes[1].errorDescription);
+  EXPECT_EQ(QDir(dir_.filePath("out")).entryList(QDir::Files), QStringList{"fine.jpg"});
+  EXPECT_FALSE(images[1]->exportError());
+  EXPECT_EQ(ExportHistory::load().size(), 1u);
 }
 
 }  // namespace

@@ -8,12 +8,14 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QSlider>
+#include <QSpinBox>
 
 #include "hotfolders/HotFoldersManager.h"
 #include "records/ExportProfile.h"
 #include "services/Strings.h"
 #include "tests/ui/ui_test_support.h"
 #include "ui/HotFoldersSettingsView.h"
+#include "ui/SizeControls.h"
 
 namespace quillane::uitest {
 namespace {
@@ -93,12 +95,19 @@ TEST_F(HotFoldersPaneTest, AProfileReplacesFormatAndQualityWhichComeBackWithoutI
   pane().setNewProfileName(std::nullopt);
   EXPECT_EQ(pane().formatButton()->text(), "AVIF");
   pane().setNewProfileName(QString("Web"));
+  // The folder's own size options stand beside the profile.
+  pane().sizeEditor()->fitToggle()->setChecked(true);
+  pane().sizeEditor()->widthField()->setValue(1600);
+  pane().sizeEditor()->heightField()->setValue(0);
   pane().save();
   const HotFolder saved = manager_->hotFolders().at(0);
   EXPECT_EQ(saved.profileName, QString("Web"));
   EXPECT_FALSE(saved.format || saved.quality);
+  EXPECT_EQ(saved.sizing, (CompressionOptions{.maxWidth = 1600}));
+  EXPECT_FALSE(pane().sizeEditor()->options().any()) << "a new form starts with them off";
 
   pane().startEditing(saved);
+  EXPECT_EQ(pane().sizeEditor()->options(), saved.sizing);
   pane().setNewProfileName(std::nullopt);
   EXPECT_EQ(pane().formatButton()->text(), "JPEG");
   EXPECT_EQ(pane().qualitySlider()->value(), 75);

@@ -55,9 +55,21 @@ TEST_F(ImageRowTest, AnAnimatedImageInItsOwnFormatIsPassedThroughAndAStillOneNev
             ui::RowRules::qualityHelp(*gif, ImageFormat::jpeg));
   // Converted to another format it shows the percentage again.
   EXPECT_EQ(ui::RowRules::sizeSummary(*gif, ImageFormat::jpeg).secondTone, Tone::green);
-  // A result that grew shows its change in orange.
+  // A result that grew shows its change in orange; under skip-larger the original is kept, the
+  // row says so at the original's size and the total counts it so.
   auto grown = importOne("grown.png", 1000, {100, 100, ImageFormat::png, 1, 1300});
   EXPECT_EQ(ui::RowRules::sizeSummary(*grown, ImageFormat::jpeg).secondTone, Tone::orange);
+  useLanguage("en-US");
+  model_->setCompressionOptions({.maxWidth = 100, .skipLarger = true});
+  ASSERT_TRUE(waitIdle());
+  const SizeSummary kept = ui::RowRules::sizeSummary(*grown, ImageFormat::jpeg);
+  EXPECT_EQ(std::pair(kept.firstLine, kept.secondLine),
+            std::pair(QString("1 kB"), QString("kept the original")));
+  EXPECT_EQ(ui::RowRules::shapeText(*grown), "kept the original");
+  EXPECT_EQ(ui::RowRules::shapeText(*still), "fitted to 100 x 100");
+  EXPECT_TRUE(ui::RowRules::batchTotalText({grown}).contains("after 1 kB"))
+      << ui::RowRules::batchTotalText({grown}).toStdString();
+  useLanguage({});
 }
 
 TEST_F(ImageRowTest, ExportFollowsTheBytesAndAFailedEncodeShowsItsMessageAndRetries) {

@@ -1,6 +1,8 @@
 // The main window against a real model: what the bar shows when, the disabled states of
 // export, the menu commands, the export alert, drops and row reordering.
 #include <QAction>
+#include <QCheckBox>
+#include <QDoubleSpinBox>
 #include <QDropEvent>
 #include <QLabel>
 #include <QMenu>
@@ -8,6 +10,7 @@
 #include <QMimeData>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QSpinBox>
 #include <QToolButton>
 
 #include "records/ExportProfile.h"
@@ -18,6 +21,8 @@
 #include "ui/ImageListView.h"
 #include "ui/ProfileMenuView.h"
 #include "ui/QualityControls.h"
+#include "ui/RowRules.h"
+#include "ui/SizeControls.h"
 
 namespace quillane::uitest {
 namespace {
@@ -107,6 +112,50 @@ TEST_F(MainWindowTest, TheProfileMenuAppearsWithProfilesAndNoneKeepsTheSettings)
   EXPECT_FALSE(model_->appliedProfileName().has_value());
   EXPECT_EQ(model_->quality(), 60);
   EXPECT_EQ(model_->outputFormat(), ImageFormat::webp);
+}
+
+TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARestartKeepsThem) {
+  useLanguage("en-US");
+  window();
+  import({source("wide.png", 100000, {4000, 3000, ImageFormat::png, 1, -1})});
+  ASSERT_TRUE(waitIdle());
+  ui::SizeButtonView* size = bar().sizeControl();
+  EXPECT_FALSE(size->button()->isChecked()) << "off by default";
+  EXPECT_EQ(size->button()->focusPolicy() & Qt::TabFocus, Qt::TabFocus);
+  size->button()->click();
+  ui::SizeOptionsEditor* editor = size->popupEditor();
+  ASSERT_TRUE(editor && editor->isVisible());
+  EXPECT_FALSE(editor->widthField()->accessibleName().isEmpty());
+  editor->widthField()->setValue(1600);
+  editor->heightField()->setValue(1600);
+  EXPECT_EQ(model_->compressionOptions(), CompressionOptions{}) << "an unchecked part stays off";
+  editor->fitToggle()->setChecked(true);
+  editor->budgetToggle()->setChecked(true);
+  editor->budgetField()->setValue(500);
+  const CompressionOptions chosen{.maxWidth = 1600, .maxHeight = 1600, .maxBytes = 500000};
+  EXPECT_EQ(model_->compressionOptions(), chosen);
+  EXPECT_TRUE(size->button()->isChecked());
+  ASSERT_TRUE(waitIdle());
+  const auto image = model_->images()[0];
+  EXPECT_EQ(ui::RowRules::shapeText(*image), "fitted to 1600 x 1200 · at quality 62 to fit 500 kB");
+  EXPECT_TRUE(window()
+                  .imageList()
+                  ->listModel()
+                  .index(0)
+                  .data(Qt::AccessibleTextRole)
+                  .toString()
+                  .contains("fitted to 1600 x 1200"));
+
+  // Kept with the format and quality, and shown again by the control after a restart.
+  window_.reset();
+  model_->persistSettings();
+  auto o = options();
+  o.restoreSession = true;
+  model_ = std::make_unique<BatchViewModel>(o);
+  EXPECT_EQ(model_->compressionOptions(), chosen);
+  bar().sizeControl()->showPopup();
+  EXPECT_EQ(bar().sizeControl()->popupEditor()->options(), chosen);
+  useLanguage({});
 }
 
 TEST_F(MainWindowTest, FilesDroppedOnTheDropAreaAreImportedInDragOrder) {

@@ -26,6 +26,7 @@
 #include "ui/ImageListView.h"
 #include "ui/MainWindow.h"
 #include "ui/SettingsWindow.h"
+#include "ui/SizeControls.h"
 
 namespace quillane::uitest {
 namespace {
@@ -129,6 +130,16 @@ TEST_F(Screenshots, MainWindowLightAndDarkAndTheHistory) {
   save(showWindow({960, 640}).get(), "main-dark");
   openGate();
   ASSERT_TRUE(waitIdle());
+
+  // The size control open, and the rows saying what it did.
+  QApplication::setPalette(QApplication::style()->standardPalette());
+  model_->setCompressionOptions({.maxWidth = 1600, .maxHeight = 1200, .maxBytes = 500'000});
+  ASSERT_TRUE(waitIdle());
+  auto sized = showWindow({960, 640});
+  sized->controlsBar()->sizeControl()->showPopup();
+  QCoreApplication::processEvents();
+  save(sized->controlsBar()->sizeControl()->popupEditor()->window(), "size-control");
+  save(sized.get(), "main-size");
 }
 
 TEST_F(Screenshots, ComparisonOfARealEncodingAtFitAnd200PercentLightAndDark) {

@@ -2,6 +2,7 @@
 // token rules and the language pane's pending choice.
 #include <QCheckBox>
 #include <QComboBox>
+#include <QDoubleSpinBox>
 #include <QGroupBox>
 #include <QLabel>
 #include <QLineEdit>
@@ -17,6 +18,7 @@
 #include "tests/ui/ui_test_support.h"
 #include "ui/ExportProfilesSettingsView.h"
 #include "ui/LocalAPISettingsView.h"
+#include "ui/SizeControls.h"
 #include "ui/SmallSettingsViews.h"
 
 namespace quillane::uitest {
@@ -61,10 +63,17 @@ TEST_F(ProfilePaneTest, EditingUpdatesInPlaceAndDeletingTheEditedProfileReturnsT
   model_->upsertExportProfile(b);
   pane().startEditing(b);
   pane().nameField()->setText("B renamed");
+  pane().sizeEditor()->budgetToggle()->setChecked(true);
+  pane().sizeEditor()->budgetField()->setValue(1.5);
+  pane().sizeEditor()->unitField()->setCurrentIndex(1);  // MB
   pane().save();
   ASSERT_EQ(model_->exportProfiles().size(), 2u);
   EXPECT_EQ(model_->exportProfiles()[1].id, b.id);
   EXPECT_EQ(model_->exportProfiles()[1].quality, 80.5) << "an untouched fractional quality is kept";
+  EXPECT_EQ(model_->exportProfiles()[1].sizing, (CompressionOptions{.maxBytes = 1'500'000}));
+  // Applied in the window, a profile's size options come with it.
+  model_->applyExportProfile(model_->exportProfiles()[1]);
+  EXPECT_EQ(model_->compressionOptions().maxBytes, 1'500'000);
 
   pane().startEditing(model_->exportProfiles()[1]);
   pane().deleteProfile(a);

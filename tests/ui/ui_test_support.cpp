@@ -55,6 +55,28 @@ BatchViewModel::Options UiFixture::options() {
     const std::string content(data.begin(), data.end());
     return encode(content.substr(0, content.find('\n')), quality);
   };
+  // Under a fit or a budget: the file's box scaled into the options' one, quality 62 under a budget.
+  o.sizedEncoder = [this](std::span<const uint8_t> data, ImageFormat, double quality,
+                          const CompressionOptions& sizing) {
+    const std::string content(data.begin(), data.end());
+    const std::string name = content.substr(0, content.find('\n'));
+    FakeFile file;
+    {
+      std::lock_guard lock(mutex_);
+      file = files_[name];
+    }
+    double scale = 1;
+    if (sizing.maxWidth > 0) scale = std::min(scale, double(sizing.maxWidth) / file.width);
+    if (sizing.maxHeight > 0) scale = std::min(scale, double(sizing.maxHeight) / file.height);
+    ImageCompressor::Encoded encoded;
+    encoded.quality = sizing.maxBytes > 0 ? std::min(quality, 62.0) : quality;
+    encoded.width = std::max(1, int(file.width * scale));
+    encoded.height = std::max(1, int(file.height * scale));
+    encoded.fitted = scale < 1;
+    encoded.bytes = encode(name, encoded.quality);
+    encoded.encodes = 1;
+    return encoded;
+  };
   o.inspector = [this](const std::string& path) { return inspect(path); };
   o.processorCount = 2;
   o.memoryBudgetMB = 2048;
