@@ -206,6 +206,10 @@ TEST_F(ComparisonWindow, TheResultSideFollowsAQualityChangeAtFullResolution) {
   EXPECT_TRUE(badge.contains(ui::RowRules::look(image).word) &&
               badge.contains(ui::RowRules::distanceText(*image.butteraugli())))
       << badge.toStdString();
+  // Back at fit, the full pictures are let go.
+  area->setZoom(std::nullopt);
+  EXPECT_TRUE(
+      QTest::qWaitFor([&] { return !area->hasFullResolution() && area->hasOriginalPreview(); }, 20000));
   view->close();
 }
 
