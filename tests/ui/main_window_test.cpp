@@ -97,7 +97,7 @@ TEST_F(MainWindowTest, TheQualitySliderEncodesOnlyOnceLetGo) {
 
 TEST_F(MainWindowTest, TheProfileMenuAppearsWithProfilesAndNoneKeepsTheSettings) {
   window();
-  ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 60, std::nullopt, false};
+  ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 60, std::nullopt, false, {}};
   model_->upsertExportProfile(web);
   EXPECT_TRUE(bar().profileMenu()->isVisible());
   bar().profileMenu()->rebuildMenu();
