@@ -90,7 +90,9 @@ TEST_F(MainWindowTest, TheQualitySliderEncodesOnlyOnceLetGo) {
   slider->setSliderDown(true);
   slider->setValue(30);
   EXPECT_EQ(model_->quality(), 30);
-  QTest::qWait(150);  // longer than the debounce
+  bool outlasted = false;  // a timer longer than the debounce fires after it would have
+  QTimer::singleShot(120, [&] { outlasted = true; });
+  ASSERT_TRUE(QTest::qWaitFor([&] { return outlasted; }));
   EXPECT_TRUE(model_->hasPendingRecompute());
   EXPECT_FALSE(model_->isEncoding());
   slider->setSliderDown(false);
