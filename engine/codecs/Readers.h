@@ -52,6 +52,10 @@ struct CodedLayout {
   uint64_t largestPixels = 0;
 };
 CodedLayout codedLayout(Input bytes);
+// The payload of an ISO-BMFF file's top-level "meta" box (its items, their properties and
+// where their data lies), read alone: the other boxes are passed by their headers. Empty when
+// there is none; throws ImageProcessingError::decodingFailed when it is absurdly large.
+std::vector<uint8_t> metaPayload(ByteSource& file);
 // Refuses an ISO-BMFF file (HEIC, AVIF) whose coded pictures are larger than their items
 // declare: the size in each HEVC sequence parameter set or AV1 sequence header, in the item's
 // configuration or its data, against its "ispe" (rounded up to whole 64-pixel blocks), before
@@ -59,6 +63,8 @@ CodedLayout codedLayout(Input bytes);
 // size, and a header it cannot read. Items whose data lies beyond `bytes` are judged by their
 // configuration alone. Throws ImageProcessingError::decodingFailed.
 void checkCodedSizes(Input bytes);
+// The same over a file, reading its item information and the items' data alone.
+void checkCodedSizes(ByteSource& file);
 // The same for the AV1 OBUs of one stretch of data (an image sequence's first frame), against
 // the size libavif reports for it.
 void checkAv1Size(Input obus, uint64_t width, uint64_t height);
@@ -108,8 +114,8 @@ void checkFitsInMemory(uint64_t pixels, uint64_t bytesPerPixel);
 // A zeroed 8- or 16-bit RGBA image of the given size, alpha samples at their maximum.
 DecodedImage allocateImage(int width, int height, int bitsPerComponent, AlphaInfo alpha);
 
-// JPEG and PNG also read from a ByteSource (a file read as libjpeg and libpng ask): it is
-// rewound first, and left anywhere.
+// Every reader also reads from a ByteSource (a file read as its library asks): it is rewound
+// first, and left anywhere.
 std::optional<Properties> jpegProperties(Input bytes);
 std::optional<Properties> jpegProperties(ByteSource& source);
 // `minLongSide` 0 decodes at full size; otherwise at the smallest DCT scale whose longer side
@@ -135,6 +141,10 @@ std::optional<Properties> webpProperties(Input bytes);
 // is its first frame alone, not the canvas.
 DecodedImage decodeWebp(Input bytes, int minLongSide = 0);
 std::optional<uint64_t> webpReducedDecodeBytes(Input bytes, int minLongSide);
+// From a file: its chunks walked by their headers, the picture read alone.
+std::optional<Properties> webpProperties(ByteSource& source);
+DecodedImage decodeWebp(ByteSource& source, int minLongSide = 0);
+std::optional<uint64_t> webpReducedDecodeBytes(ByteSource& source, int minLongSide);
 
 // HEIF reports no orientation: libheif applies irot/imir itself, and the size it reports is
 // the turned one.
@@ -143,18 +153,31 @@ std::optional<uint64_t> webpReducedDecodeBytes(Input bytes, int minLongSide);
 std::optional<Properties> heifProperties(Input bytes);
 DecodedImage decodeHeif(Input bytes, int minLongSide = 0);
 std::optional<uint64_t> heifReducedDecodeBytes(Input bytes, int minLongSide);
+// From a source, which libheif reads as it needs (boxes by their headers, the data of the
+// items it decodes).
+std::optional<Properties> heifProperties(ByteSource& source);
+DecodedImage decodeHeif(ByteSource& source, int minLongSide = 0);
+std::optional<uint64_t> heifReducedDecodeBytes(ByteSource& source, int minLongSide);
 
 // libavif never turns pixels: irot/imir are reported as the equivalent EXIF orientation.
 std::optional<Properties> avifProperties(Input bytes);
 // `minLongSide` above 0 averages the decoded planes down before they are turned into RGB.
 DecodedImage decodeAvif(Input bytes, int minLongSide = 0);
 std::optional<uint64_t> avifReducedDecodeBytes(Input bytes);
+// From a source, which libavif reads as it needs.
+std::optional<Properties> avifProperties(ByteSource& source);
+DecodedImage decodeAvif(ByteSource& source, int minLongSide = 0);
+std::optional<uint64_t> avifReducedDecodeBytes(ByteSource& source);
 
 std::optional<Properties> jxlProperties(Input bytes);
 // `minLongSide` above 0 averages the picture down as libjxl hands it over, without a
 // full-size output buffer.
 DecodedImage decodeJxl(Input bytes, int minLongSide = 0);
 std::optional<uint64_t> jxlReducedDecodeBytes(Input bytes);
+// From a source, fed to libjxl in chunks until what is asked for is out.
+std::optional<Properties> jxlProperties(ByteSource& source);
+DecodedImage decodeJxl(ByteSource& source, int minLongSide = 0);
+std::optional<uint64_t> jxlReducedDecodeBytes(ByteSource& source);
 
 // The EXIF orientation equivalent to HEIF's irot (anticlockwise quarter turns, 0...3) followed
 // by imir (mode 0: top and bottom exchanged, 1: left and right exchanged, -1: none).
