@@ -249,10 +249,13 @@ uint64_t peakResidentBytes() {
 }
 
 TEST_F(Bombs, APngWhoseDataCannotFillItsRowsIsRefusedBeforeAllocating) {
-  // 8192 x 8192 (256 MB of RGBA) from 40 KB of data: cut short, or ended with too little.
-  for (const bool truncated : {true, false}) {
-    SCOPED_TRACE(truncated ? "truncated" : "starved");
-    const Bytes file = fixtures::starvedPng(8192, 8192, 8, 40 << 10, truncated);
+  // 8192 x 8192 (256 MB of RGBA) from 40 KB of data, cut short or ended with too little; and
+  // from 1 MB, enough at deflate's ratio, but noise that fails within its first rows: refused
+  // before allocating, or with only those rows touched.
+  for (const auto& [truncated, data] :
+       {std::pair(true, 40 << 10), std::pair(false, 40 << 10), std::pair(false, 1 << 20)}) {
+    SCOPED_TRACE(data);
+    const Bytes file = fixtures::starvedPng(8192, 8192, 8, size_t(data), truncated);
     expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
       const uint64_t before = peakResidentBytes();
       return refusedAsUndecodable([&] { ImageDecoder::decodeCGImageSource(file); }) &&
