@@ -194,7 +194,7 @@ std::optional<uint64_t> avifReducedDecodeBytes(ByteSource& source) {
   const std::optional<Input> whole = source.contiguous();
   const std::vector<uint8_t> meta = whole ? std::vector<uint8_t>() : metaPayload(source);
   const double copies = hasGridItem(whole ? *whole : Input(meta)) ? 2.75 : 1.1;
-  return uint64_t(double(pixels) * planes * copies) + (8u << 20);
+  return estimatedBytes(double(pixels) * planes * copies + double(8u << 20));
 }
 
 DecodedImage decodeAvif(Input bytes, int minLongSide) {

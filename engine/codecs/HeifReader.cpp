@@ -281,7 +281,7 @@ std::optional<uint64_t> heifReducedDecodeBytes(ByteSource& source, int minLongSi
   // a grid of such cells, decoded one at a time); the reduced picture is small.
   const double decoder = hasGridItem(boxes) ? 0.1 : 2.6;
   const double perPixel = sample * ((3 + alpha) + (layout.samplesPerPixel + alpha) * decoder);
-  return uint64_t(double(pixels) * perPixel) + (8u << 20);
+  return estimatedBytes(double(pixels) * perPixel + double(8u << 20));
 }
 
 DecodedImage decodeHeif(Input bytes, int minLongSide) {

@@ -104,6 +104,9 @@ class ReducedSums {
   std::vector<uint64_t> plain_, weighted_, alpha_;
 };
 
+// An estimate in bytes, UINT64_MAX where it is beyond what 64 bits hold (a size no header of
+// an honest file declares).
+inline uint64_t estimatedBytes(double bytes) { return bytes < 1.8e19 ? uint64_t(bytes) : UINT64_MAX; }
 // Throws ImageProcessingError::decodingFailed naming the failing call.
 [[noreturn]] void fail(const char* what);
 // Throws when a stored size is zero or beyond kMaxDimension / kMaxPixels.
