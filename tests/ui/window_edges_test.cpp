@@ -10,6 +10,7 @@
 #include <QMenu>
 #include <QMouseEvent>
 #include <QPushButton>
+#include <QScreen>
 #include <QScrollBar>
 #include <QSlider>
 #include <QStyleOptionButton>
@@ -313,6 +314,15 @@ TEST_F(WindowEdgesTest, TheProfileFolderChooserIsParentedToTheSettingsWindow) {
   ASSERT_TRUE(pane);
   pane->chooseFolder();
   EXPECT_EQ(dialogs.parents, std::vector<QWidget*>{&settings});
+}
+
+// The offscreen screen (800 x 600) is smaller than the window's usual size, as a laptop's is at
+// a scale factor of 2: the window opens inside it all the same.
+TEST_F(WindowEdgesTest, TheWindowOpensInsideAScreenSmallerThanItsUsualSize) {
+  const QRect area = window().screen()->availableGeometry();
+  ASSERT_LT(area.height(), 640);
+  EXPECT_TRUE(area.contains(window().frameGeometry()))
+      << window().frameGeometry().height() << " in " << area.height();
 }
 
 // The controls under `root` that a screen reader could only name by guessing: no accessible
