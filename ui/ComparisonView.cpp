@@ -33,26 +33,34 @@ constexpr int kMargin = 12, kSpacing = 8;
 // A fit's picture is never smaller than this on its longer side, whatever the screen.
 constexpr int kLeastFitPixels = 1600;
 
-// One side's pictures from a file's bytes, within a claim on the process's compression budget:
-// bounded by `fitSize` and, when `fullSize` is above it, at full resolution too. A picture
-// too large for a full preview (ImageDecoder::kPreviewMemory) keeps the bounded one alone.
-// Null pictures when the bytes can't be decoded. Any thread.
-SidePictures decodeSide(std::span<const uint8_t> bytes, int fitSize, int fullSize) {
+// A full picture's working memory a pixel: its RGBA pixels, the decoder's own buffers and the
+// fit's picture made from it. A 48 MP JPEG takes about 8 (bench/README.md, "Comparison
+// pictures"); the other formats' decoders hold a little more.
+constexpr uint64_t kFullBytesPerPixel = 10;
+
+// One side's pictures from a file's bytes, each decode within a claim on the process's
+// compression budget: bounded by `fitSize` and, for a `full` size (not empty) whose decode fits
+// in the whole budget, at full resolution too, the fit's picture then made from it. Null
+// pictures when the bytes can't be decoded. Any thread but the GUI thread.
+SidePictures decodeSide(std::span<const uint8_t> bytes, int fitSize, QSize full) {
   SidePictures side;
+  CompressionBudget& budget = CompressionBudget::process();
   try {
-    if (fullSize > fitSize) {
-      const CompressionBudget::Claim claim =
-          CompressionBudget::process().claim(CompressionCost::previewCostMB(bytes, fullSize));
-      if (std::optional<DecodedImage> full = ImageDecoder::loadPreview(bytes, fullSize)) {
-        if (std::max(full->width, full->height) > fitSize)
-          side.fit = toQImage(Resample::fitWithin(*full, fitSize));
-        side.full = toQImage(std::move(*full));
+    const int fullSide = std::max(full.width(), full.height());
+    const int fullCost = CompressionCost::megabytes(
+        bytes.size() + uint64_t(full.width()) * uint64_t(full.height()) * kFullBytesPerPixel);
+    if (fullSide > fitSize && fullCost <= budget.limit()) {
+      const CompressionBudget::Claim claim = budget.claim(fullCost);
+      // The claim is the bound: the engine's own estimate of a reduced decode does not apply.
+      if (std::optional<DecodedImage> picture = ImageDecoder::loadPreview(bytes, fullSide, UINT64_MAX)) {
+        if (std::max(picture->width, picture->height) > fitSize)
+          side.fit = toQImage(Resample::fitWithin(*picture, fitSize));
+        side.full = toQImage(std::move(*picture));
         if (side.fit.isNull()) side.fit = side.full;
         return side;
       }
     }
-    const CompressionBudget::Claim claim =
-        CompressionBudget::process().claim(CompressionCost::previewCostMB(bytes, fitSize));
+    const CompressionBudget::Claim claim = budget.claim(CompressionCost::previewCostMB(bytes, fitSize));
     if (std::optional<DecodedImage> fit = ImageDecoder::loadPreview(bytes, fitSize))
       side.fit = toQImage(std::move(*fit));
   } catch (...) {
@@ -198,7 +206,7 @@ void ImageComparisonView::loadOriginalPreview() {
   const std::string path = image_->sourceFilePath();
   const QSize picture = area_->pictureSize();
   const int fitSize = fitPixelSize_;
-  const int fullSize = fullResolution_ ? std::max(picture.width(), picture.height()) : 0;
+  const QSize fullSize = fullResolution_ ? picture : QSize();
   QThreadPool::globalInstance()->start([self, path, fitSize, fullSize, generation] {
     SidePictures result;
     try {
@@ -228,7 +236,7 @@ void ImageComparisonView::loadCompressedPreview() {
   const QByteArray bytes = *compressed;
   const QSize picture = area_->pictureSize();
   const int fitSize = fitPixelSize_;
-  const int fullSize = fullResolution_ ? std::max(picture.width(), picture.height()) : 0;
+  const QSize fullSize = fullResolution_ ? picture : QSize();
   QThreadPool::globalInstance()->start([self, bytes, fitSize, fullSize, generation] {
     const auto* begin = reinterpret_cast<const uint8_t*>(bytes.constData());
     SidePictures result =

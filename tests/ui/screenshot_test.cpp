@@ -96,8 +96,9 @@ class Screenshots : public UiFixture {
         model_->images()[0], QUrl::fromLocalFile(dir_.filePath("out/mountain-lake-at-dawn.jpg")));
     ASSERT_TRUE(QTest::qWaitFor([&] { return failed.isFinished() && written.isFinished(); }, 5000));
     model_->upsertExportProfile(
-        {QUuid::createUuid(), "Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true});
-    model_->upsertExportProfile({QUuid::createUuid(), "Archive", ImageFormat::jxl, 95, std::nullopt, false});
+        {QUuid::createUuid(), "Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true, {}});
+    model_->upsertExportProfile(
+        {QUuid::createUuid(), "Archive", ImageFormat::jxl, 95, std::nullopt, false, {}});
   }
 
   std::unique_ptr<ui::MainWindow> showWindow(QSize size) {
@@ -207,10 +208,24 @@ class SettingsScreenshots : public Screenshots {
     if (!hotFolders_) {
       // One working folder, and one whose source is missing, so that the error log has a line.
       QDir(dir_.path()).mkpath("camera");
-      HotFolders::save({{QUuid::createUuid(), "Camera", dir_.filePath("camera"),
-                         dir_.filePath("camera-small"), QString("Web"), std::nullopt, std::nullopt, true},
-                        {QUuid::createUuid(), "Scans", dir_.filePath("scans"), dir_.filePath("scans-small"),
-                         std::nullopt, ImageFormat::jxl, 80.0, true}});
+      HotFolders::save({{QUuid::createUuid(),
+                         "Camera",
+                         dir_.filePath("camera"),
+                         dir_.filePath("camera-small"),
+                         QString("Web"),
+                         std::nullopt,
+                         std::nullopt,
+                         true,
+                         {}},
+                        {QUuid::createUuid(),
+                         "Scans",
+                         dir_.filePath("scans"),
+                         dir_.filePath("scans-small"),
+                         std::nullopt,
+                         ImageFormat::jxl,
+                         80.0,
+                         true,
+                         {}}});
       hotFolders_ = std::make_unique<HotFoldersManager>();
     }
     window->insertHotFoldersPane(new ui::HotFoldersSettingsView(*hotFolders_, *model_, {}));
