@@ -35,7 +35,9 @@ namespace quillane::ui {
 
 namespace {
 const QString kGeometryKey = QStringLiteral("window/geometry");
-constexpr int kFrameTop = 40;
+// Room for the window manager's title bar and borders, which are not known before the window
+// is shown.
+const QMargins kFrame(8, 40, 8, 8);
 
 // One change the model announced, already done when pushed: the stack's first redo is skipped.
 // Quality changes of one image in a row (a slider drag) merge into one step.
@@ -154,9 +156,7 @@ void MainWindow::setFileDialogs(std::unique_ptr<DesktopFileDialogs> dialogs) {
 void MainWindow::fitToScreen(bool placed) {
   const QScreen* screen = this->screen() ? this->screen() : QGuiApplication::primaryScreen();
   if (!screen) return;
-  // Room for the window manager's title bar and borders, which are not known before the
-  // window is shown.
-  const QRect area = screen->availableGeometry().marginsRemoved(QMargins(0, kFrameTop, 0, 0));
+  const QRect area = screen->availableGeometry().marginsRemoved(kFrame);
   // A small screen, or a large scale factor, gets a window smaller than its usual minimum
   // rather than one that runs off the screen.
   setMinimumSize(QSize(minimumWidth, minimumHeight).boundedTo(area.size()));
