@@ -28,8 +28,8 @@
 # CPU at butteraugli 1.0, 1.5 and 2.0 per picture (on the logarithm of the bytes) and sums
 # them over the pictures both sides reach, photographs (JPEG sources) and graphics (PNG
 # sources) apart. Results go to $QUILLANE_BENCH_RESULTS (default a folder per commit beside
-# the corpus) and a rerun only does what is missing; QUILLANE_BENCH_PICTURES (a shell pattern,
-# default *) takes a subset. The load is printed before and after each format.
+# the corpus) and a rerun only does what is missing; QUILLANE_BENCH_PICTURES (shell patterns
+# of names without extension, default *) takes a subset. The load is printed before and after each format.
 set -euo pipefail
 
 # The tool that Quillane's format is compared with, on one file (called through xargs below).
@@ -123,6 +123,7 @@ if [ "$mode" = equal ]; then
   tsv=$results/equal-look.tsv
   touch "$tsv"
   sweep=(35 55 75 90)
+  read -ra patterns <<< "${QUILLANE_BENCH_PICTURES:-*}"
   # CPU seconds (user + system, to the microsecond) of one command on processor $cpu.
   timed() {
     python3 -c 'import resource, subprocess, sys
@@ -134,8 +135,12 @@ print(f"{r.ru_utime + r.ru_stime:.4f}")' taskset -c "$cpu" "$@"
   for format in "${formats[@]}"; do
     for source in "${pictures[@]}"; do
       name=$(basename "${source%.*}")
-      # shellcheck disable=SC2053
-      [[ $name == ${QUILLANE_BENCH_PICTURES:-*} ]] || continue
+      selected=false
+      for pattern in "${patterns[@]}"; do
+        # shellcheck disable=SC2053
+        [[ $name == $pattern ]] && selected=true
+      done
+      $selected || continue
       class=graphic; [[ $source == *.jpg ]] && class=photo
       # A JPEG has no alpha: the tools flatten a transparent source their own way.
       [ "$format" = jpeg ] && [ "$(vipsheader -f bands "$source")" = 4 ] && continue
@@ -151,7 +156,7 @@ print(f"{r.ru_utime + r.ru_stime:.4f}")' taskset -c "$cpu" "$@"
             seconds=$(timed "$here/corpus.sh" --tool-at "$format" "$point" "$input" "$result")
           fi
           [ -s "$result" ] || { echo "no result: $format $side $point $name" >&2; continue; }
-          distance=$(nice "$encoder" between "$source" "$result")
+          distance=$("$encoder" between "$source" "$result")
           printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$class" "$name" "$format" "$side" "$point" \
             "$(stat -c %s "$result")" "$seconds" "$distance" >> "$tsv"
         done

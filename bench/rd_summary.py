@@ -2,7 +2,9 @@
 """Summarises bench/rd_sweep.sh: per picture and format, bytes of 4:4:4 against 4:2:0 at equal
 butteraugli, the writers' choice, quality 75 figures, and the peers at their defaults.
 With --equal-look TSV [FORMAT...], summarises bench/corpus.sh --equal-look instead."""
+import fnmatch
 import math
+import os
 import sys
 from collections import defaultdict
 
@@ -76,8 +78,11 @@ def equal_look(path, formats):
     Quillane and of the tool at butteraugli 1.0, 1.5 and 2.0, summed over the pictures whose
     sweeps reach that distance on both sides, and the mean bytes ratio over the common range."""
     runs = defaultdict(list)  # (format, class, picture, side) -> [(point, bytes, ba, cpu)]
+    patterns = os.environ.get("QUILLANE_BENCH_PICTURES", "*").split()
     for line in open(path):
         cls, pic, fmt, side, point, size, cpu, ba = line.rstrip("\n").split("\t")
+        if not any(fnmatch.fnmatchcase(pic, p) for p in patterns):
+            continue
         runs[(fmt, cls, pic, side)].append((int(point), int(size), float(ba), float(cpu)))
     print("\n| Format | Pictures | Butteraugli | Reached | Quillane bytes / CPU | Tool bytes / CPU | Ratio bytes / CPU |")
     print("|---|---|---:|---:|---|---|---|")
