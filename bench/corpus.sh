@@ -188,6 +188,7 @@ fi
 
 if [ "$mode" = memory ]; then
   photos=$corpus/generated
+  mkdir -p "$photos"
   [ -f "$photos/photo-48mp.jpg" ] || "$build/bin/encode_peak" sources "$photos" >/dev/null
   echo "peak of one encode (read, decode, analysis, plan, encoding), quality 75; load before: $(load)"
   printf '\n| Format | 12 MP | 48 MP |\n|---|---:|---:|\n'
@@ -195,7 +196,7 @@ if [ "$mode" = memory ]; then
     row="| $format |"
     for mp in 12 48; do
       /usr/bin/time -f %M -o "$out/time" nice "$encoder" encode "$format" 75 "$photos/photo-${mp}mp.jpg" "$out/m"
-      row+=" $(awk -v mp="$mp" '{printf "%d MB (%.1f B/px)", $1 / 1024, $1 * 1024 / (mp * 1e6)}' "$out/time") |"
+      row+=" $(awk -v mp="$mp" '{printf "%d MB (%.1f B/px)", $1 * 1024 / 1e6, $1 * 1024 / (mp * 1e6)}' "$out/time") |"
     done
     echo "$row"
   done
