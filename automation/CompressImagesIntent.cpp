@@ -177,8 +177,9 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
       name = allocator->second.filename(base, extensionText);
     const CompressionBudget::Claim claim = CompressionBudget::process().claim(
         CompressionCost::fileCostMB(path, resolved.format, resolved.quality));
-    const ImageCompressionResult result = ImageCompressor::compress(
-        path, folder, resolved.format, resolved.quality, name.toStdString(), false, options);
+    const ImageCompressionResult result =
+        ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name.toStdString(), false,
+                                  ExportProfileResolver::merged(options, resolved.sizing));
     if (result.skipped) continue;
     if (!result.destination) throw CompressionFailedError(source.filename().string(), result.error);
     outputs.append(QString::fromStdString(*result.destination));

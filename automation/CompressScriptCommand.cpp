@@ -219,7 +219,7 @@ CompressionOptions compressionOptions(const QVariantMap& arguments) {
 std::string perform(const QVariant& directParameter, const QVariantMap& evaluatedArguments) {
   const std::vector<std::string> paths = filePaths(directParameter);
   if (paths.empty()) throw ScriptCommandError::noFiles();
-  const CompressionOptions options = compressionOptions(evaluatedArguments);
+  const CompressionOptions explicitOptions = compressionOptions(evaluatedArguments);
 
   // The folder stays in bytes; the resolver only needs to know that one was given.
   const std::optional<std::string> explicitFolder = url(evaluatedArguments.value(toArgument));
@@ -233,6 +233,7 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
                                                         : std::string();
   if (folder.empty()) throw ScriptCommandError::missingOutputDirectory();
   prepareFolder(folder);
+  const CompressionOptions options = ExportProfileResolver::merged(explicitOptions, resolved.sizing);
 
   // Fresh for every command: files of one command never take each other's names, and no
   // name is one of the command's inputs; any other file already in the folder is replaced.

@@ -42,10 +42,13 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
   EncodeScheduler::Options scheduling{options_.reader,         options_.encoder,       options_.sizedEncoder,
                                       options_.processorCount, memoryBudget_,          options_.watchdog,
                                       options_.debounce,       options_.measureResults};
-  scheduler_ = std::make_unique<EncodeScheduler>(scheduling, [this](const ImportedImage& image) {
-    return EncodeScheduler::Settings{outputFormat_, image.qualityOverride().value_or(quality_),
-                                     compressionOptions_};
-  });
+  scheduler_ = std::make_unique<EncodeScheduler>(
+      scheduling,
+      [this](const ImportedImage& image) {
+        return EncodeScheduler::Settings{outputFormat_, image.qualityOverride().value_or(quality_),
+                                         compressionOptions_};
+      },
+      this);
   connect(scheduler_.get(), &EncodeScheduler::encodeStarted, this, [this] { setIsEncoding(true); });
   connect(scheduler_.get(), &EncodeScheduler::encodeSettled, this, [this] { refreshIsEncoding(); });
   exporter_ = std::make_unique<BatchExporter>(

@@ -42,7 +42,8 @@ EncodeScheduler::EncodeScheduler(Options options, SettingsSource settings, QObje
     : QObject(parent), options_(std::move(options)), settings_(std::move(settings)) {
   options_.processorCount = std::max(options_.processorCount, 1);
   processorSlots_ = std::make_unique<CompressionBudget>(options_.processorCount);
-  pool_ = std::make_unique<QThreadPool>();
+  pool_ = std::make_unique<QThreadPool>(this);
+  pool_->setObjectName(QStringLiteral("encodePool"));
   // The processor slots bound the encodes that count; the pool only needs room beyond them for
   // work abandoned by a timeout, which runs on (holding its memory) until the encoder returns.
   pool_->setMaxThreadCount(options_.processorCount + 16);

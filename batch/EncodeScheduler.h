@@ -104,7 +104,7 @@ class EncodeScheduler : public QObject {
   std::set<QUuid> active_;                        // images whose encode is running
   std::set<QUuid> pendingReEncode_;               // ... and that changed meanwhile
   std::unique_ptr<CompressionBudget> processorSlots_;
-  std::unique_ptr<QThreadPool> pool_;
+  std::unique_ptr<QThreadPool> pool_;  // a child named "encodePool"
 };
 
 }  // namespace quillane

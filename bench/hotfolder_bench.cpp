@@ -84,7 +84,8 @@ int main(int argc, char** argv) {
                    std::nullopt,
                    ImageFormat::jpeg,
                    75,
-                   true};
+                   true,
+                   {}};
   auto watcher = std::make_unique<HotFolderWatcher>(folder);
   Progress progress;
   watcher->onActivity = [&](const HotFolderActivity& line) {
@@ -145,7 +146,7 @@ int main(int argc, char** argv) {
     const QString path = root.filePath(QStringLiteral("idle%1").arg(i));
     QDir().mkpath(path);
     idle.push_back(std::make_unique<HotFolderWatcher>(HotFolder{
-        QUuid::createUuid(), "Idle", path, path + "-out", std::nullopt, ImageFormat::jpeg, 75, true}));
+        QUuid::createUuid(), "Idle", path, path + "-out", std::nullopt, ImageFormat::jpeg, 75, true, {}}));
     idle.back()->start();
   }
   std::this_thread::sleep_for(std::chrono::seconds(2));  // their first scans

@@ -27,6 +27,7 @@ JsonValue toJson(const HotFolder& folder) {
   if (folder.format) object.set("format", JsonForms::format(*folder.format));
   if (folder.quality) object.set("quality", *folder.quality);
   object.set("isEnabled", folder.isEnabled);
+  JsonForms::setSizeOptions(object, folder.sizing);
   return object;
 }
 
@@ -46,6 +47,7 @@ HotFolder fromJson(const QJsonObject& object) {
   const std::optional<bool> enabled = JsonForms::optionalBool(object, QStringLiteral("isEnabled"));
   if (!enabled) throw JsonForms::DecodingError("isEnabled is required");
   folder.isEnabled = *enabled;
+  folder.sizing = JsonForms::sizeOptions(object);
   return folder;
 }
 

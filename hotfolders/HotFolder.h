@@ -12,6 +12,7 @@
 #include <optional>
 #include <vector>
 
+#include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
 #include "engine/Json.h"
 
@@ -28,6 +29,7 @@ struct HotFolder {
   std::optional<ImageFormat> format;
   std::optional<double> quality;  // 1 to 100, perceptual
   bool isEnabled = true;
+  CompressionOptions sizing;  // fit, byte budget, skip larger; each set one wins over the profile's
 
   bool operator==(const HotFolder&) const = default;
 
@@ -61,8 +63,9 @@ namespace HotFolders {
 
 inline constexpr char fileName[] = "hotFolders.json";
 
-// JSON coding: id, name, sourceFolder, destinationFolder and isEnabled are required; the three
-// optional keys are left out when absent and read as absent when missing or null. fromJson()
+// JSON coding: id, name, sourceFolder, destinationFolder and isEnabled are required; the other
+// keys (profileName, format, quality and the size options) are left out when absent and read
+// as absent when missing or null. fromJson()
 // throws JsonForms::DecodingError.
 JsonValue toJson(const HotFolder& folder);
 HotFolder fromJson(const QJsonObject& object);

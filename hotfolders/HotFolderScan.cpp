@@ -110,6 +110,7 @@ struct HotFolderWatcher::Settings {
   QString destination;
   ImageFormat format;
   double quality;
+  CompressionOptions sizing;
 };
 
 std::vector<bool> HotFolderWatcher::isStableOnDisk(const std::vector<ListedFile>& files) {
@@ -203,7 +204,7 @@ std::optional<HotFolderWatcher::Settings> HotFolderWatcher::resolveSettings() {
       reportedFolderError_.reset();
     }
     return Settings{resolved.outputDirectory.value_or(hotFolder_.destinationFolder), resolved.format,
-                    resolved.quality};
+                    resolved.quality, ExportProfileResolver::merged(hotFolder_.sizing, resolved.sizing)};
   } catch (const QuillaneError& error) {
     const QString message = QString::fromStdString(error.description());
     MutexLock lock(reportLock_);
@@ -270,7 +271,7 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
             CompressionCost::fileCostMB(candidate.path, settings.format, settings.quality));
         record(candidate,
                ImageCompressor::compress(candidate.path, destination, settings.format, settings.quality,
-                                         candidate.destinationFilename),
+                                         candidate.destinationFilename, false, settings.sizing),
                completed, total);
       }
       finished.release();

@@ -67,6 +67,7 @@ JsonValue toJson(const ExportProfile& profile) {
   if (profile.destinationFolder)
     object.set("destinationFolder", JsonForms::fileURL(*profile.destinationFolder));
   object.set("isDefault", profile.isDefault);
+  JsonForms::setSizeOptions(object, profile.sizing);
   return object;
 }
 
@@ -80,6 +81,7 @@ ExportProfile fromJson(const QJsonObject& object) {
   profile.quality = JsonForms::requireDouble(object, QStringLiteral("quality"));
   profile.destinationFolder = JsonForms::optionalFileURL(object, QStringLiteral("destinationFolder"));
   profile.isDefault = JsonForms::optionalBool(object, QStringLiteral("isDefault")).value_or(false);
+  profile.sizing = JsonForms::sizeOptions(object);
   return profile;
 }
 

@@ -12,6 +12,7 @@
 #include <optional>
 #include <vector>
 
+#include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
 #include "engine/Json.h"
 
@@ -27,6 +28,7 @@ struct ExportProfile {
   double quality = 75.0;                     // 1 to 100, perceptual
   std::optional<QString> destinationFolder;  // a local path; a file URL in JSON
   bool isDefault = false;
+  CompressionOptions sizing;  // fit, byte budget, skip larger; off unless the file has the keys
 
   bool operator==(const ExportProfile&) const = default;
 };
@@ -55,7 +57,8 @@ const ExportProfile* find(const ExportProfileList& profiles, const QString& name
 const ExportProfile* findDefault(const ExportProfileList& profiles);
 
 // JSON coding. fromJson() throws JsonForms::DecodingError: id, name, format and quality are
-// required; destinationFolder and isDefault may be missing.
+// required; destinationFolder, isDefault, maxWidth, maxHeight, maxBytes (whole numbers, 0 or
+// missing: off) and skipLarger may be missing, and are written only when set.
 JsonValue toJson(const ExportProfile& profile);
 JsonValue toJson(const ExportProfileList& profiles);
 ExportProfile fromJson(const QJsonObject& object);

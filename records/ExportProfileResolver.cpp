@@ -18,8 +18,10 @@ namespace ExportProfileResolver {
 Resolved resolve(const std::optional<QString>& profileName, std::optional<double> explicitQuality,
                  std::optional<ImageFormat> explicitFormat,
                  const std::optional<QString>& explicitOutputDirectory) {
-  Resolved resolved{explicitFormat.value_or(ImageFormat::jpeg), explicitQuality.value_or(75.0),
-                    explicitOutputDirectory};
+  Resolved resolved{explicitFormat.value_or(ImageFormat::jpeg),
+                    explicitQuality.value_or(75.0),
+                    explicitOutputDirectory,
+                    {}};
   const ExportProfileList profiles = ExportProfiles::load();
   const ExportProfile* profile = nullptr;
   if (profileName) {
@@ -32,7 +34,14 @@ Resolved resolve(const std::optional<QString>& profileName, std::optional<double
   if (!explicitFormat) resolved.format = profile->format;
   if (!explicitQuality) resolved.quality = profile->quality;
   if (!explicitOutputDirectory) resolved.outputDirectory = profile->destinationFolder;
+  resolved.sizing = profile->sizing;
   return resolved;
+}
+
+CompressionOptions merged(const CompressionOptions& given, const CompressionOptions& profile) {
+  return {given.maxWidth > 0 ? given.maxWidth : profile.maxWidth,
+          given.maxHeight > 0 ? given.maxHeight : profile.maxHeight,
+          given.maxBytes > 0 ? given.maxBytes : profile.maxBytes, given.skipLarger || profile.skipLarger};
 }
 
 }  // namespace ExportProfileResolver

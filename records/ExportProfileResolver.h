@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "engine/Errors.h"
+#include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
 
 namespace quillane {
@@ -29,6 +30,7 @@ struct Resolved {
   ImageFormat format = ImageFormat::jpeg;
   double quality = 75.0;
   std::optional<QString> outputDirectory;  // a local path
+  CompressionOptions sizing;               // the profile's size options
 };
 
 // Starts from the explicit values (jpeg and 75 when absent). With `profileName`, the first
@@ -38,6 +40,10 @@ struct Resolved {
 Resolved resolve(const std::optional<QString>& profileName, std::optional<double> explicitQuality,
                  std::optional<ImageFormat> explicitFormat,
                  const std::optional<QString>& explicitOutputDirectory);
+
+// Each size option `given` sets, else the profile's: a profile's fit or budget stands unless
+// replaced, and skipLarger holds when either asks for it.
+CompressionOptions merged(const CompressionOptions& given, const CompressionOptions& profile);
 
 }  // namespace ExportProfileResolver
 }  // namespace quillane

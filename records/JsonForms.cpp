@@ -6,6 +6,9 @@
 #include <QJsonValue>
 #include <QUrl>
 #include <cmath>
+#include <limits>
+
+#include "engine/DecodedImage.h"
 
 namespace quillane::JsonForms {
 
@@ -69,6 +72,13 @@ JsonValue date(const QDateTime& when) { return JsonValue(secondsSince2001(when))
 JsonValue format(ImageFormat format) { return JsonValue(ImageFormats::rawValue(format)); }
 JsonValue integer(qint64 value) { return JsonValue(int64_t(value)); }
 
+void setSizeOptions(JsonValue& object, const CompressionOptions& options) {
+  if (options.maxWidth > 0) object.set("maxWidth", options.maxWidth);
+  if (options.maxHeight > 0) object.set("maxHeight", options.maxHeight);
+  if (options.maxBytes > 0) object.set("maxBytes", integer(options.maxBytes));
+  if (options.skipLarger) object.set("skipLarger", true);
+}
+
 QString requireString(const QJsonObject& object, const QString& key) {
   const QJsonValue value = required(object, key);
   if (!value.isString()) fail(key, "not a string");
@@ -97,6 +107,22 @@ qint64 requireInteger(const QJsonObject& object, const QString& key) {
   const qint64 b = value.toInteger(1);
   if (a != b) fail(key, "not a whole number");
   return a;
+}
+
+CompressionOptions sizeOptions(const QJsonObject& object) {
+  const auto whole = [&](const char* name, qint64 limit) -> qint64 {
+    const QString key = QString::fromLatin1(name);
+    const QJsonValue value = object.value(key);
+    if (value.isUndefined() || value.isNull()) return 0;
+    const qint64 number = requireInteger(object, key);
+    return number > 0 && number <= limit ? number : 0;
+  };
+  CompressionOptions options;
+  options.maxWidth = int(whole("maxWidth", kMaxDimension));
+  options.maxHeight = int(whole("maxHeight", kMaxDimension));
+  options.maxBytes = whole("maxBytes", std::numeric_limits<qint64>::max());
+  options.skipLarger = optionalBool(object, QStringLiteral("skipLarger")).value_or(false);
+  return options;
 }
 
 std::optional<bool> optionalBool(const QJsonObject& object, const QString& key) {

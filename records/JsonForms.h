@@ -19,6 +19,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
 #include "engine/Json.h"
 
@@ -46,6 +47,8 @@ JsonValue fileURL(const QUrl& url);  // as it stands, bytes that are no UTF-8 ke
 JsonValue date(const QDateTime& when);
 JsonValue format(ImageFormat format);
 JsonValue integer(qint64 value);
+// Sets "maxWidth", "maxHeight", "maxBytes" and "skipLarger" on `object`, each only when on.
+void setSizeOptions(JsonValue& object, const CompressionOptions& options);
 
 // ---- Reading ----
 QString requireString(const QJsonObject& object, const QString& key);
@@ -56,6 +59,9 @@ qint64 requireInteger(const QJsonObject& object, const QString& key);
 std::optional<bool> optionalBool(const QJsonObject& object, const QString& key);
 QUuid requireUUID(const QJsonObject& object, const QString& key);  // 8-4-4-4-12 hex, either case
 ImageFormat requireFormat(const QJsonObject& object, const QString& key);
+// The four keys setSizeOptions writes, each optional (missing, null, 0 or out of range: off);
+// one of the wrong type throws. Records of earlier versions have none of them.
+CompressionOptions sizeOptions(const QJsonObject& object);
 QDateTime requireDate(const QJsonObject& object, const QString& key);
 double requireDateSeconds(const QJsonObject& object, const QString& key);  // the stored value itself
 // A "file:" URL, given back as its local path. A bare absolute path is taken as it stands.

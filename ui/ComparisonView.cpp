@@ -2,15 +2,15 @@
 
 #include <QCoreApplication>
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QKeySequence>
 #include <QLabel>
-#include <QMouseEvent>
-#include <QPainter>
-#include <QPainterPath>
 #include <QPointer>
+#include <QScreen>
 #include <QThreadPool>
 #include <QToolButton>
 #include <QVBoxLayout>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -18,324 +18,134 @@
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
 #include "engine/ImageDecoder.h"
+#include "engine/Resample.h"
+#include "services/SettingsFile.h"
 #include "services/Strings.h"
+#include "ui/ComparisonGeometry.h"
 #include "ui/Icons.h"
-#include "ui/ImageRowDelegate.h"
-#include "ui/RowRules.h"
-#include "ui/UiText.h"
 
 namespace quillane::ui {
 
-namespace ComparisonGeometry {
-
-QSizeF areaSize(int width, int height) {
-  const double aspect = height < 1 ? 1.0 : double(width) / double(height);
-  const double h = maxWidth / aspect;
-  if (maxHeight < h) return {maxHeight * aspect, maxHeight};
-  return {maxWidth, h};
-}
-
-std::optional<double> fractionAt(double x, double areaWidth) {
-  if (!(areaWidth > 0)) return std::nullopt;
-  return std::clamp(x / areaWidth, 0.0, 1.0);
-}
-
-}  // namespace ComparisonGeometry
-
-QImage toQImage(const DecodedImage& image) {
-  if (image.empty() || image.pixels8.size() < image.pixelCount() * 4) return {};
-  const QImage::Format fmt = image.alpha == AlphaInfo::premultiplied ? QImage::Format_RGBA8888_Premultiplied
-                                                                     : QImage::Format_RGBA8888;
-  return QImage(image.pixels8.data(), image.width, image.height, qsizetype(image.width) * 4, fmt).copy();
-}
-
 namespace {
 
-// The preview of `source` (a file's path or its bytes), within a claim on the process's
-// compression budget; a null image when it can't be decoded.
-QImage previewImage(std::span<const uint8_t> bytes) {
-  std::optional<DecodedImage> preview;
+const QString kGeometryKey = QStringLiteral("comparison/geometry");
+constexpr int kMargin = 12, kSpacing = 8;
+// A fit's picture is never smaller than this on its longer side, whatever the screen.
+constexpr int kLeastFitPixels = 1600;
+
+// A full picture's working memory a pixel: its RGBA pixels, the decoder's own buffers and the
+// fit's picture made from it. A 48 MP JPEG takes about 8 (bench/README.md, "Comparison
+// pictures"); the other formats' decoders hold a little more.
+constexpr uint64_t kFullBytesPerPixel = 10;
+
+// One side's pictures from a file's bytes, each decode within a claim on the process's
+// compression budget: bounded by `fitSize` and, for a `full` size (not empty) whose decode fits
+// in the whole budget, at full resolution too, the fit's picture then made from it. Null
+// pictures when the bytes can't be decoded. Any thread but the GUI thread.
+SidePictures decodeSide(std::span<const uint8_t> bytes, int fitSize, QSize full) {
+  SidePictures side;
+  CompressionBudget& budget = CompressionBudget::process();
   try {
-    const CompressionBudget::Claim claim = CompressionBudget::process().claim(
-        CompressionCost::previewCostMB(bytes, ComparisonGeometry::previewPixelSize));
-    preview = ImageDecoder::loadPreview(bytes, ComparisonGeometry::previewPixelSize);
+    const int fullSide = std::max(full.width(), full.height());
+    const int fullCost = CompressionCost::megabytes(
+        bytes.size() + uint64_t(full.width()) * uint64_t(full.height()) * kFullBytesPerPixel);
+    if (fullSide > fitSize && fullCost <= budget.limit()) {
+      const CompressionBudget::Claim claim = budget.claim(fullCost);
+      // The claim is the bound: the engine's own estimate of a reduced decode does not apply.
+      if (std::optional<DecodedImage> picture = ImageDecoder::loadPreview(bytes, fullSide, UINT64_MAX)) {
+        if (std::max(picture->width, picture->height) > fitSize)
+          side.fit = toQImage(Resample::fitWithin(*picture, fitSize));
+        side.full = toQImage(std::move(*picture));
+        if (side.fit.isNull()) side.fit = side.full;
+        return side;
+      }
+    }
+    const CompressionBudget::Claim claim = budget.claim(CompressionCost::previewCostMB(bytes, fitSize));
+    if (std::optional<DecodedImage> fit = ImageDecoder::loadPreview(bytes, fitSize))
+      side.fit = toQImage(std::move(*fit));
   } catch (...) {
+    // No picture: the row's thumbnail or the empty fill stays.
   }
-  return preview ? toQImage(*preview) : QImage();
+  return side;
 }
-QImage previewImage(const std::string& path) {
-  std::vector<uint8_t> bytes;
-  try {
-    bytes = ImageDecoder::readSource(path);
-  } catch (...) {
-    return {};
-  }
-  return previewImage(std::span<const uint8_t>(bytes));
+
+QToolButton* zoomButton(QWidget* parent, const QString& text, const QString& name, const QKeySequence& key) {
+  auto* button = new QToolButton(parent);
+  button->setText(text);
+  button->setCheckable(true);
+  button->setAutoRaise(true);
+  // A click leaves the focus on the picture, whose keys then go on working.
+  button->setFocusPolicy(Qt::TabFocus);
+  button->setAccessibleName(name);
+  button->setToolTip(name + QStringLiteral(" (") + key.toString(QKeySequence::NativeText) + QLatin1Char(')'));
+  return button;
 }
 
 }  // namespace
-
-CompressedCaption compressedCaption(const ImportedImage& image) {
-  const EncodeState state = image.encodeState();
-  CompressedCaption caption;
-  switch (state.kind) {
-    case EncodeState::Kind::ready: {
-      const SizeChange change = sizeChange(state.sizeBytes, image.originalSizeBytes());
-      caption.change = sizeChangeText(change);
-      caption.changeTone = change.reduced ? CompressedCaption::Tone::green : CompressedCaption::Tone::orange;
-      caption.text = formatByteCount(state.sizeBytes) + QStringLiteral(" · ") + caption.change;
-      if (const auto distance = image.butteraugli())
-        caption.distance = Strings::format("comparison.distanceFormat", RowRules::distanceText(*distance));
-      break;
-    }
-    case EncodeState::Kind::encoding:
-      caption.text = Strings::text("comparison.encoding");
-      break;
-    case EncodeState::Kind::idle:
-      caption.text = Strings::text("common.dash");
-      break;
-    case EncodeState::Kind::failed:
-      caption.text = state.message;
-      caption.changeTone = CompressedCaption::Tone::red;
-      break;
-  }
-  return caption;
-}
-
-// ---- SplitCompareWidget ----
-
-SplitCompareWidget::SplitCompareWidget(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
-                                       QWidget* parent)
-    : QWidget(parent), viewModel_(viewModel), image_(std::move(image)) {
-  thumbnail_ = toQImage(image_->thumbnail());
-  area_ = ComparisonGeometry::areaSize(image_->width(), image_->height());
-  setFixedSize(sizeHint());
-  setCursor(Qt::SizeHorCursor);
-  connect(image_.get(), &ImportedImage::encodeStateChanged, this, qOverload<>(&QWidget::update));
-  connect(image_.get(), &ImportedImage::resultLookChanged, this, qOverload<>(&QWidget::update));
-  connect(&viewModel_, &BatchViewModel::outputFormatChanged, this, qOverload<>(&QWidget::update));
-}
-
-QSize SplitCompareWidget::sizeHint() const {
-  return QSize(std::max(qRound(area_.width()), ComparisonGeometry::minimumWidth), qRound(area_.height()));
-}
-
-QRectF SplitCompareWidget::pictureRect() const {
-  return QRectF((width() - area_.width()) / 2, 0, area_.width(), area_.height());
-}
-
-void SplitCompareWidget::setSliderFraction(double fraction) {
-  fraction_ = std::clamp(fraction, 0.0, 1.0);
-  update();
-}
-
-void SplitCompareWidget::setOriginalPreview(const QImage& image) {
-  original_ = image;
-  update();
-}
-
-void SplitCompareWidget::setCompressedPreview(const std::optional<QImage>& image) {
-  compressed_ = image && !image->isNull() ? image : std::nullopt;
-  update();
-}
-
-void SplitCompareWidget::mousePressEvent(QMouseEvent* event) {
-  const QRectF picture = pictureRect();
-  if (auto f = ComparisonGeometry::fractionAt(event->position().x() - picture.x(), picture.width()))
-    setSliderFraction(*f);
-}
-
-void SplitCompareWidget::mouseMoveEvent(QMouseEvent* event) {
-  if (!(event->buttons() & Qt::LeftButton)) return;
-  mousePressEvent(event);
-}
-
-void SplitCompareWidget::paintEvent(QPaintEvent*) {
-  QPainter painter(this);
-  painter.setRenderHint(QPainter::Antialiasing);
-  painter.setRenderHint(QPainter::SmoothPixmapTransform);
-  const QRectF area = pictureRect();
-  QPainterPath rounded;
-  rounded.addRoundedRect(area, 12, 12);
-  painter.setClipPath(rounded);
-
-  // Result layer, or a quaternary fill while there is none.
-  if (compressed_) {
-    painter.drawImage(area, *compressed_);
-  } else {
-    QColor fill = palette().color(QPalette::WindowText);
-    fill.setAlphaF(0.08);
-    painter.fillRect(area, fill);
-  }
-  // Original layer, clipped to the left of the divider.
-  const double dividerX = area.x() + area.width() * fraction_;
-  const QImage& original = original_.isNull() ? thumbnail_ : original_;
-  if (!original.isNull() && dividerX > area.x()) {
-    painter.save();
-    painter.setClipRect(QRectF(area.x(), 0, dividerX - area.x(), area.height()), Qt::IntersectClip);
-    painter.drawImage(area, original);
-    painter.restore();
-  }
-
-  // Divider: a white line with a round handle, both with a faint shadow.
-  const QColor shadow(0, 0, 0, 84);
-  const double lineX = dividerX - 1;
-  painter.fillRect(QRectF(lineX - 1, 0, 4, area.height()), QColor(0, 0, 0, 30));
-  painter.fillRect(QRectF(lineX, 0, 2, area.height()), Qt::white);
-  const QPointF centre(dividerX, area.height() / 2);
-  painter.setPen(Qt::NoPen);
-  painter.setBrush(shadow);
-  painter.drawEllipse(centre, 18, 18);
-  painter.setBrush(Qt::white);
-  painter.drawEllipse(centre, 16, 16);
-  painter.drawPixmap(QRectF(centre.x() - 8, centre.y() - 8, 16, 16).toRect(),
-                     Icons::pixmap("arrow.left.and.right", 16, Qt::black, devicePixelRatioF(), Qt::white));
-
-  // The badges may reach past a narrow picture, over the window's background.
-  painter.setClipping(false);
-  paintBadge(painter, true);
-  paintBadge(painter, false);
-}
-
-namespace {
-
-struct BadgeFonts {
-  QFont title, detail;
-};
-
-BadgeFonts badgeFonts(const QFont& base) {
-  QFont caption = smallFont(base);
-  BadgeFonts fonts{caption, caption};
-  fonts.title.setBold(true);
-  if (fonts.detail.pointSizeF() > 0) fonts.detail.setPointSizeF(std::max(7.5, caption.pointSizeF() * 0.92));
-  return fonts;
-}
-
-// Badge geometry: 12 around, 10 across and 6 down inside.
-constexpr double kBadgeOuter = 12, kBadgeInnerX = 10, kBadgeInnerY = 6;
-
-}  // namespace
-
-SplitCompareWidget::BadgeText SplitCompareWidget::badgeText(bool original) const {
-  const BadgeFonts fonts = badgeFonts(font());
-  const QFontMetricsF titleMetrics(fonts.title), detailMetrics(fonts.detail);
-  const ImageFormat format = original ? image_->originalFormat() : viewModel_.outputFormat();
-  BadgeText badge;
-  badge.title = QString::fromUtf8(std::string(ImageFormats::label(format))).toUpper();
-  QString detail;
-  if (original) {
-    detail = Strings::format("comparison.sizeFormat", image_->width(), image_->height(),
-                             formatByteCount(image_->originalSizeBytes()));
-  } else {
-    const CompressedCaption caption = compressedCaption(*image_);
-    detail = caption.text;
-    badge.change = caption.change;
-    badge.tone = caption.changeTone;
-  }
-  // The two badges sit in opposite corners: each may take half the width, or the whole width
-  // when the area is tall enough for them not to meet. A detail too wide for that breaks at
-  // its " · " rather than losing its end.
-  const double lineHeight = titleMetrics.height() + 1 + detailMetrics.height() * 2 + 2 * kBadgeInnerY;
-  const double span = height() >= 2 * (lineHeight + 2 * kBadgeOuter) ? width() : width() / 2.0;
-  badge.maxTextWidth = span - 2 * (kBadgeOuter + kBadgeInnerX);
-  if (detailMetrics.horizontalAdvance(detail) <= badge.maxTextWidth) {
-    badge.detailLines = {detail};
-  } else {
-    for (const QString& part : detail.split(QStringLiteral(" · ")))
-      badge.detailLines << detailMetrics.elidedText(part, Qt::ElideRight, badge.maxTextWidth);
-  }
-  if (!original) {
-    const QString distance = compressedCaption(*image_).distance;
-    if (!distance.isEmpty())
-      badge.detailLines << detailMetrics.elidedText(distance, Qt::ElideRight, badge.maxTextWidth);
-  }
-  return badge;
-}
-
-void SplitCompareWidget::paintBadge(QPainter& painter, bool original) const {
-  const BadgeFonts fonts = badgeFonts(font());
-  const QFontMetricsF titleMetrics(fonts.title), detailMetrics(fonts.detail);
-  const BadgeText badge = badgeText(original);
-  double textWidth = titleMetrics.horizontalAdvance(badge.title);
-  for (const QString& line : badge.detailLines)
-    textWidth = std::max(textWidth, detailMetrics.horizontalAdvance(line));
-  textWidth = std::min(textWidth, badge.maxTextWidth);
-  const double lines = double(badge.detailLines.size());
-  const QSizeF size(textWidth + 2 * kBadgeInnerX,
-                    titleMetrics.height() + lines * (1 + detailMetrics.height()) + 2 * kBadgeInnerY);
-  const QRectF area(0, 0, width(), height());
-  const QPointF topLeft =
-      original ? QPointF(area.left() + kBadgeOuter, area.bottom() - kBadgeOuter - size.height())
-               : QPointF(area.right() - kBadgeOuter - size.width(), area.top() + kBadgeOuter);
-  const QRectF frame(topLeft, size);
-  painter.setPen(Qt::NoPen);
-  painter.setBrush(QColor(0, 0, 0, 140));
-  painter.drawRoundedRect(frame, 8, 8);
-
-  const Qt::Alignment align = (original ? Qt::AlignLeft : Qt::AlignRight) | Qt::AlignVCenter;
-  const QRectF inner = frame.adjusted(kBadgeInnerX, kBadgeInnerY, -kBadgeInnerX, -kBadgeInnerY);
-  painter.setFont(fonts.title);
-  painter.setPen(Qt::white);
-  painter.drawText(QRectF(inner.left(), inner.top(), inner.width(), titleMetrics.height()), align,
-                   badge.title);
-  painter.setFont(fonts.detail);
-  const QColor soft(255, 255, 255, 204);
-  const QColor changeColour = badge.tone == CompressedCaption::Tone::green    ? QColor(0x4C, 0xD9, 0x64)
-                              : badge.tone == CompressedCaption::Tone::orange ? QColor(0xFF, 0x9F, 0x0A)
-                                                                              : QColor(0xFF, 0x6B, 0x60);
-  double y = inner.top() + titleMetrics.height() + 1;
-  for (const QString& line : badge.detailLines) {
-    const QRectF lineRect(inner.left(), y, inner.width(), detailMetrics.height());
-    y += detailMetrics.height() + 1;
-    const bool toned = badge.tone != CompressedCaption::Tone::plain;
-    if (toned && (badge.tone == CompressedCaption::Tone::red || line == badge.change)) {
-      painter.setPen(changeColour);
-      painter.drawText(lineRect, align, line);
-    } else if (toned && !badge.change.isEmpty() && line.endsWith(badge.change)) {
-      // "size · " in soft white, the change in green or orange, right-aligned together.
-      const double changeWidth = detailMetrics.horizontalAdvance(badge.change);
-      painter.setPen(soft);
-      painter.drawText(lineRect.adjusted(0, 0, -changeWidth, 0), align,
-                       line.left(line.size() - badge.change.size()));
-      painter.setPen(changeColour);
-      painter.drawText(lineRect, align, badge.change);
-    } else {
-      painter.setPen(soft);
-      painter.drawText(lineRect, align, line);
-    }
-  }
-}
-
-// ---- ImageComparisonView ----
 
 ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
                                          QWidget* parent)
     : QDialog(parent), viewModel_(viewModel), image_(std::move(image)) {
   setModal(false);
+  setWindowFlags(Qt::Window | Qt::WindowTitleHint | Qt::WindowSystemMenuHint | Qt::WindowMinMaxButtonsHint |
+                 Qt::WindowCloseButtonHint);
   setWindowTitle(image_->fileName());
   setAttribute(Qt::WA_DeleteOnClose);
   auto* layout = new QVBoxLayout(this);
-  layout->setContentsMargins(20, 20, 20, 20);
-  layout->setSpacing(10);
-  layout->setSizeConstraint(QLayout::SetFixedSize);
+  layout->setContentsMargins(kMargin, kMargin, kMargin, kMargin);
+  layout->setSpacing(kSpacing);
 
   auto* header = new QHBoxLayout;
   auto* name = new QLabel(this);
   Icons::makeSecondary(name);
-  name->setText(name->fontMetrics().elidedText(image_->fileName(), Qt::ElideMiddle, 680));
+  name->setText(name->fontMetrics().elidedText(image_->fileName(), Qt::ElideMiddle, 480));
+  name->setMinimumWidth(40);
+  header->addWidget(name, 1);
+
+  zoomButtons_ = new QButtonGroup(this);
+  zoomButtons_->setExclusive(true);
+  const int fitId = 0;
+  auto* fit = zoomButton(this, Strings::text("comparison.zoomFit"), Strings::text("comparison.zoomFitName"),
+                         QKeySequence(Qt::Key_0));
+  fit->setObjectName(QStringLiteral("zoomFit"));
+  zoomButtons_->addButton(fit, fitId);
+  header->addWidget(fit);
+  for (double level : ComparisonGeometry::zoomLevels) {
+    const int percent = int(level * 100);
+    const QString text = Strings::format("comparison.zoomPercentFormat", percent);
+    auto* button = zoomButton(this, text, Strings::format("comparison.zoomToFormat", text),
+                              QKeySequence(Qt::Key_0 + int(level)));
+    button->setObjectName(QStringLiteral("zoom%1").arg(percent));
+    zoomButtons_->addButton(button, percent);
+    header->addWidget(button);
+  }
+  connect(zoomButtons_, &QButtonGroup::idClicked, this,
+          [this](int id) { area_->setZoom(id == 0 ? std::nullopt : std::optional<double>(id / 100.0)); });
+
   auto* close = new QToolButton(this);
   close->setAutoRaise(true);
   close->setIcon(Icons::tinted("xmark.circle.fill", Icons::secondaryColor(palette())));
   close->setIconSize(QSize(20, 20));
   close->setToolTip(Strings::text("comparison.close"));
+  close->setAccessibleName(Strings::text("comparison.close"));
+  close->setFocusPolicy(Qt::TabFocus);
   close->setShortcut(QKeySequence(Qt::Key_Escape));
   connect(close, &QToolButton::clicked, this, &QDialog::reject);
-  header->addWidget(name, 1);
   header->addWidget(close);
   layout->addLayout(header);
 
   area_ = new SplitCompareWidget(viewModel_, image_, this);
-  layout->addWidget(area_);
+  area_->setObjectName(QStringLiteral("comparisonArea"));
+  layout->addWidget(area_, 1);
+  setFocusProxy(area_);
+  area_->setFocus();
+  connect(area_, &SplitCompareWidget::viewChanged, this, [this] {
+    syncZoomButtons();
+    ensureDetail();
+  });
+  syncZoomButtons();
+
+  placeOnScreen();
 
   connect(image_.get(), &ImportedImage::compressedDataChanged, this,
           &ImageComparisonView::loadCompressedPreview);
@@ -346,18 +156,71 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
   loadCompressedPreview();
 }
 
+void ImageComparisonView::placeOnScreen() {
+  QScreen* screen = parentWidget() ? parentWidget()->screen() : this->screen();
+  const QRect available = screen->availableGeometry();
+  const double dpr = screen->devicePixelRatio();
+  fitPixelSize_ = std::max(kLeastFitPixels, int(std::max(available.width(), available.height()) * dpr));
+  const QByteArray remembered = SettingsFile::store()->value(kGeometryKey).toByteArray();
+  if (!remembered.isEmpty() && restoreGeometry(remembered)) {
+    // restoreGeometry keeps a window on a screen, but not necessarily wholly inside its free area.
+    if (!isMaximized()) setGeometry(ComparisonGeometry::keptInside(geometry(), available));
+    return;
+  }
+  const int headerHeight = layout()->itemAt(0)->sizeHint().height();
+  const QSize chrome(2 * kMargin, 2 * kMargin + headerHeight + kSpacing);
+  const QPoint anchor = parentWidget() ? parentWidget()->geometry().center() : available.center();
+  setGeometry(ComparisonGeometry::openingRect(area_->pictureSize(), dpr, chrome, available, anchor));
+}
+
+void ImageComparisonView::done(int result) {
+  auto settings = SettingsFile::store();
+  settings->setValue(kGeometryKey, saveGeometry());
+  SettingsFile::save(*settings);
+  QDialog::done(result);
+}
+
+void ImageComparisonView::keyPressEvent(QKeyEvent* event) {
+  if (!area_->handleKey(event)) QDialog::keyPressEvent(event);
+}
+
+void ImageComparisonView::syncZoomButtons() {
+  const std::optional<double> zoom = area_->zoom();
+  if (QAbstractButton* button = zoomButtons_->button(zoom ? int(*zoom * 100) : 0)) button->setChecked(true);
+}
+
+void ImageComparisonView::ensureDetail() {
+  const QSize picture = area_->pictureSize();
+  const int longest = std::max(picture.width(), picture.height());
+  // Full pictures while the zoom shows more pixels than the fit's have; back at fit, both sides
+  // come again as the fit's alone, and the full ones go with them.
+  const bool wanted = longest > fitPixelSize_ && area_->shownFactor() * longest > fitPixelSize_ + 0.5;
+  if (wanted == fullResolution_) return;
+  fullResolution_ = wanted;
+  loadOriginalPreview();
+  loadCompressedPreview();
+}
+
 void ImageComparisonView::loadOriginalPreview() {
-  if (area_->hasOriginalPreview()) return;
+  const quint64 generation = ++originalGeneration_;
   QPointer<ImageComparisonView> self(this);
   const std::string path = image_->sourceFilePath();
-  QThreadPool::globalInstance()->start([self, path] {
-    QImage result = previewImage(path);
+  const QSize picture = area_->pictureSize();
+  const int fitSize = fitPixelSize_;
+  const QSize fullSize = fullResolution_ ? picture : QSize();
+  QThreadPool::globalInstance()->start([self, path, fitSize, fullSize, generation] {
+    SidePictures result;
+    try {
+      const std::vector<uint8_t> bytes = ImageDecoder::readSource(path);
+      result = decodeSide(bytes, fitSize, fullSize);
+    } catch (...) {
+      // Unreadable now: the row's thumbnail stays.
+    }
     QMetaObject::invokeMethod(
         QCoreApplication::instance(),
-        [self, result] {
-          if (!self) return;
-          // Without a preview the row thumbnail stays.
-          if (!result.isNull()) self->area_->setOriginalPreview(result);
+        [self, result = std::move(result), generation]() mutable {
+          if (!self || generation != self->originalGeneration_ || result.fit.isNull()) return;
+          self->area_->setOriginalPreview(std::move(result));
         },
         Qt::QueuedConnection);
   });
@@ -372,15 +235,20 @@ void ImageComparisonView::loadCompressedPreview() {
   }
   QPointer<ImageComparisonView> self(this);
   const QByteArray bytes = *compressed;
-  QThreadPool::globalInstance()->start([self, bytes, generation] {
+  const QSize picture = area_->pictureSize();
+  const int fitSize = fitPixelSize_;
+  const QSize fullSize = fullResolution_ ? picture : QSize();
+  QThreadPool::globalInstance()->start([self, bytes, fitSize, fullSize, generation] {
     const auto* begin = reinterpret_cast<const uint8_t*>(bytes.constData());
-    QImage result = previewImage(std::span<const uint8_t>(begin, size_t(bytes.size())));
+    SidePictures result =
+        decodeSide(std::span<const uint8_t>(begin, size_t(bytes.size())), fitSize, fullSize);
     QMetaObject::invokeMethod(
         QCoreApplication::instance(),
-        [self, result, generation] {
+        [self, result = std::move(result), generation]() mutable {
           // A newer result replaced this one while it was decoded.
           if (!self || generation != self->compressedGeneration_) return;
-          self->area_->setCompressedPreview(result.isNull() ? std::nullopt : std::optional<QImage>(result));
+          self->area_->setCompressedPreview(
+              result.fit.isNull() ? std::nullopt : std::optional<SidePictures>(std::move(result)));
         },
         Qt::QueuedConnection);
   });

@@ -104,8 +104,13 @@ TEST_F(BatchRouterTest, ExportWritesIntoTheFolderThePathOrTheProfilesAndAppliesT
   EXPECT_EQ(json(call("POST", route, R"({"path":")" + one + R"("})"))["destination"].toString(),
             dir_.filePath("one-2.jpg"));
 
-  model_->upsertExportProfile(
-      {QUuid::createUuid(), "Lossless", ImageFormat::png, 90, QString::fromStdString(profileFolder), false});
+  model_->upsertExportProfile({QUuid::createUuid(),
+                               "Lossless",
+                               ImageFormat::png,
+                               90,
+                               QString::fromStdString(profileFolder),
+                               false,
+                               {}});
   auto viaProfile = json(call("POST", "/v1/export", R"({"profile":"lossless"})"));
   EXPECT_EQ(viaProfile[0]["destination"].toString().toStdString(), profileFolder + "/one.png");
   EXPECT_EQ(viaProfile[0]["compressedSizeBytes"].toInteger(), 900);

@@ -46,7 +46,7 @@ TEST_F(RouterTest, RefusalsNameWhatWasWrong) {
                     file = QString::fromStdString(writeJPEG("f.jpg")).replace("/", "\\/").toStdString();
   const std::string unknownID = "0000000A-0000-0000-0000-00000000000b",
                     range = "quality must be between 1 and 100";
-  model_->upsertExportProfile({QUuid::createUuid(), "Bare", ImageFormat::webp, 30, std::nullopt, false});
+  model_->upsertExportProfile({QUuid::createUuid(), "Bare", ImageFormat::webp, 30, std::nullopt, false, {}});
   struct Case {
     std::string method, target, body;
     int status;
@@ -102,7 +102,7 @@ TEST_F(RouterTest, SettingsApplyInOrderAndKeepWhatWasApplied) {
   auto fraction = call("POST", "/v1/settings", R"({"quality":62.5,"format":"webp"})");
   EXPECT_NE(fraction.body.find(R"("outputFormat":"webp","quality":62.5})"), std::string::npos)
       << fraction.body;
-  model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::avif, 55, std::nullopt, false});
+  model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::avif, 55, std::nullopt, false, {}});
   // A good profile followed by a bad format: the profile stays applied.
   EXPECT_EQ(call("POST", "/v1/settings", R"({"format":"gif","profile":"wEB"})").status, 400);
   EXPECT_TRUE(model_->outputFormat() == ImageFormat::avif && model_->quality() == 55.0);

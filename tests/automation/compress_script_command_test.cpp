@@ -176,8 +176,8 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
 }
 
 TEST_F(CompressCommand, ProfilesFillWhatIsNotGivenExplicitly) {
-  ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 40, out("web"), false};
-  ExportProfile fallback{QUuid::createUuid(), "Default", ImageFormat::png, 80, out("default"), true};
+  ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 40, out("web"), false, {}};
+  ExportProfile fallback{QUuid::createUuid(), "Default", ImageFormat::png, 80, out("default"), true, {}};
   saveProfiles({web, fallback});
   QString file = source("p.png");
 

@@ -11,6 +11,8 @@
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThreadPool>
+#include <QTimer>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -132,6 +134,19 @@ class BatchFixture : public ::testing::Test {
   bool waitIdle(int timeoutMs = 5000) {
     return QTest::qWaitFor([&] { return !model_->isEncoding() && !model_->hasPendingRecompute(); },
                            timeoutMs);
+  }
+  // Every encode the model started has returned, and its result has been applied or dropped
+  // on this thread: what a late result would change has changed by now.
+  void drainEncodes() {
+    model_->findChild<QThreadPool*>(QStringLiteral("encodePool"))->waitForDone();
+    QCoreApplication::sendPostedEvents();
+  }
+  // Turns the event loop until a timer started now and running `ms` has fired: a debounce
+  // shorter than that, had it been started, has fired before it.
+  static void outlast(std::chrono::milliseconds ms) {
+    bool fired = false;
+    QTimer::singleShot(ms, [&] { fired = true; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return fired; }, 5000));
   }
   bool waitForCalls(size_t count) {
     return QTest::qWaitFor([&] { return calls().size() == count; }, 2000);

@@ -15,16 +15,17 @@ TEST_F(SchedulerTest,
        AnInspectionWaitsForMemoryThatARunningEncodeHoldsAndAMissingThumbnailComesFromTheEncode) {
   auto o = options();
   o.processorCount = 2;
-  o.memoryBudgetMB = 100;
+  o.memoryBudgetMB = 0;  // the process's budget
   auto& model = makeModel(o);
-  inspectAs("large.png", {3000, 3000});  // the whole budget
+  CompressionBudget& budget = CompressionBudget::process();
+  inspectAs("large.png", {60000, 60000});  // the whole budget
   import({source("large.png", "slow")});
   ASSERT_TRUE(waitForCalls(1));
   // A real picture, whose inspection claims its file and its thumbnail's decode.
   const QString picture = dir_.filePath("picture.png");
   testing::writeBytes(picture.toStdString(), fixtures::png(fixtures::quadrants(64, 64)));
   QFuture<void> done = model.importFiles({QUrl::fromLocalFile(picture)});
-  QTest::qWait(150);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return budget.waiterCount() == 1; }, 2000));
   EXPECT_FALSE(done.isFinished());
   openGate();
   ASSERT_TRUE(QTest::qWaitFor([&] { return done.isFinished(); }, 5000));
@@ -38,7 +39,9 @@ TEST_F(SchedulerTest,
 }
 
 TEST_F(SchedulerTest, GlobalChangesAreDebouncedAndWaitForTheSliderToBeLetGo) {
-  auto& model = makeModel();
+  auto o = options();
+  o.debounce = std::chrono::milliseconds(1);
+  auto& model = makeModel(o);
   import({source("a.png"), source("b.png")});
   ASSERT_TRUE(waitIdle());
 
@@ -53,7 +56,7 @@ TEST_F(SchedulerTest, GlobalChangesAreDebouncedAndWaitForTheSliderToBeLetGo) {
 
   model.setQualitySliderEditing(true);
   model.setQuality(30);
-  QTest::qWait(400);
+  outlast(std::chrono::milliseconds(20));
   EXPECT_TRUE(model.hasPendingRecompute());
   EXPECT_EQ(calls().size(), 4u);
   model.setQualitySliderEditing(false);
@@ -65,13 +68,14 @@ TEST_F(SchedulerTest, GlobalChangesAreDebouncedAndWaitForTheSliderToBeLetGo) {
 TEST_F(SchedulerTest, SmallImageQueuesBehindALargeOneForMemory) {
   auto o = options();
   o.processorCount = 4;
-  o.memoryBudgetMB = 100;
+  o.memoryBudgetMB = 0;  // the process's budget
   makeModel(o);
-  inspectAs("large.png", {3000, 3000});  // 179 MB, clamped to the whole budget
+  inspectAs("large.png", {60000, 60000});  // clamped to the whole budget
   import({source("first.png", "slow-first"), source("large.png", "large"), source("small.png", "small")});
   ASSERT_TRUE(waitForCalls(1));
-  QTest::qWait(150);
-  EXPECT_EQ(calls().size(), 1u) << "large waits for all 100 MB, and small behind it with 92 free";
+  // large waits for the whole budget, and small behind it although it would fit.
+  ASSERT_TRUE(QTest::qWaitFor([&] { return CompressionBudget::process().waiterCount() == 2; }, 2000));
+  EXPECT_EQ(calls().size(), 1u);
   openGate();
   ASSERT_TRUE(waitIdle());
   ASSERT_EQ(calls().size(), 3u);
@@ -99,8 +103,7 @@ TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBack) {
 
   QSignalSpy changes(slow.get(), &ImportedImage::encodeStateChanged);
   openGate();
-  ASSERT_TRUE(QTest::qWaitFor([&] { return encodingNow() == 0; }, 2000));
-  QTest::qWait(100);
+  drainEncodes();
   EXPECT_EQ(changes.count(), 0) << "the late result changes nothing";
   EXPECT_FALSE(slow->compressedData());
 }
@@ -173,8 +176,7 @@ TEST_F(SchedulerTest, AnimatedSourceInItsOwnFormatPassesThroughAndOutranksAnOlde
   model.setOutputFormat(ImageFormat::webp);  // passthrough takes over with a newer generation
   ASSERT_TRUE(QTest::qWaitFor([&] { return anim->encodeState().isReady(); }, 2000));
   openGate();
-  ASSERT_TRUE(QTest::qWaitFor([&] { return encodingNow() == 0; }, 2000));
-  QTest::qWait(100);
+  drainEncodes();
   EXPECT_EQ(anim->encodeState(), EncodeState::ready(13)) << "the older encode's result is dropped";
   EXPECT_EQ(anim->compressedData(), QByteArray("slow-animated"));
   model.setQuality(10);  // quality does not apply to a passthrough

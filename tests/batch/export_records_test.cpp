@@ -156,12 +156,12 @@ TEST_F(ExportTest, UndoRespectsSupersedingRecordsAndKeepsARecordWhoseFileWontGo)
 }
 
 TEST_F(ExportTest, ProfilesAreSavedAtEachChangeAndDeletingTheAppliedOneKeepsItsFolder) {
-  const ExportProfile web{QUuid::createUuid(), "web", ImageFormat::webp, 80, QString("/srv/out"), true};
+  const ExportProfile web{QUuid::createUuid(), "web", ImageFormat::webp, 80, QString("/srv/out"), true, {}};
   makeModel().upsertExportProfile(web);
   auto& model = makeModel();  // a new start reads it back
   ASSERT_EQ(model.exportProfiles(), ExportProfileList{web});
   model.applyExportProfile(web);
-  model.deleteExportProfile({web.id, "WEB", ImageFormat::avif, 50, std::nullopt, false});  // by id
+  model.deleteExportProfile({web.id, "WEB", ImageFormat::avif, 50, std::nullopt, false, {}});  // by id
   EXPECT_TRUE(ExportProfiles::load().empty());
   EXPECT_EQ(model.lastAppliedProfileFolder(), QUrl::fromLocalFile("/srv/out"))
       << "the export dialog opens there";

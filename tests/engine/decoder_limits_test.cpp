@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <webp/encode.h>
 #include <webp/mux.h>
 
 #include <atomic>
@@ -411,5 +412,59 @@ TEST(Cancellation, AFlagRaisedDuringLibjxlWorkNeverAbortsTheProcess) {
   }
 }
 
+// WebP's lossless main encoding with a lossy try first: a flat graphic (half flat, half a gentle
+// ramp) at quality 70, where the lossless one cannot win. engine_tests links with
+// --wrap=WebPEncode, so that each call's mode is seen and the lossy one can be made to fail or
+// be cancelled from inside libwebp.
+struct WebPEncodeSpy {
+  std::vector<int> lossless;                   // config->lossless of each call
+  Cancellation::Flag* raiseOnLossy = nullptr;  // raised as the lossy encode starts
+  bool failLossy = false;                      // the lossy encode fails without running
+};
+WebPEncodeSpy* webpSpy = nullptr;
+
+TEST(Cancellation, ACancelDuringWebPsLossyTryNeverStartsTheLosslessEncoding) {
+  DecodedImage image = testing::makeImage(200, 200, testing::Pattern::flatLogo);
+  for (int y = 0; y < 200; ++y)
+    for (int x = 0; x < 200; ++x) {
+      uint8_t* p = image.pixels8.data() + (size_t(y) * 200 + size_t(x)) * 4;
+      const uint8_t v = y < 100 ? 200 : uint8_t(x * 2 % 256);
+      p[0] = p[1] = p[2] = v;
+      p[3] = 255;
+    }
+  const Bytes png = fixtures::png(image, {.alpha = false});
+
+  WebPEncodeSpy spy;
+  spy.failLossy = true;
+  webpSpy = &spy;
+  EXPECT_FALSE(ImageCompressor::encodeData(png, ImageFormat::webp, 70).empty());
+  ASSERT_GE(spy.lossless.size(), 2u);
+  EXPECT_EQ(spy.lossless[1], 1) << "a failed lossy try falls through to lossless";
+
+  std::atomic<bool> flag{false};
+  spy = WebPEncodeSpy();
+  spy.raiseOnLossy = &flag;
+  {
+    Cancellation::Scope scope(&flag);
+    expectCancelled("WebP lossy try", [&] { ImageCompressor::encodeData(png, ImageFormat::webp, 70); });
+  }
+  webpSpy = nullptr;
+  EXPECT_EQ(spy.lossless, std::vector<int>{0});
+}
+
 }  // namespace
 }  // namespace quillane
+
+extern "C" int __real_WebPEncode(const WebPConfig* config, WebPPicture* picture);
+extern "C" int __wrap_WebPEncode(const WebPConfig* config, WebPPicture* picture) {
+  using quillane::webpSpy;
+  if (webpSpy) {
+    webpSpy->lossless.push_back(config->lossless);
+    if (!config->lossless && webpSpy->failLossy) {
+      picture->error_code = VP8_ENC_ERROR_OUT_OF_MEMORY;
+      return 0;
+    }
+    if (!config->lossless && webpSpy->raiseOnLossy) *webpSpy->raiseOnLossy = true;
+  }
+  return __real_WebPEncode(config, picture);
+}

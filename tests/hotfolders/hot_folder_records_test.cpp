@@ -31,8 +31,9 @@ TEST_F(HotFolderRecordsTest, AbsentOrNullOptionalsReadAsNoSettingsAndAllFieldsRo
     HotFolders::save(folders);
     EXPECT_EQ(readStoreFile(QStringLiteral("hotFolders.json")), requiredOnly);
   }
-  HotFolder folder{QUuid::createUuid(), "Web", "/a", "/b", QStringLiteral("Web"),
-                   ImageFormat::webp,   62.5,  false};
+  HotFolder folder{QUuid::createUuid(), "Web", "/a",  "/b", QStringLiteral("Web"),
+                   ImageFormat::webp,   62.5,  false, {}};
+  folder.sizing = {.maxHeight = 900, .maxBytes = 500000, .skipLarger = true};
   HotFolders::save({folder});
   EXPECT_EQ(HotFolders::load(), HotFolderList{folder});
 }

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "engine/ImageFormat.h"
+#include "engine/ImageService.h"
 #include "hotfolders/HotFolderProcessedStore.h"
 #include "records/ExportProfile.h"
 #include "tests/hotfolders/hot_folder_test_support.h"
@@ -231,14 +232,25 @@ TEST_F(HotFolderWatcherTest, MissingProfileReportsTheFolderOnceAndCompressesNoth
   EXPECT_FALSE(QDir(destination_).exists());
   EXPECT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
 
-  // Recreating the profile resumes the folder; its format and quality apply.
-  ExportProfiles::save(
-      {ExportProfile{QUuid::createUuid(), "gone", ImageFormat::webp, 50, std::nullopt, false}});
+  // Recreating the profile resumes the folder; its format, quality and fit apply, under the
+  // folder's own fit where it sets one.
+  ExportProfiles::save({ExportProfile{QUuid::createUuid(),
+                                      "gone",
+                                      ImageFormat::webp,
+                                      50,
+                                      std::nullopt,
+                                      false,
+                                      {.maxWidth = 40, .maxHeight = 40}}});
   hotFolder.format.reset();
+  hotFolder.sizing.maxHeight = 12;
   auto resumed = watch(hotFolder, reports);
   resumed->scanOnce();
   ASSERT_EQ(reports.lines().size(), 2u);
   EXPECT_EQ(outputs(), QStringList{"a.webp"});
+  const auto header =
+      ImageService::properties(readBytes(QFile::encodeName(destination_ + "/a.webp").toStdString()));
+  ASSERT_TRUE(header);
+  EXPECT_EQ(std::pair(header->width, header->height), std::pair(12, 12));
 }
 
 TEST_F(HotFolderWatcherTest, NonLocalFolderIsPolledForChangesInotifyDoesNotReport) {

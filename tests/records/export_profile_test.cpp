@@ -13,7 +13,7 @@ const QUuid idC = QUuid::fromString(QStringLiteral("2daf5c80-3e4f-4071-8cbd-2e3f
 
 ExportProfile profile(QUuid id, QString name, ImageFormat format = ImageFormat::jpeg, double quality = 75,
                       bool isDefault = false) {
-  return ExportProfile{id, std::move(name), format, quality, std::nullopt, isDefault};
+  return ExportProfile{id, std::move(name), format, quality, std::nullopt, isDefault, {}};
 }
 
 std::optional<ExportProfileList> decode(const std::string& json) {
@@ -23,11 +23,13 @@ std::optional<ExportProfileList> decode(const std::string& json) {
 TEST(ExportProfileJSON, WritesTheStoredFormsAndReadsThemBack) {
   ExportProfile p = profile(idA, QStringLiteral("Web é"), ImageFormat::webp, 62.5, true);
   p.destinationFolder = QStringLiteral("/home/u/My Pictures");
+  p.sizing = {.maxWidth = 1600, .maxBytes = 5000000000, .skipLarger = true};
   const std::string json = ExportProfiles::toJson(ExportProfileList{p, profile(idB, "B")}).write();
   EXPECT_EQ(
       json,
       R"([{"id":"0B8F3A6E-1C2D-4E5F-8A9B-0C1D2E3F4A5B","name":"Web é","format":"webp","quality":62.5,)"
-      R"("destinationFolder":"file:///home/u/My%20Pictures","isDefault":true},)"
+      R"("destinationFolder":"file:///home/u/My%20Pictures","isDefault":true,"maxWidth":1600,)"
+      R"("maxBytes":5000000000,"skipLarger":true},)"
       R"({"id":"1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C","name":"B","format":"jpeg","quality":75,"isDefault":false}])");
   EXPECT_EQ(decode(json), (ExportProfileList{p, profile(idB, "B")}));
 }
@@ -36,7 +38,7 @@ TEST(ExportProfileJSON, OptionalFieldsMayBeMissingOrNull) {
   const auto list =
       decode(R"([{"id":"0b8f3a6e-1c2d-4e5f-8a9b-0c1d2e3f4a5b","name":"A","format":"png","quality":90},
     {"id":"1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C","name":"B","format":"jxl","quality":40,
-     "destinationFolder":null,"isDefault":null,"unknownKey":[1]}])");
+     "destinationFolder":null,"isDefault":null,"unknownKey":[1],"maxWidth":0,"maxHeight":-5,"maxBytes":null}])");
   EXPECT_EQ(list, (ExportProfileList{profile(idA, "A", ImageFormat::png, 90),
                                      profile(idB, "B", ImageFormat::jxl, 40)}));
 }
@@ -52,6 +54,9 @@ TEST(ExportProfileJSON, OneBadEntryFailsTheWholeFile) {
       R"({"id":"1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C","name":"B","format":"png"})",
       good + R"(,"isDefault":1})",
       good + R"(,"destinationFolder":"https://example.invalid/x"})",
+      good + R"(,"maxWidth":"1600"})",
+      good + R"(,"maxBytes":1.5})",
+      good + R"(,"skipLarger":1})",
       "7",
   };
   for (const std::string& entry : bad) EXPECT_FALSE(decode("[" + good + "}," + entry + "]")) << entry;
@@ -111,6 +116,19 @@ TEST_F(ExportProfileResolverTest, ExplicitValuesWinAndTheProfileFillsTheRest) {
   ExportProfiles::save(list);
   expect(ExportProfileResolver::resolve(std::nullopt, 10.0, std::nullopt, std::nullopt), ImageFormat::jxl, 10,
          std::nullopt);
+}
+
+TEST_F(ExportProfileResolverTest, GivenSizeOptionsWinOverTheProfilesOneByOne) {
+  const CompressionOptions profile{.maxWidth = 1600, .maxHeight = 1200, .maxBytes = 500000};
+  EXPECT_EQ(ExportProfileResolver::merged({}, profile), profile);
+  EXPECT_EQ(ExportProfileResolver::merged({.maxHeight = 300, .skipLarger = true}, profile),
+            (CompressionOptions{.maxWidth = 1600, .maxHeight = 300, .maxBytes = 500000, .skipLarger = true}));
+  EXPECT_TRUE(ExportProfileResolver::merged({}, {.skipLarger = true}).skipLarger);
+  ExportProfileList list = ExportProfiles::load();
+  list[0].sizing = profile;
+  ExportProfiles::save(list);
+  EXPECT_EQ(ExportProfileResolver::resolve(QStringLiteral("web"), 1.0, std::nullopt, std::nullopt).sizing,
+            profile);
 }
 
 TEST_F(ExportProfileResolverTest, UnknownNameThrowsAndADamagedFileMeansNoProfiles) {

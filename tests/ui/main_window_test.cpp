@@ -85,7 +85,9 @@ TEST_F(MainWindowTest, TheQualitySliderEncodesOnlyOnceLetGo) {
   slider->setSliderDown(true);
   slider->setValue(30);
   EXPECT_EQ(model_->quality(), 30);
-  QTest::qWait(150);  // longer than the debounce
+  bool outlasted = false;  // a timer longer than the debounce fires after it would have
+  QTimer::singleShot(120, [&] { outlasted = true; });
+  ASSERT_TRUE(QTest::qWaitFor([&] { return outlasted; }));
   EXPECT_TRUE(model_->hasPendingRecompute());
   EXPECT_FALSE(model_->isEncoding());
   slider->setSliderDown(false);
@@ -95,7 +97,7 @@ TEST_F(MainWindowTest, TheQualitySliderEncodesOnlyOnceLetGo) {
 
 TEST_F(MainWindowTest, TheProfileMenuAppearsWithProfilesAndNoneKeepsTheSettings) {
   window();
-  ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 60, std::nullopt, false};
+  ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 60, std::nullopt, false, {}};
   model_->upsertExportProfile(web);
   EXPECT_TRUE(bar().profileMenu()->isVisible());
   bar().profileMenu()->rebuildMenu();

@@ -94,8 +94,9 @@ class Screenshots : public UiFixture {
         model_->images()[0], QUrl::fromLocalFile(dir_.filePath("out/mountain-lake-at-dawn.jpg")));
     ASSERT_TRUE(QTest::qWaitFor([&] { return failed.isFinished() && written.isFinished(); }, 5000));
     model_->upsertExportProfile(
-        {QUuid::createUuid(), "Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true});
-    model_->upsertExportProfile({QUuid::createUuid(), "Archive", ImageFormat::jxl, 95, std::nullopt, false});
+        {QUuid::createUuid(), "Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true, {}});
+    model_->upsertExportProfile(
+        {QUuid::createUuid(), "Archive", ImageFormat::jxl, 95, std::nullopt, false, {}});
   }
 
   std::unique_ptr<ui::MainWindow> showWindow(QSize size) {
@@ -130,34 +131,38 @@ TEST_F(Screenshots, MainWindowLightAndDarkAndTheHistory) {
   ASSERT_TRUE(waitIdle());
 }
 
-TEST_F(Screenshots, ComparisonOfARealEncoding) {
-  // A real picture through the real engine.
+TEST_F(Screenshots, ComparisonOfARealEncodingAtFitAnd200PercentLightAndDark) {
+  // A real picture through the real engine, at a quality low enough for its artefacts to show;
+  // in English, as the software centre's other screenshots.
+  useLanguage(QStringLiteral("en-US"));
   BatchViewModel::Options o;
   o.restoreSession = false;
   model_ = std::make_unique<BatchViewModel>(o);
-  const QString path = dir_.filePath("harbour.png"), portrait = dir_.filePath("lighthouse.png");
-  ASSERT_TRUE(ui::toQImage(testing::makeImage(900, 600, testing::Pattern::photo, 7)).save(path));
-  ASSERT_TRUE(ui::toQImage(testing::makeImage(150, 900, testing::Pattern::photo, 8)).save(portrait));
+  const QString path = dir_.filePath("harbour.png");
+  ASSERT_TRUE(ui::toQImage(testing::makeImage(2400, 1600, testing::Pattern::photo, 7)).save(path));
   model_->setOutputFormat(ImageFormat::jpeg);
   model_->setQuality(30);
-  import({QUrl::fromLocalFile(path), QUrl::fromLocalFile(portrait)});
+  import({QUrl::fromLocalFile(path)});
   ASSERT_TRUE(waitIdle(20000));
   ASSERT_TRUE(model_->images()[0]->encodeState().isReady());
+  ASSERT_TRUE(QTest::qWaitFor([&] { return model_->images()[0]->butteraugli().has_value(); }, 20000));
 
   auto window = showWindow({960, 640});
-  auto* sheet = new ui::ImageComparisonView(*model_, model_->images()[0], window.get());
-  sheet->show();
-  ASSERT_TRUE(QTest::qWaitFor([&] { return previewsShown(sheet); }, 10000));
-  EXPECT_EQ(sheet->area()->size(), QSize(760, 507));
-  sheet->area()->setSliderFraction(0.35);
-  save(sheet, "comparison");
-  sheet->close();
-  // A narrow portrait: the badges keep their size lines beside it.
-  auto* narrow = new ui::ImageComparisonView(*model_, model_->images()[1], window.get());
-  narrow->show();
-  ASSERT_TRUE(QTest::qWaitFor([&] { return previewsShown(narrow); }, 10000));
-  save(narrow, "comparison-portrait");
-  narrow->close();
+  for (const bool dark : {false, true}) {
+    QApplication::setPalette(dark ? darkPalette() : QApplication::style()->standardPalette());
+    auto* sheet = new ui::ImageComparisonView(*model_, model_->images()[0], window.get());
+    sheet->resize(1280, 800);
+    sheet->show();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return previewsShown(sheet); }, 10000));
+    sheet->area()->setSliderFraction(0.45);
+    const QString theme = dark ? "dark" : "light";
+    save(sheet, "comparison-fit-" + theme);
+    if (!dark) save(sheet, "comparison");
+    sheet->area()->setZoom(2.0);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return sheet->area()->hasFullResolution(); }, 10000));
+    save(sheet, "comparison-200-" + theme);
+    sheet->close();
+  }
 }
 
 class SettingsScreenshots : public Screenshots {
@@ -177,10 +182,24 @@ class SettingsScreenshots : public Screenshots {
     if (!hotFolders_) {
       // One working folder, and one whose source is missing, so that the error log has a line.
       QDir(dir_.path()).mkpath("camera");
-      HotFolders::save({{QUuid::createUuid(), "Camera", dir_.filePath("camera"),
-                         dir_.filePath("camera-small"), QString("Web"), std::nullopt, std::nullopt, true},
-                        {QUuid::createUuid(), "Scans", dir_.filePath("scans"), dir_.filePath("scans-small"),
-                         std::nullopt, ImageFormat::jxl, 80.0, true}});
+      HotFolders::save({{QUuid::createUuid(),
+                         "Camera",
+                         dir_.filePath("camera"),
+                         dir_.filePath("camera-small"),
+                         QString("Web"),
+                         std::nullopt,
+                         std::nullopt,
+                         true,
+                         {}},
+                        {QUuid::createUuid(),
+                         "Scans",
+                         dir_.filePath("scans"),
+                         dir_.filePath("scans-small"),
+                         std::nullopt,
+                         ImageFormat::jxl,
+                         80.0,
+                         true,
+                         {}}});
       hotFolders_ = std::make_unique<HotFoldersManager>();
     }
     window->insertHotFoldersPane(new ui::HotFoldersSettingsView(*hotFolders_, *model_, {}));

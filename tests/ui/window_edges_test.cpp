@@ -121,7 +121,8 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
       model_->setQuality(model_->quality() - 1);
       ASSERT_TRUE(QTest::qWaitFor([&] { return model_->isEncoding(); }));
       EXPECT_EQ(top(), settled) << "encoding";
-      model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, false});
+      model_->upsertExportProfile(
+          {QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, false, {}});
       EXPECT_EQ(top(), settled) << "with a profile";
       if (size.width() == 960) {
         ui::ControlsBar& bar = *window().controlsBar();
@@ -182,9 +183,14 @@ TEST_F(WindowEdgesTest, FormatMenusAreOneExclusiveChoice) {
 
 TEST_F(WindowEdgesTest, TheProfileButtonsLabelClearsItsArrowInEveryScript) {
   window();
-  model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, false});
-  model_->upsertExportProfile({QUuid::createUuid(), "Archive quality for the printer downstairs",
-                               ImageFormat::jxl, 95, std::nullopt, false});
+  model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, false, {}});
+  model_->upsertExportProfile({QUuid::createUuid(),
+                               "Archive quality for the printer downstairs",
+                               ImageFormat::jxl,
+                               95,
+                               std::nullopt,
+                               false,
+                               {}});
   QPushButton* button = window().controlsBar()->profileMenu()->button();
   QStyleOptionButton option;
   option.initFrom(button);
