@@ -254,14 +254,14 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
         return std::move(*transcoded);
     }
 
-    // A WebP plan whose lossless encoding cannot beat its lossy one runs the lossy one alone:
-    // the bytes are those the smaller of the two gave, without the costlier encoding.
-    if (format == ImageFormat::webp && attempt.alternative) {
+    // A WebP or JPEG XL plan whose lossless encoding cannot beat its lossy one runs the lossy
+    // one alone: the bytes are those the smaller of the two gave, without the costlier encoding.
+    if (attempt.alternative) {
       using Kind = EncodingPlan::Mode::Kind;
       const bool mainLossless = attempt.mode.kind == Kind::lossless;
       const EncodingPlan::Mode& lossy = mainLossless ? *attempt.alternative : attempt.mode;
       if ((mainLossless || attempt.alternative->kind == Kind::lossless) &&
-          !EncodingStrategy::losslessWebPMayWin(characteristics, lossy)) {
+          !EncodingStrategy::losslessMayWin(format, characteristics, lossy)) {
         if (!mainLossless)
           return encodeWith(pictures, format, attempt, characteristics, attempt.mode, false, consume);
         try {
