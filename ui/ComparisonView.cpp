@@ -192,10 +192,11 @@ void ImageComparisonView::syncZoomButtons() {
 void ImageComparisonView::ensureDetail() {
   const QSize picture = area_->pictureSize();
   const int longest = std::max(picture.width(), picture.height());
-  // The fit's picture has all the pixels already, or as many as the zoom shows.
-  if (fullResolution_ || longest <= fitPixelSize_ || area_->shownFactor() * longest <= fitPixelSize_ + 0.5)
-    return;
-  fullResolution_ = true;
+  // Full pictures while the zoom shows more pixels than the fit's have; back at fit, both sides
+  // come again as the fit's alone, and the full ones go with them.
+  const bool wanted = longest > fitPixelSize_ && area_->shownFactor() * longest > fitPixelSize_ + 0.5;
+  if (wanted == fullResolution_) return;
+  fullResolution_ = wanted;
   loadOriginalPreview();
   loadCompressedPreview();
 }

@@ -8,11 +8,11 @@
 // It opens as large as the picture needs at 100 %, within 90 % of its screen, and once the
 // user has closed one, at the size that one had (the settings file's "comparison/geometry").
 //
-// Pictures: each side first gets one bounded by the screen's size, for fit; once the zoom shows
-// more pixels than that has, both sides get their full resolution, and each later result comes
-// at both. Decodes run on the global thread pool, each within a claim on the process's
-// compression budget, and come back by a queued call guarded by a QPointer; a result replaced
-// while it was decoded is dropped.
+// Pictures: each side first gets one bounded by the screen's size, for fit; while the zoom shows
+// more pixels than that has, both sides are held at full resolution too, and each new result
+// comes at both; back at fit, the full pictures are let go. Decodes run on the global thread pool, each
+// within a claim on the process's compression budget, and come back by a queued call guarded by a QPointer; a
+// result replaced while it was decoded is dropped.
 //
 // GUI thread only.
 
@@ -53,7 +53,7 @@ class ImageComparisonView : public QDialog {
   SplitCompareWidget* area_;
   QButtonGroup* zoomButtons_;
   int fitPixelSize_ = 1600;
-  bool fullResolution_ = false;  // both sides come at full resolution from now on
+  bool fullResolution_ = false;  // both sides come at full resolution too
   quint64 originalGeneration_ = 0;
   quint64 compressedGeneration_ = 0;
 };

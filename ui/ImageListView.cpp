@@ -363,9 +363,10 @@ void ImageListView::dropEvent(QDropEvent* event) {
     return;
   }
   QPointer<ImageListView> self(this);
-  const bool accepted = FileDropHandler::handle(FileDropHandler::providers(*mime), [self](QList<QUrl> urls) {
-    if (self) self->viewModel_.importFiles(urls);
-  });
+  const bool accepted =
+      FileDropHandler::handle(FileDropHandler::providers(*mime), [self](const QList<QUrl>& urls) {
+        if (self) self->viewModel_.importFiles(urls);
+      });
   if (accepted) {
     event->setDropAction(Qt::CopyAction);
     event->accept();

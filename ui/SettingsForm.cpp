@@ -38,11 +38,11 @@ QWidget* wrapPane(QWidget* pane, int width) {
   return scroll;
 }
 
-FormatField makeFormatField(QWidget* form, std::function<void(ImageFormat)> choose) {
+FormatField makeFormatField(QWidget* form, const std::function<void(ImageFormat)>& choose) {
   auto* button = new QPushButton(form);
   button->setFixedWidth(120);
   auto* menu = new QMenu(button);
-  addFormatChoices(menu, std::move(choose));
+  addFormatChoices(menu, choose);
   button->setMenu(menu);
   return {button, menu};
 }

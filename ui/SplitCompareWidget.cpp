@@ -190,6 +190,8 @@ void SplitCompareWidget::setCentre(QPointF centre) {
 
 void SplitCompareWidget::setZoom(std::optional<double> zoom) {
   if (zoom == zoom_) return;
+  // From fit the middle of the picture, wherever a former pan left it.
+  if (!zoom_) centre_ = QPointF(picture_.width() / 2.0, picture_.height() / 2.0);
   zoom_ = zoom;
   setCentre(centre_);
   emit viewChanged();

@@ -185,11 +185,18 @@ TEST_F(ComparisonWindow, TheResultSideFollowsAQualityChangeAtFullResolution) {
   area->setSliderFraction(0);
   area->setZoom(4.0);
   ASSERT_TRUE(QTest::qWaitFor([&] { return area->hasFullResolution(); }, 20000));
-  const QImage sharp = area->grab().toImage();
+  // The middle of the area: the picture alone, away from the badges.
+  const auto picture = [area] {
+    return area
+        ->grab(area->rect().adjusted(area->width() / 4, area->height() / 4, -area->width() / 4,
+                                     -area->height() / 4))
+        .toImage();
+  };
+  const QImage sharp = picture();
 
   model_->setQuality(5);
   ASSERT_TRUE(waitIdle(20000));
-  EXPECT_TRUE(QTest::qWaitFor([&] { return area->grab().toImage() != sharp; }, 20000));
+  EXPECT_TRUE(QTest::qWaitFor([&] { return picture() != sharp; }, 20000));
   EXPECT_TRUE(area->hasFullResolution());
   EXPECT_TRUE(view->isVisible());
   // Once measured, the result's badge names the distance with the row's word.
@@ -199,6 +206,10 @@ TEST_F(ComparisonWindow, TheResultSideFollowsAQualityChangeAtFullResolution) {
   EXPECT_TRUE(badge.contains(ui::RowRules::look(image).word) &&
               badge.contains(ui::RowRules::distanceText(*image.butteraugli())))
       << badge.toStdString();
+  // Back at fit, the full pictures are let go.
+  area->setZoom(std::nullopt);
+  EXPECT_TRUE(
+      QTest::qWaitFor([&] { return !area->hasFullResolution() && area->hasOriginalPreview(); }, 20000));
   view->close();
 }
 

@@ -70,7 +70,7 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardAndNamedForScree
   EXPECT_TRUE(list.focusPolicy() & Qt::TabFocus);
   std::vector<std::shared_ptr<ImportedImage>> compared;
   QObject::connect(&list, &ui::ImageListView::comparisonRequested,
-                   [&](std::shared_ptr<ImportedImage> image) { compared.push_back(image); });
+                   [&](const std::shared_ptr<ImportedImage>& image) { compared.push_back(image); });
   list.setFocus();
   list.setCurrentIndex(list.listModel().index(1));  // the failure row
   QTest::keyClick(&list, Qt::Key_Down);
@@ -250,7 +250,7 @@ TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQ
 
 // Runs `open` and, once its dialog is up, hands it to `use`, which accepts or rejects it.
 template <class Open>
-auto withDialog(Open open, std::function<void(QFileDialog&)> use) {
+auto withDialog(Open open, const std::function<void(QFileDialog&)>& use) {
   bool seen = false;
   QTimer::singleShot(0, [&] {
     auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
