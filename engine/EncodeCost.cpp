@@ -98,7 +98,6 @@ double decodeBytesPerPixel(ImageFormat format) {
     case ImageFormat::webp:
       return 8;
     case ImageFormat::heic:
-      return 12;
     case ImageFormat::avif:
       return 12;
     case ImageFormat::jxl:
