@@ -99,7 +99,6 @@ double decodeBytesPerPixel(ImageFormat format) {
     case ImageFormat::webp:
       return 8;
     case ImageFormat::heic:
-      return 12;
     case ImageFormat::avif:
       return 12;
     case ImageFormat::jxl:

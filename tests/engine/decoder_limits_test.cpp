@@ -93,6 +93,7 @@ bool refusedAsUndecodable(const std::function<void()>& call) {
   alarm(120);
   _exit(body() ? 0 : 1);
 }
+// NOLINTNEXTLINE(readability-function-size): EXPECT_EXIT expands to a few hundred statements
 void expectInChild(int resource, rlim_t limit, const std::function<bool()>& body) {
 #ifdef __SANITIZE_ADDRESS__
   // AddressSanitizer's shadow memory cannot be mapped under an address-space limit.
@@ -391,7 +392,7 @@ TEST(Cancellation, ARaisedFlagStopsEachHookedEncoder) {
   for (const auto& [name, encode] : encoders) {
     {
       Cancellation::Scope scope(&flag);
-      expectCancelled(name, [&] { encode(); });
+      expectCancelled(name, [&encode = encode] { encode(); });
     }
     EXPECT_FALSE(encode().empty()) << name;
   }
@@ -477,7 +478,9 @@ TEST(Cancellation, ACancelDuringWebPsLossyTryNeverStartsTheLosslessEncoding) {
 }  // namespace
 }  // namespace quillane
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name --wrap gives the real function
 extern "C" int __real_WebPEncode(const WebPConfig* config, WebPPicture* picture);
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name --wrap gives its stand-in
 extern "C" int __wrap_WebPEncode(const WebPConfig* config, WebPPicture* picture) {
   using quillane::webpSpy;
   if (webpSpy) {
