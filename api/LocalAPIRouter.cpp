@@ -44,7 +44,7 @@ LocalAPIServer::Router LocalAPIRouter::serverRouter() {
         QCoreApplication::instance(),
         [self, promise, request = std::move(request)]() mutable {
           if (!self) return;
-          self->handle(std::move(request), [promise](LocalAPIResponse response) {
+          self->handle(request, [promise](LocalAPIResponse response) {
             promise->addResult(std::move(response));
             promise->finish();
           });
@@ -79,7 +79,7 @@ LocalAPIServer::Gate LocalAPIRouter::serverGate() {
   };
 }
 
-void LocalAPIRouter::handle(LocalAPIRequest request, Reply reply) {
+void LocalAPIRouter::handle(const LocalAPIRequest& request, const Reply& reply) {
   if (!authorize(request, LocalAPISettings::token())) {
     reply(unauthorized());
     return;
@@ -93,7 +93,8 @@ void LocalAPIRouter::handle(LocalAPIRequest request, Reply reply) {
   route(request, segments, reply);
 }
 
-void LocalAPIRouter::route(const LocalAPIRequest& request, const std::vector<std::string>& s, Reply& reply) {
+void LocalAPIRouter::route(const LocalAPIRequest& request, const std::vector<std::string>& s,
+                           const Reply& reply) {
   const std::string& m = request.method;
   const size_t n = s.size();
   if (m == "GET" && n == 1 && s[0] == "status") return reply(status());

@@ -1,12 +1,19 @@
 // The perceptual distance's cost and agreement (bench/README.md, "Perceptual distance").
 //
 //   distance_bench [--format F] [--quality Q] [--tool] [--only full|bounded] FILE...
+//   distance_bench encode FORMAT QUALITY SOURCE OUTPUT
+//   distance_bench between SOURCE RESULT
 //
 // Each file is encoded as the batch encodes it, both sides are decoded as the distance
 // decodes them, and one line a file gives the megapixels, the distance of the whole picture
 // (libjxl's API), the bounded distance, and the thread CPU time of each. With --tool the
 // pair is written as PPM/PAM and butteraugli_main's 3-norm of it is printed as well. With
 // --only, only that method runs (for the peak memory under /usr/bin/time).
+//
+// For bench/corpus.sh --equal-look: `encode` writes what the batch writes for one file (read,
+// decode, analysis, plan, encoding; no measure), so that its process can be timed beside a
+// codec tool's; `between` prints the distance the program shows for a source and any result,
+// a tool's too.
 
 #include <time.h>
 
@@ -64,7 +71,32 @@ double toolDistance(const RGBABuffer& a, const RGBABuffer& b) {
 
 }  // namespace
 
+int encodeOne(const char* formatName, const char* quality, const char* sourcePath, const char* outputPath) {
+  const auto format = ImageFormats::fromRawValue(formatName);
+  if (!format) return 2;
+  const std::vector<uint8_t> result =
+      ImageCompressor::encodeData(ImageDecoder::readSource(sourcePath), *format, std::atof(quality));
+  std::ofstream out(outputPath, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(result.data()), std::streamsize(result.size()));
+  return out ? 0 : 1;
+}
+
+int printBetween(const char* sourcePath, const char* resultPath) {
+  const double distance =
+      PerceptualDistance::between(ImageDecoder::readSource(sourcePath), ImageDecoder::readSource(resultPath));
+  std::printf("%.4f\n", distance);
+  return 0;
+}
+
 int main(int argc, char** argv) {
+  const std::string verb = argc > 1 ? argv[1] : "";
+  try {
+    if (verb == "encode" && argc == 6) return encodeOne(argv[2], argv[3], argv[4], argv[5]);
+    if (verb == "between" && argc == 4) return printBetween(argv[2], argv[3]);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s: %s\n", verb.c_str(), error.what());
+    return 1;
+  }
   ImageFormat format = ImageFormat::jpeg;
   double quality = 75;
   bool tool = false;

@@ -1,28 +1,12 @@
 #!/usr/bin/env python3
 """Summarises bench/rd_sweep.sh: per picture and format, bytes of 4:4:4 against 4:2:0 at equal
-butteraugli, the writers' choice, quality 75 figures, and the peers at their defaults."""
+butteraugli, the writers' choice, quality 75 figures, and the peers at their defaults.
+With --equal-look TSV [FORMAT...], summarises bench/corpus.sh --equal-look instead."""
+import fnmatch
 import math
+import os
 import sys
 from collections import defaultdict
-
-rd_path, choice_path = sys.argv[1], sys.argv[2]
-curves = defaultdict(lambda: defaultdict(list))  # (pic, fmt) -> layout -> [(q, bytes, ba)]
-peers = {}
-for line in open(rd_path):
-    pic, fmt, q, layout, size, ba = line.rstrip("\n").split("\t")
-    if not ba:
-        continue
-    if layout == "default":
-        peers[(pic, fmt)] = (q, int(size), float(ba))
-    else:
-        curves[(pic, fmt)][layout].append((int(q), int(size), float(ba)))
-
-choice = {}
-for line in open(choice_path):
-    f = line.split()
-    pic = f[0].rsplit("/", 1)[-1][:-4]
-    choice[pic] = (float(f[1]), float(f[2]), f[3])
-
 
 def log_bytes_at(points, ba):
     """log(bytes) at butteraugli `ba`, linear between the two nearest points; None outside."""
@@ -78,6 +62,79 @@ def chosen_curve(c, layout):
 
 def pct(r):
     return "-" if r is None else f"{(r - 1) * 100:+.0f} %"
+
+
+def value_at(points, ba, value):
+    """value(point) at butteraugli `ba`, linear between the two nearest points; None outside."""
+    pts = sorted((p[2], value(p)) for p in points)
+    for (b0, v0), (b1, v1) in zip(pts, pts[1:]):
+        if b0 <= ba <= b1:
+            return v0 if b1 == b0 else v0 + (ba - b0) / (b1 - b0) * (v1 - v0)
+    return None
+
+
+def equal_look(path, formats):
+    """bench/corpus.sh --equal-look: per format and kind of picture, the bytes and CPU of
+    Quillane and of the tool at butteraugli 1.0, 1.5 and 2.0, summed over the pictures whose
+    sweeps reach that distance on both sides, and the mean bytes ratio over the common range."""
+    runs = defaultdict(list)  # (format, class, picture, side) -> [(point, bytes, ba, cpu)]
+    patterns = os.environ.get("QUILLANE_BENCH_PICTURES", "*").split()
+    for line in open(path):
+        cls, pic, fmt, side, point, size, cpu, ba = line.rstrip("\n").split("\t")
+        if not any(fnmatch.fnmatchcase(pic, p) for p in patterns):
+            continue
+        runs[(fmt, cls, pic, side)].append((int(point), int(size), float(ba), float(cpu)))
+    print("\n| Format | Pictures | Butteraugli | Reached | Quillane bytes / CPU | Tool bytes / CPU | Ratio bytes / CPU |")
+    print("|---|---|---:|---:|---|---|---|")
+    for fmt in formats:
+        for cls in ("photo", "graphic"):
+            pics = sorted({k[2] for k in runs if k[0] == fmt and k[1] == cls})
+            pairs = [(runs[(fmt, cls, p, "quillane")], runs[(fmt, cls, p, "tool")]) for p in pics]
+            pairs = [(q, t) for q, t in pairs if len(q) > 1 and len(t) > 1]
+            if not pairs:
+                continue
+            for ba in (1.0, 1.5, 2.0):
+                qb = qc = tb = tc = 0.0
+                n = 0
+                for q, t in pairs:
+                    got = [value_at(side, ba, v) for side in (q, t)
+                           for v in (lambda p: math.log(p[1]), lambda p: p[3])]
+                    if None in got:
+                        continue
+                    n += 1
+                    qb += math.exp(got[0]); qc += got[1]; tb += math.exp(got[2]); tc += got[3]
+                if n == 0:
+                    print(f"| {fmt} | {cls} | {ba:.1f} | 0 of {len(pairs)} | - | - | - |")
+                    continue
+                print(f"| {fmt} | {cls} | {ba:.1f} | {n} of {len(pairs)} | {qb / 1e6:.3f} MB / {qc:.2f} s | "
+                      f"{tb / 1e6:.3f} MB / {tc:.2f} s | {qb / tb:.3f} / {qc / max(tc, 1e-6):.2f} |")
+            curve = [r for r in (equal_quality_ratio(q, t) for q, t in pairs) if r is not None]
+            if curve:
+                mean = math.exp(sum(math.log(r) for r in curve) / len(curve))
+                print(f"| {fmt} | {cls} | over the curve | {len(curve)} of {len(pairs)} | | | {mean:.3f} / |")
+
+
+if sys.argv[1] == "--equal-look":
+    equal_look(sys.argv[2], sys.argv[3:] or ["jpeg", "webp", "avif", "heic", "jxl", "png"])
+    sys.exit(0)
+
+rd_path, choice_path = sys.argv[1], sys.argv[2]
+curves = defaultdict(lambda: defaultdict(list))  # (pic, fmt) -> layout -> [(q, bytes, ba)]
+peers = {}
+for line in open(rd_path):
+    pic, fmt, q, layout, size, ba = line.rstrip("\n").split("\t")
+    if not ba:
+        continue
+    if layout == "default":
+        peers[(pic, fmt)] = (q, int(size), float(ba))
+    else:
+        curves[(pic, fmt)][layout].append((int(q), int(size), float(ba)))
+
+choice = {}
+for line in open(choice_path):
+    f = line.split()
+    pic = f[0].rsplit("/", 1)[-1][:-4]
+    choice[pic] = (float(f[1]), float(f[2]), f[3])
 
 
 formats = sorted({k[1] for k in curves}, key=["avif", "heic", "jpeg"].index)

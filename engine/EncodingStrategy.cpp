@@ -132,6 +132,22 @@ bool losslessWebPMayWin(const ImageCharacteristics& characteristics, const Mode&
          characteristics.gradientFraction <= 0.03;
 }
 
+bool losslessJXLMayWin(const ImageCharacteristics& characteristics, const Mode& lossy) {
+  return losslessWebPMayWin(characteristics, lossy) ||
+         (!characteristics.colorCountSaturated && characteristics.distinctColorCount <= 1'024);
+}
+
+bool losslessMayWin(ImageFormat format, const ImageCharacteristics& characteristics, const Mode& lossy) {
+  switch (format) {
+    case ImageFormat::webp:
+      return losslessWebPMayWin(characteristics, lossy);
+    case ImageFormat::jxl:
+      return losslessJXLMayWin(characteristics, lossy);
+    default:
+      return true;
+  }
+}
+
 namespace {
 
 // Lossless JPEG XL takes many times the memory of any other encoding (EncodeCost). Where the

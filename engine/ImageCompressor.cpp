@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <new>
@@ -161,6 +162,73 @@ double qualityForModel(ImageFormat format, double value) {
   return (low + high) / 2;
 }
 
+// A byte budget's search, once the first encoding (in `result`, at `quality`) came out larger
+// than `budget`: it leaves in `result` the highest whole quality below that whose file fits,
+// or one whose file comes within 5 % under the budget, which ends the search early. The
+// logarithm of the size is taken as a + b * sizeModel(format, quality): through the one point
+// known at first b is 1, and a and b are then fitted to the two closest qualities known (both
+// too large at first, then the bracket's ends), aiming 5 % under the budget. When the same end
+// of the bracket moves again, the other end is taken as half as far from the aim each time
+// (the Illinois rule), so that a curve that bends away from the model still closes in.
+// `fitsAt` holds the best fitting encoding so far. `encodeAtQuality` encodes the kept picture
+// at a whole quality. Throws BudgetError when quality 1 does not fit either.
+void searchBudget(Encoded& result, ImageFormat format, uint64_t budget, double quality,
+                  const std::function<Bytes(int)>& encodeAtQuality) {
+  constexpr int kMaxEncodes = 7;
+  const double target = std::log(double(budget) * 0.95), closeEnough = double(budget) * 0.95;
+  int high = int(std::ceil(quality));  // too large here
+  double highLog = std::log(double(result.bytes.size()));
+  std::optional<std::pair<int, double>> aboveHigh;  // the previous too-large point
+  int low = 0;                                      // fits here; 0 while no quality is known to fit
+  double lowLog = 0;
+  int lastSide = 0, sameSide = 0;  // +1 when the last step moved high, -1 low
+  std::optional<Bytes> fitsAt;
+  bool done = false;
+  const auto tryQuality = [&](int q) {
+    Cancellation::check();
+    Bytes bytes = encodeAtQuality(q);
+    ++result.encodes;
+    const double size = std::log(double(std::max<size_t>(bytes.size(), 1)));
+    const int side = bytes.size() <= budget ? -1 : 1;
+    sameSide = side == lastSide ? sameSide + 1 : 1;
+    lastSide = side;
+    if (side < 0) {
+      low = q, lowLog = size;
+      done = double(bytes.size()) >= closeEnough;
+      fitsAt = std::move(bytes);
+    } else {
+      aboveHigh = {high, highLog};
+      high = q, highLog = size;
+    }
+  };
+  // The quality where the model through (q1, log1) and (q2, log2) meets the aim; NaN where
+  // the two points do not fall with quality.
+  const auto through = [&](int q1, double log1, int q2, double log2) {
+    const double u1 = sizeModel(format, q1), u2 = sizeModel(format, q2);
+    const double b = (log1 - log2) / (u1 - u2);
+    if (!(b > 0)) return std::numeric_limits<double>::quiet_NaN();
+    return qualityForModel(format, u2 + (target - log2) / b);
+  };
+  while (!done && high - low > 1 && result.encodes < kMaxEncodes) {
+    double guess;
+    if (low == 0) {
+      guess = qualityForModel(format, sizeModel(format, high) + (target - highLog));
+      if (aboveHigh && aboveHigh->first > high && aboveHigh->second > highLog)
+        guess = through(aboveHigh->first, aboveHigh->second, high, highLog);
+    } else {
+      const double stale = sameSide >= 2 ? std::pow(0.5, sameSide - 1) : 1.0;
+      guess = lastSide < 0 ? through(high, target + (highLog - target) * stale, low, lowLog)
+                           : through(high, highLog, low, target - (target - lowLog) * stale);
+    }
+    if (!std::isfinite(guess)) guess = (low + high) / 2.0;
+    tryQuality(std::clamp(int(std::floor(guess)), low + 1, high - 1));
+  }
+  if (!fitsAt && high > 1) tryQuality(1);
+  if (!fitsAt) throw BudgetError(int64_t(budget), result.width, result.height);
+  result.bytes = std::move(*fitsAt);
+  result.quality = low;
+}
+
 // encode; `owned`, when given, holds the file's bytes (`fileData`), which go as soon as the
 // picture is decoded unless a JPEG is to be repackaged as JPEG XL from them.
 Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageFormat format, double quality,
@@ -229,14 +297,14 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
         return std::move(*transcoded);
     }
 
-    // A WebP plan whose lossless encoding cannot beat its lossy one runs the lossy one alone:
-    // the bytes are those the smaller of the two gave, without the costlier encoding.
-    if (format == ImageFormat::webp && attempt.alternative) {
+    // A WebP or JPEG XL plan whose lossless encoding cannot beat its lossy one runs the lossy
+    // one alone: the bytes are those the smaller of the two gave, without the costlier encoding.
+    if (attempt.alternative) {
       using Kind = EncodingPlan::Mode::Kind;
       const bool mainLossless = attempt.mode.kind == Kind::lossless;
       const EncodingPlan::Mode& lossy = mainLossless ? *attempt.alternative : attempt.mode;
       if ((mainLossless || attempt.alternative->kind == Kind::lossless) &&
-          !EncodingStrategy::losslessWebPMayWin(characteristics, lossy)) {
+          !EncodingStrategy::losslessMayWin(format, characteristics, lossy)) {
         if (!mainLossless)
           return encodeWith(pictures, format, attempt, characteristics, attempt.mode, false, consume);
         try {
@@ -266,67 +334,8 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
   result.encodes = 1;
   if (budget == 0 || result.bytes.size() <= budget) return result;
 
-  // The highest whole quality below the one asked for whose file fits, or one whose file
-  // comes within 5 % under the budget, which ends the search early. The logarithm of the size
-  // is taken as a + b * sizeModel(quality): through the one point known at first b is 1, and
-  // a and b are then fitted to the two closest qualities known (both too large at first, then
-  // the bracket's ends), aiming 5 % under the budget. When the same end of the bracket moves
-  // again, the other end is taken as half as far from the aim each time (the Illinois rule),
-  // so that a curve that bends away from the model still closes in. `fitsAt` holds the best
-  // fitting encoding so far.
-  constexpr int kMaxEncodes = 7;
-  const double target = std::log(double(budget) * 0.95), closeEnough = double(budget) * 0.95;
-  int high = int(std::ceil(quality));  // too large here
-  double highLog = std::log(double(result.bytes.size()));
-  std::optional<std::pair<int, double>> aboveHigh;  // the previous too-large point
-  int low = 0;                                      // fits here; 0 while no quality is known to fit
-  double lowLog = 0;
-  int lastSide = 0, sameSide = 0;  // +1 when the last step moved high, -1 low
-  std::optional<Bytes> fitsAt;
-  bool done = false;
-  const auto tryQuality = [&](int q) {
-    Cancellation::check();
-    Bytes bytes = encodeAt(EncodingStrategy::plan(characteristics, format, q), q, false);
-    ++result.encodes;
-    const double size = std::log(double(std::max<size_t>(bytes.size(), 1)));
-    const int side = bytes.size() <= budget ? -1 : 1;
-    sameSide = side == lastSide ? sameSide + 1 : 1;
-    lastSide = side;
-    if (side < 0) {
-      low = q, lowLog = size;
-      done = double(bytes.size()) >= closeEnough;
-      fitsAt = std::move(bytes);
-    } else {
-      aboveHigh = {high, highLog};
-      high = q, highLog = size;
-    }
-  };
-  // The quality where the model through (q1, log1) and (q2, log2) meets the aim; NaN where
-  // the two points do not fall with quality.
-  const auto through = [&](int q1, double log1, int q2, double log2) {
-    const double u1 = sizeModel(format, q1), u2 = sizeModel(format, q2);
-    const double b = (log1 - log2) / (u1 - u2);
-    if (!(b > 0)) return std::numeric_limits<double>::quiet_NaN();
-    return qualityForModel(format, u2 + (target - log2) / b);
-  };
-  while (!done && high - low > 1 && result.encodes < kMaxEncodes) {
-    double guess;
-    if (low == 0) {
-      guess = qualityForModel(format, sizeModel(format, high) + (target - highLog));
-      if (aboveHigh && aboveHigh->first > high && aboveHigh->second > highLog)
-        guess = through(aboveHigh->first, aboveHigh->second, high, highLog);
-    } else {
-      const double stale = sameSide >= 2 ? std::pow(0.5, sameSide - 1) : 1.0;
-      guess = lastSide < 0 ? through(high, target + (highLog - target) * stale, low, lowLog)
-                           : through(high, highLog, low, target - (target - lowLog) * stale);
-    }
-    if (!std::isfinite(guess)) guess = (low + high) / 2.0;
-    tryQuality(std::clamp(int(std::floor(guess)), low + 1, high - 1));
-  }
-  if (!fitsAt && high > 1) tryQuality(1);
-  if (!fitsAt) throw BudgetError(options.maxBytes, result.width, result.height);
-  result.bytes = std::move(*fitsAt);
-  result.quality = low;
+  searchBudget(result, format, budget, quality,
+               [&](int q) { return encodeAt(EncodingStrategy::plan(characteristics, format, q), q, false); });
   return result;
 }
 

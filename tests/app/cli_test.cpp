@@ -109,7 +109,7 @@ TEST_F(CommandLineTool, SizeOptionsFitBudgetAndSkipAndRefuseBadValues) {
   ToolRun r =
       run(QStringList{"compress", a, b} + fit + QStringList{"--max-bytes=" + QString::number(budget)});
   ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-  for (const QJsonValue& value : r.json()) {
+  for (const auto& value : r.json()) {
     const QJsonObject record = value.toObject();
     EXPECT_EQ(record["pixelWidth"].toInt(), 24);
     EXPECT_EQ(record["pixelHeight"].toInt(), 16);

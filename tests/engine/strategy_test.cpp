@@ -86,6 +86,16 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   EXPECT_FALSE(mayWin(128, 0.031, Mode::lossy(80)));
   EXPECT_TRUE(mayWin(127, 0.5, Mode::lossy(80))) << "below 16,384 pixels";
   EXPECT_TRUE(mayWin(128, 0.5, Mode::nearLossless(60)));
+
+  // JPEG XL's lossless coder keeps its chance on a picture of few colours, gradients or not.
+  auto fewColours = picture(ContentClass::screenText, 128, 128);
+  fewColours.gradientFraction = 0.2;
+  fewColours.distinctColorCount = 1'024;
+  EXPECT_TRUE(EncodingStrategy::losslessMayWin(ImageFormat::jxl, fewColours, Mode::lossy(80)));
+  EXPECT_FALSE(EncodingStrategy::losslessMayWin(ImageFormat::webp, fewColours, Mode::lossy(80)));
+  fewColours.distinctColorCount = 1'025;
+  EXPECT_FALSE(EncodingStrategy::losslessMayWin(ImageFormat::jxl, fewColours, Mode::lossy(80)));
+  EXPECT_TRUE(EncodingStrategy::losslessMayWin(ImageFormat::jxl, fewColours, Mode::lossy(81)));
 }
 
 }  // namespace
