@@ -68,19 +68,26 @@ std::optional<QString> foreignFormat(const std::string& path) {
 struct Snapshot {
   QUrl sourceURL;
   std::optional<double> qualityOverride;
+  std::optional<CompressionOptions> sizingOverride;
 };
 
-// A list of {"sourceURL": file URL text, "qualityOverride": number?}. Any malformed entry
-// makes the whole file count as empty.
+// A list of {"sourceURL": file URL text, "qualityOverride": number?, "sizingOverride": the
+// size options' object?}. Any malformed entry makes the whole file count as empty.
 std::vector<Snapshot> decodeSession(const QJsonDocument& document) {
   std::vector<Snapshot> snapshots;
   const bool ok = JsonForms::forEachObject(document, [&](const QJsonObject& object) {
-    Snapshot snapshot{JsonForms::requireFileURLExact(object, "sourceURL"), std::nullopt};
+    Snapshot snapshot{JsonForms::requireFileURLExact(object, "sourceURL"), std::nullopt, std::nullopt};
     const QJsonValue quality = object.value("qualityOverride");
     if (quality.isDouble()) {
       snapshot.qualityOverride = quality.toDouble();
     } else if (!quality.isUndefined() && !quality.isNull()) {
       throw JsonForms::DecodingError("qualityOverride is not a number");
+    }
+    const QJsonValue sizing = object.value("sizingOverride");
+    if (sizing.isObject()) {
+      snapshot.sizingOverride = JsonForms::sizeOptions(sizing.toObject());
+    } else if (!sizing.isUndefined() && !sizing.isNull()) {
+      throw JsonForms::DecodingError("sizingOverride is not an object");
     }
     snapshots.push_back(std::move(snapshot));
   });
@@ -236,6 +243,11 @@ void BatchViewModel::persistImportSession() {
     JsonValue entry = JsonValue::object();
     entry.set("sourceURL", JsonForms::fileURL(image->sourceURL()));
     if (image->qualityOverride()) entry.set("qualityOverride", *image->qualityOverride());
+    if (image->sizingOverride()) {
+      JsonValue sizing = JsonValue::object();
+      JsonForms::setSizeOptions(sizing, *image->sizingOverride());
+      entry.set("sizingOverride", std::move(sizing));
+    }
     list.push(std::move(entry));
   }
   JSONFileStore::save(list, kSessionFile);
@@ -284,6 +296,7 @@ void BatchViewModel::restoreSession() {
         }
         auto image = std::make_shared<ImportedImage>(url, *decoded);
         image->setQualityOverride(snapshots[size_t(index)].qualityOverride);
+        image->setSizingOverride(snapshots[size_t(index)].sizingOverride);
         appendImported(image);
         scheduleEncode(image, false);
       },

@@ -46,7 +46,7 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
       scheduling,
       [this](const ImportedImage& image) {
         return EncodeScheduler::Settings{outputFormat_, image.qualityOverride().value_or(quality_),
-                                         compressionOptions_};
+                                         image.sizingOverride().value_or(compressionOptions_)};
       },
       this);
   connect(scheduler_.get(), &EncodeScheduler::encodeStarted, this, [this] { setIsEncoding(true); });
@@ -139,6 +139,14 @@ void BatchViewModel::setQualityOverride(const std::shared_ptr<ImportedImage>& im
   };
   announceUndoable(QString::fromStdString(Localization::text("undo.quality", "Qualité de l'image")),
                    image->id().toString(), set(before), set(quality));
+}
+
+void BatchViewModel::setSizingOverride(const std::shared_ptr<ImportedImage>& image,
+                                       std::optional<CompressionOptions> sizing) {
+  if (!image || image->sizingOverride() == sizing) return;
+  image->setSizingOverride(sizing);
+  scheduleEncode(image, true);
+  persistImportSession();
 }
 
 void BatchViewModel::removeImage(const std::shared_ptr<ImportedImage>& given) {

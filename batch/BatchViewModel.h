@@ -156,6 +156,9 @@ class BatchViewModel : public QObject {
   // The per-image quality writers (popup, local API): stores the override (nullopt
   // follows the global quality again), schedules a debounced encode and saves the session.
   void setQualityOverride(const std::shared_ptr<ImportedImage>& image, std::optional<double> quality);
+  // The same for one image's size options (nullopt follows the batch's again); no undo step.
+  void setSizingOverride(const std::shared_ptr<ImportedImage>& image,
+                         std::optional<CompressionOptions> sizing);
 
   // Polls every 50 ms until neither a recompute is pending nor an encode running, or the
   // time is up. The future finishes on the GUI thread; it tells nothing of how it ended.

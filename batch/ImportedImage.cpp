@@ -63,6 +63,11 @@ void ImportedImage::setQualityOverride(std::optional<double> quality) {
   emit qualityOverrideChanged();
 }
 
+void ImportedImage::setSizingOverride(std::optional<CompressionOptions> sizing) {
+  sizingOverride_ = sizing;
+  emit sizingOverrideChanged();
+}
+
 void ImportedImage::setEncodeState(EncodeState state) {
   if (state == encodeState_) return;
   encodeState_ = std::move(state);

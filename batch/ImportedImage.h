@@ -124,6 +124,8 @@ class ImportedImage : public QObject {
   const std::optional<ResultShape>& resultShape() const { return resultShape_; }
   // Empty: the image follows the batch's global quality.
   std::optional<double> qualityOverride() const { return qualityOverride_; }
+  // Empty: the image follows the batch's size options.
+  const std::optional<CompressionOptions>& sizingOverride() const { return sizingOverride_; }
   // The last export failure of this row; cleared by the next successful write.
   const std::optional<QString>& exportError() const { return exportError_; }
 
@@ -135,11 +137,14 @@ class ImportedImage : public QObject {
   // Stores the override and signals it; nothing more. Callers that want the image re-encoded
   // and the session saved use BatchViewModel::setQualityOverride instead.
   void setQualityOverride(std::optional<double> quality);
+  // The same for the size options (BatchViewModel::setSizingOverride re-encodes and saves).
+  void setSizingOverride(std::optional<CompressionOptions> sizing);
 
  signals:
   void encodeStateChanged();
   void compressedDataChanged();
   void qualityOverrideChanged();
+  void sizingOverrideChanged();
   void exportErrorChanged();
   void thumbnailChanged();
   void resultLookChanged();  // butteraugli and resultThumbnail
@@ -170,6 +175,7 @@ class ImportedImage : public QObject {
   std::optional<ResultShape> resultShape_;
   DecodedImage resultThumbnail_;
   std::optional<double> qualityOverride_;
+  std::optional<CompressionOptions> sizingOverride_;
   std::optional<QString> exportError_;
   std::optional<QUrl> lastExportDestination_;
   uint64_t encodeGeneration_ = 0;

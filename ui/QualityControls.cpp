@@ -18,6 +18,7 @@
 #include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
+#include "ui/SizeControls.h"
 #include "ui/UiText.h"
 
 namespace quillane::ui {
@@ -184,7 +185,7 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
     : QFrame(parent, Qt::Popup), viewModel_(viewModel), image_(std::move(image)) {
   setAttribute(Qt::WA_DeleteOnClose);
   setFrameShape(QFrame::StyledPanel);
-  setFixedWidth(240);
+  setMinimumWidth(240);
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(14, 12, 14, 12);
   layout->setSpacing(8);
@@ -212,6 +213,20 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
   Icons::makeSecondary(following_);
   layout->addWidget(revert_);
   layout->addWidget(following_);
+
+  auto* sizeTitle = new QLabel(Strings::text("size.label"), this);
+  sizeTitle->setFont(bold);
+  layout->addWidget(sizeTitle);
+  sizeEditor_ = new SizeOptionsEditor(this);
+  layout->addWidget(sizeEditor_);
+  sizeRevert_ = makeLinkButton(Strings::text("size.revertToBatch"), this);
+  layout->addWidget(sizeRevert_);
+  connect(sizeEditor_, &SizeOptionsEditor::changed, this,
+          [this](const CompressionOptions& options) { viewModel_.setSizingOverride(image_, options); });
+  connect(sizeRevert_, &QPushButton::clicked, this,
+          [this] { viewModel_.setSizingOverride(image_, std::nullopt); });
+  connect(image_.get(), &ImportedImage::sizingOverrideChanged, this, &QualityOverridePopup::refresh);
+  connect(&viewModel_, &BatchViewModel::compressionOptionsChanged, this, &QualityOverridePopup::refresh);
 
   // A drag moves only the draft; the override is written when the thumb is let go.
   connect(slider_, &QSlider::sliderMoved, this, [this](int value) {
@@ -267,6 +282,9 @@ void QualityOverridePopup::refresh() {
   revert_->setText(Strings::format("quality.revertFormat", qualityReadout(viewModel_.quality())));
   revert_->setVisible(custom);
   following_->setVisible(!custom);
+  const CompressionOptions sizing = image_->sizingOverride().value_or(viewModel_.compressionOptions());
+  if (sizeEditor_->options() != sizing) sizeEditor_->setOptions(sizing);
+  sizeRevert_->setVisible(image_->sizingOverride().has_value());
   adjustSize();
 }
 

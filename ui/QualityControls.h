@@ -4,7 +4,8 @@
 //   thumb is held nothing is encoded, and letting go sends a recompute held back meanwhile.
 // - FormatPickerView: the output format menu; choosing the current format recomputes too.
 // - QualityOverridePopup: one image's quality, in a popup; a drag writes nothing until the
-//   thumb is let go, so one drag encodes once.
+//   thumb is let go, so one drag encodes once. Below it, the image's own size options: an
+//   edit makes them the image's, and a link follows the batch's again.
 //
 // GUI thread only. The views hold the model (and the image) by reference / shared pointer.
 
@@ -27,6 +28,8 @@ class ImportedImage;
 }  // namespace quillane
 
 namespace quillane::ui {
+
+class SizeOptionsEditor;
 
 class QualitySliderView : public QWidget {
   Q_OBJECT
@@ -74,6 +77,8 @@ class QualityOverridePopup : public QFrame {
   QString readoutText() const;
   QPushButton* revertButton() const { return revert_; }
   QLabel* followingLabel() const { return following_; }
+  SizeOptionsEditor* sizeEditor() const { return sizeEditor_; }
+  QPushButton* sizeRevertButton() const { return sizeRevert_; }
 
   // The slider's editing callback: on release a draft becomes the override.
   void editingChanged(bool editing);
@@ -91,6 +96,8 @@ class QualityOverridePopup : public QFrame {
   QLabel* readout_;
   QPushButton* revert_;
   QLabel* following_;
+  SizeOptionsEditor* sizeEditor_;
+  QPushButton* sizeRevert_;
 };
 
 // One exclusive, radio-style entry per output format in `menu`, each calling `choose`; the

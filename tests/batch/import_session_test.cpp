@@ -78,6 +78,7 @@ TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
   import(
       {source("a.png"), source("b.png"), source("c.png"), source("d.png"), source("e.png"), source("f.png")});
   model_->setQualityOverride(model_->images()[2], 40);
+  model_->setSizingOverride(model_->images()[1], CompressionOptions{.maxWidth = 800, .skipLarger = true});
   model_->moveImage(4, 0);
   model_->removeImage(model_->images()[5]);
   model_->setQuality(30);
@@ -102,6 +103,8 @@ TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
   EXPECT_EQ(std::pair(model.quality(), model.outputFormat()), std::pair(30.0, ImageFormat::webp))
       << "format and quality come back with the batch";
   EXPECT_EQ(model.images()[3]->encodeState(), EncodeState::ready(400)) << "its override of 40";
+  EXPECT_EQ(model.images()[2]->sizingOverride(), (CompressionOptions{.maxWidth = 800, .skipLarger = true}));
+  EXPECT_FALSE(model.images()[1]->sizingOverride());
   ASSERT_EQ(model.importFailures().size(), 1u);
   EXPECT_EQ(model.importFailures()[0].url.fileName(), "d.png");
   model.clearAll();
@@ -111,7 +114,8 @@ TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
 TEST_F(ImportTest, EmptyCorruptOrMalformedSessionStartsEmptyAndIsLeftAlone) {
   // An empty list (the session after clearAll) is as good as none: the next start begins empty.
   for (const QByteArray content : {"[]", "{not json", R"([{"qualityOverride":40}])",
-                                   R"([{"sourceURL":"file:///x.png","qualityOverride":"high"}])"}) {
+                                   R"([{"sourceURL":"file:///x.png","qualityOverride":"high"}])",
+                                   R"([{"sourceURL":"file:///x.png","sizingOverride":800}])"}) {
     QDir().mkpath(JSONFileStore::folder());
     QFile file(JSONFileStore::path("importSession.json"));
     ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));

@@ -1,6 +1,7 @@
 // What an image row shows and does, through the painted list and its rules, and the
 // per-image quality popup.
 #include <QApplication>
+#include <QCheckBox>
 #include <QLabel>
 #include <QMenu>
 #include <QPushButton>
@@ -11,6 +12,7 @@
 #include "ui/ImageListView.h"
 #include "ui/QualityControls.h"
 #include "ui/RowRules.h"
+#include "ui/SizeControls.h"
 
 namespace quillane::uitest {
 namespace {
@@ -177,6 +179,22 @@ TEST_F(QualityPopupTest, RevertFollowsTheGlobalQualityAgain) {
   EXPECT_FALSE(image->qualityOverride().has_value());
   EXPECT_TRUE(popup.followingLabel()->isVisible());
   EXPECT_EQ(popup.slider()->value(), 72);
+  ASSERT_TRUE(waitIdle());
+
+  // The image's own size options: an edit makes them its own, the batch's stay, and the link
+  // follows the batch's again.
+  model_->setCompressionOptions({.maxBytes = 500'000});
+  EXPECT_TRUE(popup.sizeEditor()->budgetToggle()->isChecked()) << "shows the batch's while following them";
+  EXPECT_FALSE(popup.sizeRevertButton()->isVisible());
+  popup.sizeEditor()->fitToggle()->setChecked(true);
+  EXPECT_EQ(image->sizingOverride(),
+            (CompressionOptions{.maxWidth = 1920, .maxHeight = 1920, .maxBytes = 500'000}));
+  EXPECT_EQ(model_->compressionOptions(), (CompressionOptions{.maxBytes = 500'000}));
+  EXPECT_TRUE(popup.sizeRevertButton()->isVisible());
+  ASSERT_TRUE(waitIdle());
+  EXPECT_EQ(image->resultShape()->sizing, *image->sizingOverride()) << "the image's own options encoded";
+  popup.sizeRevertButton()->click();
+  EXPECT_FALSE(image->sizingOverride());
   ASSERT_TRUE(waitIdle());
 }
 
