@@ -13,7 +13,6 @@
 #include <QUrl>
 #include <filesystem>
 
-#include "tests/support/CodecFixtures.h"
 #include "tests/support/ProgramUnderTest.h"
 #include "tests/support/TestImages.h"
 
@@ -39,10 +38,9 @@ class CommandLineTool : public ::testing::Test {
     return testing::runToEnd(program_, arguments, env, dir_.path(), stdoutFile);
   }
 
+  // Relative to the tool's working folder.
   QString image(const QString& relative, testing::Pattern pattern = testing::Pattern::photo) {
-    DecodedImage picture = testing::makeImage(48, 32, pattern, 5);
-    const std::string path = dir_.filePath("in/" + relative).toStdString();
-    testing::writeBytes(path, relative.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
+    testing::writeSmallImage(path("in/" + relative), pattern);
     return "in/" + relative;
   }
   QString path(const QString& relative) const { return dir_.filePath(relative); }

@@ -16,7 +16,6 @@
 
 #include "engine/ImageService.h"
 #include "tests/support/BusStandIn.h"
-#include "tests/support/CodecFixtures.h"
 #include "tests/support/ProgramUnderTest.h"
 #include "tests/support/RawHTTPClient.h"
 #include "tests/support/TestImages.h"
@@ -117,13 +116,7 @@ class DesktopBus : public ::testing::Test {
     return quillane.call("Compress", files, format, quality, profile, folder);
   }
 
-  QString image(const QString& relative, testing::Pattern pattern = testing::Pattern::photo) {
-    DecodedImage picture = testing::makeImage(48, 32, pattern, 3);
-    QString path = dir_.filePath("in/" + relative);
-    testing::writeBytes(path.toStdString(),
-                        relative.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
-    return path;
-  }
+  QString image(const QString& relative) { return testing::writeSmallImage(path("in/" + relative)); }
   QString path(const QString& relative) const { return dir_.filePath(relative); }
 
   QStringList entries(const QString& folder) const {
@@ -147,11 +140,7 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
   EXPECT_TRUE(owned());
   const QStringList outputs = reply.arguments().value(0).toStringList();
   ASSERT_EQ(outputs, QStringList({path("out/made/a.webp"), path("out/made/a-2.webp")}));
-  for (const QString& output : outputs) {
-    QFile file(output);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_EQ(file.read(4), QByteArray("RIFF"));
-  }
+  for (const QString& output : outputs) EXPECT_EQ(testing::fileStart(output), "RIFF");
 
   // No format and no profile: the default format, JPEG; quality 100 is within range.
   reply = compress({a}, "profileOrDefault", 100, "", path("out/default"));
@@ -166,41 +155,18 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
     int quality;
     QString profile, folder, error, text;
   };
+  const QString e = path("out/e"), failed = kError + "CompressionFailed", gone = path("in/gone.png");
   const std::vector<Case> cases = {
-      {{}, "webp", 80, "", path("out/e"), kError + "EmptyFileList", "Choisissez au moins une image"},
-      {{a}, "webp", 101, "", path("out/e"), "org.freedesktop.DBus.Error.InvalidArgs", "quality : 101"},
-      {{a}, "gif", 0, "", path("out/e"), "org.freedesktop.DBus.Error.InvalidArgs", "format : gif"},
+      {{}, "webp", 80, "", e, kError + "EmptyFileList", "Choisissez au moins une image"},
+      {{a}, "webp", 101, "", e, kInvalid, "quality : 101"},
+      {{a}, "gif", 0, "", e, kInvalid, "format : gif"},
       // Relative to wherever the service runs (often /): never taken.
-      {{"in/a.png"},
-       "png",
-       50,
-       "",
-       path("out/e"),
-       "org.freedesktop.DBus.Error.InvalidArgs",
-       "Chemin relatif refusé pour files : in/a.png"},
-      {{a}, "png", 50, "", "out/e", "org.freedesktop.DBus.Error.InvalidArgs", "outputFolder : out/e"},
-      {{a},
-       "profileOrDefault",
-       0,
-       "Nope",
-       path("out/e"),
-       kError + "ProfileNotFound",
-       "Profil introuvable : Nope"},
+      {{"in/a.png"}, "png", 50, "", e, kInvalid, "Chemin relatif refusé pour files : in/a.png"},
+      {{a}, "png", 50, "", "out/e", kInvalid, "outputFolder : out/e"},
+      {{a}, "profileOrDefault", 0, "Nope", e, kError + "ProfileNotFound", "Profil introuvable : Nope"},
       {{a}, "png", 50, "", path("blocker/sub"), kError + "OutputFolder", "blocker/sub"},
-      {{a, path("in/gone.png"), nestedA},
-       "png",
-       50,
-       "",
-       path("out/gone"),
-       kError + "CompressionFailed",
-       "Échec de la compression de gone.png"},
-      {{notImage},
-       "png",
-       50,
-       "",
-       path("out/bad"),
-       kError + "CompressionFailed",
-       "Échec de la compression de notes.png : Impossible de décoder"},
+      {{a, gone, nestedA}, "png", 50, "", path("out/gone"), failed, "Échec de la compression de gone.png"},
+      {{notImage}, "png", 50, "", path("out/bad"), failed, "notes.png : Impossible de décoder"},
   };
   for (const Case& c : cases) {
     reply = compress(c.files, c.format, c.quality, c.profile, c.folder);
@@ -243,7 +209,7 @@ TEST_F(DesktopBus, CompressWithOptionsFitsSkipsAndRefusesUnknownOrMistypedOption
   for (const QVariantMap& bad : {QVariantMap{{"maxWidth", "wide"}}, QVariantMap{{"colour", 1}},
                                  QVariantMap{{"skipLarger", 1}}, QVariantMap{{"quality", "high"}}}) {
     reply = quillane.call("CompressWithOptions", QStringList{a}, bad);
-    EXPECT_EQ(reply.errorName(), "org.freedesktop.DBus.Error.InvalidArgs") << bad.firstKey().toStdString();
+    EXPECT_EQ(reply.errorName(), kInvalid) << bad.firstKey().toStdString();
   }
 }
 
@@ -351,9 +317,7 @@ TEST_F(DesktopBus, WithoutAFolderTheActionWritesBesideEachSourceAndOffersToShowT
   EXPECT_EQ(alone.exitCode, 0) << alone.err.toStdString();
   EXPECT_EQ(alone.out, (path("in/a.jpg") + "\n" + path("in/sub/c-3.jpg") + "\n").toUtf8());
   EXPECT_EQ(entries("in/sub"), QStringList({"c-2.jpg", "c-3.jpg", "c.jpg"}));
-  QFile theirs(path("in/sub/c-2.jpg"));
-  ASSERT_TRUE(theirs.open(QIODevice::ReadOnly));
-  EXPECT_EQ(theirs.read(4), QByteArray("\x89PNG"));
+  EXPECT_EQ(testing::fileStart(path("in/sub/c-2.jpg")), "\x89PNG");  // still theirs
 
   // The bus's Compress with no folder does the same.
   QDBusMessage reply = compress({a}, "png", 50, "", "");

@@ -10,11 +10,13 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QUrl>
 #include <chrono>
 #include <thread>
+
+#include "tests/support/CodecFixtures.h"
+#include "tests/support/TestImages.h"
 
 namespace quillane::testing {
 
@@ -75,6 +77,19 @@ inline void writeFile(const QString& path, const QByteArray& bytes) {
   file.write(bytes);
 }
 
+// The first four bytes of the file at `path` (empty if it cannot be read).
+inline QByteArray fileStart(const QString& path) {
+  QFile file(path);
+  return file.open(QIODevice::ReadOnly) ? file.read(4) : QByteArray();
+}
+
+// A 48 x 32 picture at `path`, a JPEG if the name ends in .jpg, else a PNG; gives the path.
+inline QString writeSmallImage(const QString& path, Pattern pattern = Pattern::photo) {
+  const DecodedImage picture = makeImage(48, 32, pattern, 3);
+  writeBytes(path.toStdString(), path.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
+  return path;
+}
+
 // The settings that turn the local API on at `port`, with `token`.
 inline void enableLocalAPI(const QString& root, int port, const std::string& token) {
   writeFile(root + "/config/Quillane/Quillane.conf",
@@ -86,27 +101,22 @@ inline void enableLocalAPI(const QString& root, int port, const std::string& tok
 
 // The user's export profiles in `dataHome`: one, the default, writing `format` into `folder`.
 inline void saveDefaultProfile(const QString& dataHome, const QString& format, const QString& folder) {
-  const QJsonObject profile{{"id", "6F9619FF-8B86-D011-B42D-00C04FC964FF"},
-                            {"name", "Web"},
-                            {"format", format},
-                            {"quality", 70},
-                            {"destinationFolder", QUrl::fromLocalFile(folder).toString()},
-                            {"isDefault", true}};
-  writeFile(dataHome + "/Quillane/exportProfiles.json", QJsonDocument(QJsonArray{profile}).toJson());
+  writeFile(dataHome + "/Quillane/exportProfiles.json",
+            QString(R"([{"id": "6F9619FF-8B86-D011-B42D-00C04FC964FF", "name": "Web", "format": "%1",
+                         "quality": 70, "destinationFolder": "%2", "isDefault": true}])")
+                .arg(format, QUrl::fromLocalFile(folder).toString())
+                .toUtf8());
 }
 
 // The user's hot folders in `dataHome`: one, enabled, from `source` to `destination` in WebP at 70.
 inline void saveHotFolder(const QString& dataHome, const QString& id, const QString& source,
                           const QString& destination) {
   QDir().mkpath(source);
-  const QJsonObject folder{{"id", id},
-                           {"name", "Drop"},
-                           {"sourceFolder", QUrl::fromLocalFile(source).toString()},
-                           {"destinationFolder", QUrl::fromLocalFile(destination).toString()},
-                           {"format", "webp"},
-                           {"quality", 70},
-                           {"isEnabled", true}};
-  writeFile(dataHome + "/Quillane/hotFolders.json", QJsonDocument(QJsonArray{folder}).toJson());
+  writeFile(dataHome + "/Quillane/hotFolders.json",
+            QString(R"([{"id": "%1", "name": "Drop", "sourceFolder": "%2", "destinationFolder": "%3",
+                         "format": "webp", "quality": 70, "isEnabled": true}])")
+                .arg(id, QUrl::fromLocalFile(source).toString(), QUrl::fromLocalFile(destination).toString())
+                .toUtf8());
 }
 
 }  // namespace quillane::testing
