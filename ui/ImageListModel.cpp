@@ -70,6 +70,8 @@ QVariant ImageListModel::data(const QModelIndex& index, int role) const {
     if (auto image = imageAt(index.row())) {
       const RowRules::SizeSummary summary = RowRules::sizeSummary(*image, viewModel_.outputFormat());
       QStringList parts{image->fileName(), RowRules::metaText(*image)};
+      for (const RowRules::Note& note : RowRules::notes(*image, viewModel_.outputFormat()))
+        parts << note.text;
       if (summary.kind == RowRules::SizeSummary::Kind::lines)
         parts << summary.firstLine << summary.secondLine << RowRules::look(*image).word;
       if (image->exportError()) parts << *image->exportError();

@@ -51,6 +51,8 @@ QualityField makeQualityField(QWidget* parent, QHBoxLayout* row, int readoutWidt
                               std::function<void(int)> changed) {
   auto* slider = new QSlider(Qt::Horizontal, parent);
   slider->setRange(1, 100);
+  // Named by itself: the form's label stands beside the row, not the slider.
+  slider->setAccessibleName(Strings::text("quality.label"));
   auto* readout = new QLabel(parent);
   readout->setFixedWidth(readoutWidth);
   readout->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
