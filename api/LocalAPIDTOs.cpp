@@ -67,7 +67,7 @@ bool requiredStringArray(const QJsonObject& object, const QString& key, QStringL
   QJsonValue value = object.value(key);
   if (!value.isArray()) return false;
   const QJsonArray array = value.toArray();
-  for (const QJsonValue& item : array) {
+  for (const auto& item : array) {
     if (!item.isString()) return false;
     out.push_back(item.toString());
   }

@@ -34,7 +34,7 @@ class LocalAPIRouter : public QObject {
   explicit LocalAPIRouter(BatchViewModel& viewModel, QObject* parent = nullptr);
 
   // GUI thread. Every outcome is a response; none is an exception.
-  void handle(LocalAPIRequest request, Reply reply);
+  void handle(const LocalAPIRequest& request, const Reply& reply);
   // The function to give LocalAPIServer: callable on any thread, it moves the request to
   // the GUI thread and answers through a future. Holds the router weakly.
   LocalAPIServer::Router serverRouter();
@@ -49,19 +49,19 @@ class LocalAPIRouter : public QObject {
   static bool authorize(const LocalAPIRequest& request, const QString& token);
 
  private:
-  void route(const LocalAPIRequest& request, const std::vector<std::string>& segments, Reply& reply);
+  void route(const LocalAPIRequest& request, const std::vector<std::string>& segments, const Reply& reply);
 
   LocalAPIResponse status() const;
   LocalAPIResponse imagesList() const;
-  void importFiles(const LocalAPIRequest& request, Reply reply);
+  void importFiles(const LocalAPIRequest& request, const Reply& reply);
   LocalAPIResponse updateSettings(const LocalAPIRequest& request);
-  void exportAll(const LocalAPIRequest& request, Reply reply);
+  void exportAll(const LocalAPIRequest& request, const Reply& reply);
   LocalAPIResponse clearAll();
   LocalAPIResponse profilesList() const;
   LocalAPIResponse upsertProfile(const LocalAPIRequest& request);
   LocalAPIResponse deleteProfile(const std::string& segment);
   LocalAPIResponse updateQuality(const std::string& idSegment, const LocalAPIRequest& request);
-  void exportSingleImage(const std::string& idSegment, const LocalAPIRequest& request, Reply reply);
+  void exportSingleImage(const std::string& idSegment, const LocalAPIRequest& request, const Reply& reply);
   LocalAPIResponse removeImage(const std::string& idSegment);
 
   // First profile whose name equals `name` ignoring case.

@@ -56,7 +56,7 @@ QString absolutePath(const QString& path) { return QDir::cleanPath(QFileInfo(pat
 QUrl fileURL(const QString& path) { return QUrl::fromLocalFile(absolutePath(path)); }
 
 // Runs `continuation` on the GUI thread once `future` has finished, however it finished.
-void whenFinished(QObject* context, QFuture<void> future, std::function<void()> continuation) {
+void whenFinished(QObject* context, const QFuture<void>& future, std::function<void()> continuation) {
   auto* watcher = new QFutureWatcher<void>(context);
   QObject::connect(watcher, &QFutureWatcherBase::finished, context,
                    [watcher, continuation = std::move(continuation)] {
@@ -85,7 +85,7 @@ std::optional<ExportBody> decodeExportBody(const std::string& body) {
 
 }  // namespace
 
-void LocalAPIRouter::importFiles(const LocalAPIRequest& request, Reply reply) {
+void LocalAPIRouter::importFiles(const LocalAPIRequest& request, const Reply& reply) {
   auto object = parseObject(request.body);
   QStringList paths;
   if (!object || !requiredStringArray(*object, "paths", paths)) {
@@ -195,7 +195,7 @@ LocalAPIResponse LocalAPIRouter::updateSettings(const LocalAPIRequest& request) 
   return status();
 }
 
-void LocalAPIRouter::exportAll(const LocalAPIRequest& request, Reply reply) {
+void LocalAPIRouter::exportAll(const LocalAPIRequest& request, const Reply& reply) {
   const char* expected = "{\"folder\": String, \"waitTimeoutSeconds\": Double?, \"profile\": String?}";
   auto body = decodeExportBody(request.body);
   if (!body) return reply(badBody(expected));
@@ -304,7 +304,7 @@ LocalAPIResponse LocalAPIRouter::updateQuality(const std::string& idSegment, con
 }
 
 void LocalAPIRouter::exportSingleImage(const std::string& idSegment, const LocalAPIRequest& request,
-                                       Reply reply) {
+                                       const Reply& reply) {
   auto id = parseCanonicalUUID(idSegment);
   auto image = id ? viewModel_.image(*id) : nullptr;
   if (!image) return reply(noImage(idSegment));

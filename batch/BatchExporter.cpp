@@ -1,5 +1,7 @@
 #include "batch/BatchExporter.h"
 
+#include <sys/stat.h>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -17,10 +19,14 @@ namespace quillane {
 namespace {
 
 // The atomic write of `data` to `url`, on the worker thread, no more readable than `source`.
-std::optional<QString> write(const QUrl& url, const QByteArray& data, const std::string& source) {
+// `replaced` tells whether a file of that name was there before.
+std::optional<QString> write(const QUrl& url, const QByteArray& data, const std::string& source,
+                             bool& replaced) {
   const std::string path = localFilePath(url);
   if (path.empty())
     return QString::fromStdString(FileError(url.toString().toStdString(), "not a local file").description());
+  struct stat before {};
+  replaced = ::lstat(path.c_str(), &before) == 0;
   return batchdetail::writeFileAtomically(path, data, FileIO::permissionsFor(source));
 }
 
@@ -55,10 +61,18 @@ QString BatchExporter::notEncodedDescription(const ImportedImage& image, ImageFo
 }
 
 void BatchExporter::apply(const std::shared_ptr<ImportedImage>& image, const FileResult& result, qint64 size,
-                          ImageFormat format, std::vector<Written>& written) {
+                          ImageFormat format, std::vector<Written>& written, ExportSummary& summary) {
   if (result.destination) image->lastExportDestination_ = result.destination;
   image->setExportError(result.error);
-  if (!result.error && result.destination) written.push_back({image, *result.destination, size, format});
+  if (result.error || !result.destination) {
+    ++summary.failureCount;
+    return;
+  }
+  written.push_back({image, *result.destination, size, format});
+  ++summary.writtenCount;
+  summary.bytesSaved += image->originalSizeBytes() - size;
+  summary.written.append(*result.destination);
+  if (result.replaced) summary.replacedNames.append(result.destination->fileName());
 }
 
 QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
@@ -98,7 +112,8 @@ QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
       for (size_t i = 0; i < items.size(); ++i) {
         if (!items[i].data || items[i].keptOriginal) continue;
         results[i].destination = destinationFor(allocator.filename(items[i].baseName, extension));
-        results[i].error = write(*results[i].destination, *items[i].data, items[i].source);
+        results[i].error =
+            write(*results[i].destination, *items[i].data, items[i].source, results[i].replaced);
       }
     } catch (...) {
       // Out of memory or worse: every file not yet written fails, and the program goes on.
@@ -111,17 +126,20 @@ QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
       .then(this, [this, images = std::move(images), format](const std::vector<FileResult>& results) {
         std::vector<ExportOutcome> outcomes;
         std::vector<Written> written;
+        ExportSummary summary;
         for (size_t i = 0; i < images.size(); ++i) {
           const auto& image = images[i];
           ExportOutcome outcome{image, std::nullopt, std::nullopt};
           const std::optional<QByteArray>& data = image->compressedData();
           if (data && image->resultShape() && image->resultShape()->keptOriginal) {
             outcome.keptOriginal = true;
+            ++summary.keptOriginalCount;
           } else if (!results[i].destination && !results[i].error) {
             outcome.errorDescription =
                 image->exportError() ? *image->exportError() : notEncodedDescription(*image, format);
+            ++summary.failureCount;
           } else {
-            apply(image, results[i], data ? data->size() : 0, format, written);
+            apply(image, results[i], data ? data->size() : 0, format, written, summary);
             if (results[i].error)
               outcome.errorDescription = results[i].error;
             else
@@ -130,6 +148,7 @@ QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
           outcomes.push_back(std::move(outcome));
         }
         if (!written.empty()) recorder_(written);
+        emit finished(summary);
         return outcomes;
       });
 }
@@ -139,6 +158,9 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
   if (!image) return QtFuture::makeReadyFuture(false);
   if (!image->compressedData()) {
     image->setExportError(notEncodedDescription(*image, format));
+    ExportSummary summary;
+    summary.failureCount = 1;
+    emit finished(summary);
     return QtFuture::makeReadyFuture(false);
   }
   const QByteArray data = *image->compressedData();
@@ -155,7 +177,7 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
               info.dir().filePath(allocator.filename(info.completeBaseName(), info.suffix())));
       }
       result.destination = destination;
-      result.error = write(destination, data, source);
+      result.error = write(destination, data, source, result.replaced);
     } catch (...) {
       result.error = genericError();
     }
@@ -170,7 +192,7 @@ QFuture<bool> BatchExporter::writeExport(const std::shared_ptr<ImportedImage>& i
   auto job = [url, data, source = image->sourceFilePath()] {
     FileResult result{url, std::nullopt};
     try {
-      result.error = write(url, data, source);
+      result.error = write(url, data, source, result.replaced);
     } catch (...) {
       result.error = genericError();
     }
@@ -184,8 +206,10 @@ QFuture<bool> BatchExporter::writeOne(const std::shared_ptr<ImportedImage>& imag
   return QtConcurrent::run(pool_.get(), std::move(job))
       .then(this, [this, image, format, size](const FileResult& result) {
         std::vector<Written> written;
-        apply(image, result, size, format, written);
+        ExportSummary summary;
+        apply(image, result, size, format, written, summary);
         if (!written.empty()) recorder_(written);
+        emit finished(summary);
         return !result.error;
       });
 }

@@ -14,8 +14,10 @@
 
 #include <QByteArray>
 #include <QFuture>
+#include <QList>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 #include <QUrl>
 #include <functional>
 #include <memory>
@@ -36,6 +38,16 @@ struct ExportOutcome {
   std::optional<QUrl> destinationURL;       // set on success only
   std::optional<QString> errorDescription;  // set on failure only
   bool keptOriginal = false;                // skipped: the result was not smaller than its source
+};
+
+// What one export did, for the summary the window shows when it ends.
+struct ExportSummary {
+  int writtenCount = 0;
+  qint64 bytesSaved = 0;      // the sources' sizes less the files written, over the files written
+  QStringList replacedNames;  // file names of the files written over, in the order written
+  int keptOriginalCount = 0;  // results not smaller than their source: nothing written
+  int failureCount = 0;
+  QList<QUrl> written;  // the files written, in the order written
 };
 
 class BatchExporter : public QObject {
@@ -77,14 +89,19 @@ class BatchExporter : public QObject {
   // failure (an image still busy is reported so too).
   static QString notEncodedDescription(const ImportedImage& image, ImageFormat format);
 
+ signals:
+  // Each export, once its rows and the history are up to date (before its future finishes).
+  void finished(const quillane::ExportSummary& summary);
+
  private:
   struct FileResult {
     std::optional<QUrl> destination;  // set when a write was attempted
     std::optional<QString> error;
+    bool replaced = false;  // a file of that name was there before the write
   };
-  // Sets the row's export state from `result`; a success goes into `written`.
+  // Sets the row's export state from `result`; a success goes into `written` and `summary`.
   static void apply(const std::shared_ptr<ImportedImage>& image, const FileResult& result, qint64 size,
-                    ImageFormat format, std::vector<Written>& written);
+                    ImageFormat format, std::vector<Written>& written, ExportSummary& summary);
   // Runs one file's write `job` on the pool; back on the GUI thread, applies its result to the
   // row and records a success. True when the file was written.
   QFuture<bool> writeOne(const std::shared_ptr<ImportedImage>& image, ImageFormat format, qint64 size,

@@ -2,6 +2,7 @@
 // at most one file per processor; results are buffered and delivered in URL order on the
 // GUI thread, so rows appear in the order the user chose whatever finished first.
 
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -14,6 +15,8 @@
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
 #include "engine/Errors.h"
+#include "engine/ImageFormat.h"
+#include "engine/Localization.h"
 #include "records/JSONFileStore.h"
 #include "records/JsonForms.h"
 
@@ -25,6 +28,7 @@ struct BatchViewModel::InspectionRun {
   struct Outcome {
     std::optional<ImageDecoder::LightDecodedImage> decoded;
     QString error;
+    bool canRetry = true;  // false for a format that is none of the six: trying again can't help
   };
   QList<QUrl> urls;
   InspectionResult onResult;
@@ -37,6 +41,29 @@ struct BatchViewModel::InspectionRun {
 namespace {
 const QString kSessionFile = QStringLiteral("importSession.json");
 const QString kSettingsFile = QStringLiteral("batchSettings.json");
+
+// What the failure of a file that reads, but as none of the six formats, says: the format by
+// name where its first bytes tell a common one. Nothing for a file that can't be read or
+// that is one of the six (damaged, then). Reads the file's first bytes: a worker thread.
+std::optional<QString> foreignFormat(const std::string& path) {
+  if (ImageFormats::detect(path)) return std::nullopt;
+  QFile file(QFile::decodeName(path.c_str()));
+  if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
+  const QByteArray head = file.read(16);
+  if (head.isEmpty()) return std::nullopt;
+  QString name;
+  if (head.startsWith("GIF87a") || head.startsWith("GIF89a"))
+    name = QStringLiteral("GIF");
+  else if (head.startsWith(QByteArray("II*\0", 4)) || head.startsWith(QByteArray("MM\0*", 4)))
+    name = QStringLiteral("TIFF");
+  else if (head.startsWith("BM"))
+    name = QStringLiteral("BMP");
+  if (name.isEmpty())
+    return QString::fromStdString(
+        Localization::text("import.formatNotRead", "Quillane ne lit pas ce format."));
+  return QString::fromStdString(Localization::format(
+      "import.formatNotReadNamedFormat", "%@ est un format que Quillane ne lit pas.", {name.toStdString()}));
+}
 
 struct Snapshot {
   QUrl sourceURL;
@@ -77,9 +104,9 @@ QFuture<void> BatchViewModel::importFiles(const QList<QUrl>& urls) {
   inspectConcurrently(
       urls,
       [this, anyImported](int, const QUrl& url, const ImageDecoder::LightDecodedImage* decoded,
-                          const QString& error) {
+                          const QString& error, bool canRetry) {
         if (!decoded) {
-          recordImportFailure(url, error);
+          recordImportFailure(url, error, canRetry);
           return;
         }
         auto image = std::make_shared<ImportedImage>(url, *decoded);
@@ -147,6 +174,11 @@ void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int inde
     } catch (...) {
       outcome.error = batchdetail::describeCurrentException(
           QString::fromStdString(ImageProcessingError::decodingFailed().description()));
+      // A file that reads but is none of the six formats is said to be so, and not retried.
+      if (const auto foreign = foreignFormat(path)) {
+        outcome.error = *foreign;
+        outcome.canRetry = false;
+      }
     }
     memory->release(costMB);
     return outcome;
@@ -160,7 +192,8 @@ void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int inde
       const Outcome ready = std::move(it->second);
       run->buffer.erase(it);
       const int delivered = run->nextToDeliver++;
-      run->onResult(delivered, run->urls[delivered], ready.decoded ? &*ready.decoded : nullptr, ready.error);
+      run->onResult(delivered, run->urls[delivered], ready.decoded ? &*ready.decoded : nullptr, ready.error,
+                    ready.canRetry);
     }
     if (run->nextToDeliver == run->urls.size() && run->onFinished) {
       auto finished = std::move(run->onFinished);
@@ -170,8 +203,8 @@ void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int inde
   });
 }
 
-void BatchViewModel::recordImportFailure(const QUrl& url, const QString& message) {
-  ImportFailure failure{QUuid::createUuid(), url, message};
+void BatchViewModel::recordImportFailure(const QUrl& url, const QString& message, bool canRetry) {
+  ImportFailure failure{QUuid::createUuid(), url, message, canRetry};
   auto it = std::find_if(importFailures_.begin(), importFailures_.end(),
                          [&](const ImportFailure& existing) { return existing.url == url; });
   if (it != importFailures_.end()) {
@@ -236,10 +269,10 @@ void BatchViewModel::restoreSession() {
   inspectConcurrently(
       urls,
       [this, snapshots](int index, const QUrl& url, const ImageDecoder::LightDecodedImage* decoded,
-                        const QString& error) {
+                        const QString& error, bool canRetry) {
         if (!decoded) {
           // A moved or deleted file: listed with the chance to retry, dropped from the session.
-          recordImportFailure(url, error);
+          recordImportFailure(url, error, canRetry);
           return;
         }
         auto image = std::make_shared<ImportedImage>(url, *decoded);

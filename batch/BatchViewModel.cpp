@@ -53,6 +53,7 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
   connect(scheduler_.get(), &EncodeScheduler::encodeSettled, this, [this] { refreshIsEncoding(); });
   exporter_ = std::make_unique<BatchExporter>(
       [this](const std::vector<BatchExporter::Written>& written) { recordExports(written); });
+  connect(exporter_.get(), &BatchExporter::finished, this, &BatchViewModel::exportFinished);
 
   // The quality debounce: a value passes when the quiet time has gone by without a newer one.
   qualityDebounce_.setSingleShot(true);

@@ -252,6 +252,8 @@ class BatchViewModel : public QObject {
   // with the same non-empty `mergeKey` one after the other are one step (a slider drag).
   void undoableChange(const QString& text, const QString& mergeKey, std::function<void()> undo,
                       std::function<void()> redo);
+  // Each export (all, one image, a retry) once its rows and the history are up to date.
+  void exportFinished(const quillane::ExportSummary& summary);
   void imagesChanged();
   void qualityChanged();
   void outputFormatChanged();
@@ -266,8 +268,9 @@ class BatchViewModel : public QObject {
 
  private:
   struct InspectionRun;
-  using InspectionResult = std::function<void(int index, const QUrl& url,
-                                              const ImageDecoder::LightDecodedImage*, const QString& error)>;
+  using InspectionResult =
+      std::function<void(int index, const QUrl& url, const ImageDecoder::LightDecodedImage*,
+                         const QString& error, bool canRetry)>;
 
   void recomputeAll();
   void setHasPendingRecompute(bool pending);
@@ -280,7 +283,7 @@ class BatchViewModel : public QObject {
   void startInspection(const std::shared_ptr<InspectionRun>& run, int index);
   // The inspection itself, once its memory is claimed; gives the memory back when it ends.
   void inspect(const std::shared_ptr<InspectionRun>& run, int index, const std::string& path, int costMB);
-  void recordImportFailure(const QUrl& url, const QString& message);
+  void recordImportFailure(const QUrl& url, const QString& message, bool canRetry);
   void appendImported(const std::shared_ptr<ImportedImage>& image);
   void restoreSession();
   void restoreSettings();

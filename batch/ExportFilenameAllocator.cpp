@@ -48,7 +48,7 @@ bool ExportFilenameAllocator::isInputName(const std::string& name) const {
 
 std::string ExportFilenameAllocator::filename(const std::string& baseName, const std::string& fileExtension) {
   for (int n = 1;; ++n) {
-    const std::string name = candidate(baseName, n, fileExtension);
+    std::string name = candidate(baseName, n, fileExtension);
     const QByteArray key = caseKey(name);
     if (used_.contains(key) || isInputName(name)) continue;
     used_.insert(key);

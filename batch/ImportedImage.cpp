@@ -27,6 +27,17 @@ const char* EncodeState::name() const {
   return "idle";
 }
 
+namespace {
+// Whether any pixel of an 8-bit picture is less than opaque. A thumbnail averages pixels, so a
+// transparent pixel of the source still shows in it as one below full alpha.
+bool anyTransparent(const DecodedImage& image) {
+  if (!image.hasAlphaChannel() || image.bitsPerComponent != 8) return false;
+  for (size_t i = 3; i < image.pixels8.size(); i += 4)
+    if (image.pixels8[i] < 255) return true;
+  return false;
+}
+}  // namespace
+
 ImportedImage::ImportedImage(QUrl sourceURL, const ImageDecoder::LightDecodedImage& decoded, QObject* parent)
     : QObject(parent),
       id_(QUuid::createUuid()),
@@ -36,7 +47,8 @@ ImportedImage::ImportedImage(QUrl sourceURL, const ImageDecoder::LightDecodedIma
       width_(decoded.pixelWidth),
       height_(decoded.pixelHeight),
       frameCount_(decoded.frameCount),
-      thumbnail_(decoded.thumbnail) {}
+      thumbnail_(decoded.thumbnail),
+      hasTransparency_(anyTransparent(thumbnail_)) {}
 
 QString ImportedImage::fileName() const { return sourceURL_.fileName(); }
 
@@ -71,6 +83,7 @@ void ImportedImage::setResultLook(std::optional<double> butteraugli, DecodedImag
 
 void ImportedImage::setThumbnail(DecodedImage thumbnail) {
   thumbnail_ = std::move(thumbnail);
+  hasTransparency_ = anyTransparent(thumbnail_);
   emit thumbnailChanged();
 }
 

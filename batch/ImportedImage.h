@@ -51,6 +51,7 @@ struct ImportFailure {
   QUuid id;
   QUrl url;
   QString message;
+  bool canRetry = true;  // false where trying again can't help (a format Quillane doesn't read)
 
   friend bool operator==(const ImportFailure&, const ImportFailure&) = default;
 };
@@ -103,6 +104,9 @@ class ImportedImage : public QObject {
   // 8-bit RGBA, at most 256 pixels on the longer side, upright. Empty when inspection could not
   // afford one; then the first successful encode, which decodes the picture anyway, adds it.
   const DecodedImage& thumbnail() const { return thumbnail_; }
+  // Whether the picture has pixels that are not opaque, as its thumbnail shows them; false
+  // while it has no thumbnail.
+  bool hasTransparency() const { return hasTransparency_; }
   EncodeState encodeState() const { return encodeState_; }
   // The latest result; kept during a new encoding so that a busy row can still be exported.
   const std::optional<QByteArray>& compressedData() const { return compressedData_; }
@@ -154,6 +158,7 @@ class ImportedImage : public QObject {
   const int height_;
   const int frameCount_;
   DecodedImage thumbnail_;
+  bool hasTransparency_ = false;
 
   EncodeState encodeState_;
   std::optional<QByteArray> compressedData_;

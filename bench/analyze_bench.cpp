@@ -29,7 +29,7 @@ const DecodedImage& photo16() {
     wide.bitsPerComponent = 16;
     wide.pixels16.resize(source.pixels8.size());
     for (size_t i = 0; i < source.pixels8.size(); ++i) {
-      wide.pixels16[i] = uint16_t(source.pixels8[i] * 257 + (i * 7919) % 251);
+      wide.pixels16[i] = uint16_t(size_t(source.pixels8[i]) * 257 + (i * 7919) % 251);
     }
     return wide;
   }();

@@ -100,6 +100,7 @@ void BM_StatusWith50Clients(benchmark::State& state) {
     std::atomic<int> done{0}, failed{0};
     auto start = Clock::now();
     std::vector<std::thread> threads;
+    threads.reserve(size_t(clients));
     for (int c = 0; c < clients; ++c) {
       threads.emplace_back([&, c] {
         for (int i = 0; i < perClient; ++i) {
@@ -206,6 +207,7 @@ void BM_StatusDuringAnUnauthenticatedFlood(benchmark::State& state) {
       }
     });
     std::vector<std::thread> flood;
+    flood.reserve(size_t(senders));
     for (int t = 0; t < senders; ++t) {
       flood.emplace_back([&] {
         // All open at once, as a page's scripts would hold them.
@@ -215,7 +217,7 @@ void BM_StatusDuringAnUnauthenticatedFlood(benchmark::State& state) {
           connections.back()->send(head);
         }
         // Bodies sent side by side, in slices, so that all of them are in flight at once.
-        constexpr size_t slice = 256 * 1024;
+        constexpr size_t slice = size_t(256) * 1024;
         std::vector<bool> open(connections.size(), true);
         for (size_t at = 0; at < body.size(); at += slice)
           for (size_t i = 0; i < connections.size(); ++i)

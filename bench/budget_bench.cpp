@@ -53,18 +53,19 @@ int main(int argc, char** argv) {
       const std::vector<uint8_t> source = ImageDecoder::readSource(file);
       double t0 = cpuSeconds();
       const size_t plain = ImageCompressor::encodeData(source, format, 75).size();
+      const size_t budget = plain / 2;
       double t1 = cpuSeconds();
       try {
-        auto budgeted = ImageCompressor::encode(source, format, 75, {.maxBytes = int64_t(plain / 2)});
+        auto budgeted = ImageCompressor::encode(source, format, 75, {.maxBytes = int64_t(budget)});
         double t2 = cpuSeconds();
         plainTime += t1 - t0, budgetTime += t2 - t1;
         encodes += budgeted.encodes, maxEncodes = std::max(maxEncodes, budgeted.encodes);
-        fill += double(budgeted.bytes.size()) / double(plain / 2);
+        fill += double(budgeted.bytes.size()) / double(budget);
         ++count;
         std::printf("%-6s %-40s S=%9zu  q=%3.0f  encodes=%d  size/budget=%.2f  time x%.2f\n",
                     std::string(ImageFormats::rawValue(format)).c_str(),
                     std::filesystem::path(file).filename().c_str(), plain, budgeted.quality, budgeted.encodes,
-                    double(budgeted.bytes.size()) / double(plain / 2), (t2 - t1) / (t1 - t0));
+                    double(budgeted.bytes.size()) / double(budget), (t2 - t1) / (t1 - t0));
       } catch (const std::exception& e) {
         ++failed;
         std::printf("%-6s %-40s budget %zu unreachable\n",

@@ -92,7 +92,7 @@ size_t encodeOnce(const Prepared& p, ImageFormat format, const EncodingPlan& pla
   return 0;
 }
 
-void Encode(benchmark::State& state, Picture pic, ImageFormat format) {
+void Encode(benchmark::State& state, const Picture& pic, ImageFormat format) {
   const Prepared p = prepare(sourceFile(pic), format, 75);
   size_t bytes = 0;
   for (auto _ : state) {
@@ -107,12 +107,12 @@ void Encode(benchmark::State& state, Picture pic, ImageFormat format) {
   state.counters["alternative"] = p.plan.alternative ? 1 : 0;
 }
 
-void Prepare(benchmark::State& state, Picture pic, ImageFormat format) {
+void Prepare(benchmark::State& state, const Picture& pic, ImageFormat format) {
   const Bytes& file = sourceFile(pic);
   for (auto _ : state) benchmark::DoNotOptimize(prepare(file, format, 75));
 }
 
-void Pipeline(benchmark::State& state, Picture pic, ImageFormat format) {
+void Pipeline(benchmark::State& state, const Picture& pic, ImageFormat format) {
   const Bytes& file = sourceFile(pic);
   size_t bytes = 0;
   for (auto _ : state) bytes = ImageCompressor::encodeData(file, format, 75).size();
@@ -156,7 +156,7 @@ double ssim(const DecodedImage& a, const DecodedImage& b) {
   return total / windows;
 }
 
-void Fidelity(benchmark::State& state, Picture pic, ImageFormat format, double quality) {
+void Fidelity(benchmark::State& state, const Picture& pic, ImageFormat format, double quality) {
   const DecodedImage& source = picture(pic);
   EncodingPlan plan;
   plan.mode = EncodingPlan::Mode::lossy(quality);

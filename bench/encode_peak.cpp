@@ -123,9 +123,9 @@ void writeSources(const std::string& folder) {
     });
     std::printf("%s: %s bytes\n", name.c_str(), m.note.c_str());
   };
-  for (const auto& [side, name] :
-       {std::pair{std::pair{4000, 3000}, "photo-12mp"}, {{8000, 6000}, "photo-48mp"}}) {
-    write(std::string(name) + ".jpg", [side] {
+  for (const auto& photo : {std::pair{std::pair{4000, 3000}, "photo-12mp"}, {{8000, 6000}, "photo-48mp"}}) {
+    const std::pair<int, int> side = photo.first;
+    write(std::string(photo.second) + ".jpg", [side] {
       return fixtures::jpeg(testing::texturedPhoto(side.first, side.second), {.quality = 92});
     });
   }

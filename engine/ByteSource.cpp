@@ -28,6 +28,11 @@ bool MemorySource::skip(uint64_t count) noexcept {
   return true;
 }
 
+bool MemorySource::seek(uint64_t position) noexcept {
+  position_ = size_t(std::min<uint64_t>(position, bytes_.size()));
+  return position <= bytes_.size();
+}
+
 FileSource::FileSource(const std::string& path) : buffer_(64 << 10) {
   fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd_ < 0) throw FileError(path, std::strerror(errno));
@@ -72,6 +77,17 @@ bool FileSource::skip(uint64_t count) noexcept {
   return true;
 }
 
-void FileSource::rewind() noexcept { position_ = 0; }
+bool FileSource::seek(uint64_t position) noexcept {
+  position_ = std::min(position, size_);
+  return position <= size_;
+}
+
+std::vector<uint8_t> ByteSource::readAt(uint64_t offset, size_t size) {
+  std::vector<uint8_t> bytes;
+  if (!seek(offset)) return bytes;
+  bytes.resize(size_t(std::min<uint64_t>(size, this->size() - offset)));
+  bytes.resize(read(bytes.data(), bytes.size()));
+  return bytes;
+}
 
 }  // namespace quillane

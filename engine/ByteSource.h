@@ -4,6 +4,7 @@
 // file. One reader at a time; any thread.
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -19,7 +20,16 @@ class ByteSource {
   // Moves past `count` bytes without reading them; false, at the end, when fewer remain.
   virtual bool skip(uint64_t count) noexcept = 0;
   // Back to the first byte.
-  virtual void rewind() noexcept = 0;
+  void rewind() noexcept { seek(0); }
+  // To byte `position`; false, at the end, when the bytes are shorter.
+  virtual bool seek(uint64_t position) noexcept = 0;
+  virtual uint64_t position() const noexcept = 0;
+  virtual uint64_t size() const noexcept = 0;
+  // All the bytes at once where they are in memory already, so that a library that takes them
+  // whole needs no copy of them; nothing for a file.
+  virtual std::optional<std::span<const uint8_t>> contiguous() const noexcept { return std::nullopt; }
+  // Up to `size` bytes from `offset` (fewer at the end), leaving the position after them.
+  std::vector<uint8_t> readAt(uint64_t offset, size_t size);
 };
 
 class MemorySource final : public ByteSource {
@@ -27,7 +37,10 @@ class MemorySource final : public ByteSource {
   explicit MemorySource(std::span<const uint8_t> bytes) : bytes_(bytes) {}
   size_t read(uint8_t* out, size_t size) noexcept override;
   bool skip(uint64_t count) noexcept override;
-  void rewind() noexcept override { position_ = 0; }
+  bool seek(uint64_t position) noexcept override;
+  uint64_t position() const noexcept override { return position_; }
+  uint64_t size() const noexcept override { return bytes_.size(); }
+  std::optional<std::span<const uint8_t>> contiguous() const noexcept override { return bytes_; }
 
  private:
   std::span<const uint8_t> bytes_;
@@ -44,10 +57,11 @@ class FileSource final : public ByteSource {
   FileSource(const FileSource&) = delete;
   FileSource& operator=(const FileSource&) = delete;
 
-  uint64_t size() const { return size_; }
   size_t read(uint8_t* out, size_t size) noexcept override;
   bool skip(uint64_t count) noexcept override;
-  void rewind() noexcept override;
+  bool seek(uint64_t position) noexcept override;
+  uint64_t position() const noexcept override { return position_; }
+  uint64_t size() const noexcept override { return size_; }
 
  private:
   int fd_ = -1;

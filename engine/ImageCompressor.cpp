@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <new>
 #include <optional>
 
@@ -127,6 +128,64 @@ namespace ImageCompressor {
 
 namespace {
 
+// A byte budget's search, once the first encoding (in `result`, at `quality`) came out larger
+// than `budget`: it leaves in `result` the highest whole quality below that whose file fits,
+// or one whose file comes within 5 % under the budget, which ends the search early. The file's size falls
+// roughly exponentially with quality: the guess interpolates the logarithm of the size
+// between the two closest qualities known (both too large at first, assuming a halving
+// every 20 steps while only one is known), aiming 5 % under the budget; when the same end
+// of the bracket moves twice running, the bracket is halved instead. `fitsAt` holds the
+// best fitting encoding so far. `encodeAtQuality` encodes the kept picture at a whole quality.
+// Throws BudgetError when quality 1 does not fit either.
+void searchBudget(Encoded& result, uint64_t budget, double quality,
+                  const std::function<Bytes(int)>& encodeAtQuality) {
+  constexpr int kMaxEncodes = 7;
+  const double target = std::log(double(budget) * 0.95), closeEnough = double(budget) * 0.95;
+  int high = int(std::ceil(quality));  // too large here
+  double highLog = std::log(double(result.bytes.size()));
+  std::optional<std::pair<int, double>> aboveHigh;  // the previous too-large point
+  int low = 0;                                      // fits here; 0 while no quality is known to fit
+  double lowLog = 0;
+  int lastSide = 0, sameSide = 0;  // +1 when the last step moved high, -1 low
+  std::optional<Bytes> fitsAt;
+  bool done = false;
+  const auto tryQuality = [&](int q) {
+    Cancellation::check();
+    Bytes bytes = encodeAtQuality(q);
+    ++result.encodes;
+    const double size = std::log(double(std::max<size_t>(bytes.size(), 1)));
+    const int side = bytes.size() <= budget ? -1 : 1;
+    sameSide = side == lastSide ? sameSide + 1 : 1;
+    lastSide = side;
+    if (side < 0) {
+      low = q, lowLog = size;
+      done = double(bytes.size()) >= closeEnough;
+      fitsAt = std::move(bytes);
+    } else {
+      aboveHigh = {high, highLog};
+      high = q, highLog = size;
+    }
+  };
+  while (!done && high - low > 1 && result.encodes < kMaxEncodes) {
+    double guess;
+    if (low == 0) {
+      double slope = std::log(2.0) / 20.0;  // per quality step
+      if (aboveHigh && aboveHigh->first > high && aboveHigh->second > highLog)
+        slope = (aboveHigh->second - highLog) / (aboveHigh->first - high);
+      guess = high - (highLog - target) / slope;
+    } else if (sameSide >= 2) {
+      guess = (low + high) / 2.0;
+    } else {
+      guess = low + (high - low) * (target - lowLog) / std::max(highLog - lowLog, 1e-9);
+    }
+    tryQuality(std::clamp(int(std::floor(guess)), low + 1, high - 1));
+  }
+  if (!fitsAt && high > 1) tryQuality(1);
+  if (!fitsAt) throw BudgetError(int64_t(budget), result.width, result.height);
+  result.bytes = std::move(*fitsAt);
+  result.quality = low;
+}
+
 // encode; `owned`, when given, holds the file's bytes (`fileData`), which go as soon as the
 // picture is decoded unless a JPEG is to be repackaged as JPEG XL from them.
 Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageFormat format, double quality,
@@ -232,58 +291,8 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
   result.encodes = 1;
   if (budget == 0 || result.bytes.size() <= budget) return result;
 
-  // The highest whole quality below the one asked for whose file fits, or one whose file
-  // comes within 5 % under the budget, which ends the search early. The file's size falls
-  // roughly exponentially with quality: the guess interpolates the logarithm of the size
-  // between the two closest qualities known (both too large at first, assuming a halving
-  // every 20 steps while only one is known), aiming 5 % under the budget; when the same end
-  // of the bracket moves twice running, the bracket is halved instead. `fitsAt` holds the
-  // best fitting encoding so far.
-  constexpr int kMaxEncodes = 7;
-  const double target = std::log(double(budget) * 0.95), closeEnough = double(budget) * 0.95;
-  int high = int(std::ceil(quality));  // too large here
-  double highLog = std::log(double(result.bytes.size()));
-  std::optional<std::pair<int, double>> aboveHigh;  // the previous too-large point
-  int low = 0;                                      // fits here; 0 while no quality is known to fit
-  double lowLog = 0;
-  int lastSide = 0, sameSide = 0;  // +1 when the last step moved high, -1 low
-  std::optional<Bytes> fitsAt;
-  bool done = false;
-  const auto tryQuality = [&](int q) {
-    Cancellation::check();
-    Bytes bytes = encodeAt(EncodingStrategy::plan(characteristics, format, q), q, false);
-    ++result.encodes;
-    const double size = std::log(double(std::max<size_t>(bytes.size(), 1)));
-    const int side = bytes.size() <= budget ? -1 : 1;
-    sameSide = side == lastSide ? sameSide + 1 : 1;
-    lastSide = side;
-    if (side < 0) {
-      low = q, lowLog = size;
-      done = double(bytes.size()) >= closeEnough;
-      fitsAt = std::move(bytes);
-    } else {
-      aboveHigh = {high, highLog};
-      high = q, highLog = size;
-    }
-  };
-  while (!done && high - low > 1 && result.encodes < kMaxEncodes) {
-    double guess;
-    if (low == 0) {
-      double slope = std::log(2.0) / 20.0;  // per quality step
-      if (aboveHigh && aboveHigh->first > high && aboveHigh->second > highLog)
-        slope = (aboveHigh->second - highLog) / (aboveHigh->first - high);
-      guess = high - (highLog - target) / slope;
-    } else if (sameSide >= 2) {
-      guess = (low + high) / 2.0;
-    } else {
-      guess = low + (high - low) * (target - lowLog) / std::max(highLog - lowLog, 1e-9);
-    }
-    tryQuality(std::clamp(int(std::floor(guess)), low + 1, high - 1));
-  }
-  if (!fitsAt && high > 1) tryQuality(1);
-  if (!fitsAt) throw BudgetError(options.maxBytes, result.width, result.height);
-  result.bytes = std::move(*fitsAt);
-  result.quality = low;
+  searchBudget(result, budget, quality,
+               [&](int q) { return encodeAt(EncodingStrategy::plan(characteristics, format, q), q, false); });
   return result;
 }
 

@@ -11,17 +11,6 @@
 #include "engine/Resample.h"
 
 namespace quillane::ImageDecoder {
-namespace {
-
-std::optional<std::vector<uint8_t>> readAll(const std::string& path) {
-  try {
-    return readSource(path);
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
-}
-
-}  // namespace
 
 std::optional<ImageService::Properties> readHeader(const std::string& path) {
   try {
@@ -62,43 +51,9 @@ std::vector<uint8_t> readSource(const std::string& path) {
   }
 }
 
-namespace {
-
-// How inspection reads one file: from the file as its reader asks (PNG, JPEG), or from its
-// bytes read whole (the others, bounded by maxSourceBytes).
-class InspectedFile {
- public:
-  InspectedFile(const std::string& path, ImageFormat format) : format_(format) {
-    if (ImageService::streams(format))
-      file_.emplace(path);
-    else
-      bytes_ = readSource(path);
-  }
-  // The bytes held besides the reader's own work.
-  uint64_t heldBytes() const { return bytes_.size(); }
-  std::optional<ImageService::Properties> properties() {
-    return file_ ? ImageService::properties(format_, *file_) : ImageService::properties(bytes_);
-  }
-  std::optional<uint64_t> thumbnailPeakBytes() {
-    return file_ ? ImageService::thumbnailPeakBytes(format_, *file_, kThumbnailSize)
-                 : ImageService::thumbnailPeakBytes(bytes_, kThumbnailSize);
-  }
-  std::optional<DecodedImage> thumbnail(int maxPixelSize) {
-    return file_ ? ImageService::thumbnail(format_, *file_, maxPixelSize)
-                 : ImageService::thumbnail(bytes_, maxPixelSize);
-  }
-
- private:
-  ImageFormat format_;
-  std::optional<FileSource> file_;
-  std::vector<uint8_t> bytes_;
-};
-
-}  // namespace
-
 LightDecodedImage inspect(const std::string& path) {
   std::optional<ImageFormat> format;
-  std::optional<InspectedFile> file;
+  std::optional<FileSource> file;
   try {
     const std::vector<uint8_t> head = FileIO::readHead(path, kHeaderBytes);
     format = ImageFormats::detect(head);
@@ -106,14 +61,14 @@ LightDecodedImage inspect(const std::string& path) {
     if (format &&
         uint64_t(std::max<int64_t>(fileSize(path), 0)) > maxSourceBytes(ImageService::properties(head)))
       throw ImageProcessingError::decodingFailed("larger than its pixels can take: " + path);
-    if (format) file.emplace(path, *format);
+    if (format) file.emplace(path);
   } catch (const ImageProcessingError&) {
     throw;
   } catch (const std::exception&) {
     throw ImageProcessingError::decodingFailed("unreadable file: " + path);
   }
   if (!format) throw ImageProcessingError::decodingFailed("not one of the six formats: " + path);
-  auto props = file->properties();
+  auto props = ImageService::properties(*format, *file);
   if (!props || props->width <= 0 || props->height <= 0)
     throw ImageProcessingError::decodingFailed("no image properties: " + path);
   // What can never be encoded is refused at import, not after it.
@@ -122,9 +77,9 @@ LightDecodedImage inspect(const std::string& path) {
     throw ImageProcessingError::decodingFailed("picture larger than the accepted maximum: " + path);
   LightDecodedImage light{*format, props->width, props->height, fileSize(path), props->frameCount, {}};
   // A header that gives no estimate counts as too costly: not decoding is the safe side.
-  const uint64_t peak = file->thumbnailPeakBytes().value_or(UINT64_MAX);
-  if (peak <= kInspectionMemory - std::min<uint64_t>(file->heldBytes(), kInspectionMemory)) {
-    auto thumb = file->thumbnail(kThumbnailSize);
+  const uint64_t peak = ImageService::thumbnailPeakBytes(*format, *file, kThumbnailSize).value_or(UINT64_MAX);
+  if (peak <= kInspectionMemory) {
+    auto thumb = ImageService::thumbnail(*format, *file, kThumbnailSize);
     if (!thumb) throw ImageProcessingError::decodingFailed("no thumbnail: " + path);
     light.thumbnail = std::move(*thumb);
   }
@@ -142,11 +97,10 @@ uint64_t inspectionPeakBytes(const std::string& path) {
   }
   const auto format = ImageFormats::detect(head);
   if (!format) return 0;
-  // A file that its reader streams is never held; the others are read whole.
-  const uint64_t size = ImageService::streams(*format) ? 0 : uint64_t(std::max<int64_t>(fileSize(path), 0));
+  // The file is read as its reader asks, never held whole.
   const auto decode = ImageService::thumbnailPeakBytes(head, kThumbnailSize);
-  if (!decode) return std::max(size, kInspectionMemory);
-  return *decode <= kInspectionMemory - std::min(size, kInspectionMemory) ? size + *decode : size;
+  if (!decode) return kInspectionMemory;
+  return *decode <= kInspectionMemory ? *decode : 0;
 }
 
 DecodedSource decodeCGImageSource(std::span<const uint8_t> fileData) {
@@ -171,21 +125,21 @@ std::optional<DecodedImage> applyOrientation(int orientation, const DecodedImage
 
 std::optional<DecodedImage> loadPreview(const std::string& path, int maxPixelSize, uint64_t maxPeakBytes) {
   try {
-    const auto format = ImageFormats::detect(FileIO::readHead(path, kHeaderBytes));
-    if (format && ImageService::streams(*format)) {
-      FileSource file(path);
-      if (maxPeakBytes != UINT64_MAX) {
-        const auto peak = ImageService::thumbnailPeakBytes(*format, file, maxPixelSize);
-        if (!peak || *peak > maxPeakBytes) return std::nullopt;
-      }
-      return ImageService::thumbnail(*format, file, maxPixelSize);
+    const std::vector<uint8_t> head = FileIO::readHead(path, kHeaderBytes);
+    const auto format = ImageFormats::detect(head);
+    // Refused as readSource refuses, though the file is never read whole.
+    if (!format ||
+        uint64_t(std::max<int64_t>(fileSize(path), 0)) > maxSourceBytes(ImageService::properties(head)))
+      return std::nullopt;
+    FileSource file(path);
+    if (maxPeakBytes != UINT64_MAX) {
+      const auto peak = ImageService::thumbnailPeakBytes(*format, file, maxPixelSize);
+      if (!peak || *peak > maxPeakBytes) return std::nullopt;
     }
+    return ImageService::thumbnail(*format, file, maxPixelSize);
   } catch (const std::exception&) {
     return std::nullopt;
   }
-  auto bytes = readAll(path);
-  if (!bytes) return std::nullopt;
-  return loadPreview(*bytes, maxPixelSize, maxPeakBytes);
 }
 
 std::optional<DecodedImage> loadPreview(std::span<const uint8_t> data, int maxPixelSize,

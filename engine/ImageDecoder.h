@@ -62,9 +62,9 @@ uint64_t maxSourceBytes(const std::optional<ImageService::Properties>& header);
 // where the codec can decode at a reduced scale. Throws ImageProcessingError::decodingFailed.
 LightDecodedImage inspect(const std::string& path);
 
-// What inspect(path) takes at its peak besides the process's own memory, from the file's size
-// and first kHeaderBytes alone: its bytes, and its thumbnail's decode where that fits within
-// kInspectionMemory; kInspectionMemory (or the file's size, when larger) when the header is not
+// What inspect(path) takes at its peak besides the process's own memory, from the file's first
+// kHeaderBytes alone (the file is read as its reader asks, never held whole): its thumbnail's
+// decode where that fits within kInspectionMemory; kInspectionMemory when the header is not
 // there to tell. Next to nothing for a file that inspection refuses from its first bytes.
 uint64_t inspectionPeakBytes(const std::string& path);
 

@@ -33,6 +33,29 @@ DecodedImage decode(ImageFormat format, std::span<const uint8_t> bytes, int minL
   codecs::fail("unknown format");
 }
 
+DecodedImage decode(ImageFormat format, ByteSource& source, int minLongSide) {
+  switch (format) {
+    case ImageFormat::png:
+      return codecs::decodePng(source, minLongSide);
+    case ImageFormat::jpeg:
+      return codecs::decodeJpeg(source, minLongSide);
+    case ImageFormat::heic:
+      return codecs::decodeHeif(source, minLongSide);
+    case ImageFormat::avif:
+      return codecs::decodeAvif(source, minLongSide);
+    case ImageFormat::webp:
+      return codecs::decodeWebp(source, minLongSide);
+    case ImageFormat::jxl:
+      return codecs::decodeJxl(source, minLongSide);
+  }
+  codecs::fail("unknown format");
+}
+
+// JPEG, PNG and WebP decode reduced; the others need their full picture for a moment.
+bool reducesWhileDecoding(ImageFormat format) {
+  return format == ImageFormat::jpeg || format == ImageFormat::png || format == ImageFormat::webp;
+}
+
 // A reduced decode brought within `maxPixelSize` and turned upright.
 DecodedImage finishThumbnail(DecodedImage image, const std::optional<Properties>& props, int maxPixelSize) {
   image = Resample::fitWithin(image, maxPixelSize);
@@ -100,22 +123,30 @@ std::optional<DecodedImage> thumbnail(std::span<const uint8_t> bytes, int maxPix
   if (!format || maxPixelSize <= 0) return std::nullopt;
   try {
     auto props = properties(bytes);
-    // JPEG, PNG and WebP decode reduced; the others need their full picture for a moment.
-    const bool reduces =
-        *format == ImageFormat::jpeg || *format == ImageFormat::png || *format == ImageFormat::webp;
-    if (props && !reduces) codecs::checkFitsInMemory(uint64_t(props->width) * uint64_t(props->height), 8);
+    if (props && !reducesWhileDecoding(*format))
+      codecs::checkFitsInMemory(uint64_t(props->width) * uint64_t(props->height), 8);
     return finishThumbnail(decode(*format, bytes, maxPixelSize), props, maxPixelSize);
   } catch (const std::exception&) {
     return std::nullopt;
   }
 }
 
-bool streams(ImageFormat format) { return format == ImageFormat::png || format == ImageFormat::jpeg; }
-
 std::optional<Properties> properties(ImageFormat format, ByteSource& source) {
   try {
-    if (format == ImageFormat::png) return codecs::pngProperties(source);
-    if (format == ImageFormat::jpeg) return codecs::jpegProperties(source);
+    switch (format) {
+      case ImageFormat::png:
+        return codecs::pngProperties(source);
+      case ImageFormat::jpeg:
+        return codecs::jpegProperties(source);
+      case ImageFormat::heic:
+        return codecs::heifProperties(source);
+      case ImageFormat::avif:
+        return codecs::avifProperties(source);
+      case ImageFormat::webp:
+        return codecs::webpProperties(source);
+      case ImageFormat::jxl:
+        return codecs::jxlProperties(source);
+    }
   } catch (const std::exception&) {
   }
   return std::nullopt;
@@ -124,22 +155,34 @@ std::optional<Properties> properties(ImageFormat format, ByteSource& source) {
 std::optional<uint64_t> thumbnailPeakBytes(ImageFormat format, ByteSource& source, int maxPixelSize) {
   if (maxPixelSize <= 0) return std::nullopt;
   try {
-    if (format == ImageFormat::jpeg) return codecs::jpegReducedDecodeBytes(source, maxPixelSize);
-    if (format == ImageFormat::png)
-      if (auto props = codecs::pngProperties(source))
-        return codecs::pngReducedDecodeBytes(*props, maxPixelSize);
+    switch (format) {
+      case ImageFormat::png:
+        if (auto props = codecs::pngProperties(source))
+          return codecs::pngReducedDecodeBytes(*props, maxPixelSize);
+        return std::nullopt;
+      case ImageFormat::jpeg:
+        return codecs::jpegReducedDecodeBytes(source, maxPixelSize);
+      case ImageFormat::heic:
+        return codecs::heifReducedDecodeBytes(source, maxPixelSize);
+      case ImageFormat::avif:
+        return codecs::avifReducedDecodeBytes(source);
+      case ImageFormat::webp:
+        return codecs::webpReducedDecodeBytes(source, maxPixelSize);
+      case ImageFormat::jxl:
+        return codecs::jxlReducedDecodeBytes(source);
+    }
   } catch (const std::exception&) {
   }
   return std::nullopt;
 }
 
 std::optional<DecodedImage> thumbnail(ImageFormat format, ByteSource& source, int maxPixelSize) {
-  if (!streams(format) || maxPixelSize <= 0) return std::nullopt;
+  if (maxPixelSize <= 0) return std::nullopt;
   try {
     auto props = properties(format, source);
-    DecodedImage image = format == ImageFormat::png ? codecs::decodePng(source, maxPixelSize)
-                                                    : codecs::decodeJpeg(source, maxPixelSize);
-    return finishThumbnail(std::move(image), props, maxPixelSize);
+    if (props && !reducesWhileDecoding(format))
+      codecs::checkFitsInMemory(uint64_t(props->width) * uint64_t(props->height), 8);
+    return finishThumbnail(decode(format, source, maxPixelSize), props, maxPixelSize);
   } catch (const std::exception&) {
     return std::nullopt;
   }

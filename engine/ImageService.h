@@ -46,11 +46,9 @@ std::optional<uint64_t> thumbnailPeakBytes(std::span<const uint8_t> bytes, int m
 // applied, decoded at a reduced scale where the codec can (JPEG DCT scaling). Nothing on failure.
 std::optional<DecodedImage> thumbnail(std::span<const uint8_t> bytes, int maxPixelSize);
 
-// Whether the reader of `format` reads from a ByteSource as its library asks (PNG, JPEG), so
-// that a file's header and thumbnail take what they need of it and never a copy of it whole.
-bool streams(ImageFormat format);
-// properties(), thumbnailPeakBytes() and thumbnail() over `source`, holding bytes of the
-// `format` that streams() accepts; nothing for another format. The source is rewound first.
+// properties(), thumbnailPeakBytes() and thumbnail() over `source`, holding bytes of
+// `format`, which its reader takes as its library asks: a file's header and thumbnail read
+// what they need of it, never a copy of it whole. The source is rewound first.
 std::optional<Properties> properties(ImageFormat format, ByteSource& source);
 std::optional<uint64_t> thumbnailPeakBytes(ImageFormat format, ByteSource& source, int maxPixelSize);
 std::optional<DecodedImage> thumbnail(ImageFormat format, ByteSource& source, int maxPixelSize);

@@ -14,6 +14,7 @@
 #include <span>
 #include <string>
 
+#include "engine/ByteSource.h"
 #include "engine/Errors.h"
 #include "engine/ImageFormat.h"
 #include "engine/ImageService.h"
@@ -49,6 +50,28 @@ void checkPicture(const DecodedImage& image) {
     fail("pixel storage does not match the size");
 }
 
+// The bytes as a file gives them: in pieces, as the reader asks, never whole at once, as
+// inspection reads a file.
+class PiecewiseSource final : public quillane::ByteSource {
+ public:
+  explicit PiecewiseSource(std::span<const uint8_t> bytes) : memory_(bytes) {}
+  size_t read(uint8_t* out, size_t size) noexcept override { return memory_.read(out, size); }
+  bool skip(uint64_t count) noexcept override { return memory_.skip(count); }
+  bool seek(uint64_t position) noexcept override { return memory_.seek(position); }
+  uint64_t position() const noexcept override { return memory_.position(); }
+  uint64_t size() const noexcept override { return memory_.size(); }
+
+ private:
+  quillane::MemorySource memory_;
+};
+
+void checkThumbnail(const std::optional<DecodedImage>& thumb, int bound) {
+  if (!thumb) return;
+  checkPicture(*thumb);
+  if (thumb->bitsPerComponent != 8 || std::max(thumb->width, thumb->height) > bound)
+    fail("thumbnail out of bounds");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -58,12 +81,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (props && (props->width <= 0 || props->height <= 0)) fail("properties with an empty size");
   if (props && uint64_t(props->width) * uint64_t(props->height) > kMaxFuzzPixels) return 0;
 
-  for (int bound : {1, 64}) {
-    if (auto thumb = ImageService::thumbnail(bytes, bound)) {
-      checkPicture(*thumb);
-      if (thumb->bitsPerComponent != 8 || std::max(thumb->width, thumb->height) > bound)
-        fail("thumbnail out of bounds");
-    }
+  for (int bound : {1, 64}) checkThumbnail(ImageService::thumbnail(bytes, bound), bound);
+  // And read as inspection reads a file.
+  PiecewiseSource piecewise(bytes);
+  const auto read = ImageService::properties(kFormat, piecewise);
+  if (read && (read->width <= 0 || read->height <= 0)) fail("properties with an empty size");
+  if (!read || uint64_t(read->width) * uint64_t(read->height) <= kMaxFuzzPixels) {
+    ImageService::thumbnailPeakBytes(kFormat, piecewise, 64);
+    checkThumbnail(ImageService::thumbnail(kFormat, piecewise, 64), 64);
   }
   try {
     checkPicture(ImageService::decodeFirstFrame(bytes));

@@ -44,7 +44,7 @@ class Reader {
 
  private:
   int fd_;
-  std::array<uint8_t, 64 * 1024> buffer_{};
+  std::array<uint8_t, size_t{64} * 1024> buffer_{};
   uint64_t start_ = 0, length_ = 0;
 };
 

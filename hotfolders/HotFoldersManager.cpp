@@ -57,7 +57,7 @@ bool HotFoldersManager::isRunning(const QUuid& hotFolderID) const {
   return status(hotFolderID).state == Status::State::watching;
 }
 
-void HotFoldersManager::setStatus(const QUuid& hotFolderID, Status status) {
+void HotFoldersManager::setStatus(const QUuid& hotFolderID, const Status& status) {
   if (statuses_.value(hotFolderID) == status) return;
   if (status.state == Status::State::disabled) {
     statuses_.remove(hotFolderID);
@@ -100,10 +100,11 @@ void HotFoldersManager::applyWatchers() {
     enabled.push_back(folder);
   }
   std::vector<QUuid> unwanted;
-  for (const auto& [id, watcher] : watchers_) {
+  for (const auto& entry : watchers_) {
+    const QUuid& id = entry.first;
     const auto folder =
         std::find_if(enabled.begin(), enabled.end(), [&](const HotFolder& f) { return f.id == id; });
-    if (folder == enabled.end() || !(*folder == watcher->hotFolder())) unwanted.push_back(id);
+    if (folder == enabled.end() || !(*folder == entry.second->hotFolder())) unwanted.push_back(id);
   }
   for (const QUuid& id : unwanted) retire(id);
   for (const QUuid& id : statuses_.keys()) {

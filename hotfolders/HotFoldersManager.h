@@ -85,7 +85,7 @@ class HotFoldersManager : public QObject {
  private:
   void applyChecked(const std::map<QUuid, QString>& refusals);
   void watcherStateChanged(const QUuid& hotFolderID, quint64 serial, HotFolderWatcher::State state);
-  void setStatus(const QUuid& hotFolderID, Status status);
+  void setStatus(const QUuid& hotFolderID, const Status& status);
   void noteCouldNotStart(const HotFolder& hotFolder, const QString& message);
   void record(const HotFolderActivity& activity);
   void updateProgress(const QUuid& hotFolderID, int completed, int total);

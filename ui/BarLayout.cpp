@@ -1,6 +1,8 @@
 #include "ui/BarLayout.h"
 
 #include <QFrame>
+#include <QGuiApplication>
+#include <QStyle>
 #include <QWidget>
 #include <vector>
 
@@ -126,6 +128,8 @@ int BarLayout::arrange(const QRect& rect, bool apply, bool everyItem) const {
   }
   if (pendingDivider) hiddenDividers.push_back(pendingDivider);
 
+  const Qt::LayoutDirection direction =
+      parentWidget() ? parentWidget()->layoutDirection() : QGuiApplication::layoutDirection();
   int y = area.y();
   for (const Line& line : lines) {
     if (apply) {
@@ -139,7 +143,9 @@ int BarLayout::arrange(const QRect& rect, bool apply, bool everyItem) const {
         int& x = e->right ? rightX : leftX;
         const int h =
             e->divider ? std::min(hint.height(), line.height) : std::min(line.height, hint.height());
-        e->item->setGeometry(QRect(x, y + (line.height - h) / 2, hint.width(), h));
+        // Laid out left to right, mirrored in a right-to-left layout.
+        e->item->setGeometry(
+            QStyle::visualRect(direction, area, QRect(x, y + (line.height - h) / 2, hint.width(), h)));
         x += hint.width() + gap;
       }
     }

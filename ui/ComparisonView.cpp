@@ -96,11 +96,13 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
   layout->setSpacing(kSpacing);
 
   auto* header = new QHBoxLayout;
-  auto* name = new QLabel(this);
-  Icons::makeSecondary(name);
-  name->setText(name->fontMetrics().elidedText(image_->fileName(), Qt::ElideMiddle, 480));
-  name->setMinimumWidth(40);
-  header->addWidget(name, 1);
+  name_ = new QLabel(this);
+  Icons::makeSecondary(name_);
+  // Elided to the room the buttons leave (resizeEvent); the whole name is the window's title.
+  name_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  name_->setMinimumWidth(40);
+  name_->setToolTip(image_->fileName());
+  header->addWidget(name_, 1);
 
   zoomButtons_ = new QButtonGroup(this);
   zoomButtons_->setExclusive(true);
@@ -178,6 +180,11 @@ void ImageComparisonView::done(int result) {
   settings->setValue(kGeometryKey, saveGeometry());
   SettingsFile::save(*settings);
   QDialog::done(result);
+}
+
+void ImageComparisonView::resizeEvent(QResizeEvent* event) {
+  QDialog::resizeEvent(event);
+  name_->setText(name_->fontMetrics().elidedText(image_->fileName(), Qt::ElideMiddle, name_->width()));
 }
 
 void ImageComparisonView::keyPressEvent(QKeyEvent* event) {

@@ -22,6 +22,8 @@
 
 #include "ui/SplitCompareWidget.h"
 
+class QLabel;
+
 namespace quillane::ui {
 
 class ImageComparisonView : public QDialog {
@@ -40,6 +42,7 @@ class ImageComparisonView : public QDialog {
 
  protected:
   void keyPressEvent(QKeyEvent* event) override;
+  void resizeEvent(QResizeEvent* event) override;
 
  private:
   void placeOnScreen();
@@ -50,6 +53,7 @@ class ImageComparisonView : public QDialog {
 
   BatchViewModel& viewModel_;
   std::shared_ptr<ImportedImage> image_;
+  QLabel* name_;
   SplitCompareWidget* area_;
   QButtonGroup* zoomButtons_;
   int fitPixelSize_ = 1600;

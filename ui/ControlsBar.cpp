@@ -89,6 +89,7 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   history_->setIcon(Icons::icon("clock.arrow.circlepath"));
   history_->setIconSize(QSize(18, 18));
   history_->setToolTip(Strings::text("history.title"));
+  history_->setAccessibleName(Strings::text("history.title"));
   connect(history_, &QToolButton::clicked, this, &ControlsBar::showHistory);
   layout->addBarWidget(history_);
 

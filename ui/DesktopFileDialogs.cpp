@@ -111,15 +111,20 @@ std::optional<QUrl> DesktopFileDialogs::chooseFolder(const std::optional<QUrl>& 
   return dialog.selectedUrls().first();
 }
 
-void DesktopFileDialogs::showInFileManager(const QUrl& file) {
+void DesktopFileDialogs::showInFileManager(const QUrl& file) { showFilesInFileManager({file}); }
+
+void DesktopFileDialogs::showFilesInFileManager(const QList<QUrl>& files) {
+  if (files.isEmpty()) return;
+  QStringList uris;
+  for (const QUrl& file : files) uris.append(file.toString(QUrl::FullyEncoded));
   QDBusMessage call = QDBusMessage::createMethodCall(
       QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
       QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
-  call << QStringList{file.toString(QUrl::FullyEncoded)} << QString();
+  call << uris << QString();
   const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 3000);
   if (reply.type() == QDBusMessage::ReplyMessage) return;
-  // Without a file manager service, open the folder that holds the file.
-  QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(file.toLocalFile()).absolutePath()));
+  // Without a file manager service, open the folder that holds the first file.
+  QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(files.first().toLocalFile()).absolutePath()));
 }
 
 }  // namespace quillane::ui

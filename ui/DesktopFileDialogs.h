@@ -29,6 +29,8 @@ class DesktopFileDialogs : public FileDialogs {
   std::optional<QUrl> chooseExportFolder(const std::optional<QUrl>& startFolder, const QString& prompt,
                                          const QString& message) override;
   void showInFileManager(const QUrl& file) override;
+  // Shows `files` selected in the desktop's file manager (one window per folder).
+  virtual void showFilesInFileManager(const QList<QUrl>& files);
 
   // The save dialog of one image: `suggestedName` in the last export folder, only `format` allowed.
   virtual std::optional<QUrl> chooseSaveFile(const QString& suggestedName, ImageFormat format);

@@ -97,10 +97,10 @@ void DropTargetView::dragLeaveEvent(QDragLeaveEvent* event) {
 void DropTargetView::dropEvent(QDropEvent* event) {
   setTargeted(false);
   QPointer<BatchViewModel> model(&viewModel_);
-  const bool accepted =
-      FileDropHandler::handle(FileDropHandler::providers(*event->mimeData()), [model](QList<QUrl> urls) {
-        if (model) model->importFiles(urls);
-      });
+  const bool accepted = FileDropHandler::handle(FileDropHandler::providers(*event->mimeData()),
+                                                [model](const QList<QUrl>& urls) {
+                                                  if (model) model->importFiles(urls);
+                                                });
   if (accepted) {
     event->setDropAction(Qt::CopyAction);
     event->accept();

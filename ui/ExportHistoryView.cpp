@@ -133,6 +133,7 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
   show->setToolTip(superseded ? Strings::text("history.supersededNothingHelp")
                               : Strings::text("history.showInFinderHelp"));
   show->setObjectName(QStringLiteral("showButton"));
+  show->setAccessibleName(Strings::text("intents.notification.showInFolder"));
   const ExportRecord copy = record;
   connect(show, &QToolButton::clicked, this, [this, copy] { viewModel_.showInFileManager(copy); });
   auto* undo = new QToolButton(row);
@@ -141,6 +142,7 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
   undo->setToolTip(superseded ? Strings::text("history.supersededUndoHelp")
                               : Strings::text("history.undoHelp"));
   undo->setObjectName(QStringLiteral("undoButton"));
+  undo->setAccessibleName(Strings::text("menu.undo"));
   connect(undo, &QToolButton::clicked, this, [this, copy] { viewModel_.undoExport(copy); });
   layout->addWidget(show);
   layout->addWidget(undo);

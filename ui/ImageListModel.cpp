@@ -70,6 +70,8 @@ QVariant ImageListModel::data(const QModelIndex& index, int role) const {
     if (auto image = imageAt(index.row())) {
       const RowRules::SizeSummary summary = RowRules::sizeSummary(*image, viewModel_.outputFormat());
       QStringList parts{image->fileName(), RowRules::metaText(*image)};
+      for (const RowRules::Note& note : RowRules::notes(*image, viewModel_.outputFormat()))
+        parts << note.text;
       if (summary.kind == RowRules::SizeSummary::Kind::lines)
         parts << summary.firstLine << summary.secondLine << RowRules::look(*image).word;
       if (image->exportError()) parts << *image->exportError();
@@ -185,7 +187,7 @@ QPixmap squarePixmap(const DecodedImage& thumb, int device, qreal devicePixelRat
   if (!thumb.empty() && thumb.pixels8.size() >= thumb.pixelCount() * 4) {
     const QImage::Format fmt = thumb.alpha == AlphaInfo::premultiplied ? QImage::Format_RGBA8888_Premultiplied
                                                                        : QImage::Format_RGBA8888;
-    const QImage source(thumb.pixels8.data(), thumb.width, thumb.height, thumb.width * 4, fmt);
+    const QImage source(thumb.pixels8.data(), thumb.width, thumb.height, qsizetype(thumb.width) * 4, fmt);
     // Fill the square: crop the longer side around the centre.
     const int s = std::min(thumb.width, thumb.height);
     const QRect crop((thumb.width - s) / 2, (thumb.height - s) / 2, s, s);

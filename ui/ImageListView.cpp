@@ -37,6 +37,7 @@ ImageListView::ImageListView(BatchViewModel& viewModel, QWidget* parent)
   setUniformItemSizes(false);
   setLayoutMode(Batched);
   setBatchSize(200);
+  setAccessibleName(Strings::text("list.name"));
 
   spinnerTimer_.setInterval(90);
   connect(&spinnerTimer_, &QTimer::timeout, this, [this] {
@@ -241,7 +242,8 @@ QMenu* ImageListView::rowMenu(const QModelIndex& index) {
     });
   };
   if (model_->kind(index.row()) == ImageListModel::RowKind::failure) {
-    add(RowHit::failureRetry, Strings::text("common.retry"));
+    if (delegate_->isEnabled(index, RowHit::failureRetry))
+      add(RowHit::failureRetry, Strings::text("common.retry"));
     add(RowHit::failureDismiss, Strings::text("import.dismissFailureHelp"));
     return menu;
   }
@@ -361,9 +363,10 @@ void ImageListView::dropEvent(QDropEvent* event) {
     return;
   }
   QPointer<ImageListView> self(this);
-  const bool accepted = FileDropHandler::handle(FileDropHandler::providers(*mime), [self](QList<QUrl> urls) {
-    if (self) self->viewModel_.importFiles(urls);
-  });
+  const bool accepted =
+      FileDropHandler::handle(FileDropHandler::providers(*mime), [self](const QList<QUrl>& urls) {
+        if (self) self->viewModel_.importFiles(urls);
+      });
   if (accepted) {
     event->setDropAction(Qt::CopyAction);
     event->accept();
@@ -381,7 +384,8 @@ void ImageListView::paintEvent(QPaintEvent* event) {
   painter.setPen(QPen(accent, 2));
   painter.drawLine(QPoint(8, dropIndicatorY_), QPoint(viewport()->width() - 8, dropIndicatorY_));
   painter.setBrush(accent);
-  painter.drawEllipse(QPoint(8, dropIndicatorY_), 3, 3);
+  // The dot marks the line's start: its right end in a right-to-left layout.
+  painter.drawEllipse(QPoint(isRightToLeft() ? viewport()->width() - 8 : 8, dropIndicatorY_), 3, 3);
 }
 
 }  // namespace quillane::ui

@@ -1,12 +1,14 @@
 #include "ui/ImageRowDelegate.h"
 
 #include <QApplication>
+#include <QGuiApplication>
 #include <QPainter>
 #include <QtMath>
 
 #include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/ImageListModel.h"
+#include "ui/UiText.h"
 
 namespace quillane::ui {
 
@@ -46,6 +48,13 @@ struct ImageRowDelegate::Geometry {
   QRect thumb, arrow, compressed, name, badge, meta, summary, summaryFirst, summarySecond;
   QRect quality, warning, exportButton, remove;
   QRect failIcon, failRetry, failDismiss;
+  QRect row;
+  bool rightToLeft = false;
+  // `rect` mirrored across the row in a right-to-left layout (both ways: it is its own inverse).
+  QRect visual(const QRect& rect) const {
+    if (!rightToLeft || rect.isNull()) return rect;
+    return QRect(row.left() + row.right() - rect.right(), rect.top(), rect.width(), rect.height());
+  }
 };
 
 ImageRowDelegate::ImageRowDelegate(ImageListModel& model, QObject* parent)
@@ -59,7 +68,19 @@ QSize ImageRowDelegate::sizeHint(const QStyleOptionViewItem& option, const QMode
   return {width, std::max(imageRowHeight, lines)};
 }
 
-ImageRowDelegate::Geometry ImageRowDelegate::geometry(const QRect& r, const QModelIndex& index) const {
+ImageRowDelegate::Geometry ImageRowDelegate::geometry(const QRect& rowRect, const QModelIndex& index) const {
+  Geometry g = leftToRightGeometry(rowRect, index);
+  g.row = rowRect;
+  g.rightToLeft = QGuiApplication::isRightToLeft();
+  for (QRect* rect : {&g.thumb, &g.arrow, &g.compressed, &g.name, &g.badge, &g.meta, &g.summary,
+                      &g.summaryFirst, &g.summarySecond, &g.quality, &g.warning, &g.exportButton, &g.remove,
+                      &g.failIcon, &g.failRetry, &g.failDismiss})
+    *rect = g.visual(*rect);
+  return g;
+}
+
+ImageRowDelegate::Geometry ImageRowDelegate::leftToRightGeometry(const QRect& r,
+                                                                 const QModelIndex& index) const {
   Geometry g;
   const int cy = r.center().y();
   const int buttonTop = cy - buttonSide / 2 + 1;
@@ -73,8 +94,12 @@ ImageRowDelegate::Geometry ImageRowDelegate::geometry(const QRect& r, const QMod
   if (model_.kind(index.row()) == ImageListModel::RowKind::failure) {
     g.failDismiss = takeButton(8);
     const QFont small = smallFont(QApplication::font());
+    // A failure that trying again can't mend offers no Retry.
+    const ImportFailure* failure = model_.failureAt(index.row());
     const int retryWidth =
-        QFontMetrics(QApplication::font()).horizontalAdvance(Strings::text("common.retry")) + 8;
+        failure && failure->canRetry
+            ? QFontMetrics(QApplication::font()).horizontalAdvance(Strings::text("common.retry")) + 8
+            : 0;
     g.failRetry = QRect(right - retryWidth, cy - 11, retryWidth, 22);
     g.failIcon = QRect(r.left() + kPadding + 13, cy - 9, 18, 18);
     const int left = g.failIcon.right() + 13;
@@ -175,6 +200,10 @@ RowHit ImageRowDelegate::hitTest(const QRect& rowRect, const QModelIndex& index,
 }
 
 bool ImageRowDelegate::isEnabled(const QModelIndex& index, RowHit part) const {
+  if (part == RowHit::failureRetry) {
+    const ImportFailure* failure = model_.failureAt(index.row());
+    return failure && failure->canRetry;
+  }
   if (part == RowHit::exportButton) {
     auto image = model_.imageAt(index.row());
     return image && image->compressedData().has_value();
@@ -311,7 +340,12 @@ void ImageRowDelegate::paintImageRow(QPainter* painter, const QStyleOptionViewIt
   // Thumbnail group: original, arrow, result (faded with a spinner while encoding).
   const QPixmap thumb = model_.thumbnail(*image, thumbnailSide, dpr);
   painter->drawPixmap(g.thumb, thumb);
-  painter->drawPixmap(g.arrow, Icons::pixmap("arrow.right", g.arrow.width(), secondary, dpr));
+  QPixmap arrow = Icons::pixmap("arrow.right", g.arrow.width(), secondary, dpr);
+  if (g.rightToLeft) {
+    arrow = QPixmap::fromImage(arrow.toImage().mirrored(true, false));
+    arrow.setDevicePixelRatio(dpr);
+  }
+  painter->drawPixmap(g.arrow, arrow);
   painter->setOpacity(encoding ? 0.4 : 1.0);
   painter->drawPixmap(g.compressed, model_.resultThumbnail(*image, thumbnailSide, dpr));
   painter->setOpacity(1.0);
@@ -329,20 +363,23 @@ void ImageRowDelegate::paintImageRow(QPainter* painter, const QStyleOptionViewIt
   const QFont small = smallFont(option.font);
   painter->setFont(small);
   painter->setPen(secondary);
-  // The result's look, when measured, ends the line in its tone; the metadata gives way to it.
+  // The row's notes, then the result's look when measured, end the line each in its tone; the
+  // metadata gives way to them.
+  std::vector<RowRules::Note> words = RowRules::notes(*image, output);
   const RowRules::Look look = RowRules::look(*image);
-  QRect meta = g.meta;
-  if (!look.word.isEmpty() && !encoding) {
-    const QFontMetrics sfm(small);
-    const int wordWidth = std::min(sfm.horizontalAdvance(look.word) + 2, meta.width() / 2);
+  if (!look.word.isEmpty() && !encoding) words.push_back({look.word, look.tone});
+  QRect meta = g.visual(g.meta);  // laid out left to right, drawn where the layout puts it
+  const QFontMetrics sfm(small);
+  for (auto it = words.rbegin(); it != words.rend(); ++it) {
+    const int wordWidth = std::min(sfm.horizontalAdvance(it->text) + 2, meta.width() / 2);
     const QRect word(meta.right() - wordWidth + 1, meta.top(), wordWidth, meta.height());
     meta.setRight(word.left() - 8);
-    painter->setPen(toneColor(look.tone, palette));
-    painter->drawText(word, Qt::AlignRight | Qt::AlignVCenter,
-                      sfm.elidedText(look.word, Qt::ElideRight, word.width()));
-    painter->setPen(secondary);
+    painter->setPen(toneColor(it->tone, palette));
+    painter->drawText(g.visual(word), Qt::AlignRight | Qt::AlignVCenter,
+                      sfm.elidedText(it->text, Qt::ElideRight, word.width()));
   }
-  painter->drawText(meta, Qt::AlignLeft | Qt::AlignVCenter,
+  painter->setPen(secondary);
+  painter->drawText(g.visual(meta), Qt::AlignLeft | Qt::AlignVCenter,
                     QFontMetrics(small).elidedText(RowRules::metaText(*image), Qt::ElideRight, meta.width()));
 
   // Size summary.
@@ -353,10 +390,11 @@ void ImageRowDelegate::paintImageRow(QPainter* painter, const QStyleOptionViewIt
       painter->setPen(toneColor(summary.firstTone, palette));
       painter->drawText(g.summary, Qt::AlignRight | Qt::AlignVCenter, summary.firstLine);
       break;
-    case RowRules::SizeSummary::Kind::spinner:
-      paintSpinner(painter, QRect(g.summary.right() - 18, g.summary.center().y() - 9, 18, 18),
+    case RowRules::SizeSummary::Kind::spinner: {
+      const QRect column = g.visual(g.summary);  // the spinner ends the column where the text would
+      paintSpinner(painter, g.visual(QRect(column.right() - 18, column.center().y() - 9, 18, 18)),
                    palette.color(QPalette::Text));
-      break;
+    } break;
     case RowRules::SizeSummary::Kind::lines: {
       QFont first = image->encodeState().isFailed() ? small : option.font;
       if (!image->encodeState().isFailed()) first.setStyleHint(QFont::Monospace, QFont::PreferDefault);
@@ -406,14 +444,17 @@ void ImageRowDelegate::paintFailureRow(QPainter* painter, const QStyleOptionView
   const QFont small = smallFont(option.font);
   painter->setFont(small);
   painter->setPen(Icons::secondaryColor(palette));
-  painter->drawText(g.meta, Qt::AlignLeft | Qt::AlignVCenter,
-                    QFontMetrics(small).elidedText(failure->message, Qt::ElideRight, g.meta.width()));
+  painter->drawText(
+      g.meta, Qt::AlignLeft | Qt::AlignVCenter,
+      QFontMetrics(small).elidedText(directionIsolate(failure->message), Qt::ElideRight, g.meta.width()));
 
-  QFont link = option.font;
-  link.setUnderline(hoverIndex_ == index && hoverPart_ == RowHit::failureRetry);
-  painter->setFont(link);
-  painter->setPen(palette.color(QPalette::Link));
-  painter->drawText(g.failRetry, Qt::AlignCenter, Strings::text("common.retry"));
+  if (failure->canRetry) {
+    QFont link = option.font;
+    link.setUnderline(hoverIndex_ == index && hoverPart_ == RowHit::failureRetry);
+    painter->setFont(link);
+    painter->setPen(palette.color(QPalette::Link));
+    painter->drawText(g.failRetry, Qt::AlignCenter, Strings::text("common.retry"));
+  }
   paintButton(painter, option, index, RowHit::failureDismiss, g.failDismiss, "xmark.circle.fill",
               Icons::secondaryColor(palette));
 }

@@ -61,7 +61,9 @@ class ImageRowDelegate : public QStyledItemDelegate {
 
  private:
   struct Geometry;
+  // The parts as drawn: laid out left to right, then mirrored in a right-to-left layout.
   Geometry geometry(const QRect& rowRect, const QModelIndex& index) const;
+  Geometry leftToRightGeometry(const QRect& rowRect, const QModelIndex& index) const;
   void paintImageRow(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const;
   void paintFailureRow(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const;
   void paintHeader(QPainter* painter, const QStyleOptionViewItem& option) const;

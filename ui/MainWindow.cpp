@@ -8,6 +8,7 @@
 #include <QLabel>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QScreen>
 #include <QScrollBar>
 #include <QStackedWidget>
 #include <QTimer>
@@ -23,6 +24,7 @@
 #include "ui/ControlsBar.h"
 #include "ui/DesktopFileDialogs.h"
 #include "ui/DropTargetView.h"
+#include "ui/ExportSummaryView.h"
 #include "ui/Icons.h"
 #include "ui/ImageListModel.h"
 #include "ui/ImageListView.h"
@@ -33,6 +35,9 @@ namespace quillane::ui {
 
 namespace {
 const QString kGeometryKey = QStringLiteral("window/geometry");
+// Room for the window manager's title bar and borders, which are not known before the window
+// is shown.
+const QMargins kFrame(8, 40, 8, 8);
 
 // One change the model announced, already done when pushed: the stack's first redo is skipped.
 // Quality changes of one image in a row (a slider drag) merge into one step.
@@ -68,9 +73,8 @@ MainWindow::MainWindow(BatchViewModel& viewModel, QWidget* parent)
   setMinimumSize(minimumWidth, minimumHeight);
   resize(960, 640);
   // The size and place of the last session; restoreGeometry keeps the window on a screen.
-  if (const QByteArray geometry = SettingsFile::store()->value(kGeometryKey).toByteArray();
-      !geometry.isEmpty())
-    restoreGeometry(geometry);
+  const QByteArray geometry = SettingsFile::store()->value(kGeometryKey).toByteArray();
+  fitToScreen(!geometry.isEmpty() && restoreGeometry(geometry));
   viewModel_.setFileDialogs(fileDialogs_.get());
 
   auto* central = new QWidget(this);
@@ -83,6 +87,12 @@ MainWindow::MainWindow(BatchViewModel& viewModel, QWidget* parent)
   divider->setFrameShape(QFrame::HLine);
   divider->setFrameShadow(QFrame::Sunken);
   layout->addWidget(divider);
+  summary_ = new ExportSummaryView(
+      [this](const QList<QUrl>& files) { fileDialogs_->showFilesInFileManager(files); }, central);
+  layout->addWidget(summary_);
+  // What an export did; a desktop notification as well when the window is not in front.
+  connect(&viewModel_, &BatchViewModel::exportFinished, this,
+          [this](const ExportSummary& summary) { summary_->present(summary, !isActiveWindow()); });
 
   stack_ = new QStackedWidget(central);
   drop_ = new DropTargetView(
@@ -141,6 +151,24 @@ QUrl MainWindow::websiteURL() {
 void MainWindow::setFileDialogs(std::unique_ptr<DesktopFileDialogs> dialogs) {
   if (viewModel_.fileDialogs() == fileDialogs_.get()) viewModel_.setFileDialogs(dialogs.get());
   fileDialogs_ = std::move(dialogs);
+}
+
+void MainWindow::fitToScreen(bool placed) {
+  const QScreen* screen = this->screen() ? this->screen() : QGuiApplication::primaryScreen();
+  if (!screen) return;
+  const QRect area = screen->availableGeometry().marginsRemoved(kFrame);
+  // A small screen, or a large scale factor, gets a window smaller than its usual minimum
+  // rather than one that runs off the screen.
+  setMinimumSize(QSize(minimumWidth, minimumHeight).boundedTo(area.size()));
+  QRect frame = geometry();
+  frame.setSize(frame.size().boundedTo(area.size()));
+  if (!placed) {
+    resize(frame.size());  // the window manager places a new window
+    return;
+  }
+  frame.moveLeft(std::clamp(frame.left(), area.left(), area.right() + 1 - frame.width()));
+  frame.moveTop(std::clamp(frame.top(), area.top(), area.bottom() + 1 - frame.height()));
+  setGeometry(frame);
 }
 
 bool MainWindow::showsList() const { return stack_->currentWidget() == list_; }

@@ -26,6 +26,7 @@ namespace quillane::ui {
 class ControlsBar;
 class DesktopFileDialogs;
 class DropTargetView;
+class ExportSummaryView;
 class ImageListView;
 
 class MainWindow : public QMainWindow {
@@ -52,6 +53,7 @@ class MainWindow : public QMainWindow {
   DropTargetView* dropTarget() const { return drop_; }
   ImageListView* imageList() const { return list_; }
   QUndoStack* undoStack() const { return undoStack_; }
+  ExportSummaryView* exportSummary() const { return summary_; }
   bool showsList() const;
   QAction* exportAction() const { return exportAction_; }
   QWidget* qualityPopup() const { return qualityPopup_; }
@@ -67,6 +69,9 @@ class MainWindow : public QMainWindow {
   void closeEvent(QCloseEvent* event) override;
 
  private:
+  // Keeps the window's size inside the screen's available area, and its place when `placed`
+  // (restored from the last session) rather than left to the window manager.
+  void fitToScreen(bool placed);
   void buildMenus();
   void refresh();
   void refreshExportError();
@@ -77,6 +82,7 @@ class MainWindow : public QMainWindow {
   std::function<void()> openSettings_;
   ControlsBar* bar_;
   QStackedWidget* stack_;
+  ExportSummaryView* summary_;
   DropTargetView* drop_;
   ImageListView* list_;
   QLabel* total_;

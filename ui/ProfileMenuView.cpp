@@ -57,8 +57,7 @@ void ExportProfileMenuView::rebuildMenu() {
     connect(action, &QAction::triggered, this, [this, id] {
       for (const ExportProfile& p : viewModel_.exportProfiles())
         if (p.id == id) {
-          const ExportProfile chosen = p;
-          viewModel_.applyExportProfile(chosen);
+          viewModel_.applyExportProfile(p);
           return;
         }
     });

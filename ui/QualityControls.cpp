@@ -80,6 +80,7 @@ QualitySliderView::QualitySliderView(BatchViewModel& viewModel, QWidget* parent)
   Icons::makeSecondary(label_);
   slider_ = makeQualitySlider(this);
   readout_ = makeReadout(this);
+  label_->setBuddy(slider_);  // names the slider for screen readers
   layout->addWidget(label_);
   layout->addWidget(slider_);
   layout->addWidget(readout_);
@@ -198,6 +199,7 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
   auto* row = new QHBoxLayout;
   slider_ = makeQualitySlider(this);
   slider_->setFixedWidth(160);  // the popup has room for a finer slider than the bar
+  slider_->setAccessibleName(Strings::text("quality.overrideTitle"));
   readout_ = makeReadout(this);
   row->addWidget(slider_);
   row->addWidget(readout_);
@@ -278,6 +280,8 @@ void QualityOverridePopup::popUp(const QRect& anchor) {
   }
   move(pos);
   show();
+  // The keys move the quality at once: the slider is what the popup is for.
+  slider_->setFocus(Qt::PopupFocusReason);
 }
 
 }  // namespace quillane::ui

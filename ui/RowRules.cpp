@@ -29,8 +29,10 @@ QString qualityHelp(const ImportedImage& image, ImageFormat outputFormat) {
 }
 
 QString metaText(const ImportedImage& image) {
-  return Strings::format("row.metaFormat", image.width(), image.height(), label(image.originalFormat()),
-                         formatByteCount(image.originalSizeBytes()));
+  // One left-to-right run: the dimensions keep their order ("1600 × 1200") in a right-to-left layout.
+  return leftToRightIsolate(Strings::format("row.metaFormat", image.width(), image.height(),
+                                            label(image.originalFormat()),
+                                            formatByteCount(image.originalSizeBytes())));
 }
 
 SizeSummary sizeSummary(const ImportedImage& image, ImageFormat outputFormat) {
@@ -90,6 +92,16 @@ Look look(const ImportedImage& image) {
   }
   result.help = Strings::format("look.helpFormat", distanceText(*distance));
   return result;
+}
+
+std::vector<Note> notes(const ImportedImage& image, ImageFormat outputFormat) {
+  std::vector<Note> notes;
+  if (image.qualityOverride() && !isPassThrough(image, outputFormat))
+    notes.push_back(
+        {Strings::format("row.ownQualityFormat", qualityReadout(*image.qualityOverride())), Tone::link});
+  if (outputFormat == ImageFormat::jpeg && image.hasTransparency())
+    notes.push_back({Strings::text("row.transparencyWhite"), Tone::orange});
+  return notes;
 }
 
 QString distanceText(double distance) { return QLocale().toString(distance, 'f', 2); }

@@ -7,6 +7,7 @@
 
 #include <QString>
 #include <cstdint>
+#include <vector>
 
 #include "batch/BatchViewModel.h"
 #include "batch/ImportedImage.h"
@@ -53,6 +54,14 @@ struct Look {
 Look look(const ImportedImage& image);
 // A distance as the views show it: two decimals in the locale's digits ("0.84").
 QString distanceText(double distance);
+
+// The short notes that end a row's second line, in reading order: the image's own quality,
+// when it has one, and that its transparency turns white, when the output is JPEG.
+struct Note {
+  QString text;
+  Tone tone = Tone::secondary;
+};
+std::vector<Note> notes(const ImportedImage& image, ImageFormat outputFormat);
 
 // The line under the list: before, after and the saving of the ready results, in bytes and
 // percent; empty while no result is ready. Pass-through rows count at their own size.

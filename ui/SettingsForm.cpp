@@ -38,11 +38,11 @@ QWidget* wrapPane(QWidget* pane, int width) {
   return scroll;
 }
 
-FormatField makeFormatField(QWidget* form, std::function<void(ImageFormat)> choose) {
+FormatField makeFormatField(QWidget* form, const std::function<void(ImageFormat)>& choose) {
   auto* button = new QPushButton(form);
   button->setFixedWidth(120);
   auto* menu = new QMenu(button);
-  addFormatChoices(menu, std::move(choose));
+  addFormatChoices(menu, choose);
   button->setMenu(menu);
   return {button, menu};
 }
@@ -51,6 +51,8 @@ QualityField makeQualityField(QWidget* parent, QHBoxLayout* row, int readoutWidt
                               std::function<void(int)> changed) {
   auto* slider = new QSlider(Qt::Horizontal, parent);
   slider->setRange(1, 100);
+  // Named by itself: the form's label stands beside the row, not the slider.
+  slider->setAccessibleName(Strings::text("quality.label"));
   auto* readout = new QLabel(parent);
   readout->setFixedWidth(readoutWidth);
   readout->setAlignment(Qt::AlignRight | Qt::AlignVCenter);

@@ -29,7 +29,7 @@ struct FormatField {
   QPushButton* button;
   QMenu* menu;
 };
-FormatField makeFormatField(QWidget* form, std::function<void(ImageFormat)> choose);
+FormatField makeFormatField(QWidget* form, const std::function<void(ImageFormat)>& choose);
 
 // A quality slider from 1 to 100 and its right-aligned readout `readoutWidth` pixels wide,
 // added to `row`; `changed` gets every new value.

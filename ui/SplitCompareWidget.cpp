@@ -303,6 +303,11 @@ bool SplitCompareWidget::handleKey(QKeyEvent* event) {
         return false;
       return true;
     }
+    case Qt::Key_Home:
+    case Qt::Key_End:
+      if (mods != Qt::NoModifier) return false;
+      setSliderFraction(event->key() == Qt::Key_Home ? 0.0 : 1.0);
+      return true;
     case Qt::Key_Up:
     case Qt::Key_Down:
       if (!ctrl) return false;

@@ -4,12 +4,13 @@
 // transparent. Both halves share one zoom (fit, or 1, 2 or 4 device pixels a picture pixel)
 // and one pan, so that they always show the same region. A press near the divider, or
 // anywhere while the picture fits, moves the divider; a drag elsewhere pans. Keys: Left and
-// Right move the divider (with Shift in larger steps), Ctrl with an arrow pans, + and - zoom,
-// 0 fits, 1, 2 and 4 zoom to 100, 200 and 400 %; Ctrl with the wheel zooms around the pointer,
-// the wheel alone pans. Screen readers meet the divider as a slider from 0 to 100.
+// Right move the divider (with Shift in larger steps; Home and End to either edge), Ctrl with
+// an arrow pans, + and - zoom, 0 fits, 1, 2 and 4 zoom to 100, 200 and 400 %; Ctrl with the
+// wheel zooms around the pointer, the wheel alone pans. Screen readers meet the divider as a
+// slider from 0 to 100.
 //
-// Each side may hold two pictures: one bounded for fit and, once the user zooms in past it,
-// the picture at full resolution; the area draws the one that has the pixels the zoom needs.
+// Each side may hold two pictures: one bounded for fit and, while the user is zoomed in past
+// it, the picture at full resolution; the area draws the one that has the pixels the zoom needs.
 //
 // GUI thread only.
 

@@ -1,5 +1,6 @@
 #include "ui/UiText.h"
 
+#include <QGuiApplication>
 #include <QLocale>
 #include <cmath>
 
@@ -7,10 +8,21 @@
 
 namespace quillane::ui {
 
+QString leftToRightIsolate(const QString& text) {
+  if (!QGuiApplication::isRightToLeft() || text.isEmpty()) return text;
+  return QChar(0x2066) + text + QChar(0x2069);  // LEFT-TO-RIGHT ISOLATE ... POP DIRECTIONAL ISOLATE
+}
+
+QString directionIsolate(const QString& text) {
+  if (!QGuiApplication::isRightToLeft() || text.isEmpty()) return text;
+  return QChar(0x2068) + text + QChar(0x2069);  // FIRST STRONG ISOLATE ... POP DIRECTIONAL ISOLATE
+}
+
 QString formatByteCount(int64_t bytes) { return formatByteCount(bytes, QLocale()); }
 
 QString formatByteCount(int64_t bytes, const QLocale& locale) {
-  if (bytes < 1000) return locale.toString(qlonglong(std::max<int64_t>(bytes, 0))) + QStringLiteral(" B");
+  if (bytes < 1000)
+    return leftToRightIsolate(locale.toString(qlonglong(std::max<int64_t>(bytes, 0))) + QStringLiteral(" B"));
   // kB without decimals, MB with one, GB and above with two; a value that rounds up to 1000
   // moves to the next unit ("1 MB" rather than "1000 kB").
   static const char* const units[] = {"kB", "MB", "GB", "TB", "PB"};
@@ -26,7 +38,7 @@ QString formatByteCount(int64_t bytes, const QLocale& locale) {
       const QString zeroTail =
           QString(locale.decimalPoint()) + QString(decimals[i], locale.zeroDigit().at(0));
       if (decimals[i] > 0 && digits.endsWith(zeroTail)) digits.chop(zeroTail.size());
-      return digits + QLatin1Char(' ') + QLatin1String(units[i]);
+      return leftToRightIsolate(digits + QLatin1Char(' ') + QLatin1String(units[i]));
     }
   }
   return {};
@@ -43,8 +55,8 @@ SizeChange sizeChange(int64_t sizeBytes, int64_t originalSizeBytes) {
 }
 
 QString sizeChangeText(const SizeChange& change) {
-  if (change.reduced) return Strings::format("sign.reduced", change.percent);
-  return Strings::format("sign.increased", change.percent);
+  return leftToRightIsolate(change.reduced ? Strings::format("sign.reduced", change.percent)
+                                           : Strings::format("sign.increased", change.percent));
 }
 
 }  // namespace quillane::ui

@@ -12,8 +12,17 @@ class QLocale;
 
 namespace quillane::ui {
 
+// `text` as one left-to-right run inside a right-to-left layout (wrapped in the Unicode
+// isolates LRI ... PDI), so that a number keeps its unit on its right ("199 kB", "1600 × 1200")
+// however the line around it is ordered; as it is in a left-to-right layout.
+QString leftToRightIsolate(const QString& text);
+// `text` in the direction of its own first letter inside a right-to-left layout (FSI ... PDI),
+// so that a sentence keeps its full stop at its end; as it is in a left-to-right layout.
+QString directionIsolate(const QString& text);
+
 // A file size in decimal units (1 kB = 1000 bytes) with the locale's digits and decimal
-// separator: "0 B", "999 B", "12 kB", "1.2 MB", "3.45 GB". Negative counts read as 0.
+// separator: "0 B", "999 B", "12 kB", "1.2 MB", "3.45 GB". Negative counts read as 0. Isolated left to right
+// in a right-to-left layout (leftToRightIsolate).
 QString formatByteCount(int64_t bytes);
 QString formatByteCount(int64_t bytes, const QLocale& locale);
 
@@ -26,7 +35,7 @@ struct SizeChange {
 };
 SizeChange sizeChange(int64_t sizeBytes, int64_t originalSizeBytes);
 
-// "sign.reduced" / "sign.increased" filled with the percentage.
+// "sign.reduced" / "sign.increased" filled with the percentage (isolated, as above).
 QString sizeChangeText(const SizeChange& change);
 
 // A quality as the readouts show it: truncated toward zero, so 72.6 reads 72.

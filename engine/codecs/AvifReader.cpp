@@ -20,8 +20,36 @@ namespace {
 using AvifDecoderPtr = CHandle<avifDecoder, avifDecoderDestroy>;
 using AvifImagePtr = CHandle<avifImage, avifImageDestroy>;
 
-// A parsed decoder over `bytes`, which outlive it; nothing when the container is unreadable.
-AvifDecoderPtr parse(Input bytes) {
+// libavif's reader over a ByteSource, owned by the decoder: it asks for the boxes and the
+// items' data by offset, and nothing else of the file is read.
+struct SourceIO {
+  avifIO io{};
+  ByteSource* source;
+  std::vector<uint8_t> buffer;  // what the last read handed out
+
+  explicit SourceIO(ByteSource& from) : source(&from) {
+    io.destroy = [](avifIO* self) { delete static_cast<SourceIO*>(self->data); };
+    io.read = &SourceIO::read;
+    io.sizeHint = from.size();
+    io.persistent = AVIF_FALSE;
+    io.data = this;
+  }
+  static avifResult read(avifIO* self, uint32_t, uint64_t offset, size_t size, avifROData* out) {
+    auto* io = static_cast<SourceIO*>(self->data);
+    const uint64_t end = io->source->size();
+    if (offset > end || !io->source->seek(offset)) return AVIF_RESULT_IO_ERROR;
+    io->buffer.resize(size_t(std::min<uint64_t>(size, end - offset)));
+    if (io->source->read(io->buffer.data(), io->buffer.size()) != io->buffer.size())
+      return AVIF_RESULT_IO_ERROR;
+    out->data = io->buffer.data();
+    out->size = io->buffer.size();
+    return AVIF_RESULT_OK;
+  }
+};
+
+// A parsed decoder over `source`, which outlives it (its bytes in place where they are in
+// memory); nothing when the container is unreadable.
+AvifDecoderPtr parse(ByteSource& source) {
   AvifDecoderPtr decoder(avifDecoderCreate());
   if (!decoder) return nullptr;
   // libavif refuses limits above its own default (16384 x 16384 pixels).
@@ -35,7 +63,11 @@ AvifDecoderPtr parse(Input bytes) {
   decoder->strictFlags = AVIF_STRICT_DISABLED;
   decoder->ignoreExif = AVIF_TRUE;  // the orientation comes from irot/imir, never from EXIF
   decoder->ignoreXMP = AVIF_TRUE;
-  if (avifDecoderSetIOMemory(decoder.get(), bytes.data(), bytes.size()) != AVIF_RESULT_OK) return nullptr;
+  if (const std::optional<Input> bytes = source.contiguous()) {
+    if (avifDecoderSetIOMemory(decoder.get(), bytes->data(), bytes->size()) != AVIF_RESULT_OK) return nullptr;
+  } else {
+    avifDecoderSetIO(decoder.get(), &(new SourceIO(source))->io);
+  }
   if (avifDecoderParse(decoder.get()) != AVIF_RESULT_OK) return nullptr;
   return decoder;
 }
@@ -125,7 +157,12 @@ AvifImagePtr reduced(const avifImage* frame, int minLongSide) {
 }  // namespace
 
 std::optional<Properties> avifProperties(Input bytes) {
-  AvifDecoderPtr decoder = parse(bytes);
+  MemorySource source(bytes);
+  return avifProperties(source);
+}
+
+std::optional<Properties> avifProperties(ByteSource& source) {
+  AvifDecoderPtr decoder = parse(source);
   if (!decoder || !decoder->image) return std::nullopt;
   Properties props;
   props.width = int(decoder->image->width);
@@ -137,7 +174,12 @@ std::optional<Properties> avifProperties(Input bytes) {
 }
 
 std::optional<uint64_t> avifReducedDecodeBytes(Input bytes) {
-  AvifDecoderPtr decoder = parse(bytes);
+  MemorySource source(bytes);
+  return avifReducedDecodeBytes(source);
+}
+
+std::optional<uint64_t> avifReducedDecodeBytes(ByteSource& source) {
+  AvifDecoderPtr decoder = parse(source);
   if (!decoder || !decoder->image) return std::nullopt;
   const avifImage* image = decoder->image;
   const uint64_t pixels = uint64_t(image->width) * uint64_t(image->height);
@@ -149,15 +191,22 @@ std::optional<uint64_t> avifReducedDecodeBytes(Input bytes) {
   avifGetPixelFormatInfo(image->yuvFormat, &info);
   const double chroma = info.monochrome ? 0 : 2.0 / double((1 << info.chromaShiftX) << info.chromaShiftY);
   const double planes = double(sample) * (1 + chroma + (image->alphaPlane || decoder->alphaPresent ? 1 : 0));
-  const double copies = hasGridItem(bytes) ? 2.75 : 1.1;
-  return uint64_t(double(pixels) * planes * copies) + (8u << 20);
+  const std::optional<Input> whole = source.contiguous();
+  const std::vector<uint8_t> meta = whole ? std::vector<uint8_t>() : metaPayload(source);
+  const double copies = hasGridItem(whole ? *whole : Input(meta)) ? 2.75 : 1.1;
+  return estimatedBytes(double(pixels) * planes * copies + double(8u << 20));
 }
 
 DecodedImage decodeAvif(Input bytes, int minLongSide) {
-  AvifDecoderPtr decoder = parse(bytes);
+  MemorySource source(bytes);
+  return decodeAvif(source, minLongSide);
+}
+
+DecodedImage decodeAvif(ByteSource& source, int minLongSide) {
+  AvifDecoderPtr decoder = parse(source);
   if (!decoder) fail("avifDecoderParse: damaged or truncated AVIF");
   checkSize(decoder->image->width, decoder->image->height);
-  checkCodedSizes(bytes);
+  checkCodedSizes(source);
   // And dav1d, which libavif gives this limit when it starts it, refuses any frame larger than
   // the file declares (in whole 64-pixel blocks), whatever a header the check above missed says.
   auto blocks = [](uint64_t side) { return (side + 63) / 64 * 64; };
@@ -167,9 +216,8 @@ DecodedImage decodeAvif(Input bytes, int minLongSide) {
   // is checked against the size the track declares.
   avifExtent extent{};
   if (decoder->imageCount > 1 && avifDecoderNthImageMaxExtent(decoder.get(), 0, &extent) == AVIF_RESULT_OK &&
-      extent.offset <= bytes.size() && extent.size <= bytes.size() - extent.offset)
-    checkAv1Size(bytes.subspan(size_t(extent.offset), extent.size), decoder->image->width,
-                 decoder->image->height);
+      extent.offset <= source.size() && extent.size <= source.size() - extent.offset)
+    checkAv1Size(source.readAt(extent.offset, extent.size), decoder->image->width, decoder->image->height);
   {
     QuietStderr quiet;
     if (avifDecoderNextImage(decoder.get()) != AVIF_RESULT_OK) fail("avifDecoderNextImage");

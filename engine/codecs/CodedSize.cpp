@@ -280,17 +280,26 @@ void readIpma(Input payload, std::map<uint32_t, Item>& items) {
   }
 }
 
-// The bytes of an item: its one extent in place, or several joined in `joined`; nothing when
-// they are not all within `file` (an extent of length 0 runs to the end of its source).
-std::optional<Input> itemData(const Item& item, Input file, Input idat, std::vector<uint8_t>& joined) {
+// The bytes of an item: its one extent in place where the file is in memory, or read (and
+// several joined) into `joined`; nothing when they are not all within the file (an extent of
+// length 0 runs to the end of its source).
+std::optional<Input> itemData(const Item& item, ByteSource& file, Input idat, std::vector<uint8_t>& joined) {
+  const std::optional<Input> whole = file.contiguous();
   for (const Extent& extent : item.extents) {
-    const Input source = extent.method == 0 ? file : extent.method == 1 ? idat : Input();
-    if (extent.method > 1 || extent.offset > source.size()) return std::nullopt;
-    const uint64_t length = extent.length == 0 ? source.size() - extent.offset : extent.length;
-    if (length > source.size() - extent.offset) return std::nullopt;
-    const Input bytes = source.subspan(size_t(extent.offset), size_t(length));
-    if (item.extents.size() == 1) return bytes;
-    joined.insert(joined.end(), bytes.begin(), bytes.end());
+    if (extent.method > 1) return std::nullopt;
+    const uint64_t size = extent.method == 0 ? file.size() : idat.size();
+    if (extent.offset > size) return std::nullopt;
+    const uint64_t length = extent.length == 0 ? size - extent.offset : extent.length;
+    if (length > size - extent.offset) return std::nullopt;
+    if (extent.method == 1 || whole) {
+      const Input bytes = (extent.method == 1 ? idat : *whole).subspan(size_t(extent.offset), size_t(length));
+      if (item.extents.size() == 1) return bytes;
+      joined.insert(joined.end(), bytes.begin(), bytes.end());
+    } else {
+      const std::vector<uint8_t> bytes = file.readAt(extent.offset, size_t(length));
+      if (bytes.size() != length) return std::nullopt;
+      joined.insert(joined.end(), bytes.begin(), bytes.end());
+    }
   }
   return Input(joined);
 }
@@ -307,11 +316,37 @@ void checkWithin(const Coded& coded, uint64_t width, uint64_t height) {
 
 }  // namespace
 
+std::vector<uint8_t> metaPayload(ByteSource& file) {
+  // Far above any honest item list; a box that large is refused rather than read.
+  constexpr uint64_t kMaxMetaBytes = 64ull << 20;
+  const uint64_t end = file.size();
+  for (uint64_t at = 0; end - at >= 8;) {
+    const std::vector<uint8_t> header = file.readAt(at, 16);
+    ByteReader in{header};
+    uint64_t size = in.read(4);
+    const bool meta = header.size() >= 8 && std::memcmp(header.data() + 4, "meta", 4) == 0;
+    in.read(4);
+    if (size == 1) size = in.read(8);
+    if (size == 0) size = end - at;
+    if (!in.ok || size < in.at || size > end - at) break;
+    if (meta) {
+      if (size - in.at > kMaxMetaBytes) fail("item information larger than any picture needs");
+      return file.readAt(at + in.at, size_t(size - in.at));
+    }
+    at += size;
+  }
+  return {};
+}
+
 void checkCodedSizes(Input bytes) {
-  const std::vector<Box> top = boxesOf(bytes);
-  const Box* meta = find(top, "meta");
-  if (!meta || meta->payload.size() < 4) return;
-  const std::vector<Box> inMeta = boxesOf(meta->payload.subspan(4));
+  MemorySource source(bytes);
+  checkCodedSizes(source);
+}
+
+void checkCodedSizes(ByteSource& file) {
+  const std::vector<uint8_t> meta = metaPayload(file);
+  if (meta.size() < 4) return;
+  const std::vector<Box> inMeta = boxesOf(Input(meta).subspan(4));
   std::map<uint32_t, Item> items;
   if (const Box* iinf = find(inMeta, "iinf")) {
     const size_t countBytes = iinf->payload.size() > 0 && iinf->payload[0] == 0 ? 2 : 4;
@@ -363,7 +398,7 @@ void checkCodedSizes(Input bytes) {
       }
       if (config && av1 && config->payload.size() > 4) scanAv1(config->payload.subspan(4), coded);
       std::vector<uint8_t> joined;
-      if (auto data = itemData(item, bytes, idat, joined)) {
+      if (auto data = itemData(item, file, idat, joined)) {
         if (hevc)
           scanHevc(*data, lengthBytes, coded);
         else

@@ -26,14 +26,34 @@ struct Opened {
   HeifHandlePtr primary;
 };
 
-// The context reads `bytes` without copying them: they outlive it.
-std::optional<Opened> open(Input bytes) {
+// libheif's reader over a ByteSource: boxes are passed by their headers, and only the item
+// information and the data of the items decoded are read.
+const heif_reader kSourceReader = {
+    1, [](void* source) { return int64_t(static_cast<ByteSource*>(source)->position()); },
+    [](void* data, size_t size, void* source) {
+      return static_cast<ByteSource*>(source)->read(static_cast<uint8_t*>(data), size) == size ? 0 : 1;
+    },
+    [](int64_t position, void* source) {
+      return position >= 0 && static_cast<ByteSource*>(source)->seek(uint64_t(position)) ? 0 : 1;
+    },
+    [](int64_t size, void* source) {
+      return size >= 0 && uint64_t(size) <= static_cast<ByteSource*>(source)->size()
+                 ? heif_reader_grow_status_size_reached
+                 : heif_reader_grow_status_size_beyond_eof;
+    }};
+
+// The context reads `source` (its bytes in place where they are in memory): it outlives it.
+std::optional<Opened> open(ByteSource& source) {
   Opened opened{HeifContextPtr(heif_context_alloc()), nullptr};
   if (!opened.context) return std::nullopt;
   heif_context_set_maximum_image_size_limit(opened.context.get(), kMaxDimension);
-  if (heif_context_read_from_memory_without_copy(opened.context.get(), bytes.data(), bytes.size(), nullptr)
-          .code != heif_error_Ok)
-    return std::nullopt;
+  source.rewind();
+  const std::optional<Input> bytes = source.contiguous();
+  const heif_error error =
+      bytes ? heif_context_read_from_memory_without_copy(opened.context.get(), bytes->data(), bytes->size(),
+                                                         nullptr)
+            : heif_context_read_from_reader(opened.context.get(), &kSourceReader, &source, nullptr);
+  if (error.code != heif_error_Ok) return std::nullopt;
   heif_image_handle* handle = nullptr;
   if (heif_context_get_primary_image_handle(opened.context.get(), &handle).code != heif_error_Ok || !handle)
     return std::nullopt;
@@ -87,7 +107,12 @@ void copyPixels(const uint8_t* plane, int stride, int channels, int bits, Decode
 }  // namespace
 
 std::optional<Properties> heifProperties(Input bytes) {
-  auto opened = open(bytes);
+  MemorySource source(bytes);
+  return heifProperties(source);
+}
+
+std::optional<Properties> heifProperties(ByteSource& source) {
+  auto opened = open(source);
   if (!opened) return std::nullopt;
   Properties props;
   props.width = heif_image_handle_get_width(opened->primary.get());
@@ -227,12 +252,21 @@ std::optional<DecodedImage> decodeReduced(heif_image_handle* handle, int minLong
 }  // namespace
 
 std::optional<uint64_t> heifReducedDecodeBytes(Input bytes, int minLongSide) {
-  const CodedLayout layout = codedLayout(bytes);
+  MemorySource source(bytes);
+  return heifReducedDecodeBytes(source, minLongSide);
+}
+
+std::optional<uint64_t> heifReducedDecodeBytes(ByteSource& source, int minLongSide) {
+  // The boxes are scanned by name: the whole file where it is in memory, else its items.
+  const std::optional<Input> whole = source.contiguous();
+  const std::vector<uint8_t> meta = whole ? std::vector<uint8_t>() : metaPayload(source);
+  const Input boxes = whole ? *whole : Input(meta);
+  const CodedLayout layout = codedLayout(boxes);
   uint64_t pixels = layout.largestPixels;
   double sample = layout.bytesPerSample, alpha = 1;
   // From the first bytes of a longer file libheif reads nothing (it checks that every item lies
   // within the bytes): then the largest picture the boxes name counts, with alpha.
-  if (auto opened = open(bytes)) {
+  if (auto opened = open(source)) {
     HeifHandlePtr thumbnail = thumbnailOf(opened->primary.get(), minLongSide);
     heif_image_handle* handle = thumbnail ? thumbnail.get() : opened->primary.get();
     pixels = uint64_t(std::max(0, heif_image_handle_get_width(handle))) *
@@ -245,15 +279,20 @@ std::optional<uint64_t> heifReducedDecodeBytes(Input bytes, int minLongSide) {
   // libheif's planar RGB of the whole picture, and for a single picture the decoder's planes
   // and libheif's copy of them besides (measured: 7.1 bytes a pixel for 8-bit 4:2:0, 3.0 for
   // a grid of such cells, decoded one at a time); the reduced picture is small.
-  const double decoder = hasGridItem(bytes) ? 0.1 : 2.6;
+  const double decoder = hasGridItem(boxes) ? 0.1 : 2.6;
   const double perPixel = sample * ((3 + alpha) + (layout.samplesPerPixel + alpha) * decoder);
-  return uint64_t(double(pixels) * perPixel) + (8u << 20);
+  return estimatedBytes(double(pixels) * perPixel + double(8u << 20));
 }
 
 DecodedImage decodeHeif(Input bytes, int minLongSide) {
-  auto opened = open(bytes);
-  if (!opened) fail("heif_context_read_from_memory: damaged or truncated HEIF");
-  checkCodedSizes(bytes);
+  MemorySource source(bytes);
+  return decodeHeif(source, minLongSide);
+}
+
+DecodedImage decodeHeif(ByteSource& source, int minLongSide) {
+  auto opened = open(source);
+  if (!opened) fail("heif_context_read: damaged or truncated HEIF");
+  checkCodedSizes(source);
   HeifHandlePtr thumbnail = thumbnailOf(opened->primary.get(), minLongSide);
   heif_image_handle* handle = thumbnail ? thumbnail.get() : opened->primary.get();
   checkSize(uint64_t(std::max(0, heif_image_handle_get_width(handle))),

@@ -54,7 +54,7 @@ struct Destination {
   JpegJob* job;
 };
 
-constexpr size_t kInitialOutput = 64 * 1024;
+constexpr size_t kInitialOutput = size_t(64) * 1024;
 
 void initDestination(j_compress_ptr) {}
 

@@ -18,15 +18,43 @@
 namespace quillane::codecs {
 namespace {
 
-JxlDecoderPtr makeDecoder(Input bytes, int events) {
+// Gives libjxl the bytes of a source as it asks for them: all at once where they are in memory;
+// from a file, in chunks that grow with what libjxl holds back, keeping the bytes it has not
+// taken in yet, so that a header or a first frame reads that much of the file.
+class Feed {
+ public:
+  explicit Feed(ByteSource& source) : source_(source) { source.rewind(); }
+  // The first input.
+  bool start(JxlDecoder* decoder) {
+    if (const auto whole = source_.contiguous())
+      return JxlDecoderSetInput(decoder, whole->data(), whole->size()) == JXL_DEC_SUCCESS;
+    return more(decoder);
+  }
+  // More input, after JXL_DEC_NEED_MORE_INPUT: false at the end of the bytes.
+  bool more(JxlDecoder* decoder) {
+    if (source_.contiguous()) return false;
+    const size_t kept = JxlDecoderReleaseInput(decoder);
+    buffer_.erase(buffer_.begin(), buffer_.end() - std::ptrdiff_t(std::min(kept, buffer_.size())));
+    const size_t held = buffer_.size();
+    buffer_.resize(held + std::max<size_t>(64 << 10, held));
+    buffer_.resize(held + source_.read(buffer_.data() + held, buffer_.size() - held));
+    return buffer_.size() > held &&
+           JxlDecoderSetInput(decoder, buffer_.data(), buffer_.size()) == JXL_DEC_SUCCESS;
+  }
+
+ private:
+  ByteSource& source_;
+  std::vector<uint8_t> buffer_;
+};
+
+JxlDecoderPtr makeDecoder(Feed& feed, int events) {
   JxlDecoderPtr decoder = JxlDecoderMake(nullptr);
   if (!decoder) fail("JxlDecoderCreate");
   // No parallel runner: libjxl 0.7 aborts the process when a work item of some of its passes
   // fails, so a runner may not stop it half way. The caller looks at its cancellation flag
   // between the decoder's events.
   if (JxlDecoderSetKeepOrientation(decoder.get(), JXL_TRUE) != JXL_DEC_SUCCESS ||
-      JxlDecoderSubscribeEvents(decoder.get(), events) != JXL_DEC_SUCCESS ||
-      JxlDecoderSetInput(decoder.get(), bytes.data(), bytes.size()) != JXL_DEC_SUCCESS)
+      JxlDecoderSubscribeEvents(decoder.get(), events) != JXL_DEC_SUCCESS || !feed.start(decoder.get()))
     fail("JxlDecoderSetInput");
   // The input is deliberately left open: libjxl 0.7 prints an error to stderr when a closed
   // input runs out, while an open one just asks for more, which is taken as truncation.
@@ -92,9 +120,15 @@ struct Reducer {
 }  // namespace
 
 std::optional<Properties> jxlProperties(Input bytes) {
+  MemorySource source(bytes);
+  return jxlProperties(source);
+}
+
+std::optional<Properties> jxlProperties(ByteSource& source) {
   QuietStderr quiet;
   try {
-    JxlDecoderPtr decoder = makeDecoder(bytes, JXL_DEC_BASIC_INFO | JXL_DEC_FRAME);
+    Feed feed(source);
+    JxlDecoderPtr decoder = makeDecoder(feed, JXL_DEC_BASIC_INFO | JXL_DEC_FRAME);
     std::optional<Properties> props;
     bool animated = false;
     int frames = 0;
@@ -110,7 +144,7 @@ std::optional<Properties> jxlProperties(Input bytes) {
         if (!animated) return props;
       } else if (status == JXL_DEC_FRAME) {
         ++frames;  // frames are skipped, not decoded: no image buffer was asked for
-      } else {
+      } else if (status != JXL_DEC_NEED_MORE_INPUT || !feed.more(decoder.get())) {
         // Success, or a damaged tail after the header: what was read stands.
         if (props && animated) props->frameCount = std::max(1, frames);
         return props;
@@ -122,12 +156,20 @@ std::optional<Properties> jxlProperties(Input bytes) {
 }
 
 std::optional<uint64_t> jxlReducedDecodeBytes(Input bytes) {
+  MemorySource source(bytes);
+  return jxlReducedDecodeBytes(source);
+}
+
+std::optional<uint64_t> jxlReducedDecodeBytes(ByteSource& source) {
   QuietStderr quiet;
   try {
-    JxlDecoderPtr decoder = makeDecoder(bytes, JXL_DEC_BASIC_INFO);
+    Feed feed(source);
+    JxlDecoderPtr decoder = makeDecoder(feed, JXL_DEC_BASIC_INFO);
+    JxlDecoderStatus status;
+    while ((status = JxlDecoderProcessInput(decoder.get())) == JXL_DEC_NEED_MORE_INPUT)
+      if (!feed.more(decoder.get())) return std::nullopt;
     JxlBasicInfo info;
-    if (JxlDecoderProcessInput(decoder.get()) != JXL_DEC_BASIC_INFO ||
-        JxlDecoderGetBasicInfo(decoder.get(), &info) != JXL_DEC_SUCCESS)
+    if (status != JXL_DEC_BASIC_INFO || JxlDecoderGetBasicInfo(decoder.get(), &info) != JXL_DEC_SUCCESS)
       return std::nullopt;
     const uint64_t pixels = uint64_t(info.xsize) * uint64_t(info.ysize);
     const uint64_t channels = info.num_color_channels + (info.alpha_bits > 0 ? 1 : 0);
@@ -143,10 +185,15 @@ std::optional<uint64_t> jxlReducedDecodeBytes(Input bytes) {
 }
 
 DecodedImage decodeJxl(Input bytes, int minLongSide) {
+  MemorySource source(bytes);
+  return decodeJxl(source, minLongSide);
+}
+
+DecodedImage decodeJxl(ByteSource& source, int minLongSide) {
   QuietStderr quiet;
   Reducer reducer;
-  JxlDecoderPtr decoder =
-      makeDecoder(bytes, JXL_DEC_BASIC_INFO | JXL_DEC_COLOR_ENCODING | JXL_DEC_FULL_IMAGE);
+  Feed feed(source);
+  JxlDecoderPtr decoder = makeDecoder(feed, JXL_DEC_BASIC_INFO | JXL_DEC_COLOR_ENCODING | JXL_DEC_FULL_IMAGE);
   JxlBasicInfo info{};
   bool haveInfo = false;
   std::vector<uint8_t> icc, originalICC;
@@ -224,6 +271,9 @@ DecodedImage decodeJxl(Input bytes, int minLongSide) {
         }
         return image;  // the first frame is all we need
       }
+      case JXL_DEC_NEED_MORE_INPUT:
+        if (feed.more(decoder.get())) break;
+        [[fallthrough]];
       default:
         Cancellation::check();
         fail("JxlDecoderProcessInput: damaged or truncated JPEG XL");

@@ -52,6 +52,8 @@ struct PngJob {
   void* context;
   void (*iccFound)(void* context, const uint8_t* data, size_t size) noexcept;
   png_bytep* (*allocate)(void* context, const PngJob& job) noexcept;  // row pointers; null refuses
+  // Full reads: makes the first `rows` rows writable before libpng writes them.
+  void (*growTo)(void* context, png_uint_32 rows) noexcept;
   // Reduced reads: a buffer for one row of the full width, then each row as read (`pass` is
   // the Adam7 pass, or -1 when not interlaced; `y` the row within the pass).
   png_bytep (*rowBuffer)(void* context, const PngJob& job, size_t bytes) noexcept;  // null refuses
@@ -142,7 +144,17 @@ bool decodeWithLibpng(PngJob& job) {
   if (!rows) png_error(png, "allocation refused");
   if (job.reduction == Reduction::none) {
     png_set_read_status_fn(png, onRowRead);
-    png_read_image(png, rows);
+    if (interlace == PNG_INTERLACE_NONE) {
+      // Row by row, each made writable as it comes: data that ends early leaves the rest of
+      // the picture untouched.
+      for (png_uint_32 y = 0; y < job.height; ++y) {
+        job.growTo(job.context, y + 1);
+        png_read_row(png, rows[y], nullptr);
+      }
+    } else {
+      job.growTo(job.context, job.height);  // every pass writes across the whole picture
+      png_read_image(png, rows);
+    }
     png_read_end(png, nullptr);
   } else {
     png_bytep row = job.rowBuffer(job.context, job, png_get_rowbytes(png, info));
@@ -321,8 +333,11 @@ DecodedImage decodePng(ByteSource& source, int minLongSide) {
   job.allocate = [](void* context, const PngJob& j) noexcept -> png_bytep* {
     try {
       auto* t = static_cast<PngTarget*>(context);
-      t->image = allocateImage(int(j.outWidth), int(j.outHeight), j.bitDepth == 16 ? 16 : 8,
-                               j.alpha ? AlphaInfo::straight : AlphaInfo::none);
+      const AlphaInfo alpha = j.alpha ? AlphaInfo::straight : AlphaInfo::none;
+      const int bits = j.bitDepth == 16 ? 16 : 8;
+      t->image = j.reduction == Reduction::none
+                     ? reserveImage(int(j.outWidth), int(j.outHeight), bits, alpha)
+                     : allocateImage(int(j.outWidth), int(j.outHeight), bits, alpha);
       t->rows.assign(1, nullptr);
       if (j.reduction != Reduction::none) return t->rows.data();  // rows come one by one, through takeRow
       uint8_t* base =
@@ -334,6 +349,10 @@ DecodedImage decodePng(ByteSource& source, int minLongSide) {
     } catch (...) {
       return nullptr;
     }
+  };
+  // Within the storage reserved: the rows never move.
+  job.growTo = [](void* context, png_uint_32 rows) noexcept {
+    growImage(static_cast<PngTarget*>(context)->image, rows);
   };
   job.rowBuffer = [](void* context, const PngJob& j, size_t size) noexcept -> png_bytep {
     try {

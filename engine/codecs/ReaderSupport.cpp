@@ -29,18 +29,33 @@ void checkFitsInMemory(uint64_t pixels, uint64_t bytesPerPixel) {
   if (pixels > available / std::max<uint64_t>(bytesPerPixel, 1)) fail(kTooLarge);
 }
 
-DecodedImage allocateImage(int width, int height, int bitsPerComponent, AlphaInfo alpha) {
+DecodedImage reserveImage(int width, int height, int bitsPerComponent, AlphaInfo alpha) {
   checkSize(uint64_t(width), uint64_t(height));
   DecodedImage image;
   image.width = width;
   image.height = height;
   image.bitsPerComponent = bitsPerComponent;
   image.alpha = alpha;
-  // Every sample starts at its maximum, so readers that write no alpha leave it opaque.
+  // A large block comes straight from the system as untouched pages.
   if (bitsPerComponent == 16)
-    image.pixels16.assign(image.pixelCount() * 4, 0xFFFF);
+    image.pixels16.reserve(image.pixelCount() * 4);
   else
-    image.pixels8.assign(image.pixelCount() * 4, 0xFF);
+    image.pixels8.reserve(image.pixelCount() * 4);
+  return image;
+}
+
+void growImage(DecodedImage& image, size_t rows) {
+  const size_t samples = std::min(rows, size_t(image.height)) * size_t(image.width) * 4;
+  if (image.bitsPerComponent == 16) {
+    if (samples > image.pixels16.size()) image.pixels16.resize(samples, 0xFFFF);
+  } else if (samples > image.pixels8.size()) {
+    image.pixels8.resize(samples, 0xFF);
+  }
+}
+
+DecodedImage allocateImage(int width, int height, int bitsPerComponent, AlphaInfo alpha) {
+  DecodedImage image = reserveImage(width, height, bitsPerComponent, alpha);
+  growImage(image, size_t(height));
   return image;
 }
 

@@ -52,6 +52,10 @@ struct CodedLayout {
   uint64_t largestPixels = 0;
 };
 CodedLayout codedLayout(Input bytes);
+// The payload of an ISO-BMFF file's top-level "meta" box (its items, their properties and
+// where their data lies), read alone: the other boxes are passed by their headers. Empty when
+// there is none; throws ImageProcessingError::decodingFailed when it is absurdly large.
+std::vector<uint8_t> metaPayload(ByteSource& file);
 // Refuses an ISO-BMFF file (HEIC, AVIF) whose coded pictures are larger than their items
 // declare: the size in each HEVC sequence parameter set or AV1 sequence header, in the item's
 // configuration or its data, against its "ispe" (rounded up to whole 64-pixel blocks), before
@@ -59,6 +63,8 @@ CodedLayout codedLayout(Input bytes);
 // size, and a header it cannot read. Items whose data lies beyond `bytes` are judged by their
 // configuration alone. Throws ImageProcessingError::decodingFailed.
 void checkCodedSizes(Input bytes);
+// The same over a file, reading its item information and the items' data alone.
+void checkCodedSizes(ByteSource& file);
 // The same for the AV1 OBUs of one stretch of data (an image sequence's first frame), against
 // the size libavif reports for it.
 void checkAv1Size(Input obus, uint64_t width, uint64_t height);
@@ -98,6 +104,9 @@ class ReducedSums {
   std::vector<uint64_t> plain_, weighted_, alpha_;
 };
 
+// An estimate in bytes, UINT64_MAX where it is beyond what 64 bits hold (a size no header of
+// an honest file declares).
+inline uint64_t estimatedBytes(double bytes) { return bytes < 1.8e19 ? uint64_t(bytes) : UINT64_MAX; }
 // Throws ImageProcessingError::decodingFailed naming the failing call.
 [[noreturn]] void fail(const char* what);
 // Throws when a stored size is zero or beyond kMaxDimension / kMaxPixels.
@@ -105,11 +114,17 @@ void checkSize(uint64_t width, uint64_t height);
 // Throws kTooLarge when `pixels` at `bytesPerPixel` would not fit in the memory the process
 // can have: the machine's physical memory, or its address-space limit when that is lower.
 void checkFitsInMemory(uint64_t pixels, uint64_t bytesPerPixel);
-// A zeroed 8- or 16-bit RGBA image of the given size, alpha samples at their maximum.
+// An 8- or 16-bit RGBA image of the given size, every sample at its maximum (so that readers
+// that write no alpha leave it opaque).
 DecodedImage allocateImage(int width, int height, int bitsPerComponent, AlphaInfo alpha);
+// The same with its samples' storage reserved and nothing written, for a reader that fills it
+// row by row through growImage: a file whose data ends early touches only the rows it filled.
+DecodedImage reserveImage(int width, int height, int bitsPerComponent, AlphaInfo alpha);
+// The first `rows` rows of a reserved image, new samples at their maximum; never moves them.
+void growImage(DecodedImage& image, size_t rows);
 
-// JPEG and PNG also read from a ByteSource (a file read as libjpeg and libpng ask): it is
-// rewound first, and left anywhere.
+// Every reader also reads from a ByteSource (a file read as its library asks): it is rewound
+// first, and left anywhere.
 std::optional<Properties> jpegProperties(Input bytes);
 std::optional<Properties> jpegProperties(ByteSource& source);
 // `minLongSide` 0 decodes at full size; otherwise at the smallest DCT scale whose longer side
@@ -135,6 +150,10 @@ std::optional<Properties> webpProperties(Input bytes);
 // is its first frame alone, not the canvas.
 DecodedImage decodeWebp(Input bytes, int minLongSide = 0);
 std::optional<uint64_t> webpReducedDecodeBytes(Input bytes, int minLongSide);
+// From a file: its chunks walked by their headers, the picture read alone.
+std::optional<Properties> webpProperties(ByteSource& source);
+DecodedImage decodeWebp(ByteSource& source, int minLongSide = 0);
+std::optional<uint64_t> webpReducedDecodeBytes(ByteSource& source, int minLongSide);
 
 // HEIF reports no orientation: libheif applies irot/imir itself, and the size it reports is
 // the turned one.
@@ -143,18 +162,31 @@ std::optional<uint64_t> webpReducedDecodeBytes(Input bytes, int minLongSide);
 std::optional<Properties> heifProperties(Input bytes);
 DecodedImage decodeHeif(Input bytes, int minLongSide = 0);
 std::optional<uint64_t> heifReducedDecodeBytes(Input bytes, int minLongSide);
+// From a source, which libheif reads as it needs (boxes by their headers, the data of the
+// items it decodes).
+std::optional<Properties> heifProperties(ByteSource& source);
+DecodedImage decodeHeif(ByteSource& source, int minLongSide = 0);
+std::optional<uint64_t> heifReducedDecodeBytes(ByteSource& source, int minLongSide);
 
 // libavif never turns pixels: irot/imir are reported as the equivalent EXIF orientation.
 std::optional<Properties> avifProperties(Input bytes);
 // `minLongSide` above 0 averages the decoded planes down before they are turned into RGB.
 DecodedImage decodeAvif(Input bytes, int minLongSide = 0);
 std::optional<uint64_t> avifReducedDecodeBytes(Input bytes);
+// From a source, which libavif reads as it needs.
+std::optional<Properties> avifProperties(ByteSource& source);
+DecodedImage decodeAvif(ByteSource& source, int minLongSide = 0);
+std::optional<uint64_t> avifReducedDecodeBytes(ByteSource& source);
 
 std::optional<Properties> jxlProperties(Input bytes);
 // `minLongSide` above 0 averages the picture down as libjxl hands it over, without a
 // full-size output buffer.
 DecodedImage decodeJxl(Input bytes, int minLongSide = 0);
 std::optional<uint64_t> jxlReducedDecodeBytes(Input bytes);
+// From a source, fed to libjxl in chunks until what is asked for is out.
+std::optional<Properties> jxlProperties(ByteSource& source);
+DecodedImage decodeJxl(ByteSource& source, int minLongSide = 0);
+std::optional<uint64_t> jxlReducedDecodeBytes(ByteSource& source);
 
 // The EXIF orientation equivalent to HEIF's irot (anticlockwise quarter turns, 0...3) followed
 // by imir (mode 0: top and bottom exchanged, 1: left and right exchanged, -1: none).

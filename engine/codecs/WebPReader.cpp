@@ -119,6 +119,121 @@ DecodedImage decodeFirstFrame(const WebPDemuxer* demux, bool alpha, int minLongS
   return image;
 }
 
+// A WebP file's chunks as read from a source by their headers, payloads passed unread.
+struct Chunk {
+  uint64_t offset = 0;  // of the chunk's header
+  uint64_t size = 0;    // of its payload
+  bool found() const { return offset > 0; }
+  uint64_t end() const { return offset + 8 + size + (size & 1); }
+};
+struct Layout {
+  Chunk vp8x, iccp, anim, exif, frame, alpha, picture;  // frame: the first ANMF; alpha and
+                                                        // picture: the first frame's
+  int frames = 0;                                       // ANMF chunks
+};
+
+uint32_t le32(const uint8_t* p) {
+  return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+
+// The chunks of [begin, end) into `layout`: the first of each kind, and every ANMF counted.
+// Each header is read alone, so that a file of holes costs only its headers.
+void walkChunks(ByteSource& source, uint64_t begin, uint64_t end, Layout& layout, bool inFrame) {
+  for (uint64_t at = begin; end >= 8 && at <= end - 8;) {
+    uint8_t header[8];
+    if (!source.seek(at) || source.read(header, 8) != 8) break;
+    const Chunk chunk{at, le32(header + 4)};
+    if (chunk.end() > end) {
+      if (!std::memcmp(header, "VP8", 3) && !layout.picture.found())
+        layout.picture = chunk;  // cut short: fails to decode
+      break;
+    }
+    auto is = [&header](const char* fourcc) { return std::memcmp(header, fourcc, 4) == 0; };
+    auto first = [](Chunk& slot, const Chunk& c) {
+      if (!slot.found()) slot = c;
+    };
+    if (inFrame) {
+      if (is("ALPH") && !layout.picture.found()) first(layout.alpha, chunk);
+      if (is("VP8 ") || is("VP8L")) first(layout.picture, chunk);
+    } else if (is("ANMF")) {
+      if (++layout.frames == 1 && chunk.size >= 16) {
+        layout.frame = chunk;
+        walkChunks(source, chunk.offset + 8 + 16, chunk.offset + 8 + chunk.size, layout, true);
+      }
+    } else if (is("VP8X")) {
+      first(layout.vp8x, chunk);
+    } else if (is("ICCP")) {
+      first(layout.iccp, chunk);
+    } else if (is("ANIM")) {
+      first(layout.anim, chunk);
+    } else if (is("EXIF")) {
+      first(layout.exif, chunk);
+    } else if (is("ALPH") && !layout.picture.found()) {
+      first(layout.alpha, chunk);
+    } else if (is("VP8 ") || is("VP8L")) {
+      first(layout.picture, chunk);
+      if (!layout.vp8x.found()) break;  // a simple file ends with its picture
+    }
+    at = chunk.end();
+  }
+}
+
+std::optional<Layout> layoutOf(ByteSource& source) {
+  uint8_t riff[12];
+  source.rewind();
+  if (source.read(riff, 12) != 12 || std::memcmp(riff, "RIFF", 4) || std::memcmp(riff + 8, "WEBP", 4))
+    return std::nullopt;
+  Layout layout;
+  walkChunks(source, 12, std::min<uint64_t>(source.size(), uint64_t(le32(riff + 4)) + 8), layout, false);
+  if (!layout.picture.found()) return std::nullopt;
+  return layout;
+}
+
+// The bitstream features of the first frame, from the first bytes of its picture chunk.
+std::optional<WebPBitstreamFeatures> featuresOf(ByteSource& source, const Layout& layout) {
+  const std::vector<uint8_t> head = source.readAt(layout.picture.offset, 64);
+  WebPBitstreamFeatures features;
+  if (WebPGetFeatures(head.data(), head.size(), &features) != VP8_STATUS_OK || features.width <= 0 ||
+      features.height <= 0)
+    return std::nullopt;
+  features.has_alpha |= layout.alpha.found();
+  return features;
+}
+
+// A WebP of its own holding what a decode of the first frame needs: the extended header,
+// colour profile and animation header, and the first frame (or the alpha and the picture);
+// nothing of the metadata or of the other frames.
+std::vector<uint8_t> firstFrameFile(ByteSource& source, const Layout& layout) {
+  constexpr uint64_t kMaxProfileBytes = 64ull << 20;
+  std::vector<uint8_t> file = {'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'E', 'B', 'P'};
+  auto append = [&](const Chunk& chunk) {
+    if (!chunk.found()) return;
+    const std::vector<uint8_t> bytes = source.readAt(chunk.offset, size_t(chunk.end() - chunk.offset));
+    file.insert(file.end(), bytes.begin(), bytes.end());
+  };
+  append(layout.vp8x);
+  if (layout.vp8x.found() && layout.iccp.size <= kMaxProfileBytes) append(layout.iccp);
+  if (layout.frame.found()) {
+    append(layout.anim);
+    append(layout.frame);
+  } else {
+    if (layout.vp8x.found()) append(layout.alpha);
+    append(layout.picture);
+  }
+  const uint32_t riffSize = uint32_t(file.size() - 8);
+  for (int i = 0; i < 4; ++i) file[size_t(4 + i)] = uint8_t(riffSize >> (8 * i));
+  return file;
+}
+
+uint64_t reducedBytes(const WebPBitstreamFeatures& features, int minLongSide) {
+  // Scaling applies to the output only: a lossless frame is decoded whole (4 bytes a pixel),
+  // a lossy one row by row, but with its alpha plane whole.
+  const uint64_t pixels = uint64_t(features.width) * uint64_t(features.height);
+  const uint64_t perPixel = features.format != 1 ? 4 : features.has_alpha ? 2 : 0;
+  const uint64_t side = uint64_t(std::max(minLongSide, 1));
+  return pixels * perPixel + uint64_t(features.width) * 64 + side * side * 4 + (1u << 20);
+}
+
 }  // namespace
 
 std::optional<Properties> webpProperties(Input bytes) {
@@ -156,12 +271,7 @@ std::optional<uint64_t> webpReducedDecodeBytes(Input bytes, int minLongSide) {
   const VP8StatusCode status = WebPGetFeatures(frame.fragment.bytes, frame.fragment.size, &features);
   WebPDemuxReleaseIterator(&frame);
   if (status != VP8_STATUS_OK || features.width <= 0 || features.height <= 0) return std::nullopt;
-  // Scaling applies to the output only: a lossless frame is decoded whole (4 bytes a pixel),
-  // a lossy one row by row, but with its alpha plane whole.
-  const uint64_t pixels = uint64_t(features.width) * uint64_t(features.height);
-  const uint64_t perPixel = features.format != 1 ? 4 : features.has_alpha ? 2 : 0;
-  const uint64_t side = uint64_t(std::max(minLongSide, 1));
-  return pixels * perPixel + uint64_t(features.width) * 64 + side * side * 4 + (1u << 20);
+  return reducedBytes(features, minLongSide);
 }
 
 DecodedImage decodeWebp(Input bytes, int minLongSide) {
@@ -177,6 +287,46 @@ DecodedImage decodeWebp(Input bytes, int minLongSide) {
   auto profile = icc.bytes();
   image.colorSpace = ColorConvert::rgbSpace(std::vector<uint8_t>(profile.begin(), profile.end()));
   return image;
+}
+
+std::optional<Properties> webpProperties(ByteSource& source) {
+  if (const auto whole = source.contiguous()) return webpProperties(*whole);
+  const auto layout = layoutOf(source);
+  if (!layout) return std::nullopt;
+  Properties props;
+  if (layout->vp8x.found() && layout->vp8x.size >= 10) {
+    // The canvas: 24-bit width and height less one, after the flags and 3 reserved bytes.
+    const std::vector<uint8_t> vp8x = source.readAt(layout->vp8x.offset + 8, 10);
+    if (vp8x.size() != 10) return std::nullopt;
+    props.width = int(uint32_t(vp8x[4]) | uint32_t(vp8x[5]) << 8 | uint32_t(vp8x[6]) << 16) + 1;
+    props.height = int(uint32_t(vp8x[7]) | uint32_t(vp8x[8]) << 8 | uint32_t(vp8x[9]) << 16) + 1;
+    if ((vp8x[0] & ANIMATION_FLAG) && layout->frames > 0) props.frameCount = layout->frames;
+    if (layout->exif.found())
+      props.orientation = Exif::orientation(
+          source.readAt(layout->exif.offset + 8, size_t(std::min<uint64_t>(layout->exif.size, 1u << 20))));
+  } else {
+    const auto features = featuresOf(source, *layout);
+    if (!features) return std::nullopt;
+    props.width = features->width;
+    props.height = features->height;
+  }
+  return props;
+}
+
+std::optional<uint64_t> webpReducedDecodeBytes(ByteSource& source, int minLongSide) {
+  if (const auto whole = source.contiguous()) return webpReducedDecodeBytes(*whole, minLongSide);
+  const auto layout = layoutOf(source);
+  if (!layout) return std::nullopt;
+  const auto features = featuresOf(source, *layout);
+  if (!features) return std::nullopt;
+  return reducedBytes(*features, minLongSide);
+}
+
+DecodedImage decodeWebp(ByteSource& source, int minLongSide) {
+  if (const auto whole = source.contiguous()) return decodeWebp(*whole, minLongSide);
+  const auto layout = layoutOf(source);
+  if (!layout) fail("WebPDemux: damaged or truncated WebP");
+  return decodeWebp(firstFrameFile(source, *layout), minLongSide);
 }
 
 }  // namespace quillane::codecs

@@ -119,7 +119,7 @@ class RouterFixture : public ::testing::Test {
 
   // One request with the fixture's token (or `token`), answered while the GUI thread turns.
   RawHTTPResponse call(const std::string& method, const std::string& target, const std::string& body = {},
-                       std::optional<std::string> token = std::nullopt) {
+                       const std::optional<std::string>& token = std::nullopt) {
     std::string request = buildRequest(method, target, token ? token : std::optional(token_), body);
     return offThread([&] { return httpExchange(port_, request); });
   }

@@ -200,7 +200,7 @@ class DesktopBus : public ::testing::Test {
 
   QString image(const QString& relative, testing::Pattern pattern = testing::Pattern::photo) {
     DecodedImage picture = testing::makeImage(48, 32, pattern, 3);
-    const QString path = dir_.filePath("in/" + relative);
+    QString path = dir_.filePath("in/" + relative);
     testing::writeBytes(path.toStdString(),
                         relative.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
     return path;

@@ -18,7 +18,7 @@ using BatchEngineTest = BatchFixture;
 
 TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   // A 64 x 48 palette PNG with a pattern, written by the engine's own PNG writer.
-  std::vector<uint8_t> indices(64 * 48);
+  std::vector<uint8_t> indices(size_t(64) * 48);
   for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t((i / 7 + i % 64 / 5) % 4);
   const PNGWriter::PaletteEntry palette[] = {
       {255, 0, 0, 255}, {0, 255, 0, 255}, {0, 0, 255, 255}, {9, 9, 9, 255}};

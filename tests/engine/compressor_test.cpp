@@ -91,7 +91,7 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
 
   // libjxl repackages one- and three-component JPEGs only; a CMYK JPEG decodes fine, and the
   // fallback stays silent: the command-line tool's stderr carries only its own messages.
-  Bytes cmyk(32 * 16 * 4, 0);
+  Bytes cmyk(size_t(32 * 16 * 4), 0);
   for (size_t i = 0; i < cmyk.size(); i += 4) cmyk[i] = uint8_t(i % 200);
   const std::pair<Bytes, double> fromPixels[] = {
       {jpeg, 89.9},

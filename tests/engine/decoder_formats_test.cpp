@@ -130,7 +130,7 @@ TEST(Thumbnails, ReducedReadsKeepEveryCornerInPlace) {
       auto thumb = ImageService::thumbnail(file, size);
       ASSERT_TRUE(thumb) << size;
       EXPECT_EQ(thumb->width, size);
-      EXPECT_NEAR(thumb->height, size * 6 / 10, 1);
+      EXPECT_NEAR(thumb->height, size * 0.6, 1);
       using fixtures::Corner;
       for (Corner corner : {Corner::topLeft, Corner::topRight, Corner::bottomLeft, Corner::bottomRight})
         EXPECT_EQ(fixtures::quadrantAt(*thumb, corner), int(corner)) << size;

@@ -29,7 +29,7 @@ DecodedImage picture() { return testing::makeImage(40, 28, testing::Pattern::pho
 
 const Sample kSamples[] = {
     {"jpeg", [] { return fixtures::jpeg(picture(), {.orientation = 6, .icc = fixtures::displayP3ICC()}); }},
-    {"cmyk_jpeg", [] { return fixtures::cmykJpeg(8, 8, Bytes(8 * 8 * 4, 60), fixtures::cmykICC()); }},
+    {"cmyk_jpeg", [] { return fixtures::cmykJpeg(8, 8, Bytes(size_t(8 * 8 * 4), 60), fixtures::cmykICC()); }},
     {"png", [] { return fixtures::png(picture(), {.icc = fixtures::displayP3ICC(), .orientation = 3}); }},
     {"png16", [] { return fixtures::png(fixtures::quadrants(20, 10, 16, true)); }},
     {"webp", [] { return fixtures::webp(picture(), {.icc = fixtures::displayP3ICC(), .orientation = 8}); }},
@@ -124,7 +124,8 @@ TEST(ValidJpegs, APartlyDownloadedPhotoAndAFlatArithmeticCodedOneDecode) {
   ASSERT_EQ(partial.width, 64);
   ASSERT_EQ(partial.height, 64);
   // What arrived is shown as it is.
-  EXPECT_TRUE(std::equal(whole.pixels8.begin(), whole.pixels8.begin() + 64 * 4 * 8, partial.pixels8.begin()));
+  EXPECT_TRUE(std::equal(whole.pixels8.begin(), whole.pixels8.begin() + std::ptrdiff_t(64) * 4 * 8,
+                         partial.pixels8.begin()));
 
   const Bytes flat = fixtures::arithmeticGreyJpeg(6000, 6000);
   ASSERT_LT(flat.size(), 4000u);

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace quillane::testing {
 namespace {
@@ -37,6 +38,7 @@ std::vector<Chunk> pngChunks(std::span<const uint8_t> png) {
 
 std::vector<std::string> chunkTypes(const std::vector<Chunk>& chunks) {
   std::vector<std::string> types;
+  types.reserve(chunks.size());
   for (const Chunk& c : chunks) types.push_back(c.type);
   return types;
 }
@@ -115,7 +117,7 @@ std::optional<DecodedJXL> decodeJXL(std::span<const uint8_t> jxl) {
       case JXL_DEC_FULL_IMAGE:
         if (reconstructing) {
           jpegBuffer.resize(jpegBuffer.size() - JxlDecoderReleaseJPEGBuffer(dec.get()));
-          out.reconstructedJPEG = std::move(jpegBuffer);
+          out.reconstructedJPEG = std::exchange(jpegBuffer, {});
           reconstructing = false;
         }
         break;

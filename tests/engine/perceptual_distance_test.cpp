@@ -42,7 +42,7 @@ TEST(PerceptualDistance, TilesOfALargePictureAgreeWithTheWhole) {
   // Every tile, their margins giving each the context it has in the whole picture.
   EXPECT_NEAR(bounded(source, distorted), whole, 0.01 * whole);
   // Two tiles of six standing for all of them.
-  EXPECT_NEAR(bounded(source, distorted, 2 * 512 * 512), whole, 0.05 * whole);
+  EXPECT_NEAR(bounded(source, distorted, uint64_t(2) * 512 * 512), whole, 0.05 * whole);
 }
 
 TEST(PerceptualDistance, ComparesFilesAsTheEncoderReadsThem) {

@@ -107,7 +107,7 @@ TEST(FitBox, AveragesInLinearLightAndLetsNoTransparentColourBleed) {
   DecodedImage grey = Resample::fitBox(stripes, 32, 0);
   ASSERT_EQ(grey.width, 32);
   ASSERT_EQ(grey.height, 4);
-  EXPECT_NEAR(grey.pixels8[(2 * 32 + 16) * 4], 188, 2);
+  EXPECT_NEAR(grey.pixels8[size_t(2 * 32 + 16) * 4], 188, 2);
 
   // Transparent red beside opaque blue: blue stays pure, alpha halves; depth and profile kept.
   DecodedImage halves;
@@ -122,7 +122,7 @@ TEST(FitBox, AveragesInLinearLightAndLetsNoTransparentColourBleed) {
   ASSERT_EQ(out.bitsPerComponent, 16);
   ASSERT_EQ(out.width, 8);
   EXPECT_EQ(out.colorSpace.icc, halves.colorSpace.icc);
-  const uint16_t* p = &out.pixels16[4 * 4];
+  const uint16_t* p = &out.pixels16[size_t(4) * 4];
   EXPECT_LT(p[0], 700);
   EXPECT_GT(p[2], 64800);
   EXPECT_NEAR(p[3], 32768, 700);

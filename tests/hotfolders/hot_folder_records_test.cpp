@@ -80,7 +80,7 @@ TEST_F(HotFolderRecordsTest, DamagedProcessedFileReadsEmptyAndTheNextUpdateKeeps
 }
 
 TEST_F(HotFolderRecordsTest, ConcurrentUpdatesOfTwoFoldersLoseNothing) {
-  auto fill = [](QString folder) {
+  auto fill = [](const QString& folder) {
     for (int i = 0; i < 20; ++i) {
       HotFolderProcessedStore::update(folder, [&](HotFolderProcessedMap& files) {
         files.insert(QString::number(i), {i, double(i)});

@@ -59,7 +59,8 @@ TEST(ExportProfileJSON, OneBadEntryFailsTheWholeFile) {
       good + R"(,"skipLarger":1})",
       "7",
   };
-  for (const std::string& entry : bad) EXPECT_FALSE(decode("[" + good + "}," + entry + "]")) << entry;
+  const auto afterGood = [&good](const std::string& entry) { return "[" + good + "}," + entry + "]"; };
+  for (const std::string& entry : bad) EXPECT_FALSE(decode(afterGood(entry))) << entry;
   EXPECT_FALSE(decode(good + "}")) << "an object, not a list";
   EXPECT_TRUE(decode("[" + good + "}]"));
 }
@@ -97,7 +98,7 @@ class ExportProfileResolverTest : public StoreFolderTest {
     ExportProfiles::save({web, profile(idB, "Archive", ImageFormat::jxl, 95)});
   }
   using R = ExportProfileResolver::Resolved;
-  static void expect(const R& r, ImageFormat format, double quality, std::optional<QString> folder) {
+  static void expect(const R& r, ImageFormat format, double quality, const std::optional<QString>& folder) {
     EXPECT_EQ(r.format, format);
     EXPECT_EQ(r.quality, quality);
     EXPECT_EQ(r.outputDirectory, folder);

@@ -62,7 +62,7 @@ TEST_F(LanguageManagerTest, AnUnsupportedSystemStoresEnglishForTheNextLaunchAndA
     EXPECT_EQ(LanguageManager(platform({tag})).selectedLanguage(), std::nullopt) << tag;
   EXPECT_FALSE(QFile::exists(settingsPath()));
 
-  for (QStringList system : {QStringList{"nl-NL", "de-DE"}, QStringList{}, QStringList{"C"}}) {
+  for (const QStringList& system : {QStringList{"nl-NL", "de-DE"}, QStringList{}, QStringList{"C"}}) {
     LanguageManager::persist(std::nullopt);
     LanguageManager first(platform(system));
     EXPECT_EQ(first.selectedLanguage(), AppLanguage::enUS);

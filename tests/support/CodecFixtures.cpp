@@ -135,7 +135,7 @@ Bytes cmykICC(bool cyanPrintsRed) {
     if (cyanPrintsRed && node == 8) rgb[0] = 255, rgb[1] = 0, rgb[2] = 0;
     cmsCIELab value;
     cmsDoTransform(toLab, rgb, &value, 1);
-    cmsFloat2LabEncoded(&table[node * 3], &value);
+    cmsFloat2LabEncoded(&table[size_t(node) * 3], &value);
   }
   cmsDeleteTransform(toLab);
   cmsCloseProfile(lab), cmsCloseProfile(srgb);

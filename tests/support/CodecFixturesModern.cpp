@@ -310,8 +310,8 @@ Bytes grid(const Bytes& tileFile, int columns, int rows) {
   const Bytes ftyp = box("ftyp", ftypPayload);
   // The grid's description (8 bytes), then the one tile all grid cells point at.
   Bytes gridData = {0, 0, uint8_t(rows - 1), uint8_t(columns - 1)};
-  put(gridData, tileWidth * uint32_t(columns), 2);
-  put(gridData, tileHeight * uint32_t(rows), 2);
+  put(gridData, uint64_t(tileWidth) * uint32_t(columns), 2);
+  put(gridData, uint64_t(tileHeight) * uint32_t(rows), 2);
   require(rows <= 256 && columns <= 256 && tileWidth * uint32_t(columns) < 65536 &&
               tileHeight * uint32_t(rows) < 65536,
           "grid size");
@@ -349,7 +349,8 @@ Bytes grid(const Bytes& tileFile, int columns, int rows) {
     for (int item = 2; item <= tiles + 1; ++item) put(dimg, uint32_t(item), 2);
     Bytes tileSize, gridSize;
     put(tileSize, tileWidth, 4), put(tileSize, tileHeight, 4);
-    put(gridSize, tileWidth * uint32_t(columns), 4), put(gridSize, tileHeight * uint32_t(rows), 4);
+    put(gridSize, uint64_t(tileWidth) * uint32_t(columns), 4),
+        put(gridSize, uint64_t(tileHeight) * uint32_t(rows), 4);
     Bytes ipco = config;
     for (const Bytes& property : {box("ispe", tileSize, 0), box("ispe", gridSize, 0)})
       ipco.insert(ipco.end(), property.begin(), property.end());

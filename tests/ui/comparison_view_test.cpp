@@ -116,6 +116,9 @@ TEST_F(ComparisonArea, TheDividerFollowsTheMouseAndTheKeysAndIsASliderForScreenR
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.42);
   for (int i = 0; i < 8; ++i) QTest::keyClick(&a, Qt::Key_Right, Qt::ShiftModifier);
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 1.0);
+  QTest::keyClick(&a, Qt::Key_Home);
+  EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.0);
+  QTest::keyClick(&a, Qt::Key_End);
 
   QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(&a);
   ASSERT_NE(accessible, nullptr);

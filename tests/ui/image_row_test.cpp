@@ -1,6 +1,8 @@
 // What an image row shows and does, through the painted list and its rules, and the
 // per-image quality popup.
+#include <QApplication>
 #include <QLabel>
+#include <QMenu>
 #include <QPushButton>
 #include <QSlider>
 
@@ -95,16 +97,41 @@ TEST_F(ImageRowTest, TheWarningButtonWritesAgainToTheFailedDestination) {
   EXPECT_TRUE(QFile::exists(folder + "/a.jpg"));
 }
 
-TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRow) {
+TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRowAndAFormatNotReadOffersNoRetry) {
   makeModel();
+  QFile gif(dir_.filePath("anim.gif"));
+  ASSERT_TRUE(gif.open(QIODevice::WriteOnly) && gif.write("GIF89a\x01\0\x01\0") > 0);
+  gif.close();
   import({QUrl::fromLocalFile(dir_.filePath("missing1.png")), source("a.png"),
-          QUrl::fromLocalFile(dir_.filePath("missing2.png"))});
+          QUrl::fromLocalFile(dir_.filePath("missing2.png")), QUrl::fromLocalFile(gif.fileName())});
   ASSERT_TRUE(waitIdle());
-  ASSERT_EQ(model_->importFailures().size(), 2u);
+  ASSERT_EQ(model_->importFailures().size(), 3u);
+  const QModelIndex foreign = list().listModel().index(3);
+  EXPECT_FALSE(list().rowDelegate().isEnabled(foreign, RowHit::failureRetry));
+  EXPECT_TRUE(list().rowDelegate().isEnabled(list().listModel().index(2), RowHit::failureRetry));
+  EXPECT_EQ(std::unique_ptr<QMenu>(list().rowMenu(foreign))->actions().size(), 1) << "dismiss only";
   const QUuid second = model_->importFailures()[1].id;
   list().activate(list().listModel().index(1), RowHit::failureDismiss);
-  ASSERT_EQ(model_->importFailures().size(), 1u);
+  ASSERT_EQ(model_->importFailures().size(), 2u);
   EXPECT_EQ(model_->importFailures()[0].id, second);
+}
+
+TEST_F(ImageRowTest, TheRowSaysWhenItHasItsOwnQualityAndWhenJPEGWhitensItsTransparency) {
+  auto clear = importOne("clear.png", 1000, {.transparent = true});
+  auto opaque = importOne("opaque.png", 1000, {});
+  model_->setQualityOverride(opaque, 40);
+  const auto notes = [](const ImportedImage& image, ImageFormat format) {
+    QStringList texts;
+    for (const auto& note : ui::RowRules::notes(image, format)) texts << note.text;
+    return texts;
+  };
+  EXPECT_EQ(notes(*clear, ImageFormat::jpeg), QStringList{"La transparence devient blanche"});
+  EXPECT_EQ(notes(*clear, ImageFormat::webp), QStringList());
+  EXPECT_EQ(notes(*opaque, ImageFormat::jpeg), QStringList{"Qualité propre 40"});
+  // A screen reader hears them with the rest of the row.
+  EXPECT_TRUE(
+      list().listModel().data(rowOf(clear), Qt::AccessibleTextRole).toString().contains("transparence"));
+  ASSERT_TRUE(waitIdle());
 }
 
 class QualityPopupTest : public ImageRowTest {};
@@ -112,7 +139,8 @@ class QualityPopupTest : public ImageRowTest {};
 TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAndAClickMakesNoOverride) {
   auto image = importOne("a.png", 100'000, {});
   ui::QualityOverridePopup popup(*model_, image);
-  popup.show();
+  popup.popUp(QRect(20, 20, 26, 26));
+  EXPECT_EQ(QApplication::focusWidget(), popup.slider()) << "the keys move the quality at once";
   popup.slider()->setSliderDown(true);
   popup.slider()->setSliderDown(false);
   EXPECT_FALSE(image->qualityOverride().has_value());

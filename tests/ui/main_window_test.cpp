@@ -1,23 +1,30 @@
 // The main window against a real model: what the bar shows when, the disabled states of
 // export, the menu commands, the export alert, drops and row reordering.
 #include <QAction>
+#include <QDBusConnection>
+#include <QDBusMessage>
 #include <QDropEvent>
 #include <QLabel>
 #include <QMenu>
+#include <QMenuBar>
 #include <QMessageBox>
 #include <QMimeData>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QToolButton>
 
 #include "records/ExportProfile.h"
 #include "tests/ui/ui_test_support.h"
 #include "ui/ControlsBar.h"
+#include "ui/DesktopFileDialogs.h"
 #include "ui/DropTargetView.h"
+#include "ui/ExportSummaryView.h"
 #include "ui/ImageListModel.h"
 #include "ui/ImageListView.h"
 #include "ui/ProfileMenuView.h"
 #include "ui/QualityControls.h"
+#include "ui/UiText.h"
 
 namespace quillane::uitest {
 namespace {
@@ -151,5 +158,121 @@ TEST_F(MainWindowTest, DraggingARowMovesItAndTheModelKeepsTheOrder) {
   EXPECT_EQ(names, (QStringList{"b.png", "c.png", "a.png"}));
 }
 
+TEST_F(MainWindowTest, CtrlZTakesARemovalBackAndCtrlShiftZRemovesAgain) {
+  window();
+  import({source("a.png"), source("b.png")});
+  ASSERT_TRUE(waitIdle());
+  window().activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(&window()));
+  ui::ImageListView* list = window().imageList();
+  list->setFocus();
+  list->setCurrentIndex(list->listModel().index(0));
+  QTest::keyClick(list, Qt::Key_Delete);
+  ASSERT_EQ(model_->images().size(), 1u);
+  // The Edit menu's action, named after the step it takes back, holds the shortcut.
+  const QList<QAction*> edit = window().menuBar()->actions()[1]->menu()->actions();
+  EXPECT_EQ(edit[0]->shortcut(), QKeySequence(Qt::CTRL | Qt::Key_Z));
+  EXPECT_TRUE(edit[0]->text().contains("Retrait de l'image")) << edit[0]->text().toStdString();
+  QTest::keyClick(list, Qt::Key_Z, Qt::ControlModifier);
+  ASSERT_EQ(model_->images().size(), 2u);
+  EXPECT_EQ(model_->images()[0]->fileName(), "a.png");
+  QTest::keyClick(list, Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
+  EXPECT_EQ(model_->images().size(), 1u);
+}
+
+TEST_F(MainWindowTest, ARightToLeftLayoutMirrorsTheBarAndTheRowsAndKeepsNumbersWithTheirUnits) {
+  QGuiApplication::setLayoutDirection(Qt::RightToLeft);
+  const auto restore = qScopeGuard([] { QGuiApplication::setLayoutDirection(Qt::LeftToRight); });
+  window();
+  import({source("a.png", 199000)});
+  ASSERT_TRUE(waitIdle());
+  QCoreApplication::processEvents();
+  const auto x = [&](QWidget* w) { return w->mapTo(&window(), QPoint(0, 0)).x(); };
+  EXPECT_GT(x(bar().importButton()), x(bar().exportButton()));
+  ui::ImageListView* list = window().imageList();
+  const QModelIndex row = list->listModel().index(0);
+  const auto part = [&](ui::RowHit hit) {
+    return list->rowDelegate().partRect(list->visualRect(row), row, hit);
+  };
+  EXPECT_LT(part(ui::RowHit::remove).right(), part(ui::RowHit::quality).left());
+  EXPECT_LT(part(ui::RowHit::quality).right(), part(ui::RowHit::thumbnail).left());
+  EXPECT_EQ(ui::formatByteCount(199000), QString(QChar(0x2066)) + "199 kB" + QChar(0x2069));
+}
+
+// The desktop's notification service, as far as Notify: it keeps what it was asked.
+class NotificationSink : public QObject {
+  Q_OBJECT
+  Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+ public slots:
+  uint Notify(const QString&, uint, const QString&, const QString&, const QString& body,
+              const QStringList& offered, const QVariantMap&, int) {
+    bodies << body;
+    actions << offered;
+    return 7;
+  }
+
+ public:
+  QStringList bodies;
+  QList<QStringList> actions;
+};
+
+class ShownFiles : public ui::DesktopFileDialogs {
+ public:
+  void showFilesInFileManager(const QList<QUrl>& files) override { shown << files; }
+  QList<QList<QUrl>> shown;
+};
+
+TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsBehind) {
+  auto dialogs = std::make_unique<ShownFiles>();
+  ShownFiles* shown = dialogs.get();
+  window().setFileDialogs(std::move(dialogs));
+  import({source("a.png", 5750), source("b.png", 5750), source("c.png", 5750, {.failEncode = true})});
+  ASSERT_TRUE(waitIdle());
+  QDir(dir_.path()).mkdir("out");
+  ASSERT_TRUE(QFile::copy(dir_.filePath("a.png"), dir_.filePath("out/a.jpg")));
+
+  // The desktop's notification service, on a connection of its own.
+  QDBusConnection service = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "notifications");
+  if (!service.isConnected()) GTEST_SKIP() << "no session bus";
+  NotificationSink sink;
+  ASSERT_TRUE(
+      service.registerObject("/org/freedesktop/Notifications", &sink, QDBusConnection::ExportAllSlots));
+  ASSERT_TRUE(service.registerService("org.freedesktop.Notifications"));
+
+  // Another window in front.
+  QWidget front;
+  front.show();
+  front.activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(&front));
+  const auto exported = model_->exportAll(QUrl::fromLocalFile(dir_.filePath("out")));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return exported.isFinished(); }, 5000));
+  ui::ExportSummaryView* summary = window().exportSummary();
+  ASSERT_TRUE(summary->isVisible());
+  // Two written at quality 75 (750 bytes each) from 5750-byte sources; the failure counted.
+  EXPECT_EQ(summary->textLabel()->text().split('\n'),
+            (QStringList{"Fichiers exportés : 2 · espace gagné : 10 kB", "Remplacés : a.jpg", "Échecs : 1"}));
+  const QList<QUrl> written{QUrl::fromLocalFile(dir_.filePath("out/a.jpg")),
+                            QUrl::fromLocalFile(dir_.filePath("out/b.jpg"))};
+  summary->showInFolderButton()->click();
+  EXPECT_EQ(shown->shown, QList<QList<QUrl>>{written});
+
+  // The window is behind: the notification offers the same.
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !sink.bodies.isEmpty(); }, 5000));
+  EXPECT_EQ(sink.bodies[0], summary->textLabel()->text());
+  EXPECT_EQ(sink.actions[0].value(0), "show-in-folder");
+  QDBusMessage chosen = QDBusMessage::createSignal("/org/freedesktop/Notifications",
+                                                   "org.freedesktop.Notifications", "ActionInvoked");
+  chosen << uint(7) << QString("show-in-folder");
+  ASSERT_TRUE(service.send(chosen));
+  EXPECT_TRUE(QTest::qWaitFor([&] { return shown->shown.size() == 2; }, 5000));
+  service.unregisterService("org.freedesktop.Notifications");
+  service.unregisterObject("/org/freedesktop/Notifications");
+  QDBusConnection::disconnectFromBus("notifications");
+  QTest::keyClick(summary->closeButton(), Qt::Key_Escape);
+  EXPECT_FALSE(summary->isVisible());
+}
+
 }  // namespace
 }  // namespace quillane::uitest
+
+#include "main_window_test.moc"

@@ -1,4 +1,5 @@
-// Renders the window, the comparison sheet, the history, the tray menu and each settings tab to
+// Renders the window (also with an export's summary, and right to left), the comparison sheet,
+// the history, the tray menu and each settings tab to
 // PNG files for a person to look at, when make screenshots asks (the Screenshots suite runs only
 // then), and checks in every language that no text of the bar or the panes is cut at the
 // window's minimum size (ClippedText, in CTest with the label `slow`).
@@ -22,6 +23,7 @@
 #include "ui/ComparisonView.h"
 #include "ui/ControlsBar.h"
 #include "ui/ExportHistoryView.h"
+#include "ui/ExportSummaryView.h"
 #include "ui/HotFoldersSettingsView.h"
 #include "ui/ImageListView.h"
 #include "ui/MainWindow.h"
@@ -127,6 +129,28 @@ TEST_F(Screenshots, MainWindowLightAndDarkAndTheHistory) {
   EXPECT_EQ(history.rowCount(), 1);
   QApplication::setPalette(darkPalette());
   save(showWindow({960, 640}).get(), "main-dark");
+  openGate();
+  ASSERT_TRUE(waitIdle());
+}
+
+// The summary of an export over the list, and the window laid out right to left, at 1280x800.
+TEST_F(Screenshots, ExportSummaryAndRightToLeftLightAndDark) {
+  useLanguage(QStringLiteral("en-US"));
+  makeShowcaseBatch();
+  for (const QString& name : {QStringLiteral("summary-light"), QStringLiteral("summary-dark")}) {
+    if (name.endsWith("dark")) QApplication::setPalette(darkPalette());
+    auto window = showWindow({1280, 800});
+    const auto exported = model_->exportAll(QUrl::fromLocalFile(dir_.filePath("out")));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return exported.isFinished(); }, 5000));
+    EXPECT_TRUE(window->exportSummary()->isVisible());
+    save(window.get(), name);
+  }
+  QApplication::setPalette(QApplication::style()->standardPalette());
+  QGuiApplication::setLayoutDirection(Qt::RightToLeft);
+  save(showWindow({1280, 800}).get(), "rtl-light");
+  QApplication::setPalette(darkPalette());
+  save(showWindow({1280, 800}).get(), "rtl-dark");
+  QGuiApplication::setLayoutDirection(Qt::LeftToRight);
   openGate();
   ASSERT_TRUE(waitIdle());
 }

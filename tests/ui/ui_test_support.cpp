@@ -97,6 +97,10 @@ ImageDecoder::LightDecodedImage UiFixture::inspect(const std::string& path) {
   decoded.thumbnail =
       testing::makeImage(std::max(1, 64 * file.width / side), std::max(1, 64 * file.height / side),
                          testing::Pattern::photo, uint32_t(qHash(name)));
+  if (file.transparent) {
+    decoded.thumbnail.alpha = AlphaInfo::straight;
+    decoded.thumbnail.pixels8[3] = 0;
+  }
   return decoded;
 }
 

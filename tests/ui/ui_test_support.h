@@ -26,6 +26,7 @@ struct FakeFile {
   int frameCount = 1;
   int64_t encodedSize = -1;  // -1: quality x 10
   bool failEncode = false;
+  bool transparent = false;  // the thumbnail has a clear corner
 };
 
 class UiFixture : public ::testing::Test {

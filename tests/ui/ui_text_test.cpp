@@ -133,7 +133,7 @@ class DelayedProvider : public DropItemProvider {
 
 QList<QUrl> runDrop(const DropItemProviders& providers, bool* accepted) {
   std::optional<QList<QUrl>> result;
-  *accepted = FileDropHandler::handle(providers, [&](QList<QUrl> urls) { result = urls; });
+  *accepted = FileDropHandler::handle(providers, [&](const QList<QUrl>& urls) { result = urls; });
   if (*accepted) {
     EXPECT_TRUE(QTest::qWaitFor([&] { return result.has_value(); }, 3000));
   }
@@ -157,7 +157,7 @@ TEST(FileDrop, KeepsTheOrderOfTheDragWhateverOrderTheAnswersComeAndLeavesOutNonF
 
 TEST(FileDrop, ADropWithoutLocalFilesIsDeclinedAndNeverCompletes) {
   auto link = std::make_shared<DelayedProvider>(QVariant(QUrl("https://x.test/")), 0, false);
-  EXPECT_FALSE(FileDropHandler::handle({link}, [](QList<QUrl>) { ADD_FAILURE() << "completed"; }));
+  EXPECT_FALSE(FileDropHandler::handle({link}, [](const QList<QUrl>&) { ADD_FAILURE() << "completed"; }));
   EXPECT_FALSE(link->loaded) << "nothing is asked of a declined drop";
   QMimeData mixed;
   mixed.setUrls({QUrl("https://x.test/y.png"), QUrl::fromLocalFile("/tmp/folder")});

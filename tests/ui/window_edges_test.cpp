@@ -1,11 +1,18 @@
 // What a user meets in the window's corners: a double click on a row button, the exclusive
 // format menus, the profile button's arrow, and the file dialogs' start folders and filter.
+#include <QAbstractItemView>
+#include <QAbstractSpinBox>
 #include <QApplication>
+#include <QComboBox>
 #include <QFileDialog>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
 #include <QMouseEvent>
 #include <QPushButton>
+#include <QScreen>
+#include <QScrollBar>
+#include <QSlider>
 #include <QStyleOptionButton>
 #include <QTimer>
 
@@ -63,7 +70,7 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardAndNamedForScree
   EXPECT_TRUE(list.focusPolicy() & Qt::TabFocus);
   std::vector<std::shared_ptr<ImportedImage>> compared;
   QObject::connect(&list, &ui::ImageListView::comparisonRequested,
-                   [&](std::shared_ptr<ImportedImage> image) { compared.push_back(image); });
+                   [&](const std::shared_ptr<ImportedImage>& image) { compared.push_back(image); });
   list.setFocus();
   list.setCurrentIndex(list.listModel().index(1));  // the failure row
   QTest::keyClick(&list, Qt::Key_Down);
@@ -243,7 +250,7 @@ TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQ
 
 // Runs `open` and, once its dialog is up, hands it to `use`, which accepts or rejects it.
 template <class Open>
-auto withDialog(Open open, std::function<void(QFileDialog&)> use) {
+auto withDialog(Open open, const std::function<void(QFileDialog&)>& use) {
   bool seen = false;
   QTimer::singleShot(0, [&] {
     auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
@@ -313,6 +320,67 @@ TEST_F(WindowEdgesTest, TheProfileFolderChooserIsParentedToTheSettingsWindow) {
   ASSERT_TRUE(pane);
   pane->chooseFolder();
   EXPECT_EQ(dialogs.parents, std::vector<QWidget*>{&settings});
+}
+
+// The offscreen screen (800 x 800) is narrower than the window's usual size, and at a scale
+// factor of 2 (ui.MainWindowAtScale2) smaller than its minimum: it opens inside it all the same.
+TEST_F(WindowEdgesTest, TheWindowOpensInsideTheScreen) {
+  const QRect area = window().screen()->availableGeometry();
+  const QRect frame = window().frameGeometry();
+  EXPECT_TRUE(area.contains(frame)) << frame.x() << "," << frame.y() << " " << frame.width() << "x"
+                                    << frame.height() << " in " << area.width() << "x" << area.height();
+}
+
+// The controls under `root` that a screen reader could only name by guessing: no accessible
+// name, no text of their own, and no label that names them as its buddy.
+std::string unnamedControls(QWidget* root) {
+  QSet<QWidget*> labelled;
+  for (QLabel* label : root->findChildren<QLabel*>())
+    if (label->buddy() && !label->text().isEmpty()) labelled.insert(label->buddy());
+  QStringList unnamed;
+  for (QWidget* w : root->findChildren<QWidget*>()) {
+    const bool control = qobject_cast<QAbstractButton*>(w) || qobject_cast<QAbstractSlider*>(w) ||
+                         qobject_cast<QComboBox*>(w) || qobject_cast<QLineEdit*>(w) ||
+                         qobject_cast<QAbstractSpinBox*>(w) || qobject_cast<QAbstractItemView*>(w);
+    // Scroll bars, Qt's own parts ("qt_menubar_ext_button"), and the editors inside a spin box
+    // or a combo box, are named by their owner.
+    if (!control || qobject_cast<QScrollBar*>(w) || w->objectName().startsWith("qt_") ||
+        qobject_cast<QAbstractSpinBox*>(w->parentWidget()) || qobject_cast<QComboBox*>(w->parentWidget()) ||
+        w->inherits("QComboBoxListView"))
+      continue;
+    const auto* button = qobject_cast<QAbstractButton*>(w);
+    if (!w->accessibleName().isEmpty() || (button && !button->text().isEmpty()) || labelled.contains(w))
+      continue;
+    QString path = w->metaObject()->className();
+    for (QWidget* p = w->parentWidget(); p && p != root; p = p->parentWidget())
+      path = QString(p->metaObject()->className()) + "/" + path;
+    unnamed << path;
+  }
+  return unnamed.join("; ").toStdString();
+}
+
+TEST_F(WindowEdgesTest, EveryControlOfTheWindowItsPopupsAndTheSettingsHasAName) {
+  window();
+  import({source("a.png")});
+  ASSERT_TRUE(waitIdle());
+  const auto exported = model_->exportAll(QUrl::fromLocalFile(dir_.path()));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return exported.isFinished(); }, 5000));
+  window().controlsBar()->showHistory();
+  window().showQualityOverride(model_->images()[0], QRect(10, 10, 20, 20));
+  EXPECT_EQ(unnamedControls(&window()), "");
+  for (QWidget* popup : QApplication::topLevelWidgets()) {
+    if (popup->isVisible() && popup != &window()) {
+      EXPECT_EQ(unnamedControls(popup), "");
+    }
+  }
+
+  RecordingFileDialogs dialogs;
+  LocalAPIController controller(*model_);
+  UpdateChecker checker(QUrl("http://127.0.0.1:9"), "1.0");
+  LanguageManager languages(LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
+  ui::SettingsWindow settings({*model_, controller, checker, languages, &dialogs}, &window());
+  settings.setAttribute(Qt::WA_DeleteOnClose, false);
+  EXPECT_EQ(unnamedControls(&settings), "");
 }
 
 }  // namespace

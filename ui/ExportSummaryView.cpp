@@ -1,0 +1,129 @@
+#include "ui/ExportSummaryView.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QPushButton>
+#include <QToolButton>
+#include <QVariantMap>
+
+#include "services/Strings.h"
+#include "ui/Icons.h"
+#include "ui/UiText.h"
+
+namespace quillane::ui {
+
+namespace {
+const QString kService = QStringLiteral("org.freedesktop.Notifications");
+const QString kPath = QStringLiteral("/org/freedesktop/Notifications");
+const QString kShowAction = QStringLiteral("show-in-folder");
+// More names than this are cut short: the banner is a summary, the history has them all.
+constexpr int kMaxNames = 8;
+}  // namespace
+
+ExportSummaryView::ExportSummaryView(std::function<void(const QList<QUrl>&)> showInFolder, QWidget* parent)
+    : QFrame(parent), showFiles_(std::move(showInFolder)) {
+  setObjectName(QStringLiteral("exportSummary"));
+  setFrameShape(QFrame::StyledPanel);
+  setAutoFillBackground(true);
+  setBackgroundRole(QPalette::AlternateBase);
+  auto* layout = new QHBoxLayout(this);
+  layout->setContentsMargins(12, 6, 6, 6);
+  auto* icon = new QLabel(this);
+  icon->setPixmap(
+      Icons::pixmap("square.and.arrow.down", 16, Icons::greenColor(palette()), devicePixelRatioF()));
+  layout->addWidget(icon, 0, Qt::AlignTop);
+  text_ = new QLabel(this);
+  text_->setWordWrap(true);
+  text_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+  layout->addWidget(text_, 1);
+  showInFolder_ = new QPushButton(Strings::text("intents.notification.showInFolder"), this);
+  connect(showInFolder_, &QPushButton::clicked, this, [this] {
+    if (!written_.isEmpty() && showFiles_) showFiles_(written_);
+  });
+  layout->addWidget(showInFolder_, 0, Qt::AlignTop);
+  close_ = new QToolButton(this);
+  close_->setAutoRaise(true);
+  close_->setIcon(Icons::icon("xmark.circle.fill"));
+  close_->setAccessibleName(Strings::text("common.close"));
+  close_->setToolTip(Strings::text("common.close"));
+  close_->setFocusPolicy(Qt::StrongFocus);
+  connect(close_, &QToolButton::clicked, this, &QWidget::hide);
+  layout->addWidget(close_, 0, Qt::AlignTop);
+  hide();
+}
+
+QStringList ExportSummaryView::lines(const ExportSummary& summary) {
+  QStringList lines;
+  if (summary.writtenCount > 0) {
+    lines << (summary.bytesSaved >= 0 ? Strings::format("export.summary.savedFormat", summary.writtenCount,
+                                                        formatByteCount(summary.bytesSaved))
+                                      : Strings::format("export.summary.largerFormat", summary.writtenCount,
+                                                        formatByteCount(-summary.bytesSaved)));
+  }
+  if (!summary.replacedNames.isEmpty()) {
+    QStringList names = summary.replacedNames.mid(0, kMaxNames);
+    if (summary.replacedNames.size() > kMaxNames) names << QStringLiteral("…");
+    lines << Strings::format("export.summary.replacedFormat", names.join(QStringLiteral(", ")));
+  }
+  if (summary.keptOriginalCount > 0)
+    lines << Strings::format("export.summary.keptFormat", summary.keptOriginalCount);
+  if (summary.failureCount > 0) lines << Strings::format("export.summary.failedFormat", summary.failureCount);
+  return lines;
+}
+
+void ExportSummaryView::present(const ExportSummary& summary, bool notify) {
+  const QStringList shown = lines(summary);
+  if (shown.isEmpty()) return;
+  written_ = summary.written;
+  text_->setText(shown.join(QLatin1Char('\n')));
+  setAccessibleName(Strings::text("export.summary.title"));
+  setAccessibleDescription(shown.join(QLatin1Char('\n')));
+  showInFolder_->setVisible(!written_.isEmpty());
+  show();
+  if (notify) sendNotification(shown);
+}
+
+void ExportSummaryView::keyPressEvent(QKeyEvent* event) {
+  if (event->key() == Qt::Key_Escape) {
+    hide();
+    return;
+  }
+  QFrame::keyPressEvent(event);
+}
+
+void ExportSummaryView::sendNotification(const QStringList& lines) {
+  QDBusConnection bus = QDBusConnection::sessionBus();
+  if (!bus.isConnected()) return;
+  QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, kService, QStringLiteral("Notify"));
+  QStringList actions;
+  if (!written_.isEmpty()) actions = {kShowAction, Strings::text("intents.notification.showInFolder")};
+  QVariantMap hints;
+  hints.insert(QStringLiteral("desktop-entry"), QStringLiteral("com.quillane.Quillane"));
+  // app_name, replaces_id (the last summary's), app_icon, summary, body, actions, hints, expire_timeout
+  call << QStringLiteral("Quillane") << notificationId_ << QStringLiteral("com.quillane.Quillane")
+       << Strings::text("export.summary.title") << lines.join(QLatin1Char('\n')) << actions << hints
+       << int(-1);
+  // Listening before the notification exists, so that no answer is missed.
+  if (!listening_)
+    listening_ = bus.connect(kService, kPath, kService, QStringLiteral("ActionInvoked"), this,
+                             SLOT(notificationAction(uint, QString)));
+  // Asynchronous: a slow or missing service never holds the window.
+  auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call), this);
+  connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* done) {
+    const QDBusPendingReply<uint> reply = *done;
+    if (reply.isValid()) notificationId_ = reply.value();
+    done->deleteLater();
+  });
+}
+
+void ExportSummaryView::notificationAction(uint id, const QString& action) {
+  if (id != 0 && id == notificationId_ && action == kShowAction && !written_.isEmpty() && showFiles_)
+    showFiles_(written_);
+}
+
+}  // namespace quillane::ui
