@@ -99,9 +99,9 @@ void LocalAPIRouter::route(const LocalAPIRequest& request, const std::vector<std
   const size_t n = s.size();
   if (m == "GET" && n == 1 && s[0] == "status") return reply(status());
   if (m == "GET" && n == 1 && s[0] == "images") return reply(imagesList());
-  if (m == "POST" && n == 1 && s[0] == "import") return importFiles(request, std::move(reply));
+  if (m == "POST" && n == 1 && s[0] == "import") return importFiles(request, reply);
   if (m == "POST" && n == 1 && s[0] == "settings") return reply(updateSettings(request));
-  if (m == "POST" && n == 1 && s[0] == "export") return exportAll(request, std::move(reply));
+  if (m == "POST" && n == 1 && s[0] == "export") return exportAll(request, reply);
   if (m == "POST" && n == 1 && s[0] == "clear") return reply(clearAll());
   if (m == "GET" && n == 1 && s[0] == "profiles") return reply(profilesList());
   if (m == "POST" && n == 1 && s[0] == "profiles") return reply(upsertProfile(request));
@@ -109,7 +109,7 @@ void LocalAPIRouter::route(const LocalAPIRequest& request, const std::vector<std
   if (m == "POST" && n == 3 && s[0] == "images" && s[2] == "quality")
     return reply(updateQuality(s[1], request));
   if (m == "POST" && n == 3 && s[0] == "images" && s[2] == "export") {
-    return exportSingleImage(s[1], request, std::move(reply));
+    return exportSingleImage(s[1], request, reply);
   }
   if (m == "DELETE" && n == 2 && s[0] == "images") return reply(removeImage(s[1]));
   // A method that exists on another route of the same path is no different: never 405.

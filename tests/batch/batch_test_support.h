@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <QFile>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThreadPool>
@@ -33,6 +34,7 @@ struct InspectorEntry {
   int frameCount = 1;
   int delayMs = 0;
   bool fail = false;
+  bool gated = false;  // waits for the gate to open
 };
 
 class BatchFixture : public ::testing::Test {
@@ -74,9 +76,14 @@ class BatchFixture : public ::testing::Test {
     o.inspector = [this](const std::string& path) {
       std::unique_lock lock(mutex_);
       const InspectorEntry entry = inspections_.count(path) ? inspections_[path] : InspectorEntry{};
+      if (entry.gated) gate_.wait_for(lock, std::chrono::seconds(10), [this] { return gateOpen_; });
       lock.unlock();
       std::this_thread::sleep_for(std::chrono::milliseconds(entry.delayMs));
       const QString file = QString::fromStdString(path);
+      const auto counted = qScopeGuard([this] {
+        std::lock_guard countLock(mutex_);
+        ++inspected_;
+      });
       if (entry.fail || !QFile::exists(file)) throw ImageProcessingError::decodingFailed("fake: " + path);
       return ImageDecoder::LightDecodedImage{entry.format,       entry.width,      entry.height,
                                              QFile(file).size(), entry.frameCount, {}};
@@ -148,6 +155,14 @@ class BatchFixture : public ::testing::Test {
     QTimer::singleShot(ms, [&] { fired = true; });
     ASSERT_TRUE(QTest::qWaitFor([&] { return fired; }, 5000));
   }
+  bool waitForInspections(int count) {
+    return QTest::qWaitFor(
+        [&] {
+          std::lock_guard lock(mutex_);
+          return inspected_ == count;
+        },
+        2000);
+  }
   bool waitForCalls(size_t count) {
     return QTest::qWaitFor([&] { return calls().size() == count; }, 2000);
   }
@@ -165,6 +180,7 @@ class BatchFixture : public ::testing::Test {
   std::vector<Call> calls_;
   std::map<std::string, InspectorEntry> inspections_;
   int encoding_ = 0, maxEncoding_ = 0;
+  int inspected_ = 0;  // inspections that have returned or thrown
   bool sawCancellation_ = false;
 };
 

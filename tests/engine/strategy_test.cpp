@@ -37,30 +37,6 @@ TEST(EncodingStrategy, NearLosslessIsAWebPModeOnly) {
   EXPECT_EQ(EncodingStrategy::mode(text(0.55), ImageFormat::jxl, 97), Mode::lossy(97));
 }
 
-TEST(EncodingStrategy, BigPicturesGetLessWorkAndOneEncoding) {
-  struct {
-    int64_t pixels;
-    int effort;
-    bool webpAlternative;  // screenText
-    bool pngAlternative;   // smooth picture, palette main
-  } const cases[] = {{500'000, 2, true, true},
-                     {500'001, 2, true, false},
-                     {2'000'001, 1, true, false},
-                     {4'000'001, 1, false, false},
-                     {12'000'001, 0, false, false}};
-  for (const auto& k : cases) {
-    SCOPED_TRACE(k.pixels);
-    const auto text = picture(ContentClass::screenText, k.pixels);  // N by 1: only the product counts
-    const EncodingPlan webp = EncodingStrategy::plan(text, ImageFormat::webp, 75);
-    EXPECT_EQ(webp.effort, k.effort);
-    EXPECT_EQ(webp.alternative.has_value(), k.webpAlternative);
-    EXPECT_EQ(EncodingStrategy::plan(text, ImageFormat::jxl, 75).alternative.has_value(), k.webpAlternative);
-    const auto smooth = picture(ContentClass::illustration, k.pixels, 1, 1.0);
-    EXPECT_EQ(EncodingStrategy::plan(smooth, ImageFormat::png, 75).alternative.has_value(), k.pngAlternative);
-    EXPECT_FALSE(EncodingStrategy::plan(text, ImageFormat::avif, 75).alternative);
-  }
-}
-
 TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   for (ImageFormat format : {ImageFormat::webp, ImageFormat::jxl}) {
     EXPECT_EQ(EncodingStrategy::plan(picture(ContentClass::flatGraphic, 100), format, 70).alternative,

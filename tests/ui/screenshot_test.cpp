@@ -148,15 +148,13 @@ TEST_F(Screenshots, MainWindowLightAndDarkAndTheHistory) {
 TEST_F(Screenshots, ExportSummaryAndRightToLeftLightAndDark) {
   useLanguage(QStringLiteral("en-US"));
   makeShowcaseBatch();
-  {
+  for (const QString& name : {QStringLiteral("summary-light"), QStringLiteral("summary-dark")}) {
+    if (name.endsWith("dark")) QApplication::setPalette(darkPalette());
     auto window = showWindow({1280, 800});
     const auto exported = model_->exportAll(QUrl::fromLocalFile(dir_.filePath("out")));
     ASSERT_TRUE(QTest::qWaitFor([&] { return exported.isFinished(); }, 5000));
     EXPECT_TRUE(window->exportSummary()->isVisible());
-    save(window.get(), "summary-light");
-    QApplication::setPalette(darkPalette());
-    save(window.get(), "summary-dark");
-    window->exportSummary()->hide();
+    save(window.get(), name);
   }
   QApplication::setPalette(QApplication::style()->standardPalette());
   QGuiApplication::setLayoutDirection(Qt::RightToLeft);
