@@ -76,7 +76,7 @@ def value_at(points, ba, value):
 def equal_look(path, formats):
     """bench/corpus.sh --equal-look: per format and kind of picture, the bytes and CPU of
     Quillane and of the tool at butteraugli 1.0, 1.5 and 2.0, summed over the pictures whose
-    sweeps reach that distance on both sides, and the mean bytes ratio over the common range."""
+    sweeps reach that distance on both sides, and the mean ratios over the common range."""
     runs = defaultdict(list)  # (format, class, picture, side) -> [(point, bytes, ba, cpu)]
     patterns = os.environ.get("QUILLANE_BENCH_PICTURES", "*").split()
     for line in open(path):
@@ -108,10 +108,15 @@ def equal_look(path, formats):
                     continue
                 print(f"| {fmt} | {cls} | {ba:.1f} | {n} of {len(pairs)} | {qb / 1e6:.3f} MB / {qc:.2f} s | "
                       f"{tb / 1e6:.3f} MB / {tc:.2f} s | {qb / tb:.3f} / {qc / max(tc, 1e-6):.2f} |")
-            curve = [r for r in (equal_quality_ratio(q, t) for q, t in pairs) if r is not None]
-            if curve:
-                mean = math.exp(sum(math.log(r) for r in curve) / len(curve))
-                print(f"| {fmt} | {cls} | over the curve | {len(curve)} of {len(pairs)} | | | {mean:.3f} / |")
+            # Over the common range of each picture: bytes at equal distance, and distance at
+            # equal bytes (the figure for a palette, whose distance has a floor).
+            def mean(ratios):
+                ratios = [r for r in ratios if r is not None]
+                return (math.exp(sum(math.log(r) for r in ratios) / len(ratios)), len(ratios)) if ratios else None
+            for label, got in (("bytes over the curve", mean(equal_quality_ratio(q, t) for q, t in pairs)),
+                               ("distance at equal bytes", mean(equal_bytes_ratio(q, t) for q, t in pairs))):
+                if got:
+                    print(f"| {fmt} | {cls} | {label} | {got[1]} of {len(pairs)} | | | {got[0]:.3f} |")
 
 
 if sys.argv[1] == "--equal-look":

@@ -220,8 +220,13 @@ EncodingPlan plan(const ImageCharacteristics& characteristics, ImageFormat forma
       break;
   }
 
-  if (characteristics.gradientFraction < 0.05 && cls == ContentClass::flatGraphic) {
-    plan.dithering = 0.2f;
+  // No dithering of the palette but for noisy pictures: at equal bytes each level tried (0.2
+  // to 1.0) looked worse than none, by a quarter to a third of the butteraugli distance on
+  // photographs and screenshots, the noise it adds costing more bytes than the banding it
+  // hides; a noisy drawing, whose own grain hides the dither, needed twice the bytes without
+  // it (bench/README.md, "Palette PNG").
+  if (cls != ContentClass::noisyPhoto) {
+    plan.dithering = 0.0f;
   } else if (characteristics.gradientFraction > 0.25) {
     plan.dithering = 1.0f;
   } else {

@@ -50,7 +50,7 @@ struct EncodingPlan {
   int effort = 2;  // 0, 1 or 2; 2 is the most work
   double quality = 75;
   std::optional<Alternative> alternative;
-  float dithering = 0.7f;
+  float dithering = 0.0f;  // libimagequant's dithering level for the palette, 0 to 1
   bool prefersLossless = false;
   bool photographic = false;  // photo, noisy photo or illustration: no graphic, no screen text
   // JPEG XL: lossless at the encoder's light effort, whose memory fits where the plan's

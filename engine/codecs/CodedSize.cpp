@@ -314,6 +314,27 @@ void checkWithin(const Coded& coded, uint64_t width, uint64_t height) {
     fail("coded picture larger than the size its file declares");
 }
 
+// A grid's picture is the size its own data gives, which the decoder allocates: no larger
+// than its declared size ("ispe"), either way round.
+void checkGrid(const Item& item, ByteSource& file, Input idat, const std::vector<Box>& properties) {
+  const Box* ispe = nullptr;
+  for (uint32_t index : item.properties)
+    if (index <= properties.size() && !std::memcmp(properties[index - 1].type, "ispe", 4))
+      ispe = &properties[index - 1];
+  std::vector<uint8_t> joined;
+  const auto data = itemData(item, file, idat, joined);
+  if (!ispe || ispe->payload.size() < 12 || !data) return;  // the decoder refuses it, or takes its size
+  ByteReader grid{*data};
+  grid.read(1);
+  const uint64_t fieldBytes = (grid.read(1) & 1) ? 4 : 2;
+  grid.read(2);  // rows and columns less one
+  const uint64_t width = grid.read(fieldBytes), height = grid.read(fieldBytes);
+  ByteReader declared{ispe->payload, 4};
+  const uint64_t w = declared.read(4), h = declared.read(4);
+  if (grid.ok && !((width <= w && height <= h) || (width <= h && height <= w)))
+    fail("grid picture larger than the size its file declares");
+}
+
 }  // namespace
 
 std::vector<uint8_t> metaPayload(ByteSource& file) {
@@ -369,6 +390,10 @@ void checkCodedSizes(ByteSource& file) {
   std::map<std::tuple<std::vector<Extent>, const Box*>, Coded> scanned;
   for (const auto& [id, item] : items) {
     const bool hevc = !std::memcmp(item.type, "hvc1", 4), av1 = !std::memcmp(item.type, "av01", 4);
+    if (!std::memcmp(item.type, "grid", 4)) {
+      checkGrid(item, file, idat, properties);
+      continue;
+    }
     if (!hevc && !av1) continue;
     const Box *config = nullptr, *ispe = nullptr;
     for (uint32_t index : item.properties) {

@@ -59,7 +59,8 @@ std::vector<uint8_t> metaPayload(ByteSource& file);
 // Refuses an ISO-BMFF file (HEIC, AVIF) whose coded pictures are larger than their items
 // declare: the size in each HEVC sequence parameter set or AV1 sequence header, in the item's
 // configuration or its data, against its "ispe" (rounded up to whole 64-pixel blocks), before
-// any decoder allocates what the bitstream says. Also refuses a coded picture with no declared
+// any decoder allocates what the bitstream says, and a grid whose own output size exceeds its
+// "ispe". Also refuses a coded picture with no declared
 // size, and a header it cannot read. Items whose data lies beyond `bytes` are judged by their
 // configuration alone. Throws ImageProcessingError::decodingFailed.
 void checkCodedSizes(Input bytes);

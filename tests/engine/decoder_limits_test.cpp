@@ -241,6 +241,14 @@ TEST_F(Bombs, ACodedPictureLargerThanItsDeclaredSizeIsRefusedBeforeDecoding) {
     EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::decodeCGImageSource(testing::readBytes(path)); }));
     EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::inspect(path); }));
   }
+  // A grid that declares 12 x 16 for cells that make 128 x 128: refused from the grid's size.
+  Bytes grid =
+      fixtures::grid(fixtures::heic(fixtures::quadrants(64, 64), {.quality = 40, .alpha = false}), 2, 2);
+  EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(grid));
+  for (size_t at = 0; at + 16 <= grid.size(); ++at)
+    if (!std::memcmp(&grid[at], "ispe", 4) && grid[at + 11] == 128 && grid[at + 15] == 128)
+      grid[at + 11] = 12, grid[at + 15] = 16;
+  EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::decodeCGImageSource(grid); }));
 }
 
 // The peak resident memory of this process, in bytes.
