@@ -3,21 +3,16 @@
 // compresses at start-up what arrived while the application was closed.
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
-#include <QUrl>
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 #include "engine/codecs/Writers.h"
+#include "tests/support/ProgramUnderTest.h"
 #include "tests/support/RawHTTPClient.h"
 #include "tests/support/TestImages.h"
 
@@ -26,50 +21,30 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const std::string token = "qlne_e2eTestTokenAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA";
+const std::string token = "qlne_e2eTestTokenAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA";
 
 class ApiEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
-    // QUILLANE_BIN_DIR names the folder of the executable; the test binary is built beside it.
-    QString binDir = qEnvironmentVariable("QUILLANE_BIN_DIR", QCoreApplication::applicationDirPath());
-    program_ = binDir + "/quillane";
     ASSERT_TRUE(QFileInfo(program_).isExecutable()) << program_.toStdString();
     ASSERT_TRUE(dir_.isValid());
     port_ = testing::freeLocalPort();
-    for (const char* folder : {"config/Quillane", "data", "runtime", "out"}) QDir(dir_.path()).mkpath(folder);
-    QFile::setPermissions(dir_.filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    QFile conf(dir_.filePath("config/Quillane/Quillane.conf"));
-    ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
-    conf.write(QString("[General]\nlocalAPIEnabled=true\nlocalAPIPort=%1\nlocalAPIToken=%2\n")
-                   .arg(port_)
-                   .arg(QString::fromStdString(token))
-                   .toUtf8());
+    testing::enableLocalAPI(dir_.path(), port_, token);
+    QDir(dir_.path()).mkpath("out");
   }
 
   void TearDown() override { stop(); }
 
   void start() {
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("QT_QPA_PLATFORM", "offscreen");
-    env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));
-    env.insert("XDG_DATA_HOME", dir_.filePath("data"));
-    env.insert("XDG_RUNTIME_DIR", dir_.filePath("runtime"));
-    env.insert("XCTestConfigurationFilePath", "api_e2e_test");
-    // No session bus: the application runs on its own (and meets no other test's instance).
-    env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + dir_.filePath("no-bus-here"));
     process_ = std::make_unique<QProcess>();
-    process_->setProcessEnvironment(env);
+    process_->setProcessEnvironment(testing::sandboxEnvironment(dir_.path()));
     process_->setProcessChannelMode(QProcess::ForwardedErrorChannel);
     process_->start(program_, {});
     ASSERT_TRUE(process_->waitForStarted(10000));
     // The listener comes up with the application, without any window action.
-    auto deadline = std::chrono::steady_clock::now() + 30s;
-    while (call("GET", "/v1/status").status != 200) {
-      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the API never answered";
-      ASSERT_EQ(process_->state(), QProcess::Running) << "the application ended early";
-      std::this_thread::sleep_for(100ms);
-    }
+    ASSERT_TRUE(testing::eventually(
+        [&] { return process_->state() != QProcess::Running || call("GET", "/v1/status").status == 200; }));
+    ASSERT_EQ(process_->state(), QProcess::Running) << "the application ended early";
   }
 
   void stop() {
@@ -89,13 +64,16 @@ class ApiEndToEnd : public ::testing::Test {
 
   // Polls the image list until every image is ready (or the time is up).
   QJsonArray waitForReadyImages(int count) {
-    for (auto deadline = std::chrono::steady_clock::now() + 90s;; std::this_thread::sleep_for(100ms)) {
-      QJsonArray images = json(call("GET", "/v1/images")).array();
-      bool ready =
-          images.size() == count && std::all_of(images.begin(), images.end(),
-                                                [](const QJsonValue& v) { return v["state"] == "ready"; });
-      if (ready || std::chrono::steady_clock::now() > deadline) return images;
-    }
+    QJsonArray images;
+    testing::eventually(
+        [&] {
+          images = json(call("GET", "/v1/images")).array();
+          return images.size() == count && std::all_of(images.begin(), images.end(), [](const QJsonValue& v) {
+                   return v["state"] == "ready";
+                 });
+        },
+        90s);
+    return images;
   }
 
   QString writePhoto(const QString& name, uint32_t seed) {
@@ -106,7 +84,7 @@ class ApiEndToEnd : public ::testing::Test {
   }
 
   QTemporaryDir dir_;
-  QString program_;
+  QString program_ = testing::builtProgram("quillane");
   int port_ = 0;
   std::unique_ptr<QProcess> process_;
 };
@@ -129,10 +107,10 @@ TEST_F(ApiEndToEnd, ImportTuneExportAndFindTheBatchAfterARestart) {
   QJsonArray results = json(exported).array();
   ASSERT_EQ(results.size(), 3);
   for (const auto& result : results) {
-    QFile file(result.toObject()["destination"].toString());
-    ASSERT_TRUE(file.fileName().endsWith(".webp") && file.open(QIODevice::ReadOnly)) << exported.body;
-    EXPECT_EQ(file.read(4), QByteArray("RIFF"));
-    EXPECT_EQ(file.size(), result.toObject()["compressedSizeBytes"].toInteger());
+    const QString written = result.toObject()["destination"].toString();
+    EXPECT_TRUE(written.endsWith(".webp")) << exported.body;
+    EXPECT_EQ(testing::fileStart(written), "RIFF");
+    EXPECT_EQ(QFileInfo(written).size(), result.toObject()["compressedSizeBytes"].toInteger());
   }
 
   QJsonArray before = waitForReadyImages(3);
@@ -152,27 +130,19 @@ TEST_F(ApiEndToEnd, ImportTuneExportAndFindTheBatchAfterARestart) {
 // What arrived in a hot folder while the application was closed is compressed at start-up.
 TEST_F(ApiEndToEnd, HotFolderCompressesWhatArrivedWhileClosed) {
   const QString id = "0F8E2C6A-1B7D-4E55-9A3B-6C2D1E0F9A8B";
-  QDir(dir_.path()).mkpath("data/Quillane");
-  QDir(dir_.path()).mkpath("in");
-  QFile list(dir_.filePath("data/Quillane/hotFolders.json"));
-  ASSERT_TRUE(list.open(QIODevice::WriteOnly));
-  list.write(QString(R"([{"id":"%1","name":"Camera","sourceFolder":"%2","destinationFolder":"%3",)"
-                     R"("format":"webp","quality":70,"isEnabled":true}])")
-                 .arg(id, QUrl::fromLocalFile(dir_.filePath("in")).toString(),
-                      QUrl::fromLocalFile(dir_.filePath("hot")).toString())
-                 .toUtf8());
-  list.close();
+  testing::saveHotFolder(dir_.filePath("data"), id, dir_.filePath("in"), dir_.filePath("hot"));
   writePhoto("in/a.jpg", 1);
   writePhoto("in/b.jpg", 2);
   start();
   // The processed memory lists both files once the scan is over (its last step).
-  for (auto deadline = std::chrono::steady_clock::now() + 90s;; std::this_thread::sleep_for(100ms)) {
-    QFile file(dir_.filePath("data/Quillane/hotFolderProcessed.json"));
-    if (file.open(QIODevice::ReadOnly) && QJsonDocument::fromJson(file.readAll())[id].toObject().size() == 2)
-      break;
-    ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the scan never finished";
-    ASSERT_EQ(process_->state(), QProcess::Running);
-  }
+  ASSERT_TRUE(testing::eventually(
+      [&] {
+        QFile file(dir_.filePath("data/Quillane/hotFolderProcessed.json"));
+        return file.open(QIODevice::ReadOnly) &&
+               QJsonDocument::fromJson(file.readAll())[id].toObject().size() == 2;
+      },
+      90s))
+      << "the scan never finished";
   EXPECT_EQ(QDir(dir_.filePath("hot")).entryList(QDir::Files | QDir::Hidden, QDir::Name),
             (QStringList{"a.webp", "b.webp"}));
 }
@@ -190,11 +160,10 @@ TEST_F(ApiEndToEnd, QuitEndsAtOnceWithAnEncodeRunning) {
                  QJsonDocument(QJsonObject{{"paths", QJsonArray{path}}}).toJson().toStdString())
                 .status,
             200);
-  for (auto deadline = std::chrono::steady_clock::now() + 30s;; std::this_thread::sleep_for(50ms)) {
-    QJsonArray images = json(call("GET", "/v1/images")).array();
-    if (images.size() == 1 && images.at(0)["state"] == "encoding") break;
-    ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the encode never started";
-  }
+  ASSERT_TRUE(testing::eventually([&] {
+    const QJsonArray images = json(call("GET", "/v1/images")).array();
+    return images.size() == 1 && images.at(0)["state"] == "encoding";
+  })) << "the encode never started";
   process_->terminate();  // SIGTERM quits as the Quit command does
   ASSERT_TRUE(process_->waitForFinished(5000)) << "still waiting for the encode";
   EXPECT_EQ(process_->exitStatus(), QProcess::NormalExit);

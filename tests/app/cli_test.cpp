@@ -4,72 +4,48 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QUrl>
 #include <filesystem>
 
-#include "tests/support/CodecFixtures.h"
+#include "tests/support/ProgramUnderTest.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane {
 namespace {
 
-struct ToolRun {
-  int exitCode = -1;
-  QByteArray out, err;
-  QJsonArray json() const { return QJsonDocument::fromJson(out).array(); }
-};
+using testing::ProgramRun;
 
 class CommandLineTool : public ::testing::Test {
  protected:
   void SetUp() override {
-    // The tool is built beside the test binary; QUILLANE_BIN_DIR points elsewhere when set.
-    program_ =
-        qEnvironmentVariable("QUILLANE_BIN_DIR", QCoreApplication::applicationDirPath()) + "/quillane-cli";
     ASSERT_TRUE(QFileInfo(program_).isExecutable()) << program_.toStdString();
     ASSERT_TRUE(dir_.isValid());
     QDir(dir_.path()).mkpath("in/nested");
-    QDir(dir_.path()).mkpath("data");
   }
 
-  // `stdoutFile` stands in for standard output when given; `shell` runs the tool through
-  // /bin/sh -c, with "$Q" the tool, for arguments that QProcess can't pass (bytes that are
-  // not UTF-8, made with printf).
-  ToolRun run(const QStringList& arguments, const QString& stdoutFile = {}, const QString& shell = {}) {
-    QProcess process;
-    if (!stdoutFile.isEmpty()) process.setStandardOutputFile(stdoutFile);
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("XDG_DATA_HOME", dir_.filePath("data"));      // no profiles but the test's own
-    env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));  // no stored language
-    env.insert("LANGUAGE", "fr");                            // the texts the assertions quote
-    env.insert("LC_ALL", "fr_FR.UTF-8");
+  // `shell` runs the tool through /bin/sh -c, with "$Q" the tool, for arguments that QProcess
+  // can't pass (bytes that are not UTF-8, made with printf).
+  ProgramRun run(const QStringList& arguments, const QString& stdoutFile = {}, const QString& shell = {}) {
+    QProcessEnvironment env = testing::sandboxEnvironment(dir_.path());
     env.insert("Q", program_);
-    process.setProcessEnvironment(env);
-    process.setWorkingDirectory(dir_.path());
-    if (shell.isEmpty())
-      process.start(program_, arguments);
-    else
-      process.start("/bin/sh", {"-c", shell});
-    EXPECT_TRUE(process.waitForFinished(60000));
-    return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+    if (!shell.isEmpty()) return testing::runToEnd("/bin/sh", {"-c", shell}, env, dir_.path());
+    return testing::runToEnd(program_, arguments, env, dir_.path(), stdoutFile);
   }
 
+  // Relative to the tool's working folder.
   QString image(const QString& relative, testing::Pattern pattern = testing::Pattern::photo) {
-    DecodedImage picture = testing::makeImage(48, 32, pattern, 5);
-    const std::string path = dir_.filePath("in/" + relative).toStdString();
-    testing::writeBytes(path, relative.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
+    testing::writeSmallImage(path("in/" + relative), pattern);
     return "in/" + relative;
   }
   QString path(const QString& relative) const { return dir_.filePath(relative); }
 
-  QString program_;
+  QString program_ = testing::builtProgram("quillane-cli");
   QTemporaryDir dir_;
 };
 
@@ -77,7 +53,7 @@ TEST_F(CommandLineTool, CompressWritesDistinctNamesAndReportsEveryFile) {
   QString a = image("a.png"), nested = image("nested/a.jpg"), broken = "in/broken.png";
   testing::writeBytes(path(broken).toStdString(), {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n', ' ', 'x'});
 
-  ToolRun r = run({"compress", a, broken, nested, "--to", "out/sub", "--format", "WEBP"});
+  ProgramRun r = run({"compress", a, broken, nested, "--to", "out/sub", "--format", "WEBP"});
   ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
   EXPECT_TRUE(r.err.isEmpty());
   EXPECT_TRUE(r.out.contains("\\/out\\/sub\\/a.webp")) << "slashes are escaped";
@@ -93,9 +69,9 @@ TEST_F(CommandLineTool, CompressWritesDistinctNamesAndReportsEveryFile) {
 TEST_F(CommandLineTool, SizeOptionsFitBudgetAndSkipAndRefuseBadValues) {
   QString a = image("a.png"), b = image("b.jpg");
   const QStringList fit{"--to", "out", "--format", "jpeg", "--quality", "100", "--max-width", "24"};
-  ToolRun plain = run(QStringList{"compress", a} + fit);
+  ProgramRun plain = run(QStringList{"compress", a} + fit);
   const int budget = plain.json()[0].toObject()["compressedSizeBytes"].toInt() * 85 / 100;
-  ToolRun r =
+  ProgramRun r =
       run(QStringList{"compress", a, b} + fit + QStringList{"--max-bytes=" + QString::number(budget)});
   ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
   for (const auto& value : r.json()) {
@@ -107,7 +83,7 @@ TEST_F(CommandLineTool, SizeOptionsFitBudgetAndSkipAndRefuseBadValues) {
   }
 
   // A JPEG at 95 grows at 100: kept, and said so.
-  ToolRun skip =
+  ProgramRun skip =
       run({"compress", b, "--to", "kept", "--format", "jpeg", "--quality", "100", "--skip-larger"});
   ASSERT_EQ(skip.exitCode, 0);
   EXPECT_TRUE(skip.json()[0].toObject()["skipped"].toBool()) << skip.out.toStdString();
@@ -115,7 +91,7 @@ TEST_F(CommandLineTool, SizeOptionsFitBudgetAndSkipAndRefuseBadValues) {
 
   for (const QStringList& bad : {QStringList{"--max-width", "0"}, QStringList{"--max-height", "wide"},
                                  QStringList{"--max-bytes", "12x"}, QStringList{"--max-bytes", "-5k"}}) {
-    ToolRun refused = run(QStringList{"compress", a, "--to", "bad"} + bad);
+    ProgramRun refused = run(QStringList{"compress", a, "--to", "bad"} + bad);
     EXPECT_EQ(refused.exitCode, 2) << bad.join(' ').toStdString();
     EXPECT_FALSE(QFileInfo::exists(path("bad")));
   }
@@ -123,7 +99,7 @@ TEST_F(CommandLineTool, SizeOptionsFitBudgetAndSkipAndRefuseBadValues) {
 
 TEST_F(CommandLineTool, CommandErrorsGoToStandardErrorWithStatusSixAndUsageErrorsExitWithTwo) {
   QString a = image("a.png");
-  const ToolRun unknown = run({"shrink", "a.png"});
+  const ProgramRun unknown = run({"shrink", "a.png"});
   EXPECT_TRUE(unknown.exitCode == 2 && unknown.out.isEmpty());
   EXPECT_EQ(run({"compress", "-h"}).exitCode, 0);
   struct Case {
@@ -135,7 +111,7 @@ TEST_F(CommandLineTool, CommandErrorsGoToStandardErrorWithStatusSixAndUsageError
       {{"compress", a, "--to", "out", "--profile", "Print"}, "Profil introuvable : Print"},
   };
   for (const Case& c : cases) {
-    ToolRun r = run(c.arguments);
+    ProgramRun r = run(c.arguments);
     EXPECT_TRUE(r.exitCode == 6 && r.out.isEmpty()) << r.exitCode;
     EXPECT_EQ(QString::fromUtf8(r.err).trimmed(), c.message);
     EXPECT_FALSE(QFileInfo::exists(path("out")));
@@ -151,9 +127,9 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
                       testing::readBytes(path(image("odd.png")).toStdString()));
   QFile::copy(path("in/odd.png"), path("in/" + longName));
   QFile::copy(path("in/odd.png"), path("-h"));
-  ToolRun r = run({}, {},
-                  "exec \"$Q\" compress \"$(printf 'in/caf\\351 \\377.png')\" in/" + longName +
-                      " --format png --to out -- -h");
+  ProgramRun r = run({}, {},
+                     "exec \"$Q\" compress \"$(printf 'in/caf\\351 \\377.png')\" in/" + longName +
+                         " --format png --to out -- -h");
   ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
   // Valid JSON still, each byte that is not UTF-8 as U+F700 plus the byte.
   QJsonParseError parse;
@@ -168,11 +144,11 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
   std::filesystem::remove(root + "/out/caf\xe9 \xff.png");
   std::filesystem::remove(root + "/" + odd.toStdString());
 
-  ToolRun full = run({"compress", "in/odd.png", "--to", "out"}, "/dev/full");
+  ProgramRun full = run({"compress", "in/odd.png", "--to", "out"}, "/dev/full");
   EXPECT_EQ(full.exitCode, 3);
   EXPECT_TRUE(full.err.startsWith("quillane-cli: standard output: ")) << full.err.toStdString();
 
-  ToolRun blocked = run({"compress", "in/odd.png", "--to", "in/odd.png/sub"});
+  ProgramRun blocked = run({"compress", "in/odd.png", "--to", "in/odd.png/sub"});
   EXPECT_EQ(blocked.exitCode, 6);
   EXPECT_TRUE(blocked.err.startsWith("in/odd.png/sub: ")) << blocked.err.toStdString();
 }
@@ -180,8 +156,8 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
 // What it falls back on is said on stderr; the folder may be a file:// URL.
 TEST_F(CommandLineTool, FallbacksAreToldAndTheFolderMayBeAURL) {
   const QString a = image("a.png");
-  ToolRun r = run({"compress", a, "--format", "bmp", "--quality", "150", "--to",
-                   QUrl::fromLocalFile(path("out dir")).toString(QUrl::FullyEncoded)});
+  ProgramRun r = run({"compress", a, "--format", "bmp", "--quality", "150", "--to",
+                      QUrl::fromLocalFile(path("out dir")).toString(QUrl::FullyEncoded)});
   ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
   EXPECT_TRUE(QFileInfo::exists(path("out dir/a.jpg"))) << r.out.toStdString();
   EXPECT_TRUE(r.err.contains("unknown format 'bmp'")) << r.err.toStdString();
@@ -197,7 +173,7 @@ TEST_F(CommandLineTool, NothingButAFileIsReplacedAndAPrivateSourceStaysPrivate) 
   QFile::setPermissions(path(b), QFile::ReadOwner | QFile::WriteOwner);
   QDir(dir_.path()).mkpath("out");
   ASSERT_EQ(::mkfifo(QFile::encodeName(path("out/a.png")).constData(), 0644), 0);
-  ToolRun r = run({"compress", a, b, "--to", "out", "--format", "png"});
+  ProgramRun r = run({"compress", a, b, "--to", "out", "--format", "png"});
   ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
   const QJsonArray records = r.json();
   EXPECT_TRUE(records[0].toObject()["error"].toString().contains("not a regular file"))
@@ -210,30 +186,22 @@ TEST_F(CommandLineTool, NothingButAFileIsReplacedAndAPrivateSourceStaysPrivate) 
 }
 
 TEST_F(CommandLineTool, DefaultProfileFromTheDataFolderGivesFolderAndFormat) {
-  QDir(path("data")).mkpath("Quillane");
-  const QJsonObject profile{{"id", "0A1B2C3D-0000-4000-8000-000000000001"},
-                            {"name", "Archive"},
-                            {"format", "avif"},
-                            {"quality", 60},
-                            {"destinationFolder", QUrl::fromLocalFile(path("archive")).toString()},
-                            {"isDefault", true}};
-  const QByteArray json = QJsonDocument(QJsonArray{profile}).toJson();
-  testing::writeBytes(path("data/Quillane/exportProfiles.json").toStdString(), {json.begin(), json.end()});
-  ToolRun r = run({"compress", image("pic.png")});
+  testing::saveDefaultProfile(path("data"), "avif", path("archive"));
+  ProgramRun r = run({"compress", image("pic.png")});
   ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
   EXPECT_TRUE(QFileInfo(path("archive/pic.avif")).size() > 0);
 }
 
 TEST_F(CommandLineTool, InspectAndAnalyzeDescribeEachFileInOrder) {
   QString png = image("shot.png", testing::Pattern::screenshot);
-  ToolRun inspected = run({"inspect", png, "in/missing.png"});
+  ProgramRun inspected = run({"inspect", png, "in/missing.png"});
   ASSERT_EQ(inspected.exitCode, 0);
   QJsonArray files = inspected.json();
   EXPECT_TRUE(files[0].toObject()["format"] == "png" && files[0].toObject()["pixelWidth"] == 48)
       << inspected.out.toStdString();
   EXPECT_EQ(files[1].toObject().keys(), (QStringList{"error", "path"}));
 
-  ToolRun analyzed = run({"analyze", "--quality", "90", png});
+  ProgramRun analyzed = run({"analyze", "--quality", "90", png});
   ASSERT_EQ(analyzed.exitCode, 0);
   QJsonObject plans = analyzed.json()[0].toObject()["plans"].toObject();
   EXPECT_EQ(plans.keys(), (QStringList{"avif", "heic", "jpeg", "jxl", "png", "webp"}));

@@ -6,28 +6,17 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <QCoreApplication>
-#include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusInterface>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
-#include <QMutex>
-#include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
-#include <QThread>
-#include <chrono>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "engine/ImageService.h"
-#include "tests/support/CodecFixtures.h"
+#include "tests/support/BusStandIn.h"
+#include "tests/support/ProgramUnderTest.h"
 #include "tests/support/RawHTTPClient.h"
 #include "tests/support/TestImages.h"
 
@@ -35,90 +24,32 @@ namespace quillane {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::BusStandIn;
+using testing::eventually;
 
 const QString kService = "com.quillane.Quillane";
 const QString kPath = "/com/quillane/Quillane";
 const QString kError = "com.quillane.Quillane.Error.";
+const QString kInvalid = "org.freedesktop.DBus.Error.InvalidArgs";
 const std::string kToken = "qlne_busTestTokenAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA";
-
-// The desktop's notification service, as far as Notify: it keeps what it was asked to show.
-// It lives on a thread of its own so that it answers while the test waits for a process.
-class NotificationSink : public QObject {
-  Q_OBJECT
-  Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
-
- public:
-  QStringList shown() const {
-    QMutexLocker lock(&mutex_);
-    return shown_;
-  }
-
- public slots:
-  uint Notify(const QString& appName, uint, const QString&, const QString& summary, const QString& body,
-              const QStringList& actions, const QVariantMap&, int) {
-    QMutexLocker lock(&mutex_);
-    shown_.append(appName + ": " + summary + ": " + body);
-    actions_.append(actions);
-    return uint(shown_.size());
-  }
-  QStringList GetCapabilities() { return {"actions", "body"}; }
-
- public:
-  QList<QStringList> actions() const {
-    QMutexLocker lock(&mutex_);
-    return actions_;
-  }
-
- private:
-  mutable QMutex mutex_;
-  QStringList shown_;
-  QList<QStringList> actions_;
-};
-
-// The file manager's ShowItems, which keeps the items it was asked to show.
-class FileManagerSink : public QObject {
-  Q_OBJECT
-  Q_CLASSINFO("D-Bus Interface", "org.freedesktop.FileManager1")
-
- public:
-  QStringList shown() const {
-    QMutexLocker lock(&mutex_);
-    return shown_;
-  }
-
- public slots:
-  void ShowItems(const QStringList& uris, const QString&) {
-    QMutexLocker lock(&mutex_);
-    shown_.append(uris);
-  }
-
- private:
-  mutable QMutex mutex_;
-  QStringList shown_;
-};
 
 class DesktopBus : public ::testing::Test {
  protected:
   void SetUp() override {
     const QString daemon = QStandardPaths::findExecutable("dbus-daemon");
     if (daemon.isEmpty()) GTEST_SKIP() << "no dbus-daemon";
-    program_ = qEnvironmentVariable("QUILLANE_BIN_DIR", QCoreApplication::applicationDirPath()) + "/quillane";
     ASSERT_TRUE(QFileInfo(program_).isExecutable()) << program_.toStdString();
     ASSERT_TRUE(dir_.isValid());
-    for (const char* folder : {"config/Quillane", "data/Quillane", "runtime", "in/sub"})
-      QDir(dir_.path()).mkpath(folder);
-    QFile::setPermissions(dir_.filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    for (const char* folder : {"data/Quillane", "in/sub"}) QDir(dir_.path()).mkpath(folder);
 
     // A session bus that activates the built program, in this test's sandbox.
-    QFile config(path("bus.conf"));
-    ASSERT_TRUE(config.open(QIODevice::WriteOnly));
-    config.write(QString(R"(<busconfig><type>session</type><listen>unix:dir=%1</listen>
+    testing::writeFile(path("bus.conf"),
+                       QString(R"(<busconfig><type>session</type><listen>unix:dir=%1</listen>
         <auth>EXTERNAL</auth><servicedir>%2</servicedir><policy context="default">
         <allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/><allow own="*"/>
         </policy></busconfig>)")
-                     .arg(dir_.path(), QStringLiteral(QUILLANE_BUS_SERVICES_DIR))
-                     .toUtf8());
-    config.close();
+                           .arg(dir_.path(), QStringLiteral(QUILLANE_BUS_SERVICES_DIR))
+                           .toUtf8());
     daemon_.setProcessEnvironment(environment());  // what an activated program gets
     daemon_.start(daemon, {"--config-file=" + path("bus.conf"), "--nofork", "--print-address=1"});
     ASSERT_TRUE(daemon_.waitForStarted(10000));
@@ -144,19 +75,13 @@ class DesktopBus : public ::testing::Test {
     daemon_.waitForFinished(10000);
   }
 
-  QProcessEnvironment environment(const QString& data = "data") const {
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+  // On this test's bus, unless `bus` is false.
+  QProcessEnvironment environment(const QString& data = "data", bool bus = true) const {
+    QProcessEnvironment env = testing::sandboxEnvironment(dir_.path(), data);
     if (address_.isEmpty())
-      env.remove("DBUS_SESSION_BUS_ADDRESS");
-    else
+      env.remove("DBUS_SESSION_BUS_ADDRESS");  // the daemon's own, for the programs it starts
+    else if (bus)
       env.insert("DBUS_SESSION_BUS_ADDRESS", address_);
-    env.insert("QT_QPA_PLATFORM", "offscreen");
-    env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));
-    env.insert("XDG_DATA_HOME", dir_.filePath(data));
-    env.insert("XDG_RUNTIME_DIR", dir_.filePath("runtime"));
-    env.insert("XCTestConfigurationFilePath", "desktop_bus_test");
-    env.insert("LANGUAGE", "fr");  // the texts the assertions quote
-    env.insert("LC_ALL", "fr_FR.UTF-8");
     return env;
   }
 
@@ -167,28 +92,21 @@ class DesktopBus : public ::testing::Test {
     process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
     process->start(program_, arguments);
     ASSERT_TRUE(process->waitForStarted(10000));
-    for (auto deadline = std::chrono::steady_clock::now() + 60s; !owned();
-         std::this_thread::sleep_for(50ms)) {
-      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the name never appeared";
-      ASSERT_EQ(process->state(), QProcess::Running) << "the program ended early";
-    }
+    ASSERT_TRUE(eventually([&] { return owned() || process->state() != QProcess::Running; }));
+    ASSERT_TRUE(owned()) << "the program ended early";
     processes_.push_back(std::move(process));
   }
 
   bool owned() const { return bus_->interface()->isServiceRegistered(kService).value(); }
 
-  struct Run {
-    int exitCode = -1;
-    QByteArray out, err;
-  };
-  // Runs the program to its end.
-  Run run(const QStringList& arguments, const QProcessEnvironment& env) {
-    QProcess process;
-    process.setProcessEnvironment(env);
-    process.setWorkingDirectory(dir_.path());
-    process.start(program_, arguments);
-    EXPECT_TRUE(process.waitForFinished(120000));
-    return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+  testing::ProgramRun run(const QStringList& arguments, const QProcessEnvironment& env) {
+    return testing::runToEnd(program_, arguments, env, dir_.path());
+  }
+  // A desktop service on this test's bus.
+  std::unique_ptr<BusStandIn> standIn(const QString& service) {
+    auto standIn = std::make_unique<BusStandIn>(*bus_, service, "/" + QString(service).replace('.', '/'));
+    EXPECT_TRUE(standIn->registered()) << service.toStdString();
+    return standIn;
   }
 
   QDBusMessage compress(const QStringList& files, const QString& format, int quality, const QString& profile,
@@ -198,35 +116,15 @@ class DesktopBus : public ::testing::Test {
     return quillane.call("Compress", files, format, quality, profile, folder);
   }
 
-  QString image(const QString& relative, testing::Pattern pattern = testing::Pattern::photo) {
-    DecodedImage picture = testing::makeImage(48, 32, pattern, 3);
-    QString path = dir_.filePath("in/" + relative);
-    testing::writeBytes(path.toStdString(),
-                        relative.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
-    return path;
-  }
+  QString image(const QString& relative) { return testing::writeSmallImage(path("in/" + relative)); }
   QString path(const QString& relative) const { return dir_.filePath(relative); }
-
-  // exportProfiles.json in `data` with one default profile writing WebP into `folder`.
-  void saveDefaultProfile(const QString& data, const QString& folder) {
-    QDir(dir_.path()).mkpath(data + "/Quillane");
-    QJsonObject profile{{"id", "6F9619FF-8B86-D011-B42D-00C04FC964FF"},
-                        {"name", "Web"},
-                        {"format", "webp"},
-                        {"quality", 70},
-                        {"destinationFolder", QUrl::fromLocalFile(folder).toString()},
-                        {"isDefault", true}};
-    QFile file(dir_.filePath(data + "/Quillane/exportProfiles.json"));
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(QJsonDocument(QJsonArray{profile}).toJson());
-  }
 
   QStringList entries(const QString& folder) const {
     return QDir(path(folder)).entryList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
   }
 
   QTemporaryDir dir_;
-  QString program_;
+  QString program_ = testing::builtProgram("quillane");
   QProcess daemon_;
   QString address_;
   std::unique_ptr<QDBusConnection> bus_;
@@ -242,11 +140,7 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
   EXPECT_TRUE(owned());
   const QStringList outputs = reply.arguments().value(0).toStringList();
   ASSERT_EQ(outputs, QStringList({path("out/made/a.webp"), path("out/made/a-2.webp")}));
-  for (const QString& output : outputs) {
-    QFile file(output);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_EQ(file.read(4), QByteArray("RIFF"));
-  }
+  for (const QString& output : outputs) EXPECT_EQ(testing::fileStart(output), "RIFF");
 
   // No format and no profile: the default format, JPEG; quality 100 is within range.
   reply = compress({a}, "profileOrDefault", 100, "", path("out/default"));
@@ -261,41 +155,18 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
     int quality;
     QString profile, folder, error, text;
   };
+  const QString e = path("out/e"), failed = kError + "CompressionFailed", gone = path("in/gone.png");
   const std::vector<Case> cases = {
-      {{}, "webp", 80, "", path("out/e"), kError + "EmptyFileList", "Choisissez au moins une image"},
-      {{a}, "webp", 101, "", path("out/e"), "org.freedesktop.DBus.Error.InvalidArgs", "quality : 101"},
-      {{a}, "gif", 0, "", path("out/e"), "org.freedesktop.DBus.Error.InvalidArgs", "format : gif"},
+      {{}, "webp", 80, "", e, kError + "EmptyFileList", "Choisissez au moins une image"},
+      {{a}, "webp", 101, "", e, kInvalid, "quality : 101"},
+      {{a}, "gif", 0, "", e, kInvalid, "format : gif"},
       // Relative to wherever the service runs (often /): never taken.
-      {{"in/a.png"},
-       "png",
-       50,
-       "",
-       path("out/e"),
-       "org.freedesktop.DBus.Error.InvalidArgs",
-       "Chemin relatif refusé pour files : in/a.png"},
-      {{a}, "png", 50, "", "out/e", "org.freedesktop.DBus.Error.InvalidArgs", "outputFolder : out/e"},
-      {{a},
-       "profileOrDefault",
-       0,
-       "Nope",
-       path("out/e"),
-       kError + "ProfileNotFound",
-       "Profil introuvable : Nope"},
+      {{"in/a.png"}, "png", 50, "", e, kInvalid, "Chemin relatif refusé pour files : in/a.png"},
+      {{a}, "png", 50, "", "out/e", kInvalid, "outputFolder : out/e"},
+      {{a}, "profileOrDefault", 0, "Nope", e, kError + "ProfileNotFound", "Profil introuvable : Nope"},
       {{a}, "png", 50, "", path("blocker/sub"), kError + "OutputFolder", "blocker/sub"},
-      {{a, path("in/gone.png"), nestedA},
-       "png",
-       50,
-       "",
-       path("out/gone"),
-       kError + "CompressionFailed",
-       "Échec de la compression de gone.png"},
-      {{notImage},
-       "png",
-       50,
-       "",
-       path("out/bad"),
-       kError + "CompressionFailed",
-       "Échec de la compression de notes.png : Impossible de décoder"},
+      {{a, gone, nestedA}, "png", 50, "", path("out/gone"), failed, "Échec de la compression de gone.png"},
+      {{notImage}, "png", 50, "", path("out/bad"), failed, "notes.png : Impossible de décoder"},
   };
   for (const Case& c : cases) {
     reply = compress(c.files, c.format, c.quality, c.profile, c.folder);
@@ -338,7 +209,7 @@ TEST_F(DesktopBus, CompressWithOptionsFitsSkipsAndRefusesUnknownOrMistypedOption
   for (const QVariantMap& bad : {QVariantMap{{"maxWidth", "wide"}}, QVariantMap{{"colour", 1}},
                                  QVariantMap{{"skipLarger", 1}}, QVariantMap{{"quality", "high"}}}) {
     reply = quillane.call("CompressWithOptions", QStringList{a}, bad);
-    EXPECT_EQ(reply.errorName(), "org.freedesktop.DBus.Error.InvalidArgs") << bad.firstKey().toStdString();
+    EXPECT_EQ(reply.errorName(), kInvalid) << bad.firstKey().toStdString();
   }
 }
 
@@ -377,29 +248,23 @@ TEST_F(DesktopBus, ACallerThatLeavesHasItsWorkDroppedAndCanQueueOnlySoMuch) {
 
 TEST_F(DesktopBus, ASecondLaunchHandsItsFilesToTheRunningBatch) {
   const int port = testing::freeLocalPort();
-  QFile conf(path("config/Quillane/Quillane.conf"));
-  ASSERT_TRUE(conf.open(QIODevice::WriteOnly));
-  conf.write(QString("[General]\nlocalAPIEnabled=true\nlocalAPIPort=%1\nlocalAPIToken=%2\n")
-                 .arg(port)
-                 .arg(QString::fromStdString(kToken))
-                 .toUtf8());
-  conf.close();
+  testing::enableLocalAPI(dir_.path(), port, kToken);
   startInstance({}, environment());
   image("b.png");
   image("a.jpg");
 
   // Relative paths are the second launch's own; it ends at once, its files in the first's batch.
-  Run second = run({"in/b.png", "in/a.jpg"}, environment());
+  testing::ProgramRun second = run({"in/b.png", "in/a.jpg"}, environment());
   EXPECT_EQ(second.exitCode, 0) << second.err.toStdString();
   EXPECT_EQ(run({}, environment()).exitCode, 0);  // only raises the window
 
   QJsonArray images;
-  for (auto deadline = std::chrono::steady_clock::now() + 60s;
-       images.size() < 2 && std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(100ms)) {
+  eventually([&] {
     const auto response =
         testing::httpExchange(port, testing::buildRequest("GET", "/v1/images", kToken, {}), 20s);
     images = QJsonDocument::fromJson(QByteArray::fromStdString(response.body)).array();
-  }
+    return images.size() >= 2;
+  });
   ASSERT_EQ(images.size(), 2);
   EXPECT_EQ(images[0].toObject()["name"], "b.png");
   EXPECT_EQ(images[1].toObject()["name"], "a.jpg");
@@ -407,46 +272,39 @@ TEST_F(DesktopBus, ASecondLaunchHandsItsFilesToTheRunningBatch) {
 }
 
 TEST_F(DesktopBus, CompressCommandWorksThroughAnInstanceOrAloneAndReportsTheOutcome) {
-  saveDefaultProfile("data", path("alone"));
-  saveDefaultProfile("instanceData", path("viaInstance"));
+  testing::saveDefaultProfile(path("data"), "webp", path("alone"));
+  testing::saveDefaultProfile(path("instanceData"), "webp", path("viaInstance"));
   image("a.png");
 
   // No session bus at all: compressed in this process, with the launch's own default profile;
   // without a notification service the outcome goes to stderr.
-  QProcessEnvironment noBus = environment();
-  noBus.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + path("no-bus-here"));
-  Run alone = run({"--compress", "in/a.png"}, noBus);
+  const QProcessEnvironment noBus = environment("data", false);
+  testing::ProgramRun alone = run({"--compress", "in/a.png"}, noBus);
   EXPECT_EQ(alone.exitCode, 0) << alone.err.toStdString();
   EXPECT_EQ(alone.out.trimmed(), path("alone/a.webp").toUtf8());
   EXPECT_TRUE(alone.err.contains("Images compressées enregistrées dans")) << alone.err.toStdString();
 
   // With an instance running, the instance does the work with its settings.
   startInstance({"--service"}, environment("instanceData"));
-  Run forwarded = run({"--compress", "in/a.png"}, environment());
+  testing::ProgramRun forwarded = run({"--compress", "in/a.png"}, environment());
   EXPECT_EQ(forwarded.exitCode, 0) << forwarded.err.toStdString();
   EXPECT_EQ(forwarded.out.trimmed(), path("viaInstance/a.webp").toUtf8());
 
   // With a notification service, the outcome is a notification.
-  QThread sinkThread;
-  NotificationSink sink;
-  sink.moveToThread(&sinkThread);
-  sinkThread.start();
-  ASSERT_TRUE(bus_->registerObject("/org/freedesktop/Notifications", &sink, QDBusConnection::ExportAllSlots));
-  ASSERT_TRUE(bus_->registerService("org.freedesktop.Notifications"));
-  Run failed = run({"--compress", "in/gone.png"}, environment());
+  const auto notifications = standIn("org.freedesktop.Notifications");
+  testing::ProgramRun failed = run({"--compress", "in/gone.png"}, environment());
   // With no file, the action is the plain launch: the running instance's window comes up.
-  Run noFiles = run({"--compress"}, environment());
-  bus_->unregisterService("org.freedesktop.Notifications");
-  bus_->unregisterObject("/org/freedesktop/Notifications");
-  sinkThread.quit();
-  sinkThread.wait();
+  testing::ProgramRun noFiles = run({"--compress"}, environment());
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_TRUE(failed.err.isEmpty()) << failed.err.toStdString();
-  ASSERT_EQ(sink.shown().size(), 1);
-  EXPECT_TRUE(
-      sink.shown()[0].startsWith("Quillane: Échec de la compression: Échec de la compression de gone.png"))
-      << sink.shown()[0].toStdString();
-  EXPECT_EQ(sink.actions(), QList<QStringList>{QStringList()});  // nothing to show in a folder
+  const QList<QVariantList> shown = notifications->calls("Notify");
+  ASSERT_EQ(shown.size(), 1);
+  const QVariantList& notify = shown[0];
+  EXPECT_EQ(notify.value(0), "Quillane");
+  EXPECT_EQ(notify.value(3), "Échec de la compression");
+  EXPECT_TRUE(notify.value(4).toString().startsWith("Échec de la compression de gone.png"))
+      << notify.value(4).toString().toStdString();
+  EXPECT_EQ(notify.value(5).toStringList(), QStringList());  // nothing to show in a folder
   EXPECT_EQ(noFiles.exitCode, 0) << noFiles.err.toStdString();
 }
 
@@ -454,15 +312,12 @@ TEST_F(DesktopBus, CompressCommandWorksThroughAnInstanceOrAloneAndReportsTheOutc
 TEST_F(DesktopBus, WithoutAFolderTheActionWritesBesideEachSourceAndOffersToShowTheResults) {
   const QString a = image("a.png"), c = image("sub/c.jpg");
   ASSERT_TRUE(QFile::copy(a, path("in/sub/c-2.jpg")));  // someone else's file of that name
-  QProcessEnvironment noBus = environment();
-  noBus.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + path("no-bus-here"));
-  Run alone = run({"--compress", "in/a.png", "in/sub/c.jpg"}, noBus);
+  const QProcessEnvironment noBus = environment("data", false);
+  testing::ProgramRun alone = run({"--compress", "in/a.png", "in/sub/c.jpg"}, noBus);
   EXPECT_EQ(alone.exitCode, 0) << alone.err.toStdString();
   EXPECT_EQ(alone.out, (path("in/a.jpg") + "\n" + path("in/sub/c-3.jpg") + "\n").toUtf8());
   EXPECT_EQ(entries("in/sub"), QStringList({"c-2.jpg", "c-3.jpg", "c.jpg"}));
-  QFile theirs(path("in/sub/c-2.jpg"));
-  ASSERT_TRUE(theirs.open(QIODevice::ReadOnly));
-  EXPECT_EQ(theirs.read(4), QByteArray("\x89PNG"));
+  EXPECT_EQ(testing::fileStart(path("in/sub/c-2.jpg")), "\x89PNG");  // still theirs
 
   // The bus's Compress with no folder does the same.
   QDBusMessage reply = compress({a}, "png", 50, "", "");
@@ -470,71 +325,28 @@ TEST_F(DesktopBus, WithoutAFolderTheActionWritesBesideEachSourceAndOffersToShowT
   EXPECT_EQ(reply.arguments().value(0).toStringList(), QStringList{path("in/a-2.png")});
 
   // The outcome's "Show in folder" shows the written file in the file manager.
-  QThread sinkThread;
-  NotificationSink notifications;
-  FileManagerSink fileManager;
-  notifications.moveToThread(&sinkThread);
-  fileManager.moveToThread(&sinkThread);
-  sinkThread.start();
-  ASSERT_TRUE(bus_->registerObject("/org/freedesktop/Notifications", &notifications,
-                                   QDBusConnection::ExportAllSlots));
-  ASSERT_TRUE(bus_->registerService("org.freedesktop.Notifications"));
-  ASSERT_TRUE(
-      bus_->registerObject("/org/freedesktop/FileManager1", &fileManager, QDBusConnection::ExportAllSlots));
-  ASSERT_TRUE(bus_->registerService("org.freedesktop.FileManager1"));
+  const auto notifications = standIn("org.freedesktop.Notifications");
+  const auto fileManager = standIn("org.freedesktop.FileManager1");
   QProcess launch;
   launch.setProcessEnvironment(environment());
   launch.setWorkingDirectory(dir_.path());
   launch.start(program_, {"--compress", "in/a.png"});
-  for (auto deadline = std::chrono::steady_clock::now() + 60s; notifications.actions().isEmpty();
-       std::this_thread::sleep_for(50ms))
-    ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "no notification";
-  EXPECT_EQ(notifications.actions()[0].value(0), "show-in-folder");
+  ASSERT_TRUE(eventually([&] { return !notifications->calls("Notify").isEmpty(); })) << "no notification";
+  EXPECT_EQ(notifications->calls("Notify")[0].value(5).toStringList().value(0), "show-in-folder");
   QDBusMessage chosen = QDBusMessage::createSignal("/org/freedesktop/Notifications",
                                                    "org.freedesktop.Notifications", "ActionInvoked");
   chosen << uint(1) << QString("show-in-folder");
   ASSERT_TRUE(bus_->send(chosen));
   EXPECT_TRUE(launch.waitForFinished(60000));
   EXPECT_EQ(launch.exitCode(), 0);
-  EXPECT_EQ(fileManager.shown(), QStringList{QUrl::fromLocalFile(path("in/a-2.jpg")).toString()});
-  for (const char* name : {"org.freedesktop.Notifications", "org.freedesktop.FileManager1"})
-    bus_->unregisterService(name);
-  bus_->unregisterObject("/org/freedesktop/Notifications");
-  bus_->unregisterObject("/org/freedesktop/FileManager1");
-  sinkThread.quit();
-  sinkThread.wait();
-}
-
-TEST_F(DesktopBus, HelpAndVersionNeedNoDisplayAndAnUnknownOptionIsAUsageError) {
-  QProcessEnvironment bare = environment();
-  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) bare.remove(name);
-  for (const char* option : {"--help", "-h"}) {
-    const Run help = run({option}, bare);
-    EXPECT_EQ(help.exitCode, 0) << option << help.err.toStdString();
-    EXPECT_TRUE(help.out.contains("quillane --background")) << help.out.toStdString();
-  }
-  EXPECT_TRUE(run({"--version"}, bare).out.startsWith("quillane "));
-  const Run wrong = run({"--frobnicate", "in/a.png"}, bare);
-  EXPECT_EQ(wrong.exitCode, 2);
-  EXPECT_TRUE(wrong.out.isEmpty());
-  EXPECT_TRUE(wrong.err.contains("--frobnicate") && wrong.err.contains("quillane --compress"))
-      << wrong.err.toStdString();
-  EXPECT_FALSE(owned());
+  ASSERT_EQ(fileManager->calls("ShowItems").size(), 1);
+  EXPECT_EQ(fileManager->calls("ShowItems")[0].value(0).toStringList(),
+            QStringList{QUrl::fromLocalFile(path("in/a-2.jpg")).toString()});
 }
 
 TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpensIt) {
-  QDir(dir_.path()).mkpath("hot/in");
-  QJsonObject folder{{"id", "0F6F2D3E-7C4B-4C55-9D6E-2F3A4B5C6D7E"},
-                     {"name", "Drop"},
-                     {"sourceFolder", QUrl::fromLocalFile(path("hot/in")).toString()},
-                     {"destinationFolder", QUrl::fromLocalFile(path("hot/out")).toString()},
-                     {"format", "webp"},
-                     {"quality", 70},
-                     {"isEnabled", true}};
-  QFile list(path("data/Quillane/hotFolders.json"));
-  ASSERT_TRUE(list.open(QIODevice::WriteOnly));
-  list.write(QJsonDocument(QJsonArray{folder}).toJson());
-  list.close();
+  testing::saveHotFolder(path("data"), "0F6F2D3E-7C4B-4C55-9D6E-2F3A4B5C6D7E", path("hot/in"),
+                         path("hot/out"));
 
   // Showing a window would end the background instance (and the launch that could not hand over).
   QProcessEnvironment env = environment();
@@ -543,28 +355,41 @@ TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpen
   EXPECT_EQ(run({"--background"}, env).exitCode, 0);  // one is enough
 
   ASSERT_TRUE(QFile::rename(image("drop.png"), path("hot/in/drop.png")));
-  for (auto deadline = std::chrono::steady_clock::now() + 60s; !QFileInfo::exists(path("hot/out/drop.webp"));
-       std::this_thread::sleep_for(100ms))
-    ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the hot folder wrote nothing";
+  ASSERT_TRUE(eventually([&] { return QFileInfo::exists(path("hot/out/drop.webp")); }))
+      << "the hot folder wrote nothing";
   EXPECT_EQ(processes_.front()->state(), QProcess::Running);
 
   image("b.png");
-  const Run later = run({"in/b.png"}, env);
+  const testing::ProgramRun later = run({"in/b.png"}, env);
   EXPECT_EQ(later.exitCode, 0) << later.err.toStdString();
   ASSERT_TRUE(processes_.front()->waitForFinished(60000)) << "the background instance showed no window";
   EXPECT_EQ(processes_.front()->exitCode(), 0);
 }
 
-// Started where there is no display (a bus that lacks the session's environment), the instance
-// cannot show the window a launch asks for: it gives its name up to that launch.
-TEST_F(DesktopBus, AnInstanceWithoutADisplayHandsOverToALaunchThatHasOne) {
-  QProcessEnvironment headless = environment();
-  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) headless.remove(name);
-  startInstance({"--background"}, headless);
+// Where there is no display (a bus that lacks the session's environment), help and version
+// still answer and an unknown option is a usage error; an instance started there cannot show
+// the window a launch asks for: it gives its name up to that launch.
+TEST_F(DesktopBus, WithoutADisplayHelpAnswersAndAnInstanceHandsOverToALaunchThatHasOne) {
+  QProcessEnvironment bare = environment();
+  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) bare.remove(name);
+  for (const char* option : {"--help", "-h"}) {
+    const testing::ProgramRun help = run({option}, bare);
+    EXPECT_EQ(help.exitCode, 0) << option << help.err.toStdString();
+    EXPECT_TRUE(help.out.contains("quillane --background")) << help.out.toStdString();
+  }
+  EXPECT_TRUE(run({"--version"}, bare).out.startsWith("quillane "));
+  const testing::ProgramRun wrong = run({"--frobnicate", "in/a.png"}, bare);
+  EXPECT_EQ(wrong.exitCode, 2);
+  EXPECT_TRUE(wrong.out.isEmpty());
+  EXPECT_TRUE(wrong.err.contains("--frobnicate") && wrong.err.contains("quillane --compress"))
+      << wrong.err.toStdString();
+  EXPECT_FALSE(owned());
+
+  startInstance({"--background"}, bare);
   QProcessEnvironment env = environment();
   env.insert("QUILLANE_QUIT_WHEN_SHOWN", "1");
   image("b.png");
-  const Run later = run({"in/b.png"}, env);
+  const testing::ProgramRun later = run({"in/b.png"}, env);
   EXPECT_EQ(later.exitCode, 0);
   EXPECT_FALSE(later.err.contains("did not answer")) << later.err.toStdString();
   ASSERT_TRUE(processes_.front()->waitForFinished(60000));
@@ -573,5 +398,3 @@ TEST_F(DesktopBus, AnInstanceWithoutADisplayHandsOverToALaunchThatHasOne) {
 
 }  // namespace
 }  // namespace quillane
-
-#include "desktop_bus_test.moc"

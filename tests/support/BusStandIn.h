@@ -1,0 +1,68 @@
+#pragma once
+// A desktop service stood in for on a D-Bus connection: it answers every call to its path and
+// keeps each one. Notify is answered with the notification's number (from 1), GetCapabilities
+// with "actions" and "body". It answers on a thread of its own, so that it serves a program the
+// test is waiting for; its name and path go with it.
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVirtualObject>
+#include <QMutex>
+#include <QThread>
+
+namespace quillane::testing {
+
+class BusStandIn : public QDBusVirtualObject {
+ public:
+  struct Call {
+    QString member;
+    QVariantList arguments;
+  };
+
+  BusStandIn(QDBusConnection connection, const QString& service, const QString& path)
+      : connection_(std::move(connection)), service_(service), path_(path) {
+    moveToThread(&thread_);
+    thread_.start();
+    registered_ = connection_.registerVirtualObject(path_, this) && connection_.registerService(service_);
+  }
+  ~BusStandIn() override {
+    connection_.unregisterService(service_);
+    connection_.unregisterObject(path_);
+    thread_.quit();
+    thread_.wait();
+  }
+  bool registered() const { return registered_; }
+
+  // The calls of `member` so far, each as its arguments.
+  QList<QVariantList> calls(const QString& member) const {
+    QMutexLocker lock(&mutex_);
+    QList<QVariantList> found;
+    for (const Call& call : calls_)
+      if (call.member == member) found << call.arguments;
+    return found;
+  }
+
+  QString introspect(const QString&) const override { return {}; }
+  bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
+    {
+      QMutexLocker lock(&mutex_);
+      calls_.append({message.member(), message.arguments()});
+    }
+    if (message.member() == "Notify")
+      connection.send(message.createReply(QVariant::fromValue(uint(calls("Notify").size()))));
+    else if (message.member() == "GetCapabilities")
+      connection.send(message.createReply(QStringList{"actions", "body"}));
+    else
+      connection.send(message.createReply());
+    return true;
+  }
+
+ private:
+  QDBusConnection connection_;
+  QString service_, path_;
+  QThread thread_;
+  bool registered_ = false;
+  mutable QMutex mutex_;
+  QList<Call> calls_;
+};
+
+}  // namespace quillane::testing
