@@ -181,7 +181,8 @@ void walkChunks(ByteSource& source, uint64_t begin, uint64_t end, Layout& layout
 std::optional<Layout> layoutOf(ByteSource& source) {
   uint8_t riff[12];
   source.rewind();
-  if (source.read(riff, 12) != 12 || std::memcmp(riff, "RIFF", 4) || std::memcmp(riff + 8, "WEBP", 4))
+  if (source.read(riff, 12) != 12 || std::memcmp(riff, "RIFF", 4) != 0 ||
+      std::memcmp(riff + 8, "WEBP", 4) != 0)
     return std::nullopt;
   Layout layout;
   walkChunks(source, 12, std::min<uint64_t>(source.size(), uint64_t(le32(riff + 4)) + 8), layout, false);
@@ -221,7 +222,7 @@ std::vector<uint8_t> firstFrameFile(ByteSource& source, const Layout& layout) {
     append(layout.picture);
   }
   const uint32_t riffSize = uint32_t(file.size() - 8);
-  for (int i = 0; i < 4; ++i) file[size_t(4 + i)] = uint8_t(riffSize >> (8 * i));
+  for (int i = 0; i < 4; ++i) file[4 + size_t(i)] = uint8_t(riffSize >> (8 * i));
   return file;
 }
 

@@ -1,6 +1,7 @@
 // The HTTP listener over real sockets: raw bytes in, raw bytes out; its lifetime, routes that
 // answer late or never, and many connections at once.
 #include <QPromise>
+#include <atomic>
 
 #include "engine/Json.h"
 #include "tests/api/ApiTestSupport.h"
@@ -226,10 +227,18 @@ TEST_F(ServerTest, HundredsOfConcurrentConnectionsAreServedWithoutLeakingDescrip
 }
 
 TEST_F(ServerTest, ClientsBeyondTheCapWaitAndBufferedBytesHaveOneBudgetForAll) {
-  int port = startServer(10.0, 0, {2, size_t(1) << 20});
-  RawConnection first(port), second(port), third(port);
+  // The heads seen, so that the third client arrives only once both places hold complete
+  // headers: before that, a place whose headers were still unread would be given to it.
+  auto heads = std::make_shared<std::atomic<int>>(0);
+  int port = startServer(10.0, 0, {2, size_t(1) << 20}, [heads](const LocalAPIRequest&) {
+    ++*heads;
+    return std::optional<LocalAPIResponse>{};
+  });
+  RawConnection first(port), second(port);
   first.send("POST /first HTTP/1.1\r\nContent-Length: 1\r\n\r\n");
   second.send("POST /second HTTP/1.1\r\nContent-Length: 1\r\n\r\n");
+  ASSERT_TRUE(spinUntil([&] { return heads->load() == 2; }, 5s));
+  RawConnection third(port);
   third.send("GET /third\r\n\r\n");
   EXPECT_TRUE(third.readSome(200ms).empty()) << "two places, both taken by requests with their headers";
   first.send("x");

@@ -15,12 +15,6 @@
 namespace quillane::uitest {
 namespace {
 
-void sendMouse(QWidget* target, QEvent::Type type, QPointF pos) {
-  QMouseEvent event(type, pos, target->mapToGlobal(pos), Qt::LeftButton,
-                    type == QEvent::MouseButtonRelease ? Qt::NoButton : Qt::LeftButton, Qt::NoModifier);
-  QApplication::sendEvent(target, &event);
-}
-
 // 16-pixel blocks of colours, with a transparent band: halving it loses nothing.
 QImage blocks(int width, int height, int block) {
   QImage image(width, height, QImage::Format_RGBA8888);

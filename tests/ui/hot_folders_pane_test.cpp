@@ -85,7 +85,7 @@ TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersEvenThroughALink)
 
 TEST_F(HotFoldersPaneTest, AProfileReplacesFormatAndQualityWhichComeBackWithoutIt) {
   makeModel();
-  model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, false, {}});
+  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80));
   pane().nameField()->setText("Shots");
   choose(in_, out_);
   pane().setNewFormat(ImageFormat::avif);
@@ -116,19 +116,9 @@ TEST_F(HotFoldersPaneTest, AProfileReplacesFormatAndQualityWhichComeBackWithoutI
 TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   // 30 folders whose source is missing: 30 error lines at launch.
   HotFolderList folders;
-  for (int i = 0; i < 30; ++i) {
-    folders.push_back({QUuid::createUuid(),
-                       QString("F%1").arg(i),
-                       dir_.filePath("missing"),
-                       out_,
-                       std::nullopt,
-                       ImageFormat::png,
-                       50.0,
-                       true,
-                       {}});
-  }
-  folders.push_back(
-      {QUuid::createUuid(), "Live", in_, out_, std::nullopt, ImageFormat::webp, 80.0, true, {}});
+  for (int i = 0; i < 30; ++i)
+    folders.push_back(hotFolder(QString("F%1").arg(i), dir_.filePath("missing"), out_, ImageFormat::png, 50));
+  folders.push_back(hotFolder("Live", in_, out_, ImageFormat::webp, 80));
   HotFolders::save(folders);
   pane();
   // The folders report from their own threads, in no fixed order.

@@ -17,7 +17,7 @@
 #include <QSpinBox>
 #include <QToolButton>
 
-#include "records/ExportProfile.h"
+#include "tests/support/BusStandIn.h"
 #include "tests/ui/ui_test_support.h"
 #include "ui/ControlsBar.h"
 #include "ui/DesktopFileDialogs.h"
@@ -109,8 +109,7 @@ TEST_F(MainWindowTest, TheQualitySliderEncodesOnlyOnceLetGo) {
 
 TEST_F(MainWindowTest, TheProfileMenuAppearsWithProfilesAndNoneKeepsTheSettings) {
   window();
-  ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 60, std::nullopt, false, {}};
-  model_->upsertExportProfile(web);
+  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 60));
   EXPECT_TRUE(bar().profileMenu()->isVisible());
   bar().profileMenu()->rebuildMenu();
   QList<QAction*> entries = bar().profileMenu()->menu()->actions();
@@ -248,23 +247,6 @@ TEST_F(MainWindowTest, ARightToLeftLayoutMirrorsTheBarAndTheRowsAndKeepsNumbersW
   EXPECT_EQ(ui::formatByteCount(199000), QString(QChar(0x2066)) + "199 kB" + QChar(0x2069));
 }
 
-// The desktop's notification service, as far as Notify: it keeps what it was asked.
-class NotificationSink : public QObject {
-  Q_OBJECT
-  Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
- public slots:
-  uint Notify(const QString&, uint, const QString&, const QString&, const QString& body,
-              const QStringList& offered, const QVariantMap&, int) {
-    bodies << body;
-    actions << offered;
-    return 7;
-  }
-
- public:
-  QStringList bodies;
-  QList<QStringList> actions;
-};
-
 class ShownFiles : public ui::DesktopFileDialogs {
  public:
   void showFilesInFileManager(const QList<QUrl>& files) override { shown << files; }
@@ -283,10 +265,9 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
   // The desktop's notification service, on a connection of its own.
   QDBusConnection service = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "notifications");
   if (!service.isConnected()) GTEST_SKIP() << "no session bus";
-  NotificationSink sink;
-  ASSERT_TRUE(
-      service.registerObject("/org/freedesktop/Notifications", &sink, QDBusConnection::ExportAllSlots));
-  ASSERT_TRUE(service.registerService("org.freedesktop.Notifications"));
+  auto sink = std::make_unique<testing::BusStandIn>(service, "org.freedesktop.Notifications",
+                                                    "/org/freedesktop/Notifications");
+  ASSERT_TRUE(sink->registered());
 
   // Another window in front.
   QWidget front;
@@ -306,16 +287,15 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
   EXPECT_EQ(shown->shown, QList<QList<QUrl>>{written});
 
   // The window is behind: the notification offers the same.
-  ASSERT_TRUE(QTest::qWaitFor([&] { return !sink.bodies.isEmpty(); }, 5000));
-  EXPECT_EQ(sink.bodies[0], summary->textLabel()->text());
-  EXPECT_EQ(sink.actions[0].value(0), "show-in-folder");
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !sink->calls("Notify").isEmpty(); }, 5000));
+  EXPECT_EQ(sink->calls("Notify")[0].value(4), summary->textLabel()->text());
+  EXPECT_EQ(sink->calls("Notify")[0].value(5).toStringList().value(0), "show-in-folder");
   QDBusMessage chosen = QDBusMessage::createSignal("/org/freedesktop/Notifications",
                                                    "org.freedesktop.Notifications", "ActionInvoked");
-  chosen << uint(7) << QString("show-in-folder");
+  chosen << uint(1) << QString("show-in-folder");
   ASSERT_TRUE(service.send(chosen));
   EXPECT_TRUE(QTest::qWaitFor([&] { return shown->shown.size() == 2; }, 5000));
-  service.unregisterService("org.freedesktop.Notifications");
-  service.unregisterObject("/org/freedesktop/Notifications");
+  sink.reset();
   QDBusConnection::disconnectFromBus("notifications");
   QTest::keyClick(summary->closeButton(), Qt::Key_Escape);
   EXPECT_FALSE(summary->isVisible());
@@ -323,5 +303,3 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
 
 }  // namespace
 }  // namespace quillane::uitest
-
-#include "main_window_test.moc"

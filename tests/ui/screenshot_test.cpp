@@ -96,10 +96,8 @@ class Screenshots : public UiFixture {
     QFuture<bool> written = model_->exportSingle(
         model_->images()[0], QUrl::fromLocalFile(dir_.filePath("out/mountain-lake-at-dawn.jpg")));
     ASSERT_TRUE(QTest::qWaitFor([&] { return failed.isFinished() && written.isFinished(); }, 5000));
-    model_->upsertExportProfile(
-        {QUuid::createUuid(), "Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true, {}});
-    model_->upsertExportProfile(
-        {QUuid::createUuid(), "Archive", ImageFormat::jxl, 95, std::nullopt, false, {}});
+    model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true));
+    model_->upsertExportProfile(profile("Archive", ImageFormat::jxl, 95));
   }
 
   std::unique_ptr<ui::MainWindow> showWindow(QSize size) {
@@ -217,24 +215,10 @@ class SettingsScreenshots : public Screenshots {
     if (!hotFolders_) {
       // One working folder, and one whose source is missing, so that the error log has a line.
       QDir(dir_.path()).mkpath("camera");
-      HotFolders::save({{QUuid::createUuid(),
-                         "Camera",
-                         dir_.filePath("camera"),
-                         dir_.filePath("camera-small"),
-                         QString("Web"),
-                         std::nullopt,
-                         std::nullopt,
-                         true,
-                         {}},
-                        {QUuid::createUuid(),
-                         "Scans",
-                         dir_.filePath("scans"),
-                         dir_.filePath("scans-small"),
-                         std::nullopt,
-                         ImageFormat::jxl,
-                         80.0,
-                         true,
-                         {}}});
+      HotFolders::save(
+          {hotFolder("Camera", dir_.filePath("camera"), dir_.filePath("camera-small"), std::nullopt, 75,
+                     "Web"),
+           hotFolder("Scans", dir_.filePath("scans"), dir_.filePath("scans-small"), ImageFormat::jxl, 80)});
       hotFolders_ = std::make_unique<HotFoldersManager>();
     }
     window->insertHotFoldersPane(new ui::HotFoldersSettingsView(*hotFolders_, *model_, {}));

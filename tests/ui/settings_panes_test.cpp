@@ -57,8 +57,8 @@ TEST_F(ProfilePaneTest, ANameOfSpacesOnlyCannotBeSaved) {
 
 TEST_F(ProfilePaneTest, EditingUpdatesInPlaceAndDeletingTheEditedProfileReturnsTheFormToAdding) {
   makeModel();
-  const ExportProfile a{QUuid::createUuid(), "A", ImageFormat::png, 50, QString("/tmp/a"), true, {}};
-  const ExportProfile b{QUuid::createUuid(), "B", ImageFormat::avif, 80.5, std::nullopt, false, {}};
+  const ExportProfile a = profile("A", ImageFormat::png, 50, QString("/tmp/a"), true);
+  const ExportProfile b = profile("B", ImageFormat::avif, 80.5);
   model_->upsertExportProfile(a);
   model_->upsertExportProfile(b);
   pane().startEditing(b);

@@ -1,10 +1,12 @@
 #include "tests/ui/ui_test_support.h"
 
 #include <QAbstractButton>
+#include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDir>
 #include <QLabel>
+#include <QMouseEvent>
 #include <QPushButton>
 #include <QStandardPaths>
 
@@ -171,6 +173,30 @@ ui::MainWindow& WindowFixture::window() {
     window_->show();
   }
   return *window_;
+}
+
+void sendMouse(QWidget* target, QEvent::Type type, QPointF pos) {
+  QMouseEvent event(type, pos, target->mapToGlobal(pos), Qt::LeftButton,
+                    type == QEvent::MouseButtonRelease ? Qt::NoButton : Qt::LeftButton, Qt::NoModifier);
+  QApplication::sendEvent(target, &event);
+}
+
+ExportProfile profile(const QString& name, ImageFormat format, double quality, std::optional<QString> folder,
+                      bool isDefault) {
+  return {QUuid::createUuid(), name, format, quality, std::move(folder), isDefault, {}};
+}
+
+HotFolder hotFolder(const QString& name, const QString& source, const QString& destination,
+                    std::optional<ImageFormat> format, double quality, std::optional<QString> profile) {
+  return {QUuid::createUuid(),
+          name,
+          source,
+          destination,
+          std::move(profile),
+          format,
+          format ? std::optional(quality) : std::nullopt,
+          true,
+          {}};
 }
 
 QStringList clippedTexts(QWidget* root) {

@@ -15,6 +15,8 @@
 #include <string>
 
 #include "batch/BatchViewModel.h"
+#include "hotfolders/HotFolder.h"
+#include "records/ExportProfile.h"
 #include "ui/MainWindow.h"
 
 namespace quillane::uitest {
@@ -65,6 +67,18 @@ class WindowFixture : public UiFixture {
   ui::MainWindow& window();
   std::unique_ptr<ui::MainWindow> window_;
 };
+
+// A left-button mouse event of `type` at `pos` in `target`.
+void sendMouse(QWidget* target, QEvent::Type type, QPointF pos);
+
+// A profile with no folder of its own, not the default, unless given.
+ExportProfile profile(const QString& name, ImageFormat format, double quality,
+                      std::optional<QString> folder = std::nullopt, bool isDefault = false);
+
+// An enabled hot folder with explicit settings, or a profile's when `format` is not given.
+HotFolder hotFolder(const QString& name, const QString& source, const QString& destination,
+                    std::optional<ImageFormat> format, double quality = 75,
+                    std::optional<QString> profile = {});
 
 // Widgets in `root` whose text does not fit: labels and buttons narrower than their text
 // needs (word-wrapping and elided labels excepted). Names them for the failure message.

@@ -40,12 +40,6 @@ using Kind = DesktopFileDialogs::FolderKind;
 
 using WindowEdgesTest = WindowFixture;
 
-void sendMouse(QWidget* target, QEvent::Type type, QPoint pos) {
-  QMouseEvent event(type, pos, target->mapToGlobal(pos), Qt::LeftButton,
-                    type == QEvent::MouseButtonRelease ? Qt::NoButton : Qt::LeftButton, Qt::NoModifier);
-  QApplication::sendEvent(target, &event);
-}
-
 TEST_F(WindowEdgesTest, ADoubleClickOnRemoveRemovesOnlyTheRowUnderTheFirstPress) {
   window();
   import({source("a.png"), source("b.png"), source("c.png")});
@@ -128,8 +122,7 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
       model_->setQuality(model_->quality() - 1);
       ASSERT_TRUE(QTest::qWaitFor([&] { return model_->isEncoding(); }));
       EXPECT_EQ(top(), settled) << "encoding";
-      model_->upsertExportProfile(
-          {QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, false, {}});
+      model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80));
       EXPECT_EQ(top(), settled) << "with a profile";
       if (size.width() == 960) {
         ui::ControlsBar& bar = *window().controlsBar();
@@ -190,14 +183,8 @@ TEST_F(WindowEdgesTest, FormatMenusAreOneExclusiveChoice) {
 
 TEST_F(WindowEdgesTest, TheProfileButtonsLabelClearsItsArrowInEveryScript) {
   window();
-  model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::webp, 80, std::nullopt, false, {}});
-  model_->upsertExportProfile({QUuid::createUuid(),
-                               "Archive quality for the printer downstairs",
-                               ImageFormat::jxl,
-                               95,
-                               std::nullopt,
-                               false,
-                               {}});
+  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80));
+  model_->upsertExportProfile(profile("Archive quality for the printer downstairs", ImageFormat::jxl, 95));
   QPushButton* button = window().controlsBar()->profileMenu()->button();
   QStyleOptionButton option;
   option.initFrom(button);
@@ -298,7 +285,7 @@ TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindElseHomeAndOfferTh
   EXPECT_EQ(DesktopFileDialogs::startFolder(Kind::exportFolder), QDir::homePath());
 }
 
-// The profile form's folder chooser stands over the settings window, not the main window.
+// Records the windows the folder chooser is asked to stand over.
 class RecordingFileDialogs : public DesktopFileDialogs {
  public:
   std::optional<QUrl> chooseFolder(const std::optional<QUrl>&, QWidget* parent) override {
@@ -307,20 +294,6 @@ class RecordingFileDialogs : public DesktopFileDialogs {
   }
   std::vector<QWidget*> parents;
 };
-
-TEST_F(WindowEdgesTest, TheProfileFolderChooserIsParentedToTheSettingsWindow) {
-  window();
-  RecordingFileDialogs dialogs;
-  LocalAPIController controller(*model_);
-  UpdateChecker checker(QUrl("http://127.0.0.1:9"), "1.0");
-  LanguageManager languages(LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
-  ui::SettingsWindow settings({*model_, controller, checker, languages, &dialogs}, &window());
-  settings.setAttribute(Qt::WA_DeleteOnClose, false);
-  auto* pane = settings.findChild<ui::ExportProfilesSettingsView*>();
-  ASSERT_TRUE(pane);
-  pane->chooseFolder();
-  EXPECT_EQ(dialogs.parents, std::vector<QWidget*>{&settings});
-}
 
 // The offscreen screen (800 x 800) is narrower than the window's usual size, and at a scale
 // factor of 2 (ui.MainWindowAtScale2) smaller than its minimum: it opens inside it all the same.
@@ -381,6 +354,11 @@ TEST_F(WindowEdgesTest, EveryControlOfTheWindowItsPopupsAndTheSettingsHasAName) 
   ui::SettingsWindow settings({*model_, controller, checker, languages, &dialogs}, &window());
   settings.setAttribute(Qt::WA_DeleteOnClose, false);
   EXPECT_EQ(unnamedControls(&settings), "");
+  // The profile form's folder chooser stands over the settings window, not the main window.
+  auto* pane = settings.findChild<ui::ExportProfilesSettingsView*>();
+  ASSERT_TRUE(pane);
+  pane->chooseFolder();
+  EXPECT_EQ(dialogs.parents, std::vector<QWidget*>{&settings});
 }
 
 }  // namespace
