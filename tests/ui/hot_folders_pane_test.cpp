@@ -121,9 +121,21 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   folders.push_back(hotFolder("Live", in_, out_, ImageFormat::webp, 80));
   HotFolders::save(folders);
   pane();
-  // The folders report from their own threads, in no fixed order.
+  // Each row says what its folder is doing.
+  auto stateCount = [&](const char* key) {
+    QStringList states;
+    for (QLabel* label : pane().existingSection()->findChildren<QLabel*>("statusText"))
+      states << label->text();
+    return states.count(Strings::text(key));
+  };
+  // The folders report from their own threads, in no fixed order, and their rows' states
+  // follow their reports.
   ASSERT_TRUE(QTest::qWaitFor(
-      [&] { return manager_->isRunning(folders.back().id) && pane().errorActivities().size() == 30; },
+      [&] {
+        return manager_->isRunning(folders.back().id) && pane().errorActivities().size() == 30 &&
+               stateCount("settings.hotFolders.stateWaiting") == 30 &&
+               stateCount("settings.hotFolders.stateWatching") == 1;
+      },
       10000));
   QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);  // the lines replaced
   const std::vector<HotFolderActivity> newest = pane().errorActivities();
@@ -131,11 +143,6 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   const QStringList errors = texts(pane().errorSection());
   EXPECT_TRUE(errors.contains(title(0)) && errors.contains(title(19)) && !errors.contains(title(20)));
   EXPECT_TRUE(texts(pane().activitySection()).contains(title(4)));
-  // Each row says what its folder is doing.
-  QStringList states;
-  for (QLabel* label : pane().existingSection()->findChildren<QLabel*>("statusText")) states << label->text();
-  EXPECT_EQ(states.count(Strings::text("settings.hotFolders.stateWaiting")), 30);
-  EXPECT_EQ(states.count(Strings::text("settings.hotFolders.stateWatching")), 1);
 
   QList<QCheckBox*> switches = pane().existingSection()->findChildren<QCheckBox*>("enabledSwitch");
   ASSERT_EQ(switches.size(), 31);
