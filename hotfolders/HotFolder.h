@@ -48,6 +48,7 @@ struct HotFolderActivity {
   std::optional<QString> destinationURL;  // local path of the written file
   QDateTime date;
   std::optional<QString> error;
+  std::optional<QString> note;  // a success that wrote nothing: why the original was kept
 
   bool isError() const { return error.has_value(); }
 };

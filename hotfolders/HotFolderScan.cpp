@@ -210,7 +210,7 @@ std::optional<HotFolderWatcher::Settings> HotFolderWatcher::resolveSettings() {
     MutexLock lock(reportLock_);
     if (onActivity && reportedFolderError_ != message) {  // said once, not at every scan
       onActivity({QUuid::createUuid(), hotFolder_.name, QString(), std::nullopt,
-                  QDateTime::currentDateTimeUtc(), message});
+                  QDateTime::currentDateTimeUtc(), message, std::nullopt});
     }
     reportedFolderError_ = message;
     return std::nullopt;
@@ -298,8 +298,9 @@ void HotFolderWatcher::record(const Candidate& candidate, const ImageCompression
   MutexLock lock(reportLock_);
   HotFolderActivity line{
       QUuid::createUuid(), hotFolder_.name, candidate.name, std::nullopt, QDateTime::currentDateTimeUtc(),
-      std::nullopt};
+      std::nullopt,        std::nullopt};
   if (result.destination) line.destinationURL = QFile::decodeName(result.destination->c_str());
+  if (result.skipped) line.note = QString::fromStdString(*result.skipped);
   bool repeated = false;
   if (result.error) {
     line.error = QString::fromStdString(*result.error);

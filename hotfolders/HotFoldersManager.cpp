@@ -13,7 +13,8 @@ namespace {
 
 HotFolderActivity folderLine(const HotFolder& hotFolder, const QString& message) {
   return {
-      QUuid::createUuid(), hotFolder.name, QString(), std::nullopt, QDateTime::currentDateTimeUtc(), message};
+      QUuid::createUuid(), hotFolder.name, QString(), std::nullopt, QDateTime::currentDateTimeUtc(), message,
+      std::nullopt};
 }
 
 QString unreadableSourceText() {

@@ -443,6 +443,10 @@ QWidget* HotFoldersSettingsView::makeActivityLine(const HotFolderActivity& activ
     layout->addWidget(error);
   } else if (activity.destinationURL && !errorOnly) {
     layout->addWidget(elidedNote(pathText(*activity.destinationURL), line));
+  } else if (activity.note && !errorOnly) {
+    auto* note = makeNote(*activity.note, line);
+    note->setWordWrap(true);
+    layout->addWidget(note);
   }
   return line;
 }

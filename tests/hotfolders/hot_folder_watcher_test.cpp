@@ -254,6 +254,26 @@ TEST_F(HotFolderWatcherTest, MissingProfileReportsTheFolderOnceAndCompressesNoth
   EXPECT_EQ(std::pair(header->width, header->height), std::pair(12, 12));
 }
 
+// A result not smaller than its source writes nothing; the line says the original was kept,
+// and the file is not taken again at the next scan.
+TEST_F(HotFolderWatcherTest, AKeptOriginalWritesNothingAndItsLineSaysWhy) {
+  putImage(QStringLiteral("a.jpg"));
+  HotFolder hotFolder = folder();
+  hotFolder.format = ImageFormat::png;
+  hotFolder.quality = 100;
+  hotFolder.sizing.skipLarger = true;
+  Reports& reports = newReports();
+  auto watcher = watch(hotFolder, reports);
+  watcher->scanOnce();
+  watcher->scanOnce();
+  ASSERT_EQ(reports.lines().size(), 1u);
+  const HotFolderActivity line = reports.lines()[0];
+  EXPECT_FALSE(line.isError());
+  EXPECT_FALSE(line.destinationURL);
+  EXPECT_TRUE(line.note && !line.note->isEmpty());
+  EXPECT_TRUE(outputs().isEmpty());
+}
+
 TEST_F(HotFolderWatcherTest, NonLocalFolderIsPolledForChangesInotifyDoesNotReport) {
   putImage(QStringLiteral("a.jpg"));
   Reports& reports = newReports();
