@@ -23,7 +23,7 @@
 namespace quillane::ui {
 namespace {
 
-constexpr int64_t kKilo = 1000, kMega = 1000 * 1000;
+constexpr int64_t kKilo = 1000, kMega = kKilo * kKilo;
 constexpr int kDefaultSide = 1920;
 
 QSpinBox* makeSideField(const char* accessibleKey, QWidget* parent) {
