@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <random>
+#include <span>
 
 #include "engine/Errors.h"
 #include "engine/PNGWriter.h"
@@ -34,7 +35,7 @@ std::optional<Bytes> rgbaOf(const std::optional<Decoded>& decoded) {
 
 // Largest difference of the colour samples where the source is not fully transparent, and of
 // every alpha sample.
-int worstVisibleDifference(const Bytes& source, const Bytes& decoded) {
+int worstVisibleDifference(std::span<const uint8_t> source, std::span<const uint8_t> decoded) {
   int worst = 0;
   for (size_t i = 0; i < source.size(); i += 4)
     for (size_t c = source[i + 3] == 0 ? 3 : 0; c < 4; ++c)

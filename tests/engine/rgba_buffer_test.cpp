@@ -2,6 +2,7 @@
 
 #include "engine/Errors.h"
 #include "engine/RGBABuffer.h"
+#include "tests/support/TestImages.h"
 
 namespace quillane {
 namespace {
@@ -11,7 +12,7 @@ using Bytes = std::vector<uint8_t>;
 DecodedImage image8(int width, int height, AlphaInfo alpha, Bytes pixels) {
   DecodedImage image;
   image.width = width, image.height = height, image.alpha = alpha;
-  image.pixels8 = std::move(pixels);
+  image.pixels8.assign(pixels.begin(), pixels.end());
   return image;
 }
 

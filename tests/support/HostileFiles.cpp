@@ -77,8 +77,9 @@ Bytes withDeclaredSize(Bytes file, uint32_t width, uint32_t height) {
   return file;
 }
 
-Bytes starvedPng(uint32_t width, uint32_t height, int bitDepth, size_t dataBytes, bool truncated) {
-  Bytes png = pngHeader(width, height, bitDepth, 6, false);
+Bytes starvedPng(uint32_t width, uint32_t height, int bitDepth, size_t dataBytes, bool truncated,
+                 bool interlaced) {
+  Bytes png = pngHeader(width, height, bitDepth, 6, interlaced);
   std::mt19937 random(7);
   const Bytes data = deflateAll(
       [&](Bytes& in) {
@@ -93,6 +94,18 @@ Bytes starvedPng(uint32_t width, uint32_t height, int bitDepth, size_t dataBytes
   const Bytes end = pngChunk("IEND", {});
   png.insert(png.end(), end.begin(), end.end());
   return png;
+}
+
+Bytes cutWebp(const Bytes& webp, size_t keep) {
+  keep &= ~size_t(1);  // chunks are of even length
+  if (keep < 20 || keep > webp.size()) throw std::invalid_argument("cutWebp");
+  Bytes out(webp.begin(), webp.begin() + std::ptrdiff_t(keep));
+  auto putLE32 = [&out](size_t at, size_t v) {
+    for (size_t i = 0; i < 4; ++i) out[at + i] = uint8_t(v >> (8 * i));
+  };
+  putLE32(4, keep - 8);
+  putLE32(16, keep - 20);
+  return out;
 }
 
 Bytes withTextChunks(const Bytes& png, int chunks, size_t inflatedBytes) {
