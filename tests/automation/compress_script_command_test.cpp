@@ -43,8 +43,6 @@ class CompressCommand : public ::testing::Test {
   }
   QString out(const QString& relative = "out") const { return temp_.filePath(relative); }
 
-  void saveProfiles(const ExportProfileList& profiles) { ExportProfiles::save(profiles); }
-
   // Runs the command and parses its JSON; fails the test on a command error.
   QJsonArray run(const QVariant& files, const QVariantMap& arguments) {
     auto outcome = performDefaultImplementation(files, arguments);
@@ -64,34 +62,31 @@ QStringList destinations(const QJsonArray& records) {
   return names;
 }
 
-TEST(ScriptCommandParameters, PathsComeFromUrlsStringsAndNestedListsInOrder) {
+// Only a transport that passes variants can meet a bad direct parameter: command error 6,
+// and no file is touched.
+TEST_F(CompressCommand, PathsComeFromUrlsStringsAndNestedListsInOrderAndAnythingElseIsErrorSix) {
   QVariantList inner{QString("b.png"), QUrl::fromLocalFile("/x/c d.jpg"), QByteArray("\xff\xfe.png")};
   QVariant direct = QVariantList{QString("~/a.png"), QVariant(inner), QStringList{"e.webp"}};
   EXPECT_EQ(CompressScriptCommand::filePaths(direct),
             (std::vector<std::string>{"~/a.png", "b.png", "/x/c d.jpg", "\xff\xfe.png", "e.webp"}));
   EXPECT_TRUE(CompressScriptCommand::filePaths(QVariantList{}).empty());
 
+  const std::string badParameter =
+      "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers.";
   for (const QVariant& bad : {QVariant(), QVariant(42), QVariant(QVariantList{QString("a.png"), 3.5})}) {
     try {
       CompressScriptCommand::filePaths(bad);
       ADD_FAILURE() << "accepted " << bad.typeName();
     } catch (const ScriptCommandError& e) {
-      EXPECT_EQ(e.description(),
-                "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers.");
+      EXPECT_EQ(e.description(), badParameter);
     }
   }
   EXPECT_EQ(CompressScriptCommand::url(QUrl::fromLocalFile("/tmp/out")), "/tmp/out");
   EXPECT_EQ(CompressScriptCommand::url(QString("rel/out")), "rel/out");
   EXPECT_FALSE(CompressScriptCommand::url(QVariant(3)));
-}
-
-// The tool's tests cover the texts of a missing folder, no files, an unknown profile and a
-// folder that cannot be made; this error only a transport that passes variants can meet.
-TEST_F(CompressCommand, BadParameterReportsNumberSix) {
   auto number = performDefaultImplementation(QVariant(7), {{"to", out()}});
-  EXPECT_FALSE(number.json);
-  EXPECT_EQ(number.errorNumber, 6);
-  EXPECT_EQ(number.errorString, "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers.");
+  EXPECT_EQ(std::tuple(number.json.has_value(), number.errorNumber, number.errorString),
+            std::tuple(false, 6, badParameter));
   EXPECT_FALSE(QFileInfo::exists(out()));
 }
 
@@ -178,7 +173,7 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
 TEST_F(CompressCommand, ProfilesFillWhatIsNotGivenExplicitly) {
   ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 40, out("web"), false, {}};
   ExportProfile fallback{QUuid::createUuid(), "Default", ImageFormat::png, 80, out("default"), true, {}};
-  saveProfiles({web, fallback});
+  ExportProfiles::save({web, fallback});
   QString file = source("p.png");
 
   EXPECT_EQ(destinations(run(QStringList{file}, {})), QStringList{"p.png"});
