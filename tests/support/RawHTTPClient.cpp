@@ -77,34 +77,27 @@ void RawConnection::shutdownWrite() {
   if (fd_ >= 0) ::shutdown(fd_, SHUT_WR);
 }
 
+bool RawConnection::receive(std::string& into, int timeoutMs) {
+  pollfd p{fd_, POLLIN, 0};
+  if (fd_ < 0 || ::poll(&p, 1, timeoutMs) <= 0) return true;
+  char buffer[65536];
+  ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
+  if (n > 0) into.append(buffer, size_t(n));
+  return n > 0 || (n < 0 && errno == EINTR);
+}
+
 RawHTTPResponse RawConnection::readResponse(std::chrono::milliseconds timeout) {
   std::string raw;
-  bool closed = false;
-  auto deadline = Clock::now() + timeout;
-  char buffer[65536];
-  while (fd_ >= 0) {
-    pollfd p{fd_, POLLIN, 0};
-    int ready = ::poll(&p, 1, remainingMs(deadline));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) break;
-    ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      closed = true;
-      break;
-    }
-    raw.append(buffer, size_t(n));
-  }
-  return parseResponse(std::move(raw), closed);
+  bool open = true;
+  for (auto deadline = Clock::now() + timeout; open && fd_ >= 0 && Clock::now() < deadline;)
+    open = receive(raw, remainingMs(deadline));
+  return parseResponse(std::move(raw), !open);
 }
 
 std::string RawConnection::readSome(std::chrono::milliseconds timeout) {
-  if (fd_ < 0) return {};
-  pollfd p{fd_, POLLIN, 0};
-  if (::poll(&p, 1, int(timeout.count())) <= 0) return {};
-  char buffer[65536];
-  ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-  return n > 0 ? std::string(buffer, size_t(n)) : std::string();
+  std::string some;
+  receive(some, int(timeout.count()));
+  return some;
 }
 
 void RawConnection::close() {
