@@ -150,7 +150,7 @@ TEST_F(ImageRowTest, TheRowSaysWhenItHasItsOwnQualityAndWhenJPEGWhitensItsTransp
 
 class QualityPopupTest : public ImageRowTest {};
 
-TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAndAClickMakesNoOverride) {
+TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAClickMakesNoOverrideAndRevertFollowsTheBatch) {
   auto image = importOne("a.png", 100'000, {});
   ui::QualityOverridePopup popup(*model_, image);
   popup.popUp(QRect(20, 20, 26, 26));
@@ -164,14 +164,10 @@ TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAndAClickMakesNoOverrid
   popup.slider()->setSliderDown(false);  // released
   EXPECT_EQ(image->qualityOverride(), 40);
   ASSERT_TRUE(waitIdle());
-}
 
-TEST_F(QualityPopupTest, RevertFollowsTheGlobalQualityAgain) {
-  auto image = importOne("a.png", 100'000, {});
+  // Revert follows the global quality again.
   model_->setQualityOverride(image, 30);
   ASSERT_TRUE(waitIdle());
-  ui::QualityOverridePopup popup(*model_, image);
-  popup.show();
   model_->setQuality(72.6);  // from the local API while the popup is open
   EXPECT_TRUE(popup.revertButton()->text().contains("72"));
   EXPECT_EQ(popup.readoutText(), "30");

@@ -100,8 +100,8 @@ class Screenshots : public UiFixture {
     model_->upsertExportProfile(profile("Archive", ImageFormat::jxl, 95));
   }
 
-  std::unique_ptr<ui::MainWindow> showWindow(QSize size) {
-    auto window = std::make_unique<ui::MainWindow>(*model_);
+  std::unique_ptr<ui::MainWindow> showWindow(QSize size, BatchViewModel* model = nullptr) {
+    auto window = std::make_unique<ui::MainWindow>(model ? *model : *model_);
     window->resize(size);
     window->show();
     QCoreApplication::processEvents();
@@ -114,13 +114,8 @@ TEST_F(Screenshots, MainWindowLightAndDarkAndTheHistory) {
   // software centre's screenshots.
   useLanguage(QStringLiteral("en-US"));
   makeShowcaseBatch();
-  auto empty = std::make_unique<BatchViewModel>(options());
-  {
-    ui::MainWindow window(*empty);
-    window.resize(960, 640);
-    window.show();
-    save(&window, "main-empty");
-  }
+  BatchViewModel empty(options());
+  save(showWindow({960, 640}, &empty).get(), "main-empty");
   save(showWindow({960, 640}).get(), "main-light");
   ui::ExportHistoryView history(*model_, false);
   history.show();
@@ -201,18 +196,14 @@ TEST_F(Screenshots, ComparisonOfARealEncodingAtFitAnd200PercentLightAndDark) {
 class SettingsScreenshots : public Screenshots {
  protected:
   std::unique_ptr<ui::SettingsWindow> makeSettings() {
-    if (!model_) makeShowcaseBatch();
-    LocalAPISettings::setEnabled(true);
-    LocalAPISettings::setPort(0);
-    if (!controller_) controller_ = std::make_unique<LocalAPIController>(*model_);
-    if (!checker_) checker_ = std::make_unique<UpdateChecker>(QUrl("http://127.0.0.1:9"), "1.0");
-    if (!languages_)
+    if (!hotFolders_) {
+      if (!model_) makeShowcaseBatch();
+      LocalAPISettings::setEnabled(true);
+      LocalAPISettings::setPort(0);
+      controller_ = std::make_unique<LocalAPIController>(*model_);
+      checker_ = std::make_unique<UpdateChecker>(QUrl("http://127.0.0.1:9"), "1.0");
       languages_ = std::make_unique<LanguageManager>(
           LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
-    auto window = std::make_unique<ui::SettingsWindow>(
-        ui::SettingsWindow::Services{*model_, *controller_, *checker_, *languages_, nullptr});
-    window->setAttribute(Qt::WA_DeleteOnClose, false);
-    if (!hotFolders_) {
       // One working folder, and one whose source is missing, so that the error log has a line.
       QDir(dir_.path()).mkpath("camera");
       HotFolders::save(
@@ -221,6 +212,9 @@ class SettingsScreenshots : public Screenshots {
            hotFolder("Scans", dir_.filePath("scans"), dir_.filePath("scans-small"), ImageFormat::jxl, 80)});
       hotFolders_ = std::make_unique<HotFoldersManager>();
     }
+    auto window = std::make_unique<ui::SettingsWindow>(
+        ui::SettingsWindow::Services{*model_, *controller_, *checker_, *languages_, nullptr});
+    window->setAttribute(Qt::WA_DeleteOnClose, false);
     window->insertHotFoldersPane(new ui::HotFoldersSettingsView(*hotFolders_, *model_, {}));
     return window;
   }
