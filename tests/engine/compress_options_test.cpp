@@ -84,8 +84,7 @@ TEST(BudgetOption, EveryFormatLandsUnderTheBudgetAndCloseToItForAPhoto) {
 
 TEST(BudgetOption, AnUnreachableBudgetFailsWithItsReasonAndWritesNothing) {
   testing::TempDir dir;
-  const std::string path = dir.file("big.png");
-  testing::writeBytes(path, fixtures::png(testing::texturedPhoto(200, 150)));
+  const std::string path = dir.write("big.png", fixtures::png(testing::texturedPhoto(200, 150)));
   fs::create_directory(dir.file("out"));
   auto result = ImageCompressor::compress(path, dir.file("out"), ImageFormat::jpeg, 80, std::nullopt, false,
                                           {.maxBytes = 100});
@@ -100,8 +99,8 @@ TEST(BudgetOption, AnUnreachableBudgetFailsWithItsReasonAndWritesNothing) {
 TEST(SkipLargerOption, KeepsTheOriginalOnlyWhenTheResultIsNotSmaller) {
   testing::TempDir dir;
   // A photo saved at JPEG quality 30 grows at quality 100; at quality 40 in WebP it shrinks.
-  const std::string path = dir.file("photo.jpg");
-  testing::writeBytes(path, fixtures::jpeg(testing::texturedPhoto(160, 120), {.quality = 30}));
+  const std::string path =
+      dir.write("photo.jpg", fixtures::jpeg(testing::texturedPhoto(160, 120), {.quality = 30}));
   auto kept = ImageCompressor::compress(path, dir.path(), ImageFormat::jpeg, 100, "out.jpg", false,
                                         {.skipLarger = true});
   ASSERT_TRUE(kept.succeeded()) << *kept.error;

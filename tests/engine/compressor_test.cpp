@@ -30,16 +30,6 @@ Bytes photoJpeg(int w = 64, int h = 48, std::optional<int> orientation = {}) {
   return fixtures::jpeg(testing::makeImage(w, h, testing::Pattern::photo, 9), {.orientation = orientation});
 }
 
-class CompressorFiles : public ::testing::Test {
- protected:
-  testing::TempDir dir;
-  std::string write(const std::string& name, const Bytes& bytes) {
-    std::string path = dir.file(name);
-    testing::writeBytes(path, bytes);
-    return path;
-  }
-};
-
 // --- encodeData -------------------------------------------------------------------------------
 
 TEST(EncodeData, WideGamutProfileReachesEveryFormatAndSRGBAddsNone) {
@@ -109,9 +99,10 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
 
 // --- compress ---------------------------------------------------------------------------------
 
-TEST_F(CompressorFiles, WritesUnderTheSourceNameOrTheGivenOneAndReplacesAnOldFile) {
+TEST(Compress, WritesUnderTheSourceNameOrTheGivenOneAndReplacesAnOldFile) {
+  testing::TempDir dir;
   std::string source =
-      write("holiday.photo.png", fixtures::png(testing::makeImage(40, 30, testing::Pattern::photo)));
+      dir.write("holiday.photo.png", fixtures::png(testing::makeImage(40, 30, testing::Pattern::photo)));
   fs::create_directory(dir.file("out"));
   testing::writeBytes(dir.file("out/holiday.photo.webp"), {'o', 'l', 'd'});
 
@@ -130,12 +121,13 @@ TEST_F(CompressorFiles, WritesUnderTheSourceNameOrTheGivenOneAndReplacesAnOldFil
   EXPECT_EQ(filesIn(dir.file("out")), (std::vector<std::string>{"Chosen-2.jpg", "holiday.photo.webp"}));
 }
 
-TEST_F(CompressorFiles, CorruptMissingAndEmptySourcesGiveTheirTrueSizeAndWriteNothing) {
+TEST(Compress, CorruptMissingAndEmptySourcesGiveTheirTrueSizeAndWriteNothing) {
+  testing::TempDir dir;
   Bytes corrupt = photoJpeg();
   corrupt.resize(200);
   fs::create_directory(dir.file("out"));
   const std::pair<std::string, int64_t> sources[] = {
-      {write("broken.jpg", corrupt), 200}, {write("empty.png", {}), 0}, {dir.file("nowhere.png"), 0}};
+      {dir.write("broken.jpg", corrupt), 200}, {dir.write("empty.png", {}), 0}, {dir.file("nowhere.png"), 0}};
   for (const auto& [source, size] : sources) {
     auto result = compress(source, dir.file("out"), ImageFormat::avif, 75, std::nullopt);
     EXPECT_FALSE(result.succeeded()) << source;
@@ -149,7 +141,7 @@ TEST_F(CompressorFiles, CorruptMissingAndEmptySourcesGiveTheirTrueSizeAndWriteNo
   EXPECT_TRUE(filesIn(dir.file("out")).empty());
 
   const std::string valid =
-      write("a.png", fixtures::png(testing::makeImage(20, 20, testing::Pattern::photo)));
+      dir.write("a.png", fixtures::png(testing::makeImage(20, 20, testing::Pattern::photo)));
   auto noFolder = compress(valid, dir.file("missing/deeper"), ImageFormat::jpeg, 75, std::nullopt);
   EXPECT_FALSE(noFolder.succeeded());
   EXPECT_FALSE(fs::exists(dir.file("missing"))) << "no folder is made";

@@ -98,8 +98,9 @@ TEST(Frames, AnimationsReportTheirCountAndDecodeTheFirstFrame) {
 
 TEST(Detection, ContentDecidesNotTheNameAndOtherImageTypesAreRefused) {
   testing::TempDir dir;
-  testing::writeBytes(dir.file("actually.png"), fixtures::jpeg(fixtures::quadrants(16, 16)));
-  EXPECT_EQ(ImageDecoder::inspect(dir.file("actually.png")).format, ImageFormat::jpeg);
+  EXPECT_EQ(
+      ImageDecoder::inspect(dir.write("actually.png", fixtures::jpeg(fixtures::quadrants(16, 16)))).format,
+      ImageFormat::jpeg);
 
   const std::vector<fixtures::Bytes> others = {
       // GIF, TIFF, BMP
@@ -112,8 +113,7 @@ TEST(Detection, ContentDecidesNotTheNameAndOtherImageTypesAreRefused) {
     EXPECT_TRUE(ImageService::typeIdentifier(bytes));
     EXPECT_FALSE(ImageFormats::detect(bytes));
     EXPECT_THROW(ImageDecoder::decodeCGImageSource(bytes), ImageProcessingError);
-    testing::writeBytes(dir.file("other"), bytes);
-    EXPECT_THROW(ImageDecoder::inspect(dir.file("other")), ImageProcessingError);
+    EXPECT_THROW(ImageDecoder::inspect(dir.write("other", bytes)), ImageProcessingError);
   }
 }
 

@@ -106,9 +106,9 @@ TEST(OversizedHeaders, AreRefusedBeforeAnyPixelMemory) {
       }
     }
     EXPECT_FALSE(ImageService::thumbnail(file, 256));
-    testing::writeBytes(dir.file("huge"), file);
-    EXPECT_TRUE(ImageDecoder::readHeader(dir.file("huge")));
-    EXPECT_EQ(testing::failureOf([&] { ImageDecoder::inspect(dir.file("huge")); }), "decoding failed");
+    const std::string path = dir.write("huge", file);
+    EXPECT_TRUE(ImageDecoder::readHeader(path));
+    EXPECT_EQ(testing::failureOf([&] { ImageDecoder::inspect(path); }), "decoding failed");
   }
   EXPECT_EQ(ImageService::properties(std::get<1>(files[0]))->width, 100000);
 }

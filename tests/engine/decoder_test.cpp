@@ -79,8 +79,7 @@ TEST(Orientation, EachContainerIsTurnedOnceWhereverItStoresTheOrientation) {
     ASSERT_TRUE(thumb);
     expectUpright(*thumb, c.orientation);
     // Inspection reports the size as shown, and its thumbnail upright.
-    testing::writeBytes(dir.file("picture"), c.file);
-    const auto light = ImageDecoder::inspect(dir.file("picture"));
+    const auto light = ImageDecoder::inspect(dir.write("picture", c.file));
     EXPECT_EQ(light.pixelWidth, quarter ? kH : kW);
     EXPECT_EQ(light.pixelHeight, quarter ? kW : kH);
     expectUpright(light.thumbnail, c.orientation);
