@@ -194,42 +194,6 @@ TEST_F(Bombs, WhatIsNotARegularImageFileOrIsLargerThanItsPixelsIsRefusedWithoutR
   EXPECT_EQ(header->width, 64);
 }
 
-TEST_F(Bombs, ACodedPictureLargerThanItsDeclaredSizeIsRefusedBeforeDecoding) {
-  using Writer = std::function<Bytes(const DecodedImage&)>;
-  const std::pair<const char*, Writer> writers[] = {
-      {"HEVC", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40, .alpha = false}); }},
-      {"HEVC and alpha", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40}); }},
-      {"AV1 in HEIC", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40, .av1 = true}); }},
-      {"AVIF", [](const DecodedImage& i) { return fixtures::avif(i, {.quantizer = 40}); }},
-      {"AVIF sequence",
-       [](const DecodedImage& i) {
-         return fixtures::avif(i, {.quantizer = 40, .alpha = false, .frames = 2});
-       }},
-      {"AVIF grid", [](const DecodedImage& i) {  // cells of at least 64 x 64, as libavif wants
-         const DecodedImage cell = fixtures::quadrants(std::max(i.width, 64), std::max(i.height, 64));
-         return fixtures::grid(fixtures::avif(cell, {.quantizer = 40, .alpha = false}), 2, 2);
-       }}};
-  for (const auto& [name, write] : writers) {
-    SCOPED_TRACE(name);
-    // Honest files of odd sizes read: their coded pictures are whole blocks larger.
-    EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(write(fixtures::quadrants(37, 21))));
-    // A file that declares 12 x 16 for a picture coded at 256 x 256 is refused unread, and so
-    // is its thumbnail: the same lie at 16384 x 16384 took 900 MB to inspect.
-    const std::string path =
-        dir.write("lying", fixtures::withDeclaredSize(write(fixtures::quadrants(256, 256)), 12, 16));
-    EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::decodeCGImageSource(testing::readBytes(path)); }));
-    EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::inspect(path); }));
-  }
-  // A grid that declares 12 x 16 for cells that make 128 x 128: refused from the grid's size.
-  Bytes grid =
-      fixtures::grid(fixtures::heic(fixtures::quadrants(64, 64), {.quality = 40, .alpha = false}), 2, 2);
-  EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(grid));
-  for (size_t at = 0; at + 16 <= grid.size(); ++at)
-    if (!std::memcmp(&grid[at], "ispe", 4) && grid[at + 11] == 128 && grid[at + 15] == 128)
-      grid[at + 11] = 12, grid[at + 15] = 16;
-  EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::decodeCGImageSource(grid); }));
-}
-
 // The peak resident memory of this process, in bytes.
 uint64_t peakResidentBytes() {
   struct rusage usage {};
