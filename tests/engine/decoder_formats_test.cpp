@@ -117,30 +117,6 @@ TEST(Detection, ContentDecidesNotTheNameAndOtherImageTypesAreRefused) {
   }
 }
 
-TEST(Thumbnails, ReducedReadsKeepEveryCornerInPlace) {
-  // PNG rows averaged as they come, PNG Adam7 passes read only as far as needed, and WebP
-  // scaled while it decodes: each must still give the whole picture, the right way round.
-  const DecodedImage picture = fixtures::quadrants(1000, 600, 8, true),
-                     wide = fixtures::quadrants(1000, 600, 16, true);
-  const fixtures::Bytes files[] = {fixtures::png(picture), fixtures::png(wide, {.interlaced = true}),
-                                   fixtures::png(picture, {.palette = true, .interlaced = true}),
-                                   fixtures::webp(picture), fixtures::animatedWebp({picture, picture})};
-  for (const auto& file : files) {
-    for (int size : {100, 150, 256}) {
-      auto thumb = ImageService::thumbnail(file, size);
-      ASSERT_TRUE(thumb) << size;
-      EXPECT_EQ(thumb->width, size);
-      EXPECT_NEAR(thumb->height, size * 0.6, 1);
-      using fixtures::Corner;
-      for (Corner corner : {Corner::topLeft, Corner::topRight, Corner::bottomLeft, Corner::bottomRight})
-        EXPECT_EQ(fixtures::quadrantAt(*thumb, corner), int(corner)) << size;
-    }
-  }
-  EXPECT_EQ(fixtures::quadrantAt(ImageService::decodeFirstFrame(files[2]), fixtures::Corner::bottomRight), 3);
-  EXPECT_EQ(ImageDecoder::loadPreview(fixtures::webp(fixtures::quadrants(40, 20)), 256)->width, 40)
-      << "never enlarged";
-}
-
 TEST(Thumbnails, TransparentPixelsLeaveNoDarkFringe) {
   // Red at alpha 255 next to transparent black, in a fine checkerboard: the average must
   // stay pure red at half alpha, not turn dark red.
