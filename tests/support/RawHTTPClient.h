@@ -41,8 +41,6 @@ class RawConnection {
   void close();
 
  private:
-  // Appends what arrives within `timeoutMs`; false once the server has closed.
-  bool receive(std::string& into, int timeoutMs);
   int fd_ = -1;
 };
 

@@ -97,9 +97,7 @@ TEST_F(ImageRowTest, TheWarningButtonWritesAgainToTheFailedDestination) {
   auto image = importOne("a.png", 1000, {100, 100, ImageFormat::png, 1, 400});
   const QString folder = dir_.filePath("gone");
   const QUrl target = QUrl::fromLocalFile(folder + "/a.jpg");
-  QFuture<bool> failed = model_->exportSingle(image, target);
-  ASSERT_TRUE(QTest::qWaitFor([&] { return failed.isFinished(); }, 5000));
-  EXPECT_FALSE(failed.result());
+  EXPECT_FALSE(await(model_->exportSingle(image, target)));
   ASSERT_TRUE(image->exportError().has_value());
   const QModelIndex index = rowOf(image);
   const QRect warning = list().rowDelegate().partRect(list().visualRect(index), index, RowHit::warning);
@@ -116,9 +114,9 @@ TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRowAndAFormatNotReadOffersNo
   QFile gif(dir_.filePath("anim.gif"));
   ASSERT_TRUE(gif.open(QIODevice::WriteOnly) && gif.write("GIF89a\x01\0\x01\0") > 0);
   gif.close();
-  import({QUrl::fromLocalFile(dir_.filePath("missing1.png")), source("a.png"),
-          QUrl::fromLocalFile(dir_.filePath("missing2.png")), QUrl::fromLocalFile(gif.fileName())});
-  ASSERT_TRUE(waitIdle());
+  ASSERT_TRUE(
+      settle({QUrl::fromLocalFile(dir_.filePath("missing1.png")), source("a.png"),
+              QUrl::fromLocalFile(dir_.filePath("missing2.png")), QUrl::fromLocalFile(gif.fileName())}));
   ASSERT_EQ(model_->importFailures().size(), 3u);
   const QModelIndex foreign = list().listModel().index(3);
   EXPECT_FALSE(list().rowDelegate().isEnabled(foreign, RowHit::failureRetry));

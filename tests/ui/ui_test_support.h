@@ -28,6 +28,11 @@ class UiFixture : public testing::BatchFixture {
 
   // Writes a source file of `bytes` bytes described by `file`, and gives its URL.
   QUrl source(const QString& name, int64_t bytes = 100000, FakeFile file = {});
+  // Imports, and waits until every encode has finished.
+  bool settle(const QList<QUrl>& urls, int timeoutMs = 5000) {
+    import(urls);
+    return waitIdle(timeoutMs);
+  }
   void closeGate() {
     std::lock_guard lock(mutex_);
     gateOpen_ = false;

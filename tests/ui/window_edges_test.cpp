@@ -43,9 +43,8 @@ using WindowEdgesTest = WindowFixture;
 // back, and Ctrl+Shift+Z removes again.
 TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardAndNamedForScreenReaders) {
   window();
-  import(
-      {QUrl::fromLocalFile(dir_.filePath("missing.png")), source("a.png"), source("b.png"), source("c.png")});
-  ASSERT_TRUE(waitIdle());
+  ASSERT_TRUE(settle({QUrl::fromLocalFile(dir_.filePath("missing.png")), source("a.png"), source("b.png"),
+                      source("c.png")}));
   window().activateWindow();
   ASSERT_TRUE(QTest::qWaitForWindowActive(&window()));
   ui::ImageListView& list = *window().imageList();
@@ -136,8 +135,7 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
 // open quality popup moves with its row when a row above it goes.
 TEST_F(WindowEdgesTest, ADoubleClickRemovesOneRowAndAnOpenQualityPopupStaysWithItsRow) {
   window();
-  import({source("a.png"), source("b.png"), source("c.png")});
-  ASSERT_TRUE(waitIdle());
+  ASSERT_TRUE(settle({source("a.png"), source("b.png"), source("c.png")}));
   ui::ImageListView& list = *window().imageList();
   const QModelIndex first = list.listModel().index(0);
   const QPoint remove =
@@ -167,8 +165,7 @@ TEST_F(WindowEdgesTest, ADoubleClickRemovesOneRowAndAnOpenQualityPopupStaysWithI
 // format again keeps it chosen and still recomputes.
 TEST_F(WindowEdgesTest, FormatMenusAreOneExclusiveChoice) {
   window();
-  import({source("a.png")});
-  ASSERT_TRUE(waitIdle());
+  ASSERT_TRUE(settle({source("a.png")}));
   auto pane = ui::ExportProfilesSettingsView(*model_, {});
   QMenu* bar = window().controlsBar()->formatPicker()->menu();
   for (QMenu* menu : {bar, pane.findChild<QMenu*>()}) {
@@ -188,8 +185,7 @@ TEST_F(WindowEdgesTest, FormatMenusAreOneExclusiveChoice) {
 
 TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQuality) {
   window();
-  import({source("a.png", 100000, {1000, 6000})});
-  ASSERT_TRUE(waitIdle());
+  ASSERT_TRUE(settle({source("a.png", 100000, {1000, 6000})}));
   auto image = model_->images()[0];
   window().showComparison(image);
   window().showComparison(image);  // the same image: the same window, raised
@@ -317,10 +313,8 @@ std::string unnamedControls(QWidget* root) {
 
 TEST_F(WindowEdgesTest, EveryControlOfTheWindowItsPopupsAndTheSettingsHasAName) {
   window();
-  import({source("a.png")});
-  ASSERT_TRUE(waitIdle());
-  const auto exported = model_->exportAll(QUrl::fromLocalFile(dir_.path()));
-  ASSERT_TRUE(QTest::qWaitFor([&] { return exported.isFinished(); }, 5000));
+  ASSERT_TRUE(settle({source("a.png")}));
+  await(model_->exportAll(QUrl::fromLocalFile(dir_.path())));
   window().controlsBar()->showHistory();
   window().showQualityOverride(model_->images()[0], QRect(10, 10, 20, 20));
   EXPECT_EQ(unnamedControls(&window()), "");
