@@ -89,13 +89,12 @@ TEST(EncodeCost, TheClaimCoversEveryPlanOfTheSourceForEveryFormat) {
 
 TEST(EncodeCost, AFileIsClaimedFromItsHeaderAndSize) {
   testing::TempDir dir;
-  const std::string path = dir.file("photo.jpg");
-  testing::writeBytes(path, fixtures::jpeg(testing::makeImage(640, 480, testing::Pattern::photo)));
+  const std::string path =
+      dir.write("photo.jpg", fixtures::jpeg(testing::makeImage(640, 480, testing::Pattern::photo)));
   EXPECT_EQ(EncodeCost::peakBytes(path, ImageFormat::avif, 75),
             EncodeCost::peakBytes({ImageFormat::jpeg, 640, 480, uint64_t(ImageDecoder::fileSize(path))},
                                   ImageFormat::avif, 75));
-  testing::writeBytes(dir.file("text.jpg"), {'n', 'o'});
-  EXPECT_FALSE(EncodeCost::peakBytes(dir.file("text.jpg"), ImageFormat::avif, 75));
+  EXPECT_FALSE(EncodeCost::peakBytes(dir.write("text.jpg", {'n', 'o'}), ImageFormat::avif, 75));
 }
 
 TEST(PageRelease, GivesBackOnlyWholePagesInsideTheRange) {
