@@ -86,15 +86,8 @@ class HotFolderSandbox : public ::testing::Test {
   void TearDown() override { JSONFileStore::setFolderForTesting({}); }
 
   HotFolder folder() const {
-    return {QUuid::createUuid(),
-            QStringLiteral("Shots"),
-            source_,
-            destination_,
-            std::nullopt,
-            ImageFormat::jpeg,
-            70,
-            true,
-            {}};
+    return {
+        QUuid::createUuid(), "Shots", source_, destination_, std::nullopt, ImageFormat::jpeg, 70, true, {}};
   }
   // A small JPEG named `name`; `oldDate` backdates it a minute, as a copy that keeps dates
   // does, so that it needs no stability wait.

@@ -209,13 +209,8 @@ TEST_F(HotFolderWatcherTest, MissingProfileReportsTheFolderOnceAndCompressesNoth
 
   // Recreating the profile resumes the folder; its format, quality and fit apply, under the
   // folder's own fit where it sets one.
-  ExportProfiles::save({ExportProfile{QUuid::createUuid(),
-                                      "gone",
-                                      ImageFormat::webp,
-                                      50,
-                                      std::nullopt,
-                                      false,
-                                      {.maxWidth = 40, .maxHeight = 40}}});
+  const ExportProfile gone{QUuid::createUuid(), "gone", ImageFormat::webp, 50, std::nullopt, false, {40, 40}};
+  ExportProfiles::save({gone});
   hotFolder.format.reset();
   hotFolder.sizing.maxHeight = 12;
   scanned(hotFolder);
