@@ -2,7 +2,6 @@
 // profiles it finds in the user's data folder.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <QDir>
 #include <QFileInfo>
@@ -167,25 +166,6 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
   ProgramRun blocked = run({"compress", "in/odd.png", "--to", "in/odd.png/sub"});
   EXPECT_EQ(blocked.exitCode, 6);
   EXPECT_TRUE(blocked.err.startsWith("in/odd.png/sub: ")) << blocked.err.toStdString();
-}
-
-// A pipe where an output would go is not ours: that file fails and the pipe stays. A private
-// source gives a private output.
-TEST_F(CommandLineTool, NothingButAFileIsReplacedAndAPrivateSourceStaysPrivate) {
-  const QString a = image("a.png"), b = image("b.png");
-  QFile::setPermissions(path(b), QFile::ReadOwner | QFile::WriteOwner);
-  QDir(dir_.path()).mkpath("out");
-  ASSERT_EQ(::mkfifo(QFile::encodeName(path("out/a.png")).constData(), 0644), 0);
-  ProgramRun r = run({"compress", a, b, "--to", "out", "--format", "png"});
-  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-  const QJsonArray records = r.json();
-  EXPECT_TRUE(records[0].toObject()["error"].toString().contains("not a regular file"))
-      << r.out.toStdString();
-  struct stat st {};
-  ASSERT_EQ(::stat(QFile::encodeName(path("out/a.png")).constData(), &st), 0);
-  EXPECT_TRUE(S_ISFIFO(st.st_mode));
-  ASSERT_EQ(::stat(QFile::encodeName(path("out/b.png")).constData(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
 TEST_F(CommandLineTool, InspectAndAnalyzeDescribeEachFileInOrder) {
