@@ -76,7 +76,7 @@ TEST_F(ImageRowTest, AnAnimatedImageInItsOwnFormatIsPassedThroughAndAStillOneNev
   useLanguage({});
 }
 
-TEST_F(ImageRowTest, ExportFollowsTheBytesAndAFailedEncodeShowsItsMessageAndRetries) {
+TEST_F(ImageRowTest, ExportFollowsTheBytesAndFailedEncodesAndExportsRetryFromTheirRow) {
   auto image = importOne("a.png", 1000, {});
   model_->scheduleEncode(image, true);  // encoding again, the old bytes are kept
   ASSERT_TRUE(image->encodeState().isEncoding());
@@ -91,10 +91,8 @@ TEST_F(ImageRowTest, ExportFollowsTheBytesAndAFailedEncodeShowsItsMessageAndRetr
   list().activate(rowOf(bad), RowHit::summaryRetry);
   EXPECT_TRUE(bad->encodeState().isEncoding());
   ASSERT_TRUE(waitIdle());
-}
 
-TEST_F(ImageRowTest, TheWarningButtonWritesAgainToTheFailedDestination) {
-  auto image = importOne("a.png", 1000, {100, 100, ImageFormat::png, 1, 400});
+  // A failed export's warning button writes again to the failed destination.
   const QString folder = dir_.filePath("gone");
   const QUrl target = QUrl::fromLocalFile(folder + "/a.jpg");
   EXPECT_FALSE(await(model_->exportSingle(image, target)));
