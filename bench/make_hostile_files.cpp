@@ -1,7 +1,7 @@
 // Writes the largest files of the modern formats that inspection has to bound, into the folder
 // given: grids of one repeated tile (HEIC up to 20480 x 20480, AVIF at libavif's 16384 x
 // 16384) and JPEG XL pictures of 16384 x 16384; and files that lie about what they hold
-// (tests/support/HostileFiles.h): coded pictures larger than declared, PNG text chunks, image
+// (tests/support/CodecFixtures.h): coded pictures larger than declared, PNG text chunks, image
 // data too short for its rows, a sparse file, a picture above the hard limits. Measure with
 //   /usr/bin/time -f '%U s %M KB' quillane-cli inspect FILE
 // (bench/README.md, "Hostile inputs" and "Files that lie").
@@ -17,7 +17,6 @@
 
 #include "engine/CHandle.h"
 #include "tests/support/CodecFixtures.h"
-#include "tests/support/HostileFiles.h"
 #include "tests/support/TestImages.h"
 
 using namespace quillane;

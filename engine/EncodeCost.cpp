@@ -7,6 +7,7 @@
 #include <array>
 #include <cmath>
 
+#include "engine/Encoders.h"
 #include "engine/ImageDecoder.h"
 
 namespace quillane::EncodeCost {
@@ -52,8 +53,9 @@ constexpr Measured kAvifCareful{{100, 24 * kMB}, {125, 30 * kMB}, 5};
 // fewer on graphics.
 constexpr Measured kWebPLossy{{6.5, 2 * kMB}, {8, 2 * kMB}, 7};
 constexpr Measured kWebPLossless{{36, 14 * kMB}, {14, 4 * kMB}, 1};
-// JPEG XL (libjxl 0.7): lossy holds the frame in floats three times over; at effort 7 its
-// patch search on graphics costs as much as lossless. Lossless holds every sample as a 32-bit
+// JPEG XL (libjxl 0.7): lossy holds the frame in floats three times over (above 8 megapixels
+// one strip of it at a time, encodingBytes); at effort 7 its patch search on graphics costs as
+// much as lossless. Lossless holds every sample as a 32-bit
 // integer and a token; at effort 5 and above, graphics take four times that.
 constexpr Measured kJxlLossy{{40, 10 * kMB}, {47, 10 * kMB}, 15};
 constexpr Measured kJxlLossyCareful{{40, 10 * kMB}, {182, 10 * kMB}, 15};
@@ -113,19 +115,25 @@ bool isGraphic(ContentClass c) { return c == ContentClass::flatGraphic || c == C
 
 uint64_t allowance(uint64_t pixels) { return std::max(pixels * kBytesPerPixel, kSmallPictureBytes); }
 
-uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int effort, uint64_t pixels,
+uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int effort, int width, int height,
                        bool graphic, bool alpha) {
+  const uint64_t pixels = uint64_t(std::max(width, 0)) * uint64_t(std::max(height, 0));
   const Measured& m = measured(format, mode.kind, effort, pixels);
-  const uint64_t extra = alpha ? uint64_t(std::ceil(m.alphaBytesPerPixel * double(pixels))) : 0;
-  return (graphic ? m.graphic : m.photo).at(pixels) + extra;
+  auto cost = [&](uint64_t n) {
+    const uint64_t extra = alpha ? uint64_t(std::ceil(m.alphaBytesPerPixel * double(n))) : 0;
+    return (graphic ? m.graphic : m.photo).at(n) + extra;
+  };
+  if (format != ImageFormat::jxl || mode.kind != Kind::lossy) return cost(pixels);
+  // A large lossy JPEG XL goes in strip by strip (JXLEncoder::lossyStripRows): the picture
+  // (4 bytes a pixel) beside libjxl's cost of one strip, whose own picture is that strip.
+  const uint64_t strip = uint64_t(std::max(width, 0)) * uint64_t(JXLEncoder::lossyStripRows(width, height));
+  return strip >= pixels ? cost(pixels) : pixels * 4 + cost(strip) - strip * 4;
 }
 
 uint64_t encodingBytes(ImageFormat format, const EncodingPlan& plan, const EncodingPlan::Mode& mode,
                        const ImageCharacteristics& characteristics) {
-  const uint64_t pixels =
-      uint64_t(std::max(characteristics.width, 0)) * uint64_t(std::max(characteristics.height, 0));
   const bool light = plan.lightLossless && mode.kind == Kind::lossless;
-  return encodingBytes(format, mode, light ? -1 : plan.effort, pixels,
+  return encodingBytes(format, mode, light ? -1 : plan.effort, characteristics.width, characteristics.height,
                        isGraphic(characteristics.contentClass), characteristics.hasAlpha);
 }
 

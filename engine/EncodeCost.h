@@ -17,19 +17,19 @@ namespace quillane::EncodeCost {
 // What an encoding may take, its picture included: 16 bytes a pixel, and never less than
 // 1.5 GiB, so that a screenshot up to a 4K screen (8.3 megapixels) keeps lossless JPEG XL's
 // full effort, whose files are up to six times smaller than the light effort's. The strategy plans every
-// encoding within it where the format has a cheaper way (EncodingStrategy::plan); lossy JPEG XL (40 to 47
-// bytes a pixel in libjxl 0.7), HEIC and AVIF at 4:4:4 (26 to 28) and lossless WebP of a photograph (36) have
-// none, and claim what they take.
+// encoding within it where the format has a cheaper way (EncodingStrategy::plan); lossy JPEG XL up to 8
+// megapixels (40 to 47 bytes a pixel in libjxl 0.7; above, it goes in strip by strip), HEIC and AVIF at 4:4:4
+// (26 to 28) and lossless WebP of a photograph (36) have none, and claim what they take.
 inline constexpr uint64_t kBytesPerPixel = 16;
 inline constexpr uint64_t kSmallPictureBytes = 1536ull << 20;
 uint64_t allowance(uint64_t pixels);
 
 // The peak of one encoding in `mode` at the plan's `effort` (0 to 2, or -1 for JPEG XL's light
 // lossless effort), its picture and output included, as the pipeline runs its last
-// encoding, for a picture of `pixels` whose content is a graphic (flat
+// encoding, for a picture of `width` x `height` whose content is a graphic (flat
 // graphic or screen text: flat areas and hard edges) or not, and with or without alpha: the
 // worst of the pictures measured of that kind.
-uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int effort, uint64_t pixels,
+uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int effort, int width, int height,
                        bool graphic, bool alpha);
 
 // The same for an encoding the strategy planned.

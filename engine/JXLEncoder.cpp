@@ -19,6 +19,8 @@ namespace quillane::JXLEncoder {
 namespace {
 
 constexpr size_t kDrainChunk = 1'048'576;
+constexpr int64_t kWholeFramePixels = 8'000'000;
+constexpr int kLossyStrips = 4;
 
 ImageProcessingError jxlFailed(const std::string& call) {
   return ImageProcessingError::encodingFailed("JPEG XL", call + " failed");
@@ -41,13 +43,13 @@ JxlEncoderPtr makeEncoder() {
   return encoder;
 }
 
-// The colour samples; with `releasable` (the buffer's samples), each stretch of the buffer
-// goes back to the system once copied.
-Bytes stripAlpha(const RGBABuffer& rgba, uint8_t* releasable) {
-  const size_t count = size_t(rgba.width) * size_t(rgba.height);
+// The colour samples of `rows` rows from `firstRow`; with `releasable` (the buffer's samples),
+// each stretch of the buffer goes back to the system once copied.
+Bytes stripAlpha(const RGBABuffer& rgba, uint8_t* releasable, size_t firstRow, size_t rows) {
+  const size_t begin = firstRow * size_t(rgba.width), count = rows * size_t(rgba.width);
   Bytes rgb(count * 3);
-  const uint8_t* src = rgba.pixels.data();
-  PageRelease::Releaser releaser(releasable);
+  const uint8_t* src = rgba.pixels.data() + begin * 4;
+  PageRelease::Releaser releaser(releasable ? releasable + begin * 4 : nullptr);
   for (size_t i = 0; i < count; ++i) {
     rgb[i * 3] = src[i * 4];
     rgb[i * 3 + 1] = src[i * 4 + 1];
@@ -57,20 +59,26 @@ Bytes stripAlpha(const RGBABuffer& rgba, uint8_t* releasable) {
   return rgb;
 }
 
-// Pulls the whole codestream out through one 1 MiB buffer, reused for every round.
-Bytes drainOutput(JxlEncoder* encoder) {
+// Pulls what the encoder has made so far out through one 1 MiB buffer, reused for every
+// round, onto the end of `result`.
+void drainOutput(JxlEncoder* encoder, Bytes& result) {
   Bytes buffer(kDrainChunk, 0);
-  Bytes result;
   for (;;) {
     uint8_t* next = buffer.data();
     size_t available = buffer.size();
     const JxlEncoderStatus status = JxlEncoderProcessOutput(encoder, &next, &available);
     const size_t written = buffer.size() - available;
     result.insert(result.end(), buffer.begin(), buffer.begin() + ptrdiff_t(written));
-    if (status == JXL_ENC_SUCCESS) return result;
+    if (status == JXL_ENC_SUCCESS) return;
     Cancellation::check();
     if (status != JXL_ENC_NEED_MORE_OUTPUT || written == 0) throw jxlFailed("JxlEncoderProcessOutput");
   }
+}
+
+Bytes drainOutput(JxlEncoder* encoder) {
+  Bytes result;
+  drainOutput(encoder, result);
+  return result;
 }
 
 // What the transcoder must be told about a JPEG before its frame is added: libjxl 0.7 fills
@@ -164,6 +172,14 @@ float distance(double quality) {
   return float(25.0 + c * -1.15 + c * c * 53 / 3000);
 }
 
+int lossyStripRows(int width, int height) {
+  if (width <= 0 || height <= 0 || int64_t(width) * height <= kWholeFramePixels) return std::max(height, 0);
+  // Whole blocks of 8 rows; strips aligned on libjxl's groups of 256 came out larger (the last
+  // one a sliver).
+  const int rows = (height + kLossyStrips - 1) / kLossyStrips;
+  return std::min(height, (rows + 7) / 8 * 8);
+}
+
 namespace {
 
 // libjxl copies the frame into planes of its own as it is added: `releasable` (the buffer's
@@ -215,17 +231,40 @@ Bytes encodePixels(const RGBABuffer& rgba, uint8_t* releasable, bool hasAlpha, c
   JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, effort);
 
   const JxlPixelFormat format{hasAlpha ? 4u : 3u, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
-  if (hasAlpha) {
-    check(JxlEncoderAddImageFrame(settings, &format, rgba.pixels.data(),
-                                  size_t(rgba.width) * size_t(rgba.height) * 4),
-          "JxlEncoderAddImageFrame");
-  } else {
-    const Bytes rgb = stripAlpha(rgba, releasable);
-    check(JxlEncoderAddImageFrame(settings, &format, rgb.data(), rgb.size()), "JxlEncoderAddImageFrame");
+  const size_t width = size_t(rgba.width), height = size_t(rgba.height);
+  const size_t stripRows = lossless ? height : size_t(lossyStripRows(rgba.width, rgba.height));
+  Bytes result;
+  for (size_t firstRow = 0; firstRow < height; firstRow += stripRows) {
+    const size_t rows = std::min(stripRows, height - firstRow);
+    if (rows < height) {
+      // A strip replaces its rows of the picture, which every earlier strip left as it was.
+      JxlFrameHeader header;
+      JxlEncoderInitFrameHeader(&header);
+      header.layer_info.have_crop = JXL_TRUE;
+      header.layer_info.crop_x0 = 0;
+      header.layer_info.crop_y0 = int32_t(firstRow);
+      header.layer_info.xsize = uint32_t(width);
+      header.layer_info.ysize = uint32_t(rows);
+      header.layer_info.blend_info.blendmode = JXL_BLEND_REPLACE;
+      check(JxlEncoderSetFrameHeader(settings, &header), "JxlEncoderSetFrameHeader");
+      if (hasAlpha)
+        check(JxlEncoderSetExtraChannelBlendInfo(settings, 0, &header.layer_info.blend_info),
+              "JxlEncoderSetExtraChannelBlendInfo");
+    }
+    if (hasAlpha) {
+      check(JxlEncoderAddImageFrame(settings, &format, rgba.pixels.data() + firstRow * width * 4,
+                                    rows * width * 4),
+            "JxlEncoderAddImageFrame");
+    } else {
+      const Bytes rgb = stripAlpha(rgba, releasable, firstRow, rows);
+      check(JxlEncoderAddImageFrame(settings, &format, rgb.data(), rgb.size()), "JxlEncoderAddImageFrame");
+    }
+    // libjxl holds the strip in planes of its own from here.
+    if (releasable) PageRelease::release(releasable + firstRow * width * 4, rows * width * 4);
+    if (firstRow + rows >= height) JxlEncoderCloseInput(encoder.get());
+    drainOutput(encoder.get(), result);
   }
-  if (releasable) PageRelease::release(releasable, rgba.pixels.size());
-  JxlEncoderCloseInput(encoder.get());
-  return drainOutput(encoder.get());
+  return result;
 }
 
 }  // namespace

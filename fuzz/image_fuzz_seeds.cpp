@@ -1,5 +1,5 @@
 // Writes the seed corpus of the image fuzz targets: small real files of each format, made
-// by the tests' own writers, and small hostile ones (tests/support/HostileFiles.h), one folder
+// by the tests' own writers, and small hostile ones (tests/support/CodecFixtures.h), one folder
 // per format (DIR/png, DIR/jpeg, ...).
 #include <cstdio>
 #include <exception>
@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "tests/support/CodecFixtures.h"
-#include "tests/support/HostileFiles.h"
 #include "tests/support/TestImages.h"
 
 using namespace quillane;

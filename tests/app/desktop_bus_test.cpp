@@ -109,11 +109,15 @@ class DesktopBus : public ::testing::Test {
     return standIn;
   }
 
-  QDBusMessage compress(const QStringList& files, const QString& format, int quality, const QString& profile,
-                        const QString& folder) {
+  template <class... Arguments>
+  QDBusMessage call(const QString& method, const Arguments&... arguments) {
     QDBusInterface quillane(kService, kPath, "com.quillane.Quillane", *bus_);
     quillane.setTimeout(120000);
-    return quillane.call("Compress", files, format, quality, profile, folder);
+    return quillane.call(method, arguments...);
+  }
+  QDBusMessage compress(const QStringList& files, const QString& format, int quality, const QString& profile,
+                        const QString& folder) {
+    return call("Compress", files, format, quality, profile, folder);
   }
 
   QString image(const QString& relative) { return testing::writeSmallImage(path("in/" + relative)); }
@@ -178,18 +182,13 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
   EXPECT_EQ(entries("out/gone"), QStringList{"a.png"});
   EXPECT_TRUE(entries("out/bad").isEmpty());
   EXPECT_FALSE(QFileInfo::exists(path("out/e")));
-}
 
-// A client that gives up and leaves the bus leaves no work behind it, and no one client can
-// fill the queue.
-TEST_F(DesktopBus, CompressWithOptionsFitsSkipsAndRefusesUnknownOrMistypedOptions) {
-  const QString a = image("a.png"), b = image("b.jpg");
-  QDBusInterface quillane(kService, kPath, "com.quillane.Quillane", *bus_);
-  quillane.setTimeout(120000);
-  QDBusMessage reply = quillane.call(
-      "CompressWithOptions", QStringList{a},
-      QVariantMap{
-          {"format", "png"}, {"outputFolder", path("out/fit")}, {"maxWidth", 24}, {"maxBytes", "500k"}});
+  // CompressWithOptions fits and skips, and refuses unknown or mistyped options.
+  const QString b = image("b.jpg");
+  reply =
+      call("CompressWithOptions", QStringList{a},
+           QVariantMap{
+               {"format", "png"}, {"outputFolder", path("out/fit")}, {"maxWidth", 24}, {"maxBytes", "500k"}});
   ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
   ASSERT_EQ(reply.arguments().value(0).toStringList(), QStringList{path("out/fit/a.png")});
   const auto fitted = ImageService::properties(testing::readBytes(path("out/fit/a.png").toStdString()));
@@ -198,7 +197,7 @@ TEST_F(DesktopBus, CompressWithOptionsFitsSkipsAndRefusesUnknownOrMistypedOption
   EXPECT_EQ(fitted->height, 16);
 
   // A JPEG at 95 grows at 100: kept, and left out of the outputs.
-  reply = quillane.call(
+  reply = call(
       "CompressWithOptions", QStringList{b},
       QVariantMap{
           {"format", "jpeg"}, {"quality", 100}, {"outputFolder", path("out/kept")}, {"skipLarger", true}});
@@ -208,11 +207,13 @@ TEST_F(DesktopBus, CompressWithOptionsFitsSkipsAndRefusesUnknownOrMistypedOption
 
   for (const QVariantMap& bad : {QVariantMap{{"maxWidth", "wide"}}, QVariantMap{{"colour", 1}},
                                  QVariantMap{{"skipLarger", 1}}, QVariantMap{{"quality", "high"}}}) {
-    reply = quillane.call("CompressWithOptions", QStringList{a}, bad);
+    reply = call("CompressWithOptions", QStringList{a}, bad);
     EXPECT_EQ(reply.errorName(), kInvalid) << bad.firstKey().toStdString();
   }
 }
 
+// A client that gives up and leaves the bus leaves no work behind it, and no one client can
+// fill the queue.
 TEST_F(DesktopBus, ACallerThatLeavesHasItsWorkDroppedAndCanQueueOnlySoMuch) {
   const QString small = image("small.png");
   const QString large = dir_.filePath("in/large.png");

@@ -3,6 +3,7 @@
 // that touch no file.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QDir>
@@ -167,6 +168,12 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
   ASSERT_EQ(::link(QFile::encodeName(png).constData(), QFile::encodeName(out("hard/photo.jpg")).constData()),
             0);
   EXPECT_EQ(destinations(run(QStringList{png}, {{"to", out("hard")}})), QStringList{"photo-2.jpg"});
+  // A private source gives a private output.
+  QFile::setPermissions(png, QFile::ReadOwner | QFile::WriteOwner);
+  run(QStringList{png}, {{"to", out("private")}});
+  struct stat st {};
+  ASSERT_EQ(::stat(QFile::encodeName(out("private/photo.jpg")).constData(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
 
   // The desktop's compress action (D-Bus) keeps to the same rule.
   const QStringList written =

@@ -29,7 +29,6 @@
 #include "engine/PerceptualDistance.h"
 #include "tests/engine/encoder_test_support.h"
 #include "tests/support/CodecFixtures.h"
-#include "tests/support/HostileFiles.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane {
@@ -76,13 +75,7 @@ Bytes scanBomb(int size, int copies) {
 }
 
 bool refusedAsUndecodable(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const ImageProcessingError& e) {
-    return e.kind() == ImageProcessingError::Kind::decodingFailed;
-  } catch (...) {
-  }
-  return false;
+  return testing::failureOf(call) == "decoding failed";
 }
 
 // Runs `body` in a child process under `resource` limited to `limit`, with an alarm as a
@@ -127,8 +120,7 @@ TEST_F(Bombs, InspectUnderOneGigabyteAndRefuseTheFullDecodeBeforeAllocating) {
   for (const Bomb& bomb : bombs) {
     SCOPED_TRACE(bomb.name);
     ASSERT_LT(bomb.bytes.size(), 200u << 10);
-    const std::string path = dir.file(bomb.name);
-    testing::writeBytes(path, bomb.bytes);
+    const std::string path = dir.write(bomb.name, bomb.bytes);
     // What the batch counts for the inspection: the file, and the thumbnail's decode if made.
     const uint64_t cost = ImageDecoder::inspectionPeakBytes(path);
     EXPECT_EQ(cost > bomb.bytes.size(), bomb.thumbnail) << cost;
@@ -152,9 +144,8 @@ TEST_F(Bombs, InspectUnderOneGigabyteAndRefuseTheFullDecodeBeforeAllocating) {
 }
 
 TEST_F(Bombs, ThousandsOfScansAreRefusedWithinACPULimit) {
-  const std::string path = dir.file("scans.jpg");
   // Without the limit, reading it takes minutes of CPU.
-  testing::writeBytes(path, scanBomb(2048, 20000));
+  const std::string path = dir.write("scans.jpg", scanBomb(2048, 20000));
   expectInChild(RLIMIT_CPU, 30, [&] {
     return refusedAsUndecodable([&] { ImageDecoder::inspect(path); }) &&
            refusedAsUndecodable([&] { ImageDecoder::decodeCGImageSource(ImageDecoder::readSource(path)); });
@@ -163,92 +154,44 @@ TEST_F(Bombs, ThousandsOfScansAreRefusedWithinACPULimit) {
   EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(scanBomb(64, 0)));
 }
 
-TEST_F(Bombs, WhatIsNotARegularImageFileIsRefusedWithoutReadingIt) {
+TEST_F(Bombs, WhatIsNotARegularImageFileOrIsLargerThanItsPixelsIsRefusedWithoutReadingIt) {
   const std::string fifo = dir.file("pipe.png"), socketPath = dir.file("socket.png"),
-                    sparse = dir.file("sparse.png");
+                    sparse = dir.file("sparse.png"), sparsePng = dir.file("sparse-picture.png");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   int sock = socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
   ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  // 3 GB that start as no image: refused from the first bytes, never read whole.
+  // 3 GB that start as no image, and a valid 64 x 64 PNG followed by 3 GB of holes: refused
+  // from the first bytes or the header, never read whole.
   testing::writeBytes(sparse, {'h', 'e', 'l', 'l', 'o'});
-  ASSERT_EQ(truncate(sparse.c_str(), 3ll << 30), 0);
+  testing::writeBytes(sparsePng, fixtures::png(fixtures::quadrants(64, 64)));
+  for (const std::string& path : {sparse, sparsePng}) ASSERT_EQ(truncate(path.c_str(), 3ll << 30), 0);
 
-  testing::writeBytes(dir.file("empty.png"), {});
-  for (const std::string& path :
-       {fifo, socketPath, sparse, std::string("/dev/zero"), dir.path(), dir.file("empty.png")}) {
+  for (const std::string& path : {fifo, socketPath, sparse, std::string("/dev/zero"), dir.path(),
+                                  dir.write("empty.png", {}), sparsePng}) {
     SCOPED_TRACE(path);
+    const bool image = path == sparsePng, regular = image || path == sparse;
     // Under an alarm and 1 GB: a read that blocks or grows without end kills the child.
     expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
       alarm(10);
       const auto result = ImageCompressor::compress(path, dir.path(), ImageFormat::jpeg, 70, "out.jpg");
-      return !ImageFormats::detect(path) && ImageDecoder::inspectionPeakBytes(path) == 0 &&
-             (path == sparse || ImageDecoder::fileSize(path) == 0) &&
+      return (image || (!ImageFormats::detect(path) && ImageDecoder::inspectionPeakBytes(path) == 0 &&
+                        !ImageDecoder::loadPreview(path, 64))) &&
+             (regular || ImageDecoder::fileSize(path) == 0) &&
              refusedAsUndecodable([&] { ImageDecoder::readSource(path); }) &&
              refusedAsUndecodable([&] { ImageDecoder::inspect(path); }) &&
-             !ImageDecoder::loadPreview(path, 64) &&
              result.error == ImageProcessingError::decodingFailed().description();
     });
   }
   close(sock);
   EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::inspect(dir.file("missing.png")); }));
   EXPECT_FALSE(ImageDecoder::loadPreview(dir.file("missing.png"), 64));
-}
-
-TEST_F(Bombs, AFileLargerThanItsPixelsCanTakeIsRefusedBeforeItsBodyIsRead) {
-  // A valid 64 x 64 PNG followed by 3 GB of holes: refused from its header, never read whole.
-  const std::string path = dir.file("sparse.png");
-  testing::writeBytes(path, fixtures::png(fixtures::quadrants(64, 64)));
-  ASSERT_EQ(truncate(path.c_str(), 3ll << 30), 0);
-  expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
-    alarm(10);
-    const auto result = ImageCompressor::compress(path, dir.path(), ImageFormat::jpeg, 70, "out.jpg");
-    return refusedAsUndecodable([&] { ImageDecoder::readSource(path); }) &&
-           refusedAsUndecodable([&] { ImageDecoder::inspect(path); }) &&
-           result.error == ImageProcessingError::decodingFailed().description();
-  });
-  // The header alone still gives the size that schedules the file.
-  const auto header = ImageDecoder::readHeader(path);
+  // The header alone still gives the size that schedules the picture.
+  const auto header = ImageDecoder::readHeader(sparsePng);
   ASSERT_TRUE(header);
   EXPECT_EQ(header->width, 64);
-}
-
-TEST_F(Bombs, ACodedPictureLargerThanItsDeclaredSizeIsRefusedBeforeDecoding) {
-  using Writer = std::function<Bytes(const DecodedImage&)>;
-  const std::pair<const char*, Writer> writers[] = {
-      {"HEVC", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40, .alpha = false}); }},
-      {"HEVC and alpha", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40}); }},
-      {"AV1 in HEIC", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40, .av1 = true}); }},
-      {"AVIF", [](const DecodedImage& i) { return fixtures::avif(i, {.quantizer = 40}); }},
-      {"AVIF sequence",
-       [](const DecodedImage& i) {
-         return fixtures::avif(i, {.quantizer = 40, .alpha = false, .frames = 2});
-       }},
-      {"AVIF grid", [](const DecodedImage& i) {  // cells of at least 64 x 64, as libavif wants
-         const DecodedImage cell = fixtures::quadrants(std::max(i.width, 64), std::max(i.height, 64));
-         return fixtures::grid(fixtures::avif(cell, {.quantizer = 40, .alpha = false}), 2, 2);
-       }}};
-  for (const auto& [name, write] : writers) {
-    SCOPED_TRACE(name);
-    // Honest files of odd sizes read: their coded pictures are whole blocks larger.
-    EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(write(fixtures::quadrants(37, 21))));
-    // A file that declares 12 x 16 for a picture coded at 256 x 256 is refused unread, and so
-    // is its thumbnail: the same lie at 16384 x 16384 took 900 MB to inspect.
-    const std::string path = dir.file("lying");
-    testing::writeBytes(path, fixtures::withDeclaredSize(write(fixtures::quadrants(256, 256)), 12, 16));
-    EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::decodeCGImageSource(testing::readBytes(path)); }));
-    EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::inspect(path); }));
-  }
-  // A grid that declares 12 x 16 for cells that make 128 x 128: refused from the grid's size.
-  Bytes grid =
-      fixtures::grid(fixtures::heic(fixtures::quadrants(64, 64), {.quality = 40, .alpha = false}), 2, 2);
-  EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(grid));
-  for (size_t at = 0; at + 16 <= grid.size(); ++at)
-    if (!std::memcmp(&grid[at], "ispe", 4) && grid[at + 11] == 128 && grid[at + 15] == 128)
-      grid[at + 11] = 12, grid[at + 15] = 16;
-  EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::decodeCGImageSource(grid); }));
 }
 
 // The peak resident memory of this process, in bytes.
@@ -283,24 +226,12 @@ TEST_F(Bombs, TextChunksAreNeverInflated) {
   const DecodedImage photo = testing::makeImage(64, 48, testing::Pattern::photo);
   const Bytes plain = fixtures::png(photo), texts = fixtures::withTextChunks(plain, 200, 16u << 20);
   ASSERT_GT(texts.size(), 3u << 20);
-  const std::string path = dir.file("texts.png");
-  testing::writeBytes(path, texts);
+  const std::string path = dir.write("texts.png", texts);
   expectInChild(RLIMIT_CPU, 2, [&] {
     return !ImageDecoder::inspect(path).thumbnail.empty() &&
            ImageDecoder::decodeCGImageSource(texts).image.pixels8 ==
                ImageDecoder::decodeCGImageSource(plain).image.pixels8;
   });
-}
-
-TEST_F(Bombs, APictureAboveTheHardLimitsIsRefusedAtInspection) {
-  // Their headers read, but such pictures can never be encoded: refused at import.
-  for (const auto& [width, height] : {std::pair(100'000u, 100'000u), std::pair(300'000u, 1u)}) {
-    SCOPED_TRACE(width);
-    const std::string path = dir.file("huge.png");
-    testing::writeBytes(path, fixtures::starvedPng(width, height, 8, 1000, false));
-    ASSERT_TRUE(ImageDecoder::readHeader(path));
-    EXPECT_TRUE(refusedAsUndecodable([&] { ImageDecoder::inspect(path); }));
-  }
 }
 
 // Bytes this process has read from files and pipes so far.
@@ -327,8 +258,7 @@ TEST_F(Bombs, InspectionReadsWhatItNeedsNotTheWholeFile) {
       {"sparse.jxl", fixtures::jxl(photo), 64ll << 20}};
   for (const auto& [name, bytes, size] : files) {
     SCOPED_TRACE(name);
-    const std::string path = dir.file(name);
-    testing::writeBytes(path, bytes);
+    const std::string path = dir.write(name, bytes);
     ASSERT_EQ(truncate(path.c_str(), size), 0);
     // The batch counts no copy of the file for it.
     EXPECT_LT(ImageDecoder::inspectionPeakBytes(path), 64u << 20);
@@ -355,20 +285,44 @@ void expectCancelled(const char* what, const std::function<void()>& call) {
   }
 }
 
-TEST(Cancellation, ARaisedFlagStopsADecodeAndOnlyOnItsOwnThread) {
+TEST(Cancellation, ARaisedFlagStopsEachHookedDecoderAndEncoder) {
+  using Mode = EncodingPlan::Mode;
   const DecodedImage photo = testing::makeImage(300, 200, testing::Pattern::photo);
-  const Bytes png = fixtures::png(photo);
-  const Bytes jpeg = fixtures::jpeg(photo, {.progressive = true});
-  const Bytes jxl = fixtures::jxl(photo, {.lossless = false});
-  const Bytes webp = fixtures::webp(photo);
+  const Bytes png = fixtures::png(photo), jpeg = fixtures::jpeg(photo, {.progressive = true}),
+              jxl = fixtures::jxl(photo, {.lossless = false}), webp = fixtures::webp(photo);
+  const RGBABuffer rgba = testing::makeBuffer(300, 200, testing::Pattern::photo, 4, true);
+  ImageCharacteristics withAlpha;
+  withAlpha.hasAlpha = true;
+  const auto decode = [](const Bytes& file) {
+    return [&file] { return !ImageDecoder::decodeCGImageSource(file).image.empty(); };
+  };
+  // Each gives a picture or a file once the scope has ended.
+  const std::pair<const char*, std::function<bool()>> calls[] = {
+      {"PNG decode", decode(png)},
+      {"JPEG decode", decode(jpeg)},
+      {"JPEG XL decode", decode(jxl)},
+      {"WebP decode", decode(webp)},
+      {"WebP lossy",
+       [&] { return !WebPEncoder::encode(rgba, testing::makePlan(Mode::lossy(80)), withAlpha).empty(); }},
+      {"WebP lossless",
+       [&] { return !WebPEncoder::encode(rgba, testing::makePlan(Mode::lossless()), withAlpha).empty(); }},
+      {"JPEG XL",
+       [&] { return !JXLEncoder::encode(rgba, true, testing::makePlan(Mode::lossy(80), 0)).empty(); }},
+      {"PNG palette",
+       [&] { return !PNGQuantEncoder::encodePalette(rgba, testing::makePlan(Mode::lossy(80))).empty(); }},
+      // The palette's failure must not fall back to truecolour once cancelled.
+      {"PNG", [&] { return !PNGQuantEncoder::encode(rgba, testing::makePlan(Mode::lossy(80))).empty(); }},
+      {"PNG truecolour",
+       [&] { return !PNGQuantEncoder::encodeLossless(rgba, testing::makePlan(Mode::lossless())).empty(); }},
+  };
   std::atomic<bool> flag{true};
-  {
-    Cancellation::Scope scope(&flag);
-    for (const Bytes* file : {&png, &jpeg, &jxl, &webp})
-      expectCancelled("decode", [&] { ImageDecoder::decodeCGImageSource(*file); });
+  for (const auto& [name, call] : calls) {
+    {
+      Cancellation::Scope scope(&flag);
+      expectCancelled(name, [&call = call] { call(); });
+    }
+    EXPECT_TRUE(call()) << name;
   }
-  for (const Bytes* file : {&png, &jxl, &webp})
-    EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(*file));  // the scope ended
 
   // WebP is shown to its decoder in slices: one of several slices gives libwebp's own pixels.
   const Bytes noisy =
@@ -377,33 +331,6 @@ TEST(Cancellation, ARaisedFlagStopsADecodeAndOnlyOnItsOwnThread) {
   const auto reference = testing::decodeWebP(noisy);
   ASSERT_TRUE(reference);
   EXPECT_TRUE(ImageDecoder::decodeCGImageSource(noisy).image.pixels8 == reference->rgba);
-}
-
-TEST(Cancellation, ARaisedFlagStopsEachHookedEncoder) {
-  using Mode = EncodingPlan::Mode;
-  const RGBABuffer rgba = testing::makeBuffer(300, 200, testing::Pattern::photo, 4, true);
-  ImageCharacteristics photo;
-  photo.hasAlpha = true;
-  const std::pair<const char*, std::function<Bytes()>> encoders[] = {
-      {"WebP lossy", [&] { return WebPEncoder::encode(rgba, testing::makePlan(Mode::lossy(80)), photo); }},
-      {"WebP lossless",
-       [&] { return WebPEncoder::encode(rgba, testing::makePlan(Mode::lossless()), photo); }},
-      {"JPEG XL", [&] { return JXLEncoder::encode(rgba, true, testing::makePlan(Mode::lossy(80), 0)); }},
-      {"PNG palette",
-       [&] { return PNGQuantEncoder::encodePalette(rgba, testing::makePlan(Mode::lossy(80))); }},
-      // The palette's failure must not fall back to truecolour once cancelled.
-      {"PNG", [&] { return PNGQuantEncoder::encode(rgba, testing::makePlan(Mode::lossy(80))); }},
-      {"PNG truecolour",
-       [&] { return PNGQuantEncoder::encodeLossless(rgba, testing::makePlan(Mode::lossless())); }},
-  };
-  std::atomic<bool> flag{true};
-  for (const auto& [name, encode] : encoders) {
-    {
-      Cancellation::Scope scope(&flag);
-      expectCancelled(name, [&encode = encode] { encode(); });
-    }
-    EXPECT_FALSE(encode().empty()) << name;
-  }
 }
 
 // A flag raised while libjxl is at work (a newer result while its distance is measured, a

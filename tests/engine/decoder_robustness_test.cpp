@@ -1,17 +1,19 @@
 // Bad input: truncated files of every format fail with decodingFailed (or decode), never
-// crash, hang or print; oversized headers are refused before any pixel memory.
+// crash, hang or print; files whose headers or boxes say they cannot be read are refused
+// before any pixel memory.
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 
 #include "engine/Errors.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageService.h"
 #include "engine/codecs/Readers.h"
+#include "tests/engine/encoder_test_support.h"
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
 
@@ -46,14 +48,9 @@ const Sample kSamples[] = {
 
 // Runs every reading entry point on `bytes`. Only decodingFailed may escape.
 void readEverything(std::span<const uint8_t> bytes, const std::string& what) {
-  try {
-    auto decoded = ImageDecoder::decodeCGImageSource(bytes);
-    EXPECT_FALSE(decoded.image.empty()) << what;
-  } catch (const ImageProcessingError& e) {
-    EXPECT_EQ(e.kind(), ImageProcessingError::Kind::decodingFailed) << what;
-  } catch (const std::exception& e) {
-    ADD_FAILURE() << what << ": unexpected " << e.what();
-  }
+  const std::string failure = testing::failureOf(
+      [&] { EXPECT_FALSE(ImageDecoder::decodeCGImageSource(bytes).image.empty()) << what; });
+  EXPECT_TRUE(failure.empty() || failure == "decoding failed") << what << ": " << failure;
   ImageService::properties(bytes);
   auto thumb = ImageService::thumbnail(bytes, 16);
   if (thumb) {
@@ -84,36 +81,85 @@ TEST_P(DamagedFiles, TruncatedFilesOnlyEverFailCleanlyAndSilently) {
 INSTANTIATE_TEST_SUITE_P(EveryFormat, DamagedFiles, ::testing::ValuesIn(kSamples),
                          [](const auto& instance) { return std::string(instance.param.name); });
 
-void expectRefusedForSize(const Bytes& file) {
-  try {
-    ImageService::decodeFirstFrame(file);
-    FAIL() << "decoded a picture beyond the limits";
-  } catch (const ImageProcessingError& e) {
-    EXPECT_EQ(e.kind(), ImageProcessingError::Kind::decodingFailed);
-    // Refused from the header, not by a failed allocation.
-    EXPECT_STREQ(e.what(), codecs::kTooLarge);
-  }
-  EXPECT_FALSE(ImageService::thumbnail(file, 256));
-}
-
-TEST(OversizedHeaders, AreRefusedBeforeAnyPixelMemory) {
-  Bytes png = fixtures::png(fixtures::quadrants(8, 8));
-  const uint8_t huge[8] = {0, 1, 0x86, 0xA0, 0, 1, 0x86, 0xA0};  // 100000 x 100000
-  std::memcpy(&png[16], huge, 8);
-  uint32_t crc = uint32_t(crc32(0, &png[12], 17));
-  for (int i = 0; i < 4; ++i) png[29 + size_t(i)] = uint8_t(crc >> (24 - 8 * i));
-  expectRefusedForSize(png);
-  EXPECT_EQ(ImageService::properties(png)->width, 100000);  // the header itself is readable
-
+// Files refused whole, from their headers or boxes, before any picture memory: every decode,
+// thumbnail and inspection of them fails as undecodable, never by a failed allocation.
+TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
+  enum Why { beyondTheLimits, notOurFormat, codedLargerThanDeclared };
+  struct Refused {
+    std::string name;
+    Bytes file;
+    Why why;
+  };
   Bytes jpeg = fixtures::jpeg(fixtures::quadrants(8, 8));
   for (size_t i = 2; i + 9 < jpeg.size(); ++i)
     if (jpeg[i] == 0xFF && jpeg[i + 1] == 0xC0) {  // SOF0: length, precision, height, width
-      // 60000 x 60000: within libjpeg's own limit of 65500, far beyond ours.
       jpeg[i + 5] = jpeg[i + 7] = 0xEA;
       jpeg[i + 6] = jpeg[i + 8] = 0x60;
       break;
     }
-  expectRefusedForSize(jpeg);
+  std::vector<Refused> files = {
+      // Their headers read, but such pictures can never be encoded; the last by its shape only.
+      {"100000 x 100000", fixtures::starvedPng(100'000, 100'000, 8, 1000, false), beyondTheLimits},
+      {"60000 x 60000 JPEG", jpeg, beyondTheLimits},  // within libjpeg's own limit of 65500
+      {"300000 x 1", fixtures::starvedPng(300'000, 1, 8, 1000, false), beyondTheLimits},
+      {"GIF",
+       {'G', 'I', 'F', '8', '9', 'a', 1, 0, 1, 0, 0,   0, 0, ',', 0,
+        0,   0,   0,   1,   0,   1,   0, 0, 2, 2, 'D', 1, 0, ';'},
+       notOurFormat},
+      {"TIFF", {'I', 'I', 0x2A, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0}, notOurFormat},
+      {"BMP",
+       {'B', 'M', 58, 0, 0, 0, 0, 0, 0, 0, 54, 0, 0, 0, 40, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 24, 0},
+       notOurFormat}};
+  // HEIC and AVIF files that declare 12 x 16 for a picture coded at 256 x 256: the same lie at
+  // 16384 x 16384 took 900 MB to inspect. Honest files of odd sizes read: their coded pictures
+  // are whole blocks larger.
+  using Writer = std::function<Bytes(const DecodedImage&)>;
+  const std::pair<const char*, Writer> writers[] = {
+      {"HEVC", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40, .alpha = false}); }},
+      {"HEVC and alpha", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40}); }},
+      {"AV1 in HEIC", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40, .av1 = true}); }},
+      {"AVIF", [](const DecodedImage& i) { return fixtures::avif(i, {.quantizer = 40}); }},
+      {"AVIF sequence",
+       [](const DecodedImage& i) {
+         return fixtures::avif(i, {.quantizer = 40, .alpha = false, .frames = 2});
+       }},
+      {"AVIF grid", [](const DecodedImage& i) {  // cells of at least 64 x 64, as libavif wants
+         const DecodedImage cell = fixtures::quadrants(std::max(i.width, 64), std::max(i.height, 64));
+         return fixtures::grid(fixtures::avif(cell, {.quantizer = 40, .alpha = false}), 2, 2);
+       }}};
+  for (const auto& [name, write] : writers) {
+    EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(write(fixtures::quadrants(37, 21)))) << name;
+    files.push_back({name, fixtures::withDeclaredSize(write(fixtures::quadrants(256, 256)), 12, 16),
+                     codedLargerThanDeclared});
+  }
+  // A grid that declares 12 x 16 for honest cells that make 128 x 128.
+  Bytes grid =
+      fixtures::grid(fixtures::heic(fixtures::quadrants(64, 64), {.quality = 40, .alpha = false}), 2, 2);
+  EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(grid));
+  for (size_t at = 0; at + 16 <= grid.size(); ++at)
+    if (!std::memcmp(&grid[at], "ispe", 4) && grid[at + 11] == 128 && grid[at + 15] == 128)
+      grid[at + 11] = 12, grid[at + 15] = 16;
+  files.push_back({"grid of honest cells", grid, codedLargerThanDeclared});
+
+  testing::TempDir dir;
+  for (const auto& [name, file, why] : files) {
+    SCOPED_TRACE(name);
+    try {
+      ImageService::decodeFirstFrame(file);
+      ADD_FAILURE() << "decoded";
+    } catch (const ImageProcessingError& e) {
+      EXPECT_EQ(e.kind(), ImageProcessingError::Kind::decodingFailed);
+      if (why == beyondTheLimits && name != "300000 x 1") {
+        EXPECT_STREQ(e.what(), codecs::kTooLarge);
+      }
+    }
+    EXPECT_FALSE(ImageService::thumbnail(file, 256));
+    const std::string path = dir.write("refused", file);
+    EXPECT_EQ(testing::failureOf([&] { ImageDecoder::inspect(path); }), "decoding failed");
+    EXPECT_TRUE(why != beyondTheLimits || ImageDecoder::readHeader(path)) << "its header reads";
+    EXPECT_EQ(bool(ImageService::typeIdentifier(file)) && !ImageFormats::detect(file), why == notOurFormat);
+  }
+  EXPECT_EQ(ImageService::properties(files[0].file)->width, 100000);
 }
 
 TEST(ValidJpegs, APartlyDownloadedPhotoAndAFlatArithmeticCodedOneDecode) {

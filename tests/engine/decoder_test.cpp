@@ -1,7 +1,9 @@
-// Reading the six formats: orientation applied exactly once, depth and alpha kept.
+// Reading the six formats: orientation applied exactly once, depth and alpha kept, colour
+// models and profiles, frame counts, detection by content and thumbnails.
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 
 #include "engine/ImageDecoder.h"
@@ -43,31 +45,14 @@ void expectUpright(const DecodedImage& image, int orientation) {
         << "orientation " << orientation << ", displayed corner " << i;
 }
 
-class JpegOrientation : public ::testing::TestWithParam<int> {};
-
-TEST_P(JpegOrientation, DecodedPictureAndThumbnailAreTurnedOnceAndReportedSizeFollows) {
-  const int orientation = GetParam();
-  auto file = fixtures::jpeg(fixtures::quadrants(kW, kH), {.orientation = orientation});
-  expectUpright(decodeCGImageSource(file).image, orientation);
-
-  testing::TempDir dir;
-  testing::writeBytes(dir.file("photo.jpg"), file);
-  auto light = ImageDecoder::inspect(dir.file("photo.jpg"));
-  EXPECT_EQ(light.pixelWidth, orientation >= 5 ? kH : kW);
-  EXPECT_EQ(light.pixelHeight, orientation >= 5 ? kW : kH);
-  expectUpright(light.thumbnail, orientation);
-}
-
-INSTANTIATE_TEST_SUITE_P(AllOrientations, JpegOrientation, ::testing::Range(1, 9));
-
 TEST(Orientation, EachContainerIsTurnedOnceWhereverItStoresTheOrientation) {
   const auto picture = fixtures::quadrants(kW, kH);
   struct Case {
-    const char* name;
+    std::string name;
     fixtures::Bytes file;
     int orientation;
   };
-  const Case cases[] = {
+  std::vector<Case> cases = {
       // eXIf after the image data: the header probe must still find it.
       {"png", fixtures::png(picture, {.orientation = 6, .exifAfterData = true}), 6},
       {"webp", fixtures::webp(picture, {.orientation = 3}), 3},
@@ -79,18 +64,27 @@ TEST(Orientation, EachContainerIsTurnedOnceWhereverItStoresTheOrientation) {
       {"avif irot and imir", fixtures::avif(picture, {.alpha = false, .irotAngle = 1, .imirMode = 0}), 5},
       {"jxl", fixtures::jxl(picture, {.orientation = 6}), 6},
   };
+  for (int orientation = 1; orientation <= 8; ++orientation)
+    cases.push_back({"jpeg " + std::to_string(orientation),
+                     fixtures::jpeg(picture, {.orientation = orientation}), orientation});
+  testing::TempDir dir;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
+    const bool heic = c.name == "heic", quarter = c.orientation >= 5;
     auto props = ImageService::properties(c.file);
     ASSERT_TRUE(props);
     // Stated for the pipeline to apply, except where libheif already did (and reports the turned size).
-    EXPECT_EQ(props->orientation,
-              c.name == std::string("heic") ? std::nullopt : std::optional(c.orientation));
-    EXPECT_EQ(props->width, c.name == std::string("heic") ? kH : kW);
+    EXPECT_EQ(props->orientation.value_or(1), heic ? 1 : c.orientation);
+    EXPECT_EQ(props->width, heic && quarter ? kH : kW);
     expectUpright(decodeCGImageSource(c.file).image, c.orientation);
     auto thumb = ImageService::thumbnail(c.file, 256);
     ASSERT_TRUE(thumb);
     expectUpright(*thumb, c.orientation);
+    // Inspection reports the size as shown, and its thumbnail upright.
+    const auto light = ImageDecoder::inspect(dir.write("picture", c.file));
+    EXPECT_EQ(light.pixelWidth, quarter ? kH : kW);
+    EXPECT_EQ(light.pixelHeight, quarter ? kW : kH);
+    expectUpright(light.thumbnail, c.orientation);
   }
 }
 
@@ -120,7 +114,9 @@ TEST(Orientation, ReadWhateverIntegerTypeAndByteOrderHoldIt) {
     }
 }
 
-TEST(Depth, SixteenBitPngAvifAndJxlStaySixteenBit) {
+// Lossless 16-bit files give back every sample; the 10-bit AVIF comes at the full 16-bit scale;
+// straight and palette alpha are kept (HEIC and AVIF alpha: native_encoder_test).
+TEST(DepthAndAlpha, SixteenBitStaysSixteenBitAndAlphaIsKept) {
   DecodedImage source = fixtures::quadrants(kW, kH, 16, true);
   for (size_t i = 0; i < source.pixels16.size(); i += 7) source.pixels16[i] = uint16_t(i * 2654435761u);
   for (const auto& file : {fixtures::png(source), fixtures::jxl(source)}) {  // both lossless
@@ -129,11 +125,22 @@ TEST(Depth, SixteenBitPngAvifAndJxlStaySixteenBit) {
     EXPECT_EQ(image.alpha, AlphaInfo::straight);
     EXPECT_EQ(image.pixels16, source.pixels16);
   }
-  auto avif =
-      ImageService::decodeFirstFrame(fixtures::avif(fixtures::quadrants(kW, kH, 16, true), {.depth = 10}));
-  EXPECT_EQ(avif.bitsPerComponent, 16);
-  EXPECT_EQ(fixtures::quadrantAt(avif, Corner::bottomRight), 3);
-  EXPECT_NEAR(avif.pixels16[3], 128 * 257, 600);  // half-transparent top left, full 16-bit scale
+  const auto eight = fixtures::quadrants(kW, kH, 8, true);
+  const std::tuple<const char*, fixtures::Bytes, int> files[] = {
+      {"10-bit avif", fixtures::avif(fixtures::quadrants(kW, kH, 16, true), {.depth = 10}), 16},
+      {"palette png", fixtures::png(eight, {.palette = true}), 8},
+      {"webp", fixtures::webp(eight, {.lossless = true}), 8},
+  };
+  for (const auto& [name, file, depth] : files) {
+    SCOPED_TRACE(name);
+    const DecodedImage decoded = ImageService::decodeFirstFrame(file);
+    EXPECT_EQ(decoded.bitsPerComponent, depth);
+    const DecodedImage image = Resample::toEightBit(decoded);
+    EXPECT_TRUE(image.hasAlphaChannel());
+    EXPECT_NEAR(image.pixels8[3], 128, 2);  // top left is half transparent
+    EXPECT_NEAR(image.pixels8.back(), 255, 2);
+    EXPECT_EQ(fixtures::quadrantAt(image, Corner::bottomLeft), 2);
+  }
 }
 
 // A camera's stored thumbnail, opaque and unrotated, is not the picture: the thumbnail is made
@@ -150,29 +157,45 @@ TEST(Thumbnails, AHeicStoredThumbnailServesOnlyWhenItShowsThePictureAsItIs) {
   EXPECT_NEAR(upright.pixels8[size_t(upright.width - 1) * 4 + 3], 128, 8);
 }
 
-// HEIC, AVIF and lossy JPEG XL thumbnails are averaged from what the decoders hand over,
-// before any RGBA of the full picture exists: the colours must be those of the full decode
-// reduced, for single pictures and grids, 8 and 10 bits, with alpha. The turned 10-bit AVIF and
-// JPEG XL also check the 16-bit turn (every turn's map: resample_test RotationMirror).
-TEST(Thumbnails, ThumbnailsAveragedAsDecodedMatchTheFullDecodeReduced) {
+// Thumbnails are made as the readers go: PNG rows averaged as they come, Adam7 passes read only
+// as far as needed, WebP scaled while it decodes, and HEIC, AVIF and lossy JPEG XL averaged from
+// what the decoders hand over, before any RGBA of the full picture exists. Each must match the
+// full decode reduced, for single pictures and grids, 8, 10 and 16 bits, with alpha, turned
+// (every turn's map: resample_test RotationMirror).
+TEST(Thumbnails, ThumbnailsMadeWhileReadingMatchTheFullDecodeReduced) {
   const auto photo = testing::makeImage(256, 192, testing::Pattern::photo, 7, true);
+  const DecodedImage picture = fixtures::quadrants(1000, 600, 8, true),
+                     wide = fixtures::quadrants(1000, 600, 16, true);
   const fixtures::Bytes files[] = {fixtures::heic(photo, {.alpha = false}),
                                    fixtures::grid(fixtures::heic(photo, {.alpha = false}), 2, 2),
                                    fixtures::avif(photo),
                                    fixtures::avif(photo, {.depth = 10, .irotAngle = 1}),
                                    fixtures::grid(fixtures::avif(photo, {.alpha = false}), 2, 2),
-                                   fixtures::jxl(photo, {.lossless = false, .orientation = 6})};
+                                   fixtures::jxl(photo, {.lossless = false, .orientation = 6}),
+                                   fixtures::png(picture),
+                                   fixtures::png(wide, {.interlaced = true}),
+                                   fixtures::png(picture, {.palette = true, .interlaced = true}),
+                                   fixtures::webp(picture),
+                                   fixtures::animatedWebp({picture, picture})};
   for (const auto& file : files) {
-    auto thumb = ImageService::thumbnail(file, 64);
-    ASSERT_TRUE(thumb);
-    const DecodedImage full = Resample::fitWithin(Resample::toEightBit(decodeCGImageSource(file).image), 64);
-    ASSERT_EQ(thumb->width, full.width);
-    ASSERT_EQ(thumb->height, full.height);
-    double difference = 0;
-    for (size_t i = 0; i < full.pixels8.size(); ++i)
-      difference += std::abs(int(thumb->pixels8[i]) - int(full.pixels8[i]));
-    EXPECT_LT(difference / double(full.pixels8.size()), 2.0);
+    const DecodedImage whole = Resample::toEightBit(decodeCGImageSource(file).image);
+    for (int size : {64, 100, 300}) {
+      SCOPED_TRACE(::testing::Message() << ImageFormats::rawValue(*ImageFormats::detect(file)) << " "
+                                        << whole.width << " wide, thumbnail of " << size);
+      auto thumb = ImageService::thumbnail(file, size);
+      ASSERT_TRUE(thumb);
+      const DecodedImage full = Resample::fitWithin(whole, size);
+      ASSERT_EQ(thumb->width, full.width);
+      ASSERT_EQ(thumb->height, full.height);
+      double difference = 0;
+      for (size_t i = 0; i < full.pixels8.size(); ++i)
+        difference += std::abs(int(thumb->pixels8[i]) - int(full.pixels8[i]));
+      EXPECT_LT(difference / double(full.pixels8.size()), 2.0);
+    }
   }
+  EXPECT_EQ(fixtures::quadrantAt(ImageService::decodeFirstFrame(files[8]), Corner::bottomRight), 3);
+  EXPECT_EQ(ImageDecoder::loadPreview(fixtures::webp(fixtures::quadrants(40, 20)), 256)->width, 40)
+      << "never enlarged";
 }
 
 // An RGB profile whose tone curve is a table (gamma 1.8 sampled), which JPEG XL can't describe
@@ -222,19 +245,123 @@ TEST(ColourProfiles, ALossyJpegXlKeepsItsTabulatedCurveProfileAndItsColours) {
   EXPECT_LT(sum / double(expected.size()), 3.0);
 }
 
-// PNG, JPEG XL and AVIF alpha: Depth above; HEIC and AVIF: native_encoder_test.
-TEST(Alpha, PaletteTransparencyAndWebPAlphaAreKept) {
-  auto source = fixtures::quadrants(kW, kH, 8, true);
-  const std::pair<const char*, fixtures::Bytes> files[] = {
-      {"palette png", fixtures::png(source, {.palette = true})},
-      {"webp", fixtures::webp(source, {.lossless = true})},
-  };
-  for (auto& [name, file] : files) {
-    auto image = Resample::toEightBit(ImageService::decodeFirstFrame(file));
-    EXPECT_TRUE(image.hasAlphaChannel()) << name;
-    EXPECT_NEAR(image.pixels8[3], 128, 4) << name;  // top left is half transparent
-    EXPECT_NEAR(image.pixels8.back(), 255, 2) << name;
-    EXPECT_EQ(fixtures::quadrantAt(image, Corner::bottomLeft), 2) << name;
+// The sample at (x, y) on an 8-bit scale.
+std::array<int, 4> pixelAt(const DecodedImage& image, int x, int y) {
+  size_t i = (size_t(y) * size_t(image.width) + size_t(x)) * 4;
+  std::array<int, 4> p;
+  for (size_t c = 0; c < 4; ++c)
+    p[c] = image.bitsPerComponent == 16 ? image.pixels16[i + c] >> 8 : image.pixels8[i + c];
+  return p;
+}
+
+void expectNear(std::array<int, 4> got, std::array<int, 3> want, int tolerance, const char* what) {
+  for (size_t c = 0; c < 3; ++c) EXPECT_NEAR(got[c], want[c], tolerance) << what << " channel " << c;
+}
+
+TEST(ColourModels, GreySourcesBecomeRGB) {
+  auto source = fixtures::quadrants(32, 16, 16, true);  // red channel: 255, 0, 0, 255 by quarter
+  auto grey16 = ImageService::decodeFirstFrame(fixtures::png(source, {.grey = true}));
+  EXPECT_EQ(grey16.bitsPerComponent, 16);
+  EXPECT_TRUE(grey16.colorSpace.isSRGB);
+  expectNear(pixelAt(grey16, 2, 2), {255, 255, 255}, 0, "white grey");
+  EXPECT_EQ(pixelAt(grey16, 2, 2)[3], 128);
+  expectNear(pixelAt(grey16, 30, 2), {0, 0, 0}, 0, "black grey");
+
+  // A grey profile goes through lcms2: still neutral, still white.
+  auto profiled = ImageService::decodeFirstFrame(
+      fixtures::png(fixtures::quadrants(32, 16), {.grey = true, .alpha = false, .icc = fixtures::greyICC()}));
+  auto white = pixelAt(profiled, 2, 2);
+  EXPECT_NEAR(white[0], white[1], 1);
+  EXPECT_NEAR(white[1], white[2], 1);
+  EXPECT_GT(white[0], 240);
+  EXPECT_TRUE(profiled.colorSpace.isSRGB);
+
+  auto jpeg = ImageService::decodeFirstFrame(fixtures::jpeg(fixtures::quadrants(32, 16), {.grey = true}));
+  expectNear(pixelAt(jpeg, 2, 2), {255, 255, 255}, 3, "grey jpeg");
+  expectNear(pixelAt(jpeg, 28, 4), {0, 0, 0}, 3, "grey jpeg");
+  EXPECT_EQ(pixelAt(jpeg, 28, 4)[3], 255);
+}
+
+TEST(ColourModels, CmykJpegIsConvertedWithAndWithoutItsProfile) {
+  // Quarters: white paper, full cyan, full black, cyan + magenta.
+  const int w = 32, h = 16;
+  fixtures::Bytes cmyk(size_t(w) * h * 4, 0);
+  for (size_t i = 0; i < cmyk.size(); i += 4) {
+    int x = int(i / 4) % w, y = int(i / 4) / w, q = (y >= h / 2 ? 2 : 0) + (x >= w / 2 ? 1 : 0);
+    cmyk[i] = q == 1 || q == 3 ? 255 : 0;
+    cmyk[i + 1] = q == 3 ? 255 : 0;
+    cmyk[i + 3] = q == 2 ? 255 : 0;
+  }
+  auto plain = ImageService::decodeFirstFrame(fixtures::cmykJpeg(w, h, cmyk));
+  EXPECT_EQ(plain.alpha, AlphaInfo::none);
+  EXPECT_TRUE(plain.colorSpace.isSRGB);
+  expectNear(pixelAt(plain, 4, 4), {255, 255, 255}, 4, "paper");
+  expectNear(pixelAt(plain, 28, 4), {0, 255, 255}, 6, "cyan");
+  expectNear(pixelAt(plain, 4, 12), {0, 0, 0}, 4, "black");
+  expectNear(pixelAt(plain, 28, 12), {0, 0, 255}, 6, "cyan + magenta");
+
+  // The embedded profile wins over the built-in formula: this one prints cyan as red.
+  auto profiled = ImageService::decodeFirstFrame(fixtures::cmykJpeg(w, h, cmyk, fixtures::cmykICC(true)));
+  EXPECT_GT(pixelAt(profiled, 28, 4)[0], 200);
+  EXPECT_LT(pixelAt(profiled, 28, 4)[1], 80);
+  expectNear(pixelAt(profiled, 4, 4), {255, 255, 255}, 8, "paper through the profile");
+  EXPECT_TRUE(profiled.colorSpace.isSRGB);
+}
+
+TEST(Frames, AnimationsReportTheirCountAndDecodeTheFirstFrame) {
+  std::vector<DecodedImage> frames;
+  for (int q : {1, 0, 2}) {  // green, then red, then blue
+    auto frame = fixtures::quadrants(16, 16);
+    for (size_t i = 0; i < frame.pixels8.size(); i += 4)
+      for (int c = 0; c < 3; ++c) frame.pixels8[i + size_t(c)] = c == q ? 255 : 0;
+    frames.push_back(frame);
+  }
+  auto webp = fixtures::animatedWebp(frames);
+  auto decoded = decodeCGImageSource(webp);
+  EXPECT_EQ(decoded.frameCount, 3);
+  expectNear(pixelAt(decoded.image, 8, 8), {0, 255, 0}, 0, "first frame");
+
+  auto picture = fixtures::quadrants(16, 16);
+  EXPECT_EQ(ImageService::properties(fixtures::jxl(picture, {.frames = 4}))->frameCount, 4);
+  EXPECT_EQ(ImageService::properties(fixtures::avif(picture, {.alpha = false, .frames = 3}))->frameCount, 3);
+  for (const auto& still : {fixtures::jxl(picture), fixtures::webp(picture), fixtures::heic(picture)})
+    EXPECT_EQ(ImageService::properties(still)->frameCount, 1);
+}
+
+// Other image types: decoder_robustness_test.
+TEST(Detection, ContentDecidesNotTheName) {
+  testing::TempDir dir;
+  EXPECT_EQ(
+      ImageDecoder::inspect(dir.write("actually.png", fixtures::jpeg(fixtures::quadrants(16, 16)))).format,
+      ImageFormat::jpeg);
+}
+
+TEST(Thumbnails, TransparentPixelsLeaveNoDarkFringe) {
+  // Red at alpha 255 next to transparent black, in a fine checkerboard: the average must
+  // stay pure red at half alpha, not turn dark red.
+  DecodedImage image = fixtures::quadrants(64, 64, 8, true);
+  for (size_t i = 0; i < image.pixels8.size(); i += 4) {
+    bool on = (i / 4 % 64 + i / 4 / 64) % 2 == 0;
+    image.pixels8[i] = image.pixels8[i + 3] = on ? 255 : 0;
+    image.pixels8[i + 1] = image.pixels8[i + 2] = 0;
+  }
+  auto thumb = ImageDecoder::loadPreview(fixtures::png(image), 8);
+  ASSERT_TRUE(thumb);
+  EXPECT_EQ(pixelAt(*thumb, 3, 3)[0], 255);
+  EXPECT_NEAR(pixelAt(*thumb, 3, 3)[3], 128, 1);
+  // The same from the readers that average as they decode, through lossy coding: squares of
+  // 2 x 2 pixels, which 4:2:0 chroma keeps apart.
+  for (size_t i = 0; i < image.pixels8.size(); i += 4) {
+    bool on = (i / 4 % 64 / 2 + i / 4 / 64 / 2) % 2 == 0;
+    image.pixels8[i] = image.pixels8[i + 3] = on ? 255 : 0;
+  }
+  for (const auto& file :
+       {fixtures::heic(image), fixtures::avif(image), fixtures::jxl(image, {.lossless = false})}) {
+    SCOPED_TRACE(ImageFormats::rawValue(*ImageFormats::detect(file)));
+    thumb = ImageDecoder::loadPreview(file, 8);
+    ASSERT_TRUE(thumb);
+    EXPECT_GT(pixelAt(*thumb, 3, 3)[0], 200);
+    EXPECT_NEAR(pixelAt(*thumb, 3, 3)[3], 128, 16);
   }
 }
 

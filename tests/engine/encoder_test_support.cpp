@@ -4,58 +4,15 @@
 #include <jxl/decode_cxx.h>
 #include <png.h>
 #include <webp/decode.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 
+#include "engine/Errors.h"
+
 namespace quillane::testing {
-namespace {
-
-uint32_t be32(const uint8_t* p) {
-  return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-}
-
-}  // namespace
-
-std::vector<Chunk> pngChunks(std::span<const uint8_t> png) {
-  std::vector<Chunk> chunks;
-  for (size_t at = 8; at + 12 <= png.size();) {
-    const uint32_t length = be32(&png[at]);
-    if (at + 12 + length > png.size()) break;
-    Chunk c;
-    c.type.assign(png.begin() + ptrdiff_t(at + 4), png.begin() + ptrdiff_t(at + 8));
-    c.payload.assign(png.begin() + ptrdiff_t(at + 8), png.begin() + ptrdiff_t(at + 8 + length));
-    const uLong crc = crc32(crc32(0, nullptr, 0), &png[at + 4], uInt(4 + length));
-    c.crcValid = crc == be32(&png[at + 8 + length]);
-    chunks.push_back(std::move(c));
-    at += 12 + length;
-  }
-  return chunks;
-}
-
-std::vector<std::string> chunkTypes(const std::vector<Chunk>& chunks) {
-  std::vector<std::string> types;
-  types.reserve(chunks.size());
-  for (const Chunk& c : chunks) types.push_back(c.type);
-  return types;
-}
-
-const Chunk* findChunk(const std::vector<Chunk>& chunks, const std::string& type) {
-  for (const Chunk& c : chunks)
-    if (c.type == type) return &c;
-  return nullptr;
-}
-
-Bytes inflate(std::span<const uint8_t> zlibStream, size_t expectedSize) {
-  Bytes out(expectedSize + 1);
-  uLongf length = out.size();
-  if (uncompress(out.data(), &length, zlibStream.data(), uLong(zlibStream.size())) != Z_OK) return {};
-  out.resize(length);
-  return out;
-}
 
 std::optional<Decoded> decodePNG(std::span<const uint8_t> png) {
   png_image image;
@@ -150,6 +107,20 @@ double meanColourError(const DecodedImage& a, const DecodedImage& b) {
   for (size_t i = 0; i < a.pixels8.size(); ++i)
     if (i % 4 != 3) sum += std::abs(int(a.pixels8[i]) - int(b.pixels8[i]));
   return sum / double(a.pixelCount() * 3);
+}
+
+std::string failureOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const ImageProcessingError& e) {
+    using Kind = ImageProcessingError::Kind;
+    return e.kind() == Kind::decodingFailed          ? "decoding failed"
+           : e.kind() == Kind::contextCreationFailed ? "context creation failed"
+                                                     : "encoding failed: " + e.label();
+  } catch (const std::exception& e) {
+    return std::string("other: ") + e.what();
+  }
+  return "";
 }
 
 }  // namespace quillane::testing

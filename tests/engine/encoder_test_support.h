@@ -1,8 +1,10 @@
 #pragma once
 // Readers for what the WebP, JPEG XL and PNG encoders write, built on the libraries' own
-// decoders, so that a round trip does not go through the system's own reading code.
+// decoders, so that a round trip does not go through the system's own reading code; and how
+// a call fails.
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -14,17 +16,6 @@
 namespace quillane::testing {
 
 using Bytes = std::vector<uint8_t>;
-
-// The chunks of a PNG file, in file order.
-struct Chunk {
-  std::string type;
-  Bytes payload;
-  bool crcValid = true;
-};
-std::vector<Chunk> pngChunks(std::span<const uint8_t> png);
-std::vector<std::string> chunkTypes(const std::vector<Chunk>& chunks);
-const Chunk* findChunk(const std::vector<Chunk>& chunks, const std::string& type);
-Bytes inflate(std::span<const uint8_t> zlibStream, size_t expectedSize);
 
 struct Decoded {
   int width = 0, height = 0;
@@ -50,5 +41,9 @@ EncodingPlan makePlan(EncodingPlan::Mode mode, int effort = 2);
 int maxDifference(const Bytes& a, const Bytes& b);
 // Mean absolute difference of the colour samples of two 8-bit pictures (1e9 if not the same size).
 double meanColourError(const DecodedImage& a, const DecodedImage& b);
+
+// How `call` ended: "" when it returned, "decoding failed", "context creation failed",
+// "encoding failed: LABEL" for an ImageProcessingError, "other: WHAT" for anything else.
+std::string failureOf(const std::function<void()>& call);
 
 }  // namespace quillane::testing

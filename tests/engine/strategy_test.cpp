@@ -1,14 +1,124 @@
+// What the analyzer measures of a picture, the encoding the strategy plans from it, and the
+// cost model that keeps encodes within the allowance: plans that stay inside it, claims that
+// cover every plan, and writers that give a consumed picture back without changing a byte of
+// what they write.
+
 #include <gtest/gtest.h>
 
+#include <array>
 #include <limits>
 
+#include "engine/EncodeCost.h"
+#include "engine/Encoders.h"
 #include "engine/EncodingStrategy.h"
+#include "engine/ImageDecoder.h"
+#include "engine/PageRelease.h"
+#include "tests/engine/encoder_test_support.h"
+#include "tests/support/CodecFixtures.h"
+#include "tests/support/TestImages.h"
 
 namespace quillane {
 namespace {
 
 using ContentClass = ImageCharacteristics::ContentClass;
+using Color = std::array<uint8_t, 3>;
 using Mode = EncodingPlan::Mode;
+
+void set(RGBABuffer& buffer, int x, int y, Color color, uint8_t alpha = 255) {
+  uint8_t* p = &buffer.pixels[(size_t(y) * size_t(buffer.width) + size_t(x)) * 4];
+  p[0] = color[0], p[1] = color[1], p[2] = color[2], p[3] = alpha;
+}
+
+RGBABuffer solid(int width, int height, Color color) {
+  RGBABuffer buffer;
+  buffer.width = width, buffer.height = height;
+  buffer.pixels.resize(size_t(width) * size_t(height) * 4);
+  for (int i = 0; i < width * height; ++i) set(buffer, i % width, i / width, color);
+  return buffer;
+}
+
+double luma(Color c) { return 0.299 * c[0] + 0.587 * c[1] + 0.114 * c[2]; }
+
+// ---- Small pictures and sampling ----
+
+TEST(ImageAnalyzerSampling, TinyPicturesAreFlatAndThreeByThreeSamplesOnlyTheCentre) {
+  RGBABuffer tiny = solid(2, 2, {0, 0, 0});
+  set(tiny, 1, 1, {255, 255, 255}, 0);
+  tiny.hasAlpha = true;
+  ImageCharacteristics c = ImageAnalyzer::analyze(tiny);
+  EXPECT_EQ(c.contentClass, ContentClass::flatGraphic);
+  EXPECT_EQ(c.distinctColorCount, 1);
+  EXPECT_TRUE(c.hasAlpha);
+
+  RGBABuffer buffer = solid(3, 3, {0, 0, 0});
+  for (int i = 0; i < 9; ++i) set(buffer, i % 3, i / 3, {uint8_t(i * 30), 7, 7}, i == 4 ? 255 : 128);
+  c = ImageAnalyzer::analyze(buffer);
+  EXPECT_EQ(c.distinctColorCount, 1);
+  EXPECT_FALSE(c.hasPartialAlpha) << "the border's partial alpha is never sampled";
+  set(buffer, 1, 1, {120, 7, 7}, 1);
+  EXPECT_TRUE(ImageAnalyzer::analyze(buffer).hasPartialAlpha);
+}
+
+// ---- Luma steps: a 3 by 3 picture whose centre differs from its ring by exactly g ----
+
+TEST(ImageAnalyzerLumaStep, ThresholdsAreHitExactly) {
+  struct {
+    const char* name;
+    Color centre, ring;
+    bool flat, edge, gradient;
+  } const cases[] = {
+      {"same", {50, 60, 70}, {50, 60, 70}, true, false, false},
+      // Colours whose lumas differ by 0.5 and 24.0 exactly in double.
+      {"exactlyHalf", {8, 0, 4}, {0, 4, 0}, false, false, true},
+      {"justAboveFour", {0, 0, 36}, {0, 0, 0}, false, false, false},
+      {"justBelowEdge", {0, 0, 210}, {0, 0, 0}, false, false, false},
+      {"exactlyEdge", {13, 23, 58}, {0, 0, 0}, false, true, false},
+  };
+  for (const auto& k : cases) {
+    SCOPED_TRACE(k.name);
+    RGBABuffer buffer = solid(3, 3, k.ring);
+    set(buffer, 1, 1, k.centre);
+    const ImageCharacteristics c = ImageAnalyzer::analyze(buffer);
+    EXPECT_EQ(c.flatFraction, k.flat ? 1.0 : 0.0);
+    EXPECT_EQ(c.edgeFraction, k.edge ? 1.0 : 0.0);
+    EXPECT_EQ(c.gradientFraction, k.gradient ? 1.0 : 0.0);
+    // An edge adds nothing to the noise; otherwise the Laplacian is 4g.
+    EXPECT_NEAR(c.noiseLevel, k.edge ? 0.0 : 4 * std::abs(luma(k.centre) - luma(k.ring)), 1e-9);
+  }
+}
+
+// ---- Colour counting ----
+
+// A 500 x 500 black picture with `dots` single pixels of distinct colours on a grid of
+// sample positions, three apart: mostly flat, with hard edges around each dot.
+RGBABuffer dottedPicture(int dots) {
+  RGBABuffer buffer = solid(500, 500, {0, 0, 0});
+  for (int i = 0; i < dots; ++i) {
+    const int x = 1 + 3 * (i % 166), y = 1 + 3 * (i / 166);
+    set(buffer, x, y, {uint8_t(i % 256), uint8_t(40 + i / 256), 200});
+  }
+  return buffer;
+}
+
+TEST(ImageAnalyzerColors, CountsUpToSaturation) {
+  struct {
+    int distinct;  // black included
+    int counted;
+    bool saturated;
+    ContentClass expected;
+  } const cases[] = {{4096, 4096, false, ContentClass::flatGraphic},
+                     {4097, 4097, false, ContentClass::screenText},
+                     {20000, 16384, true, ContentClass::screenText}};
+  for (const auto& k : cases) {
+    const ImageCharacteristics c = ImageAnalyzer::analyze(dottedPicture(k.distinct - 1));
+    EXPECT_EQ(c.distinctColorCount, k.counted) << k.distinct;
+    EXPECT_EQ(c.colorCountSaturated, k.saturated) << k.distinct;
+    EXPECT_GT(c.flatFraction, 0.7);
+    EXPECT_EQ(c.contentClass, k.expected) << k.distinct;
+  }
+}
+
+// ---- The strategy ----
 
 ImageCharacteristics picture(ContentClass cls, int64_t width, int height = 1, double noise = 0,
                              double flat = 0.5, bool saturated = false) {
@@ -72,6 +182,123 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   fewColours.distinctColorCount = 1'025;
   EXPECT_FALSE(EncodingStrategy::losslessMayWin(ImageFormat::jxl, fewColours, Mode::lossy(80)));
   EXPECT_TRUE(EncodingStrategy::losslessMayWin(ImageFormat::jxl, fewColours, Mode::lossy(81)));
+}
+
+// ---- The cost model ----
+
+using Kind = EncodingPlan::Mode::Kind;
+
+ImageCharacteristics characteristicsOf(int width, int height, ContentClass c, bool alpha = false) {
+  ImageCharacteristics ch;
+  ch.width = width, ch.height = height;
+  ch.contentClass = c;
+  ch.hasAlpha = ch.hasPartialAlpha = alpha;
+  ch.flatFraction = c == ContentClass::flatGraphic || c == ContentClass::screenText ? 0.9 : 0.1;
+  return ch;
+}
+
+constexpr ContentClass kClasses[] = {ContentClass::flatGraphic, ContentClass::screenText,
+                                     ContentClass::illustration, ContentClass::photo,
+                                     ContentClass::noisyPhoto};
+constexpr int kSides[][2] = {{300, 200},   {1000, 1000}, {1600, 1200},
+                             {2500, 2000}, {4000, 3000}, {8000, 8000}};
+
+// Each lossless JPEG XL encoding the strategy plans fits the allowance, or, where nothing
+// does, costs no more than the lossy encoding of the same picture would.
+TEST(EncodeCost, LosslessJPEGXLIsPlannedWithinTheAllowanceOrAtTheLeastCost) {
+  for (const auto& side : kSides) {
+    const uint64_t limit = EncodeCost::allowance(uint64_t(side[0]) * uint64_t(side[1]));
+    for (const ContentClass c : kClasses) {
+      for (const bool alpha : {false, true}) {
+        const ImageCharacteristics ch = characteristicsOf(side[0], side[1], c, alpha);
+        for (const double quality : {75.0, 98.0}) {
+          const EncodingPlan plan = EncodingStrategy::plan(ch, ImageFormat::jxl, quality);
+          const uint64_t lossy =
+              EncodeCost::encodingBytes(ImageFormat::jxl, plan, EncodingPlan::Mode::lossy(quality), ch);
+          for (const auto* mode : {&plan.mode, plan.alternative ? &*plan.alternative : nullptr}) {
+            if (!mode || mode->kind != Kind::lossless) continue;
+            EXPECT_LE(EncodeCost::encodingBytes(ImageFormat::jxl, plan, *mode, ch), std::max(limit, lossy))
+                << side[0] << "x" << side[1] << " class " << ImageCharacteristics::name(c);
+          }
+        }
+      }
+    }
+  }
+  // A small graphic keeps its full-effort lossless encoding and its lossy competitor; the
+  // 64-megapixel flat picture of a few bytes is lossless at the light effort, not in 11 GB.
+  const EncodingPlan small =
+      EncodingStrategy::plan(characteristicsOf(1000, 1000, ContentClass::flatGraphic), ImageFormat::jxl, 75);
+  EXPECT_EQ(small.mode.kind, Kind::lossless);
+  EXPECT_FALSE(small.lightLossless);
+  EXPECT_TRUE(small.alternative);
+  const EncodingPlan screen =
+      EncodingStrategy::plan(characteristicsOf(3840, 2160, ContentClass::screenText), ImageFormat::jxl, 75);
+  EXPECT_FALSE(screen.lightLossless);
+  const EncodingPlan flat =
+      EncodingStrategy::plan(characteristicsOf(8000, 8000, ContentClass::flatGraphic), ImageFormat::jxl, 75);
+  EXPECT_TRUE(flat.mode.kind == Kind::lossy || flat.lightLossless);
+}
+
+TEST(EncodeCost, TheClaimCoversEveryPlanOfTheSourceForEveryFormat) {
+  for (const auto& side : kSides) {
+    for (const ImageFormat target : ImageFormats::allCases) {
+      const EncodeCost::Source source{ImageFormat::jpeg, side[0], side[1], 1'000'000};
+      const uint64_t claim = EncodeCost::peakBytes(source, target, 75);
+      for (const ContentClass c : kClasses) {
+        for (const bool alpha : {false, true}) {
+          const ImageCharacteristics ch = characteristicsOf(side[0], side[1], c, alpha);
+          const EncodingPlan plan = EncodingStrategy::plan(ch, target, 75);
+          EXPECT_GE(claim, source.fileBytes + EncodeCost::encodingBytes(target, plan, plan.mode, ch))
+              << ImageFormats::label(target) << " " << side[0] << "x" << side[1] << " "
+              << ImageCharacteristics::name(c);
+        }
+      }
+    }
+  }
+}
+
+TEST(EncodeCost, AFileIsClaimedFromItsHeaderAndSize) {
+  testing::TempDir dir;
+  const std::string path =
+      dir.write("photo.jpg", fixtures::jpeg(testing::makeImage(640, 480, testing::Pattern::photo)));
+  EXPECT_EQ(EncodeCost::peakBytes(path, ImageFormat::avif, 75),
+            EncodeCost::peakBytes({ImageFormat::jpeg, 640, 480, uint64_t(ImageDecoder::fileSize(path))},
+                                  ImageFormat::avif, 75));
+  EXPECT_FALSE(EncodeCost::peakBytes(dir.write("text.jpg", {'n', 'o'}), ImageFormat::avif, 75));
+}
+
+TEST(PageRelease, GivesBackOnlyWholePagesInsideTheRange) {
+  std::vector<uint8_t> bytes(5 << 20, 7);
+  PageRelease::release(bytes.data() + 100, bytes.size() - 200);
+  EXPECT_EQ(bytes[99], 7);
+  EXPECT_EQ(bytes[bytes.size() - 100], 7);
+  EXPECT_EQ(bytes[bytes.size() / 2], 0);  // released, so it reads as zero
+}
+
+// Writers that consume their picture write the same bytes as when they only read it; the
+// pictures are large enough that rows really go back while the library still works.
+TEST(ConsumingEncoders, WriteTheSameBytes) {
+  const DecodedImage photo = testing::texturedPhoto(800, 500);
+  const DecodedImage withAlpha = testing::makeImage(800, 500, testing::Pattern::flatLogo, 1, true);
+  for (const ImageFormat format : {ImageFormat::jpeg, ImageFormat::heic, ImageFormat::avif}) {
+    for (const DecodedImage* source : {&photo, &withAlpha}) {
+      const bool alpha = source->alpha != AlphaInfo::none;
+      const EncodingPlan plan = testing::makePlan(EncodingPlan::Mode::lossy(80));
+      DecodedImage copy = *source;
+      EXPECT_EQ(NativeImageIOEncoder::encode(std::move(copy), alpha, format, plan),
+                NativeImageIOEncoder::encode(*source, alpha, format, plan))
+          << ImageFormats::label(format) << (alpha ? " with alpha" : "");
+    }
+  }
+  // JPEG XL: the opaque photo lossy (its samples copied without alpha), the logo lossless.
+  for (const auto& [source, mode] : {std::pair{&photo, EncodingPlan::Mode::lossy(80)},
+                                     std::pair{&withAlpha, EncodingPlan::Mode::lossless()}}) {
+    const RGBABuffer rgba(*source);
+    const EncodingPlan plan = testing::makePlan(mode, 0);
+    RGBABuffer copy = rgba;
+    EXPECT_EQ(JXLEncoder::encode(std::move(copy), rgba.hasAlpha, plan),
+              JXLEncoder::encode(rgba, rgba.hasAlpha, plan));
+  }
 }
 
 }  // namespace

@@ -42,17 +42,20 @@ class BusStandIn : public QDBusVirtualObject {
   }
 
   QString introspect(const QString&) const override { return {}; }
+  // A call is kept once its reply is on its way: a test that has seen it and then sends a
+  // signal on this connection (an action chosen) is sure the caller gets the reply first.
   bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
-    {
-      QMutexLocker lock(&mutex_);
-      calls_.append({message.member(), message.arguments()});
-    }
-    if (message.member() == "Notify")
-      connection.send(message.createReply(QVariant::fromValue(uint(calls("Notify").size()))));
-    else if (message.member() == "GetCapabilities")
+    QMutexLocker lock(&mutex_);
+    if (message.member() == "Notify") {
+      uint number = 1;
+      for (const Call& call : calls_) number += call.member == "Notify";
+      connection.send(message.createReply(QVariant::fromValue(number)));
+    } else if (message.member() == "GetCapabilities") {
       connection.send(message.createReply(QStringList{"actions", "body"}));
-    else
+    } else {
       connection.send(message.createReply());
+    }
+    calls_.append({message.member(), message.arguments()});
     return true;
   }
 

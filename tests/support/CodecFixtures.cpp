@@ -1,5 +1,5 @@
-// Pictures, metadata and profiles, plus the JPEG and PNG writers. The other writers are in
-// CodecFixturesModern.cpp.
+// Pictures, metadata and profiles, plus the JPEG and PNG writers, hostile PNGs included. The
+// other writers are in CodecFixturesModern.cpp.
 
 #include "tests/support/CodecFixtures.h"
 
@@ -9,10 +9,13 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <random>
+#include <span>
 #include <stdexcept>
 
 namespace quillane::fixtures {
@@ -250,25 +253,66 @@ void chunk(Bytes& out, const char* type, const Bytes& payload) {
   put32be(out, uint32_t(crc32(0, out.data() + start, uInt(out.size() - start))));
 }
 
-Bytes deflate(const Bytes& raw) {
-  uLongf size = compressBound(uLong(raw.size()));
-  Bytes out(size);
-  if (compress2(out.data(), &size, raw.data(), uLong(raw.size()), 6) != Z_OK)
-    throw std::runtime_error("compress2");
-  out.resize(size);
+// The signature and IHDR.
+Bytes pngHeader(uint32_t width, uint32_t height, int bitDepth, int colourType, bool interlaced) {
+  Bytes out = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A}, ihdr;
+  put32be(ihdr, width), put32be(ihdr, height);
+  ihdr.insert(ihdr.end(), {uint8_t(bitDepth), uint8_t(colourType), 0, 0, uint8_t(interlaced ? 1 : 0)});
+  chunk(out, "IHDR", ihdr);
   return out;
+}
+
+// Deflates what `feed` hands over (it returns false with its last part), stopping early once
+// `limit` bytes are written.
+template <class Feed>
+Bytes deflateAll(Feed&& feed, int level = 9, size_t limit = SIZE_MAX) {
+  z_stream z{};
+  if (deflateInit(&z, level) != Z_OK) throw std::runtime_error("deflateInit");
+  Bytes out, in, buffer(1 << 16);
+  for (bool more = true; out.size() < limit;) {
+    more = more && feed(in);
+    z.next_in = in.data();
+    z.avail_in = uInt(in.size());
+    int status = Z_OK;
+    do {
+      z.next_out = buffer.data();
+      z.avail_out = uInt(buffer.size());
+      status = deflate(&z, more ? Z_NO_FLUSH : Z_FINISH);
+      out.insert(out.end(), buffer.data(), buffer.data() + (buffer.size() - z.avail_out));
+    } while (z.avail_out == 0 || (!more && status != Z_STREAM_END));
+    if (!more) break;
+  }
+  deflateEnd(&z);
+  if (out.size() > limit) out.resize(limit);
+  return out;
+}
+Bytes deflated(const Bytes& raw) {
+  return deflateAll(
+      [&](Bytes& in) {
+        in = raw;
+        return false;
+      },
+      6);
+}
+
+// Adam7's passes as (first column, first row, column step, row step); the whole picture when
+// not interlaced.
+using Pass = std::array<uint32_t, 4>;
+constexpr Pass kAdam7[7] = {{0, 0, 8, 8}, {4, 0, 8, 8}, {0, 4, 4, 8}, {2, 0, 4, 4},
+                            {0, 2, 2, 4}, {1, 0, 2, 2}, {0, 1, 1, 2}};
+constexpr Pass kWhole[1] = {{0, 0, 1, 1}};
+std::span<const Pass> passes(bool interlaced) {
+  return interlaced ? std::span<const Pass>(kAdam7) : std::span<const Pass>(kWhole);
 }
 }  // namespace
 
 Bytes png(const DecodedImage& image, const PngOptions& options) {
   const bool wide = image.bitsPerComponent == 16, palette = options.palette && !wide;
   const uint8_t colourType = palette ? 3 : uint8_t((options.grey ? 0 : 2) + (options.alpha ? 4 : 0));
-  Bytes out = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A}, ihdr;
-  put32be(ihdr, uint32_t(image.width)), put32be(ihdr, uint32_t(image.height));
-  ihdr.insert(ihdr.end(), {uint8_t(wide ? 16 : 8), colourType, 0, 0, uint8_t(options.interlaced ? 1 : 0)});
-  chunk(out, "IHDR", ihdr);
+  Bytes out =
+      pngHeader(uint32_t(image.width), uint32_t(image.height), wide ? 16 : 8, colourType, options.interlaced);
   if (!options.icc.empty()) {
-    Bytes iccp = {'i', 'c', 'c', 0, 0}, z = deflate(options.icc);
+    Bytes iccp = {'i', 'c', 'c', 0, 0}, z = deflated(options.icc);
     iccp.insert(iccp.end(), z.begin(), z.end());
     chunk(out, "iCCP", iccp);
   }
@@ -297,25 +341,69 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
         raw.push_back(uint8_t(sample(image, i + c)));
     }
   };
-  // Adam7's passes as (first column, first row, column step, row step); one pass when not
-  // interlaced. Every row starts with filter type 0 (none).
-  static const size_t kAdam7[7][4] = {{0, 0, 8, 8}, {4, 0, 8, 8}, {0, 4, 4, 8}, {2, 0, 4, 4},
-                                      {0, 2, 2, 4}, {1, 0, 2, 2}, {0, 1, 1, 2}};
-  static const size_t kWhole[1][4] = {{0, 0, 1, 1}};
-  const size_t passes = options.interlaced ? 7 : 1;
-  for (size_t pass = 0; pass < passes; ++pass) {
-    const size_t* p = options.interlaced ? kAdam7[pass] : kWhole[0];
-    if (p[0] >= size_t(image.width)) continue;  // an empty pass has no rows at all
-    for (size_t y = p[1]; y < size_t(image.height); y += p[3]) {
+  // Every row starts with filter type 0 (none); an empty pass has no rows at all.
+  for (const Pass& p : passes(options.interlaced))
+    for (size_t y = p[1]; p[0] < size_t(image.width) && y < size_t(image.height); y += p[3]) {
       raw.push_back(0);
       for (size_t x = p[0]; x < size_t(image.width); x += p[2]) emit(x, y);
     }
-  }
   if (palette) chunk(out, "PLTE", plte), chunk(out, "tRNS", trns);
-  chunk(out, "IDAT", deflate(raw));
+  chunk(out, "IDAT", deflated(raw));
   if (options.orientation && options.exifAfterData)
     chunk(out, "eXIf", exifBlock(*options.orientation, false, options.exifLayout));
   chunk(out, "IEND", {});
+  return out;
+}
+
+Bytes starvedPng(uint32_t width, uint32_t height, int bitDepth, size_t dataBytes, bool truncated) {
+  Bytes out = pngHeader(width, height, bitDepth, 6, false), idat;
+  std::mt19937 random(7);
+  auto noise = [&](Bytes& in) {
+    in.resize(1 << 16);
+    for (uint8_t& b : in) b = uint8_t(random());
+    return true;
+  };
+  chunk(idat, "IDAT", deflateAll(noise, 9, dataBytes));
+  out.insert(out.end(), idat.begin(), truncated ? idat.end() - std::ptrdiff_t(idat.size() / 4) : idat.end());
+  if (!truncated) chunk(out, "IEND", {});
+  return out;
+}
+
+Bytes withTextChunks(const Bytes& png, int chunks, size_t inflatedBytes) {
+  size_t fed = 0;
+  Bytes text = {'C', 'o', 'm', 'm', 'e', 'n', 't', 0, 0};  // keyword, compression method 0
+  const Bytes zeros = deflateAll([&](Bytes& in) {
+    in.assign(std::min<size_t>(1 << 20, inflatedBytes - fed), 0);
+    fed += in.size();
+    return fed < inflatedBytes;
+  });
+  text.insert(text.end(), zeros.begin(), zeros.end());
+  Bytes out(png.begin(), png.begin() + 33);  // signature and IHDR
+  for (int i = 0; i < chunks; ++i) chunk(out, "zTXt", text);
+  out.insert(out.end(), png.begin() + 33, png.end());
+  return out;
+}
+
+Bytes blackPng(uint32_t width, uint32_t height, bool interlaced) {
+  Bytes out = pngHeader(width, height, 1, 0, interlaced);
+  // The rows of each pass in turn, each a filter byte and zeros, fed as they are deflated.
+  const std::span<const Pass> all = passes(interlaced);
+  size_t pass = 0;
+  uint32_t y = all[0][1];
+  const Bytes data = deflateAll([&](Bytes& in) {
+    in.clear();
+    while (in.size() < (1 << 16) && pass < all.size()) {
+      const Pass& p = all[pass];
+      if (p[0] >= width || y >= height) {
+        y = ++pass < all.size() ? all[pass][1] : 0;
+        continue;
+      }
+      in.insert(in.end(), 1 + ((width - p[0] + p[2] - 1) / p[2] + 7) / 8, 0);
+      y += p[3];
+    }
+    return pass < all.size();
+  });
+  chunk(out, "IDAT", data), chunk(out, "IEND", {});
   return out;
 }
 

@@ -1,7 +1,8 @@
 #pragma once
 // Test files of the six formats, written in code with the codec libraries themselves (no
 // binary fixtures), carrying orientation, ICC profiles, alpha, 16 bits, grey, CMYK or
-// animation. Writers throw std::runtime_error when a library refuses.
+// animation; and small files that lie about what they hold, for the tests, the fuzz seeds and
+// bench/make_hostile_files. Writers throw std::runtime_error when a library refuses.
 
 #include <cstdint>
 #include <optional>
@@ -71,6 +72,16 @@ struct PngOptions {
 };
 // Written chunk by chunk with zlib, 8 or 16 bits as `image` is.
 Bytes png(const DecodedImage& image, const PngOptions& options = {});
+// A PNG of `width` x `height`, 8-bit RGBA, whose image data (`dataBytes` of deflated noise) can
+// fill only a part of it; `truncated` cuts the file inside its image data, otherwise it ends
+// properly with IEND.
+Bytes starvedPng(uint32_t width, uint32_t height, int bitDepth, size_t dataBytes, bool truncated);
+// `png` with `chunks` zTXt chunks inserted after its header, each inflating to `inflatedBytes`
+// of zeros (a few hundred bytes of text a megabyte of inflated data, none of it used).
+Bytes withTextChunks(const Bytes& png, int chunks, size_t inflatedBytes);
+// A 1-bit grey PNG of `width` x `height`, all black, deflated at the highest level (22000 x
+// 22000 is about 60 KB).
+Bytes blackPng(uint32_t width, uint32_t height, bool interlaced = false);
 
 struct WebPOptions {
   bool lossless = false;
@@ -115,5 +126,8 @@ Bytes jxl(const DecodedImage& image, const JxlOptions& options = {});  // low ef
 // A HEIC or AVIF grid of `columns` x `rows` cells that all show the one picture of
 // `tileFile` (a file of heic() or avif() without alpha): a few kilobytes for a huge picture.
 Bytes grid(const Bytes& tileFile, int columns, int rows);
+// `file` (a HEIC or AVIF) with every "ispe" box, and the track header of an image sequence,
+// rewritten to declare `width` x `height`: the coded pictures stay as they were.
+Bytes withDeclaredSize(Bytes file, uint32_t width, uint32_t height);
 
 }  // namespace quillane::fixtures

@@ -1,4 +1,5 @@
-// WebP, HEIC, AVIF and JPEG XL test files, written with the codec libraries.
+// WebP, HEIC, AVIF and JPEG XL test files, written with the codec libraries, and HEIC and AVIF
+// files rewritten box by box.
 
 #include <avif/avif.h>
 #include <jxl/encode.h>
@@ -381,6 +382,20 @@ Bytes grid(const Bytes& tileFile, int columns, int rows) {
   const Bytes mdatBox = box("mdat", mdat);
   out.insert(out.end(), mdatBox.begin(), mdatBox.end());
   return out;
+}
+
+Bytes withDeclaredSize(Bytes file, uint32_t width, uint32_t height) {
+  for (size_t at = 4; at + 16 <= file.size(); ++at) {
+    // ispe: after its version and flags. tkhd: 16.16 fixed point after its times, id and
+    // duration (20 bytes, 32 in version 1), then layer, volume and matrix (52 bytes).
+    const bool ispe = std::memcmp(&file[at], "ispe", 4) == 0, tkhd = std::memcmp(&file[at], "tkhd", 4) == 0;
+    const size_t offset = ispe ? at + 8 : at + 8 + (file[at + 4] == 1 ? 32 : 20) + 52;
+    if ((!ispe && !tkhd) || offset + 8 > file.size()) continue;
+    Bytes size;
+    put(size, tkhd ? uint64_t(width) << 16 : width, 4), put(size, tkhd ? uint64_t(height) << 16 : height, 4);
+    std::memcpy(&file[offset], size.data(), 8);
+  }
+  return file;
 }
 
 }  // namespace quillane::fixtures

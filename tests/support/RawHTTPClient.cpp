@@ -1,14 +1,14 @@
 #include "tests/support/RawHTTPClient.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <filesystem>
+#include <iterator>
 
 namespace quillane::testing {
 
@@ -24,29 +24,38 @@ sockaddr_in loopback(int port) {
   return address;
 }
 
-int remainingMs(Clock::time_point deadline) {
-  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-  return left > 0 ? int(left) : 0;
+// The bytes one read gives within `timeout`; nothing when the wait ended or, with `closed` set,
+// when the server closed.
+std::string receive(int fd, std::chrono::milliseconds timeout, bool& closed) {
+  pollfd p{fd, POLLIN, 0};
+  int ready = 0;
+  while ((ready = ::poll(&p, 1, int(std::max<int64_t>(timeout.count(), 0)))) < 0 && errno == EINTR) {
+  }
+  if (ready <= 0) return {};
+  char buffer[65536];
+  ssize_t n = 0;
+  while ((n = ::recv(fd, buffer, sizeof buffer, 0)) < 0 && errno == EINTR) {
+  }
+  closed = n <= 0;
+  return closed ? std::string() : std::string(buffer, size_t(n));
 }
 
 // Splits a raw response into status line, headers and body.
 RawHTTPResponse parseResponse(std::string raw, bool closedByServer) {
   RawHTTPResponse response;
-  response.raw = std::move(raw);
-  response.closedByServer = closedByServer;
-  size_t headEnd = response.raw.find("\r\n\r\n");
+  response.raw = std::move(raw), response.closedByServer = closedByServer;
+  const std::string& text = response.raw;
+  const size_t headEnd = text.find("\r\n\r\n");
   if (headEnd == std::string::npos) return response;
-  std::string head = response.raw.substr(0, headEnd);
-  response.body = response.raw.substr(headEnd + 4);
-  size_t lineEnd = head.find("\r\n");
-  response.statusLine = head.substr(0, lineEnd);
-  if (response.statusLine.size() >= 12) response.status = std::atoi(response.statusLine.c_str() + 9);
-  while (lineEnd != std::string::npos) {
-    size_t start = lineEnd + 2;
-    lineEnd = head.find("\r\n", start);
-    std::string line = head.substr(start, lineEnd == std::string::npos ? std::string::npos : lineEnd - start);
-    size_t colon = line.find(": ");
-    if (colon != std::string::npos) response.headers[line.substr(0, colon)] = line.substr(colon + 2);
+  response.body = text.substr(headEnd + 4);
+  for (size_t start = 0, end = 0; start < headEnd; start = end + 2) {
+    end = std::min(text.find("\r\n", start), headEnd);
+    const std::string line = text.substr(start, end - start);
+    const size_t colon = line.find(": ");
+    if (start == 0)
+      response.statusLine = line, response.status = line.size() >= 12 ? std::atoi(line.c_str() + 9) : 0;
+    else if (colon != std::string::npos)
+      response.headers[line.substr(0, colon)] = line.substr(colon + 2);
   }
   return response;
 }
@@ -80,31 +89,18 @@ void RawConnection::shutdownWrite() {
 RawHTTPResponse RawConnection::readResponse(std::chrono::milliseconds timeout) {
   std::string raw;
   bool closed = false;
-  auto deadline = Clock::now() + timeout;
-  char buffer[65536];
-  while (fd_ >= 0) {
-    pollfd p{fd_, POLLIN, 0};
-    int ready = ::poll(&p, 1, remainingMs(deadline));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) break;
-    ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      closed = true;
-      break;
-    }
-    raw.append(buffer, size_t(n));
+  for (const auto deadline = Clock::now() + timeout; fd_ >= 0 && !closed;) {
+    const std::string part =
+        receive(fd_, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()), closed);
+    if (part.empty() && !closed) break;
+    raw += part;
   }
   return parseResponse(std::move(raw), closed);
 }
 
 std::string RawConnection::readSome(std::chrono::milliseconds timeout) {
-  if (fd_ < 0) return {};
-  pollfd p{fd_, POLLIN, 0};
-  if (::poll(&p, 1, int(timeout.count())) <= 0) return {};
-  char buffer[65536];
-  ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-  return n > 0 ? std::string(buffer, size_t(n)) : std::string();
+  bool closed = false;
+  return fd_ < 0 ? std::string() : receive(fd_, timeout, closed);
 }
 
 void RawConnection::close() {
@@ -146,15 +142,10 @@ int freeLocalPort() {
 }
 
 int openDescriptorCount() {
-  int count = 0;
-  if (DIR* dir = ::opendir("/proc/self/fd")) {
-    while (dirent* entry = ::readdir(dir)) {
-      if (entry->d_name[0] != '.') ++count;
-    }
-    ::closedir(dir);
-    --count;  // the directory's own descriptor
-  }
-  return count;
+  // Less the descriptor of the listing itself.
+  return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                           std::filesystem::directory_iterator())) -
+         1;
 }
 
 }  // namespace quillane::testing

@@ -132,6 +132,11 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
+std::string TempDir::write(const std::string& name, const std::vector<uint8_t>& bytes) const {
+  writeBytes(file(name), bytes);
+  return file(name);
+}
+
 void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));

@@ -36,6 +36,8 @@ class TempDir {
   TempDir& operator=(const TempDir&) = delete;
   const std::string& path() const { return path_; }
   std::string file(const std::string& name) const { return path_ + "/" + name; }
+  // Writes `bytes` to the file `name` here; gives its path.
+  std::string write(const std::string& name, const std::vector<uint8_t>& bytes) const;
 
  private:
   std::string path_;

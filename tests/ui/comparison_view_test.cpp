@@ -174,8 +174,7 @@ TEST_F(ComparisonWindow, TheResultSideFollowsAQualityChangeAtFullResolution) {
   ASSERT_TRUE(ui::toQImage(testing::makeImage(2000, 200, testing::Pattern::photo, 3)).save(path));
   model_->setOutputFormat(ImageFormat::jpeg);
   model_->setQuality(90);
-  import({QUrl::fromLocalFile(path)});
-  ASSERT_TRUE(waitIdle(20000));
+  ASSERT_TRUE(settle({QUrl::fromLocalFile(path)}, 20000));
   ui::ImageComparisonView* view = open(0);
   ui::SplitCompareWidget* area = view->area();
   ASSERT_GT(2000, view->fitPixelSize());

@@ -58,7 +58,7 @@ class HotFoldersPaneTest : public UiFixture {
   std::unique_ptr<ui::HotFoldersSettingsView> pane_;
 };
 
-TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersEvenThroughALink) {
+TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersAndAProfileReplacesFormatAndQuality) {
   const QString link = dir_.filePath("link");
   ASSERT_EQ(::symlink(QFile::encodeName(out_).constData(), QFile::encodeName(link).constData()), 0);
   pane().nameField()->setText("  \t");
@@ -81,10 +81,8 @@ TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersEvenThroughALink)
   EXPECT_EQ(saved.format, ImageFormat::jpeg);
   EXPECT_EQ(saved.quality, 62.0);
   EXPECT_FALSE(pane().editingID());  // the form is blank again
-}
 
-TEST_F(HotFoldersPaneTest, AProfileReplacesFormatAndQualityWhichComeBackWithoutIt) {
-  makeModel();
+  // A profile replaces format and quality, which come back without it.
   model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80));
   pane().nameField()->setText("Shots");
   choose(in_, out_);
@@ -100,14 +98,14 @@ TEST_F(HotFoldersPaneTest, AProfileReplacesFormatAndQualityWhichComeBackWithoutI
   pane().sizeEditor()->widthField()->setValue(1600);
   pane().sizeEditor()->heightField()->setValue(0);
   pane().save();
-  const HotFolder saved = manager_->hotFolders().at(0);
-  EXPECT_EQ(saved.profileName, QString("Web"));
-  EXPECT_FALSE(saved.format || saved.quality);
-  EXPECT_EQ(saved.sizing, (CompressionOptions{.maxWidth = 1600}));
+  const HotFolder withProfile = manager_->hotFolders().at(1);
+  EXPECT_EQ(withProfile.profileName, QString("Web"));
+  EXPECT_FALSE(withProfile.format || withProfile.quality);
+  EXPECT_EQ(withProfile.sizing, (CompressionOptions{.maxWidth = 1600}));
   EXPECT_FALSE(pane().sizeEditor()->options().any()) << "a new form starts with them off";
 
-  pane().startEditing(saved);
-  EXPECT_EQ(pane().sizeEditor()->options(), saved.sizing);
+  pane().startEditing(withProfile);
+  EXPECT_EQ(pane().sizeEditor()->options(), withProfile.sizing);
   pane().setNewProfileName(std::nullopt);
   EXPECT_EQ(pane().formatButton()->text(), "JPEG");
   EXPECT_EQ(pane().qualitySlider()->value(), 75);

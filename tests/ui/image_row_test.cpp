@@ -76,7 +76,7 @@ TEST_F(ImageRowTest, AnAnimatedImageInItsOwnFormatIsPassedThroughAndAStillOneNev
   useLanguage({});
 }
 
-TEST_F(ImageRowTest, ExportFollowsTheBytesAndAFailedEncodeShowsItsMessageAndRetries) {
+TEST_F(ImageRowTest, ExportFollowsTheBytesAndFailedEncodesAndExportsRetryFromTheirRow) {
   auto image = importOne("a.png", 1000, {});
   model_->scheduleEncode(image, true);  // encoding again, the old bytes are kept
   ASSERT_TRUE(image->encodeState().isEncoding());
@@ -91,15 +91,11 @@ TEST_F(ImageRowTest, ExportFollowsTheBytesAndAFailedEncodeShowsItsMessageAndRetr
   list().activate(rowOf(bad), RowHit::summaryRetry);
   EXPECT_TRUE(bad->encodeState().isEncoding());
   ASSERT_TRUE(waitIdle());
-}
 
-TEST_F(ImageRowTest, TheWarningButtonWritesAgainToTheFailedDestination) {
-  auto image = importOne("a.png", 1000, {100, 100, ImageFormat::png, 1, 400});
+  // A failed export's warning button writes again to the failed destination.
   const QString folder = dir_.filePath("gone");
   const QUrl target = QUrl::fromLocalFile(folder + "/a.jpg");
-  QFuture<bool> failed = model_->exportSingle(image, target);
-  ASSERT_TRUE(QTest::qWaitFor([&] { return failed.isFinished(); }, 5000));
-  EXPECT_FALSE(failed.result());
+  EXPECT_FALSE(await(model_->exportSingle(image, target)));
   ASSERT_TRUE(image->exportError().has_value());
   const QModelIndex index = rowOf(image);
   const QRect warning = list().rowDelegate().partRect(list().visualRect(index), index, RowHit::warning);
@@ -116,9 +112,9 @@ TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRowAndAFormatNotReadOffersNo
   QFile gif(dir_.filePath("anim.gif"));
   ASSERT_TRUE(gif.open(QIODevice::WriteOnly) && gif.write("GIF89a\x01\0\x01\0") > 0);
   gif.close();
-  import({QUrl::fromLocalFile(dir_.filePath("missing1.png")), source("a.png"),
-          QUrl::fromLocalFile(dir_.filePath("missing2.png")), QUrl::fromLocalFile(gif.fileName())});
-  ASSERT_TRUE(waitIdle());
+  ASSERT_TRUE(
+      settle({QUrl::fromLocalFile(dir_.filePath("missing1.png")), source("a.png"),
+              QUrl::fromLocalFile(dir_.filePath("missing2.png")), QUrl::fromLocalFile(gif.fileName())}));
   ASSERT_EQ(model_->importFailures().size(), 3u);
   const QModelIndex foreign = list().listModel().index(3);
   EXPECT_FALSE(list().rowDelegate().isEnabled(foreign, RowHit::failureRetry));
@@ -150,7 +146,7 @@ TEST_F(ImageRowTest, TheRowSaysWhenItHasItsOwnQualityAndWhenJPEGWhitensItsTransp
 
 class QualityPopupTest : public ImageRowTest {};
 
-TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAndAClickMakesNoOverride) {
+TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAClickMakesNoOverrideAndRevertFollowsTheBatch) {
   auto image = importOne("a.png", 100'000, {});
   ui::QualityOverridePopup popup(*model_, image);
   popup.popUp(QRect(20, 20, 26, 26));
@@ -164,14 +160,10 @@ TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAndAClickMakesNoOverrid
   popup.slider()->setSliderDown(false);  // released
   EXPECT_EQ(image->qualityOverride(), 40);
   ASSERT_TRUE(waitIdle());
-}
 
-TEST_F(QualityPopupTest, RevertFollowsTheGlobalQualityAgain) {
-  auto image = importOne("a.png", 100'000, {});
+  // Revert follows the global quality again.
   model_->setQualityOverride(image, 30);
   ASSERT_TRUE(waitIdle());
-  ui::QualityOverridePopup popup(*model_, image);
-  popup.show();
   model_->setQuality(72.6);  // from the local API while the popup is open
   EXPECT_TRUE(popup.revertButton()->text().contains("72"));
   EXPECT_EQ(popup.readoutText(), "30");

@@ -79,29 +79,27 @@ class Screenshots : public UiFixture {
   // an export failure, and a failed import; a profile and a history record.
   void makeShowcaseBatch() {
     makeModel();
-    import({source("mountain-lake-at-dawn.jpg", 2'400'000, {4032, 3024, ImageFormat::jpeg, 1, 640'000}),
-            source("logo.png", 18'000, {512, 512, ImageFormat::png, 1, 21'500}),
-            source("spinner.webp", 80'000, {240, 240, ImageFormat::jpeg, 12, 80'000}),
-            source("scan-of-an-old-receipt-with-a-very-long-name.heic", 1'200'000,
-                   {1200, 1800, ImageFormat::heic}),
-            source("broken.avif", 50'000, {800, 600, ImageFormat::avif, 1, -1, true}),
-            QUrl::fromLocalFile(dir_.filePath("notes.txt"))});
-    ASSERT_TRUE(waitIdle());
+    ASSERT_TRUE(
+        settle({source("mountain-lake-at-dawn.jpg", 2'400'000, {4032, 3024, ImageFormat::jpeg, 1, 640'000}),
+                source("logo.png", 18'000, {512, 512, ImageFormat::png, 1, 21'500}),
+                source("spinner.webp", 80'000, {240, 240, ImageFormat::jpeg, 12, 80'000}),
+                source("scan-of-an-old-receipt-with-a-very-long-name.heic", 1'200'000,
+                       {1200, 1800, ImageFormat::heic}),
+                source("broken.avif", 50'000, {800, 600, ImageFormat::avif, 1, -1, true}),
+                QUrl::fromLocalFile(dir_.filePath("notes.txt"))}));
     import({source("slow-panorama.png", 5'000'000, {8000, 1500})});
-    // A failed export on the logo row.
-    QFuture<bool> failed = model_->exportSingle(
-        model_->images()[1], QUrl::fromLocalFile(dir_.filePath("missing-folder/logo.jpg")));
-    // One successful export for the history.
+    // A failed export on the logo row, and one successful export for the history.
+    EXPECT_FALSE(await(model_->exportSingle(model_->images()[1],
+                                            QUrl::fromLocalFile(dir_.filePath("missing-folder/logo.jpg")))));
     QDir(dir_.path()).mkpath("out");
-    QFuture<bool> written = model_->exportSingle(
-        model_->images()[0], QUrl::fromLocalFile(dir_.filePath("out/mountain-lake-at-dawn.jpg")));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return failed.isFinished() && written.isFinished(); }, 5000));
+    EXPECT_TRUE(await(model_->exportSingle(
+        model_->images()[0], QUrl::fromLocalFile(dir_.filePath("out/mountain-lake-at-dawn.jpg")))));
     model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true));
     model_->upsertExportProfile(profile("Archive", ImageFormat::jxl, 95));
   }
 
-  std::unique_ptr<ui::MainWindow> showWindow(QSize size) {
-    auto window = std::make_unique<ui::MainWindow>(*model_);
+  std::unique_ptr<ui::MainWindow> showWindow(QSize size, BatchViewModel* model = nullptr) {
+    auto window = std::make_unique<ui::MainWindow>(model ? *model : *model_);
     window->resize(size);
     window->show();
     QCoreApplication::processEvents();
@@ -114,13 +112,8 @@ TEST_F(Screenshots, MainWindowLightAndDarkAndTheHistory) {
   // software centre's screenshots.
   useLanguage(QStringLiteral("en-US"));
   makeShowcaseBatch();
-  auto empty = std::make_unique<BatchViewModel>(options());
-  {
-    ui::MainWindow window(*empty);
-    window.resize(960, 640);
-    window.show();
-    save(&window, "main-empty");
-  }
+  BatchViewModel empty(options());
+  save(showWindow({960, 640}, &empty).get(), "main-empty");
   save(showWindow({960, 640}).get(), "main-light");
   ui::ExportHistoryView history(*model_, false);
   history.show();
@@ -149,8 +142,7 @@ TEST_F(Screenshots, ExportSummaryAndRightToLeftLightAndDark) {
   for (const QString& name : {QStringLiteral("summary-light"), QStringLiteral("summary-dark")}) {
     if (name.endsWith("dark")) QApplication::setPalette(darkPalette());
     auto window = showWindow({1280, 800});
-    const auto exported = model_->exportAll(QUrl::fromLocalFile(dir_.filePath("out")));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return exported.isFinished(); }, 5000));
+    await(model_->exportAll(QUrl::fromLocalFile(dir_.filePath("out"))));
     EXPECT_TRUE(window->exportSummary()->isVisible());
     save(window.get(), name);
   }
@@ -175,8 +167,7 @@ TEST_F(Screenshots, ComparisonOfARealEncodingAtFitAnd200PercentLightAndDark) {
   ASSERT_TRUE(ui::toQImage(testing::makeImage(2400, 1600, testing::Pattern::photo, 7)).save(path));
   model_->setOutputFormat(ImageFormat::jpeg);
   model_->setQuality(30);
-  import({QUrl::fromLocalFile(path)});
-  ASSERT_TRUE(waitIdle(20000));
+  ASSERT_TRUE(settle({QUrl::fromLocalFile(path)}, 20000));
   ASSERT_TRUE(model_->images()[0]->encodeState().isReady());
   ASSERT_TRUE(QTest::qWaitFor([&] { return model_->images()[0]->butteraugli().has_value(); }, 20000));
 
@@ -201,18 +192,14 @@ TEST_F(Screenshots, ComparisonOfARealEncodingAtFitAnd200PercentLightAndDark) {
 class SettingsScreenshots : public Screenshots {
  protected:
   std::unique_ptr<ui::SettingsWindow> makeSettings() {
-    if (!model_) makeShowcaseBatch();
-    LocalAPISettings::setEnabled(true);
-    LocalAPISettings::setPort(0);
-    if (!controller_) controller_ = std::make_unique<LocalAPIController>(*model_);
-    if (!checker_) checker_ = std::make_unique<UpdateChecker>(QUrl("http://127.0.0.1:9"), "1.0");
-    if (!languages_)
+    if (!hotFolders_) {
+      if (!model_) makeShowcaseBatch();
+      LocalAPISettings::setEnabled(true);
+      LocalAPISettings::setPort(0);
+      controller_ = std::make_unique<LocalAPIController>(*model_);
+      checker_ = std::make_unique<UpdateChecker>(QUrl("http://127.0.0.1:9"), "1.0");
       languages_ = std::make_unique<LanguageManager>(
           LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
-    auto window = std::make_unique<ui::SettingsWindow>(
-        ui::SettingsWindow::Services{*model_, *controller_, *checker_, *languages_, nullptr});
-    window->setAttribute(Qt::WA_DeleteOnClose, false);
-    if (!hotFolders_) {
       // One working folder, and one whose source is missing, so that the error log has a line.
       QDir(dir_.path()).mkpath("camera");
       HotFolders::save(
@@ -221,6 +208,9 @@ class SettingsScreenshots : public Screenshots {
            hotFolder("Scans", dir_.filePath("scans"), dir_.filePath("scans-small"), ImageFormat::jxl, 80)});
       hotFolders_ = std::make_unique<HotFoldersManager>();
     }
+    auto window = std::make_unique<ui::SettingsWindow>(
+        ui::SettingsWindow::Services{*model_, *controller_, *checker_, *languages_, nullptr});
+    window->setAttribute(Qt::WA_DeleteOnClose, false);
     window->insertHotFoldersPane(new ui::HotFoldersSettingsView(*hotFolders_, *model_, {}));
     return window;
   }

@@ -40,7 +40,7 @@ class ProfilePaneTest : public UiFixture {
   std::unique_ptr<ui::ExportProfilesSettingsView> pane_;
 };
 
-TEST_F(ProfilePaneTest, ANameOfSpacesOnlyCannotBeSaved) {
+TEST_F(ProfilePaneTest, ANameOfSpacesCannotBeSavedEditingUpdatesInPlaceAndDeletingEndsTheEdit) {
   pane().nameField()->setText("   \t ");
   EXPECT_FALSE(pane().saveButton()->isEnabled());
   pane().save();  // Return in the field
@@ -53,13 +53,10 @@ TEST_F(ProfilePaneTest, ANameOfSpacesOnlyCannotBeSaved) {
   const ExportProfile& saved = model_->exportProfiles()[0];
   EXPECT_EQ(saved.name, "Web");  // trimmed
   EXPECT_EQ(saved.destinationFolder, QString("/tmp/chosen"));
-}
 
-TEST_F(ProfilePaneTest, EditingUpdatesInPlaceAndDeletingTheEditedProfileReturnsTheFormToAdding) {
-  makeModel();
-  const ExportProfile a = profile("A", ImageFormat::png, 50, QString("/tmp/a"), true);
+  // Editing updates in place; deleting the edited profile returns the form to adding.
+  const ExportProfile a = saved;
   const ExportProfile b = profile("B", ImageFormat::avif, 80.5);
-  model_->upsertExportProfile(a);
   model_->upsertExportProfile(b);
   pane().startEditing(b);
   pane().nameField()->setText("B renamed");
@@ -110,13 +107,11 @@ class APIPaneTest : public UiFixture {
   std::unique_ptr<ui::LocalAPISettingsView> pane_;
 };
 
-TEST(PortText, AcceptsASignedDecimalWithinRangeOnly) {
+// A port is a signed decimal within range only.
+TEST_F(APIPaneTest, InvalidPortsRevertToTheStoredOne) {
   EXPECT_EQ(ui::parsePortText("+80"), 80);
   for (const char* bad : {"0", "-80", "65536", "80a", " 80", "+", "99999999999999999999"})
     EXPECT_FALSE(ui::parsePortText(bad).has_value()) << bad;
-}
-
-TEST_F(APIPaneTest, InvalidPortsRevertToTheStoredOne) {
   LocalAPISettings::setPort(50123);
   for (const char* bad : {"70000", "letters"}) {
     submitPort(bad);

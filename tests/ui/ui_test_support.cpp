@@ -10,10 +10,7 @@
 #include <QPushButton>
 #include <QStandardPaths>
 
-#include "engine/Errors.h"
-#include "engine/FileIO.h"
 #include "engine/Localization.h"
-#include "records/JSONFileStore.h"
 #include "services/AppLanguage.h"
 #include "services/StringTables.h"
 #include "tests/support/TestImages.h"
@@ -39,33 +36,22 @@ const SandboxEnvironment sandbox;
 
 }  // namespace
 
-void UiFixture::SetUp() {
-  ASSERT_TRUE(dir_.isValid());
-  JSONFileStore::setFolderForTesting(dir_.filePath("support"));
-}
-
-void UiFixture::TearDown() {
-  openGate();
-  model_.reset();
-  JSONFileStore::setFolderForTesting({});
-}
-
 BatchViewModel::Options UiFixture::options() {
-  BatchViewModel::Options o;
-  o.reader = [](const std::string& path) { return FileIO::readFile(path); };  // the sources are not images
-  o.encoder = [this](std::span<const uint8_t> data, ImageFormat, double quality) {
+  BatchViewModel::Options o = BatchFixture::options();
+  const auto name = [](std::span<const uint8_t> data) {
     const std::string content(data.begin(), data.end());
-    return encode(content.substr(0, content.find('\n')), quality);
+    return content.substr(0, content.find('\n'));
+  };
+  o.encoder = [this, name](std::span<const uint8_t> data, ImageFormat, double quality) {
+    return encode(name(data), quality);
   };
   // Under a fit or a budget: the file's box scaled into the options' one, quality 62 under a budget.
-  o.sizedEncoder = [this](std::span<const uint8_t> data, ImageFormat, double quality,
-                          const CompressionOptions& sizing) {
-    const std::string content(data.begin(), data.end());
-    const std::string name = content.substr(0, content.find('\n'));
+  o.sizedEncoder = [this, name](std::span<const uint8_t> data, ImageFormat, double quality,
+                                const CompressionOptions& sizing) {
     FakeFile file;
     {
       std::lock_guard lock(mutex_);
-      file = files_[name];
+      file = files_[name(data)];
     }
     double scale = 1;
     if (sizing.maxWidth > 0) scale = std::min(scale, double(sizing.maxWidth) / file.width);
@@ -75,34 +61,22 @@ BatchViewModel::Options UiFixture::options() {
     encoded.width = std::max(1, int(file.width * scale));
     encoded.height = std::max(1, int(file.height * scale));
     encoded.fitted = scale < 1;
-    encoded.bytes = encode(name, encoded.quality);
+    encoded.bytes = encode(name(data), encoded.quality);
     encoded.encodes = 1;
     return encoded;
   };
   o.inspector = [this](const std::string& path) { return inspect(path); };
-  o.processorCount = 2;
-  o.memoryBudgetMB = 2048;
-  o.restoreSession = false;
+  o.measureResults = true;
   o.debounce = std::chrono::milliseconds(60);
   return o;
 }
 
-BatchViewModel& UiFixture::makeModel() {
-  model_ = std::make_unique<BatchViewModel>(options());
-  return *model_;
-}
-
 QUrl UiFixture::source(const QString& name, int64_t bytes, FakeFile file) {
-  QFile out(dir_.filePath(name));
-  EXPECT_TRUE(out.open(QIODevice::WriteOnly));
   QByteArray content = name.toUtf8() + '\n';
   content.append(QByteArray(std::max<int64_t>(0, bytes - content.size()), 'p'));
-  out.write(content);
-  {
-    std::lock_guard lock(mutex_);
-    files_[name.toStdString()] = file;
-  }
-  return QUrl::fromLocalFile(dir_.filePath(name));
+  std::lock_guard lock(mutex_);
+  files_[name.toStdString()] = file;
+  return BatchFixture::source(name, content);
 }
 
 ImageDecoder::LightDecodedImage UiFixture::inspect(const std::string& path) {
@@ -139,26 +113,6 @@ std::vector<uint8_t> UiFixture::encode(const std::string& name, double quality) 
   if (file.failEncode) throw ImageProcessingError::encodingFailed("WebP");
   const int64_t size = file.encodedSize >= 0 ? file.encodedSize : int64_t(quality * 10);
   return std::vector<uint8_t>(size_t(size), 'x');
-}
-
-void UiFixture::openGate() {
-  std::lock_guard lock(mutex_);
-  gateOpen_ = true;
-  gate_.notify_all();
-}
-
-void UiFixture::closeGate() {
-  std::lock_guard lock(mutex_);
-  gateOpen_ = false;
-}
-
-void UiFixture::import(const QList<QUrl>& urls) {
-  QFuture<void> done = model_->importFiles(urls);
-  ASSERT_TRUE(QTest::qWaitFor([&] { return done.isFinished(); }, 5000));
-}
-
-bool UiFixture::waitIdle(int timeoutMs) {
-  return QTest::qWaitFor([&] { return !model_->isEncoding() && !model_->hasPendingRecompute(); }, timeoutMs);
 }
 
 void WindowFixture::TearDown() {

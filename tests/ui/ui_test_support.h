@@ -1,22 +1,12 @@
 #pragma once
-// Fixtures for the window tests: a real BatchViewModel in a sandbox, with fakes at its two
+// Fixtures for the window tests: the batch fixture's model and sandbox, with other fakes at its
 // engine seams. The fake inspector gives every file a generated thumbnail and the size the
 // test asks for; the fake encoder answers with as many bytes as the test set for that file
 // (quality x 10 by default), and files whose name starts with "slow" wait for the gate.
 
-#include <gtest/gtest.h>
-
-#include <QFile>
-#include <QTemporaryDir>
-#include <QTest>
-#include <condition_variable>
-#include <map>
-#include <mutex>
-#include <string>
-
-#include "batch/BatchViewModel.h"
 #include "hotfolders/HotFolder.h"
 #include "records/ExportProfile.h"
+#include "tests/batch/batch_test_support.h"
 #include "ui/MainWindow.h"
 
 namespace quillane::uitest {
@@ -31,33 +21,28 @@ struct FakeFile {
   bool transparent = false;  // the thumbnail has a clear corner
 };
 
-class UiFixture : public ::testing::Test {
+class UiFixture : public testing::BatchFixture {
  protected:
-  void SetUp() override;
-  void TearDown() override;
-
   BatchViewModel::Options options();
-  BatchViewModel& makeModel();
+  BatchViewModel& makeModel() { return BatchFixture::makeModel(options()); }
 
   // Writes a source file of `bytes` bytes described by `file`, and gives its URL.
   QUrl source(const QString& name, int64_t bytes = 100000, FakeFile file = {});
-  // Imports and waits for the import and every encode to finish.
-  void import(const QList<QUrl>& urls);
-  bool waitIdle(int timeoutMs = 5000);
-  void openGate();
-  void closeGate();
-
-  QTemporaryDir dir_;
-  std::unique_ptr<BatchViewModel> model_;
+  // Imports, and waits until every encode has finished.
+  bool settle(const QList<QUrl>& urls, int timeoutMs = 5000) {
+    import(urls);
+    return waitIdle(timeoutMs);
+  }
+  void closeGate() {
+    std::lock_guard lock(mutex_);
+    gateOpen_ = false;
+  }
 
  private:
   ImageDecoder::LightDecodedImage inspect(const std::string& path);
-  std::vector<uint8_t> encode(const std::string& path, double quality);
+  std::vector<uint8_t> encode(const std::string& name, double quality);
 
-  std::mutex mutex_;
-  std::condition_variable gate_;
-  bool gateOpen_ = false;
-  std::map<std::string, FakeFile> files_;  // by content (the file's first line is its name)
+  std::map<std::string, FakeFile> files_;  // by name (a source's first line is its name)
 };
 
 // The main window over the fixture's model (made if there is none yet), shown at first use.

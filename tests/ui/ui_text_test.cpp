@@ -131,31 +131,21 @@ class DelayedProvider : public DropItemProvider {
   bool file_;
 };
 
-QList<QUrl> runDrop(const DropItemProviders& providers, bool* accepted) {
-  std::optional<QList<QUrl>> result;
-  *accepted = FileDropHandler::handle(providers, [&](const QList<QUrl>& urls) { result = urls; });
-  if (*accepted) {
-    EXPECT_TRUE(QTest::qWaitFor([&] { return result.has_value(); }, 3000));
-  }
-  return result.value_or(QList<QUrl>());
-}
-
-TEST(FileDrop, KeepsTheOrderOfTheDragWhateverOrderTheAnswersComeAndLeavesOutNonFiles) {
+TEST(FileDrop, KeepsTheOrderOfTheDragWhateverOrderTheAnswersComeAndDeclinesADropWithoutFiles) {
   const QUrl a = QUrl::fromLocalFile("/tmp/a.png"), b = QUrl::fromLocalFile("/tmp/b.png"),
              c = QUrl::fromLocalFile("/tmp/c.png");
-  bool accepted = false;
   // c answers first, a last; data and URL items alike; a web link and an unreadable item in between.
-  const QList<QUrl> urls = runDrop(
+  std::optional<QList<QUrl>> urls;
+  EXPECT_TRUE(FileDropHandler::handle(
       {std::make_shared<DelayedProvider>(QVariant(a.toEncoded()), 120),
        std::make_shared<DelayedProvider>(QVariant(QUrl("https://x.test/")), 0, false),
        std::make_shared<DelayedProvider>(QVariant(b), 60), std::make_shared<DelayedProvider>(QVariant(), 10),
        std::make_shared<DelayedProvider>(QVariant(c), 0)},
-      &accepted);
-  EXPECT_TRUE(accepted);
-  EXPECT_EQ(urls, (QList<QUrl>{a, b, c}));
-}
+      [&](const QList<QUrl>& answered) { urls = answered; }));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return urls.has_value(); }, 3000));
+  EXPECT_EQ(*urls, (QList<QUrl>{a, b, c}));
 
-TEST(FileDrop, ADropWithoutLocalFilesIsDeclinedAndNeverCompletes) {
+  // A drop without local files is declined and never completes.
   auto link = std::make_shared<DelayedProvider>(QVariant(QUrl("https://x.test/")), 0, false);
   EXPECT_FALSE(FileDropHandler::handle({link}, [](const QList<QUrl>&) { ADD_FAILURE() << "completed"; }));
   EXPECT_FALSE(link->loaded) << "nothing is asked of a declined drop";
