@@ -342,6 +342,13 @@ TEST(NativeQuality, LossyAvifNeverBecomesLosslessAndJpegQualityMovesOneWay) {
     EXPECT_GE(codecs::avifSettings((i - 1) / 100.0, 1000).maxQuantizer,
               codecs::avifSettings(i / 100.0, 1000).maxQuantizer);
   }
+  // aom's speed never rises as a photo shrinks (a small photo costs less than a large one),
+  // and a large screenshot never gets the careful speed, which takes minutes on screen content.
+  const size_t sizes[] = {250'000, 1'000'000, 2'000'001, 4'000'000, 12'000'000, 12'000'001, 48'000'000};
+  for (size_t i = 1; i < std::size(sizes); ++i)
+    EXPECT_LE(codecs::avifSettings(0.75, sizes[i - 1], true).speed,
+              codecs::avifSettings(0.75, sizes[i], true).speed);
+  EXPECT_GT(codecs::avifSettings(0.75, 12'000'000).speed, codecs::avifSettings(0.75, 12'000'000, true).speed);
 }
 
 // --- Files ------------------------------------------------------------------------------------
