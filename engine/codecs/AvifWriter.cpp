@@ -57,7 +57,7 @@ AvifSettings avifSettings(double quality, size_t pixelCount, bool continuousTone
   // Speed 6 finds aom's screen-content tools (palette coding), which make screenshots several
   // times smaller, but on a 12-megapixel screenshot it runs for minutes. Speed 8 keeps every
   // picture within a few seconds on one core. On a photograph, speed 6 costs three times speed 8
-  // and takes 12 to 48 % off the bytes at equal butteraugli, so continuous tone keeps it up to 12
+  // and takes 12 to 52 % off the bytes at equal butteraugli, so continuous tone keeps it up to 12
   // megapixels (about 2 s): a small photo also costs less than a large one (bench/README.md,
   // "AVIF photographs").
   const size_t carefulLimit = continuousTone ? kAvifCarefulPhotoPixelLimit : kAvifCarefulPixelLimit;
