@@ -412,16 +412,30 @@ TEST_F(HotFolderWatcherTest, AFileStillOpenOrCutShortIsTakenOnlyWhole) {
   for (const HotFolderActivity& line : reports.lines()) EXPECT_FALSE(line.error) << line.error->toStdString();
 }
 
-TEST_F(HotFolderWatcherTest, ANameThatIsNoUTF8KeepsItsBytes) {
-  const QByteArray name("caf\xE9.png");
-  writeBytes(QFile::encodeName(source_).toStdString() + "/" + name.toStdString(), jpegBytes(1));
+// Two names that differ only in bytes that are no UTF-8 (and so decode alike) are two files:
+// each is compressed once, and a changed one replaces its own output.
+TEST_F(HotFolderWatcherTest, NamesThatAreNoUTF8KeepTheirBytes) {
+  const std::string source = QFile::encodeName(source_).toStdString() + "/caf";
+  writeBytes(source + "\xE9.png", jpegBytes(1));
+  writeBytes(source + "\xE8.png", jpegBytes(2));
   Reports& reports = newReports();
   auto watcher = watch(folder(), reports);
   watcher->scanOnce();
-  ASSERT_EQ(reports.lines().size(), 1u);
-  EXPECT_FALSE(reports.lines()[0].error);
-  EXPECT_EQ(::access((QFile::encodeName(destination_) + "/caf\xE9.jpg").constData(), F_OK), 0)
-      << outputs().join(' ').toStdString();
+  watcher->scanOnce();
+  ASSERT_EQ(reports.lines().size(), 2u);
+  for (const HotFolderActivity& line : reports.lines()) EXPECT_FALSE(line.error);
+
+  writeBytes(source + "\xE9.png", jpegBytes(3));
+  watcher->scanOnce();
+  EXPECT_EQ(reports.lines().size(), 3u);
+  const QByteArray destination = QFile::encodeName(destination_) + "/caf";
+  for (const char* name : {"\xE9.jpg", "\xE8.jpg"})
+    EXPECT_EQ(::access((destination + name).constData(), F_OK), 0);
+  EXPECT_NE(::access((destination + "\xE9-2.jpg").constData(), F_OK), 0);
+  for (const std::string& path :
+       {source + "\xE9.png", source + "\xE8.png", (destination + "\xE9.jpg").toStdString(),
+        (destination + "\xE8.jpg").toStdString()})
+    ::unlink(path.c_str());  // which the temporary folder's removal would not find
 }
 
 }  // namespace
