@@ -1,7 +1,7 @@
 #pragma once
 // Helpers for the local API tests: blocking socket clients run off the GUI thread while the
 // GUI thread keeps its event loop turning (the router needs it); a log of listener states;
-// and a real BatchViewModel behind a real server with a fast fake encoder.
+// a settings sandbox, and a real BatchViewModel behind a real server with a fast fake encoder.
 
 #include <gtest/gtest.h>
 
@@ -61,37 +61,51 @@ class StateLog {
       states_.push_back(state);
     };
   }
-  std::vector<LocalAPIListenerState> states() const {
-    std::lock_guard lock(mutex_);
-    return states_;
+  // Waits for the `index`-th state (0-based); a default (failed, port 0) state if none came.
+  LocalAPIListenerState waitFor(size_t index) {
+    const auto at = [&] {
+      std::lock_guard lock(mutex_);
+      return index < states_.size() ? std::optional(states_[index]) : std::nullopt;
+    };
+    spinUntil([&] { return at().has_value(); }, std::chrono::seconds(10));
+    return at().value_or(LocalAPIListenerState{LocalAPIListenerState::Kind::failed, "no state reported", 0});
   }
   void clear() {
     std::lock_guard lock(mutex_);
     states_.clear();
   }
-  // Waits for the `index`-th state (0-based); a default (failed, port 0) state if none came.
-  LocalAPIListenerState waitFor(size_t index) {
-    spinUntil([&] { return states().size() > index; }, std::chrono::seconds(10));
-    auto all = states();
-    return all.size() > index
-               ? all[index]
-               : LocalAPIListenerState{LocalAPIListenerState::Kind::failed, "no state reported", 0};
-  }
 
  private:
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   std::vector<LocalAPIListenerState> states_;
 };
 
-// A real BatchViewModel behind a real server on 127.0.0.1, private settings and state
-// folders, and an encoder whose sizes tell what was asked: ten bytes per quality point plus
-// the format's number.
-class RouterFixture : public ::testing::Test {
+// Private settings and state folders in a temporary folder.
+class ApiSandbox : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(dir_.isValid());
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir_.filePath("config"));
     JSONFileStore::setFolderForTesting(dir_.filePath("data"));
+  }
+  // After the fixtures' members, which may still save state as they go.
+  ~ApiSandbox() override { JSONFileStore::setFolderForTesting(QString()); }
+  // GET /v1/status on `port` with `token` (by default the stored one, made if there is none).
+  static int statusCode(int port, std::optional<std::string> token = std::nullopt) {
+    std::string request =
+        buildRequest("GET", "/v1/status", token ? token : LocalAPISettings::token().toStdString());
+    return offThread([&] { return httpExchange(port, request); }).status;
+  }
+
+  QTemporaryDir dir_;
+};
+
+// A real BatchViewModel behind a real server on 127.0.0.1 and an encoder whose sizes tell
+// what was asked: ten bytes per quality point plus the format's number.
+class RouterFixture : public ApiSandbox {
+ protected:
+  void SetUp() override {
+    ApiSandbox::SetUp();
     token_ = LocalAPISettings::token().toStdString();
     BatchViewModel::Options options;
     options.encoder = [this](std::span<const uint8_t>, ImageFormat format, double quality) {
@@ -108,13 +122,6 @@ class RouterFixture : public ::testing::Test {
     auto ready = states_.waitFor(0);
     ASSERT_EQ(ready.kind, LocalAPIListenerState::Kind::ready);
     port_ = ready.port;
-  }
-
-  void TearDown() override {
-    server_.reset();
-    router_.reset();
-    model_.reset();
-    JSONFileStore::setFolderForTesting(QString());
   }
 
   // One request with the fixture's token (or `token`), answered while the GUI thread turns.
@@ -164,9 +171,9 @@ class RouterFixture : public ::testing::Test {
     });
   }
 
-  QTemporaryDir dir_;
   std::string token_;
   std::atomic<int> encoderDelayMs_{0};
+  // Destroyed from the server down to the model.
   std::unique_ptr<BatchViewModel> model_;
   std::unique_ptr<LocalAPIRouter> router_;
   StateLog states_;

@@ -19,18 +19,8 @@ namespace {
 using namespace std::chrono_literals;
 using testing::spinUntil;
 
-class ControllerTest : public ::testing::Test {
+class ControllerTest : public testing::ApiSandbox {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(dir_.isValid());
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir_.filePath("config"));
-    JSONFileStore::setFolderForTesting(dir_.filePath("data"));
-  }
-  void TearDown() override {
-    controller_.reset();
-    model_.reset();
-    JSONFileStore::setFolderForTesting(QString());
-  }
   LocalAPIController& make() {
     BatchViewModel::Options options;
     options.restoreSession = false;
@@ -38,17 +28,12 @@ class ControllerTest : public ::testing::Test {
     controller_ = std::make_unique<LocalAPIController>(*model_);
     return *controller_;
   }
-  static int statusCode(int port) {
-    std::string request = testing::buildRequest("GET", "/v1/status", LocalAPISettings::token().toStdString());
-    return testing::offThread([&] { return testing::httpExchange(port, request); }).status;
-  }
   static unsigned fileMode() {
     struct stat info {};
     ::stat(QFile::encodeName(LocalAPISettings::store()->fileName()).constData(), &info);
     return info.st_mode & 0777;
   }
 
-  QTemporaryDir dir_;
   std::unique_ptr<BatchViewModel> model_;
   std::unique_ptr<LocalAPIController> controller_;
 };
@@ -74,16 +59,14 @@ TEST_F(ControllerTest, HandWrittenSettingsAreReadStrictly) {
     ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
     file.write("[General]\n" + lines);
   };
-  for (const char* value : {"no", "off", "0", "false", "nein", ""}) {
-    write(QByteArray("localAPIEnabled=") + value + "\nupdateCheckEnabled=" + value + "\n");
-    EXPECT_FALSE(LocalAPISettings::isEnabled()) << value;
-    EXPECT_FALSE(UpdateChecker::isCheckAtLaunchEnabled()) << value;
-  }
-  for (const char* value : {"true", "yes", "On", "1"}) {
-    write(QByteArray("localAPIEnabled=") + value + "\nupdateCheckEnabled=" + value + "\n");
-    EXPECT_TRUE(LocalAPISettings::isEnabled()) << value;
-    EXPECT_TRUE(UpdateChecker::isCheckAtLaunchEnabled()) << value;
-  }
+  const std::vector<const char*> offValues{"no", "off", "0", "false", "nein", ""},
+      onValues{"true", "yes", "On", "1"};
+  for (bool on : {false, true})
+    for (const char* value : on ? onValues : offValues) {
+      write(QByteArray("localAPIEnabled=") + value + "\nupdateCheckEnabled=" + value + "\n");
+      EXPECT_EQ(LocalAPISettings::isEnabled(), on) << value;
+      EXPECT_EQ(UpdateChecker::isCheckAtLaunchEnabled(), on) << value;
+    }
   write("localAPIToken=abc,def\n");
   EXPECT_EQ(LocalAPISettings::token(), QStringLiteral("abc,def"));
 }
@@ -113,31 +96,20 @@ TEST_F(ControllerTest, ReportsAFailedBindAndRestartsOnANewPort) {
   EXPECT_FALSE(testing::RawConnection(first).connected());
 }
 
-// Enabled by hand in the settings file, with no token yet: a client that reads the token
-// from the file as soon as the API runs is let in, without the settings pane ever opening.
-TEST_F(ControllerTest, TheTokenExistsAsSoonAsTheAPIRuns) {
+// Enabled by hand in the settings file, with no token yet: a client that reads the token from
+// the file as soon as the API runs is let in, without the settings pane ever opening. Any web
+// page can make the browser open connections to 127.0.0.1: without the token, a request is
+// refused as soon as its head is read, and its body is never waited for.
+TEST_F(ControllerTest, TheTokenExistsAsSoonAsTheAPIRunsAndRequestsWithoutItAreRefusedBeforeTheirBody) {
   LocalAPISettings::setEnabled(true);
   LocalAPISettings::setPort(testing::freeLocalPort());
   auto& controller = make();
   ASSERT_TRUE(spinUntil([&] { return controller.isRunning(); }, 5s));
-  const std::string stored =
+  const std::string token =
       LocalAPISettings::store()->value(LocalAPISettings::tokenKey).toString().toStdString();
-  ASSERT_FALSE(stored.empty());
+  ASSERT_FALSE(token.empty());
   const int port = controller.boundPort();
-  auto response = testing::offThread(
-      [&] { return testing::httpExchange(port, testing::buildRequest("GET", "/v1/status", stored)); });
-  EXPECT_EQ(response.status, 200) << response.body;
-}
-
-// Any web page can make the browser open connections to 127.0.0.1: without the token, a
-// request is refused as soon as its head is read, and its body is never waited for.
-TEST_F(ControllerTest, RequestsWithoutTheTokenAreRefusedBeforeTheirBody) {
-  LocalAPISettings::setPort(testing::freeLocalPort());
-  auto& controller = make();
-  controller.start();
-  ASSERT_TRUE(spinUntil([&] { return controller.isRunning(); }, 5s));
-  const int port = controller.boundPort();
-  const std::string token = LocalAPISettings::token().toStdString();
+  EXPECT_EQ(statusCode(port, token), 200);
   const int refused = testing::offThread([&] {
     std::vector<std::unique_ptr<testing::RawConnection>> connections;
     for (int i = 0; i < 300; ++i) {

@@ -12,7 +12,7 @@ const std::string emptyStatus =
     R"({"apiVersion":"v1","appVersion":"unknown","availableFormats":["png","jpeg","heic","avif","webp","jxl"],)"
     R"("imageCount":0,"isEncoding":false,"outputFormat":"jpeg","quality":75})";
 
-TEST_F(RouterTest, TheTokenIsCheckedBeforeAnyRoutingAndReadAtEachRequest) {
+TEST_F(RouterTest, TheTokenIsCheckedBeforeAnyRoutingAndReadAtEachRequestAndRoutesMatchSegmentsExactly) {
   for (const std::string& authorization :
        {std::string(), "Authorization: bearer " + token_ + "\r\n",
         "Authorization: Bearer  " + token_ + "\r\n", "Authorization: Bearer " + token_ + "x\r\n"}) {
@@ -24,9 +24,9 @@ TEST_F(RouterTest, TheTokenIsCheckedBeforeAnyRoutingAndReadAtEachRequest) {
   LocalAPISettings::setToken(QString());  // a new token is made at the next read
   EXPECT_EQ(call("GET", "/v1/status").body, unauthorized);
   EXPECT_EQ(call("GET", "/v1/status", {}, LocalAPISettings::token().toStdString()).status, 200);
-}
+  token_ = LocalAPISettings::token().toStdString();
 
-TEST_F(RouterTest, RoutesMatchSegmentsExactlyAndNeverAnswer405) {
+  // Routes match segments exactly and never answer 405.
   for (const char* target : {"/v1/status", "/v1/status/", "//v1//status", "/v1/status?verbose=1"})
     EXPECT_EQ(call("GET", target).body, emptyStatus) << target;
   for (auto [method, target] :
@@ -98,18 +98,7 @@ TEST_F(RouterTest, RefusalsNameWhatWasWrong) {
   EXPECT_EQ(model_->images().size(), 1u);
 }
 
-TEST_F(RouterTest, SettingsApplyInOrderAndKeepWhatWasApplied) {
-  auto fraction = call("POST", "/v1/settings", R"({"quality":62.5,"format":"webp"})");
-  EXPECT_NE(fraction.body.find(R"("outputFormat":"webp","quality":62.5})"), std::string::npos)
-      << fraction.body;
-  model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::avif, 55, std::nullopt, false, {}});
-  // A good profile followed by a bad format: the profile stays applied.
-  EXPECT_EQ(call("POST", "/v1/settings", R"({"format":"gif","profile":"wEB"})").status, 400);
-  EXPECT_TRUE(model_->outputFormat() == ImageFormat::avif && model_->quality() == 55.0);
-  EXPECT_EQ(model_->appliedProfileName(), std::optional<QString>("Web"));
-}
-
-TEST_F(RouterTest, SizeSettingsReachTheEncodesAndTheirResultsAndTurnOffWithZero) {
+TEST_F(RouterTest, SizeSettingsReachTheEncodesAndTurnOffWithZeroAndSettingsApplyInOrder) {
   auto set = call("POST", "/v1/settings", R"({"maxWidth":20,"maxBytes":"50k","skipLarger":true})");
   ASSERT_EQ(set.status, 200) << set.body;
   EXPECT_NE(set.body.find(R"("maxBytes":50000,"maxWidth":20,)"), std::string::npos) << set.body;
@@ -132,6 +121,16 @@ TEST_F(RouterTest, SizeSettingsReachTheEncodesAndTheirResultsAndTurnOffWithZero)
   EXPECT_EQ(off.find("max"), std::string::npos) << off;
   EXPECT_EQ(off.find("skip"), std::string::npos) << off;
   EXPECT_EQ(model_->compressionOptions(), CompressionOptions{});
+
+  // Settings apply in order and keep what was applied.
+  auto fraction = call("POST", "/v1/settings", R"({"quality":62.5,"format":"webp"})");
+  EXPECT_NE(fraction.body.find(R"("outputFormat":"webp","quality":62.5})"), std::string::npos)
+      << fraction.body;
+  model_->upsertExportProfile({QUuid::createUuid(), "Web", ImageFormat::avif, 55, std::nullopt, false, {}});
+  // A good profile followed by a bad format: the profile stays applied.
+  EXPECT_EQ(call("POST", "/v1/settings", R"({"format":"gif","profile":"wEB"})").status, 400);
+  EXPECT_TRUE(model_->outputFormat() == ImageFormat::avif && model_->quality() == 55.0);
+  EXPECT_EQ(model_->appliedProfileName(), std::optional<QString>("Web"));
 }
 
 TEST_F(RouterTest, ProfilesAreUpsertedByNameInAnyCaseListedAndDeleted) {

@@ -36,11 +36,11 @@ class EchoRouter {
   }
   void finishAll(bool answer) {
     std::lock_guard lock(mutex_);
-    for (auto& promise : pending_) {
-      if (!answer) continue;
-      promise->addResult(LocalAPIResponse::error(200, "released"));
-      promise->finish();
-    }
+    if (answer)
+      for (auto& promise : pending_) {
+        promise->addResult(LocalAPIResponse::error(200, "released"));
+        promise->finish();
+      }
     pending_.clear();
   }
 
@@ -89,7 +89,7 @@ std::string expectedResponse(int status, const std::string& reason, const std::s
 }
 const std::string malformed = expectedResponse(400, "Bad Request", R"({"error":"Malformed request"})");
 
-TEST_F(ServerTest, ReadsTheHeadLenientlyAnswersWithThreeHeadersAndClosesEvenWhenAskedToKeepAlive) {
+TEST_F(ServerTest, ReadsTheHeadLenientlyFramesTheBodyByItsLengthAndClosesEvenWhenAskedToKeepAlive) {
   int port = startServer();
   // No version, a lower-case method, header names in any case, padded values, a line without
   // a colon, a repeated header (the last one counts).
@@ -102,22 +102,51 @@ TEST_F(ServerTest, ReadsTheHeadLenientlyAnswersWithThreeHeadersAndClosesEvenWhen
                              R"("dup":"second","x-upper":"value"},"method":"get","path":"\/x",)"
                              R"("query":{"a":"1"}})"));
   EXPECT_TRUE(response.closedByServer);
+  // A longer body is cut to its length; the surplus never becomes a second request.
+  auto surplus =
+      httpExchange(port, "POST /x HTTP/1.1\r\nContent-Length: 3\r\n\r\nabcGET /second HTTP/1.1\r\n\r\n");
+  EXPECT_NE(surplus.body.find(R"("body":"abc")"), std::string::npos) << surplus.body;
+  EXPECT_EQ(surplus.raw.find("HTTP/1.1", 1), std::string::npos) << "one response only";
+  auto atTheLimit = testing::offThread([&] {
+    return httpExchange(port,
+                        "POST /big HTTP/1.1\r\nContent-Length: 8388608\r\n\r\n" + std::string(8388608, 'x'));
+  });
+  EXPECT_NE(atTheLimit.body.find(R"("bodyLength":8388608)"), std::string::npos);
 }
 
-TEST_F(ServerTest, MalformedRequestsGetA400) {
-  int port = startServer();
-  for (const char* bad :
-       {"GET\r\n\r\n", "GET /\xff\xfe HTTP/1.1\r\n\r\n", "POST /x HTTP/1.1\r\nContent-Length: -1\r\n\r\n"})
-    EXPECT_EQ(httpExchange(port, bad).raw, malformed) << bad;
-  // Cut short by the client, in the head or in the body.
-  for (const char* partial :
-       {"GET /x HTTP/1.1\r\nHost: a\r\n", "POST /x HTTP/1.1\r\nContent-Length: 10\r\n\r\nabc"}) {
-    RawConnection connection(port);
-    connection.send(partial);
-    connection.shutdownWrite();
-    EXPECT_EQ(connection.readResponse(5s).raw, malformed) << partial;
+// What the head alone shows is answered before the gate (here one that lets nobody in) and
+// before any body byte; a request the client cuts short is malformed, or refused by the gate
+// once its head is complete (without waiting for the rest).
+TEST_F(ServerTest, MalformedAndTooLargeRequestsAreAnsweredBeforeTheGate) {
+  const std::string tooLarge =
+      expectedResponse(413, "Payload Too Large", R"({"error":"Request body exceeds 8388608 bytes"})");
+  const std::string refused = expectedResponse(401, "Unauthorized", R"({"error":"no"})");
+  const struct {
+    std::string request;
+    bool cut;
+    std::string open, gated;
+  } cases[] = {
+      {"GET\r\n\r\n", false, malformed, malformed},
+      {"GET /\xff\xfe HTTP/1.1\r\n\r\n", false, malformed, malformed},
+      {"POST /x HTTP/1.1\r\nContent-Length: -1\r\n\r\n", false, malformed, malformed},
+      {"POST /x HTTP/1.1\r\nContent-Length: 8388609\r\n\r\n", false, tooLarge, tooLarge},
+      {"GET /x HTTP/1.1\r\nHost: a\r\n", true, malformed, malformed},
+      {"POST /x HTTP/1.1\r\nContent-Length: 8388608\r\n\r\nabc", true, malformed, refused},
+  };
+  for (bool gated : {false, true}) {
+    int port = startServer(10.0, 0, {}, [gated](const LocalAPIRequest&) {
+      return gated ? std::optional(LocalAPIResponse::error(401, "no")) : std::nullopt;
+    });
+    for (const auto& c : cases) {
+      const std::string& expected = gated ? c.gated : c.open;
+      RawConnection connection(port);
+      connection.send(c.request);
+      if (c.cut && expected == malformed) connection.shutdownWrite();
+      EXPECT_EQ(connection.readResponse(5s).raw, expected) << gated << " " << c.request;
+    }
   }
   // A head over 1 MiB, while the client is still sending.
+  int port = startServer();
   auto response = testing::offThread([&] {
     RawConnection connection(port);
     std::string line = "X-Filler: " + std::string(1000, 'a') + "\r\n";
@@ -127,42 +156,6 @@ TEST_F(ServerTest, MalformedRequestsGetA400) {
     return connection.readResponse(10s);
   });
   EXPECT_EQ(response.body, R"({"error":"Malformed request"})");
-}
-
-TEST_F(ServerTest, ContentLengthFramesTheBody) {
-  int port = startServer();
-  // A longer body is cut to its length; the surplus never becomes a second request.
-  auto surplus =
-      httpExchange(port, "POST /x HTTP/1.1\r\nContent-Length: 3\r\n\r\nabcGET /second HTTP/1.1\r\n\r\n");
-  EXPECT_NE(surplus.body.find(R"("body":"abc")"), std::string::npos) << surplus.body;
-  EXPECT_EQ(surplus.raw.find("HTTP/1.1", 1), std::string::npos) << "one response only";
-}
-
-TEST_F(ServerTest, BodyLimitIsInclusiveAndTooLargeIsRefusedFromTheHeadAlone) {
-  int port = startServer();
-  auto accepted = testing::offThread([&] {
-    return httpExchange(port,
-                        "POST /big HTTP/1.1\r\nContent-Length: 8388608\r\n\r\n" + std::string(8388608, 'x'));
-  });
-  EXPECT_NE(accepted.body.find(R"("bodyLength":8388608)"), std::string::npos);
-
-  RawConnection connection(port);
-  connection.send("POST /big HTTP/1.1\r\nContent-Length: 8388609\r\n\r\n");  // and no body byte
-  EXPECT_EQ(connection.readResponse(5s).raw,
-            expectedResponse(413, "Payload Too Large", R"({"error":"Request body exceeds 8388608 bytes"})"));
-}
-
-// A gate that lets nobody in still leaves the answers the head alone decides to the framing,
-// and refuses the rest before any body byte.
-TEST_F(ServerTest, FramingErrorsAreAnsweredBeforeTheGate) {
-  int port = startServer(
-      10.0, 0, {}, [](const LocalAPIRequest&) { return std::optional(LocalAPIResponse::error(401, "no")); });
-  EXPECT_EQ(httpExchange(port, "GET\r\n\r\n").raw, malformed);
-  EXPECT_EQ(httpExchange(port, "POST /x HTTP/1.1\r\nContent-Length: -1\r\n\r\n").raw, malformed);
-  EXPECT_EQ(httpExchange(port, "POST /x HTTP/1.1\r\nContent-Length: 8388609\r\n\r\n").status, 413);
-  RawConnection connection(port);
-  connection.send("POST /x HTTP/1.1\r\nContent-Length: 8388608\r\n\r\n");  // and no body byte
-  EXPECT_EQ(connection.readResponse(5s).status, 401);
 }
 
 TEST_F(ServerTest, TheDeadlineCoversTheWholeRequest) {

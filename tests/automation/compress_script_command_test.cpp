@@ -44,8 +44,6 @@ class CompressCommand : public ::testing::Test {
   }
   QString out(const QString& relative = "out") const { return temp_.filePath(relative); }
 
-  void saveProfiles(const ExportProfileList& profiles) { ExportProfiles::save(profiles); }
-
   // Runs the command and parses its JSON; fails the test on a command error.
   QJsonArray run(const QVariant& files, const QVariantMap& arguments) {
     auto outcome = performDefaultImplementation(files, arguments);
@@ -65,34 +63,31 @@ QStringList destinations(const QJsonArray& records) {
   return names;
 }
 
-TEST(ScriptCommandParameters, PathsComeFromUrlsStringsAndNestedListsInOrder) {
+// Only a transport that passes variants can meet a bad direct parameter: command error 6,
+// and no file is touched.
+TEST_F(CompressCommand, PathsComeFromUrlsStringsAndNestedListsInOrderAndAnythingElseIsErrorSix) {
   QVariantList inner{QString("b.png"), QUrl::fromLocalFile("/x/c d.jpg"), QByteArray("\xff\xfe.png")};
   QVariant direct = QVariantList{QString("~/a.png"), QVariant(inner), QStringList{"e.webp"}};
   EXPECT_EQ(CompressScriptCommand::filePaths(direct),
             (std::vector<std::string>{"~/a.png", "b.png", "/x/c d.jpg", "\xff\xfe.png", "e.webp"}));
   EXPECT_TRUE(CompressScriptCommand::filePaths(QVariantList{}).empty());
 
+  const std::string badParameter =
+      "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers.";
   for (const QVariant& bad : {QVariant(), QVariant(42), QVariant(QVariantList{QString("a.png"), 3.5})}) {
     try {
       CompressScriptCommand::filePaths(bad);
       ADD_FAILURE() << "accepted " << bad.typeName();
     } catch (const ScriptCommandError& e) {
-      EXPECT_EQ(e.description(),
-                "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers.");
+      EXPECT_EQ(e.description(), badParameter);
     }
   }
   EXPECT_EQ(CompressScriptCommand::url(QUrl::fromLocalFile("/tmp/out")), "/tmp/out");
   EXPECT_EQ(CompressScriptCommand::url(QString("rel/out")), "rel/out");
   EXPECT_FALSE(CompressScriptCommand::url(QVariant(3)));
-}
-
-// The tool's tests cover the texts of a missing folder, no files, an unknown profile and a
-// folder that cannot be made; this error only a transport that passes variants can meet.
-TEST_F(CompressCommand, BadParameterReportsNumberSix) {
   auto number = performDefaultImplementation(QVariant(7), {{"to", out()}});
-  EXPECT_FALSE(number.json);
-  EXPECT_EQ(number.errorNumber, 6);
-  EXPECT_EQ(number.errorString, "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers.");
+  EXPECT_EQ(std::tuple(number.json.has_value(), number.errorNumber, number.errorString),
+            std::tuple(false, 6, badParameter));
   EXPECT_FALSE(QFileInfo::exists(out()));
 }
 
@@ -115,34 +110,27 @@ TEST(ScriptCommandParameters, SizeOptionsTakeNumbersOrSizeTextsAndRefuseTheWrong
   }
 }
 
-TEST_F(CompressCommand, NamesDifferOnlyWithinOneCommandAndIgnoreCase) {
-  QString lower = source("a.png"), upper = source("sub/A.jpg");
-  QDir().mkpath(out("deep/er"));
-  testing::writeBytes(out("deep/er/a.jpg").toStdString(), {'o', 'l', 'd'});
-
-  QJsonArray records =
-      run(QVariantList{lower, QVariantList{upper}}, {{"to", QUrl::fromLocalFile(out("deep/er"))}});
-  EXPECT_EQ(destinations(records), (QStringList{"a.jpg", "A-2.jpg"}));
-  EXPECT_GT(QFileInfo(out("deep/er/a.jpg")).size(), 3) << "a file of this name from before is replaced";
-  EXPECT_EQ(destinations(run(QStringList{upper}, {{"to", out("deep/er")}})), QStringList{"A.jpg"})
-      << "a new command starts with a fresh set of names";
-}
-
 // Files run side by side, a large one first so that the small ones behind it finish before
 // it: the records still follow the arguments, each with its own file, and the names are the
-// ones sequential compression gives.
-TEST_F(CompressCommand, ParallelFilesKeepTheOrderAndNamesOfTheArguments) {
+// ones sequential compression gives, apart ignoring case within one command only. A file of
+// the same name from before is replaced.
+TEST_F(CompressCommand, ParallelFilesKeepTheOrderAndNamesOfTheArgumentsWithinOneCommand) {
   const QString large = temp_.filePath("in/p.png");
   testing::writeBytes(large.toStdString(),
                       fixtures::png(testing::makeImage(1200, 900, testing::Pattern::photo, 3)));
   QDir(temp_.path()).mkpath("in/b");
-  const QStringList files{large, source("sub/p.png"), temp_.filePath("in/missing.png"), source("b/p.jpg")};
-  QJsonArray records = run(files, {{"to", out()}, {"format", "jpeg"}});
+  QDir().mkpath(out());
+  testing::writeBytes(out("out/p.jpg").toStdString(), {'o', 'l', 'd'});
+  const QString upper = source("b/P.jpg");
+  const QStringList files{large, source("sub/p.png"), temp_.filePath("in/missing.png"), upper};
+  QJsonArray records = run(files, {{"to", QUrl::fromLocalFile(out())}, {"format", "jpeg"}});
   ASSERT_EQ(records.size(), 4);
   for (int i = 0; i < 4; ++i) EXPECT_EQ(records[i].toObject()["path"].toString(), files[i]);
-  EXPECT_EQ(destinations(records), (QStringList{"p.jpg", "p-2.jpg", "", "p-3.jpg"}));
+  EXPECT_EQ(destinations(records), (QStringList{"p.jpg", "p-2.jpg", "", "P-3.jpg"}));
   EXPECT_TRUE(records[2].toObject().contains("error"));
   EXPECT_GT(QFileInfo(out("out/p.jpg")).size(), 10 * QFileInfo(out("out/p-2.jpg")).size());
+  EXPECT_EQ(destinations(run(QStringList{upper}, {{"to", out()}})), QStringList{"P.jpg"})
+      << "a new command starts with a fresh set of names";
 }
 
 // An input is never a destination, whether it was read already, is still to be read, or is
@@ -185,7 +173,7 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
 TEST_F(CompressCommand, ProfilesFillWhatIsNotGivenExplicitly) {
   ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 40, out("web"), false, {}};
   ExportProfile fallback{QUuid::createUuid(), "Default", ImageFormat::png, 80, out("default"), true, {}};
-  saveProfiles({web, fallback});
+  ExportProfiles::save({web, fallback});
   QString file = source("p.png");
 
   EXPECT_EQ(destinations(run(QStringList{file}, {})), QStringList{"p.png"});

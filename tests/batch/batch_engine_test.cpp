@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "engine/ImageFormat.h"
-#include "engine/PNGWriter.h"
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
@@ -18,12 +17,7 @@ namespace {
 using BatchEngineTest = BatchFixture;
 
 TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
-  // A 64 x 48 palette PNG with a pattern, written by the engine's own PNG writer.
-  std::vector<uint8_t> indices(size_t(64) * 48);
-  for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t((i / 7 + i % 64 / 5) % 4);
-  const PNGWriter::PaletteEntry palette[] = {
-      {255, 0, 0, 255}, {0, 255, 0, 255}, {0, 0, 255, 255}, {9, 9, 9, 255}};
-  const auto png = PNGWriter::writeIndexedPNG(64, 48, indices, palette, std::nullopt);
+  const auto png = fixtures::png(makeImage(64, 48, Pattern::photo, 1));
   writeBytes(path("pattern.png"), png);
   // "café.png" in Latin-1, as an old archive or camera card names it.
   const QByteArray latin1Name = QFile::encodeName(dir_.path()) + "/caf\xe9.png";

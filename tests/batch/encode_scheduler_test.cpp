@@ -11,33 +11,6 @@ namespace {
 
 using SchedulerTest = BatchFixture;
 
-TEST_F(SchedulerTest,
-       AnInspectionWaitsForMemoryThatARunningEncodeHoldsAndAMissingThumbnailComesFromTheEncode) {
-  auto o = options();
-  o.processorCount = 2;
-  o.memoryBudgetMB = 0;  // the process's budget
-  auto& model = makeModel(o);
-  CompressionBudget& budget = CompressionBudget::process();
-  inspectAs("large.png", {60000, 60000});  // the whole budget
-  import({source("large.png", "slow")});
-  ASSERT_TRUE(waitForCalls(1));
-  // A real picture, whose inspection claims its file and its thumbnail's decode.
-  const QString picture = dir_.filePath("picture.png");
-  testing::writeBytes(picture.toStdString(), fixtures::png(fixtures::quadrants(64, 64)));
-  QFuture<void> done = model.importFiles({QUrl::fromLocalFile(picture)});
-  ASSERT_TRUE(QTest::qWaitFor([&] { return budget.waiterCount() == 1; }, 2000));
-  EXPECT_FALSE(done.isFinished());
-  openGate();
-  ASSERT_TRUE(QTest::qWaitFor([&] { return done.isFinished(); }, 5000));
-  ASSERT_EQ(model.images().size(), 2u);
-  // The fake inspector made no thumbnail, as for a picture too costly to inspect: the encode,
-  // which reads the picture anyway, adds one.
-  ASSERT_TRUE(waitIdle());
-  const DecodedImage& thumbnail = model.images()[1]->thumbnail();
-  EXPECT_EQ(std::pair(thumbnail.width, thumbnail.height), std::pair(64, 64));
-  EXPECT_TRUE(model.images()[0]->thumbnail().empty()) << "not a picture";
-}
-
 TEST_F(SchedulerTest, GlobalChangesAreDebouncedAndWaitForTheSliderToBeLetGo) {
   auto o = options();
   o.debounce = std::chrono::milliseconds(1);
@@ -83,7 +56,7 @@ TEST_F(SchedulerTest, SmallImageQueuesBehindALargeOneForMemory) {
   EXPECT_EQ(maxEncoding_, 1);
 }
 
-TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBack) {
+TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBackAndTheWorkGivenUpOnIsCancelled) {
   auto o = options();
   o.processorCount = 1;
   o.watchdog = std::chrono::milliseconds(200);
@@ -100,6 +73,14 @@ TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBack) {
   EXPECT_TRUE(model.images()[1]->encodeState().isReady());
   EXPECT_EQ(encodingNow(), 1);
   EXPECT_EQ(calls().size(), 2u) << "b is never encoded";
+  // The work a watchdog gave up on sees the flag and ends instead of running on for its ten seconds.
+  import({source("spin.png", "spin")});
+  EXPECT_TRUE(QTest::qWaitFor(
+      [&] {
+        std::lock_guard lock(mutex_);
+        return sawCancellation_;
+      },
+      5000));
 
   QSignalSpy changes(slow.get(), &ImportedImage::encodeStateChanged);
   openGate();
@@ -108,6 +89,8 @@ TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBack) {
   EXPECT_FALSE(slow->compressedData());
 }
 
+// The row fails at the deadline, but the memory goes back only when the work returns: the
+// next inspection (of a real picture: its file and its thumbnail's decode) waits for it.
 TEST_F(SchedulerTest, AnEncodeThatOutlivesItsDeadlineKeepsItsMemoryUntilItReturns) {
   auto o = options();
   o.memoryBudgetMB = 0;  // the process's budget, shared with every other front end
@@ -119,26 +102,21 @@ TEST_F(SchedulerTest, AnEncodeThatOutlivesItsDeadlineKeepsItsMemoryUntilItReturn
   ASSERT_TRUE(QTest::qWaitFor([&] { return model.images()[0]->encodeState().isFailed(); }, 5000));
   EXPECT_EQ(budget.availablePermits(), 0) << "the row failed, the work still runs";
 
-  QFuture<void> next = model.importFiles({source("next.png", "next")});
+  const QString picture = dir_.filePath("picture.png");
+  testing::writeBytes(picture.toStdString(), fixtures::png(fixtures::quadrants(64, 64)));
+  QFuture<void> next = model.importFiles({QUrl::fromLocalFile(picture)});
   ASSERT_TRUE(QTest::qWaitFor([&] { return budget.waiterCount() == 1; }, 2000));
+  EXPECT_FALSE(next.isFinished());
   openGate();
   ASSERT_TRUE(QTest::qWaitFor([&] { return next.isFinished(); }, 5000));
   ASSERT_TRUE(waitIdle());
   EXPECT_TRUE(model.images()[1]->encodeState().isReady());
   EXPECT_EQ(budget.availablePermits(), budget.limit());
-}
-
-TEST_F(SchedulerTest, AWatchdogThatFiresCancelsTheWorkItGaveUpOn) {
-  auto o = options();
-  o.watchdog = std::chrono::milliseconds(200);
-  makeModel(o);
-  import({source("spin.png", "spin")});
-  ASSERT_TRUE(waitIdle());
-  EXPECT_FALSE(model_->images()[0]->encodeState().isReady());
-  // The work sees the flag and ends instead of running on for its ten seconds.
-  EXPECT_TRUE(QTest::qWaitFor([&] { return encodingNow() == 0; }, 5000));
-  std::lock_guard lock(mutex_);
-  EXPECT_TRUE(sawCancellation_);
+  // The fake inspector made no thumbnail, as for a picture too costly to inspect: the encode,
+  // which reads the picture anyway, adds one.
+  const DecodedImage& thumbnail = model.images()[1]->thumbnail();
+  EXPECT_EQ(std::pair(thumbnail.width, thumbnail.height), std::pair(64, 64));
+  EXPECT_TRUE(model.images()[0]->thumbnail().empty()) << "not a picture";
 }
 
 TEST_F(SchedulerTest, ChangesDuringAnEncodeRunOneMoreEncodeAfterItAndOverridesWin) {

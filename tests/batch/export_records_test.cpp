@@ -78,21 +78,7 @@ TEST_F(ExportTest, UnusableFolderGivesPerRowErrorsNoFilesAndNoHistory) {
   EXPECT_EQ(model.images()[0]->lastExportDestination(), QUrl::fromLocalFile(underFile + "/a.jpg"));
 }
 
-TEST_F(ExportTest, ExportReplacesAnExistingFileWholeAndNamesAMissingEncode) {
-  auto& model = readyModel({"a.png"});
-  const QString target = outFolder() + "/a.jpg";
-  writeBytes(target.toStdString(), std::vector<uint8_t>(5000, 'o'));
-  EXPECT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(target))));
-  EXPECT_EQ(contentOf(target), QByteArray(750, 'x'));
-  EXPECT_EQ(QDir(outFolder()).entryList(QDir::Files | QDir::Hidden).size(), 1) << "no temporary left";
-
-  // An image still busy is reported as an encoding failure and writes nothing.
-  import({source("slow.png", "slow")});
-  EXPECT_FALSE(await(model.exportSingle(model.images()[1], QUrl::fromLocalFile(outFolder() + "/x.jpg"))));
-  EXPECT_FALSE(QFile::exists(outFolder() + "/x.jpg"));
-}
-
-TEST_F(ExportTest, ExportNeverReplacesASourceAndReplacesAPlantedLinkInsteadOfFollowingIt) {
+TEST_F(ExportTest, ExportNeverReplacesASourceReplacesOtherFilesWholeAndAPlantedLinkInsteadOfFollowingIt) {
   // Into their own folder as JPEG: a.jpg is a source, so its export is a-2.jpg. Into out/,
   // where a.jpg is a hard link to that source and c.jpg a link planted towards c.png.
   auto& model = readyModel({"a.jpg", "c.png"});
@@ -109,10 +95,23 @@ TEST_F(ExportTest, ExportNeverReplacesASourceAndReplacesAPlantedLinkInsteadOfFol
       << "the link planted as c.jpg was replaced, not followed";
   EXPECT_FALSE(QFileInfo(outFolder() + "/c.jpg").isSymLink());
 
-  // A single export onto a source goes beside it, and the row tells where.
+  // A single export onto a source goes beside it, and the row tells where; onto another file,
+  // it replaces that file whole.
   ASSERT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(dir_.filePath("c.png")))));
   EXPECT_EQ(model.images()[0]->lastExportDestination(), QUrl::fromLocalFile(dir_.filePath("c-2.png")));
   EXPECT_EQ(contentOf(dir_.filePath("c.png")), "source");
+  const QString other = outFolder() + "/other.jpg";
+  writeBytes(other.toStdString(), std::vector<uint8_t>(5000, 'o'));
+  EXPECT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(other))));
+  EXPECT_EQ(contentOf(other), QByteArray(750, 'x'));
+  EXPECT_EQ(QDir(outFolder()).entryList(QDir::Files | QDir::Hidden),
+            (QStringList{"a-2.jpg", "a.jpg", "c.jpg", "other.jpg"}))
+      << "no temporary left";
+
+  // An image still busy is reported as an encoding failure and writes nothing.
+  import({source("slow.png", "slow")});
+  EXPECT_FALSE(await(model.exportSingle(model.images()[2], QUrl::fromLocalFile(outFolder() + "/x.jpg"))));
+  EXPECT_FALSE(QFile::exists(outFolder() + "/x.jpg"));
 }
 
 TEST_F(ExportTest, UndoRespectsSupersedingRecordsAndKeepsARecordWhoseFileWontGo) {

@@ -5,6 +5,7 @@
 #include <QJsonObject>
 
 #include "tests/batch/batch_test_support.h"
+#include "tests/support/TestImages.h"
 
 namespace quillane::testing {
 namespace {
@@ -114,14 +115,11 @@ TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
 
 TEST_F(ImportTest, EmptyCorruptOrMalformedSessionStartsEmptyAndIsLeftAlone) {
   // An empty list (the session after clearAll) is as good as none: the next start begins empty.
+  ASSERT_TRUE(QDir().mkpath(JSONFileStore::folder()));
   for (const QByteArray content : {"[]", "{not json", R"([{"qualityOverride":40}])",
                                    R"([{"sourceURL":"file:///x.png","qualityOverride":"high"}])",
                                    R"([{"sourceURL":"file:///x.png","sizingOverride":800}])"}) {
-    QDir().mkpath(JSONFileStore::folder());
-    QFile file(JSONFileStore::path("importSession.json"));
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(content);
-    file.close();
+    writeBytes(JSONFileStore::path("importSession.json").toStdString(), {content.begin(), content.end()});
     auto o = options();
     o.restoreSession = true;
     auto& model = makeModel(o);

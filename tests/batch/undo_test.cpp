@@ -27,7 +27,7 @@ class UndoTest : public BatchFixture {
   std::vector<Change> changes_;
 };
 
-TEST_F(UndoTest, EveryRemovalKindComesBackInPlaceAndEncoded) {
+TEST_F(UndoTest, EveryRemovalKindAndAQualityChangeComeBackAsTheyWereAndEncoded) {
   auto& model = watchedModel({"a.png", "b.png", "c.png"});
   model.removeImage(model.images()[1]);
   ASSERT_EQ(changes_.size(), 1u);
@@ -48,27 +48,25 @@ TEST_F(UndoTest, EveryRemovalKindComesBackInPlaceAndEncoded) {
   EXPECT_EQ(model.importFailures().size(), 1u);
   EXPECT_TRUE(QTest::qWaitFor([&] { return model.images().size() == 2 && !model.isEncoding(); }, 5000));
 
+  // A quality change goes back to the value before it, and is encoded again.
+  const auto image = model.images()[0];
+  model.setQualityOverride(image, 40.0);
+  model.setQualityOverride(image, 40.0);  // no change, no step
+  model.setQualityOverride(image, 55.0);
+  ASSERT_EQ(changes_.size(), 4u);
+  EXPECT_EQ(changes_[2].mergeKey, changes_[3].mergeKey);
+  changes_[3].undo();
+  EXPECT_EQ(image->qualityOverride(), 40.0);
+  changes_[2].undo();
+  EXPECT_EQ(image->qualityOverride(), std::nullopt);
+  EXPECT_TRUE(waitIdle());
+  EXPECT_EQ(calls().back().quality, 75.0) << "encoded again with the global quality";
+
   // The restored batch is the saved one: a restart shows it.
   auto o = options();
   o.restoreSession = true;
   auto& restarted = makeModel(o);
   EXPECT_TRUE(QTest::qWaitFor([&] { return restarted.images().size() == 2; }, 5000));
-}
-
-TEST_F(UndoTest, AQualityChangeGoesBackToTheValueBeforeIt) {
-  auto& model = watchedModel({"a.png"});
-  const auto image = model.images()[0];
-  model.setQualityOverride(image, 40.0);
-  model.setQualityOverride(image, 40.0);  // no change, no step
-  model.setQualityOverride(image, 55.0);
-  ASSERT_EQ(changes_.size(), 2u);
-  EXPECT_EQ(changes_[0].mergeKey, changes_[1].mergeKey);
-  changes_[1].undo();
-  EXPECT_EQ(image->qualityOverride(), 40.0);
-  changes_[0].undo();
-  EXPECT_EQ(image->qualityOverride(), std::nullopt);
-  EXPECT_TRUE(waitIdle());
-  EXPECT_EQ(calls().back().quality, 75.0) << "encoded again with the global quality";
 }
 
 }  // namespace

@@ -1,17 +1,31 @@
 // The PNG, WebP and JPEG XL encoders, checked with the libraries' own decoders: exact lossless
-// round trips, close lossy ones, the palette writer's chunks and JPEG repackaging.
+// round trips, close lossy ones, the palette writer's chunks and JPEG repackaging. Then the
+// JPEG, HEIC and AVIF path: what reaches the writers (opaque copy over white or black, alpha
+// kept or dropped, 16-bit and premultiplied sources), the one quality number, silence on
+// stderr, failures, and the chroma layout the writers choose from the picture, read back from
+// each file's own headers, with the files read by our readers and by libheif's own colour
+// conversion (the JPEG reader is libjpeg-turbo itself).
 
 #include "engine/Encoders.h"
 
+#include <avif/avif.h>
 #include <gtest/gtest.h>
+#include <libheif/heif.h>
+#include <turbojpeg.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <cmath>
 #include <functional>
 #include <random>
+#include <string>
 
+#include "engine/CHandle.h"
 #include "engine/Errors.h"
+#include "engine/ImageService.h"
 #include "engine/PNGWriter.h"
 #include "engine/WebPEncoderConfig.h"
+#include "engine/codecs/Writers.h"
 #include "tests/engine/encoder_test_support.h"
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
@@ -254,6 +268,274 @@ TEST(JxlTranscode, ReconstructsTheJPEGByteForByte) {
   truncated.resize(truncated.size() / 3);
   for (const Bytes& damaged : {Bytes{}, Bytes{0xFF, 0xD8, 0xFF, 0xE0, 0, 2, 1, 2, 3}, truncated})
     EXPECT_FALSE(JXLEncoder::transcodeJPEG(damaged, 7));
+}
+
+// === JPEG, HEIC and AVIF =======================================================================
+
+using NativeImageIOEncoder::encode;
+using NativeImageIOEncoder::opaqueCopy;
+
+EncodingPlan lossyPlan(double quality) { return testing::makePlan(EncodingPlan::Mode::lossy(quality)); }
+
+// A picture of one colour; `alpha` in the fourth sample, straight.
+DecodedImage solid(int w, int h, uint8_t r, uint8_t g, uint8_t b, uint8_t a) {
+  DecodedImage img;
+  img.width = w, img.height = h;
+  img.alpha = a == 255 ? AlphaInfo::none : AlphaInfo::straight;
+  for (int i = 0; i < w * h; ++i) img.pixels8.insert(img.pixels8.end(), {r, g, b, a});
+  return img;
+}
+
+const uint8_t* pixelAt(const DecodedImage& img, int x, int y) {
+  return &img.pixels8[(size_t(y) * size_t(img.width) + size_t(x)) * 4];
+}
+
+DecodedImage decode8(const Bytes& file) {
+  DecodedImage img = ImageService::decodeFirstFrame(file);
+  if (img.bitsPerComponent == 16) img = NativeImageIOEncoder::straightEightBit(img);
+  return img;
+}
+
+// The file's header, as libavif reads it.
+CHandle<avifDecoder, avifDecoderDestroy> parsedAvif(const Bytes& file) {
+  CHandle<avifDecoder, avifDecoderDestroy> decoder(avifDecoderCreate());
+  EXPECT_EQ(avifDecoderSetIOMemory(decoder.get(), file.data(), file.size()), AVIF_RESULT_OK);
+  EXPECT_EQ(avifDecoderParse(decoder.get()), AVIF_RESULT_OK);
+  return decoder;
+}
+
+const ImageFormat kNative[] = {ImageFormat::jpeg, ImageFormat::heic, ImageFormat::avif};
+
+// --- The opaque copy and the quality ---------------------------------------------------------
+
+TEST(OpaqueCopy, CompositesEveryKindOfAlphaOverWhiteOrBlack) {
+  // Red at alpha 128 (straight): over white (255, 127, 127), over black (128, 0, 0).
+  DecodedImage straight = solid(2, 1, 255, 0, 0, 128);
+  straight.colorSpace = ColorSpace::fromICC(fixtures::displayP3ICC());
+  DecodedImage premultiplied = solid(2, 1, 128, 0, 0, 128);
+  premultiplied.alpha = AlphaInfo::premultiplied;
+  DecodedImage deep;
+  deep.width = 2, deep.height = 1, deep.bitsPerComponent = 16, deep.alpha = AlphaInfo::straight;
+  deep.pixels16 = {65535, 0, 0, 32896, 65535, 0, 0, 32896};
+  for (const DecodedImage* source : {&straight, &premultiplied, &deep}) {
+    auto white = opaqueCopy(*source, true), black = opaqueCopy(*source, false);
+    ASSERT_TRUE(white && black);
+    EXPECT_EQ(white->bitsPerComponent, 8);
+    EXPECT_EQ(white->alpha, AlphaInfo::none);
+    EXPECT_EQ(white->colorSpace.icc, source->colorSpace.icc);
+    const uint8_t *w = pixelAt(*white, 1, 0), *b = pixelAt(*black, 1, 0);
+    EXPECT_NEAR(w[0], 255, 1);
+    EXPECT_NEAR(w[1], 127, 1);
+    EXPECT_NEAR(w[2], 127, 1);
+    EXPECT_EQ(w[3], 255);
+    EXPECT_NEAR(b[0], 128, 1);
+    EXPECT_EQ(b[1], 0);
+  }
+  EXPECT_EQ(opaqueCopy(solid(1, 1, 10, 200, 30, 0), true)->pixels8, (Bytes{255, 255, 255, 255}));
+}
+
+TEST(NativeQuality, LossyAvifNeverBecomesLosslessAndJpegQualityMovesOneWay) {
+  EXPECT_DOUBLE_EQ(NativeImageIOEncoder::compressionQuality(ImageFormat::avif, lossyPlan(250)), 0.99);
+  EXPECT_GT(codecs::avifSettings(0.99, 1000).maxQuantizer, 0);
+  for (int i = 1; i <= 100; ++i) {
+    EXPECT_LE(codecs::jpegSettings((i - 1) / 100.0).quality, codecs::jpegSettings(i / 100.0).quality);
+    EXPECT_GE(codecs::avifSettings((i - 1) / 100.0, 1000).maxQuantizer,
+              codecs::avifSettings(i / 100.0, 1000).maxQuantizer);
+  }
+}
+
+// --- Files ------------------------------------------------------------------------------------
+
+TEST(NativeEncoder, AlphaIsKeptOnlyWhenThePictureHasItAndJpegFlattensOverWhite) {
+  DecodedImage logo = testing::makeImage(64, 48, testing::Pattern::flatLogo, 1, true);
+  DecodedImage jpeg = decode8(encode(logo, true, ImageFormat::jpeg, lossyPlan(90)));
+  EXPECT_EQ(jpeg.alpha, AlphaInfo::none);
+  for (int c = 0; c < 3; ++c) EXPECT_GE(pixelAt(jpeg, 1, 1)[c], 250);  // transparent black in the source
+  for (ImageFormat format : {ImageFormat::heic, ImageFormat::avif}) {
+    SCOPED_TRACE(ImageFormats::label(format));
+    DecodedImage withAlpha = decode8(encode(logo, true, format, lossyPlan(80)));
+    EXPECT_TRUE(withAlpha.hasAlphaChannel());
+    EXPECT_LE(pixelAt(withAlpha, 1, 1)[3], 8);
+    EXPECT_GE(pixelAt(withAlpha, 32, 24)[3], 247);
+
+    DecodedImage without = decode8(encode(logo, false, format, lossyPlan(80)));
+    EXPECT_EQ(pixelAt(without, 1, 1)[3], 255);
+    EXPECT_LE(pixelAt(without, 1, 1)[0], 12) << "an opaque copy is drawn over black";
+  }
+}
+
+TEST(NativeEncoder, SixteenBitAndPremultipliedSourcesAreWrittenFaithfully) {
+  DecodedImage deep = fixtures::quadrants(40, 30, 16, true);
+  DecodedImage premultiplied = testing::makeImage(40, 30, testing::Pattern::photo, 2, true);
+  for (size_t i = 0; i < premultiplied.pixels8.size(); i += 4)
+    for (int c = 0; c < 3; ++c)
+      premultiplied.pixels8[i + c] =
+          uint8_t((premultiplied.pixels8[i + c] * premultiplied.pixels8[i + 3] + 127) / 255);
+  premultiplied.alpha = AlphaInfo::premultiplied;
+  DecodedImage expectedStraight = NativeImageIOEncoder::straightEightBit(premultiplied);
+  for (ImageFormat format : {ImageFormat::heic, ImageFormat::avif}) {
+    SCOPED_TRACE(ImageFormats::label(format));
+    DecodedImage back = decode8(encode(deep, true, format, lossyPlan(95)));
+    for (auto corner : {fixtures::Corner::topLeft, fixtures::Corner::bottomRight})
+      EXPECT_EQ(fixtures::quadrantAt(back, corner), int(corner));
+    DecodedImage round = decode8(encode(premultiplied, true, format, lossyPlan(95)));
+    EXPECT_LT(testing::meanColourError(round, expectedStraight), 6.0);
+  }
+}
+
+// An sRGB picture's AVIF names sRGB (primaries 1, transfer 13, matrix 6), so that every
+// reader shows the same colours; with a profile the profile speaks.
+TEST(NativeEncoder, AvifNamesTheSrgbColourEncoding) {
+  const auto cicp = [](const Bytes& file) {
+    const auto decoder = parsedAvif(file);
+    const avifImage* image = decoder->image;
+    return std::vector<int>{int(image->colorPrimaries), int(image->transferCharacteristics),
+                            int(image->matrixCoefficients), int(image->icc.size > 0)};
+  };
+  const DecodedImage photo = testing::makeImage(48, 32, testing::Pattern::photo, 3);
+  EXPECT_EQ(cicp(encode(photo, false, ImageFormat::avif, lossyPlan(70))), (std::vector<int>{1, 13, 6, 0}));
+  EXPECT_EQ(cicp(codecs::writeAvif(photo, false, codecs::avifSettings(0.7, 1536),
+                                   Bytes(fixtures::displayP3ICC())))[3],
+            1);
+}
+
+TEST(NativeEncoder, FailsWithTheFormatLabelAndWritesNothingToStandardError) {
+  ::testing::internal::CaptureStderr();
+  DecodedImage img = testing::makeImage(64, 64, testing::Pattern::photo, 5, true);
+  for (ImageFormat format : kNative) encode(img, true, format, lossyPlan(60));
+  EncodingPlan lossless;
+  lossless.mode = EncodingPlan::Mode::lossless();
+  using testing::failureOf;
+  for (ImageFormat format : kNative)
+    EXPECT_EQ(failureOf([&] { encode(img, false, format, lossless); }),
+              "encoding failed: " + std::string(ImageFormats::label(format)));
+  EXPECT_EQ(
+      failureOf([&] { encode(solid(70000, 1, 0, 0, 0, 255), false, ImageFormat::jpeg, lossyPlan(75)); }),
+      "encoding failed: JPEG");
+  img.pixels8.resize(5);
+  EXPECT_EQ(failureOf([&] { encode(img, false, ImageFormat::avif, lossyPlan(75)); }),
+            "encoding failed: AVIF");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+}
+
+// --- Chroma layout ---------------------------------------------------------------------------
+
+// Dark-on-white "code": letter-sized cells of one-pixel strokes in four syntax colours.
+DecodedImage colouredText(int w, int h) {
+  static const uint8_t kInk[4][3] = {{190, 20, 30}, {20, 60, 200}, {0, 128, 40}, {140, 0, 160}};
+  DecodedImage img;
+  img.width = w, img.height = h;
+  img.pixels8.assign(size_t(w) * size_t(h) * 4, 255);
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      const int cellX = x / 7, cellY = y / 14, cx = x % 7, cy = y % 14;
+      const unsigned hash = unsigned(cellX * 7919 + cellY * 104729) * 2654435761u;
+      const bool stroke = cy >= 2 && cy < 11 && cx < 5 &&
+                          ((cx == 0 && (hash & 1)) || (cx == 4 && (hash & 2)) || (cy == 2 && (hash & 4)) ||
+                           (cy == 6 && (hash & 8)) || (cy == 10 && (hash & 16)));
+      if (!stroke || (cellX / 6 + cellY) % 3 == 2) continue;  // gaps between words
+      uint8_t* p = &img.pixels8[(size_t(y) * size_t(w) + size_t(x)) * 4];
+      const uint8_t* ink = kInk[(cellX / 6 + cellY * 3) % 4];
+      p[0] = ink[0], p[1] = ink[1], p[2] = ink[2];
+    }
+  }
+  return img;
+}
+
+// "444" or "420", from the file's own description of its colour planes.
+std::string avifLayout(const Bytes& file) {
+  const auto decoder = parsedAvif(file);
+  return decoder->image->yuvFormat == AVIF_PIXEL_FORMAT_YUV444   ? "444"
+         : decoder->image->yuvFormat == AVIF_PIXEL_FORMAT_YUV420 ? "420"
+                                                                 : "other";
+}
+
+// From the HEVC decoder configuration ("hvcC" box): chroma_format_idc, 1 for 4:2:0, 3 for 4:4:4.
+// libheif hands out every decoded HEVC picture as 4:4:4, so the header is the only witness.
+std::string heicLayout(const Bytes& file) {
+  const std::string tag = "hvcC";
+  const auto box = std::search(file.begin(), file.end(), tag.begin(), tag.end());
+  if (file.end() - box < 4 + 17) return "no hvcC box";
+  const int idc = box[4 + 16] & 3;
+  return idc == 3 ? "444" : idc == 1 ? "420" : "other";
+}
+
+// libheif to RGBA.
+DecodedImage heifDecode(const Bytes& file) {
+  DecodedImage out;
+  CHandle<heif_context, heif_context_free> context(heif_context_alloc());
+  EXPECT_EQ(heif_context_read_from_memory_without_copy(context.get(), file.data(), file.size(), nullptr).code,
+            heif_error_Ok);
+  heif_image_handle* rawHandle = nullptr;
+  EXPECT_EQ(heif_context_get_primary_image_handle(context.get(), &rawHandle).code, heif_error_Ok);
+  CHandle<heif_image_handle, heif_image_handle_release> handle(rawHandle);
+  heif_image* raw = nullptr;
+  EXPECT_EQ(
+      heif_decode_image(rawHandle, &raw, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr).code,
+      heif_error_Ok);
+  CHandle<heif_image, heif_image_release> rgba(raw);
+  int stride = 0;
+  const uint8_t* plane = heif_image_get_plane_readonly(raw, heif_channel_interleaved, &stride);
+  out.width = heif_image_get_width(raw, heif_channel_interleaved);
+  out.height = heif_image_get_height(raw, heif_channel_interleaved);
+  for (int y = 0; y < out.height; ++y)
+    out.pixels8.insert(out.pixels8.end(), plane + size_t(y) * size_t(stride),
+                       plane + size_t(y) * size_t(stride) + size_t(out.width) * 4);
+  return out;
+}
+
+std::string jpegLayout(const Bytes& file) {
+  CHandle<void, tjDestroy> tj(tjInitDecompress());
+  int w = 0, h = 0, subsampling = -1, colourspace = 0;
+  tjDecompressHeader3(tj.get(), file.data(), (unsigned long)file.size(), &w, &h, &subsampling, &colourspace);
+  return subsampling == TJSAMP_444 ? "444" : subsampling == TJSAMP_420 ? "420" : "other";
+}
+
+struct Case {
+  const char* name;
+  DecodedImage picture;
+  const char* layout;
+  double maxError;  // mean absolute error per colour sample a decoder may show at quality 75
+};
+
+TEST(ChromaLayout, ColouredTextKeepsFullChromaAndAPhotoIsSubsampledInEveryDecoder) {
+  const Case cases[] = {
+      {"coloured text", colouredText(320, 200), "444", 7.0},
+      {"smooth photo", testing::makeImage(320, 200, testing::Pattern::photo, 3), "420", 3.0},
+  };
+  const EncodingPlan plan = lossyPlan(75);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Bytes avif = encode(c.picture, false, ImageFormat::avif, plan);
+    EXPECT_EQ(avifLayout(avif), c.layout);
+    std::vector<std::pair<std::string, std::function<DecodedImage()>>> readers = {
+        {"own reader", [&] { return ImageService::decodeFirstFrame(avif); }}};
+    // The own reader is libavif's colour conversion; libheif's is the independent one.
+    ASSERT_TRUE(heif_have_decoder_for_format(heif_compression_AV1));
+    readers.push_back({"libheif AV1", [&] { return heifDecode(avif); }});
+
+    const Bytes heic = encode(c.picture, false, ImageFormat::heic, plan);
+    EXPECT_EQ(heicLayout(heic), c.layout);
+    readers.push_back({"own reader HEIC", [&] { return ImageService::decodeFirstFrame(heic); }});
+    readers.push_back({"libheif HEVC", [&] { return heifDecode(heic); }});
+
+    const Bytes jpeg = encode(c.picture, false, ImageFormat::jpeg, plan);
+    EXPECT_EQ(jpegLayout(jpeg), c.layout);
+    readers.push_back({"own reader JPEG", [&] { return ImageService::decodeFirstFrame(jpeg); }});
+
+    for (auto& [name, read] : readers) {
+      SCOPED_TRACE(name);
+      EXPECT_LT(testing::meanColourError(read(), c.picture), c.maxError);
+    }
+  }
+}
+
+TEST(ChromaLayout, ColourUnderFullTransparencyDoesNotCount) {
+  DecodedImage hidden = colouredText(200, 120);
+  for (size_t i = 3; i < hidden.pixels8.size(); i += 4) hidden.pixels8[i] = 0;
+  hidden.alpha = AlphaInfo::straight;
+  EXPECT_TRUE(codecs::usesFullChroma(codecs::ChromaLayout::automatic, hidden, false));
+  EXPECT_FALSE(codecs::usesFullChroma(codecs::ChromaLayout::automatic, hidden, true));
 }
 
 }  // namespace

@@ -38,7 +38,9 @@ TEST_F(HotFolderRecordsTest, AbsentOrNullOptionalsReadAsNoSettingsAndAllFieldsRo
   EXPECT_EQ(HotFolders::load(), HotFolderList{folder});
 }
 
-TEST_F(HotFolderRecordsTest, OneEntryWithoutARequiredKeyEmptiesTheWholeList) {
+// A list with one entry that lacks a required key reads as no folders; a damaged memory reads
+// as nothing, and the next update keeps only its own folder.
+TEST_F(HotFolderRecordsTest, DamagedFilesReadEmpty) {
   for (const char* key :
        {"\"id\"", "\"name\"", "\"sourceFolder\"", "\"destinationFolder\"", "\"isEnabled\""}) {
     QByteArray bytes = requiredOnly;
@@ -47,28 +49,6 @@ TEST_F(HotFolderRecordsTest, OneEntryWithoutARequiredKeyEmptiesTheWholeList) {
                    "[" + requiredOnly.mid(1, requiredOnly.size() - 2) + "," + bytes.mid(1));
     EXPECT_TRUE(HotFolders::load().empty()) << key;
   }
-}
-
-TEST_F(HotFolderRecordsTest, ProcessedDatesCompareEqualAtFullPrecisionAfterARoundTrip) {
-  // A modification date with nanoseconds, as stat gives it: anything coarser than the double
-  // itself would make every file look changed at the next scan.
-  const HotFolderProcessedEntry entry{123456789012, 786543210.123456789};
-  HotFolderProcessedStore::update("A", [&](HotFolderProcessedMap& files) { files.insert("x.png", entry); });
-  EXPECT_EQ(HotFolderProcessedStore::folderState("A").value("x.png"), entry);
-  EXPECT_NE(HotFolderProcessedStore::folderState("A").value("x.png").modificationDate, 786543210.1234567);
-}
-
-TEST_F(HotFolderRecordsTest, FoldersKeepTheirOwnMapsAndAnEmptiedMapStays) {
-  HotFolderProcessedStore::update("A", [](HotFolderProcessedMap& files) { files.insert("a.png", {1, 2}); });
-  HotFolderProcessedStore::update("B", [](HotFolderProcessedMap& files) { files.insert("b.png", {3, 4}); });
-  HotFolderProcessedStore::pruneProcessedState("A", {"a.png"});
-  EXPECT_EQ(readStoreFile("hotFolderProcessed.json"),
-            QByteArray(R"({"A":{},"B":{"b.png":{"sizeBytes":3,"modificationDate":4}}})"));
-  HotFolderProcessedStore::remove("B");
-  EXPECT_EQ(readStoreFile("hotFolderProcessed.json"), QByteArray(R"({"A":{}})"));
-}
-
-TEST_F(HotFolderRecordsTest, DamagedProcessedFileReadsEmptyAndTheNextUpdateKeepsOnlyItsFolder) {
   for (const QByteArray& bytes : {QByteArray(R"({"A":{"a.png":{"sizeBytes":1}}})"), QByteArray(R"([1])"),
                                   QByteArray(R"({"A":{"a.png":{"sizeBytes":1,"modif)")}) {
     writeStoreFile("hotFolderProcessed.json", bytes);
@@ -77,6 +57,22 @@ TEST_F(HotFolderRecordsTest, DamagedProcessedFileReadsEmptyAndTheNextUpdateKeeps
   HotFolderProcessedStore::update("B", [](HotFolderProcessedMap& files) { files.insert("b.png", {3, 4}); });
   EXPECT_EQ(readStoreFile("hotFolderProcessed.json"),
             QByteArray(R"({"B":{"b.png":{"sizeBytes":3,"modificationDate":4}}})"));
+}
+
+// A modification date with nanoseconds, as stat gives it, compares equal after a round trip:
+// anything coarser than the double itself would make every file look changed at the next
+// scan. Folders keep their own maps, and an emptied map stays.
+TEST_F(HotFolderRecordsTest, ProcessedMapsKeepFullPrecisionAndStayApartPerFolder) {
+  const HotFolderProcessedEntry entry{123456789012, 786543210.123456789};
+  HotFolderProcessedStore::update("A", [&](HotFolderProcessedMap& files) { files.insert("x.png", entry); });
+  EXPECT_EQ(HotFolderProcessedStore::folderState("A").value("x.png"), entry);
+  EXPECT_NE(HotFolderProcessedStore::folderState("A").value("x.png").modificationDate, 786543210.1234567);
+  HotFolderProcessedStore::update("B", [](HotFolderProcessedMap& files) { files.insert("b.png", {3, 4}); });
+  HotFolderProcessedStore::pruneProcessedState("A", {"x.png"});
+  EXPECT_EQ(readStoreFile("hotFolderProcessed.json"),
+            QByteArray(R"({"A":{},"B":{"b.png":{"sizeBytes":3,"modificationDate":4}}})"));
+  HotFolderProcessedStore::remove("B");
+  EXPECT_EQ(readStoreFile("hotFolderProcessed.json"), QByteArray(R"({"A":{}})"));
 }
 
 TEST_F(HotFolderRecordsTest, ConcurrentUpdatesOfTwoFoldersLoseNothing) {

@@ -26,58 +26,50 @@ namespace quillane::testing {
 class Reports {
  public:
   void attach(HotFolderWatcher& watcher) {
-    watcher.onActivity = [this](const HotFolderActivity& line) {
-      std::lock_guard lock(mutex_);
-      lines_.push_back(line);
-      changed_.notify_all();
-    };
-    watcher.onProgress = [this](int completed, int total) {
-      std::lock_guard lock(mutex_);
-      progress_.push_back({completed, total});
-      changed_.notify_all();
-    };
-    watcher.onState = [this](HotFolderWatcher::State state) {
-      std::lock_guard lock(mutex_);
-      states_.push_back(state);
-      changed_.notify_all();
-    };
+    watcher.onActivity = [this](const HotFolderActivity& line) { add(lines_, line); };
+    watcher.onProgress = [this](int completed, int total) { add(progress_, {completed, total}); };
+    watcher.onState = [this](HotFolderWatcher::State state) { add(states_, state); };
   }
   // Waits for the watcher to report `state` as its latest.
   bool waitForState(HotFolderWatcher::State state) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(60),
-                             [&] { return !states_.empty() && states_.back() == state; });
-  }
-  std::vector<HotFolderWatcher::State> states() {
-    std::lock_guard lock(mutex_);
-    return states_;
+    return waitUntil([&] { return !states_.empty() && states_.back() == state; });
   }
   // Waits for `count` lines and for the progress report that follows the last of them.
   bool waitForLines(size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(60), [&] {
+    return waitUntil([&] {
       return lines_.size() >= count &&
              (progress_.empty() || progress_.back().completed == progress_.back().total);
     });
   }
-  std::vector<HotFolderActivity> lines() {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-  std::vector<HotFolderProgress> progress() {
-    std::lock_guard lock(mutex_);
-    return progress_;
-  }
+  std::vector<HotFolderWatcher::State> states() { return copy(states_); }
+  std::vector<HotFolderActivity> lines() { return copy(lines_); }
+  std::vector<HotFolderProgress> progress() { return copy(progress_); }
   // The totals of the scans that had work: one (0, n) each.
   std::vector<int> scanTotals() {
     std::vector<int> totals;
-    for (const HotFolderProgress& step : progress()) {
+    for (const HotFolderProgress& step : progress())
       if (step.completed == 0) totals.push_back(step.total);
-    }
     return totals;
   }
 
  private:
+  template <class T>
+  void add(std::vector<T>& log, const T& entry) {
+    std::lock_guard lock(mutex_);
+    log.push_back(entry);
+    changed_.notify_all();
+  }
+  template <class T>
+  std::vector<T> copy(const std::vector<T>& log) {
+    std::lock_guard lock(mutex_);
+    return log;
+  }
+  template <class Predicate>
+  bool waitUntil(Predicate done) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(60), done);
+  }
+
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<HotFolderActivity> lines_;
@@ -94,15 +86,8 @@ class HotFolderSandbox : public ::testing::Test {
   void TearDown() override { JSONFileStore::setFolderForTesting({}); }
 
   HotFolder folder() const {
-    return {QUuid::createUuid(),
-            QStringLiteral("Shots"),
-            source_,
-            destination_,
-            std::nullopt,
-            ImageFormat::jpeg,
-            70,
-            true,
-            {}};
+    return {
+        QUuid::createUuid(), "Shots", source_, destination_, std::nullopt, ImageFormat::jpeg, 70, true, {}};
   }
   // A small JPEG named `name`; `oldDate` backdates it a minute, as a copy that keeps dates
   // does, so that it needs no stability wait.

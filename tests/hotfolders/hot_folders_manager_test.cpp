@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <QTest>
+#include <algorithm>
 
 #include "engine/ImageFormat.h"
 #include "hotfolders/HotFolderProcessedStore.h"
@@ -18,9 +19,10 @@ namespace {
 using HotFoldersManagerTest = HotFolderSandbox;
 
 int errorLines(const HotFoldersManager& manager) {
-  int count = 0;
-  for (const HotFolderActivity& line : manager.recentActivity()) count += line.isError() ? 1 : 0;
-  return count;
+  return int(std::ranges::count_if(manager.recentActivity(), &HotFolderActivity::isError));
+}
+int doneLines(const HotFoldersManager& manager) {
+  return int(manager.recentActivity().size()) - errorLines(manager);
 }
 
 using State = HotFoldersManager::Status::State;
@@ -29,62 +31,6 @@ using State = HotFoldersManager::Status::State;
 void settle(HotFoldersManager& manager, const QUuid& id, State state) {
   ASSERT_TRUE(QTest::qWaitFor([&] { return manager.status(id).state == state; }, 10000))
       << int(manager.status(id).state);
-}
-
-TEST_F(HotFoldersManagerTest, SourceLinkedToItsDestinationIsRefusedAndReportedOncePerEnabling) {
-  ASSERT_TRUE(QDir().mkpath(destination_));
-  const QString link = temp_.path() + "/link";
-  ASSERT_EQ(::symlink(QFile::encodeName(destination_).constData(), QFile::encodeName(link).constData()), 0);
-  HotFoldersManager manager;
-  HotFolder hotFolder = folder();
-  hotFolder.sourceFolder = link;
-  manager.upsert(hotFolder);
-  settle(manager, hotFolder.id, State::refused);
-  for (int i = 0; i < 2; ++i) {
-    manager.applyWatchers();
-    settle(manager, hotFolder.id, State::refused);
-  }
-  EXPECT_FALSE(manager.isRunning(hotFolder.id));
-  EXPECT_FALSE(manager.status(hotFolder.id).message.isEmpty());
-  ASSERT_EQ(manager.recentActivity().size(), 1u);
-  EXPECT_EQ(manager.recentActivity()[0].hotFolderName, QStringLiteral("Shots"));
-  EXPECT_TRUE(manager.recentActivity()[0].sourceFileName.isEmpty());
-
-  hotFolder.isEnabled = false;
-  manager.upsert(hotFolder);
-  EXPECT_EQ(manager.status(hotFolder.id).state, State::disabled);
-  hotFolder.isEnabled = true;
-  manager.upsert(hotFolder);
-  ASSERT_TRUE(QTest::qWaitFor([&] { return errorLines(manager) == 2; }, 10000));
-}
-
-TEST_F(HotFoldersManagerTest, MissingSourceIsReportedOnceAndStartsWhenItAppears) {
-  HotFolder hotFolder = folder();
-  hotFolder.sourceFolder = temp_.path() + "/later";
-  HotFolders::save({hotFolder});
-  HotFoldersManager manager({.retryInterval = std::chrono::milliseconds(50)});
-  settle(manager, hotFolder.id, State::waitingForFolder);
-  manager.applyWatchers();  // as a mount of any volume does
-  settle(manager, hotFolder.id, State::waitingForFolder);
-  ASSERT_EQ(manager.recentActivity().size(), 1u);
-  ASSERT_TRUE(QDir().mkpath(hotFolder.sourceFolder));
-  settle(manager, hotFolder.id, State::watching);
-  EXPECT_TRUE(manager.isRunning(hotFolder.id));
-  EXPECT_EQ(manager.recentActivity().size(), 1u);
-}
-
-TEST_F(HotFoldersManagerTest, PauseStopsEveryFolderUntilResumedAndKeepsTheirSettings) {
-  const HotFolder hotFolder = folder();
-  HotFolders::save({hotFolder});
-  HotFoldersManager manager;
-  settle(manager, hotFolder.id, State::watching);
-  manager.setPaused(true);
-  EXPECT_FALSE(manager.isRunning(hotFolder.id));
-  manager.applyWatchers();  // a mount change does not undo the pause
-  EXPECT_FALSE(manager.isRunning(hotFolder.id));
-  EXPECT_TRUE(HotFolders::load().at(0).isEnabled);
-  manager.setPaused(false);
-  settle(manager, hotFolder.id, State::watching);
 }
 
 // A bind mount stands in for a volume that arrives later. It needs the right to mount (root
@@ -106,10 +52,6 @@ class BindMount {
   QByteArray onto_;
   bool mounted_ = false;
 };
-
-int doneLines(const HotFoldersManager& manager) {
-  return int(manager.recentActivity().size()) - errorLines(manager);
-}
 
 TEST_F(HotFoldersManagerTest, VolumeMountedOnTheFolderIsFollowedAndItsUnmountDropsNoMemory) {
   const QString mountPoint = temp_.path() + "/volume", device = temp_.path() + "/device";
@@ -146,13 +88,17 @@ TEST_F(HotFoldersManagerTest, VolumeMountedOnTheFolderIsFollowedAndItsUnmountDro
   EXPECT_EQ(errorLines(manager), 1);
 }
 
+// A missing source is reported once however often it is retried or rechecked (as a mount of
+// any volume asks), and starts when it appears.
 TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredSuccessesAndTheErrorsApart) {
   for (int i = 0; i < 101; ++i) putImage(QStringLiteral("p%1.jpg").arg(i), i, true, 8);
   HotFolder gone = folder();
   gone.name = "Gone";
   gone.sourceFolder = temp_.path() + "/missing";
-  HotFoldersManager manager;
+  HotFoldersManager manager({.retryInterval = std::chrono::milliseconds(50)});
   manager.upsert(gone);
+  settle(manager, gone.id, State::waitingForFolder);
+  manager.applyWatchers();
   settle(manager, gone.id, State::waitingForFolder);
   const HotFolder hotFolder = folder();
   manager.upsert(hotFolder);
@@ -161,38 +107,58 @@ TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredSuccessesAndTheErrors
   ASSERT_TRUE(QTest::qWaitFor([&] { return doneLines(manager) == 100; }, 10000));
   EXPECT_EQ(errorLines(manager), 1);
   EXPECT_EQ(manager.recentActivity().back().hotFolderName, QStringLiteral("Gone"));
+  ASSERT_TRUE(QDir().mkpath(gone.sourceFolder));
+  settle(manager, gone.id, State::watching);
+  EXPECT_EQ(errorLines(manager), 1);
 }
 
-// A destination in another folder's source, through a link here, would feed each folder the
-// other's outputs for ever: both are refused and say why; an unrelated folder runs.
-TEST_F(HotFoldersManagerTest, FoldersThatFeedEachOtherAreRefusedEvenThroughALink) {
+// A source linked to its own destination, or a destination in another folder's source
+// through a link here, would feed a folder outputs for ever: each is refused and says why,
+// once per enabling however often the folders are rechecked; an unrelated folder runs.
+TEST_F(HotFoldersManagerTest, FoldersThatFeedThemselvesOrEachOtherAreRefusedEvenThroughALink) {
   const QString a = temp_.path() + "/a", b = temp_.path() + "/b", link = temp_.path() + "/link";
-  ASSERT_TRUE(QDir().mkpath(a) && QDir().mkpath(b + "/sub"));
-  ASSERT_EQ(::symlink(QFile::encodeName(b).constData(), QFile::encodeName(link).constData()), 0);
-  HotFolder first = folder(), second = folder(), alone = folder();
+  const QString selfOut = temp_.path() + "/self-out", selfIn = temp_.path() + "/self-in";
+  ASSERT_TRUE(QDir().mkpath(a) && QDir().mkpath(b + "/sub") && QDir().mkpath(selfOut));
+  for (const auto& [target, name] : {std::pair(b, link), std::pair(selfOut, selfIn)})
+    ASSERT_EQ(::symlink(QFile::encodeName(target).constData(), QFile::encodeName(name).constData()), 0);
+  HotFolder first = folder(), second = folder(), alone = folder(), self = folder();
   first.name = "First";
   first.sourceFolder = a;
   first.destinationFolder = link + "/sub/new";  // inside b, through the link, not made yet
   second.name = "Second";
   second.sourceFolder = b;
   second.destinationFolder = temp_.path() + "/elsewhere";
-  alone.sourceFolder = source_;
-  HotFolders::save({first, second, alone});
+  self.sourceFolder = selfIn;
+  self.destinationFolder = selfOut;
+  HotFolders::save({first, second, alone, self});
   HotFoldersManager manager;
   settle(manager, alone.id, State::watching);
-  settle(manager, first.id, State::refused);
-  settle(manager, second.id, State::refused);
+  const auto settleRefused = [&] {
+    for (const HotFolder& refused : {first, second, self}) settle(manager, refused.id, State::refused);
+  };
+  settleRefused();
+  manager.applyWatchers();  // as a mount of any volume does: nothing is said again
+  settleRefused();
   EXPECT_TRUE(manager.status(first.id).message.contains("Second"));
   EXPECT_TRUE(manager.status(second.id).message.contains("First"));
-  EXPECT_EQ(errorLines(manager), 2);
+  EXPECT_FALSE(manager.status(self.id).message.isEmpty());
+  EXPECT_FALSE(manager.isRunning(self.id));
+  EXPECT_EQ(errorLines(manager), 3);
+  EXPECT_TRUE(manager.recentActivity()[0].sourceFileName.isEmpty());
 
+  self.isEnabled = false;
+  manager.upsert(self);
+  EXPECT_EQ(manager.status(self.id).state, State::disabled);
+  self.isEnabled = true;
+  manager.upsert(self);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return errorLines(manager) == 4; }, 10000));
   first.destinationFolder = temp_.path() + "/out-a";  // the loop undone: both run
   manager.upsert(first);
   settle(manager, first.id, State::watching);
   settle(manager, second.id, State::watching);
 }
 
-TEST_F(HotFoldersManagerTest, ScanReportsProgressOnlyWhileItRunsAndDeletionForgetsTheFolder) {
+TEST_F(HotFoldersManagerTest, ScanReportsProgressOnlyWhileItRunsAPauseStopsItAndDeletionForgetsIt) {
   for (int i = 0; i < 6; ++i) putImage(QStringLiteral("p%1.jpg").arg(i), i);
   HotFoldersManager manager;
   const HotFolder hotFolder = folder();
@@ -209,6 +175,15 @@ TEST_F(HotFoldersManagerTest, ScanReportsProgressOnlyWhileItRunsAndDeletionForge
       60000));
   EXPECT_TRUE(sawProgress);
   EXPECT_EQ(errorLines(manager), 0);
+
+  // A pause stops it, a mount change does not undo the pause, and the setting stays on.
+  manager.setPaused(true);
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  manager.applyWatchers();
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  EXPECT_TRUE(HotFolders::load().at(0).isEnabled);
+  manager.setPaused(false);
+  settle(manager, hotFolder.id, State::watching);
 
   // Saving it unchanged keeps the same watcher; removing it drops its memory, not its files.
   manager.upsert(hotFolder);

@@ -20,7 +20,7 @@ std::optional<ExportProfileList> decode(const std::string& json) {
   return ExportProfiles::listFromJson(QJsonDocument::fromJson(QByteArray::fromStdString(json)));
 }
 
-TEST(ExportProfileJSON, WritesTheStoredFormsAndReadsThemBack) {
+TEST(ExportProfileJSON, WritesTheStoredFormsAndReadsThemBackWithOptionalFieldsMissingOrNull) {
   ExportProfile p = profile(idA, QStringLiteral("Web é"), ImageFormat::webp, 62.5, true);
   p.destinationFolder = QStringLiteral("/home/u/My Pictures");
   p.sizing = {.maxWidth = 1600, .maxBytes = 5000000000, .skipLarger = true};
@@ -32,9 +32,7 @@ TEST(ExportProfileJSON, WritesTheStoredFormsAndReadsThemBack) {
       R"("maxBytes":5000000000,"skipLarger":true},)"
       R"({"id":"1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C","name":"B","format":"jpeg","quality":75,"isDefault":false}])");
   EXPECT_EQ(decode(json), (ExportProfileList{p, profile(idB, "B")}));
-}
-
-TEST(ExportProfileJSON, OptionalFieldsMayBeMissingOrNull) {
+  // Optional fields may be missing or null.
   const auto list =
       decode(R"([{"id":"0b8f3a6e-1c2d-4e5f-8a9b-0c1d2e3f4a5b","name":"A","format":"png","quality":90},
     {"id":"1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C","name":"B","format":"jxl","quality":40,
@@ -65,7 +63,7 @@ TEST(ExportProfileJSON, OneBadEntryFailsTheWholeFile) {
   EXPECT_TRUE(decode("[" + good + "}]"));
 }
 
-TEST(ExportProfileList, UpsertReplacesByIdThenByNameIgnoringCaseElseAppends) {
+TEST(ExportProfileList, UpsertReplacesByIdThenByNameIgnoringCaseElseAppendsAndKeepsOneDefault) {
   ExportProfileList list{profile(idA, "web"), profile(idB, "Print")};
   ExportProfiles::upsert(list, profile(idC, "Mail"));
   ASSERT_EQ(list.size(), 3u);
@@ -76,10 +74,9 @@ TEST(ExportProfileList, UpsertReplacesByIdThenByNameIgnoringCaseElseAppends) {
   // Renaming Print onto Mail removes Mail and keeps Print's id.
   ExportProfiles::upsert(list, profile(idB, "MAIL "));
   EXPECT_EQ(list, (ExportProfileList{profile(fresh, "  Web\n", ImageFormat::png), profile(idB, "MAIL ")}));
-}
 
-TEST(ExportProfileList, OnlyOneDefaultAndDeletingItLeavesNone) {
-  ExportProfileList list{profile(idA, "A", ImageFormat::jpeg, 75, true), profile(idB, "B")};
+  // Only one default, and deleting it leaves none.
+  list = {profile(idA, "A", ImageFormat::jpeg, 75, true), profile(idB, "B")};
   ExportProfiles::upsert(list, profile(idB, "B", ImageFormat::jpeg, 75, true));
   EXPECT_FALSE(list[0].isDefault);
   ExportProfiles::upsert(list, profile(idC, "C"));
@@ -105,7 +102,7 @@ class ExportProfileResolverTest : public StoreFolderTest {
   }
 };
 
-TEST_F(ExportProfileResolverTest, ExplicitValuesWinAndTheProfileFillsTheRest) {
+TEST_F(ExportProfileResolverTest, ExplicitValuesWinOneByOneAndTheProfileFillsTheRest) {
   expect(ExportProfileResolver::resolve(QStringLiteral("wEB"), std::nullopt, std::nullopt, std::nullopt),
          ImageFormat::webp, 80, QStringLiteral("/srv/web"));
   expect(ExportProfileResolver::resolve(QStringLiteral("Web"), 40.0, std::nullopt, QStringLiteral("/out")),
@@ -117,15 +114,14 @@ TEST_F(ExportProfileResolverTest, ExplicitValuesWinAndTheProfileFillsTheRest) {
   ExportProfiles::save(list);
   expect(ExportProfileResolver::resolve(std::nullopt, 10.0, std::nullopt, std::nullopt), ImageFormat::jxl, 10,
          std::nullopt);
-}
 
-TEST_F(ExportProfileResolverTest, GivenSizeOptionsWinOverTheProfilesOneByOne) {
+  // Given size options win over the profile's one by one.
   const CompressionOptions profile{.maxWidth = 1600, .maxHeight = 1200, .maxBytes = 500000};
   EXPECT_EQ(ExportProfileResolver::merged({}, profile), profile);
   EXPECT_EQ(ExportProfileResolver::merged({.maxHeight = 300, .skipLarger = true}, profile),
             (CompressionOptions{.maxWidth = 1600, .maxHeight = 300, .maxBytes = 500000, .skipLarger = true}));
   EXPECT_TRUE(ExportProfileResolver::merged({}, {.skipLarger = true}).skipLarger);
-  ExportProfileList list = ExportProfiles::load();
+  list = ExportProfiles::load();
   list[0].sizing = profile;
   ExportProfiles::save(list);
   EXPECT_EQ(ExportProfileResolver::resolve(QStringLiteral("web"), 1.0, std::nullopt, std::nullopt).sizing,

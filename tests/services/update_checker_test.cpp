@@ -53,30 +53,26 @@ class VersionServer {
   QByteArray lastRequest_;
 };
 
-// Starts a check, which is `checking` at once, and waits (at most 10 s) for its outcome.
-UpdateChecker::State settle(UpdateChecker& checker) {
-  checker.checkNow();
-  EXPECT_EQ(checker.state().kind, Kind::checking);
-  QDeadlineTimer deadline(10000);
-  while (checker.state().kind == Kind::checking && !deadline.hasExpired())
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-  return checker.state();
-}
-
 class UpdateCheckerTest : public ::testing::Test {
  protected:
   void SetUp() override { QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy); }
 
-  // Runs one check at version `current` and waits for it to settle.
-  UpdateChecker::State check(const QString& current) {
-    UpdateChecker checker(server_.baseUrl(), current);
-    return settle(checker);
+  // Runs one check at version `current` against `base` (by default the test's server): it is
+  // `checking` at once, and settles within 10 s.
+  UpdateChecker::State check(const QString& current, std::optional<QUrl> base = std::nullopt) {
+    UpdateChecker checker(base.value_or(server_.baseUrl()), current);
+    checker.checkNow();
+    EXPECT_EQ(checker.state().kind, Kind::checking);
+    QDeadlineTimer deadline(10000);
+    while (checker.state().kind == Kind::checking && !deadline.hasExpired())
+      QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    return checker.state();
   }
 
   VersionServer server_;
 };
 
-TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOffered) {
+TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOfferedAndTransportErrorsAreNamed) {
   using State = UpdateChecker::State;
   const State unreadable = State::failed(Strings::text("settings.updates.unreadableResponse"));
   const State insecure = State::failed(Strings::text("settings.updates.invalidRemoteFile"));
@@ -108,18 +104,13 @@ TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOffered) {
   }
   EXPECT_TRUE(server_.lastRequest().startsWith("GET /version.json HTTP/1.1\r\n"));
   EXPECT_TRUE(server_.lastRequest().toLower().contains("cache-control: no-cache"));
-}
 
-TEST_F(UpdateCheckerTest, UnreachableServerFailsWithTheTransportError) {
+  // No server: a sentence of the string tables, never Qt's English error.
   QTcpServer closed;
   ASSERT_TRUE(closed.listen(QHostAddress::LocalHost, 0));
-  const quint16 port = closed.serverPort();
+  const QUrl nobody(QStringLiteral("http://127.0.0.1:%1").arg(closed.serverPort()));
   closed.close();
-
-  UpdateChecker checker(QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port)), "1.0");
-  EXPECT_EQ(settle(checker).kind, Kind::failed);
-  // A sentence of the string tables, never Qt's English error.
-  EXPECT_EQ(checker.state().message, Strings::text("settings.updates.errorConnection"));
+  EXPECT_EQ(check("1.0", nobody), State::failed(Strings::text("settings.updates.errorConnection")));
   EXPECT_EQ(UpdateChecker::failureText(QNetworkReply::HostNotFoundError),
             Strings::text("settings.updates.errorHostNotFound"));
 }
