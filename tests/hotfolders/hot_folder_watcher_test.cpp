@@ -158,7 +158,7 @@ TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderStoresEachBeforeItsLin
   auto watcher = watch(hotFolder);
   QStringList notYetStored;
   watcher->onActivity = [&, report = watcher->onActivity](const HotFolderActivity& line) {
-    if (HotFolderProcessedStore::folderState(hotFolder.idText()).size() <= reports_.lines().size())
+    if (HotFolderProcessedStore::folderState(hotFolder.idText()).size() <= qsizetype(reports_.lines().size()))
       notYetStored << line.sourceFileName;
     report(line);
   };
