@@ -193,6 +193,7 @@ EncodingPlan plan(const ImageCharacteristics& characteristics, ImageFormat forma
       plan.quality >= 95 || (plan.quality >= 85 && characteristics.colorCountSaturated && photographic);
   plan.effort = pixels <= 2'000'000 ? 2 : pixels <= 12'000'000 ? 1 : 0;
   plan.photographic = photographic || cls == ContentClass::illustration;
+  plan.photo = photographic;
 
   switch (format) {
     case ImageFormat::jpeg:

@@ -53,6 +53,7 @@ struct EncodingPlan {
   float dithering = 0.0f;  // libimagequant's dithering level for the palette, 0 to 1
   bool prefersLossless = false;
   bool photographic = false;  // photo, noisy photo or illustration: no graphic, no screen text
+  bool photo = false;         // photo or noisy photo
   // JPEG XL: lossless at the encoder's light effort, whose memory fits where the plan's
   // effort would not (EncodeCost::allowance).
   bool lightLossless = false;
