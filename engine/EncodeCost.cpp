@@ -40,9 +40,9 @@ struct Measured {
 // pixel at 4:2:0, 6 at 4:4:4, which colour edges or quality 90 choose) while the rows it has
 // read go back; alpha is flattened into a copy first.
 constexpr Measured kJpeg{{7.5, 4 * kMB}, {7.5, 4 * kMB}, 1};
-// HEIC: libheif's RGB copy and YCbCr planes, and x265's frame buffers; 4:4:4 the worst, alpha
-// a second picture.
-constexpr Measured kHeic{{28, 20 * kMB}, {28, 24 * kMB}, 11};
+// HEIC: the YCbCr planes the writer makes for libheif, and x265's frame buffers; 4:4:4 the
+// worst, alpha a second picture.
+constexpr Measured kHeic{{25, 20 * kMB}, {25, 24 * kMB}, 11};
 // AVIF: libavif's YUV planes and aom's buffers; up to 2 megapixels aom searches its screen
 // content tools (speed 5), which cost several times more, on graphics and on some photos too
 // (a 0.5 MP screenshot took 183 bytes a pixel, a 1.9 MP photo 108).

@@ -51,31 +51,86 @@ void initialiseOnce() {
   (void)initialised;
 }
 
-// With `releasable` (the picture's samples), each row goes back to the system once copied.
-HeifImagePtr makeImage(const DecodedImage& image, bool keepAlpha, uint8_t* releasable) {
-  heif_image* raw = nullptr;
-  heif_chroma chroma = keepAlpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB;
-  check("heif_image_create", heif_image_create(image.width, image.height, heif_colorspace_RGB, chroma, &raw));
-  HeifImagePtr heifImage(raw);
-  check("heif_image_add_plane",
-        heif_image_add_plane(raw, heif_channel_interleaved, image.width, image.height, 8));
-  int stride = 0;
-  uint8_t* plane = heif_image_get_plane(raw, heif_channel_interleaved, &stride);
+// Full-range BT.601 luma and colour differences of one sample, rounded as libheif rounds them:
+// libheif turns an RGB picture into these planes itself, at the cost of both beside each other
+// and beside x265; the writer hands it the planes instead, sample for sample the same.
+struct YCbCrMatrix {
+  static constexpr float kr = 0.299f, kb = 0.114f, kg = 1 - kr - kb;
+  static uint8_t round(float v) {
+    const long x = long(v + 0.5f);
+    return uint8_t(std::clamp(x, 0L, 255L));
+  }
+  static uint8_t luma(int r, int g, int b) { return round(float(r) * kr + float(g) * kg + float(b) * kb); }
+  static uint8_t cb(int r, int g, int b) {
+    return round(float(r) * (-kr / (1 - kb) / 2) + float(g) * (-kg / (1 - kb) / 2) + float(b) * 0.5f + 128);
+  }
+  static uint8_t cr(int r, int g, int b) {
+    return round(float(r) * 0.5f + float(g) * (-kg / (1 - kr) / 2) + float(b) * (-kb / (1 - kr) / 2) + 128);
+  }
+};
+
+uint8_t* addPlane(heif_image* image, heif_channel channel, int width, int height, int* stride) {
+  check("heif_image_add_plane", heif_image_add_plane(image, channel, width, height, 8));
+  uint8_t* plane = heif_image_get_plane(image, channel, stride);
   if (!plane)
     fail("heif_image_get_plane", {heif_error_Memory_allocation_error, heif_suberror_Unspecified, ""});
-  const int channels = keepAlpha ? 4 : 3;
+  return plane;
+}
+
+// The picture as the YCbCr planes x265 reads (4:2:0 takes the truncated mean of each 2 x 2
+// block's samples, of 2 or 1 at an odd edge), with its alpha as a plane when kept. With
+// `releasable` (the picture's samples), each row goes back to the system once read.
+HeifImagePtr makeImage(const DecodedImage& image, bool keepAlpha, bool fullChroma, uint8_t* releasable) {
+  const int width = image.width, height = image.height, sub = fullChroma ? 1 : 2;
+  heif_image* raw = nullptr;
+  check("heif_image_create", heif_image_create(width, height, heif_colorspace_YCbCr,
+                                               fullChroma ? heif_chroma_444 : heif_chroma_420, &raw));
+  HeifImagePtr heifImage(raw);
+  // What libheif tells x265 of an RGB picture it converts: BT.601, full range.
+  CHandle<heif_color_profile_nclx, heif_nclx_color_profile_free> nclx(heif_nclx_color_profile_alloc());
+  if (!nclx)
+    fail("heif_nclx_color_profile_alloc",
+         {heif_error_Memory_allocation_error, heif_suberror_Unspecified, ""});
+  nclx->color_primaries = heif_color_primaries_unspecified;
+  nclx->transfer_characteristics = heif_transfer_characteristic_unspecified;
+  nclx->matrix_coefficients = heif_matrix_coefficients_ITU_R_BT_601_6;
+  nclx->full_range_flag = 1;
+  check("heif_image_set_nclx_color_profile", heif_image_set_nclx_color_profile(raw, nclx.get()));
+
+  const int chromaWidth = (width + sub - 1) / sub, chromaHeight = (height + sub - 1) / sub;
+  int yStride = 0, cbStride = 0, crStride = 0, aStride = 0;
+  uint8_t* yPlane = addPlane(raw, heif_channel_Y, width, height, &yStride);
+  uint8_t* cbPlane = addPlane(raw, heif_channel_Cb, chromaWidth, chromaHeight, &cbStride);
+  uint8_t* crPlane = addPlane(raw, heif_channel_Cr, chromaWidth, chromaHeight, &crStride);
+  uint8_t* aPlane = keepAlpha ? addPlane(raw, heif_channel_Alpha, width, height, &aStride) : nullptr;
+
+  const size_t rowBytes = size_t(width) * 4;
   PageRelease::Releaser releaser(releasable);
-  for (int y = 0; y < image.height; ++y) {
-    const uint8_t* src = image.pixels8.data() + size_t(y) * size_t(image.width) * 4;
-    uint8_t* dst = plane + size_t(y) * size_t(stride);
-    if (keepAlpha) {
-      std::memcpy(dst, src, size_t(image.width) * 4);
-    } else {
-      for (int x = 0; x < image.width; ++x, src += 4, dst += channels) {
-        dst[0] = src[0], dst[1] = src[1], dst[2] = src[2];
+  for (int y = 0; y < height; y += sub) {
+    const int rows = std::min(sub, height - y);
+    const uint8_t* row = image.pixels8.data() + size_t(y) * rowBytes;
+    for (int dy = 0; dy < rows; ++dy) {
+      const uint8_t* src = row + size_t(dy) * rowBytes;
+      uint8_t* luma = yPlane + size_t(y + dy) * size_t(yStride);
+      for (int x = 0; x < width; ++x, src += 4) {
+        luma[x] = YCbCrMatrix::luma(src[0], src[1], src[2]);
+        if (aPlane) aPlane[size_t(y + dy) * size_t(aStride) + size_t(x)] = src[3];
       }
     }
-    releaser.readUpTo(size_t(y + 1) * size_t(image.width) * 4);
+    uint8_t* cb = cbPlane + size_t(y / sub) * size_t(cbStride);
+    uint8_t* cr = crPlane + size_t(y / sub) * size_t(crStride);
+    for (int x = 0; x < width; x += sub) {
+      const int columns = std::min(sub, width - x);
+      int sum[3] = {0, 0, 0};
+      for (int dy = 0; dy < rows; ++dy)
+        for (int dx = 0; dx < columns; ++dx)
+          for (int c = 0; c < 3; ++c) sum[c] += row[size_t(dy) * rowBytes + size_t(x + dx) * 4 + size_t(c)];
+      const int n = rows * columns;
+      const int r = sum[0] / n, g = sum[1] / n, b = sum[2] / n;
+      cb[x / sub] = YCbCrMatrix::cb(r, g, b);
+      cr[x / sub] = YCbCrMatrix::cr(r, g, b);
+    }
+    releaser.readUpTo(size_t(y + rows) * rowBytes);
   }
   return heifImage;
 }
@@ -132,7 +187,7 @@ Bytes write(const DecodedImage& image, uint8_t* releasable, bool keepAlpha, cons
   check("heif_encoder_set_parameter_string(chroma)",
         heif_encoder_set_parameter_string(rawEncoder, "chroma", fullChroma ? "444" : "420"));
 
-  HeifImagePtr heifImage = makeImage(image, keepAlpha, releasable);
+  HeifImagePtr heifImage = makeImage(image, keepAlpha, fullChroma, releasable);
   if (icc && !icc->empty()) {
     check("heif_image_set_raw_color_profile",
           heif_image_set_raw_color_profile(heifImage.get(), "prof", icc->data(), icc->size()));

@@ -93,16 +93,6 @@ TEST(LosslessEncoders, RoundTripExactly) {
 
 // --- PNG ---------------------------------------------------------------------------------------
 
-TEST(PngPalette, DecodesCloseToTheSourceWithTransparency) {
-  const RGBABuffer logo = makeBuffer(48, 40, Pattern::flatLogo, 1, true);
-  for (double quality : {1.0, 80.0}) {  // a minimum of 0 means even quality 1 gives a file
-    const Bytes png = PNGQuantEncoder::encodePalette(logo, makePlan(Mode::lossy(quality)));
-    const auto decoded = decodePNG(png);
-    ASSERT_TRUE(decoded);
-    EXPECT_LE(worstVisibleDifference(logo.pixels, decoded->rgba), quality > 50 ? 8 : 128) << quality;
-  }
-}
-
 // The type of each chunk of a PNG file in file order, "bad CRC" for a chunk whose CRC is wrong,
 // and the payload of the last chunk of `type`.
 std::vector<std::string> pngChunks(const Bytes& png, const std::string& type = {}, Bytes* payload = nullptr) {
@@ -120,7 +110,7 @@ std::vector<std::string> pngChunks(const Bytes& png, const std::string& type = {
   return types;
 }
 
-TEST(PngWriterChunks, IndexedFileDecodesWithValidChunksInOrder) {
+TEST(PngPalette, IndexedFileDecodesWithValidChunksInOrderAndCloseToTheSource) {
   const std::vector<PNGWriter::PaletteEntry> palette = {{255, 0, 0, 255}, {0, 255, 0, 128}, {0, 0, 255, 0}};
   const std::vector<uint8_t> indices = {0, 1, 2, 0, 1, 2};
   const Bytes profile = fixtures::displayP3ICC();
@@ -144,6 +134,15 @@ TEST(PngWriterChunks, IndexedFileDecodesWithValidChunksInOrder) {
   const std::vector<PNGWriter::PaletteEntry> opaque = {{1, 2, 3, 255}, {4, 5, 6, 255}, {7, 8, 9, 255}};
   EXPECT_EQ(pngChunks(PNGWriter::writeIndexedPNG(3, 2, indices, opaque, Bytes{})),
             (std::vector<std::string>{"IHDR", "PLTE", "IDAT", "IEND"}));
+
+  // The quantizer's palette of a logo decodes close to it, transparency included; a minimum of 0
+  // means even quality 1 gives a file.
+  const RGBABuffer logo = makeBuffer(48, 40, Pattern::flatLogo, 1, true);
+  for (double quality : {1.0, 80.0}) {
+    const auto back = decodePNG(PNGQuantEncoder::encodePalette(logo, makePlan(Mode::lossy(quality))));
+    ASSERT_TRUE(back);
+    EXPECT_LE(worstVisibleDifference(logo.pixels, back->rgba), quality > 50 ? 8 : 128) << quality;
+  }
 }
 
 // --- WebP --------------------------------------------------------------------------------------
@@ -368,6 +367,24 @@ TEST(NativeEncoder, AlphaIsKeptOnlyWhenThePictureHasItAndJpegFlattensOverWhite) 
     DecodedImage without = decode8(encode(logo, false, format, lossyPlan(80)));
     EXPECT_EQ(pixelAt(without, 1, 1)[3], 255);
     EXPECT_LE(pixelAt(without, 1, 1)[0], 12) << "an opaque copy is drawn over black";
+  }
+}
+
+// The HEIC writer makes x265's colour planes itself: every sample of an odd-sized picture,
+// its last row and column too, comes back in its colour and alpha, subsampled or not.
+TEST(NativeEncoder, HeicPlanesKeepEveryEdgeOfAnOddPicture) {
+  for (const double quality : {75.0, 92.0}) {
+    for (const uint8_t alpha : {uint8_t(255), uint8_t(128)}) {
+      const DecodedImage back = decode8(
+          encode(solid(35, 19, 200, 40, 90, alpha), alpha < 255, ImageFormat::heic, lossyPlan(quality)));
+      ASSERT_EQ(back.pixelCount(), 35u * 19u);
+      int worst = 0;
+      for (size_t i = 0; i < back.pixels8.size(); i += 4) {
+        const int expected[] = {200, 40, 90, alpha};
+        for (int c = 0; c < 4; ++c) worst = std::max(worst, std::abs(back.pixels8[i + c] - expected[c]));
+      }
+      EXPECT_LE(worst, 6) << "quality " << quality << " alpha " << int(alpha);
+    }
   }
 }
 
