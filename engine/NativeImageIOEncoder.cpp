@@ -125,7 +125,7 @@ Bytes write(const DecodedImage& pixels, DecodedImage* consumable, bool keepAlpha
                         : codecs::writeHeic(pixels, keepAlpha, settings, icc);
     }
     default: {
-      const auto settings = codecs::avifSettings(quality, pixels.pixelCount(), plan.photo);
+      const auto settings = codecs::avifSettings(quality, pixels.pixelCount(), plan.continuousTone);
       return consumable ? codecs::writeAvif(std::move(*consumable), keepAlpha, settings, icc)
                         : codecs::writeAvif(pixels, keepAlpha, settings, icc);
     }

@@ -156,6 +156,20 @@ TEST_F(HotFoldersManagerTest, FoldersThatFeedThemselvesOrEachOtherAreRefusedEven
   settle(manager, second.id, State::watching);
 }
 
+// The same when the folders appear after the check: the one that appears is checked again.
+TEST_F(HotFoldersManagerTest, FoldersThatComeToFeedEachOtherAreRefusedWhenOneAppears) {
+  const QString x = temp_.path() + "/x", y = temp_.path() + "/y";
+  HotFolder first = folder(), second = folder();
+  std::tie(first.sourceFolder, first.destinationFolder) = std::pair(x, y + "/out");
+  std::tie(second.sourceFolder, second.destinationFolder) = std::pair(y, x);
+  HotFolders::save({first, second});
+  HotFoldersManager manager({.retryInterval = std::chrono::milliseconds(50)});
+  settle(manager, first.id, State::waitingForFolder);
+  ASSERT_TRUE(QDir().mkpath(x));
+  settle(manager, first.id, State::refused);
+  settle(manager, second.id, State::refused);
+}
+
 TEST_F(HotFoldersManagerTest, ScanReportsProgressOnlyWhileItRunsAPauseStopsItAndDeletionForgetsIt) {
   for (int i = 0; i < 6; ++i) putImage(QStringLiteral("p%1.jpg").arg(i), i);
   HotFoldersManager manager;
