@@ -73,11 +73,27 @@ fuzz: deps
 	done
 	cd build-fuzz && bin/request_reader_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=2048
 
+# Every process the tests start (the CLI, the service, helpers) writes its AddressSanitizer and
+# LeakSanitizer reports to build-asan/sanitizer-reports/report.PROGRAM.PID, so that a report from
+# a child process whose exit status a test expected fails the run too; each report is printed at
+# the end, and any error among them (a warning alone is shown but passes) fails the run. UBSan
+# (which this toolchain's combined runtime lets write to standard error only) stops the process.
+SANITIZER_REPORTS := $(CURDIR)/build-asan/sanitizer-reports
 asan: deps
 	@test -f build-asan/build.ninja || cmake --preset asan
 	cmake --build build-asan -j $(JOBS)
-	LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
-		scripts/run-tests build-asan
+	rm -rf $(SANITIZER_REPORTS) && mkdir -p $(SANITIZER_REPORTS)
+	@status=0; \
+	LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp:print_suppressions=0 \
+	ASAN_OPTIONS=log_path=$(SANITIZER_REPORTS)/report:log_exe_name=1:print_suppressions=0 \
+	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1:log_path=$(SANITIZER_REPORTS)/report:log_exe_name=1 \
+		scripts/run-tests build-asan || status=$$?; \
+	for report in $(SANITIZER_REPORTS)/report.*; do \
+	  [ -e "$$report" ] || continue; echo "=== $$report"; cat "$$report"; \
+	  if grep -qE 'ERROR: [A-Za-z]+Sanitizer|runtime error:' "$$report"; then status=1; fi; \
+	done; \
+	[ $$status -eq 0 ] && echo "make asan: no sanitizer reports" || echo "make asan: FAILED (reports above, or failing tests)"; \
+	exit $$status
 
 clean:
 	rm -rf $(BUILD) build-asan build-release build-package build-fuzz
