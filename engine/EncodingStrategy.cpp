@@ -193,7 +193,8 @@ EncodingPlan plan(const ImageCharacteristics& characteristics, ImageFormat forma
       plan.quality >= 95 || (plan.quality >= 85 && characteristics.colorCountSaturated && photographic);
   plan.effort = pixels <= 2'000'000 ? 2 : pixels <= 12'000'000 ? 1 : 0;
   plan.photographic = photographic || cls == ContentClass::illustration;
-  plan.photo = photographic;
+  plan.continuousTone =
+      plan.photographic && (characteristics.colorCountSaturated || characteristics.distinctColorCount > 4096);
 
   switch (format) {
     case ImageFormat::jpeg:

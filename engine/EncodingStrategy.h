@@ -53,7 +53,9 @@ struct EncodingPlan {
   float dithering = 0.0f;  // libimagequant's dithering level for the palette, 0 to 1
   bool prefersLossless = false;
   bool photographic = false;  // photo, noisy photo or illustration: no graphic, no screen text
-  bool photo = false;         // photo or noisy photo
+  // Photographic with more than 4,096 colours: not a drawing of few colours, whose flat areas
+  // would start an encoder's screen content tools.
+  bool continuousTone = false;
   // JPEG XL: lossless at the encoder's light effort, whose memory fits where the plan's
   // effort would not (EncodeCost::allowance).
   bool lightLossless = false;

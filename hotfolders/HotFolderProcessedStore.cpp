@@ -2,6 +2,7 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QStringDecoder>
 #include <QStringList>
 #include <algorithm>
 #include <mutex>
@@ -86,6 +87,19 @@ OuterMap::iterator find(OuterMap& outer, const QString& hotFolderID) {
 }
 
 }  // namespace
+
+QString nameKey(const std::string& name) {
+  QStringDecoder utf8(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+  QString text = utf8(QByteArrayView(name));
+  if (!utf8.hasError()) return text;
+  return QLatin1Char('/') + QString::fromLatin1(QByteArray::fromStdString(name).toPercentEncoding());
+}
+
+std::string fileNameOf(const QString& key) {
+  if (key.startsWith(QLatin1Char('/')))
+    return QByteArray::fromPercentEncoding(key.mid(1).toLatin1()).toStdString();
+  return key.toStdString();
+}
 
 HotFolderProcessedMap folderState(const QString& hotFolderID) {
   std::lock_guard lock(storeLock());

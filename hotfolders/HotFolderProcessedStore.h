@@ -18,6 +18,7 @@
 #include <functional>
 #include <optional>
 #include <set>
+#include <string>
 #include <tuple>
 
 namespace quillane {
@@ -41,11 +42,18 @@ struct HotFolderProcessedEntry {
   bool operator==(const HotFolderProcessedEntry&) const = default;
 };
 
-using HotFolderProcessedMap = QMap<QString, HotFolderProcessedEntry>;  // file name -> entry
+using HotFolderProcessedMap = QMap<QString, HotFolderProcessedEntry>;  // nameKey(file name) -> entry
 
 namespace HotFolderProcessedStore {
 
 inline constexpr char fileName[] = "hotFolderProcessed.json";
+
+// How the map (and an entry's "output") names a file: its name where its bytes are UTF-8, else
+// "/" and its bytes percent-encoded. No file name holds "/", so two names never share a key,
+// as they would once decoded with their invalid bytes replaced.
+QString nameKey(const std::string& name);
+// The file name's bytes that `key` stands for.
+std::string fileNameOf(const QString& key);
 
 // The map of `hotFolderID` (upper-case id text); empty when it has none.
 HotFolderProcessedMap folderState(const QString& hotFolderID);

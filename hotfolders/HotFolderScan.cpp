@@ -98,7 +98,8 @@ bool hasSize(const std::string& path, int64_t size) {
 }  // namespace
 
 struct HotFolderWatcher::Candidate {
-  QString name;  // the store's key and the activity line's; lossy where the bytes are no UTF-8
+  QString name;  // the activity line's; lossy where the bytes are no UTF-8
+  QString key;   // the store's, HotFolderProcessedStore::nameKey
   std::string fileName;
   std::string path;
   int64_t size;
@@ -163,9 +164,9 @@ std::vector<HotFolderWatcher::Candidate> HotFolderWatcher::pick(const HotFolderP
   std::vector<ListedFile> listed;
   std::vector<ImageFormat> formats;
   for (const FolderEntry& file : *listing) {
-    const QString name = QFile::decodeName(file.fileName.c_str());
-    seenNames.insert(name);
-    const auto entry = known.constFind(name);
+    const QString key = HotFolderProcessedStore::nameKey(file.fileName);
+    seenNames.insert(key);
+    const auto entry = known.constFind(key);
     if (entry != known.constEnd() && entry->sizeBytes == file.size &&
         entry->modificationDate == file.modificationDate)
       continue;
@@ -173,7 +174,13 @@ std::vector<HotFolderWatcher::Candidate> HotFolderWatcher::pick(const HotFolderP
     const std::string path = folder + file.fileName;
     const std::optional<ImageFormat> format = ImageFormats::detect(path);
     if (!format) continue;
-    candidates.push_back({name, file.fileName, path, file.size, file.modificationDate, {}});
+    candidates.push_back({QFile::decodeName(file.fileName.c_str()),
+                          key,
+                          file.fileName,
+                          path,
+                          file.size,
+                          file.modificationDate,
+                          {}});
     listed.push_back({path, file.size, file.modificationDate});
     formats.push_back(*format);
   }
@@ -236,13 +243,14 @@ void HotFolderWatcher::name(std::vector<Candidate>& candidates, const Settings& 
   ExportFilenameAllocator allocator(folder, inputPaths);
   const std::string extension(ImageFormats::fileExtension(settings.format));
   for (Candidate& candidate : candidates) {
-    const std::optional<HotFolderProcessedEntry::Output> ownOutput = known.value(candidate.name).output;
+    const std::optional<HotFolderProcessedEntry::Output> ownOutput = known.value(candidate.key).output;
     const std::string base = candidate.fileName.substr(0, candidate.fileName.rfind('.'));
     for (;;) {
       candidate.destinationFilename = allocator.filename(base, extension);
       struct stat st {};
       if (::lstat((folder + candidate.destinationFilename).c_str(), &st) != 0) break;  // free
-      if (ownOutput && QFile::encodeName(ownOutput->name).toStdString() == candidate.destinationFilename &&
+      if (ownOutput &&
+          HotFolderProcessedStore::fileNameOf(ownOutput->name) == candidate.destinationFilename &&
           ownOutput->identity == identityOf(st))
         break;  // this source's own earlier output
     }
@@ -290,10 +298,10 @@ void HotFolderWatcher::record(const Candidate& candidate, const ImageCompression
     HotFolderProcessedEntry entry{candidate.size, candidate.modificationDate, std::nullopt};
     struct stat st {};
     if (result.destination && ::stat(result.destination->c_str(), &st) == 0) {
-      entry.output = {QFile::decodeName(candidate.destinationFilename.c_str()), identityOf(st)};
+      entry.output = {HotFolderProcessedStore::nameKey(candidate.destinationFilename), identityOf(st)};
     }
     HotFolderProcessedStore::update(
-        hotFolder_.idText(), [&](HotFolderProcessedMap& files) { files.insert(candidate.name, entry); });
+        hotFolder_.idText(), [&](HotFolderProcessedMap& files) { files.insert(candidate.key, entry); });
   }
   MutexLock lock(reportLock_);
   HotFolderActivity line{

@@ -168,8 +168,11 @@ void HotFoldersManager::watcherStateChanged(const QUuid& hotFolderID, quint64 se
   if (it == watchers_.end() || serials_.value(hotFolderID) != serial) return;
   const HotFolder& folder = it->second->hotFolder();
   if (state == HotFolderWatcher::State::watching) {
+    // A folder that has just appeared may close a loop that the last check could not see.
+    const bool appeared = status(folder.id).state == Status::State::waitingForFolder;
     unstartedHotFolderIDs_.remove(folder.id);
     setStatus(folder.id, {Status::State::watching, {}});
+    if (appeared) applyWatchers();
   } else if (state == HotFolderWatcher::State::waitingForFolder) {
     setStatus(folder.id, {Status::State::waitingForFolder, {}});
     noteCouldNotStart(folder, unreadableSourceText());

@@ -44,7 +44,7 @@ int quantizerFor(double quality) {
 
 }  // namespace
 
-AvifSettings avifSettings(double quality, size_t pixelCount, bool photo) {
+AvifSettings avifSettings(double quality, size_t pixelCount, bool continuousTone) {
   double q = std::clamp(quality, 0.0, 1.0);
   AvifSettings s;
   int quantizer = quantizerFor(q);
@@ -56,10 +56,11 @@ AvifSettings avifSettings(double quality, size_t pixelCount, bool photo) {
   s.maxQuantizerAlpha = quantizer / 2;
   // Speed 6 finds aom's screen-content tools (palette coding), which make screenshots several
   // times smaller, but on a 12-megapixel screenshot it runs for minutes. Speed 8 keeps every
-  // picture within a few seconds on one core. On a photo, speed 6 costs three times speed 8 and
-  // takes 12 to 48 % off the bytes at equal butteraugli, so photos keep it up to 12 megapixels
-  // (about 2 s): a small photo also costs less than a large one (bench/README.md, "AVIF").
-  const size_t carefulLimit = photo ? kAvifCarefulPhotoPixelLimit : kAvifCarefulPixelLimit;
+  // picture within a few seconds on one core. On a photograph, speed 6 costs three times speed 8
+  // and takes 12 to 52 % off the bytes at equal butteraugli, so continuous tone keeps it up to 12
+  // megapixels (about 2 s): a small photo also costs less than a large one (bench/README.md,
+  // "AVIF photographs").
+  const size_t carefulLimit = continuousTone ? kAvifCarefulPhotoPixelLimit : kAvifCarefulPixelLimit;
   s.speed = pixelCount <= carefulLimit ? 6 : 8;
   // Pictures with sharp colour edges (those the automatic layout writes at 4:4:4) are mostly
   // screen content, where speed 5's tools take about a tenth off the bytes at equal fidelity,

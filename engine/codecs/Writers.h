@@ -80,13 +80,13 @@ struct AvifSettings {
   int colourEdgeSpeed = 5;  // for pictures with sharp colour edges (see `usesFullChroma`)
   ChromaLayout chroma = ChromaLayout::automatic;  // full from a 0...1 quality of 0.9 on
 };
-// Up to this many pixels aom runs at its careful speed; above, at a faster one. A photo keeps
-// the careful speed up to the larger limit, where it takes about a quarter off its bytes at
-// equal butteraugli (drawings there would start aom's screen content search: four times the
-// memory).
+// Up to this many pixels aom runs at its careful speed; above, at a faster one. A continuous-tone
+// picture (`EncodingPlan::continuousTone`) keeps the careful speed up to the larger limit, where
+// it takes about a quarter off its bytes at equal butteraugli (a picture of few colours there
+// would start aom's screen content search: four times the memory).
 inline constexpr size_t kAvifCarefulPixelLimit = 2'000'000;
 inline constexpr size_t kAvifCarefulPhotoPixelLimit = 12'000'000;
-AvifSettings avifSettings(double quality, size_t pixelCount, bool photo = false);
+AvifSettings avifSettings(double quality, size_t pixelCount, bool continuousTone = false);
 
 // AV1 still image through libavif and aom; alpha kept when `keepAlpha`; the profile as ICC
 // colour information when given.

@@ -12,6 +12,7 @@
 #include <QJsonObject>
 #include <QSettings>
 #include <QTemporaryDir>
+#include <QTest>
 #include <QThread>
 #include <atomic>
 #include <chrono>
@@ -31,24 +32,12 @@
 
 namespace quillane::testing {
 
-// Turns the GUI thread's event loop until `done()` or the limit.
-template <class Predicate>
-bool spinUntil(Predicate done, std::chrono::milliseconds limit = std::chrono::seconds(30)) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    QThread::msleep(1);
-  }
-  return true;
-}
-
 // Runs `work` on a thread of its own and turns the event loop until it returns.
 template <class Work>
 auto offThread(Work work) {
   auto future = std::async(std::launch::async, std::move(work));
-  spinUntil([&] { return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
-            std::chrono::seconds(120));
+  EXPECT_TRUE(QTest::qWaitFor(
+      [&] { return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }, 120000));
   return future.get();
 }
 
@@ -67,8 +56,9 @@ class StateLog {
       std::lock_guard lock(mutex_);
       return index < states_.size() ? std::optional(states_[index]) : std::nullopt;
     };
-    spinUntil([&] { return at().has_value(); }, std::chrono::seconds(10));
-    return at().value_or(LocalAPIListenerState{LocalAPIListenerState::Kind::failed, "no state reported", 0});
+    return QTest::qWaitFor([&] { return at().has_value(); }, 10000)
+               ? *at()
+               : LocalAPIListenerState{LocalAPIListenerState::Kind::failed, "no state reported", 0};
   }
   void clear() {
     std::lock_guard lock(mutex_);
@@ -163,12 +153,14 @@ class RouterFixture : public ApiSandbox {
   }
 
   bool waitUntilSettled() {
-    return spinUntil([&] {
-      if (model_->isEncoding() || model_->hasPendingRecompute()) return false;
-      for (const auto& image : model_->images())
-        if (image->encodeState().isEncoding()) return false;
-      return true;
-    });
+    return QTest::qWaitFor(
+        [&] {
+          if (model_->isEncoding() || model_->hasPendingRecompute()) return false;
+          for (const auto& image : model_->images())
+            if (image->encodeState().isEncoding()) return false;
+          return true;
+        },
+        30000);
   }
 
   std::string token_;

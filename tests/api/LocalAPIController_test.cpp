@@ -17,7 +17,6 @@ namespace quillane {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::spinUntil;
 
 class ControllerTest : public testing::ApiSandbox {
  protected:
@@ -77,21 +76,22 @@ TEST_F(ControllerTest, ReportsAFailedBindAndRestartsOnANewPort) {
   LocalAPISettings::setEnabled(true);
   LocalAPISettings::setPort(blocker.serverPort());
   auto& controller = make();  // enabled: it starts by itself
-  ASSERT_TRUE(spinUntil([&] { return controller.lastError().has_value(); }, 5s));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return controller.lastError().has_value(); }, 5000));
   EXPECT_FALSE(controller.isRunning());
 
   int first = testing::freeLocalPort();
   LocalAPISettings::setPort(first);
   controller.start();
   EXPECT_FALSE(controller.isRunning()) << "running only once the listener is ready";
-  ASSERT_TRUE(spinUntil([&] { return controller.isRunning(); }, 5s));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return controller.isRunning(); }, 5000));
   EXPECT_EQ(controller.lastError(), std::nullopt) << "cleared by the next ready";
   EXPECT_EQ(statusCode(first), 200);
 
   int second = testing::freeLocalPort();
   LocalAPISettings::setPort(second);
   controller.start();
-  ASSERT_TRUE(spinUntil([&] { return controller.isRunning() && controller.boundPort() == second; }, 5s));
+  ASSERT_TRUE(
+      QTest::qWaitFor([&] { return controller.isRunning() && controller.boundPort() == second; }, 5000));
   EXPECT_EQ(statusCode(second), 200);
   EXPECT_FALSE(testing::RawConnection(first).connected());
 }
@@ -104,7 +104,7 @@ TEST_F(ControllerTest, TheTokenExistsAsSoonAsTheAPIRunsAndRequestsWithoutItAreRe
   LocalAPISettings::setEnabled(true);
   LocalAPISettings::setPort(testing::freeLocalPort());
   auto& controller = make();
-  ASSERT_TRUE(spinUntil([&] { return controller.isRunning(); }, 5s));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return controller.isRunning(); }, 5000));
   const std::string token =
       LocalAPISettings::store()->value(LocalAPISettings::tokenKey).toString().toStdString();
   ASSERT_FALSE(token.empty());

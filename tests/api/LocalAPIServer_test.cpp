@@ -12,7 +12,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::httpExchange;
 using testing::RawConnection;
-using testing::spinUntil;
 using Kind = LocalAPIListenerState::Kind;
 
 // Answers with what it was given, so that each test sees how the request was read; "/slow"
@@ -178,7 +177,7 @@ TEST_F(ServerTest, ASlowRouteHoldsUpNothingAndIsAnsweredAfterAStopOrClosedWhenAb
     RawConnection slow(port), reading(port);
     slow.send("GET /slow\r\n\r\n");
     reading.send("GET /a\r\n");
-    ASSERT_TRUE(spinUntil([&] { return router_.pendingCount() == 1; }, 5s));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return router_.pendingCount() == 1; }, 5000));
     reading.send("\r\n");  // finished reading while the first request waits for its route
     EXPECT_EQ(reading.readResponse(5s).body, pathBody("\\/a"));
     EXPECT_TRUE(slow.readSome(100ms).empty());
@@ -212,7 +211,7 @@ TEST_F(ServerTest, HundredsOfConcurrentConnectionsAreServedWithoutLeakingDescrip
     return ok;
   });
   EXPECT_EQ(served, count - count / 10);
-  EXPECT_TRUE(spinUntil([&] { return testing::openDescriptorCount() <= before; }, 10s))
+  EXPECT_TRUE(QTest::qWaitFor([&] { return testing::openDescriptorCount() <= before; }, 10000))
       << testing::openDescriptorCount() << " descriptors open, " << before << " before";
   server_->stop();
   EXPECT_EQ(log_.waitFor(1).kind, Kind::cancelled);
@@ -230,7 +229,7 @@ TEST_F(ServerTest, ClientsBeyondTheCapWaitAndBufferedBytesHaveOneBudgetForAll) {
   RawConnection first(port), second(port);
   first.send("POST /first HTTP/1.1\r\nContent-Length: 1\r\n\r\n");
   second.send("POST /second HTTP/1.1\r\nContent-Length: 1\r\n\r\n");
-  ASSERT_TRUE(spinUntil([&] { return heads->load() == 2; }, 5s));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return heads->load() == 2; }, 5000));
   RawConnection third(port);
   third.send("GET /third\r\n\r\n");
   EXPECT_TRUE(third.readSome(200ms).empty()) << "two places, both taken by requests with their headers";

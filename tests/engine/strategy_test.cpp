@@ -182,6 +182,18 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   fewColours.distinctColorCount = 1'025;
   EXPECT_FALSE(EncodingStrategy::losslessMayWin(ImageFormat::jxl, fewColours, Mode::lossy(80)));
   EXPECT_TRUE(EncodingStrategy::losslessMayWin(ImageFormat::jxl, fewColours, Mode::lossy(81)));
+
+  // Continuous tone (AVIF's careful speed on large pictures) needs many colours: a noisy drawing
+  // of few colours would start aom's screen content search; a screenshot never has it.
+  const auto continuous = [](ContentClass cls, int colours, bool saturated) {
+    auto c = picture(cls, 2000, 1500, 0, 0, saturated);
+    c.distinctColorCount = colours;
+    return EncodingStrategy::plan(c, ImageFormat::avif, 75).continuousTone;
+  };
+  EXPECT_TRUE(continuous(ContentClass::photo, 16'384, true));
+  EXPECT_TRUE(continuous(ContentClass::illustration, 4'097, false));
+  EXPECT_FALSE(continuous(ContentClass::noisyPhoto, 437, false));
+  EXPECT_FALSE(continuous(ContentClass::screenText, 16'384, true));
 }
 
 // ---- The cost model ----

@@ -3,11 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
-#include <QDeadlineTimer>
 #include <QNetworkProxy>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTest>
 
 #include "services/Strings.h"
 #include "services/UpdateChecker.h"
@@ -63,9 +62,7 @@ class UpdateCheckerTest : public ::testing::Test {
     UpdateChecker checker(base.value_or(server_.baseUrl()), current);
     checker.checkNow();
     EXPECT_EQ(checker.state().kind, Kind::checking);
-    QDeadlineTimer deadline(10000);
-    while (checker.state().kind == Kind::checking && !deadline.hasExpired())
-      QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return checker.state().kind != Kind::checking; }, 10000));
     return checker.state();
   }
 
