@@ -282,7 +282,10 @@ void BatchViewModel::restoreSettings() {
 void BatchViewModel::restoreSession() {
   const std::optional<QJsonDocument> document = JSONFileStore::load(kSessionFile);
   const std::vector<Snapshot> snapshots = document ? decodeSession(*document) : std::vector<Snapshot>{};
-  if (snapshots.empty()) return;
+  if (snapshots.empty()) {
+    emit sessionRestored();
+    return;
+  }
   QList<QUrl> urls;
   for (const Snapshot& snapshot : snapshots) urls.push_back(snapshot.sourceURL);
   inspectConcurrently(
@@ -300,7 +303,10 @@ void BatchViewModel::restoreSession() {
         appendImported(image);
         scheduleEncode(image, false);
       },
-      [this] { persistImportSession(); });
+      [this] {
+        persistImportSession();
+        emit sessionRestored();
+      });
 }
 
 }  // namespace quillane

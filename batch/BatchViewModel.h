@@ -268,6 +268,9 @@ class BatchViewModel : public QObject {
   void exportProfilesChanged();
   void appliedProfileNameChanged();
   void hasPendingRecomputeChanged();
+  // The restore of importSession.json started at construction has ended: each saved row is back
+  // or listed among the failures (sent also when there was nothing to restore).
+  void sessionRestored();
 
  private:
   struct InspectionRun;

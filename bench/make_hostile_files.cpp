@@ -120,6 +120,25 @@ int main(int argc, char** argv) {
                                     16u << 20);
   });
   write("truncated-16384-16bit.png", [] { return fixtures::starvedPng(16384, 16384, 16, 174 << 10, true); });
+  // Cut short: the pictures' samples must not be touched beyond what their data reaches.
+  write("starved-16384-interlaced.png",
+        [] { return fixtures::starvedPng(16384, 16384, 8, 2 << 20, false, true); });
+  write("cut-8192.jpg", [] {
+    const fixtures::Bytes jpeg = fixtures::jpeg(fixtures::quadrants(8192, 8192));
+    return fixtures::Bytes(jpeg.begin(), jpeg.begin() + std::ptrdiff_t(jpeg.size() / 4));
+  });
+  write("cut-16383-lossless.webp", [] {
+    const fixtures::Bytes webp = fixtures::webp(fixtures::quadrants(16383, 16383), {.lossless = true});
+    return fixtures::cutWebp(webp, webp.size() / 2);
+  });
+  write("cut-8192-lossy.webp", [] {
+    const fixtures::Bytes webp = fixtures::webp(fixtures::quadrants(8192, 8192), {.lossless = false});
+    return fixtures::cutWebp(webp, webp.size() / 2);
+  });
+  write("cut-6144-lossy.jxl", [] {
+    const fixtures::Bytes jxl = fixtures::jxl(fixtures::quadrants(6144, 6144), {.lossless = false});
+    return fixtures::Bytes(jxl.begin(), jxl.begin() + std::ptrdiff_t(jxl.size() / 2));
+  });
   write("100000.png", [] { return fixtures::starvedPng(100000, 100000, 8, 1000, false); });
   write("sparse-1.9GB.png", [] { return fixtures::blackPng(16384, 16384); });
   if (std::string("sparse-1.9GB.png").find(only) != std::string::npos &&

@@ -2,11 +2,40 @@
 // A decoded frame: the system's picture type between the reader and the encoders.
 
 #include <cstdint>
+#include <memory>
+#include <new>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "engine/ColorSpace.h"
 
 namespace quillane {
+
+// An allocator whose default construction leaves a sample unset: growing a vector of samples
+// (`resize(n)`, or constructing it with a size) neither writes nor touches the new memory, so
+// that a large picture's pages are faulted in only as its rows are written. Whoever grows such
+// a vector writes every sample before anything reads it.
+template <class T>
+struct UninitializedAllocator : std::allocator<T> {
+  template <class U>
+  struct rebind {
+    using other = UninitializedAllocator<U>;
+  };
+  UninitializedAllocator() = default;
+  template <class U>
+  UninitializedAllocator(const UninitializedAllocator<U>&) noexcept {}
+  template <class U>
+  void construct(U* p) noexcept(std::is_nothrow_default_constructible_v<U>) {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <class U, class... Args>
+  void construct(U* p, Args&&... args) {
+    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
+};
+template <class T>
+using SampleVector = std::vector<T, UninitializedAllocator<T>>;
 
 enum class AlphaInfo {
   none,           // opaque: the alpha samples are all at their maximum
@@ -16,14 +45,15 @@ enum class AlphaInfo {
 
 // Pixels are always four interleaved samples R, G, B, A, row-major from the top, with no
 // padding between rows. An 8-bit image fills `pixels8`, a 16-bit one `pixels16` (native
-// endianness). Grey and CMYK sources arrive here already converted to RGB.
+// endianness). Grey and CMYK sources arrive here already converted to RGB. Growing either leaves
+// the new samples unset (SampleVector).
 struct DecodedImage {
   int width = 0;
   int height = 0;
   int bitsPerComponent = 8;  // 8 or 16
   AlphaInfo alpha = AlphaInfo::none;
-  std::vector<uint8_t> pixels8;
-  std::vector<uint16_t> pixels16;
+  SampleVector<uint8_t> pixels8;
+  SampleVector<uint16_t> pixels16;
   ColorSpace colorSpace;
 
   bool empty() const { return width <= 0 || height <= 0; }

@@ -275,7 +275,7 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
                                                "needs more memory than the machine has");
   // A writer that reads the decoded frame needs of the buffer only its hasAlpha: its samples
   // served the analysis alone, and go before the writer makes its 8-bit copy.
-  if (keepDecoded) std::vector<uint8_t>().swap(pictures.rgba.pixels);
+  if (keepDecoded) SampleVector<uint8_t>().swap(pictures.rgba.pixels);
   if (isNative(format) && !keepDecoded) {
     // Opaque 8 bits: the buffer's samples are the frame's, with alpha at 255.
     pictures.decoded.width = pictures.rgba.width;

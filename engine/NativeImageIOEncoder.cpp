@@ -39,7 +39,8 @@ void flattenPixel(const Sample* src, uint8_t* dst, AlphaInfo alpha, bool overWhi
 }
 
 template <class Sample>
-void flattenAll(const std::vector<Sample>& src, std::vector<uint8_t>& dst, AlphaInfo alpha, bool overWhite) {
+void flattenAll(const SampleVector<Sample>& src, SampleVector<uint8_t>& dst, AlphaInfo alpha,
+                bool overWhite) {
   const size_t n = dst.size() / 4;
   for (size_t i = 0; i < n; ++i) flattenPixel(&src[i * 4], &dst[i * 4], alpha, overWhite);
 }

@@ -79,9 +79,9 @@ inline uint8_t nearest8(uint32_t value) { return uint8_t((value * 2 + 257) / 514
   throw ImageProcessingError::contextCreationFailed("cannot allocate " + std::to_string(bytes) + " bytes");
 }
 
-std::vector<uint8_t> allocatePixels(size_t bytes) {
+SampleVector<uint8_t> allocatePixels(size_t bytes) {
   try {
-    return std::vector<uint8_t>(bytes);
+    return SampleVector<uint8_t>(bytes);
   } catch (const std::bad_alloc&) {
     failAllocation(bytes);
   }
@@ -97,7 +97,7 @@ void checkShape(const DecodedImage& image) {
 }
 
 // 8-bit sources, converted in place in a copy of their samples.
-bool convert8(AlphaInfo alpha, std::vector<uint8_t>& pixels) {
+bool convert8(AlphaInfo alpha, SampleVector<uint8_t>& pixels) {
   const size_t count = pixels.size() / 4;
   uint8_t* p = pixels.data();
   switch (alpha) {

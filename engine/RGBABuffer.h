@@ -15,8 +15,8 @@ namespace quillane {
 struct RGBABuffer {
   int width = 0;
   int height = 0;
-  std::vector<uint8_t> pixels;  // width * height * 4, row-major from the top
-  bool hasAlpha = false;        // some pixel has alpha below 255
+  SampleVector<uint8_t> pixels;  // width * height * 4, row-major from the top; growing leaves it unset
+  bool hasAlpha = false;         // some pixel has alpha below 255
   ColorSpace colorSpace;
 
   RGBABuffer() = default;

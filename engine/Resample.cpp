@@ -47,7 +47,7 @@ struct SourceOf {
 // Copies whole pixels (four samples) in tiles, so that the quarter turns read each source
 // row from cache rather than from memory once per pixel.
 template <class T>
-void reorder(const std::vector<T>& in, std::vector<T>& out, int outW, int outH, SourceOf source) {
+void reorder(const SampleVector<T>& in, SampleVector<T>& out, int outW, int outH, SourceOf source) {
   using Pixel = std::conditional_t<sizeof(T) == 1, uint32_t, uint64_t>;
   constexpr int kTile = 32;
   out.resize(in.size());
@@ -92,7 +92,7 @@ Coverage coverage(int source, int target) {
 }
 
 template <class T>
-DecodedImage downscale(const DecodedImage& image, const std::vector<T>& px, int outW, int outH) {
+DecodedImage downscale(const DecodedImage& image, const SampleVector<T>& px, int outW, int outH) {
   const float maxValue = float(T(~T(0)));
   const bool weighByAlpha = image.alpha == AlphaInfo::straight;
   Coverage cx = coverage(image.width, outW), cy = coverage(image.height, outH);
@@ -160,7 +160,7 @@ DecodedImage toEightBit(DecodedImage image) {
   image.pixels8.resize(image.pixels16.size());
   for (size_t i = 0; i < image.pixels16.size(); ++i)
     image.pixels8[i] = uint8_t((image.pixels16[i] + 128u) / 257u);
-  std::vector<uint16_t>().swap(image.pixels16);
+  SampleVector<uint16_t>().swap(image.pixels16);
   image.bitsPerComponent = 8;
   return image;
 }
@@ -235,7 +235,7 @@ const std::vector<float>& decodeTable() {
 }
 
 template <class T>
-void linearResize(const DecodedImage& image, const std::vector<T>& px, std::vector<T>& outPx, int outW,
+void linearResize(const DecodedImage& image, const SampleVector<T>& px, SampleVector<T>& outPx, int outW,
                   int outH) {
   const float maxValue = float(T(~T(0)));
   const std::vector<float>& linear = decodeTable<T>();

@@ -32,6 +32,7 @@ int main(int argc, char** argv) {
       {"png/text", [&] { return fixtures::withTextChunks(fixtures::png(photo), 3, 1 << 20); }},
       {"png/starved", [&] { return fixtures::starvedPng(4096, 4096, 8, 2048, false); }},
       {"png/truncated", [&] { return fixtures::starvedPng(2048, 2048, 16, 2048, true); }},
+      {"png/starved_interlaced", [&] { return fixtures::starvedPng(4096, 4096, 8, 2048, false, true); }},
       {"jpeg/plain", [&] { return fixtures::jpeg(photo, {.orientation = 3, .icc = fixtures::srgbICC()}); }},
       {"jpeg/progressive", [&] { return fixtures::jpeg(quarters, {.quality = 70, .progressive = true}); }},
       {"jpeg/grey", [&] { return fixtures::jpeg(quarters, {.grey = true}); }},
@@ -39,6 +40,11 @@ int main(int argc, char** argv) {
        [&] { return fixtures::cmykJpeg(8, 8, Bytes(size_t(8 * 8 * 4), 90), fixtures::cmykICC()); }},
       {"webp/lossy", [&] { return fixtures::webp(photo, {.icc = fixtures::srgbICC(), .orientation = 8}); }},
       {"webp/lossless", [&] { return fixtures::webp(quarters, {.lossless = true}); }},
+      {"webp/cut",
+       [&] {
+         const Bytes webp = fixtures::webp(fixtures::quadrants(160, 128), {.lossless = true});
+         return fixtures::cutWebp(webp, webp.size() / 2);
+       }},
       {"webp/animated",
        [&] {
          return fixtures::animatedWebp({quarters, quarters});
@@ -62,6 +68,11 @@ int main(int argc, char** argv) {
       {"jxl/lossy",
        [&] { return fixtures::jxl(quarters, {.lossless = false, .icc = fixtures::displayP3ICC()}); }},
       {"jxl/animated", [&] { return fixtures::jxl(wide, {.frames = 2}); }},
+      {"jxl/cut",
+       [&] {
+         const Bytes jxl = fixtures::jxl(coded, {.lossless = false});
+         return Bytes(jxl.begin(), jxl.begin() + std::ptrdiff_t(jxl.size() / 2));
+       }},
   };
   try {
     for (const auto& [name, make] : seeds) {

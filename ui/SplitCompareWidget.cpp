@@ -34,10 +34,10 @@ QImage toQImage(DecodedImage&& image) {
   const QImage::Format fmt = image.alpha == AlphaInfo::premultiplied ? QImage::Format_RGBA8888_Premultiplied
                                                                      : QImage::Format_RGBA8888;
   // The QImage owns the pixels from here: a full picture of 48 MP is not copied.
-  auto* pixels = new std::vector<uint8_t>(std::move(image.pixels8));
+  auto* pixels = new SampleVector<uint8_t>(std::move(image.pixels8));
   return QImage(
       pixels->data(), image.width, image.height, qsizetype(image.width) * 4, fmt,
-      [](void* owned) { delete static_cast<std::vector<uint8_t>*>(owned); }, pixels);
+      [](void* owned) { delete static_cast<SampleVector<uint8_t>*>(owned); }, pixels);
 }
 
 CompressedCaption compressedCaption(const ImportedImage& image) {

@@ -82,24 +82,29 @@ ColorSpace colorSpaceOf(heif_image_handle* handle) {
   }
 }
 
-// Copies libheif's interleaved rows into `image`, widening samples of `bits` bits to 16.
+// Copies libheif's interleaved rows into `image`, widening samples of `bits` bits to 16; rows
+// without alpha come out opaque.
 void copyPixels(const uint8_t* plane, int stride, int channels, int bits, DecodedImage& image) {
   const size_t width = size_t(image.width);
   for (int y = 0; y < image.height; ++y) {
     const uint8_t* row = plane + size_t(y) * size_t(stride);
     if (image.bitsPerComponent == 8) {
       uint8_t* out = image.pixels8.data() + size_t(y) * width * 4;
-      for (size_t x = 0; x < width; ++x)
+      for (size_t x = 0; x < width; ++x) {
         for (int c = 0; c < channels; ++c) out[x * 4 + size_t(c)] = row[x * size_t(channels) + size_t(c)];
+        if (channels == 3) out[x * 4 + 3] = 0xFF;
+      }
     } else {
       const double scale = 65535.0 / double((1u << bits) - 1);
       uint16_t* out = image.pixels16.data() + size_t(y) * width * 4;
-      for (size_t x = 0; x < width; ++x)
+      for (size_t x = 0; x < width; ++x) {
         for (int c = 0; c < channels; ++c) {
           uint16_t v;
           std::memcpy(&v, row + (x * size_t(channels) + size_t(c)) * 2, 2);  // little-endian host
           out[x * 4 + size_t(c)] = uint16_t(std::min(65535.0, std::round(v * scale)));
         }
+        if (channels == 3) out[x * 4 + 3] = 0xFFFF;
+      }
     }
   }
 }
@@ -242,7 +247,8 @@ std::optional<DecodedImage> decodeReduced(heif_image_handle* handle, int minLong
       for (int c = 0; c < 3; ++c)
         out[ox * 4 + c] =
             uint8_t(std::lround(sums.colour(size_t(ox), size_t(c), count) / planes[c]->max * 255));
-      if (alpha) out[ox * 4 + 3] = uint8_t(std::lround(sums.alpha(size_t(ox), count) / planes[3]->max * 255));
+      out[ox * 4 + 3] =
+          alpha ? uint8_t(std::lround(sums.alpha(size_t(ox), count) / planes[3]->max * 255)) : uint8_t(0xFF);
     }
   }
   image.colorSpace = colorSpaceOf(handle);

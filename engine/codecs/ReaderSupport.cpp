@@ -47,9 +47,9 @@ DecodedImage reserveImage(int width, int height, int bitsPerComponent, AlphaInfo
 void growImage(DecodedImage& image, size_t rows) {
   const size_t samples = std::min(rows, size_t(image.height)) * size_t(image.width) * 4;
   if (image.bitsPerComponent == 16) {
-    if (samples > image.pixels16.size()) image.pixels16.resize(samples, 0xFFFF);
+    if (samples > image.pixels16.size()) image.pixels16.resize(samples);
   } else if (samples > image.pixels8.size()) {
-    image.pixels8.resize(samples, 0xFF);
+    image.pixels8.resize(samples);
   }
 }
 

@@ -115,13 +115,14 @@ void checkSize(uint64_t width, uint64_t height);
 // Throws kTooLarge when `pixels` at `bytesPerPixel` would not fit in the memory the process
 // can have: the machine's physical memory, or its address-space limit when that is lower.
 void checkFitsInMemory(uint64_t pixels, uint64_t bytesPerPixel);
-// An 8- or 16-bit RGBA image of the given size, every sample at its maximum (so that readers
-// that write no alpha leave it opaque).
+// An 8- or 16-bit RGBA image of the given size, its samples unset and their memory untouched:
+// the reader writes all four samples of every pixel (alpha too, when the source has none), and
+// a file whose data ends early costs only the pages of the rows it reached.
 DecodedImage allocateImage(int width, int height, int bitsPerComponent, AlphaInfo alpha);
-// The same with its samples' storage reserved and nothing written, for a reader that fills it
-// row by row through growImage: a file whose data ends early touches only the rows it filled.
+// The same with its samples' storage reserved and none of them yet in the picture, for a reader
+// that adds it row by row through growImage.
 DecodedImage reserveImage(int width, int height, int bitsPerComponent, AlphaInfo alpha);
-// The first `rows` rows of a reserved image, new samples at their maximum; never moves them.
+// The first `rows` rows of a reserved image, new samples unset; never moves them.
 void growImage(DecodedImage& image, size_t rows);
 
 // Every reader also reads from a ByteSource (a file read as its library asks): it is rewound

@@ -3,6 +3,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSignalSpy>
 
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/TestImages.h"
@@ -97,9 +98,9 @@ TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
   auto o = options();
   o.restoreSession = true;
   auto& model = makeModel(o);
+  QSignalSpy restored(&model, &BatchViewModel::sessionRestored);
   EXPECT_TRUE(model.images().empty()) << "restoring is queued after construction";
-  ASSERT_TRUE(
-      QTest::qWaitFor([&] { return model.images().size() == 4 && !model.importFailures().empty(); }, 3000));
+  ASSERT_TRUE(restored.wait(3000));
   ASSERT_TRUE(waitIdle());
   EXPECT_EQ(names(), (QStringList{"e.png", "a.png", "b.png", "c.png"}));
   EXPECT_EQ(std::pair(model.quality(), model.outputFormat()), std::pair(30.0, ImageFormat::webp))
@@ -123,7 +124,8 @@ TEST_F(ImportTest, EmptyCorruptOrMalformedSessionStartsEmptyAndIsLeftAlone) {
     auto o = options();
     o.restoreSession = true;
     auto& model = makeModel(o);
-    QTest::qWait(100);
+    QSignalSpy restored(&model, &BatchViewModel::sessionRestored);
+    ASSERT_TRUE(restored.wait(3000)) << content.constData();
     EXPECT_TRUE(model.images().empty()) << content.constData();
     EXPECT_EQ(readSession(), content);
   }

@@ -94,7 +94,7 @@ EncodingPlan makePlan(EncodingPlan::Mode mode, int effort) {
   return plan;
 }
 
-int maxDifference(const Bytes& a, const Bytes& b) {
+int maxDifference(std::span<const uint8_t> a, std::span<const uint8_t> b) {
   if (a.size() != b.size()) return 256;
   int worst = 0;
   for (size_t i = 0; i < a.size(); ++i) worst = std::max(worst, std::abs(int(a[i]) - int(b[i])));

@@ -38,7 +38,7 @@ std::optional<DecodedJXL> decodeJXL(std::span<const uint8_t> jxl);
 EncodingPlan makePlan(EncodingPlan::Mode mode, int effort = 2);
 
 // Largest difference of any sample between two pictures of the same size (256 if not).
-int maxDifference(const Bytes& a, const Bytes& b);
+int maxDifference(std::span<const uint8_t> a, std::span<const uint8_t> b);
 // Mean absolute difference of the colour samples of two 8-bit pictures (1e9 if not the same size).
 double meanColourError(const DecodedImage& a, const DecodedImage& b);
 

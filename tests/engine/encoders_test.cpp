@@ -18,6 +18,7 @@
 #include <cmath>
 #include <functional>
 #include <random>
+#include <span>
 #include <string>
 
 #include "engine/CHandle.h"
@@ -49,7 +50,7 @@ std::optional<Bytes> rgbaOf(const std::optional<Decoded>& decoded) {
 
 // Largest difference of the colour samples where the source is not fully transparent, and of
 // every alpha sample.
-int worstVisibleDifference(const Bytes& source, const Bytes& decoded) {
+int worstVisibleDifference(std::span<const uint8_t> source, std::span<const uint8_t> decoded) {
   int worst = 0;
   for (size_t i = 0; i < source.size(); i += 4)
     for (size_t c = source[i + 3] == 0 ? 3 : 0; c < 4; ++c)

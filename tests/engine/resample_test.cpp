@@ -10,6 +10,7 @@
 #include "engine/codecs/Readers.h"
 #include "tests/engine/encoder_test_support.h"
 #include "tests/support/CodecFixtures.h"
+#include "tests/support/TestImages.h"
 
 namespace quillane {
 namespace {
@@ -147,7 +148,7 @@ using Bytes = std::vector<uint8_t>;
 DecodedImage image8(int width, int height, AlphaInfo alpha, Bytes pixels) {
   DecodedImage image;
   image.width = width, image.height = height, image.alpha = alpha;
-  image.pixels8 = std::move(pixels);
+  image.pixels8.assign(pixels.begin(), pixels.end());
   return image;
 }
 

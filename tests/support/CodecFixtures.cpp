@@ -355,8 +355,9 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
   return out;
 }
 
-Bytes starvedPng(uint32_t width, uint32_t height, int bitDepth, size_t dataBytes, bool truncated) {
-  Bytes out = pngHeader(width, height, bitDepth, 6, false), idat;
+Bytes starvedPng(uint32_t width, uint32_t height, int bitDepth, size_t dataBytes, bool truncated,
+                 bool interlaced) {
+  Bytes out = pngHeader(width, height, bitDepth, 6, interlaced), idat;
   std::mt19937 random(7);
   auto noise = [&](Bytes& in) {
     in.resize(1 << 16);
@@ -366,6 +367,15 @@ Bytes starvedPng(uint32_t width, uint32_t height, int bitDepth, size_t dataBytes
   chunk(idat, "IDAT", deflateAll(noise, 9, dataBytes));
   out.insert(out.end(), idat.begin(), truncated ? idat.end() - std::ptrdiff_t(idat.size() / 4) : idat.end());
   if (!truncated) chunk(out, "IEND", {});
+  return out;
+}
+
+Bytes cutWebp(const Bytes& webp, size_t keep) {
+  keep &= ~size_t(1);  // chunks are of even length
+  if (keep < 20 || keep > webp.size()) throw std::invalid_argument("cutWebp");
+  Bytes out(webp.begin(), webp.begin() + std::ptrdiff_t(keep));
+  for (const auto& [at, value] : {std::pair<size_t, size_t>{4, keep - 8}, {16, keep - 20}})
+    for (size_t i = 0; i < 4; ++i) out[at + i] = uint8_t(value >> (8 * i));
   return out;
 }
 

@@ -75,7 +75,11 @@ Bytes png(const DecodedImage& image, const PngOptions& options = {});
 // A PNG of `width` x `height`, 8-bit RGBA, whose image data (`dataBytes` of deflated noise) can
 // fill only a part of it; `truncated` cuts the file inside its image data, otherwise it ends
 // properly with IEND.
-Bytes starvedPng(uint32_t width, uint32_t height, int bitDepth, size_t dataBytes, bool truncated);
+Bytes starvedPng(uint32_t width, uint32_t height, int bitDepth, size_t dataBytes, bool truncated,
+                 bool interlaced = false);
+// The first `keep` bytes of a simple WebP (one VP8 or VP8L chunk), its RIFF and chunk sizes
+// rewritten to match: a well-formed file whose bitstream ends early.
+Bytes cutWebp(const Bytes& webp, size_t keep);
 // `png` with `chunks` zTXt chunks inserted after its header, each inflating to `inflatedBytes`
 // of zeros (a few hundred bytes of text a megabyte of inflated data, none of it used).
 Bytes withTextChunks(const Bytes& png, int chunks, size_t inflatedBytes);

@@ -23,7 +23,7 @@ void require(bool ok, const char* what) {
 void require(heif_error error, const char* what) { require(error.code == heif_error_Ok, what); }
 
 Bytes eightBit(const DecodedImage& image) {
-  if (image.bitsPerComponent == 8) return image.pixels8;
+  if (image.bitsPerComponent == 8) return Bytes(image.pixels8.begin(), image.pixels8.end());
   Bytes out(image.pixels16.size());
   for (size_t i = 0; i < out.size(); ++i) out[i] = uint8_t((image.pixels16[i] + 128) / 257);
   return out;

@@ -1,12 +1,22 @@
 #pragma once
 // Test pictures made in code from a seed, so that no binary fixtures are needed.
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "engine/DecodedImage.h"
 #include "engine/RGBABuffer.h"
+
+namespace quillane {
+// A picture's samples compare with plain bytes (and words) element by element, so that tests can
+// state the samples they expect as a vector.
+template <class T>
+bool operator==(const SampleVector<T>& samples, const std::vector<T>& expected) {
+  return std::equal(samples.begin(), samples.end(), expected.begin(), expected.end());
+}
+}  // namespace quillane
 
 namespace quillane::testing {
 
