@@ -1,6 +1,7 @@
 #include "automation/CompressImagesIntent.h"
 
 #include <QDir>
+#include <QFile>
 #include <QUrl>
 #include <cerrno>
 #include <cstring>
@@ -103,6 +104,15 @@ QString localPath(const QString& pathOrURL) {
   return pathOrURL;
 }
 
+// The same path as the file system's bytes. A URL's escapes are undone byte by byte, so that a
+// name that is not UTF-8 ("caf%E9.png", the only way a bus string can carry it) names its file.
+std::string localPathBytes(const QString& pathOrURL) {
+  if (!pathOrURL.startsWith(QLatin1String("file:"))) return QFile::encodeName(pathOrURL).toStdString();
+  const QUrl url(pathOrURL);
+  if (!url.isLocalFile()) return QFile::encodeName(url.toLocalFile()).toStdString();
+  return QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1()).toStdString();
+}
+
 // Refuses a path argument that is not absolute once a file:// URL is read.
 void requireAbsolute(const char* argument, const QString& pathOrURL) {
   if (!QDir::isAbsolutePath(localPath(pathOrURL)))
@@ -159,10 +169,9 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
   // Fresh for every call, one per folder written into: files of one call never take each
   // other's names, nor an input's.
   std::vector<std::string> inputs;
-  for (const QString& file : files) inputs.push_back(localPath(file).toStdString());
+  for (const QString& file : files) inputs.push_back(localPathBytes(file));
   std::map<std::string, ExportFilenameAllocator> allocators;
   const std::string_view extension = ImageFormats::fileExtension(resolved.format);
-  const QString extensionText = QString::fromUtf8(extension.data(), qsizetype(extension.size()));
   QStringList outputs;
   for (const std::string& path : inputs) {
     if (callerGone && callerGone()) throw CallerGoneError();
@@ -170,19 +179,20 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
     const std::string folder =
         besideSources ? source.parent_path().string() : resolved.outputDirectory->toStdString();
     auto allocator = allocators.try_emplace(folder, folder, inputs).first;
-    const QString base = QString::fromStdString(source.filename().stem().string());
-    QString name = allocator->second.filename(base, extensionText);
+    // The name in bytes, so that one that is not UTF-8 keeps them.
+    const std::string base = source.filename().stem().string();
+    std::string name = allocator->second.filename(base, std::string(extension));
     // Beside the sources nothing is replaced: a name already taken on disk is passed over.
-    while (besideSources && std::filesystem::exists(std::filesystem::path(folder) / name.toStdString()))
-      name = allocator->second.filename(base, extensionText);
+    while (besideSources && std::filesystem::exists(std::filesystem::path(folder) / name))
+      name = allocator->second.filename(base, std::string(extension));
     const CompressionBudget::Claim claim = CompressionBudget::process().claim(
         CompressionCost::fileCostMB(path, resolved.format, resolved.quality));
     const ImageCompressionResult result =
-        ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name.toStdString(), false,
+        ImageCompressor::compress(path, folder, resolved.format, resolved.quality, name, false,
                                   ExportProfileResolver::merged(options, resolved.sizing));
     if (result.skipped) continue;
     if (!result.destination) throw CompressionFailedError(source.filename().string(), result.error);
-    outputs.append(QString::fromStdString(*result.destination));
+    outputs.append(QFile::decodeName(QByteArray::fromStdString(*result.destination)));
   }
   return outputs;
 }

@@ -9,6 +9,7 @@
 
 #include "engine/Encoders.h"
 #include "engine/ImageDecoder.h"
+#include "engine/codecs/Writers.h"
 
 namespace quillane::EncodeCost {
 namespace {
@@ -45,7 +46,8 @@ constexpr Measured kJpeg{{7.5, 4 * kMB}, {7.5, 4 * kMB}, 1};
 constexpr Measured kHeic{{25, 20 * kMB}, {25, 24 * kMB}, 11};
 // AVIF: libavif's YUV planes and aom's buffers; up to 2 megapixels aom searches its screen
 // content tools (speed 5), which cost several times more, on graphics and on some photos too
-// (a 0.5 MP screenshot took 183 bytes a pixel, a 1.9 MP photo 108).
+// (a 0.5 MP screenshot took 183 bytes a pixel, a 1.9 MP photo 108); photos keep speed 6 up to
+// 12 megapixels, where aom may turn to those tools as well (a 2.3 MP drawing took 112).
 constexpr Measured kAvif{{26, 24 * kMB}, {26, 24 * kMB}, 5};
 constexpr Measured kAvifCareful{{100, 24 * kMB}, {125, 30 * kMB}, 5};
 // WebP: lossy converts to YUV 4:2:0 beside the words it reads, alpha a plane of its own;
@@ -53,6 +55,9 @@ constexpr Measured kAvifCareful{{100, 24 * kMB}, {125, 30 * kMB}, 5};
 // fewer on graphics.
 constexpr Measured kWebPLossy{{6.5, 2 * kMB}, {8, 2 * kMB}, 7};
 constexpr Measured kWebPLossless{{36, 14 * kMB}, {14, 4 * kMB}, 1};
+// At effort 2 (up to 2 megapixels) libwebp's lossless search of a real screenshot took some
+// 26 MB whatever its size and 48 bytes a pixel beyond (a 0.65 MP screenshot: 58 MB).
+constexpr Measured kWebPLosslessCareful{{42, 14 * kMB}, {50, 26 * kMB}, 1};
 // JPEG XL (libjxl 0.7): lossy holds the frame in floats three times over (above 8 megapixels
 // one strip of it at a time, encodingBytes); at effort 7 its patch search on graphics costs as
 // much as lossless. Lossless holds every sample as a 32-bit
@@ -62,22 +67,27 @@ constexpr Measured kJxlLossyCareful{{40, 10 * kMB}, {182, 10 * kMB}, 15};
 constexpr Measured kJxlLossless{{74, 10 * kMB}, {182, 10 * kMB}, 4};
 constexpr Measured kJxlLosslessCareful{{100, 10 * kMB}, {182, 10 * kMB}, 4};
 constexpr Measured kJxlLosslessLight{{74, 10 * kMB}, {45, 10 * kMB}, 8};
+constexpr Figure kTranscode{40, 10 * kMB};
 // PNG: libimagequant's histogram of a many-coloured picture (larger at its slower speeds) and
 // its remapped rows; the truecolour writer's filtered rows and deflate output.
 constexpr Measured kPngPalette{{32, 25 * kMB}, {23, 4 * kMB}, 0};
 constexpr Measured kPngPaletteFast{{8, 30 * kMB}, {8, 30 * kMB}, 0};
 constexpr Measured kPngTruecolour{{13.5, 4 * kMB}, {12.5, 2 * kMB}, 0};
 
-const Measured& measured(ImageFormat format, Kind kind, int effort, uint64_t pixels) {
+const Measured& measured(ImageFormat format, Kind kind, int effort, uint64_t pixels, bool graphic) {
   switch (format) {
     case ImageFormat::jpeg:
       return kJpeg;
     case ImageFormat::heic:
       return kHeic;
     case ImageFormat::avif:
-      return pixels <= 2'000'000 ? kAvifCareful : kAvif;
+      // aom's slower speed runs up to 2 megapixels, and for photos up to 12 (codecs::avifSettings).
+      return pixels <= codecs::kAvifCarefulPixelLimit ||
+                     (!graphic && pixels <= codecs::kAvifCarefulPhotoPixelLimit)
+                 ? kAvifCareful
+                 : kAvif;
     case ImageFormat::webp:
-      return kind == Kind::lossy ? kWebPLossy : kWebPLossless;
+      return kind == Kind::lossy ? kWebPLossy : effort >= 2 ? kWebPLosslessCareful : kWebPLossless;
     case ImageFormat::jxl:
       if (kind == Kind::lossy) return effort >= 2 ? kJxlLossyCareful : kJxlLossy;
       return effort < 0 ? kJxlLosslessLight : effort >= 2 ? kJxlLosslessCareful : kJxlLossless;
@@ -118,7 +128,7 @@ uint64_t allowance(uint64_t pixels) { return std::max(pixels * kBytesPerPixel, k
 uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int effort, int width, int height,
                        bool graphic, bool alpha) {
   const uint64_t pixels = uint64_t(std::max(width, 0)) * uint64_t(std::max(height, 0));
-  const Measured& m = measured(format, mode.kind, effort, pixels);
+  const Measured& m = measured(format, mode.kind, effort, pixels, graphic);
   auto cost = [&](uint64_t n) {
     const uint64_t extra = alpha ? uint64_t(std::ceil(m.alphaBytesPerPixel * double(n))) : 0;
     return (graphic ? m.graphic : m.photo).at(n) + extra;
@@ -133,8 +143,12 @@ uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int e
 uint64_t encodingBytes(ImageFormat format, const EncodingPlan& plan, const EncodingPlan::Mode& mode,
                        const ImageCharacteristics& characteristics) {
   const bool light = plan.lightLossless && mode.kind == Kind::lossless;
-  return encodingBytes(format, mode, light ? -1 : plan.effort, characteristics.width, characteristics.height,
-                       isGraphic(characteristics.contentClass), characteristics.hasAlpha);
+  // A PNG plan that prefers lossless writes truecolour whatever its mode says.
+  const EncodingPlan::Mode written =
+      format == ImageFormat::png && plan.prefersLossless ? EncodingPlan::Mode::lossless() : mode;
+  return encodingBytes(format, written, light ? -1 : plan.effort, characteristics.width,
+                       characteristics.height, isGraphic(characteristics.contentClass),
+                       characteristics.hasAlpha);
 }
 
 bool fitsInMemory(uint64_t bytes) {
@@ -173,6 +187,11 @@ uint64_t peakBytes(const Source& source, ImageFormat target, double quality) {
       encoding = std::max(encoding, cost);
     }
   }
+  // A JPEG of quality 90 and above is first repackaged as JPEG XL beside its decoded picture:
+  // libjxl holds its coefficients and the frame it makes of them (a 64-megapixel progressive
+  // JPEG took 20 bytes a pixel, an 18-megapixel photo 36).
+  if (target == ImageFormat::jxl && source.format == ImageFormat::jpeg && quality >= 90)
+    encoding = std::max(encoding, pixels * 4 + kTranscode.at(pixels));
   const uint64_t decode = uint64_t(decodeBytesPerPixel(source.format) * double(pixels));
   return source.fileBytes + std::max(decode, encoding);
 }

@@ -19,7 +19,7 @@ namespace quillane::EncodeCost {
 // full effort, whose files are up to six times smaller than the light effort's. The strategy plans every
 // encoding within it where the format has a cheaper way (EncodingStrategy::plan); lossy JPEG XL up to 8
 // megapixels (40 to 47 bytes a pixel in libjxl 0.7; above, it goes in strip by strip), HEIC and AVIF at 4:4:4
-// (26 to 28) and lossless WebP of a photograph (36) have none, and claim what they take.
+// (25 to 26) and lossless WebP of a photograph (36) have none, and claim what they take.
 inline constexpr uint64_t kBytesPerPixel = 16;
 inline constexpr uint64_t kSmallPictureBytes = 1536ull << 20;
 uint64_t allowance(uint64_t pixels);

@@ -168,6 +168,15 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
       CompressImagesIntent::fromArguments({jpeg}, "jpeg", 30, {}, temp_.filePath("in/sub")).perform();
   EXPECT_EQ(written, QStringList{temp_.filePath("in/sub/pic-2.jpg")});
   EXPECT_EQ(testing::readBytes(jpeg.toStdString()), original);
+  // A name that is not UTF-8 reaches it as a URL's escapes, and its output keeps the bytes.
+  const std::string odd = QFile::encodeName(temp_.filePath("in/sub/caf")).toStdString() + "\xe9";
+  testing::writeBytes(odd + ".png", fixtures::png(testing::makeImage(40, 30, testing::Pattern::photo, 7)));
+  const QByteArray url = "file://" + QByteArray::fromStdString(odd + ".png").toPercentEncoding("/");
+  EXPECT_EQ(
+      CompressImagesIntent::fromArguments({QString::fromLatin1(url)}, "jpeg", 30, {}, {}).perform().size(),
+      1);
+  EXPECT_EQ(::unlink((odd + ".jpg").c_str()), 0) << "no output under the source's own bytes";
+  ::unlink((odd + ".png").c_str());  // a name the temporary folder's clean-up can't read
 }
 
 TEST_F(CompressCommand, ProfilesFillWhatIsNotGivenExplicitly) {

@@ -50,7 +50,8 @@ TEST_F(HotFolderRecordsTest, DamagedFilesReadEmpty) {
     EXPECT_TRUE(HotFolders::load().empty()) << key;
   }
   for (const QByteArray& bytes : {QByteArray(R"({"A":{"a.png":{"sizeBytes":1}}})"), QByteArray(R"([1])"),
-                                  QByteArray(R"({"A":{"a.png":{"sizeBytes":1,"modif)")}) {
+                                  QByteArray(R"({"A":{"a.png":{"sizeBytes":1,"modif)"),
+                                  QByteArray(R"({"A":{},"formerOutputs":[{"outputDevice":1}]})")}) {
     writeStoreFile("hotFolderProcessed.json", bytes);
     EXPECT_TRUE(HotFolderProcessedStore::folderState("A").isEmpty()) << bytes.toStdString();
   }
@@ -73,6 +74,30 @@ TEST_F(HotFolderRecordsTest, ProcessedMapsKeepFullPrecisionAndStayApartPerFolder
             QByteArray(R"({"A":{},"B":{"b.png":{"sizeBytes":3,"modificationDate":4}}})"));
   HotFolderProcessedStore::remove("B");
   EXPECT_EQ(readStoreFile("hotFolderProcessed.json"), QByteArray(R"({"A":{}})"));
+}
+
+// An output stays known after its entry goes, whether pruned or with its whole folder, up to
+// the bound, beyond which the oldest goes first.
+TEST_F(HotFolderRecordsTest, OutputsOfForgottenEntriesStayKnownUpToTheBound) {
+  const auto identity = [](uint64_t inode) { return HotFolderProcessedEntry::Identity{7, inode, 3, 4.5}; };
+  const auto withOutput = [&](uint64_t inode) {
+    return HotFolderProcessedEntry{1, 2, HotFolderProcessedEntry::Output{"o.jpg", identity(inode)}};
+  };
+  HotFolderProcessedStore::update(
+      "A", [&](HotFolderProcessedMap& files) { files.insert("x.png", withOutput(1)); });
+  HotFolderProcessedStore::pruneProcessedState("A", {"x.png"});
+  EXPECT_TRUE(HotFolderProcessedStore::folderState("A").isEmpty());
+  EXPECT_EQ(HotFolderProcessedStore::outputs(), std::set{identity(1)});
+
+  const uint64_t last = HotFolderProcessedStore::formerOutputsKept + 1;
+  HotFolderProcessedStore::update("B", [&](HotFolderProcessedMap& files) {
+    for (uint64_t inode = 2; inode <= last; ++inode) files.insert(QString::number(inode), withOutput(inode));
+  });
+  HotFolderProcessedStore::remove("B");
+  const std::set<HotFolderProcessedEntry::Identity> kept = HotFolderProcessedStore::outputs();
+  EXPECT_EQ(kept.size(), HotFolderProcessedStore::formerOutputsKept);
+  EXPECT_FALSE(kept.count(identity(1)));
+  EXPECT_TRUE(kept.count(identity(2)) && kept.count(identity(last)));
 }
 
 TEST_F(HotFolderRecordsTest, ConcurrentUpdatesOfTwoFoldersLoseNothing) {

@@ -21,6 +21,15 @@ namespace {
 using namespace std::chrono_literals;
 using State = HotFolderWatcher::State;
 
+// Removes files by their bytes when the test ends, however it ends: the temporary folder's own
+// removal cannot remove a name that is no UTF-8, and would leave the whole folder behind.
+struct UnlinkAtExit {
+  std::vector<std::string> paths;
+  ~UnlinkAtExit() {
+    for (const std::string& path : paths) ::unlink(path.c_str());
+  }
+};
+
 class HotFolderWatcherTest : public HotFolderSandbox {
  protected:
   void TearDown() override {
@@ -144,8 +153,10 @@ TEST_F(HotFolderWatcherTest, MemoryAcrossRestartsTakesOnlyChangedAndRenamedFiles
 // (a crash later in the scan does not compress it again), and a name that is no UTF-8 keeps
 // its bytes.
 TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderStoresEachBeforeItsLineAndIgnoresWhatIsNoImage) {
+  const UnlinkAtExit oddNames{{QFile::encodeName(source_).toStdString() + "/caf\xE9.png",
+                               QFile::encodeName(destination_).toStdString() + "/caf\xE9.jpg"}};
   for (const char* name : {"a.webp", "a.png", "a.jpeg"}) putImage(name);  // JPEG bytes whatever the name
-  writeBytes(QFile::encodeName(source_).toStdString() + "/caf\xE9.png", jpegBytes(2));
+  writeBytes(oddNames.paths[0], jpegBytes(2));
   writeBytes(pathOf("notes.jpg"), {'h', 'e', 'l', 'l', 'o'});
   writeBytes(pathOf(".hidden.jpg"), jpegBytes(3));
   ASSERT_TRUE(QDir(source_).mkdir("sub"));
@@ -183,6 +194,9 @@ TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderStoresEachBeforeItsLin
 // each is compressed once, and a changed one replaces its own output.
 TEST_F(HotFolderWatcherTest, NamesThatDecodeAlikeAreTwoFiles) {
   const std::string source = QFile::encodeName(source_).toStdString() + "/caf";
+  const std::string destination = QFile::encodeName(destination_).toStdString() + "/caf";
+  const UnlinkAtExit oddNames{
+      {source + "\xE9.png", source + "\xE8.png", destination + "\xE9.jpg", destination + "\xE8.jpg"}};
   writeBytes(source + "\xE9.png", jpegBytes(1));
   writeBytes(source + "\xE8.png", jpegBytes(2));
   auto watcher = scanned(folder(), 2);
@@ -191,12 +205,8 @@ TEST_F(HotFolderWatcherTest, NamesThatDecodeAlikeAreTwoFiles) {
   watcher->scanOnce();
   EXPECT_EQ(reports_.lines().size(), 3u);
   for (const HotFolderActivity& line : reports_.lines()) EXPECT_FALSE(line.error);
-  const std::string destination = QFile::encodeName(destination_).toStdString() + "/caf";
   EXPECT_EQ(::access((destination + "\xE8.jpg").c_str(), F_OK), 0);
   EXPECT_NE(::access((destination + "\xE9-2.jpg").c_str(), F_OK), 0);
-  for (const std::string& path :
-       {source + "\xE9.png", source + "\xE8.png", destination + "\xE9.jpg", destination + "\xE8.jpg"})
-    ::unlink(path.c_str());  // which the temporary folder's removal would not find
 }
 
 TEST_F(HotFolderWatcherTest, DestinationThatCannotBeMadeFailsEachFileAndEachScanTriesAgainSilently) {
@@ -310,7 +320,8 @@ TEST_F(HotFolderWatcherTest, OnlyTheFoldersOwnOutputsAreReplacedAndNoneIsTakenBa
   const std::string theirs = QFile::encodeName(destination_ + "/userfile.jpg").toStdString();
   writeBytes(theirs, {'m', 'i', 'n', 'e'});
   putImage(QStringLiteral("userfile.png"));  // JPEG bytes whatever the name
-  auto watcher = scanned(folder());
+  const HotFolder hotFolder = folder();
+  auto watcher = scanned(hotFolder);
   EXPECT_EQ(readBytes(theirs), (std::vector<uint8_t>{'m', 'i', 'n', 'e'}));
   EXPECT_EQ(outputs(), (QStringList{"userfile-2.jpg", "userfile.jpg"}));
 
@@ -321,6 +332,18 @@ TEST_F(HotFolderWatcherTest, OnlyTheFoldersOwnOutputsAreReplacedAndNoneIsTakenBa
   EXPECT_EQ(outputs(), (QStringList{"userfile-2.jpg", "userfile.jpg"}));
 
   ASSERT_TRUE(QFile::rename(destination_ + "/userfile-2.jpg", source_ + "/moved.jpg"));
+  watcher->scanOnce();
+  EXPECT_EQ(reports_.lines().size(), 2u);
+
+  // Nor once its source is deleted first and forgotten (the folder still lists a file).
+  ASSERT_TRUE(QFile::rename(source_ + "/moved.jpg", destination_ + "/userfile-2.jpg"));
+  ASSERT_TRUE(QFile::remove(source_ + "/userfile.png"));
+  writeBytes(pathOf("notes.txt"), {'h', 'i'});
+  watcher->scanOnce();
+  ASSERT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
+  ASSERT_EQ(
+      ::link(QFile::encodeName(destination_ + "/userfile-2.jpg").constData(), pathOf("linked.jpg").c_str()),
+      0);
   watcher->scanOnce();
   EXPECT_EQ(reports_.lines().size(), 2u);
 }
