@@ -61,7 +61,8 @@ Stored read() {
     for (auto folder = root.begin(); folder != root.end(); ++folder) {
       if (folder.key() == QLatin1String(kFormerOutputsKey)) {
         if (!folder.value().isArray()) return {};
-        for (const QJsonValue& record : folder.value().toArray()) {
+        const QJsonArray records = folder.value().toArray();
+        for (const QJsonValue record : records) {
           if (!record.isObject()) return {};
           stored.formerOutputs.push_back(identityOf(record.toObject(), QStringLiteral("output")));
         }

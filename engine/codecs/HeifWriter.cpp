@@ -57,7 +57,8 @@ void initialiseOnce() {
 struct YCbCrMatrix {
   static constexpr float kr = 0.299f, kb = 0.114f, kg = 1 - kr - kb;
   static uint8_t round(float v) {
-    const long x = long(v + 0.5f);
+    // libheif's own rounding (a float sum truncated), kept so the planes match its own.
+    const long x = long(v + 0.5f);  // NOLINT(bugprone-incorrect-roundings)
     return uint8_t(std::clamp(x, 0L, 255L));
   }
   static uint8_t luma(int r, int g, int b) { return round(float(r) * kr + float(g) * kg + float(b) * kb); }

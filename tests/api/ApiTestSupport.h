@@ -81,7 +81,7 @@ class ApiSandbox : public ::testing::Test {
   // After the fixtures' members, which may still save state as they go.
   ~ApiSandbox() override { JSONFileStore::setFolderForTesting(QString()); }
   // GET /v1/status on `port` with `token` (by default the stored one, made if there is none).
-  static int statusCode(int port, std::optional<std::string> token = std::nullopt) {
+  static int statusCode(int port, const std::optional<std::string>& token = std::nullopt) {
     std::string request =
         buildRequest("GET", "/v1/status", token ? token : LocalAPISettings::token().toStdString());
     return offThread([&] { return httpExchange(port, request); }).status;

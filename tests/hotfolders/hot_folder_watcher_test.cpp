@@ -64,6 +64,7 @@ TEST_F(HotFolderWatcherTest, FirstScanTakesWhatIsThereAndABurstOfEntriesGivesOne
 
   // Fifty entries well within the debounce of one another: a single scan takes them all.
   std::vector<std::vector<uint8_t>> burst;
+  burst.reserve(50);
   for (int i = 0; i < 50; ++i) burst.push_back(jpegBytes(100 + i));
   for (int i = 0; i < 50; ++i) writeBytes(pathOf(QStringLiteral("burst%1.jpg").arg(i)), burst[i]);
   ASSERT_TRUE(reports_.waitForLines(55));

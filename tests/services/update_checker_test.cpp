@@ -58,7 +58,7 @@ class UpdateCheckerTest : public ::testing::Test {
 
   // Runs one check at version `current` against `base` (by default the test's server): it is
   // `checking` at once, and settles within 10 s.
-  UpdateChecker::State check(const QString& current, std::optional<QUrl> base = std::nullopt) {
+  UpdateChecker::State check(const QString& current, const std::optional<QUrl>& base = std::nullopt) {
     UpdateChecker checker(base.value_or(server_.baseUrl()), current);
     checker.checkNow();
     EXPECT_EQ(checker.state().kind, Kind::checking);
