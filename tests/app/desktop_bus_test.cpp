@@ -222,77 +222,57 @@ TEST_F(DesktopBus, ASecondLaunchHandsItsFilesToTheRunningBatch) {
   EXPECT_EQ(processes_.front()->state(), QProcess::Running);
 }
 
-TEST_F(DesktopBus, CompressCommandWorksThroughAnInstanceOrAloneAndReportsTheOutcome) {
-  testing::saveDefaultProfile(path("data"), "webp", path("alone"));
-  testing::saveDefaultProfile(path("instanceData"), "webp", path("viaInstance"));
-  image("a.png");
-
-  // No session bus at all: compressed in this process, with the launch's own default profile;
-  // without a notification service the outcome goes to stderr.
-  const QProcessEnvironment noBus = environment("data", false);
-  testing::ProgramRun alone = run({"--compress", "in/a.png"}, noBus);
+// A fresh install has no profile: alone, the action writes beside each source, never over a
+// file; through a running instance, with the instance's settings. The outcome is a notification
+// where there is a notification service, else a line on stderr.
+TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutcome) {
+  const QString a = image("a.png");
+  image("sub/c.jpg");
+  ASSERT_TRUE(QFile::copy(a, path("in/sub/c-2.jpg")));  // someone else's file of that name
+  testing::ProgramRun alone = run({"--compress", "in/a.png", "in/sub/c.jpg"}, environment("data", false));
   EXPECT_EQ(alone.exitCode, 0) << alone.err.toStdString();
-  EXPECT_EQ(alone.out.trimmed(), path("alone/a.webp").toUtf8());
+  EXPECT_EQ(alone.out, (path("in/a.jpg") + "\n" + path("in/sub/c-3.jpg") + "\n").toUtf8());
+  EXPECT_EQ(entries("in/sub"), QStringList({"c-2.jpg", "c-3.jpg", "c.jpg"}));
+  EXPECT_EQ(testing::fileStart(path("in/sub/c-2.jpg")), "\x89PNG");  // still theirs
   EXPECT_TRUE(alone.err.contains("Images compressées enregistrées dans")) << alone.err.toStdString();
 
-  // With an instance running, the instance does the work with its settings.
+  testing::saveDefaultProfile(path("instanceData"), "webp", path("viaInstance"));
   startInstance({"--service"}, environment("instanceData"));
   testing::ProgramRun forwarded = run({"--compress", "in/a.png"}, environment());
   EXPECT_EQ(forwarded.exitCode, 0) << forwarded.err.toStdString();
   EXPECT_EQ(forwarded.out.trimmed(), path("viaInstance/a.webp").toUtf8());
 
-  // With a notification service, the outcome is a notification.
   const auto notifications = standIn("org.freedesktop.Notifications");
+  const auto fileManager = standIn("org.freedesktop.FileManager1");
   testing::ProgramRun failed = run({"--compress", "in/gone.png"}, environment());
   // With no file, the action is the plain launch: the running instance's window comes up.
-  testing::ProgramRun noFiles = run({"--compress"}, environment());
+  EXPECT_EQ(run({"--compress"}, environment()).exitCode, 0);
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_TRUE(failed.err.isEmpty()) << failed.err.toStdString();
-  const QList<QVariantList> shown = notifications->calls("Notify");
-  ASSERT_EQ(shown.size(), 1);
-  const QVariantList& notify = shown[0];
+  ASSERT_EQ(notifications->calls("Notify").size(), 1);
+  const QVariantList notify = notifications->calls("Notify")[0];
   EXPECT_EQ(notify.value(0), "Quillane");
   EXPECT_EQ(notify.value(3), "Échec de la compression");
   EXPECT_TRUE(notify.value(4).toString().startsWith("Échec de la compression de gone.png"))
       << notify.value(4).toString().toStdString();
   EXPECT_EQ(notify.value(5).toStringList(), QStringList());  // nothing to show in a folder
-  EXPECT_EQ(noFiles.exitCode, 0) << noFiles.err.toStdString();
-}
-
-// A fresh install has no profile: the action writes beside each source, never over a file.
-TEST_F(DesktopBus, WithoutAFolderTheActionWritesBesideEachSourceAndOffersToShowTheResults) {
-  const QString a = image("a.png"), c = image("sub/c.jpg");
-  ASSERT_TRUE(QFile::copy(a, path("in/sub/c-2.jpg")));  // someone else's file of that name
-  const QProcessEnvironment noBus = environment("data", false);
-  testing::ProgramRun alone = run({"--compress", "in/a.png", "in/sub/c.jpg"}, noBus);
-  EXPECT_EQ(alone.exitCode, 0) << alone.err.toStdString();
-  EXPECT_EQ(alone.out, (path("in/a.jpg") + "\n" + path("in/sub/c-3.jpg") + "\n").toUtf8());
-  EXPECT_EQ(entries("in/sub"), QStringList({"c-2.jpg", "c-3.jpg", "c.jpg"}));
-  EXPECT_EQ(testing::fileStart(path("in/sub/c-2.jpg")), "\x89PNG");  // still theirs
-
-  // The bus's Compress with no folder does the same.
-  QDBusMessage reply = compress({a}, "png", 50, "", "");
-  ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
-  EXPECT_EQ(reply.arguments().value(0).toStringList(), QStringList{path("in/a-2.png")});
 
   // The outcome's "Show in folder" shows the written file in the file manager.
-  const auto notifications = standIn("org.freedesktop.Notifications");
-  const auto fileManager = standIn("org.freedesktop.FileManager1");
   QProcess launch;
   launch.setProcessEnvironment(environment());
   launch.setWorkingDirectory(dir_.path());
   launch.start(program_, {"--compress", "in/a.png"});
-  ASSERT_TRUE(eventually([&] { return !notifications->calls("Notify").isEmpty(); })) << "no notification";
-  EXPECT_EQ(notifications->calls("Notify")[0].value(5).toStringList().value(0), "show-in-folder");
+  ASSERT_TRUE(eventually([&] { return notifications->calls("Notify").size() == 2; })) << "no notification";
+  EXPECT_EQ(notifications->calls("Notify")[1].value(5).toStringList().value(0), "show-in-folder");
   QDBusMessage chosen = QDBusMessage::createSignal("/org/freedesktop/Notifications",
                                                    "org.freedesktop.Notifications", "ActionInvoked");
-  chosen << uint(1) << QString("show-in-folder");
+  chosen << uint(2) << QString("show-in-folder");
   ASSERT_TRUE(bus_->send(chosen));
   EXPECT_TRUE(launch.waitForFinished(60000));
   EXPECT_EQ(launch.exitCode(), 0);
   ASSERT_EQ(fileManager->calls("ShowItems").size(), 1);
   EXPECT_EQ(fileManager->calls("ShowItems")[0].value(0).toStringList(),
-            QStringList{QUrl::fromLocalFile(path("in/a-2.jpg")).toString()});
+            QStringList{QUrl::fromLocalFile(path("viaInstance/a.webp")).toString()});
 }
 
 // What arrived while the program was closed is compressed at start, what arrives later as it comes.
