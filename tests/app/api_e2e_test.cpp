@@ -1,10 +1,9 @@
 // The real application, driven through its local API: import, settings, a per-image
-// quality, export, then a restart that finds the batch restored; and a hot folder that
-// compresses at start-up what arrived while the application was closed.
+// quality, export, then a restart that finds the batch restored; and a quit that does not
+// wait for a running encode.
 #include <gtest/gtest.h>
 
 #include <QDir>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -125,26 +124,6 @@ TEST_F(ApiEndToEnd, ImportTuneExportAndFindTheBatchAfterARestart) {
   auto status = json(call("GET", "/v1/status"));
   EXPECT_TRUE(status["outputFormat"] == "jpeg" && status["quality"] == 75.0 &&
               status["appVersion"] != "unknown");
-}
-
-// What arrived in a hot folder while the application was closed is compressed at start-up.
-TEST_F(ApiEndToEnd, HotFolderCompressesWhatArrivedWhileClosed) {
-  const QString id = "0F8E2C6A-1B7D-4E55-9A3B-6C2D1E0F9A8B";
-  testing::saveHotFolder(dir_.filePath("data"), id, dir_.filePath("in"), dir_.filePath("hot"));
-  writePhoto("in/a.jpg", 1);
-  writePhoto("in/b.jpg", 2);
-  start();
-  // The processed memory lists both files once the scan is over (its last step).
-  ASSERT_TRUE(testing::eventually(
-      [&] {
-        QFile file(dir_.filePath("data/Quillane/hotFolderProcessed.json"));
-        return file.open(QIODevice::ReadOnly) &&
-               QJsonDocument::fromJson(file.readAll())[id].toObject().size() == 2;
-      },
-      90s))
-      << "the scan never finished";
-  EXPECT_EQ(QDir(dir_.filePath("hot")).entryList(QDir::Files | QDir::Hidden, QDir::Name),
-            (QStringList{"a.webp", "b.webp"}));
 }
 
 // Quitting abandons running encodes: a large AVIF encode (tens of seconds here) does not keep
