@@ -27,13 +27,6 @@ using Bytes = std::vector<uint8_t>;
 using ImageCompressor::compress;
 using ImageCompressor::encodeData;
 
-std::vector<std::string> filesIn(const std::string& dir) {
-  std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 Bytes photoJpeg(int w = 64, int h = 48, std::optional<int> orientation = {}) {
   return fixtures::jpeg(testing::makeImage(w, h, testing::Pattern::photo, 9), {.orientation = orientation});
 }
@@ -149,7 +142,9 @@ TEST(Compress, WritesUnderTheSourceNameOrTheGivenOneAndReplacesAnOldFile) {
   auto named = compress(source, dir.file("out") + "/", ImageFormat::jpeg, 75, std::string("Chosen-2.jpg"));
   ASSERT_TRUE(named.succeeded());
   EXPECT_EQ(fs::path(*named.destination).filename(), "Chosen-2.jpg");
-  EXPECT_EQ(filesIn(dir.file("out")), (std::vector<std::string>{"Chosen-2.jpg", "holiday.photo.webp"}));
+  EXPECT_TRUE(fs::is_regular_file(*named.destination));
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.file("out")), fs::directory_iterator()), 2)
+      << "the old file replaced, no temporary left";
 }
 
 TEST(Compress, CorruptMissingAndEmptySourcesGiveTheirTrueSizeAndWriteNothing) {
@@ -169,7 +164,7 @@ TEST(Compress, CorruptMissingAndEmptySourcesGiveTheirTrueSizeAndWriteNothing) {
     }
     EXPECT_FALSE(result.destination || result.compressedSizeBytes || result.ratio);
   }
-  EXPECT_TRUE(filesIn(dir.file("out")).empty());
+  EXPECT_TRUE(fs::is_empty(dir.file("out")));
 
   const std::string valid =
       dir.write("a.png", fixtures::png(testing::makeImage(20, 20, testing::Pattern::photo)));
@@ -314,15 +309,13 @@ RGBABuffer posterized(const RGBABuffer& picture) {
   return out;
 }
 
-TEST(PerceptualDistance, MatchesButteraugliMainOnAReferencePair) {
-  const RGBABuffer source = testing::makeBuffer(320, 240, testing::Pattern::photo, 7);
+TEST(PerceptualDistance, MatchesButteraugliMainAndTilesAgreeWithTheWhole) {
+  const RGBABuffer small = testing::makeBuffer(320, 240, testing::Pattern::photo, 7);
   // `butteraugli_main a.ppm b.ppm --pnorm 3` of this pair (libjxl 0.7), written as PPM.
   constexpr double kToolThreeNorm = 1.993080;
-  EXPECT_NEAR(butteraugli(source, posterized(source)), kToolThreeNorm, 0.02 * kToolThreeNorm);
-  EXPECT_EQ(butteraugli(source, source), 0.0);
-}
+  EXPECT_NEAR(butteraugli(small, posterized(small)), kToolThreeNorm, 0.02 * kToolThreeNorm);
+  EXPECT_EQ(butteraugli(small, small), 0.0);
 
-TEST(PerceptualDistance, TilesOfALargePictureAgreeWithTheWhole) {
   const RGBABuffer source = testing::makeBuffer(1280, 1024, testing::Pattern::photo, 3);
   const RGBABuffer distorted = posterized(source);
   const double whole = butteraugli(source, distorted);
