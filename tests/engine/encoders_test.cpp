@@ -341,6 +341,13 @@ TEST(NativeQuality, LossyAvifNeverBecomesLosslessAndJpegQualityMovesOneWay) {
     EXPECT_LE(codecs::avifSettings(0.75, sizes[i - 1], true).speed,
               codecs::avifSettings(0.75, sizes[i], true).speed);
   EXPECT_GT(codecs::avifSettings(0.75, 12'000'000).speed, codecs::avifSettings(0.75, 12'000'000, true).speed);
+  // Likewise x265's smallest blocks never grow as a photo shrinks, and screenshots keep 8 pixels.
+  for (size_t i = 1; i < std::size(sizes); ++i) {
+    EXPECT_LE(codecs::heifSettings(0.75, true, sizes[i - 1]).minBlock,
+              codecs::heifSettings(0.75, true, sizes[i]).minBlock);
+    EXPECT_EQ(codecs::heifSettings(0.75, false, sizes[i]).minBlock, 8);
+  }
+  EXPECT_EQ(codecs::heifSettings(0.75, true, 12'000'000).minBlock, 16);
 }
 
 // --- Files ------------------------------------------------------------------------------------
