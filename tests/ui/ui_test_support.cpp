@@ -4,11 +4,9 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
-#include <QDir>
 #include <QLabel>
 #include <QMouseEvent>
 #include <QPushButton>
-#include <QStandardPaths>
 
 #include "engine/Localization.h"
 #include "services/AppLanguage.h"
@@ -16,25 +14,6 @@
 #include "tests/support/TestImages.h"
 
 namespace quillane::uitest {
-namespace {
-
-// Settings, state files and the runtime folder of the whole test run live in a sandbox, set
-// before anything reads them, and the language manager writes nothing.
-struct SandboxEnvironment {
-  SandboxEnvironment() {
-    static QTemporaryDir home;
-    for (const char* name : {"CONFIG", "DATA", "CACHE", "RUNTIME"}) {
-      const QString folder = QDir(home.path()).filePath(QString(name).toLower());
-      QDir().mkpath(folder);
-      QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-      qputenv(QByteArray("XDG_") + name + (name[1] == 'U' ? "_DIR" : "_HOME"), folder.toUtf8());
-    }
-    qputenv("XCTestConfigurationFilePath", "ui_tests");
-  }
-};
-const SandboxEnvironment sandbox;
-
-}  // namespace
 
 BatchViewModel::Options UiFixture::options() {
   BatchViewModel::Options o = BatchFixture::options();
