@@ -1,12 +1,7 @@
 #include "tests/ui/ui_test_support.h"
 
-#include <QAbstractButton>
 #include <QApplication>
-#include <QCheckBox>
-#include <QComboBox>
-#include <QLabel>
 #include <QMouseEvent>
-#include <QPushButton>
 
 #include "engine/Localization.h"
 #include "services/AppLanguage.h"
@@ -81,28 +76,6 @@ HotFolder hotFolder(const QString& name, const QString& source, const QString& d
           format ? std::optional(quality) : std::nullopt,
           true,
           {}};
-}
-
-QStringList clippedTexts(QWidget* root) {
-  QStringList clipped;
-  const auto check = [&](QWidget* w, const QString& text) {
-    if (!w->isVisibleTo(root) || text.isEmpty()) return;
-    // The widget must be as wide as its own smallest size for that text.
-    const int needed = w->minimumSizeHint().width();
-    if (w->width() + 1 < needed)
-      clipped << QStringLiteral("%1 \"%2\" (%3 < %4)")
-                     .arg(w->metaObject()->className(), text)
-                     .arg(w->width())
-                     .arg(needed);
-  };
-  for (QLabel* label : root->findChildren<QLabel*>()) {
-    if (label->wordWrap() || label->text().isEmpty()) continue;
-    if (label->sizePolicy().horizontalPolicy() == QSizePolicy::Ignored) continue;  // elided on purpose
-    check(label, label->text());
-  }
-  for (QAbstractButton* button : root->findChildren<QAbstractButton*>()) check(button, button->text());
-  for (QComboBox* combo : root->findChildren<QComboBox*>()) check(combo, combo->currentText());
-  return clipped;
 }
 
 void useLanguage(const QString& rawValue) {

@@ -49,10 +49,6 @@ HotFolder hotFolder(const QString& name, const QString& source, const QString& d
                     std::optional<ImageFormat> format, double quality = 75,
                     std::optional<QString> profile = {});
 
-// Widgets in `root` whose text does not fit: labels and buttons narrower than their text
-// needs (word-wrapping and elided labels excepted). Names them for the failure message.
-QStringList clippedTexts(QWidget* root);
-
 // Installs the string table of a language (raw value such as "de"); empty for French defaults.
 void useLanguage(const QString& rawValue);
 
