@@ -1,16 +1,19 @@
 // The real quillane executable on a real session bus of its own (one dbus-daemon per test,
 // so that tests running side by side never meet on one name, which starts the program from
 // the build's activation file): the Compress method called from this process, a second
-// launch handing its files to the running batch, and `quillane --compress` through a
-// running instance or on its own.
+// launch handing its files to the running batch, the local API driving that batch across a
+// restart, and `quillane --compress` through a running instance or on its own.
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <QDBusConnectionInterface>
 #include <QDBusInterface>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QJsonObject>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -39,7 +42,7 @@ class DesktopBus : public ::testing::Test {
     if (daemon.isEmpty()) GTEST_SKIP() << "no dbus-daemon";
     ASSERT_TRUE(QFileInfo(program_).isExecutable()) << program_.toStdString();
     ASSERT_TRUE(dir_.isValid());
-    for (const char* folder : {"data/Quillane", "in/sub"}) QDir(dir_.path()).mkpath(folder);
+    for (const char* folder : {"data/Quillane", "in/sub", "out"}) QDir(dir_.path()).mkpath(folder);
 
     // A session bus that activates the built program, in this test's sandbox.
     testing::writeFile(path("bus.conf"),
@@ -65,10 +68,7 @@ class DesktopBus : public ::testing::Test {
       const uint pid = bus_->interface()->servicePid(kService).value();
       if (pid > 0) ::kill(pid_t(pid), SIGKILL);
     }
-    for (auto& process : processes_) {
-      process->kill();
-      process->waitForFinished(10000);
-    }
+    stopInstances();
     if (bus_) QDBusConnection::disconnectFromBus("desktop-bus-test");
     daemon_.kill();
     daemon_.waitForFinished(10000);
@@ -82,6 +82,41 @@ class DesktopBus : public ::testing::Test {
     else if (bus)
       env.insert("DBUS_SESSION_BUS_ADDRESS", address_);
     return env;
+  }
+
+  // This test's bus, and the local API on at a port of its own.
+  QProcessEnvironment environmentWithAPI() {
+    apiPort_ = testing::freeLocalPort();
+    testing::enableLocalAPI(dir_.path(), apiPort_, kToken);
+    return environment();
+  }
+  testing::RawHTTPResponse api(const std::string& method, const std::string& target,
+                               const std::string& body = {}) {
+    return testing::httpExchange(apiPort_, testing::buildRequest(method, target, kToken, body), 120s);
+  }
+  static QJsonDocument json(const testing::RawHTTPResponse& response) {
+    return QJsonDocument::fromJson(QByteArray::fromStdString(response.body));
+  }
+  // The batch's rows once `count` are there and ready (or what there is when the time is up).
+  QJsonArray waitForReadyImages(int count) {
+    QJsonArray images;
+    eventually(
+        [&] {
+          images = json(api("GET", "/v1/images")).array();
+          return images.size() == count && std::all_of(images.begin(), images.end(), [](const QJsonValue& v) {
+                   return v["state"] == "ready";
+                 });
+        },
+        90s);
+    return images;
+  }
+
+  void stopInstances() {
+    for (auto& process : processes_) {
+      process->kill();
+      process->waitForFinished(10000);
+    }
+    processes_.clear();
   }
 
   // Starts the program for good and waits until it owns the name.
@@ -132,6 +167,7 @@ class DesktopBus : public ::testing::Test {
   QString address_;
   std::unique_ptr<QDBusConnection> bus_;
   std::vector<std::unique_ptr<QProcess>> processes_;
+  int apiPort_ = 0;
 };
 
 // The first call starts the program through the bus's activation file, as nothing runs yet.
@@ -197,29 +233,72 @@ TEST_F(DesktopBus, ACallerThatLeavesHasItsWorkDroppedAndCanQueueOnlySoMuch) {
   for (int i = 0; i < 31; ++i) EXPECT_FALSE(QFileInfo::exists(path(QString("out/q%1").arg(i)))) << i;
 }
 
-TEST_F(DesktopBus, ASecondLaunchHandsItsFilesToTheRunningBatch) {
-  const int port = testing::freeLocalPort();
-  testing::enableLocalAPI(dir_.path(), port, kToken);
-  startInstance({}, environment());
+// A second launch and the local API feed one batch; settings, a per-image quality and an
+// export through the API; after a restart the rows come back with their overrides.
+TEST_F(DesktopBus, ASecondLaunchAndTheAPIFeedOneBatchThatARestartFindsAgain) {
+  startInstance({}, environmentWithAPI());
   image("b.png");
   image("a.jpg");
-
   // Relative paths are the second launch's own; it ends at once, its files in the first's batch.
   testing::ProgramRun second = run({"in/b.png", "in/a.jpg"}, environment());
   EXPECT_EQ(second.exitCode, 0) << second.err.toStdString();
   EXPECT_EQ(run({}, environment()).exitCode, 0);  // only raises the window
+  ASSERT_EQ(waitForReadyImages(2).size(), 2);
+  const QJsonObject paths{{"paths", QJsonArray{image("c.jpg")}}};
+  ASSERT_EQ(json(api("POST", "/v1/import", QJsonDocument(paths).toJson().toStdString()))["imported"]
+                .toArray()
+                .size(),
+            1);
+  QJsonArray before = waitForReadyImages(3);
+  QStringList names;
+  for (const auto& row : before) names << row.toObject()["name"].toString();
+  ASSERT_EQ(names, (QStringList{"b.png", "a.jpg", "c.jpg"}));
 
-  QJsonArray images;
-  eventually([&] {
-    const auto response =
-        testing::httpExchange(port, testing::buildRequest("GET", "/v1/images", kToken, {}), 20s);
-    images = QJsonDocument::fromJson(QByteArray::fromStdString(response.body)).array();
-    return images.size() >= 2;
-  });
-  ASSERT_EQ(images.size(), 2);
-  EXPECT_EQ(images[0].toObject()["name"], "b.png");
-  EXPECT_EQ(images[1].toObject()["name"], "a.jpg");
-  EXPECT_EQ(processes_.front()->state(), QProcess::Running);
+  ASSERT_EQ(api("POST", "/v1/settings", R"({"quality":60,"format":"webp"})").status, 200);
+  const std::string id = before[1].toObject()["id"].toString().toStdString();
+  ASSERT_EQ(api("POST", "/v1/images/" + id + "/quality", R"({"quality":30})").status, 200);
+  const auto exported = api("POST", "/v1/export",
+                            R"({"folder":")" + path("out").toStdString() + R"(","waitTimeoutSeconds":90})");
+  const QJsonArray results = json(exported).array();
+  ASSERT_EQ(results.size(), 3) << exported.body;
+  for (const auto& result : results) {
+    const QString written = result.toObject()["destination"].toString();
+    EXPECT_TRUE(written.endsWith(".webp")) << exported.body;
+    EXPECT_EQ(testing::fileStart(written), "RIFF");
+    EXPECT_EQ(QFileInfo(written).size(), result.toObject()["compressedSizeBytes"].toInteger());
+  }
+
+  // Rows come back from the saved session, with their overrides; the global settings start over.
+  before = waitForReadyImages(3);
+  stopInstances();
+  startInstance({}, environmentWithAPI());
+  const QJsonArray after = waitForReadyImages(3);
+  ASSERT_EQ(after.size(), 3);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(after[i].toObject()["name"], before[i].toObject()["name"]);
+  EXPECT_EQ(after[1].toObject()["qualityOverride"].toDouble(), 30.0);
+  EXPECT_FALSE(after[0].toObject().contains("qualityOverride"));
+  const QJsonDocument status = json(api("GET", "/v1/status"));
+  EXPECT_TRUE(status["outputFormat"] == "jpeg" && status["quality"] == 75.0 &&
+              status["appVersion"] != "unknown");
+}
+
+// Quitting abandons running encodes: a large AVIF encode (tens of seconds here) does not keep
+// the process alive after the windows close.
+TEST_F(DesktopBus, QuitEndsAtOnceWithAnEncodeRunning) {
+  startInstance({}, environmentWithAPI());
+  const QString large = path("large.jpg");
+  testing::writeBytes(large.toStdString(),
+                      fixtures::jpeg(testing::makeImage(6000, 4000, testing::Pattern::photo, 7)));
+  ASSERT_EQ(api("POST", "/v1/settings", R"({"format":"avif"})").status, 200);
+  ASSERT_EQ(api("POST", "/v1/import",
+                QJsonDocument(QJsonObject{{"paths", QJsonArray{large}}}).toJson().toStdString())
+                .status,
+            200);
+  ASSERT_TRUE(eventually([&] { return json(api("GET", "/v1/images")).array().at(0)["state"] == "encoding"; }))
+      << "the encode never started";
+  processes_.front()->terminate();  // SIGTERM quits as the Quit command does
+  ASSERT_TRUE(processes_.front()->waitForFinished(5000)) << "still waiting for the encode";
+  EXPECT_EQ(processes_.front()->exitStatus(), QProcess::NormalExit);
 }
 
 // A fresh install has no profile: alone, the action writes beside each source, never over a

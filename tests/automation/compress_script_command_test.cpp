@@ -92,7 +92,7 @@ TEST_F(CompressCommand, PathsComeFromUrlsStringsAndNestedListsInOrderAndAnything
   EXPECT_FALSE(QFileInfo::exists(out()));
 }
 
-TEST(ScriptCommandParameters, SizeOptionsTakeNumbersOrSizeTextsAndRefuseTheWrongKind) {
+TEST_F(CompressCommand, SizeOptionsTakeNumbersOrSizeTextsRefuseTheWrongKindAndReachEachFile) {
   using CompressScriptCommand::compressionOptions;
   EXPECT_EQ(compressionOptions({}), CompressionOptions{});
   const CompressionOptions given = compressionOptions({{"maxWidth", 1600},
@@ -109,6 +109,23 @@ TEST(ScriptCommandParameters, SizeOptionsTakeNumbersOrSizeTextsAndRefuseTheWrong
         QVariantMap{{"maxBytes", -3}}, QVariantMap{{"skipLarger", QString("yes")}}}) {
     EXPECT_THROW(compressionOptions(bad), ScriptCommandError) << bad.firstKey().toStdString();
   }
+
+  // Each file is fitted and kept within the budget at the highest quality that fits, or kept
+  // as it is where it would grow (a JPEG at 95 does at 100).
+  const QString jpeg = source("b.jpg");
+  QVariantMap fit{{"to", out()}, {"format", "jpeg"}, {"quality", 100}, {"maxWidth", 20}};
+  const int budget = run(QStringList{jpeg}, fit)[0].toObject()["compressedSizeBytes"].toInt() * 85 / 100;
+  fit.insert("maxBytes", budget);
+  const QJsonObject fitted = run(QStringList{jpeg}, fit)[0].toObject();
+  EXPECT_EQ(fitted["pixelWidth"].toInt(), 20);
+  EXPECT_LE(fitted["compressedSizeBytes"].toInt(), budget);
+  EXPECT_LT(fitted["quality"].toDouble(), 100);
+  const QJsonObject kept =
+      run(QStringList{jpeg},
+          {{"to", out("kept")}, {"format", "jpeg"}, {"quality", 100}, {"skipLarger", true}})[0]
+          .toObject();
+  EXPECT_TRUE(kept["skipped"].toBool());
+  EXPECT_TRUE(QDir(out("kept")).isEmpty());
 }
 
 // Files run side by side, a large one first so that the small ones behind it finish before
@@ -216,7 +233,6 @@ TEST_F(CompressCommand, DesktopActionRefusalsAreNamedBusErrorsAndKeepWhatWasWrit
        "notes.png : Impossible de décoder"},
       {{a}, with({{"maxWidth", "wide"}}), invalid, "maxWidth"},
       {{a}, with({{"colour", 1}}), invalid, "colour"},
-      {{a}, with({{"skipLarger", 1}}), invalid, "skipLarger"},
       {{a}, with({{"quality", "high"}}), invalid, "quality : high"},
       {{a}, with({{"quality", true}}), invalid, "quality : true"},
       {{a}, with({{"profile", 3}}), invalid, "profile : 3"},
