@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "engine/Encoders.h"
+#include "engine/EncodingStrategy.h"
 #include "engine/Errors.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageService.h"
@@ -93,6 +95,29 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
     ASSERT_TRUE(out);
     EXPECT_TRUE(out->reconstructedJPEG.empty());
     EXPECT_EQ(out->image.width, ImageService::properties(source)->width);
+  }
+}
+
+// A graphic's JPEG XL is the smaller of its competing lossy and lossless encodings, also where
+// lossless is first judged by its quick estimate: a flat logo (lossless main) and a screenshot
+// with a smooth gradient, estimated at five times its lossless bytes (lossless competitor).
+TEST(EncodeData, JxlGraphicIsTheSmallerOfItsLossyAndLosslessEncodings) {
+  for (const bool gradient : {false, true}) {
+    DecodedImage picture = testing::makeImage(160, 120, testing::Pattern::screenshot, 3);
+    for (size_t p = 0; gradient && p < 160 * 60; ++p) {
+      picture.pixels8[p * 4] = uint8_t(p % 160);
+      picture.pixels8[p * 4 + 1] = uint8_t(p / 160 * 2);
+      picture.pixels8[p * 4 + 2] = 128;
+    }
+    const RGBABuffer rgba(picture);
+    EncodingPlan lossy = EncodingStrategy::plan(ImageAnalyzer::analyze(rgba), ImageFormat::jxl, 90),
+                 lossless = lossy;
+    ASSERT_TRUE(lossy.alternative);
+    if (lossy.mode.kind == EncodingPlan::Mode::Kind::lossless) lossy.mode = *lossy.alternative;
+    lossless.mode = EncodingPlan::Mode::lossless();
+    EXPECT_EQ(encodeData(fixtures::png(picture), ImageFormat::jxl, 90).size(),
+              std::min(JXLEncoder::encode(rgba, false, lossy).size(),
+                       JXLEncoder::encode(rgba, false, lossless).size()));
   }
 }
 
