@@ -104,7 +104,7 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
 TEST(EncodeData, JxlGraphicIsTheSmallerOfItsLossyAndLosslessEncodings) {
   for (const bool gradient : {false, true}) {
     DecodedImage picture = testing::makeImage(160, 120, testing::Pattern::screenshot, 3);
-    for (size_t p = 0; gradient && p < 160 * 60; ++p) {
+    for (size_t p = 0; gradient && p < size_t{160} * 60; ++p) {
       picture.pixels8[p * 4] = uint8_t(p % 160);
       picture.pixels8[p * 4 + 1] = uint8_t(p / 160 * 2);
       picture.pixels8[p * 4 + 2] = 128;
