@@ -94,7 +94,7 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
     ASSERT_TRUE(out);
     EXPECT_TRUE(out->reconstructedJPEG.empty());
-    EXPECT_EQ(out->image.width, ImageService::properties(source)->width);
+    EXPECT_EQ(out->width, ImageService::properties(source)->width);
   }
 }
 
