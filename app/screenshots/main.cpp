@@ -359,7 +359,7 @@ struct Settings {
   explicit Settings(Stage& stage) : controller(stage.model()) {
     QDir().mkpath(stage.path("camera"));
     const auto folder = [&](const QString& name, const QString& source, std::optional<ImageFormat> format,
-                            std::optional<QString> profile) {
+                            const std::optional<QString>& profile) {
       return HotFolder{QUuid::createUuid(),
                        name,
                        stage.path(source),

@@ -81,6 +81,10 @@ struct AvifSettings {
   int maxQuantizerAlpha = 0;
   int speed = 6;            // aom's 0 (slowest) ... 10
   int colourEdgeSpeed = 5;  // for pictures with sharp colour edges (see `usesFullChroma`)
+  // aom's intra block copy, a screen content tool that aom turns on where it judges a picture
+  // screen content (a photo with flat areas can pass): its search holds hashes of every block
+  // position, four times the memory of the rest of the encode.
+  bool intraBlockCopy = true;
   ChromaLayout chroma = ChromaLayout::automatic;  // full from a 0...1 quality of 0.9 on
 };
 // Up to this many pixels aom runs at its careful speed; above, at a faster one. A continuous-tone

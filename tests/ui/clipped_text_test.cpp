@@ -1,6 +1,9 @@
 // In every language, no text of the bar or of a settings tab is cut at the windows' minimum
 // sizes (ClippedText, in CTest with the label `slow`); and the tray menu's entries do what
 // they say.
+#include <QAbstractButton>
+#include <QComboBox>
+#include <QLabel>
 #include <QTabWidget>
 
 #include "api/LocalAPIController.h"
@@ -18,6 +21,30 @@
 
 namespace quillane::uitest {
 namespace {
+
+// Widgets in `root` whose text does not fit: labels and buttons narrower than their text
+// needs (word-wrapping and elided labels excepted). Names them for the failure message.
+QStringList clippedTexts(QWidget* root) {
+  QStringList clipped;
+  const auto check = [&](QWidget* w, const QString& text) {
+    if (!w->isVisibleTo(root) || text.isEmpty()) return;
+    // The widget must be as wide as its own smallest size for that text.
+    const int needed = w->minimumSizeHint().width();
+    if (w->width() + 1 < needed)
+      clipped << QStringLiteral("%1 \"%2\" (%3 < %4)")
+                     .arg(w->metaObject()->className(), text)
+                     .arg(w->width())
+                     .arg(needed);
+  };
+  for (QLabel* label : root->findChildren<QLabel*>()) {
+    if (label->wordWrap() || label->text().isEmpty()) continue;
+    if (label->sizePolicy().horizontalPolicy() == QSizePolicy::Ignored) continue;  // elided on purpose
+    check(label, label->text());
+  }
+  for (QAbstractButton* button : root->findChildren<QAbstractButton*>()) check(button, button->text());
+  for (QComboBox* combo : root->findChildren<QComboBox*>()) check(combo, combo->currentText());
+  return clipped;
+}
 
 // Two hot folders, one whose source is missing so that the error log has a line.
 std::unique_ptr<HotFoldersManager> hotFolders(const QDir& dir) {
