@@ -42,8 +42,7 @@ tidy: build
 
 screenshots: build
 	rm -rf $(BUILD)/screenshots
-	QT_QPA_PLATFORM=offscreen QUILLANE_SCREENSHOTS=$(CURDIR)/$(BUILD)/screenshots \
-		$(BUILD)/bin/ui_tests --gtest_filter='Screenshots.*:SettingsScreenshots.*:ClippedText.*'
+	QT_QPA_PLATFORM=offscreen $(BUILD)/bin/quillane-screenshots $(BUILD)/screenshots
 	@ls $(BUILD)/screenshots | wc -l | xargs printf '%s screenshots in $(BUILD)/screenshots/\n'
 
 bench: deps

@@ -10,6 +10,7 @@
 #include <system_error>
 #include <vector>
 
+#include "automation/CompressScriptCommand.h"
 #include "batch/ExportFilenameAllocator.h"
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
@@ -147,6 +148,36 @@ CompressImagesIntent CompressImagesIntent::fromArguments(const QStringList& file
   intent.outputFolder = noneIfEmpty(outputFolder);
   for (const QString& file : files) requireAbsolute("files", file);
   if (intent.outputFolder) requireAbsolute("outputFolder", *intent.outputFolder);
+  return intent;
+}
+
+CompressImagesIntent CompressImagesIntent::fromOptions(const QStringList& files, const QVariantMap& options) {
+  static const QStringList known{"format",   "quality",   "profile",  "outputFolder",
+                                 "maxWidth", "maxHeight", "maxBytes", "skipLarger"};
+  for (auto it = options.begin(); it != options.end(); ++it)
+    if (!known.contains(it.key())) throw InvalidIntentArgumentError("options", it.key().toStdString());
+  const auto text = [&](const char* key) {
+    const QVariant value = options.value(key);
+    if (value.isValid() && value.typeId() != QMetaType::QString)
+      throw InvalidIntentArgumentError(key, value.toString().toStdString());
+    return value.toString();
+  };
+  int quality = 0;
+  if (const QVariant value = options.value("quality"); value.isValid()) {
+    bool ok = false;
+    quality = value.toInt(&ok);
+    if (!ok || value.typeId() == QMetaType::Bool || value.typeId() == QMetaType::QString)
+      throw InvalidIntentArgumentError("quality", value.toString().toStdString());
+  }
+  const QString format = text("format");
+  CompressImagesIntent intent =
+      fromArguments(files, format.isEmpty() ? QStringLiteral("profileOrDefault") : format, quality,
+                    text("profile"), text("outputFolder"));
+  try {
+    intent.options = CompressScriptCommand::compressionOptions(options);
+  } catch (const ScriptCommandError& e) {
+    throw InvalidIntentArgumentError("options", e.message());
+  }
   return intent;
 }
 

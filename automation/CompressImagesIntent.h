@@ -9,6 +9,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <QVariantMap>
 #include <functional>
 #include <optional>
 #include <string>
@@ -99,6 +100,12 @@ struct CompressImagesIntent {
   // absolute path nor a file:// URL of one.
   static CompressImagesIntent fromArguments(const QStringList& files, const QString& format, int quality,
                                             const QString& profileName, const QString& outputFolder);
+
+  // CompressWithOptions: the named parameters of fromArguments ("format", "quality",
+  // "profile", "outputFolder") and the size options ("maxWidth", "maxHeight", "maxBytes",
+  // "skipLarger"), each optional. Throws as fromArguments does, and InvalidIntentArgumentError
+  // for an unknown key or a value of the wrong kind.
+  static CompressImagesIntent fromOptions(const QStringList& files, const QVariantMap& options);
 
   // Resolves the settings (explicit values, then the named or default profile), makes the
   // output folder with its parents, and compresses the files in order with names kept apart

@@ -11,7 +11,6 @@
 #include <exception>
 
 #include "automation/CompressImagesIntent.h"
-#include "automation/CompressScriptCommand.h"
 #include "engine/Localization.h"
 #include "records/ExportProfileResolver.h"
 
@@ -62,67 +61,36 @@ QString errorName(const char* suffix) {
   return QStringLiteral("com.quillane.Quillane.Error.") + QLatin1String(suffix);
 }
 
-QDBusMessage errorReply(const QDBusMessage& call, const std::exception_ptr& failure) {
+}  // namespace
+
+std::pair<QString, QString> QuillaneBusService::errorFor(const std::exception_ptr& failure) {
+  const auto text = [](const std::string& description) { return QString::fromStdString(description); };
   try {
     std::rethrow_exception(failure);
   } catch (const EmptyFileListError& e) {
-    return call.createErrorReply(errorName("EmptyFileList"), QString::fromStdString(e.description()));
+    return {errorName("EmptyFileList"), text(e.description())};
   } catch (const ProfileNotFoundError& e) {
-    return call.createErrorReply(errorName("ProfileNotFound"), QString::fromStdString(e.description()));
+    return {errorName("ProfileNotFound"), text(e.description())};
   } catch (const MissingOutputDirectoryError& e) {
-    return call.createErrorReply(errorName("MissingOutputDirectory"),
-                                 QString::fromStdString(e.description()));
+    return {errorName("MissingOutputDirectory"), text(e.description())};
   } catch (const CompressionFailedError& e) {
-    return call.createErrorReply(errorName("CompressionFailed"), QString::fromStdString(e.description()));
+    return {errorName("CompressionFailed"), text(e.description())};
   } catch (const CallerGoneError& e) {
-    return call.createErrorReply(errorName("CallerGone"), QString::fromStdString(e.description()));
+    return {errorName("CallerGone"), text(e.description())};
   } catch (const InvalidIntentArgumentError& e) {
-    return call.createErrorReply(invalidArgs, QString::fromStdString(e.description()));
+    return {invalidArgs, text(e.description())};
   } catch (const FileError& e) {
     // Only the output folder is made before the files: the path tells which one failed.
-    return call.createErrorReply(errorName("OutputFolder"),
-                                 QString::fromStdString(e.path() + ": " + e.description()));
+    return {errorName("OutputFolder"), text(e.path() + ": " + e.description())};
   } catch (const QuillaneError& e) {
-    return call.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.Failed"),
-                                 QString::fromStdString(e.description()));
+    return {QStringLiteral("org.freedesktop.DBus.Error.Failed"), text(e.description())};
   } catch (...) {
-    return call.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.Failed"),
-                                 QString::fromStdString(Localization::text(
-                                     "error.generic", "L'opération n'a pas pu être effectuée.")));
+    return {QStringLiteral("org.freedesktop.DBus.Error.Failed"),
+            text(Localization::text("error.generic", "L'opération n'a pas pu être effectuée."))};
   }
 }
 
-// CompressWithOptions: the named options of Compress and the size options, each optional.
-// Throws InvalidIntentArgumentError for an unknown key or a value of the wrong kind.
-CompressImagesIntent intentFromOptions(const QStringList& files, const QVariantMap& options) {
-  static const QStringList known{"format",   "quality",   "profile",  "outputFolder",
-                                 "maxWidth", "maxHeight", "maxBytes", "skipLarger"};
-  for (auto it = options.begin(); it != options.end(); ++it)
-    if (!known.contains(it.key())) throw InvalidIntentArgumentError("options", it.key().toStdString());
-  const auto text = [&](const char* key) {
-    const QVariant value = options.value(key);
-    if (value.isValid() && value.typeId() != QMetaType::QString)
-      throw InvalidIntentArgumentError(key, value.toString().toStdString());
-    return value.toString();
-  };
-  int quality = 0;
-  if (const QVariant value = options.value("quality"); value.isValid()) {
-    bool ok = false;
-    quality = value.toInt(&ok);
-    if (!ok || value.typeId() == QMetaType::Bool || value.typeId() == QMetaType::QString)
-      throw InvalidIntentArgumentError("quality", value.toString().toStdString());
-  }
-  const QString format = text("format");
-  CompressImagesIntent intent = CompressImagesIntent::fromArguments(
-      files, format.isEmpty() ? QStringLiteral("profileOrDefault") : format, quality, text("profile"),
-      text("outputFolder"));
-  try {
-    intent.options = CompressScriptCommand::compressionOptions(options);
-  } catch (const ScriptCommandError& e) {
-    throw InvalidIntentArgumentError("options", e.message());
-  }
-  return intent;
-}
+namespace {
 
 // The launcher's activation token (xdg-activation on Wayland), handed to the window system
 // through the variable Qt reads when a window asks to be activated.
@@ -287,15 +255,16 @@ void QuillaneBusService::compress(const QDBusMessage& message, const QDBusConnec
     };
     QDBusMessage reply;
     try {
-      const auto intent =
-          arguments.size() == 2
-              ? intentFromOptions(arguments[0].toStringList(), qdbus_cast<QVariantMap>(arguments[1]))
-              : CompressImagesIntent::fromArguments(arguments[0].toStringList(), arguments[1].toString(),
-                                                    arguments[2].toInt(), arguments[3].toString(),
-                                                    arguments[4].toString());
+      const auto intent = arguments.size() == 2
+                              ? CompressImagesIntent::fromOptions(arguments[0].toStringList(),
+                                                                  qdbus_cast<QVariantMap>(arguments[1]))
+                              : CompressImagesIntent::fromArguments(
+                                    arguments[0].toStringList(), arguments[1].toString(),
+                                    arguments[2].toInt(), arguments[3].toString(), arguments[4].toString());
       reply = message.createReply(QVariant(intent.perform(callerGone)));
     } catch (...) {
-      reply = errorReply(message, std::current_exception());
+      const auto [name, text] = errorFor(std::current_exception());
+      reply = message.createErrorReply(name, text);
     }
     bus.send(reply);
     {

@@ -26,7 +26,9 @@
 #include <QThreadPool>
 #include <QUrl>
 #include <atomic>
+#include <exception>
 #include <functional>
+#include <utility>
 
 #include "engine/ThreadAnnotations.h"
 
@@ -57,6 +59,9 @@ class QuillaneBusService : public QDBusVirtualObject {
 
   // Compress calls received and not yet answered. Any thread.
   int pendingCompressCalls() const { return pending_.load(); }
+
+  // The D-Bus error name and localised message a failed Compress call is answered with.
+  static std::pair<QString, QString> errorFor(const std::exception_ptr& failure);
 
   bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override;
   QString introspect(const QString& path) const override;

@@ -45,11 +45,13 @@ constexpr Measured kJpeg{{7.5, 4 * kMB}, {7.5, 4 * kMB}, 1};
 // worst, alpha a second picture.
 constexpr Measured kHeic{{25, 20 * kMB}, {25, 24 * kMB}, 11};
 // AVIF: libavif's YUV planes and aom's buffers; up to 2 megapixels aom searches its screen
-// content tools (speed 5), which cost several times more, on graphics and on some photos too
-// (a 0.5 MP screenshot took 183 bytes a pixel, a 1.9 MP photo 108); photos keep speed 6 up to
-// 12 megapixels, where aom may turn to those tools as well (a 2.3 MP drawing took 112).
+// content tools (speed 5), which cost several times more, on graphics and on drawings of few
+// colours (a 0.5 MP screenshot took 183 bytes a pixel); photos keep speed 6 up to 12
+// megapixels without intra block copy, the tool that cost them the most (a photo with a flat
+// background took 102 bytes a pixel with it, 21 without), at most 27 bytes a pixel at 4:4:4.
 constexpr Measured kAvif{{26, 24 * kMB}, {26, 24 * kMB}, 5};
 constexpr Measured kAvifCareful{{100, 24 * kMB}, {125, 30 * kMB}, 5};
+constexpr Measured kAvifCarefulPhoto{{30, 24 * kMB}, {30, 24 * kMB}, 5};
 // WebP: lossy converts to YUV 4:2:0 beside the words it reads, alpha a plane of its own;
 // lossless and near-lossless keep hash chains and backward references of every pixel, far
 // fewer on graphics.
@@ -82,10 +84,8 @@ const Measured& measured(ImageFormat format, Kind kind, int effort, uint64_t pix
       return kHeic;
     case ImageFormat::avif:
       // aom's slower speed runs up to 2 megapixels, and for photos up to 12 (codecs::avifSettings).
-      return pixels <= codecs::kAvifCarefulPixelLimit ||
-                     (!graphic && pixels <= codecs::kAvifCarefulPhotoPixelLimit)
-                 ? kAvifCareful
-                 : kAvif;
+      if (pixels <= codecs::kAvifCarefulPixelLimit) return kAvifCareful;
+      return !graphic && pixels <= codecs::kAvifCarefulPhotoPixelLimit ? kAvifCarefulPhoto : kAvif;
     case ImageFormat::webp:
       return kind == Kind::lossy ? kWebPLossy : effort >= 2 ? kWebPLosslessCareful : kWebPLossless;
     case ImageFormat::jxl:

@@ -48,6 +48,10 @@ Bytes encode(const RGBABuffer& rgba, bool hasAlpha, const EncodingPlan& plan);
 // The same bytes, consuming `rgba`: its memory goes back to the system once libjxl holds its
 // own copy of the frame, and the caller may only drop it afterwards.
 Bytes encode(RGBABuffer&& rgba, bool hasAlpha, const EncodingPlan& plan);
+// The bytes of a lossless encoding at libjxl's fastest effort, a tenth of the CPU of the
+// plan's: an estimate of the lossless size, 1.2 to 3 times what the plan's effort gives on
+// screenshots and graphics (EncodingStrategy::losslessJXLMayBeat).
+size_t quickLosslessSize(const RGBABuffer& rgba, bool hasAlpha);
 // Lossless repackaging of a JPEG file, reconstructible byte for byte; nothing on any failure.
 std::optional<Bytes> transcodeJPEG(std::span<const uint8_t> jpeg, int effort);
 // The Butteraugli distance for a lossy quality.

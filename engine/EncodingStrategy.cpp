@@ -137,6 +137,10 @@ bool losslessJXLMayWin(const ImageCharacteristics& characteristics, const Mode& 
          (!characteristics.colorCountSaturated && characteristics.distinctColorCount <= 1'024);
 }
 
+bool losslessJXLMayBeat(uint64_t lossyBytes, uint64_t quickLosslessBytes) {
+  return double(quickLosslessBytes) <= 3.0 * double(lossyBytes);
+}
+
 bool losslessMayWin(ImageFormat format, const ImageCharacteristics& characteristics, const Mode& lossy) {
   switch (format) {
     case ImageFormat::webp:

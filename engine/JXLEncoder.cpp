@@ -183,8 +183,10 @@ int lossyStripRows(int width, int height) {
 namespace {
 
 // libjxl copies the frame into planes of its own as it is added: `releasable` (the buffer's
-// samples, when the caller gave them away) goes back to the system then.
-Bytes encodePixels(const RGBABuffer& rgba, uint8_t* releasable, bool hasAlpha, const EncodingPlan& plan) {
+// samples, when the caller gave them away) goes back to the system then. A `forcedEffort`
+// above 0 replaces the plan's.
+Bytes encodePixels(const RGBABuffer& rgba, uint8_t* releasable, bool hasAlpha, const EncodingPlan& plan,
+                   int forcedEffort = 0) {
   if (rgba.width <= 0 || rgba.height <= 0 ||
       rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
     throw jxlFailed("pixel size check");
@@ -234,7 +236,8 @@ Bytes encodePixels(const RGBABuffer& rgba, uint8_t* releasable, bool hasAlpha, c
   // bytes than 6 at the same butteraugli distance for less CPU; 7 took twice the CPU and
   // memory, and libjxl 0.7 wrote cropped frames at 7 that its decoder refuses
   // (bench/README.md, "The cost model").
-  const int effort = lossless && plan.lightLossless            ? 4
+  const int effort = forcedEffort > 0                          ? forcedEffort
+                     : lossless && plan.lightLossless          ? 4
                      : stripRows < height && plan.photographic ? 5
                                                                : std::clamp(plan.effort, 0, 2) + 5;
   JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, effort);
@@ -280,6 +283,12 @@ Bytes encode(const RGBABuffer& rgba, bool hasAlpha, const EncodingPlan& plan) {
 
 Bytes encode(RGBABuffer&& rgba, bool hasAlpha, const EncodingPlan& plan) {
   return encodePixels(rgba, rgba.pixels.data(), hasAlpha, plan);
+}
+
+size_t quickLosslessSize(const RGBABuffer& rgba, bool hasAlpha) {
+  EncodingPlan plan;
+  plan.mode = EncodingPlan::Mode::lossless();
+  return encodePixels(rgba, nullptr, hasAlpha, plan, 1).size();
 }
 
 std::optional<Bytes> transcodeJPEG(std::span<const uint8_t> jpeg, int effort) {

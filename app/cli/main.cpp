@@ -10,25 +10,18 @@
 
 #include <QByteArrayList>
 #include <QCoreApplication>
-#include <QFile>
-#include <QLocale>
 #include <QStringList>
-#include <QUrl>
-#include <QVariant>
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "QuillaneVersion.h"
+#include "app/cli/CompressArguments.h"
 #include "app/cli/InspectCommands.h"
 #include "automation/CompressScriptCommand.h"
-#include "engine/ImageCompressor.h"
-#include "engine/ImageFormat.h"
 #include "services/LanguageManager.h"
 
 namespace {
@@ -117,47 +110,6 @@ const char kHelp[] =
     "file touched; 2 for an unknown verb or option; 3 when the JSON could not be written to\n"
     "standard output (a full disk, a closed pipe), with the reason on stderr.\n";
 
-struct CommandLine {
-  QByteArrayList files;
-  std::map<QByteArray, QByteArray> options;  // without the leading "--"
-};
-
-// Splits arguments into files, the options named in `known`, each of which takes a value,
-// and the switches named in `flags`, which take none. Returns an error text for anything else.
-std::optional<std::string> parse(const QByteArrayList& arguments, const QByteArrayList& known,
-                                 CommandLine& out, const QByteArrayList& flags = {}) {
-  bool optionsEnded = false;
-  for (qsizetype i = 0; i < arguments.size(); ++i) {
-    const QByteArray& argument = arguments[i];
-    if (optionsEnded || !argument.startsWith("--") || argument == "--") {
-      if (argument == "--" && !optionsEnded) {
-        optionsEnded = true;
-        continue;
-      }
-      out.files.append(argument);
-      continue;
-    }
-    QByteArray name = argument.mid(2);
-    if (flags.contains(name)) {
-      out.options[name] = {};
-      continue;
-    }
-    QByteArray value;
-    const qsizetype equals = name.indexOf('=');
-    if (equals >= 0) {
-      value = name.mid(equals + 1);
-      name = name.left(equals);
-    } else {
-      if (!known.contains(name)) return "unknown option --" + name.toStdString();
-      if (i + 1 >= arguments.size()) return "option --" + name.toStdString() + " needs a value";
-      value = arguments[++i];
-    }
-    if (!known.contains(name)) return "unknown option --" + name.toStdString();
-    out.options[name] = value;
-  }
-  return std::nullopt;
-}
-
 // Standard output is checked once, at the end: a failed write (a full disk, a closed pipe)
 // is an error of its own, since the records are lost.
 int outputErrno = 0;  // the first failure of a write to standard output
@@ -177,110 +129,17 @@ int finish(int status) {
   return kOutputError;
 }
 
-QString text(const QByteArray& bytes) { return QFile::decodeName(bytes); }
-
 int usageError(const std::string& message) {
   std::fprintf(stderr, "quillane-cli: %s\nTry 'quillane-cli --help'.\n", message.c_str());
   return kUsageError;
 }
 
-// The number the whole text reads as (in the C locale). "nan" and "inf" read as doubles but
-// are no quality: the engine would quietly turn them into its lowest or highest setting.
-std::optional<double> finiteNumber(const QByteArray& text) {
-  bool ok = false;
-  const double number = QLocale::c().toDouble(QString::fromLatin1(text.trimmed()), &ok);
-  if (!ok || !std::isfinite(number)) return std::nullopt;
-  return number;
-}
-
-// A number when the text reads as one, else the text itself, which the command then ignores.
-QVariant qualityValue(const QByteArray& value) {
-  const std::optional<double> number = finiteNumber(value);
-  return number ? QVariant(*number) : QVariant(text(value));
-}
-
-void warn(const std::string& message) { std::fprintf(stderr, "quillane-cli: %s\n", message.c_str()); }
-
-// "--to" as a path, or as a file:// URL whose percent-encoded bytes are the path's (also
-// those that are not UTF-8). Nothing, with `error` set, for a URL of another host.
-std::optional<QByteArray> folderArgument(const QByteArray& value, std::string& error) {
-  if (!value.startsWith("file://")) return value;
-  // Bytes a shell passed unencoded (spaces, names that are not UTF-8) are encoded first, so
-  // that the URL parser sees only ASCII.
-  QByteArray encoded;
-  for (const char c : value) {
-    if ((unsigned char)c < 0x80 && c != ' ')
-      encoded += c;
-    else
-      encoded += '%' + QByteArray::number((unsigned char)c, 16).rightJustified(2, '0').toUpper();
-  }
-  const QUrl url = QUrl::fromEncoded(encoded);
-  const QString host = url.host();
-  if (!url.isValid() || (!host.isEmpty() && host != QLatin1String("localhost")) || url.path().isEmpty()) {
-    error = "--to: not a local file URL: " + value.toStdString();
-    return std::nullopt;
-  }
-  return QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1());
-}
-
-// The command falls back without failing on a format or quality it can't use; the user hears
-// of it here.
-void warnAboutFallbacks(const std::map<QByteArray, QByteArray>& options) {
-  if (auto format = options.find("format"); format != options.end()) {
-    if (!ImageFormats::fromRawValue(text(format->second).toLower().toStdString()))
-      warn("unknown format '" + format->second.toStdString() +
-           "' ignored: the profile's format, or jpeg, is used (png, jpeg, heic, avif, webp, jxl)");
-  }
-  if (auto quality = options.find("quality"); quality != options.end()) {
-    const std::optional<double> number = finiteNumber(quality->second);
-    if (!number)
-      warn("quality '" + quality->second.toStdString() + "' is no number: ignored");
-    else if (*number < 1 || *number > 100)
-      warn("quality " + quality->second.toStdString() +
-           " is outside 1 to 100: " + (*number < 1 ? "1" : "100") + " is used");
-  }
-}
-
 int runCompress(const QByteArrayList& arguments) {
-  CommandLine line;
-  if (auto error =
-          parse(arguments, {"to", "format", "quality", "profile", "max-width", "max-height", "max-bytes"},
-                line, {"skip-larger"}))
-    return usageError(*error);
-  QVariantMap evaluated;
-  // Paths stay bytes (QByteArray); names of formats and profiles are text.
-  if (line.options.count("to")) {
-    std::string error;
-    const std::optional<QByteArray> folder = folderArgument(line.options["to"], error);
-    if (!folder) return usageError(error);
-    evaluated[CompressScriptCommand::toArgument] = *folder;
-  }
-  warnAboutFallbacks(line.options);
-  if (line.options.count("format"))
-    evaluated[CompressScriptCommand::formatArgument] = text(line.options["format"]);
-  if (line.options.count("quality"))
-    evaluated[CompressScriptCommand::qualityArgument] = qualityValue(line.options["quality"]);
-  if (line.options.count("profile"))
-    evaluated[CompressScriptCommand::profileArgument] = text(line.options["profile"]);
-  for (const auto& [option, argument] : {std::pair{"max-width", CompressScriptCommand::maxWidthArgument},
-                                         std::pair{"max-height", CompressScriptCommand::maxHeightArgument}}) {
-    if (!line.options.count(option)) continue;
-    bool ok = false;
-    const int pixels = line.options[option].toInt(&ok);
-    if (!ok || pixels < 1)
-      return usageError(std::string("--") + option + " needs a whole number of pixels above 0");
-    evaluated[argument] = pixels;
-  }
-  if (line.options.count("max-bytes")) {
-    const auto budget = ImageCompressor::parseByteCount(line.options["max-bytes"].toStdString());
-    if (!budget) return usageError("--max-bytes needs a size in bytes, such as 250000, 500k or 1.5M");
-    evaluated[CompressScriptCommand::maxBytesArgument] = qlonglong(*budget);
-  }
-  if (line.options.count("skip-larger")) evaluated[CompressScriptCommand::skipLargerArgument] = true;
-  QVariantList files;
-  for (const QByteArray& file : line.files) files.append(file);
-
-  const auto outcome = CompressScriptCommand::performDefaultImplementation(files, evaluated);
+  const cli::CompressRequest request = cli::readCompress(arguments);
+  if (request.error) return usageError(*request.error);
+  for (const std::string& warning : request.warnings)
+    std::fprintf(stderr, "quillane-cli: %s\n", warning.c_str());
+  const auto outcome = CompressScriptCommand::performDefaultImplementation(request.files, request.arguments);
   if (!outcome.json) {
     std::fprintf(stderr, "%s\n", outcome.errorString.c_str());
     return outcome.errorNumber;
@@ -296,18 +155,18 @@ std::vector<std::string> paths(const QByteArrayList& files) {
 }
 
 int runInspect(const QByteArrayList& arguments) {
-  CommandLine line;
-  if (auto error = parse(arguments, {}, line)) return usageError(*error);
+  cli::CommandLine line;
+  if (auto error = cli::parse(arguments, {}, line)) return usageError(*error);
   printJson(cli::inspect(paths(line.files)).writeSorted());
   return 0;
 }
 
 int runAnalyze(const QByteArrayList& arguments) {
-  CommandLine line;
-  if (auto error = parse(arguments, {"quality"}, line)) return usageError(*error);
+  cli::CommandLine line;
+  if (auto error = cli::parse(arguments, {"quality"}, line)) return usageError(*error);
   double quality = 75;
   if (line.options.count("quality")) {
-    const std::optional<double> number = finiteNumber(line.options["quality"]);
+    const std::optional<double> number = cli::finiteNumber(line.options["quality"]);
     if (!number) return usageError("--quality needs a number");
     quality = *number;
   }

@@ -138,7 +138,7 @@ HeifImagePtr makeImage(const DecodedImage& image, bool keepAlpha, bool fullChrom
 
 }  // namespace
 
-HeifSettings heifSettings(double quality, bool photographic) {
+HeifSettings heifSettings(double quality, bool photographic, size_t pixelCount) {
   double q = std::clamp(quality, 0.0, 1.0);
   // Slider value to libheif's quality, which x265 turns into a constant rate factor. Chosen
   // so that HEIC matches JPEG's fidelity at each anchor (measured figures in
@@ -153,9 +153,9 @@ HeifSettings heifSettings(double quality, bool photographic) {
   // libheif's default, "slow", saves a tenth or two of the bytes on photos for nearly twice
   // the time. For a single intra picture "medium" down to "veryfast" give the same bytes in
   // the same time (libheif pins the analysis options the presets differ in); what costs is
-  // the search of 8-pixel blocks, which photographs hardly use (bench/README.md).
+  // the search of 8-pixel blocks, which large photographs can do without (bench/README.md).
   s.preset = "medium";
-  s.minBlock = photographic ? 16 : 8;
+  s.minBlock = photographic && pixelCount > kHeicSmallBlockPhotoPixelLimit ? 16 : 8;
   return s;
 }
 

@@ -50,15 +50,17 @@ class StateLog {
       states_.push_back(state);
     };
   }
-  // Waits for the `index`-th state (0-based); a default (failed, port 0) state if none came.
+  // Waits for the `index`-th state (0-based); a failed one with port 0 if none came.
   LocalAPIListenerState waitFor(size_t index) {
-    const auto at = [&] {
-      std::lock_guard lock(mutex_);
-      return index < states_.size() ? std::optional(states_[index]) : std::nullopt;
-    };
-    return QTest::qWaitFor([&] { return at().has_value(); }, 10000)
-               ? *at()
-               : LocalAPIListenerState{LocalAPIListenerState::Kind::failed, "no state reported", 0};
+    LocalAPIListenerState found{LocalAPIListenerState::Kind::failed, "no state reported", 0};
+    (void)QTest::qWaitFor(
+        [&] {
+          std::lock_guard lock(mutex_);
+          if (index < states_.size()) found = states_[index];
+          return index < states_.size();
+        },
+        10000);
+    return found;
   }
   void clear() {
     std::lock_guard lock(mutex_);

@@ -65,41 +65,14 @@ TEST_F(CommandLineTool, CompressWritesDistinctNamesAndReportsEveryFile) {
   EXPECT_EQ(QDir(path("out/sub")).entryList(QDir::Files), (QStringList{"a-2.webp", "a.webp"}));
 }
 
-TEST_F(CommandLineTool, SizeOptionsFitBudgetAndSkipAndRefuseBadValues) {
-  QString a = image("a.png"), b = image("b.jpg");
-  const QStringList fit{"--to", "out", "--format", "jpeg", "--quality", "100", "--max-width", "24"};
-  ProgramRun plain = run(QStringList{"compress", a} + fit);
-  const int budget = plain.json()[0].toObject()["compressedSizeBytes"].toInt() * 85 / 100;
-  ProgramRun r =
-      run(QStringList{"compress", a, b} + fit + QStringList{"--max-bytes=" + QString::number(budget)});
-  ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-  for (const auto& value : r.json()) {
-    const QJsonObject record = value.toObject();
-    EXPECT_EQ(record["pixelWidth"].toInt(), 24);
-    EXPECT_EQ(record["pixelHeight"].toInt(), 16);
-    EXPECT_LE(record["compressedSizeBytes"].toInt(), budget);
-    EXPECT_LT(record["quality"].toDouble(), 100);
-  }
-
-  // A JPEG at 95 grows at 100: kept, and said so.
-  ProgramRun skip =
-      run({"compress", b, "--to", "kept", "--format", "jpeg", "--quality", "100", "--skip-larger"});
-  ASSERT_EQ(skip.exitCode, 0);
-  EXPECT_TRUE(skip.json()[0].toObject()["skipped"].toBool()) << skip.out.toStdString();
-  EXPECT_TRUE(QDir(path("kept")).isEmpty());
-
-  for (const QStringList& bad : {QStringList{"--max-width", "0"}, QStringList{"--max-height", "wide"},
-                                 QStringList{"--max-bytes", "12x"}, QStringList{"--max-bytes", "-5k"}}) {
-    ProgramRun refused = run(QStringList{"compress", a, "--to", "bad"} + bad);
-    EXPECT_EQ(refused.exitCode, 2) << bad.join(' ').toStdString();
-    EXPECT_FALSE(QFileInfo::exists(path("bad")));
-  }
-}
-
 TEST_F(CommandLineTool, ErrorsExitWithSixOrTwoFallbacksAreToldAndTheDefaultProfileIsFound) {
   QString a = image("a.png");
-  const ProgramRun unknown = run({"shrink", "a.png"});
-  EXPECT_TRUE(unknown.exitCode == 2 && unknown.out.isEmpty());
+  for (const QStringList& wrong :
+       {QStringList{"shrink", a}, QStringList{"compress", a, "--max-bytes", "12x"}}) {
+    const ProgramRun refused = run(wrong + QStringList{"--to", "out"});
+    EXPECT_TRUE(refused.exitCode == 2 && refused.out.isEmpty()) << refused.exitCode;
+    EXPECT_TRUE(refused.err.contains("Try 'quillane-cli --help'.")) << refused.err.toStdString();
+  }
   EXPECT_EQ(run({"compress", "-h"}).exitCode, 0);
   struct Case {
     QStringList arguments;
@@ -123,8 +96,6 @@ TEST_F(CommandLineTool, ErrorsExitWithSixOrTwoFallbacksAreToldAndTheDefaultProfi
   EXPECT_TRUE(QFileInfo::exists(path("out dir/a.jpg"))) << r.out.toStdString();
   EXPECT_TRUE(r.err.contains("unknown format 'bmp'")) << r.err.toStdString();
   EXPECT_TRUE(r.err.contains("quality 150 is outside 1 to 100: 100 is used")) << r.err.toStdString();
-  EXPECT_TRUE(run({"compress", a, "--quality", "high", "--to", "out"}).err.contains("'high' is no number"));
-  EXPECT_EQ(run({"compress", a, "--to", "file://elsewhere/out"}).exitCode, 2);
 
   // The default profile in the data folder gives folder and format.
   testing::saveDefaultProfile(path("data"), "avif", path("archive"));

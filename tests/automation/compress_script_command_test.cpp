@@ -16,6 +16,7 @@
 
 #include "automation/CompressImagesIntent.h"
 #include "automation/CompressScriptCommand.h"
+#include "automation/QuillaneBusService.h"
 #include "records/ExportProfile.h"
 #include "records/JSONFileStore.h"
 #include "tests/support/CodecFixtures.h"
@@ -91,7 +92,7 @@ TEST_F(CompressCommand, PathsComeFromUrlsStringsAndNestedListsInOrderAndAnything
   EXPECT_FALSE(QFileInfo::exists(out()));
 }
 
-TEST(ScriptCommandParameters, SizeOptionsTakeNumbersOrSizeTextsAndRefuseTheWrongKind) {
+TEST_F(CompressCommand, SizeOptionsTakeNumbersOrSizeTextsRefuseTheWrongKindAndReachEachFile) {
   using CompressScriptCommand::compressionOptions;
   EXPECT_EQ(compressionOptions({}), CompressionOptions{});
   const CompressionOptions given = compressionOptions({{"maxWidth", 1600},
@@ -108,6 +109,23 @@ TEST(ScriptCommandParameters, SizeOptionsTakeNumbersOrSizeTextsAndRefuseTheWrong
         QVariantMap{{"maxBytes", -3}}, QVariantMap{{"skipLarger", QString("yes")}}}) {
     EXPECT_THROW(compressionOptions(bad), ScriptCommandError) << bad.firstKey().toStdString();
   }
+
+  // Each file is fitted and kept within the budget at the highest quality that fits, or kept
+  // as it is where it would grow (a JPEG at 95 does at 100).
+  const QString jpeg = source("b.jpg");
+  QVariantMap fit{{"to", out()}, {"format", "jpeg"}, {"quality", 100}, {"maxWidth", 20}};
+  const int budget = run(QStringList{jpeg}, fit)[0].toObject()["compressedSizeBytes"].toInt() * 85 / 100;
+  fit.insert("maxBytes", budget);
+  const QJsonObject fitted = run(QStringList{jpeg}, fit)[0].toObject();
+  EXPECT_EQ(fitted["pixelWidth"].toInt(), 20);
+  EXPECT_LE(fitted["compressedSizeBytes"].toInt(), budget);
+  EXPECT_LT(fitted["quality"].toDouble(), 100);
+  const QJsonObject kept =
+      run(QStringList{jpeg},
+          {{"to", out("kept")}, {"format", "jpeg"}, {"quality", 100}, {"skipLarger", true}})[0]
+          .toObject();
+  EXPECT_TRUE(kept["skipped"].toBool());
+  EXPECT_TRUE(QDir(out("kept")).isEmpty());
 }
 
 // Files run side by side, a large one first so that the small ones behind it finish before
@@ -177,6 +195,74 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
       1);
   EXPECT_EQ(::unlink((odd + ".jpg").c_str()), 0) << "no output under the source's own bytes";
   ::unlink((odd + ".png").c_str());  // a name the temporary folder's clean-up can't read
+}
+
+// The desktop's compress action as the bus hands it over (CompressWithOptions' map; Compress
+// passes the same four through fromArguments): each refusal with the error name and text the
+// caller gets, touching nothing; a failing file ends the call, and what was written stays.
+TEST_F(CompressCommand, DesktopActionRefusalsAreNamedBusErrorsAndKeepWhatWasWritten) {
+  const QString a = source("a.png"), b = source("b.jpg"), notImage = temp_.filePath("in/notes.png");
+  testing::writeBytes(notImage.toStdString(), {'j', 'u', 's', 't', ' ', 't', 'e', 'x', 't'});
+  QFile::copy(a, out("blocker"));  // a file where a folder should be made
+  const QString bus = "com.quillane.Quillane.Error.", invalid = "org.freedesktop.DBus.Error.InvalidArgs";
+  const QVariantMap e{{"outputFolder", out("e")}};
+  const auto with = [&](QVariantMap options) {
+    options.insert(e);
+    return options;
+  };
+  const struct {
+    QStringList files;
+    QVariantMap options;
+    QString error, text;
+  } cases[] = {
+      {{}, e, bus + "EmptyFileList", "Choisissez au moins une image"},
+      {{a}, with({{"quality", 101}}), invalid, "quality : 101"},
+      {{a}, with({{"format", "gif"}}), invalid, "format : gif"},
+      // Relative to wherever the service runs (often /): never taken.
+      {{"in/a.png"}, e, invalid, "Chemin relatif refusé pour files : in/a.png"},
+      {{a}, {{"outputFolder", "out/e"}}, invalid, "outputFolder : out/e"},
+      {{a}, with({{"profile", "Nope"}}), bus + "ProfileNotFound", "Profil introuvable : Nope"},
+      {{a}, {{"outputFolder", out("blocker/sub")}}, bus + "OutputFolder", "blocker/sub"},
+      {{a, temp_.filePath("in/gone.png"), b},
+       {{"outputFolder", out("gone")}, {"format", "png"}},
+       bus + "CompressionFailed",
+       "Échec de la compression de gone.png"},
+      {{notImage},
+       {{"outputFolder", out("bad")}},
+       bus + "CompressionFailed",
+       "notes.png : Impossible de décoder"},
+      {{a}, with({{"maxWidth", "wide"}}), invalid, "maxWidth"},
+      {{a}, with({{"colour", 1}}), invalid, "colour"},
+      {{a}, with({{"quality", "high"}}), invalid, "quality : high"},
+      {{a}, with({{"quality", true}}), invalid, "quality : true"},
+      {{a}, with({{"profile", 3}}), invalid, "profile : 3"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text.toStdString());
+    try {
+      CompressImagesIntent::fromOptions(c.files, c.options).perform();
+      ADD_FAILURE() << "accepted";
+    } catch (...) {
+      const auto [name, text] = QuillaneBusService::errorFor(std::current_exception());
+      EXPECT_EQ(name, c.error);
+      EXPECT_TRUE(text.contains(c.text)) << text.toStdString();
+    }
+  }
+  EXPECT_EQ(QDir(out("gone")).entryList(QDir::Files | QDir::Hidden), QStringList{"a.png"});
+  EXPECT_TRUE(QDir(out("bad")).isEmpty());
+  EXPECT_FALSE(QFileInfo::exists(out("e")));
+  EXPECT_EQ(QuillaneBusService::errorFor(std::make_exception_ptr(CallerGoneError())).first,
+            bus + "CallerGone");
+  EXPECT_EQ(QuillaneBusService::errorFor(std::make_exception_ptr(std::bad_alloc())).first,
+            "org.freedesktop.DBus.Error.Failed");
+
+  // A JPEG at 95 grows at 100: kept, and left out of the outputs.
+  EXPECT_TRUE(
+      CompressImagesIntent::fromOptions(
+          {b}, {{"format", "jpeg"}, {"quality", 100}, {"outputFolder", out("kept")}, {"skipLarger", true}})
+          .perform()
+          .isEmpty());
+  EXPECT_TRUE(QDir(out("kept")).isEmpty());
 }
 
 TEST_F(CompressCommand, ProfilesFillWhatIsNotGivenExplicitly) {

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <QDir>
-#include <memory>
 
 #include "engine/ImageFormat.h"
 #include "tests/batch/batch_test_support.h"
@@ -22,9 +21,8 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   // "café.png" in Latin-1, as an old archive or camera card names it.
   const QByteArray latin1Name = QFile::encodeName(dir_.path()) + "/caf\xe9.png";
   writeBytes(latin1Name.toStdString(), png);
-  // QDir lists no such name, so the temporary folder could not remove it by itself.
-  const std::unique_ptr<const char, void (*)(const char*)> unlinkAtEnd(
-      latin1Name.constData(), [](const char* name) { ::unlink(name); });
+  const std::string latin1Output = QFile::encodeName(dir_.path()).toStdString() + "/out/caf\xe9.jpg";
+  const UnlinkAtExit oddNames{{latin1Name.toStdString(), latin1Output}};
   const QUrl latin1URL = QUrl::fromEncoded("file://" + latin1Name.toPercentEncoding("/"));
 
   auto o = options();
@@ -56,9 +54,6 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   // The output keeps the source name's bytes, as the command line does ("caf\xe9.jpg", not
   // "caf\uFFFD.jpg").
   ASSERT_TRUE(outcomes.at(1).destinationURL);
-  const std::string latin1Output = QFile::encodeName(dir_.path()).toStdString() + "/out/caf\xe9.jpg";
-  const std::unique_ptr<const char, void (*)(const char*)> unlinkOutput(
-      latin1Output.c_str(), [](const char* name) { ::unlink(name); });
   EXPECT_EQ(localFilePath(*outcomes[1].destinationURL), latin1Output);
   EXPECT_EQ(readBytes(latin1Output), written);
   // Taken back by the same bytes, also once the history has been saved and read again.

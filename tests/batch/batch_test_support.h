@@ -3,12 +3,14 @@
 // answers with (quality x 10) bytes, so a result's size tells the quality it was made at;
 // sources whose content begins with "slow" wait for the gate to open, "spin" ones until their
 // work is cancelled (Cancellation.h), and "bad" ones throw.
-// The fake inspector answers from a table by path: by default a 100 x 100 PNG if the file
-// exists, a decoding failure otherwise.
+// The fake inspector answers from a table by file name: by default a 100 x 100 PNG if the file
+// exists, a decoding failure otherwise. A source whose first line is a file name of the table
+// is encoded as that entry says.
 
 #include <gtest/gtest.h>
 
 #include <QFile>
+#include <QFileInfo>
 #include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
@@ -24,17 +26,21 @@
 #include "engine/Errors.h"
 #include "engine/FileIO.h"
 #include "records/JSONFileStore.h"
+#include "tests/support/TestImages.h"
 
 namespace quillane::testing {
 
-struct InspectorEntry {
+struct FakeFile {
   int width = 100;
   int height = 100;
   ImageFormat format = ImageFormat::png;
   int frameCount = 1;
+  int64_t encodedSize = -1;  // -1: quality x 10
+  bool failEncode = false;
+  bool transparent = false;  // the thumbnail, where there is one, has a clear corner
   int delayMs = 0;
-  bool fail = false;
-  bool gated = false;  // waits for the gate to open
+  bool fail = false;   // the inspection fails
+  bool gated = false;  // the inspection waits for the gate to open
 };
 
 class BatchFixture : public ::testing::Test {
@@ -59,34 +65,34 @@ class BatchFixture : public ::testing::Test {
     BatchViewModel::Options o;
     o.reader = [](const std::string& path) { return FileIO::readFile(path); };  // the sources are not images
     o.encoder = [this](std::span<const uint8_t> data, ImageFormat format, double quality) {
-      std::unique_lock lock(mutex_);
-      const std::string source(data.begin(), data.end());
-      calls_.push_back({source, format, quality});
-      maxEncoding_ = std::max(maxEncoding_, ++encoding_);
-      // Bounded, so that a broken test cannot hang the run.
-      if (source.starts_with("slow"))
-        gate_.wait_for(lock, std::chrono::seconds(10), [this] { return gateOpen_; });
-      for (int i = 0; source.starts_with("spin") && i < 1000 && !Cancellation::requested(); ++i)
-        gate_.wait_for(lock, std::chrono::milliseconds(10));
-      if (source.starts_with("spin")) sawCancellation_ = Cancellation::requested();
-      --encoding_;
-      if (source.starts_with("bad")) throw ImageProcessingError::decodingFailed("fake");
-      return std::vector<uint8_t>(size_t(quality * 10), 'x');
+      return encode(data, format, quality);
     };
     o.inspector = [this](const std::string& path) {
+      const QString file = QString::fromStdString(path);
+      const std::string name = QFileInfo(file).fileName().toStdString();
       std::unique_lock lock(mutex_);
-      const InspectorEntry entry = inspections_.count(path) ? inspections_[path] : InspectorEntry{};
+      const FakeFile entry = files_.count(name) ? files_[name] : FakeFile{};
       if (entry.gated) gate_.wait_for(lock, std::chrono::seconds(10), [this] { return gateOpen_; });
       lock.unlock();
       std::this_thread::sleep_for(std::chrono::milliseconds(entry.delayMs));
-      const QString file = QString::fromStdString(path);
       const auto counted = qScopeGuard([this] {
         std::lock_guard countLock(mutex_);
         ++inspected_;
       });
       if (entry.fail || !QFile::exists(file)) throw ImageProcessingError::decodingFailed("fake: " + path);
-      return ImageDecoder::LightDecodedImage{entry.format,       entry.width,      entry.height,
-                                             QFile(file).size(), entry.frameCount, {}};
+      ImageDecoder::LightDecodedImage decoded{entry.format,       entry.width,      entry.height,
+                                              QFile(file).size(), entry.frameCount, {}};
+      if (thumbnails_) {
+        const int side = std::max({1, entry.width, entry.height});
+        decoded.thumbnail =
+            makeImage(std::max(1, 64 * entry.width / side), std::max(1, 64 * entry.height / side),
+                      Pattern::photo, uint32_t(qHash(QString::fromStdString(name))));
+        if (entry.transparent) {
+          decoded.thumbnail.alpha = AlphaInfo::straight;
+          decoded.thumbnail.pixels8[3] = 0;
+        }
+      }
+      return decoded;
     };
     o.processorCount = 2;
     o.memoryBudgetMB = 2048;
@@ -100,9 +106,34 @@ class BatchFixture : public ::testing::Test {
   }
   BatchViewModel& makeModel() { return makeModel(options()); }
 
-  void inspectAs(const QString& name, InspectorEntry entry) {
+  void inspectAs(const QString& name, FakeFile entry) {
     std::lock_guard lock(mutex_);
-    inspections_[path(name)] = entry;
+    files_[name.toStdString()] = entry;
+  }
+  // The entry of the file a source names on its first line (the defaults for any other).
+  FakeFile fakeFor(std::span<const uint8_t> data) {
+    const std::string content(data.begin(), data.end());
+    std::lock_guard lock(mutex_);
+    const auto it = files_.find(content.substr(0, content.find('\n')));
+    return it == files_.end() ? FakeFile{} : it->second;
+  }
+  std::vector<uint8_t> encode(std::span<const uint8_t> data, ImageFormat format, double quality) {
+    const FakeFile file = fakeFor(data);
+    std::unique_lock lock(mutex_);
+    const std::string source(data.begin(), data.end());
+    calls_.push_back({source, format, quality});
+    maxEncoding_ = std::max(maxEncoding_, ++encoding_);
+    // Bounded, so that a broken test cannot hang the run.
+    if (source.starts_with("slow"))
+      gate_.wait_for(lock, std::chrono::seconds(10), [this] { return gateOpen_; });
+    for (int i = 0; source.starts_with("spin") && i < 1000 && !Cancellation::requested(); ++i)
+      gate_.wait_for(lock, std::chrono::milliseconds(10));
+    if (source.starts_with("spin")) sawCancellation_ = Cancellation::requested();
+    --encoding_;
+    if (source.starts_with("bad")) throw ImageProcessingError::decodingFailed("fake");
+    if (file.failEncode) throw ImageProcessingError::encodingFailed("WebP");
+    return std::vector<uint8_t>(size_t(file.encodedSize >= 0 ? file.encodedSize : int64_t(quality * 10)),
+                                'x');
   }
   void openGate() {
     std::lock_guard lock(mutex_);
@@ -178,7 +209,8 @@ class BatchFixture : public ::testing::Test {
   std::condition_variable gate_;
   bool gateOpen_ = false;
   std::vector<Call> calls_;
-  std::map<std::string, InspectorEntry> inspections_;
+  std::map<std::string, FakeFile> files_;  // by file name
+  bool thumbnails_ = false;                // the inspector makes a thumbnail
   int encoding_ = 0, maxEncoding_ = 0;
   int inspected_ = 0;  // inspections that have returned or thrown
   bool sawCancellation_ = false;

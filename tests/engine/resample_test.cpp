@@ -85,7 +85,6 @@ TEST(RotationMirror, EveryCombinationMatchesTheEquivalentExifOrientation) {
     }
 }
 
-// Both byte orders and every integer type are read through the containers (decoder_test).
 TEST(FitBox, KeepsProportionsInEitherBoxAndNeverEnlarges) {
   using S = Resample::Size;
   const auto same = [](S a, S b) { return a.width == b.width && a.height == b.height; };

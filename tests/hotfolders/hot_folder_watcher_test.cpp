@@ -21,15 +21,6 @@ namespace {
 using namespace std::chrono_literals;
 using State = HotFolderWatcher::State;
 
-// Removes files by their bytes when the test ends, however it ends: the temporary folder's own
-// removal cannot remove a name that is no UTF-8, and would leave the whole folder behind.
-struct UnlinkAtExit {
-  std::vector<std::string> paths;
-  ~UnlinkAtExit() {
-    for (const std::string& path : paths) ::unlink(path.c_str());
-  }
-};
-
 class HotFolderWatcherTest : public HotFolderSandbox {
  protected:
   void TearDown() override {

@@ -95,8 +95,9 @@ struct WebPOptions {
   ExifLayout exifLayout{};
 };
 Bytes webp(const DecodedImage& image, const WebPOptions& options = {});
-// Lossless animation of same-sized 8-bit frames, 100 ms each.
-Bytes animatedWebp(const std::vector<DecodedImage>& frames);
+// Lossless animation of 8-bit frames, 100 ms each, on a canvas of the first frame's size unless
+// one is given (a 1 x 1 frame on a 16383 x 16383 canvas is a couple of hundred bytes).
+Bytes animatedWebp(const std::vector<DecodedImage>& frames, int canvasWidth = 0, int canvasHeight = 0);
 
 struct HeifOptions {
   int quality = 90;

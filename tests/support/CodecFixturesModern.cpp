@@ -62,32 +62,25 @@ Bytes webp(const DecodedImage& image, const WebPOptions& options) {
   return takeWebPData(assembled);
 }
 
-Bytes animatedWebp(const std::vector<DecodedImage>& frames) {
-  WebPAnimEncoderOptions animOptions;
-  WebPConfig config;
-  require(!frames.empty() && WebPAnimEncoderOptionsInit(&animOptions) && WebPConfigInit(&config),
-          "WebP init");
-  CHandle<WebPAnimEncoder, WebPAnimEncoderDelete> encoder(
-      WebPAnimEncoderNew(frames[0].width, frames[0].height, &animOptions));
-  require(encoder != nullptr, "WebPAnimEncoderNew");
-  config.lossless = 1;
-  int timestamp = 0;
+Bytes animatedWebp(const std::vector<DecodedImage>& frames, int canvasWidth, int canvasHeight) {
+  require(!frames.empty(), "frames");
+  CHandle<WebPMux, WebPMuxDelete> mux(WebPMuxNew());
   for (const DecodedImage& frame : frames) {
-    WebPPicture picture;
-    require(WebPPictureInit(&picture), "WebPPictureInit");
-    picture.use_argb = 1, picture.width = frame.width, picture.height = frame.height;
-    Bytes rgba = eightBit(frame);
-    bool ok = WebPPictureImportRGBA(&picture, rgba.data(), frame.width * 4) &&
-              WebPAnimEncoderAdd(encoder.get(), &picture, timestamp, &config);
-    WebPPictureFree(&picture);
-    require(ok, "WebPAnimEncoderAdd");
-    timestamp += 100;
+    const Bytes file = webp(frame, {.lossless = true});
+    WebPMuxFrameInfo info{};
+    info.bitstream = {file.data(), file.size()};
+    info.id = WEBP_CHUNK_ANMF;
+    info.duration = 100;
+    require(WebPMuxPushFrame(mux.get(), &info, 1) == WEBP_MUX_OK, "WebPMuxPushFrame");
   }
+  const WebPMuxAnimParams params{0, 0};
   WebPData data;
   WebPDataInit(&data);
-  require(WebPAnimEncoderAdd(encoder.get(), nullptr, timestamp, nullptr) &&
-              WebPAnimEncoderAssemble(encoder.get(), &data),
-          "WebPAnimEncoderAssemble");
+  require(WebPMuxSetCanvasSize(mux.get(), canvasWidth ? canvasWidth : frames[0].width,
+                               canvasHeight ? canvasHeight : frames[0].height) == WEBP_MUX_OK &&
+              WebPMuxSetAnimationParams(mux.get(), &params) == WEBP_MUX_OK &&
+              WebPMuxAssemble(mux.get(), &data) == WEBP_MUX_OK,
+          "WebPMuxAssemble");
   return takeWebPData(data);
 }
 

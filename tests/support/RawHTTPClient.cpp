@@ -40,23 +40,15 @@ std::string receive(int fd, std::chrono::milliseconds timeout, bool& closed) {
   return closed ? std::string() : std::string(buffer, size_t(n));
 }
 
-// Splits a raw response into status line, headers and body.
+// Splits a raw response into status line and body.
 RawHTTPResponse parseResponse(std::string raw, bool closedByServer) {
   RawHTTPResponse response;
   response.raw = std::move(raw), response.closedByServer = closedByServer;
-  const std::string& text = response.raw;
-  const size_t headEnd = text.find("\r\n\r\n");
+  const size_t headEnd = response.raw.find("\r\n\r\n");
   if (headEnd == std::string::npos) return response;
-  response.body = text.substr(headEnd + 4);
-  for (size_t start = 0, end = 0; start < headEnd; start = end + 2) {
-    end = std::min(text.find("\r\n", start), headEnd);
-    const std::string line = text.substr(start, end - start);
-    const size_t colon = line.find(": ");
-    if (start == 0)
-      response.statusLine = line, response.status = line.size() >= 12 ? std::atoi(line.c_str() + 9) : 0;
-    else if (colon != std::string::npos)
-      response.headers[line.substr(0, colon)] = line.substr(colon + 2);
-  }
+  response.body = response.raw.substr(headEnd + 4);
+  response.statusLine = response.raw.substr(0, response.raw.find("\r\n"));
+  if (response.statusLine.size() >= 12) response.status = std::atoi(response.statusLine.c_str() + 9);
   return response;
 }
 

@@ -1,10 +1,9 @@
 #pragma once
 // A blocking HTTP client over a plain TCP socket to 127.0.0.1, for tests that send exact
 // bytes and look at exact bytes. It never interprets more than a test needs: the status
-// line, the headers and the body of one response. No Qt, so that it can run on any thread.
+// line and the body of one response. No Qt, so that it can run on any thread.
 
 #include <chrono>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,7 +15,6 @@ struct RawHTTPResponse {
   bool closedByServer = false;
   std::string statusLine;  // "HTTP/1.1 200 OK"
   int status = 0;
-  std::map<std::string, std::string> headers;  // names as sent
   std::string body;
 };
 

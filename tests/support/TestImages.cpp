@@ -1,5 +1,7 @@
 #include "tests/support/TestImages.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -146,6 +148,10 @@ void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
 std::vector<uint8_t> readBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+UnlinkAtExit::~UnlinkAtExit() {
+  for (const std::string& path : paths) ::unlink(path.c_str());
 }
 
 }  // namespace quillane::testing

@@ -56,4 +56,11 @@ class TempDir {
 void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 std::vector<uint8_t> readBytes(const std::string& path);
 
+// Removes files by their bytes when the test ends, however it ends: a temporary folder's own
+// removal cannot remove a name that is no UTF-8, and would leave the whole folder behind.
+struct UnlinkAtExit {
+  std::vector<std::string> paths;
+  ~UnlinkAtExit();
+};
+
 }  // namespace quillane::testing

@@ -112,6 +112,7 @@ TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRowAndAFormatNotReadOffersNo
   QFile gif(dir_.filePath("anim.gif"));
   ASSERT_TRUE(gif.open(QIODevice::WriteOnly) && gif.write("GIF89a\x01\0\x01\0") > 0);
   gif.close();
+  inspectAs("anim.gif", {.fail = true});  // as the engine's inspection of a GIF
   ASSERT_TRUE(
       settle({QUrl::fromLocalFile(dir_.filePath("missing1.png")), source("a.png"),
               QUrl::fromLocalFile(dir_.filePath("missing2.png")), QUrl::fromLocalFile(gif.fileName())}));

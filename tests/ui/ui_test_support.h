@@ -1,8 +1,6 @@
 #pragma once
-// Fixtures for the window tests: the batch fixture's model and sandbox, with other fakes at its
-// engine seams. The fake inspector gives every file a generated thumbnail and the size the
-// test asks for; the fake encoder answers with as many bytes as the test set for that file
-// (quality x 10 by default), and files whose name starts with "slow" wait for the gate.
+// Fixtures for the window tests: the batch fixture's model, fakes and sandbox; the inspector
+// makes thumbnails, and a sized encode scales the file's box into the options' one.
 
 #include "hotfolders/HotFolder.h"
 #include "records/ExportProfile.h"
@@ -11,15 +9,7 @@
 
 namespace quillane::uitest {
 
-struct FakeFile {
-  int width = 640;
-  int height = 480;
-  ImageFormat format = ImageFormat::png;
-  int frameCount = 1;
-  int64_t encodedSize = -1;  // -1: quality x 10
-  bool failEncode = false;
-  bool transparent = false;  // the thumbnail has a clear corner
-};
+using testing::FakeFile;
 
 class UiFixture : public testing::BatchFixture {
  protected:
@@ -37,12 +27,6 @@ class UiFixture : public testing::BatchFixture {
     std::lock_guard lock(mutex_);
     gateOpen_ = false;
   }
-
- private:
-  ImageDecoder::LightDecodedImage inspect(const std::string& path);
-  std::vector<uint8_t> encode(const std::string& name, double quality);
-
-  std::map<std::string, FakeFile> files_;  // by name (a source's first line is its name)
 };
 
 // The main window over the fixture's model (made if there is none yet), shown at first use.
@@ -64,10 +48,6 @@ ExportProfile profile(const QString& name, ImageFormat format, double quality,
 HotFolder hotFolder(const QString& name, const QString& source, const QString& destination,
                     std::optional<ImageFormat> format, double quality = 75,
                     std::optional<QString> profile = {});
-
-// Widgets in `root` whose text does not fit: labels and buttons narrower than their text
-// needs (word-wrapping and elided labels excepted). Names them for the failure message.
-QStringList clippedTexts(QWidget* root);
 
 // Installs the string table of a language (raw value such as "de"); empty for French defaults.
 void useLanguage(const QString& rawValue);

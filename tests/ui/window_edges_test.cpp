@@ -214,53 +214,33 @@ TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQ
   EXPECT_TRUE(QTest::qWaitFor([&] { return window().findChildren<ui::ImageComparisonView*>().isEmpty(); }));
 }
 
-// Runs `open` and, once its dialog is up, hands it to `use`, which accepts or rejects it.
-template <class Open>
-auto withDialog(Open open, const std::function<void(QFileDialog&)>& use) {
-  bool seen = false;
-  QTimer::singleShot(0, [&] {
-    auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
-    if (!dialog) return;
-    seen = true;
-    use(*dialog);
-  });
-  auto result = open();
-  EXPECT_TRUE(seen);
-  return result;
-}
-
-QString nameField(QFileDialog& dialog) {
-  auto* edit = dialog.findChild<QLineEdit*>("fileNameEdit");
-  return edit ? edit->text() : QString();
-}
-
 TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindElseHomeAndOfferTheSixFormats) {
   DesktopFileDialogs dialogs;
   DesktopFileDialogs::rememberFolder(Kind::import, dir_.filePath("no-such-folder"));
   DesktopFileDialogs::rememberFolder(Kind::exportFolder, {});
   const QUrl picked = source("picked.png");
-  const QList<QUrl> chosen =
-      withDialog([&] { return dialogs.chooseFilesToImport(); },
-                 [&](QFileDialog& dialog) {
-                   EXPECT_EQ(dialog.directory().absolutePath(), QDir::homePath());
-                   EXPECT_EQ(nameField(dialog), QString());
-                   ASSERT_EQ(dialog.nameFilters().size(), 1);
-                   for (const char* pattern : {"*.png", "*.jpg", "*.heic", "*.avif", "*.webp", "*.jxl"})
-                     EXPECT_TRUE(dialog.nameFilters()[0].contains(pattern)) << pattern;
-                   for (const char* pattern : {"*.gif", "*.tif", "*.bmp", "(*)"})
-                     EXPECT_FALSE(dialog.nameFilters()[0].contains(pattern)) << pattern;
-                   dialog.selectUrl(picked);
-                   QMetaObject::invokeMethod(&dialog, "accept");
-                 });
-  EXPECT_EQ(chosen, QList<QUrl>{picked});
+  // Once the dialog is up: where it starts, what it offers, and a file chosen.
+  bool seen = false;
+  QTimer::singleShot(0, [&] {
+    auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+    ASSERT_TRUE(dialog);
+    seen = true;
+    EXPECT_EQ(dialog->directory().absolutePath(), QDir::homePath());
+    const auto* name = dialog->findChild<QLineEdit*>("fileNameEdit");
+    EXPECT_TRUE(name && name->text().isEmpty());
+    ASSERT_EQ(dialog->nameFilters().size(), 1);
+    for (const char* pattern : {"*.png", "*.jpg", "*.heic", "*.avif", "*.webp", "*.jxl"})
+      EXPECT_TRUE(dialog->nameFilters()[0].contains(pattern)) << pattern;
+    for (const char* pattern : {"*.gif", "*.tif", "*.bmp", "(*)"})
+      EXPECT_FALSE(dialog->nameFilters()[0].contains(pattern)) << pattern;
+    dialog->selectUrl(picked);
+    QMetaObject::invokeMethod(dialog, "accept");
+  });
+  EXPECT_EQ(dialogs.chooseFilesToImport(), QList<QUrl>{picked});
+  EXPECT_TRUE(seen);
 
   // The next import starts where the last one was; export keeps its own folder.
-  withDialog([&] { return dialogs.chooseFilesToImport(); },
-             [&](QFileDialog& dialog) {
-               EXPECT_EQ(dialog.directory().absolutePath(), QDir(dir_.path()).absolutePath());
-               EXPECT_EQ(nameField(dialog), QString());
-               dialog.reject();
-             });
+  EXPECT_EQ(DesktopFileDialogs::startFolder(Kind::import), QDir(dir_.path()).absolutePath());
   EXPECT_EQ(DesktopFileDialogs::startFolder(Kind::exportFolder), QDir::homePath());
 }
 

@@ -1,0 +1,121 @@
+// In every language, no text of the bar or of a settings tab is cut at the windows' minimum
+// sizes (ClippedText, in CTest with the label `slow`); and the tray menu's entries do what
+// they say.
+#include <QAbstractButton>
+#include <QComboBox>
+#include <QLabel>
+#include <QTabWidget>
+
+#include "api/LocalAPIController.h"
+#include "api/LocalAPISettings.h"
+#include "hotfolders/HotFoldersManager.h"
+#include "services/AppLanguage.h"
+#include "services/LanguageManager.h"
+#include "services/UpdateChecker.h"
+#include "tests/ui/ui_test_support.h"
+#include "ui/BackgroundTrayMenu.h"
+#include "ui/ControlsBar.h"
+#include "ui/ExportHistoryView.h"
+#include "ui/HotFoldersSettingsView.h"
+#include "ui/SettingsWindow.h"
+
+namespace quillane::uitest {
+namespace {
+
+// Widgets in `root` whose text does not fit: labels and buttons narrower than their text
+// needs (word-wrapping and elided labels excepted). Names them for the failure message.
+QStringList clippedTexts(QWidget* root) {
+  QStringList clipped;
+  const auto check = [&](QWidget* w, const QString& text) {
+    if (!w->isVisibleTo(root) || text.isEmpty()) return;
+    // The widget must be as wide as its own smallest size for that text.
+    const int needed = w->minimumSizeHint().width();
+    if (w->width() + 1 < needed)
+      clipped << QStringLiteral("%1 \"%2\" (%3 < %4)")
+                     .arg(w->metaObject()->className(), text)
+                     .arg(w->width())
+                     .arg(needed);
+  };
+  for (QLabel* label : root->findChildren<QLabel*>()) {
+    if (label->wordWrap() || label->text().isEmpty()) continue;
+    if (label->sizePolicy().horizontalPolicy() == QSizePolicy::Ignored) continue;  // elided on purpose
+    check(label, label->text());
+  }
+  for (QAbstractButton* button : root->findChildren<QAbstractButton*>()) check(button, button->text());
+  for (QComboBox* combo : root->findChildren<QComboBox*>()) check(combo, combo->currentText());
+  return clipped;
+}
+
+// Two hot folders, one whose source is missing so that the error log has a line.
+std::unique_ptr<HotFoldersManager> hotFolders(const QDir& dir) {
+  dir.mkpath("camera");
+  HotFolders::save(
+      {hotFolder("Camera", dir.filePath("camera"), dir.filePath("camera-small"), std::nullopt, 75, "Web"),
+       hotFolder("Scans", dir.filePath("scans"), dir.filePath("scans-small"), ImageFormat::jxl, 80)});
+  return std::make_unique<HotFoldersManager>();
+}
+
+using ClippedText = UiFixture;
+using TrayMenu = UiFixture;
+
+// The bar with all it can show (a count, a history, a profile menu, progress) and every
+// settings tab with content, the local API's running.
+TEST_F(ClippedText, NoTextOfTheBarOrATabIsCutInAnyLanguageAtMinimumSize) {
+  makeModel();
+  ASSERT_TRUE(settle({source("mountain-lake-at-dawn.jpg", 2'400'000), source("logo.png", 18'000),
+                      source("broken.avif", 50'000, {.failEncode = true}),
+                      QUrl::fromLocalFile(dir_.filePath("notes.txt"))}));
+  import({source("slow-panorama.png", 5'000'000)});
+  QDir(dir_.path()).mkpath("out");
+  EXPECT_TRUE(
+      await(model_->exportSingle(model_->images()[0], QUrl::fromLocalFile(dir_.filePath("out/a.jpg")))));
+  ui::ExportHistoryView history(*model_, false);
+  EXPECT_EQ(history.rowCount(), 1);
+  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true));
+  model_->upsertExportProfile(profile("Archive", ImageFormat::jxl, 95));
+  LocalAPISettings::setEnabled(true);
+  LocalAPISettings::setPort(0);
+  const auto restore = qScopeGuard([] { LocalAPISettings::setEnabled(false); });
+  LocalAPIController controller(*model_);
+  UpdateChecker checker(QUrl("http://127.0.0.1:9"), "1.0");
+  LanguageManager languages(LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
+  auto manager = hotFolders(QDir(dir_.path()));
+  for (AppLanguage language : AppLanguages::allCases()) {
+    SCOPED_TRACE(AppLanguages::rawValue(language).toStdString());
+    useLanguage(AppLanguages::rawValue(language));
+    ui::MainWindow window(*model_);
+    window.resize(ui::MainWindow::minimumWidth, ui::MainWindow::minimumHeight);
+    window.show();
+    QCoreApplication::processEvents();
+    EXPECT_EQ(clippedTexts(window.controlsBar()), QStringList());
+    ui::SettingsWindow settings({*model_, controller, checker, languages, nullptr});
+    settings.setAttribute(Qt::WA_DeleteOnClose, false);
+    settings.insertHotFoldersPane(new ui::HotFoldersSettingsView(*manager, *model_, {}));
+    settings.resize(settings.minimumSize());
+    settings.show();
+    for (int i = 0; i < settings.tabs()->count(); ++i) {
+      settings.tabs()->setCurrentIndex(i);
+      QCoreApplication::processEvents();
+      EXPECT_EQ(clippedTexts(settings.tabs()->currentWidget()), QStringList()) << "tab " << i;
+    }
+  }
+  useLanguage({});
+  openGate();
+}
+
+TEST_F(TrayMenu, PausesAndResumesTheFoldersAndOpensTheWindow) {
+  auto manager = hotFolders(QDir(dir_.path()));
+  int opened = 0;
+  ui::BackgroundTrayMenu menu(
+      *manager, [&] { ++opened; }, [] {});
+  menu.findChild<QAction*>("trayPause")->trigger();
+  EXPECT_TRUE(manager->isPaused());
+  EXPECT_NE(menu.toolTipText(), QString());
+  menu.findChild<QAction*>("trayPause")->trigger();
+  EXPECT_FALSE(manager->isPaused());
+  menu.findChild<QAction*>("trayOpen")->trigger();
+  EXPECT_EQ(opened, 1);
+}
+
+}  // namespace
+}  // namespace quillane::uitest
