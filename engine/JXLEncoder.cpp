@@ -241,6 +241,11 @@ Bytes encodePixels(const RGBABuffer& rgba, uint8_t* releasable, bool hasAlpha, c
                      : stripRows < height && plan.photographic ? 5
                                                                : std::clamp(plan.effort, 0, 2) + 5;
   JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, effort);
+  // libjxl 0.7 turns progressive DC on by itself from distance 4.5, and a cropped frame with it
+  // comes out with garbage along its edges or twice its bytes: strips go without.
+  if (stripRows < height)
+    check(JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_PROGRESSIVE_DC, 0),
+          "JxlEncoderFrameSettingsSetOption");
   Bytes result;
   for (size_t firstRow = 0; firstRow < height; firstRow += stripRows) {
     const size_t rows = std::min(stripRows, height - firstRow);
