@@ -4,6 +4,7 @@
 
 #include <jxl/encode.h>
 #include <jxl/encode_cxx.h>
+#include <jxl/thread_parallel_runner_cxx.h>
 
 #include <algorithm>
 #include <string>
@@ -33,7 +34,7 @@ void check(JxlEncoderStatus status, const char* call) {
   throw jxlFailed(call);
 }
 
-// libjxl prints its failures; callers hold a QuietStderr. No parallel runner: libjxl 0.7
+// libjxl prints its failures; callers hold a QuietStderr. No runner that fails: libjxl 0.7
 // aborts the process when a work item of some of its passes fails, so a runner may not stop
 // it half way. A raised flag is seen before the encode and between rounds of output.
 JxlEncoderPtr makeEncoder() {
@@ -191,7 +192,13 @@ Bytes encodePixels(const RGBABuffer& rgba, uint8_t* releasable, bool hasAlpha, c
       rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
     throw jxlFailed("pixel size check");
   codecs::QuietStderr quiet;
+  // libjxl's own runner with one worker, which fails no work item and takes 8 to 17 % less CPU
+  // than no runner on screenshots, for the same bytes (the same on photographs).
+  const JxlThreadParallelRunnerPtr runner = JxlThreadParallelRunnerMake(nullptr, 1);
+  if (!runner) throw jxlFailed("JxlThreadParallelRunnerCreate");
   JxlEncoderPtr encoder = makeEncoder();
+  check(JxlEncoderSetParallelRunner(encoder.get(), JxlThreadParallelRunner, runner.get()),
+        "JxlEncoderSetParallelRunner");
   JxlEncoderFrameSettings* settings = JxlEncoderFrameSettingsCreate(encoder.get(), nullptr);
   if (!settings) throw jxlFailed("JxlEncoderFrameSettingsCreate");
 

@@ -94,7 +94,7 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
     ASSERT_TRUE(out);
     EXPECT_TRUE(out->reconstructedJPEG.empty());
-    EXPECT_EQ(out->image.width, ImageService::properties(source)->width);
+    EXPECT_EQ(out->width, ImageService::properties(source)->width);
   }
 }
 
@@ -104,7 +104,7 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
 TEST(EncodeData, JxlGraphicIsTheSmallerOfItsLossyAndLosslessEncodings) {
   for (const bool gradient : {false, true}) {
     DecodedImage picture = testing::makeImage(160, 120, testing::Pattern::screenshot, 3);
-    for (size_t p = 0; gradient && p < 160 * 60; ++p) {
+    for (size_t p = 0; gradient && p < size_t{160} * 60; ++p) {
       picture.pixels8[p * 4] = uint8_t(p % 160);
       picture.pixels8[p * 4 + 1] = uint8_t(p / 160 * 2);
       picture.pixels8[p * 4 + 2] = 128;

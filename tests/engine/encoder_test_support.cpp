@@ -14,25 +14,25 @@
 
 namespace quillane::testing {
 
-std::optional<Decoded> decodePNG(std::span<const uint8_t> png) {
+std::optional<Bytes> decodePNG(std::span<const uint8_t> png) {
   png_image image;
   std::memset(&image, 0, sizeof image);
   image.version = PNG_IMAGE_VERSION;
   if (!png_image_begin_read_from_memory(&image, png.data(), png.size())) return std::nullopt;
   image.format = PNG_FORMAT_RGBA;
-  Decoded out{int(image.width), int(image.height), Bytes(PNG_IMAGE_SIZE(image))};
-  if (!png_image_finish_read(&image, nullptr, out.rgba.data(), 0, nullptr)) {
+  Bytes out(PNG_IMAGE_SIZE(image));
+  if (!png_image_finish_read(&image, nullptr, out.data(), 0, nullptr)) {
     png_image_free(&image);
     return std::nullopt;
   }
   return out;
 }
 
-std::optional<Decoded> decodeWebP(std::span<const uint8_t> webp) {
+std::optional<Bytes> decodeWebP(std::span<const uint8_t> webp) {
   int w = 0, h = 0;
   uint8_t* pixels = WebPDecodeRGBA(webp.data(), webp.size(), &w, &h);
   if (!pixels) return std::nullopt;
-  Decoded out{w, h, Bytes(pixels, pixels + size_t(w) * size_t(h) * 4)};
+  Bytes out(pixels, pixels + size_t(w) * size_t(h) * 4);
   WebPFree(pixels);
   return out;
 }
@@ -53,8 +53,8 @@ std::optional<DecodedJXL> decodeJXL(std::span<const uint8_t> jxl) {
       case JXL_DEC_BASIC_INFO: {
         JxlBasicInfo info;
         JxlDecoderGetBasicInfo(dec.get(), &info);
-        out.image.width = int(info.xsize);
-        out.image.height = int(info.ysize);
+        out.width = int(info.xsize);
+        out.height = int(info.ysize);
         out.usesOriginalProfile = info.uses_original_profile;
         out.extraChannels = info.num_extra_channels;
         out.orientation = int(info.orientation);
@@ -66,8 +66,8 @@ std::optional<DecodedJXL> decodeJXL(std::span<const uint8_t> jxl) {
         JxlDecoderSetJPEGBuffer(dec.get(), jpegBuffer.data(), jpegBuffer.size());
         break;
       case JXL_DEC_NEED_IMAGE_OUT_BUFFER:
-        out.image.rgba.resize(size_t(out.image.width) * size_t(out.image.height) * 4);
-        if (JxlDecoderSetImageOutBuffer(dec.get(), &format, out.image.rgba.data(), out.image.rgba.size()) !=
+        out.rgba.resize(size_t(out.width) * size_t(out.height) * 4);
+        if (JxlDecoderSetImageOutBuffer(dec.get(), &format, out.rgba.data(), out.rgba.size()) !=
             JXL_DEC_SUCCESS)
           return std::nullopt;
         break;

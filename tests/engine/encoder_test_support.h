@@ -17,16 +17,13 @@ namespace quillane::testing {
 
 using Bytes = std::vector<uint8_t>;
 
-struct Decoded {
-  int width = 0, height = 0;
-  Bytes rgba;  // 4 bytes a pixel
-};
-// Nothing when the library refuses the file.
-std::optional<Decoded> decodePNG(std::span<const uint8_t> png);
-std::optional<Decoded> decodeWebP(std::span<const uint8_t> webp);
+// The RGBA samples (4 bytes a pixel); nothing when the library refuses the file.
+std::optional<Bytes> decodePNG(std::span<const uint8_t> png);
+std::optional<Bytes> decodeWebP(std::span<const uint8_t> webp);
 
 struct DecodedJXL {
-  Decoded image;
+  int width = 0, height = 0;
+  Bytes rgba;
   bool usesOriginalProfile = false;
   uint32_t extraChannels = 0;
   int orientation = 1;      // as stored, not applied
