@@ -127,6 +127,7 @@ Mode mode(const ImageCharacteristics& characteristics, ImageFormat format, doubl
 }
 
 bool losslessWebPMayWin(const ImageCharacteristics& characteristics, const Mode& lossy) {
+  if (lossy.kind == Mode::Kind::nearLossless) return false;
   const int64_t pixels = int64_t(characteristics.width) * int64_t(characteristics.height);
   return lossy.kind != Mode::Kind::lossy || lossy.quality > 80 || pixels < 16'384 ||
          characteristics.gradientFraction <= 0.03;
