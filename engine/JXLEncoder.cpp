@@ -234,16 +234,25 @@ Bytes encodePixels(const RGBABuffer& rgba, uint8_t* releasable, bool hasAlpha, c
       throw jxlFailed("near-lossless mode");  // planned for WebP only
   }
   check(JxlEncoderSetFrameDistance(settings, frameDistance), "JxlEncoderSetFrameDistance");
-  // The light lossless effort (4) takes well under half the memory of 5 and above on
-  // graphics (EncodeCost).
-  const int effort = forcedEffort > 0                 ? forcedEffort
-                     : lossless && plan.lightLossless ? 4
-                                                      : std::clamp(plan.effort, 0, 2) + 5;
-  JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, effort);
-
   const JxlPixelFormat format{hasAlpha ? 4u : 3u, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
   const size_t width = size_t(rgba.width), height = size_t(rgba.height);
   const size_t stripRows = lossless ? height : size_t(lossyStripRows(rgba.width, rgba.height));
+  // The light lossless effort (4) takes well under half the memory of 5 and above on
+  // graphics (EncodeCost). A photograph in strips runs at effort 5 whatever its size: each
+  // strip's frame carries entropy codes of its own, which effort 5 pays back, writing fewer
+  // bytes than 6 at the same butteraugli distance for less CPU; 7 took twice the CPU and
+  // memory, and libjxl 0.7 wrote cropped frames at 7 that its decoder refuses
+  // (bench/README.md, "The cost model").
+  const int effort = forcedEffort > 0                          ? forcedEffort
+                     : lossless && plan.lightLossless          ? 4
+                     : stripRows < height && plan.photographic ? 5
+                                                               : std::clamp(plan.effort, 0, 2) + 5;
+  JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, effort);
+  // libjxl 0.7 turns progressive DC on by itself from distance 4.5, and a cropped frame with it
+  // comes out with garbage along its edges or twice its bytes: strips go without.
+  if (stripRows < height)
+    check(JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_PROGRESSIVE_DC, 0),
+          "JxlEncoderFrameSettingsSetOption");
   Bytes result;
   for (size_t firstRow = 0; firstRow < height; firstRow += stripRows) {
     const size_t rows = std::min(stripRows, height - firstRow);
