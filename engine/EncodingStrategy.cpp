@@ -137,16 +137,19 @@ bool losslessMayWinOnGradients(const ImageCharacteristics& characteristics, cons
          characteristics.gradientFraction <= 0.03;
 }
 
+bool fewColours(const ImageCharacteristics& characteristics) {
+  return !characteristics.colorCountSaturated && characteristics.distinctColorCount <= 1'024;
+}
+
 }  // namespace
 
 bool losslessWebPMayWin(const ImageCharacteristics& characteristics, const Mode& lossy) {
   if (lossy.kind == Mode::Kind::nearLossless) return false;
-  return losslessMayWinOnGradients(characteristics, lossy, 85);
+  return losslessMayWinOnGradients(characteristics, lossy, fewColours(characteristics) ? 85 : 100);
 }
 
 bool losslessJXLMayWin(const ImageCharacteristics& characteristics, const Mode& lossy) {
-  return losslessMayWinOnGradients(characteristics, lossy, 80) ||
-         (!characteristics.colorCountSaturated && characteristics.distinctColorCount <= 1'024);
+  return losslessMayWinOnGradients(characteristics, lossy, 80) || fewColours(characteristics);
 }
 
 bool losslessJXLMayBeat(uint64_t lossyBytes, uint64_t quickLosslessBytes) {

@@ -170,7 +170,7 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
     return EncodingStrategy::losslessWebPMayWin(c, lossy);
   };
   EXPECT_FALSE(mayWin(128, 0.031, Mode::lossy(85)));
-  EXPECT_TRUE(mayWin(128, 0.5, Mode::lossy(86)));
+  EXPECT_TRUE(mayWin(128, 0.5, Mode::lossy(86))) << "above 85 only among many colours";
   EXPECT_TRUE(mayWin(127, 0.5, Mode::lossy(80))) << "below 16,384 pixels";
   EXPECT_FALSE(mayWin(127, 0.0, Mode::nearLossless(60))) << "never against near-lossless";
 
@@ -183,6 +183,7 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   fewColours.distinctColorCount = 1'025;
   EXPECT_FALSE(EncodingStrategy::losslessMayWin(ImageFormat::jxl, fewColours, Mode::lossy(80)));
   EXPECT_TRUE(EncodingStrategy::losslessMayWin(ImageFormat::jxl, fewColours, Mode::lossy(81)));
+  EXPECT_FALSE(EncodingStrategy::losslessMayWin(ImageFormat::webp, fewColours, Mode::lossy(100)));
 
   // Continuous tone (AVIF's careful speed on large pictures) needs many colours: a noisy drawing
   // of few colours would start aom's screen content search; a screenshot never has it.
