@@ -126,15 +126,26 @@ Mode mode(const ImageCharacteristics& characteristics, ImageFormat format, doubl
   return Mode::lossy(cq);
 }
 
-bool losslessWebPMayWin(const ImageCharacteristics& characteristics, const Mode& lossy) {
-  if (lossy.kind == Mode::Kind::nearLossless) return false;
+namespace {
+
+// Whether a lossless encoding may beat a lossy one of at most `highestQuality` on a picture
+// of many gentle gradients.
+bool losslessMayWinOnGradients(const ImageCharacteristics& characteristics, const Mode& lossy,
+                               double highestQuality) {
   const int64_t pixels = int64_t(characteristics.width) * int64_t(characteristics.height);
-  return lossy.kind != Mode::Kind::lossy || lossy.quality > 80 || pixels < 16'384 ||
+  return lossy.kind != Mode::Kind::lossy || lossy.quality > highestQuality || pixels < 16'384 ||
          characteristics.gradientFraction <= 0.03;
 }
 
+}  // namespace
+
+bool losslessWebPMayWin(const ImageCharacteristics& characteristics, const Mode& lossy) {
+  if (lossy.kind == Mode::Kind::nearLossless) return false;
+  return losslessMayWinOnGradients(characteristics, lossy, 85);
+}
+
 bool losslessJXLMayWin(const ImageCharacteristics& characteristics, const Mode& lossy) {
-  return losslessWebPMayWin(characteristics, lossy) ||
+  return losslessMayWinOnGradients(characteristics, lossy, 80) ||
          (!characteristics.colorCountSaturated && characteristics.distinctColorCount <= 1'024);
 }
 

@@ -169,7 +169,8 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
     c.gradientFraction = gradients;
     return EncodingStrategy::losslessWebPMayWin(c, lossy);
   };
-  EXPECT_FALSE(mayWin(128, 0.031, Mode::lossy(80)));
+  EXPECT_FALSE(mayWin(128, 0.031, Mode::lossy(85)));
+  EXPECT_TRUE(mayWin(128, 0.5, Mode::lossy(86)));
   EXPECT_TRUE(mayWin(127, 0.5, Mode::lossy(80))) << "below 16,384 pixels";
   EXPECT_FALSE(mayWin(127, 0.0, Mode::nearLossless(60))) << "never against near-lossless";
 
