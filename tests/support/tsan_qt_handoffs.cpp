@@ -43,7 +43,10 @@ class HandedOff final : public QRunnable {
     const bool drop = task_->autoDelete();
     task_->run();
     publish();
-    if (drop) delete task_;
+    if (drop) {
+      takeUp();
+      delete task_;
+    }
   }
 
  private:
@@ -243,6 +246,16 @@ void WRAP(_ZN20QFutureInterfaceBase15setContinuationESt8functionIFvRKS_EEP27QFut
     QFutureInterfaceBase* future, Continuation continuation, QFutureInterfaceBasePrivate* data) {
   REAL(_ZN20QFutureInterfaceBase15setContinuationESt8functionIFvRKS_EEP27QFutureInterfaceBasePrivate)
   (future, handedOffContinuation(std::move(continuation)), data);
+}
+
+// QFutureInterfaceBase::derefT(): the last holder of a future's results, on any thread, drops
+// them after every other holder has let go.
+bool REAL(_ZNK20QFutureInterfaceBase6derefTEv)(const QFutureInterfaceBase*);
+bool WRAP(_ZNK20QFutureInterfaceBase6derefTEv)(const QFutureInterfaceBase* future) {
+  publish();
+  const bool held = REAL(_ZNK20QFutureInterfaceBase6derefTEv)(future);
+  takeUp();
+  return held;
 }
 
 // QSemaphore::release, acquire and the two tryAcquire.
