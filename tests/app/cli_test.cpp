@@ -55,11 +55,9 @@ TEST_F(CommandLineTool, CompressWritesDistinctNamesAndReportsEveryFile) {
   ProgramRun r = run({"compress", a, broken, nested, "--to", "out/sub", "--format", "WEBP"});
   ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
   EXPECT_TRUE(r.err.isEmpty());
-  EXPECT_TRUE(r.out.contains("\\/out\\/sub\\/a.webp")) << "slashes are escaped";
   QJsonArray records = r.json();
   ASSERT_EQ(records.size(), 3);
   EXPECT_EQ(records[1].toObject().keys(), (QStringList{"error", "originalSizeBytes", "path"}));
-  EXPECT_EQ(records[2].toObject()["destination"].toString(), path("out/sub/a-2.webp"));
   // Every written file says how it looks beside its source.
   for (int i : {0, 2}) EXPECT_GE(records[i].toObject()["butteraugli"].toDouble(-1), 0.0);
   EXPECT_EQ(QDir(path("out/sub")).entryList(QDir::Files), (QStringList{"a-2.webp", "a.webp"}));
