@@ -178,22 +178,20 @@ TEST(WebPEncode, ARGBPictureGivesTheImportsBytesInAnyOrder) {
   }
 }
 
-TEST(JxlEncode, LossyIsCloseAndUsesXYB) {
-  const RGBABuffer rgba = makeBuffer(48, 40, Pattern::photo, 6);
-  const auto decoded = decodeJXL(JXLEncoder::encode(rgba, false, makePlan(Mode::lossy(90), 0)));
-  ASSERT_TRUE(decoded);
-  EXPECT_FALSE(decoded->usesOriginalProfile);
-  EXPECT_LE(maxDifference(decoded->rgba, rgba.pixels), 40);
-}
-
-TEST(JxlEncode, OutputAboveOneMebibyteDrainsContiguously) {
-  // Strong noise hardly compresses: 800 by 600 RGBA losslessly is about 1.3 MB.
-  const RGBABuffer rgba = makeBuffer(800, 600, Pattern::noisyPhoto, 1, true);
-  const Bytes jxl = JXLEncoder::encode(rgba, true, makePlan(Mode::lossless(), 0));
+// A lossy picture comes out close, coded in XYB; a lossless output larger than the 1 MiB
+// drain buffer comes out whole (strong noise hardly compresses: 800 x 600 is about 1.3 MB).
+TEST(JxlEncode, LossyIsCloseInXYBAndALargeOutputDrainsWhole) {
+  const RGBABuffer photo = makeBuffer(48, 40, Pattern::photo, 6);
+  const auto lossy = decodeJXL(JXLEncoder::encode(photo, false, makePlan(Mode::lossy(90), 0)));
+  ASSERT_TRUE(lossy);
+  EXPECT_FALSE(lossy->usesOriginalProfile);
+  EXPECT_LE(maxDifference(lossy->rgba, photo.pixels), 40);
+  const RGBABuffer noise = makeBuffer(800, 600, Pattern::noisyPhoto, 1, true);
+  const Bytes jxl = JXLEncoder::encode(noise, true, makePlan(Mode::lossless(), 0));
   EXPECT_GT(jxl.size(), 1'048'576u);
-  const auto decoded = decodeJXL(jxl);
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(decoded->rgba, rgba.pixels);
+  const auto lossless = decodeJXL(jxl);
+  ASSERT_TRUE(lossless);
+  EXPECT_EQ(lossless->rgba, noise.pixels);
 }
 
 // Above 8 megapixels a lossy picture goes in as strips, each replacing its rows; consumed,
@@ -490,21 +488,19 @@ std::string jpegLayout(const Bytes& file) {
   return subsampling == TJSAMP_444 ? "444" : subsampling == TJSAMP_420 ? "420" : "other";
 }
 
-struct Case {
-  const char* name;
-  DecodedImage picture;
-  const char* layout;
-  double maxError;  // mean absolute error per colour sample a decoder may show at quality 75
-};
-
-TEST(ChromaLayout, ColouredTextKeepsFullChromaAndAPhotoIsSubsampledInEveryDecoder) {
-  const Case cases[] = {
+TEST(ChromaLayout, VisibleColouredTextKeepsFullChromaAndAPhotoIsSubsampledInEveryDecoder) {
+  struct {
+    const char* name;
+    DecodedImage picture;
+    const char* layout;
+    double maxError;  // mean absolute error per colour sample a decoder may show at quality 75
+  } const cases[] = {
       {"coloured text", colouredText(320, 200), "444", 7.0},
       {"smooth photo", makeImage(320, 200, Pattern::photo, 3), "420", 3.0},
   };
   const EncodingPlan plan = lossyPlan(75);
   ASSERT_TRUE(heif_have_decoder_for_format(heif_compression_AV1));
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const Bytes avif = encode(c.picture, false, ImageFormat::avif, plan),
                 heic = encode(c.picture, false, ImageFormat::heic, plan),
@@ -521,10 +517,9 @@ TEST(ChromaLayout, ColouredTextKeepsFullChromaAndAPhotoIsSubsampledInEveryDecode
         {"own reader JPEG", ImageService::decodeFirstFrame(jpeg)}};
     for (const auto& [name, image] : seen) EXPECT_LT(meanColourError(image, c.picture), c.maxError) << name;
   }
-}
 
-TEST(ChromaLayout, ColourUnderFullTransparencyDoesNotCount) {
-  DecodedImage hidden = colouredText(200, 120);
+  // Colour under full transparency does not count.
+  DecodedImage hidden = cases[0].picture;
   for (size_t i = 3; i < hidden.pixels8.size(); i += 4) hidden.pixels8[i] = 0;
   hidden.alpha = AlphaInfo::straight;
   EXPECT_TRUE(codecs::usesFullChroma(codecs::ChromaLayout::automatic, hidden, false));
