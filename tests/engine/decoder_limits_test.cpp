@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -221,19 +222,14 @@ bool refusedAsUndecodable(const std::function<void()>& call) {
 
 // Runs `body` in a child process under `resource` limited to `limit`, with an alarm as a
 // last guard against a hang; the child exits 0 when `body` returns true.
-[[noreturn]] void runLimited(int resource, rlim_t limit, const std::function<bool()>& body) {
-  const struct rlimit r = {limit, limit};
-  setrlimit(resource, &r);
-  alarm(120);
-  _exit(body() ? 0 : 1);
-}
 // NOLINTNEXTLINE(readability-function-size): EXPECT_EXIT expands to a few hundred statements
 void expectInChild(int resource, rlim_t limit, const std::function<bool()>& body) {
 #ifdef __SANITIZE_ADDRESS__
   // AddressSanitizer's shadow memory cannot be mapped under an address-space limit.
   if (resource == RLIMIT_AS) GTEST_SKIP() << "address-space limits need a build without AddressSanitizer";
 #endif
-  EXPECT_EXIT(runLimited(resource, limit, body), ::testing::ExitedWithCode(0), "");
+  const struct rlimit r = {limit, limit};
+  EXPECT_EXIT((setrlimit(resource, &r), alarm(120), _exit(body() ? 0 : 1)), ::testing::ExitedWithCode(0), "");
 }
 
 class Bombs : public ::testing::Test {
@@ -334,12 +330,10 @@ TEST_F(Bombs, TextChunksAreNeverInflated) {
 
 // Bytes this process has read from files and pipes so far.
 uint64_t bytesRead() {
-  std::FILE* io = std::fopen("/proc/self/io", "r");
-  unsigned long long rchar = 0;
-  if (io) {
-    if (std::fscanf(io, "rchar: %llu", &rchar) != 1) rchar = 0;
-    std::fclose(io);
-  }
+  std::ifstream io("/proc/self/io");
+  std::string key;
+  uint64_t rchar = 0;
+  io >> key >> rchar;
   return rchar;
 }
 
@@ -422,8 +416,7 @@ TEST(Cancellation, ARaisedFlagStopsEachHookedDecoderAndEncoder) {
   const Bytes png = fixtures::png(photo), jpeg = fixtures::jpeg(photo, {.progressive = true}),
               jxl = fixtures::jxl(photo, {.lossless = false}), webp = fixtures::webp(photo);
   const RGBABuffer rgba = testing::makeBuffer(300, 200, testing::Pattern::photo, 4, true);
-  ImageCharacteristics withAlpha;
-  withAlpha.hasAlpha = true;
+  const ImageCharacteristics withAlpha{.hasAlpha = true};
   const auto decode = [](const Bytes& file) {
     return [&file] { return !ImageDecoder::decodeCGImageSource(file).image.empty(); };
   };
