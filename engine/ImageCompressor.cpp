@@ -108,7 +108,7 @@ Bytes encodeJXLCompeting(Pictures& pictures, const EncodingPlan& plan,
   Cancellation::check();
   try {
     const size_t quick = JXLEncoder::quickLosslessSize(pictures.rgba, pictures.rgba.hasAlpha);
-    if (!EncodingStrategy::losslessJXLMayBeat(lossy.size(), quick)) return lossy;
+    if (!EncodingStrategy::losslessJXLMayBeat(characteristics, lossy.size(), quick)) return lossy;
   } catch (const std::exception&) {
     // no estimate: lossless runs as if there were no estimate
   }
