@@ -15,7 +15,6 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThreadPool>
-#include <QTimer>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -178,13 +177,6 @@ class BatchFixture : public ::testing::Test {
   void drainEncodes() {
     model_->findChild<QThreadPool*>(QStringLiteral("encodePool"))->waitForDone();
     QCoreApplication::sendPostedEvents();
-  }
-  // Turns the event loop until a timer started now and running `ms` has fired: a debounce
-  // shorter than that, had it been started, has fired before it.
-  static void outlast(std::chrono::milliseconds ms) {
-    bool fired = false;
-    QTimer::singleShot(ms, [&] { fired = true; });
-    ASSERT_TRUE(QTest::qWaitFor([&] { return fired; }, 5000));
   }
   bool waitForInspections(int count) {
     return QTest::qWaitFor(

@@ -1,5 +1,6 @@
 // The encode scheduler: debounce, budgets, watchdog, generations, passthrough.
 #include <QSignalSpy>
+#include <QTimer>
 
 #include "budget/CompressionBudget.h"
 #include "tests/batch/batch_test_support.h"
@@ -29,7 +30,10 @@ TEST_F(SchedulerTest, GlobalChangesAreDebouncedAndWaitForTheSliderToBeLetGo) {
 
   model.setQualitySliderEditing(true);
   model.setQuality(30);
-  outlast(std::chrono::milliseconds(20));
+  // A timer started now fires after the 1 ms debounce would have, had it been started.
+  bool fired = false;
+  QTimer::singleShot(20, [&] { fired = true; });
+  ASSERT_TRUE(QTest::qWaitFor([&] { return fired; }, 5000));
   EXPECT_TRUE(model.hasPendingRecompute());
   EXPECT_EQ(calls().size(), 4u);
   model.setQualitySliderEditing(false);

@@ -1,10 +1,11 @@
-// Export, history with undo, and the model's profile operations.
+// Export and the names it gives, history with undo, and the model's profile operations.
 #include <unistd.h>
 
 #include <QDir>
 #include <QFileInfo>
 #include <QSignalSpy>
 
+#include "batch/ExportFilenameAllocator.h"
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/TestImages.h"
 
@@ -164,6 +165,21 @@ TEST_F(ExportTest, ProfilesAreSavedAtEachChangeAndDeletingTheAppliedOneKeepsItsF
   EXPECT_TRUE(ExportProfiles::load().empty());
   EXPECT_EQ(model.lastAppliedProfileFolder(), QUrl::fromLocalFile("/srv/out"))
       << "the export dialog opens there";
+}
+
+TEST(ExportFilenameAllocator, ClashesIgnoreCaseNumberFromTwoAndSkipNamesTaken) {
+  const std::vector<std::pair<std::vector<std::pair<QString, QString>>, QStringList>> cases = {
+      {{{"a", "png"}, {"A", "png"}, {"a", "png"}, {"a", "jpg"}}, {"a.png", "A-2.png", "a-3.png", "a.jpg"}},
+      {{{"Été", "JPG"}, {"été", "jpg"}}, {"Été.JPG", "été-2.jpg"}},
+      {{{"a-2", "png"}, {"a", "png"}, {"a", "png"}, {"A-3", "png"}},
+       {"a-2.png", "a.png", "a-3.png", "A-3-2.png"}},
+  };
+  for (const auto& [requests, expected] : cases) {
+    ExportFilenameAllocator allocator;
+    QStringList names;
+    for (const auto& [base, extension] : requests) names << allocator.filename(base, extension);
+    EXPECT_EQ(names, expected);
+  }
 }
 
 }  // namespace

@@ -24,9 +24,9 @@ namespace fs = std::filesystem;
 
 class AtomicWriter : public ::testing::Test {
  protected:
-  void write(const std::string& name, const std::string& text) {
+  void write(const std::string& name, const std::string& text, unsigned permissions = 0666) {
     FileIO::writeFileAtomically(dir_ + "/" + name,
-                                {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+                                {reinterpret_cast<const uint8_t*>(text.data()), text.size()}, permissions);
   }
   std::string read(const std::string& path) {
     auto bytes = testing::readBytes(path);
@@ -51,27 +51,13 @@ TEST_F(AtomicWriter, ReplacesALinkAtTheDestinationAndTakesTheLongestNames) {
   EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 3) << "no temporary left";
 }
 
-TEST_F(AtomicWriter, AFailedWriteNamesTheFolderOrTheDestinationAndLeavesNothing) {
-  auto failure = [&](const std::string& name) -> std::string {
-    try {
-      write(name, "x");
-    } catch (const FileIO::WriteError& e) {
-      return e.description();
-    }
-    return "no error";
-  };
-  // The reason alone ("No such file or directory") would not say which folder.
-  EXPECT_EQ(failure("missing/a.jpg"), dir_ + "/missing: No such file or directory");
-  fs::create_directories(dir_ + "/taken.jpg/inside");  // a folder in the file's place, even for root
-  EXPECT_EQ(failure("taken.jpg"), dir_ + "/taken.jpg: exists and is not a regular file; left as it is");
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1) << "no temporary left";
-}
-
 // A pipe, a socket, a folder or a device where the file was to go is not ours: each is
-// refused and left as it was (as root, /dev/null was once replaced by a regular file).
-TEST_F(AtomicWriter, OnlyAFileOrALinkIsReplaced) {
+// refused and left as it was (as root, /dev/null was once replaced by a regular file). A failure
+// names the folder or the destination: the reason alone ("No such file or directory") would not
+// say which.
+TEST_F(AtomicWriter, OnlyAFileOrALinkIsReplacedAndAFailureNamesItsPlace) {
   ASSERT_EQ(::mkfifo((dir_ + "/pipe.jpg").c_str(), 0644), 0);
-  fs::create_directory(dir_ + "/folder.jpg");
+  fs::create_directories(dir_ + "/folder.jpg/inside");  // a folder in the file's place, even for root
   const int sock = ::socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -87,6 +73,16 @@ TEST_F(AtomicWriter, OnlyAFileOrALinkIsReplaced) {
     EXPECT_EQ(fs::symlink_status(dir_ + "/" + name).type(), before) << name;
   }
   ::close(sock);
+  const auto failure = [&](const std::string& name) -> std::string {
+    try {
+      write(name, "x");
+    } catch (const FileIO::WriteError& e) {
+      return e.description();
+    }
+    return "no error";
+  };
+  EXPECT_EQ(failure("missing/a.jpg"), dir_ + "/missing: No such file or directory");
+  EXPECT_EQ(failure("folder.jpg"), dir_ + "/folder.jpg: exists and is not a regular file; left as it is");
   EXPECT_EQ(size_t(std::distance(fs::directory_iterator(dir_), fs::directory_iterator())), names.size())
       << "no temporary left";
 }
@@ -105,15 +101,13 @@ TEST_F(AtomicWriter, AnOutputIsNoMoreReadableThanItsSourceOrTheFileItReplaces) {
   EXPECT_EQ(FileIO::permissionsFor(dir_ + "/private.png"), 0600u);
   EXPECT_EQ(FileIO::permissionsFor(dir_ + "/group.png"), 0640u) << "never executable";
 
-  const std::string text = "out";
-  const std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(text.data()), text.size());
-  FileIO::writeFileAtomically(dir_ + "/a.jpg", bytes, FileIO::permissionsFor(dir_ + "/private.png"));
+  write("a.jpg", "out", FileIO::permissionsFor(dir_ + "/private.png"));
   EXPECT_EQ(mode("a.jpg"), 0600u);
-  FileIO::writeFileAtomically(dir_ + "/b.jpg", bytes);
+  write("b.jpg", "out");
   EXPECT_EQ(mode("b.jpg"), 0644u) << "the umask still applies";
   // The user made an earlier output private: replacing it keeps it so.
   ::chmod((dir_ + "/b.jpg").c_str(), 0640);
-  FileIO::writeFileAtomically(dir_ + "/b.jpg", bytes);
+  write("b.jpg", "out");
   EXPECT_EQ(mode("b.jpg"), 0640u);
   ::umask(umask);
 }

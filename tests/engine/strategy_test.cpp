@@ -122,24 +122,23 @@ TEST(ImageAnalyzerColors, CountsUpToSaturation) {
 
 ImageCharacteristics picture(ContentClass cls, int64_t width, int height = 1, double noise = 0,
                              double flat = 0.5, bool saturated = false) {
-  ImageCharacteristics c;
-  c.width = int(width), c.height = height;
-  c.contentClass = cls;
-  c.noiseLevel = noise, c.flatFraction = flat;
-  c.colorCountSaturated = saturated;
-  return c;
+  return {.width = int(width),
+          .height = height,
+          .contentClass = cls,
+          .colorCountSaturated = saturated,
+          .flatFraction = flat,
+          .noiseLevel = noise};
 }
 
-TEST(EncodingStrategy, QualityIsClampedToOneEvenAfterTheNoiseAdjustmentOrWhenNotANumber) {
+TEST(EncodingStrategy, QualityIsClampedToOneAndNearLosslessIsAWebPModeOnly) {
   const auto noisy = picture(ContentClass::noisyPhoto, 100, 100, 12, 0, true);
   EXPECT_EQ(EncodingStrategy::plan(noisy, ImageFormat::png, 3).quality, 1);
   EXPECT_EQ(
       EncodingStrategy::plan(noisy, ImageFormat::jpeg, std::numeric_limits<double>::quiet_NaN()).quality, 1);
   EXPECT_EQ(EncodingStrategy::plan(picture(ContentClass::photo, 10), ImageFormat::jpeg, 0).mode,
             Mode::lossy(1));
-}
 
-TEST(EncodingStrategy, NearLosslessIsAWebPModeOnly) {
+  // Near-lossless is a WebP mode only.
   const auto text = [](double flat) { return picture(ContentClass::screenText, 100, 100, 0, flat); };
   EXPECT_EQ(EncodingStrategy::mode(text(0.9), ImageFormat::webp, 85), Mode::nearLossless(60));
   EXPECT_EQ(EncodingStrategy::mode(text(0.56), ImageFormat::webp, 97), Mode::lossless());
@@ -211,11 +210,9 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
 using Kind = EncodingPlan::Mode::Kind;
 
 ImageCharacteristics characteristicsOf(int width, int height, ContentClass c, bool alpha = false) {
-  ImageCharacteristics ch;
-  ch.width = width, ch.height = height;
-  ch.contentClass = c;
+  auto ch = picture(c, width, height, 0,
+                    c == ContentClass::flatGraphic || c == ContentClass::screenText ? 0.9 : 0.1);
   ch.hasAlpha = ch.hasPartialAlpha = alpha;
-  ch.flatFraction = c == ContentClass::flatGraphic || c == ContentClass::screenText ? 0.9 : 0.1;
   return ch;
 }
 

@@ -1,9 +1,6 @@
 // hotFolders.json and hotFolderProcessed.json: what survives a round trip, what a damaged
 // file reads as, and that folders updated from several threads keep each other's memory.
 
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QStringList>
 #include <thread>
 
 #include "hotfolders/HotFolder.h"

@@ -83,7 +83,8 @@ TEST_F(HotFoldersManagerTest, VolumeMountedOnTheFolderIsFollowedAndItsUnmountDro
 }
 
 // A missing source is reported once however often it is retried or rechecked (as a mount of
-// any volume asks), and starts when it appears.
+// any volume asks), and starts when it appears. A scan reports progress only while it runs; a
+// pause stops the folders; removing one drops its memory, not its files.
 TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredSuccessesAndTheErrorsApart) {
   for (int i = 0; i < 101; ++i) putImage(QStringLiteral("p%1.jpg").arg(i), i, true, 8);
   HotFolder gone = folder();
@@ -95,15 +96,42 @@ TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredSuccessesAndTheErrors
   manager.applyWatchers();
   settle(manager, gone.id, State::waitingForFolder);
   const HotFolder hotFolder = folder();
+  bool sawProgress = false;
+  QObject::connect(&manager, &HotFoldersManager::progressChanged,
+                   [&] { sawProgress = sawProgress || manager.progress(hotFolder.id).has_value(); });
   manager.upsert(hotFolder);
+  // The scan's last step is its one write of the store.
   ASSERT_TRUE(QTest::qWaitFor(
-      [&] { return HotFolderProcessedStore::folderState(hotFolder.idText()).size() == 101; }, 60000));
+      [&] {
+        return HotFolderProcessedStore::folderState(hotFolder.idText()).size() == 101 &&
+               !manager.progress(hotFolder.id);
+      },
+      60000));
   ASSERT_TRUE(QTest::qWaitFor([&] { return doneLines(manager) == 100; }, 10000));
+  EXPECT_TRUE(sawProgress);
   EXPECT_EQ(errorLines(manager), 1);
   EXPECT_EQ(manager.recentActivity().back().hotFolderName, QStringLiteral("Gone"));
   ASSERT_TRUE(QDir().mkpath(gone.sourceFolder));
   settle(manager, gone.id, State::watching);
   EXPECT_EQ(errorLines(manager), 1);
+
+  // A pause stops it, a mount change does not undo the pause, and the setting stays on.
+  manager.setPaused(true);
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  manager.applyWatchers();
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  EXPECT_TRUE(HotFolders::load().at(1).isEnabled);
+  manager.setPaused(false);
+  settle(manager, hotFolder.id, State::watching);
+
+  // Saving it unchanged keeps the same watcher; removing it drops its memory, not its files.
+  manager.upsert(hotFolder);
+  EXPECT_TRUE(manager.isRunning(hotFolder.id));
+  manager.remove(hotFolder);
+  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  EXPECT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
+  EXPECT_EQ(outputs().size(), 101);
+  EXPECT_EQ(HotFolders::load(), HotFolderList{gone});
 }
 
 // A source linked to its own destination, or a destination in another folder's source
@@ -168,43 +196,6 @@ TEST_F(HotFoldersManagerTest, FoldersThatComeToFeedEachOtherAreRefusedWhenOneApp
   ASSERT_TRUE(QDir().mkpath(x));
   settle(manager, first.id, State::refused);
   settle(manager, second.id, State::refused);
-}
-
-TEST_F(HotFoldersManagerTest, ScanReportsProgressOnlyWhileItRunsAPauseStopsItAndDeletionForgetsIt) {
-  for (int i = 0; i < 6; ++i) putImage(QStringLiteral("p%1.jpg").arg(i), i);
-  HotFoldersManager manager;
-  const HotFolder hotFolder = folder();
-  bool sawProgress = false;
-  QObject::connect(&manager, &HotFoldersManager::progressChanged,
-                   [&] { sawProgress = sawProgress || manager.progress(hotFolder.id).has_value(); });
-  manager.upsert(hotFolder);
-  // The scan's last step is its one write of the store.
-  ASSERT_TRUE(QTest::qWaitFor(
-      [&] {
-        return manager.recentActivity().size() == 6 && !manager.progress(hotFolder.id) &&
-               HotFolderProcessedStore::folderState(hotFolder.idText()).size() == 6;
-      },
-      60000));
-  EXPECT_TRUE(sawProgress);
-  EXPECT_EQ(errorLines(manager), 0);
-
-  // A pause stops it, a mount change does not undo the pause, and the setting stays on.
-  manager.setPaused(true);
-  EXPECT_FALSE(manager.isRunning(hotFolder.id));
-  manager.applyWatchers();
-  EXPECT_FALSE(manager.isRunning(hotFolder.id));
-  EXPECT_TRUE(HotFolders::load().at(0).isEnabled);
-  manager.setPaused(false);
-  settle(manager, hotFolder.id, State::watching);
-
-  // Saving it unchanged keeps the same watcher; removing it drops its memory, not its files.
-  manager.upsert(hotFolder);
-  EXPECT_TRUE(manager.isRunning(hotFolder.id));
-  manager.remove(hotFolder);
-  EXPECT_FALSE(manager.isRunning(hotFolder.id));
-  EXPECT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
-  EXPECT_EQ(outputs().size(), 6);
-  EXPECT_TRUE(HotFolders::load().empty());
 }
 
 TEST_F(HotFoldersManagerTest, EndingDuringAScanLeavesOnlyWholeFiles) {

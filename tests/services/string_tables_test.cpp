@@ -7,9 +7,7 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
-#include <QFileInfo>
 #include <QRegularExpression>
-#include <QSet>
 
 #include "engine/Localization.h"
 #include "services/AppLanguage.h"

@@ -5,7 +5,6 @@
 
 #include <jpeglib.h>
 #include <lcms2.h>
-#include <turbojpeg.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -160,57 +159,11 @@ Bytes cmykICC(bool cyanPrintsRed) {
 }
 
 namespace {
-// TurboJPEG output with APP1 (EXIF) and APP2 (ICC) markers inserted after SOI and JFIF APP0.
-Bytes compressTurbo(const uint8_t* pixels, int width, int height, int pixelFormat, int subsampling,
-                    const JpegOptions& options) {
-  std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitCompress(), tjDestroy);
-  unsigned char* data = nullptr;
-  unsigned long size = 0;
-  int flags = TJFLAG_ACCURATEDCT | (options.progressive ? TJFLAG_PROGRESSIVE : 0);
-  if (!handle || tjCompress2(handle.get(), pixels, width, 0, height, pixelFormat, &data, &size, subsampling,
-                             options.quality, flags) != 0)
-    throw std::runtime_error("tjCompress2");
-  size_t at = size > 6 && data[2] == 0xFF && data[3] == 0xE0 ? 4 + (size_t(data[4]) << 8 | data[5]) : 2;
-  Bytes out(data, data + at);
-  auto marker = [&](uint8_t code, const Bytes& payload) {
-    out.insert(out.end(), {0xFF, code});
-    put16be(out, uint16_t(payload.size() + 2));
-    out.insert(out.end(), payload.begin(), payload.end());
-  };
-  if (options.xmpBeforeExif) {
-    const std::string xmp =
-        std::string("http://ns.adobe.com/xap/1.0/") + '\0' + "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"/>";
-    marker(0xE1, Bytes(xmp.begin(), xmp.end()));
-  }
-  if (options.orientation) marker(0xE1, exifBlock(*options.orientation, true, options.exifLayout));
-  const Bytes& icc = options.icc;
-  const size_t perMarker = 65519, count = (icc.size() + perMarker - 1) / perMarker;
-  for (size_t i = 0; i < count; ++i) {
-    Bytes payload = {'I',           'C', 'C', '_', 'P', 'R', 'O', 'F', 'I', 'L', 'E', 0, uint8_t(i + 1),
-                     uint8_t(count)};
-    auto begin = icc.begin() + std::ptrdiff_t(i * perMarker);
-    payload.insert(payload.end(), begin,
-                   begin + std::ptrdiff_t(std::min(perMarker, icc.size() - i * perMarker)));
-    marker(0xE2, payload);
-  }
-  out.insert(out.end(), data + at, data + size);
-  tjFree(data);
-  return out;
-}
-}  // namespace
-
-Bytes jpeg(const DecodedImage& image, const JpegOptions& options) {
-  Bytes samples(image.pixelCount() * (options.grey ? 1 : 4));
-  for (size_t i = 0; i < samples.size(); ++i) {
-    size_t at = options.grey ? i * 4 : i;
-    samples[i] = uint8_t(image.bitsPerComponent == 16 ? image.pixels16[at] >> 8 : image.pixels8[at]);
-  }
-  return options.grey
-             ? compressTurbo(samples.data(), image.width, image.height, TJPF_GRAY, TJSAMP_GRAY, options)
-             : compressTurbo(samples.data(), image.width, image.height, TJPF_RGBA, TJSAMP_444, options);
-}
-
-Bytes arithmeticGreyJpeg(int width, int height, uint8_t value, size_t commentBytes) {
+// libjpeg at 4:4:4 with the markers of `options` after JFIF's, and `commentBytes` of COM
+// markers; `fill(y, row)` gives each row of `components` samples in `space`.
+template <class Fill>
+Bytes compressJpeg(int width, int height, J_COLOR_SPACE space, int components, const JpegOptions& options,
+                   Fill&& fill, bool arithmetic = false, size_t commentBytes = 0) {
   jpeg_compress_struct cinfo;
   jpeg_error_mgr errors;
   cinfo.err = jpeg_std_error(&errors);
@@ -218,30 +171,63 @@ Bytes arithmeticGreyJpeg(int width, int height, uint8_t value, size_t commentByt
   unsigned char* out = nullptr;
   unsigned long size = 0;
   jpeg_mem_dest(&cinfo, &out, &size);
-  cinfo.image_width = JDIMENSION(width);
-  cinfo.image_height = JDIMENSION(height);
-  cinfo.input_components = 1;
-  cinfo.in_color_space = JCS_GRAYSCALE;
+  cinfo.image_width = JDIMENSION(width), cinfo.image_height = JDIMENSION(height);
+  cinfo.input_components = components, cinfo.in_color_space = space;
   jpeg_set_defaults(&cinfo);
-  cinfo.arith_code = TRUE;
+  jpeg_set_quality(&cinfo, options.quality, TRUE);
+  for (int c = 0; c < cinfo.num_components; ++c)
+    cinfo.comp_info[c].h_samp_factor = cinfo.comp_info[c].v_samp_factor = 1;
+  cinfo.dct_method = JDCT_ISLOW, cinfo.arith_code = arithmetic;
+  if (options.progressive) jpeg_simple_progression(&cinfo);
   jpeg_start_compress(&cinfo, TRUE);
-  const std::vector<JOCTET> comment(std::min<size_t>(commentBytes, 65000), ' ');
-  for (size_t written = 0; written < commentBytes; written += comment.size())
-    jpeg_write_marker(&cinfo, JPEG_COM, comment.data(), unsigned(comment.size()));
-  std::vector<JSAMPLE> row(size_t(width), value);
-  JSAMPROW rows[1] = {row.data()};
-  while (cinfo.next_scanline < cinfo.image_height) jpeg_write_scanlines(&cinfo, rows, 1);
+  const auto marker = [&](int code, const Bytes& payload) {
+    jpeg_write_marker(&cinfo, code, payload.data(), unsigned(payload.size()));
+  };
+  if (options.xmpBeforeExif) {
+    const std::string xmp =
+        std::string("http://ns.adobe.com/xap/1.0/") + '\0' + "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"/>";
+    marker(JPEG_APP0 + 1, Bytes(xmp.begin(), xmp.end()));
+  }
+  if (options.orientation) marker(JPEG_APP0 + 1, exifBlock(*options.orientation, true, options.exifLayout));
+  if (!options.icc.empty()) jpeg_write_icc_profile(&cinfo, options.icc.data(), unsigned(options.icc.size()));
+  for (size_t written = 0; written < commentBytes; written += 65000)
+    marker(JPEG_COM, Bytes(std::min<size_t>(commentBytes - written, 65000), ' '));
+  Bytes row(size_t(width) * size_t(components));
+  for (JSAMPROW rows[1] = {row.data()}; cinfo.next_scanline < cinfo.image_height;) {
+    fill(int(cinfo.next_scanline), row.data());
+    jpeg_write_scanlines(&cinfo, rows, 1);
+  }
   jpeg_finish_compress(&cinfo);
   jpeg_destroy_compress(&cinfo);
   Bytes file(out, out + size);
   std::free(out);
   return file;
 }
+}  // namespace
 
+Bytes jpeg(const DecodedImage& image, const JpegOptions& options) {
+  const int components = options.grey ? 1 : 4;
+  return compressJpeg(image.width, image.height, options.grey ? JCS_GRAYSCALE : JCS_EXT_RGBA, components,
+                      options, [&](int y, uint8_t* row) {
+                        for (size_t i = 0; i < size_t(image.width) * size_t(components); ++i) {
+                          const size_t at = size_t(y) * size_t(image.width) * 4 + (options.grey ? i * 4 : i);
+                          row[i] = uint8_t(sample(image, at) >> (image.bitsPerComponent == 16 ? 8 : 0));
+                        }
+                      });
+}
+
+Bytes arithmeticGreyJpeg(int width, int height, uint8_t value, size_t commentBytes) {
+  return compressJpeg(
+      width, height, JCS_GRAYSCALE, 1, {.quality = 75},
+      [&](int, uint8_t* row) { std::fill_n(row, width, value); }, true, commentBytes);
+}
+
+// Stored inverted, as Adobe does (libjpeg writes the Adobe marker for CMYK).
 Bytes cmykJpeg(int width, int height, const Bytes& cmyk, const Bytes& icc) {
-  Bytes inverted(cmyk.size());
-  std::transform(cmyk.begin(), cmyk.end(), inverted.begin(), [](uint8_t v) { return uint8_t(255 - v); });
-  return compressTurbo(inverted.data(), width, height, TJPF_CMYK, TJSAMP_444, {.icc = icc});
+  return compressJpeg(width, height, JCS_CMYK, 4, {.icc = icc}, [&](int y, uint8_t* row) {
+    for (size_t i = 0; i < size_t(width) * 4; ++i)
+      row[i] = uint8_t(255 - cmyk[size_t(y) * size_t(width) * 4 + i]);
+  });
 }
 
 namespace {

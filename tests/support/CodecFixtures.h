@@ -52,7 +52,7 @@ struct JpegOptions {
   bool grey = false;
   bool progressive = false;
 };
-// TurboJPEG, 4:4:4; the alpha of `image` is dropped.
+// libjpeg, 4:4:4; the alpha of `image` is dropped.
 Bytes jpeg(const DecodedImage& image, const JpegOptions& options = {});
 // A flat grey JPEG (every sample `value`), arithmetic-coded: a few hundred bytes for millions
 // of pixels; `commentBytes` of COM markers pad it to an ordinary-looking density.

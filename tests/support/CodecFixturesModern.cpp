@@ -262,6 +262,11 @@ Bytes box(const char* type, const Bytes& payload, int version = -1, uint32_t fla
   out.insert(out.end(), payload.begin(), payload.end());
   return out;
 }
+Bytes joined(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
+  return out;
+}
 uint32_t read32(const Bytes& in, size_t at) {
   return uint32_t(in[at]) << 24 | uint32_t(in[at + 1]) << 16 | uint32_t(in[at + 2]) << 8 | in[at + 3];
 }
@@ -311,70 +316,41 @@ Bytes grid(const Bytes& tileFile, int columns, int rows) {
           "grid size");
 
   auto meta = [&](uint32_t mdatStart) {
-    Bytes hdlr(4, 0);
-    hdlr.insert(hdlr.end(), {'p', 'i', 'c', 't'});
-    hdlr.insert(hdlr.end(), 13, 0);
-    Bytes pitm;
-    put(pitm, 1, 2);
+    Bytes hdlr = {0, 0, 0, 0, 'p', 'i', 'c', 't'}, pitm, iinf, dimg, ipma, tileSize, gridSize;
     Bytes iloc = {0x44, 0x00};  // 4-byte offsets and lengths, no base offset
-    put(iloc, uint32_t(tiles + 1), 2);
+    hdlr.insert(hdlr.end(), 13, 0);
+    put(pitm, 1, 2), put(iloc, uint32_t(tiles + 1), 2), put(iinf, uint32_t(tiles + 1), 2);
+    put(dimg, 1, 2), put(dimg, uint32_t(tiles), 2), put(ipma, uint32_t(tiles + 1), 4);
+    // Item 1 is the grid, the others its cells, hidden.
     for (int item = 1; item <= tiles + 1; ++item) {
-      put(iloc, uint32_t(item), 2);
-      put(iloc, 0, 2);
-      put(iloc, 1, 2);
-      put(iloc, item == 1 ? mdatStart : mdatStart + uint32_t(gridData.size()), 4);
-      put(iloc, item == 1 ? gridData.size() : tile.size(), 4);
-    }
-    Bytes iinf;
-    put(iinf, uint32_t(tiles + 1), 2);
-    for (int item = 1; item <= tiles + 1; ++item) {
+      const bool isGrid = item == 1;
+      put(iloc, uint32_t(item), 2), put(iloc, 0, 2), put(iloc, 1, 2);
+      put(iloc, isGrid ? mdatStart : mdatStart + uint32_t(gridData.size()), 4);
+      put(iloc, isGrid ? gridData.size() : tile.size(), 4);
       Bytes infe;
-      put(infe, uint32_t(item), 2);
-      put(infe, 0, 2);
-      const char* type = item == 1 ? "grid" : av1 ? "av01" : "hvc1";
-      infe.insert(infe.end(), type, type + 4);
-      infe.push_back(0);
-      const Bytes entry = box("infe", infe, 2, item == 1 ? 0 : 1);  // the tiles are hidden
+      put(infe, uint32_t(item), 2), put(infe, 0, 2);
+      const char* type = isGrid ? "grid" : av1 ? "av01" : "hvc1";
+      infe.insert(infe.end(), type, type + 5);  // and an empty name
+      const Bytes entry = box("infe", infe, 2, isGrid ? 0 : 1);
       iinf.insert(iinf.end(), entry.begin(), entry.end());
-    }
-    Bytes dimg;
-    put(dimg, 1, 2);
-    put(dimg, uint32_t(tiles), 2);
-    for (int item = 2; item <= tiles + 1; ++item) put(dimg, uint32_t(item), 2);
-    Bytes tileSize, gridSize;
-    put(tileSize, tileWidth, 4), put(tileSize, tileHeight, 4);
-    put(gridSize, uint64_t(tileWidth) * uint32_t(columns), 4),
-        put(gridSize, uint64_t(tileHeight) * uint32_t(rows), 4);
-    Bytes ipco = config;
-    for (const Bytes& property : {box("ispe", tileSize, 0), box("ispe", gridSize, 0)})
-      ipco.insert(ipco.end(), property.begin(), property.end());
-    Bytes ipma;
-    put(ipma, uint32_t(tiles + 1), 4);
-    for (int item = 1; item <= tiles + 1; ++item) {
+      if (!isGrid) put(dimg, uint32_t(item), 2);
       put(ipma, uint32_t(item), 2);
-      if (item == 1) {
-        ipma.insert(ipma.end(), {1, 3});
-      } else {
-        ipma.insert(ipma.end(), {2, 0x81, 2});
-      }
+      // The grid has its ispe (property 3); a cell its configuration, essential (0x81), and ispe (2).
+      const Bytes associations = isGrid ? Bytes{1, 3} : Bytes{2, 0x81, 2};
+      ipma.insert(ipma.end(), associations.begin(), associations.end());
     }
-    Bytes iprp = box("ipco", ipco), ipmaBox = box("ipma", ipma, 0);
-    iprp.insert(iprp.end(), ipmaBox.begin(), ipmaBox.end());
-    Bytes payload;
-    for (const Bytes& part : {box("hdlr", hdlr, 0), box("pitm", pitm, 0), box("iloc", iloc, 0),
-                              box("iinf", iinf, 0), box("iref", box("dimg", dimg), 0), box("iprp", iprp)})
-      payload.insert(payload.end(), part.begin(), part.end());
-    return box("meta", payload, 0);
+    put(tileSize, tileWidth, 4), put(tileSize, tileHeight, 4);
+    put(gridSize, uint64_t(tileWidth) * uint32_t(columns), 4);
+    put(gridSize, uint64_t(tileHeight) * uint32_t(rows), 4);
+    const Bytes ipco = joined({config, box("ispe", tileSize, 0), box("ispe", gridSize, 0)});
+    return box("meta",
+               joined({box("hdlr", hdlr, 0), box("pitm", pitm, 0), box("iloc", iloc, 0), box("iinf", iinf, 0),
+                       box("iref", box("dimg", dimg), 0),
+                       box("iprp", joined({box("ipco", ipco), box("ipma", ipma, 0)}))}),
+               0);
   };
-  const size_t metaSize = meta(0).size();
-  Bytes out = ftyp;
-  const Bytes metaBox = meta(uint32_t(ftyp.size() + metaSize + 8));
-  out.insert(out.end(), metaBox.begin(), metaBox.end());
-  Bytes mdat = gridData;
-  mdat.insert(mdat.end(), tile.begin(), tile.end());
-  const Bytes mdatBox = box("mdat", mdat);
-  out.insert(out.end(), mdatBox.begin(), mdatBox.end());
-  return out;
+  return joined(
+      {ftyp, meta(uint32_t(ftyp.size() + meta(0).size() + 8)), box("mdat", joined({gridData, tile}))});
 }
 
 Bytes withDeclaredSize(Bytes file, uint32_t width, uint32_t height) {

@@ -7,8 +7,6 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
-#include <QSettings>
-#include <QSlider>
 #include <QTcpServer>
 
 #include "api/LocalAPIController.h"

@@ -1,26 +1,33 @@
-// LanguageManager's launch rules against a real settings file in a temporary folder,
-// relaunch through fakes, and the matching of locale tags to tables.
+// The user's settings against a real settings file and a real autostart folder in a temporary
+// home: LanguageManager's launch rules, relaunch through fakes, and the matching of locale tags
+// to tables; the background switches, whose autostart entry is checked by the desktop's own
+// validator where it is installed.
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
 #include <QFile>
+#include <QProcess>
 #include <QSignalSpy>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 
+#include "services/BackgroundSettings.h"
 #include "services/LanguageManager.h"
 #include "services/SettingsFile.h"
 
 namespace quillane {
 namespace {
 
-class LanguageManagerTest : public ::testing::Test {
+class SettingsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(dir_.isValid());
+    saved_ = qgetenv("XDG_CONFIG_HOME");
+    qputenv("XDG_CONFIG_HOME", dir_.path().toUtf8());
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir_.path());
     qunsetenv("XCTestConfigurationFilePath");  // under a test host nothing would be written
   }
+  void TearDown() override { qputenv("XDG_CONFIG_HOME", saved_); }
 
   static void store(const QStringList& value) { SettingsFile::store()->setValue("AppleLanguages", value); }
   static QStringList stored() { return SettingsFile::store()->value("AppleLanguages").toStringList(); }
@@ -36,9 +43,12 @@ class LanguageManagerTest : public ::testing::Test {
   }
 
   QTemporaryDir dir_;
+  QByteArray saved_;
   QStringList started_;
   int quits_ = 0;
 };
+using LanguageManagerTest = SettingsTest;
+using BackgroundSettingsTest = SettingsTest;
 
 TEST_F(LanguageManagerTest, OnlyAnExactStoredRawValueIsAnOverride) {
   store({"es-419", "en-US"});
@@ -85,6 +95,35 @@ TEST_F(LanguageManagerTest, ConfirmPersistsSelectsAndQuitsEvenIfTheRelaunchFails
   EXPECT_EQ(std::pair(started_.size(), quits_), std::pair(qsizetype(1), 1));
   // Following the system again on a supported system leaves the choice absent.
   EXPECT_EQ(LanguageManager(platform({"de-DE"})).selectedLanguage(), std::nullopt);
+}
+
+TEST_F(BackgroundSettingsTest, SwitchesAreOffUntilSetAndStartAtLoginWritesAValidAutostartEntry) {
+  EXPECT_FALSE(BackgroundSettings::keepsWatching());
+  BackgroundSettings::setKeepsWatching(true);
+  EXPECT_TRUE(BackgroundSettings::keepsWatching());
+  EXPECT_TRUE(BackgroundSettings::takeFirstBackgroundNotice()) << "given once";
+  EXPECT_FALSE(BackgroundSettings::takeFirstBackgroundNotice());
+  const QString path = BackgroundSettings::autostartEntryPath();
+  EXPECT_EQ(path, dir_.path() + "/autostart/com.quillane.Quillane.desktop");
+  EXPECT_FALSE(BackgroundSettings::startsAtLogin());
+
+  // A program path with a space and a per cent sign, which the Exec key must quote and escape.
+  ASSERT_TRUE(BackgroundSettings::setStartsAtLogin(true, "/opt/My Apps/100%/quillane"));
+  EXPECT_TRUE(BackgroundSettings::startsAtLogin());
+  QFile entry(path);
+  ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
+  EXPECT_TRUE(entry.readAll().contains("\nExec=\"/opt/My Apps/100%%/quillane\" --background\n"));
+  const QString validator = QStandardPaths::findExecutable("desktop-file-validate");
+  if (!validator.isEmpty()) {
+    QProcess validate;
+    validate.start(validator, {path});
+    ASSERT_TRUE(validate.waitForFinished(30000));
+    EXPECT_EQ(validate.exitCode(), 0) << validate.readAll().toStdString();
+  }
+
+  ASSERT_TRUE(BackgroundSettings::setStartsAtLogin(false, {}));
+  EXPECT_FALSE(QFile::exists(path));
+  EXPECT_TRUE(BackgroundSettings::setStartsAtLogin(false, {}));  // nothing to remove
 }
 
 TEST(AppLanguages, BestMatchPicksTheRegionalVariant) {
