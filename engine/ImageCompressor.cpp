@@ -347,8 +347,10 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
         try {
           return encodeWith(pictures, format, attempt, characteristics, lossy, true, false);
         } catch (const std::exception&) {
-          // a failed lossy encoding leaves the lossless main encoding to try, as before
+          // a failed lossy encoding leaves the lossless main encoding to try
         }
+        Cancellation::check();
+        return encodeWith(pictures, format, attempt, characteristics, attempt.mode, false, consume);
       }
       // JPEG XL, and WebP on pictures of many gradients, run the lossy encoding first; lossless
       // at the plan's effort follows only where a lossless encoding at the fastest effort says
