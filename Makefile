@@ -6,6 +6,8 @@
 #              each for FUZZ_SECONDS; what a target finds is left in build-fuzz/ as crash-*
 #   make asan  builds with AddressSanitizer and UBSan (build-asan/) and runs every test there;
 #              any report fails the run
+#   make tsan  builds with ThreadSanitizer (build-tsan/) and runs the hot-folder and batch tests
+#              there, TSAN_REPEAT times each (default 1); any report fails the test. Not in `make test`
 #   make quick   the tests without the label `slow` (no end-to-end, bus, install or fuzz runs)
 #   make tidy    clang-tidy with the project's .clang-tidy over every source file; any finding fails
 #   make screenshots  renders the window, the comparison and each settings tab in every language
@@ -16,7 +18,7 @@ BUILD := build
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS := image_fuzz_png image_fuzz_jpeg image_fuzz_webp image_fuzz_heic image_fuzz_avif image_fuzz_jxl
 
-.PHONY: deps configure build run test quick tidy screenshots bench package fuzz asan clean
+.PHONY: deps configure build run test quick tidy screenshots bench package fuzz asan tsan clean
 
 deps:
 	@scripts/install-deps
@@ -94,5 +96,15 @@ asan: deps
 	[ $$status -eq 0 ] && echo "make asan: no sanitizer reports" || echo "make asan: FAILED (reports above, or failing tests)"; \
 	exit $$status
 
+# Qt's own locks are invisible to ThreadSanitizer: the test executables there tell it of the
+# hand-offs made through Qt (tests/support/tsan_qt_handoffs.cpp), and tests/tsan.supp names
+# what is left of Qt's, GLib's and libjxl's bookkeeping.
+TSAN_REPEAT ?= 1
+tsan: deps
+	@test -f build-tsan/build.ninja || cmake --preset tsan
+	cmake --build build-tsan -j $(JOBS) --target hotfolders_tests batch_tests
+	TSAN_OPTIONS=suppressions=$(CURDIR)/tests/tsan.supp:halt_on_error=1:second_deadlock_stack=1 \
+		scripts/run-tests build-tsan -L '^(hotfolders|batch)' --repeat until-fail:$(TSAN_REPEAT)
+
 clean:
-	rm -rf $(BUILD) build-asan build-release build-package build-fuzz
+	rm -rf $(BUILD) build-asan build-tsan build-release build-package build-fuzz
