@@ -345,6 +345,12 @@ TEST(NativeQuality, LossyAvifNeverBecomesLosslessAndJpegQualityMovesOneWay) {
     EXPECT_EQ(codecs::heifSettings(0.75, false, sizes[i]).minBlock, 8);
   }
   EXPECT_EQ(codecs::heifSettings(0.75, true, 12'000'000).minBlock, 16);
+  // Continuous tone searched down to 8-pixel blocks gets a weaker psy-rd, and x265 gets it.
+  auto full = codecs::heifSettings(0.75, true, 250'000, true), gentle = full;
+  full.psyRd = 1.0;
+  const DecodedImage photo = makeImage(256, 192, Pattern::photo, 3);
+  EXPECT_NE(codecs::writeHeic(photo, false, gentle, std::nullopt),
+            codecs::writeHeic(photo, false, full, std::nullopt));
 }
 
 // --- Files ------------------------------------------------------------------------------------
