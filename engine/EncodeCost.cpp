@@ -136,7 +136,8 @@ uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int e
   if (format != ImageFormat::jxl || mode.kind != Kind::lossy) return cost(pixels);
   // A large lossy JPEG XL goes in strip by strip (JXLEncoder::lossyStripRows): the picture
   // (4 bytes a pixel) beside libjxl's cost of one strip, whose own picture is that strip.
-  const uint64_t strip = uint64_t(std::max(width, 0)) * uint64_t(JXLEncoder::lossyStripRows(width, height));
+  const uint64_t strip =
+      uint64_t(std::max(width, 0)) * uint64_t(JXLEncoder::lossyStripRows(width, height, mode.quality));
   return strip >= pixels ? cost(pixels) : pixels * 4 + cost(strip) - strip * 4;
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "engine/Cancellation.h"
+#include "engine/EncodeCost.h"
 #include "engine/Encoders.h"
 #include "engine/Errors.h"
 #include "engine/Exif.h"
@@ -22,6 +23,16 @@ namespace {
 constexpr size_t kDrainChunk = 1'048'576;
 constexpr int64_t kWholeFramePixels = 8'000'000;
 constexpr int kLossyStrips = 4;
+// From this distance libjxl 0.7 codes a frame's DC as a frame of its own, 4 to 42 % smaller
+// at equal butteraugli on large photographs; it can do so only for a frame of the whole
+// picture (a DC frame has no crop). There a picture of up to kWholeFrameLowQualityPixels goes
+// in whole: some 40 to 47 bytes a pixel, at most about 1.2 GB with its picture, within
+// EncodeCost::allowance's floor of 1.5 GiB, where the machine's memory and address space hold
+// the costliest such frame (a graphic with alpha: 4 + 47 + 15 bytes a pixel, and libjxl's
+// fixed 10 MB); elsewhere the strips.
+constexpr float kProgressiveDCDistance = 4.5f;
+constexpr int64_t kWholeFrameLowQualityPixels = 24'000'000;
+constexpr uint64_t kWholeFrameBytesPerPixel = 4 + 47 + 15, kWholeFrameFixedBytes = 10u << 20;
 
 ImageProcessingError jxlFailed(const std::string& call) {
   return ImageProcessingError::encodingFailed("JPEG XL", call + " failed");
@@ -173,8 +184,12 @@ float distance(double quality) {
   return float(25.0 + c * -1.15 + c * c * 53 / 3000);
 }
 
-int lossyStripRows(int width, int height) {
-  if (width <= 0 || height <= 0 || int64_t(width) * height <= kWholeFramePixels) return std::max(height, 0);
+int lossyStripRows(int width, int height, double quality) {
+  const int64_t pixels = int64_t(width) * height;
+  if (width <= 0 || height <= 0 || pixels <= kWholeFramePixels ||
+      (distance(quality) >= kProgressiveDCDistance && pixels <= kWholeFrameLowQualityPixels &&
+       EncodeCost::fitsInMemory(uint64_t(pixels) * kWholeFrameBytesPerPixel + kWholeFrameFixedBytes)))
+    return std::max(height, 0);
   // Whole blocks of 8 rows; strips aligned on libjxl's groups of 256 came out larger (the last
   // one a sliver).
   const int rows = (height + kLossyStrips - 1) / kLossyStrips;
@@ -236,7 +251,8 @@ Bytes encodePixels(const RGBABuffer& rgba, uint8_t* releasable, bool hasAlpha, c
   check(JxlEncoderSetFrameDistance(settings, frameDistance), "JxlEncoderSetFrameDistance");
   const JxlPixelFormat format{hasAlpha ? 4u : 3u, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
   const size_t width = size_t(rgba.width), height = size_t(rgba.height);
-  const size_t stripRows = lossless ? height : size_t(lossyStripRows(rgba.width, rgba.height));
+  const size_t stripRows =
+      lossless ? height : size_t(lossyStripRows(rgba.width, rgba.height, plan.mode.quality));
   // The light lossless effort (4) takes well under half the memory of 5 and above on
   // graphics (EncodeCost). A photograph in strips runs at effort 5 whatever its size: each
   // strip's frame carries entropy codes of its own, which effort 5 pays back, writing fewer
@@ -248,8 +264,9 @@ Bytes encodePixels(const RGBABuffer& rgba, uint8_t* releasable, bool hasAlpha, c
                      : stripRows < height && plan.photographic ? 5
                                                                : std::clamp(plan.effort, 0, 2) + 5;
   JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_EFFORT, effort);
-  // libjxl 0.7 turns progressive DC on by itself from distance 4.5, and a cropped frame with it
-  // comes out with garbage along its edges or twice its bytes: strips go without.
+  // libjxl 0.7 turns progressive DC on by itself from kProgressiveDCDistance, and a cropped
+  // frame with it carries a DC frame of the whole picture, with garbage along its edges when
+  // the library's memory held some: strips go without.
   if (stripRows < height)
     check(JxlEncoderFrameSettingsSetOption(settings, JXL_ENC_FRAME_SETTING_PROGRESSIVE_DC, 0),
           "JxlEncoderFrameSettingsSetOption");

@@ -120,7 +120,8 @@ Bytes write(const DecodedImage& pixels, DecodedImage* consumable, bool keepAlpha
       return consumable ? codecs::writeJpeg(std::move(*consumable), codecs::jpegSettings(quality), icc)
                         : codecs::writeJpeg(pixels, codecs::jpegSettings(quality), icc);
     case ImageFormat::heic: {
-      const auto settings = codecs::heifSettings(quality, plan.photographic, pixels.pixelCount());
+      const auto settings =
+          codecs::heifSettings(quality, plan.photographic, pixels.pixelCount(), plan.continuousTone);
       return consumable ? codecs::writeHeic(std::move(*consumable), keepAlpha, settings, icc)
                         : codecs::writeHeic(pixels, keepAlpha, settings, icc);
     }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -138,7 +139,7 @@ HeifImagePtr makeImage(const DecodedImage& image, bool keepAlpha, bool fullChrom
 
 }  // namespace
 
-HeifSettings heifSettings(double quality, bool photographic, size_t pixelCount) {
+HeifSettings heifSettings(double quality, bool photographic, size_t pixelCount, bool continuousTone) {
   double q = std::clamp(quality, 0.0, 1.0);
   // Slider value to libheif's quality, which x265 turns into a constant rate factor. Chosen
   // so that HEIC matches JPEG's fidelity at each anchor (measured figures in
@@ -156,6 +157,7 @@ HeifSettings heifSettings(double quality, bool photographic, size_t pixelCount) 
   // the search of 8-pixel blocks, which large photographs can do without (bench/README.md).
   s.preset = "medium";
   s.minBlock = photographic && pixelCount > kHeicSmallBlockPhotoPixelLimit ? 16 : 8;
+  if (continuousTone && s.minBlock == 8) s.psyRd = kHeicContinuousTonePsyRd;
   return s;
 }
 
@@ -183,6 +185,12 @@ Bytes write(const DecodedImage& image, uint8_t* releasable, bool keepAlpha, cons
     const std::string minBlock = std::to_string(settings.minBlock);
     check("heif_encoder_set_parameter_string(min-cu-size)",
           heif_encoder_set_parameter_string(rawEncoder, "x265:min-cu-size", minBlock.c_str()));
+  }
+  if (settings.psyRd != 1.0) {
+    char psyRd[16];
+    std::snprintf(psyRd, sizeof psyRd, "%.2f", settings.psyRd);
+    check("heif_encoder_set_parameter_string(psy-rd)",
+          heif_encoder_set_parameter_string(rawEncoder, "x265:psy-rd", psyRd));
   }
   const bool fullChroma = usesFullChroma(settings.chroma, image, keepAlpha);
   check("heif_encoder_set_parameter_string(chroma)",

@@ -58,6 +58,7 @@ struct HeifSettings {
   ChromaLayout chroma = ChromaLayout::automatic;  // full from a 0...1 quality of 0.9 on
   const char* preset = "";                        // x265 speed preset
   int minBlock = 8;                               // x265's smallest coding block, 8 or 16 pixels
+  double psyRd = 1.0;                             // x265's psy-rd strength (libheif sets 1.0)
 };
 // Above this many pixels a `photographic` picture (a photo or illustration, not a graphic or
 // screen text) lets x265 skip its 8-pixel blocks: a 12-megapixel photo in a third of the time
@@ -65,7 +66,14 @@ struct HeifSettings {
 // CPU than a 12-megapixel photo without them, and save 1 to 3 % on photos and a fifth on smooth
 // gradients; a screenshot, whose text lives in them, keeps them at every size.
 inline constexpr size_t kHeicSmallBlockPhotoPixelLimit = 5'000'000;
-HeifSettings heifSettings(double quality, bool photographic = false, size_t pixelCount = 0);
+// Continuous tone (`EncodingPlan::continuousTone`) searched down to 8-pixel blocks runs at half
+// libheif's psy-rd, which otherwise spends those blocks' bits on keeping the energy of fine
+// texture: at equal butteraugli 11 of the corpus's 13 such pictures are 0.4 to 3.5 % smaller,
+// two 0.6 and 0.9 % larger; a noisy drawing of 437 colours was 1.1 % larger with it and keeps
+// libheif's (bench/README.md, "HEIC: x265 settings").
+inline constexpr double kHeicContinuousTonePsyRd = 0.5;
+HeifSettings heifSettings(double quality, bool photographic = false, size_t pixelCount = 0,
+                          bool continuousTone = false);
 
 // HEVC still image through libheif and x265; alpha as an auxiliary image when `keepAlpha`;
 // the profile as a "prof" colour box when given.

@@ -1,5 +1,9 @@
 // The settings panes against real objects: the profile form's rules, the API pane's port and
-// token rules and the language pane's pending choice.
+// token rules, the language pane's pending choice; and the hot folders tab against a real
+// manager: the form's rules (name, folders that resolve to one, profile against explicit
+// settings), the enabled switch, and the two log sections.
+#include <unistd.h>
+
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDoubleSpinBox>
@@ -7,14 +11,19 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QSlider>
+#include <QSpinBox>
 #include <QTcpServer>
 
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"
+#include "hotfolders/HotFoldersManager.h"
 #include "records/ExportProfile.h"
 #include "services/LanguageManager.h"
+#include "services/Strings.h"
 #include "tests/ui/ui_test_support.h"
 #include "ui/ExportProfilesSettingsView.h"
+#include "ui/HotFoldersSettingsView.h"
 #include "ui/LocalAPISettingsView.h"
 #include "ui/SizeControls.h"
 #include "ui/SmallSettingsViews.h"
@@ -159,6 +168,139 @@ TEST(LanguagePane, OnlyADifferentChoiceOffersARestartAndTheSystemDefaultRemovesT
   EXPECT_FALSE(manager->selectedLanguage().has_value());
   EXPECT_EQ(std::pair(starts, quits), std::pair(1, 1));
   LanguageManager::persist(std::nullopt);
+}
+
+class HotFoldersPaneTest : public UiFixture {
+ protected:
+  void SetUp() override {
+    UiFixture::SetUp();
+    for (const char* folder : {"in", "out"}) QDir(dir_.path()).mkpath(folder);
+  }
+  void TearDown() override {
+    pane_.reset();
+    manager_.reset();
+    UiFixture::TearDown();
+  }
+  ui::HotFoldersSettingsView& pane() {
+    if (!model_) makeModel();
+    if (!manager_) manager_ = std::make_unique<HotFoldersManager>();
+    if (!pane_) {
+      pane_ = std::make_unique<ui::HotFoldersSettingsView>(
+          *manager_, *model_, [this](const auto&) { return std::optional<QString>(chosen_); });
+    }
+    return *pane_;
+  }
+  void choose(const QString& source, const QString& destination) {
+    chosen_ = source;
+    pane().chooseSource();
+    chosen_ = destination;
+    pane().chooseDestination();
+  }
+  QStringList texts(QWidget* section) const {
+    QStringList out;
+    for (QLabel* label : section->findChildren<QLabel*>()) out << label->text();
+    return out;
+  }
+
+  QString in_ = dir_.filePath("in"), out_ = dir_.filePath("out");
+  QString chosen_;
+  std::unique_ptr<HotFoldersManager> manager_;
+  std::unique_ptr<ui::HotFoldersSettingsView> pane_;
+};
+
+TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersAndAProfileReplacesFormatAndQuality) {
+  const QString link = dir_.filePath("link");
+  ASSERT_EQ(::symlink(QFile::encodeName(out_).constData(), QFile::encodeName(link).constData()), 0);
+  pane().nameField()->setText("  \t");
+  choose(in_, out_);
+  EXPECT_FALSE(pane().isFormValid());
+  pane().nameField()->setText(" Camera ");
+  EXPECT_TRUE(pane().saveButton()->isEnabled());
+  choose(link, out_);
+  EXPECT_FALSE(pane().saveButton()->isEnabled());
+  EXPECT_FALSE(pane().sameFolderWarning()->isHidden());
+  pane().save();
+  EXPECT_TRUE(manager_->hotFolders().empty());
+
+  choose(in_, out_);
+  pane().setNewQuality(62);
+  pane().save();
+  ASSERT_EQ(manager_->hotFolders().size(), 1u);
+  const HotFolder saved = manager_->hotFolders()[0];
+  EXPECT_EQ(saved.name, "Camera");
+  EXPECT_EQ(saved.format, ImageFormat::jpeg);
+  EXPECT_EQ(saved.quality, 62.0);
+  EXPECT_FALSE(pane().editingID());  // the form is blank again
+
+  // A profile replaces format and quality, which come back without it.
+  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80));
+  pane().nameField()->setText("Shots");
+  choose(in_, out_);
+  pane().setNewFormat(ImageFormat::avif);
+  pane().setNewProfileName(QString("Web"));
+  EXPECT_TRUE(pane().formatButton()->isHidden());
+  EXPECT_EQ(pane().profileButton()->text(), "Web");
+  pane().setNewProfileName(std::nullopt);
+  EXPECT_EQ(pane().formatButton()->text(), "AVIF");
+  pane().setNewProfileName(QString("Web"));
+  // The folder's own size options stand beside the profile.
+  pane().sizeEditor()->fitToggle()->setChecked(true);
+  pane().sizeEditor()->widthField()->setValue(1600);
+  pane().sizeEditor()->heightField()->setValue(0);
+  pane().save();
+  const HotFolder withProfile = manager_->hotFolders().at(1);
+  EXPECT_EQ(withProfile.profileName, QString("Web"));
+  EXPECT_FALSE(withProfile.format || withProfile.quality);
+  EXPECT_EQ(withProfile.sizing, (CompressionOptions{.maxWidth = 1600}));
+  EXPECT_FALSE(pane().sizeEditor()->options().any()) << "a new form starts with them off";
+
+  pane().startEditing(withProfile);
+  EXPECT_EQ(pane().sizeEditor()->options(), withProfile.sizing);
+  pane().setNewProfileName(std::nullopt);
+  EXPECT_EQ(pane().formatButton()->text(), "JPEG");
+  EXPECT_EQ(pane().qualitySlider()->value(), 75);
+}
+
+TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
+  // 30 folders whose source is missing: 30 error lines at launch.
+  HotFolderList folders;
+  for (int i = 0; i < 30; ++i)
+    folders.push_back(hotFolder(QString("F%1").arg(i), dir_.filePath("missing"), out_, ImageFormat::png, 50));
+  folders.push_back(hotFolder("Live", in_, out_, ImageFormat::webp, 80));
+  HotFolders::save(folders);
+  pane();
+  // Each row says what its folder is doing.
+  auto stateCount = [&](const char* key) {
+    QStringList states;
+    for (QLabel* label : pane().existingSection()->findChildren<QLabel*>("statusText"))
+      states << label->text();
+    return states.count(Strings::text(key));
+  };
+  // The folders report from their own threads, in no fixed order, and their rows' states
+  // follow their reports.
+  ASSERT_TRUE(QTest::qWaitFor(
+      [&] {
+        return manager_->isRunning(folders.back().id) && pane().errorActivities().size() == 30 &&
+               stateCount("settings.hotFolders.stateWaiting") == 30 &&
+               stateCount("settings.hotFolders.stateWatching") == 1;
+      },
+      10000));
+  QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);  // the lines replaced
+  const std::vector<HotFolderActivity> newest = pane().errorActivities();
+  auto title = [&](size_t i) { return newest[i].hotFolderName + " — "; };
+  const QStringList errors = texts(pane().errorSection());
+  EXPECT_TRUE(errors.contains(title(0)) && errors.contains(title(19)) && !errors.contains(title(20)));
+  EXPECT_TRUE(texts(pane().activitySection()).contains(title(4)));
+
+  QList<QCheckBox*> switches = pane().existingSection()->findChildren<QCheckBox*>("enabledSwitch");
+  ASSERT_EQ(switches.size(), 31);
+  switches.back()->setChecked(false);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !manager_->isRunning(folders.back().id); }, 5000));
+  EXPECT_FALSE(manager_->hotFolders().back().isEnabled);
+
+  pane().clearActivityButton()->click();
+  EXPECT_TRUE(texts(pane().errorSection()).contains(Strings::text("settings.hotFolders.errorLogEmpty")));
+  EXPECT_TRUE(texts(pane().activitySection()).contains(Strings::text("settings.hotFolders.activityEmpty")));
 }
 
 }  // namespace

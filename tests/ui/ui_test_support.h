@@ -2,8 +2,14 @@
 // Fixtures for the window tests: the batch fixture's model, fakes and sandbox; the inspector
 // makes thumbnails, and a sized encode scales the file's box into the options' one.
 
+#include <QApplication>
+#include <QMouseEvent>
+
+#include "engine/Localization.h"
 #include "hotfolders/HotFolder.h"
 #include "records/ExportProfile.h"
+#include "services/AppLanguage.h"
+#include "services/StringTables.h"
 #include "tests/batch/batch_test_support.h"
 #include "ui/MainWindow.h"
 
@@ -13,11 +19,38 @@ using testing::FakeFile;
 
 class UiFixture : public testing::BatchFixture {
  protected:
-  BatchViewModel::Options options();
+  BatchViewModel::Options options() {
+    BatchViewModel::Options o = BatchFixture::options();
+    // Under a fit or a budget: the file's box scaled into the options' one, quality 62 under a budget.
+    o.sizedEncoder = [this](std::span<const uint8_t> data, ImageFormat format, double quality,
+                            const CompressionOptions& sizing) {
+      const FakeFile file = fakeFor(data);
+      double scale = 1;
+      if (sizing.maxWidth > 0) scale = std::min(scale, double(sizing.maxWidth) / file.width);
+      if (sizing.maxHeight > 0) scale = std::min(scale, double(sizing.maxHeight) / file.height);
+      ImageCompressor::Encoded encoded;
+      encoded.quality = sizing.maxBytes > 0 ? std::min(quality, 62.0) : quality;
+      encoded.width = std::max(1, int(file.width * scale));
+      encoded.height = std::max(1, int(file.height * scale));
+      encoded.fitted = scale < 1;
+      encoded.bytes = encode(data, format, encoded.quality);
+      encoded.encodes = 1;
+      return encoded;
+    };
+    o.measureResults = true;
+    o.debounce = std::chrono::milliseconds(60);
+    thumbnails_ = true;
+    return o;
+  }
   BatchViewModel& makeModel() { return BatchFixture::makeModel(options()); }
 
   // Writes a source file of `bytes` bytes described by `file`, and gives its URL.
-  QUrl source(const QString& name, int64_t bytes = 100000, FakeFile file = {});
+  QUrl source(const QString& name, int64_t bytes = 100000, FakeFile file = {}) {
+    QByteArray content = name.toUtf8() + '\n';
+    content.append(QByteArray(std::max<int64_t>(0, bytes - content.size()), 'p'));
+    inspectAs(name, file);
+    return BatchFixture::source(name, content);
+  }
   // Imports, and waits until every encode has finished.
   bool settle(const QList<QUrl>& urls, int timeoutMs = 5000) {
     import(urls);
@@ -32,24 +65,53 @@ class UiFixture : public testing::BatchFixture {
 // The main window over the fixture's model (made if there is none yet), shown at first use.
 class WindowFixture : public UiFixture {
  protected:
-  void TearDown() override;
-  ui::MainWindow& window();
+  void TearDown() override {
+    window_.reset();
+    UiFixture::TearDown();
+  }
+  ui::MainWindow& window() {
+    if (!model_) makeModel();
+    if (!window_) {
+      window_ = std::make_unique<ui::MainWindow>(*model_);
+      window_->show();
+    }
+    return *window_;
+  }
   std::unique_ptr<ui::MainWindow> window_;
 };
 
 // A left-button mouse event of `type` at `pos` in `target`.
-void sendMouse(QWidget* target, QEvent::Type type, QPointF pos);
+inline void sendMouse(QWidget* target, QEvent::Type type, QPointF pos) {
+  QMouseEvent event(type, pos, target->mapToGlobal(pos), Qt::LeftButton,
+                    type == QEvent::MouseButtonRelease ? Qt::NoButton : Qt::LeftButton, Qt::NoModifier);
+  QApplication::sendEvent(target, &event);
+}
 
 // A profile with no folder of its own, not the default, unless given.
-ExportProfile profile(const QString& name, ImageFormat format, double quality,
-                      std::optional<QString> folder = std::nullopt, bool isDefault = false);
+inline ExportProfile profile(const QString& name, ImageFormat format, double quality,
+                             std::optional<QString> folder = std::nullopt, bool isDefault = false) {
+  return {QUuid::createUuid(), name, format, quality, std::move(folder), isDefault, {}};
+}
 
 // An enabled hot folder with explicit settings, or a profile's when `format` is not given.
-HotFolder hotFolder(const QString& name, const QString& source, const QString& destination,
-                    std::optional<ImageFormat> format, double quality = 75,
-                    std::optional<QString> profile = {});
+inline HotFolder hotFolder(const QString& name, const QString& source, const QString& destination,
+                           std::optional<ImageFormat> format, double quality = 75,
+                           std::optional<QString> profile = {}) {
+  return {QUuid::createUuid(),
+          name,
+          source,
+          destination,
+          std::move(profile),
+          format,
+          format ? std::optional(quality) : std::nullopt,
+          true,
+          {}};
+}
 
 // Installs the string table of a language (raw value such as "de"); empty for French defaults.
-void useLanguage(const QString& rawValue);
+inline void useLanguage(const QString& rawValue) {
+  const auto language = AppLanguages::fromRawValue(rawValue);
+  Localization::setLookup(language ? StringTables::lookupFor(*language) : Localization::Lookup{});
+}
 
 }  // namespace quillane::uitest
