@@ -152,8 +152,19 @@ bool losslessJXLMayWin(const ImageCharacteristics& characteristics, const Mode& 
   return losslessMayWinOnGradients(characteristics, lossy, 80) || fewColours(characteristics);
 }
 
-bool losslessJXLMayBeat(uint64_t lossyBytes, uint64_t quickLosslessBytes) {
-  return double(quickLosslessBytes) <= 3.0 * double(lossyBytes);
+bool losslessJXLMayBeat(const ImageCharacteristics& characteristics, uint64_t lossyBytes,
+                        uint64_t quickLosslessBytes) {
+  const double gain = fewColours(characteristics) ? 3.0 : 2.2;
+  return double(quickLosslessBytes) <= gain * double(lossyBytes);
+}
+
+bool losslessWebPJudgedQuickly(const ImageCharacteristics& characteristics) {
+  const int64_t pixels = int64_t(characteristics.width) * int64_t(characteristics.height);
+  return pixels >= 16'384 && characteristics.gradientFraction > 0.03;
+}
+
+bool losslessWebPMayBeat(uint64_t lossyBytes, uint64_t quickLosslessBytes) {
+  return double(quickLosslessBytes) <= 4.0 * double(lossyBytes);
 }
 
 bool losslessMayWin(ImageFormat format, const ImageCharacteristics& characteristics, const Mode& lossy) {

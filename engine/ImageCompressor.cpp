@@ -89,32 +89,37 @@ Bytes encodeWith(Pictures& pictures, ImageFormat format, const EncodingPlan& pla
   }
 }
 
-// A JPEG XL plan whose lossy and lossless encodings compete, either one the main encoding: the
-// lossy one first, then lossless at the plan's effort only where its size at the fastest
-// effort says it can beat the lossy bytes (EncodingStrategy::losslessJXLMayBeat). The smaller
-// wins, the main encoding on a tie; a failed encoding leaves the other standing.
-Bytes encodeJXLCompeting(Pictures& pictures, const EncodingPlan& plan,
-                         const ImageCharacteristics& characteristics, bool mainLossless, bool consume) {
-  const ImageFormat jxl = ImageFormat::jxl;
+// A WebP or JPEG XL plan whose lossy and lossless encodings compete, either one the main
+// encoding: the lossy one first, then lossless at the plan's effort only where a quick lossless
+// encoding says it can beat the lossy bytes (EncodingStrategy::losslessWebPMayBeat,
+// losslessJXLMayBeat). The smaller wins, the main encoding on a tie; a failed encoding leaves
+// the other standing.
+Bytes encodeJudgedCompeting(Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
+                            const ImageCharacteristics& characteristics, bool mainLossless, bool consume) {
   const EncodingPlan::Mode lossless = EncodingPlan::Mode::lossless();
   Bytes lossy;
   try {
-    lossy = encodeWith(pictures, jxl, plan, characteristics, mainLossless ? *plan.alternative : plan.mode,
+    lossy = encodeWith(pictures, format, plan, characteristics, mainLossless ? *plan.alternative : plan.mode,
                        mainLossless, false);
   } catch (const std::exception&) {
     if (!mainLossless) throw;
-    return encodeWith(pictures, jxl, plan, characteristics, lossless, false, consume);
+    return encodeWith(pictures, format, plan, characteristics, lossless, false, consume);
   }
   Cancellation::check();
   try {
-    const size_t quick = JXLEncoder::quickLosslessSize(pictures.rgba, pictures.rgba.hasAlpha);
-    if (!EncodingStrategy::losslessJXLMayBeat(lossy.size(), quick)) return lossy;
+    const bool mayBeat = format == ImageFormat::webp
+                             ? EncodingStrategy::losslessWebPMayBeat(
+                                   lossy.size(), WebPEncoder::quickLosslessSize(*pictures.argb))
+                             : EncodingStrategy::losslessJXLMayBeat(
+                                   characteristics, lossy.size(),
+                                   JXLEncoder::quickLosslessSize(pictures.rgba, pictures.rgba.hasAlpha));
+    if (!mayBeat) return lossy;
   } catch (const std::exception&) {
     // no estimate: lossless runs as if there were no estimate
   }
   Cancellation::check();
   try {
-    Bytes full = encodeWith(pictures, jxl, plan, characteristics, lossless, !mainLossless, consume);
+    Bytes full = encodeWith(pictures, format, plan, characteristics, lossless, !mainLossless, consume);
     if (full.size() < lossy.size() || (mainLossless && full.size() == lossy.size())) return full;
   } catch (const std::exception&) {
   }
@@ -342,15 +347,21 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
         try {
           return encodeWith(pictures, format, attempt, characteristics, lossy, true, false);
         } catch (const std::exception&) {
-          // a failed lossy encoding leaves the lossless main encoding to try, as before
+          // a failed lossy encoding leaves the lossless main encoding to try
         }
+        Cancellation::check();
+        return encodeWith(pictures, format, attempt, characteristics, attempt.mode, false, consume);
       }
-      // JPEG XL runs the lossy encoding first; lossless at the plan's effort follows only
-      // where a lossless encoding at the fastest effort says it can beat the lossy bytes. The
-      // fastest effort takes more memory than the light one, whose plans go without it.
-      if (format == ImageFormat::jxl && !attempt.lightLossless &&
-          (mainLossless || attempt.alternative->kind == Kind::lossless))
-        return encodeJXLCompeting(pictures, attempt, characteristics, mainLossless, consume);
+      // JPEG XL, and WebP on pictures of many gradients, run the lossy encoding first; lossless
+      // at the plan's effort follows only where a lossless encoding at the fastest effort says
+      // it can beat the lossy bytes. JPEG XL's fastest effort takes more memory than its light
+      // one, whose plans go without it.
+      const bool judged = format == ImageFormat::jxl
+                              ? !attempt.lightLossless
+                              : format == ImageFormat::webp && pictures.argb &&
+                                    EncodingStrategy::losslessWebPJudgedQuickly(characteristics);
+      if (judged && (mainLossless || attempt.alternative->kind == Kind::lossless))
+        return encodeJudgedCompeting(pictures, format, attempt, characteristics, mainLossless, consume);
     }
 
     Bytes main = encodeWith(pictures, format, attempt, characteristics, attempt.mode, false,

@@ -234,4 +234,15 @@ Bytes encode(const ARGBPicture& picture, const EncodingPlan& plan,
   return withProfile(encodeARGB(picture, config), picture.buffer.colorSpace);
 }
 
+size_t quickLosslessSize(const ARGBPicture& picture) {
+  WebPConfig config;
+  if (!WebPConfigInit(&config)) throw webpFailed("WebPConfigInit");
+  config.lossless = 1;
+  config.method = 0;
+  config.quality = 0.f;
+  config.exact = 0;
+  if (!WebPValidateConfig(&config)) throw webpFailed("WebPValidateConfig");
+  return encodeARGB(picture, config).size();
+}
+
 }  // namespace quillane::WebPEncoder

@@ -98,26 +98,38 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
   }
 }
 
-// A graphic's JPEG XL is the smaller of its competing lossy and lossless encodings, also where
-// lossless is first judged by its quick estimate: a flat logo (lossless main) and a screenshot
-// with a smooth gradient, estimated at five times its lossless bytes (lossless competitor).
-TEST(EncodeData, JxlGraphicIsTheSmallerOfItsLossyAndLosslessEncodings) {
-  for (const bool gradient : {false, true}) {
-    DecodedImage picture = testing::makeImage(160, 120, testing::Pattern::screenshot, 3);
-    for (size_t p = 0; gradient && p < size_t{160} * 60; ++p) {
-      picture.pixels8[p * 4] = uint8_t(p % 160);
-      picture.pixels8[p * 4 + 1] = uint8_t(p / 160 * 2);
-      picture.pixels8[p * 4 + 2] = 128;
+// A graphic's JPEG XL or WebP is the smaller of its competing lossy and lossless encodings,
+// also where lossless is first judged by its quick estimate: a flat logo (lossless main) and a
+// screenshot with a smooth gradient (JPEG XL: estimated at five times its lossless bytes; WebP:
+// a flat graphic of few colours, where lossless competes at 90).
+TEST(EncodeData, GraphicIsTheSmallerOfItsLossyAndLosslessEncodings) {
+  for (const ImageFormat format : {ImageFormat::jxl, ImageFormat::webp}) {
+    for (const bool gradient : {false, true}) {
+      DecodedImage picture = testing::makeImage(160, 120, testing::Pattern::screenshot, 3);
+      for (size_t p = 0; gradient && format == ImageFormat::jxl && p < size_t{160} * 60; ++p) {
+        picture.pixels8[p * 4] = uint8_t(p % 160);
+        picture.pixels8[p * 4 + 1] = uint8_t(p / 160 * 2);
+        picture.pixels8[p * 4 + 2] = 128;
+      }
+      for (size_t p = 0; gradient && format == ImageFormat::webp && p < size_t{160} * 20; ++p)
+        std::fill_n(&picture.pixels8[p * 4], 3, uint8_t(p % 160 / 2 + p / 160));
+      const RGBABuffer rgba(picture);
+      const ImageCharacteristics characteristics = ImageAnalyzer::analyze(rgba);
+      EncodingPlan lossy = EncodingStrategy::plan(characteristics, format, 90), lossless = lossy;
+      ASSERT_TRUE(lossy.alternative);
+      if (lossy.mode.kind == EncodingPlan::Mode::Kind::lossless) lossy.mode = *lossy.alternative;
+      lossless.mode = EncodingPlan::Mode::lossless();
+      if (format == ImageFormat::webp) {
+        EXPECT_EQ(EncodingStrategy::losslessWebPJudgedQuickly(characteristics), gradient);
+        EXPECT_EQ(encodeData(fixtures::png(picture), format, 90).size(),
+                  std::min(WebPEncoder::encode(rgba, lossy, characteristics).size(),
+                           WebPEncoder::encode(rgba, lossless, characteristics).size()));
+        continue;
+      }
+      EXPECT_EQ(encodeData(fixtures::png(picture), format, 90).size(),
+                std::min(JXLEncoder::encode(rgba, false, lossy).size(),
+                         JXLEncoder::encode(rgba, false, lossless).size()));
     }
-    const RGBABuffer rgba(picture);
-    EncodingPlan lossy = EncodingStrategy::plan(ImageAnalyzer::analyze(rgba), ImageFormat::jxl, 90),
-                 lossless = lossy;
-    ASSERT_TRUE(lossy.alternative);
-    if (lossy.mode.kind == EncodingPlan::Mode::Kind::lossless) lossy.mode = *lossy.alternative;
-    lossless.mode = EncodingPlan::Mode::lossless();
-    EXPECT_EQ(encodeData(fixtures::png(picture), ImageFormat::jxl, 90).size(),
-              std::min(JXLEncoder::encode(rgba, false, lossy).size(),
-                       JXLEncoder::encode(rgba, false, lossless).size()));
   }
 }
 

@@ -184,6 +184,14 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   EXPECT_TRUE(EncodingStrategy::losslessMayWin(ImageFormat::jxl, fewColours, Mode::lossy(81)));
   EXPECT_FALSE(EncodingStrategy::losslessMayWin(ImageFormat::webp, fewColours, Mode::lossy(100)));
 
+  // The full lossless encoding follows a quick one only where that is near enough the lossy
+  // bytes, nearer among many colours, whose lossless gains less from the plan's effort.
+  EXPECT_TRUE(EncodingStrategy::losslessJXLMayBeat(fewColours, 1'000, 2'200));
+  EXPECT_FALSE(EncodingStrategy::losslessJXLMayBeat(fewColours, 1'000, 2'201));
+  fewColours.distinctColorCount = 1'024;
+  EXPECT_TRUE(EncodingStrategy::losslessJXLMayBeat(fewColours, 1'000, 3'000));
+  EXPECT_FALSE(EncodingStrategy::losslessJXLMayBeat(fewColours, 1'000, 3'001));
+
   // Continuous tone (AVIF's careful speed on large pictures) needs many colours: a noisy drawing
   // of few colours would start aom's screen content search; a screenshot never has it.
   const auto continuous = [](ContentClass cls, int colours, bool saturated) {
