@@ -67,7 +67,7 @@ float distance(double quality);
 // 0.4 % of an 18-megapixel photo at quality 75, and looks the same). The rows of one strip (a
 // multiple of 8), or the picture's height where it goes in whole. At the low qualities where
 // libjxl would code the DC as a frame of its own, which only a whole frame can have, a picture
-// of up to 24 megapixels goes in whole.
+// of up to 24 megapixels goes in whole where the machine's memory holds it.
 int lossyStripRows(int width, int height, double quality);
 }  // namespace JXLEncoder
 

@@ -23,6 +23,7 @@
 #include <thread>
 
 #include "engine/Cancellation.h"
+#include "engine/EncodeCost.h"
 #include "engine/Encoders.h"
 #include "engine/Errors.h"
 #include "engine/ImageCompressor.h"
@@ -296,6 +297,18 @@ TEST_F(Bombs, APngWhoseDataCannotFillItsRowsIsRefusedBeforeAllocating) {
   const Bytes black = fixtures::blackPng(4096, 4096);
   ASSERT_LT(black.size(), 4u << 10);
   EXPECT_EQ(ImageDecoder::decodeCGImageSource(black).image.width, 4096);
+}
+
+// A JPEG XL of 24 megapixels at a low quality goes in one frame, up to some 1.6 GB, only where
+// the address space holds that: under 1 GB it keeps its strips, and is claimed as strips.
+TEST(JxlStrips, ALowQualityFrameTheAddressSpaceCannotHoldKeepsItsStrips) {
+  constexpr int width = 6000, height = 4000;
+  ASSERT_EQ(JXLEncoder::lossyStripRows(width, height, 35), height);
+  expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
+    return JXLEncoder::lossyStripRows(width, height, 35) < height &&
+           EncodeCost::encodingBytes(ImageFormat::jxl, EncodingPlan::Mode::lossy(35), 0, width, height, true,
+                                     true) < kOneGigabyte;
+  });
 }
 
 TEST_F(Bombs, TextChunksAreNeverInflated) {
