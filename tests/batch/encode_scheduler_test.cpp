@@ -63,7 +63,8 @@ TEST_F(SchedulerTest, SmallImageQueuesBehindALargeOneForMemory) {
 TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBackAndTheWorkGivenUpOnIsCancelled) {
   auto o = options();
   o.processorCount = 1;
-  o.watchdog = std::chrono::milliseconds(200);
+  // Long enough for the encodes that must end in time, on a run slowed by a sanitizer too.
+  o.watchdog = std::chrono::seconds(1);
   auto& model = makeModel(o);
   import({source("slow.png", "slow"), source("b.png", "b")});
   auto slow = model.images()[0];
@@ -98,7 +99,7 @@ TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBackAndTheWorkG
 TEST_F(SchedulerTest, AnEncodeThatOutlivesItsDeadlineKeepsItsMemoryUntilItReturns) {
   auto o = options();
   o.memoryBudgetMB = 0;  // the process's budget, shared with every other front end
-  o.watchdog = std::chrono::milliseconds(200);
+  o.watchdog = std::chrono::seconds(1);
   auto& model = makeModel(o);
   CompressionBudget& budget = CompressionBudget::process();
   inspectAs("huge.png", {60000, 60000});  // more than the whole budget
