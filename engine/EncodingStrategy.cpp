@@ -128,13 +128,18 @@ Mode mode(const ImageCharacteristics& characteristics, ImageFormat format, doubl
 
 namespace {
 
+// A picture of at least 16,384 pixels and more than 3 % gentle gradients: the one rule of
+// losslessMayWinOnGradients and losslessWebPJudgedQuickly.
+bool manyGradients(const ImageCharacteristics& characteristics) {
+  const int64_t pixels = int64_t(characteristics.width) * int64_t(characteristics.height);
+  return pixels >= 16'384 && characteristics.gradientFraction > 0.03;
+}
+
 // Whether a lossless encoding may beat a lossy one of at most `highestQuality` on a picture
 // of many gentle gradients.
 bool losslessMayWinOnGradients(const ImageCharacteristics& characteristics, const Mode& lossy,
                                double highestQuality) {
-  const int64_t pixels = int64_t(characteristics.width) * int64_t(characteristics.height);
-  return lossy.kind != Mode::Kind::lossy || lossy.quality > highestQuality || pixels < 16'384 ||
-         characteristics.gradientFraction <= 0.03;
+  return lossy.kind != Mode::Kind::lossy || lossy.quality > highestQuality || !manyGradients(characteristics);
 }
 
 bool fewColours(const ImageCharacteristics& characteristics) {
@@ -159,8 +164,7 @@ bool losslessJXLMayBeat(const ImageCharacteristics& characteristics, uint64_t lo
 }
 
 bool losslessWebPJudgedQuickly(const ImageCharacteristics& characteristics) {
-  const int64_t pixels = int64_t(characteristics.width) * int64_t(characteristics.height);
-  return pixels >= 16'384 && characteristics.gradientFraction > 0.03;
+  return manyGradients(characteristics);
 }
 
 bool losslessWebPMayBeat(uint64_t lossyBytes, uint64_t quickLosslessBytes) {
