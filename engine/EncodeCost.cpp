@@ -61,9 +61,9 @@ constexpr Measured kWebPLossless{{36, 14 * kMB}, {14, 4 * kMB}, 1};
 // 26 MB whatever its size and 48 bytes a pixel beyond (a 0.65 MP screenshot: 58 MB).
 constexpr Measured kWebPLosslessCareful{{42, 14 * kMB}, {50, 26 * kMB}, 1};
 // JPEG XL (libjxl 0.7): lossy holds the frame in floats three times over (above 8 megapixels
-// one strip of it at a time, encodingBytes); at effort 7 its patch search on graphics costs as
-// much as lossless. Lossless holds every sample as a 32-bit
-// integer and a token; at effort 5 and above, graphics take four times that.
+// mostly one strip of it at a time, encodingBytes); at effort 7 its patch search on graphics
+// costs as much as lossless. Lossless holds every sample as a 32-bit integer and a token; at
+// effort 5 and above, graphics take four times that.
 constexpr Measured kJxlLossy{{40, 10 * kMB}, {47, 10 * kMB}, 15};
 constexpr Measured kJxlLossyCareful{{40, 10 * kMB}, {182, 10 * kMB}, 15};
 constexpr Measured kJxlLossless{{74, 10 * kMB}, {182, 10 * kMB}, 4};
@@ -121,6 +121,11 @@ double decodeBytesPerPixel(ImageFormat format) {
 
 bool isGraphic(ContentClass c) { return c == ContentClass::flatGraphic || c == ContentClass::screenText; }
 
+uint64_t cost(const Measured& m, uint64_t pixels, bool graphic, bool alpha) {
+  const uint64_t extra = alpha ? uint64_t(std::ceil(m.alphaBytesPerPixel * double(pixels))) : 0;
+  return (graphic ? m.graphic : m.photo).at(pixels) + extra;
+}
+
 }  // namespace
 
 uint64_t allowance(uint64_t pixels) { return std::max(pixels * kBytesPerPixel, kSmallPictureBytes); }
@@ -129,17 +134,16 @@ uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int e
                        bool graphic, bool alpha) {
   const uint64_t pixels = uint64_t(std::max(width, 0)) * uint64_t(std::max(height, 0));
   const Measured& m = measured(format, mode.kind, effort, pixels, graphic);
-  auto cost = [&](uint64_t n) {
-    const uint64_t extra = alpha ? uint64_t(std::ceil(m.alphaBytesPerPixel * double(n))) : 0;
-    return (graphic ? m.graphic : m.photo).at(n) + extra;
-  };
-  if (format != ImageFormat::jxl || mode.kind != Kind::lossy) return cost(pixels);
-  // A large lossy JPEG XL goes in strip by strip (JXLEncoder::lossyStripRows): the picture
+  if (format != ImageFormat::jxl || mode.kind != Kind::lossy) return cost(m, pixels, graphic, alpha);
+  // A large lossy JPEG XL may go in strip by strip (JXLEncoder::lossyStripRows): the picture
   // (4 bytes a pixel) beside libjxl's cost of one strip, whose own picture is that strip.
   const uint64_t strip =
       uint64_t(std::max(width, 0)) * uint64_t(JXLEncoder::lossyStripRows(width, height, mode.quality));
-  return strip >= pixels ? cost(pixels) : pixels * 4 + cost(strip) - strip * 4;
+  return strip >= pixels ? cost(m, pixels, graphic, alpha)
+                         : pixels * 4 + cost(m, strip, graphic, alpha) - strip * 4;
 }
+
+uint64_t lossyJXLFrameBytes(uint64_t pixels) { return cost(kJxlLossy, pixels, true, true); }
 
 uint64_t encodingBytes(ImageFormat format, const EncodingPlan& plan, const EncodingPlan::Mode& mode,
                        const ImageCharacteristics& characteristics) {

@@ -17,9 +17,10 @@ namespace quillane::EncodeCost {
 // What an encoding may take, its picture included: 16 bytes a pixel, and never less than
 // 1.5 GiB, so that a screenshot up to a 4K screen (8.3 megapixels) keeps lossless JPEG XL's
 // full effort, whose files are up to six times smaller than the light effort's. The strategy plans every
-// encoding within it where the format has a cheaper way (EncodingStrategy::plan); lossy JPEG XL up to 8
-// megapixels (40 to 47 bytes a pixel in libjxl 0.7; above, it goes in strip by strip), HEIC and AVIF at 4:4:4
-// (25 to 26) and lossless WebP of a photograph (36) have none, and claim what they take.
+// encoding within it where the format has a cheaper way (EncodingStrategy::plan); lossy JPEG XL in one frame
+// (40 to 47 bytes a pixel in libjxl 0.7; up to 8 megapixels, or 24 at low qualities where the machine holds
+// it, and strip by strip above), HEIC and AVIF at 4:4:4 (25 to 26) and lossless WebP of a photograph (36)
+// have none, and claim what they take.
 inline constexpr uint64_t kBytesPerPixel = 16;
 inline constexpr uint64_t kSmallPictureBytes = 1536ull << 20;
 uint64_t allowance(uint64_t pixels);
@@ -35,6 +36,11 @@ uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int e
 // The same for an encoding the strategy planned.
 uint64_t encodingBytes(ImageFormat format, const EncodingPlan& plan, const EncodingPlan::Mode& mode,
                        const ImageCharacteristics& characteristics);
+
+// The peak of a lossy JPEG XL of `pixels` in one frame, at the effort of pictures above 2
+// megapixels, for the costliest content (a graphic with alpha), its picture included: what
+// JXLEncoder::lossyStripRows asks the machine to hold before it leaves out the strips.
+uint64_t lossyJXLFrameBytes(uint64_t pixels);
 
 // Whether `bytes` fit in the machine's memory and the process's address-space limit.
 bool fitsInMemory(uint64_t bytes);

@@ -28,11 +28,10 @@ constexpr int kLossyStrips = 4;
 // picture (a DC frame has no crop). There a picture of up to kWholeFrameLowQualityPixels goes
 // in whole: some 40 to 47 bytes a pixel, at most about 1.2 GB with its picture, within
 // EncodeCost::allowance's floor of 1.5 GiB, where the machine's memory and address space hold
-// the costliest such frame (a graphic with alpha: 4 + 47 + 15 bytes a pixel, and libjxl's
-// fixed 10 MB); elsewhere the strips.
+// the costliest such frame (EncodeCost::lossyJXLFrameBytes) beside the caller's picture (4
+// bytes a pixel); elsewhere the strips.
 constexpr float kProgressiveDCDistance = 4.5f;
 constexpr int64_t kWholeFrameLowQualityPixels = 24'000'000;
-constexpr uint64_t kWholeFrameBytesPerPixel = 4 + 47 + 15, kWholeFrameFixedBytes = 10u << 20;
 
 ImageProcessingError jxlFailed(const std::string& call) {
   return ImageProcessingError::encodingFailed("JPEG XL", call + " failed");
@@ -188,7 +187,7 @@ int lossyStripRows(int width, int height, double quality) {
   const int64_t pixels = int64_t(width) * height;
   if (width <= 0 || height <= 0 || pixels <= kWholeFramePixels ||
       (distance(quality) >= kProgressiveDCDistance && pixels <= kWholeFrameLowQualityPixels &&
-       EncodeCost::fitsInMemory(uint64_t(pixels) * kWholeFrameBytesPerPixel + kWholeFrameFixedBytes)))
+       EncodeCost::fitsInMemory(uint64_t(pixels) * 4 + EncodeCost::lossyJXLFrameBytes(uint64_t(pixels)))))
     return std::max(height, 0);
   // Whole blocks of 8 rows; strips aligned on libjxl's groups of 256 came out larger (the last
   // one a sliver).
