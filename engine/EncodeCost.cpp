@@ -1,14 +1,12 @@
 #include "engine/EncodeCost.h"
 
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
 
 #include "engine/Encoders.h"
 #include "engine/ImageDecoder.h"
+#include "engine/SystemMemory.h"
 #include "engine/codecs/Writers.h"
 
 namespace quillane::EncodeCost {
@@ -156,14 +154,7 @@ uint64_t encodingBytes(ImageFormat format, const EncodingPlan& plan, const Encod
                        characteristics.hasAlpha);
 }
 
-bool fitsInMemory(uint64_t bytes) {
-  const long pages = ::sysconf(_SC_PHYS_PAGES), pageSize = ::sysconf(_SC_PAGESIZE);
-  uint64_t available = pages > 0 && pageSize > 0 ? uint64_t(pages) * uint64_t(pageSize) : UINT64_MAX;
-  struct rlimit limit {};
-  if (::getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY)
-    available = std::min<uint64_t>(available, limit.rlim_cur);
-  return bytes <= available;
-}
+bool fitsInMemory(uint64_t bytes) { return bytes <= usableMemoryBytes(); }
 
 uint64_t peakBytes(const Source& source, ImageFormat target, double quality) {
   const uint64_t pixels = uint64_t(std::max(source.width, 0)) * uint64_t(std::max(source.height, 0));

@@ -1,8 +1,5 @@
 // Helpers shared by the readers.
 
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <string>
 
@@ -21,12 +18,7 @@ void checkSize(uint64_t width, uint64_t height) {
 }
 
 void checkFitsInMemory(uint64_t pixels, uint64_t bytesPerPixel) {
-  uint64_t available = physicalMemoryBytes();
-  if (available == 0) available = UINT64_MAX;
-  struct rlimit limit {};
-  if (::getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY)
-    available = std::min<uint64_t>(available, limit.rlim_cur);
-  if (pixels > available / std::max<uint64_t>(bytesPerPixel, 1)) fail(kTooLarge);
+  if (pixels > usableMemoryBytes() / std::max<uint64_t>(bytesPerPixel, 1)) fail(kTooLarge);
 }
 
 DecodedImage reserveImage(int width, int height, int bitsPerComponent, AlphaInfo alpha) {
