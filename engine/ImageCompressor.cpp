@@ -339,9 +339,9 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
     if (attempt.alternative) {
       using Kind = EncodingPlan::Mode::Kind;
       const bool mainLossless = attempt.mode.kind == Kind::lossless;
+      const bool losslessCompetes = mainLossless || attempt.alternative->kind == Kind::lossless;
       const EncodingPlan::Mode& lossy = mainLossless ? *attempt.alternative : attempt.mode;
-      if ((mainLossless || attempt.alternative->kind == Kind::lossless) &&
-          !EncodingStrategy::losslessMayWin(format, characteristics, lossy)) {
+      if (losslessCompetes && !EncodingStrategy::losslessMayWin(format, characteristics, lossy)) {
         if (!mainLossless)
           return encodeWith(pictures, format, attempt, characteristics, attempt.mode, false, consume);
         try {
@@ -360,7 +360,7 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
                               ? !attempt.lightLossless
                               : format == ImageFormat::webp && pictures.argb &&
                                     EncodingStrategy::losslessWebPJudgedQuickly(characteristics);
-      if (judged && (mainLossless || attempt.alternative->kind == Kind::lossless))
+      if (losslessCompetes && judged)
         return encodeJudgedCompeting(pictures, format, attempt, characteristics, mainLossless, consume);
     }
 
