@@ -26,10 +26,10 @@ constexpr int kLossyStrips = 4;
 // From this distance libjxl 0.7 codes a frame's DC as a frame of its own, 4 to 42 % smaller
 // at equal butteraugli on large photographs; it can do so only for a frame of the whole
 // picture (a DC frame has no crop). There a picture of up to kWholeFrameLowQualityPixels goes
-// in whole: some 40 to 47 bytes a pixel, at most about 1.2 GB with its picture, within
-// EncodeCost::allowance's floor of 1.5 GiB, where the machine's memory and address space hold
-// the costliest such frame (EncodeCost::lossyJXLFrameBytes) beside the caller's picture (4
-// bytes a pixel); elsewhere the strips.
+// in whole where the machine's memory and address space hold the costliest such frame
+// (EncodeCost::lossyJXLFrameBytes, a graphic with alpha) beside the caller's picture of 4 bytes
+// a pixel: at 24 megapixels some 1.2 GB without alpha and 1.6 GB with it, within
+// EncodeCost::allowance's floor of 1.5 GiB. Elsewhere the strips.
 constexpr float kProgressiveDCDistance = 4.5f;
 constexpr int64_t kWholeFrameLowQualityPixels = 24'000'000;
 
