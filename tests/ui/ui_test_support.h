@@ -97,15 +97,8 @@ inline ExportProfile profile(const QString& name, ImageFormat format, double qua
 inline HotFolder hotFolder(const QString& name, const QString& source, const QString& destination,
                            std::optional<ImageFormat> format, double quality = 75,
                            std::optional<QString> profile = {}) {
-  return {QUuid::createUuid(),
-          name,
-          source,
-          destination,
-          std::move(profile),
-          format,
-          format ? std::optional(quality) : std::nullopt,
-          true,
-          {}};
+  const auto ownQuality = format ? std::optional(quality) : std::nullopt;
+  return {QUuid::createUuid(), name, source, destination, std::move(profile), format, ownQuality, true, {}};
 }
 
 // Installs the string table of a language (raw value such as "de"); empty for French defaults.
