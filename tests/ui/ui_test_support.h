@@ -11,6 +11,8 @@
 #include "services/AppLanguage.h"
 #include "services/StringTables.h"
 #include "tests/batch/batch_test_support.h"
+#include "ui/ImageListModel.h"
+#include "ui/ImageListView.h"
 #include "ui/MainWindow.h"
 
 namespace quillane::uitest {
@@ -85,6 +87,11 @@ inline void sendMouse(QWidget* target, QEvent::Type type, QPointF pos) {
   QMouseEvent event(type, pos, target->mapToGlobal(pos), Qt::LeftButton,
                     type == QEvent::MouseButtonRelease ? Qt::NoButton : Qt::LeftButton, Qt::NoModifier);
   QApplication::sendEvent(target, &event);
+}
+
+// What a screen reader hears of row `row` of `list`.
+inline QString spoken(const ui::ImageListView& list, int row) {
+  return list.listModel().data(list.listModel().index(row), Qt::AccessibleTextRole).toString();
 }
 
 // A profile with no folder of its own, not the default, unless given.
