@@ -12,7 +12,6 @@
 
 #include "api/LocalAPIController.h"
 #include "api/LocalAPIDTOs.h"
-#include "records/ExportProfile.h"
 #include "services/UpdateChecker.h"
 #include "tests/api/ApiTestSupport.h"
 

@@ -4,7 +4,6 @@
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
 
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/TestImages.h"
