@@ -45,8 +45,7 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   ASSERT_TRUE(QTest::qWaitFor([&] { return image->butteraugli().has_value(); }, 20000));
   EXPECT_GT(*image->butteraugli(), 0.0);
   EXPECT_EQ(image->resultThumbnail().width, 64);
-  QDir(dir_.path()).mkpath("out");
-  const auto outcomes = await(model.exportAll(QUrl::fromLocalFile(dir_.filePath("out"))));
+  const auto outcomes = await(model.exportAll(QUrl::fromLocalFile(outFolder())));
   ASSERT_TRUE(outcomes.at(0).destinationURL);
   const auto written = readBytes(outcomes[0].destinationURL->toLocalFile().toStdString());
   EXPECT_EQ(ImageFormats::detect(written), ImageFormat::jpeg);
@@ -62,9 +61,8 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   EXPECT_FALSE(model.exportError()) << model.exportError()->toStdString();
   EXPECT_NE(::access(latin1Output.c_str(), F_OK), 0) << "removed";
 
-  o.restoreSession = true;
-  auto& restarted = makeModel(o);
-  ASSERT_TRUE(QTest::qWaitFor([&] { return restarted.images().size() == 2; }, 5000));
+  auto& restarted = restart(o);
+  ASSERT_EQ(restarted.images().size(), 2u);
   EXPECT_EQ(restarted.images()[1]->sourceFilePath(), latin1Name.toStdString());
   EXPECT_TRUE(restarted.importFailures().empty());
 }
@@ -88,13 +86,12 @@ TEST_F(BatchEngineTest, AResultNotSmallerUnderSkipLargerKeepsTheOriginalAndTheEx
   EXPECT_FALSE(images[0]->resultShape()->keptOriginal);
   EXPECT_TRUE(images[1]->resultShape()->keptOriginal);
 
-  QDir(dir_.path()).mkpath("out");
-  const auto outcomes = await(model.exportAll(QUrl::fromLocalFile(dir_.filePath("out"))));
+  const auto outcomes = await(model.exportAll(QUrl::fromLocalFile(outFolder())));
   ASSERT_EQ(outcomes.size(), 2u);
   EXPECT_TRUE(outcomes[0].destinationURL && !outcomes[0].keptOriginal);
   EXPECT_TRUE(outcomes[1].keptOriginal);
   EXPECT_FALSE(outcomes[1].destinationURL || outcomes[1].errorDescription);
-  EXPECT_EQ(QDir(dir_.filePath("out")).entryList(QDir::Files), QStringList{"fine.jpg"});
+  EXPECT_EQ(QDir(outFolder()).entryList(QDir::Files), QStringList{"fine.jpg"});
   EXPECT_FALSE(images[1]->exportError());
   EXPECT_EQ(ExportHistory::load().size(), 1u);
 }
