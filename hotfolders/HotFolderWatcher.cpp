@@ -213,11 +213,6 @@ bool HotFolderWatcher::isStopped() const {
   return isStopped_;
 }
 
-HotFolderWatcher::State HotFolderWatcher::state() const {
-  MutexLock lock(stateLock_);
-  return state_;
-}
-
 void HotFolderWatcher::setState(State state) {
   {
     MutexLock lock(stateLock_);
@@ -260,20 +255,9 @@ void HotFolderWatcher::finish() {
 
 bool HotFolderWatcher::isFinished() const { return thread_->isFinished(); }
 
-void HotFolderWatcher::scheduleScan() {
-  if (isStopped()) return;
-  QMetaObject::invokeMethod(
-      loop_, [loop = loop_] { loop->requestScan(); }, Qt::QueuedConnection);
-}
-
 void HotFolderWatcher::recheck() {
   QMetaObject::invokeMethod(
       loop_, [loop = loop_] { loop->recheck(); }, Qt::QueuedConnection);
-}
-
-void HotFolderWatcher::waitUntilIdle() {
-  QMetaObject::invokeMethod(
-      loop_, [] {}, Qt::BlockingQueuedConnection);
 }
 
 bool HotFolderWatcher::isMountRoot(const QString& folder) {

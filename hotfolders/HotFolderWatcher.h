@@ -21,8 +21,8 @@
 // scans of one folder never overlap. A scan compresses on a shared pool, at most
 // concurrencyLimit() files at a time. The callbacks are called on those threads, never on
 // the GUI thread, one at a time (a lock orders them): the owner moves to its own thread by
-// itself. start(), stop(), scheduleScan() and recheck() may be called from any thread other
-// than the watcher's own and never wait for a scan; the destructor does.
+// itself. start(), stop(), finish() and recheck() may be called from any thread other than the
+// watcher's own and never wait for a scan; the destructor does.
 
 #include <QString>
 #include <QStringList>
@@ -90,17 +90,9 @@ class HotFolderWatcher {
   void finish();
   // Whether the thread has ended (after finish()): the watcher can then be dropped at once.
   bool isFinished() const;
-  // A scan after the debounce. The one entry of every event-driven scan.
-  void scheduleScan();
   // Checks that the watched folder is still the one that is there (a mount made over it or an
   // unmount changes it): if it is not, the watch begins again; a waiting watcher tries at once.
   void recheck();
-
-  State state() const;
-  bool isWatching() const { return state() == State::watching; }
-
-  // Returns once the watcher's thread has handled what was asked of it before (a scan, say).
-  void waitUntilIdle();
 
   // Lists, picks, names, compresses and records once; returns when every compression it
   // started has ended. Runs on the watcher's thread (also callable directly, which tests do).

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <QFileInfo>
+#include <QTest>
 #include <list>
 #include <thread>
 
@@ -61,8 +62,8 @@ TEST_F(HotFolderWatcherTest, FirstScanTakesWhatIsThereAndABurstOfEntriesGivesOne
   ASSERT_TRUE(reports_.waitForLines(55));
   EXPECT_EQ(reports_.scanTotals(), (std::vector<int>{5, 50}));
   EXPECT_EQ(reports_.progress().back(), (HotFolderProgress{50, 50}));
-  watcher->stop();
-  watcher->waitUntilIdle();  // the scan has stored what it did
+  watcher->finish();  // its thread ends after the scan has stored what it did
+  ASSERT_TRUE(QTest::qWaitFor([&] { return watcher->isFinished(); }, 10000));
   for (const HotFolderActivity& line : reports_.lines())
     EXPECT_FALSE(line.error) << line.error->toStdString();
   EXPECT_EQ(outputs().size(), 55);
@@ -77,8 +78,7 @@ TEST_F(HotFolderWatcherTest, StopCancelsThePendingScanAndLaterRequestsQueueNothi
   first->start();
   ASSERT_TRUE(reports_.waitForState(State::watching));
   first->stop();
-  first->scheduleScan();
-  EXPECT_FALSE(first->isWatching());
+  first->recheck();
   // The replacement's first scan comes due seconds after the cancelled one would have: the
   // stopped watcher reported nothing, and its scan would have left nothing for the replacement.
   watch(hotFolder, {.debounce = 3s}, &replacement)->start();
@@ -125,8 +125,8 @@ TEST_F(HotFolderWatcherTest, MemoryAcrossRestartsTakesOnlyChangedAndRenamedFiles
 
   // An empty listing (an unmounted volume's mount point) keeps the memory, or every file would
   // be compressed again once the volume is back; a listing with files prunes it.
-  watcher->stop();
-  watcher->waitUntilIdle();
+  watcher->finish();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return watcher->isFinished(); }, 10000));
   const QString away = temp_.path() + QStringLiteral("/away");
   ASSERT_TRUE(QDir().rename(source_, away));
   ASSERT_TRUE(QDir().mkpath(source_));
@@ -276,7 +276,6 @@ TEST_F(HotFolderWatcherTest, FolderThatGoesAwayIsWaitedForAndWatchedAgainWhenItC
   ASSERT_TRUE(reports_.waitForState(State::watching));
   ASSERT_TRUE(QDir(source_).removeRecursively());
   ASSERT_TRUE(reports_.waitForState(State::waitingForFolder));
-  EXPECT_FALSE(watcher->isWatching());
   watcher->scanOnce();  // the folder unreadable: nothing reported, nothing stored
   EXPECT_TRUE(reports_.lines().empty());
 
