@@ -20,6 +20,7 @@
 #include <QJsonObject>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <QTest>
 #include <QUrl>
 #include <algorithm>
 #include <filesystem>
@@ -217,7 +218,6 @@ TEST(CompressArguments, OptionsBecomeTheCommandsArgumentsAndFallbacksAreTold) {
 
 using namespace std::chrono_literals;
 using testing::BusStandIn;
-using testing::eventually;
 
 const QString kService = "com.quillane.Quillane";
 const QString kPath = "/com/quillane/Quillane";
@@ -276,7 +276,11 @@ class DesktopBus : public ::testing::Test {
   // This test's bus, and the local API on at a port of its own.
   QProcessEnvironment environmentWithAPI() {
     apiPort_ = testing::freeLocalPort();
-    testing::enableLocalAPI(dir_.path(), apiPort_, kToken);
+    testing::writeFile(path("config/Quillane/Quillane.conf"),
+                       QString("[General]\nlocalAPIEnabled=true\nlocalAPIPort=%1\nlocalAPIToken=%2\n")
+                           .arg(apiPort_)
+                           .arg(QString::fromStdString(kToken))
+                           .toUtf8());
     return environment();
   }
   testing::RawHTTPResponse api(const std::string& method, const std::string& target,
@@ -289,14 +293,14 @@ class DesktopBus : public ::testing::Test {
   // The batch's rows once `count` are there and ready (or what there is when the time is up).
   QJsonArray waitForReadyImages(int count) {
     QJsonArray images;
-    eventually(
+    (void)QTest::qWaitFor(
         [&] {
           images = json(api("GET", "/v1/images")).array();
           return images.size() == count && std::all_of(images.begin(), images.end(), [](const QJsonValue& v) {
                    return v["state"] == "ready";
                  });
         },
-        90s);
+        90000);
     return images;
   }
 
@@ -315,7 +319,7 @@ class DesktopBus : public ::testing::Test {
     process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
     process->start(program_, arguments);
     ASSERT_TRUE(process->waitForStarted(10000));
-    ASSERT_TRUE(eventually([&] { return owned() || process->state() != QProcess::Running; }));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return owned() || process->state() != QProcess::Running; }, 60000));
     ASSERT_TRUE(owned()) << "the program ended early";
     processes_.push_back(std::move(process));
   }
@@ -474,7 +478,8 @@ TEST_F(DesktopBus, QuitEndsAtOnceWithAnEncodeRunning) {
                 QJsonDocument(QJsonObject{{"paths", QJsonArray{large}}}).toJson().toStdString())
                 .status,
             200);
-  ASSERT_TRUE(eventually([&] { return json(api("GET", "/v1/images")).array().at(0)["state"] == "encoding"; }))
+  ASSERT_TRUE(QTest::qWaitFor(
+      [&] { return json(api("GET", "/v1/images")).array().at(0)["state"] == "encoding"; }, 60000))
       << "the encode never started";
   processes_.front()->terminate();  // SIGTERM quits as the Quit command does
   ASSERT_TRUE(processes_.front()->waitForFinished(5000)) << "still waiting for the encode";
@@ -521,7 +526,7 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
   launch.setProcessEnvironment(environment());
   launch.setWorkingDirectory(dir_.path());
   launch.start(program_, {"--compress", "in/a.png"});
-  ASSERT_TRUE(eventually([&] { return notifications->calls("Notify").size() == 2; })) << "no notification";
+  ASSERT_TRUE(QTest::qWaitFor([&] { return notifications->calls("Notify").size() == 2; }, 60000));
   EXPECT_EQ(notifications->calls("Notify")[1].value(5).toStringList().value(0), "show-in-folder");
   QDBusMessage chosen = QDBusMessage::createSignal("/org/freedesktop/Notifications",
                                                    "org.freedesktop.Notifications", "ActionInvoked");
@@ -536,8 +541,14 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
 
 // What arrived while the program was closed is compressed at start, what arrives later as it comes.
 TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpensIt) {
-  testing::saveHotFolder(path("data"), "0F6F2D3E-7C4B-4C55-9D6E-2F3A4B5C6D7E", path("hot/in"),
-                         path("hot/out"));
+  QDir().mkpath(path("hot/in"));
+  testing::writeFile(
+      path("data/Quillane/hotFolders.json"),
+      QString(R"([{"id": "0F6F2D3E-7C4B-4C55-9D6E-2F3A4B5C6D7E", "name": "Drop", "format": "webp",
+                       "sourceFolder": "%1", "destinationFolder": "%2", "quality": 70, "isEnabled": true}])")
+          .arg(QUrl::fromLocalFile(path("hot/in")).toString(),
+               QUrl::fromLocalFile(path("hot/out")).toString())
+          .toUtf8());
   ASSERT_TRUE(QFile::rename(image("early.png"), path("hot/in/early.png")));
 
   // Showing a window would end the background instance (and the launch that could not hand over).
@@ -547,9 +558,9 @@ TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpen
   EXPECT_EQ(run({"--background"}, env).exitCode, 0);  // one is enough
 
   ASSERT_TRUE(QFile::rename(image("drop.png"), path("hot/in/drop.png")));
-  ASSERT_TRUE(eventually([&] {
-    return entries("hot/out") == QStringList{"drop.webp", "early.webp"};
-  })) << entries("hot/out").join(' ').toStdString();
+  const QStringList both{"drop.webp", "early.webp"};
+  ASSERT_TRUE(QTest::qWaitFor([&] { return entries("hot/out") == both; }, 60000))
+      << entries("hot/out").join(' ').toStdString();
   EXPECT_EQ(processes_.front()->state(), QProcess::Running);
 
   image("b.png");

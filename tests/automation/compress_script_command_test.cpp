@@ -20,6 +20,7 @@
 #include "records/ExportProfile.h"
 #include "records/JSONFileStore.h"
 #include "tests/support/CodecFixtures.h"
+#include "tests/support/ProgramUnderTest.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane {
@@ -36,13 +37,7 @@ class CompressCommand : public ::testing::Test {
   }
   void TearDown() override { JSONFileStore::setFolderForTesting({}); }
 
-  QString source(const QString& name, testing::Pattern pattern = testing::Pattern::photo) {
-    QString path = temp_.filePath("in/" + name);
-    DecodedImage picture = testing::makeImage(40, 30, pattern, 7);
-    testing::writeBytes(path.toStdString(),
-                        name.endsWith(".jpg") ? fixtures::jpeg(picture) : fixtures::png(picture));
-    return path;
-  }
+  QString source(const QString& name) { return testing::writeSmallImage(temp_.filePath("in/" + name)); }
   QString out(const QString& relative = "out") const { return temp_.filePath(relative); }
 
   // Runs the command and parses its JSON; fails the test on a command error.

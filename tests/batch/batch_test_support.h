@@ -9,9 +9,11 @@
 
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QScopeGuard>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThreadPool>
@@ -29,6 +31,12 @@
 #include "tests/support/TestImages.h"
 
 namespace quillane::testing {
+
+// A file's bytes; none if it can't be read.
+inline QByteArray contentOf(const QString& path) {
+  QFile file(path);
+  return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
 
 struct FakeFile {
   int width = 100;
@@ -157,11 +165,33 @@ class BatchFixture : public ::testing::Test {
     return QUrl::fromLocalFile(dir_.filePath(name));
   }
   std::string path(const QString& name) const { return dir_.filePath(name).toStdString(); }
+  QString outFolder() {
+    QDir(dir_.path()).mkpath("out");
+    return dir_.filePath("out");
+  }
 
   // Imports and waits until the import has delivered every URL.
   void import(const QList<QUrl>& urls) {
     QFuture<void> done = model_->importFiles(urls);
     ASSERT_TRUE(QTest::qWaitFor([&] { return done.isFinished(); }, 5000));
+  }
+  // A model holding `names`, each encoded ("bad..." ones fail).
+  BatchViewModel& readyModel(const QStringList& names) {
+    auto& model = makeModel();
+    QList<QUrl> urls;
+    for (const QString& name : names) urls << source(name, name.startsWith("bad") ? "bad" : "source");
+    import(urls);
+    EXPECT_TRUE(waitIdle());
+    return model;
+  }
+  // A new model with `o`, once it has restored the saved session.
+  BatchViewModel& restart(BatchViewModel::Options o) {
+    o.restoreSession = true;
+    auto& model = makeModel(std::move(o));
+    QSignalSpy restored(&model, &BatchViewModel::sessionRestored);
+    EXPECT_TRUE(model.images().empty()) << "restoring is queued after construction";
+    EXPECT_TRUE(restored.wait(5000));
+    return model;
   }
   // The result of an export, once it is back on this thread.
   template <class T>

@@ -14,27 +14,10 @@ namespace {
 
 class ExportTest : public BatchFixture {
  protected:
-  QString outFolder() {
-    QDir(dir_.path()).mkpath("out");
-    return dir_.filePath("out");
-  }
   static QStringList destinationNames(const std::vector<ExportOutcome>& outcomes) {
     QStringList names;
     for (const auto& outcome : outcomes) names << outcome.destinationURL.value_or(QUrl()).fileName();
     return names;
-  }
-  static QByteArray contentOf(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-  }
-  // A model holding `names`, each encoded ("bad..." ones fail).
-  BatchViewModel& readyModel(const QStringList& names) {
-    auto& model = makeModel();
-    QList<QUrl> urls;
-    for (const QString& name : names) urls << source(name, name.startsWith("bad") ? "bad" : "source");
-    import(urls);
-    EXPECT_TRUE(waitIdle());
-    return model;
   }
 };
 

@@ -4,8 +4,6 @@
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
-#include <QSignalSpy>
 
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/TestImages.h"
@@ -15,10 +13,7 @@ namespace {
 
 using ImportTest = BatchFixture;
 
-QByteArray readSession() {
-  QFile file(JSONFileStore::path("importSession.json"));
-  return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
+QByteArray readSession() { return contentOf(JSONFileStore::path("importSession.json")); }
 
 TEST_F(ImportTest, RowsArriveInURLOrderWhateverFinishesFirst) {
   auto o = options();
@@ -60,24 +55,6 @@ TEST_F(ImportTest, FailuresAreReplacedByURLAndClearedBySuccess) {
   EXPECT_TRUE(model.importFailures().empty());
 }
 
-// A file of a format Quillane doesn't read says so, by name for the common ones, and offers no
-// retry; a damaged file of one of the six keeps "could not decode" and its retry.
-TEST_F(ImportTest, AForeignFormatIsNamedAndNotRetriedWhereADamagedFileIs) {
-  auto o = options();
-  o.inspector = nullptr;
-  auto& model = makeModel(o);
-  import({source("anim.gif", "GIF89a\x01\0\x01\0junk"), source("scan.bmp", "BM\x36\0\0\0junk"),
-          source("notes.png", "this is not an image"), source("broken.png", "\x89PNG\r\n\x1a\n\0\0")});
-  ASSERT_EQ(model.importFailures().size(), 4u);
-  QStringList told;
-  for (const ImportFailure& failure : model.importFailures())
-    told << QString("%1 %2").arg(failure.canRetry).arg(failure.message);
-  EXPECT_EQ(told, (QStringList{
-                      "0 GIF est un format que Quillane ne lit pas.",
-                      "0 BMP est un format que Quillane ne lit pas.", "0 Quillane ne lit pas ce format.",
-                      "1 " + QString::fromStdString(ImageProcessingError::decodingFailed().description())}));
-}
-
 TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
   makeModel();
   import(
@@ -97,12 +74,7 @@ TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
   QFile::remove(dir_.filePath("d.png"));
   inspectAs("e.png", {.delayMs = 200});  // the first file finishes last
 
-  auto o = options();
-  o.restoreSession = true;
-  auto& model = makeModel(o);
-  QSignalSpy restored(&model, &BatchViewModel::sessionRestored);
-  EXPECT_TRUE(model.images().empty()) << "restoring is queued after construction";
-  ASSERT_TRUE(restored.wait(3000));
+  auto& model = restart(options());
   ASSERT_TRUE(waitIdle());
   EXPECT_EQ(names(), (QStringList{"e.png", "a.png", "b.png", "c.png"}));
   EXPECT_EQ(std::pair(model.quality(), model.outputFormat()), std::pair(30.0, ImageFormat::webp))
@@ -123,12 +95,7 @@ TEST_F(ImportTest, EmptyCorruptOrMalformedSessionStartsEmptyAndIsLeftAlone) {
                                    R"([{"sourceURL":"file:///x.png","qualityOverride":"high"}])",
                                    R"([{"sourceURL":"file:///x.png","sizingOverride":800}])"}) {
     writeBytes(JSONFileStore::path("importSession.json").toStdString(), {content.begin(), content.end()});
-    auto o = options();
-    o.restoreSession = true;
-    auto& model = makeModel(o);
-    QSignalSpy restored(&model, &BatchViewModel::sessionRestored);
-    ASSERT_TRUE(restored.wait(3000)) << content.constData();
-    EXPECT_TRUE(model.images().empty()) << content.constData();
+    EXPECT_TRUE(restart(options()).images().empty()) << content.constData();
     EXPECT_EQ(readSession(), content);
   }
 }
@@ -140,11 +107,7 @@ class UndoTest : public BatchFixture {
     std::function<void()> undo, redo;
   };
   BatchViewModel& watchedModel(const QStringList& files) {
-    auto& model = makeModel();
-    QList<QUrl> urls;
-    for (const QString& name : files) urls << source(name);
-    import(urls);
-    EXPECT_TRUE(waitIdle());
+    auto& model = readyModel(files);
     QObject::connect(&model, &BatchViewModel::undoableChange, &model,
                      [this](const QString& text, const QString& key, auto undo, auto redo) {
                        changes_.push_back({text, key, undo, redo});
@@ -190,10 +153,7 @@ TEST_F(UndoTest, EveryRemovalKindAndAQualityChangeComeBackAsTheyWereAndEncoded) 
   EXPECT_EQ(calls().back().quality, 75.0) << "encoded again with the global quality";
 
   // The restored batch is the saved one: a restart shows it.
-  auto o = options();
-  o.restoreSession = true;
-  auto& restarted = makeModel(o);
-  EXPECT_TRUE(QTest::qWaitFor([&] { return restarted.images().size() == 2; }, 5000));
+  EXPECT_EQ(restart(options()).images().size(), 2u);
 }
 
 }  // namespace

@@ -35,6 +35,16 @@ Bytes takeWebPData(WebPData& data) {
   return out;
 }
 
+heif_error appendBytes(heif_context*, const void* data, size_t size, void* userdata) {
+  auto* out = static_cast<Bytes*>(userdata);
+  out->insert(out->end(), static_cast<const uint8_t*>(data), static_cast<const uint8_t*>(data) + size);
+  return heif_error{heif_error_Ok, heif_suberror_Unspecified, ""};
+}
+
+uint32_t read32(const Bytes& in, size_t at) {
+  return uint32_t(in[at]) << 24 | uint32_t(in[at + 1]) << 16 | uint32_t(in[at + 2]) << 8 | in[at + 3];
+}
+
 }  // namespace
 
 Bytes webp(const DecodedImage& image, const WebPOptions& options) {
@@ -83,14 +93,6 @@ Bytes animatedWebp(const std::vector<DecodedImage>& frames, int canvasWidth, int
           "WebPMuxAssemble");
   return takeWebPData(data);
 }
-
-namespace {
-heif_error appendBytes(heif_context*, const void* data, size_t size, void* userdata) {
-  auto* out = static_cast<Bytes*>(userdata);
-  out->insert(out->end(), static_cast<const uint8_t*>(data), static_cast<const uint8_t*>(data) + size);
-  return heif_error{heif_error_Ok, heif_suberror_Unspecified, ""};
-}
-}  // namespace
 
 Bytes heic(const DecodedImage& image, const HeifOptions& options) {
   CHandle<heif_context, heif_context_free> context(heif_context_alloc());
@@ -147,9 +149,7 @@ Bytes heic(const DecodedImage& image, const HeifOptions& options) {
   require(heif_context_write(context.get(), &writer, &out), "heif_context_write");
   if (options.av1) {
     // libheif brands AV1 content "avif"; a file that calls itself HEIC is what is wanted.
-    const uint32_t ftypSize =
-        uint32_t(out[0]) << 24 | uint32_t(out[1]) << 16 | uint32_t(out[2]) << 8 | out[3];
-    for (size_t at = 8; at + 4 <= std::min<size_t>(ftypSize, out.size()); at += 4)
+    for (size_t at = 8; at + 4 <= std::min<size_t>(read32(out, 0), out.size()); at += 4)
       if (std::memcmp(&out[at], "avif", 4) == 0 || std::memcmp(&out[at], "avis", 4) == 0)
         std::memcpy(&out[at], "heic", 4);
   }
@@ -246,9 +246,6 @@ Bytes jxl(const DecodedImage& image, const JxlOptions& options) {
   return out;
 }
 
-}  // namespace quillane::fixtures
-
-namespace quillane::fixtures {
 namespace {
 
 void put(Bytes& out, uint64_t value, int bytes) {
@@ -266,9 +263,6 @@ Bytes joined(std::initializer_list<Bytes> parts) {
   Bytes out;
   for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
   return out;
-}
-uint32_t read32(const Bytes& in, size_t at) {
-  return uint32_t(in[at]) << 24 | uint32_t(in[at + 1]) << 16 | uint32_t(in[at + 2]) << 8 | in[at + 3];
 }
 // The whole box of `type` (first found by its name), and the payload of the top-level `mdat`.
 Bytes findBox(const Bytes& file, const char* type) {

@@ -12,8 +12,6 @@
 #include <QJsonDocument>
 #include <QProcess>
 #include <QUrl>
-#include <chrono>
-#include <thread>
 
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
@@ -60,15 +58,6 @@ inline ProgramRun runToEnd(const QString& program, const QStringList& arguments,
   return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
 }
 
-// Polls `done` until it holds (true) or `limit` has passed (false).
-template <class Done>
-bool eventually(Done done, std::chrono::seconds limit = std::chrono::seconds(60)) {
-  for (auto deadline = std::chrono::steady_clock::now() + limit; !done();
-       std::this_thread::sleep_for(std::chrono::milliseconds(50)))
-    if (std::chrono::steady_clock::now() > deadline) return false;
-  return true;
-}
-
 // Writes `bytes` to `path`, making its folder.
 inline void writeFile(const QString& path, const QByteArray& bytes) {
   QDir().mkpath(QFileInfo(path).path());
@@ -90,32 +79,12 @@ inline QString writeSmallImage(const QString& path, Pattern pattern = Pattern::p
   return path;
 }
 
-// The settings that turn the local API on at `port`, with `token`.
-inline void enableLocalAPI(const QString& root, int port, const std::string& token) {
-  writeFile(root + "/config/Quillane/Quillane.conf",
-            QString("[General]\nlocalAPIEnabled=true\nlocalAPIPort=%1\nlocalAPIToken=%2\n")
-                .arg(port)
-                .arg(QString::fromStdString(token))
-                .toUtf8());
-}
-
 // The user's export profiles in `dataHome`: one, the default, writing `format` into `folder`.
 inline void saveDefaultProfile(const QString& dataHome, const QString& format, const QString& folder) {
   writeFile(dataHome + "/Quillane/exportProfiles.json",
             QString(R"([{"id": "6F9619FF-8B86-D011-B42D-00C04FC964FF", "name": "Web", "format": "%1",
                          "quality": 70, "destinationFolder": "%2", "isDefault": true}])")
                 .arg(format, QUrl::fromLocalFile(folder).toString())
-                .toUtf8());
-}
-
-// The user's hot folders in `dataHome`: one, enabled, from `source` to `destination` in WebP at 70.
-inline void saveHotFolder(const QString& dataHome, const QString& id, const QString& source,
-                          const QString& destination) {
-  QDir().mkpath(source);
-  writeFile(dataHome + "/Quillane/hotFolders.json",
-            QString(R"([{"id": "%1", "name": "Drop", "sourceFolder": "%2", "destinationFolder": "%3",
-                         "format": "webp", "quality": 70, "isEnabled": true}])")
-                .arg(id, QUrl::fromLocalFile(source).toString(), QUrl::fromLocalFile(destination).toString())
                 .toUtf8());
 }
 

@@ -84,9 +84,7 @@ DecodedImage makeImage(int width, int height, Pattern pattern, uint32_t seed, bo
         }
         case Pattern::noisyPhoto: {
           double base = 128 + 50 * std::sin(fx * 4.0) * std::cos(fy * 3.0);
-          p[0] = clamp8(base + strong(rng));
-          p[1] = clamp8(base + strong(rng));
-          p[2] = clamp8(base + strong(rng));
+          for (int k = 0; k < 3; ++k) p[k] = clamp8(base + strong(rng));
           break;
         }
         case Pattern::screenshot: {
