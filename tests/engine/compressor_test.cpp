@@ -31,8 +31,6 @@ Bytes photoJpeg(int w = 64, int h = 48, std::optional<int> orientation = {}) {
   return fixtures::jpeg(testing::makeImage(w, h, testing::Pattern::photo, 9), {.orientation = orientation});
 }
 
-// --- encodeData -------------------------------------------------------------------------------
-
 TEST(EncodeData, WideGamutProfileReachesEveryFormatAndSRGBAddsNone) {
   const DecodedImage pictures[] = {testing::makeImage(32, 24, testing::Pattern::photo, 3),
                                    testing::makeImage(32, 24, testing::Pattern::flatLogo, 1, true)};
@@ -133,8 +131,6 @@ TEST(EncodeData, GraphicIsTheSmallerOfItsLossyAndLosslessEncodings) {
   }
 }
 
-// --- compress ---------------------------------------------------------------------------------
-
 TEST(Compress, WritesUnderTheSourceNameOrTheGivenOneAndReplacesAnOldFile) {
   testing::TempDir dir;
   std::string source =
@@ -212,8 +208,6 @@ TEST(CompressionResultJSON, KeysAreSortedSlashesEscapedAndFailuresHoldOnlyPathSi
             R"({"error":"Impossible de décoder l'image source.","originalSizeBytes":12,"path":"y"}])");
   EXPECT_EQ(ImageCompressor::jsonString({}), "[]");
 }
-
-// --- Options: fit, budget, keeping a smaller original ----------------------------------------
 
 TEST(FitOption, ScalesTheUprightPictureIntoTheBoxAndKeepsAlpha) {
   struct Case {
@@ -299,8 +293,6 @@ TEST(SkipLargerOption, KeepsTheOriginalOnlyWhenTheResultIsNotSmaller) {
   EXPECT_EQ(written.pixelWidth, 160);
   EXPECT_EQ(written.quality, 40);
 }
-
-// --- The perceptual distance -------------------------------------------------------------------
 
 using PerceptualDistance::between;
 using PerceptualDistance::bounded;

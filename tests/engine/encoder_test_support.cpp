@@ -10,6 +10,7 @@
 #include <cstring>
 #include <utility>
 
+#include "engine/Cancellation.h"
 #include "engine/Errors.h"
 
 namespace quillane::testing {
@@ -119,6 +120,8 @@ std::string failureOf(const std::function<void()>& call) {
                                                      : "encoding failed: " + e.label();
   } catch (const std::exception& e) {
     return std::string("other: ") + e.what();
+  } catch (const Cancellation::Cancelled&) {
+    return "cancelled";
   }
   return "";
 }

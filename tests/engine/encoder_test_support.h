@@ -40,7 +40,7 @@ int maxDifference(std::span<const uint8_t> a, std::span<const uint8_t> b);
 double meanColourError(const DecodedImage& a, const DecodedImage& b);
 
 // How `call` ended: "" when it returned, "decoding failed", "context creation failed",
-// "encoding failed: LABEL" for an ImageProcessingError, "other: WHAT" for anything else.
+// "encoding failed: LABEL" for an ImageProcessingError, "cancelled", "other: WHAT" for anything else.
 std::string failureOf(const std::function<void()>& call);
 
 }  // namespace quillane::testing

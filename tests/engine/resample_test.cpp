@@ -123,8 +123,6 @@ TEST(Exif, RejectsNonsense) {
   EXPECT_FALSE(Exif::orientation(fixtures::Bytes(40, 0xFF)));
 }
 
-// --- To straight 8-bit RGBA ----------------------------------------------------------------------
-
 using Bytes = std::vector<uint8_t>;
 
 DecodedImage image8(int width, int height, AlphaInfo alpha, Bytes pixels) {

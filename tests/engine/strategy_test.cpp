@@ -39,8 +39,6 @@ RGBABuffer solid(int width, int height, Color color) {
 
 double luma(Color c) { return 0.299 * c[0] + 0.587 * c[1] + 0.114 * c[2]; }
 
-// ---- Small pictures and sampling ----
-
 TEST(ImageAnalyzerSampling, TinyPicturesAreFlatAndThreeByThreeSamplesOnlyTheCentre) {
   RGBABuffer tiny = solid(2, 2, {0, 0, 0});
   set(tiny, 1, 1, {255, 255, 255}, 0);
@@ -59,7 +57,7 @@ TEST(ImageAnalyzerSampling, TinyPicturesAreFlatAndThreeByThreeSamplesOnlyTheCent
   EXPECT_TRUE(ImageAnalyzer::analyze(buffer).hasPartialAlpha);
 }
 
-// ---- Luma steps: a 3 by 3 picture whose centre differs from its ring by exactly g ----
+// Luma steps: a 3 by 3 picture whose centre differs from its ring by exactly g.
 
 TEST(ImageAnalyzerLumaStep, ThresholdsAreHitExactly) {
   struct {
@@ -86,8 +84,6 @@ TEST(ImageAnalyzerLumaStep, ThresholdsAreHitExactly) {
     EXPECT_NEAR(c.noiseLevel, k.edge ? 0.0 : 4 * std::abs(luma(k.centre) - luma(k.ring)), 1e-9);
   }
 }
-
-// ---- Colour counting ----
 
 // A 500 x 500 black picture with `dots` single pixels of distinct colours on a grid of
 // sample positions, three apart: mostly flat, with hard edges around each dot.
@@ -117,8 +113,6 @@ TEST(ImageAnalyzerColors, CountsUpToSaturation) {
     EXPECT_EQ(c.contentClass, k.expected) << k.distinct;
   }
 }
-
-// ---- The strategy ----
 
 ImageCharacteristics picture(ContentClass cls, int64_t width, int height = 1, double noise = 0,
                              double flat = 0.5, bool saturated = false) {
@@ -204,8 +198,6 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   EXPECT_FALSE(continuous(ContentClass::noisyPhoto, 437, false));
   EXPECT_FALSE(continuous(ContentClass::screenText, 16'384, true));
 }
-
-// ---- The cost model ----
 
 using Kind = EncodingPlan::Mode::Kind;
 
