@@ -263,7 +263,6 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
                                                     "/org/freedesktop/Notifications");
   ASSERT_TRUE(sink->registered());
 
-  // Another window in front.
   QWidget front;
   front.show();
   front.activateWindow();
