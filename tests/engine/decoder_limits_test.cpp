@@ -269,7 +269,6 @@ TEST_F(Bombs, WhatIsNotARegularImageFileOrIsLargerThanItsPixelsIsRefusedWithoutR
   EXPECT_EQ(header->width, 64);
 }
 
-// The peak resident memory of this process, in bytes.
 uint64_t peakResidentBytes() {
   struct rusage usage {};
   getrusage(RUSAGE_SELF, &usage);
