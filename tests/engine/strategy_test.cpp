@@ -241,16 +241,15 @@ TEST(EncodeCost, PlansFitTheAllowanceAndTheClaimCoversThem) {
   }
   // A small graphic keeps its full-effort lossless encoding and its lossy competitor; the
   // 64-megapixel flat picture of a few bytes is lossless at the light effort, not in 11 GB.
-  const EncodingPlan small =
-      EncodingStrategy::plan(characteristicsOf(1000, 1000, ContentClass::flatGraphic), ImageFormat::jxl, 75);
+  const auto jxlPlan = [](int width, int height, ContentClass c) {
+    return EncodingStrategy::plan(characteristicsOf(width, height, c), ImageFormat::jxl, 75);
+  };
+  const EncodingPlan small = jxlPlan(1000, 1000, ContentClass::flatGraphic),
+                     flat = jxlPlan(8000, 8000, ContentClass::flatGraphic);
   EXPECT_EQ(small.mode.kind, Kind::lossless);
   EXPECT_FALSE(small.lightLossless);
   EXPECT_TRUE(small.alternative);
-  const EncodingPlan screen =
-      EncodingStrategy::plan(characteristicsOf(3840, 2160, ContentClass::screenText), ImageFormat::jxl, 75);
-  EXPECT_FALSE(screen.lightLossless);
-  const EncodingPlan flat =
-      EncodingStrategy::plan(characteristicsOf(8000, 8000, ContentClass::flatGraphic), ImageFormat::jxl, 75);
+  EXPECT_FALSE(jxlPlan(3840, 2160, ContentClass::screenText).lightLossless);
   EXPECT_TRUE(flat.mode.kind == Kind::lossy || flat.lightLossless);
 }
 
