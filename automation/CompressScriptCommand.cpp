@@ -136,7 +136,7 @@ std::string baseName(const std::string& path) {
 // costMB(i) from the process's compression budget; returns when all have run. Files start
 // strictly in the order of the arguments: a thread takes its index and queues its claim under
 // one lock, so the first waiting file holds back those behind it, even when they would fit.
-// `job` must not throw.
+// `job` must not throw; a cost that can't be told takes the whole budget.
 void compressInParallel(size_t count, const std::function<void(size_t)>& job,
                         const std::function<int(size_t)>& costMB) {
   const size_t processors = size_t(std::max(QThread::idealThreadCount(), 1));
@@ -151,7 +151,13 @@ void compressInParallel(size_t count, const std::function<void(size_t)>& job,
         std::lock_guard lock(turn);
         if (next >= count) return;
         i = next++;
-        claim = budget.claim(costMB(i));
+        int cost = budget.limit();
+        try {
+          cost = costMB(i);
+        } catch (...) {
+          // out of memory reading its header: the file runs alone
+        }
+        claim = budget.claim(cost);
       }
       job(i);
     }

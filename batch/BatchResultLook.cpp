@@ -59,9 +59,16 @@ void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image)
         } catch (...) {
           // no number rather than one that can't be trusted
         }
-        if (!cancel->load()) {
-          if (auto thumbnail = ImageDecoder::loadPreview(resultBytes, ImageDecoder::kThumbnailSize))
-            look.thumbnail = std::move(*thumbnail);
+        // A newer result raising the flag during the decode ends it with Cancelled, which the
+        // preview's own fallbacks let through: caught here, or the slot and memory would never
+        // come back.
+        try {
+          if (!cancel->load()) {
+            if (auto thumbnail = ImageDecoder::loadPreview(resultBytes, ImageDecoder::kThumbnailSize))
+              look.thumbnail = std::move(*thumbnail);
+          }
+        } catch (...) {
+          // no thumbnail: the row keeps the one it has
         }
         memory->release(costMB);  // the work has ended, whatever becomes of its result
         return look;

@@ -1,4 +1,4 @@
-// The image service's reading side: dispatch to the reader of the sniffed type, and the
+// The image service's reading side: each source handed to the reader of its sniffed type, and the
 // thumbnail pipeline (reduced-scale decode, area downscale, orientation).
 
 #include "engine/ImageService.h"

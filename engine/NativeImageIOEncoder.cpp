@@ -1,6 +1,6 @@
-// JPEG, HEIC and AVIF: prepares the picture the way the platform writer of the original
-// design would receive it (an opaque 8-bit copy, or the picture with its alpha), computes the
-// one 0...1 quality, and hands both to the writer of the format (engine/codecs/).
+// JPEG, HEIC and AVIF: prepares the picture as the writers take it (an opaque 8-bit copy, or
+// the picture with its alpha), computes the one 0...1 quality, and hands both to the writer of
+// the format (engine/codecs/).
 
 #include <algorithm>
 #include <cstdint>

@@ -24,6 +24,7 @@
 #include "engine/Errors.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
+#include "engine/Localization.h"
 #include "hotfolders/FileCompleteness.h"
 #include "hotfolders/HotFolderProcessedStore.h"
 #include "hotfolders/HotFolderWatcher.h"
@@ -90,6 +91,11 @@ QThreadPool& utilityPool() {
 // A date in the future gives a negative age and so needs the size test.
 bool isOldEnough(double modificationDate) { return nowSince2001() - modificationDate >= kStableAge; }
 
+QString genericError() {
+  return QString::fromStdString(
+      Localization::text("error.generic", "L'opération n'a pas pu être effectuée."));
+}
+
 bool hasSize(const std::string& path, int64_t size) {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0 && int64_t(st.st_size) == size;
@@ -129,7 +135,21 @@ std::vector<bool> HotFolderWatcher::isStableOnDisk(const std::vector<ListedFile>
   return stable;
 }
 
+// What escapes a step (memory running out, say) ends this scan with a line about the folder,
+// never the watcher's thread; the next event or poll scans again.
 void HotFolderWatcher::scanOnce() {
+  try {
+    scanSteps();
+  } catch (...) {
+    try {
+      reportFolderError(genericError());
+    } catch (...) {
+      // not even the line could be made
+    }
+  }
+}
+
+void HotFolderWatcher::scanSteps() {
   const QString id = hotFolder_.idText();
   const HotFolderProcessedMap known = HotFolderProcessedStore::folderState(id);
   QStringList stale;
@@ -213,15 +233,19 @@ std::optional<HotFolderWatcher::Settings> HotFolderWatcher::resolveSettings() {
     return Settings{resolved.outputDirectory.value_or(hotFolder_.destinationFolder), resolved.format,
                     resolved.quality, ExportProfileResolver::merged(hotFolder_.sizing, resolved.sizing)};
   } catch (const QuillaneError& error) {
-    const QString message = QString::fromStdString(error.description());
-    MutexLock lock(reportLock_);
-    if (onActivity && reportedFolderError_ != message) {  // said once, not at every scan
-      onActivity({QUuid::createUuid(), hotFolder_.name, QString(), std::nullopt,
-                  QDateTime::currentDateTimeUtc(), message, std::nullopt});
-    }
-    reportedFolderError_ = message;
+    reportFolderError(QString::fromStdString(error.description()));
     return std::nullopt;
   }
+}
+
+// Said once, not at every scan, until a scan resolves its settings again.
+void HotFolderWatcher::reportFolderError(const QString& message) {
+  MutexLock lock(reportLock_);
+  if (onActivity && reportedFolderError_ != message) {
+    onActivity({QUuid::createUuid(), hotFolder_.name, QString(), std::nullopt,
+                QDateTime::currentDateTimeUtc(), message, std::nullopt});
+  }
+  reportedFolderError_ = message;
 }
 
 // Sorts the candidates as a file manager does ("2.png" before "10.png") and gives each an
@@ -270,22 +294,38 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
   const std::string destination = QFile::encodeName(settings.destination).toStdString();
   std::atomic<size_t> next{0};
   QSemaphore finished;
-  const int workers = std::min(concurrencyLimit(), total);
-  for (int i = 0; i < workers; ++i) {
-    utilityPool().start([&] {
-      for (size_t index; !isStopped() && (index = next++) < candidates.size();) {
-        const Candidate& candidate = candidates[index];
-        const CompressionBudget::Claim claim = CompressionBudget::process().claim(
-            CompressionCost::fileCostMB(candidate.path, settings.format, settings.quality));
-        record(candidate,
-               ImageCompressor::compress(candidate.path, destination, settings.format, settings.quality,
-                                         candidate.destinationFilename, false, settings.sizing),
-               completed, total);
-      }
-      finished.release();
-    });
+  // The workers use this frame: it is left only once every one that started has ended.
+  int started = 0;
+  try {
+    for (; started < std::min(concurrencyLimit(), total); ++started)
+      utilityPool().start([&] {
+        for (size_t index; !isStopped() && (index = next++) < candidates.size();) {
+          const Candidate& candidate = candidates[index];
+          try {
+            const CompressionBudget::Claim claim = CompressionBudget::process().claim(
+                CompressionCost::fileCostMB(candidate.path, settings.format, settings.quality));
+            record(candidate,
+                   ImageCompressor::compress(candidate.path, destination, settings.format, settings.quality,
+                                             candidate.destinationFilename, false, settings.sizing),
+                   completed, total);
+          } catch (...) {
+            // Out of memory before the file's outcome was told: it fails, and the scan goes on
+            // (an escape here would end the process, and the scan would wait for this worker).
+            ImageCompressionResult failed;
+            failed.error = genericError().toStdString();
+            try {
+              record(candidate, failed, completed, total);
+            } catch (...) {
+              // its next scan takes it again
+            }
+          }
+        }
+        finished.release();
+      });
+  } catch (...) {
+    // the workers that could start take every file
   }
-  finished.acquire(workers);
+  finished.acquire(started);
 }
 
 // A success is stored at once, with the identity of what it wrote, so that a crash redoes

@@ -131,12 +131,14 @@ class HotFolderWatcher {
   struct Settings;   // a scan's resolved destination, format and quality
 
   // The scan's steps (HotFolderScan.cpp).
+  void scanSteps();
   std::vector<Candidate> pick(const HotFolderProcessedMap& known, QStringList& staleNames);
   std::optional<Settings> resolveSettings();
   void name(std::vector<Candidate>& candidates, const Settings& settings,
             const HotFolderProcessedMap& known) const;
   void compressAll(const std::vector<Candidate>& candidates, const Settings& settings);
   void record(const Candidate& candidate, const ImageCompressionResult& result, int& completed, int total);
+  void reportFolderError(const QString& message);
 
   void setState(State state);
   bool isStopped() const;

@@ -115,7 +115,17 @@ void HotFoldersManager::applyWatchers() {
 
   const int generation = ++checkGeneration_;
   QtConcurrent::run(&checks_, [enabled] {
-    return HotFolders::refusals(enabled);
+    try {
+      return HotFolders::refusals(enabled);
+    } catch (...) {
+      // Out of memory: no folder runs unchecked, each says so, and the next edit or mount
+      // change checks again.
+      std::map<QUuid, QString> all;
+      for (const HotFolder& folder : enabled)
+        all[folder.id] = QString::fromStdString(
+            Localization::text("error.generic", "L'opération n'a pas pu être effectuée."));
+      return all;
+    }
   }).then(this, [this, generation](const std::map<QUuid, QString>& refusals) {
     if (generation == checkGeneration_) applyChecked(refusals);
   });

@@ -140,8 +140,7 @@ TEST_F(ImageRowTest, TheRowSaysWhenItHasItsOwnQualityAndWhenJPEGWhitensItsTransp
   EXPECT_EQ(notes(*clear, ImageFormat::webp), QStringList());
   EXPECT_EQ(notes(*opaque, ImageFormat::jpeg), QStringList{"Qualité propre 40"});
   // A screen reader hears them with the rest of the row.
-  EXPECT_TRUE(
-      list().listModel().data(rowOf(clear), Qt::AccessibleTextRole).toString().contains("transparence"));
+  EXPECT_TRUE(spoken(list(), rowOf(clear).row()).contains("transparence"));
   ASSERT_TRUE(waitIdle());
 }
 

@@ -184,13 +184,7 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   ASSERT_TRUE(waitIdle());
   const auto image = model_->images()[0];
   EXPECT_EQ(ui::RowRules::shapeText(*image), "fitted to 1600 x 1200 · at quality 62 to fit 500 kB");
-  EXPECT_TRUE(window()
-                  .imageList()
-                  ->listModel()
-                  .index(0)
-                  .data(Qt::AccessibleTextRole)
-                  .toString()
-                  .contains("fitted to 1600 x 1200"));
+  EXPECT_TRUE(spoken(*window().imageList(), 0).contains("fitted to 1600 x 1200"));
 
   // Kept with the format and quality, and shown again by the control after a restart.
   window_.reset();
@@ -344,13 +338,9 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardAndNamedForScree
   ASSERT_EQ(names(), (QStringList{"a.png", "c.png"}));
 
   const QModelIndex row = list.listModel().index(list.listModel().rowOfImage(0));
-  const QString spoken = list.listModel().data(row, Qt::AccessibleTextRole).toString();
-  EXPECT_TRUE(spoken.startsWith("a.png, ") && spoken.contains(ui::formatByteCount(750)))
-      << spoken.toStdString();
-  EXPECT_TRUE(list.listModel()
-                  .data(list.listModel().index(1), Qt::AccessibleTextRole)
-                  .toString()
-                  .startsWith("missing.png"));
+  const QString a = spoken(list, row.row());
+  EXPECT_TRUE(a.startsWith("a.png, ") && a.contains(ui::formatByteCount(750))) << a.toStdString();
+  EXPECT_TRUE(spoken(list, 1).startsWith("missing.png"));
 
   std::unique_ptr<QMenu> menu(list.rowMenu(row));
   QStringList labels;
@@ -433,28 +423,6 @@ TEST_F(WindowEdgesTest, ADoubleClickRemovesOneRowAndAnOpenQualityPopupStaysWithI
   EXPECT_TRUE(QTest::qWaitFor([&] { return std::abs(popup->y() - top - (after.y() - before.y())) <= 4; }));
   model_->removeImage(c);
   EXPECT_TRUE(QTest::qWaitFor([&] { return !window().qualityPopup(); }));
-}
-
-// The bar's and the profile form's format menus are one choice each; choosing the current
-// format again keeps it chosen and still recomputes.
-TEST_F(WindowEdgesTest, FormatMenusAreOneExclusiveChoice) {
-  window();
-  ASSERT_TRUE(settle({source("a.png")}));
-  auto pane = ui::ExportProfilesSettingsView(*model_, {});
-  QMenu* bar = window().controlsBar()->formatPicker()->menu();
-  for (QMenu* menu : {bar, pane.findChild<QMenu*>()}) {
-    ASSERT_TRUE(menu && menu->actions().size() == 6);
-    const QList<QAction*> actions = menu->actions();
-    actions[2]->trigger();
-    actions[3]->trigger();
-    ASSERT_TRUE(waitIdle());
-    actions[3]->trigger();
-    EXPECT_TRUE(actions[3]->isChecked());
-    EXPECT_EQ(std::count_if(actions.begin(), actions.end(), [](QAction* a) { return a->isChecked(); }), 1);
-    EXPECT_EQ(model_->hasPendingRecompute(), menu == bar);
-  }
-  EXPECT_EQ(model_->outputFormat(), ImageFormat::avif);
-  ASSERT_TRUE(waitIdle());
 }
 
 TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQuality) {
@@ -555,7 +523,10 @@ std::string unnamedControls(QWidget* root) {
   return unnamed.join("; ").toStdString();
 }
 
-TEST_F(WindowEdgesTest, EveryControlOfTheWindowItsPopupsAndTheSettingsHasAName) {
+// Every control of the window, its popups and the settings has a name. The bar's and the profile
+// form's format menus are one choice each; choosing the current format again keeps it chosen and
+// still recomputes.
+TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoice) {
   window();
   ASSERT_TRUE(settle({source("a.png")}));
   await(model_->exportAll(QUrl::fromLocalFile(dir_.path())));
@@ -580,6 +551,21 @@ TEST_F(WindowEdgesTest, EveryControlOfTheWindowItsPopupsAndTheSettingsHasAName) 
   ASSERT_TRUE(pane);
   pane->chooseFolder();
   EXPECT_EQ(dialogs.parents, std::vector<QWidget*>{&settings});
+
+  QMenu* bar = window().controlsBar()->formatPicker()->menu();
+  for (QMenu* menu : {bar, pane->findChild<QMenu*>()}) {
+    ASSERT_TRUE(menu && menu->actions().size() == 6);
+    const QList<QAction*> actions = menu->actions();
+    actions[2]->trigger();
+    actions[3]->trigger();
+    ASSERT_TRUE(waitIdle());
+    actions[3]->trigger();
+    EXPECT_TRUE(actions[3]->isChecked());
+    EXPECT_EQ(std::count_if(actions.begin(), actions.end(), [](QAction* a) { return a->isChecked(); }), 1);
+    EXPECT_EQ(model_->hasPendingRecompute(), menu == bar);
+  }
+  EXPECT_EQ(model_->outputFormat(), ImageFormat::avif);
+  ASSERT_TRUE(waitIdle());
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QSlider>
 #include <QSpinBox>
 #include <QTcpServer>
@@ -31,31 +32,20 @@
 namespace quillane::uitest {
 namespace {
 
-class ProfilePaneTest : public UiFixture {
- protected:
-  ui::ExportProfilesSettingsView& pane() {
-    if (!model_) makeModel();
-    if (!pane_)
-      pane_ = std::make_unique<ui::ExportProfilesSettingsView>(
-          *model_, [](const auto&) { return std::optional<QUrl>(QUrl::fromLocalFile("/tmp/chosen")); });
-    return *pane_;
-  }
-  void TearDown() override {
-    pane_.reset();
-    UiFixture::TearDown();
-  }
-  std::unique_ptr<ui::ExportProfilesSettingsView> pane_;
-};
+using ProfilePaneTest = UiFixture;
 
 TEST_F(ProfilePaneTest, ANameOfSpacesCannotBeSavedEditingUpdatesInPlaceAndDeletingEndsTheEdit) {
-  pane().nameField()->setText("   \t ");
-  EXPECT_FALSE(pane().saveButton()->isEnabled());
-  pane().save();  // Return in the field
+  makeModel();
+  ui::ExportProfilesSettingsView pane(
+      *model_, [](const auto&) { return std::optional<QUrl>(QUrl::fromLocalFile("/tmp/chosen")); });
+  pane.nameField()->setText("   \t ");
+  EXPECT_FALSE(pane.saveButton()->isEnabled());
+  pane.save();  // Return in the field
   EXPECT_TRUE(model_->exportProfiles().empty());
-  pane().nameField()->setText("  Web \n");
-  pane().setNewFormat(ImageFormat::webp);
-  pane().chooseFolder();
-  pane().save();
+  pane.nameField()->setText("  Web \n");
+  pane.setNewFormat(ImageFormat::webp);
+  pane.chooseFolder();
+  pane.save();
   ASSERT_EQ(model_->exportProfiles().size(), 1u);
   const ExportProfile& saved = model_->exportProfiles()[0];
   EXPECT_EQ(saved.name, "Web");  // trimmed
@@ -65,12 +55,12 @@ TEST_F(ProfilePaneTest, ANameOfSpacesCannotBeSavedEditingUpdatesInPlaceAndDeleti
   const ExportProfile a = saved;
   const ExportProfile b = profile("B", ImageFormat::avif, 80.5);
   model_->upsertExportProfile(b);
-  pane().startEditing(b);
-  pane().nameField()->setText("B renamed");
-  pane().sizeEditor()->budgetToggle()->setChecked(true);
-  pane().sizeEditor()->budgetField()->setValue(1.5);
-  pane().sizeEditor()->unitField()->setCurrentIndex(1);  // MB
-  pane().save();
+  pane.startEditing(b);
+  pane.nameField()->setText("B renamed");
+  pane.sizeEditor()->budgetToggle()->setChecked(true);
+  pane.sizeEditor()->budgetField()->setValue(1.5);
+  pane.sizeEditor()->unitField()->setCurrentIndex(1);  // MB
+  pane.save();
   ASSERT_EQ(model_->exportProfiles().size(), 2u);
   EXPECT_EQ(model_->exportProfiles()[1].id, b.id);
   EXPECT_EQ(model_->exportProfiles()[1].quality, 80.5) << "an untouched fractional quality is kept";
@@ -79,74 +69,58 @@ TEST_F(ProfilePaneTest, ANameOfSpacesCannotBeSavedEditingUpdatesInPlaceAndDeleti
   model_->applyExportProfile(model_->exportProfiles()[1]);
   EXPECT_EQ(model_->compressionOptions().maxBytes, 1'500'000);
 
-  pane().startEditing(model_->exportProfiles()[1]);
-  pane().deleteProfile(a);
-  EXPECT_EQ(pane().editingProfileID(), b.id);  // another profile: the form stays
-  pane().deleteProfile(model_->exportProfiles()[0]);
-  EXPECT_FALSE(pane().editingProfileID().has_value());
+  pane.startEditing(model_->exportProfiles()[1]);
+  pane.deleteProfile(a);
+  EXPECT_EQ(pane.editingProfileID(), b.id);  // another profile: the form stays
+  pane.deleteProfile(model_->exportProfiles()[0]);
+  EXPECT_FALSE(pane.editingProfileID().has_value());
 }
 
-class APIPaneTest : public UiFixture {
- protected:
-  void SetUp() override {
-    UiFixture::SetUp();
-    makeModel();
-    LocalAPISettings::setEnabled(false);
-    LocalAPISettings::setPort(0);
-    controller_ = std::make_unique<LocalAPIController>(*model_);
-  }
-  void TearDown() override {
-    pane_.reset();
-    controller_.reset();
-    LocalAPISettings::setEnabled(false);
-    LocalAPISettings::setPort(0);
-    UiFixture::TearDown();
-  }
-  ui::LocalAPISettingsView& pane() {
-    if (!pane_) pane_ = std::make_unique<ui::LocalAPISettingsView>(*controller_);
-    return *pane_;
-  }
-  void submitPort(const QString& text) {
-    pane().portField()->setText(text);
-    pane().applyPort();
-  }
-  std::unique_ptr<LocalAPIController> controller_;
-  std::unique_ptr<ui::LocalAPISettingsView> pane_;
-};
+using APIPaneTest = UiFixture;
 
-// A port is a signed decimal within range only.
-TEST_F(APIPaneTest, InvalidPortsRevertToTheStoredOne) {
+// A port is a signed decimal within range only; an invalid one reverts to the stored one.
+// Opening the pane makes a token even while the API is off, and shows only the toggle.
+TEST_F(APIPaneTest, InvalidPortsRevertTheToggleShowsTheServerAndAValidPortRestartsIt) {
   EXPECT_EQ(ui::parsePortText("+80"), 80);
   for (const char* bad : {"0", "-80", "65536", "80a", " 80", "+", "99999999999999999999"})
     EXPECT_FALSE(ui::parsePortText(bad).has_value()) << bad;
+  makeModel();
+  const auto restore = qScopeGuard([] {
+    LocalAPISettings::setEnabled(false);
+    LocalAPISettings::setPort(0);
+  });
+  LocalAPISettings::setEnabled(false);
   LocalAPISettings::setPort(50123);
+  LocalAPIController controller(*model_);
+  ui::LocalAPISettingsView pane(controller);
+  const auto submitPort = [&](const QString& text) {
+    pane.portField()->setText(text);
+    pane.applyPort();
+  };
   for (const char* bad : {"70000", "letters"}) {
     submitPort(bad);
-    EXPECT_EQ(pane().portField()->text(), "50123") << bad;
+    EXPECT_EQ(pane.portField()->text(), "50123") << bad;
   }
   EXPECT_EQ(LocalAPISettings::storedPort(), 50123);
   LocalAPISettings::setPort(0);
   submitPort("0");
-  EXPECT_EQ(pane().portField()->text(), "51823");
-}
+  EXPECT_EQ(pane.portField()->text(), "51823");
 
-TEST_F(APIPaneTest, TheToggleShowsTheServerAndAValidPortRestartsIt) {
-  // Opening the pane makes a token even while the API is off, and shows only the toggle.
-  EXPECT_FALSE(pane().serverSection()->isVisibleTo(&pane()) || pane().tokenSection()->isVisibleTo(&pane()));
+  EXPECT_FALSE(pane.serverSection()->isVisibleTo(&pane) || pane.tokenSection()->isVisibleTo(&pane));
   QTcpServer probe;  // a free port, found by binding and releasing it
   ASSERT_TRUE(probe.listen(QHostAddress::LocalHost, 0));
   const int port = probe.serverPort();
   probe.close();
-  pane().enableToggle()->setChecked(true);
+  pane.enableToggle()->setChecked(true);
   EXPECT_TRUE(LocalAPISettings::isEnabled());
-  EXPECT_TRUE(pane().serverSection()->isVisibleTo(&pane()));
+  EXPECT_TRUE(pane.serverSection()->isVisibleTo(&pane));
   submitPort(QString::number(port));
   EXPECT_EQ(LocalAPISettings::storedPort(), port);
   ASSERT_TRUE(
-      QTest::qWaitFor([&] { return controller_->isRunning() && controller_->boundPort() == port; }, 3000));
-  pane().enableToggle()->setChecked(false);
+      QTest::qWaitFor([&] { return controller.isRunning() && controller.boundPort() == port; }, 3000));
+  pane.enableToggle()->setChecked(false);
   EXPECT_FALSE(LocalAPISettings::isEnabled());
-  ASSERT_TRUE(QTest::qWaitFor([&] { return !controller_->isRunning(); }, 3000));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !controller.isRunning(); }, 3000));
 }
 
 TEST(LanguagePane, OnlyADifferentChoiceOffersARestartAndTheSystemDefaultRemovesTheKey) {

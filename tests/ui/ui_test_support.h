@@ -11,6 +11,8 @@
 #include "services/AppLanguage.h"
 #include "services/StringTables.h"
 #include "tests/batch/batch_test_support.h"
+#include "ui/ImageListModel.h"
+#include "ui/ImageListView.h"
 #include "ui/MainWindow.h"
 
 namespace quillane::uitest {
@@ -87,6 +89,11 @@ inline void sendMouse(QWidget* target, QEvent::Type type, QPointF pos) {
   QApplication::sendEvent(target, &event);
 }
 
+// What a screen reader hears of row `row` of `list`.
+inline QString spoken(const ui::ImageListView& list, int row) {
+  return list.listModel().data(list.listModel().index(row), Qt::AccessibleTextRole).toString();
+}
+
 // A profile with no folder of its own, not the default, unless given.
 inline ExportProfile profile(const QString& name, ImageFormat format, double quality,
                              std::optional<QString> folder = std::nullopt, bool isDefault = false) {
@@ -97,15 +104,8 @@ inline ExportProfile profile(const QString& name, ImageFormat format, double qua
 inline HotFolder hotFolder(const QString& name, const QString& source, const QString& destination,
                            std::optional<ImageFormat> format, double quality = 75,
                            std::optional<QString> profile = {}) {
-  return {QUuid::createUuid(),
-          name,
-          source,
-          destination,
-          std::move(profile),
-          format,
-          format ? std::optional(quality) : std::nullopt,
-          true,
-          {}};
+  const auto ownQuality = format ? std::optional(quality) : std::nullopt;
+  return {QUuid::createUuid(), name, source, destination, std::move(profile), format, ownQuality, true, {}};
 }
 
 // Installs the string table of a language (raw value such as "de"); empty for French defaults.
