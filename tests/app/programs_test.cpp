@@ -342,10 +342,6 @@ class DesktopBus : public ::testing::Test {
     quillane.setTimeout(120000);
     return quillane.call(method, arguments...);
   }
-  QDBusMessage compress(const QStringList& files, const QString& format, int quality, const QString& profile,
-                        const QString& folder) {
-    return call("Compress", files, format, quality, profile, folder);
-  }
 
   QString image(const QString& relative) { return testing::writeSmallImage(path("in/" + relative)); }
   QString path(const QString& relative) const { return dir_.filePath(relative); }
@@ -367,7 +363,7 @@ class DesktopBus : public ::testing::Test {
 TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamedError) {
   const QString a = image("a.png"), nestedA = image("sub/a.jpg");
   ASSERT_FALSE(owned());
-  QDBusMessage reply = compress({a, nestedA}, "webp", 80, "", path("out/made"));
+  QDBusMessage reply = call("Compress", QStringList{a, nestedA}, "webp", 80, "", path("out/made"));
   ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
   EXPECT_TRUE(owned());
   const QStringList outputs = reply.arguments().value(0).toStringList();
@@ -392,7 +388,8 @@ TEST_F(DesktopBus, ACallerThatLeavesHasItsWorkDroppedAndCanQueueOnlySoMuch) {
   const QString large = dir_.filePath("in/large.png");
   testing::writeBytes(large.toStdString(),
                       fixtures::png(testing::makeImage(512, 512, testing::Pattern::photo, 5)));
-  ASSERT_EQ(compress({}, "png", 0, "", "").errorName(), kError + "EmptyFileList");  // started by the bus
+  ASSERT_EQ(call("Compress", QStringList{}, "png", 0, "", "").errorName(),
+            kError + "EmptyFileList");  // started by the bus
 
   QStringList many;
   for (int i = 0; i < 30; ++i) many.append(large);
@@ -414,7 +411,7 @@ TEST_F(DesktopBus, ACallerThatLeavesHasItsWorkDroppedAndCanQueueOnlySoMuch) {
   QDBusConnection::disconnectFromBus("leaver");  // the last reference is gone: the client leaves
 
   // Answered in turn, so after everything the leaver had queued.
-  const QDBusMessage after = compress({small}, "png", 50, "", path("out/after"));
+  const QDBusMessage after = call("Compress", QStringList{small}, "png", 50, "", path("out/after"));
   ASSERT_EQ(after.type(), QDBusMessage::ReplyMessage) << after.errorMessage().toStdString();
   EXPECT_LT(entries("out/first").size(), 30) << "stopped before its next file";
   for (int i = 0; i < 31; ++i) EXPECT_FALSE(QFileInfo::exists(path(QString("out/q%1").arg(i)))) << i;
