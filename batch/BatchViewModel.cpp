@@ -28,6 +28,7 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
   if (!options_.encoder) options_.encoder = &ImageCompressor::encodeData;
   if (!options_.sizedEncoder) options_.sizedEncoder = &ImageCompressor::encode;
   if (!options_.inspector) options_.inspector = &ImageDecoder::inspect;
+  if (!options_.startTimer) options_.startTimer = &EncodeScheduler::startQTimer;
   const int processors = options_.processorCount > 0 ? options_.processorCount : QThread::idealThreadCount();
   options_.processorCount = std::max(processors, 1);
 
@@ -39,9 +40,9 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
   inspectPool_ = std::make_unique<QThreadPool>();
   inspectPool_->setMaxThreadCount(options_.processorCount);
 
-  EncodeScheduler::Options scheduling{options_.reader,         options_.encoder,       options_.sizedEncoder,
-                                      options_.processorCount, memoryBudget_,          options_.watchdog,
-                                      options_.debounce,       options_.measureResults};
+  EncodeScheduler::Options scheduling{options_.reader,         options_.encoder,        options_.sizedEncoder,
+                                      options_.processorCount, memoryBudget_,           options_.watchdog,
+                                      options_.debounce,       options_.measureResults, options_.startTimer};
   scheduler_ = std::make_unique<EncodeScheduler>(
       scheduling,
       [this](const ImportedImage& image) {
@@ -54,14 +55,6 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
   exporter_ = std::make_unique<BatchExporter>(
       [this](const std::vector<BatchExporter::Written>& written) { recordExports(written); });
   connect(exporter_.get(), &BatchExporter::finished, this, &BatchViewModel::exportFinished);
-
-  // The quality debounce: a value passes when the quiet time has gone by without a newer one.
-  qualityDebounce_.setSingleShot(true);
-  qualityDebounce_.setInterval(options_.debounce);
-  connect(&qualityDebounce_, &QTimer::timeout, this, [this] {
-    setHasPendingRecompute(false);
-    recomputeAll();
-  });
 
   // Format, quality and size options are saved once a change has settled (a slider drag writes once) and
   // come back with the restored batch.
@@ -225,12 +218,22 @@ void BatchViewModel::scheduleRecompute() {
     return;
   }
   setHasPendingRecompute(true);
-  if (!isQualitySliderEditing_) qualityDebounce_.start();
+  if (!isQualitySliderEditing_) restartQualityDebounce();
 }
 
 void BatchViewModel::setQualitySliderEditing(bool editing) {
   isQualitySliderEditing_ = editing;
-  if (!editing && hasPendingRecompute_) qualityDebounce_.start();
+  if (!editing && hasPendingRecompute_) restartQualityDebounce();
+}
+
+// A value passes when the quiet time has gone by without a newer one.
+void BatchViewModel::restartQualityDebounce() {
+  delete qualityDebounce_.data();
+  qualityDebounce_ = options_.startTimer(options_.debounce, this, [this] {
+    qualityDebounce_.clear();
+    setHasPendingRecompute(false);
+    recomputeAll();
+  });
 }
 
 void BatchViewModel::recomputeAll() {

@@ -103,6 +103,7 @@ class BatchViewModel : public QObject {
     std::chrono::milliseconds debounce{250};    // quiet time before a recompute or an override encode
     bool restoreSession = true;                 // start restoring importSession.json after construction
     bool measureResults = true;                 // each result's distance and thumbnail after its encode
+    EncodeScheduler::TimerStarter startTimer;   // the watchdog's and debounces'; empty: QTimers
   };
 
   // Reads exportHistory.json and exportProfiles.json now, and starts the session restore as
@@ -278,6 +279,7 @@ class BatchViewModel : public QObject {
                          const QString& error, bool canRetry)>;
 
   void recomputeAll();
+  void restartQualityDebounce();
   void setHasPendingRecompute(bool pending);
   void refreshIsEncoding();
   void setIsEncoding(bool encoding);
@@ -322,8 +324,8 @@ class BatchViewModel : public QObject {
   bool hasPendingRecompute_ = false;
   bool isQualitySliderEditing_ = false;
 
-  QTimer qualityDebounce_;  // single shot, restarted by each change
-  QTimer settingsSave_;     // single shot, restarted by each change of format or quality
+  QPointer<QObject> qualityDebounce_;  // the quiet time's timer while it runs; each change restarts it
+  QTimer settingsSave_;                // single shot, restarted by each change of format or quality
   std::unique_ptr<CompressionBudget> ownMemoryBudget_;  // when Options::memoryBudgetMB is set
   CompressionBudget* memoryBudget_ = nullptr;           // megabytes: own, else the process's
   std::unique_ptr<QThreadPool> inspectPool_;

@@ -27,7 +27,7 @@ struct EncodeScheduler::Task {
   // back unused: the budgets are not cancellable.
   bool cancelled = false;
   // Running only while the task sleeps in its debounce; a child of the scheduler.
-  QTimer* debounceTimer = nullptr;
+  QPointer<QObject> debounceTimer;
 };
 
 // What a pool thread hands back from one encode: bytes, or the text of the error.
@@ -41,12 +41,25 @@ struct EncodeScheduler::Result {
 EncodeScheduler::EncodeScheduler(Options options, SettingsSource settings, QObject* parent)
     : QObject(parent), options_(std::move(options)), settings_(std::move(settings)) {
   options_.processorCount = std::max(options_.processorCount, 1);
+  if (!options_.startTimer) options_.startTimer = &EncodeScheduler::startQTimer;
   processorSlots_ = std::make_unique<CompressionBudget>(options_.processorCount);
   pool_ = std::make_unique<QThreadPool>(this);
   pool_->setObjectName(QStringLiteral("encodePool"));
   // The processor slots bound the encodes that count; the pool only needs room beyond them for
   // work abandoned by a timeout, which runs on (holding its memory) until the encoder returns.
   pool_->setMaxThreadCount(options_.processorCount + 16);
+}
+
+QObject* EncodeScheduler::startQTimer(std::chrono::milliseconds delay, QObject* owner,
+                                      std::function<void()> fire) {
+  auto* timer = new QTimer(owner);
+  timer->setSingleShot(true);
+  connect(timer, &QTimer::timeout, owner, [timer, fire = std::move(fire)] {
+    timer->deleteLater();
+    fire();
+  });
+  timer->start(delay);
+  return timer;
 }
 
 EncodeScheduler::~EncodeScheduler() {
@@ -61,11 +74,7 @@ void EncodeScheduler::cancel(const QUuid& id) {
   Task& task = *it->second;
   task.cancelled = true;
   // A task asleep in its debounce simply never wakes: it holds no permit yet.
-  if (task.debounceTimer) {
-    task.debounceTimer->stop();
-    task.debounceTimer->deleteLater();
-    task.debounceTimer = nullptr;
-  }
+  delete task.debounceTimer.data();
 }
 
 void EncodeScheduler::forget(const QUuid& id) {
@@ -110,16 +119,10 @@ void EncodeScheduler::schedule(const std::shared_ptr<ImportedImage>& image, bool
     start(task);
     return;
   }
-  auto* timer = new QTimer(this);
-  timer->setSingleShot(true);
-  timer->setInterval(options_.debounce);
-  task->debounceTimer = timer;
-  connect(timer, &QTimer::timeout, this, [this, task, timer] {
-    timer->deleteLater();
-    task->debounceTimer = nullptr;
+  task->debounceTimer = options_.startTimer(options_.debounce, this, [this, task] {
+    task->debounceTimer.clear();
     if (!task->cancelled) start(task);
   });
-  timer->start();
 }
 
 void EncodeScheduler::start(const std::shared_ptr<Task>& task) {
@@ -157,7 +160,7 @@ namespace {
 // its way to a busy GUI thread must not lose to a timeout that fires meanwhile.
 struct EncodeRace {
   bool settled = false;
-  QPointer<QTimer> watchdog;
+  QPointer<QObject> watchdog;
 };
 }  // namespace
 
@@ -169,7 +172,6 @@ void EncodeScheduler::encode(const std::shared_ptr<Task>& task, std::function<vo
   auto settle = [this, race, image, generation, done = std::move(done)](const Result& result) {
     if (race->settled) return;
     race->settled = true;
-    if (race->watchdog) race->watchdog->deleteLater();
     finish(image, generation, result);
     done();
   };
@@ -178,22 +180,18 @@ void EncodeScheduler::encode(const std::shared_ptr<Task>& task, std::function<vo
   // claimed. A timeout settles the encode as failed and raises the work's cancellation flag,
   // which the engine polls where its libraries let it; the work ends soon after (or, in a
   // library that can't be stopped, when it ends) and its result is dropped.
-  auto* watchdog = new QTimer(this);
-  watchdog->setSingleShot(true);
-  race->watchdog = watchdog;
   const ImageFormat format = task->settings.format;
   const double quality = task->settings.quality;
   const CompressionOptions sizing = task->settings.sizing;
   const std::string label(ImageFormats::label(format));
   auto cancel = std::make_shared<Cancellation::Flag>(false);
-  connect(watchdog, &QTimer::timeout, this, [workEnded, settle, label, cancel] {
+  race->watchdog = options_.startTimer(options_.watchdog, this, [workEnded, settle, label, cancel] {
     cancel->store(true);
     if (*workEnded) return;  // the work's result is already queued and wins
     Result timedOut;
     timedOut.error = QString::fromStdString(ImageProcessingError::encodingFailed(label).description());
     settle(timedOut);
   });
-  watchdog->start(options_.watchdog);
 
   // A row imported without a thumbnail (inspection could not afford it) gets one after its
   // encode, within the memory the encode claimed and no longer uses: a reduced decode takes
@@ -233,7 +231,7 @@ void EncodeScheduler::encode(const std::shared_ptr<Task>& task, std::function<vo
         return result;
       })
       .then(this, [race, settle](const Result& result) {
-        if (race->watchdog) race->watchdog->stop();
+        delete race->watchdog.data();
         settle(result);
       });
 }

@@ -51,6 +51,13 @@ class EncodeScheduler : public QObject {
     CompressionOptions sizing;  // fit, byte budget and skip-larger; all off by default
   };
   using SettingsSource = std::function<Settings(const ImportedImage&)>;
+  // Starts a one-shot timer (a deadline, a quiet time): `fire` is called on `owner`'s thread once
+  // `delay` has passed, unless the returned object, a child of `owner` that goes by itself after
+  // firing, was deleted first. The product's is `startQTimer`; a test passes a clock of its own
+  // to say when time passes.
+  using TimerStarter =
+      std::function<QObject*(std::chrono::milliseconds delay, QObject* owner, std::function<void()> fire)>;
+  static QObject* startQTimer(std::chrono::milliseconds delay, QObject* owner, std::function<void()> fire);
 
   struct Options {
     SourceReader reader;                        // required
@@ -61,6 +68,7 @@ class EncodeScheduler : public QObject {
     std::chrono::milliseconds watchdog{45000};  // an encode slower than this fails
     std::chrono::milliseconds debounce{250};    // quiet time of a debounced encode
     bool measureResults = true;                 // each result's distance and thumbnail after its encode
+    TimerStarter startTimer;                    // the watchdog's and debounce's; empty: startQTimer
   };
 
   EncodeScheduler(Options options, SettingsSource settings, QObject* parent = nullptr);

@@ -27,6 +27,7 @@
 #include "engine/Errors.h"
 #include "engine/FileIO.h"
 #include "records/JSONFileStore.h"
+#include "tests/support/ManualClock.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane::testing {
@@ -226,6 +227,7 @@ class BatchFixture : public ::testing::Test {
   }
 
   QTemporaryDir dir_;
+  ManualClock clock_;  // the model's timers where a test installs clock_.starter()
   std::unique_ptr<BatchViewModel> model_;
   std::mutex mutex_;
   std::condition_variable gate_;

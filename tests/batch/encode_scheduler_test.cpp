@@ -1,6 +1,5 @@
 // The encode scheduler: debounce, budgets, watchdog, generations, passthrough.
 #include <QSignalSpy>
-#include <QTimer>
 
 #include "budget/CompressionBudget.h"
 #include "tests/batch/batch_test_support.h"
@@ -11,32 +10,32 @@ namespace quillane::testing {
 namespace {
 
 using SchedulerTest = BatchFixture;
+using namespace std::chrono_literals;
 
 TEST_F(SchedulerTest, GlobalChangesAreDebouncedAndWaitForTheSliderToBeLetGo) {
   auto o = options();
-  o.debounce = std::chrono::milliseconds(1);
+  o.startTimer = clock_.starter();
   auto& model = makeModel(o);
   import({source("a.png"), source("b.png")});
   ASSERT_TRUE(waitIdle());
 
   model.setQuality(50);
   model.setQuality(60);
+  clock_.advance(o.debounce - 1ms);
   model.setOutputFormat(ImageFormat::webp);
-  EXPECT_TRUE(model.hasPendingRecompute());
-  EXPECT_FALSE(model.isEncoding()) << "nothing starts before the quiet time is over";
+  clock_.advance(o.debounce - 1ms);  // the quiet time starts again at each change
+  EXPECT_TRUE(model.hasPendingRecompute() && !model.isEncoding()) << "nothing starts before it is over";
+  clock_.advance(1ms);
   ASSERT_TRUE(waitIdle());
   ASSERT_EQ(calls().size(), 4u);
   EXPECT_EQ(std::pair(calls()[3].quality, calls()[3].format), std::pair(60.0, ImageFormat::webp));
 
   model.setQualitySliderEditing(true);
   model.setQuality(30);
-  // A timer started now fires after the 1 ms debounce would have, had it been started.
-  bool fired = false;
-  QTimer::singleShot(20, [&] { fired = true; });
-  ASSERT_TRUE(QTest::qWaitFor([&] { return fired; }, 5000));
-  EXPECT_TRUE(model.hasPendingRecompute());
-  EXPECT_EQ(calls().size(), 4u);
+  clock_.advance(1h);
+  EXPECT_TRUE(model.hasPendingRecompute() && !model.isEncoding());
   model.setQualitySliderEditing(false);
+  clock_.advance(o.debounce);
   ASSERT_TRUE(waitIdle());
   ASSERT_EQ(calls().size(), 6u);
   EXPECT_EQ(calls().back().quality, 30);
@@ -63,12 +62,13 @@ TEST_F(SchedulerTest, SmallImageQueuesBehindALargeOneForMemory) {
 TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBackAndTheWorkGivenUpOnIsCancelled) {
   auto o = options();
   o.processorCount = 1;
-  // Long enough for the encodes that must end in time, on a run slowed by a sanitizer too.
-  o.watchdog = std::chrono::seconds(1);
+  o.startTimer = clock_.starter();  // no deadline passes but those the test passes
   auto& model = makeModel(o);
   import({source("slow.png", "slow"), source("b.png", "b")});
   auto slow = model.images()[0];
   model.removeImage(model.images()[1]);  // b waits for the one slot, then hands it back unused
+  ASSERT_TRUE(waitForCalls(1));
+  clock_.advance(o.watchdog);  // slow's deadline
   ASSERT_TRUE(waitIdle());
   EXPECT_EQ(slow->encodeState(),
             EncodeState::failed(QString::fromUtf8("Échec de l'encodage au format JPEG.")));
@@ -80,6 +80,8 @@ TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBackAndTheWorkG
   EXPECT_EQ(calls().size(), 2u) << "b is never encoded";
   // The work a watchdog gave up on sees the flag and ends instead of running on for its ten seconds.
   import({source("spin.png", "spin")});
+  ASSERT_TRUE(waitForCalls(3));
+  clock_.advance(o.watchdog);
   EXPECT_TRUE(QTest::qWaitFor(
       [&] {
         std::lock_guard lock(mutex_);
@@ -99,12 +101,14 @@ TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBackAndTheWorkG
 TEST_F(SchedulerTest, AnEncodeThatOutlivesItsDeadlineKeepsItsMemoryUntilItReturns) {
   auto o = options();
   o.memoryBudgetMB = 0;  // the process's budget, shared with every other front end
-  o.watchdog = std::chrono::seconds(1);
+  o.startTimer = clock_.starter();
   auto& model = makeModel(o);
   CompressionBudget& budget = CompressionBudget::process();
   inspectAs("huge.png", {60000, 60000});  // more than the whole budget
   import({source("huge.png", "slow")});
-  ASSERT_TRUE(QTest::qWaitFor([&] { return model.images()[0]->encodeState().isFailed(); }, 5000));
+  ASSERT_TRUE(waitForCalls(1));
+  clock_.advance(o.watchdog);
+  ASSERT_TRUE(model.images()[0]->encodeState().isFailed());
   EXPECT_EQ(budget.availablePermits(), 0) << "the row failed, the work still runs";
 
   const QString picture = dir_.filePath("picture.png");
@@ -125,11 +129,14 @@ TEST_F(SchedulerTest, AnEncodeThatOutlivesItsDeadlineKeepsItsMemoryUntilItReturn
 }
 
 TEST_F(SchedulerTest, ChangesDuringAnEncodeRunOneMoreEncodeAfterItAndOverridesWin) {
-  auto& model = makeModel();
+  auto o = options();
+  o.startTimer = clock_.starter();
+  auto& model = makeModel(o);
   import({source("a.png", "slow")});
   auto a = model.images()[0];
   ASSERT_TRUE(waitForCalls(1));
   model.setQuality(40);
+  clock_.advance(o.debounce);
   QFuture<void> bounded = model.waitForEncodingToFinish(0.4);
   ASSERT_TRUE(QTest::qWaitFor([&] { return bounded.isFinished(); }, 2000)) << "the wait gives up in time";
   EXPECT_EQ(calls().size(), 1u) << "the recompute found the image busy and marked it";
@@ -142,9 +149,11 @@ TEST_F(SchedulerTest, ChangesDuringAnEncodeRunOneMoreEncodeAfterItAndOverridesWi
   // Two override changes within the quiet time: one encode, at the last value.
   model.setQualityOverride(a, 20);
   model.setQualityOverride(a, 30);
+  clock_.advance(o.debounce);
   ASSERT_TRUE(waitIdle());
   EXPECT_EQ(calls().size(), 3u);
   model.setQuality(90);
+  clock_.advance(o.debounce);
   ASSERT_TRUE(waitIdle());
   EXPECT_EQ(a->encodeState(), EncodeState::ready(300)) << "the override wins";
 }

@@ -55,24 +55,6 @@ TEST_F(ImportTest, FailuresAreReplacedByURLAndClearedBySuccess) {
   EXPECT_TRUE(model.importFailures().empty());
 }
 
-// A file of a format Quillane doesn't read says so, by name for the common ones, and offers no
-// retry; a damaged file of one of the six keeps "could not decode" and its retry.
-TEST_F(ImportTest, AForeignFormatIsNamedAndNotRetriedWhereADamagedFileIs) {
-  auto o = options();
-  o.inspector = nullptr;
-  auto& model = makeModel(o);
-  import({source("anim.gif", "GIF89a\x01\0\x01\0junk"), source("scan.bmp", "BM\x36\0\0\0junk"),
-          source("notes.png", "this is not an image"), source("broken.png", "\x89PNG\r\n\x1a\n\0\0")});
-  ASSERT_EQ(model.importFailures().size(), 4u);
-  QStringList told;
-  for (const ImportFailure& failure : model.importFailures())
-    told << QString("%1 %2").arg(failure.canRetry).arg(failure.message);
-  EXPECT_EQ(told, (QStringList{
-                      "0 GIF est un format que Quillane ne lit pas.",
-                      "0 BMP est un format que Quillane ne lit pas.", "0 Quillane ne lit pas ce format.",
-                      "1 " + QString::fromStdString(ImageProcessingError::decodingFailed().description())}));
-}
-
 TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
   makeModel();
   import(
