@@ -79,7 +79,6 @@ TEST_F(CompressCommand, PathsComeFromUrlsStringsAndNestedListsInOrderAndAnything
     }
   }
   EXPECT_EQ(CompressScriptCommand::url(QUrl::fromLocalFile("/tmp/out")), "/tmp/out");
-  EXPECT_EQ(CompressScriptCommand::url(QString("rel/out")), "rel/out");
   EXPECT_FALSE(CompressScriptCommand::url(QVariant(3)));
   auto number = performDefaultImplementation(QVariant(7), {{"to", out()}});
   EXPECT_EQ(std::tuple(number.json.has_value(), number.errorNumber, number.errorString),

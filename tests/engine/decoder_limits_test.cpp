@@ -269,7 +269,6 @@ TEST_F(Bombs, WhatIsNotARegularImageFileOrIsLargerThanItsPixelsIsRefusedWithoutR
   EXPECT_EQ(header->width, 64);
 }
 
-// The peak resident memory of this process, in bytes.
 uint64_t peakResidentBytes() {
   struct rusage usage {};
   getrusage(RUSAGE_SELF, &usage);
@@ -481,31 +480,26 @@ TEST(Cancellation, AFlagRaisedDuringLibjxlWorkNeverAbortsTheProcess) {
 // --wrap=WebPEncode, so that each call's mode is seen and the lossy one can be made to fail or
 // be cancelled from inside libwebp.
 struct WebPEncodeSpy {
-  std::vector<int> lossless;                   // config->lossless of each call
+  std::vector<int> lossless{};                 // config->lossless of each call
   Cancellation::Flag* raiseOnLossy = nullptr;  // raised as the lossy encode starts
   bool failLossy = false;                      // the lossy encode fails without running
 };
 WebPEncodeSpy* webpSpy = nullptr;
 
 TEST(Cancellation, ACancelDuringWebPsLossyTryNeverStartsTheLosslessEncoding) {
-  DecodedImage image = testing::makeImage(200, 200, testing::Pattern::flatLogo);
-  for (int y = 0; y < 200; ++y)
-    for (int x = 0; x < 200; ++x) {
-      uint8_t* p = image.pixels8.data() + (size_t(y) * 200 + size_t(x)) * 4;
-      const uint8_t v = y < 100 ? 200 : uint8_t(x * 2 % 256);
-      p[0] = p[1] = p[2] = v;
-      p[3] = 255;
-    }
+  DecodedImage image = testing::solid(200, 200, 200, 200, 200);
+  for (size_t i = 100 * 200; i < 200 * 200; ++i)
+    std::fill_n(&image.pixels8[i * 4], 3, uint8_t(i % 200 * 2 % 256));
   const Bytes png = fixtures::png(image, {.alpha = false});
 
-  WebPEncodeSpy spy{.lossless = {}, .failLossy = true};
+  WebPEncodeSpy spy{.failLossy = true};
   webpSpy = &spy;
   EXPECT_FALSE(ImageCompressor::encodeData(png, ImageFormat::webp, 70).empty());
   ASSERT_GE(spy.lossless.size(), 2u);
   EXPECT_EQ(spy.lossless[1], 1) << "a failed lossy try falls through to lossless";
 
   std::atomic<bool> flag{false};
-  spy = {.lossless = {}, .raiseOnLossy = &flag};
+  spy = {.raiseOnLossy = &flag};
   EXPECT_EQ(testing::failureOf([&] {
               Cancellation::Scope scope(&flag);
               ImageCompressor::encodeData(png, ImageFormat::webp, 70);

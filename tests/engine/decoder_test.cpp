@@ -19,6 +19,7 @@ namespace {
 
 using fixtures::Corner;
 using ImageDecoder::decodeCGImageSource;
+using testing::pixelAt;
 
 constexpr int kW = 48, kH = 32;
 
@@ -204,15 +205,6 @@ TEST(ColourProfiles, ALossyJpegXlKeepsItsTabulatedCurveProfileAndItsColours) {
   EXPECT_LT(testing::meanColourError(Resample::toEightBit(decoded), source), 3.0);
 }
 
-// The sample at (x, y) on an 8-bit scale.
-std::array<int, 4> pixelAt(const DecodedImage& image, int x, int y) {
-  size_t i = (size_t(y) * size_t(image.width) + size_t(x)) * 4;
-  std::array<int, 4> p;
-  for (size_t c = 0; c < 4; ++c)
-    p[c] = image.bitsPerComponent == 16 ? image.pixels16[i + c] >> 8 : image.pixels8[i + c];
-  return p;
-}
-
 void expectNear(std::array<int, 4> got, std::array<int, 3> want, int tolerance, const char* what) {
   for (size_t c = 0; c < 3; ++c) EXPECT_NEAR(got[c], want[c], tolerance) << what << " channel " << c;
 }
@@ -268,15 +260,9 @@ TEST(ColourModels, CmykJpegIsConvertedWithAndWithoutItsProfile) {
 }
 
 TEST(Frames, AnimationsReportTheirCountAndDecodeTheFirstFrame) {
-  std::vector<DecodedImage> frames;
-  for (int q : {1, 0, 2}) {  // green, then red, then blue
-    auto frame = fixtures::quadrants(16, 16);
-    for (size_t i = 0; i < frame.pixels8.size(); i += 4)
-      for (int c = 0; c < 3; ++c) frame.pixels8[i + size_t(c)] = c == q ? 255 : 0;
-    frames.push_back(frame);
-  }
-  auto webp = fixtures::animatedWebp(frames);
-  auto decoded = decodeCGImageSource(webp);
+  auto decoded = decodeCGImageSource(
+      fixtures::animatedWebp({testing::solid(16, 16, 0, 255, 0), testing::solid(16, 16, 255, 0, 0),
+                              testing::solid(16, 16, 0, 0, 255)}));
   EXPECT_EQ(decoded.frameCount, 3);
   expectNear(pixelAt(decoded.image, 8, 8), {0, 255, 0}, 0, "first frame");
 

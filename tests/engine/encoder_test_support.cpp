@@ -95,6 +95,22 @@ EncodingPlan makePlan(EncodingPlan::Mode mode, int effort) {
   return plan;
 }
 
+DecodedImage solid(int w, int h, uint8_t r, uint8_t g, uint8_t b, uint8_t a) {
+  DecodedImage img;
+  img.width = w, img.height = h;
+  img.alpha = a == 255 ? AlphaInfo::none : AlphaInfo::straight;
+  for (int i = 0; i < w * h; ++i) img.pixels8.insert(img.pixels8.end(), {r, g, b, a});
+  return img;
+}
+
+std::array<int, 4> pixelAt(const DecodedImage& image, int x, int y) {
+  const size_t i = (size_t(y) * size_t(image.width) + size_t(x)) * 4;
+  std::array<int, 4> p;
+  for (size_t c = 0; c < 4; ++c)
+    p[c] = image.bitsPerComponent == 16 ? image.pixels16[i + c] >> 8 : image.pixels8[i + c];
+  return p;
+}
+
 int maxDifference(std::span<const uint8_t> a, std::span<const uint8_t> b) {
   if (a.size() != b.size()) return 256;
   int worst = 0;

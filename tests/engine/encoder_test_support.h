@@ -3,6 +3,7 @@
 // decoders, so that a round trip does not go through the system's own reading code; and how
 // a call fails.
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -36,6 +37,11 @@ EncodingPlan makePlan(EncodingPlan::Mode mode, int effort = 2);
 
 // Largest difference of any sample between two pictures of the same size (256 if not).
 int maxDifference(std::span<const uint8_t> a, std::span<const uint8_t> b);
+// A picture of one colour, 8 bits; `a` in the fourth sample, straight (no alpha at 255).
+DecodedImage solid(int w, int h, uint8_t r, uint8_t g, uint8_t b, uint8_t a = 255);
+// The sample at (x, y) on an 8-bit scale.
+std::array<int, 4> pixelAt(const DecodedImage& image, int x, int y);
+
 // Mean absolute difference of the colour samples of two 8-bit pictures (1e9 if not the same size).
 double meanColourError(const DecodedImage& a, const DecodedImage& b);
 

@@ -259,19 +259,6 @@ using NativeImageIOEncoder::opaqueCopy;
 
 EncodingPlan lossyPlan(double quality) { return makePlan(EncodingPlan::Mode::lossy(quality)); }
 
-// A picture of one colour; `alpha` in the fourth sample, straight.
-DecodedImage solid(int w, int h, uint8_t r, uint8_t g, uint8_t b, uint8_t a) {
-  DecodedImage img;
-  img.width = w, img.height = h;
-  img.alpha = a == 255 ? AlphaInfo::none : AlphaInfo::straight;
-  for (int i = 0; i < w * h; ++i) img.pixels8.insert(img.pixels8.end(), {r, g, b, a});
-  return img;
-}
-
-const uint8_t* pixelAt(const DecodedImage& img, int x, int y) {
-  return &img.pixels8[(size_t(y) * size_t(img.width) + size_t(x)) * 4];
-}
-
 DecodedImage decode8(const Bytes& file) {
   DecodedImage img = ImageService::decodeFirstFrame(file);
   if (img.bitsPerComponent == 16) img = NativeImageIOEncoder::straightEightBit(img);
@@ -303,7 +290,7 @@ TEST(OpaqueCopy, CompositesEveryKindOfAlphaOverWhiteOrBlack) {
     EXPECT_EQ(white->bitsPerComponent, 8);
     EXPECT_EQ(white->alpha, AlphaInfo::none);
     EXPECT_EQ(white->colorSpace.icc, source->colorSpace.icc);
-    const uint8_t *w = pixelAt(*white, 1, 0), *b = pixelAt(*black, 1, 0);
+    const auto w = pixelAt(*white, 1, 0), b = pixelAt(*black, 1, 0);
     EXPECT_NEAR(w[0], 255, 1);
     EXPECT_NEAR(w[1], 127, 1);
     EXPECT_NEAR(w[2], 127, 1);
@@ -439,7 +426,6 @@ std::string heicLayout(const Bytes& file) {
   return idc == 3 ? "444" : idc == 1 ? "420" : "other";
 }
 
-// libheif to RGBA.
 DecodedImage heifDecode(const Bytes& file) {
   DecodedImage out;
   CHandle<heif_context, heif_context_free> context(heif_context_alloc());

@@ -29,12 +29,8 @@ void set(RGBABuffer& buffer, int x, int y, Color color, uint8_t alpha = 255) {
   p[0] = color[0], p[1] = color[1], p[2] = color[2], p[3] = alpha;
 }
 
-RGBABuffer solid(int width, int height, Color color) {
-  RGBABuffer buffer;
-  buffer.width = width, buffer.height = height;
-  buffer.pixels.resize(size_t(width) * size_t(height) * 4);
-  for (int i = 0; i < width * height; ++i) set(buffer, i % width, i / width, color);
-  return buffer;
+RGBABuffer solid(int width, int height, Color c) {
+  return RGBABuffer(testing::solid(width, height, c[0], c[1], c[2]));
 }
 
 double luma(Color c) { return 0.299 * c[0] + 0.587 * c[1] + 0.114 * c[2]; }
@@ -132,7 +128,6 @@ TEST(EncodingStrategy, QualityIsClampedToOneAndNearLosslessIsAWebPModeOnly) {
   EXPECT_EQ(EncodingStrategy::plan(picture(ContentClass::photo, 10), ImageFormat::jpeg, 0).mode,
             Mode::lossy(1));
 
-  // Near-lossless is a WebP mode only.
   const auto text = [](double flat) { return picture(ContentClass::screenText, 100, 100, 0, flat); };
   EXPECT_EQ(EncodingStrategy::mode(text(0.9), ImageFormat::webp, 85), Mode::nearLossless(60));
   EXPECT_EQ(EncodingStrategy::mode(text(0.56), ImageFormat::webp, 97), Mode::lossless());
@@ -246,16 +241,15 @@ TEST(EncodeCost, PlansFitTheAllowanceAndTheClaimCoversThem) {
   }
   // A small graphic keeps its full-effort lossless encoding and its lossy competitor; the
   // 64-megapixel flat picture of a few bytes is lossless at the light effort, not in 11 GB.
-  const EncodingPlan small =
-      EncodingStrategy::plan(characteristicsOf(1000, 1000, ContentClass::flatGraphic), ImageFormat::jxl, 75);
+  const auto jxlPlan = [](int width, int height, ContentClass c) {
+    return EncodingStrategy::plan(characteristicsOf(width, height, c), ImageFormat::jxl, 75);
+  };
+  const EncodingPlan small = jxlPlan(1000, 1000, ContentClass::flatGraphic),
+                     flat = jxlPlan(8000, 8000, ContentClass::flatGraphic);
   EXPECT_EQ(small.mode.kind, Kind::lossless);
   EXPECT_FALSE(small.lightLossless);
   EXPECT_TRUE(small.alternative);
-  const EncodingPlan screen =
-      EncodingStrategy::plan(characteristicsOf(3840, 2160, ContentClass::screenText), ImageFormat::jxl, 75);
-  EXPECT_FALSE(screen.lightLossless);
-  const EncodingPlan flat =
-      EncodingStrategy::plan(characteristicsOf(8000, 8000, ContentClass::flatGraphic), ImageFormat::jxl, 75);
+  EXPECT_FALSE(jxlPlan(3840, 2160, ContentClass::screenText).lightLossless);
   EXPECT_TRUE(flat.mode.kind == Kind::lossy || flat.lightLossless);
 }
 

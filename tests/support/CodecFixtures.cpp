@@ -12,7 +12,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <map>
-#include <memory>
 #include <random>
 #include <span>
 #include <stdexcept>

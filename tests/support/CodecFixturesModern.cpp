@@ -264,7 +264,7 @@ Bytes joined(std::initializer_list<Bytes> parts) {
   for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
   return out;
 }
-// The whole box of `type` (first found by its name), and the payload of the top-level `mdat`.
+// The whole box of `type`, the first found by its name.
 Bytes findBox(const Bytes& file, const char* type) {
   for (size_t at = 4; at + 4 <= file.size(); ++at)
     if (std::memcmp(&file[at], type, 4) == 0) {
@@ -275,17 +275,6 @@ Bytes findBox(const Bytes& file, const char* type) {
   require(false, type);
   return {};
 }
-Bytes mdatPayload(const Bytes& file) {
-  for (size_t at = 0; at + 8 <= file.size();) {
-    const size_t size = read32(file, at);
-    require(size >= 8 && at + size <= file.size(), "top-level box");
-    if (std::memcmp(&file[at + 4], "mdat", 4) == 0)
-      return Bytes(file.begin() + std::ptrdiff_t(at + 8), file.begin() + std::ptrdiff_t(at + size));
-    at += size;
-  }
-  require(false, "mdat");
-  return {};
-}
 
 }  // namespace
 
@@ -293,7 +282,7 @@ Bytes grid(const Bytes& tileFile, int columns, int rows) {
   const bool av1 = tileFile.size() > 12 && std::memcmp(&tileFile[8], "avif", 4) == 0;
   const Bytes config = findBox(tileFile, av1 ? "av1C" : "hvcC"), ispeBox = findBox(tileFile, "ispe");
   const uint32_t tileWidth = read32(ispeBox, 12), tileHeight = read32(ispeBox, 16);
-  const Bytes tile = mdatPayload(tileFile);
+  const Bytes mdat = findBox(tileFile, "mdat"), tile(mdat.begin() + 8, mdat.end());
   const int tiles = columns * rows;
   require(tiles >= 1 && tiles < 65535, "tile count");
 
