@@ -28,7 +28,6 @@ QStringList clippedTexts(QWidget* root) {
   QStringList clipped;
   const auto check = [&](QWidget* w, const QString& text) {
     if (!w->isVisibleTo(root) || text.isEmpty()) return;
-    // The widget must be as wide as its own smallest size for that text.
     const int needed = w->minimumSizeHint().width();
     if (w->width() + 1 < needed)
       clipped << QStringLiteral("%1 \"%2\" (%3 < %4)")

@@ -147,7 +147,6 @@ TEST_F(ComparisonWindow, OpensInsideTheScreenIsMaximisableAndKeepsItsSizeForNext
   EXPECT_TRUE(available.contains(view->geometry())) << available.width() << "x" << available.height();
   EXPECT_LE(view->width(), available.width() * 0.9 + 1);
   EXPECT_TRUE(view->windowFlags() & Qt::WindowMaximizeButtonHint);
-  // The zoom's buttons are named, and a click on one zooms.
   auto* button = view->findChild<QToolButton*>("zoom200");
   ASSERT_NE(button, nullptr);
   EXPECT_FALSE(button->accessibleName().isEmpty());

@@ -109,13 +109,10 @@ TEST_F(ImageRowTest, ExportFollowsTheBytesAndFailedEncodesAndExportsRetryFromThe
 
 TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRowAndAFormatNotReadOffersNoRetry) {
   makeModel();
-  QFile gif(dir_.filePath("anim.gif"));
-  ASSERT_TRUE(gif.open(QIODevice::WriteOnly) && gif.write("GIF89a\x01\0\x01\0") > 0);
-  gif.close();
+  const QUrl gif = BatchFixture::source("anim.gif", "GIF89a");
   inspectAs("anim.gif", {.fail = true});  // as the engine's inspection of a GIF
-  ASSERT_TRUE(
-      settle({QUrl::fromLocalFile(dir_.filePath("missing1.png")), source("a.png"),
-              QUrl::fromLocalFile(dir_.filePath("missing2.png")), QUrl::fromLocalFile(gif.fileName())}));
+  ASSERT_TRUE(settle({QUrl::fromLocalFile(dir_.filePath("missing1.png")), source("a.png"),
+                      QUrl::fromLocalFile(dir_.filePath("missing2.png")), gif}));
   ASSERT_EQ(model_->importFailures().size(), 3u);
   const QModelIndex foreign = list().listModel().index(3);
   EXPECT_FALSE(list().rowDelegate().isEnabled(foreign, RowHit::failureRetry));

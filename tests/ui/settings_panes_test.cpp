@@ -170,9 +170,10 @@ class HotFoldersPaneTest : public UiFixture {
     chosen_ = destination;
     pane().chooseDestination();
   }
-  QStringList texts(QWidget* section) const {
+  // The texts of the labels in `section`, of those named `name` when given.
+  QStringList texts(QWidget* section, const QString& name = {}) const {
     QStringList out;
-    for (QLabel* label : section->findChildren<QLabel*>()) out << label->text();
+    for (QLabel* label : section->findChildren<QLabel*>(name)) out << label->text();
     return out;
   }
 
@@ -243,15 +244,11 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   folders.push_back(hotFolder("Live", in_, out_, ImageFormat::webp, 80));
   HotFolders::save(folders);
   pane();
-  // Each row says what its folder is doing.
+  // Each row says what its folder is doing. The folders report from their own threads, in no
+  // fixed order, and their rows' states follow their reports.
   auto stateCount = [&](const char* key) {
-    QStringList states;
-    for (QLabel* label : pane().existingSection()->findChildren<QLabel*>("statusText"))
-      states << label->text();
-    return states.count(Strings::text(key));
+    return texts(pane().existingSection(), "statusText").count(Strings::text(key));
   };
-  // The folders report from their own threads, in no fixed order, and their rows' states
-  // follow their reports.
   ASSERT_TRUE(QTest::qWaitFor(
       [&] {
         return manager_->isRunning(folders.back().id) && pane().errorActivities().size() == 30 &&
