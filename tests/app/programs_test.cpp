@@ -360,7 +360,7 @@ class DesktopBus : public ::testing::Test {
 };
 
 // The first call starts the program through the bus's activation file, as nothing runs yet.
-TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamedError) {
+TEST_F(DesktopBus, ACallStartsTheProgramIsAnsweredWithTheFilesOrANamedErrorAndALeaverLeavesNoWork) {
   const QString a = image("a.png"), nestedA = image("sub/a.jpg");
   ASSERT_FALSE(owned());
   QDBusMessage reply = call("Compress", QStringList{a, nestedA}, "webp", 80, "", path("out/made"));
@@ -379,18 +379,12 @@ TEST_F(DesktopBus, ACallStartsTheProgramAndIsAnsweredWithTheWrittenFilesOrANamed
   reply = call("CompressWithOptions", QStringList{a}, QVariantMap{{"profile", "Nope"}});
   EXPECT_EQ(reply.errorName(), kError + "ProfileNotFound");
   EXPECT_EQ(reply.errorMessage(), "Profil introuvable : Nope");
-}
 
-// A client that gives up and leaves the bus leaves no work behind it, and no one client can
-// fill the queue.
-TEST_F(DesktopBus, ACallerThatLeavesHasItsWorkDroppedAndCanQueueOnlySoMuch) {
-  const QString small = image("small.png");
+  // A client that gives up and leaves the bus leaves no work behind it, and no one client can
+  // fill the queue.
   const QString large = dir_.filePath("in/large.png");
   testing::writeBytes(large.toStdString(),
                       fixtures::png(testing::makeImage(512, 512, testing::Pattern::photo, 5)));
-  ASSERT_EQ(call("Compress", QStringList{}, "png", 0, "", "").errorName(),
-            kError + "EmptyFileList");  // started by the bus
-
   QStringList many;
   for (int i = 0; i < 30; ++i) many.append(large);
   {
@@ -401,7 +395,7 @@ TEST_F(DesktopBus, ACallerThatLeavesHasItsWorkDroppedAndCanQueueOnlySoMuch) {
         quillane.asyncCall("Compress", many, "webp", 90, "", path("out/first"))};
     for (int i = 0; i < 40; ++i)
       calls.push_back(
-          quillane.asyncCall("Compress", QStringList{small}, "png", 50, "", path(QString("out/q%1").arg(i))));
+          quillane.asyncCall("Compress", QStringList{a}, "png", 50, "", path(QString("out/q%1").arg(i))));
     // The first is running: 31 more may wait, the rest are refused at once.
     for (size_t i = 32; i < calls.size(); ++i) {
       calls[i].waitForFinished();
@@ -411,7 +405,7 @@ TEST_F(DesktopBus, ACallerThatLeavesHasItsWorkDroppedAndCanQueueOnlySoMuch) {
   QDBusConnection::disconnectFromBus("leaver");  // the last reference is gone: the client leaves
 
   // Answered in turn, so after everything the leaver had queued.
-  const QDBusMessage after = call("Compress", QStringList{small}, "png", 50, "", path("out/after"));
+  const QDBusMessage after = call("Compress", QStringList{a}, "png", 50, "", path("out/after"));
   ASSERT_EQ(after.type(), QDBusMessage::ReplyMessage) << after.errorMessage().toStdString();
   EXPECT_LT(entries("out/first").size(), 30) << "stopped before its next file";
   for (int i = 0; i < 31; ++i) EXPECT_FALSE(QFileInfo::exists(path(QString("out/q%1").arg(i)))) << i;
@@ -536,8 +530,27 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
             QStringList{QUrl::fromLocalFile(path("viaInstance/a.webp")).toString()});
 }
 
-// What arrived while the program was closed is compressed at start, what arrives later as it comes.
+// Where there is no display (a bus that lacks the session's environment), help and version
+// still answer and an unknown option is a usage error. In the background, what arrived in a hot
+// folder while the program was closed is compressed at start, what arrives later as it comes,
+// with no window until a later launch asks for one; an instance with no display to show it on
+// gives its name up to that launch.
 TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpensIt) {
+  QProcessEnvironment bare = environment();
+  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) bare.remove(name);
+  for (const char* option : {"--help", "-h"}) {
+    const testing::ProgramRun help = run({option}, bare);
+    EXPECT_EQ(help.exitCode, 0) << option << help.err.toStdString();
+    EXPECT_TRUE(help.out.contains("quillane --background")) << help.out.toStdString();
+  }
+  EXPECT_TRUE(run({"--version"}, bare).out.startsWith("quillane "));
+  const testing::ProgramRun wrong = run({"--frobnicate", "in/a.png"}, bare);
+  EXPECT_EQ(wrong.exitCode, 2);
+  EXPECT_TRUE(wrong.out.isEmpty());
+  EXPECT_TRUE(wrong.err.contains("--frobnicate") && wrong.err.contains("quillane --compress"))
+      << wrong.err.toStdString();
+  EXPECT_FALSE(owned());
+
   QDir().mkpath(path("hot/in"));
   testing::writeFile(
       path("data/Quillane/hotFolders.json"),
@@ -565,36 +578,13 @@ TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpen
   EXPECT_EQ(later.exitCode, 0) << later.err.toStdString();
   ASSERT_TRUE(processes_.front()->waitForFinished(60000)) << "the background instance showed no window";
   EXPECT_EQ(processes_.front()->exitCode(), 0);
-}
-
-// Where there is no display (a bus that lacks the session's environment), help and version
-// still answer and an unknown option is a usage error; an instance started there cannot show
-// the window a launch asks for: it gives its name up to that launch.
-TEST_F(DesktopBus, WithoutADisplayHelpAnswersAndAnInstanceHandsOverToALaunchThatHasOne) {
-  QProcessEnvironment bare = environment();
-  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) bare.remove(name);
-  for (const char* option : {"--help", "-h"}) {
-    const testing::ProgramRun help = run({option}, bare);
-    EXPECT_EQ(help.exitCode, 0) << option << help.err.toStdString();
-    EXPECT_TRUE(help.out.contains("quillane --background")) << help.out.toStdString();
-  }
-  EXPECT_TRUE(run({"--version"}, bare).out.startsWith("quillane "));
-  const testing::ProgramRun wrong = run({"--frobnicate", "in/a.png"}, bare);
-  EXPECT_EQ(wrong.exitCode, 2);
-  EXPECT_TRUE(wrong.out.isEmpty());
-  EXPECT_TRUE(wrong.err.contains("--frobnicate") && wrong.err.contains("quillane --compress"))
-      << wrong.err.toStdString();
-  EXPECT_FALSE(owned());
 
   startInstance({"--background"}, bare);
-  QProcessEnvironment env = environment();
-  env.insert("QUILLANE_QUIT_WHEN_SHOWN", "1");
-  image("b.png");
-  const testing::ProgramRun later = run({"in/b.png"}, env);
-  EXPECT_EQ(later.exitCode, 0);
-  EXPECT_FALSE(later.err.contains("did not answer")) << later.err.toStdString();
-  ASSERT_TRUE(processes_.front()->waitForFinished(60000));
-  EXPECT_EQ(processes_.front()->exitCode(), 0);
+  const testing::ProgramRun handedTo = run({"in/b.png"}, env);
+  EXPECT_EQ(handedTo.exitCode, 0);
+  EXPECT_FALSE(handedTo.err.contains("did not answer")) << handedTo.err.toStdString();
+  ASSERT_TRUE(processes_.back()->waitForFinished(60000));
+  EXPECT_EQ(processes_.back()->exitCode(), 0);
 }
 
 }  // namespace
