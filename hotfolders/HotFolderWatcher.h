@@ -36,6 +36,7 @@
 #include <string>
 #include <vector>
 
+#include "batch/EncodeScheduler.h"
 #include "engine/ThreadAnnotations.h"
 #include "hotfolders/HotFolder.h"
 #include "hotfolders/HotFolderProcessedStore.h"
@@ -53,6 +54,9 @@ struct HotFolderWatcherTiming {
   // Replaces the 30 s interval and turns polling on whatever the volume.
   std::optional<std::chrono::milliseconds> pollInterval{};
   std::chrono::milliseconds retryInterval{2000};  // while waiting for the folder
+  // Starts the debounce on the watcher's thread; empty: a QTimer. A test passes a clock of its
+  // own to say when the debounce has passed.
+  EncodeScheduler::TimerStarter startTimer{};
 };
 
 class HotFolderWatcher {

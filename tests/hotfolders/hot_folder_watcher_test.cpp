@@ -14,6 +14,7 @@
 #include "hotfolders/HotFolderProcessedStore.h"
 #include "records/ExportProfile.h"
 #include "tests/hotfolders/hot_folder_test_support.h"
+#include "tests/support/ManualClock.h"
 
 namespace quillane::testing {
 namespace {
@@ -66,21 +67,25 @@ TEST_F(HotFolderWatcherTest, FirstScanTakesWhatIsThereAndABurstOfEntriesGivesOne
   EXPECT_EQ(HotFolderProcessedStore::folderState(watcher->hotFolder().idText()).size(), 55);
 }
 
+// The debounce runs on the test's clock: however much time passes, a stopped watcher's pending
+// scan never comes and a request after the stop queues none; started again, it scans.
 TEST_F(HotFolderWatcherTest, StopCancelsThePendingScanAndLaterRequestsQueueNothing) {
   putImage(QStringLiteral("a.jpg"));
-  Reports& replacement = others_.emplace_back();
-  const HotFolder hotFolder = folder();
-  auto first = watch(hotFolder, {.debounce = 200ms});
-  first->start();
-  ASSERT_TRUE(reports_.waitForState(State::watching));
-  first->stop();
-  first->scheduleScan();
-  EXPECT_FALSE(first->isWatching());
-  // The replacement's first scan comes due seconds after the cancelled one would have: the
-  // stopped watcher reported nothing, and its scan would have left nothing for the replacement.
-  watch(hotFolder, {.debounce = 3s}, &replacement)->start();
-  ASSERT_TRUE(replacement.waitForLines(1));
+  ManualClock clock;
+  auto watcher = watch(folder(), {.startTimer = clock.starter()});
+  watcher->start();
+  watcher->waitUntilIdle();  // watching, its first scan pending
+  ASSERT_TRUE(watcher->isWatching());
+  watcher->stop();
+  watcher->scheduleScan();
+  watcher->waitUntilIdle();
+  clock.advance(1h);
+  EXPECT_FALSE(watcher->isWatching());
   EXPECT_TRUE(reports_.lines().empty());
+  watcher->start();
+  watcher->waitUntilIdle();
+  clock.advance(1h);
+  EXPECT_EQ(reports_.lines().size(), 1u) << "the clock drives the debounce";
 }
 
 TEST_F(HotFolderWatcherTest, StabilityNeedsAnOldDateOrASizeThatHoldsStill) {
