@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <QFile>
+#include <QPointer>
 #include <QSocketNotifier>
 #include <QThread>
 #include <QTimer>
@@ -60,8 +61,6 @@ bool statFolder(const QString& folder, struct stat& st) {
 class HotFolderWatcher::Loop : public QObject {
  public:
   explicit Loop(HotFolderWatcher& watcher) : watcher_(watcher) {
-    debounce_.setSingleShot(true);
-    connect(&debounce_, &QTimer::timeout, this, [this] { scanIfRunning(); });
     connect(&poll_, &QTimer::timeout, this, [this] { scanIfRunning(); });  // a poll is not debounced
     connect(&retry_, &QTimer::timeout, this, [this] { open(); });
   }
@@ -114,10 +113,17 @@ class HotFolderWatcher::Loop : public QObject {
   void requestScan() {
     if (watcher_.isStopped()) return;
     const Clock::time_point now = Clock::now();
-    if (!debounce_.isActive()) firstRequest_ = now;
+    if (!debounce_) firstRequest_ = now;
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         firstRequest_ + watcher_.timing_.longestDelay - now);
-    debounce_.start(std::clamp(left, std::chrono::milliseconds(0), watcher_.timing_.debounce));
+    delete debounce_;
+    const auto start =
+        watcher_.timing_.startTimer ? watcher_.timing_.startTimer : &EncodeScheduler::startQTimer;
+    debounce_ =
+        start(std::clamp(left, std::chrono::milliseconds(0), watcher_.timing_.debounce), this, [this] {
+          debounce_ = nullptr;
+          scanIfRunning();
+        });
   }
 
   void stop() {
@@ -173,14 +179,15 @@ class HotFolderWatcher::Loop : public QObject {
     notifier_ = nullptr;
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
-    debounce_.stop();
+    delete debounce_;
     poll_.stop();
   }
 
   HotFolderWatcher& watcher_;
   int fd_ = -1;
   QSocketNotifier* notifier_ = nullptr;
-  QTimer debounce_{this}, poll_{this}, retry_{this};
+  QPointer<QObject> debounce_;  // the pending scan's timer, null once it has fired or stopped
+  QTimer poll_{this}, retry_{this};
   uint64_t device_ = 0, inode_ = 0;
   bool wasMountRoot_ = false;  // for the life of the watcher: then only a volume's root will do
   Clock::time_point firstRequest_;
@@ -211,6 +218,11 @@ HotFolderWatcher::~HotFolderWatcher() {
 bool HotFolderWatcher::isStopped() const {
   MutexLock lock(stateLock_);
   return isStopped_;
+}
+
+HotFolderWatcher::State HotFolderWatcher::state() const {
+  MutexLock lock(stateLock_);
+  return state_;
 }
 
 void HotFolderWatcher::setState(State state) {
@@ -255,9 +267,20 @@ void HotFolderWatcher::finish() {
 
 bool HotFolderWatcher::isFinished() const { return thread_->isFinished(); }
 
+void HotFolderWatcher::scheduleScan() {
+  if (isStopped()) return;
+  QMetaObject::invokeMethod(
+      loop_, [loop = loop_] { loop->requestScan(); }, Qt::QueuedConnection);
+}
+
 void HotFolderWatcher::recheck() {
   QMetaObject::invokeMethod(
       loop_, [loop = loop_] { loop->recheck(); }, Qt::QueuedConnection);
+}
+
+void HotFolderWatcher::waitUntilIdle() {
+  QMetaObject::invokeMethod(
+      loop_, [] {}, Qt::BlockingQueuedConnection);
 }
 
 bool HotFolderWatcher::isMountRoot(const QString& folder) {

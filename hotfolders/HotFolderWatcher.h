@@ -21,8 +21,8 @@
 // scans of one folder never overlap. A scan compresses on a shared pool, at most
 // concurrencyLimit() files at a time. The callbacks are called on those threads, never on
 // the GUI thread, one at a time (a lock orders them): the owner moves to its own thread by
-// itself. start(), stop(), finish() and recheck() may be called from any thread other than the
-// watcher's own and never wait for a scan; the destructor does.
+// itself. start(), stop(), scheduleScan() and recheck() may be called from any thread other
+// than the watcher's own and never wait for a scan; the destructor does.
 
 #include <QString>
 #include <QStringList>
@@ -36,6 +36,7 @@
 #include <string>
 #include <vector>
 
+#include "batch/EncodeScheduler.h"
 #include "engine/ThreadAnnotations.h"
 #include "hotfolders/HotFolder.h"
 #include "hotfolders/HotFolderProcessedStore.h"
@@ -53,6 +54,9 @@ struct HotFolderWatcherTiming {
   // Replaces the 30 s interval and turns polling on whatever the volume.
   std::optional<std::chrono::milliseconds> pollInterval{};
   std::chrono::milliseconds retryInterval{2000};  // while waiting for the folder
+  // Starts the debounce on the watcher's thread; empty: a QTimer. A test passes a clock of its
+  // own to say when the debounce has passed.
+  EncodeScheduler::TimerStarter startTimer{};
 };
 
 class HotFolderWatcher {
@@ -90,9 +94,17 @@ class HotFolderWatcher {
   void finish();
   // Whether the thread has ended (after finish()): the watcher can then be dropped at once.
   bool isFinished() const;
+  // A scan after the debounce. The one entry of every event-driven scan.
+  void scheduleScan();
   // Checks that the watched folder is still the one that is there (a mount made over it or an
   // unmount changes it): if it is not, the watch begins again; a waiting watcher tries at once.
   void recheck();
+
+  State state() const;
+  bool isWatching() const { return state() == State::watching; }
+
+  // Returns once the watcher's thread has handled what was asked of it before (a scan, say).
+  void waitUntilIdle();
 
   // Lists, picks, names, compresses and records once; returns when every compression it
   // started has ended. Runs on the watcher's thread (also callable directly, which tests do).

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <QFileInfo>
-#include <QTest>
 #include <list>
 #include <thread>
 
@@ -15,6 +14,7 @@
 #include "hotfolders/HotFolderProcessedStore.h"
 #include "records/ExportProfile.h"
 #include "tests/hotfolders/hot_folder_test_support.h"
+#include "tests/support/ManualClock.h"
 
 namespace quillane::testing {
 namespace {
@@ -59,28 +59,33 @@ TEST_F(HotFolderWatcherTest, FirstScanTakesWhatIsThereAndABurstOfEntriesGivesOne
   for (int i = 0; i < 50; ++i) writeBytes(pathOf(QStringLiteral("burst%1.jpg").arg(i)), bytes);
   ASSERT_TRUE(reports_.waitForLines(55));
   EXPECT_EQ(reports_.scanTotals(), (std::vector<int>{5, 50}));
-  watcher->finish();  // its thread ends after the scan has stored what it did
-  ASSERT_TRUE(QTest::qWaitFor([&] { return watcher->isFinished(); }, 10000));
+  watcher->stop();
+  watcher->waitUntilIdle();  // the scan has stored what it did
   for (const HotFolderActivity& line : reports_.lines())
     EXPECT_FALSE(line.error) << line.error->toStdString();
   EXPECT_EQ(outputs().size(), 55);
   EXPECT_EQ(HotFolderProcessedStore::folderState(watcher->hotFolder().idText()).size(), 55);
 }
 
+// The debounce runs on the test's clock: however much time passes, a stopped watcher's pending
+// scan never comes and a request after the stop queues none; started again, it scans.
 TEST_F(HotFolderWatcherTest, StopCancelsThePendingScanAndLaterRequestsQueueNothing) {
   putImage(QStringLiteral("a.jpg"));
-  Reports& replacement = others_.emplace_back();
-  const HotFolder hotFolder = folder();
-  auto first = watch(hotFolder, {.debounce = 200ms});
-  first->start();
-  ASSERT_TRUE(reports_.waitForState(State::watching));
-  first->stop();
-  first->recheck();
-  // The replacement's first scan comes due seconds after the cancelled one would have: the
-  // stopped watcher reported nothing, and its scan would have left nothing for the replacement.
-  watch(hotFolder, {.debounce = 3s}, &replacement)->start();
-  ASSERT_TRUE(replacement.waitForLines(1));
+  ManualClock clock;
+  auto watcher = watch(folder(), {.startTimer = clock.starter()});
+  watcher->start();
+  watcher->waitUntilIdle();  // watching, its first scan pending
+  ASSERT_TRUE(watcher->isWatching());
+  watcher->stop();
+  watcher->scheduleScan();
+  watcher->waitUntilIdle();
+  clock.advance(1h);
+  EXPECT_FALSE(watcher->isWatching());
   EXPECT_TRUE(reports_.lines().empty());
+  watcher->start();
+  watcher->waitUntilIdle();
+  clock.advance(1h);
+  EXPECT_EQ(reports_.lines().size(), 1u) << "the clock drives the debounce";
 }
 
 TEST_F(HotFolderWatcherTest, StabilityNeedsAnOldDateOrASizeThatHoldsStill) {
@@ -122,8 +127,8 @@ TEST_F(HotFolderWatcherTest, MemoryAcrossRestartsTakesOnlyChangedAndRenamedFiles
 
   // An empty listing (an unmounted volume's mount point) keeps the memory, or every file would
   // be compressed again once the volume is back; a listing with files prunes it.
-  watcher->finish();
-  ASSERT_TRUE(QTest::qWaitFor([&] { return watcher->isFinished(); }, 10000));
+  watcher->stop();
+  watcher->waitUntilIdle();
   const QString away = temp_.path() + QStringLiteral("/away");
   ASSERT_TRUE(QDir().rename(source_, away));
   ASSERT_TRUE(QDir().mkpath(source_));
@@ -264,6 +269,7 @@ TEST_F(HotFolderWatcherTest, FolderThatGoesAwayIsWaitedForAndWatchedAgainWhenItC
   ASSERT_TRUE(reports_.waitForState(State::watching));
   ASSERT_TRUE(QDir(source_).removeRecursively());
   ASSERT_TRUE(reports_.waitForState(State::waitingForFolder));
+  EXPECT_FALSE(watcher->isWatching());
   watcher->scanOnce();  // the folder unreadable: nothing reported, nothing stored
   EXPECT_TRUE(reports_.lines().empty());
 

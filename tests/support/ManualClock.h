@@ -15,7 +15,7 @@ class ManualClock {
   auto starter() {
     return [this](std::chrono::milliseconds delay, QObject* owner, std::function<void()> fire) -> QObject* {
       auto* timer = new QObject(owner);
-      timers_.emplace(now_ + delay, Timer{timer, std::move(fire)});
+      timers_.emplace(now_ + delay, std::pair(QPointer(timer), std::move(fire)));
       return timer;
     };
   }
@@ -24,22 +24,18 @@ class ManualClock {
     const auto until = now_ + by;
     for (auto next = timers_.begin(); next != timers_.end() && next->first <= until; next = timers_.begin()) {
       now_ = next->first;
-      const Timer timer = std::move(next->second);
+      const auto [timer, fire] = std::move(next->second);
       timers_.erase(next);
-      if (!timer.handle) continue;
-      timer.handle->deleteLater();
-      timer.fire();
+      if (!timer) continue;
+      timer->deleteLater();
+      fire();
     }
     now_ = until;
   }
 
  private:
-  struct Timer {
-    QPointer<QObject> handle;
-    std::function<void()> fire;
-  };
   std::chrono::milliseconds now_{0};
-  std::multimap<std::chrono::milliseconds, Timer> timers_;
+  std::multimap<std::chrono::milliseconds, std::pair<QPointer<QObject>, std::function<void()>>> timers_;
 };
 
 }  // namespace quillane::testing

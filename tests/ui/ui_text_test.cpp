@@ -110,43 +110,45 @@ TEST(ComparisonGeometry, TheWindowOpensForThePictureWithinTheScreenAtAnyScale) {
   }
 }
 
-// A provider answering on a thread of its own after a delay, to shuffle answer order.
-class DelayedProvider : public DropItemProvider {
+// A provider that answers when the test says, so that the answers come in any order.
+class HeldProvider : public DropItemProvider {
  public:
-  DelayedProvider(QVariant item, int delayMs, bool file = true)
-      : item_(std::move(item)), delayMs_(delayMs), file_(file) {}
+  explicit HeldProvider(QVariant item, bool file = true) : item_(std::move(item)), file_(file) {}
   bool hasFileURL() const override { return file_; }
   bool loaded = false;
   void loadItem(std::function<void(const QVariant&)> answer) override {
     loaded = true;
-    std::thread([item = item_, delay = delayMs_, answer] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(delay));
-      answer(item);
-    }).detach();
+    answer_ = std::move(answer);
   }
+  void answer() const { answer_(item_); }
 
  private:
   QVariant item_;
-  int delayMs_;
   bool file_;
+  std::function<void(const QVariant&)> answer_;
 };
 
 TEST(FileDrop, KeepsTheOrderOfTheDragWhateverOrderTheAnswersComeAndDeclinesADropWithoutFiles) {
   const QUrl a = QUrl::fromLocalFile("/tmp/a.png"), b = QUrl::fromLocalFile("/tmp/b.png"),
              c = QUrl::fromLocalFile("/tmp/c.png");
-  // c answers first, a last; data and URL items alike; a web link and an unreadable item in between.
+  // c answers first, a last, each on a thread of its own; data and URL items alike; a web link
+  // and an unreadable item in between.
+  auto first = std::make_shared<HeldProvider>(QVariant(a.toEncoded())),
+       second = std::make_shared<HeldProvider>(QVariant(b)),
+       unreadable = std::make_shared<HeldProvider>(QVariant()),
+       last = std::make_shared<HeldProvider>(QVariant(c));
   std::optional<QList<QUrl>> urls;
   EXPECT_TRUE(FileDropHandler::handle(
-      {std::make_shared<DelayedProvider>(QVariant(a.toEncoded()), 120),
-       std::make_shared<DelayedProvider>(QVariant(QUrl("https://x.test/")), 0, false),
-       std::make_shared<DelayedProvider>(QVariant(b), 60), std::make_shared<DelayedProvider>(QVariant(), 10),
-       std::make_shared<DelayedProvider>(QVariant(c), 0)},
+      {first, std::make_shared<HeldProvider>(QVariant(QUrl("https://x.test/")), false), second, unreadable,
+       last},
       [&](const QList<QUrl>& answered) { urls = answered; }));
+  for (const auto& provider : {last, unreadable, second, first})
+    std::thread(&HeldProvider::answer, provider).join();
   ASSERT_TRUE(QTest::qWaitFor([&] { return urls.has_value(); }, 3000));
   EXPECT_EQ(*urls, (QList<QUrl>{a, b, c}));
 
   // A drop without local files is declined and never completes.
-  auto link = std::make_shared<DelayedProvider>(QVariant(QUrl("https://x.test/")), 0, false);
+  auto link = std::make_shared<HeldProvider>(QVariant(QUrl("https://x.test/")), false);
   EXPECT_FALSE(FileDropHandler::handle({link}, [](const QList<QUrl>&) { ADD_FAILURE() << "completed"; }));
   EXPECT_FALSE(link->loaded) << "nothing is asked of a declined drop";
   QMimeData mixed;
