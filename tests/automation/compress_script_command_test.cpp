@@ -269,10 +269,7 @@ TEST_F(CompressCommand, ProfilesFillWhatIsNotGivenExplicitly) {
   QString file = source("p.png");
 
   EXPECT_EQ(destinations(run(QStringList{file}, {})), QStringList{"default/p.png"});
-  EXPECT_TRUE(QFileInfo::exists(out("default/p.png")));
-
   EXPECT_EQ(destinations(run(QStringList{file}, {{"profile", "wEB"}})), QStringList{"web/p.webp"});
-  EXPECT_TRUE(QFileInfo::exists(out("web/p.webp")));
 
   run(QStringList{file}, {{"profile", "Web"}, {"format", "avif"}, {"to", out("mine")}});
   EXPECT_TRUE(QFileInfo::exists(out("mine/p.avif")));
