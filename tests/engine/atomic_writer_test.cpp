@@ -89,9 +89,7 @@ TEST_F(AtomicWriter, OnlyAFileOrALinkIsReplacedAndAFailureNamesItsPlace) {
 
 TEST_F(AtomicWriter, AnOutputIsNoMoreReadableThanItsSourceOrTheFileItReplaces) {
   const auto mode = [&](const std::string& name) {
-    struct stat st {};
-    ::stat((dir_ + "/" + name).c_str(), &st);
-    return unsigned(st.st_mode & 0777);
+    return unsigned(fs::status(dir_ + "/" + name).permissions() & fs::perms::all);
   };
   const mode_t umask = ::umask(022);
   testing::writeBytes(dir_ + "/private.png", {'p'});

@@ -15,6 +15,24 @@
 namespace quillane {
 namespace {
 
+using Bytes = std::vector<uint8_t>;
+
+DecodedImage image8(int width, int height, AlphaInfo alpha, Bytes pixels) {
+  DecodedImage image;
+  image.width = width, image.height = height, image.alpha = alpha;
+  image.pixels8.assign(pixels.begin(), pixels.end());
+  return image;
+}
+
+// A 16-bit picture of one colour.
+DecodedImage image16(int width, int height, AlphaInfo alpha, std::array<uint16_t, 4> rgba) {
+  DecodedImage image;
+  image.width = width, image.height = height, image.bitsPerComponent = 16, image.alpha = alpha;
+  image.pixels16.resize(size_t(width) * size_t(height) * 4);
+  for (size_t i = 0; i < image.pixels16.size(); ++i) image.pixels16[i] = rgba[i % 4];
+  return image;
+}
+
 DecodedImage numbered(int w, int h) {
   DecodedImage image;
   image.width = w, image.height = h, image.alpha = AlphaInfo::straight;
@@ -35,8 +53,7 @@ TEST(Downscale, AveragesTheAreaEachNewPixelCoversIntoEightBitsAndNoSideRoundsToN
   EXPECT_EQ(out.pixels8[7], 255);
 
   // 3 to 2 in one dimension: the middle pixel is shared half and half.
-  DecodedImage three = numbered(3, 1);
-  three.pixels8 = {0, 0, 0, 255, 90, 0, 0, 255, 180, 0, 0, 255};
+  const DecodedImage three = image8(3, 1, AlphaInfo::straight, {0, 0, 0, 255, 90, 0, 0, 255, 180, 0, 0, 255});
   auto two = Resample::fitWithin(three, 2);
   ASSERT_EQ(two.width, 2);
   EXPECT_EQ(two.pixels8[0], 30);   // (0 * 1 + 90 * 0.5) / 1.5
@@ -83,27 +100,18 @@ TEST(FitBox, KeepsProportionsInEitherBoxAndNeverEnlarges) {
 
 TEST(FitBox, AveragesInLinearLightAndLetsNoTransparentColourBleed) {
   // Black and white columns halve to the grey of half the light (188), not of half the code (128).
-  DecodedImage stripes;
-  stripes.width = 64, stripes.height = 8;
-  for (int y = 0; y < 8; ++y)
-    for (int x = 0; x < 64; ++x) {
-      const uint8_t v = x % 2 ? 255 : 0;
-      stripes.pixels8.insert(stripes.pixels8.end(), {v, v, v, 255});
-    }
+  DecodedImage stripes = testing::solid(64, 8, 0, 0, 0);
+  for (size_t i = 4; i < stripes.pixels8.size(); i += 8) std::fill_n(&stripes.pixels8[i], 3, 255);
   DecodedImage grey = Resample::fitBox(stripes, 32, 0);
   ASSERT_EQ(grey.width, 32);
   ASSERT_EQ(grey.height, 4);
   EXPECT_NEAR(grey.pixels8[size_t(2 * 32 + 16) * 4], 188, 2);
 
   // Transparent red beside opaque blue: blue stays pure, alpha halves; depth and profile kept.
-  DecodedImage halves;
-  halves.width = 32, halves.height = 4, halves.bitsPerComponent = 16, halves.alpha = AlphaInfo::straight;
-  halves.colorSpace.icc = std::make_shared<const std::vector<uint8_t>>(fixtures::displayP3ICC());
-  for (int y = 0; y < 4; ++y)
-    for (int x = 0; x < 32; ++x)
-      halves.pixels16.insert(halves.pixels16.end(), x % 2
-                                                        ? std::initializer_list<uint16_t>{0, 0, 65535, 65535}
-                                                        : std::initializer_list<uint16_t>{65535, 0, 0, 0});
+  DecodedImage halves = image16(32, 4, AlphaInfo::straight, {0, 0, 65535, 65535});
+  halves.colorSpace.icc = std::make_shared<const Bytes>(fixtures::displayP3ICC());
+  const uint16_t transparentRed[] = {65535, 0, 0, 0};
+  for (size_t i = 0; i < halves.pixels16.size(); i += 8) std::copy_n(transparentRed, 4, &halves.pixels16[i]);
   DecodedImage out = Resample::fitBox(halves, 8, 8);
   ASSERT_EQ(out.bitsPerComponent, 16);
   ASSERT_EQ(out.width, 8);
@@ -117,28 +125,10 @@ TEST(FitBox, AveragesInLinearLightAndLetsNoTransparentColourBleed) {
 TEST(Exif, RejectsNonsense) {
   EXPECT_FALSE(Exif::orientation(fixtures::exifBlock(0)));
   EXPECT_FALSE(Exif::orientation(fixtures::exifBlock(9)));
-  fixtures::Bytes truncated = fixtures::exifBlock(6);
+  Bytes truncated = fixtures::exifBlock(6);
   truncated.resize(12);
   EXPECT_FALSE(Exif::orientation(truncated));
-  EXPECT_FALSE(Exif::orientation(fixtures::Bytes(40, 0xFF)));
-}
-
-using Bytes = std::vector<uint8_t>;
-
-DecodedImage image8(int width, int height, AlphaInfo alpha, Bytes pixels) {
-  DecodedImage image;
-  image.width = width, image.height = height, image.alpha = alpha;
-  image.pixels8.assign(pixels.begin(), pixels.end());
-  return image;
-}
-
-// A 16-bit picture of one colour.
-DecodedImage image16(int width, int height, AlphaInfo alpha, std::array<uint16_t, 4> rgba) {
-  DecodedImage image;
-  image.width = width, image.height = height, image.bitsPerComponent = 16, image.alpha = alpha;
-  image.pixels16.resize(size_t(width) * size_t(height) * 4);
-  for (size_t i = 0; i < image.pixels16.size(); ++i) image.pixels16[i] = rgba[i % 4];
-  return image;
+  EXPECT_FALSE(Exif::orientation(Bytes(40, 0xFF)));
 }
 
 TEST(RGBABuffer8Bit, UnpremultiplyRoundsHalvesAwayFromZeroAfterDividingFirst) {
