@@ -478,7 +478,7 @@ WebPEncodeSpy* webpSpy = nullptr;
 
 TEST(Cancellation, ACancelDuringWebPsLossyTryNeverStartsTheLosslessEncoding) {
   DecodedImage image = testing::solid(200, 200, 200, 200, 200);
-  for (size_t i = 100 * 200; i < 200 * 200; ++i)
+  for (size_t i = size_t{100} * 200; i < size_t{200} * 200; ++i)
     std::fill_n(&image.pixels8[i * 4], 3, uint8_t(i % 200 * 2 % 256));
   const Bytes png = fixtures::png(image, {.alpha = false});
 

@@ -54,7 +54,6 @@ TEST(ImageAnalyzerSampling, TinyPicturesAreFlatAndThreeByThreeSamplesOnlyTheCent
 }
 
 // Luma steps: a 3 by 3 picture whose centre differs from its ring by exactly g.
-
 TEST(ImageAnalyzerLumaStep, ThresholdsAreHitExactly) {
   struct {
     const char* name;
