@@ -1,7 +1,7 @@
 #pragma once
-// A sandbox for hot-folder tests: a store folder, a source and a destination folder inside
-// one temporary folder, small real JPEGs, and a thread-safe log of what a watcher reports
-// with bounded waits on it.
+// A sandbox for hot-folder tests: the records tests' store folder, a source and a destination
+// folder beside it, small real JPEGs, and a thread-safe log of what a watcher reports with
+// bounded waits on it.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,14 +9,13 @@
 
 #include <QDir>
 #include <QFile>
-#include <QTemporaryDir>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 
 #include "hotfolders/HotFolder.h"
 #include "hotfolders/HotFolderWatcher.h"
-#include "records/JSONFileStore.h"
+#include "tests/records/records_test_support.h"
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
 
@@ -77,13 +76,12 @@ class Reports {
   std::vector<HotFolderWatcher::State> states_;
 };
 
-class HotFolderSandbox : public ::testing::Test {
+class HotFolderSandbox : public StoreFolderTest {
  protected:
   void SetUp() override {
+    StoreFolderTest::SetUp();
     ASSERT_TRUE(QDir().mkpath(source_));
-    JSONFileStore::setFolderForTesting(temp_.path() + QStringLiteral("/store"));
   }
-  void TearDown() override { JSONFileStore::setFolderForTesting({}); }
 
   HotFolder folder() const {
     return {
@@ -110,7 +108,6 @@ class HotFolderSandbox : public ::testing::Test {
   }
   QStringList outputs() const { return QDir(destination_).entryList(QDir::Files | QDir::Hidden, QDir::Name); }
 
-  QTemporaryDir temp_;
   QString source_ = temp_.path() + QStringLiteral("/in");
   QString destination_ = temp_.path() + QStringLiteral("/out");
 };

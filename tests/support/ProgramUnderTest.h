@@ -1,7 +1,7 @@
 #pragma once
 // The built executables started as a user would: from beside the test binary (or
-// $QUILLANE_BIN_DIR), in a sandbox folder of their own, run to their end or polled for what
-// they do.
+// $QUILLANE_BIN_DIR), in a sandbox folder of their own, run to their end; and the small
+// pictures and settings files a user hands them.
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>

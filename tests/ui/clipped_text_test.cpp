@@ -62,12 +62,10 @@ using TrayMenu = UiFixture;
 TEST_F(ClippedText, NoTextOfTheBarOrATabIsCutInAnyLanguageAtMinimumSize) {
   makeModel();
   ASSERT_TRUE(settle({source("mountain-lake-at-dawn.jpg", 2'400'000), source("logo.png", 18'000),
-                      source("broken.avif", 50'000, {.failEncode = true}),
-                      QUrl::fromLocalFile(dir_.filePath("notes.txt"))}));
+                      source("broken.avif", 50'000, {.failEncode = true}), url("notes.txt")}));
   import({source("slow-panorama.png", 5'000'000)});
   QDir(dir_.path()).mkpath("out");
-  EXPECT_TRUE(
-      await(model_->exportSingle(model_->images()[0], QUrl::fromLocalFile(dir_.filePath("out/a.jpg")))));
+  EXPECT_TRUE(await(model_->exportSingle(model_->images()[0], url("out/a.jpg"))));
   ui::ExportHistoryView history(*model_, false);
   EXPECT_EQ(history.rowCount(), 1);
   model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true));

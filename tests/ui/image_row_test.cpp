@@ -111,8 +111,7 @@ TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRowAndAFormatNotReadOffersNo
   makeModel();
   const QUrl gif = BatchFixture::source("anim.gif", "GIF89a");
   inspectAs("anim.gif", {.fail = true});  // as the engine's inspection of a GIF
-  ASSERT_TRUE(settle({QUrl::fromLocalFile(dir_.filePath("missing1.png")), source("a.png"),
-                      QUrl::fromLocalFile(dir_.filePath("missing2.png")), gif}));
+  ASSERT_TRUE(settle({url("missing1.png"), source("a.png"), url("missing2.png"), gif}));
   ASSERT_EQ(model_->importFailures().size(), 3u);
   const QModelIndex foreign = list().listModel().index(3);
   EXPECT_FALSE(list().rowDelegate().isEnabled(foreign, RowHit::failureRetry));

@@ -79,7 +79,7 @@ class MainWindowTest : public WindowFixture {
 };
 
 // Export waits for the pending recompute and for encoding, and the slider for its release.
-TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatch) {
+TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
   window();
   const auto shown = [&] {
     return std::vector<bool>{window().showsList(), bar().countLabel()->isVisible(),
@@ -90,7 +90,7 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatch) {
   EXPECT_FALSE(bar().historyButton()->isVisible() || bar().profileMenu()->isVisible() ||
                bar().progressGroup()->isVisible() || window().exportAction()->isEnabled());
 
-  import({QUrl::fromLocalFile(dir_.filePath("missing.png"))});
+  import({url("missing.png")});
   EXPECT_EQ(shown(), (std::vector<bool>{true, false, false, false})) << "a failed import alone";
   EXPECT_EQ(window().imageList()->listModel().rowCount(), 2);  // header and failure
 
@@ -125,10 +125,8 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatch) {
   ASSERT_TRUE(waitIdle());
   EXPECT_TRUE(exportEnabled());
   EXPECT_FALSE(bar().progressGroup()->isVisible());
-}
 
-TEST_F(MainWindowTest, TheProfileMenuAppearsWithProfilesAndNoneKeepsTheSettings) {
-  window();
+  // The profile menu comes with a profile; choosing none after one keeps the profile's settings.
   model_->upsertExportProfile(profile("Web", ImageFormat::webp, 60));
   EXPECT_TRUE(bar().profileMenu()->isVisible());
   bar().profileMenu()->rebuildMenu();
@@ -248,14 +246,13 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
   front.show();
   front.activateWindow();
   ASSERT_TRUE(QTest::qWaitForWindowActive(&front));
-  await(model_->exportAll(QUrl::fromLocalFile(dir_.filePath("out"))));
+  await(model_->exportAll(url("out")));
   ui::ExportSummaryView* summary = window().exportSummary();
   ASSERT_TRUE(summary->isVisible());
   // Two written at quality 75 (750 bytes each) from 5750-byte sources; the failure counted.
   EXPECT_EQ(summary->textLabel()->text().split('\n'),
             (QStringList{"Fichiers exportés : 2 · espace gagné : 10 kB", "Remplacés : a.jpg", "Échecs : 1"}));
-  const QList<QUrl> written{QUrl::fromLocalFile(dir_.filePath("out/a.jpg")),
-                            QUrl::fromLocalFile(dir_.filePath("out/b.jpg"))};
+  const QList<QUrl> written{url("out/a.jpg"), url("out/b.jpg")};
   summary->showInFolderButton()->click();
   EXPECT_EQ(shown->shown, QList<QList<QUrl>>{written});
 
@@ -292,8 +289,8 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
 // row under the first press; an open quality popup moves with its row when a row above it goes.
 TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenReadersAndDoneOnce) {
   window();
-  ASSERT_TRUE(settle({QUrl::fromLocalFile(dir_.filePath("missing.png")), source("a.png"), source("b.png"),
-                      source("c.png"), source("d.png"), source("e.png")}));
+  ASSERT_TRUE(settle({url("missing.png"), source("a.png"), source("b.png"), source("c.png"), source("d.png"),
+                      source("e.png")}));
   window().activateWindow();
   ASSERT_TRUE(QTest::qWaitForWindowActive(&window()));
   ui::ImageListView& list = *window().imageList();

@@ -53,6 +53,8 @@ class UiFixture : public testing::BatchFixture {
     inspectAs(name, file);
     return BatchFixture::source(name, content);
   }
+  // The URL of `name` in the test's folder.
+  QUrl url(const QString& name) const { return QUrl::fromLocalFile(dir_.filePath(name)); }
   // Imports, and waits until every encode has finished.
   bool settle(const QList<QUrl>& urls, int timeoutMs = 5000) {
     import(urls);
