@@ -6,15 +6,12 @@
 #include <QString>
 #include <optional>
 #include <string>
-#include <string_view>
 
 namespace quillane::batchdetail {
 
 // The localised description of whatever an engine call threw; `fallback` for errors that
 // carry none of their own. REQUIRES: called inside a catch block.
 QString describeCurrentException(const QString& fallback);
-
-inline QString toQString(std::string_view s) { return QString::fromUtf8(s.data(), qsizetype(s.size())); }
 
 // Atomic whole-file write (temporary file in the same folder, then rename) of `path`, the file
 // system's bytes. Nothing on success, the system's text on failure; a failure leaves any

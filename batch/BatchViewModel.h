@@ -222,7 +222,6 @@ class BatchViewModel : public QObject {
   const std::optional<QString>& appliedProfileName() const { return appliedProfileName_; }
   // The profile menu's "none" entry sets nullopt; nothing else changes.
   void setAppliedProfileName(std::optional<QString> name);
-  const std::optional<QUrl>& lastAppliedProfileFolder() const { return lastAppliedProfileFolder_; }
 
   // ---- History ----
   // Newest first.

@@ -37,7 +37,6 @@ struct EncodeState {
   static EncodeState ready(int64_t sizeBytes) { return {Kind::ready, sizeBytes, {}}; }
   static EncodeState failed(QString message) { return {Kind::failed, 0, std::move(message)}; }
 
-  bool isIdle() const { return kind == Kind::idle; }
   bool isEncoding() const { return kind == Kind::encoding; }
   bool isReady() const { return kind == Kind::ready; }
   bool isFailed() const { return kind == Kind::failed; }
@@ -132,7 +131,6 @@ class ImportedImage : public QObject {
   // Plain fields. GUI thread only.
   // Set when an export is attempted, before the write; the retry of a failed export uses it.
   const std::optional<QUrl>& lastExportDestination() const { return lastExportDestination_; }
-  uint64_t encodeGeneration() const { return encodeGeneration_; }
 
   // Stores the override and signals it; nothing more. Callers that want the image re-encoded
   // and the session saved use BatchViewModel::setQualityOverride instead.

@@ -43,7 +43,6 @@ class JsonValue {
   bool isNull() const { return std::holds_alternative<std::nullptr_t>(v_); }
   bool isObject() const { return std::holds_alternative<Object>(v_); }
   bool isArray() const { return std::holds_alternative<Array>(v_); }
-  const Object& asObject() const { return std::get<Object>(v_); }
 
   struct WriteOptions {
     bool sortKeys = false;

@@ -126,13 +126,6 @@ static_assert(std::endian::native == std::endian::little, "the opaque copy assum
 
 }  // namespace
 
-bool RGBABuffer::unpremultiply(std::vector<uint8_t>& bytes) {
-  const AlphaTable& table = unpremultiplyTable();
-  bool any = false;
-  for (size_t i = 0; i + 3 < bytes.size(); i += 4) any |= applyAlphaTable(&bytes[i], table);
-  return any;
-}
-
 bool RGBABuffer::takesDitheredRoute(const DecodedImage& image) {
   return image.bitsPerComponent > 8 && uint64_t(image.width) * uint64_t(image.height) <= kDitherPixelLimit;
 }

@@ -31,9 +31,6 @@ struct RGBABuffer {
   // Largest 16-bit picture that takes the dithered route.
   static constexpr uint64_t kDitherPixelLimit = 40'000'000;
 
-  // In place; returns whether any alpha was below 255. Exposed for tests.
-  static bool unpremultiply(std::vector<uint8_t>& bytes);
-
   // True for a picture of more than 8 bits a sample and at most kDitherPixelLimit pixels:
   // those are dithered down; larger ones are rounded to the nearest 8-bit level.
   static bool takesDitheredRoute(const DecodedImage& image);

@@ -151,10 +151,6 @@ double requireDateSeconds(const QJsonObject& object, const QString& key) {
   return seconds;
 }
 
-QDateTime requireDate(const QJsonObject& object, const QString& key) {
-  return dateFromSecondsSince2001(requireDateSeconds(object, key));
-}
-
 QString requireFileURL(const QJsonObject& object, const QString& key) {
   return localPathFromURLText(key, requireString(object, key));
 }

@@ -62,8 +62,7 @@ ImageFormat requireFormat(const QJsonObject& object, const QString& key);
 // The four keys setSizeOptions writes, each optional (missing, null, 0 or out of range: off);
 // one of the wrong type throws. Records of earlier versions have none of them.
 CompressionOptions sizeOptions(const QJsonObject& object);
-QDateTime requireDate(const QJsonObject& object, const QString& key);
-double requireDateSeconds(const QJsonObject& object, const QString& key);  // the stored value itself
+double requireDateSeconds(const QJsonObject& object, const QString& key);  // seconds since 2001
 // A "file:" URL, given back as its local path. A bare absolute path is taken as it stands.
 QString requireFileURL(const QJsonObject& object, const QString& key);
 std::optional<QString> optionalFileURL(const QJsonObject& object, const QString& key);

@@ -66,7 +66,6 @@ class HotFoldersSettingsView : public QWidget {
 
   const std::optional<QUuid>& editingID() const { return editingID_; }
   QLineEdit* nameField() const { return name_; }
-  QCheckBox* enabledToggle() const { return isEnabled_; }
   QPushButton* saveButton() const { return save_; }
   QPushButton* profileButton() const { return profileButton_; }
   QPushButton* formatButton() const { return formatButton_; }

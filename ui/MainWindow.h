@@ -52,7 +52,6 @@ class MainWindow : public QMainWindow {
   ControlsBar* controlsBar() const { return bar_; }
   DropTargetView* dropTarget() const { return drop_; }
   ImageListView* imageList() const { return list_; }
-  QUndoStack* undoStack() const { return undoStack_; }
   ExportSummaryView* exportSummary() const { return summary_; }
   bool showsList() const;
   QAction* exportAction() const { return exportAction_; }

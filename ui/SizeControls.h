@@ -42,7 +42,6 @@ class SizeOptionsEditor : public QWidget {
   QCheckBox* budgetToggle() const { return budget_; }
   QDoubleSpinBox* budgetField() const { return amount_; }
   QComboBox* unitField() const { return unit_; }
-  QCheckBox* skipLargerToggle() const { return skipLarger_; }
 
  signals:
   // Every edit by the user, with the options it leaves.

@@ -20,7 +20,6 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
-#include <thread>
 
 #include "batch/BatchViewModel.h"
 #include "engine/Cancellation.h"
@@ -46,9 +45,8 @@ struct FakeFile {
   int64_t encodedSize = -1;  // -1: quality x 10
   bool failEncode = false;
   bool transparent = false;  // the thumbnail, where there is one, has a clear corner
-  int delayMs = 0;
-  bool fail = false;   // the inspection fails
-  bool gated = false;  // the inspection waits for the gate to open
+  bool fail = false;         // the inspection fails
+  bool gated = false;        // the inspection waits for the gate to open
 };
 
 class BatchFixture : public ::testing::Test {
@@ -82,7 +80,6 @@ class BatchFixture : public ::testing::Test {
       const FakeFile entry = files_.count(name) ? files_[name] : FakeFile{};
       if (entry.gated) gate_.wait_for(lock, std::chrono::seconds(10), [this] { return gateOpen_; });
       lock.unlock();
-      std::this_thread::sleep_for(std::chrono::milliseconds(entry.delayMs));
       const auto counted = qScopeGuard([this] {
         std::lock_guard countLock(mutex_);
         ++inspected_;

@@ -145,8 +145,19 @@ TEST_F(ExportTest, ProfilesAreSavedAtEachChangeAndDeletingTheAppliedOneKeepsItsF
   model.applyExportProfile(web);
   model.deleteExportProfile({web.id, "WEB", ImageFormat::avif, 50, std::nullopt, false, {}});  // by id
   EXPECT_TRUE(ExportProfiles::load().empty());
-  EXPECT_EQ(model.lastAppliedProfileFolder(), QUrl::fromLocalFile("/srv/out"))
-      << "the export dialog opens there";
+  struct Dialogs : FileDialogs {
+    std::optional<QUrl> start;
+    QList<QUrl> chooseFilesToImport() override { return {}; }
+    std::optional<QUrl> chooseExportFolder(const std::optional<QUrl>& folder, const QString&,
+                                           const QString&) override {
+      start = folder;
+      return std::nullopt;
+    }
+    void showInFileManager(const QUrl&) override {}
+  } dialogs;
+  model.setFileDialogs(&dialogs);
+  model.promptExportAll();
+  EXPECT_EQ(dialogs.start, QUrl::fromLocalFile("/srv/out")) << "the export dialog opens there";
 }
 
 TEST(ExportFilenameAllocator, ClashesIgnoreCaseNumberFromTwoAndSkipNamesTaken) {

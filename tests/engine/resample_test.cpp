@@ -132,16 +132,17 @@ TEST(Exif, RejectsNonsense) {
 }
 
 TEST(RGBABuffer8Bit, UnpremultiplyRoundsHalvesAwayFromZeroAfterDividingFirst) {
-  Bytes bytes = {
-      64, 32, 1,  128,  // 255/128 x 64 = 127.5 exactly: rounds up
-      25, 45, 85, 50,   // 255/50 x 25 is 127.49999999999999 in double: 127, not 128; 85 clamps
-      10, 20, 30, 0,    // transparent: no colour left
-      9,  8,  7,  255,  // opaque: untouched
-  };
-  EXPECT_TRUE(RGBABuffer::unpremultiply(bytes));
-  EXPECT_EQ(bytes, (Bytes{128, 64, 2, 128, 127, 229, 255, 50, 0, 0, 0, 0, 9, 8, 7, 255}));
-  Bytes opaque = {1, 2, 3, 255};
-  EXPECT_FALSE(RGBABuffer::unpremultiply(opaque));
+  const RGBABuffer buffer(image8(4, 1, AlphaInfo::premultiplied,
+                                 {
+                                     64, 32, 1, 128,  // 255/128 x 64 = 127.5 exactly: rounds up
+                                     25, 45, 85, 50,  // 255/50 x 25 is 127.49999999999999 in double: 127,
+                                                      // not 128; 85 clamps
+                                     10, 20, 30, 0,   // transparent: no colour left
+                                     9, 8, 7, 255,    // opaque: untouched
+                                 }));
+  EXPECT_EQ(buffer.pixels, (Bytes{128, 64, 2, 128, 127, 229, 255, 50, 0, 0, 0, 0, 9, 8, 7, 255}));
+  EXPECT_TRUE(buffer.hasAlpha);
+  EXPECT_FALSE(RGBABuffer(image8(1, 1, AlphaInfo::premultiplied, {1, 2, 3, 255})).hasAlpha);
 }
 
 TEST(RGBABuffer8Bit, AlphaIsFullForOpaqueSourcesAndGoesThroughPremultipliedRoundingOtherwise) {

@@ -269,9 +269,9 @@ TEST(ExportRecordJSON, WritesTheStoredFormsWithDatesFrom2001) {
             R"("destinationURL":"file:///tmp/out%20dir/%C3%89t%C3%A9.heic","format":"heic",)"
             R"("sizeBytes":5497558138880,"date":1.5})");
   r.date = utc("2000-12-31T23:59:59Z");
-  EXPECT_EQ(ExportHistory::toJson(r).asObject().back().second.write(), "-1");
+  EXPECT_TRUE(ExportHistory::toJson(r).write().ends_with(R"("date":-1})"));
   r.date = utc("2024-03-01T12:00:00.250+01:00");
-  EXPECT_EQ(ExportHistory::toJson(r).asObject().back().second.write(), "730983600.25");
+  EXPECT_TRUE(ExportHistory::toJson(r).write().ends_with(R"("date":730983600.25})"));
 }
 
 TEST_F(StoreFolderTest, HistoryRoundTripsAndEveryFieldIsRequired) {
