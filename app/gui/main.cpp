@@ -10,17 +10,21 @@
 //   quillane -h, --help, --version, and the usage for anything else (LaunchArguments.h)
 //   quillane --service          started by the bus for the Compress method: no window until
 //                               a launch asks for one, and gone after a quiet minute
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <QApplication>
 #include <QCoreApplication>
 #include <QDBusConnection>
+#include <QDBusServiceWatcher>
+#include <QEventLoop>
 #include <QSocketNotifier>
 #include <QStringList>
-#include <QThread>
+#include <QTimer>
 #include <QUrl>
 #include <climits>
 #include <cstdio>
@@ -51,13 +55,18 @@ void raiseDescriptorLimit() {
 }
 
 // After a change of language the previous instance starts this one and then quits. Wait
-// for it to be gone (a few seconds at most) so that it has released the local API's port
-// before this instance binds it.
+// for it to be gone (five seconds at most) so that it has released the local API's port
+// before this instance binds it: its process descriptor becomes readable when it ends.
 void waitForReplacedInstance() {
   const qint64 pid = qEnvironmentVariableIntValue("QUILLANE_RELAUNCHED_FROM");
   qunsetenv("QUILLANE_RELAUNCHED_FROM");
   if (pid <= 0) return;
-  for (int attempt = 0; attempt < 50 && ::kill(pid_t(pid), 0) == 0; ++attempt) QThread::msleep(100);
+  const int process = int(::syscall(SYS_pidfd_open, pid_t(pid), 0));
+  if (process < 0) return;  // gone already
+  pollfd ended{process, POLLIN, 0};
+  while (::poll(&ended, 1, 5000) < 0 && errno == EINTR) {
+  }
+  ::close(process);
 }
 
 // The working folder as bytes, for relative file arguments.
@@ -77,13 +86,17 @@ bool hasDisplay() {
 constexpr int kServiceQuietMs = 60 * 1000;
 constexpr int kHandOverPollMs = 100;
 
-// Waits, ten seconds at most, until no process owns the bus name.
+// Waits, ten seconds at most, until no process owns the bus name: the bus says when it is
+// released.
 bool waitUntilNameIsFree(const QDBusConnection& connection) {
-  for (int attempt = 0; attempt < 200; ++attempt) {
-    if (!quillane::QuillaneBusClient::isRunning(connection)) return true;
-    QThread::msleep(50);
-  }
-  return false;
+  QDBusServiceWatcher released(quillane::QuillaneBusService::serviceName, connection,
+                               QDBusServiceWatcher::WatchForUnregistration);
+  QEventLoop loop;
+  QObject::connect(&released, &QDBusServiceWatcher::serviceUnregistered, &loop, &QEventLoop::quit);
+  QTimer::singleShot(10000, &loop, &QEventLoop::quit);
+  // Asked once the watch is in place, so that a release in between is not missed.
+  if (quillane::QuillaneBusClient::isRunning(connection)) loop.exec();
+  return !quillane::QuillaneBusClient::isRunning(connection);
 }
 
 int quitSignalPipe[2] = {-1, -1};
