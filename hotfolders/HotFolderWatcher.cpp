@@ -60,7 +60,9 @@ bool statFolder(const QString& folder, struct stat& st) {
 // thread has ended.
 class HotFolderWatcher::Loop : public QObject {
  public:
-  explicit Loop(HotFolderWatcher& watcher) : watcher_(watcher) {
+  explicit Loop(HotFolderWatcher& watcher)
+      : watcher_(watcher),
+        startTimer_(watcher.timing_.startTimer ? watcher.timing_.startTimer : &EncodeScheduler::startQTimer) {
     connect(&poll_, &QTimer::timeout, this, [this] { scanIfRunning(); });  // a poll is not debounced
     connect(&retry_, &QTimer::timeout, this, [this] { open(); });
   }
@@ -117,10 +119,8 @@ class HotFolderWatcher::Loop : public QObject {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         firstRequest_ + watcher_.timing_.longestDelay - now);
     delete debounce_;
-    const auto start =
-        watcher_.timing_.startTimer ? watcher_.timing_.startTimer : &EncodeScheduler::startQTimer;
     debounce_ =
-        start(std::clamp(left, std::chrono::milliseconds(0), watcher_.timing_.debounce), this, [this] {
+        startTimer_(std::clamp(left, std::chrono::milliseconds(0), watcher_.timing_.debounce), this, [this] {
           debounce_ = nullptr;
           scanIfRunning();
         });
@@ -184,6 +184,7 @@ class HotFolderWatcher::Loop : public QObject {
   }
 
   HotFolderWatcher& watcher_;
+  const EncodeScheduler::TimerStarter startTimer_;
   int fd_ = -1;
   QSocketNotifier* notifier_ = nullptr;
   QPointer<QObject> debounce_;  // the pending scan's timer, null once it has fired or stopped
