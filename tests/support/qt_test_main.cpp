@@ -31,6 +31,7 @@
 
 namespace {
 
+#ifndef QUILLANE_SANITIZED
 // Async-signal-safe output only: write(2), no allocation, no stdio.
 void say(const char* text) {
   size_t length = 0;
@@ -97,6 +98,7 @@ void printStackAndDie(int signal, siginfo_t* info, void*) {
   // SA_RESETHAND has put the default action back: die of the same signal, as ctest expects.
   ::raise(signal);
 }
+#endif
 
 void printStacksOfFatalSignals() {
 #ifndef QUILLANE_SANITIZED
