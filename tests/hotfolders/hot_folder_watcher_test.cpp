@@ -41,9 +41,10 @@ class HotFolderWatcherTest : public HotFolderSandbox {
     for (int i = 0; i < scans; ++i) watcher->scanOnce();
     return watcher;
   }
-  // Outlive every watcher that reports to them.
+  // Outlive every watcher that reports to them or times its debounce on them.
   Reports reports_;
   std::list<Reports> others_;
+  ManualClock clock_;
   std::vector<std::unique_ptr<HotFolderWatcher>> watchers_;
 };
 
@@ -71,20 +72,19 @@ TEST_F(HotFolderWatcherTest, FirstScanTakesWhatIsThereAndABurstOfEntriesGivesOne
 // scan never comes and a request after the stop queues none; started again, it scans.
 TEST_F(HotFolderWatcherTest, StopCancelsThePendingScanAndLaterRequestsQueueNothing) {
   putImage(QStringLiteral("a.jpg"));
-  ManualClock clock;
-  auto watcher = watch(folder(), {.startTimer = clock.starter()});
+  auto watcher = watch(folder(), {.startTimer = clock_.starter()});
   watcher->start();
   watcher->waitUntilIdle();  // watching, its first scan pending
   ASSERT_TRUE(watcher->isWatching());
   watcher->stop();
   watcher->scheduleScan();
   watcher->waitUntilIdle();
-  clock.advance(1h);
+  clock_.advance(1h);
   EXPECT_FALSE(watcher->isWatching());
   EXPECT_TRUE(reports_.lines().empty());
   watcher->start();
   watcher->waitUntilIdle();
-  clock.advance(1h);
+  clock_.advance(1h);
   EXPECT_EQ(reports_.lines().size(), 1u) << "the clock drives the debounce";
 }
 
