@@ -309,11 +309,12 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
                                              candidate.destinationFilename, false, settings.sizing),
                    completed, total);
           } catch (...) {
-            // Out of memory before the file's outcome was told: it fails, and the scan goes on
-            // (an escape here would end the process, and the scan would wait for this worker).
-            ImageCompressionResult failed;
-            failed.error = genericError().toStdString();
+            // Out of memory before the file's outcome was told: it fails, and the scan goes on.
+            // Nothing escapes, the making of the failure's text included: an escape would end
+            // the process, and the scan would wait for this worker.
             try {
+              ImageCompressionResult failed;
+              failed.error = genericError().toStdString();
               record(candidate, failed, completed, total);
             } catch (...) {
               // its next scan takes it again

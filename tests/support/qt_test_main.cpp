@@ -31,6 +31,7 @@
 
 namespace {
 
+#ifndef QUILLANE_SANITIZED
 // Async-signal-safe output only: write(2), no allocation, no stdio.
 void say(const char* text) {
   size_t length = 0;
@@ -57,14 +58,34 @@ void sayNumber(long number) {
   say(at);
 }
 
-void printStackAndDie(int signal) {
+void sayAddress(const void* address) {
+  char digits[2 + 2 * sizeof(uintptr_t) + 1];
+  char* at = digits + sizeof digits;
+  *--at = '\0';
+  uintptr_t rest = reinterpret_cast<uintptr_t>(address);
+  do {
+    *--at = "0123456789abcdef"[rest % 16];
+    rest /= 16;
+  } while (rest != 0);
+  *--at = 'x';
+  *--at = '0';
+  say(at);
+}
+
+void printStackAndDie(int signal, siginfo_t* info, void*) {
   char thread[17] = {};
   ::prctl(PR_GET_NAME, thread, 0, 0, 0);
   say("\n*** Fatal signal ");
   sayNumber(signal);
   say(" (");
   say(sigabbrev_np(signal) ? sigabbrev_np(signal) : "?");
-  say(") in thread ");
+  say(")");
+  // The address a fault touched: near zero, a null pointer; elsewhere, memory already given back.
+  if (signal != SIGABRT && info) {
+    say(" at ");
+    sayAddress(info->si_addr);
+  }
+  say(" in thread ");
   sayNumber(long(::syscall(SYS_gettid)));
   say(" \"");
   say(thread);
@@ -77,6 +98,7 @@ void printStackAndDie(int signal) {
   // SA_RESETHAND has put the default action back: die of the same signal, as ctest expects.
   ::raise(signal);
 }
+#endif
 
 void printStacksOfFatalSignals() {
 #ifndef QUILLANE_SANITIZED
@@ -90,8 +112,8 @@ void printStacksOfFatalSignals() {
   stack.ss_size = sizeof alternateStack;
   ::sigaltstack(&stack, nullptr);
   struct sigaction action {};
-  action.sa_handler = printStackAndDie;
-  action.sa_flags = SA_RESETHAND | SA_ONSTACK;
+  action.sa_sigaction = printStackAndDie;
+  action.sa_flags = SA_SIGINFO | SA_RESETHAND | SA_ONSTACK;
   sigemptyset(&action.sa_mask);
   for (int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) ::sigaction(signal, &action, nullptr);
 #endif
