@@ -224,7 +224,7 @@ class HotFolderWatcher::Loop : public QObject {
 
 HotFolderWatcher::HotFolderWatcher(HotFolder hotFolder, Timing timing, VolumeCheck volumeCheck)
     : hotFolder_(std::move(hotFolder)),
-      timing_(timing),
+      timing_(std::move(timing)),
       volumeCheck_(std::move(volumeCheck)),
       thread_(std::make_unique<WatcherThread>([this] {
         reportFolderError(QString::fromStdString(
