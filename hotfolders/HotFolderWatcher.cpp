@@ -12,6 +12,8 @@
 #include <QThread>
 #include <QTimer>
 
+#include "engine/Localization.h"
+
 namespace quillane {
 namespace {
 
@@ -52,6 +54,32 @@ bool isRemoteFileSystem(unsigned long type) {
 bool statFolder(const QString& folder, struct stat& st) {
   return ::stat(QFile::encodeName(folder).constData(), &st) == 0 && S_ISDIR(st.st_mode);
 }
+
+// The watcher's thread. What escapes one of its events (memory running out, say) leaves the
+// event loop, is said through `escaped`, and the loop goes on: it never ends the process.
+class WatcherThread : public QThread {
+ public:
+  explicit WatcherThread(std::function<void()> escaped) : escaped_(std::move(escaped)) {}
+
+ protected:
+  void run() override {
+    for (;;) {
+      try {
+        exec();
+        return;
+      } catch (...) {
+        try {
+          escaped_();
+        } catch (...) {
+          // not even that could be said
+        }
+      }
+    }
+  }
+
+ private:
+  const std::function<void()> escaped_;
+};
 
 }  // namespace
 
@@ -196,9 +224,12 @@ class HotFolderWatcher::Loop : public QObject {
 
 HotFolderWatcher::HotFolderWatcher(HotFolder hotFolder, Timing timing, VolumeCheck volumeCheck)
     : hotFolder_(std::move(hotFolder)),
-      timing_(timing),
+      timing_(std::move(timing)),
       volumeCheck_(std::move(volumeCheck)),
-      thread_(std::make_unique<QThread>()),
+      thread_(std::make_unique<WatcherThread>([this] {
+        reportFolderError(QString::fromStdString(
+            Localization::text("error.generic", "L'opération n'a pas pu être effectuée.")));
+      })),
       loop_(new Loop(*this)) {
   thread_->setObjectName(QStringLiteral("com.quillane.Quillane.hotFolderWatcher.") + hotFolder_.idText());
   loop_->moveToThread(thread_.get());

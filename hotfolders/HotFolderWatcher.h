@@ -18,7 +18,8 @@
 //
 // Threads: everything of one watcher (events, timers, the whole blocking scan) runs on its
 // own QThread and its event loop, named "com.quillane.Quillane.hotFolderWatcher.<ID>", so
-// scans of one folder never overlap. A scan compresses on a shared pool, at most
+// scans of one folder never overlap; what escapes an event there (memory running out) is
+// reported as a line about the folder, and the loop goes on. A scan compresses on a shared pool, at most
 // concurrencyLimit() files at a time. The callbacks are called on those threads, never on
 // the GUI thread, one at a time (a lock orders them): the owner moves to its own thread by
 // itself. start(), stop(), scheduleScan() and recheck() may be called from any thread other

@@ -85,6 +85,19 @@ TEST_F(HotFolderWatcherTest, StopCancelsThePendingScanAndLaterRequestsQueueNothi
   EXPECT_EQ(reports_.lines().size(), 1u) << "the clock drives the debounce";
 }
 
+// What escapes the watcher's thread (here the volume check) is reported once as a line about
+// the folder, and the thread's loop goes on serving requests.
+TEST_F(HotFolderWatcherTest, WhatEscapesTheWatchersThreadIsReportedAndItsLoopGoesOn) {
+  HotFolderWatcher watcher(folder(), {}, [](const QString&) -> bool { throw std::bad_alloc(); });
+  reports_.attach(watcher);
+  watcher.start();
+  ASSERT_TRUE(reports_.waitForLines(1));
+  watcher.recheck();
+  watcher.waitUntilIdle();  // answered by the loop, which still runs
+  ASSERT_EQ(reports_.lines().size(), 1u);
+  EXPECT_TRUE(reports_.lines()[0].error);
+}
+
 TEST_F(HotFolderWatcherTest, StabilityNeedsAnOldDateOrASizeThatHoldsStill) {
   putImage(QStringLiteral("fresh.jpg"), 1, false);
   const std::string fresh = pathOf("fresh.jpg"), gone = pathOf("gone.jpg");
