@@ -55,32 +55,6 @@ bool statFolder(const QString& folder, struct stat& st) {
   return ::stat(QFile::encodeName(folder).constData(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// The watcher's thread. What escapes one of its events (memory running out, say) leaves the
-// event loop, is said through `escaped`, and the loop goes on: it never ends the process.
-class WatcherThread : public QThread {
- public:
-  explicit WatcherThread(std::function<void()> escaped) : escaped_(std::move(escaped)) {}
-
- protected:
-  void run() override {
-    for (;;) {
-      try {
-        exec();
-        return;
-      } catch (...) {
-        try {
-          escaped_();
-        } catch (...) {
-          // not even that could be said
-        }
-      }
-    }
-  }
-
- private:
-  const std::function<void()> escaped_;
-};
-
 }  // namespace
 
 // The watcher's side on its own thread: the inotify descriptor and its notifier, the
@@ -92,8 +66,26 @@ class HotFolderWatcher::Loop : public QObject {
       : watcher_(watcher),
         startTimer_(watcher.timing_.startTimer ? watcher.timing_.startTimer : &EncodeScheduler::startQTimer) {
     connect(&poll_, &QTimer::timeout, this, [this] { scanIfRunning(); });  // a poll is not debounced
-    connect(&retry_, &QTimer::timeout, this, [this] { open(); });
+    connect(&retry_, &QTimer::timeout, this, [this] { guarded([this] { open(); }); });
   }
+
+  // Runs `step` as one of the loop's events. What escapes it (memory running out, say) is said
+  // as a line about the folder, and the loop goes on: nothing may leave an event through Qt's
+  // loop, which does not support it. A scan catches what escapes it by itself.
+  template <class Step>
+  void guarded(const Step& step) {
+    try {
+      step();
+    } catch (...) {
+      try {
+        watcher_.reportFolderError(QString::fromStdString(
+            Localization::text("error.generic", "L'opération n'a pas pu être effectuée.")));
+      } catch (...) {
+        // not even that could be said
+      }
+    }
+  }
+
   ~Loop() override { closeWatch(); }  // a no-op by then: the thread's end stopped everything
 
   // Watches the folder, or waits for it. Each watch that begins asks for a first scan, which
@@ -111,7 +103,7 @@ class HotFolderWatcher::Loop : public QObject {
                                        kEntryEvents | IN_MODIFY | kGoneEvents | IN_ONLYDIR) < 0)
       return wait();
     notifier_ = new QSocketNotifier(qintptr(fd_), QSocketNotifier::Read, this);
-    connect(notifier_, &QSocketNotifier::activated, this, [this] { readEvents(); });
+    connect(notifier_, &QSocketNotifier::activated, this, [this] { guarded([this] { readEvents(); }); });
     {
       MutexLock lock(watcher_.stateLock_);
       watcher_.writing_.clear();
@@ -226,10 +218,7 @@ HotFolderWatcher::HotFolderWatcher(HotFolder hotFolder, Timing timing, VolumeChe
     : hotFolder_(std::move(hotFolder)),
       timing_(std::move(timing)),
       volumeCheck_(std::move(volumeCheck)),
-      thread_(std::make_unique<WatcherThread>([this] {
-        reportFolderError(QString::fromStdString(
-            Localization::text("error.generic", "L'opération n'a pas pu être effectuée.")));
-      })),
+      thread_(std::make_unique<QThread>()),
       loop_(new Loop(*this)) {
   thread_->setObjectName(QStringLiteral("com.quillane.Quillane.hotFolderWatcher.") + hotFolder_.idText());
   loop_->moveToThread(thread_.get());
@@ -272,7 +261,7 @@ void HotFolderWatcher::start() {
     isStopped_ = false;
   }
   QMetaObject::invokeMethod(
-      loop_, [loop = loop_] { loop->open(); }, Qt::QueuedConnection);
+      loop_, [loop = loop_] { loop->guarded([loop] { loop->open(); }); }, Qt::QueuedConnection);
 }
 
 void HotFolderWatcher::stop() {
@@ -302,12 +291,12 @@ bool HotFolderWatcher::isFinished() const { return thread_->isFinished(); }
 void HotFolderWatcher::scheduleScan() {
   if (isStopped()) return;
   QMetaObject::invokeMethod(
-      loop_, [loop = loop_] { loop->requestScan(); }, Qt::QueuedConnection);
+      loop_, [loop = loop_] { loop->guarded([loop] { loop->requestScan(); }); }, Qt::QueuedConnection);
 }
 
 void HotFolderWatcher::recheck() {
   QMetaObject::invokeMethod(
-      loop_, [loop = loop_] { loop->recheck(); }, Qt::QueuedConnection);
+      loop_, [loop = loop_] { loop->guarded([loop] { loop->recheck(); }); }, Qt::QueuedConnection);
 }
 
 void HotFolderWatcher::waitUntilIdle() {
