@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <QFileInfo>
-#include <ranges>
 #include <thread>
 
 #include "engine/ImageFormat.h"
@@ -29,7 +28,7 @@ class HotFolderWatcherTest : public HotFolderSandbox {
     HotFolderSandbox::TearDown();
   }
   // A watcher of `folder` that reports to the test's log.
-  HotFolderWatcher* watch(const HotFolder& folder, HotFolderWatcher::Timing timing = {}) {
+  HotFolderWatcher* watch(const HotFolder& folder, const HotFolderWatcher::Timing& timing = {}) {
     auto& watcher = watchers_.emplace_back(std::make_unique<HotFolderWatcher>(folder, timing));
     reports_.attach(*watcher);
     return watcher.get();
@@ -127,7 +126,8 @@ TEST_F(HotFolderWatcherTest, MemoryAcrossRestartsTakesOnlyChangedAndRenamedFiles
   watcher->start();
   ASSERT_TRUE(reports_.waitForLines(5));
   QStringList taken;
-  for (const HotFolderActivity& line : reports_.lines() | std::views::drop(3)) taken << line.sourceFileName;
+  const std::vector<HotFolderActivity> lines = reports_.lines();
+  for (auto line = lines.begin() + 3; line < lines.end(); ++line) taken << line->sourceFileName;
   taken.sort();
   EXPECT_EQ(taken, (QStringList{"change.jpg", "renamed.jpg"}));
   EXPECT_EQ(reports_.scanTotals(), (std::vector<int>{3, 2}));
