@@ -3,6 +3,7 @@
 #include <QDateTime>
 #include <QtConcurrent/QtConcurrentRun>
 #include <algorithm>
+#include <utility>
 
 #include "engine/Localization.h"
 #include "hotfolders/HotFolderProcessedStore.h"
@@ -28,7 +29,7 @@ HotFoldersManager::HotFoldersManager(QObject* parent)
     : HotFoldersManager(HotFolderWatcher::Timing(), parent) {}
 
 HotFoldersManager::HotFoldersManager(HotFolderWatcher::Timing timing, QObject* parent)
-    : QObject(parent), timing_(timing) {
+    : QObject(parent), timing_(std::move(timing)) {
   checks_.setObjectName(QStringLiteral("com.quillane.Quillane.hotFolderChecks"));
   hotFolders_ = HotFolders::load();
   applyWatchers();
