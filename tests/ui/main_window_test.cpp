@@ -340,9 +340,13 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
     sendMouse(list.viewport(), type, remove);
   ASSERT_EQ(names(), (QStringList{"d.png", "e.png"}));
 
+  // The comparison window opened and closed above: its queued deactivation would close the popup.
+  QCoreApplication::processEvents();
+  window().activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(&window()));
   auto e = model_->images()[1];
   list.activate(list.listModel().index(list.listModel().rowOfImage(1)), ui::RowHit::quality);
-  QWidget* popup = window().qualityPopup();
+  const QPointer<QWidget> popup = window().qualityPopup();
   ASSERT_TRUE(popup && popup->isVisible());
   const QRect before = *list.qualityAnchor(e);
   const int top = popup->y();
@@ -350,7 +354,8 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
   const QRect after = *list.qualityAnchor(e);
   ASSERT_NE(after.y(), before.y());
   // It moves with the row (within the window frame's few pixels).
-  EXPECT_TRUE(QTest::qWaitFor([&] { return std::abs(popup->y() - top - (after.y() - before.y())) <= 4; }));
+  EXPECT_TRUE(
+      QTest::qWaitFor([&] { return popup && std::abs(popup->y() - top - (after.y() - before.y())) <= 4; }));
   model_->removeImage(e);
   EXPECT_TRUE(QTest::qWaitFor([&] { return !window().qualityPopup(); }));
 }
