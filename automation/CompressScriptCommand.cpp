@@ -257,9 +257,15 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
         try {
           results[i] = ImageCompressor::compress(paths[i], folder, resolved.format, resolved.quality,
                                                  names[i], true, options);
-        } catch (const std::exception&) {  // out of memory for the record itself
-          results[i].path = paths[i];
-          results[i].error = Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
+        } catch (...) {
+          // Out of memory for the record itself: the file fails, and the others go on. Nothing
+          // escapes, the making of the failure's text included: an escape would end the process.
+          try {
+            results[i].path = paths[i];
+            results[i].error = Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
+          } catch (...) {
+            results[i].error.emplace();  // still failed, without its text (an empty string takes no memory)
+          }
         }
       },
       [&](size_t i) {
