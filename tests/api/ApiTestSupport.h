@@ -16,6 +16,7 @@
 #include <chrono>
 #include <future>
 #include <mutex>
+#include <semaphore>
 #include <thread>
 #include <vector>
 
@@ -91,7 +92,7 @@ class ApiSandbox : public ::testing::Test {
 };
 
 // A real BatchViewModel behind a real server on 127.0.0.1 and an encoder whose sizes tell
-// what was asked: ten bytes per quality point plus the format's number.
+// what was asked: ten bytes per quality point plus the format's number, made once the gate is open.
 class RouterFixture : public ApiSandbox {
  protected:
   void SetUp() override {
@@ -99,14 +100,18 @@ class RouterFixture : public ApiSandbox {
     token_ = LocalAPISettings::token().toStdString();
     BatchViewModel::Options options;
     options.encoder = [this](std::span<const uint8_t>, ImageFormat format, double quality) {
-      if (int delay = encoderDelayMs_.load()) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+      if (gate_.try_acquire_for(std::chrono::seconds(10))) gate_.release();
       return std::vector<uint8_t>(size_t(quality * 10) + size_t(format), 0x5A);
     };
     options.debounce = std::chrono::milliseconds(20);
     options.restoreSession = false;
     model_ = std::make_unique<BatchViewModel>(options);
     router_ = std::make_unique<LocalAPIRouter>(*model_);
-    server_ = std::make_unique<LocalAPIServer>(30.0, router_->serverRouter());
+    server_ = std::make_unique<LocalAPIServer>(30.0, [this, route = router_->serverRouter()](auto request) {
+      QFuture<LocalAPIResponse> answer = route(std::move(request));  // queues the router's handling
+      ++requestsRouted_;
+      return answer;
+    });
     server_->setOnStateChange(states_.handler());
     server_->start(0);
     auto ready = states_.waitFor(0);
@@ -119,6 +124,18 @@ class RouterFixture : public ApiSandbox {
                        const std::optional<std::string>& token = std::nullopt) {
     std::string request = buildRequest(method, target, token ? token : std::optional(token_), body);
     return offThread([&] { return httpExchange(port_, request); });
+  }
+  // The same, returning once the router has taken it up; the answer comes on a thread of its own.
+  std::future<RawHTTPResponse> send(const std::string& method, const std::string& target,
+                                    const std::string& body) {
+    const int routed = requestsRouted_;
+    auto answer =
+        std::async(std::launch::async, [this, request = buildRequest(method, target, token_, body)] {
+          return httpExchange(port_, request);
+        });
+    EXPECT_TRUE(QTest::qWaitFor([&] { return requestsRouted_ > routed; }));
+    QCoreApplication::sendPostedEvents();  // the router's handling, queued before the count
+    return answer;
   }
   RawHTTPResponse raw(const std::string& bytes) {
     return offThread([&] { return httpExchange(port_, bytes); });
@@ -164,7 +181,9 @@ class RouterFixture : public ApiSandbox {
   }
 
   std::string token_;
-  std::atomic<int> encoderDelayMs_{0};
+  std::atomic<int> requestsRouted_{0};
+  std::binary_semaphore gate_{
+      1};  // a test that takes it holds the encodes (10 s at most) until it gives it back
   // Destroyed from the server down to the model.
   std::unique_ptr<BatchViewModel> model_;
   std::unique_ptr<LocalAPIRouter> router_;

@@ -321,7 +321,7 @@ TEST_F(RouterTest, ImportReportsEachFailureInOrderListsNewIdsAndImagesDescribeTh
 }
 
 TEST_F(RouterTest, ExportWaitsForBytesWritesIntoTheFolderThePathOrTheProfilesAndAppliesTheProfile) {
-  encoderDelayMs_ = 400;
+  gate_.acquire();
   const std::string one = writeJPEG("one.jpg", 1);
   auto ids = importPaths({one, writeJPEG("two.jpg", 2)});
   ASSERT_EQ(ids.size(), 2u);
@@ -332,7 +332,10 @@ TEST_F(RouterTest, ExportWaitsForBytesWritesIntoTheFolderThePathOrTheProfilesAnd
   EXPECT_EQ(json(early)[0].toObject().keys(), (QStringList{"error", "id", "name", "originalSizeBytes"}))
       << early.body;
 
-  QJsonArray results = json(call("POST", "/v1/export", R"({"folder":")" + out + R"("})")).array();
+  // The gate opens once the router has taken the request: only an export that waits has bytes.
+  auto answer = send("POST", "/v1/export", R"({"folder":")" + out + R"("})");
+  gate_.release();
+  QJsonArray results = json(testing::offThread([&] { return answer.get(); })).array();
   ASSERT_EQ(results.size(), 2);
   EXPECT_EQ(results[0].toObject()["destination"].toString().toStdString(), out + "/one.jpg");
   EXPECT_EQ(results[0].toObject()["compressedSizeBytes"].toInteger(), 751);
