@@ -93,7 +93,7 @@ bool HotFoldersManager::hasEnabledFolder() const {
                      [](const HotFolder& folder) { return folder.isEnabled; });
 }
 
-void HotFoldersManager::applyWatchers() {
+QFuture<void> HotFoldersManager::applyWatchers() {
   QSet<QUuid> enabledIDs;
   HotFolderList enabled;
   for (const HotFolder& folder : hotFolders_) {
@@ -115,7 +115,7 @@ void HotFoldersManager::applyWatchers() {
   unstartedHotFolderIDs_.intersect(enabledIDs);
 
   const int generation = ++checkGeneration_;
-  QtConcurrent::run(&checks_, [enabled] {
+  QFuture<std::map<QUuid, QString>> checked = QtConcurrent::run(&checks_, [enabled] {
     try {
       return HotFolders::refusals(enabled);
     } catch (...) {
@@ -127,7 +127,8 @@ void HotFoldersManager::applyWatchers() {
             Localization::text("error.generic", "L'opération n'a pas pu être effectuée."));
       return all;
     }
-  }).then(this, [this, generation](const std::map<QUuid, QString>& refusals) {
+  });
+  return checked.then(this, [this, generation](const std::map<QUuid, QString>& refusals) {
     if (generation == checkGeneration_) applyChecked(refusals);
   });
 }

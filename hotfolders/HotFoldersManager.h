@@ -11,6 +11,7 @@
 // here waits for a scan, except the destructor, which stops every watcher and waits for what
 // they are running, so that no thread still writes once the application has quit.
 
+#include <QFuture>
 #include <QMap>
 #include <QObject>
 #include <QSet>
@@ -72,8 +73,9 @@ class HotFoldersManager : public QObject {
 
   // Stops at once what should not run; then checks the enabled folders off this thread and
   // starts what may run and is not running, and has each running watcher check its folder.
-  // Idempotent; called at each edit and at each mount change.
-  void applyWatchers();
+  // Idempotent; called at each edit and at each mount change. The future finishes once the
+  // check's result has been applied, or dropped for a newer check's.
+  QFuture<void> applyWatchers();
 
  signals:
   void hotFoldersChanged();

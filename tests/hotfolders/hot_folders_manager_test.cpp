@@ -155,12 +155,10 @@ TEST_F(HotFoldersManagerTest, FoldersThatFeedThemselvesOrEachOtherAreRefusedEven
   HotFolders::save({first, second, alone, self});
   HotFoldersManager manager;
   settle(manager, alone.id, State::watching);
-  const auto settleRefused = [&] {
-    for (const HotFolder& refused : {first, second, self}) settle(manager, refused.id, State::refused);
-  };
-  settleRefused();
-  manager.applyWatchers();  // as a mount of any volume does: nothing is said again
-  settleRefused();
+  for (const HotFolder& refused : {first, second, self}) settle(manager, refused.id, State::refused);
+  // Checked again, as at any mount of a volume: nothing is said again.
+  const QFuture<void> recheck = manager.applyWatchers();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return recheck.isFinished(); }, 10000));
   EXPECT_TRUE(manager.status(first.id).message.contains("Second"));
   EXPECT_TRUE(manager.status(second.id).message.contains("First"));
   EXPECT_FALSE(manager.status(self.id).message.isEmpty());
