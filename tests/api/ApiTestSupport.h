@@ -17,7 +17,6 @@
 #include <future>
 #include <mutex>
 #include <semaphore>
-#include <thread>
 #include <vector>
 
 #include "api/LocalAPIRouter.h"
@@ -109,7 +108,8 @@ class RouterFixture : public ApiSandbox {
     router_ = std::make_unique<LocalAPIRouter>(*model_);
     server_ = std::make_unique<LocalAPIServer>(30.0, [this, route = router_->serverRouter()](auto request) {
       QFuture<LocalAPIResponse> answer = route(std::move(request));  // queues the router's handling
-      ++requestsRouted_;
+      // From this thread, so queued behind that handling: the gate opens once the router has taken it.
+      if (openGateOnRequest_.exchange(false)) QMetaObject::invokeMethod(qApp, [this] { gate_.release(); });
       return answer;
     });
     server_->setOnStateChange(states_.handler());
@@ -124,18 +124,6 @@ class RouterFixture : public ApiSandbox {
                        const std::optional<std::string>& token = std::nullopt) {
     std::string request = buildRequest(method, target, token ? token : std::optional(token_), body);
     return offThread([&] { return httpExchange(port_, request); });
-  }
-  // The same, returning once the router has taken it up; the answer comes on a thread of its own.
-  std::future<RawHTTPResponse> send(const std::string& method, const std::string& target,
-                                    const std::string& body) {
-    const int routed = requestsRouted_;
-    auto answer =
-        std::async(std::launch::async, [this, request = buildRequest(method, target, token_, body)] {
-          return httpExchange(port_, request);
-        });
-    EXPECT_TRUE(QTest::qWaitFor([&] { return requestsRouted_ > routed; }));
-    QCoreApplication::sendPostedEvents();  // the router's handling, queued before the count
-    return answer;
   }
   RawHTTPResponse raw(const std::string& bytes) {
     return offThread([&] { return httpExchange(port_, bytes); });
@@ -181,9 +169,9 @@ class RouterFixture : public ApiSandbox {
   }
 
   std::string token_;
-  std::atomic<int> requestsRouted_{0};
-  std::binary_semaphore gate_{
-      1};  // a test that takes it holds the encodes (10 s at most) until it gives it back
+  // Holds the encodes (10 s at most) while a test has it; given back by the test or openGateOnRequest_.
+  std::binary_semaphore gate_{1};
+  std::atomic<bool> openGateOnRequest_{false};
   // Destroyed from the server down to the model.
   std::unique_ptr<BatchViewModel> model_;
   std::unique_ptr<LocalAPIRouter> router_;

@@ -332,10 +332,8 @@ TEST_F(RouterTest, ExportWaitsForBytesWritesIntoTheFolderThePathOrTheProfilesAnd
   EXPECT_EQ(json(early)[0].toObject().keys(), (QStringList{"error", "id", "name", "originalSizeBytes"}))
       << early.body;
 
-  // The gate opens once the router has taken the request: only an export that waits has bytes.
-  auto answer = send("POST", "/v1/export", R"({"folder":")" + out + R"("})");
-  gate_.release();
-  QJsonArray results = json(testing::offThread([&] { return answer.get(); })).array();
+  openGateOnRequest_ = true;  // only an export that waits has bytes
+  QJsonArray results = json(call("POST", "/v1/export", R"({"folder":")" + out + R"("})")).array();
   ASSERT_EQ(results.size(), 2);
   EXPECT_EQ(results[0].toObject()["destination"].toString().toStdString(), out + "/one.jpg");
   EXPECT_EQ(results[0].toObject()["compressedSizeBytes"].toInteger(), 751);

@@ -157,8 +157,7 @@ TEST_F(HotFoldersManagerTest, FoldersThatFeedThemselvesOrEachOtherAreRefusedEven
   settle(manager, alone.id, State::watching);
   for (const HotFolder& refused : {first, second, self}) settle(manager, refused.id, State::refused);
   // Checked again, as at any mount of a volume: nothing is said again.
-  const QFuture<void> recheck = manager.applyWatchers();
-  ASSERT_TRUE(QTest::qWaitFor([&] { return recheck.isFinished(); }, 10000));
+  ASSERT_TRUE(QTest::qWaitFor([check = manager.applyWatchers()] { return check.isFinished(); }, 10000));
   EXPECT_TRUE(manager.status(first.id).message.contains("Second"));
   EXPECT_TRUE(manager.status(second.id).message.contains("First"));
   EXPECT_FALSE(manager.status(self.id).message.isEmpty());
