@@ -28,7 +28,7 @@ BatchViewModel::BatchViewModel(Options options, QObject* parent)
   if (!options_.encoder) options_.encoder = &ImageCompressor::encodeData;
   if (!options_.sizedEncoder) options_.sizedEncoder = &ImageCompressor::encode;
   if (!options_.inspector) options_.inspector = &ImageDecoder::inspect;
-  if (!options_.startTimer) options_.startTimer = &EncodeScheduler::startQTimer;
+  if (!options_.startTimer) options_.startTimer = &startQTimer;
   const int processors = options_.processorCount > 0 ? options_.processorCount : QThread::idealThreadCount();
   options_.processorCount = std::max(processors, 1);
 

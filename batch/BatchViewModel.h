@@ -103,7 +103,7 @@ class BatchViewModel : public QObject {
     std::chrono::milliseconds debounce{250};    // quiet time before a recompute or an override encode
     bool restoreSession = true;                 // start restoring importSession.json after construction
     bool measureResults = true;                 // each result's distance and thumbnail after its encode
-    EncodeScheduler::TimerStarter startTimer;   // the watchdog's and debounces'; empty: QTimers
+    TimerStarter startTimer;                    // the watchdog's and debounces'; empty: QTimers
   };
 
   // Reads exportHistory.json and exportProfiles.json now, and starts the session restore as

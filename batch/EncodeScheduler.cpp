@@ -2,7 +2,6 @@
 
 #include <QPointer>
 #include <QThreadPool>
-#include <QTimer>
 #include <QtConcurrent/QtConcurrentRun>
 #include <algorithm>
 #include <atomic>
@@ -41,25 +40,13 @@ struct EncodeScheduler::Result {
 EncodeScheduler::EncodeScheduler(Options options, SettingsSource settings, QObject* parent)
     : QObject(parent), options_(std::move(options)), settings_(std::move(settings)) {
   options_.processorCount = std::max(options_.processorCount, 1);
-  if (!options_.startTimer) options_.startTimer = &EncodeScheduler::startQTimer;
+  if (!options_.startTimer) options_.startTimer = &startQTimer;
   processorSlots_ = std::make_unique<CompressionBudget>(options_.processorCount);
   pool_ = std::make_unique<QThreadPool>(this);
   pool_->setObjectName(QStringLiteral("encodePool"));
   // The processor slots bound the encodes that count; the pool only needs room beyond them for
   // work abandoned by a timeout, which runs on (holding its memory) until the encoder returns.
   pool_->setMaxThreadCount(options_.processorCount + 16);
-}
-
-QObject* EncodeScheduler::startQTimer(std::chrono::milliseconds delay, QObject* owner,
-                                      std::function<void()> fire) {
-  auto* timer = new QTimer(owner);
-  timer->setSingleShot(true);
-  connect(timer, &QTimer::timeout, owner, [timer, fire = std::move(fire)] {
-    timer->deleteLater();
-    fire();
-  });
-  timer->start(delay);
-  return timer;
 }
 
 EncodeScheduler::~EncodeScheduler() {

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "batch/ImportedImage.h"
+#include "batch/TimerStarter.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
 
@@ -51,14 +52,6 @@ class EncodeScheduler : public QObject {
     CompressionOptions sizing;  // fit, byte budget and skip-larger; all off by default
   };
   using SettingsSource = std::function<Settings(const ImportedImage&)>;
-  // Starts a one-shot timer (a deadline, a quiet time): `fire` is called on `owner`'s thread once
-  // `delay` has passed, unless the returned object, a child of `owner` that goes by itself after
-  // firing, was deleted first. The product's is `startQTimer`; a test passes a clock of its own
-  // to say when time passes.
-  using TimerStarter =
-      std::function<QObject*(std::chrono::milliseconds delay, QObject* owner, std::function<void()> fire)>;
-  static QObject* startQTimer(std::chrono::milliseconds delay, QObject* owner, std::function<void()> fire);
-
   struct Options {
     SourceReader reader;                        // required
     Encoder encoder;                            // required

@@ -64,7 +64,7 @@ class HotFolderWatcher::Loop : public QObject {
  public:
   explicit Loop(HotFolderWatcher& watcher)
       : watcher_(watcher),
-        startTimer_(watcher.timing_.startTimer ? watcher.timing_.startTimer : &EncodeScheduler::startQTimer) {
+        startTimer_(watcher.timing_.startTimer ? watcher.timing_.startTimer : &startQTimer) {
     connect(&poll_, &QTimer::timeout, this, [this] { scanIfRunning(); });  // a poll is not debounced
     connect(&retry_, &QTimer::timeout, this, [this] { guarded([this] { open(); }); });
   }
@@ -204,7 +204,7 @@ class HotFolderWatcher::Loop : public QObject {
   }
 
   HotFolderWatcher& watcher_;
-  const EncodeScheduler::TimerStarter startTimer_;
+  const TimerStarter startTimer_;
   int fd_ = -1;
   QSocketNotifier* notifier_ = nullptr;
   QPointer<QObject> debounce_;  // the pending scan's timer, null once it has fired or stopped

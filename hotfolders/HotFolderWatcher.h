@@ -37,7 +37,7 @@
 #include <string>
 #include <vector>
 
-#include "batch/EncodeScheduler.h"
+#include "batch/TimerStarter.h"
 #include "engine/ThreadAnnotations.h"
 #include "hotfolders/HotFolder.h"
 #include "hotfolders/HotFolderProcessedStore.h"
@@ -57,7 +57,7 @@ struct HotFolderWatcherTiming {
   std::chrono::milliseconds retryInterval{2000};  // while waiting for the folder
   // Starts the debounce on the watcher's thread; empty: a QTimer. A test passes a clock of its
   // own to say when the debounce has passed.
-  EncodeScheduler::TimerStarter startTimer{};
+  TimerStarter startTimer{};
 };
 
 class HotFolderWatcher {

@@ -1,6 +1,6 @@
 #pragma once
 // A clock that moves only when the test says: the timers started on it (in the shape of
-// EncodeScheduler::TimerStarter) fire in `advance`, on the calling thread, as they come due.
+// TimerStarter) fire in `advance`, on the calling thread, as they come due.
 
 #include <QObject>
 #include <QPointer>
