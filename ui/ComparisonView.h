@@ -35,9 +35,6 @@ class ImageComparisonView : public QDialog {
   SplitCompareWidget* area() const { return area_; }
   const std::shared_ptr<ImportedImage>& image() const { return image_; }
 
-  // The longest side of the bounded pictures for fit.
-  int fitPixelSize() const { return fitPixelSize_; }
-
   void done(int result) override;
 
  protected:
@@ -56,7 +53,7 @@ class ImageComparisonView : public QDialog {
   QLabel* name_;
   SplitCompareWidget* area_;
   QButtonGroup* zoomButtons_;
-  int fitPixelSize_ = 1600;
+  int fitPixelSize_ = 1600;      // the longest side of the bounded pictures for fit
   bool fullResolution_ = false;  // both sides come at full resolution too
   quint64 originalGeneration_ = 0;
   quint64 compressedGeneration_ = 0;

@@ -35,17 +35,9 @@ class ControlsBar : public QWidget {
  public:
   explicit ControlsBar(BatchViewModel& viewModel, QWidget* parent = nullptr);
 
-  QPushButton* importButton() const { return import_; }
   QualitySliderView* qualitySlider() const { return quality_; }
-  FormatPickerView* formatPicker() const { return format_; }
   SizeButtonView* sizeControl() const { return size_; }
-  ExportProfileMenuView* profileMenu() const { return profiles_; }
-  QLabel* countLabel() const { return count_; }
-  QWidget* progressGroup() const { return progressGroup_; }
-  QProgressBar* progressBar() const { return progress_; }
-  QPushButton* clearAllButton() const { return clearAll_; }
   QPushButton* exportButton() const { return export_; }
-  QToolButton* historyButton() const { return history_; }
 
   // Opens the history popup under its button (what the button does).
   void showHistory();

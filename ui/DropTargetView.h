@@ -22,8 +22,6 @@ class DropTargetView : public QWidget {
  public:
   DropTargetView(BatchViewModel& viewModel, std::function<void()> onImport, QWidget* parent = nullptr);
 
-  bool isTargeted() const { return isTargeted_; }
-
  protected:
   void paintEvent(QPaintEvent* event) override;
   void dragEnterEvent(QDragEnterEvent* event) override;

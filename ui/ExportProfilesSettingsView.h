@@ -43,11 +43,9 @@ class ExportProfilesSettingsView : public QWidget {
   static QString subtitle(const ExportProfile& profile);
 
   // The form's state.
-  const std::optional<QUuid>& editingProfileID() const { return editingProfileID_; }
   QLineEdit* nameField() const { return name_; }
   QPushButton* formatButton() const { return formatButton_; }
   QSlider* qualitySlider() const { return quality_; }
-  SizeOptionsEditor* sizeEditor() const { return size_; }
   QPushButton* saveButton() const { return save_; }
   QGroupBox* existingSection() const { return existing_; }
 

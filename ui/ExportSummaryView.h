@@ -32,10 +32,6 @@ class ExportSummaryView : public QFrame {
   // The summary's lines, as the banner and the notification give them.
   static QStringList lines(const ExportSummary& summary);
 
-  QLabel* textLabel() const { return text_; }
-  QPushButton* showInFolderButton() const { return showInFolder_; }
-  QToolButton* closeButton() const { return close_; }
-
  protected:
   void keyPressEvent(QKeyEvent* event) override;
 

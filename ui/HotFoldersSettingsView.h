@@ -51,8 +51,7 @@ class HotFoldersSettingsView : public QWidget {
   // "/in → /out · Web", or "/in → /out · WebP 80%", then the size options where set.
   static QString subtitle(const HotFolder& hotFolder);
 
-  // The form's state and its rules.
-  bool isFormValid() const;
+  // The form's actions.
   void save();
   void startEditing(const HotFolder& hotFolder);
   void resetForm();
@@ -61,23 +60,18 @@ class HotFoldersSettingsView : public QWidget {
   void setNewProfileName(const std::optional<QString>& name);
   void setNewFormat(ImageFormat format);
   void setNewQuality(double quality);
-  // What the error log shows: the activity lines that carry an error, newest first.
-  std::vector<HotFolderActivity> errorActivities() const;
 
-  const std::optional<QUuid>& editingID() const { return editingID_; }
   QLineEdit* nameField() const { return name_; }
   QPushButton* saveButton() const { return save_; }
-  QPushButton* profileButton() const { return profileButton_; }
   QPushButton* formatButton() const { return formatButton_; }
   QSlider* qualitySlider() const { return quality_; }
-  SizeOptionsEditor* sizeEditor() const { return size_; }
   QLabel* sameFolderWarning() const { return sameFolderWarning_; }
   QGroupBox* existingSection() const { return existing_; }
-  QGroupBox* activitySection() const { return activity_; }
-  QGroupBox* errorSection() const { return errors_; }
-  QPushButton* clearActivityButton() const { return clearActivity_; }
 
  private:
+  bool isFormValid() const;
+  // What the error log shows: the activity lines that carry an error, newest first.
+  std::vector<HotFolderActivity> errorActivities() const;
   void rebuildList();
   void refreshProgress();
   void refreshStatus();

@@ -36,7 +36,6 @@ class ImageListView : public QListView {
   explicit ImageListView(BatchViewModel& viewModel, QWidget* parent = nullptr);
 
   ImageListModel& listModel() const { return *model_; }
-  ImageRowDelegate& rowDelegate() const { return *delegate_; }
 
   // Runs the action of a row part as a click would (also used by tests).
   void activate(const QModelIndex& index, RowHit part);

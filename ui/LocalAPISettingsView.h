@@ -30,10 +30,6 @@ class LocalAPISettingsView : public QWidget {
   explicit LocalAPISettingsView(LocalAPIController& controller, QWidget* parent = nullptr);
 
   QCheckBox* enableToggle() const { return enable_; }
-  QGroupBox* serverSection() const { return server_; }
-  QGroupBox* tokenSection() const { return tokenBox_; }
-  QLineEdit* portField() const { return port_; }
-  QLabel* statusLabel() const { return status_; }
 
   // The toggle's action: store, then start or stop the server.
   void setEnabled(bool on);

@@ -50,12 +50,7 @@ class MainWindow : public QMainWindow {
   void setSettingsOpener(std::function<void()> opener) { openSettings_ = std::move(opener); }
 
   ControlsBar* controlsBar() const { return bar_; }
-  DropTargetView* dropTarget() const { return drop_; }
-  ImageListView* imageList() const { return list_; }
   ExportSummaryView* exportSummary() const { return summary_; }
-  bool showsList() const;
-  QAction* exportAction() const { return exportAction_; }
-  QWidget* qualityPopup() const { return qualityPopup_; }
 
   // The row actions that need a window. The comparison is a window of its own, one per image.
   void showComparison(const std::shared_ptr<ImportedImage>& image);
@@ -71,6 +66,7 @@ class MainWindow : public QMainWindow {
   // Keeps the window's size inside the screen's available area, and its place when `placed`
   // (restored from the last session) rather than left to the window manager.
   void fitToScreen(bool placed);
+  bool showsList() const;
   void buildMenus();
   void refresh();
   void refreshExportError();

@@ -36,10 +36,10 @@ class QualitySliderView : public QWidget {
  public:
   explicit QualitySliderView(BatchViewModel& viewModel, QWidget* parent = nullptr);
   QSlider* slider() const { return slider_; }
-  QString readoutText() const;
   void retranslate();
 
  private:
+  QString readoutText() const;
   void syncFromModel();
 
   BatchViewModel& viewModel_;
@@ -74,11 +74,6 @@ class QualityOverridePopup : public QFrame {
   // The first of the draft, the image's override and the global quality.
   double displayedQuality() const;
   QSlider* slider() const { return slider_; }
-  QString readoutText() const;
-  QPushButton* revertButton() const { return revert_; }
-  QLabel* followingLabel() const { return following_; }
-  SizeOptionsEditor* sizeEditor() const { return sizeEditor_; }
-  QPushButton* sizeRevertButton() const { return sizeRevert_; }
 
   // The slider's editing callback: on release a draft becomes the override.
   void editingChanged(bool editing);
@@ -86,6 +81,7 @@ class QualityOverridePopup : public QFrame {
   void popUp(const QRect& anchor);
 
  private:
+  QString readoutText() const;
   void refresh();
   void revertToGlobal();
 

@@ -44,6 +44,7 @@ SizeOptionsEditor::SizeOptionsEditor(QWidget* parent) : QWidget(parent) {
 
   fit_ = new QCheckBox(Strings::text("size.fitToggle"), this);
   fit_->setToolTip(Strings::text("size.fitHelp"));
+  setFocusProxy(fit_);  // focus goes to the first box
   width_ = makeSideField("size.widthField", this);
   height_ = makeSideField("size.heightField", this);
   auto* fitRow = new QHBoxLayout;
@@ -182,7 +183,7 @@ void SizeButtonView::showPopup() {
   }
   popup_->move(pos);
   popup_->show();
-  editor->fitToggle()->setFocus(Qt::PopupFocusReason);
+  editor->setFocus(Qt::PopupFocusReason);
 }
 
 void SizeButtonView::syncFromModel() {

@@ -36,13 +36,6 @@ class SizeOptionsEditor : public QWidget {
   // Shows `options` without emitting changed(); a part that is off keeps the values last shown.
   void setOptions(const CompressionOptions& options);
 
-  QCheckBox* fitToggle() const { return fit_; }
-  QSpinBox* widthField() const { return width_; }
-  QSpinBox* heightField() const { return height_; }
-  QCheckBox* budgetToggle() const { return budget_; }
-  QDoubleSpinBox* budgetField() const { return amount_; }
-  QComboBox* unitField() const { return unit_; }
-
  signals:
   // Every edit by the user, with the options it leaves.
   void changed(const CompressionOptions& options);

@@ -28,8 +28,6 @@ class UpdateSettingsView : public QWidget {
   explicit UpdateSettingsView(UpdateChecker& checker, QWidget* parent = nullptr);
 
   QCheckBox* enableToggle() const { return enable_; }
-  QWidget* statusRow() const { return statusRow_; }
-  QLabel* statusLabel() const { return status_; }
 
  private:
   void setEnabled(bool on);
@@ -50,8 +48,6 @@ class LanguageSettingsView : public QWidget {
   explicit LanguageSettingsView(LanguageManager& manager, QWidget* parent = nullptr);
 
   QComboBox* picker() const { return picker_; }
-  QLabel* restartNote() const { return note_; }
-  QPushButton* restartButton() const { return restart_; }
 
   // The picker's action: remembers the choice without applying it.
   void choose(std::optional<AppLanguage> language);

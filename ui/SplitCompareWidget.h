@@ -93,10 +93,6 @@ class SplitCompareWidget : public QWidget {
     double maxTextWidth = 0;
   };
   BadgeText badgeText(bool original) const;
-  // Where the whole picture lies under the zoom and the pan (area coordinates).
-  QRectF pictureRect() const;
-  // The divider's x in area coordinates.
-  double dividerX() const;
 
   // Handles the area's keys (see above) wherever the focus is in its window; false when
   // `event` is none of them.
@@ -120,6 +116,10 @@ class SplitCompareWidget : public QWidget {
 
  private:
   enum class Drag { none, divider, pan };
+  // Where the whole picture lies under the zoom and the pan (area coordinates).
+  QRectF pictureRect() const;
+  // The divider's x in area coordinates.
+  double dividerX() const;
   double fitScale() const;
   double scale() const;  // logical pixels a picture pixel
   bool pannable() const;

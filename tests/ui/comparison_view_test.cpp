@@ -84,7 +84,7 @@ TEST_F(ComparisonArea, ZoomKeysWheelAndDragKeepBothHalvesShowingTheSameRegion) {
   EXPECT_EQ(a.centre(), centre + QPointF(40, 20) / (4.0 / a.devicePixelRatioF()));
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.5);
   for (int i = 0; i < 200; ++i) QTest::keyClick(&a, Qt::Key_Right, Qt::ControlModifier);
-  EXPECT_DOUBLE_EQ(a.pictureRect().right(), a.width());
+  EXPECT_DOUBLE_EQ(a.centre().x(), 1600 - a.width() / 2 / (4.0 / a.devicePixelRatioF())) << "the right edge";
 
   // Whatever the zoom and the pan, the original (from its half-size preview) and the result
   // cover each other exactly.
@@ -100,8 +100,8 @@ TEST_F(ComparisonArea, TheDividerFollowsTheMouseAndTheKeysAndIsASliderForScreenR
   sendMouse(&a, QEvent::MouseButtonPress, {100, 150});
   sendMouse(&a, QEvent::MouseMove, {-30, 150});
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.0);
-  sendMouse(&a, QEvent::MouseMove, {a.dividerX() + 200, 150});
-  sendMouse(&a, QEvent::MouseButtonRelease, {a.dividerX() + 200, 150});
+  sendMouse(&a, QEvent::MouseMove, {200, 150});  // the picture fills the area: its middle
+  sendMouse(&a, QEvent::MouseButtonRelease, {200, 150});
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.5);
 
   QTest::keyClick(&a, Qt::Key_Right);
@@ -176,7 +176,6 @@ TEST_F(ComparisonWindow, TheResultSideFollowsAQualityChangeAtFullResolution) {
   ASSERT_TRUE(settle({QUrl::fromLocalFile(path)}, 20000));
   ui::ImageComparisonView* view = open(0);
   ui::SplitCompareWidget* area = view->area();
-  ASSERT_GT(2000, view->fitPixelSize());
   area->setSliderFraction(0);
   area->setZoom(4.0);
   ASSERT_TRUE(QTest::qWaitFor([&] { return area->hasFullResolution(); }, 20000));

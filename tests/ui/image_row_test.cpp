@@ -80,12 +80,12 @@ TEST_F(ImageRowTest, ExportFollowsTheBytesAndFailedEncodesAndExportsRetryFromThe
   auto image = importOne("a.png", 1000, {});
   model_->scheduleEncode(image, true);  // encoding again, the old bytes are kept
   ASSERT_TRUE(image->encodeState().isEncoding());
-  EXPECT_TRUE(list().rowDelegate().isEnabled(rowOf(image), RowHit::exportButton));
+  EXPECT_TRUE(delegate(list()).isEnabled(rowOf(image), RowHit::exportButton));
   ASSERT_TRUE(waitIdle());
 
   auto bad = importOne("bad.png", 1000, {100, 100, ImageFormat::png, 1, -1, true});
   ASSERT_TRUE(bad->encodeState().isFailed());
-  EXPECT_FALSE(list().rowDelegate().isEnabled(rowOf(bad), RowHit::exportButton));
+  EXPECT_FALSE(delegate(list()).isEnabled(rowOf(bad), RowHit::exportButton));
   const SizeSummary summary = ui::RowRules::sizeSummary(*bad, ImageFormat::jpeg);
   EXPECT_TRUE(summary.secondIsRetry);
   list().activate(rowOf(bad), RowHit::summaryRetry);
@@ -98,7 +98,7 @@ TEST_F(ImageRowTest, ExportFollowsTheBytesAndFailedEncodesAndExportsRetryFromThe
   EXPECT_FALSE(await(model_->exportSingle(image, target)));
   ASSERT_TRUE(image->exportError().has_value());
   const QModelIndex index = rowOf(image);
-  const QRect warning = list().rowDelegate().partRect(list().visualRect(index), index, RowHit::warning);
+  const QRect warning = delegate(list()).partRect(list().visualRect(index), index, RowHit::warning);
   EXPECT_EQ(list().partAt(warning.center()).second, RowHit::warning);
 
   QDir().mkpath(folder);  // the folder has come back
@@ -114,8 +114,8 @@ TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRowAndAFormatNotReadOffersNo
   ASSERT_TRUE(settle({url("missing1.png"), source("a.png"), url("missing2.png"), gif}));
   ASSERT_EQ(model_->importFailures().size(), 3u);
   const QModelIndex foreign = list().listModel().index(3);
-  EXPECT_FALSE(list().rowDelegate().isEnabled(foreign, RowHit::failureRetry));
-  EXPECT_TRUE(list().rowDelegate().isEnabled(list().listModel().index(2), RowHit::failureRetry));
+  EXPECT_FALSE(delegate(list()).isEnabled(foreign, RowHit::failureRetry));
+  EXPECT_TRUE(delegate(list()).isEnabled(list().listModel().index(2), RowHit::failureRetry));
   EXPECT_EQ(std::unique_ptr<QMenu>(list().rowMenu(foreign))->actions().size(), 1) << "dismiss only";
   const QUuid second = model_->importFailures()[1].id;
   list().activate(list().listModel().index(1), RowHit::failureDismiss);
@@ -161,27 +161,27 @@ TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAClickMakesNoOverrideAn
   model_->setQualityOverride(image, 30);
   ASSERT_TRUE(waitIdle());
   model_->setQuality(72.6);  // from the local API while the popup is open
-  EXPECT_TRUE(popup.revertButton()->text().contains("72"));
-  EXPECT_EQ(popup.readoutText(), "30");
-  popup.revertButton()->click();
+  EXPECT_TRUE(control<QLabel>(&popup, QString("30"))->isVisible());  // the readout
+  control<QPushButton>(&popup, Strings::format("quality.revertFormat", 72))->click();
   EXPECT_FALSE(image->qualityOverride().has_value());
-  EXPECT_TRUE(popup.followingLabel()->isVisible());
+  EXPECT_TRUE(control<QLabel>(&popup, "quality.followingGlobal")->isVisible());
   EXPECT_EQ(popup.slider()->value(), 72);
   ASSERT_TRUE(waitIdle());
 
   // The image's own size options: an edit makes them its own, the batch's stay, and the link
   // follows the batch's again.
   model_->setCompressionOptions({.maxBytes = 500'000});
-  EXPECT_TRUE(popup.sizeEditor()->budgetToggle()->isChecked()) << "shows the batch's while following them";
-  EXPECT_FALSE(popup.sizeRevertButton()->isVisible());
-  popup.sizeEditor()->fitToggle()->setChecked(true);
+  EXPECT_TRUE(control<QCheckBox>(&popup, "size.budgetToggle")->isChecked()) << "the batch's while following";
+  QPushButton* sizeRevert = control<QPushButton>(&popup, "size.revertToBatch");
+  EXPECT_FALSE(sizeRevert->isVisible());
+  control<QCheckBox>(&popup, "size.fitToggle")->setChecked(true);
   EXPECT_EQ(image->sizingOverride(),
             (CompressionOptions{.maxWidth = 1920, .maxHeight = 1920, .maxBytes = 500'000}));
   EXPECT_EQ(model_->compressionOptions(), (CompressionOptions{.maxBytes = 500'000}));
-  EXPECT_TRUE(popup.sizeRevertButton()->isVisible());
+  EXPECT_TRUE(sizeRevert->isVisible());
   ASSERT_TRUE(waitIdle());
   EXPECT_EQ(image->resultShape()->sizing, *image->sizingOverride()) << "the image's own options encoded";
-  popup.sizeRevertButton()->click();
+  sizeRevert->click();
   EXPECT_FALSE(image->sizingOverride());
   ASSERT_TRUE(waitIdle());
 }

@@ -57,9 +57,9 @@ TEST_F(ProfilePaneTest, ANameOfSpacesCannotBeSavedEditingUpdatesInPlaceAndDeleti
   model_->upsertExportProfile(b);
   pane.startEditing(b);
   pane.nameField()->setText("B renamed");
-  pane.sizeEditor()->budgetToggle()->setChecked(true);
-  pane.sizeEditor()->budgetField()->setValue(1.5);
-  pane.sizeEditor()->unitField()->setCurrentIndex(1);  // MB
+  control<QCheckBox>(&pane, "size.budgetToggle")->setChecked(true);
+  control<QDoubleSpinBox>(&pane, "size.budgetField")->setValue(1.5);
+  control<QComboBox>(&pane, "size.unitField")->setCurrentIndex(1);  // MB
   pane.save();
   ASSERT_EQ(model_->exportProfiles().size(), 2u);
   EXPECT_EQ(model_->exportProfiles()[1].id, b.id);
@@ -70,10 +70,12 @@ TEST_F(ProfilePaneTest, ANameOfSpacesCannotBeSavedEditingUpdatesInPlaceAndDeleti
   EXPECT_EQ(model_->compressionOptions().maxBytes, 1'500'000);
 
   pane.startEditing(model_->exportProfiles()[1]);
-  pane.deleteProfile(a);
-  EXPECT_EQ(pane.editingProfileID(), b.id);  // another profile: the form stays
+  pane.deleteProfile(a);  // another profile: the form stays
+  EXPECT_EQ(std::pair(pane.nameField()->text(), pane.saveButton()->text()),
+            std::pair(QString("B renamed"), Strings::text("settings.profiles.update")));
   pane.deleteProfile(model_->exportProfiles()[0]);
-  EXPECT_FALSE(pane.editingProfileID().has_value());
+  EXPECT_EQ(std::pair(pane.nameField()->text(), pane.saveButton()->text()),
+            std::pair(QString(), Strings::text("settings.profiles.save")));
 }
 
 using APIPaneTest = UiFixture;
@@ -93,27 +95,29 @@ TEST_F(APIPaneTest, InvalidPortsRevertTheToggleShowsTheServerAndAValidPortRestar
   LocalAPISettings::setPort(50123);
   LocalAPIController controller(*model_);
   ui::LocalAPISettingsView pane(controller);
+  QLineEdit* portField = control<QLineEdit>(&pane, "settings.api.port");
   const auto submitPort = [&](const QString& text) {
-    pane.portField()->setText(text);
+    portField->setText(text);
     pane.applyPort();
   };
   for (const char* bad : {"70000", "letters"}) {
     submitPort(bad);
-    EXPECT_EQ(pane.portField()->text(), "50123") << bad;
+    EXPECT_EQ(portField->text(), "50123") << bad;
   }
   EXPECT_EQ(LocalAPISettings::storedPort(), 50123);
   LocalAPISettings::setPort(0);
   submitPort("0");
-  EXPECT_EQ(pane.portField()->text(), "51823");
+  EXPECT_EQ(portField->text(), "51823");
 
-  EXPECT_FALSE(pane.serverSection()->isVisibleTo(&pane) || pane.tokenSection()->isVisibleTo(&pane));
+  QGroupBox* token = control<QGroupBox>(&pane, "settings.api.token");
+  EXPECT_FALSE(portField->isVisibleTo(&pane) || token->isVisibleTo(&pane));
   QTcpServer probe;  // a free port, found by binding and releasing it
   ASSERT_TRUE(probe.listen(QHostAddress::LocalHost, 0));
   const int port = probe.serverPort();
   probe.close();
   pane.enableToggle()->setChecked(true);
   EXPECT_TRUE(LocalAPISettings::isEnabled());
-  EXPECT_TRUE(pane.serverSection()->isVisibleTo(&pane));
+  EXPECT_TRUE(portField->isVisibleTo(&pane));
   submitPort(QString::number(port));
   EXPECT_EQ(LocalAPISettings::storedPort(), port);
   ASSERT_TRUE(
@@ -130,15 +134,17 @@ TEST(LanguagePane, OnlyADifferentChoiceOffersARestartAndTheSystemDefaultRemovesT
       LanguageManager::Platform{{"fr-FR"}, [&](const QString&) { return ++starts, true; }, [&] { ++quits; }});
   ui::LanguageSettingsView pane(*manager);
   EXPECT_EQ(pane.picker()->currentData().toInt(), int(AppLanguage::de));
+  QPushButton* restart = control<QPushButton>(&pane, "settings.language.restartNow");
+  QLabel* note = control<QLabel>(&pane, "settings.language.restartRequired");
   pane.choose(AppLanguage::de);
-  EXPECT_FALSE(pane.restartButton()->isVisibleTo(&pane) || pane.restartNote()->isVisibleTo(&pane));
+  EXPECT_FALSE(restart->isVisibleTo(&pane) || note->isVisibleTo(&pane));
   pane.choose(AppLanguage::ja);
-  EXPECT_TRUE(pane.restartButton()->isVisibleTo(&pane) && pane.restartNote()->isVisibleTo(&pane));
+  EXPECT_TRUE(restart->isVisibleTo(&pane) && note->isVisibleTo(&pane));
   EXPECT_EQ(manager->selectedLanguage(), AppLanguage::de);  // nothing applied yet
 
   pane.choose(std::nullopt);
-  ASSERT_TRUE(pane.restartButton()->isVisibleTo(&pane));
-  pane.restartButton()->click();
+  ASSERT_TRUE(restart->isVisibleTo(&pane));
+  restart->click();
   EXPECT_FALSE(manager->selectedLanguage().has_value());
   EXPECT_EQ(std::pair(starts, quits), std::pair(1, 1));
   LanguageManager::persist(std::nullopt);
@@ -170,6 +176,12 @@ class HotFoldersPaneTest : public UiFixture {
     chosen_ = destination;
     pane().chooseDestination();
   }
+  // The error lines of the activity, newest first, as the error log shows them.
+  std::vector<HotFolderActivity> errorLines() const {
+    std::vector<HotFolderActivity> lines;
+    std::ranges::copy_if(manager_->recentActivity(), std::back_inserter(lines), &HotFolderActivity::isError);
+    return lines;
+  }
   // The texts of the labels in `section`, of those named `name` when given.
   QStringList texts(QWidget* section, const QString& name = {}) const {
     QStringList out;
@@ -188,7 +200,7 @@ TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersAndAProfileReplac
   ASSERT_EQ(::symlink(QFile::encodeName(out_).constData(), QFile::encodeName(link).constData()), 0);
   pane().nameField()->setText("  \t");
   choose(in_, out_);
-  EXPECT_FALSE(pane().isFormValid());
+  EXPECT_FALSE(pane().saveButton()->isEnabled());
   pane().nameField()->setText(" Camera ");
   EXPECT_TRUE(pane().saveButton()->isEnabled());
   choose(link, out_);
@@ -205,7 +217,7 @@ TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersAndAProfileReplac
   EXPECT_EQ(saved.name, "Camera");
   EXPECT_EQ(saved.format, ImageFormat::jpeg);
   EXPECT_EQ(saved.quality, 62.0);
-  EXPECT_FALSE(pane().editingID());  // the form is blank again
+  EXPECT_EQ(pane().saveButton()->text(), Strings::text("settings.profiles.save"));  // the form is blank again
 
   // A profile replaces format and quality, which come back without it.
   model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80));
@@ -214,23 +226,23 @@ TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersAndAProfileReplac
   pane().setNewFormat(ImageFormat::avif);
   pane().setNewProfileName(QString("Web"));
   EXPECT_TRUE(pane().formatButton()->isHidden());
-  EXPECT_EQ(pane().profileButton()->text(), "Web");
+  EXPECT_TRUE(control<QPushButton>(&pane(), QString("Web"))->isVisibleTo(&pane()));  // the profile's button
   pane().setNewProfileName(std::nullopt);
   EXPECT_EQ(pane().formatButton()->text(), "AVIF");
   pane().setNewProfileName(QString("Web"));
   // The folder's own size options stand beside the profile.
-  pane().sizeEditor()->fitToggle()->setChecked(true);
-  pane().sizeEditor()->widthField()->setValue(1600);
-  pane().sizeEditor()->heightField()->setValue(0);
+  control<QCheckBox>(&pane(), "size.fitToggle")->setChecked(true);
+  control<QSpinBox>(&pane(), "size.widthField")->setValue(1600);
+  control<QSpinBox>(&pane(), "size.heightField")->setValue(0);
   pane().save();
   const HotFolder withProfile = manager_->hotFolders().at(1);
   EXPECT_EQ(withProfile.profileName, QString("Web"));
   EXPECT_FALSE(withProfile.format || withProfile.quality);
   EXPECT_EQ(withProfile.sizing, (CompressionOptions{.maxWidth = 1600}));
-  EXPECT_FALSE(pane().sizeEditor()->options().any()) << "a new form starts with them off";
+  EXPECT_FALSE(control<ui::SizeOptionsEditor>(&pane())->options().any()) << "a new form starts with them off";
 
   pane().startEditing(withProfile);
-  EXPECT_EQ(pane().sizeEditor()->options(), withProfile.sizing);
+  EXPECT_EQ(control<ui::SizeOptionsEditor>(&pane())->options(), withProfile.sizing);
   pane().setNewProfileName(std::nullopt);
   EXPECT_EQ(pane().formatButton()->text(), "JPEG");
   EXPECT_EQ(pane().qualitySlider()->value(), 75);
@@ -251,17 +263,19 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   };
   ASSERT_TRUE(QTest::qWaitFor(
       [&] {
-        return manager_->isRunning(folders.back().id) && pane().errorActivities().size() == 30 &&
+        return manager_->isRunning(folders.back().id) && errorLines().size() == 30 &&
                stateCount("settings.hotFolders.stateWaiting") == 30 &&
                stateCount("settings.hotFolders.stateWatching") == 1;
       },
       10000));
   QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);  // the lines replaced
-  const std::vector<HotFolderActivity> newest = pane().errorActivities();
+  const std::vector<HotFolderActivity> newest = errorLines();
   auto title = [&](size_t i) { return newest[i].hotFolderName + " — "; };
-  const QStringList errors = texts(pane().errorSection());
+  QGroupBox* errorLog = control<QGroupBox>(&pane(), "settings.hotFolders.errorLogSection");
+  QGroupBox* activity = control<QGroupBox>(&pane(), "settings.hotFolders.activitySection");
+  const QStringList errors = texts(errorLog);
   EXPECT_TRUE(errors.contains(title(0)) && errors.contains(title(19)) && !errors.contains(title(20)));
-  EXPECT_TRUE(texts(pane().activitySection()).contains(title(4)));
+  EXPECT_TRUE(texts(activity).contains(title(4)));
 
   QList<QCheckBox*> switches = pane().existingSection()->findChildren<QCheckBox*>("enabledSwitch");
   ASSERT_EQ(switches.size(), 31);
@@ -269,9 +283,9 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   ASSERT_TRUE(QTest::qWaitFor([&] { return !manager_->isRunning(folders.back().id); }, 5000));
   EXPECT_FALSE(manager_->hotFolders().back().isEnabled);
 
-  pane().clearActivityButton()->click();
-  EXPECT_TRUE(texts(pane().errorSection()).contains(Strings::text("settings.hotFolders.errorLogEmpty")));
-  EXPECT_TRUE(texts(pane().activitySection()).contains(Strings::text("settings.hotFolders.activityEmpty")));
+  control<QPushButton>(activity, "common.clearAll")->click();
+  EXPECT_TRUE(texts(errorLog).contains(Strings::text("settings.hotFolders.errorLogEmpty")));
+  EXPECT_TRUE(texts(activity).contains(Strings::text("settings.hotFolders.activityEmpty")));
 }
 
 }  // namespace

@@ -2,14 +2,17 @@
 // Fixtures for the window tests: the batch fixture's model, fakes and sandbox; the inspector
 // makes thumbnails, and a sized encode scales the file's box into the options' one.
 
+#include <QAccessible>
 #include <QApplication>
 #include <QMouseEvent>
+#include <stdexcept>
 
 #include "engine/Localization.h"
 #include "hotfolders/HotFolder.h"
 #include "records/ExportProfile.h"
 #include "services/AppLanguage.h"
 #include "services/StringTables.h"
+#include "services/Strings.h"
 #include "tests/batch/batch_test_support.h"
 #include "ui/ImageListModel.h"
 #include "ui/ImageListView.h"
@@ -18,6 +21,28 @@
 namespace quillane::uitest {
 
 using testing::FakeFile;
+
+// The one W under `root` named `name` for screen readers (its accessible name, else what they
+// read: a button's or a label's text, that of the label it is the buddy of), or the one W when no
+// name is given. Throws, which fails the test, unless there is exactly one, shown or not.
+template <class W>
+W* control(const QObject* root, const std::optional<QString>& name = {}) {
+  QList<W*> found = root->findChildren<W*>();
+  found.removeIf([&](W* w) {
+    const QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(w);
+    return name && w->accessibleName() != *name &&
+           (!accessible || accessible->text(QAccessible::Name) != *name);
+  });
+  if (found.size() != 1)
+    throw std::runtime_error(std::to_string(found.size()) + " " + W::staticMetaObject.className() +
+                             " named " + name.value_or("anything").toStdString());
+  return found[0];
+}
+// The same, named by the text of `key` in the running language.
+template <class W>
+W* control(const QObject* root, const char* key) {
+  return control<W>(root, Strings::text(key));
+}
 
 class UiFixture : public testing::BatchFixture {
  protected:
@@ -81,6 +106,7 @@ class WindowFixture : public UiFixture {
     }
     return *window_;
   }
+  ui::ImageListView* imageList() { return control<ui::ImageListView>(&window(), "list.name"); }
   std::unique_ptr<ui::MainWindow> window_;
 };
 
@@ -89,6 +115,11 @@ inline void sendMouse(QWidget* target, QEvent::Type type, QPointF pos) {
   QMouseEvent event(type, pos, target->mapToGlobal(pos), Qt::LeftButton,
                     type == QEvent::MouseButtonRelease ? Qt::NoButton : Qt::LeftButton, Qt::NoModifier);
   QApplication::sendEvent(target, &event);
+}
+
+// The painter of `list`'s rows, which knows where each part of a row lies.
+inline ui::ImageRowDelegate& delegate(const ui::ImageListView& list) {
+  return *qobject_cast<ui::ImageRowDelegate*>(list.itemDelegate());
 }
 
 // What a screen reader hears of row `row` of `list`.
