@@ -109,7 +109,6 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
   const int fitId = 0;
   auto* fit = zoomButton(this, Strings::text("comparison.zoomFit"), Strings::text("comparison.zoomFitName"),
                          QKeySequence(Qt::Key_0));
-  fit->setObjectName(QStringLiteral("zoomFit"));
   zoomButtons_->addButton(fit, fitId);
   header->addWidget(fit);
   for (double level : ComparisonGeometry::zoomLevels) {
@@ -117,7 +116,6 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
     const QString text = Strings::format("comparison.zoomPercentFormat", percent);
     auto* button = zoomButton(this, text, Strings::format("comparison.zoomToFormat", text),
                               QKeySequence(Qt::Key_0 + int(level)));
-    button->setObjectName(QStringLiteral("zoom%1").arg(percent));
     zoomButtons_->addButton(button, percent);
     header->addWidget(button);
   }

@@ -22,23 +22,19 @@ namespace quillane::uitest {
 
 using testing::FakeFile;
 
-// The one W under `root` named `name` for screen readers (its accessible name, else what they
-// read: a button's or a label's text, that of the label it is the buddy of), or the one W when no
-// name is given. Throws, which fails the test, unless there is exactly one, shown or not.
+// The one W under `root` that screen readers name `name` (its accessible name, else a button's, a
+// label's or its buddy's text; a `key`'s text), or the only W. Throws, failing the test, unless one.
 template <class W>
 W* control(const QObject* root, const std::optional<QString>& name = {}) {
   QList<W*> found = root->findChildren<W*>();
   found.removeIf([&](W* w) {
-    const QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(w);
-    return name && w->accessibleName() != *name &&
-           (!accessible || accessible->text(QAccessible::Name) != *name);
+    const QAccessibleInterface* a = QAccessible::queryAccessibleInterface(w);
+    return name && w->accessibleName() != *name && (!a || a->text(QAccessible::Name) != *name);
   });
   if (found.size() != 1)
-    throw std::runtime_error(std::to_string(found.size()) + " " + W::staticMetaObject.className() +
-                             " named " + name.value_or("anything").toStdString());
+    throw std::runtime_error(std::to_string(found.size()) + " " + name.value_or("").toStdString());
   return found[0];
 }
-// The same, named by the text of `key` in the running language.
 template <class W>
 W* control(const QObject* root, const char* key) {
   return control<W>(root, Strings::text(key));
