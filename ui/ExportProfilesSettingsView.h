@@ -47,7 +47,6 @@ class ExportProfilesSettingsView : public QWidget {
   QPushButton* formatButton() const { return formatButton_; }
   QSlider* qualitySlider() const { return quality_; }
   QPushButton* saveButton() const { return save_; }
-  QGroupBox* existingSection() const { return existing_; }
 
   void setNewFormat(ImageFormat format);
   void setNewFolder(std::optional<QUrl> folder);

@@ -66,7 +66,6 @@ class HotFoldersSettingsView : public QWidget {
   QPushButton* formatButton() const { return formatButton_; }
   QSlider* qualitySlider() const { return quality_; }
   QLabel* sameFolderWarning() const { return sameFolderWarning_; }
-  QGroupBox* existingSection() const { return existing_; }
 
  private:
   bool isFormValid() const;

@@ -21,7 +21,6 @@
 #include "hotfolders/HotFoldersManager.h"
 #include "records/ExportProfile.h"
 #include "services/LanguageManager.h"
-#include "services/Strings.h"
 #include "tests/ui/ui_test_support.h"
 #include "ui/ExportProfilesSettingsView.h"
 #include "ui/HotFoldersSettingsView.h"
@@ -93,29 +92,29 @@ TEST_F(APIPaneTest, InvalidPortsRevertTheToggleShowsTheServerAndAValidPortRestar
   LocalAPISettings::setPort(50123);
   LocalAPIController controller(*model_);
   ui::LocalAPISettingsView pane(controller);
-  QLineEdit* portField = control<QLineEdit>(&pane, "settings.api.port");
+  QLineEdit* field = control<QLineEdit>(&pane, "settings.api.port");
   const auto submitPort = [&](const QString& text) {
-    portField->setText(text);
+    field->setText(text);
     pane.applyPort();
   };
   for (const char* bad : {"70000", "letters"}) {
     submitPort(bad);
-    EXPECT_EQ(portField->text(), "50123") << bad;
+    EXPECT_EQ(field->text(), "50123") << bad;
   }
   EXPECT_EQ(LocalAPISettings::storedPort(), 50123);
   LocalAPISettings::setPort(0);
   submitPort("0");
-  EXPECT_EQ(portField->text(), "51823");
+  EXPECT_EQ(field->text(), "51823");
 
-  QGroupBox* token = control<QGroupBox>(&pane, "settings.api.token");
-  EXPECT_FALSE(portField->isVisibleTo(&pane) || token->isVisibleTo(&pane));
+  EXPECT_FALSE(field->isVisibleTo(&pane) ||
+               control<QGroupBox>(&pane, "settings.api.token")->isVisibleTo(&pane));
   QTcpServer probe;  // a free port, found by binding and releasing it
   ASSERT_TRUE(probe.listen(QHostAddress::LocalHost, 0));
   const int port = probe.serverPort();
   probe.close();
   pane.enableToggle()->setChecked(true);
   EXPECT_TRUE(LocalAPISettings::isEnabled());
-  EXPECT_TRUE(portField->isVisibleTo(&pane));
+  EXPECT_TRUE(field->isVisibleTo(&pane));
   submitPort(QString::number(port));
   EXPECT_EQ(LocalAPISettings::storedPort(), port);
   ASSERT_TRUE(
@@ -174,10 +173,11 @@ class HotFoldersPaneTest : public UiFixture {
     chosen_ = destination;
     pane().chooseDestination();
   }
-  // The texts of the labels in `section`, of those named `name` when given.
-  QStringList texts(QWidget* section, const QString& name = {}) const {
+  // The texts of the labels in the section titled `section`, of those named `name` when given.
+  QStringList texts(const char* section, const QString& name = {}) {
     QStringList out;
-    for (QLabel* label : section->findChildren<QLabel*>(name)) out << label->text();
+    for (auto* label : control<QGroupBox>(&pane(), section)->findChildren<QLabel*>(name))
+      out << label->text();
     return out;
   }
 
@@ -251,7 +251,7 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   // Each row says what its folder is doing. The folders report from their own threads, in no
   // fixed order, and their rows' states follow their reports.
   auto stateCount = [&](const char* key) {
-    return texts(pane().existingSection(), "statusText").count(Strings::text(key));
+    return texts("settings.hotFolders.existingSection", "statusText").count(Strings::text(key));
   };
   ASSERT_TRUE(QTest::qWaitFor(
       [&] {
@@ -263,21 +263,21 @@ TEST_F(HotFoldersPaneTest, SwitchStopsTheFolderAndTheLogsShowTheNewestLines) {
   QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);  // the lines replaced
   const std::vector<HotFolderActivity> newest = manager_->recentActivity();
   auto title = [&](size_t i) { return newest[i].hotFolderName + " — "; };
-  QGroupBox* errorLog = control<QGroupBox>(&pane(), "settings.hotFolders.errorLogSection");
-  QGroupBox* activity = control<QGroupBox>(&pane(), "settings.hotFolders.activitySection");
-  const QStringList errors = texts(errorLog);
+  const QStringList errors = texts("settings.hotFolders.errorLogSection");
   EXPECT_TRUE(errors.contains(title(0)) && errors.contains(title(19)) && !errors.contains(title(20)));
-  EXPECT_TRUE(texts(activity).contains(title(4)));
+  EXPECT_TRUE(texts("settings.hotFolders.activitySection").contains(title(4)));
 
-  QList<QCheckBox*> switches = pane().existingSection()->findChildren<QCheckBox*>("enabledSwitch");
+  QList<QCheckBox*> switches = pane().findChildren<QCheckBox*>("enabledSwitch");
   ASSERT_EQ(switches.size(), 31);
   switches.back()->setChecked(false);
   ASSERT_TRUE(QTest::qWaitFor([&] { return !manager_->isRunning(folders.back().id); }, 5000));
   EXPECT_FALSE(manager_->hotFolders().back().isEnabled);
 
-  control<QPushButton>(activity, "common.clearAll")->click();
-  EXPECT_TRUE(texts(errorLog).contains(Strings::text("settings.hotFolders.errorLogEmpty")));
-  EXPECT_TRUE(texts(activity).contains(Strings::text("settings.hotFolders.activityEmpty")));
+  control<QPushButton>(&pane(), "common.clearAll")->click();
+  EXPECT_TRUE(texts("settings.hotFolders.errorLogSection")
+                  .contains(Strings::text("settings.hotFolders.errorLogEmpty")));
+  EXPECT_TRUE(texts("settings.hotFolders.activitySection")
+                  .contains(Strings::text("settings.hotFolders.activityEmpty")));
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <QAccessible>
 #include <QApplication>
 #include <QMouseEvent>
-#include <stdexcept>
 
 #include "engine/Localization.h"
 #include "hotfolders/HotFolder.h"
