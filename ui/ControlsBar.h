@@ -35,9 +35,7 @@ class ControlsBar : public QWidget {
  public:
   explicit ControlsBar(BatchViewModel& viewModel, QWidget* parent = nullptr);
 
-  QualitySliderView* qualitySlider() const { return quality_; }
   SizeButtonView* sizeControl() const { return size_; }
-  QPushButton* exportButton() const { return export_; }
 
   // Opens the history popup under its button (what the button does).
   void showHistory();

@@ -44,8 +44,6 @@ class ExportProfilesSettingsView : public QWidget {
 
   // The form's state.
   QLineEdit* nameField() const { return name_; }
-  QPushButton* formatButton() const { return formatButton_; }
-  QSlider* qualitySlider() const { return quality_; }
   QPushButton* saveButton() const { return save_; }
 
   void setNewFormat(ImageFormat format);

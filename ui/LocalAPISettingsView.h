@@ -29,8 +29,6 @@ class LocalAPISettingsView : public QWidget {
  public:
   explicit LocalAPISettingsView(LocalAPIController& controller, QWidget* parent = nullptr);
 
-  QCheckBox* enableToggle() const { return enable_; }
-
   // The toggle's action: store, then start or stop the server.
   void setEnabled(bool on);
   // Return in the port field: store a valid port (restarting a running server), else put the

@@ -50,7 +50,6 @@ class MainWindow : public QMainWindow {
   void setSettingsOpener(std::function<void()> opener) { openSettings_ = std::move(opener); }
 
   ControlsBar* controlsBar() const { return bar_; }
-  ExportSummaryView* exportSummary() const { return summary_; }
 
   // The row actions that need a window. The comparison is a window of its own, one per image.
   void showComparison(const std::shared_ptr<ImportedImage>& image);

@@ -35,7 +35,6 @@ class QualitySliderView : public QWidget {
   Q_OBJECT
  public:
   explicit QualitySliderView(BatchViewModel& viewModel, QWidget* parent = nullptr);
-  QSlider* slider() const { return slider_; }
   void retranslate();
 
  private:
@@ -71,16 +70,14 @@ class QualityOverridePopup : public QFrame {
   QualityOverridePopup(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
                        QWidget* parent = nullptr);
 
-  // The first of the draft, the image's override and the global quality.
-  double displayedQuality() const;
-  QSlider* slider() const { return slider_; }
-
   // The slider's editing callback: on release a draft becomes the override.
   void editingChanged(bool editing);
   // Opens under `anchor` (global coordinates).
   void popUp(const QRect& anchor);
 
  private:
+  // The first of the draft, the image's override and the global quality.
+  double displayedQuality() const;
   QString readoutText() const;
   void refresh();
   void revertToGlobal();

@@ -27,8 +27,6 @@ class UpdateSettingsView : public QWidget {
  public:
   explicit UpdateSettingsView(UpdateChecker& checker, QWidget* parent = nullptr);
 
-  QCheckBox* enableToggle() const { return enable_; }
-
  private:
   void setEnabled(bool on);
   void refresh();
@@ -46,8 +44,6 @@ class LanguageSettingsView : public QWidget {
   Q_OBJECT
  public:
   explicit LanguageSettingsView(LanguageManager& manager, QWidget* parent = nullptr);
-
-  QComboBox* picker() const { return picker_; }
 
   // The picker's action: remembers the choice without applying it.
   void choose(std::optional<AppLanguage> language);

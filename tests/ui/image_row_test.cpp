@@ -146,14 +146,15 @@ TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAClickMakesNoOverrideAn
   auto image = importOne("a.png", 100'000, {});
   ui::QualityOverridePopup popup(*model_, image);
   popup.popUp(QRect(20, 20, 26, 26));
-  EXPECT_EQ(QApplication::focusWidget(), popup.slider()) << "the keys move the quality at once";
-  popup.slider()->setSliderDown(true);
-  popup.slider()->setSliderDown(false);
+  QSlider* slider = control<QSlider>(&popup, "quality.overrideTitle");
+  EXPECT_EQ(QApplication::focusWidget(), slider) << "the keys move the quality at once";
+  slider->setSliderDown(true);
+  slider->setSliderDown(false);
   EXPECT_FALSE(image->qualityOverride().has_value());
-  popup.slider()->setSliderDown(true);
-  popup.slider()->setSliderPosition(40);  // the finger moves
+  slider->setSliderDown(true);
+  slider->setSliderPosition(40);  // the finger moves
   EXPECT_FALSE(image->qualityOverride().has_value());
-  popup.slider()->setSliderDown(false);  // released
+  slider->setSliderDown(false);  // released
   EXPECT_EQ(image->qualityOverride(), 40);
   ASSERT_TRUE(waitIdle());
 
@@ -165,7 +166,7 @@ TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAClickMakesNoOverrideAn
   control<QPushButton>(&popup, Strings::format("quality.revertFormat", 72))->click();
   EXPECT_FALSE(image->qualityOverride().has_value());
   EXPECT_TRUE(control<QLabel>(&popup, "quality.followingGlobal")->isVisible());
-  EXPECT_EQ(popup.slider()->value(), 72);
+  EXPECT_EQ(slider->value(), 72);
   ASSERT_TRUE(waitIdle());
 
   // The image's own size options: an edit makes them its own, the batch's stay, and the link

@@ -76,7 +76,8 @@ class MainWindowTest : public WindowFixture {
  protected:
   ControlsBar& bar() { return *window().controlsBar(); }
   QAction* exportAction() { return window().menuBar()->actions()[0]->menu()->actions()[1]; }  // File > Export
-  bool exportEnabled() { return bar().exportButton()->isEnabled() && exportAction()->isEnabled(); }
+  QPushButton* exportButton() { return control<QPushButton>(&bar(), "menu.exportAll"); }
+  bool exportEnabled() { return exportButton()->isEnabled() && exportAction()->isEnabled(); }
 };
 
 // Export waits for the pending recompute and for encoding, and the slider for its release.
@@ -86,13 +87,13 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
     const QString count = ui::RowRules::importedCountText(int(model_->images().size()));
     return std::vector<bool>{imageList()->isVisible(), control<QLabel>(&bar(), count)->isVisible(),
                              control<QPushButton>(&bar(), "common.clearAll")->isVisible(),
-                             bar().exportButton()->isVisible()};
+                             exportButton()->isVisible()};
   };
   EXPECT_EQ(shown(), (std::vector<bool>{false, false, false, false})) << "empty: the drop area";
   const auto profiles = control<ui::ExportProfileMenuView>(&bar());
   QProgressBar* progress = control<QProgressBar>(&bar());
-  EXPECT_TRUE(control<QPushButton>(&bar(), "controls.importLabel")->isVisible() &&
-              bar().qualitySlider()->isVisible());
+  QSlider* slider = control<QSlider>(&bar(), "quality.label");
+  EXPECT_TRUE(control<QPushButton>(&bar(), "controls.importLabel")->isVisible() && slider->isVisible());
   EXPECT_FALSE(control<QToolButton>(&bar(), "history.title")->isVisible() || profiles->isVisible() ||
                progress->isVisible() || exportAction()->isEnabled());
 
@@ -114,7 +115,6 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
 
   // While the slider is held its value applies, and the batch holds its encodes until the
   // release (the scheduler's test shows how).
-  QSlider* slider = bar().qualitySlider()->slider();
   slider->setSliderDown(true);
   slider->setValue(30);
   EXPECT_TRUE(model_->quality() == 30 && model_->isQualitySliderEditing());
@@ -222,7 +222,7 @@ TEST_F(MainWindowTest, ARightToLeftLayoutMirrorsTheBarAndTheRowsAndKeepsNumbersW
   ASSERT_TRUE(settle({source("a.png", 199000)}));
   QCoreApplication::processEvents();
   const auto x = [&](QWidget* w) { return w->mapTo(&window(), QPoint(0, 0)).x(); };
-  EXPECT_GT(x(control<QPushButton>(&bar(), "controls.importLabel")), x(bar().exportButton()));
+  EXPECT_GT(x(control<QPushButton>(&bar(), "controls.importLabel")), x(exportButton()));
   ui::ImageListView* list = imageList();
   const QModelIndex row = list->listModel().index(0);
   const auto part = [&](ui::RowHit hit) { return delegate(*list).partRect(list->visualRect(row), row, hit); };
@@ -252,7 +252,7 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
   front.activateWindow();
   ASSERT_TRUE(QTest::qWaitForWindowActive(&front));
   await(model_->exportAll(url("out")));
-  ui::ExportSummaryView* summary = window().exportSummary();
+  auto* summary = control<ui::ExportSummaryView>(&window());
   ASSERT_TRUE(summary->isVisible());
   // Two written at quality 75 (750 bytes each) from 5750-byte sources; the failure counted.
   const QString text = "Fichiers exportés : 2 · espace gagné : 10 kB\nRemplacés : a.jpg\nÉchecs : 1";
@@ -403,7 +403,8 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
       }
       if (size.width() == 960) {
         ui::ControlsBar& bar = *window().controlsBar();
-        EXPECT_LT(bar.height(), 2 * bar.exportButton()->sizeHint().height()) << "one line";
+        EXPECT_LT(bar.height(), 2 * control<QPushButton>(&bar, "menu.exportAll")->sizeHint().height())
+            << "one line";
       }
       openGate();
       ASSERT_TRUE(waitIdle());

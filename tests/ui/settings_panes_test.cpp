@@ -112,14 +112,14 @@ TEST_F(APIPaneTest, InvalidPortsRevertTheToggleShowsTheServerAndAValidPortRestar
   ASSERT_TRUE(probe.listen(QHostAddress::LocalHost, 0));
   const int port = probe.serverPort();
   probe.close();
-  pane.enableToggle()->setChecked(true);
+  control<QCheckBox>(&pane, "settings.api.enable")->setChecked(true);
   EXPECT_TRUE(LocalAPISettings::isEnabled());
   EXPECT_TRUE(field->isVisibleTo(&pane));
   submitPort(QString::number(port));
   EXPECT_EQ(LocalAPISettings::storedPort(), port);
   ASSERT_TRUE(
       QTest::qWaitFor([&] { return controller.isRunning() && controller.boundPort() == port; }, 3000));
-  pane.enableToggle()->setChecked(false);
+  control<QCheckBox>(&pane, "settings.api.enable")->setChecked(false);
   EXPECT_FALSE(LocalAPISettings::isEnabled());
   ASSERT_TRUE(QTest::qWaitFor([&] { return !controller.isRunning(); }, 3000));
 }
@@ -130,7 +130,7 @@ TEST(LanguagePane, OnlyADifferentChoiceOffersARestartAndTheSystemDefaultRemovesT
   auto manager = std::make_unique<LanguageManager>(
       LanguageManager::Platform{{"fr-FR"}, [&](const QString&) { return ++starts, true; }, [&] { ++quits; }});
   ui::LanguageSettingsView pane(*manager);
-  EXPECT_EQ(pane.picker()->currentData().toInt(), int(AppLanguage::de));
+  EXPECT_EQ(control<QComboBox>(&pane)->currentData().toInt(), int(AppLanguage::de));
   QPushButton* restart = control<QPushButton>(&pane, "settings.language.restartNow");
   QLabel* note = control<QLabel>(&pane, "settings.language.restartRequired");
   pane.choose(AppLanguage::de);
