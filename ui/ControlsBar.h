@@ -35,8 +35,6 @@ class ControlsBar : public QWidget {
  public:
   explicit ControlsBar(BatchViewModel& viewModel, QWidget* parent = nullptr);
 
-  SizeButtonView* sizeControl() const { return size_; }
-
   // Opens the history popup under its button (what the button does).
   void showHistory();
 

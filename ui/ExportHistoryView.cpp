@@ -66,13 +66,6 @@ ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWid
   rebuild();
 }
 
-int ExportHistoryView::rowCount() const { return rows_->count() - (rows_->count() > 0 ? 1 : 0); }
-
-QWidget* ExportHistoryView::row(int index) const {
-  QLayoutItem* item = rows_->itemAt(index);
-  return item ? item->widget() : nullptr;
-}
-
 void ExportHistoryView::rebuild() {
   while (QLayoutItem* item = rows_->takeAt(0)) {
     if (QWidget* w = item->widget()) w->deleteLater();

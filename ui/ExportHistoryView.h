@@ -28,10 +28,6 @@ class ExportHistoryView : public QFrame {
   // As a popup with `popup`, else as a plain widget (tests, screenshots).
   ExportHistoryView(BatchViewModel& viewModel, bool popup, QWidget* parent = nullptr);
 
-  int rowCount() const;
-  // The row widget of record `index` in stored order.
-  QWidget* row(int index) const;
-
   void popUp(const QRect& anchor);
 
  private:

@@ -60,13 +60,12 @@ class SizeButtonView : public QWidget {
   Q_OBJECT
  public:
   explicit SizeButtonView(BatchViewModel& viewModel, QWidget* parent = nullptr);
-  QToolButton* button() const { return button_; }
-  // The open popup's editor, or null.
-  SizeOptionsEditor* popupEditor() const;
   // Opens the popup under the button (what the button does).
   void showPopup();
 
  private:
+  // The open popup's editor, or null.
+  SizeOptionsEditor* popupEditor() const;
   void syncFromModel();
 
   BatchViewModel& viewModel_;

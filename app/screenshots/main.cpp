@@ -295,9 +295,9 @@ void mainWindowAndHistory() {
   stage.model().setCompressionOptions({.maxWidth = 1600, .maxHeight = 1200, .maxBytes = 500'000});
   stage.settle();
   auto sized = showWindow(stage.model(), {960, 640});
-  sized->controlsBar()->sizeControl()->showPopup();
+  sized->controlsBar()->findChild<ui::SizeButtonView*>()->showPopup();
   QCoreApplication::processEvents();
-  save(sized->controlsBar()->sizeControl()->popupEditor()->window(), "size-control");
+  save(sized->controlsBar()->findChild<ui::SizeOptionsEditor*>()->window(), "size-control");
   save(sized.get(), "main-size");
 }
 

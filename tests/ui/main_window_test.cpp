@@ -150,12 +150,12 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   useLanguage("en-US");
   window();
   ASSERT_TRUE(settle({source("wide.png", 100000, {4000, 3000, ImageFormat::png, 1, -1})}));
-  ui::SizeButtonView* size = bar().sizeControl();
-  EXPECT_FALSE(size->button()->isChecked()) << "off by default";
-  EXPECT_EQ(size->button()->focusPolicy() & Qt::TabFocus, Qt::TabFocus);
-  size->button()->click();
-  ui::SizeOptionsEditor* editor = size->popupEditor();
-  ASSERT_TRUE(editor && editor->isVisible());
+  QToolButton* size = control<QToolButton>(&bar(), "size.label");
+  EXPECT_FALSE(size->isChecked()) << "off by default";
+  EXPECT_EQ(size->focusPolicy() & Qt::TabFocus, Qt::TabFocus);
+  size->click();
+  auto* editor = control<ui::SizeOptionsEditor>(&bar());
+  ASSERT_TRUE(editor->isVisible());
   control<QSpinBox>(editor, "size.widthField")->setValue(1600);
   control<QSpinBox>(editor, "size.heightField")->setValue(1600);
   EXPECT_EQ(model_->compressionOptions(), CompressionOptions{}) << "an unchecked part stays off";
@@ -164,7 +164,7 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   control<QDoubleSpinBox>(editor, "size.budgetField")->setValue(500);
   const CompressionOptions chosen{.maxWidth = 1600, .maxHeight = 1600, .maxBytes = 500000};
   EXPECT_EQ(model_->compressionOptions(), chosen);
-  EXPECT_TRUE(size->button()->isChecked());
+  EXPECT_TRUE(size->isChecked());
   ASSERT_TRUE(waitIdle());
   const auto image = model_->images()[0];
   EXPECT_EQ(ui::RowRules::shapeText(*image), "fitted to 1600 x 1200 · at quality 62 to fit 500 kB");
@@ -177,8 +177,8 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   o.restoreSession = true;
   model_ = std::make_unique<BatchViewModel>(o);
   EXPECT_EQ(model_->compressionOptions(), chosen);
-  bar().sizeControl()->showPopup();
-  EXPECT_EQ(bar().sizeControl()->popupEditor()->options(), chosen);
+  control<QToolButton>(&bar(), "size.label")->click();
+  EXPECT_EQ(control<ui::SizeOptionsEditor>(&bar())->options(), chosen);
   useLanguage({});
 }
 

@@ -27,8 +27,8 @@ template <class W>
 W* control(const QObject* root, const std::optional<QString>& name = {}) {
   QList<W*> found = root->findChildren<W*>();
   found.removeIf([&](W* w) {
-    const QAccessibleInterface* a = QAccessible::queryAccessibleInterface(w);
-    return name && w->accessibleName() != *name && (!a || a->text(QAccessible::Name) != *name);
+    return name && w->accessibleName() != *name &&
+           QAccessible::queryAccessibleInterface(w)->text(QAccessible::Name) != *name;
   });
   if (found.size() != 1)
     throw std::runtime_error(std::to_string(found.size()) + " " + name.value_or("").toStdString());
