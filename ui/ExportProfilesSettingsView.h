@@ -42,10 +42,7 @@ class ExportProfilesSettingsView : public QWidget {
   // "WebP · 80%", the size options where set, and " — /path" with a folder.
   static QString subtitle(const ExportProfile& profile);
 
-  // The form's state.
-  QLineEdit* nameField() const { return name_; }
-  QPushButton* saveButton() const { return save_; }
-
+  // The form's actions.
   void setNewFormat(ImageFormat format);
   void setNewFolder(std::optional<QUrl> folder);
   void setNewQuality(double quality);

@@ -61,12 +61,6 @@ class HotFoldersSettingsView : public QWidget {
   void setNewFormat(ImageFormat format);
   void setNewQuality(double quality);
 
-  QLineEdit* nameField() const { return name_; }
-  QPushButton* saveButton() const { return save_; }
-  QPushButton* formatButton() const { return formatButton_; }
-  QSlider* qualitySlider() const { return quality_; }
-  QLabel* sameFolderWarning() const { return sameFolderWarning_; }
-
  private:
   bool isFormValid() const;
   // What the error log shows: the activity lines that carry an error, newest first.

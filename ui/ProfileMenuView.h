@@ -21,14 +21,11 @@ class ExportProfileMenuView : public QWidget {
  public:
   explicit ExportProfileMenuView(BatchViewModel& viewModel, QWidget* parent = nullptr);
 
-  QPushButton* button() const { return button_; }
-  QMenu* menu() const { return menu_; }
+ private:
   // The button's title: the applied profile's name, or the placeholder.
   QString title() const;
-  // Rebuilds the entries (also done each time the menu opens).
+  // Rebuilds the entries, at each change of the profiles and each time the menu opens.
   void rebuildMenu();
-
- private:
   void refresh();
 
   BatchViewModel& viewModel_;

@@ -35,9 +35,9 @@ class QualitySliderView : public QWidget {
   Q_OBJECT
  public:
   explicit QualitySliderView(BatchViewModel& viewModel, QWidget* parent = nullptr);
-  void retranslate();
 
  private:
+  void retranslate();
   QString readoutText() const;
   void syncFromModel();
 
@@ -51,11 +51,9 @@ class FormatPickerView : public QWidget {
   Q_OBJECT
  public:
   explicit FormatPickerView(BatchViewModel& viewModel, QWidget* parent = nullptr);
-  QPushButton* button() const { return button_; }
-  QMenu* menu() const { return menu_; }
-  void retranslate();
 
  private:
+  void retranslate();
   void syncFromModel();
 
   BatchViewModel& viewModel_;

@@ -90,7 +90,7 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
                              exportButton()->isVisible()};
   };
   EXPECT_EQ(shown(), (std::vector<bool>{false, false, false, false})) << "empty: the drop area";
-  const auto profiles = control<ui::ExportProfileMenuView>(&bar());
+  QPushButton* profiles = control<QPushButton>(control<ui::ExportProfileMenuView>(&bar()));
   QProgressBar* progress = control<QProgressBar>(&bar());
   QSlider* slider = control<QSlider>(&bar(), "quality.label");
   EXPECT_TRUE(control<QPushButton>(&bar(), "controls.importLabel")->isVisible() && slider->isVisible());
@@ -135,11 +135,10 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
   // The profile menu comes with a profile; choosing none after one keeps the profile's settings.
   model_->upsertExportProfile(profile("Web", ImageFormat::webp, 60));
   EXPECT_TRUE(profiles->isVisible());
-  profiles->rebuildMenu();
   QList<QAction*> entries = profiles->menu()->actions();
   ASSERT_EQ(entries.size(), 3);  // none, divider, Web
   entries[2]->trigger();
-  EXPECT_EQ(profiles->button()->text(), "Web");
+  EXPECT_EQ(profiles->text(), "Web");
   profiles->menu()->actions()[0]->trigger();
   EXPECT_FALSE(model_->appliedProfileName().has_value());
   EXPECT_EQ(model_->quality(), 60);
@@ -389,7 +388,7 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
       model_->upsertExportProfile(profile(longName, ImageFormat::webp, 80));
       EXPECT_EQ(top(), settled) << "with a profile";
       // The profile button's label is centred and clears its arrow, whatever profile it names.
-      QPushButton* button = control<ui::ExportProfileMenuView>(window().controlsBar())->button();
+      QPushButton* button = control<QPushButton>(control<ui::ExportProfileMenuView>(window().controlsBar()));
       QStyleOptionButton option;
       option.initFrom(button);
       option.features |= QStyleOptionButton::HasMenu;
@@ -539,7 +538,7 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
   pane->chooseFolder();
   EXPECT_EQ(dialogs.parents, std::vector<QWidget*>{&settings});
 
-  QMenu* bar = control<ui::FormatPickerView>(window().controlsBar())->menu();
+  QMenu* bar = control<QPushButton>(control<ui::FormatPickerView>(window().controlsBar()))->menu();
   for (QMenu* menu : {bar, pane->findChild<QMenu*>()}) {
     ASSERT_TRUE(menu && menu->actions().size() == 6);
     const QList<QAction*> actions = menu->actions();
