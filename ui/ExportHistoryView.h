@@ -25,7 +25,7 @@ class ExportHistoryView : public QFrame {
   static constexpr int popupWidth = 420;
   static constexpr int popupHeight = 320;
 
-  // As a popup with `popup`, else as a plain widget (tests, screenshots).
+  // As a popup with `popup`, else as a plain widget (screenshots).
   ExportHistoryView(BatchViewModel& viewModel, bool popup, QWidget* parent = nullptr);
 
   void popUp(const QRect& anchor);
