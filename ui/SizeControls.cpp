@@ -66,6 +66,8 @@ SizeOptionsEditor::SizeOptionsEditor(QWidget* parent) : QWidget(parent) {
   unit_->addItem(QStringLiteral("kB"), QVariant::fromValue<qint64>(kKilo));
   unit_->addItem(QStringLiteral("MB"), QVariant::fromValue<qint64>(kMega));
   unit_->setAccessibleName(Strings::text("size.unitField"));
+  // Screen readers on Linux hear a combo box's current text as its name: the description says what it is.
+  unit_->setAccessibleDescription(Strings::text("size.unitField"));
   auto* budgetRow = new QHBoxLayout;
   budgetRow->addWidget(amount_);
   budgetRow->addWidget(unit_);
