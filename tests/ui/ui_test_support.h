@@ -22,17 +22,19 @@ namespace quillane::uitest {
 using testing::FakeFile;
 
 // The one W under `root` that screen readers name `name` (its accessible name, else a button's, a
-// label's or its buddy's text; a `key`'s text), or the only W. Throws, failing the test, unless one.
+// label's or its buddy's text; a `key`'s text), or the only W; else throws, with every W's name.
 template <class W>
 W* control(const QObject* root, const std::optional<QString>& name = {}) {
-  QList<W*> found = root->findChildren<W*>();
-  found.removeIf([&](W* w) {
-    return name && w->accessibleName() != *name &&
-           QAccessible::queryAccessibleInterface(w)->text(QAccessible::Name) != *name;
-  });
-  if (found.size() != 1)
-    throw std::runtime_error(std::to_string(found.size()) + " " + name.value_or("").toStdString());
-  return found[0];
+  const QList<W*> all = root->findChildren<W*>();
+  QStringList names;  // the accessible name first: on Linux a combo box's Name is its current text
+  for (W* w : all)
+    names << (w->accessibleName().isEmpty()
+                  ? QAccessible::queryAccessibleInterface(w)->text(QAccessible::Name)
+                  : w->accessibleName());
+  QString why;
+  QDebug(&why) << W::staticMetaObject.className() << name.value_or("*") << "among" << names;
+  if ((name ? names.count(*name) : all.size()) != 1) throw std::runtime_error(why.toStdString());
+  return all[name ? names.indexOf(*name) : 0];
 }
 template <class W>
 W* control(const QObject* root, const char* key) {
