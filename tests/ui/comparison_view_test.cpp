@@ -84,7 +84,8 @@ TEST_F(ComparisonArea, ZoomKeysWheelAndDragKeepBothHalvesShowingTheSameRegion) {
   EXPECT_EQ(a.centre(), centre + QPointF(40, 20) / (4.0 / a.devicePixelRatioF()));
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.5);
   for (int i = 0; i < 200; ++i) QTest::keyClick(&a, Qt::Key_Right, Qt::ControlModifier);
-  EXPECT_DOUBLE_EQ(a.centre().x(), 1600 - a.width() / 2 / (4.0 / a.devicePixelRatioF())) << "the right edge";
+  EXPECT_DOUBLE_EQ(a.centre().x(), 1600 - a.width() / 2.0 / (4.0 / a.devicePixelRatioF()))
+      << "the right edge";
 
   // Whatever the zoom and the pan, the original (from its half-size preview) and the result
   // cover each other exactly.
