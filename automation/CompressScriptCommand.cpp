@@ -23,6 +23,7 @@
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
 #include "engine/DecodedImage.h"
+#include "engine/Errors.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageFormat.h"
@@ -262,7 +263,7 @@ std::string perform(const QVariant& directParameter, const QVariantMap& evaluate
           // escapes, the making of the failure's text included: an escape would end the process.
           try {
             results[i].path = paths[i];
-            results[i].error = Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
+            results[i].error = genericErrorText();
           } catch (...) {
             results[i].error.emplace();  // still failed, without its text (an empty string takes no memory)
           }
@@ -283,7 +284,7 @@ Outcome performDefaultImplementation(const QVariant& directParameter, const QVar
     outcome.errorString = error.description();
   } catch (const std::exception&) {
     outcome.errorNumber = commandErrorNumber;
-    outcome.errorString = Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
+    outcome.errorString = genericErrorText();
   }
   return outcome;
 }

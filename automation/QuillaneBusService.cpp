@@ -11,7 +11,7 @@
 #include <exception>
 
 #include "automation/CompressImagesIntent.h"
-#include "engine/Localization.h"
+#include "engine/Errors.h"
 #include "records/ExportProfileResolver.h"
 
 // The introspection file is compiled in, so that what the bus shows is what is installed.
@@ -85,8 +85,7 @@ std::pair<QString, QString> QuillaneBusService::errorFor(const std::exception_pt
   } catch (const QuillaneError& e) {
     return {QStringLiteral("org.freedesktop.DBus.Error.Failed"), text(e.description())};
   } catch (...) {
-    return {QStringLiteral("org.freedesktop.DBus.Error.Failed"),
-            text(Localization::text("error.generic", "L'opération n'a pas pu être effectuée."))};
+    return {QStringLiteral("org.freedesktop.DBus.Error.Failed"), text(genericErrorText())};
   }
 }
 

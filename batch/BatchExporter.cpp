@@ -12,7 +12,6 @@
 #include "batch/ExportFilenameAllocator.h"
 #include "engine/Errors.h"
 #include "engine/FileIO.h"
-#include "engine/Localization.h"
 
 namespace quillane {
 
@@ -39,10 +38,7 @@ std::string sourceBaseName(const ImportedImage& image) {
   return dot != std::string::npos && dot > 0 ? name.substr(0, dot) : name;
 }
 
-QString genericError() {
-  return QString::fromStdString(
-      Localization::text("error.generic", "L'opération n'a pas pu être effectuée."));
-}
+QString genericError() { return QString::fromStdString(genericErrorText()); }
 
 }  // namespace
 

@@ -17,9 +17,16 @@ std::string ImageProcessingError::description() const {
   return {};
 }
 
-std::string ZlibError::description() const {
+std::string genericErrorText() {
   return Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
 }
+
+std::string describe(const std::exception& error) {
+  if (const auto* own = dynamic_cast<const QuillaneError*>(&error)) return own->description();
+  return genericErrorText();
+}
+
+std::string ZlibError::description() const { return genericErrorText(); }
 
 std::string FileError::description() const { return message_; }
 

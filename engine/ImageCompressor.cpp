@@ -126,11 +126,6 @@ Bytes encodeJudgedCompeting(Pictures& pictures, ImageFormat format, const Encodi
   return lossy;
 }
 
-std::string describe(const std::exception& error) {
-  if (const auto* own = dynamic_cast<const QuillaneError*>(&error)) return own->description();
-  return Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
-}
-
 // The source's last path component without its extension ("a/b/photo.tar.png" gives
 // "photo.tar"); a name that starts with its only dot keeps it (".hidden").
 std::string baseName(const std::string& path) {

@@ -24,7 +24,6 @@
 #include "engine/Errors.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
-#include "engine/Localization.h"
 #include "hotfolders/FileCompleteness.h"
 #include "hotfolders/HotFolderProcessedStore.h"
 #include "hotfolders/HotFolderWatcher.h"
@@ -91,11 +90,6 @@ QThreadPool& utilityPool() {
 // A date in the future gives a negative age and so needs the size test.
 bool isOldEnough(double modificationDate) { return nowSince2001() - modificationDate >= kStableAge; }
 
-QString genericError() {
-  return QString::fromStdString(
-      Localization::text("error.generic", "L'opération n'a pas pu être effectuée."));
-}
-
 bool hasSize(const std::string& path, int64_t size) {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0 && int64_t(st.st_size) == size;
@@ -141,11 +135,7 @@ void HotFolderWatcher::scanOnce() {
   try {
     scanSteps();
   } catch (...) {
-    try {
-      reportFolderError(genericError());
-    } catch (...) {
-      // not even the line could be made
-    }
+    reportEscape();
   }
 }
 
@@ -238,6 +228,14 @@ std::optional<HotFolderWatcher::Settings> HotFolderWatcher::resolveSettings() {
   }
 }
 
+void HotFolderWatcher::reportEscape() noexcept {
+  try {
+    reportFolderError(QString::fromStdString(genericErrorText()));
+  } catch (...) {
+    // not even the line could be made
+  }
+}
+
 // Said once, not at every scan, until a scan resolves its settings again.
 void HotFolderWatcher::reportFolderError(const QString& message) {
   MutexLock lock(reportLock_);
@@ -314,7 +312,7 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
             // the process, and the scan would wait for this worker.
             try {
               ImageCompressionResult failed;
-              failed.error = genericError().toStdString();
+              failed.error = genericErrorText();
               record(candidate, failed, completed, total);
             } catch (...) {
               // its next scan takes it again

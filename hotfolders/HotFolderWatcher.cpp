@@ -12,8 +12,6 @@
 #include <QThread>
 #include <QTimer>
 
-#include "engine/Localization.h"
-
 namespace quillane {
 namespace {
 
@@ -77,12 +75,7 @@ class HotFolderWatcher::Loop : public QObject {
     try {
       step();
     } catch (...) {
-      try {
-        watcher_.reportFolderError(QString::fromStdString(
-            Localization::text("error.generic", "L'opération n'a pas pu être effectuée.")));
-      } catch (...) {
-        // not even that could be said
-      }
+      watcher_.reportEscape();
     }
   }
 

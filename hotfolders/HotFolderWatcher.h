@@ -144,6 +144,8 @@ class HotFolderWatcher {
   void compressAll(const std::vector<Candidate>& candidates, const Settings& settings);
   void record(const Candidate& candidate, const ImageCompressionResult& result, int& completed, int total);
   void reportFolderError(const QString& message);
+  // Says that something escaped a step (memory running out, say), if even that can be said.
+  void reportEscape() noexcept;
 
   void setState(State state);
   bool isStopped() const;

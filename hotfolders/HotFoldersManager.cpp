@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "engine/Errors.h"
 #include "engine/Localization.h"
 #include "hotfolders/HotFolderProcessedStore.h"
 #include "hotfolders/MountObserver.h"
@@ -122,9 +123,7 @@ QFuture<void> HotFoldersManager::applyWatchers() {
       // Out of memory: no folder runs unchecked, each says so, and the next edit or mount
       // change checks again.
       std::map<QUuid, QString> all;
-      for (const HotFolder& folder : enabled)
-        all[folder.id] = QString::fromStdString(
-            Localization::text("error.generic", "L'opération n'a pas pu être effectuée."));
+      for (const HotFolder& folder : enabled) all[folder.id] = QString::fromStdString(genericErrorText());
       return all;
     }
   });

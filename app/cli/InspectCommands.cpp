@@ -14,11 +14,6 @@
 namespace quillane::cli {
 namespace {
 
-std::string describe(const std::exception& error) {
-  if (const auto* own = dynamic_cast<const QuillaneError*>(&error)) return own->description();
-  return Localization::text("error.generic", "L'opération n'a pas pu être effectuée.");
-}
-
 // One object a path: `fill` adds the keys of a success; a failure gives path and error.
 JsonValue eachPath(const std::vector<std::string>& paths,
                    const std::function<void(const std::string&, JsonValue&)>& fill) {
