@@ -232,14 +232,11 @@ void ExportProfilesSettingsView::rebuildList() {
     layout->addLayout(texts, 1);
 
     const ExportProfile copy = profile;
-    auto* edit = new QToolButton(row);
-    edit->setAutoRaise(true);
-    edit->setIcon(Icons::icon("pencil"));
+    auto* edit = makeRowButton(row, Icons::icon("pencil"), "common.edit", profile.name);
     edit->setObjectName(QStringLiteral("editButton"));
     connect(edit, &QToolButton::clicked, this, [this, copy] { startEditing(copy); });
-    auto* remove = new QToolButton(row);
-    remove->setAutoRaise(true);
-    remove->setIcon(Icons::tinted("trash", Icons::redColor(palette())));
+    auto* remove =
+        makeRowButton(row, Icons::tinted("trash", Icons::redColor(palette())), "common.delete", profile.name);
     remove->setObjectName(QStringLiteral("deleteButton"));
     // No confirmation is asked.
     connect(remove, &QToolButton::clicked, this, [this, copy] { deleteProfile(copy); });
@@ -247,6 +244,7 @@ void ExportProfilesSettingsView::rebuildList() {
     layout->addWidget(remove);
     rows_->addWidget(row);
   }
+  orderTabStops(this);
 }
 
 }  // namespace quillane::ui

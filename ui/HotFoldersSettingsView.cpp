@@ -325,6 +325,7 @@ void HotFoldersSettingsView::rebuildList() {
   statusLabels_.clear();
   existing_->setVisible(!manager_.hotFolders().empty());
   for (const HotFolder& hotFolder : manager_.hotFolders()) rows_->addWidget(makeRow(hotFolder));
+  orderTabStops(this);
   refreshProgress();
   refreshStatus();
   if (editingID_ && std::none_of(manager_.hotFolders().begin(), manager_.hotFolders().end(),
@@ -357,14 +358,11 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
     QMetaObject::invokeMethod(
         this, [this, changed] { manager_.upsert(changed); }, Qt::QueuedConnection);
   });
-  auto* edit = new QToolButton(row);
-  edit->setAutoRaise(true);
-  edit->setIcon(Icons::icon("pencil"));
+  auto* edit = makeRowButton(row, Icons::icon("pencil"), "common.edit", hotFolder.name);
   edit->setObjectName(QStringLiteral("editButton"));
   connect(edit, &QToolButton::clicked, this, [this, copy] { startEditing(copy); });
-  auto* remove = new QToolButton(row);
-  remove->setAutoRaise(true);
-  remove->setIcon(Icons::tinted("trash", Icons::redColor(palette())));
+  auto* remove =
+      makeRowButton(row, Icons::tinted("trash", Icons::redColor(palette())), "common.delete", hotFolder.name);
   remove->setObjectName(QStringLiteral("deleteButton"));
   // No confirmation is asked; queued for the same reason as the switch.
   connect(remove, &QToolButton::clicked, this, [this, copy] {

@@ -42,6 +42,9 @@ class SettingsWindow : public QWidget {
   void insertHotFoldersPane(QWidget* pane);
 
  private:
+  // Adds `pane` in a scroll area as the tab at `index` (-1: the last).
+  void addPane(QWidget* pane, const char* icon, const char* titleKey, int index = -1);
+
   QTabWidget* tabs_;
 };
 
