@@ -1,5 +1,6 @@
 #include "ui/SettingsWindow.h"
 
+#include <QTabBar>
 #include <QTabWidget>
 #include <QVBoxLayout>
 
@@ -42,12 +43,21 @@ SettingsWindow::SettingsWindow(Services services, QWidget* parent) : QWidget(par
   tabs_->addTab(wrapPane(new UpdateSettingsView(services.updateChecker)), Icons::icon("arrow.down.circle"),
                 Strings::text("settings.updates.title"));
   resize(680, 560);
-  setMinimumSize(560, 420);
+  setMinimumHeight(420);
+  fitMinimumWidthToTabs();
+}
+
+void SettingsWindow::fitMinimumWidthToTabs() {
+  // In the longer languages the titles need more than the panes do; a tab bar that scrolls
+  // would show the last one cut.
+  const QMargins margins = layout()->contentsMargins();
+  setMinimumWidth(std::max(560, tabs_->tabBar()->sizeHint().width() + margins.left() + margins.right()));
 }
 
 void SettingsWindow::insertHotFoldersPane(QWidget* pane) {
   tabs_->insertTab(tabs_->count() - kUpdatesTabFromEnd, wrapPane(pane, 600), Icons::icon("eye"),
                    Strings::text("settings.hotFolders.title"));
+  fitMinimumWidthToTabs();
 }
 
 SettingsWindow* SettingsWindow::showFor(QWidget* mainWindow, Services services) {

@@ -42,6 +42,9 @@ class SettingsWindow : public QWidget {
   void insertHotFoldersPane(QWidget* pane);
 
  private:
+  // At least 560 x 420, and wide enough for every tab's title to show whole.
+  void fitMinimumWidthToTabs();
+
   QTabWidget* tabs_;
 };
 
