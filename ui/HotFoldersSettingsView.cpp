@@ -44,10 +44,8 @@ void clearLayout(QVBoxLayout* layout) {
   }
 }
 
-QLabel* elidedNote(const QString& text, QWidget* parent) {
-  QLabel* label = makeNote(text, parent);
-  label->setWordWrap(false);
-  label->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+QLabel* elidedPath(const QString& text, QWidget* parent) {
+  QLabel* label = makeElidedNote(text, Qt::ElideMiddle, parent);
   label->setToolTip(text);
   return label;
 }
@@ -103,9 +101,8 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   auto folderPicker = [this, form](const char* key, QLabel*& label,
                                    void (HotFoldersSettingsView::*choose)()) {
     auto* row = new QHBoxLayout;
-    label = new QLabel(form_);
+    label = new ElidedLabel(QString(), Qt::ElideMiddle, form_);
     label->setMinimumWidth(60);
-    label->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     auto* button = new QPushButton(Strings::text("settings.profiles.chooseFolder"), form_);
     connect(button, &QPushButton::clicked, this, choose);
     row->addWidget(label, 1);
@@ -341,10 +338,9 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
   auto* line = new QHBoxLayout;
   auto* texts = new QVBoxLayout;
   texts->setSpacing(1);
-  auto* name = new QLabel(hotFolder.name, row);
-  name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  auto* name = new ElidedLabel(hotFolder.name, Qt::ElideRight, row);
   texts->addWidget(name);
-  texts->addWidget(elidedNote(subtitle(hotFolder), row));
+  texts->addWidget(elidedPath(subtitle(hotFolder), row));
   line->addLayout(texts, 1);
 
   auto* enabled = new QCheckBox(Strings::text("settings.hotFolders.enabledToggle"), row);
@@ -431,8 +427,8 @@ QWidget* HotFoldersSettingsView::makeActivityLine(const HotFolderActivity& activ
   auto* layout = new QVBoxLayout(line);
   layout->setContentsMargins(0, 1, 0, 1);
   layout->setSpacing(1);
-  auto* first = new QLabel(activity.hotFolderName + QStringLiteral(" — ") + activity.sourceFileName, line);
-  first->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  auto* first = new ElidedLabel(activity.hotFolderName + QStringLiteral(" — ") + activity.sourceFileName,
+                                Qt::ElideMiddle, line);
   layout->addWidget(first);
   if (activity.error) {
     auto* error = new QLabel(*activity.error, line);
@@ -440,7 +436,7 @@ QWidget* HotFoldersSettingsView::makeActivityLine(const HotFolderActivity& activ
     error->setStyleSheet(QStringLiteral("color: %1").arg(Icons::redColor(palette()).name()));
     layout->addWidget(error);
   } else if (activity.destinationURL && !errorOnly) {
-    layout->addWidget(elidedNote(pathText(*activity.destinationURL), line));
+    layout->addWidget(elidedPath(pathText(*activity.destinationURL), line));
   } else if (activity.note && !errorOnly) {
     auto* note = makeNote(*activity.note, line);
     note->setWordWrap(true);

@@ -3,9 +3,11 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QMenu>
+#include <QPainter>
 #include <QPushButton>
 #include <QScrollArea>
 #include <QSlider>
+#include <QStyle>
 #include <QToolButton>
 
 #include "services/Strings.h"
@@ -18,6 +20,26 @@ namespace quillane::ui {
 QLabel* makeNote(const QString& text, QWidget* parent) {
   auto* label = new QLabel(text, parent);
   label->setWordWrap(true);
+  label->setFont(smallFont(label->font()));
+  Icons::makeSecondary(label);
+  return label;
+}
+
+ElidedLabel::ElidedLabel(const QString& text, Qt::TextElideMode mode, QWidget* parent)
+    : QLabel(text, parent), mode_(mode) {
+  setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+}
+
+void ElidedLabel::paintEvent(QPaintEvent*) {
+  QPainter painter(this);
+  const QRect area = contentsRect();
+  const QString shown = fontMetrics().elidedText(text(), mode_, area.width());
+  style()->drawItemText(&painter, area, QStyle::visualAlignment(layoutDirection(), alignment()), palette(),
+                        isEnabled(), shown, foregroundRole());
+}
+
+ElidedLabel* makeElidedNote(const QString& text, Qt::TextElideMode mode, QWidget* parent) {
+  auto* label = new ElidedLabel(text, mode, parent);
   label->setFont(smallFont(label->font()));
   Icons::makeSecondary(label);
   return label;

@@ -5,6 +5,7 @@
 //
 // GUI thread only.
 
+#include <QLabel>
 #include <QString>
 #include <functional>
 
@@ -12,7 +13,6 @@
 
 class QHBoxLayout;
 class QIcon;
-class QLabel;
 class QMenu;
 class QPushButton;
 class QSlider;
@@ -23,6 +23,22 @@ namespace quillane::ui {
 
 // A small, secondary, word-wrapped label.
 QLabel* makeNote(const QString& text, QWidget* parent);
+// A one-line label that takes no width of its own and shows as much of its text as fits, an
+// ellipsis where it is cut (`mode`: a path keeps its start and its end, a name its start).
+// text() stays whole, for the tooltip and screen readers.
+class ElidedLabel : public QLabel {
+ public:
+  ElidedLabel(const QString& text, Qt::TextElideMode mode, QWidget* parent);
+
+ protected:
+  void paintEvent(QPaintEvent* event) override;
+
+ private:
+  Qt::TextElideMode mode_;
+};
+// makeNote's look, on one elided line.
+ElidedLabel* makeElidedNote(const QString& text, Qt::TextElideMode mode, QWidget* parent);
+
 // `pane` inside a scroll area, at most `width` wide and centred, so that long texts wrap.
 QWidget* wrapPane(QWidget* pane, int width = 600);
 

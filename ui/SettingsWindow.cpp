@@ -1,5 +1,6 @@
 #include "ui/SettingsWindow.h"
 
+#include <QTabBar>
 #include <QTabWidget>
 #include <QVBoxLayout>
 
@@ -39,11 +40,20 @@ SettingsWindow::SettingsWindow(Services services, QWidget* parent) : QWidget(par
           "settings.profiles.title");
   addPane(new UpdateSettingsView(services.updateChecker), "arrow.down.circle", "settings.updates.title");
   resize(680, 560);
-  setMinimumSize(560, 420);
+  setMinimumHeight(420);
+  fitMinimumWidthToTabs();
+}
+
+void SettingsWindow::fitMinimumWidthToTabs() {
+  // In the longer languages the titles need more than the panes do; a tab bar that scrolls
+  // would show the last one cut.
+  const QMargins margins = layout()->contentsMargins();
+  setMinimumWidth(std::max(560, tabs_->tabBar()->sizeHint().width() + margins.left() + margins.right()));
 }
 
 void SettingsWindow::insertHotFoldersPane(QWidget* pane) {
   addPane(pane, "eye", "settings.hotFolders.title", tabs_->count() - kUpdatesTabFromEnd);
+  fitMinimumWidthToTabs();
 }
 
 void SettingsWindow::addPane(QWidget* pane, const char* icon, const char* titleKey, int index) {
