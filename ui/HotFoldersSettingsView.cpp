@@ -22,6 +22,7 @@
 #include "ui/BackgroundSettingsSection.h"
 #include "ui/DesktopFileDialogs.h"
 #include "ui/Icons.h"
+#include "ui/Mnemonics.h"
 #include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
 #include "ui/SizeControls.h"
@@ -305,7 +306,7 @@ void HotFoldersSettingsView::refreshForm() {
 // What exists now; a stored name whose profile is gone still stands on the button.
 void HotFoldersSettingsView::rebuildProfileMenu() {
   const QString noProfile = Strings::text("settings.hotFolders.noProfile");
-  profileButton_->setText(newProfileName_.value_or(noProfile));
+  profileButton_->setText(Mnemonics::literal(newProfileName_.value_or(noProfile)));
   profileMenu_->clear();
   auto add = [this](const QString& label, const std::optional<QString>& name) {
     QAction* action = profileMenu_->addAction(label);
@@ -314,6 +315,7 @@ void HotFoldersSettingsView::rebuildProfileMenu() {
   };
   add(noProfile, std::nullopt);
   for (const ExportProfile& profile : viewModel_.exportProfiles()) add(profile.name, profile.name);
+  Mnemonics::assign(profileMenu_);
 }
 
 void HotFoldersSettingsView::rebuildList() {

@@ -18,6 +18,7 @@
 #include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
+#include "ui/Mnemonics.h"
 #include "ui/SizeControls.h"
 #include "ui/UiText.h"
 
@@ -116,7 +117,7 @@ void QualitySliderView::syncFromModel() {
 void setMenuButtonText(QPushButton* button, const QString& label, int maxTextWidth) {
   const QFontMetrics metrics = button->fontMetrics();
   const QString shown = metrics.elidedText(label, Qt::ElideRight, maxTextWidth);
-  button->setText(shown);
+  button->setText(Mnemonics::literal(shown));
   QStyleOptionButton option;
   option.initFrom(button);
   option.features |= QStyleOptionButton::HasMenu;
@@ -137,6 +138,7 @@ void addFormatChoices(QMenu* menu, const std::function<void(ImageFormat)>& choos
     group->addAction(action);
     QObject::connect(action, &QAction::triggered, menu, [choose, format] { choose(format); });
   }
+  Mnemonics::assign(menu);
 }
 
 FormatPickerView::FormatPickerView(BatchViewModel& viewModel, QWidget* parent)

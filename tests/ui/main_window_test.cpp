@@ -416,6 +416,39 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
   useLanguage({});
 }
 
+// In English and French, every entry of the menu bar, of its menus, of a row's menu and of the
+// profile and format menus has an access key of its own in its menu; a profile's "&" shows as
+// itself.
+TEST_F(WindowEdgesTest, EveryMenuEntryHasAnAccessKeyOfItsOwn) {
+  makeModel();
+  model_->upsertExportProfile(profile("R&D", ImageFormat::webp, 80));
+  model_->setAppliedProfileName(QString("R&D"));
+  ASSERT_TRUE(settle({source("a.png")}));
+  for (const char* language : {"en-US", "fr"}) {
+    useLanguage(language);
+    window_.reset();
+    QMenuBar* bar = window().menuBar();
+    std::vector<std::pair<QString, QList<QAction*>>> menus{{"bar", bar->actions()}};
+    for (QAction* title : bar->actions()) menus.emplace_back(title->text(), title->menu()->actions());
+    std::unique_ptr<QMenu> row(imageList()->rowMenu(imageList()->listModel().index(0)));
+    menus.emplace_back("row", row->actions());
+    QPushButton* profiles = control<QPushButton>(control<ui::ExportProfileMenuView>(window().controlsBar()));
+    QPushButton* formats = control<QPushButton>(control<ui::FormatPickerView>(window().controlsBar()));
+    menus.emplace_back("profiles", profiles->menu()->actions());
+    menus.emplace_back("formats", formats->menu()->actions());
+    for (const auto& [name, actions] : menus) {
+      QStringList keys;
+      for (QAction* action : actions)
+        if (!action->isSeparator()) keys << QKeySequence::mnemonic(action->text()).toString();
+      EXPECT_TRUE(!keys.contains(QString()) && keys.removeDuplicates() == 0)
+          << language << " " << name.toStdString() << ": " << keys.join(' ').toStdString();
+    }
+    EXPECT_EQ(QAccessible::queryAccessibleInterface(profiles)->text(QAccessible::Name), "R&D");
+    EXPECT_TRUE(profiles->menu()->actions().last()->text().contains("&&")) << "not an access key";
+  }
+  useLanguage({});
+}
+
 TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQuality) {
   window();
   ASSERT_TRUE(settle({source("a.png", 100000, {1000, 6000})}));
