@@ -105,6 +105,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
     label = new ElidedLabel(QString(), Qt::ElideMiddle, form_);
     label->setMinimumWidth(60);
     auto* button = new QPushButton(Strings::text("settings.profiles.chooseFolder"), form_);
+    button->setAccessibleDescription(Strings::text(key));  // which of the two folders
     connect(button, &QPushButton::clicked, this, choose);
     row->addWidget(label, 1);
     row->addWidget(button);
@@ -119,6 +120,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   form->addRow(sameFolderWarning_);
 
   profileButton_ = new QPushButton(form_);
+  profileButton_->setAccessibleName(Strings::text("settings.hotFolders.profileField"));
   profileMenu_ = new QMenu(profileButton_);
   profileButton_->setMenu(profileMenu_);
   form->addRow(Strings::text("settings.hotFolders.profileField"), profileButton_);
@@ -292,7 +294,7 @@ void HotFoldersSettingsView::refreshForm() {
                           static_cast<QWidget*>(qualityRowLabel_), qualityRow_}) {
     widget->setVisible(explicitSettings);
   }
-  formatButton_->setText(formatLabel(newFormat_));
+  showFormat(formatButton_, newFormat_);
   for (QAction* action : formatMenu_->actions()) {
     action->setChecked(action->data().toInt() == int(newFormat_));
   }
@@ -307,6 +309,7 @@ void HotFoldersSettingsView::refreshForm() {
 void HotFoldersSettingsView::rebuildProfileMenu() {
   const QString noProfile = Strings::text("settings.hotFolders.noProfile");
   profileButton_->setText(Mnemonics::literal(newProfileName_.value_or(noProfile)));
+  profileButton_->setAccessibleDescription(newProfileName_.value_or(noProfile));
   profileMenu_->clear();
   auto add = [this](const QString& label, const std::optional<QString>& name) {
     QAction* action = profileMenu_->addAction(label);

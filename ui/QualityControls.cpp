@@ -128,6 +128,12 @@ void setMenuButtonText(QPushButton* button, const QString& label, int maxTextWid
   button->setFixedWidth(metrics.horizontalAdvance(shown) + 2 * (indicator + margin));
 }
 
+void showFormat(QPushButton* button, ImageFormat format) {
+  button->setText(formatLabel(format));
+  button->setAccessibleName(Strings::text("format.label"));
+  button->setAccessibleDescription(formatLabel(format));
+}
+
 void addFormatChoices(QMenu* menu, const std::function<void(ImageFormat)>& choose) {
   auto* group = new QActionGroup(menu);
   group->setExclusive(true);
@@ -175,7 +181,7 @@ void FormatPickerView::retranslate() {
 }
 
 void FormatPickerView::syncFromModel() {
-  button_->setText(formatLabel(viewModel_.outputFormat()));
+  showFormat(button_, viewModel_.outputFormat());
   for (QAction* action : menu_->actions())
     action->setChecked(action->data().toInt() == int(viewModel_.outputFormat()));
 }
