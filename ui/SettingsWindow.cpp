@@ -1,5 +1,6 @@
 #include "ui/SettingsWindow.h"
 
+#include <QAction>
 #include <QTabBar>
 #include <QTabWidget>
 #include <QVBoxLayout>
@@ -39,6 +40,11 @@ SettingsWindow::SettingsWindow(Services services, QWidget* parent) : QWidget(par
   addPane(new ExportProfilesSettingsView(services.viewModel, chooser), "square.and.arrow.up.on.square",
           "settings.profiles.title");
   addPane(new UpdateSettingsView(services.updateChecker), "arrow.down.circle", "settings.updates.title");
+  // Escape closes the window as it would a dialog, and Ctrl+W as the desktop closes a window.
+  auto* closeWindow = new QAction(this);
+  closeWindow->setShortcuts(QKeySequence::keyBindings(QKeySequence::Close) << QKeySequence(Qt::Key_Escape));
+  connect(closeWindow, &QAction::triggered, this, &QWidget::close);
+  addAction(closeWindow);
   resize(680, 560);
   setMinimumHeight(420);
   fitMinimumWidthToTabs();

@@ -589,6 +589,10 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
   EXPECT_LT(stops.indexOf(Strings::text("common.delete")),
             stops.indexOf(Strings::text("settings.profiles.nameField")))
       << stops.join('|').toStdString();
+  settings.activateWindow();  // a child window counts as active while its parent is
+  ASSERT_TRUE(QTest::qWaitFor([&] { return QApplication::activeWindow() == &settings; }));
+  QTest::keyClick(settings.focusWidget(), Qt::Key_Escape);
+  EXPECT_FALSE(settings.isVisible());
   EXPECT_FALSE(
       tabStops(control<QPushButton>(window().controlsBar(), "controls.importLabel")).contains(QString()));
   // The profile form's folder chooser stands over the settings window, not the main window.
