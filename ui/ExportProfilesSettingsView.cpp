@@ -80,9 +80,8 @@ ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel
   form->addRow(Strings::text("size.label"), size_);
 
   auto* folderRow = new QHBoxLayout;
-  folderLabel_ = new QLabel(form_);
+  folderLabel_ = new ElidedLabel(QString(), Qt::ElideMiddle, form_);
   folderLabel_->setMinimumWidth(60);
-  folderLabel_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
   chooseFolderButton_ = new QPushButton(Strings::text("settings.profiles.chooseFolder"), form_);
   clearFolder_ = new QPushButton(Strings::text("settings.profiles.clearFolder"), form_);
   connect(chooseFolderButton_, &QPushButton::clicked, this, &ExportProfilesSettingsView::chooseFolder);
@@ -212,8 +211,7 @@ void ExportProfilesSettingsView::rebuildList() {
     auto* texts = new QVBoxLayout;
     texts->setSpacing(1);
     auto* first = new QHBoxLayout;
-    auto* name = new QLabel(profile.name, row);
-    name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    auto* name = new ElidedLabel(profile.name, Qt::ElideRight, row);
     first->addWidget(name, 1);
     if (profile.isDefault) {
       auto* badge = new QLabel(Strings::text("settings.profiles.defaultBadge"), row);
@@ -224,22 +222,17 @@ void ExportProfilesSettingsView::rebuildList() {
       first->addWidget(badge, 0);
     }
     texts->addLayout(first);
-    QLabel* subtitleLabel = makeNote(subtitle(profile), row);
-    subtitleLabel->setWordWrap(false);
-    subtitleLabel->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    QLabel* subtitleLabel = makeElidedNote(subtitle(profile), Qt::ElideMiddle, row);
     subtitleLabel->setToolTip(subtitle(profile));
     texts->addWidget(subtitleLabel);
     layout->addLayout(texts, 1);
 
     const ExportProfile copy = profile;
-    auto* edit = new QToolButton(row);
-    edit->setAutoRaise(true);
-    edit->setIcon(Icons::icon("pencil"));
+    auto* edit = makeRowButton(row, Icons::icon("pencil"), "common.edit", profile.name);
     edit->setObjectName(QStringLiteral("editButton"));
     connect(edit, &QToolButton::clicked, this, [this, copy] { startEditing(copy); });
-    auto* remove = new QToolButton(row);
-    remove->setAutoRaise(true);
-    remove->setIcon(Icons::tinted("trash", Icons::redColor(palette())));
+    auto* remove =
+        makeRowButton(row, Icons::tinted("trash", Icons::redColor(palette())), "common.delete", profile.name);
     remove->setObjectName(QStringLiteral("deleteButton"));
     // No confirmation is asked.
     connect(remove, &QToolButton::clicked, this, [this, copy] { deleteProfile(copy); });
@@ -247,6 +240,7 @@ void ExportProfilesSettingsView::rebuildList() {
     layout->addWidget(remove);
     rows_->addWidget(row);
   }
+  orderTabStops(this);
 }
 
 }  // namespace quillane::ui

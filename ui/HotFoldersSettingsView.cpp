@@ -44,10 +44,8 @@ void clearLayout(QVBoxLayout* layout) {
   }
 }
 
-QLabel* elidedNote(const QString& text, QWidget* parent) {
-  QLabel* label = makeNote(text, parent);
-  label->setWordWrap(false);
-  label->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+QLabel* elidedPath(const QString& text, QWidget* parent) {
+  QLabel* label = makeElidedNote(text, Qt::ElideMiddle, parent);
   label->setToolTip(text);
   return label;
 }
@@ -103,9 +101,8 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   auto folderPicker = [this, form](const char* key, QLabel*& label,
                                    void (HotFoldersSettingsView::*choose)()) {
     auto* row = new QHBoxLayout;
-    label = new QLabel(form_);
+    label = new ElidedLabel(QString(), Qt::ElideMiddle, form_);
     label->setMinimumWidth(60);
-    label->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     auto* button = new QPushButton(Strings::text("settings.profiles.chooseFolder"), form_);
     connect(button, &QPushButton::clicked, this, choose);
     row->addWidget(label, 1);
@@ -325,6 +322,7 @@ void HotFoldersSettingsView::rebuildList() {
   statusLabels_.clear();
   existing_->setVisible(!manager_.hotFolders().empty());
   for (const HotFolder& hotFolder : manager_.hotFolders()) rows_->addWidget(makeRow(hotFolder));
+  orderTabStops(this);
   refreshProgress();
   refreshStatus();
   if (editingID_ && std::none_of(manager_.hotFolders().begin(), manager_.hotFolders().end(),
@@ -340,10 +338,9 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
   auto* line = new QHBoxLayout;
   auto* texts = new QVBoxLayout;
   texts->setSpacing(1);
-  auto* name = new QLabel(hotFolder.name, row);
-  name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  auto* name = new ElidedLabel(hotFolder.name, Qt::ElideRight, row);
   texts->addWidget(name);
-  texts->addWidget(elidedNote(subtitle(hotFolder), row));
+  texts->addWidget(elidedPath(subtitle(hotFolder), row));
   line->addLayout(texts, 1);
 
   auto* enabled = new QCheckBox(Strings::text("settings.hotFolders.enabledToggle"), row);
@@ -357,14 +354,11 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
     QMetaObject::invokeMethod(
         this, [this, changed] { manager_.upsert(changed); }, Qt::QueuedConnection);
   });
-  auto* edit = new QToolButton(row);
-  edit->setAutoRaise(true);
-  edit->setIcon(Icons::icon("pencil"));
+  auto* edit = makeRowButton(row, Icons::icon("pencil"), "common.edit", hotFolder.name);
   edit->setObjectName(QStringLiteral("editButton"));
   connect(edit, &QToolButton::clicked, this, [this, copy] { startEditing(copy); });
-  auto* remove = new QToolButton(row);
-  remove->setAutoRaise(true);
-  remove->setIcon(Icons::tinted("trash", Icons::redColor(palette())));
+  auto* remove =
+      makeRowButton(row, Icons::tinted("trash", Icons::redColor(palette())), "common.delete", hotFolder.name);
   remove->setObjectName(QStringLiteral("deleteButton"));
   // No confirmation is asked; queued for the same reason as the switch.
   connect(remove, &QToolButton::clicked, this, [this, copy] {
@@ -433,8 +427,8 @@ QWidget* HotFoldersSettingsView::makeActivityLine(const HotFolderActivity& activ
   auto* layout = new QVBoxLayout(line);
   layout->setContentsMargins(0, 1, 0, 1);
   layout->setSpacing(1);
-  auto* first = new QLabel(activity.hotFolderName + QStringLiteral(" — ") + activity.sourceFileName, line);
-  first->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  auto* first = new ElidedLabel(activity.hotFolderName + QStringLiteral(" — ") + activity.sourceFileName,
+                                Qt::ElideMiddle, line);
   layout->addWidget(first);
   if (activity.error) {
     auto* error = new QLabel(*activity.error, line);
@@ -442,7 +436,7 @@ QWidget* HotFoldersSettingsView::makeActivityLine(const HotFolderActivity& activ
     error->setStyleSheet(QStringLiteral("color: %1").arg(Icons::redColor(palette()).name()));
     layout->addWidget(error);
   } else if (activity.destinationURL && !errorOnly) {
-    layout->addWidget(elidedNote(pathText(*activity.destinationURL), line));
+    layout->addWidget(elidedPath(pathText(*activity.destinationURL), line));
   } else if (activity.note && !errorOnly) {
     auto* note = makeNote(*activity.note, line);
     note->setWordWrap(true);

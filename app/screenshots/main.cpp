@@ -38,7 +38,6 @@
 #include "records/JSONFileStore.h"
 #include "services/AppLanguage.h"
 #include "services/LanguageManager.h"
-#include "services/StringTables.h"
 #include "services/UpdateChecker.h"
 #include "ui/BackgroundTrayMenu.h"
 #include "ui/ComparisonView.h"
@@ -75,12 +74,10 @@ void save(QWidget* widget, const QString& name) {
     fail("could not write " + name);
 }
 
+// As the application does at launch: the language's table, its locale for numbers and sizes,
+// and Qt's own texts in it.
 void useLanguage(const QString& rawValue) {
-  const auto language = AppLanguages::fromRawValue(rawValue);
-  if (language)
-    Localization::setLookup(StringTables::lookupFor(*language));
-  else
-    Localization::setLookup({});
+  LanguageManager({{rawValue}, [](const QString&) { return false; }, [] {}}).installLookup();
 }
 
 QPalette lightPalette() { return QApplication::style()->standardPalette(); }

@@ -1,9 +1,10 @@
-// In every language, no text of the bar or of a settings tab is cut at the windows' minimum
+// In every language, no text of the bar, of a settings tab or of its title is cut at the windows' minimum
 // sizes (ClippedText, in CTest with the label `slow`); and the tray menu's entries do what
 // they say.
 #include <QAbstractButton>
 #include <QComboBox>
 #include <QLabel>
+#include <QTabBar>
 #include <QTabWidget>
 
 #include "api/LocalAPIController.h"
@@ -88,6 +89,7 @@ TEST_F(ClippedText, NoTextOfTheBarOrATabIsCutInAnyLanguageAtMinimumSize) {
     settings.insertHotFoldersPane(new ui::HotFoldersSettingsView(*manager, *model_, {}));
     settings.resize(settings.minimumSize());
     settings.show();
+    EXPECT_LE(settings.tabs()->tabBar()->sizeHint().width(), settings.tabs()->width());
     for (int i = 0; i < settings.tabs()->count(); ++i) {
       settings.tabs()->setCurrentIndex(i);
       QCoreApplication::processEvents();

@@ -26,6 +26,8 @@
 #include <QSlider>
 #include <QSpinBox>
 #include <QStyleOptionButton>
+#include <QTabBar>
+#include <QTabWidget>
 #include <QTimer>
 #include <QToolButton>
 
@@ -510,7 +512,20 @@ std::string unnamedControls(QWidget* root) {
   return unnamed.join("; ").toStdString();
 }
 
-// Every control of the window, its popups and the settings has a name. The bar's and the profile
+// What a screen reader says of each Tab stop of `first`'s window, in the order Tab reaches them.
+QStringList tabStops(QWidget* first) {
+  QStringList names;
+  first->setFocus(Qt::TabFocusReason);
+  for (QWidget* w = first; names.size() < 80 && (names.isEmpty() || w != first);
+       w = w->window()->focusWidget()) {
+    names << QAccessible::queryAccessibleInterface(w)->text(QAccessible::Name);
+    QTest::keyClick(w, Qt::Key_Tab);
+  }
+  return names;
+}
+
+// Every control of the window, its popups and the settings has a name, and so has every Tab stop;
+// a list's rows come before the form under them. The bar's and the profile
 // form's format menus are one choice each; choosing the current format again keeps it chosen and
 // still recomputes.
 TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoice) {
@@ -530,9 +545,19 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
   LocalAPIController controller(*model_);
   UpdateChecker checker(QUrl("http://127.0.0.1:9"), "1.0");
   LanguageManager languages(LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
+  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80));
   ui::SettingsWindow settings({*model_, controller, checker, languages, &dialogs}, &window());
   settings.setAttribute(Qt::WA_DeleteOnClose, false);
   EXPECT_EQ(unnamedControls(&settings), "");
+  settings.show();
+  settings.tabs()->setCurrentIndex(2);  // profiles
+  const QStringList stops = tabStops(settings.tabs()->tabBar());
+  EXPECT_FALSE(stops.contains(QString())) << stops.join('|').toStdString();
+  EXPECT_LT(stops.indexOf(Strings::text("common.delete")),
+            stops.indexOf(Strings::text("settings.profiles.nameField")))
+      << stops.join('|').toStdString();
+  EXPECT_FALSE(
+      tabStops(control<QPushButton>(window().controlsBar(), "controls.importLabel")).contains(QString()));
   // The profile form's folder chooser stands over the settings window, not the main window.
   auto* pane = control<ui::ExportProfilesSettingsView>(&settings);
   pane->chooseFolder();
