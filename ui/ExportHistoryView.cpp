@@ -55,6 +55,7 @@ ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWid
   scroll_->setWidgetResizable(true);
   scroll_->setFrameShape(QFrame::NoFrame);
   scroll_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+  scroll_->setFocusPolicy(Qt::NoFocus);  // its buttons are the Tab stops
   rowsHost_ = new QWidget(scroll_);
   rows_ = new QVBoxLayout(rowsHost_);
   rows_->setContentsMargins(0, 0, 0, 0);

@@ -84,6 +84,8 @@ ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel
   folderLabel_->setMinimumWidth(60);
   chooseFolderButton_ = new QPushButton(Strings::text("settings.profiles.chooseFolder"), form_);
   clearFolder_ = new QPushButton(Strings::text("settings.profiles.clearFolder"), form_);
+  for (QPushButton* button : {chooseFolderButton_, clearFolder_})
+    button->setAccessibleDescription(Strings::text("settings.profiles.folderField"));
   connect(chooseFolderButton_, &QPushButton::clicked, this, &ExportProfilesSettingsView::chooseFolder);
   connect(clearFolder_, &QPushButton::clicked, this, [this] { setNewFolder(std::nullopt); });
   folderRow->addWidget(folderLabel_, 1);
@@ -183,7 +185,7 @@ void ExportProfilesSettingsView::refreshForm() {
   const bool editing = editingProfileID_.has_value();
   form_->setTitle(editing ? Strings::text("settings.profiles.editSection")
                           : Strings::text("settings.profiles.addSection"));
-  formatButton_->setText(formatLabel(newFormat_));
+  showFormat(formatButton_, newFormat_);
   for (QAction* action : formatMenu_->actions())
     action->setChecked(action->data().toInt() == int(newFormat_));
   qualityReadout_->setText(QString::number(int(newQuality_)));
@@ -228,14 +230,11 @@ void ExportProfilesSettingsView::rebuildList() {
     layout->addLayout(texts, 1);
 
     const ExportProfile copy = profile;
-    auto* edit = new QToolButton(row);
-    edit->setAutoRaise(true);
-    edit->setIcon(Icons::icon("pencil"));
+    auto* edit = makeRowButton(row, Icons::icon("pencil"), "common.edit", profile.name);
     edit->setObjectName(QStringLiteral("editButton"));
     connect(edit, &QToolButton::clicked, this, [this, copy] { startEditing(copy); });
-    auto* remove = new QToolButton(row);
-    remove->setAutoRaise(true);
-    remove->setIcon(Icons::tinted("trash", Icons::redColor(palette())));
+    auto* remove =
+        makeRowButton(row, Icons::tinted("trash", Icons::redColor(palette())), "common.delete", profile.name);
     remove->setObjectName(QStringLiteral("deleteButton"));
     // No confirmation is asked.
     connect(remove, &QToolButton::clicked, this, [this, copy] { deleteProfile(copy); });
@@ -243,6 +242,7 @@ void ExportProfilesSettingsView::rebuildList() {
     layout->addWidget(remove);
     rows_->addWidget(row);
   }
+  orderTabStops(this);
 }
 
 }  // namespace quillane::ui

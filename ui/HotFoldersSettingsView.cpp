@@ -22,6 +22,7 @@
 #include "ui/BackgroundSettingsSection.h"
 #include "ui/DesktopFileDialogs.h"
 #include "ui/Icons.h"
+#include "ui/Mnemonics.h"
 #include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
 #include "ui/SizeControls.h"
@@ -104,6 +105,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
     label = new ElidedLabel(QString(), Qt::ElideMiddle, form_);
     label->setMinimumWidth(60);
     auto* button = new QPushButton(Strings::text("settings.profiles.chooseFolder"), form_);
+    button->setAccessibleDescription(Strings::text(key));  // which of the two folders
     connect(button, &QPushButton::clicked, this, choose);
     row->addWidget(label, 1);
     row->addWidget(button);
@@ -118,6 +120,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   form->addRow(sameFolderWarning_);
 
   profileButton_ = new QPushButton(form_);
+  profileButton_->setAccessibleName(Strings::text("settings.hotFolders.profileField"));
   profileMenu_ = new QMenu(profileButton_);
   profileButton_->setMenu(profileMenu_);
   form->addRow(Strings::text("settings.hotFolders.profileField"), profileButton_);
@@ -291,7 +294,7 @@ void HotFoldersSettingsView::refreshForm() {
                           static_cast<QWidget*>(qualityRowLabel_), qualityRow_}) {
     widget->setVisible(explicitSettings);
   }
-  formatButton_->setText(formatLabel(newFormat_));
+  showFormat(formatButton_, newFormat_);
   for (QAction* action : formatMenu_->actions()) {
     action->setChecked(action->data().toInt() == int(newFormat_));
   }
@@ -305,7 +308,8 @@ void HotFoldersSettingsView::refreshForm() {
 // What exists now; a stored name whose profile is gone still stands on the button.
 void HotFoldersSettingsView::rebuildProfileMenu() {
   const QString noProfile = Strings::text("settings.hotFolders.noProfile");
-  profileButton_->setText(newProfileName_.value_or(noProfile));
+  profileButton_->setText(Mnemonics::literal(newProfileName_.value_or(noProfile)));
+  profileButton_->setAccessibleDescription(newProfileName_.value_or(noProfile));
   profileMenu_->clear();
   auto add = [this](const QString& label, const std::optional<QString>& name) {
     QAction* action = profileMenu_->addAction(label);
@@ -314,6 +318,7 @@ void HotFoldersSettingsView::rebuildProfileMenu() {
   };
   add(noProfile, std::nullopt);
   for (const ExportProfile& profile : viewModel_.exportProfiles()) add(profile.name, profile.name);
+  Mnemonics::assign(profileMenu_);
 }
 
 void HotFoldersSettingsView::rebuildList() {
@@ -322,6 +327,7 @@ void HotFoldersSettingsView::rebuildList() {
   statusLabels_.clear();
   existing_->setVisible(!manager_.hotFolders().empty());
   for (const HotFolder& hotFolder : manager_.hotFolders()) rows_->addWidget(makeRow(hotFolder));
+  orderTabStops(this);
   refreshProgress();
   refreshStatus();
   if (editingID_ && std::none_of(manager_.hotFolders().begin(), manager_.hotFolders().end(),
@@ -353,14 +359,11 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
     QMetaObject::invokeMethod(
         this, [this, changed] { manager_.upsert(changed); }, Qt::QueuedConnection);
   });
-  auto* edit = new QToolButton(row);
-  edit->setAutoRaise(true);
-  edit->setIcon(Icons::icon("pencil"));
+  auto* edit = makeRowButton(row, Icons::icon("pencil"), "common.edit", hotFolder.name);
   edit->setObjectName(QStringLiteral("editButton"));
   connect(edit, &QToolButton::clicked, this, [this, copy] { startEditing(copy); });
-  auto* remove = new QToolButton(row);
-  remove->setAutoRaise(true);
-  remove->setIcon(Icons::tinted("trash", Icons::redColor(palette())));
+  auto* remove =
+      makeRowButton(row, Icons::tinted("trash", Icons::redColor(palette())), "common.delete", hotFolder.name);
   remove->setObjectName(QStringLiteral("deleteButton"));
   // No confirmation is asked; queued for the same reason as the switch.
   connect(remove, &QToolButton::clicked, this, [this, copy] {

@@ -15,6 +15,7 @@
 #include "services/Strings.h"
 #include "ui/FileDropHandler.h"
 #include "ui/ImageListModel.h"
+#include "ui/Mnemonics.h"
 
 namespace quillane::ui {
 
@@ -245,6 +246,7 @@ QMenu* ImageListView::rowMenu(const QModelIndex& index) {
     if (delegate_->isEnabled(index, RowHit::failureRetry))
       add(RowHit::failureRetry, Strings::text("common.retry"));
     add(RowHit::failureDismiss, Strings::text("import.dismissFailureHelp"));
+    Mnemonics::assign(menu);
     return menu;
   }
   auto image = model_->imageAt(index.row());
@@ -256,6 +258,7 @@ QMenu* ImageListView::rowMenu(const QModelIndex& index) {
   if (image->exportError()) add(RowHit::warning, Strings::text("row.retryExport"));
   menu->addSeparator();
   add(RowHit::remove, Strings::text("row.removeHelp"));
+  Mnemonics::assign(menu);
   return menu;
 }
 

@@ -28,6 +28,7 @@
 #include "ui/Icons.h"
 #include "ui/ImageListModel.h"
 #include "ui/ImageListView.h"
+#include "ui/Mnemonics.h"
 #include "ui/QualityControls.h"
 #include "ui/RowRules.h"
 
@@ -217,6 +218,9 @@ void MainWindow::buildMenus() {
   QAction* about =
       help->addAction(Strings::format("menu.aboutFormat", appName()), this, &MainWindow::showAbout);
   about->setMenuRole(QAction::AboutRole);
+
+  Mnemonics::assign(menuBar());
+  for (QMenu* menu : {file, edit, quality, help}) Mnemonics::keep(menu);
 }
 
 void MainWindow::refresh() {

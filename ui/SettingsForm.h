@@ -12,9 +12,11 @@
 #include "engine/ImageFormat.h"
 
 class QHBoxLayout;
+class QIcon;
 class QMenu;
 class QPushButton;
 class QSlider;
+class QToolButton;
 class QWidget;
 
 namespace quillane::ui {
@@ -64,5 +66,13 @@ struct FormButtons {
   QPushButton* save;
 };
 FormButtons makeFormButtons(QWidget* form);
+
+// An icon-only button of a list's row that does `key`'s text, shown in its tooltip and read by
+// screen readers, with `rowName` (which row it acts on) as its description.
+QToolButton* makeRowButton(QWidget* row, const QIcon& icon, const char* key, const QString& rowName);
+
+// Puts the Tab stops under `root` in the order of its layout, top to bottom and each row's fields
+// in turn: rows made after the form below them would otherwise be reached after it.
+void orderTabStops(QWidget* root);
 
 }  // namespace quillane::ui

@@ -303,6 +303,12 @@ bool SplitCompareWidget::handleKey(QKeyEvent* event) {
         return false;
       return true;
     }
+    case Qt::Key_PageUp:
+    case Qt::Key_PageDown:
+      // As a slider's: Page Up moves the value up, the divider to the right.
+      if (mods != Qt::NoModifier) return false;
+      setSliderFraction(fraction_ + (event->key() == Qt::Key_PageUp ? kLargeStep : -kLargeStep));
+      return true;
     case Qt::Key_Home:
     case Qt::Key_End:
       if (mods != Qt::NoModifier) return false;

@@ -26,6 +26,8 @@
 #include <QSlider>
 #include <QSpinBox>
 #include <QStyleOptionButton>
+#include <QTabBar>
+#include <QTabWidget>
 #include <QTimer>
 #include <QToolButton>
 
@@ -414,6 +416,39 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
   useLanguage({});
 }
 
+// In English and French, every entry of the menu bar, of its menus, of a row's menu and of the
+// profile and format menus has an access key of its own in its menu; a profile's "&" shows as
+// itself.
+TEST_F(WindowEdgesTest, EveryMenuEntryHasAnAccessKeyOfItsOwn) {
+  makeModel();
+  model_->upsertExportProfile(profile("R&D", ImageFormat::webp, 80));
+  model_->setAppliedProfileName(QString("R&D"));
+  ASSERT_TRUE(settle({source("a.png")}));
+  for (const char* language : {"en-US", "fr"}) {
+    useLanguage(language);
+    window_.reset();
+    QMenuBar* bar = window().menuBar();
+    std::vector<std::pair<QString, QList<QAction*>>> menus{{"bar", bar->actions()}};
+    for (QAction* title : bar->actions()) menus.emplace_back(title->text(), title->menu()->actions());
+    std::unique_ptr<QMenu> row(imageList()->rowMenu(imageList()->listModel().index(0)));
+    menus.emplace_back("row", row->actions());
+    QPushButton* profiles = control<QPushButton>(control<ui::ExportProfileMenuView>(window().controlsBar()));
+    QPushButton* formats = control<QPushButton>(control<ui::FormatPickerView>(window().controlsBar()));
+    menus.emplace_back("profiles", profiles->menu()->actions());
+    menus.emplace_back("formats", formats->menu()->actions());
+    for (const auto& [name, actions] : menus) {
+      QStringList keys;
+      for (QAction* action : actions)
+        if (!action->isSeparator()) keys << QKeySequence::mnemonic(action->text()).toString();
+      EXPECT_TRUE(!keys.contains(QString()) && keys.removeDuplicates() == 0)
+          << language << " " << name.toStdString() << ": " << keys.join(' ').toStdString();
+    }
+    EXPECT_EQ(QAccessible::queryAccessibleInterface(profiles)->text(QAccessible::Name), "R&D");
+    EXPECT_TRUE(profiles->menu()->actions().last()->text().contains("&&")) << "not an access key";
+  }
+  useLanguage({});
+}
+
 TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQuality) {
   window();
   ASSERT_TRUE(settle({source("a.png", 100000, {1000, 6000})}));
@@ -510,7 +545,20 @@ std::string unnamedControls(QWidget* root) {
   return unnamed.join("; ").toStdString();
 }
 
-// Every control of the window, its popups and the settings has a name. The bar's and the profile
+// What a screen reader says of each Tab stop of `first`'s window, in the order Tab reaches them.
+QStringList tabStops(QWidget* first) {
+  QStringList names;
+  first->setFocus(Qt::TabFocusReason);
+  for (QWidget* w = first; names.size() < 80 && (names.isEmpty() || w != first);
+       w = w->window()->focusWidget()) {
+    names << QAccessible::queryAccessibleInterface(w)->text(QAccessible::Name);
+    QTest::keyClick(w, Qt::Key_Tab);
+  }
+  return names;
+}
+
+// Every control of the window, its popups and the settings has a name, and so has every Tab stop;
+// a list's rows come before the form under them. The bar's and the profile
 // form's format menus are one choice each; choosing the current format again keeps it chosen and
 // still recomputes.
 TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoice) {
@@ -530,9 +578,23 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
   LocalAPIController controller(*model_);
   UpdateChecker checker(QUrl("http://127.0.0.1:9"), "1.0");
   LanguageManager languages(LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
+  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80));
   ui::SettingsWindow settings({*model_, controller, checker, languages, &dialogs}, &window());
   settings.setAttribute(Qt::WA_DeleteOnClose, false);
   EXPECT_EQ(unnamedControls(&settings), "");
+  settings.show();
+  settings.tabs()->setCurrentIndex(2);  // profiles
+  const QStringList stops = tabStops(settings.tabs()->tabBar());
+  EXPECT_FALSE(stops.contains(QString())) << stops.join('|').toStdString();
+  EXPECT_LT(stops.indexOf(Strings::text("common.delete")),
+            stops.indexOf(Strings::text("settings.profiles.nameField")))
+      << stops.join('|').toStdString();
+  settings.activateWindow();  // a child window counts as active while its parent is
+  ASSERT_TRUE(QTest::qWaitFor([&] { return QApplication::activeWindow() == &settings; }));
+  QTest::keyClick(settings.focusWidget(), Qt::Key_Escape);
+  EXPECT_FALSE(settings.isVisible());
+  EXPECT_FALSE(
+      tabStops(control<QPushButton>(window().controlsBar(), "controls.importLabel")).contains(QString()));
   // The profile form's folder chooser stands over the settings window, not the main window.
   auto* pane = control<ui::ExportProfilesSettingsView>(&settings);
   pane->chooseFolder();
