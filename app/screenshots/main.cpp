@@ -16,6 +16,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QStyle>
 #include <QStyleFactory>
 #include <QTabWidget>
@@ -400,11 +402,10 @@ void trayMenu() {
 }
 
 // In every language: the window at its minimum size and at 960 x 640, and each settings tab at
-// the settings window's minimum size.
+// the settings window's minimum size (and each further page when it scrolls).
 void everyLanguage() {
   Stage stage;
   stage.showcase();
-  Settings services(stage);
   for (AppLanguage language : AppLanguages::allCases()) {
     const QString code = AppLanguages::rawValue(language);
     useLanguage(code);
@@ -417,12 +418,23 @@ void everyLanguage() {
       window->resize(960, 640);
       save(window.get(), "lang-" + code + "-960");
     }
+    // Made anew, so that the missing folder's error is told in this language too.
+    Settings services(stage);
     auto settings = services.window(stage.model());
     settings->resize(settings->minimumSize());
     settings->show();
     for (int i = 0; i < settings->tabs()->count(); ++i) {
       settings->tabs()->setCurrentIndex(i);
       save(settings.get(), QStringLiteral("lang-%1-settings-%2").arg(code).arg(i));
+      // A pane taller than the window again, a page further down each time, to its end.
+      if (auto* scroll = qobject_cast<QScrollArea*>(settings->tabs()->currentWidget())) {
+        QScrollBar* bar = scroll->verticalScrollBar();
+        for (int page = 2; bar->value() < bar->maximum(); ++page) {
+          bar->setValue(bar->value() + bar->pageStep());
+          save(settings.get(), QStringLiteral("lang-%1-settings-%2-page%3").arg(code).arg(i).arg(page));
+        }
+        bar->setValue(0);
+      }
     }
   }
 }

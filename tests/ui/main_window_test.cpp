@@ -168,8 +168,8 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   EXPECT_TRUE(size->isChecked());
   ASSERT_TRUE(waitIdle());
   const auto image = model_->images()[0];
-  EXPECT_EQ(ui::RowRules::shapeText(*image), "fitted to 1600 x 1200 · at quality 62 to fit 500 kB");
-  EXPECT_TRUE(spoken(*imageList(), 0).contains("fitted to 1600 x 1200"));
+  EXPECT_EQ(ui::RowRules::shapeText(*image), "fitted to 1600 × 1200 · at quality 62 to fit 500 kB");
+  EXPECT_TRUE(spoken(*imageList(), 0).contains("fitted to 1600 × 1200"));
 
   // Kept with the format and quality, and shown again by the control after a restart.
   window_.reset();
