@@ -128,6 +128,8 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
                               : Strings::text("history.showInFinderHelp"));
   show->setObjectName(QStringLiteral("showButton"));
   show->setAccessibleName(Strings::text("intents.notification.showInFolder"));
+  // Every row has the same two buttons: screen readers say which file each one is for.
+  show->setAccessibleDescription(record.sourceDisplayName);
   const ExportRecord copy = record;
   connect(show, &QToolButton::clicked, this, [this, copy] { viewModel_.showInFileManager(copy); });
   auto* undo = new QToolButton(row);
@@ -137,6 +139,7 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
                               : Strings::text("history.undoHelp"));
   undo->setObjectName(QStringLiteral("undoButton"));
   undo->setAccessibleName(Strings::text("menu.undo"));
+  undo->setAccessibleDescription(record.sourceDisplayName);
   connect(undo, &QToolButton::clicked, this, [this, copy] { viewModel_.undoExport(copy); });
   layout->addWidget(show);
   layout->addWidget(undo);
@@ -158,6 +161,13 @@ void ExportHistoryView::popUp(const QRect& anchor) {
   }
   move(pos);
   show();
+  // The keys start on the newest export, away from Clear All.
+  for (QToolButton* button : rowsHost_->findChildren<QToolButton*>()) {
+    if (button->isEnabled()) {
+      button->setFocus(Qt::PopupFocusReason);
+      break;
+    }
+  }
 }
 
 }  // namespace quillane::ui

@@ -350,6 +350,7 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
 
   auto* enabled = new QCheckBox(Strings::text("settings.hotFolders.enabledToggle"), row);
   enabled->setObjectName(QStringLiteral("enabledSwitch"));
+  enabled->setAccessibleDescription(hotFolder.name);  // every row's switch is "Enabled"
   enabled->setChecked(hotFolder.isEnabled);
   const HotFolder copy = hotFolder;
   // Queued: the switch's own row is rebuilt by the change it makes.
