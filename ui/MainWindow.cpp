@@ -317,6 +317,9 @@ void MainWindow::showAbout() {
                   .arg(appName().toHtmlEscaped(), QCoreApplication::applicationVersion().toHtmlEscaped(),
                        websiteURL().toString()));
   box.setStandardButtons(QMessageBox::Ok);
+  // In the application's language even where Qt has no catalogue of its own (Hindi, European
+  // Portuguese), as the export alert's button is.
+  box.button(QMessageBox::Ok)->setText(Strings::text("common.ok"));
   box.exec();
 }
 

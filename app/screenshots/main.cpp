@@ -16,12 +16,17 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
+#include <QMainWindow>
+#include <QMenu>
+#include <QMenuBar>
+#include <QPainter>
 #include <QScrollArea>
 #include <QScrollBar>
 #include <QStyle>
 #include <QStyleFactory>
 #include <QTabWidget>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <QUuid>
 #include <cmath>
 #include <condition_variable>
@@ -29,6 +34,7 @@
 #include <map>
 #include <mutex>
 
+#include "QuillaneVersion.h"
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"
 #include "batch/BatchViewModel.h"
@@ -40,6 +46,7 @@
 #include "records/JSONFileStore.h"
 #include "services/AppLanguage.h"
 #include "services/LanguageManager.h"
+#include "services/Strings.h"
 #include "services/UpdateChecker.h"
 #include "ui/BackgroundTrayMenu.h"
 #include "ui/ComparisonView.h"
@@ -268,6 +275,41 @@ class Stage {
   std::map<std::string, StagedFile> files_;
 };
 
+// The window's menus opened one after another, side by side in one picture.
+void saveMenus(QMainWindow* window, const QString& name) {
+  QList<QImage> menus;
+  for (QAction* action : window->menuBar()->actions()) {
+    if (QMenu* menu = action->menu()) {
+      menu->popup(window->mapToGlobal(QPoint(0, 0)));
+      QCoreApplication::processEvents();
+      menus << menu->grab().toImage();
+      menu->hide();
+    }
+  }
+  int width = 0, height = 0;
+  for (const QImage& menu : menus) width += menu.width() + 8, height = std::max(height, menu.height());
+  QImage image(std::max(1, width), std::max(1, height), QImage::Format_ARGB32);
+  image.fill(window->palette().color(QPalette::Window));
+  QPainter painter(&image);
+  int x = 0;
+  for (const QImage& menu : menus) painter.drawImage(x, 0, menu), x += menu.width() + 8;
+  painter.end();
+  if (!image.save(QDir(outputFolder).filePath(name + ".png"))) fail("could not write " + name);
+}
+
+// The modal box that `open` brings up, saved and closed.
+void saveModal(const std::function<void()>& open, const QString& name) {
+  QTimer::singleShot(0, [name] {
+    if (QWidget* box = QApplication::activeModalWidget()) {
+      save(box->window(), name);
+      box->close();
+    } else {
+      fail("no box for " + name);
+    }
+  });
+  open();
+}
+
 std::unique_ptr<ui::MainWindow> showWindow(BatchViewModel& model, QSize size) {
   auto window = std::make_unique<ui::MainWindow>(model);
   window->resize(size);
@@ -417,6 +459,15 @@ void everyLanguage() {
       save(window.get(), "lang-" + code + "-main");
       window->resize(960, 640);
       save(window.get(), "lang-" + code + "-960");
+      saveMenus(window.get(), "lang-" + code + "-menus");
+      QAction* about = window->menuBar()->actions().last()->menu()->actions().last();
+      saveModal([about] { about->trigger(); }, "lang-" + code + "-about");
+      stage.model().setExportError(Strings::text("export.errorTitle"));
+      QCoreApplication::processEvents();
+      if (QWidget* alert = QApplication::activeModalWidget()) {
+        save(alert, "lang-" + code + "-alert");
+        alert->close();
+      }
     }
     // Made anew, so that the missing folder's error is told in this language too.
     Settings services(stage);
@@ -459,6 +510,9 @@ int main(int argc, char** argv) {
   }
   qputenv("XCTestConfigurationFilePath", "quillane-screenshots");
   QApplication app(argc, argv);
+  // Named as the application is, for its menus and About box.
+  QCoreApplication::setApplicationName(QStringLiteral("Quillane"));
+  QCoreApplication::setApplicationVersion(QString::fromLatin1(kAppVersion));
   outputFolder = QDir(QString::fromLocal8Bit(argv[1])).absolutePath();
   if (!QDir().mkpath(outputFolder)) {
     std::fprintf(stderr, "quillane-screenshots: cannot make %s\n", argv[1]);
