@@ -393,6 +393,19 @@ void comparison() {
     sheet->close();
   }
   QApplication::setPalette(lightPalette());
+  // In every language, at fit in a smaller window.
+  for (AppLanguage language : AppLanguages::allCases()) {
+    const QString code = AppLanguages::rawValue(language);
+    useLanguage(code);
+    auto* sheet = new ui::ImageComparisonView(model, model.images()[0], window.get());
+    sheet->resize(960, 640);
+    sheet->show();
+    waitFor([&] { return sheet->area()->hasOriginalPreview() && sheet->area()->hasCompressedPreview(); });
+    sheet->area()->setSliderFraction(0.45);
+    save(sheet, "lang-" + code + "-comparison");
+    sheet->close();
+  }
+  useLanguage(QStringLiteral("en-US"));
 }
 
 // The settings window with every pane, over a showcase batch and two hot folders, one of whose
