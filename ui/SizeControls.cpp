@@ -164,6 +164,8 @@ SizeOptionsEditor* SizeButtonView::popupEditor() const {
 }
 
 void SizeButtonView::showPopup() {
+  // The click toggled the button: it shows whether options are on, not that it was clicked.
+  button_->setChecked(viewModel_.compressionOptions().any());
   if (popup_) popup_->close();
   popup_ = new QFrame(this, Qt::Popup);
   popup_->setAttribute(Qt::WA_DeleteOnClose);

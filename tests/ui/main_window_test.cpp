@@ -155,6 +155,7 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   EXPECT_FALSE(size->isChecked()) << "off by default";
   EXPECT_EQ(size->focusPolicy() & Qt::TabFocus, Qt::TabFocus);
   size->click();
+  EXPECT_FALSE(size->isChecked()) << "opening the options turns nothing on";
   auto* editor = control<ui::SizeOptionsEditor>(&bar());
   ASSERT_TRUE(editor->isVisible());
   control<QSpinBox>(editor, "size.widthField")->setValue(1600);
