@@ -55,6 +55,7 @@
 #include "ui/ExportSummaryView.h"
 #include "ui/HotFoldersSettingsView.h"
 #include "ui/MainWindow.h"
+#include "ui/ProfileMenuView.h"
 #include "ui/SettingsWindow.h"
 #include "ui/SizeControls.h"
 #include "ui/SplitCompareWidget.h"
@@ -392,6 +393,19 @@ void comparison() {
     sheet->close();
   }
   QApplication::setPalette(lightPalette());
+  // In every language, at fit in a smaller window.
+  for (AppLanguage language : AppLanguages::allCases()) {
+    const QString code = AppLanguages::rawValue(language);
+    useLanguage(code);
+    auto* sheet = new ui::ImageComparisonView(model, model.images()[0], window.get());
+    sheet->resize(960, 640);
+    sheet->show();
+    waitFor([&] { return sheet->area()->hasOriginalPreview() && sheet->area()->hasCompressedPreview(); });
+    sheet->area()->setSliderFraction(0.45);
+    save(sheet, "lang-" + code + "-comparison");
+    sheet->close();
+  }
+  useLanguage(QStringLiteral("en-US"));
 }
 
 // The settings window with every pane, over a showcase batch and two hot folders, one of whose
@@ -468,9 +482,33 @@ void everyLanguage() {
         save(alert, "lang-" + code + "-alert");
         alert->close();
       }
+      // The bar's profile menu and size control, the banner of an export and the history.
+      auto* profiles = window->controlsBar()->findChild<ui::ExportProfileMenuView*>()->findChild<QMenu*>();
+      profiles->popup(window->mapToGlobal(QPoint(0, 0)));
+      QCoreApplication::processEvents();
+      save(profiles, "lang-" + code + "-profile-menu");
+      profiles->hide();
+      window->controlsBar()->findChild<ui::SizeButtonView*>()->showPopup();
+      QCoreApplication::processEvents();
+      QWidget* sizePopup = window->controlsBar()->findChild<ui::SizeOptionsEditor*>()->window();
+      save(sizePopup, "lang-" + code + "-size-control");
+      sizePopup->close();
     }
+    ui::ExportSummaryView summary([](const QList<QUrl>&) {});
+    summary.present({4, 3'000'000, {"mountain-lake-at-dawn.jpg"}, 1, 2, {}}, false);
+    summary.resize(780, summary.heightForWidth(780));
+    summary.show();
+    save(&summary, "lang-" + code + "-summary");
+    ui::ExportHistoryView history(stage.model(), false);
+    history.show();
+    save(&history, "lang-" + code + "-history");
     // Made anew, so that the missing folder's error is told in this language too.
     Settings services(stage);
+    ui::BackgroundTrayMenu tray(
+        *services.hotFolders, [] {}, [] {});
+    tray.popup({0, 0});
+    save(&tray, "lang-" + code + "-tray-menu");
+    tray.hide();
     auto settings = services.window(stage.model());
     settings->resize(settings->minimumSize());
     settings->show();
