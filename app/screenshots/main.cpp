@@ -1,7 +1,8 @@
 // quillane-screenshots: renders the window (empty, light, dark, with an export's summary, right
 // to left, with the size control open), the history, the comparison of a real encoding at fit
-// and at 200 %, the tray menu, and in every language the window and each settings tab, as PNG
-// files for a person to look at (make screenshots, the software centre's pictures).
+// and at 200 %, the tray menu, and in every language the window, its menus, About box, alert and
+// popups, the comparison and every page of each settings tab, as PNG files for a person to look
+// at (make screenshots, the software centre's pictures).
 //
 //   quillane-screenshots FOLDER
 //
