@@ -55,8 +55,11 @@
 #include "ui/ExportHistoryView.h"
 #include "ui/ExportSummaryView.h"
 #include "ui/HotFoldersSettingsView.h"
+#include "ui/ImageListModel.h"
+#include "ui/ImageListView.h"
 #include "ui/MainWindow.h"
 #include "ui/ProfileMenuView.h"
+#include "ui/QualityControls.h"
 #include "ui/SettingsWindow.h"
 #include "ui/SizeControls.h"
 #include "ui/SplitCompareWidget.h"
@@ -494,6 +497,27 @@ void everyLanguage() {
       QWidget* sizePopup = window->controlsBar()->findChild<ui::SizeOptionsEditor*>()->window();
       save(sizePopup, "lang-" + code + "-size-control");
       sizePopup->close();
+      // A row's own quality and its menu (the first image's row, after the failed import's).
+      ui::ImageListView* list = window->findChild<ui::ImageListView*>();
+      const auto image = stage.model().images().front();
+      window->showQualityOverride(image, *list->qualityAnchor(image));
+      QCoreApplication::processEvents();
+      if (auto* popup = window->findChild<ui::QualityOverridePopup*>()) {
+        save(popup, "lang-" + code + "-row-quality");
+        popup->close();
+      }
+      std::unique_ptr<QMenu> rowMenu(list->rowMenu(list->listModel().index(2)));
+      rowMenu->popup(window->mapToGlobal(QPoint(0, 0)));
+      QCoreApplication::processEvents();
+      save(rowMenu.get(), "lang-" + code + "-row-menu");
+      rowMenu->hide();
+    }
+    {
+      BatchViewModel::Options options;
+      options.restoreSession = false;
+      BatchViewModel empty(options);
+      save(showWindow(empty, {ui::MainWindow::minimumWidth, ui::MainWindow::minimumHeight}).get(),
+           "lang-" + code + "-empty");
     }
     ui::ExportSummaryView summary([](const QList<QUrl>&) {});
     summary.present({4, 3'000'000, {"mountain-lake-at-dawn.jpg"}, 1, 2, {}}, false);
