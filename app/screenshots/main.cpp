@@ -11,6 +11,7 @@
 // real engine. Settings and state files live in a temporary folder of the run.
 #include <QtCore/qtestsupport_core.h>
 
+#include <QAbstractButton>
 #include <QAction>
 #include <QApplication>
 #include <QDir>
@@ -539,15 +540,25 @@ void everyLanguage() {
     settings->show();
     for (int i = 0; i < settings->tabs()->count(); ++i) {
       settings->tabs()->setCurrentIndex(i);
-      save(settings.get(), QStringLiteral("lang-%1-settings-%2").arg(code).arg(i));
-      // A pane taller than the window again, a page further down each time, to its end.
-      if (auto* scroll = qobject_cast<QScrollArea*>(settings->tabs()->currentWidget())) {
+      // Each page of the pane, a page further down each time when it scrolls, to its end.
+      const auto savePages = [&](const QString& name) {
+        save(settings.get(), name);
+        auto* scroll = qobject_cast<QScrollArea*>(settings->tabs()->currentWidget());
+        if (!scroll) return;
         QScrollBar* bar = scroll->verticalScrollBar();
         for (int page = 2; bar->value() < bar->maximum(); ++page) {
           bar->setValue(bar->value() + bar->pageStep());
-          save(settings.get(), QStringLiteral("lang-%1-settings-%2-page%3").arg(code).arg(i).arg(page));
+          save(settings.get(), name + QStringLiteral("-page%1").arg(page));
         }
         bar->setValue(0);
+      };
+      const QString name = QStringLiteral("lang-%1-settings-%2").arg(code).arg(i);
+      savePages(name);
+      // A profile or a hot folder being edited.
+      if (auto* edit = settings->tabs()->currentWidget()->findChild<QAbstractButton*>("editButton")) {
+        edit->click();
+        QCoreApplication::processEvents();
+        savePages(name + "-editing");
       }
     }
   }
