@@ -387,6 +387,7 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
   count->setObjectName(QStringLiteral("progressText"));
   outer->addWidget(bar);
   outer->addWidget(count);
+  bar->setAccessibleName(hotFolder.name);  // read with its value, the share of files done
   progressWidgets_[hotFolder.id] = {bar, count};
   QLabel* status = makeNote(QString(), row);
   status->setObjectName(QStringLiteral("statusText"));

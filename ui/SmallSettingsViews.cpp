@@ -42,6 +42,7 @@ UpdateSettingsView::UpdateSettingsView(UpdateChecker& checker, QWidget* parent)
   spinner_->setRange(0, 0);  // busy
   spinner_->setFixedSize(60, 10);
   spinner_->setTextVisible(false);
+  spinner_->setAccessibleName(Strings::text("settings.updates.checking"));
   status_ = new QLabel(statusRow_);
   status_->setWordWrap(true);
   status_->setTextInteractionFlags(Qt::TextSelectableByMouse);

@@ -528,7 +528,8 @@ std::string unnamedControls(QWidget* root) {
   for (QWidget* w : root->findChildren<QWidget*>()) {
     const bool control = qobject_cast<QAbstractButton*>(w) || qobject_cast<QAbstractSlider*>(w) ||
                          qobject_cast<QComboBox*>(w) || qobject_cast<QLineEdit*>(w) ||
-                         qobject_cast<QAbstractSpinBox*>(w) || qobject_cast<QAbstractItemView*>(w);
+                         qobject_cast<QAbstractSpinBox*>(w) || qobject_cast<QAbstractItemView*>(w) ||
+                         qobject_cast<QProgressBar*>(w);
     // Scroll bars, Qt's own parts ("qt_menubar_ext_button"), and the editors inside a spin box
     // or a combo box, are named by their owner.
     if (!control || qobject_cast<QScrollBar*>(w) || w->objectName().startsWith("qt_") ||
