@@ -1,7 +1,8 @@
 // quillane-screenshots: renders the window (empty, light, dark, with an export's summary, right
 // to left, with the size control open), the history, the comparison of a real encoding at fit
-// and at 200 %, the tray menu, and in every language the window and each settings tab, as PNG
-// files for a person to look at (make screenshots, the software centre's pictures).
+// and at 200 %, the tray menu, and in every language the window, its menus, About box, alert and
+// popups, the comparison and every page of each settings tab, as PNG files for a person to look
+// at (make screenshots, the software centre's pictures).
 //
 //   quillane-screenshots FOLDER
 //
@@ -10,6 +11,7 @@
 // real engine. Settings and state files live in a temporary folder of the run.
 #include <QtCore/qtestsupport_core.h>
 
+#include <QAbstractButton>
 #include <QAction>
 #include <QApplication>
 #include <QDir>
@@ -54,8 +56,11 @@
 #include "ui/ExportHistoryView.h"
 #include "ui/ExportSummaryView.h"
 #include "ui/HotFoldersSettingsView.h"
+#include "ui/ImageListModel.h"
+#include "ui/ImageListView.h"
 #include "ui/MainWindow.h"
 #include "ui/ProfileMenuView.h"
+#include "ui/QualityControls.h"
 #include "ui/SettingsWindow.h"
 #include "ui/SizeControls.h"
 #include "ui/SplitCompareWidget.h"
@@ -493,6 +498,27 @@ void everyLanguage() {
       QWidget* sizePopup = window->controlsBar()->findChild<ui::SizeOptionsEditor*>()->window();
       save(sizePopup, "lang-" + code + "-size-control");
       sizePopup->close();
+      // A row's own quality and its menu (the first image's row, after the failed import's).
+      ui::ImageListView* list = window->findChild<ui::ImageListView*>();
+      const auto image = stage.model().images().front();
+      window->showQualityOverride(image, *list->qualityAnchor(image));
+      QCoreApplication::processEvents();
+      if (auto* popup = window->findChild<ui::QualityOverridePopup*>()) {
+        save(popup, "lang-" + code + "-row-quality");
+        popup->close();
+      }
+      std::unique_ptr<QMenu> rowMenu(list->rowMenu(list->listModel().index(2)));
+      rowMenu->popup(window->mapToGlobal(QPoint(0, 0)));
+      QCoreApplication::processEvents();
+      save(rowMenu.get(), "lang-" + code + "-row-menu");
+      rowMenu->hide();
+    }
+    {
+      BatchViewModel::Options options;
+      options.restoreSession = false;
+      BatchViewModel empty(options);
+      save(showWindow(empty, {ui::MainWindow::minimumWidth, ui::MainWindow::minimumHeight}).get(),
+           "lang-" + code + "-empty");
     }
     ui::ExportSummaryView summary([](const QList<QUrl>&) {});
     summary.present({4, 3'000'000, {"mountain-lake-at-dawn.jpg"}, 1, 2, {}}, false);
@@ -514,15 +540,25 @@ void everyLanguage() {
     settings->show();
     for (int i = 0; i < settings->tabs()->count(); ++i) {
       settings->tabs()->setCurrentIndex(i);
-      save(settings.get(), QStringLiteral("lang-%1-settings-%2").arg(code).arg(i));
-      // A pane taller than the window again, a page further down each time, to its end.
-      if (auto* scroll = qobject_cast<QScrollArea*>(settings->tabs()->currentWidget())) {
+      // Each page of the pane, a page further down each time when it scrolls, to its end.
+      const auto savePages = [&](const QString& name) {
+        save(settings.get(), name);
+        auto* scroll = qobject_cast<QScrollArea*>(settings->tabs()->currentWidget());
+        if (!scroll) return;
         QScrollBar* bar = scroll->verticalScrollBar();
         for (int page = 2; bar->value() < bar->maximum(); ++page) {
           bar->setValue(bar->value() + bar->pageStep());
-          save(settings.get(), QStringLiteral("lang-%1-settings-%2-page%3").arg(code).arg(i).arg(page));
+          save(settings.get(), name + QStringLiteral("-page%1").arg(page));
         }
         bar->setValue(0);
+      };
+      const QString name = QStringLiteral("lang-%1-settings-%2").arg(code).arg(i);
+      savePages(name);
+      // A profile or a hot folder being edited.
+      if (auto* edit = settings->tabs()->currentWidget()->findChild<QAbstractButton*>("editButton")) {
+        edit->click();
+        QCoreApplication::processEvents();
+        savePages(name + "-editing");
       }
     }
   }
