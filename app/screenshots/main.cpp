@@ -521,7 +521,9 @@ void everyLanguage() {
            "lang-" + code + "-empty");
     }
     ui::ExportSummaryView summary([](const QList<QUrl>&) {});
-    summary.present({4, 3'000'000, {"mountain-lake-at-dawn.jpg"}, 1, 2, {}}, false);
+    summary.present(
+        {4, 3'000'000, {"mountain-lake-at-dawn.jpg"}, 1, 2, {QUrl::fromLocalFile(stage.path("out/a.jpg"))}},
+        false);
     summary.resize(780, summary.heightForWidth(780));
     summary.show();
     save(&summary, "lang-" + code + "-summary");
