@@ -54,9 +54,7 @@ QPushButton* makeLinkButton(const QString& text, QWidget* parent) {
   button->setCursor(Qt::PointingHandCursor);
   button->setStyleSheet(
       QStringLiteral("QPushButton { border: none; padding: 0px; text-align: left; color: palette(link); }"
-                     "QPushButton:hover { text-decoration: underline; }"
-                     // A style sheet's button draws no focus frame: the keyboard's link is underlined.
-                     "QPushButton:focus { text-decoration: underline; }"));
+                     "QPushButton:hover { text-decoration: underline; }"));
   return button;
 }
 
