@@ -462,6 +462,22 @@ void trayMenu() {
   menu.findChild<QAction*>("trayPause")->trigger();
 }
 
+// Each settings tab in the dark palette, in English.
+void settingsDark() {
+  Stage stage;
+  stage.showcase();
+  Settings services(stage);
+  QApplication::setPalette(darkPalette());
+  auto settings = services.window(stage.model());
+  settings->resize(680, 560);
+  settings->show();
+  for (int i = 0; i < settings->tabs()->count(); ++i) {
+    settings->tabs()->setCurrentIndex(i);
+    save(settings.get(), QStringLiteral("settings-dark-%1").arg(i));
+  }
+  QApplication::setPalette(lightPalette());
+}
+
 // In every language: the window at its minimum size and at 960 x 640, and each settings tab at
 // the settings window's minimum size (and each further page when it scrolls).
 void everyLanguage() {
@@ -604,6 +620,7 @@ int main(int argc, char** argv) {
   exportSummaryAndRightToLeft();
   comparison();
   trayMenu();
+  settingsDark();
   everyLanguage();
   return failures == 0 ? 0 : 1;
 }
