@@ -14,6 +14,7 @@
 #include <QAbstractButton>
 #include <QAction>
 #include <QApplication>
+#include <QComboBox>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -303,6 +304,13 @@ void saveMenus(QMainWindow* window, const QString& name) {
   if (!image.save(QDir(outputFolder).filePath(name + ".png"))) fail("could not write " + name);
 }
 
+// The button of `root` that reads `text`.
+QAbstractButton* control(QWidget* root, const QString& text) {
+  for (QAbstractButton* button : root->findChildren<QAbstractButton*>())
+    if (button->text() == text) return button;
+  return nullptr;
+}
+
 // The modal box that `open` brings up, saved and closed.
 void saveModal(const std::function<void()>& open, const QString& name) {
   QTimer::singleShot(0, [name] {
@@ -572,6 +580,18 @@ void everyLanguage() {
       };
       const QString name = QStringLiteral("lang-%1-settings-%2").arg(code).arg(i);
       savePages(name);
+      // Another language chosen, before the restart; the update check's answer.
+      if (auto* picker = settings->tabs()->currentWidget()->findChild<QComboBox*>()) {
+        picker->setCurrentIndex(2);
+        emit picker->activated(2);
+        savePages(name + "-pending");
+      }
+      if (auto* check =
+              control(settings->tabs()->currentWidget(), Strings::text("settings.updates.checkNow"))) {
+        check->click();
+        waitFor([&] { return services.checker.state().kind == UpdateChecker::State::Kind::failed; });
+        savePages(name + "-checked");
+      }
       // A profile or a hot folder being edited.
       if (auto* edit = settings->tabs()->currentWidget()->findChild<QAbstractButton*>("editButton")) {
         edit->click();
