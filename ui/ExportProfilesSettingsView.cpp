@@ -218,8 +218,11 @@ void ExportProfilesSettingsView::rebuildList() {
     if (profile.isDefault) {
       auto* badge = new QLabel(Strings::text("settings.profiles.defaultBadge"), row);
       badge->setObjectName(QStringLiteral("defaultBadge"));
+      // Outlined in the secondary text colour, which reads on a dark palette too (its mid tone
+      // is about the window's own there).
       badge->setStyleSheet(
-          QStringLiteral("QLabel { border: 1px solid palette(mid); border-radius: 4px; padding: 0px 5px; }"));
+          QStringLiteral("QLabel { border: 1px solid %1; border-radius: 4px; padding: 0px 5px; }")
+              .arg(Icons::secondaryColor(palette()).name(QColor::HexArgb)));
       badge->setFont(makeNote(QString(), row)->font());
       first->addWidget(badge, 0);
     }

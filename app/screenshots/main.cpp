@@ -14,6 +14,7 @@
 #include <QAbstractButton>
 #include <QAction>
 #include <QApplication>
+#include <QComboBox>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -303,6 +304,13 @@ void saveMenus(QMainWindow* window, const QString& name) {
   if (!image.save(QDir(outputFolder).filePath(name + ".png"))) fail("could not write " + name);
 }
 
+// The button of `root` that reads `text`.
+QAbstractButton* control(QWidget* root, const QString& text) {
+  for (QAbstractButton* button : root->findChildren<QAbstractButton*>())
+    if (button->text() == text) return button;
+  return nullptr;
+}
+
 // The modal box that `open` brings up, saved and closed.
 void saveModal(const std::function<void()>& open, const QString& name) {
   QTimer::singleShot(0, [name] {
@@ -462,6 +470,22 @@ void trayMenu() {
   menu.findChild<QAction*>("trayPause")->trigger();
 }
 
+// Each settings tab in the dark palette, in English.
+void settingsDark() {
+  Stage stage;
+  stage.showcase();
+  Settings services(stage);
+  QApplication::setPalette(darkPalette());
+  auto settings = services.window(stage.model());
+  settings->resize(680, 560);
+  settings->show();
+  for (int i = 0; i < settings->tabs()->count(); ++i) {
+    settings->tabs()->setCurrentIndex(i);
+    save(settings.get(), QStringLiteral("settings-dark-%1").arg(i));
+  }
+  QApplication::setPalette(lightPalette());
+}
+
 // In every language: the window at its minimum size and at 960 x 640, and each settings tab at
 // the settings window's minimum size (and each further page when it scrolls).
 void everyLanguage() {
@@ -521,7 +545,9 @@ void everyLanguage() {
            "lang-" + code + "-empty");
     }
     ui::ExportSummaryView summary([](const QList<QUrl>&) {});
-    summary.present({4, 3'000'000, {"mountain-lake-at-dawn.jpg"}, 1, 2, {}}, false);
+    summary.present(
+        {4, 3'000'000, {"mountain-lake-at-dawn.jpg"}, 1, 2, {QUrl::fromLocalFile(stage.path("out/a.jpg"))}},
+        false);
     summary.resize(780, summary.heightForWidth(780));
     summary.show();
     save(&summary, "lang-" + code + "-summary");
@@ -554,6 +580,18 @@ void everyLanguage() {
       };
       const QString name = QStringLiteral("lang-%1-settings-%2").arg(code).arg(i);
       savePages(name);
+      // Another language chosen, before the restart; the update check's answer.
+      if (auto* picker = settings->tabs()->currentWidget()->findChild<QComboBox*>()) {
+        picker->setCurrentIndex(2);
+        emit picker->activated(2);
+        savePages(name + "-pending");
+      }
+      if (auto* check =
+              control(settings->tabs()->currentWidget(), Strings::text("settings.updates.checkNow"))) {
+        check->click();
+        waitFor([&] { return services.checker.state().kind == UpdateChecker::State::Kind::failed; });
+        savePages(name + "-checked");
+      }
       // A profile or a hot folder being edited.
       if (auto* edit = settings->tabs()->currentWidget()->findChild<QAbstractButton*>("editButton")) {
         edit->click();
@@ -602,6 +640,7 @@ int main(int argc, char** argv) {
   exportSummaryAndRightToLeft();
   comparison();
   trayMenu();
+  settingsDark();
   everyLanguage();
   return failures == 0 ? 0 : 1;
 }
