@@ -199,6 +199,10 @@ void MainWindow::buildMenus() {
   QAction* redo = undoStack_->createRedoAction(this, Strings::text("menu.redo"));
   redo->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z));
   edit->addAction(redo);
+  edit->addSeparator();
+  // The bar's button, where the keyboard finds it among the commands; undone as it is.
+  clearAllAction_ =
+      edit->addAction(Strings::text("common.clearAll"), this, [this] { viewModel_.clearAll(); });
 
   QMenu* quality = menuBar()->addMenu(Strings::text("quality.label"));
   increaseAction_ = quality->addAction(Strings::text("menu.increaseQuality"), this, [this] {
@@ -225,6 +229,7 @@ void MainWindow::buildMenus() {
 
 void MainWindow::refresh() {
   const bool empty = viewModel_.images().empty() && viewModel_.importFailures().empty();
+  clearAllAction_->setEnabled(!empty);
   stack_->setCurrentWidget(empty ? static_cast<QWidget*>(drop_) : static_cast<QWidget*>(list_));
   exportAction_->setEnabled(RowRules::canExportAll(viewModel_.isEncoding(), viewModel_.hasPendingRecompute(),
                                                    !viewModel_.images().empty()));

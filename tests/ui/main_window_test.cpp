@@ -317,6 +317,11 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
   ASSERT_EQ(names(), (QStringList{"a.png", "b.png", "c.png", "d.png", "e.png"}));
   QTest::keyClick(&list, Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
   ASSERT_EQ(names(), (QStringList{"a.png", "c.png", "d.png", "e.png"}));
+  edit.last()->trigger();  // Edit > Clear All, which Ctrl+Z takes back too
+  ASSERT_TRUE(model_->images().empty() && !edit.last()->isEnabled());
+  QTest::keyClick(&window(), Qt::Key_Z, Qt::ControlModifier);
+  ASSERT_EQ(names(), (QStringList{"a.png", "c.png", "d.png", "e.png"}));
+  ASSERT_TRUE(waitIdle());  // back, each is encoded again
 
   const QModelIndex row = list.listModel().index(list.listModel().rowOfImage(0));
   const QString a = spoken(list, row.row());
