@@ -74,9 +74,6 @@ QToolButton* zoomButton(QWidget* parent, const QString& text, const QString& nam
   auto* button = new QToolButton(parent);
   button->setText(text);
   button->setCheckable(true);
-  // One level is on at a time (the button group sees to it): screen readers hear radio buttons,
-  // not check boxes.
-  button->setAutoExclusive(true);
   button->setAutoRaise(true);
   // A click leaves the focus on the picture, whose keys then go on working.
   button->setFocusPolicy(Qt::TabFocus);

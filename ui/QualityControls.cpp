@@ -100,6 +100,8 @@ QualitySliderView::QualitySliderView(BatchViewModel& viewModel, QWidget* parent)
 void QualitySliderView::retranslate() {
   label_->setText(Strings::text("quality.label"));
   setToolTip(Strings::text("quality.sliderHelp"));
+  // The tooltip is the row's; screen readers read the slider's own description.
+  slider_->setAccessibleDescription(Strings::text("quality.sliderHelp"));
 }
 
 QString QualitySliderView::readoutText() const { return readout_->text(); }
