@@ -10,7 +10,7 @@
 #              there, TSAN_REPEAT times each (default 1); any report fails the test. Not in `make test`
 #   make quick   the tests without the label `slow` (no end-to-end, bus, install or fuzz runs)
 #   make tidy    clang-tidy with the project's .clang-tidy over every source file; any finding fails
-#   make screenshots  renders the window, the comparison and each settings tab in every language
+#   make screenshots  renders the window, its popups, the comparison and each settings tab in every language
 #              to build/screenshots/
 JOBS ?= $(shell nproc)
 BUILD := build

@@ -136,7 +136,7 @@ std::string baseName(const std::string& path) {
 
 std::string BudgetError::description() const {
   return Localization::format(
-      "error.budgetUnreachableFormat", "Impossible de descendre sous %1$@ en %2$@ x %3$@.",
+      "error.budgetUnreachableFormat", "Impossible de descendre sous %1$@ en %2$@ × %3$@.",
       {ImageCompressor::byteCountText(maxBytes_), std::to_string(width_), std::to_string(height_)});
 }
 

@@ -27,7 +27,7 @@ struct CompressionOptions {
   bool operator==(const CompressionOptions&) const = default;
 };
 
-// Even quality 1 gives a file above the byte budget: "cannot get under 100 kB at 4000 x 3000".
+// Even quality 1 gives a file above the byte budget: "cannot get under 100 kB at 4000 × 3000".
 class BudgetError : public QuillaneError {
  public:
   BudgetError(int64_t maxBytes, int width, int height)

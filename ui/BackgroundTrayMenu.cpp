@@ -3,6 +3,7 @@
 #include "hotfolders/HotFoldersManager.h"
 #include "services/Strings.h"
 #include "ui/Icons.h"
+#include "ui/Mnemonics.h"
 
 namespace quillane::ui {
 
@@ -33,6 +34,7 @@ void BackgroundTrayMenu::refresh() {
   pause_->setText(Strings::text(manager_.isPaused() ? "tray.resumeHotFolders" : "tray.pauseHotFolders"));
   // Nothing to pause without an enabled folder; a paused manager can always be resumed.
   pause_->setEnabled(manager_.isPaused() || manager_.hasEnabledFolder());
+  Mnemonics::assign(this);
   emit toolTipChanged();
 }
 

@@ -1,5 +1,6 @@
 #include "ui/ComparisonView.h"
 
+#include <QAction>
 #include <QCoreApplication>
 #include <QHBoxLayout>
 #include <QKeyEvent>
@@ -131,6 +132,11 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
   close->setFocusPolicy(Qt::TabFocus);
   close->setShortcut(QKeySequence(Qt::Key_Escape));
   connect(close, &QToolButton::clicked, this, &QDialog::reject);
+  // Ctrl+W too, as the desktop closes a window.
+  auto* closeWindow = new QAction(this);
+  closeWindow->setShortcuts(QKeySequence::Close);
+  connect(closeWindow, &QAction::triggered, this, &QDialog::reject);
+  addAction(closeWindow);
   header->addWidget(close);
   layout->addLayout(header);
 

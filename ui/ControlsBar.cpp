@@ -78,6 +78,7 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   progress_ = new QProgressBar(progressGroup_);
   progress_->setFixedWidth(72);
   progress_->setTextVisible(false);
+  progress_->setAccessibleName(Strings::text("controls.progressHelp"));
   progressLabel_ = new QLabel(progressGroup_);
   progressLabel_->setFont(smallFont(progressLabel_->font()));
   progressLayout->addWidget(progress_);

@@ -55,6 +55,7 @@ ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWid
   scroll_->setWidgetResizable(true);
   scroll_->setFrameShape(QFrame::NoFrame);
   scroll_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+  scroll_->setFocusPolicy(Qt::NoFocus);  // its buttons are the Tab stops
   rowsHost_ = new QWidget(scroll_);
   rows_ = new QVBoxLayout(rowsHost_);
   rows_->setContentsMargins(0, 0, 0, 0);
@@ -127,6 +128,8 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
                               : Strings::text("history.showInFinderHelp"));
   show->setObjectName(QStringLiteral("showButton"));
   show->setAccessibleName(Strings::text("intents.notification.showInFolder"));
+  // Every row has the same two buttons: screen readers say which file each one is for.
+  show->setAccessibleDescription(record.sourceDisplayName);
   const ExportRecord copy = record;
   connect(show, &QToolButton::clicked, this, [this, copy] { viewModel_.showInFileManager(copy); });
   auto* undo = new QToolButton(row);
@@ -136,6 +139,7 @@ QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
                               : Strings::text("history.undoHelp"));
   undo->setObjectName(QStringLiteral("undoButton"));
   undo->setAccessibleName(Strings::text("menu.undo"));
+  undo->setAccessibleDescription(record.sourceDisplayName);
   connect(undo, &QToolButton::clicked, this, [this, copy] { viewModel_.undoExport(copy); });
   layout->addWidget(show);
   layout->addWidget(undo);
@@ -157,6 +161,13 @@ void ExportHistoryView::popUp(const QRect& anchor) {
   }
   move(pos);
   show();
+  // The keys start on the newest export, away from Clear All.
+  for (QToolButton* button : rowsHost_->findChildren<QToolButton*>()) {
+    if (button->isEnabled()) {
+      button->setFocus(Qt::PopupFocusReason);
+      break;
+    }
+  }
 }
 
 }  // namespace quillane::ui

@@ -80,11 +80,12 @@ ExportProfilesSettingsView::ExportProfilesSettingsView(BatchViewModel& viewModel
   form->addRow(Strings::text("size.label"), size_);
 
   auto* folderRow = new QHBoxLayout;
-  folderLabel_ = new QLabel(form_);
+  folderLabel_ = new ElidedLabel(QString(), Qt::ElideMiddle, form_);
   folderLabel_->setMinimumWidth(60);
-  folderLabel_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
   chooseFolderButton_ = new QPushButton(Strings::text("settings.profiles.chooseFolder"), form_);
   clearFolder_ = new QPushButton(Strings::text("settings.profiles.clearFolder"), form_);
+  for (QPushButton* button : {chooseFolderButton_, clearFolder_})
+    button->setAccessibleDescription(Strings::text("settings.profiles.folderField"));
   connect(chooseFolderButton_, &QPushButton::clicked, this, &ExportProfilesSettingsView::chooseFolder);
   connect(clearFolder_, &QPushButton::clicked, this, [this] { setNewFolder(std::nullopt); });
   folderRow->addWidget(folderLabel_, 1);
@@ -184,7 +185,7 @@ void ExportProfilesSettingsView::refreshForm() {
   const bool editing = editingProfileID_.has_value();
   form_->setTitle(editing ? Strings::text("settings.profiles.editSection")
                           : Strings::text("settings.profiles.addSection"));
-  formatButton_->setText(formatLabel(newFormat_));
+  showFormat(formatButton_, newFormat_);
   for (QAction* action : formatMenu_->actions())
     action->setChecked(action->data().toInt() == int(newFormat_));
   qualityReadout_->setText(QString::number(int(newQuality_)));
@@ -212,34 +213,31 @@ void ExportProfilesSettingsView::rebuildList() {
     auto* texts = new QVBoxLayout;
     texts->setSpacing(1);
     auto* first = new QHBoxLayout;
-    auto* name = new QLabel(profile.name, row);
-    name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    auto* name = new ElidedLabel(profile.name, Qt::ElideRight, row);
     first->addWidget(name, 1);
     if (profile.isDefault) {
       auto* badge = new QLabel(Strings::text("settings.profiles.defaultBadge"), row);
       badge->setObjectName(QStringLiteral("defaultBadge"));
+      // Outlined in the secondary text colour, which reads on a dark palette too (its mid tone
+      // is about the window's own there).
       badge->setStyleSheet(
-          QStringLiteral("QLabel { border: 1px solid palette(mid); border-radius: 4px; padding: 0px 5px; }"));
+          QStringLiteral("QLabel { border: 1px solid %1; border-radius: 4px; padding: 0px 5px; }")
+              .arg(Icons::secondaryColor(palette()).name(QColor::HexArgb)));
       badge->setFont(makeNote(QString(), row)->font());
       first->addWidget(badge, 0);
     }
     texts->addLayout(first);
-    QLabel* subtitleLabel = makeNote(subtitle(profile), row);
-    subtitleLabel->setWordWrap(false);
-    subtitleLabel->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    QLabel* subtitleLabel = makeElidedNote(subtitle(profile), Qt::ElideMiddle, row);
     subtitleLabel->setToolTip(subtitle(profile));
     texts->addWidget(subtitleLabel);
     layout->addLayout(texts, 1);
 
     const ExportProfile copy = profile;
-    auto* edit = new QToolButton(row);
-    edit->setAutoRaise(true);
-    edit->setIcon(Icons::icon("pencil"));
+    auto* edit = makeRowButton(row, Icons::icon("pencil"), "common.edit", profile.name);
     edit->setObjectName(QStringLiteral("editButton"));
     connect(edit, &QToolButton::clicked, this, [this, copy] { startEditing(copy); });
-    auto* remove = new QToolButton(row);
-    remove->setAutoRaise(true);
-    remove->setIcon(Icons::tinted("trash", Icons::redColor(palette())));
+    auto* remove =
+        makeRowButton(row, Icons::tinted("trash", Icons::redColor(palette())), "common.delete", profile.name);
     remove->setObjectName(QStringLiteral("deleteButton"));
     // No confirmation is asked.
     connect(remove, &QToolButton::clicked, this, [this, copy] { deleteProfile(copy); });
@@ -247,6 +245,7 @@ void ExportProfilesSettingsView::rebuildList() {
     layout->addWidget(remove);
     rows_->addWidget(row);
   }
+  orderTabStops(this);
 }
 
 }  // namespace quillane::ui

@@ -22,6 +22,7 @@
 #include "ui/BackgroundSettingsSection.h"
 #include "ui/DesktopFileDialogs.h"
 #include "ui/Icons.h"
+#include "ui/Mnemonics.h"
 #include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
 #include "ui/SizeControls.h"
@@ -44,10 +45,8 @@ void clearLayout(QVBoxLayout* layout) {
   }
 }
 
-QLabel* elidedNote(const QString& text, QWidget* parent) {
-  QLabel* label = makeNote(text, parent);
-  label->setWordWrap(false);
-  label->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+QLabel* elidedPath(const QString& text, QWidget* parent) {
+  QLabel* label = makeElidedNote(text, Qt::ElideMiddle, parent);
   label->setToolTip(text);
   return label;
 }
@@ -103,10 +102,10 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   auto folderPicker = [this, form](const char* key, QLabel*& label,
                                    void (HotFoldersSettingsView::*choose)()) {
     auto* row = new QHBoxLayout;
-    label = new QLabel(form_);
+    label = new ElidedLabel(QString(), Qt::ElideMiddle, form_);
     label->setMinimumWidth(60);
-    label->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     auto* button = new QPushButton(Strings::text("settings.profiles.chooseFolder"), form_);
+    button->setAccessibleDescription(Strings::text(key));  // which of the two folders
     connect(button, &QPushButton::clicked, this, choose);
     row->addWidget(label, 1);
     row->addWidget(button);
@@ -121,8 +120,13 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   form->addRow(sameFolderWarning_);
 
   profileButton_ = new QPushButton(form_);
+  profileButton_->setAccessibleName(Strings::text("settings.hotFolders.profileField"));
   profileMenu_ = new QMenu(profileButton_);
   profileButton_->setMenu(profileMenu_);
+  // As wide as its name and at least as the format button below it: stretched across the form,
+  // its centred name would stand apart from the label it belongs to.
+  profileButton_->setMinimumWidth(120);
+  profileButton_->setSizePolicy(QSizePolicy::Maximum, QSizePolicy::Fixed);
   form->addRow(Strings::text("settings.hotFolders.profileField"), profileButton_);
 
   const FormatField format = makeFormatField(form_, [this](ImageFormat chosen) { setNewFormat(chosen); });
@@ -294,7 +298,7 @@ void HotFoldersSettingsView::refreshForm() {
                           static_cast<QWidget*>(qualityRowLabel_), qualityRow_}) {
     widget->setVisible(explicitSettings);
   }
-  formatButton_->setText(formatLabel(newFormat_));
+  showFormat(formatButton_, newFormat_);
   for (QAction* action : formatMenu_->actions()) {
     action->setChecked(action->data().toInt() == int(newFormat_));
   }
@@ -308,7 +312,8 @@ void HotFoldersSettingsView::refreshForm() {
 // What exists now; a stored name whose profile is gone still stands on the button.
 void HotFoldersSettingsView::rebuildProfileMenu() {
   const QString noProfile = Strings::text("settings.hotFolders.noProfile");
-  profileButton_->setText(newProfileName_.value_or(noProfile));
+  profileButton_->setText(Mnemonics::literal(newProfileName_.value_or(noProfile)));
+  profileButton_->setAccessibleDescription(newProfileName_.value_or(noProfile));
   profileMenu_->clear();
   auto add = [this](const QString& label, const std::optional<QString>& name) {
     QAction* action = profileMenu_->addAction(label);
@@ -317,6 +322,7 @@ void HotFoldersSettingsView::rebuildProfileMenu() {
   };
   add(noProfile, std::nullopt);
   for (const ExportProfile& profile : viewModel_.exportProfiles()) add(profile.name, profile.name);
+  Mnemonics::assign(profileMenu_);
 }
 
 void HotFoldersSettingsView::rebuildList() {
@@ -325,6 +331,7 @@ void HotFoldersSettingsView::rebuildList() {
   statusLabels_.clear();
   existing_->setVisible(!manager_.hotFolders().empty());
   for (const HotFolder& hotFolder : manager_.hotFolders()) rows_->addWidget(makeRow(hotFolder));
+  orderTabStops(this);
   refreshProgress();
   refreshStatus();
   if (editingID_ && std::none_of(manager_.hotFolders().begin(), manager_.hotFolders().end(),
@@ -340,14 +347,14 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
   auto* line = new QHBoxLayout;
   auto* texts = new QVBoxLayout;
   texts->setSpacing(1);
-  auto* name = new QLabel(hotFolder.name, row);
-  name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  auto* name = new ElidedLabel(hotFolder.name, Qt::ElideRight, row);
   texts->addWidget(name);
-  texts->addWidget(elidedNote(subtitle(hotFolder), row));
+  texts->addWidget(elidedPath(subtitle(hotFolder), row));
   line->addLayout(texts, 1);
 
   auto* enabled = new QCheckBox(Strings::text("settings.hotFolders.enabledToggle"), row);
   enabled->setObjectName(QStringLiteral("enabledSwitch"));
+  enabled->setAccessibleDescription(hotFolder.name);  // every row's switch is "Enabled"
   enabled->setChecked(hotFolder.isEnabled);
   const HotFolder copy = hotFolder;
   // Queued: the switch's own row is rebuilt by the change it makes.
@@ -357,14 +364,11 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
     QMetaObject::invokeMethod(
         this, [this, changed] { manager_.upsert(changed); }, Qt::QueuedConnection);
   });
-  auto* edit = new QToolButton(row);
-  edit->setAutoRaise(true);
-  edit->setIcon(Icons::icon("pencil"));
+  auto* edit = makeRowButton(row, Icons::icon("pencil"), "common.edit", hotFolder.name);
   edit->setObjectName(QStringLiteral("editButton"));
   connect(edit, &QToolButton::clicked, this, [this, copy] { startEditing(copy); });
-  auto* remove = new QToolButton(row);
-  remove->setAutoRaise(true);
-  remove->setIcon(Icons::tinted("trash", Icons::redColor(palette())));
+  auto* remove =
+      makeRowButton(row, Icons::tinted("trash", Icons::redColor(palette())), "common.delete", hotFolder.name);
   remove->setObjectName(QStringLiteral("deleteButton"));
   // No confirmation is asked; queued for the same reason as the switch.
   connect(remove, &QToolButton::clicked, this, [this, copy] {
@@ -383,6 +387,7 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
   count->setObjectName(QStringLiteral("progressText"));
   outer->addWidget(bar);
   outer->addWidget(count);
+  bar->setAccessibleName(hotFolder.name);  // read with its value, the share of files done
   progressWidgets_[hotFolder.id] = {bar, count};
   QLabel* status = makeNote(QString(), row);
   status->setObjectName(QStringLiteral("statusText"));
@@ -433,8 +438,8 @@ QWidget* HotFoldersSettingsView::makeActivityLine(const HotFolderActivity& activ
   auto* layout = new QVBoxLayout(line);
   layout->setContentsMargins(0, 1, 0, 1);
   layout->setSpacing(1);
-  auto* first = new QLabel(activity.hotFolderName + QStringLiteral(" — ") + activity.sourceFileName, line);
-  first->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  auto* first = new ElidedLabel(activity.hotFolderName + QStringLiteral(" — ") + activity.sourceFileName,
+                                Qt::ElideMiddle, line);
   layout->addWidget(first);
   if (activity.error) {
     auto* error = new QLabel(*activity.error, line);
@@ -442,7 +447,7 @@ QWidget* HotFoldersSettingsView::makeActivityLine(const HotFolderActivity& activ
     error->setStyleSheet(QStringLiteral("color: %1").arg(Icons::redColor(palette()).name()));
     layout->addWidget(error);
   } else if (activity.destinationURL && !errorOnly) {
-    layout->addWidget(elidedNote(pathText(*activity.destinationURL), line));
+    layout->addWidget(elidedPath(pathText(*activity.destinationURL), line));
   } else if (activity.note && !errorOnly) {
     auto* note = makeNote(*activity.note, line);
     note->setWordWrap(true);

@@ -15,6 +15,7 @@
 #include "services/Strings.h"
 #include "ui/FileDropHandler.h"
 #include "ui/ImageListModel.h"
+#include "ui/Mnemonics.h"
 
 namespace quillane::ui {
 
@@ -245,17 +246,19 @@ QMenu* ImageListView::rowMenu(const QModelIndex& index) {
     if (delegate_->isEnabled(index, RowHit::failureRetry))
       add(RowHit::failureRetry, Strings::text("common.retry"));
     add(RowHit::failureDismiss, Strings::text("import.dismissFailureHelp"));
+    Mnemonics::assign(menu);
     return menu;
   }
   auto image = model_->imageAt(index.row());
   if (!image) return menu;
-  add(RowHit::thumbnail, Strings::text("row.comparisonHelp"));
+  add(RowHit::thumbnail, Strings::text("row.menu.compare"));
   add(RowHit::quality, Strings::text("quality.overrideTitle"));
   if (image->encodeState().isFailed()) add(RowHit::summaryRetry, Strings::text("common.retry"));
-  add(RowHit::exportButton, Strings::text("row.exportHelp"));
+  add(RowHit::exportButton, Strings::text("row.menu.export"));
   if (image->exportError()) add(RowHit::warning, Strings::text("row.retryExport"));
   menu->addSeparator();
-  add(RowHit::remove, Strings::text("row.removeHelp"));
+  add(RowHit::remove, Strings::text("row.menu.remove"));
+  Mnemonics::assign(menu);
   return menu;
 }
 

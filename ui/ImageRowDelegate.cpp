@@ -117,15 +117,21 @@ ImageRowDelegate::Geometry ImageRowDelegate::leftToRightGeometry(const QRect& r,
   g.exportButton = takeButton(2);
   if (image && image->exportError()) g.warning = takeButton(2);
   g.quality = takeButton(10);
-  g.summary = QRect(right - summaryWidth, r.top(), summaryWidth, r.height());
+  const QFont small = smallFont(QApplication::font());
+  // A failed row's Retry is never cut: where the language's word is longer than the column,
+  // it takes the room from the name's side.
+  int columnWidth = summaryWidth;
+  if (image && image->encodeState().isFailed())
+    columnWidth =
+        std::max(columnWidth, QFontMetrics(small).horizontalAdvance(Strings::text("common.retry")) + 1);
+  g.summary = QRect(right - columnWidth, r.top(), columnWidth, r.height());
   right = g.summary.left() - 10;
 
-  const QFont small = smallFont(QApplication::font());
   const int firstHeight = QFontMetrics(QApplication::font()).height();
   const int secondHeight = QFontMetrics(small).height();
   const int blockTop = cy - (firstHeight + secondHeight + 2) / 2;
-  g.summaryFirst = QRect(g.summary.left(), blockTop, summaryWidth, firstHeight);
-  g.summarySecond = QRect(g.summary.left(), blockTop + firstHeight + 2, summaryWidth, secondHeight);
+  g.summaryFirst = QRect(g.summary.left(), blockTop, columnWidth, firstHeight);
+  g.summarySecond = QRect(g.summary.left(), blockTop + firstHeight + 2, columnWidth, secondHeight);
 
   g.thumb = QRect(r.left() + kPadding, cy - thumbnailSide / 2, thumbnailSide, thumbnailSide);
   g.arrow = QRect(g.thumb.right() + 5, cy - 6, 12, 12);

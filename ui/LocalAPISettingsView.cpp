@@ -29,6 +29,15 @@ std::optional<int> parsePortText(const QString& text) {
   return int(*value);
 }
 
+namespace {
+// A text to copy: selectable by mouse and keyboard, and a Tab stop, so that it can be reached,
+// read and copied without a mouse.
+void makeSelectable(QLabel* label) {
+  label->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+  label->setFocusPolicy(Qt::StrongFocus);
+}
+}  // namespace
+
 LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidget* parent)
     : QWidget(parent), controller_(controller) {
   isEnabled_ = LocalAPISettings::isEnabled();
@@ -66,7 +75,7 @@ LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidg
   connect(port_, &QLineEdit::returnPressed, this, &LocalAPISettingsView::applyPort);
   form->addRow(Strings::text("settings.api.port"), port_);
   baseURL_ = new QLabel(server_);
-  baseURL_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+  makeSelectable(baseURL_);
   Icons::makeSecondary(baseURL_);
   form->addRow(Strings::text("settings.api.baseURL"), baseURL_);
   layout->addWidget(server_);
@@ -76,7 +85,7 @@ LocalAPISettingsView::LocalAPISettingsView(LocalAPIController& controller, QWidg
   auto* tokenLayout = new QVBoxLayout(tokenBox_);
   token_ = new QLabel(LocalAPISettings::token(), tokenBox_);
   token_->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
-  token_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+  makeSelectable(token_);
   token_->setWordWrap(true);
   tokenLayout->addWidget(token_);
   auto* buttons = new QHBoxLayout;

@@ -10,6 +10,7 @@
 #include <QMessageBox>
 #include <QScreen>
 #include <QScrollBar>
+#include <QShortcut>
 #include <QStackedWidget>
 #include <QTimer>
 #include <QUndoStack>
@@ -28,6 +29,7 @@
 #include "ui/Icons.h"
 #include "ui/ImageListModel.h"
 #include "ui/ImageListView.h"
+#include "ui/Mnemonics.h"
 #include "ui/QualityControls.h"
 #include "ui/RowRules.h"
 
@@ -198,6 +200,10 @@ void MainWindow::buildMenus() {
   QAction* redo = undoStack_->createRedoAction(this, Strings::text("menu.redo"));
   redo->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z));
   edit->addAction(redo);
+  edit->addSeparator();
+  // The bar's button, where the keyboard finds it among the commands; undone as it is.
+  clearAllAction_ =
+      edit->addAction(Strings::text("common.clearAll"), this, [this] { viewModel_.clearAll(); });
 
   QMenu* quality = menuBar()->addMenu(Strings::text("quality.label"));
   increaseAction_ = quality->addAction(Strings::text("menu.increaseQuality"), this, [this] {
@@ -217,10 +223,18 @@ void MainWindow::buildMenus() {
   QAction* about =
       help->addAction(Strings::format("menu.aboutFormat", appName()), this, &MainWindow::showAbout);
   about->setMenuRole(QAction::AboutRole);
+
+  Mnemonics::assign(menuBar());
+  for (QMenu* menu : {file, edit, quality, help}) Mnemonics::keep(menu);
+  // F10 opens the first menu, as the desktop's menu bars do (Shift+F10 stays a row's menu).
+  auto* openMenus = new QShortcut(QKeySequence(Qt::Key_F10), this);
+  connect(openMenus, &QShortcut::activated, this,
+          [this, file] { menuBar()->setActiveAction(file->menuAction()); });
 }
 
 void MainWindow::refresh() {
   const bool empty = viewModel_.images().empty() && viewModel_.importFailures().empty();
+  clearAllAction_->setEnabled(!empty);
   stack_->setCurrentWidget(empty ? static_cast<QWidget*>(drop_) : static_cast<QWidget*>(list_));
   exportAction_->setEnabled(RowRules::canExportAll(viewModel_.isEncoding(), viewModel_.hasPendingRecompute(),
                                                    !viewModel_.images().empty()));
@@ -313,6 +327,9 @@ void MainWindow::showAbout() {
                   .arg(appName().toHtmlEscaped(), QCoreApplication::applicationVersion().toHtmlEscaped(),
                        websiteURL().toString()));
   box.setStandardButtons(QMessageBox::Ok);
+  // In the application's language even where Qt has no catalogue of its own (Hindi, European
+  // Portuguese), as the export alert's button is.
+  box.button(QMessageBox::Ok)->setText(Strings::text("common.ok"));
   box.exec();
 }
 

@@ -84,6 +84,7 @@ class MainWindow : public QMainWindow {
   QUndoStack* undoStack_;  // the batch's before, after and saving, under the list
   QAction* importAction_ = nullptr;
   QAction* exportAction_ = nullptr;
+  QAction* clearAllAction_ = nullptr;
   QAction* increaseAction_ = nullptr;
   QAction* decreaseAction_ = nullptr;
   QAction* quitAction_ = nullptr;

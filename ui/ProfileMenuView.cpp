@@ -8,6 +8,7 @@
 #include "records/ExportProfile.h"
 #include "services/Strings.h"
 #include "ui/Icons.h"
+#include "ui/Mnemonics.h"
 #include "ui/QualityControls.h"
 
 namespace quillane::ui {
@@ -62,6 +63,7 @@ void ExportProfileMenuView::rebuildMenu() {
         }
     });
   }
+  Mnemonics::assign(menu_);
 }
 
 }  // namespace quillane::ui

@@ -18,6 +18,7 @@
 #include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
+#include "ui/Mnemonics.h"
 #include "ui/SizeControls.h"
 #include "ui/UiText.h"
 
@@ -99,6 +100,8 @@ QualitySliderView::QualitySliderView(BatchViewModel& viewModel, QWidget* parent)
 void QualitySliderView::retranslate() {
   label_->setText(Strings::text("quality.label"));
   setToolTip(Strings::text("quality.sliderHelp"));
+  // The tooltip is the row's; screen readers read the slider's own description.
+  slider_->setAccessibleDescription(Strings::text("quality.sliderHelp"));
 }
 
 QString QualitySliderView::readoutText() const { return readout_->text(); }
@@ -116,7 +119,7 @@ void QualitySliderView::syncFromModel() {
 void setMenuButtonText(QPushButton* button, const QString& label, int maxTextWidth) {
   const QFontMetrics metrics = button->fontMetrics();
   const QString shown = metrics.elidedText(label, Qt::ElideRight, maxTextWidth);
-  button->setText(shown);
+  button->setText(Mnemonics::literal(shown));
   QStyleOptionButton option;
   option.initFrom(button);
   option.features |= QStyleOptionButton::HasMenu;
@@ -125,6 +128,12 @@ void setMenuButtonText(QPushButton* button, const QString& label, int maxTextWid
   // Styles centre the label over the whole button and draw the arrow inside its right end, so
   // the arrow's room is kept on both sides of the text.
   button->setFixedWidth(metrics.horizontalAdvance(shown) + 2 * (indicator + margin));
+}
+
+void showFormat(QPushButton* button, ImageFormat format) {
+  button->setText(formatLabel(format));
+  button->setAccessibleName(Strings::text("format.label"));
+  button->setAccessibleDescription(formatLabel(format));
 }
 
 void addFormatChoices(QMenu* menu, const std::function<void(ImageFormat)>& choose) {
@@ -137,6 +146,7 @@ void addFormatChoices(QMenu* menu, const std::function<void(ImageFormat)>& choos
     group->addAction(action);
     QObject::connect(action, &QAction::triggered, menu, [choose, format] { choose(format); });
   }
+  Mnemonics::assign(menu);
 }
 
 FormatPickerView::FormatPickerView(BatchViewModel& viewModel, QWidget* parent)
@@ -173,7 +183,7 @@ void FormatPickerView::retranslate() {
 }
 
 void FormatPickerView::syncFromModel() {
-  button_->setText(formatLabel(viewModel_.outputFormat()));
+  showFormat(button_, viewModel_.outputFormat());
   for (QAction* action : menu_->actions())
     action->setChecked(action->data().toInt() == int(viewModel_.outputFormat()));
 }

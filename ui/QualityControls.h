@@ -98,6 +98,9 @@ void addFormatChoices(QMenu* menu, const std::function<void(ImageFormat)>& choos
 // Gives a button with a drop-down menu `label`, elided to `maxTextWidth`, and a width that
 // keeps the label clear of the menu arrow.
 void setMenuButtonText(QPushButton* button, const QString& label, int maxTextWidth);
+// Shows `format` on a format button. Screen readers hear "Format" as its name and the format as
+// its description: on Linux they would otherwise hear the format alone.
+void showFormat(QPushButton* button, ImageFormat format);
 
 // A flat button drawn as a link ("common.retry", "quality.revertFormat").
 QPushButton* makeLinkButton(const QString& text, QWidget* parent = nullptr);

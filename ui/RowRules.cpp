@@ -52,7 +52,7 @@ QString shapeText(const ImportedImage& image) {
     parts << Strings::format("row.fittedFormat", shape->width, shape->height);
   if (shape->sizing.maxBytes > 0 && shape->quality < shape->askedQuality)
     parts << Strings::format("row.budgetFormat", int(std::lround(shape->quality)),
-                             ImageCompressor::byteCountText(shape->sizing.maxBytes));
+                             formatByteLimit(shape->sizing.maxBytes));
   return parts.join(QStringLiteral(" · "));
 }
 

@@ -3,9 +3,12 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QMenu>
+#include <QPainter>
 #include <QPushButton>
 #include <QScrollArea>
 #include <QSlider>
+#include <QStyle>
+#include <QToolButton>
 
 #include "services/Strings.h"
 #include "ui/Icons.h"
@@ -17,6 +20,26 @@ namespace quillane::ui {
 QLabel* makeNote(const QString& text, QWidget* parent) {
   auto* label = new QLabel(text, parent);
   label->setWordWrap(true);
+  label->setFont(smallFont(label->font()));
+  Icons::makeSecondary(label);
+  return label;
+}
+
+ElidedLabel::ElidedLabel(const QString& text, Qt::TextElideMode mode, QWidget* parent)
+    : QLabel(text, parent), mode_(mode) {
+  setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+}
+
+void ElidedLabel::paintEvent(QPaintEvent*) {
+  QPainter painter(this);
+  const QRect area = contentsRect();
+  const QString shown = fontMetrics().elidedText(text(), mode_, area.width());
+  style()->drawItemText(&painter, area, QStyle::visualAlignment(layoutDirection(), alignment()), palette(),
+                        isEnabled(), shown, foregroundRole());
+}
+
+ElidedLabel* makeElidedNote(const QString& text, Qt::TextElideMode mode, QWidget* parent) {
+  auto* label = new ElidedLabel(text, mode, parent);
   label->setFont(smallFont(label->font()));
   Icons::makeSecondary(label);
   return label;
@@ -71,6 +94,42 @@ FormButtons makeFormButtons(QWidget* form) {
   row->addWidget(cancel);
   row->addWidget(save);
   return {row, cancel, save};
+}
+
+QToolButton* makeRowButton(QWidget* row, const QIcon& icon, const char* key, const QString& rowName) {
+  auto* button = new QToolButton(row);
+  button->setAutoRaise(true);
+  button->setIcon(icon);
+  button->setToolTip(Strings::text(key));
+  button->setAccessibleName(Strings::text(key));
+  button->setAccessibleDescription(rowName);
+  return button;
+}
+
+namespace {
+void collectTabStops(QLayout* layout, QList<QWidget*>& stops) {
+  for (int i = 0; i < layout->count(); ++i) {
+    QLayoutItem* item = layout->itemAt(i);
+    if (QLayout* inner = item->layout()) {
+      collectTabStops(inner, stops);
+    } else if (QWidget* widget = item->widget()) {
+      if ((widget->focusPolicy() & Qt::TabFocus) && !widget->focusProxy()) stops << widget;
+      if (widget->layout()) collectTabStops(widget->layout(), stops);
+    }
+  }
+}
+}  // namespace
+
+void orderTabStops(QWidget* root) {
+  QList<QWidget*> stops{root};
+  collectTabStops(root->layout(), stops);
+  // The focus chain is a ring, and Qt leaves a widget where it is when the stop before it, round
+  // the ring, is already the one asked for: the first one is placed after the root, a stop for
+  // the while.
+  const Qt::FocusPolicy policy = root->focusPolicy();
+  root->setFocusPolicy(Qt::TabFocus);
+  for (qsizetype i = 1; i < stops.size(); ++i) QWidget::setTabOrder(stops[i - 1], stops[i]);
+  root->setFocusPolicy(policy);
 }
 
 }  // namespace quillane::ui

@@ -5,22 +5,40 @@
 //
 // GUI thread only.
 
+#include <QLabel>
 #include <QString>
 #include <functional>
 
 #include "engine/ImageFormat.h"
 
 class QHBoxLayout;
-class QLabel;
+class QIcon;
 class QMenu;
 class QPushButton;
 class QSlider;
+class QToolButton;
 class QWidget;
 
 namespace quillane::ui {
 
 // A small, secondary, word-wrapped label.
 QLabel* makeNote(const QString& text, QWidget* parent);
+// A one-line label that takes no width of its own and shows as much of its text as fits, an
+// ellipsis where it is cut (`mode`: a path keeps its start and its end, a name its start).
+// text() stays whole, for the tooltip and screen readers.
+class ElidedLabel : public QLabel {
+ public:
+  ElidedLabel(const QString& text, Qt::TextElideMode mode, QWidget* parent);
+
+ protected:
+  void paintEvent(QPaintEvent* event) override;
+
+ private:
+  Qt::TextElideMode mode_;
+};
+// makeNote's look, on one elided line.
+ElidedLabel* makeElidedNote(const QString& text, Qt::TextElideMode mode, QWidget* parent);
+
 // `pane` inside a scroll area, at most `width` wide and centred, so that long texts wrap.
 QWidget* wrapPane(QWidget* pane, int width = 600);
 
@@ -48,5 +66,13 @@ struct FormButtons {
   QPushButton* save;
 };
 FormButtons makeFormButtons(QWidget* form);
+
+// An icon-only button of a list's row that does `key`'s text, shown in its tooltip and read by
+// screen readers, with `rowName` (which row it acts on) as its description.
+QToolButton* makeRowButton(QWidget* row, const QIcon& icon, const char* key, const QString& rowName);
+
+// Puts the Tab stops under `root` in the order of its layout, top to bottom and each row's fields
+// in turn: rows made after the form below them would otherwise be reached after it.
+void orderTabStops(QWidget* root);
 
 }  // namespace quillane::ui

@@ -1,5 +1,7 @@
 #include "ui/SettingsWindow.h"
 
+#include <QAction>
+#include <QTabBar>
 #include <QTabWidget>
 #include <QVBoxLayout>
 
@@ -29,25 +31,42 @@ SettingsWindow::SettingsWindow(Services services, QWidget* parent) : QWidget(par
   tabs_->setDocumentMode(true);
   layout->addWidget(tabs_);
 
-  tabs_->addTab(wrapPane(new LanguageSettingsView(services.languageManager)), Icons::icon("globe"),
-                Strings::text("settings.language.title"));
-  tabs_->addTab(wrapPane(new LocalAPISettingsView(services.apiController)), Icons::icon("terminal"),
-                Strings::text("settings.api.title"));
+  addPane(new LanguageSettingsView(services.languageManager), "globe", "settings.language.title");
+  addPane(new LocalAPISettingsView(services.apiController), "terminal", "settings.api.title");
   DesktopFileDialogs* dialogs = services.fileDialogs;
   auto chooser = [dialogs, this](const std::optional<QUrl>& start) -> std::optional<QUrl> {
     return dialogs ? dialogs->chooseFolder(start, this) : std::nullopt;
   };
-  tabs_->addTab(wrapPane(new ExportProfilesSettingsView(services.viewModel, chooser)),
-                Icons::icon("square.and.arrow.up.on.square"), Strings::text("settings.profiles.title"));
-  tabs_->addTab(wrapPane(new UpdateSettingsView(services.updateChecker)), Icons::icon("arrow.down.circle"),
-                Strings::text("settings.updates.title"));
+  addPane(new ExportProfilesSettingsView(services.viewModel, chooser), "square.and.arrow.up.on.square",
+          "settings.profiles.title");
+  addPane(new UpdateSettingsView(services.updateChecker), "arrow.down.circle", "settings.updates.title");
+  // Escape closes the window as it would a dialog, and Ctrl+W as the desktop closes a window.
+  auto* closeWindow = new QAction(this);
+  closeWindow->setShortcuts(QKeySequence::keyBindings(QKeySequence::Close) << QKeySequence(Qt::Key_Escape));
+  connect(closeWindow, &QAction::triggered, this, &QWidget::close);
+  addAction(closeWindow);
   resize(680, 560);
-  setMinimumSize(560, 420);
+  setMinimumHeight(420);
+  fitMinimumWidthToTabs();
+}
+
+void SettingsWindow::fitMinimumWidthToTabs() {
+  // In the longer languages the titles need more than the panes do; a tab bar that scrolls
+  // would show the last one cut.
+  const QMargins margins = layout()->contentsMargins();
+  setMinimumWidth(std::max(560, tabs_->tabBar()->sizeHint().width() + margins.left() + margins.right()));
 }
 
 void SettingsWindow::insertHotFoldersPane(QWidget* pane) {
-  tabs_->insertTab(tabs_->count() - kUpdatesTabFromEnd, wrapPane(pane, 600), Icons::icon("eye"),
-                   Strings::text("settings.hotFolders.title"));
+  addPane(pane, "eye", "settings.hotFolders.title", tabs_->count() - kUpdatesTabFromEnd);
+  fitMinimumWidthToTabs();
+}
+
+void SettingsWindow::addPane(QWidget* pane, const char* icon, const char* titleKey, int index) {
+  QWidget* wrapped = wrapPane(pane, 600);
+  // The scroll area is a Tab stop, for the keys that scroll a long pane: it says which pane it is.
+  wrapped->setAccessibleName(Strings::text(titleKey));
+  tabs_->insertTab(index, wrapped, Icons::icon(icon), Strings::text(titleKey));
 }
 
 SettingsWindow* SettingsWindow::showFor(QWidget* mainWindow, Services services) {

@@ -42,6 +42,11 @@ class SettingsWindow : public QWidget {
   void insertHotFoldersPane(QWidget* pane);
 
  private:
+  // Adds `pane` in a scroll area as the tab at `index` (-1: the last).
+  void addPane(QWidget* pane, const char* icon, const char* titleKey, int index = -1);
+  // At least 560 x 420, and wide enough for every tab's title to show whole.
+  void fitMinimumWidthToTabs();
+
   QTabWidget* tabs_;
 };
 

@@ -7,6 +7,7 @@
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QLocale>
 #include <QPushButton>
 #include <QScreen>
 #include <QSpinBox>
@@ -19,6 +20,7 @@
 #include "engine/DecodedImage.h"
 #include "services/Strings.h"
 #include "ui/Icons.h"
+#include "ui/UiText.h"
 
 namespace quillane::ui {
 namespace {
@@ -63,8 +65,8 @@ SizeOptionsEditor::SizeOptionsEditor(QWidget* parent) : QWidget(parent) {
   amount_->setValue(500);
   amount_->setAccessibleName(Strings::text("size.budgetField"));
   unit_ = new QComboBox(this);
-  unit_->addItem(QStringLiteral("kB"), QVariant::fromValue<qint64>(kKilo));
-  unit_->addItem(QStringLiteral("MB"), QVariant::fromValue<qint64>(kMega));
+  unit_->addItem(byteUnitSymbol(ByteUnit::kilo, QLocale()), QVariant::fromValue<qint64>(kKilo));
+  unit_->addItem(byteUnitSymbol(ByteUnit::mega, QLocale()), QVariant::fromValue<qint64>(kMega));
   unit_->setAccessibleName(Strings::text("size.unitField"));
   // Screen readers on Linux hear a combo box's current text as its name: the description says what it is.
   unit_->setAccessibleDescription(Strings::text("size.unitField"));
@@ -134,8 +136,7 @@ QString sizeOptionsText(const CompressionOptions& options) {
     };
     parts << Strings::format("size.fitFormat", side(options.maxWidth), side(options.maxHeight));
   }
-  if (options.maxBytes > 0)
-    parts << Strings::format("size.budgetFormat", ImageCompressor::byteCountText(options.maxBytes));
+  if (options.maxBytes > 0) parts << Strings::format("size.budgetFormat", formatByteLimit(options.maxBytes));
   if (options.skipLarger) parts << Strings::text("size.skipLargerShort");
   return parts.isEmpty() ? Strings::text("size.off") : parts.join(QStringLiteral(" · "));
 }
@@ -163,6 +164,8 @@ SizeOptionsEditor* SizeButtonView::popupEditor() const {
 }
 
 void SizeButtonView::showPopup() {
+  // The click toggled the button: it shows whether options are on, not that it was clicked.
+  button_->setChecked(viewModel_.compressionOptions().any());
   if (popup_) popup_->close();
   popup_ = new QFrame(this, Qt::Popup);
   popup_->setAttribute(Qt::WA_DeleteOnClose);

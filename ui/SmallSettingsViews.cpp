@@ -42,6 +42,7 @@ UpdateSettingsView::UpdateSettingsView(UpdateChecker& checker, QWidget* parent)
   spinner_->setRange(0, 0);  // busy
   spinner_->setFixedSize(60, 10);
   spinner_->setTextVisible(false);
+  spinner_->setAccessibleName(Strings::text("settings.updates.checking"));
   status_ = new QLabel(statusRow_);
   status_->setWordWrap(true);
   status_->setTextInteractionFlags(Qt::TextSelectableByMouse);
@@ -123,6 +124,9 @@ LanguageSettingsView::LanguageSettingsView(LanguageManager& manager, QWidget* pa
     choose(value < 0 ? std::nullopt : std::optional<AppLanguage>(AppLanguage(value)));
   });
   form->addRow(Strings::text("settings.language.title"), picker_);
+  // Screen readers on Linux hear a combo box's current text as its name: the description says what it is.
+  picker_->setAccessibleName(Strings::text("settings.language.title"));
+  picker_->setAccessibleDescription(Strings::text("settings.language.title"));
   layout->addLayout(form);
 
   note_ = new QLabel(Strings::text("settings.language.restartRequired"), box);

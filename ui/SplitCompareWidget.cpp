@@ -303,6 +303,12 @@ bool SplitCompareWidget::handleKey(QKeyEvent* event) {
         return false;
       return true;
     }
+    case Qt::Key_PageUp:
+    case Qt::Key_PageDown:
+      // As a slider's: Page Up moves the value up, the divider to the right.
+      if (mods != Qt::NoModifier) return false;
+      setSliderFraction(fraction_ + (event->key() == Qt::Key_PageUp ? kLargeStep : -kLargeStep));
+      return true;
     case Qt::Key_Home:
     case Qt::Key_End:
       if (mods != Qt::NoModifier) return false;
@@ -412,6 +418,11 @@ void SplitCompareWidget::paintEvent(QPaintEvent*) {
   painter.drawEllipse(centre, 16, 16);
   painter.drawPixmap(QRectF(centre.x() - 8, centre.y() - 8, 16, 16).toRect(),
                      Icons::pixmap("arrow.left.and.right", 16, Qt::black, devicePixelRatioF(), Qt::white));
+  if (hasFocus()) {  // the arrow keys move the divider: its handle shows that the keys go to it
+    painter.setBrush(Qt::NoBrush);
+    painter.setPen(QPen(palette().color(QPalette::Highlight), 2));
+    painter.drawEllipse(centre, 21, 21);
+  }
 
   // The badges may reach past a narrow picture, over the window's background.
   painter.setClipping(false);

@@ -1,6 +1,7 @@
 #include "ui/UiText.h"
 
 #include <QGuiApplication>
+#include <QHash>
 #include <QLocale>
 #include <cmath>
 
@@ -20,12 +21,26 @@ QString directionIsolate(const QString& text) {
 
 QString formatByteCount(int64_t bytes) { return formatByteCount(bytes, QLocale()); }
 
+QString byteUnitSymbol(ByteUnit unit, const QLocale& locale) {
+  // Qt's locale data knows the prefixed symbols ("kB", "ko", "кБ"); the byte's own is the
+  // kilobyte's without its prefix. Worked out once per locale: rows ask on every paint.
+  static QHash<QString, QStringList> cache;
+  QStringList& symbols = cache[locale.bcp47Name()];
+  if (symbols.isEmpty()) {
+    const qsizetype numberLength = locale.toString(1).size();
+    for (qint64 bytes = 1000; symbols.size() < 5; bytes *= 1000)
+      symbols << locale.formattedDataSize(bytes, 0, QLocale::DataSizeSIFormat).mid(numberLength).trimmed();
+    symbols.prepend(symbols.front().mid(1));
+  }
+  return symbols.at(int(unit));
+}
+
 QString formatByteCount(int64_t bytes, const QLocale& locale) {
   if (bytes < 1000)
-    return leftToRightIsolate(locale.toString(qlonglong(std::max<int64_t>(bytes, 0))) + QStringLiteral(" B"));
+    return leftToRightIsolate(locale.toString(qlonglong(std::max<int64_t>(bytes, 0))) + QLatin1Char(' ') +
+                              byteUnitSymbol(ByteUnit::byte, locale));
   // kB without decimals, MB with one, GB and above with two; a value that rounds up to 1000
   // moves to the next unit ("1 MB" rather than "1000 kB").
-  static const char* const units[] = {"kB", "MB", "GB", "TB", "PB"};
   static const int decimals[] = {0, 1, 2, 2, 2};
   double value = double(bytes);
   for (int i = 0; i < 5; ++i) {
@@ -38,10 +53,18 @@ QString formatByteCount(int64_t bytes, const QLocale& locale) {
       const QString zeroTail =
           QString(locale.decimalPoint()) + QString(decimals[i], locale.zeroDigit().at(0));
       if (decimals[i] > 0 && digits.endsWith(zeroTail)) digits.chop(zeroTail.size());
-      return leftToRightIsolate(digits + QLatin1Char(' ') + QLatin1String(units[i]));
+      return leftToRightIsolate(digits + QLatin1Char(' ') + byteUnitSymbol(ByteUnit(i + 1), locale));
     }
   }
   return {};
+}
+
+QString formatByteLimit(int64_t bytes) {
+  const QLocale locale;
+  const ByteUnit unit = bytes >= 1'000'000 ? ByteUnit::mega : bytes >= 1000 ? ByteUnit::kilo : ByteUnit::byte;
+  const double value = std::round(double(bytes) / std::pow(1000.0, int(unit)) * 10) / 10;
+  return leftToRightIsolate(locale.toString(value, 'f', QLocale::FloatingPointShortest) + QLatin1Char(' ') +
+                            byteUnitSymbol(unit, locale));
 }
 
 SizeChange sizeChange(int64_t sizeBytes, int64_t originalSizeBytes) {

@@ -20,11 +20,17 @@ QString leftToRightIsolate(const QString& text);
 // so that a sentence keeps its full stop at its end; as it is in a left-to-right layout.
 QString directionIsolate(const QString& text);
 
-// A file size in decimal units (1 kB = 1000 bytes) with the locale's digits and decimal
-// separator: "0 B", "999 B", "12 kB", "1.2 MB", "3.45 GB". Negative counts read as 0. Isolated left to right
-// in a right-to-left layout (leftToRightIsolate).
+// A file size in decimal units (1 kB = 1000 bytes) with the locale's digits, decimal
+// separator and unit symbols: "0 B", "999 B", "12 kB", "1.2 MB", "3.45 GB"; "1,2 Mo" in French.
+// Negative counts read as 0. Isolated left to right in a right-to-left layout (leftToRightIsolate).
 QString formatByteCount(int64_t bytes);
 QString formatByteCount(int64_t bytes, const QLocale& locale);
+// A size the user set (a budget) as they typed it, to a tenth of its unit, in the default
+// locale's notation: "999 B", "500 kB", "2.5 MB" ("2,5 Mo" in French). Isolated as above.
+QString formatByteLimit(int64_t bytes);
+// The locale's symbol of the byte and of the kilo- to petabyte ("B", "kB", ... "PB").
+enum class ByteUnit { byte, kilo, mega, giga, tera, peta };
+QString byteUnitSymbol(ByteUnit unit, const QLocale& locale);
 
 // A result measured against its source. `percent` is |1 - size/original| x 100 rounded to the
 // nearest integer, halves away from zero; the divisor is at least 1. A result of the same size

@@ -1,7 +1,8 @@
 // quillane-screenshots: renders the window (empty, light, dark, with an export's summary, right
 // to left, with the size control open), the history, the comparison of a real encoding at fit
-// and at 200 %, the tray menu, and in every language the window and each settings tab, as PNG
-// files for a person to look at (make screenshots, the software centre's pictures).
+// and at 200 %, the tray menu, and in every language the window, its menus, About box, alert and
+// popups, the comparison and every page of each settings tab, as PNG files for a person to look
+// at (make screenshots, the software centre's pictures).
 //
 //   quillane-screenshots FOLDER
 //
@@ -10,16 +11,25 @@
 // real engine. Settings and state files live in a temporary folder of the run.
 #include <QtCore/qtestsupport_core.h>
 
+#include <QAbstractButton>
 #include <QAction>
 #include <QApplication>
+#include <QComboBox>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
+#include <QMainWindow>
+#include <QMenu>
+#include <QMenuBar>
+#include <QPainter>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QStyle>
 #include <QStyleFactory>
 #include <QTabWidget>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <QUuid>
 #include <cmath>
 #include <condition_variable>
@@ -27,6 +37,7 @@
 #include <map>
 #include <mutex>
 
+#include "QuillaneVersion.h"
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"
 #include "batch/BatchViewModel.h"
@@ -38,7 +49,7 @@
 #include "records/JSONFileStore.h"
 #include "services/AppLanguage.h"
 #include "services/LanguageManager.h"
-#include "services/StringTables.h"
+#include "services/Strings.h"
 #include "services/UpdateChecker.h"
 #include "ui/BackgroundTrayMenu.h"
 #include "ui/ComparisonView.h"
@@ -46,7 +57,11 @@
 #include "ui/ExportHistoryView.h"
 #include "ui/ExportSummaryView.h"
 #include "ui/HotFoldersSettingsView.h"
+#include "ui/ImageListModel.h"
+#include "ui/ImageListView.h"
 #include "ui/MainWindow.h"
+#include "ui/ProfileMenuView.h"
+#include "ui/QualityControls.h"
 #include "ui/SettingsWindow.h"
 #include "ui/SizeControls.h"
 #include "ui/SplitCompareWidget.h"
@@ -75,12 +90,10 @@ void save(QWidget* widget, const QString& name) {
     fail("could not write " + name);
 }
 
+// As the application does at launch: the language's table, its locale for numbers and sizes,
+// and Qt's own texts in it.
 void useLanguage(const QString& rawValue) {
-  const auto language = AppLanguages::fromRawValue(rawValue);
-  if (language)
-    Localization::setLookup(StringTables::lookupFor(*language));
-  else
-    Localization::setLookup({});
+  LanguageManager({{rawValue}, [](const QString&) { return false; }, [] {}}).installLookup();
 }
 
 QPalette lightPalette() { return QApplication::style()->standardPalette(); }
@@ -269,6 +282,48 @@ class Stage {
   std::map<std::string, StagedFile> files_;
 };
 
+// The window's menus opened one after another, side by side in one picture.
+void saveMenus(QMainWindow* window, const QString& name) {
+  QList<QImage> menus;
+  for (QAction* action : window->menuBar()->actions()) {
+    if (QMenu* menu = action->menu()) {
+      menu->popup(window->mapToGlobal(QPoint(0, 0)));
+      QCoreApplication::processEvents();
+      menus << menu->grab().toImage();
+      menu->hide();
+    }
+  }
+  int width = 0, height = 0;
+  for (const QImage& menu : menus) width += menu.width() + 8, height = std::max(height, menu.height());
+  QImage image(std::max(1, width), std::max(1, height), QImage::Format_ARGB32);
+  image.fill(window->palette().color(QPalette::Window));
+  QPainter painter(&image);
+  int x = 0;
+  for (const QImage& menu : menus) painter.drawImage(x, 0, menu), x += menu.width() + 8;
+  painter.end();
+  if (!image.save(QDir(outputFolder).filePath(name + ".png"))) fail("could not write " + name);
+}
+
+// The button of `root` that reads `text`.
+QAbstractButton* control(QWidget* root, const QString& text) {
+  for (QAbstractButton* button : root->findChildren<QAbstractButton*>())
+    if (button->text() == text) return button;
+  return nullptr;
+}
+
+// The modal box that `open` brings up, saved and closed.
+void saveModal(const std::function<void()>& open, const QString& name) {
+  QTimer::singleShot(0, [name] {
+    if (QWidget* box = QApplication::activeModalWidget()) {
+      save(box->window(), name);
+      box->close();
+    } else {
+      fail("no box for " + name);
+    }
+  });
+  open();
+}
+
 std::unique_ptr<ui::MainWindow> showWindow(BatchViewModel& model, QSize size) {
   auto window = std::make_unique<ui::MainWindow>(model);
   window->resize(size);
@@ -351,6 +406,19 @@ void comparison() {
     sheet->close();
   }
   QApplication::setPalette(lightPalette());
+  // In every language, at fit in a smaller window.
+  for (AppLanguage language : AppLanguages::allCases()) {
+    const QString code = AppLanguages::rawValue(language);
+    useLanguage(code);
+    auto* sheet = new ui::ImageComparisonView(model, model.images()[0], window.get());
+    sheet->resize(960, 640);
+    sheet->show();
+    waitFor([&] { return sheet->area()->hasOriginalPreview() && sheet->area()->hasCompressedPreview(); });
+    sheet->area()->setSliderFraction(0.45);
+    save(sheet, "lang-" + code + "-comparison");
+    sheet->close();
+  }
+  useLanguage(QStringLiteral("en-US"));
 }
 
 // The settings window with every pane, over a showcase batch and two hot folders, one of whose
@@ -402,12 +470,27 @@ void trayMenu() {
   menu.findChild<QAction*>("trayPause")->trigger();
 }
 
-// In every language: the window at its minimum size and at 960 x 640, and each settings tab at
-// the settings window's minimum size.
-void everyLanguage() {
+// Each settings tab in the dark palette, in English.
+void settingsDark() {
   Stage stage;
   stage.showcase();
   Settings services(stage);
+  QApplication::setPalette(darkPalette());
+  auto settings = services.window(stage.model());
+  settings->resize(680, 560);
+  settings->show();
+  for (int i = 0; i < settings->tabs()->count(); ++i) {
+    settings->tabs()->setCurrentIndex(i);
+    save(settings.get(), QStringLiteral("settings-dark-%1").arg(i));
+  }
+  QApplication::setPalette(lightPalette());
+}
+
+// In every language: the window at its minimum size and at 960 x 640, and each settings tab at
+// the settings window's minimum size (and each further page when it scrolls).
+void everyLanguage() {
+  Stage stage;
+  stage.showcase();
   for (AppLanguage language : AppLanguages::allCases()) {
     const QString code = AppLanguages::rawValue(language);
     useLanguage(code);
@@ -419,13 +502,102 @@ void everyLanguage() {
       save(window.get(), "lang-" + code + "-main");
       window->resize(960, 640);
       save(window.get(), "lang-" + code + "-960");
+      saveMenus(window.get(), "lang-" + code + "-menus");
+      QAction* about = window->menuBar()->actions().last()->menu()->actions().last();
+      saveModal([about] { about->trigger(); }, "lang-" + code + "-about");
+      stage.model().setExportError(Strings::text("export.errorTitle"));
+      QCoreApplication::processEvents();
+      if (QWidget* alert = QApplication::activeModalWidget()) {
+        save(alert, "lang-" + code + "-alert");
+        alert->close();
+      }
+      // The bar's profile menu and size control, the banner of an export and the history.
+      auto* profiles = window->controlsBar()->findChild<ui::ExportProfileMenuView*>()->findChild<QMenu*>();
+      profiles->popup(window->mapToGlobal(QPoint(0, 0)));
+      QCoreApplication::processEvents();
+      save(profiles, "lang-" + code + "-profile-menu");
+      profiles->hide();
+      window->controlsBar()->findChild<ui::SizeButtonView*>()->showPopup();
+      QCoreApplication::processEvents();
+      QWidget* sizePopup = window->controlsBar()->findChild<ui::SizeOptionsEditor*>()->window();
+      save(sizePopup, "lang-" + code + "-size-control");
+      sizePopup->close();
+      // A row's own quality and its menu (the first image's row, after the failed import's).
+      ui::ImageListView* list = window->findChild<ui::ImageListView*>();
+      const auto image = stage.model().images().front();
+      window->showQualityOverride(image, *list->qualityAnchor(image));
+      QCoreApplication::processEvents();
+      if (auto* popup = window->findChild<ui::QualityOverridePopup*>()) {
+        save(popup, "lang-" + code + "-row-quality");
+        popup->close();
+      }
+      std::unique_ptr<QMenu> rowMenu(list->rowMenu(list->listModel().index(2)));
+      rowMenu->popup(window->mapToGlobal(QPoint(0, 0)));
+      QCoreApplication::processEvents();
+      save(rowMenu.get(), "lang-" + code + "-row-menu");
+      rowMenu->hide();
     }
+    {
+      BatchViewModel::Options options;
+      options.restoreSession = false;
+      BatchViewModel empty(options);
+      save(showWindow(empty, {ui::MainWindow::minimumWidth, ui::MainWindow::minimumHeight}).get(),
+           "lang-" + code + "-empty");
+    }
+    ui::ExportSummaryView summary([](const QList<QUrl>&) {});
+    summary.present(
+        {4, 3'000'000, {"mountain-lake-at-dawn.jpg"}, 1, 2, {QUrl::fromLocalFile(stage.path("out/a.jpg"))}},
+        false);
+    summary.resize(780, summary.heightForWidth(780));
+    summary.show();
+    save(&summary, "lang-" + code + "-summary");
+    ui::ExportHistoryView history(stage.model(), false);
+    history.show();
+    save(&history, "lang-" + code + "-history");
+    // Made anew, so that the missing folder's error is told in this language too.
+    Settings services(stage);
+    ui::BackgroundTrayMenu tray(
+        *services.hotFolders, [] {}, [] {});
+    tray.popup({0, 0});
+    save(&tray, "lang-" + code + "-tray-menu");
+    tray.hide();
     auto settings = services.window(stage.model());
     settings->resize(settings->minimumSize());
     settings->show();
     for (int i = 0; i < settings->tabs()->count(); ++i) {
       settings->tabs()->setCurrentIndex(i);
-      save(settings.get(), QStringLiteral("lang-%1-settings-%2").arg(code).arg(i));
+      // Each page of the pane, a page further down each time when it scrolls, to its end.
+      const auto savePages = [&](const QString& name) {
+        save(settings.get(), name);
+        auto* scroll = qobject_cast<QScrollArea*>(settings->tabs()->currentWidget());
+        if (!scroll) return;
+        QScrollBar* bar = scroll->verticalScrollBar();
+        for (int page = 2; bar->value() < bar->maximum(); ++page) {
+          bar->setValue(bar->value() + bar->pageStep());
+          save(settings.get(), name + QStringLiteral("-page%1").arg(page));
+        }
+        bar->setValue(0);
+      };
+      const QString name = QStringLiteral("lang-%1-settings-%2").arg(code).arg(i);
+      savePages(name);
+      // Another language chosen, before the restart; the update check's answer.
+      if (auto* picker = settings->tabs()->currentWidget()->findChild<QComboBox*>()) {
+        picker->setCurrentIndex(2);
+        emit picker->activated(2);
+        savePages(name + "-pending");
+      }
+      if (auto* check =
+              control(settings->tabs()->currentWidget(), Strings::text("settings.updates.checkNow"))) {
+        check->click();
+        waitFor([&] { return services.checker.state().kind == UpdateChecker::State::Kind::failed; });
+        savePages(name + "-checked");
+      }
+      // A profile or a hot folder being edited.
+      if (auto* edit = settings->tabs()->currentWidget()->findChild<QAbstractButton*>("editButton")) {
+        edit->click();
+        QCoreApplication::processEvents();
+        savePages(name + "-editing");
+      }
     }
   }
 }
@@ -450,6 +622,9 @@ int main(int argc, char** argv) {
   }
   qputenv("XCTestConfigurationFilePath", "quillane-screenshots");
   QApplication app(argc, argv);
+  // Named as the application is, for its menus and About box.
+  QCoreApplication::setApplicationName(QStringLiteral("Quillane"));
+  QCoreApplication::setApplicationVersion(QString::fromLatin1(kAppVersion));
   outputFolder = QDir(QString::fromLocal8Bit(argv[1])).absolutePath();
   if (!QDir().mkpath(outputFolder)) {
     std::fprintf(stderr, "quillane-screenshots: cannot make %s\n", argv[1]);
@@ -465,6 +640,7 @@ int main(int argc, char** argv) {
   exportSummaryAndRightToLeft();
   comparison();
   trayMenu();
+  settingsDark();
   everyLanguage();
   return failures == 0 ? 0 : 1;
 }

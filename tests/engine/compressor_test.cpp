@@ -188,7 +188,7 @@ TEST(Compress, AFailureGivesTheTrueSizeAndItsReasonAndWritesNothing) {
     ASSERT_TRUE(result.error);
     EXPECT_TRUE(size != 200 || *result.error == "Impossible de décoder l'image source.") << *result.error;
     EXPECT_TRUE(!maxBytes || result.error->find("100 bytes") != std::string::npos) << *result.error;
-    EXPECT_TRUE(!maxBytes || result.error->find("200 x 150") != std::string::npos) << *result.error;
+    EXPECT_TRUE(!maxBytes || result.error->find("200 × 150") != std::string::npos) << *result.error;
     EXPECT_FALSE(result.destination || result.compressedSizeBytes || result.ratio);
   }
   EXPECT_TRUE(fs::is_empty(dir.file("out")));

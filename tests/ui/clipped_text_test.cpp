@@ -1,9 +1,10 @@
-// In every language, no text of the bar or of a settings tab is cut at the windows' minimum
-// sizes (ClippedText, in CTest with the label `slow`); and the tray menu's entries do what
-// they say.
+// In every language, no text of the bar, of a failed row's Retry, of a settings tab or of its title is cut at
+// the windows' minimum sizes (ClippedText, in CTest with the label `slow`); and the tray menu's entries do
+// what they say.
 #include <QAbstractButton>
 #include <QComboBox>
 #include <QLabel>
+#include <QTabBar>
 #include <QTabWidget>
 
 #include "api/LocalAPIController.h"
@@ -11,11 +12,13 @@
 #include "hotfolders/HotFoldersManager.h"
 #include "services/AppLanguage.h"
 #include "services/LanguageManager.h"
+#include "services/Strings.h"
 #include "services/UpdateChecker.h"
 #include "tests/ui/ui_test_support.h"
 #include "ui/BackgroundTrayMenu.h"
 #include "ui/ControlsBar.h"
 #include "ui/HotFoldersSettingsView.h"
+#include "ui/ImageRowDelegate.h"
 #include "ui/SettingsWindow.h"
 
 namespace quillane::uitest {
@@ -83,11 +86,21 @@ TEST_F(ClippedText, NoTextOfTheBarOrATabIsCutInAnyLanguageAtMinimumSize) {
     window.show();
     QCoreApplication::processEvents();
     EXPECT_EQ(clippedTexts(window.controlsBar()), QStringList());
+    const ui::ImageListView& list = *window.findChild<ui::ImageListView*>();
+    for (int row = 0; row < list.listModel().rowCount(); ++row) {
+      const QModelIndex index = list.listModel().index(row);
+      const auto image = list.listModel().imageAt(row);
+      if (!image || !image->encodeState().isFailed()) continue;
+      EXPECT_GE(delegate(list).partRect(list.visualRect(index), index, ui::RowHit::summaryRetry).width(),
+                QFontMetricsF(ui::smallFont(QApplication::font()))
+                    .horizontalAdvance(Strings::text("common.retry")));
+    }
     ui::SettingsWindow settings({*model_, controller, checker, languages, nullptr});
     settings.setAttribute(Qt::WA_DeleteOnClose, false);
     settings.insertHotFoldersPane(new ui::HotFoldersSettingsView(*manager, *model_, {}));
     settings.resize(settings.minimumSize());
     settings.show();
+    EXPECT_LE(settings.tabs()->tabBar()->sizeHint().width(), settings.tabs()->width());
     for (int i = 0; i < settings.tabs()->count(); ++i) {
       settings.tabs()->setCurrentIndex(i);
       QCoreApplication::processEvents();

@@ -109,7 +109,10 @@ TEST_F(ComparisonArea, TheDividerFollowsTheMouseAndTheKeysAndIsASliderForScreenR
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.52);
   QTest::keyClick(&a, Qt::Key_Left, Qt::ShiftModifier);
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.42);
-  for (int i = 0; i < 8; ++i) QTest::keyClick(&a, Qt::Key_Right, Qt::ShiftModifier);
+  QTest::keyClick(&a, Qt::Key_PageDown);
+  EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.32);
+  for (int i = 0; i < 7; ++i) QTest::keyClick(&a, Qt::Key_Right, Qt::ShiftModifier);
+  QTest::keyClick(&a, Qt::Key_PageUp);
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 1.0);
   QTest::keyClick(&a, Qt::Key_Home);
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.0);
@@ -160,7 +163,10 @@ TEST_F(ComparisonWindow, OpensInsideTheScreenIsMaximisableAndKeepsItsSizeForNext
   ui::ImageComparisonView* next = open(1);
   EXPECT_EQ(next->size(), chosen);
   EXPECT_TRUE(available.contains(next->geometry()));
-  next->close();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(next));
+  const QPointer closing(next);
+  QTest::keyClick(next, Qt::Key_W, Qt::ControlModifier);
+  EXPECT_TRUE(QTest::qWaitFor([&] { return !closing; }));
 }
 
 TEST_F(ComparisonWindow, TheResultSideFollowsAQualityChangeAtFullResolution) {

@@ -70,7 +70,7 @@ TEST_F(ImageRowTest, AnAnimatedImageInItsOwnFormatIsPassedThroughAndAStillOneNev
   EXPECT_EQ(std::pair(kept.firstLine, kept.secondLine),
             std::pair(QString("1 kB"), QString("kept the original")));
   EXPECT_EQ(ui::RowRules::shapeText(*grown), "kept the original");
-  EXPECT_EQ(ui::RowRules::shapeText(*still), "fitted to 100 x 100");
+  EXPECT_EQ(ui::RowRules::shapeText(*still), "fitted to 100 × 100");
   EXPECT_TRUE(ui::RowRules::batchTotalText({grown}).contains("after 1 kB"))
       << ui::RowRules::batchTotalText({grown}).toStdString();
   useLanguage({});

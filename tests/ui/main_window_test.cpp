@@ -26,6 +26,8 @@
 #include <QSlider>
 #include <QSpinBox>
 #include <QStyleOptionButton>
+#include <QTabBar>
+#include <QTabWidget>
 #include <QTimer>
 #include <QToolButton>
 
@@ -153,6 +155,7 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   EXPECT_FALSE(size->isChecked()) << "off by default";
   EXPECT_EQ(size->focusPolicy() & Qt::TabFocus, Qt::TabFocus);
   size->click();
+  EXPECT_FALSE(size->isChecked()) << "opening the options turns nothing on";
   auto* editor = control<ui::SizeOptionsEditor>(&bar());
   ASSERT_TRUE(editor->isVisible());
   control<QSpinBox>(editor, "size.widthField")->setValue(1600);
@@ -166,8 +169,8 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   EXPECT_TRUE(size->isChecked());
   ASSERT_TRUE(waitIdle());
   const auto image = model_->images()[0];
-  EXPECT_EQ(ui::RowRules::shapeText(*image), "fitted to 1600 x 1200 · at quality 62 to fit 500 kB");
-  EXPECT_TRUE(spoken(*imageList(), 0).contains("fitted to 1600 x 1200"));
+  EXPECT_EQ(ui::RowRules::shapeText(*image), "fitted to 1600 × 1200 · at quality 62 to fit 500 kB");
+  EXPECT_TRUE(spoken(*imageList(), 0).contains("fitted to 1600 × 1200"));
 
   // Kept with the format and quality, and shown again by the control after a restart.
   window_.reset();
@@ -314,6 +317,14 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
   ASSERT_EQ(names(), (QStringList{"a.png", "b.png", "c.png", "d.png", "e.png"}));
   QTest::keyClick(&list, Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
   ASSERT_EQ(names(), (QStringList{"a.png", "c.png", "d.png", "e.png"}));
+  QTest::keyClick(&list, Qt::Key_F10);  // the menu bar's first menu
+  EXPECT_TRUE(window().menuBar()->actions()[0]->menu()->isVisible());
+  window().menuBar()->actions()[0]->menu()->close();
+  edit.last()->trigger();  // Edit > Clear All, which Ctrl+Z takes back too
+  ASSERT_TRUE(model_->images().empty() && !edit.last()->isEnabled());
+  QTest::keyClick(&window(), Qt::Key_Z, Qt::ControlModifier);
+  ASSERT_EQ(names(), (QStringList{"a.png", "c.png", "d.png", "e.png"}));
+  ASSERT_TRUE(waitIdle());  // back, each is encoded again
 
   const QModelIndex row = list.listModel().index(list.listModel().rowOfImage(0));
   const QString a = spoken(list, row.row());
@@ -414,6 +425,33 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
   useLanguage({});
 }
 
+// In English and French, every entry of the menu bar, of its menus, of a row's menu and of the
+// profile menu has an access key of its own in its menu; a profile's "&" shows as itself.
+TEST_F(WindowEdgesTest, EveryMenuEntryHasAnAccessKeyOfItsOwn) {
+  makeModel();
+  model_->upsertExportProfile(profile("R&D", ImageFormat::webp, 80));
+  model_->setAppliedProfileName(QString("R&D"));
+  ASSERT_TRUE(settle({source("a.png")}));
+  for (const char* language : {"en-US", "fr"}) {
+    useLanguage(language);
+    window_.reset();
+    std::unique_ptr<QMenu> row(imageList()->rowMenu(imageList()->listModel().index(0)));
+    QPushButton* profiles = control<QPushButton>(control<ui::ExportProfileMenuView>(window().controlsBar()));
+    QList<QList<QAction*>> menus{window().menuBar()->actions(), row->actions(), profiles->menu()->actions()};
+    for (QAction* title : window().menuBar()->actions()) menus << title->menu()->actions();
+    for (const QList<QAction*>& actions : menus) {
+      QStringList keys;
+      for (QAction* action : actions)
+        if (!action->isSeparator()) keys << QKeySequence::mnemonic(action->text()).toString();
+      EXPECT_TRUE(!keys.contains(QString()) && keys.removeDuplicates() == 0)
+          << language << keys.join(' ').toStdString();
+    }
+    EXPECT_EQ(QAccessible::queryAccessibleInterface(profiles)->text(QAccessible::Name), "R&D");
+    EXPECT_TRUE(profiles->menu()->actions().last()->text().contains("&&")) << "not an access key";
+  }
+  useLanguage({});
+}
+
 TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQuality) {
   window();
   ASSERT_TRUE(settle({source("a.png", 100000, {1000, 6000})}));
@@ -492,7 +530,8 @@ std::string unnamedControls(QWidget* root) {
   for (QWidget* w : root->findChildren<QWidget*>()) {
     const bool control = qobject_cast<QAbstractButton*>(w) || qobject_cast<QAbstractSlider*>(w) ||
                          qobject_cast<QComboBox*>(w) || qobject_cast<QLineEdit*>(w) ||
-                         qobject_cast<QAbstractSpinBox*>(w) || qobject_cast<QAbstractItemView*>(w);
+                         qobject_cast<QAbstractSpinBox*>(w) || qobject_cast<QAbstractItemView*>(w) ||
+                         qobject_cast<QProgressBar*>(w);
     // Scroll bars, Qt's own parts ("qt_menubar_ext_button"), and the editors inside a spin box
     // or a combo box, are named by their owner.
     if (!control || qobject_cast<QScrollBar*>(w) || w->objectName().startsWith("qt_") ||
@@ -510,14 +549,28 @@ std::string unnamedControls(QWidget* root) {
   return unnamed.join("; ").toStdString();
 }
 
-// Every control of the window, its popups and the settings has a name. The bar's and the profile
-// form's format menus are one choice each; choosing the current format again keeps it chosen and
-// still recomputes.
+// What a screen reader says of each Tab stop of `first`'s window, in the order Tab reaches them.
+QStringList tabStops(QWidget* first) {
+  QStringList names;
+  first->setFocus(Qt::TabFocusReason);
+  for (QWidget* w = first; names.size() < 80 && (names.isEmpty() || w != first);
+       w = w->window()->focusWidget()) {
+    names << QAccessible::queryAccessibleInterface(w)->text(QAccessible::Name);
+    QTest::keyClick(w, Qt::Key_Tab);
+  }
+  return names;
+}
+
+// Every control of the window, its popups and the settings has a name, and so has every Tab stop;
+// the profiles' rows come before the form under them, and Escape closes the settings. The bar's
+// and the profile form's format menus are one choice each; choosing the current format again
+// keeps it chosen and still recomputes.
 TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoice) {
   window();
   ASSERT_TRUE(settle({source("a.png")}));
   await(model_->exportAll(QUrl::fromLocalFile(dir_.path())));
   window().controlsBar()->showHistory();
+  EXPECT_EQ(QApplication::focusWidget()->objectName(), "showButton") << "the newest export's first button";
   window().showQualityOverride(model_->images()[0], QRect(10, 10, 20, 20));
   EXPECT_EQ(unnamedControls(&window()), "");
   for (QWidget* popup : QApplication::topLevelWidgets()) {
@@ -530,9 +583,24 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
   LocalAPIController controller(*model_);
   UpdateChecker checker(QUrl("http://127.0.0.1:9"), "1.0");
   LanguageManager languages(LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
+  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80));
   ui::SettingsWindow settings({*model_, controller, checker, languages, &dialogs}, &window());
   settings.setAttribute(Qt::WA_DeleteOnClose, false);
   EXPECT_EQ(unnamedControls(&settings), "");
+  settings.show();
+  for (int tab = 0; tab < settings.tabs()->count(); ++tab) {
+    settings.tabs()->setCurrentIndex(tab);
+    const QStringList stops = tabStops(settings.tabs()->tabBar());
+    const bool rowsFirst = tab != 2 || stops.indexOf(Strings::text("common.delete")) <
+                                           stops.indexOf(Strings::text("settings.profiles.nameField"));
+    EXPECT_TRUE(!stops.contains(QString()) && rowsFirst) << stops.join('|').toStdString();
+  }
+  settings.activateWindow();  // a child window counts as active while its parent is
+  ASSERT_TRUE(QTest::qWaitFor([&] { return QApplication::activeWindow() == &settings; }));
+  QTest::keyClick(settings.focusWidget(), Qt::Key_Escape);
+  EXPECT_FALSE(settings.isVisible());
+  EXPECT_FALSE(
+      tabStops(control<QPushButton>(window().controlsBar(), "controls.importLabel")).contains(QString()));
   // The profile form's folder chooser stands over the settings window, not the main window.
   auto* pane = control<ui::ExportProfilesSettingsView>(&settings);
   pane->chooseFolder();

@@ -220,10 +220,11 @@ TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersAndAProfileReplac
   choose(in_, out_);
   pane().setNewFormat(ImageFormat::avif);
   pane().setNewProfileName(QString("Web"));
-  EXPECT_TRUE(control<QPushButton>(&pane(), QString("AVIF"))->isHidden());
-  EXPECT_TRUE(control<QPushButton>(&pane(), QString("Web"))->isVisibleTo(&pane()));  // the profile's button
+  EXPECT_TRUE(control<QPushButton>(&pane(), "format.label")->isHidden());
+  QPushButton* profileButton = control<QPushButton>(&pane(), "settings.hotFolders.profileField");
+  EXPECT_TRUE(profileButton->isVisibleTo(&pane()) && profileButton->text() == "Web");
   pane().setNewProfileName(std::nullopt);
-  EXPECT_FALSE(control<QPushButton>(&pane(), QString("AVIF"))->isHidden());
+  EXPECT_FALSE(control<QPushButton>(&pane(), "format.label")->isHidden());
   pane().setNewProfileName(QString("Web"));
   // The folder's own size options stand beside the profile.
   control<QCheckBox>(&pane(), "size.fitToggle")->setChecked(true);
@@ -239,7 +240,8 @@ TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersAndAProfileReplac
   pane().startEditing(withProfile);
   EXPECT_EQ(control<ui::SizeOptionsEditor>(&pane())->options(), withProfile.sizing);
   pane().setNewProfileName(std::nullopt);
-  EXPECT_FALSE(control<QPushButton>(&pane(), QString("JPEG"))->isHidden());
+  QPushButton* format = control<QPushButton>(&pane(), "format.label");
+  EXPECT_TRUE(!format->isHidden() && format->text() == "JPEG");
   EXPECT_EQ(control<QSlider>(&pane(), "quality.label")->value(), 75);
 }
 

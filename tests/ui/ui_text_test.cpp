@@ -18,7 +18,7 @@
 namespace quillane::ui {
 namespace {
 
-TEST(ByteCountText, DecimalUnitsRoundedUpToTheNextUnitInTheLocalesNotation) {
+TEST(ByteCountText, DecimalUnitsRoundedUpToTheNextUnitInTheLocalesNotationAndSymbols) {
   const QLocale c(QLocale::C);
   const std::pair<int64_t, const char*> cases[] = {
       {-5, "0 B"},
@@ -30,7 +30,14 @@ TEST(ByteCountText, DecimalUnitsRoundedUpToTheNextUnitInTheLocalesNotation) {
       {999'960'000, "1 GB"},  // rounding up moves to the next unit
   };
   for (const auto& [bytes, text] : cases) EXPECT_EQ(formatByteCount(bytes, c), text) << bytes;
-  EXPECT_EQ(formatByteCount(1'234'567, QLocale(QLocale::French)), "1,2 MB");
+  EXPECT_EQ(formatByteCount(1'234'567, QLocale(QLocale::French)), "1,2 Mo");
+  EXPECT_EQ(formatByteCount(999, QLocale(QLocale::Russian)), "999 Б");
+  // A budget keeps the tenth it was set to, in the same notation.
+  const QLocale before;
+  QLocale::setDefault(QLocale(QLocale::French));
+  EXPECT_EQ(formatByteLimit(2'500'000), "2,5 Mo");
+  EXPECT_EQ(formatByteLimit(1'500), "1,5 ko");
+  QLocale::setDefault(before);
 }
 
 // The chosen language, not the system's, sets the notation of sizes and times, and Qt's own
