@@ -10,6 +10,7 @@
 #include <QMessageBox>
 #include <QScreen>
 #include <QScrollBar>
+#include <QShortcut>
 #include <QStackedWidget>
 #include <QTimer>
 #include <QUndoStack>
@@ -225,6 +226,10 @@ void MainWindow::buildMenus() {
 
   Mnemonics::assign(menuBar());
   for (QMenu* menu : {file, edit, quality, help}) Mnemonics::keep(menu);
+  // F10 opens the first menu, as the desktop's menu bars do (Shift+F10 stays a row's menu).
+  auto* openMenus = new QShortcut(QKeySequence(Qt::Key_F10), this);
+  connect(openMenus, &QShortcut::activated, this,
+          [this, file] { menuBar()->setActiveAction(file->menuAction()); });
 }
 
 void MainWindow::refresh() {

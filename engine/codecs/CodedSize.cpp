@@ -248,6 +248,10 @@ void readIloc(Input payload, std::map<uint32_t, Item>& items) {
   const uint64_t sizes = in.read(2);
   const size_t offsetBytes = (sizes >> 12) & 15, lengthBytes = (sizes >> 8) & 15,
                baseBytes = (sizes >> 4) & 15, indexBytes = version >= 1 ? sizes & 15 : 0;
+  // Each field is 0, 4 or 8 bytes. libheif reads any other size as none and libavif refuses
+  // it: taking it at its word would have the checks below read other data than the decoder.
+  for (const size_t bytes : {offsetBytes, lengthBytes, baseBytes, indexBytes})
+    if (bytes != 0 && bytes != 4 && bytes != 8) fail("item locations in fields of an unknown size");
   const uint64_t count = in.read(version < 2 ? 2 : 4);
   for (uint64_t i = 0; i < count && in.ok; ++i) {
     const uint32_t id = uint32_t(in.read(version < 2 ? 2 : 4));

@@ -13,6 +13,7 @@
 #include <unistd.h>
 #include <webp/encode.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -140,6 +141,11 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
     if (!std::memcmp(&grid[at], "ispe", 4) && grid[at + 11] == 128 && grid[at + 15] == 128)
       grid[at + 11] = 12, grid[at + 15] = 16;
   files.push_back({"grid of honest cells", grid, codedLargerThanDeclared});
+  // The same grid with its item locations claiming 2-byte base offsets, a size libheif reads
+  // as none: a reader that took 2 bytes would miss the grid's data and so its size.
+  const auto iloc = std::search(grid.begin(), grid.end(), std::begin("iloc"), std::end("iloc") - 1);
+  iloc[9] = 0x20;
+  files.push_back({"grid located in fields of an unknown size", grid, codedLargerThanDeclared});
 
   testing::TempDir dir;
   for (const auto& [name, file, why] : files) {

@@ -317,6 +317,9 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
   ASSERT_EQ(names(), (QStringList{"a.png", "b.png", "c.png", "d.png", "e.png"}));
   QTest::keyClick(&list, Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
   ASSERT_EQ(names(), (QStringList{"a.png", "c.png", "d.png", "e.png"}));
+  QTest::keyClick(&list, Qt::Key_F10);  // the menu bar's first menu
+  EXPECT_TRUE(window().menuBar()->actions()[0]->menu()->isVisible());
+  window().menuBar()->actions()[0]->menu()->close();
   edit.last()->trigger();  // Edit > Clear All, which Ctrl+Z takes back too
   ASSERT_TRUE(model_->images().empty() && !edit.last()->isEnabled());
   QTest::keyClick(&window(), Qt::Key_Z, Qt::ControlModifier);
