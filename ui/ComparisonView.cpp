@@ -5,7 +5,6 @@
 #include <QHBoxLayout>
 #include <QKeyEvent>
 #include <QKeySequence>
-#include <QLabel>
 #include <QPointer>
 #include <QScreen>
 #include <QThreadPool>
@@ -24,6 +23,7 @@
 #include "services/Strings.h"
 #include "ui/ComparisonGeometry.h"
 #include "ui/Icons.h"
+#include "ui/SettingsForm.h"
 
 namespace quillane::ui {
 
@@ -97,13 +97,12 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
   layout->setSpacing(kSpacing);
 
   auto* header = new QHBoxLayout;
-  name_ = new QLabel(this);
-  Icons::makeSecondary(name_);
-  // Elided to the room the buttons leave (resizeEvent); the whole name is the window's title.
-  name_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
-  name_->setMinimumWidth(40);
-  name_->setToolTip(image_->fileName());
-  header->addWidget(name_, 1);
+  // Elided to the room the buttons leave; the whole name is the window's title.
+  auto* name = new ElidedLabel(image_->fileName(), Qt::ElideMiddle, this);
+  Icons::makeSecondary(name);
+  name->setMinimumWidth(40);
+  name->setToolTip(image_->fileName());
+  header->addWidget(name, 1);
 
   zoomButtons_ = new QButtonGroup(this);
   zoomButtons_->setExclusive(true);
@@ -184,11 +183,6 @@ void ImageComparisonView::done(int result) {
   settings->setValue(kGeometryKey, saveGeometry());
   SettingsFile::save(*settings);
   QDialog::done(result);
-}
-
-void ImageComparisonView::resizeEvent(QResizeEvent* event) {
-  QDialog::resizeEvent(event);
-  name_->setText(name_->fontMetrics().elidedText(image_->fileName(), Qt::ElideMiddle, name_->width()));
 }
 
 void ImageComparisonView::keyPressEvent(QKeyEvent* event) {

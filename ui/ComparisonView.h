@@ -22,8 +22,6 @@
 
 #include "ui/SplitCompareWidget.h"
 
-class QLabel;
-
 namespace quillane::ui {
 
 class ImageComparisonView : public QDialog {
@@ -39,7 +37,6 @@ class ImageComparisonView : public QDialog {
 
  protected:
   void keyPressEvent(QKeyEvent* event) override;
-  void resizeEvent(QResizeEvent* event) override;
 
  private:
   void placeOnScreen();
@@ -50,7 +47,6 @@ class ImageComparisonView : public QDialog {
 
   BatchViewModel& viewModel_;
   std::shared_ptr<ImportedImage> image_;
-  QLabel* name_;
   SplitCompareWidget* area_;
   QButtonGroup* zoomButtons_;
   int fitPixelSize_ = 1600;      // the longest side of the bounded pictures for fit

@@ -123,14 +123,14 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
   profileButton_->setAccessibleName(Strings::text("settings.hotFolders.profileField"));
   profileMenu_ = new QMenu(profileButton_);
   profileButton_->setMenu(profileMenu_);
-  // As wide as its name and at least as the format button below it: stretched across the form,
-  // its centred name would stand apart from the label it belongs to.
-  profileButton_->setMinimumWidth(120);
-  profileButton_->setSizePolicy(QSizePolicy::Maximum, QSizePolicy::Fixed);
   form->addRow(Strings::text("settings.hotFolders.profileField"), profileButton_);
 
   const FormatField format = makeFormatField(form_, [this](ImageFormat chosen) { setNewFormat(chosen); });
   formatButton_ = format.button;
+  // As wide as its name and at least as the format button below it: stretched across the form,
+  // its centred name would stand apart from the label it belongs to.
+  profileButton_->setMinimumWidth(formatButton_->minimumWidth());
+  profileButton_->setSizePolicy(QSizePolicy::Maximum, QSizePolicy::Fixed);
   formatMenu_ = format.menu;
   formatRowLabel_ = new QLabel(Strings::text("format.label"), form_);
   formatRow_ = formatButton_;

@@ -1,7 +1,8 @@
 #pragma once
 // Small building blocks shared by the settings panes: a secondary (grey, small, wrapping)
-// note, a pane wrapper that keeps a form at its design width inside a scroll area, and the
-// fields and buttons the profile and hot folder forms share.
+// note, a label elided to its room (the comparison's name uses it too), a pane wrapper that
+// keeps a form at its design width inside a scroll area, and the fields and buttons the
+// profile and hot folder forms share.
 //
 // GUI thread only.
 

@@ -64,6 +64,7 @@
 #include "ui/QualityControls.h"
 #include "ui/SettingsWindow.h"
 #include "ui/SizeControls.h"
+#include "ui/SmallSettingsViews.h"
 #include "ui/SplitCompareWidget.h"
 
 namespace quillane {
@@ -581,7 +582,8 @@ void everyLanguage() {
       const QString name = QStringLiteral("lang-%1-settings-%2").arg(code).arg(i);
       savePages(name);
       // Another language chosen, before the restart; the update check's answer.
-      if (auto* picker = settings->tabs()->currentWidget()->findChild<QComboBox*>()) {
+      if (auto* pane = settings->tabs()->currentWidget()->findChild<ui::LanguageSettingsView*>()) {
+        auto* picker = pane->findChild<QComboBox*>();
         picker->setCurrentIndex(2);
         emit picker->activated(2);
         savePages(name + "-pending");
