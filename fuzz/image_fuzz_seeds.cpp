@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
   const DecodedImage photo = testing::makeImage(24, 16, testing::Pattern::photo, 5, true);
   const DecodedImage quarters = fixtures::quadrants(16, 12), wide = fixtures::quadrants(12, 10, 16, true);
   const DecodedImage coded = fixtures::quadrants(160, 128);  // declared 12 x 16
+  const DecodedImage cell = fixtures::quadrants(64, 64);     // as small as libavif takes a grid's cells
   const std::vector<std::pair<std::string, std::function<Bytes()>>> seeds = {
       {"png/rgba", [&] { return fixtures::png(photo, {.icc = fixtures::displayP3ICC(), .orientation = 6}); }},
       {"png/wide", [&] { return fixtures::png(wide, {.interlaced = true}); }},
@@ -57,6 +58,8 @@ int main(int argc, char** argv) {
        [&] {
          return fixtures::withDeclaredSize(fixtures::heic(coded, {.quality = 40, .alpha = false}), 12, 16);
        }},
+      {"heic/grid",
+       [&] { return fixtures::grid(fixtures::heic(cell, {.quality = 40, .alpha = false}), 2, 1); }},
       {"avif/plain", [&] { return fixtures::avif(photo, {.quantizer = 40, .irotAngle = 1}); }},
       {"avif/ten_bit",
        [&] { return fixtures::avif(wide, {.quantizer = 40, .depth = 10, .icc = fixtures::srgbICC()}); }},
@@ -64,6 +67,8 @@ int main(int argc, char** argv) {
        [&] { return fixtures::withDeclaredSize(fixtures::avif(coded, {.quantizer = 50}), 12, 16); }},
       {"avif/sequence",
        [&] { return fixtures::avif(quarters, {.quantizer = 50, .alpha = false, .frames = 2}); }},
+      {"avif/grid",
+       [&] { return fixtures::grid(fixtures::avif(cell, {.quantizer = 50, .alpha = false}), 1, 2); }},
       {"jxl/lossless", [&] { return fixtures::jxl(photo, {.orientation = 5}); }},
       {"jxl/lossy",
        [&] { return fixtures::jxl(quarters, {.lossless = false, .icc = fixtures::displayP3ICC()}); }},

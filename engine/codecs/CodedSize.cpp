@@ -7,6 +7,7 @@
 #include <cstring>
 #include <map>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "engine/codecs/Readers.h"
@@ -226,6 +227,9 @@ struct Extent {
 
 struct Item {
   char type[4] = {};
+  // Which boxes named the item: a second entry in one of them is refused, as libavif does,
+  // for libheif takes the first where a reader keeping the last would check other data.
+  bool described = false, located = false, associated = false;
   std::vector<Extent> extents;
   std::vector<uint32_t> properties;  // indices into ipco, from 1
 };
@@ -238,7 +242,10 @@ void readInfe(Input payload, std::map<uint32_t, Item>& items) {
   const uint32_t id = uint32_t(in.read(version == 3 ? 4 : 2));
   in.read(2);
   const Input type = in.take(4);
-  if (in.ok) std::memcpy(items[id].type, type.data(), 4);
+  if (!in.ok) return;
+  Item& item = items[id];
+  if (std::exchange(item.described, true)) fail("an item described twice");
+  std::memcpy(item.type, type.data(), 4);
 }
 
 void readIloc(Input payload, std::map<uint32_t, Item>& items) {
@@ -265,7 +272,10 @@ void readIloc(Input payload, std::map<uint32_t, Item>& items) {
       const uint64_t offset = in.read(offsetBytes), length = in.read(lengthBytes);
       found.push_back({method, base + offset, length});
     }
-    if (in.ok) items[id].extents = std::move(found);
+    if (!in.ok) break;
+    Item& item = items[id];
+    if (std::exchange(item.located, true)) fail("an item located twice");
+    item.extents = std::move(found);
   }
 }
 
@@ -277,9 +287,12 @@ void readIpma(Input payload, std::map<uint32_t, Item>& items) {
   for (uint64_t i = 0; i < count && in.ok; ++i) {
     const uint32_t id = uint32_t(in.read(version < 1 ? 2 : 4));
     const uint64_t associations = in.read(1);
+    if (!in.ok) break;
+    Item& item = items[id];
+    if (std::exchange(item.associated, true)) fail("an item's properties associated twice");
     for (uint64_t a = 0; a < associations && in.ok; ++a) {
       const uint32_t index = (flags & 1) ? uint32_t(in.read(2) & 0x7FFF) : uint32_t(in.read(1) & 0x7F);
-      if (index > 0 && in.ok) items[id].properties.push_back(index);
+      if (index > 0 && in.ok) item.properties.push_back(index);
     }
   }
 }

@@ -133,16 +133,23 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
     files.push_back({name, fixtures::withDeclaredSize(write(fixtures::quadrants(256, 256)), 12, 16),
                      codedLargerThanDeclared});
   }
-  // A grid that declares 12 x 16 for honest cells that make 128 x 128.
-  Bytes grid =
-      fixtures::grid(fixtures::heic(fixtures::quadrants(64, 64), {.quality = 40, .alpha = false}), 2, 2);
-  EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(grid));
-  for (size_t at = 0; at + 16 <= grid.size(); ++at)
-    if (!std::memcmp(&grid[at], "ispe", 4) && grid[at + 11] == 128 && grid[at + 15] == 128)
-      grid[at + 11] = 12, grid[at + 15] = 16;
-  files.push_back({"grid of honest cells", grid, codedLargerThanDeclared});
-  // The same grid with its item locations claiming 2-byte base offsets, a size libheif reads
-  // as none: a reader that took 2 bytes would miss the grid's data and so its size.
+  // Grids that declare 12 x 16 for honest cells that make 128 x 128.
+  const Bytes cell = fixtures::heic(fixtures::quadrants(64, 64), {.quality = 40, .alpha = false});
+  EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(fixtures::grid(cell, 2, 2)));
+  auto understated = [&](bool decoy) {
+    Bytes grid = fixtures::grid(cell, 2, 2, decoy);
+    for (size_t at = 0; at + 16 <= grid.size(); ++at)
+      if (!std::memcmp(&grid[at], "ispe", 4) && grid[at + 11] == 128 && grid[at + 15] == 128)
+        grid[at + 11] = 12, grid[at + 15] = 16;
+    return grid;
+  };
+  files.push_back({"grid of honest cells", understated(false), codedLargerThanDeclared});
+  // Located a second time, at a 1 x 1 grid: libheif reads the first location, so a reader that
+  // kept the last would check the wrong grid.
+  files.push_back({"grid located twice", understated(true), codedLargerThanDeclared});
+  // Its item locations claiming 2-byte base offsets, a size libheif reads as none: a reader
+  // that took 2 bytes would miss the grid's data and so its size.
+  Bytes grid = understated(false);
   const auto iloc = std::search(grid.begin(), grid.end(), std::begin("iloc"), std::end("iloc") - 1);
   iloc[9] = 0x20;
   files.push_back({"grid located in fields of an unknown size", grid, codedLargerThanDeclared});

@@ -130,7 +130,8 @@ Bytes jxl(const DecodedImage& image, const JxlOptions& options = {});  // low ef
 
 // A HEIC or AVIF grid of `columns` x `rows` cells that all show the one picture of
 // `tileFile` (a file of heic() or avif() without alpha): a few kilobytes for a huge picture.
-Bytes grid(const Bytes& tileFile, int columns, int rows);
+// With `decoy`, the grid is located twice, the second time at the description of a 1 x 1 grid.
+Bytes grid(const Bytes& tileFile, int columns, int rows, bool decoy = false);
 // `file` (a HEIC or AVIF) with every "ispe" box, and the track header of an image sequence,
 // rewritten to declare `width` x `height`: the coded pictures stay as they were.
 Bytes withDeclaredSize(Bytes file, uint32_t width, uint32_t height);

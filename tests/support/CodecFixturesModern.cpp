@@ -278,7 +278,7 @@ Bytes findBox(const Bytes& file, const char* type) {
 
 }  // namespace
 
-Bytes grid(const Bytes& tileFile, int columns, int rows) {
+Bytes grid(const Bytes& tileFile, int columns, int rows, bool decoy) {
   const bool av1 = tileFile.size() > 12 && std::memcmp(&tileFile[8], "avif", 4) == 0;
   const Bytes config = findBox(tileFile, av1 ? "av1C" : "hvcC"), ispeBox = findBox(tileFile, "ispe");
   const uint32_t tileWidth = read32(ispeBox, 12), tileHeight = read32(ispeBox, 16);
@@ -297,12 +297,13 @@ Bytes grid(const Bytes& tileFile, int columns, int rows) {
   require(rows <= 256 && columns <= 256 && tileWidth * uint32_t(columns) < 65536 &&
               tileHeight * uint32_t(rows) < 65536,
           "grid size");
+  const Bytes decoyData = {0, 0, 0, 0, 0, 1, 0, 1};
 
   auto meta = [&](uint32_t mdatStart) {
     Bytes hdlr = {0, 0, 0, 0, 'p', 'i', 'c', 't'}, pitm, iinf, dimg, ipma, tileSize, gridSize;
     Bytes iloc = {0x44, 0x00};  // 4-byte offsets and lengths, no base offset
     hdlr.insert(hdlr.end(), 13, 0);
-    put(pitm, 1, 2), put(iloc, uint32_t(tiles + 1), 2), put(iinf, uint32_t(tiles + 1), 2);
+    put(pitm, 1, 2), put(iloc, uint32_t(tiles + 1 + decoy), 2), put(iinf, uint32_t(tiles + 1), 2);
     put(dimg, 1, 2), put(dimg, uint32_t(tiles), 2), put(ipma, uint32_t(tiles + 1), 4);
     // Item 1 is the grid, the others its cells, hidden.
     for (int item = 1; item <= tiles + 1; ++item) {
@@ -310,6 +311,9 @@ Bytes grid(const Bytes& tileFile, int columns, int rows) {
       put(iloc, uint32_t(item), 2), put(iloc, 0, 2), put(iloc, 1, 2);
       put(iloc, isGrid ? mdatStart : mdatStart + uint32_t(gridData.size()), 4);
       put(iloc, isGrid ? gridData.size() : tile.size(), 4);
+      if (isGrid && decoy)
+        put(iloc, 1, 2), put(iloc, 0, 2), put(iloc, 1, 2),
+            put(iloc, mdatStart + uint32_t(gridData.size() + tile.size()), 4), put(iloc, decoyData.size(), 4);
       Bytes infe;
       put(infe, uint32_t(item), 2), put(infe, 0, 2);
       const char* type = isGrid ? "grid" : av1 ? "av01" : "hvc1";
@@ -332,8 +336,8 @@ Bytes grid(const Bytes& tileFile, int columns, int rows) {
                        box("iprp", joined({box("ipco", ipco), box("ipma", ipma, 0)}))}),
                0);
   };
-  return joined(
-      {ftyp, meta(uint32_t(ftyp.size() + meta(0).size() + 8)), box("mdat", joined({gridData, tile}))});
+  return joined({ftyp, meta(uint32_t(ftyp.size() + meta(0).size() + 8)),
+                 box("mdat", joined({gridData, tile, decoy ? decoyData : Bytes{}}))});
 }
 
 Bytes withDeclaredSize(Bytes file, uint32_t width, uint32_t height) {
