@@ -101,7 +101,6 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
   auto* name = new ElidedLabel(image_->fileName(), Qt::ElideMiddle, this);
   Icons::makeSecondary(name);
   name->setMinimumWidth(40);
-  name->setToolTip(image_->fileName());
   header->addWidget(name, 1);
 
   zoomButtons_ = new QButtonGroup(this);

@@ -191,7 +191,6 @@ void ExportProfilesSettingsView::refreshForm() {
   qualityReadout_->setText(QString::number(int(newQuality_)));
   folderLabel_->setText(newFolder_ ? QDir::toNativeSeparators(newFolder_->toLocalFile())
                                    : Strings::text("settings.profiles.folderNone"));
-  folderLabel_->setToolTip(folderLabel_->text());
   clearFolder_->setVisible(newFolder_.has_value());
   cancel_->setVisible(editing);
   save_->setText(editing ? Strings::text("settings.profiles.update")
@@ -227,9 +226,7 @@ void ExportProfilesSettingsView::rebuildList() {
       first->addWidget(badge, 0);
     }
     texts->addLayout(first);
-    QLabel* subtitleLabel = makeElidedNote(subtitle(profile), Qt::ElideMiddle, row);
-    subtitleLabel->setToolTip(subtitle(profile));
-    texts->addWidget(subtitleLabel);
+    texts->addWidget(makeElidedNote(subtitle(profile), Qt::ElideMiddle, row));
     layout->addLayout(texts, 1);
 
     const ExportProfile copy = profile;

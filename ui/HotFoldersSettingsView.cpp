@@ -45,12 +45,6 @@ void clearLayout(QVBoxLayout* layout) {
   }
 }
 
-QLabel* elidedPath(const QString& text, QWidget* parent) {
-  QLabel* label = makeElidedNote(text, Qt::ElideMiddle, parent);
-  label->setToolTip(text);
-  return label;
-}
-
 }  // namespace
 
 QString HotFoldersSettingsView::subtitle(const HotFolder& hotFolder) {
@@ -285,9 +279,7 @@ void HotFoldersSettingsView::refreshForm() {
                           : Strings::text("settings.hotFolders.addSection"));
   const QString none = Strings::text("settings.profiles.folderNone");
   sourceLabel_->setText(newSourceFolder_ ? pathText(*newSourceFolder_) : none);
-  sourceLabel_->setToolTip(sourceLabel_->text());
   destinationLabel_->setText(newDestinationFolder_ ? pathText(*newDestinationFolder_) : none);
-  destinationLabel_->setToolTip(destinationLabel_->text());
   sameFolderWarning_->setVisible(newSourceFolder_ && newDestinationFolder_ &&
                                  HotFolders::isSameFolder(*newSourceFolder_, *newDestinationFolder_));
   rebuildProfileMenu();
@@ -349,7 +341,7 @@ QWidget* HotFoldersSettingsView::makeRow(const HotFolder& hotFolder) {
   texts->setSpacing(1);
   auto* name = new ElidedLabel(hotFolder.name, Qt::ElideRight, row);
   texts->addWidget(name);
-  texts->addWidget(elidedPath(subtitle(hotFolder), row));
+  texts->addWidget(makeElidedNote(subtitle(hotFolder), Qt::ElideMiddle, row));
   line->addLayout(texts, 1);
 
   auto* enabled = new QCheckBox(Strings::text("settings.hotFolders.enabledToggle"), row);
@@ -447,7 +439,7 @@ QWidget* HotFoldersSettingsView::makeActivityLine(const HotFolderActivity& activ
     error->setStyleSheet(QStringLiteral("color: %1").arg(Icons::redColor(palette()).name()));
     layout->addWidget(error);
   } else if (activity.destinationURL && !errorOnly) {
-    layout->addWidget(elidedPath(pathText(*activity.destinationURL), line));
+    layout->addWidget(makeElidedNote(pathText(*activity.destinationURL), Qt::ElideMiddle, line));
   } else if (activity.note && !errorOnly) {
     auto* note = makeNote(*activity.note, line);
     note->setWordWrap(true);

@@ -1,6 +1,7 @@
 #include "ui/SettingsForm.h"
 
 #include <QHBoxLayout>
+#include <QHelpEvent>
 #include <QLabel>
 #include <QMenu>
 #include <QPainter>
@@ -9,6 +10,7 @@
 #include <QSlider>
 #include <QStyle>
 #include <QToolButton>
+#include <QToolTip>
 
 #include "services/Strings.h"
 #include "ui/Icons.h"
@@ -30,12 +32,22 @@ ElidedLabel::ElidedLabel(const QString& text, Qt::TextElideMode mode, QWidget* p
   setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
 }
 
+QString ElidedLabel::shownText() const {
+  return fontMetrics().elidedText(text(), mode_, contentsRect().width());
+}
+
+bool ElidedLabel::event(QEvent* event) {
+  if (event->type() == QEvent::ToolTip && toolTip().isEmpty() && shownText() != text()) {
+    QToolTip::showText(static_cast<QHelpEvent*>(event)->globalPos(), text(), this);
+    return true;
+  }
+  return QLabel::event(event);
+}
+
 void ElidedLabel::paintEvent(QPaintEvent*) {
   QPainter painter(this);
-  const QRect area = contentsRect();
-  const QString shown = fontMetrics().elidedText(text(), mode_, area.width());
-  style()->drawItemText(&painter, area, QStyle::visualAlignment(layoutDirection(), alignment()), palette(),
-                        isEnabled(), shown, foregroundRole());
+  style()->drawItemText(&painter, contentsRect(), QStyle::visualAlignment(layoutDirection(), alignment()),
+                        palette(), isEnabled(), shownText(), foregroundRole());
 }
 
 ElidedLabel* makeElidedNote(const QString& text, Qt::TextElideMode mode, QWidget* parent) {

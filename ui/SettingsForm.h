@@ -26,15 +26,19 @@ namespace quillane::ui {
 QLabel* makeNote(const QString& text, QWidget* parent);
 // A one-line label that takes no width of its own and shows as much of its text as fits, an
 // ellipsis where it is cut (`mode`: a path keeps its start and its end, a name its start).
-// text() stays whole, for the tooltip and screen readers.
+// text() stays whole, for screen readers, and a cut text shows whole as the tooltip unless
+// one is set.
 class ElidedLabel : public QLabel {
  public:
   ElidedLabel(const QString& text, Qt::TextElideMode mode, QWidget* parent);
 
  protected:
+  bool event(QEvent* event) override;
   void paintEvent(QPaintEvent* event) override;
 
  private:
+  QString shownText() const;
+
   Qt::TextElideMode mode_;
 };
 // makeNote's look, on one elided line.

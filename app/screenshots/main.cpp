@@ -84,11 +84,23 @@ bool waitFor(const std::function<bool()>& done, int ms = 10000) {
   return false;
 }
 
-void save(QWidget* widget, const QString& name) {
-  QCoreApplication::processEvents();
-  const QImage image = widget->grab().toImage();
+void save(const QImage& image, const QString& name) {
   if (image.isNull() || !image.save(QDir(outputFolder).filePath(name + ".png")))
     fail("could not write " + name);
+}
+
+void save(QWidget* widget, const QString& name) {
+  QCoreApplication::processEvents();
+  save(widget->grab().toImage(), name);
+}
+
+// `menu` as it shows when opened at `at`, on the screen; closed again.
+QImage opened(QMenu* menu, QPoint at) {
+  menu->popup(at);
+  QCoreApplication::processEvents();
+  const QImage image = menu->grab().toImage();
+  menu->hide();
+  return image;
 }
 
 // As the application does at launch: the language's table, its locale for numbers and sizes,
@@ -287,12 +299,7 @@ class Stage {
 void saveMenus(QMainWindow* window, const QString& name) {
   QList<QImage> menus;
   for (QAction* action : window->menuBar()->actions()) {
-    if (QMenu* menu = action->menu()) {
-      menu->popup(window->mapToGlobal(QPoint(0, 0)));
-      QCoreApplication::processEvents();
-      menus << menu->grab().toImage();
-      menu->hide();
-    }
+    if (QMenu* menu = action->menu()) menus << opened(menu, window->mapToGlobal(QPoint(0, 0)));
   }
   int width = 0, height = 0;
   for (const QImage& menu : menus) width += menu.width() + 8, height = std::max(height, menu.height());
@@ -302,7 +309,7 @@ void saveMenus(QMainWindow* window, const QString& name) {
   int x = 0;
   for (const QImage& menu : menus) painter.drawImage(x, 0, menu), x += menu.width() + 8;
   painter.end();
-  if (!image.save(QDir(outputFolder).filePath(name + ".png"))) fail("could not write " + name);
+  save(image, name);
 }
 
 // The button of `root` that reads `text`.
@@ -514,10 +521,7 @@ void everyLanguage() {
       }
       // The bar's profile menu and size control, the banner of an export and the history.
       auto* profiles = window->controlsBar()->findChild<ui::ExportProfileMenuView*>()->findChild<QMenu*>();
-      profiles->popup(window->mapToGlobal(QPoint(0, 0)));
-      QCoreApplication::processEvents();
-      save(profiles, "lang-" + code + "-profile-menu");
-      profiles->hide();
+      save(opened(profiles, window->mapToGlobal(QPoint(0, 0))), "lang-" + code + "-profile-menu");
       window->controlsBar()->findChild<ui::SizeButtonView*>()->showPopup();
       QCoreApplication::processEvents();
       QWidget* sizePopup = window->controlsBar()->findChild<ui::SizeOptionsEditor*>()->window();
@@ -533,10 +537,7 @@ void everyLanguage() {
         popup->close();
       }
       std::unique_ptr<QMenu> rowMenu(list->rowMenu(list->listModel().index(2)));
-      rowMenu->popup(window->mapToGlobal(QPoint(0, 0)));
-      QCoreApplication::processEvents();
-      save(rowMenu.get(), "lang-" + code + "-row-menu");
-      rowMenu->hide();
+      save(opened(rowMenu.get(), window->mapToGlobal(QPoint(0, 0))), "lang-" + code + "-row-menu");
     }
     {
       BatchViewModel::Options options;
@@ -559,9 +560,7 @@ void everyLanguage() {
     Settings services(stage);
     ui::BackgroundTrayMenu tray(
         *services.hotFolders, [] {}, [] {});
-    tray.popup({0, 0});
-    save(&tray, "lang-" + code + "-tray-menu");
-    tray.hide();
+    save(opened(&tray, {0, 0}), "lang-" + code + "-tray-menu");
     auto settings = services.window(stage.model());
     settings->resize(settings->minimumSize());
     settings->show();
