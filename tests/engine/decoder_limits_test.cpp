@@ -137,13 +137,20 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
   const Bytes cell = fixtures::heic(fixtures::quadrants(64, 64), {.quality = 40, .alpha = false});
   EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(fixtures::grid(cell, 2, 2)));
   auto understated = [&](bool decoy) {
-    Bytes grid = fixtures::grid(cell, 2, 2, decoy);
+    Bytes grid = fixtures::grid(cell, 2, 2, {.decoy = decoy});
     for (size_t at = 0; at + 16 <= grid.size(); ++at)
       if (!std::memcmp(&grid[at], "ispe", 4) && grid[at + 11] == 128 && grid[at + 15] == 128)
         grid[at + 11] = 12, grid[at + 15] = 16;
     return grid;
   };
   files.push_back({"grid of honest cells", understated(false), codedLargerThanDeclared});
+  // An overlay of honest cells on a canvas of 8000 x 8000, declared 128 x 128: libheif
+  // drew it at 8000 x 8000 (at 30000 x 30000 it crashed).
+  EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(
+      fixtures::grid(cell, 2, 2, {.overlayWidth = 128, .overlayHeight = 128})));
+  files.push_back({"overlay on a larger canvas",
+                   fixtures::grid(cell, 2, 2, {.overlayWidth = 8000, .overlayHeight = 8000}),
+                   codedLargerThanDeclared});
   // Located a second time, at a 1 x 1 grid: libheif reads the first location, so a reader that
   // kept the last would check the wrong grid.
   files.push_back({"grid located twice", understated(true), codedLargerThanDeclared});

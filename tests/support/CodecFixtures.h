@@ -130,8 +130,13 @@ Bytes jxl(const DecodedImage& image, const JxlOptions& options = {});  // low ef
 
 // A HEIC or AVIF grid of `columns` x `rows` cells that all show the one picture of
 // `tileFile` (a file of heic() or avif() without alpha): a few kilobytes for a huge picture.
-// With `decoy`, the grid is located twice, the second time at the description of a 1 x 1 grid.
-Bytes grid(const Bytes& tileFile, int columns, int rows, bool decoy = false);
+struct GridOptions {
+  bool decoy = false;  // the grid located twice, the second time at the description of a 1 x 1 grid
+  // Above 0: an overlay ("iovl") on a canvas of this size, in place of the grid, the cells placed
+  // as the grid places them; the declared size stays the cells' together.
+  uint32_t overlayWidth = 0, overlayHeight = 0;
+};
+Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& options = {});
 // `file` (a HEIC or AVIF) with every "ispe" box, and the track header of an image sequence,
 // rewritten to declare `width` x `height`: the coded pictures stay as they were.
 Bytes withDeclaredSize(Bytes file, uint32_t width, uint32_t height);

@@ -278,7 +278,7 @@ Bytes findBox(const Bytes& file, const char* type) {
 
 }  // namespace
 
-Bytes grid(const Bytes& tileFile, int columns, int rows, bool decoy) {
+Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& options) {
   const bool av1 = tileFile.size() > 12 && std::memcmp(&tileFile[8], "avif", 4) == 0;
   const Bytes config = findBox(tileFile, av1 ? "av1C" : "hvcC"), ispeBox = findBox(tileFile, "ispe");
   const uint32_t tileWidth = read32(ispeBox, 12), tileHeight = read32(ispeBox, 16);
@@ -291,9 +291,17 @@ Bytes grid(const Bytes& tileFile, int columns, int rows, bool decoy) {
     ftypPayload.insert(ftypPayload.end(), brand, brand + 4);
   const Bytes ftyp = box("ftyp", ftypPayload);
   // The grid's description (8 bytes), then the one tile all grid cells point at.
+  const bool overlay = options.overlayWidth > 0, decoy = options.decoy;
   Bytes gridData = {0, 0, uint8_t(rows - 1), uint8_t(columns - 1)};
   put(gridData, uint64_t(tileWidth) * uint32_t(columns), 2);
   put(gridData, uint64_t(tileHeight) * uint32_t(rows), 2);
+  if (overlay) {  // 32-bit fields, a transparent fill, then each cell's place
+    gridData = {0, 1, 0, 0, 0, 0, 0, 0, 0, 0};
+    put(gridData, options.overlayWidth, 4), put(gridData, options.overlayHeight, 4);
+    for (int cell = 0; cell < tiles; ++cell)
+      put(gridData, tileWidth * uint32_t(cell % columns), 4),
+          put(gridData, tileHeight * uint32_t(cell / columns), 4);
+  }
   require(rows <= 256 && columns <= 256 && tileWidth * uint32_t(columns) < 65536 &&
               tileHeight * uint32_t(rows) < 65536,
           "grid size");
@@ -316,7 +324,7 @@ Bytes grid(const Bytes& tileFile, int columns, int rows, bool decoy) {
             put(iloc, mdatStart + uint32_t(gridData.size() + tile.size()), 4), put(iloc, decoyData.size(), 4);
       Bytes infe;
       put(infe, uint32_t(item), 2), put(infe, 0, 2);
-      const char* type = isGrid ? "grid" : av1 ? "av01" : "hvc1";
+      const char* type = isGrid ? (overlay ? "iovl" : "grid") : av1 ? "av01" : "hvc1";
       infe.insert(infe.end(), type, type + 5);  // and an empty name
       const Bytes entry = box("infe", infe, 2, isGrid ? 0 : 1);
       iinf.insert(iinf.end(), entry.begin(), entry.end());
