@@ -331,9 +331,11 @@ void checkWithin(const Coded& coded, uint64_t width, uint64_t height) {
     fail("coded picture larger than the size its file declares");
 }
 
-// A grid's picture is the size its own data gives, which the decoder allocates: no larger
-// than its declared size ("ispe"), either way round.
-void checkGrid(const Item& item, ByteSource& file, Input idat, const std::vector<Box>& properties) {
+// A grid's or an overlay's picture is the size its own data gives, which the decoder allocates
+// (libheif draws an overlay on a canvas of that size): no larger than its declared size
+// ("ispe"), either way round.
+void checkDerived(const Item& item, bool overlay, ByteSource& file, Input idat,
+                  const std::vector<Box>& properties) {
   const Box* ispe = nullptr;
   for (uint32_t index : item.properties)
     if (index <= properties.size() && !std::memcmp(properties[index - 1].type, "ispe", 4))
@@ -341,15 +343,16 @@ void checkGrid(const Item& item, ByteSource& file, Input idat, const std::vector
   std::vector<uint8_t> joined;
   const auto data = itemData(item, file, idat, joined);
   if (!ispe || ispe->payload.size() < 12 || !data) return;  // the decoder refuses it, or takes its size
-  ByteReader grid{*data};
-  grid.read(1);
-  const uint64_t fieldBytes = (grid.read(1) & 1) ? 4 : 2;
-  grid.read(2);  // rows and columns less one
-  const uint64_t width = grid.read(fieldBytes), height = grid.read(fieldBytes);
+  ByteReader derived{*data};
+  derived.read(1);
+  const uint64_t fieldBytes = (derived.read(1) & 1) ? 4 : 2;
+  derived.read(overlay ? 8 : 2);  // the canvas's fill colour, or a grid's rows and columns less one
+  const uint64_t width = derived.read(fieldBytes), height = derived.read(fieldBytes);
   ByteReader declared{ispe->payload, 4};
   const uint64_t w = declared.read(4), h = declared.read(4);
-  if (grid.ok && !((width <= w && height <= h) || (width <= h && height <= w)))
-    fail("grid picture larger than the size its file declares");
+  if (derived.ok && !((width <= w && height <= h) || (width <= h && height <= w)))
+    fail(overlay ? "overlay larger than the size its file declares"
+                 : "grid picture larger than the size its file declares");
 }
 
 }  // namespace
@@ -358,6 +361,8 @@ std::vector<uint8_t> metaPayload(ByteSource& file) {
   // Far above any honest item list; a box that large is refused rather than read.
   constexpr uint64_t kMaxMetaBytes = 64ull << 20;
   const uint64_t end = file.size();
+  std::vector<uint8_t> payload;
+  bool found = false;
   for (uint64_t at = 0; end - at >= 8;) {
     const std::vector<uint8_t> header = file.readAt(at, 16);
     ByteReader in{header};
@@ -368,12 +373,14 @@ std::vector<uint8_t> metaPayload(ByteSource& file) {
     if (size == 0) size = end - at;
     if (!in.ok || size < in.at || size > end - at) break;
     if (meta) {
+      // libheif reads the last, a reader of the first would check other items than it decodes.
+      if (found) fail("item information given twice");
       if (size - in.at > kMaxMetaBytes) fail("item information larger than any picture needs");
-      return file.readAt(at + in.at, size_t(size - in.at));
+      found = true, payload = file.readAt(at + in.at, size_t(size - in.at));
     }
     at += size;
   }
-  return {};
+  return payload;
 }
 
 void checkCodedSizes(Input bytes) {
@@ -407,8 +414,9 @@ void checkCodedSizes(ByteSource& file) {
   std::map<std::tuple<std::vector<Extent>, const Box*>, Coded> scanned;
   for (const auto& [id, item] : items) {
     const bool hevc = !std::memcmp(item.type, "hvc1", 4), av1 = !std::memcmp(item.type, "av01", 4);
-    if (!std::memcmp(item.type, "grid", 4)) {
-      checkGrid(item, file, idat, properties);
+    const bool overlay = !std::memcmp(item.type, "iovl", 4);
+    if (overlay || !std::memcmp(item.type, "grid", 4)) {
+      checkDerived(item, overlay, file, idat, properties);
       continue;
     }
     if (!hevc && !av1) continue;

@@ -117,6 +117,7 @@ std::optional<Properties> heifProperties(Input bytes) {
 }
 
 std::optional<Properties> heifProperties(ByteSource& source) {
+  metaPayload(source);  // refuses a second item list, which libheif would read in place of the first
   auto opened = open(source);
   if (!opened) return std::nullopt;
   Properties props;

@@ -154,6 +154,9 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
   // Located a second time, at a 1 x 1 grid: libheif reads the first location, so a reader that
   // kept the last would check the wrong grid.
   files.push_back({"grid located twice", understated(true), codedLargerThanDeclared});
+  // Followed by the same item information declaring it 1 x 1: libheif reads the last.
+  files.push_back(
+      {"grid described twice", fixtures::grid(cell, 2, 2, {.secondMeta = true}), codedLargerThanDeclared});
   // Its item locations claiming 2-byte base offsets, a size libheif reads as none: a reader
   // that took 2 bytes would miss the grid's data and so its size.
   Bytes grid = understated(false);

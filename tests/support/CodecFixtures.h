@@ -135,6 +135,7 @@ struct GridOptions {
   // Above 0: an overlay ("iovl") on a canvas of this size, in place of the grid, the cells placed
   // as the grid places them; the declared size stays the cells' together.
   uint32_t overlayWidth = 0, overlayHeight = 0;
+  bool secondMeta = false;  // a second "meta" box follows, the same but declaring the grid 1 x 1
 };
 Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& options = {});
 // `file` (a HEIC or AVIF) with every "ispe" box, and the track header of an image sequence,

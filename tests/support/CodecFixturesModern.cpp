@@ -307,7 +307,7 @@ Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& opti
           "grid size");
   const Bytes decoyData = {0, 0, 0, 0, 0, 1, 0, 1};
 
-  auto meta = [&](uint32_t mdatStart) {
+  auto meta = [&](uint32_t mdatStart, bool second) {
     Bytes hdlr = {0, 0, 0, 0, 'p', 'i', 'c', 't'}, pitm, iinf, dimg, ipma, tileSize, gridSize;
     Bytes iloc = {0x44, 0x00};  // 4-byte offsets and lengths, no base offset
     hdlr.insert(hdlr.end(), 13, 0);
@@ -335,8 +335,8 @@ Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& opti
       ipma.insert(ipma.end(), associations.begin(), associations.end());
     }
     put(tileSize, tileWidth, 4), put(tileSize, tileHeight, 4);
-    put(gridSize, uint64_t(tileWidth) * uint32_t(columns), 4);
-    put(gridSize, uint64_t(tileHeight) * uint32_t(rows), 4);
+    put(gridSize, second ? 1 : uint64_t(tileWidth) * uint32_t(columns), 4);
+    put(gridSize, second ? 1 : uint64_t(tileHeight) * uint32_t(rows), 4);
     const Bytes ipco = joined({config, box("ispe", tileSize, 0), box("ispe", gridSize, 0)});
     return box("meta",
                joined({box("hdlr", hdlr, 0), box("pitm", pitm, 0), box("iloc", iloc, 0), box("iinf", iinf, 0),
@@ -344,7 +344,8 @@ Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& opti
                        box("iprp", joined({box("ipco", ipco), box("ipma", ipma, 0)}))}),
                0);
   };
-  return joined({ftyp, meta(uint32_t(ftyp.size() + meta(0).size() + 8)),
+  const uint32_t mdatStart = uint32_t(ftyp.size() + meta(0, false).size() * (options.secondMeta ? 2 : 1) + 8);
+  return joined({ftyp, meta(mdatStart, false), options.secondMeta ? meta(mdatStart, true) : Bytes{},
                  box("mdat", joined({gridData, tile, decoy ? decoyData : Bytes{}}))});
 }
 
