@@ -1,7 +1,6 @@
 #include "ui/UiText.h"
 
 #include <QGuiApplication>
-#include <QHash>
 #include <QLocale>
 #include <cmath>
 
@@ -22,17 +21,13 @@ QString directionIsolate(const QString& text) {
 QString formatByteCount(int64_t bytes) { return formatByteCount(bytes, QLocale()); }
 
 QString byteUnitSymbol(ByteUnit unit, const QLocale& locale) {
-  // Qt's locale data knows the prefixed symbols ("kB", "ko", "кБ"); the byte's own is the
-  // kilobyte's without its prefix. Worked out once per locale: rows ask on every paint.
-  static QHash<QString, QStringList> cache;
-  QStringList& symbols = cache[locale.bcp47Name()];
-  if (symbols.isEmpty()) {
-    const qsizetype numberLength = locale.toString(1).size();
-    for (qint64 bytes = 1000; symbols.size() < 5; bytes *= 1000)
-      symbols << locale.formattedDataSize(bytes, 0, QLocale::DataSizeSIFormat).mid(numberLength).trimmed();
-    symbols.prepend(symbols.front().mid(1));
-  }
-  return symbols.at(int(unit));
+  // Qt's locale data knows the prefixed symbols ("kB", "ko", "кБ"): they follow the 1 of a whole
+  // unit's size. The byte's own is the kilobyte's without its prefix.
+  const qint64 wholeUnit = qint64(std::pow(1000.0, std::max(1, int(unit))));
+  const QString symbol = locale.formattedDataSize(wholeUnit, 0, QLocale::DataSizeSIFormat)
+                             .mid(locale.toString(1).size())
+                             .trimmed();
+  return unit == ByteUnit::byte ? symbol.mid(1) : symbol;
 }
 
 QString formatByteCount(int64_t bytes, const QLocale& locale) {

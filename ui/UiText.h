@@ -25,8 +25,9 @@ QString directionIsolate(const QString& text);
 // Negative counts read as 0. Isolated left to right in a right-to-left layout (leftToRightIsolate).
 QString formatByteCount(int64_t bytes);
 QString formatByteCount(int64_t bytes, const QLocale& locale);
-// A size the user set (a budget) as they typed it, to a tenth of its unit, in the default
-// locale's notation: "999 B", "500 kB", "2.5 MB" ("2,5 Mo" in French). Isolated as above.
+// A size the user set (a budget), to a tenth of its unit where formatByteCount would round
+// it ("1.5 kB", not "2 kB"), in the default locale's notation: "999 B", "500 kB", "2.5 MB"
+// ("2,5 Mo" in French). Isolated as above.
 QString formatByteLimit(int64_t bytes);
 // The locale's symbol of the byte and of the kilo- to petabyte ("B", "kB", ... "PB").
 enum class ByteUnit { byte, kilo, mega, giga, tera, peta };

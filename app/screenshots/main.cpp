@@ -332,6 +332,17 @@ void saveModal(const std::function<void()>& open, const QString& name) {
   open();
 }
 
+// The comparison of the batch's first image over `window`, once both sides show, the divider a
+// little left of the middle.
+ui::ImageComparisonView* openComparison(BatchViewModel& model, QWidget* window, QSize size) {
+  auto* sheet = new ui::ImageComparisonView(model, model.images()[0], window);
+  sheet->resize(size);
+  sheet->show();
+  waitFor([&] { return sheet->area()->hasOriginalPreview() && sheet->area()->hasCompressedPreview(); });
+  sheet->area()->setSliderFraction(0.45);
+  return sheet;
+}
+
 std::unique_ptr<ui::MainWindow> showWindow(BatchViewModel& model, QSize size) {
   auto window = std::make_unique<ui::MainWindow>(model);
   window->resize(size);
@@ -400,11 +411,7 @@ void comparison() {
   auto window = showWindow(model, {960, 640});
   for (const bool dark : {false, true}) {
     QApplication::setPalette(dark ? darkPalette() : lightPalette());
-    auto* sheet = new ui::ImageComparisonView(model, model.images()[0], window.get());
-    sheet->resize(1280, 800);
-    sheet->show();
-    waitFor([&] { return sheet->area()->hasOriginalPreview() && sheet->area()->hasCompressedPreview(); });
-    sheet->area()->setSliderFraction(0.45);
+    ui::ImageComparisonView* sheet = openComparison(model, window.get(), {1280, 800});
     const QString theme = dark ? "dark" : "light";
     save(sheet, "comparison-fit-" + theme);
     if (!dark) save(sheet, "comparison");
@@ -418,11 +425,7 @@ void comparison() {
   for (AppLanguage language : AppLanguages::allCases()) {
     const QString code = AppLanguages::rawValue(language);
     useLanguage(code);
-    auto* sheet = new ui::ImageComparisonView(model, model.images()[0], window.get());
-    sheet->resize(960, 640);
-    sheet->show();
-    waitFor([&] { return sheet->area()->hasOriginalPreview() && sheet->area()->hasCompressedPreview(); });
-    sheet->area()->setSliderFraction(0.45);
+    ui::ImageComparisonView* sheet = openComparison(model, window.get(), {960, 640});
     save(sheet, "lang-" + code + "-comparison");
     sheet->close();
   }
