@@ -1,7 +1,8 @@
 // Fuzz target for reading images of one format (QUILLANE_FUZZ_FORMAT, a raw value such as
 // png): inspection (type, header properties, thumbnail) and the full decode. Whatever the
 // bytes, reading ends in a picture or ImageProcessingError::decodingFailed; pictures are
-// consistent with their own size and the thumbnail with its bound.
+// consistent with their own size, no larger than the file declares, and the thumbnail within
+// its bound.
 //
 // Built with libFuzzer when the compiler has it; otherwise (QUILLANE_FUZZ_DRIVER) a plain
 // driver replays the seed files given on its command line, and a bounded number of mutations
@@ -41,6 +42,15 @@ constexpr uint64_t kMaxFuzzPixels = 16u << 20;
 [[noreturn]] void fail(const char* what) {
   std::fprintf(stderr, "image_fuzz: %s\n", what);
   std::abort();
+}
+
+// What a decoder allocates follows the size the file declares, whichever way round; a HEIF
+// picture may be coded in whole blocks (up to 64 pixels) that its declared size crops.
+bool withinDeclared(const DecodedImage& image, const ImageService::Properties& declared) {
+  const bool blocks = kFormat == quillane::ImageFormat::heic || kFormat == quillane::ImageFormat::avif;
+  auto up = [blocks](int side) { return blocks ? (int64_t(side) + 63) / 64 * 64 : int64_t(side); };
+  auto within = [&](int width, int height) { return image.width <= up(width) && image.height <= up(height); };
+  return within(declared.width, declared.height) || within(declared.height, declared.width);
 }
 
 void checkPicture(const DecodedImage& image) {
@@ -91,7 +101,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     checkThumbnail(ImageService::thumbnail(kFormat, piecewise, 64), 64);
   }
   try {
-    checkPicture(ImageService::decodeFirstFrame(bytes));
+    const DecodedImage picture = ImageService::decodeFirstFrame(bytes);
+    checkPicture(picture);
+    if (props && !withinDeclared(picture, *props)) fail("picture larger than its file declares");
   } catch (const ImageProcessingError& e) {
     if (e.kind() != ImageProcessingError::Kind::decodingFailed) fail("not decodingFailed");
   }
