@@ -11,7 +11,6 @@
 class QAction;
 class QMenu;
 class QMenuBar;
-class QPushButton;
 template <typename T>
 class QList;
 
