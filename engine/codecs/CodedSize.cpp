@@ -340,9 +340,13 @@ void checkDerived(const Item& item, bool overlay, ByteSource& file, Input idat,
   for (uint32_t index : item.properties)
     if (index <= properties.size() && !std::memcmp(properties[index - 1].type, "ispe", 4))
       ispe = &properties[index - 1];
+  // Without a declared size libheif takes the one the data names, whatever it is, for a cell of
+  // another grid or overlay too.
+  if (!ispe || ispe->payload.size() < 12)
+    fail(overlay ? "overlay without a declared size" : "grid picture without a declared size");
   std::vector<uint8_t> joined;
   const auto data = itemData(item, file, idat, joined);
-  if (!ispe || ispe->payload.size() < 12 || !data) return;  // the decoder refuses it, or takes its size
+  if (!data) return;  // the decoder refuses it
   ByteReader derived{*data};
   derived.read(1);
   const uint64_t fieldBytes = (derived.read(1) & 1) ? 4 : 2;
