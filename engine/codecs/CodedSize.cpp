@@ -431,10 +431,8 @@ void checkCodedSizes(ByteSource& file) {
     auto known = scanned.find(key);
     if (known == scanned.end()) {
       Coded coded;
-      size_t lengthBytes = 4;
       if (config && hevc && config->payload.size() >= 23) {
         // hvcC: 22 bytes of fields, then arrays of parameter sets with 2-byte lengths.
-        lengthBytes = (config->payload[21] & 3) + 1;
         ByteReader in{config->payload, 22};
         const uint64_t arrays = in.read(1);
         for (uint64_t a = 0; a < arrays && in.ok; ++a) {
@@ -449,8 +447,8 @@ void checkCodedSizes(ByteSource& file) {
       if (config && av1 && config->payload.size() > 4) scanAv1(config->payload.subspan(4), coded);
       std::vector<uint8_t> joined;
       if (auto data = itemData(item, file, idat, joined)) {
-        if (hevc)
-          scanHevc(*data, lengthBytes, coded);
+        if (hevc)  // in 4-byte lengths whatever hvcC says, as libheif hands them to libde265
+          scanHevc(*data, 4, coded);
         else
           scanAv1(*data, coded);
       }
