@@ -28,6 +28,19 @@ namespace {
 constexpr int64_t kKilo = 1000, kMega = kKilo * kKilo;
 constexpr int kDefaultSide = 1920;
 
+// A full stop or a comma typed is the decimal point, as the field shows at once: an amount of a
+// few digits has no groups, and "1,5" in English or "1.5" in German is 1.5, not 15.
+class AmountField final : public QDoubleSpinBox {
+ public:
+  using QDoubleSpinBox::QDoubleSpinBox;
+  QValidator::State validate(QString& text, int& position) const override {
+    const QChar point = locale().decimalPoint().front();
+    for (QChar& c : text)
+      if (c == u'.' || c == u',') c = point;
+    return QDoubleSpinBox::validate(text, position);
+  }
+};
+
 QSpinBox* makeSideField(const char* accessibleKey, QWidget* parent) {
   auto* field = new QSpinBox(parent);
   field->setRange(0, kMaxDimension);
@@ -59,7 +72,7 @@ SizeOptionsEditor::SizeOptionsEditor(QWidget* parent) : QWidget(parent) {
 
   budget_ = new QCheckBox(Strings::text("size.budgetToggle"), this);
   budget_->setToolTip(Strings::text("size.budgetHelp"));
-  amount_ = new QDoubleSpinBox(this);
+  amount_ = new AmountField(this);
   amount_->setDecimals(1);
   amount_->setRange(0.1, 999999);
   amount_->setValue(500);

@@ -163,7 +163,11 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   EXPECT_EQ(model_->compressionOptions(), CompressionOptions{}) << "an unchecked part stays off";
   control<QCheckBox>(editor, "size.fitToggle")->setChecked(true);
   control<QCheckBox>(editor, "size.budgetToggle")->setChecked(true);
-  control<QDoubleSpinBox>(editor, "size.budgetField")->setValue(500);
+  auto* amount = control<QDoubleSpinBox>(editor, "size.budgetField");
+  amount->selectAll();
+  QTest::keyClicks(amount, "0,5");
+  EXPECT_EQ(amount->value(), 0.5) << "a comma is a decimal point too, not a group";
+  amount->setValue(500);
   const CompressionOptions chosen{.maxWidth = 1600, .maxHeight = 1600, .maxBytes = 500000};
   EXPECT_EQ(model_->compressionOptions(), chosen);
   EXPECT_TRUE(size->isChecked());
