@@ -232,6 +232,7 @@ struct Item {
   bool described = false, located = false, associated = false;
   std::vector<Extent> extents;
   std::vector<uint32_t> properties;  // indices into ipco, from 1
+  std::vector<uint32_t> cells;       // the items a grid or an overlay is made of ("dimg")
 };
 
 void readInfe(Input payload, std::map<uint32_t, Item>& items) {
@@ -276,6 +277,20 @@ void readIloc(Input payload, std::map<uint32_t, Item>& items) {
     Item& item = items[id];
     if (std::exchange(item.located, true)) fail("an item located twice");
     item.extents = std::move(found);
+  }
+}
+
+void readIref(Input payload, std::map<uint32_t, Item>& items) {
+  if (payload.size() < 4) return;
+  const size_t idBytes = payload[0] == 0 ? 2 : 4;
+  for (const Box& reference : boxesOf(payload.subspan(4))) {
+    if (std::memcmp(reference.type, "dimg", 4)) continue;
+    ByteReader in{reference.payload};
+    const uint32_t from = uint32_t(in.read(idBytes));
+    const uint64_t count = in.read(2);
+    std::vector<uint32_t> to;
+    for (uint64_t i = 0; i < count && in.ok; ++i) to.push_back(uint32_t(in.read(idBytes)));
+    if (in.ok) items[from].cells = std::move(to);
   }
 }
 
@@ -392,6 +407,9 @@ void checkCodedSizes(Input bytes) {
   checkCodedSizes(source);
 }
 
+// The item types libheif holds pictures for.
+constexpr const char* kPictureTypes[] = {"hvc1", "av01", "grid", "iovl", "iden"};
+
 void checkCodedSizes(ByteSource& file) {
   const std::vector<uint8_t> meta = metaPayload(file);
   if (meta.size() < 4) return;
@@ -404,6 +422,7 @@ void checkCodedSizes(ByteSource& file) {
         if (!std::memcmp(infe.type, "infe", 4)) readInfe(infe.payload, items);
   }
   if (const Box* iloc = find(inMeta, "iloc")) readIloc(iloc->payload, items);
+  if (const Box* iref = find(inMeta, "iref")) readIref(iref->payload, items);
   std::vector<Box> properties;
   if (const Box* iprp = find(inMeta, "iprp")) {
     const std::vector<Box> inIprp = boxesOf(iprp->payload);
@@ -420,6 +439,15 @@ void checkCodedSizes(ByteSource& file) {
     const bool hevc = !std::memcmp(item.type, "hvc1", 4), av1 = !std::memcmp(item.type, "av01", 4);
     const bool overlay = !std::memcmp(item.type, "iovl", 4);
     if (overlay || !std::memcmp(item.type, "grid", 4)) {
+      // libheif 1.15 asserts (and so aborts the process) when an overlay is made of an item it
+      // holds no picture for.
+      for (const uint32_t cellId : item.cells) {
+        const auto cell = items.find(cellId);
+        if (cell == items.end() ||
+            std::none_of(std::begin(kPictureTypes), std::end(kPictureTypes),
+                         [&](auto type) { return !std::memcmp(cell->second.type, type, 4); }))
+          fail("grid or overlay of an item that is no picture");
+      }
       checkDerived(item, overlay, file, idat, properties);
       continue;
     }

@@ -151,6 +151,10 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
   files.push_back({"overlay on a larger canvas",
                    fixtures::grid(cell, 2, 2, {.overlayWidth = 8000, .overlayHeight = 8000}),
                    codedLargerThanDeclared});
+  // An honest overlay whose first cell is of an unknown type: libheif asserted on it.
+  Bytes unknownCell = fixtures::grid(cell, 2, 2, {.overlayWidth = 128, .overlayHeight = 128});
+  std::search(unknownCell.begin(), unknownCell.end(), std::begin("hvc1"), std::end("hvc1") - 1)[3] = '2';
+  files.push_back({"overlay of an unknown item", unknownCell, codedLargerThanDeclared});
   // Located a second time, at a 1 x 1 grid: libheif reads the first location, so a reader that
   // kept the last would check the wrong grid.
   files.push_back({"grid located twice", understated(true), codedLargerThanDeclared});
