@@ -98,7 +98,7 @@ void save(QWidget* widget, const QString& name) {
 QImage opened(QMenu* menu, QPoint at) {
   menu->popup(at);
   QCoreApplication::processEvents();
-  const QImage image = menu->grab().toImage();
+  QImage image = menu->grab().toImage();
   menu->hide();
   return image;
 }

@@ -284,7 +284,7 @@ void readIref(Input payload, std::map<uint32_t, Item>& items) {
   if (payload.size() < 4) return;
   const size_t idBytes = payload[0] == 0 ? 2 : 4;
   for (const Box& reference : boxesOf(payload.subspan(4))) {
-    if (std::memcmp(reference.type, "dimg", 4)) continue;
+    if (std::memcmp(reference.type, "dimg", 4) != 0) continue;
     ByteReader in{reference.payload};
     const uint32_t from = uint32_t(in.read(idBytes));
     const uint64_t count = in.read(2);

@@ -299,8 +299,8 @@ Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& opti
     gridData = {0, 1, 0, 0, 0, 0, 0, 0, 0, 0};
     put(gridData, options.overlayWidth, 4), put(gridData, options.overlayHeight, 4);
     for (int cell = 0; cell < tiles; ++cell)
-      put(gridData, tileWidth * uint32_t(cell % columns), 4),
-          put(gridData, tileHeight * uint32_t(cell / columns), 4);
+      put(gridData, uint64_t(tileWidth) * uint64_t(cell % columns), 4),
+          put(gridData, uint64_t(tileHeight) * uint64_t(cell / columns), 4);
   }
   require(rows <= 256 && columns <= 256 && tileWidth * uint32_t(columns) < 65536 &&
               tileHeight * uint32_t(rows) < 65536,
