@@ -444,16 +444,22 @@ TEST_F(DesktopBus, ASecondLaunchAndTheAPIFeedOneBatchThatARestartFindsAgainAndQu
     EXPECT_EQ(QFileInfo(written).size(), result.toObject()["compressedSizeBytes"].toInteger());
   }
 
-  // Rows come back from the saved session (the batch's own test checks what a row keeps); the
-  // global settings start over.
+  // Rows come back from the saved session (the batch's own test checks what a row keeps), and
+  // the format and quality once their settled change has been saved.
   before = waitForReadyImages(3);
+  ASSERT_TRUE(QTest::qWaitFor(
+      [&] {
+        QFile settings(path("data/Quillane/batchSettings.json"));
+        return settings.open(QIODevice::ReadOnly) && settings.readAll().contains(R"("outputFormat":"webp")");
+      },
+      10000));
   stopInstances();
   startInstance({}, environmentWithAPI());
   const QJsonArray after = waitForReadyImages(3);
   ASSERT_EQ(after.size(), 3);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(after[i].toObject()["name"], before[i].toObject()["name"]);
   const QJsonDocument status = json(api("GET", "/v1/status"));
-  EXPECT_TRUE(status["outputFormat"] == "jpeg" && status["quality"] == 75.0 &&
+  EXPECT_TRUE(status["outputFormat"] == "webp" && status["quality"] == 60.0 &&
               status["appVersion"] != "unknown");
 
   // Quitting abandons running encodes: a large HEIC encode of noise (over ten seconds here, where
