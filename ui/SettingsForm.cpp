@@ -1,5 +1,6 @@
 #include "ui/SettingsForm.h"
 
+#include <QComboBox>
 #include <QHBoxLayout>
 #include <QHelpEvent>
 #include <QLabel>
@@ -131,6 +132,11 @@ void collectTabStops(QLayout* layout, QList<QWidget*>& stops) {
   }
 }
 }  // namespace
+
+void nameComboBox(QComboBox* box, const char* key) {
+  box->setAccessibleName(Strings::text(key));
+  box->setAccessibleDescription(Strings::text(key));
+}
 
 void orderTabStops(QWidget* root) {
   QList<QWidget*> stops{root};

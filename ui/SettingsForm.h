@@ -17,6 +17,7 @@ class QIcon;
 class QMenu;
 class QPushButton;
 class QSlider;
+class QComboBox;
 class QToolButton;
 class QWidget;
 
@@ -75,6 +76,10 @@ FormButtons makeFormButtons(QWidget* form);
 // An icon-only button of a list's row that does `key`'s text, shown in its tooltip and read by
 // screen readers, with `rowName` (which row it acts on) as its description.
 QToolButton* makeRowButton(QWidget* row, const QIcon& icon, const char* key, const QString& rowName);
+
+// Names `box` by `key`'s text, for screen readers, also as its description: on Linux they hear
+// a combo box's current text as its name.
+void nameComboBox(QComboBox* box, const char* key);
 
 // Puts the Tab stops under `root` in the order of its layout, top to bottom and each row's fields
 // in turn: rows made after the form below them would otherwise be reached after it.

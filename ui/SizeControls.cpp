@@ -20,6 +20,7 @@
 #include "engine/DecodedImage.h"
 #include "services/Strings.h"
 #include "ui/Icons.h"
+#include "ui/SettingsForm.h"
 #include "ui/UiText.h"
 
 namespace quillane::ui {
@@ -80,9 +81,7 @@ SizeOptionsEditor::SizeOptionsEditor(QWidget* parent) : QWidget(parent) {
   unit_ = new QComboBox(this);
   unit_->addItem(byteUnitSymbol(ByteUnit::kilo, QLocale()), QVariant::fromValue<qint64>(kKilo));
   unit_->addItem(byteUnitSymbol(ByteUnit::mega, QLocale()), QVariant::fromValue<qint64>(kMega));
-  unit_->setAccessibleName(Strings::text("size.unitField"));
-  // Screen readers on Linux hear a combo box's current text as its name: the description says what it is.
-  unit_->setAccessibleDescription(Strings::text("size.unitField"));
+  nameComboBox(unit_, "size.unitField");
   auto* budgetRow = new QHBoxLayout;
   budgetRow->addWidget(amount_);
   budgetRow->addWidget(unit_);

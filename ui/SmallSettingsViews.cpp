@@ -124,9 +124,7 @@ LanguageSettingsView::LanguageSettingsView(LanguageManager& manager, QWidget* pa
     choose(value < 0 ? std::nullopt : std::optional<AppLanguage>(AppLanguage(value)));
   });
   form->addRow(Strings::text("settings.language.title"), picker_);
-  // Screen readers on Linux hear a combo box's current text as its name: the description says what it is.
-  picker_->setAccessibleName(Strings::text("settings.language.title"));
-  picker_->setAccessibleDescription(Strings::text("settings.language.title"));
+  nameComboBox(picker_, "settings.language.title");
   layout->addLayout(form);
 
   note_ = new QLabel(Strings::text("settings.language.restartRequired"), box);
