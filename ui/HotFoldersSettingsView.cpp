@@ -80,6 +80,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
 
   existing_ = new QGroupBox(Strings::text("settings.hotFolders.existingSection"), this);
   rows_ = new QVBoxLayout(existing_);
+  Mnemonics::leaveOut(existing_);  // every row's switch is "Enabled"
   layout->addWidget(existing_);
 
   // The form.

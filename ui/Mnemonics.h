@@ -1,8 +1,8 @@
 #pragma once
-// Access keys for menus, as the desktop underlines them: each entry of a menu gets a letter of its
-// own text (the first letter of a word before any other), chosen so that no two entries of one
-// menu share one in whatever language the texts are. A "&" of the text itself, in a profile
-// named "R&D", shows as itself.
+// Access keys for menus and forms, as the desktop underlines them: each entry of a menu, or each
+// label of a form, gets a letter of its own text (the first letter of a word before any other),
+// chosen so that no two that one Alt press can reach share one in whatever language the texts
+// are. A "&" of the text itself, in a profile named "R&D", shows as itself.
 //
 // GUI thread only.
 
@@ -11,6 +11,8 @@
 class QAction;
 class QMenu;
 class QMenuBar;
+class QTabWidget;
+class QWidget;
 template <typename T>
 class QList;
 
@@ -27,6 +29,18 @@ void assign(QMenu* menu);
 void assign(QMenuBar* bar);
 // Assigns now and each time the menu opens, for texts that change meanwhile.
 void keep(QMenu* menu);
+
+// Gives each tab of `tabs` an access key not in `taken`, which then holds them too.
+void assign(QTabWidget* tabs, QString& taken);
+
+// Gives the labels of fields under `root` access keys not in `taken` (which then holds them
+// too), in the order they were made: every label with a buddy and every check box. A form's row
+// label without a buddy that can take the focus gets its field's first Tab stop, unless that is
+// a check box, which carries a key of its own (the label then has none). A widget passed to
+// leaveOut and what is under it go without keys.
+void assignLabels(QWidget* root, QString& taken);
+// Leaves `widget` and its children without keys: a list whose rows repeat one text.
+void leaveOut(QWidget* widget);
 
 // `text` shown as it is on a button, where a "&" would otherwise mark an access key.
 QString literal(const QString& text);

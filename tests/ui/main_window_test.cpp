@@ -32,6 +32,7 @@
 #include <QToolButton>
 
 #include "api/LocalAPIController.h"
+#include "hotfolders/HotFoldersManager.h"
 #include "services/AppLanguage.h"
 #include "services/LanguageManager.h"
 #include "services/UpdateChecker.h"
@@ -43,6 +44,7 @@
 #include "ui/DropTargetView.h"
 #include "ui/ExportProfilesSettingsView.h"
 #include "ui/ExportSummaryView.h"
+#include "ui/HotFoldersSettingsView.h"
 #include "ui/ImageListModel.h"
 #include "ui/ImageListView.h"
 #include "ui/ProfileMenuView.h"
@@ -429,13 +431,43 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
   useLanguage({});
 }
 
+// The access keys of `widgets`' texts: of every label with a buddy and every check box, the
+// hot folders' row switches apart (they must have none).
+QStringList accessKeys(const QList<QWidget*>& widgets) {
+  QStringList keys;
+  for (QWidget* w : widgets) {
+    const auto* label = qobject_cast<QLabel*>(w);
+    const auto* box = qobject_cast<QCheckBox*>(w);
+    const QString key = QKeySequence::mnemonic(label ? label->text()
+                                               : box ? box->text()
+                                                     : QString())
+                            .toString();
+    if (w->objectName() == "enabledSwitch")
+      EXPECT_EQ(key.toStdString(), "") << "a row's switch";
+    else if (box || (label && label->buddy()))
+      keys << key;
+  }
+  return keys;
+}
+
 // In English and French, every entry of the menu bar, of its menus, of a row's menu and of the
-// profile menu has an access key of its own in its menu; a profile's "&" shows as itself.
-TEST_F(WindowEdgesTest, EveryMenuEntryHasAnAccessKeyOfItsOwn) {
+// profile menu has an access key of its own in its menu, and so has every tab of the settings and
+// every label of a field in the settings and the size popup among what one Alt press reaches; a
+// profile's "&" shows as itself. A label's key brings the focus to its field.
+TEST_F(WindowEdgesTest, EveryMenuEntryAndFieldLabelHasAnAccessKeyOfItsOwn) {
   makeModel();
   model_->upsertExportProfile(profile("R&D", ImageFormat::webp, 80));
   model_->setAppliedProfileName(QString("R&D"));
   ASSERT_TRUE(settle({source("a.png")}));
+  HotFolders::save({hotFolder("Camera", dir_.filePath("in"), dir_.filePath("out"), ImageFormat::jxl),
+                    hotFolder("Scans", dir_.filePath("scans"), dir_.filePath("out"), ImageFormat::png)});
+  HotFoldersManager hotFolders;
+  LocalAPIController controller(*model_);
+  UpdateChecker checker(QUrl("http://127.0.0.1:9"), "1.0");
+  LanguageManager languages(LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
+  const auto unique = [](QStringList keys) {
+    return !keys.contains(QString()) && keys.removeDuplicates() == 0;
+  };
   for (const char* language : {"en-US", "fr"}) {
     useLanguage(language);
     window_.reset();
@@ -447,11 +479,38 @@ TEST_F(WindowEdgesTest, EveryMenuEntryHasAnAccessKeyOfItsOwn) {
       QStringList keys;
       for (QAction* action : actions)
         if (!action->isSeparator()) keys << QKeySequence::mnemonic(action->text()).toString();
-      EXPECT_TRUE(!keys.contains(QString()) && keys.removeDuplicates() == 0)
-          << language << keys.join(' ').toStdString();
+      EXPECT_TRUE(unique(keys)) << language << keys.join(' ').toStdString();
     }
     EXPECT_EQ(QAccessible::queryAccessibleInterface(profiles)->text(QAccessible::Name), "R&D");
     EXPECT_TRUE(profiles->menu()->actions().last()->text().contains("&&")) << "not an access key";
+
+    ui::SettingsWindow settings({*model_, controller, checker, languages, nullptr}, &window());
+    settings.setAttribute(Qt::WA_DeleteOnClose, false);
+    settings.insertHotFoldersPane(new ui::HotFoldersSettingsView(hotFolders, *model_, {}));
+    QStringList tabKeys;
+    for (int tab = 0; tab < settings.tabs()->count(); ++tab)
+      tabKeys << QKeySequence::mnemonic(settings.tabs()->tabText(tab)).toString();
+    for (int tab = 0; tab < settings.tabs()->count(); ++tab) {
+      const QStringList keys = tabKeys + accessKeys(settings.tabs()->widget(tab)->findChildren<QWidget*>());
+      EXPECT_TRUE(unique(keys) && keys.size() > tabKeys.size()) << language << keys.join(' ').toStdString();
+    }
+    control<ui::SizeButtonView>(window().controlsBar())->showPopup();
+    QWidget* popup = QApplication::activePopupWidget();
+    ASSERT_TRUE(popup);
+    const QStringList popupKeys = accessKeys(popup->findChildren<QWidget*>());
+    EXPECT_TRUE(unique(popupKeys) && popupKeys.size() == 3) << popupKeys.join(' ').toStdString();
+    popup->close();
+
+    settings.show();
+    settings.tabs()->setCurrentIndex(2);
+    settings.activateWindow();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QApplication::activeWindow() == &settings; }));
+    auto* pane = control<ui::ExportProfilesSettingsView>(&settings);
+    const QString qualityKey =
+        control<QLabel>(pane, Strings::text("quality.label"))->text().section('&', 1).left(1).toLower();
+    ASSERT_EQ(qualityKey.size(), 1);
+    QTest::keyClick(&settings, qualityKey.at(0).toLatin1(), Qt::AltModifier);
+    EXPECT_EQ(QApplication::focusWidget(), pane->findChild<QSlider*>()) << language;
   }
   useLanguage({});
 }
