@@ -210,6 +210,7 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
       "costly.heic", fixtures::grid(fixtures::withDeclaredSize(cell, 10000, 10000), 1, 1,
                                     {.overlayWidth = 16, .overlayHeight = 16, .width = 16, .height = 16}));
   EXPECT_GT(EncodeCost::peakBytes(costly, ImageFormat::jpeg, 75).value_or(0), 1'000'000'000u);
+  EXPECT_EQ(ImageDecoder::inspect(costly).heldCellPixels, 10048u * 10048);  // in whole blocks
 }
 
 TEST(ValidJpegs, APartlyDownloadedPhotoAndAFlatArithmeticCodedOneDecode) {
