@@ -1,7 +1,8 @@
 // The size a HEIF or AVIF file's coded pictures really have, read from their own bitstreams
 // (HEVC sequence parameter sets, AV1 sequence headers), against the size their items declare
 // ("ispe"). The decoders allocate what the bitstream says: a 3 KB file declaring 12 x 16 could
-// otherwise decode at 16384 x 16384 behind estimates made from its boxes.
+// otherwise decode at 16384 x 16384 behind estimates made from its boxes. Likewise the cells of
+// grids and overlays, which libheif decodes whole whatever part of them a picture shows.
 
 #include <algorithm>
 #include <cstring>
