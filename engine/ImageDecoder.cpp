@@ -77,6 +77,7 @@ LightDecodedImage inspect(const std::string& path) {
       props->cellPixels > kMaxPixels)
     throw ImageProcessingError::decodingFailed("picture larger than the accepted maximum: " + path);
   LightDecodedImage light{*format, props->width, props->height, fileSize(path), props->frameCount, {}};
+  light.heldCellPixels = props->heldCellPixels;
   // A header that gives no estimate counts as too costly: not decoding is the safe side.
   const uint64_t peak = ImageService::thumbnailPeakBytes(*format, *file, kThumbnailSize).value_or(UINT64_MAX);
   if (peak <= kInspectionMemory) {

@@ -1,7 +1,8 @@
 // The size a HEIF or AVIF file's coded pictures really have, read from their own bitstreams
 // (HEVC sequence parameter sets, AV1 sequence headers), against the size their items declare
 // ("ispe"). The decoders allocate what the bitstream says: a 3 KB file declaring 12 x 16 could
-// otherwise decode at 16384 x 16384 behind estimates made from its boxes.
+// otherwise decode at 16384 x 16384 behind estimates made from its boxes. Likewise the cells of
+// grids and overlays, which libheif decodes whole whatever part of them a picture shows.
 
 #include <algorithm>
 #include <cstring>
@@ -282,17 +283,29 @@ void readIloc(Input payload, std::map<uint32_t, Item>& items) {
   }
 }
 
+// As libheif 1.15 reads them: one reference after another, each list as long as its count
+// says, up to the end of the "iref" box whatever the size of the reference's own box; of two
+// lists of one item's cells, the first.
 void readIref(Input payload, std::map<uint32_t, Item>& items) {
   if (payload.size() < 4) return;
   const size_t idBytes = payload[0] == 0 ? 2 : 4;
-  for (const Box& reference : boxesOf(payload.subspan(4))) {
-    if (std::memcmp(reference.type, "dimg", 4) != 0) continue;
-    ByteReader in{reference.payload};
+  ByteReader in{payload, 4};
+  std::set<uint32_t> derived;
+  while (in.at < payload.size()) {
+    if (in.read(4) == 1) in.read(8);  // the reference's box size, which libheif passes over
+    const Input type = in.take(4);
+    if (in.ok && !std::memcmp(type.data(), "uuid", 4)) in.take(16);
+    if (!in.ok) return;  // libheif refuses the file
     const uint32_t from = uint32_t(in.read(idBytes));
     const uint64_t count = in.read(2);
     std::vector<uint32_t> to;
-    for (uint64_t i = 0; i < count && in.ok; ++i) to.push_back(uint32_t(in.read(idBytes)));
-    if (in.ok) items[from].cells = std::move(to);
+    // A list cut short by the end of the box keeps the last identifier read, 0 when cut in it.
+    for (uint64_t i = 0; i < count; ++i) {
+      to.push_back(uint32_t(in.read(idBytes)));
+      if (in.at >= payload.size()) break;
+    }
+    if (!std::memcmp(type.data(), "dimg", 4) && derived.insert(from).second)
+      items[from].cells = std::move(to);
   }
 }
 

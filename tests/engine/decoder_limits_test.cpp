@@ -155,6 +155,9 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
   Bytes unknownCell = fixtures::grid(cell, 2, 2, {.overlayWidth = 128, .overlayHeight = 128});
   std::search(unknownCell.begin(), unknownCell.end(), std::begin("hvc1"), std::end("hvc1") - 1)[3] = '2';
   files.push_back({"overlay of an unknown item", unknownCell, codedLargerThanDeclared});
+  // The same with its list of cells counted one too many: libheif reads the four up to the end.
+  std::search(unknownCell.begin(), unknownCell.end(), std::begin("dimg"), std::end("dimg") - 1)[7] = 5;
+  files.push_back({"overlay of an unknown item, miscounted", unknownCell, codedLargerThanDeclared});
   // Cells decoded whole however little of them the picture shows: 64 x 64 cells declared
   // 12000 x 12000 (24000 x 24000), four times 144 megapixels in an overlay of 16 x 16 and one
   // of 576 in a grid of 16 x 16, each within the limit alone. Without the limit libheif's work
@@ -210,6 +213,7 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
       "costly.heic", fixtures::grid(fixtures::withDeclaredSize(cell, 10000, 10000), 1, 1,
                                     {.overlayWidth = 16, .overlayHeight = 16, .width = 16, .height = 16}));
   EXPECT_GT(EncodeCost::peakBytes(costly, ImageFormat::jpeg, 75).value_or(0), 1'000'000'000u);
+  EXPECT_EQ(ImageDecoder::inspect(costly).heldCellPixels, 10048u * 10048);  // in whole blocks
 }
 
 TEST(ValidJpegs, APartlyDownloadedPhotoAndAFlatArithmeticCodedOneDecode) {
