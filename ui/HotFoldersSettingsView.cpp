@@ -297,8 +297,8 @@ void HotFoldersSettingsView::refreshForm() {
   }
   qualityReadout_->setText(QString::number(int(newQuality_)) + QLatin1Char('%'));
   cancel_->setVisible(editing);
-  save_->setText(editing ? Strings::text("settings.profiles.update")
-                         : Strings::text("settings.profiles.save"));
+  Mnemonics::setText(
+      save_, editing ? Strings::text("settings.profiles.update") : Strings::text("settings.profiles.save"));
   save_->setEnabled(isFormValid());
 }
 

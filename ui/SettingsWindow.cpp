@@ -53,13 +53,13 @@ SettingsWindow::SettingsWindow(Services services, QWidget* parent) : QWidget(par
 }
 
 void SettingsWindow::assignAccessKeys() {
-  // Alt with a letter reaches the tabs and what the current page shows, so the pages share only
-  // the tabs' letters.
+  // Alt with a letter reaches the tabs and what the current page shows (its fields and buttons),
+  // so the pages share only the tabs' letters.
   QString tabKeys;
   Mnemonics::assign(tabs_, tabKeys);
   for (int i = 0; i < tabs_->count(); ++i) {
     QString taken = tabKeys;
-    Mnemonics::assignLabels(tabs_->widget(i), taken);
+    Mnemonics::assignControls(tabs_->widget(i), taken);
   }
 }
 

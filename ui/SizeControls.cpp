@@ -192,7 +192,7 @@ void SizeButtonView::showPopup() {
           [this](const CompressionOptions& options) { viewModel_.setCompressionOptions(options); });
   layout->addWidget(editor);
   QString taken;
-  Mnemonics::assignLabels(popup_, taken);
+  Mnemonics::assignControls(popup_, taken);
   popup_->adjustSize();
   const QRect anchor(button_->mapToGlobal(QPoint(0, 0)), button_->size());
   QPoint pos(anchor.left(), anchor.bottom() + 4);

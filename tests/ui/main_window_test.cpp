@@ -490,15 +490,25 @@ TEST_F(WindowEdgesTest, EveryMenuEntryAndFieldLabelHasAnAccessKeyOfItsOwn) {
     QStringList tabKeys;
     for (int tab = 0; tab < settings.tabs()->count(); ++tab)
       tabKeys << QKeySequence::mnemonic(settings.tabs()->tabText(tab)).toString();
-    for (int tab = 0; tab < settings.tabs()->count(); ++tab) {
-      QStringList keys = tabKeys;
-      for (QWidget* w : settings.tabs()->widget(tab)->findChildren<QWidget*>()) {
-        const auto* label = qobject_cast<QLabel*>(w);
-        const auto* box = qobject_cast<QCheckBox*>(w);
-        if ((box || (label && label->buddy())) && w->objectName() != "enabledSwitch")  // rows: one text
-          keys << QKeySequence::mnemonic(box ? box->text() : label->text()).toString();
+    // Each page new, then with a profile and a hot folder being edited ("Add" reads "Save Changes").
+    for (const bool editing : {false, true}) {
+      if (editing)
+        for (QToolButton* edit : settings.findChildren<QToolButton*>("editButton")) edit->click();
+      for (int tab = 0; tab < settings.tabs()->count(); ++tab) {
+        const QList<QWidget*> widgets = settings.tabs()->widget(tab)->findChildren<QWidget*>();
+        QSet<QWidget*> buddies;  // a label's key reaches them; a format shown is no key
+        for (QWidget* w : widgets)
+          if (auto* label = qobject_cast<QLabel*>(w)) buddies << label->buddy();
+        QStringList keys = tabKeys;
+        for (QWidget* w : widgets) {
+          const auto* label = qobject_cast<QLabel*>(w);
+          const auto* button = qobject_cast<QAbstractButton*>(w);
+          if (w->objectName() == "enabledSwitch" || buddies.contains(w)) continue;  // rows: one text
+          if ((button && !button->text().isEmpty()) || (label && label->buddy()))
+            keys << QKeySequence::mnemonic(button ? button->text() : label->text()).toString();
+        }
+        EXPECT_TRUE(unique(keys) && keys.size() > tabKeys.size()) << language << keys.join(' ').toStdString();
       }
-      EXPECT_TRUE(unique(keys) && keys.size() > tabKeys.size()) << language << keys.join(' ').toStdString();
     }
     EXPECT_TRUE(QKeySequence::mnemonic(settings.findChild<QCheckBox*>("enabledSwitch")->text()).isEmpty());
     settings.show();
@@ -508,6 +518,11 @@ TEST_F(WindowEdgesTest, EveryMenuEntryAndFieldLabelHasAnAccessKeyOfItsOwn) {
     auto* pane = control<ui::ExportProfilesSettingsView>(&settings);
     QTest::keySequence(&settings, QKeySequence::mnemonic(control<QLabel>(pane, "quality.label")->text()));
     EXPECT_EQ(QApplication::focusWidget(), pane->findChild<QSlider*>()) << language;
+    QPushButton* cancel = nullptr;
+    for (QPushButton* button : pane->findChildren<QPushButton*>())
+      if (button->text().remove('&') == Strings::text("settings.profiles.cancelEdit")) cancel = button;
+    QTest::keySequence(&settings, QKeySequence::mnemonic(cancel->text()));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !cancel->isVisible(); })) << "editing ended";  // a click shown
   }
   useLanguage({});
 }
