@@ -97,9 +97,10 @@ void EncodeScheduler::schedule(const std::shared_ptr<ImportedImage>& image, bool
   auto task = std::make_shared<Task>();
   task->image = image;
   task->settings = settings;
-  task->costMB = CompressionCost::encodeCostMB({image->originalFormat(), image->width(), image->height(),
-                                                uint64_t(std::max<int64_t>(image->originalSizeBytes(), 0))},
-                                               settings.format, settings.quality);
+  task->costMB = CompressionCost::encodeCostMB(
+      {image->originalFormat(), image->width(), image->height(),
+       uint64_t(std::max<int64_t>(image->originalSizeBytes(), 0)), image->heldCellPixels()},
+      settings.format, settings.quality);
   tasks_[id] = task;
 
   if (!debounce) {

@@ -47,6 +47,7 @@ ImportedImage::ImportedImage(QUrl sourceURL, const ImageDecoder::LightDecodedIma
       width_(decoded.pixelWidth),
       height_(decoded.pixelHeight),
       frameCount_(decoded.frameCount),
+      heldCellPixels_(decoded.heldCellPixels),
       thumbnail_(decoded.thumbnail),
       hasTransparency_(anyTransparent(thumbnail_)) {}
 

@@ -101,6 +101,8 @@ class ImportedImage : public QObject {
   int width() const { return width_; }
   int height() const { return height_; }
   int frameCount() const { return frameCount_; }
+  // The cells its decode holds beside the picture (LightDecodedImage::heldCellPixels).
+  uint64_t heldCellPixels() const { return heldCellPixels_; }
   bool isAnimated() const { return frameCount_ > 1; }
 
   // Observable fields. GUI thread only.
@@ -164,6 +166,7 @@ class ImportedImage : public QObject {
   const int width_;
   const int height_;
   const int frameCount_;
+  const uint64_t heldCellPixels_;
   DecodedImage thumbnail_;
   bool hasTransparency_ = false;
 

@@ -52,8 +52,8 @@ heif_error append(heif_context*, const void* data, size_t size, void* out) {
   return {heif_error_Ok, heif_suberror_Unspecified, ""};
 }
 
-// The same as HEIC (x265, ultrafast).
-fixtures::Bytes flatHeic(int size) {
+// The same as HEIC (x265, ultrafast), of 8 or 10 bits.
+fixtures::Bytes flatHeic(int size, int depth = 8) {
   CHandle<heif_context, heif_context_free> context(heif_context_alloc());
   heif_image* raw = nullptr;
   require(heif_image_create(size, size, heif_colorspace_YCbCr, heif_chroma_420, &raw).code == heif_error_Ok,
@@ -61,9 +61,17 @@ fixtures::Bytes flatHeic(int size) {
   CHandle<heif_image, heif_image_release> image(raw);
   for (heif_channel channel : {heif_channel_Y, heif_channel_Cb, heif_channel_Cr}) {
     const int side = channel == heif_channel_Y ? size : (size + 1) / 2;
-    require(heif_image_add_plane(raw, channel, side, side, 8).code == heif_error_Ok, "plane");
+    require(heif_image_add_plane(raw, channel, side, side, depth).code == heif_error_Ok, "plane");
     int stride = 0;
-    std::memset(heif_image_get_plane(raw, channel, &stride), 128, size_t(stride) * size_t(side));
+    uint8_t* plane = heif_image_get_plane(raw, channel, &stride);
+    for (int y = 0; y < side; ++y)
+      for (int x = 0; x < side; ++x)
+        if (depth > 8) {
+          const uint16_t grey = uint16_t(1 << (depth - 1));
+          std::memcpy(plane + size_t(y) * size_t(stride) + size_t(x) * 2, &grey, 2);
+        } else {
+          plane[size_t(y) * size_t(stride) + size_t(x)] = 128;
+        }
   }
   heif_encoder* rawEncoder = nullptr;
   require(heif_context_get_encoder_for_format(context.get(), heif_compression_HEVC, &rawEncoder).code ==
@@ -115,6 +123,15 @@ int main(int argc, char** argv) {
   // Files that lie.
   write("understated-16384.avif", [] { return fixtures::withDeclaredSize(flatAvif(16384), 12, 16); });
   write("understated-8192.heic", [] { return fixtures::withDeclaredSize(flatHeic(8192), 12, 16); });
+  // 20480 x 20480 at 10 bits: 419 megapixels, 2.5 GB as 16-bit RGB, which libheif sizes in an int.
+  write("grid-20480-10bit.heic", [] { return fixtures::grid(flatHeic(512, 10), 40, 40); });
+  // Overlays of 16 x 16 made of flat cells of 8192 x 8192 that libheif decodes whole: one, and
+  // nine (604 megapixels together, beyond the limit).
+  for (const int cells : {1, 3})
+    write("overlay-16-of-" + std::to_string(cells * cells) + "x8192.heic", [cells] {
+      return fixtures::grid(flatHeic(8192), cells, cells,
+                            {.overlayWidth = 16, .overlayHeight = 16, .width = 16, .height = 16});
+    });
   write("text-chunks.png", [] {
     return fixtures::withTextChunks(fixtures::png(testing::makeImage(640, 480, testing::Pattern::photo)), 360,
                                     16u << 20);

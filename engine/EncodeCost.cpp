@@ -188,7 +188,7 @@ uint64_t peakBytes(const Source& source, ImageFormat target, double quality) {
   // JPEG took 20 bytes a pixel, an 18-megapixel photo 36).
   if (target == ImageFormat::jxl && source.format == ImageFormat::jpeg && quality >= 90)
     encoding = std::max(encoding, pixels * 4 + kTranscode.at(pixels));
-  const uint64_t decode = uint64_t(decodeBytesPerPixel(source.format) * double(pixels));
+  const uint64_t decode = uint64_t(decodeBytesPerPixel(source.format) * double(pixels + source.cellPixels));
   return source.fileBytes + std::max(decode, encoding);
 }
 
@@ -197,7 +197,8 @@ std::optional<uint64_t> peakBytes(const std::string& path, ImageFormat target, d
   const auto format = ImageFormats::detect(path);
   if (!header || !format) return std::nullopt;
   const uint64_t fileBytes = uint64_t(std::max<int64_t>(ImageDecoder::fileSize(path), 0));
-  return peakBytes(Source{*format, header->width, header->height, fileBytes}, target, quality);
+  return peakBytes(Source{*format, header->width, header->height, fileBytes, header->heldCellPixels}, target,
+                   quality);
 }
 
 }  // namespace quillane::EncodeCost

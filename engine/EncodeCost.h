@@ -52,6 +52,9 @@ struct Source {
   int width = 0;  // as stored; orientation does not change the cost
   int height = 0;
   uint64_t fileBytes = 0;
+  // Of a picture made of cells decoded whole beside it: the most held at once
+  // (ImageService::Properties::heldCellPixels), decoded at the format's cost a pixel.
+  uint64_t cellPixels = 0;
 };
 
 // The peak of ImageCompressor::compress of such a source to `target` at `quality`, in bytes

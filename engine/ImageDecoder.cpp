@@ -73,9 +73,11 @@ LightDecodedImage inspect(const std::string& path) {
     throw ImageProcessingError::decodingFailed("no image properties: " + path);
   // What can never be encoded is refused at import, not after it.
   if (props->width > kMaxDimension || props->height > kMaxDimension ||
-      uint64_t(props->width) * uint64_t(props->height) > kMaxPixels)
+      uint64_t(props->width) * uint64_t(props->height) > std::min(kMaxPixels, props->maxPixels) ||
+      props->cellPixels > kMaxPixels)
     throw ImageProcessingError::decodingFailed("picture larger than the accepted maximum: " + path);
   LightDecodedImage light{*format, props->width, props->height, fileSize(path), props->frameCount, {}};
+  light.heldCellPixels = props->heldCellPixels;
   // A header that gives no estimate counts as too costly: not decoding is the safe side.
   const uint64_t peak = ImageService::thumbnailPeakBytes(*format, *file, kThumbnailSize).value_or(UINT64_MAX);
   if (peak <= kInspectionMemory) {

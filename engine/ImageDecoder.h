@@ -28,6 +28,9 @@ struct LightDecodedImage {
   // At most 256 pixels on the longer side, upright, 8-bit; empty when making it would take
   // more than kInspectionMemory.
   DecodedImage thumbnail;
+  // Of a picture made of cells decoded whole, the most held at once beside it
+  // (ImageService::Properties::heldCellPixels): what its decode costs besides its own pixels.
+  uint64_t heldCellPixels = 0;
 };
 
 // What inspection may take at its peak besides the process's own memory: the file's bytes

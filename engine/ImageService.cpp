@@ -97,7 +97,8 @@ DecodedImage decodeFirstFrame(std::span<const uint8_t> bytes) {
     // Refused before anything is allocated when the decode and the encode after it would not
     // fit; a picture whose header can't be read fails in its reader.
     if (auto props = properties(bytes))
-      codecs::checkFitsInMemory(uint64_t(props->width) * uint64_t(props->height), codecs::kPeakBytesPerPixel);
+      codecs::checkFitsInMemory(uint64_t(props->width) * uint64_t(props->height) + props->heldCellPixels,
+                                codecs::kPeakBytesPerPixel);
     return decode(*format, bytes, 0);
   } catch (const ImageProcessingError&) {
     throw;

@@ -27,6 +27,11 @@ struct Properties {
   int height = 0;
   std::optional<int> orientation;  // EXIF 1...8 where the file states one that the decoder won't apply
   int frameCount = 1;
+  // A picture its decoder makes of cells decoded whole (a HEIF grid or overlay): the pixels of
+  // all its cells, and of the most held at once beside the picture (codecs::DerivedCells).
+  uint64_t cellPixels = 0, heldCellPixels = 0;
+  // The most pixels its decoder takes at its depth, when fewer than kMaxPixels.
+  uint64_t maxPixels = kMaxPixels;
 };
 
 // Header-only read of image 0. Nothing when the bytes are not a readable image of the six
@@ -34,7 +39,8 @@ struct Properties {
 std::optional<Properties> properties(std::span<const uint8_t> bytes);
 
 // Full decode of image 0, not turned, at its own depth (8 or 16 bits). Grey and CMYK become
-// RGB. Refuses pictures above kMaxPixels before allocating them.
+// RGB. Refuses pictures above kMaxPixels (or their Properties::maxPixels), and whose cells
+// together exceed it, before allocating them.
 // Throws ImageProcessingError::decodingFailed.
 DecodedImage decodeFirstFrame(std::span<const uint8_t> bytes);
 

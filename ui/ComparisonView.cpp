@@ -21,6 +21,7 @@
 #include "engine/Resample.h"
 #include "services/SettingsFile.h"
 #include "services/Strings.h"
+#include "ui/ChoiceButton.h"
 #include "ui/ComparisonGeometry.h"
 #include "ui/Icons.h"
 #include "ui/SettingsForm.h"
@@ -70,10 +71,9 @@ SidePictures decodeSide(std::span<const uint8_t> bytes, int fitSize, QSize full)
   return side;
 }
 
-QToolButton* zoomButton(QWidget* parent, const QString& text, const QString& name, const QKeySequence& key) {
-  auto* button = new QToolButton(parent);
+ChoiceButton* zoomButton(QWidget* parent, const QString& text, const QString& name, const QKeySequence& key) {
+  auto* button = new ChoiceButton(parent);
   button->setText(text);
-  button->setCheckable(true);
   button->setAutoRaise(true);
   // A click leaves the focus on the picture, whose keys then go on working.
   button->setFocusPolicy(Qt::TabFocus);

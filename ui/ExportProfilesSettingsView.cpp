@@ -19,6 +19,7 @@
 #include "records/ExportProfile.h"
 #include "services/Strings.h"
 #include "ui/Icons.h"
+#include "ui/Mnemonics.h"
 #include "ui/QualityControls.h"
 #include "ui/SettingsForm.h"
 #include "ui/SizeControls.h"
@@ -193,8 +194,8 @@ void ExportProfilesSettingsView::refreshForm() {
                                    : Strings::text("settings.profiles.folderNone"));
   clearFolder_->setVisible(newFolder_.has_value());
   cancel_->setVisible(editing);
-  save_->setText(editing ? Strings::text("settings.profiles.update")
-                         : Strings::text("settings.profiles.save"));
+  Mnemonics::setText(
+      save_, editing ? Strings::text("settings.profiles.update") : Strings::text("settings.profiles.save"));
   save_->setEnabled(!name_->text().trimmed().isEmpty());
 }
 

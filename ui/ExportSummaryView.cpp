@@ -1,5 +1,6 @@
 #include "ui/ExportSummaryView.h"
 
+#include <QAccessibleWidget>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
@@ -23,10 +24,24 @@ const QString kPath = QStringLiteral("/org/freedesktop/Notifications");
 const QString kShowAction = QStringLiteral("show-in-folder");
 // More names than this are cut short: the banner is a summary, the history has them all.
 constexpr int kMaxNames = 8;
+
+// Screen readers speak a notification when it comes to show (on Linux, AT-SPI's
+// "object:state-changed:showing", which Qt sends as the widget is shown), with its name and
+// description; Qt's bridge drops an Alert event.
+QAccessibleInterface* summaryAccessible(const QString& className, QObject* object) {
+  if (className == QLatin1String(ExportSummaryView::staticMetaObject.className()) && object->isWidgetType())
+    return new QAccessibleWidget(static_cast<QWidget*>(object), QAccessible::Notification);
+  return nullptr;
+}
 }  // namespace
 
 ExportSummaryView::ExportSummaryView(std::function<void(const QList<QUrl>&)> showInFolder, QWidget* parent)
     : QFrame(parent), showFiles_(std::move(showInFolder)) {
+  static const bool factoryInstalled = [] {
+    QAccessible::installFactory(summaryAccessible);
+    return true;
+  }();
+  (void)factoryInstalled;
   setObjectName(QStringLiteral("exportSummary"));
   setFrameShape(QFrame::StyledPanel);
   setAutoFillBackground(true);
@@ -84,7 +99,12 @@ void ExportSummaryView::present(const ExportSummary& summary, bool notify) {
   setAccessibleName(Strings::text("export.summary.title"));
   setAccessibleDescription(shown.join(QLatin1Char('\n')));
   showInFolder_->setVisible(!written_.isEmpty());
+  // Shown anew even when the last summary still shows, for screen readers to speak it; a button
+  // of the banner that had the focus keeps it.
+  QWidget* focused = isAncestorOf(window()->focusWidget()) ? window()->focusWidget() : nullptr;
+  hide();
   show();
+  if (focused) (focused->isVisible() ? focused : close_)->setFocus(Qt::OtherFocusReason);
   if (notify) sendNotification(shown);
 }
 

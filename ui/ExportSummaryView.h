@@ -5,6 +5,8 @@
 // (Escape closes it too). It blocks nothing and stays until closed or replaced by the next
 // export's. When the window is not the active one, the same news goes out as a desktop
 // notification (org.freedesktop.Notifications) whose "Show in Folder" action does the same.
+// Screen readers meet it as a notification, named by its title and described by its lines, and
+// speak it as each export's summary comes to show.
 //
 // GUI thread only.
 
@@ -27,7 +29,8 @@ class ExportSummaryView : public QFrame {
   // `showInFolder` shows the files written in the file manager.
   ExportSummaryView(std::function<void(const QList<QUrl>&)> showInFolder, QWidget* parent = nullptr);
 
-  // Shows `summary` in place of the last one; with `notify`, also as a desktop notification.
+  // Shows `summary` in place of the last one, hidden and shown again; with `notify`, also as a
+  // desktop notification.
   void present(const ExportSummary& summary, bool notify);
   // The summary's lines, as the banner and the notification give them.
   static QStringList lines(const ExportSummary& summary);

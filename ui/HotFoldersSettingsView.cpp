@@ -80,6 +80,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
 
   existing_ = new QGroupBox(Strings::text("settings.hotFolders.existingSection"), this);
   rows_ = new QVBoxLayout(existing_);
+  Mnemonics::leaveOut(existing_);  // every row's switch is "Enabled"
   layout->addWidget(existing_);
 
   // The form.
@@ -296,8 +297,8 @@ void HotFoldersSettingsView::refreshForm() {
   }
   qualityReadout_->setText(QString::number(int(newQuality_)) + QLatin1Char('%'));
   cancel_->setVisible(editing);
-  save_->setText(editing ? Strings::text("settings.profiles.update")
-                         : Strings::text("settings.profiles.save"));
+  Mnemonics::setText(
+      save_, editing ? Strings::text("settings.profiles.update") : Strings::text("settings.profiles.save"));
   save_->setEnabled(isFormValid());
 }
 

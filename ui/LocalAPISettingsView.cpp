@@ -19,6 +19,7 @@
 #include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
+#include "ui/Mnemonics.h"
 #include "ui/SettingsForm.h"
 
 namespace quillane::ui {
@@ -140,11 +141,11 @@ void LocalAPISettingsView::copyToken() {
   clipboard->clear();
   clipboard->setText(token_->text());
   didCopyToken_ = true;
-  copy_->setText(Strings::text("settings.api.tokenCopied"));
+  Mnemonics::setText(copy_, Strings::text("settings.api.tokenCopied"));
   // Each copy schedules its own clearing; the first to come ends the copied state.
   QTimer::singleShot(1500, this, [this] {
     didCopyToken_ = false;
-    copy_->setText(Strings::text("settings.api.copyToken"));
+    Mnemonics::setText(copy_, Strings::text("settings.api.copyToken"));
   });
 }
 

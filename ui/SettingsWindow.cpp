@@ -10,6 +10,7 @@
 #include "ui/ExportProfilesSettingsView.h"
 #include "ui/Icons.h"
 #include "ui/LocalAPISettingsView.h"
+#include "ui/Mnemonics.h"
 #include "ui/SettingsForm.h"
 #include "ui/SmallSettingsViews.h"
 
@@ -47,7 +48,19 @@ SettingsWindow::SettingsWindow(Services services, QWidget* parent) : QWidget(par
   addAction(closeWindow);
   resize(680, 560);
   setMinimumHeight(420);
+  assignAccessKeys();
   fitMinimumWidthToTabs();
+}
+
+void SettingsWindow::assignAccessKeys() {
+  // Alt with a letter reaches the tabs and what the current page shows (its fields and buttons),
+  // so the pages share only the tabs' letters.
+  QString tabKeys;
+  Mnemonics::assign(tabs_, tabKeys);
+  for (int i = 0; i < tabs_->count(); ++i) {
+    QString taken = tabKeys;
+    Mnemonics::assignControls(tabs_->widget(i), taken);
+  }
 }
 
 void SettingsWindow::fitMinimumWidthToTabs() {
@@ -59,6 +72,7 @@ void SettingsWindow::fitMinimumWidthToTabs() {
 
 void SettingsWindow::insertHotFoldersPane(QWidget* pane) {
   addPane(pane, "eye", "settings.hotFolders.title", tabs_->count() - kUpdatesTabFromEnd);
+  assignAccessKeys();
   fitMinimumWidthToTabs();
 }
 

@@ -44,6 +44,8 @@ class SettingsWindow : public QWidget {
  private:
   // Adds `pane` in a scroll area as the tab at `index` (-1: the last).
   void addPane(QWidget* pane, const char* icon, const char* titleKey, int index = -1);
+  // Access keys for the tabs and for the labels of each pane's fields and its buttons.
+  void assignAccessKeys();
   // At least 560 x 420, and wide enough for every tab's title to show whole.
   void fitMinimumWidthToTabs();
 

@@ -20,6 +20,7 @@
 #include "engine/DecodedImage.h"
 #include "services/Strings.h"
 #include "ui/Icons.h"
+#include "ui/Mnemonics.h"
 #include "ui/SettingsForm.h"
 #include "ui/UiText.h"
 
@@ -190,6 +191,8 @@ void SizeButtonView::showPopup() {
   connect(editor, &SizeOptionsEditor::changed, this,
           [this](const CompressionOptions& options) { viewModel_.setCompressionOptions(options); });
   layout->addWidget(editor);
+  QString taken;
+  Mnemonics::assignControls(popup_, taken);
   popup_->adjustSize();
   const QRect anchor(button_->mapToGlobal(QPoint(0, 0)), button_->size());
   QPoint pos(anchor.left(), anchor.bottom() + 4);

@@ -1,11 +1,14 @@
 // The size a HEIF or AVIF file's coded pictures really have, read from their own bitstreams
 // (HEVC sequence parameter sets, AV1 sequence headers), against the size their items declare
 // ("ispe"). The decoders allocate what the bitstream says: a 3 KB file declaring 12 x 16 could
-// otherwise decode at 16384 x 16384 behind estimates made from its boxes.
+// otherwise decode at 16384 x 16384 behind estimates made from its boxes. Likewise the cells of
+// grids and overlays, which libheif decodes whole whatever part of them a picture shows.
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <map>
+#include <set>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -280,17 +283,29 @@ void readIloc(Input payload, std::map<uint32_t, Item>& items) {
   }
 }
 
+// As libheif 1.15 reads them: one reference after another, each list as long as its count
+// says, up to the end of the "iref" box whatever the size of the reference's own box; of two
+// lists of one item's cells, the first.
 void readIref(Input payload, std::map<uint32_t, Item>& items) {
   if (payload.size() < 4) return;
   const size_t idBytes = payload[0] == 0 ? 2 : 4;
-  for (const Box& reference : boxesOf(payload.subspan(4))) {
-    if (std::memcmp(reference.type, "dimg", 4) != 0) continue;
-    ByteReader in{reference.payload};
+  ByteReader in{payload, 4};
+  std::set<uint32_t> derived;
+  while (in.at < payload.size()) {
+    if (in.read(4) == 1) in.read(8);  // the reference's box size, which libheif passes over
+    const Input type = in.take(4);
+    if (in.ok && !std::memcmp(type.data(), "uuid", 4)) in.take(16);
+    if (!in.ok) return;  // libheif refuses the file
     const uint32_t from = uint32_t(in.read(idBytes));
     const uint64_t count = in.read(2);
     std::vector<uint32_t> to;
-    for (uint64_t i = 0; i < count && in.ok; ++i) to.push_back(uint32_t(in.read(idBytes)));
-    if (in.ok) items[from].cells = std::move(to);
+    // A list cut short by the end of the box keeps the last identifier read, 0 when cut in it.
+    for (uint64_t i = 0; i < count; ++i) {
+      to.push_back(uint32_t(in.read(idBytes)));
+      if (in.at >= payload.size()) break;
+    }
+    if (!std::memcmp(type.data(), "dimg", 4) && derived.insert(from).second)
+      items[from].cells = std::move(to);
   }
 }
 
@@ -311,6 +326,114 @@ void readIpma(Input payload, std::map<uint32_t, Item>& items) {
     }
   }
 }
+
+// The last property of `type` given to an item, as libheif takes it; nothing when none.
+const Box* propertyOf(const Item& item, const std::vector<Box>& properties, const char* type) {
+  const Box* found = nullptr;
+  for (uint32_t index : item.properties)
+    if (index <= properties.size() && !std::memcmp(properties[index - 1].type, type, 4))
+      found = &properties[index - 1];
+  return found;
+}
+
+bool isType(const Item& item, const char* type) { return !std::memcmp(item.type, type, 4); }
+
+// An item list: its items, their properties, and the data stored within it ("idat"). The boxes
+// point into the payload it was read from.
+struct ItemList {
+  std::map<uint32_t, Item> items;
+  std::vector<Box> properties;
+  Input idat;
+};
+
+ItemList readItemList(Input meta) {
+  ItemList list;
+  if (meta.size() < 4) return list;
+  const std::vector<Box> inMeta = boxesOf(meta.subspan(4));
+  if (const Box* iinf = find(inMeta, "iinf")) {
+    const size_t countBytes = iinf->payload.size() > 0 && iinf->payload[0] == 0 ? 2 : 4;
+    if (iinf->payload.size() >= 4 + countBytes)
+      for (const Box& infe : boxesOf(iinf->payload.subspan(4 + countBytes)))
+        if (!std::memcmp(infe.type, "infe", 4)) readInfe(infe.payload, list.items);
+  }
+  if (const Box* iloc = find(inMeta, "iloc")) readIloc(iloc->payload, list.items);
+  if (const Box* iref = find(inMeta, "iref")) readIref(iref->payload, list.items);
+  if (const Box* iprp = find(inMeta, "iprp")) {
+    const std::vector<Box> inIprp = boxesOf(iprp->payload);
+    if (const Box* ipco = find(inIprp, "ipco")) list.properties = boxesOf(ipco->payload);
+    for (const Box& ipma : inIprp)
+      if (!std::memcmp(ipma.type, "ipma", 4)) readIpma(ipma.payload, list.items);
+  }
+  if (const Box* idat = find(inMeta, "idat")) list.idat = idat->payload;
+  return list;
+}
+
+// An item's declared size ("ispe"); nothing when it has none.
+std::optional<Size> declaredSize(const Item& item, const std::vector<Box>& properties) {
+  const Box* ispe = propertyOf(item, properties, "ispe");
+  if (!ispe || ispe->payload.size() < 12) return std::nullopt;
+  ByteReader in{ispe->payload, 4};
+  Size size;
+  size.width = in.read(4);
+  size.height = in.read(4);
+  return size;
+}
+
+uint64_t saturatingAdd(uint64_t a, uint64_t b) { return a > UINT64_MAX - b ? UINT64_MAX : a + b; }
+
+// The cells libheif decodes to make the derived pictures (grids, overlays, "iden") of an item
+// list, each whole at its own size whatever part of it the picture shows, one after another
+// in an overlay and up to four at once in a grid.
+class CellCounter {
+ public:
+  explicit CellCounter(const ItemList& list) : list_(list) {}
+
+  DerivedCells of(uint32_t id, int depth = 0) {
+    const auto item = list_.items.find(id);
+    if (item == list_.items.end() || !isDerived(item->second)) return {};
+    if (const auto known = counted_.find(id); known != counted_.end()) return known->second;
+    // libheif follows the references as deep as they go: a picture made of itself never ends.
+    if (!open_.insert(id).second) fail("a picture made of itself");
+    if (depth > kMaxNesting) fail("pictures nested deeper than any picture needs");
+    DerivedCells cells;
+    std::vector<uint64_t> held;
+    for (const uint32_t cellId : item->second.cells) {
+      const DerivedCells inner = of(cellId, depth + 1);
+      const uint64_t own = pixelsOf(cellId);
+      cells.all = saturatingAdd(cells.all, saturatingAdd(own, inner.all));
+      held.push_back(saturatingAdd(own, inner.heldAtOnce));
+    }
+    const size_t atOnce = std::min(held.size(), size_t(isType(item->second, "grid") ? 4 : 1));
+    std::partial_sort(held.begin(), held.begin() + std::ptrdiff_t(atOnce), held.end(), std::greater<>());
+    for (size_t i = 0; i < atOnce; ++i) cells.heldAtOnce = saturatingAdd(cells.heldAtOnce, held[i]);
+    open_.erase(id);
+    return counted_[id] = cells;
+  }
+
+  static bool isDerived(const Item& item) {
+    return isType(item, "grid") || isType(item, "iovl") || isType(item, "iden");
+  }
+
+ private:
+  static constexpr int kMaxNesting = 16;
+
+  // A cell's own pixels: its declared size, for a coded picture in the whole blocks (up to 64
+  // pixels) its decoder allocates; the checks keep both honest.
+  uint64_t pixelsOf(uint32_t id) const {
+    const auto item = list_.items.find(id);
+    if (item == list_.items.end()) return 0;
+    const std::optional<Size> size = declaredSize(item->second, list_.properties);
+    if (!size) return 0;
+    const uint64_t block = isDerived(item->second) ? 1 : 64;
+    const uint64_t width = (size->width + block - 1) / block * block,
+                   height = (size->height + block - 1) / block * block;
+    return width != 0 && height > UINT64_MAX / width ? UINT64_MAX : width * height;
+  }
+
+  const ItemList& list_;
+  std::map<uint32_t, DerivedCells> counted_;
+  std::set<uint32_t> open_;
+};
 
 // The bytes of an item: its one extent in place where the file is in memory, or read (and
 // several joined) into `joined`; nothing when they are not all within the file (an extent of
@@ -351,10 +474,7 @@ void checkWithin(const Coded& coded, uint64_t width, uint64_t height) {
 // ("ispe"), either way round.
 void checkDerived(const Item& item, bool overlay, ByteSource& file, Input idat,
                   const std::vector<Box>& properties) {
-  const Box* ispe = nullptr;
-  for (uint32_t index : item.properties)
-    if (index <= properties.size() && !std::memcmp(properties[index - 1].type, "ispe", 4))
-      ispe = &properties[index - 1];
+  const Box* ispe = propertyOf(item, properties, "ispe");
   // Without a declared size libheif takes the one the data names, whatever it is, for a cell of
   // another grid or overlay too.
   if (!ispe || ispe->payload.size() < 12)
@@ -410,55 +530,58 @@ void checkCodedSizes(Input bytes) {
 // The item types libheif holds pictures for.
 constexpr const char* kPictureTypes[] = {"hvc1", "av01", "grid", "iovl", "iden"};
 
+DerivedCells derivedCells(const std::vector<uint8_t>& meta) {
+  const ItemList list = readItemList(meta);
+  CellCounter counter(list);
+  DerivedCells most;
+  for (const auto& [id, item] : list.items) {
+    const DerivedCells cells = counter.of(id);
+    most.all = std::max(most.all, cells.all);
+    most.heldAtOnce = std::max(most.heldAtOnce, cells.heldAtOnce);
+  }
+  return most;
+}
+
 void checkCodedSizes(ByteSource& file) {
   const std::vector<uint8_t> meta = metaPayload(file);
-  if (meta.size() < 4) return;
-  const std::vector<Box> inMeta = boxesOf(Input(meta).subspan(4));
-  std::map<uint32_t, Item> items;
-  if (const Box* iinf = find(inMeta, "iinf")) {
-    const size_t countBytes = iinf->payload.size() > 0 && iinf->payload[0] == 0 ? 2 : 4;
-    if (iinf->payload.size() >= 4 + countBytes)
-      for (const Box& infe : boxesOf(iinf->payload.subspan(4 + countBytes)))
-        if (!std::memcmp(infe.type, "infe", 4)) readInfe(infe.payload, items);
-  }
-  if (const Box* iloc = find(inMeta, "iloc")) readIloc(iloc->payload, items);
-  if (const Box* iref = find(inMeta, "iref")) readIref(iref->payload, items);
-  std::vector<Box> properties;
-  if (const Box* iprp = find(inMeta, "iprp")) {
-    const std::vector<Box> inIprp = boxesOf(iprp->payload);
-    if (const Box* ipco = find(inIprp, "ipco")) properties = boxesOf(ipco->payload);
-    for (const Box& ipma : inIprp)
-      if (!std::memcmp(ipma.type, "ipma", 4)) readIpma(ipma.payload, items);
-  }
-  const Box* idatBox = find(inMeta, "idat");
-  const Input idat = idatBox ? idatBox->payload : Input();
+  const ItemList list = readItemList(meta);
+  const auto& [items, properties, idat] = list;
+  CellCounter cells(list);
 
   // Items often share their data (a grid's cells): each stretch is read once.
   std::map<std::tuple<std::vector<Extent>, const Box*>, Coded> scanned;
   for (const auto& [id, item] : items) {
-    const bool hevc = !std::memcmp(item.type, "hvc1", 4), av1 = !std::memcmp(item.type, "av01", 4);
-    const bool overlay = !std::memcmp(item.type, "iovl", 4);
-    if (overlay || !std::memcmp(item.type, "grid", 4)) {
+    const bool hevc = isType(item, "hvc1"), av1 = isType(item, "av01");
+    const bool overlay = isType(item, "iovl");
+    if (CellCounter::isDerived(item)) {
       // libheif 1.15 asserts (and so aborts the process) when an overlay is made of an item it
       // holds no picture for.
       for (const uint32_t cellId : item.cells) {
         const auto cell = items.find(cellId);
-        if (cell == items.end() ||
-            std::none_of(std::begin(kPictureTypes), std::end(kPictureTypes),
-                         [&](auto type) { return !std::memcmp(cell->second.type, type, 4); }))
+        if (cell == items.end() || std::none_of(std::begin(kPictureTypes), std::end(kPictureTypes),
+                                                [&](auto type) { return isType(cell->second, type); }))
           fail("grid or overlay of an item that is no picture");
       }
-      checkDerived(item, overlay, file, idat, properties);
+      // Its cells are decoded whole however little of them it shows: a 16 x 16 overlay of a
+      // flat 20000 x 20000 cell is a small file.
+      if (cells.of(id).all > kMaxPixels) fail(kTooLarge);
+      if (isType(item, "iden")) {
+        // Its picture is its cell's, at the cell's size.
+        const std::optional<Size> declared = declaredSize(item, properties);
+        for (const uint32_t cellId : item.cells) {
+          const std::optional<Size> cell = declaredSize(items.at(cellId), properties);
+          if (!declared || !cell ||
+              !((cell->width <= declared->width && cell->height <= declared->height) ||
+                (cell->width <= declared->height && cell->height <= declared->width)))
+            fail("derived picture larger than the size its file declares");
+        }
+      } else {
+        checkDerived(item, overlay, file, idat, properties);
+      }
       continue;
     }
     if (!hevc && !av1) continue;
-    const Box *config = nullptr, *ispe = nullptr;
-    for (uint32_t index : item.properties) {
-      if (index > properties.size()) continue;
-      const Box& property = properties[index - 1];
-      if (!std::memcmp(property.type, hevc ? "hvcC" : "av1C", 4)) config = &property;
-      if (!std::memcmp(property.type, "ispe", 4)) ispe = &property;
-    }
+    const Box* config = propertyOf(item, properties, hevc ? "hvcC" : "av1C");
     auto key = std::make_tuple(item.extents, config);
     auto known = scanned.find(key);
     if (known == scanned.end()) {
@@ -489,10 +612,9 @@ void checkCodedSizes(ByteSource& file) {
     const Coded& coded = known->second;
     if (coded.unreadable) fail("unreadable sequence header of a coded picture");
     if (coded.largest.width == 0) continue;  // no header here: the decoder finds none either
-    if (!ispe || ispe->payload.size() < 12) fail("coded picture without a declared size");
-    ByteReader in{ispe->payload, 4};
-    const uint64_t width = in.read(4), height = in.read(4);
-    checkWithin(coded, width, height);
+    const std::optional<Size> declared = declaredSize(item, properties);
+    if (!declared) fail("coded picture without a declared size");
+    checkWithin(coded, declared->width, declared->height);
   }
 }
 

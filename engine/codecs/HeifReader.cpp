@@ -21,6 +21,16 @@ namespace {
 using OptionsPtr = CHandle<heif_decoding_options, heif_decoding_options_free>;
 using NclxPtr = CHandle<heif_color_profile_nclx, heif_nclx_color_profile_free>;
 
+// libheif 1.15 sizes a plane in an int (its rows times their bytes), which a picture of 16-bit
+// interleaved RGBA, 8 bytes a pixel, overflows from 268 megapixels (2 GiB): such a decode
+// fails only after the decoder's and the conversion's planes, some 4 GB, were made. Pictures
+// wider than 8 bits are taken up to a limit that leaves room for the rows' padding.
+constexpr uint64_t kMaxWidePixels = 256ull * 1000 * 1000;
+
+uint64_t maxPixels(heif_image_handle* handle) {
+  return heif_image_handle_get_luma_bits_per_pixel(handle) > 8 ? kMaxWidePixels : kMaxPixels;
+}
+
 struct Opened {
   HeifContextPtr context;
   HeifHandlePtr primary;
@@ -117,13 +127,17 @@ std::optional<Properties> heifProperties(Input bytes) {
 }
 
 std::optional<Properties> heifProperties(ByteSource& source) {
-  metaPayload(source);  // refuses a second item list, which libheif would read in place of the first
+  // Refuses a second item list, which libheif would read in place of the first.
+  const DerivedCells cells = derivedCells(metaPayload(source));
   auto opened = open(source);
   if (!opened) return std::nullopt;
   Properties props;
   props.width = heif_image_handle_get_width(opened->primary.get());
   props.height = heif_image_handle_get_height(opened->primary.get());
   props.frameCount = std::max(1, heif_context_get_number_of_top_level_images(opened->context.get()));
+  props.cellPixels = cells.all;
+  props.heldCellPixels = cells.heldAtOnce;
+  props.maxPixels = maxPixels(opened->primary.get());
   if (props.width <= 0 || props.height <= 0) return std::nullopt;
   return props;
 }
@@ -266,8 +280,9 @@ std::optional<uint64_t> heifReducedDecodeBytes(Input bytes, int minLongSide) {
 std::optional<uint64_t> heifReducedDecodeBytes(ByteSource& source, int minLongSide) {
   // The boxes are scanned by name: the whole file where it is in memory, else its items.
   const std::optional<Input> whole = source.contiguous();
-  const std::vector<uint8_t> meta = whole ? std::vector<uint8_t>() : metaPayload(source);
+  const std::vector<uint8_t> meta = metaPayload(source);
   const Input boxes = whole ? *whole : Input(meta);
+  const uint64_t cells = derivedCells(meta).heldAtOnce;
   const CodedLayout layout = codedLayout(boxes);
   uint64_t pixels = layout.largestPixels;
   double sample = layout.bytesPerSample, alpha = 1;
@@ -285,10 +300,12 @@ std::optional<uint64_t> heifReducedDecodeBytes(ByteSource& source, int minLongSi
   }
   // libheif's planar RGB of the whole picture, and for a single picture the decoder's planes
   // and libheif's copy of them besides (measured: 7.1 bytes a pixel for 8-bit 4:2:0, 3.0 for
-  // a grid of such cells, decoded one at a time); the reduced picture is small.
+  // a grid of such cells, decoded one at a time); the reduced picture is small. The cells of
+  // a grid or overlay held at once take what a single picture does.
   const double decoder = hasGridItem(boxes) ? 0.1 : 2.6;
   const double perPixel = sample * ((3 + alpha) + (layout.samplesPerPixel + alpha) * decoder);
-  return estimatedBytes(double(pixels) * perPixel + double(8u << 20));
+  const double perCellPixel = sample * ((3 + alpha) + (layout.samplesPerPixel + alpha) * 2.6);
+  return estimatedBytes(double(pixels) * perPixel + double(cells) * perCellPixel + double(8u << 20));
 }
 
 DecodedImage decodeHeif(Input bytes, int minLongSide) {
@@ -302,8 +319,10 @@ DecodedImage decodeHeif(ByteSource& source, int minLongSide) {
   checkCodedSizes(source);
   HeifHandlePtr thumbnail = thumbnailOf(opened->primary.get(), minLongSide);
   heif_image_handle* handle = thumbnail ? thumbnail.get() : opened->primary.get();
-  checkSize(uint64_t(std::max(0, heif_image_handle_get_width(handle))),
-            uint64_t(std::max(0, heif_image_handle_get_height(handle))));
+  const uint64_t declaredWidth = uint64_t(std::max(0, heif_image_handle_get_width(handle))),
+                 declaredHeight = uint64_t(std::max(0, heif_image_handle_get_height(handle)));
+  checkSize(declaredWidth, declaredHeight);
+  if (declaredWidth * declaredHeight > maxPixels(handle)) fail(kTooLarge);
   bool alpha = heif_image_handle_has_alpha_channel(handle) != 0;
   bool wide = heif_image_handle_get_luma_bits_per_pixel(handle) > 8;
   heif_chroma chroma = wide

@@ -56,13 +56,23 @@ CodedLayout codedLayout(Input bytes);
 // where their data lies), read alone: the other boxes are passed by their headers. Empty when
 // there is none; throws ImageProcessingError::decodingFailed when it is absurdly large.
 std::vector<uint8_t> metaPayload(ByteSource& file);
+// The cells of the derived pictures (grids, overlays, "iden") of an item list (metaPayload),
+// which libheif decodes whole at their own size whatever part of them a picture shows: the
+// pixels of all of them (a cell as often as it is used, a nested picture's cells too) and the
+// most held at once beside the picture (one cell of an overlay, up to four of a grid, which
+// are decoded in parallel); each the largest over the file's pictures, 0 for a file of coded
+// pictures alone. Throws ImageProcessingError::decodingFailed for a picture made of itself.
+struct DerivedCells {
+  uint64_t all = 0, heldAtOnce = 0;
+};
+DerivedCells derivedCells(const std::vector<uint8_t>& meta);
 // Refuses an ISO-BMFF file (HEIC, AVIF) whose coded pictures are larger than their items
 // declare: the size in each HEVC sequence parameter set or AV1 sequence header, in the item's
 // configuration or its data, against its "ispe" (rounded up to whole 64-pixel blocks), before
 // any decoder allocates what the bitstream says, and a grid whose own output size exceeds its
-// "ispe". Also refuses a coded picture with no declared
-// size, and a header it cannot read. Items whose data lies beyond `bytes` are judged by their
-// configuration alone. Throws ImageProcessingError::decodingFailed.
+// "ispe". Also refuses a coded picture with no declared size, a header it cannot read, and
+// (as kTooLarge) a derived picture whose cells together exceed kMaxPixels. Items whose data lies beyond
+// `bytes` are judged by their configuration alone. Throws ImageProcessingError::decodingFailed.
 void checkCodedSizes(Input bytes);
 // The same over a file, reading its item information and the items' data alone.
 void checkCodedSizes(ByteSource& file);

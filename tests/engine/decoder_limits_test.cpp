@@ -155,6 +155,28 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
   Bytes unknownCell = fixtures::grid(cell, 2, 2, {.overlayWidth = 128, .overlayHeight = 128});
   std::search(unknownCell.begin(), unknownCell.end(), std::begin("hvc1"), std::end("hvc1") - 1)[3] = '2';
   files.push_back({"overlay of an unknown item", unknownCell, codedLargerThanDeclared});
+  // The same with its list of cells counted one too many: libheif reads the four up to the end.
+  std::search(unknownCell.begin(), unknownCell.end(), std::begin("dimg"), std::end("dimg") - 1)[7] = 5;
+  files.push_back({"overlay of an unknown item, miscounted", unknownCell, codedLargerThanDeclared});
+  // Cells decoded whole however little of them the picture shows: 64 x 64 cells declared
+  // 12000 x 12000 (24000 x 24000), four times 144 megapixels in an overlay of 16 x 16 and one
+  // of 576 in a grid of 16 x 16, each within the limit alone. Without the limit libheif's work
+  // follows the cells' true size, whatever they declare.
+  const Bytes cells = fixtures::withDeclaredSize(cell, 12000, 12000);
+  files.push_back(
+      {"overlay of cells beyond the limit together",
+       fixtures::grid(cells, 2, 2, {.overlayWidth = 16, .overlayHeight = 16, .width = 16, .height = 16}),
+       tooLarge});
+  files.push_back(
+      {"grid of a cell beyond the limit",
+       fixtures::grid(fixtures::withDeclaredSize(cell, 24000, 24000), 1, 1, {.width = 16, .height = 16}),
+       tooLarge});
+  // 16384 x 16384 at 10 bits (by its configuration), 2 GiB as 16-bit RGBA: libheif sizes that
+  // in an int.
+  Bytes deep = fixtures::withDeclaredSize(
+      fixtures::heic(fixtures::quadrants(64, 64), {.quality = 40, .alpha = false}), 16384, 16384);
+  std::search(deep.begin(), deep.end(), std::begin("hvcC"), std::end("hvcC") - 1)[4 + 17] |= 2;
+  files.push_back({"16-bit picture of 268 megapixels", deep, tooLarge});
   // Located a second time, at a 1 x 1 grid: libheif reads the first location, so a reader that
   // kept the last would check the wrong grid.
   files.push_back({"grid located twice", understated(true), codedLargerThanDeclared});
@@ -186,6 +208,12 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
     EXPECT_EQ(bool(ImageService::typeIdentifier(file)) && !ImageFormats::detect(file), why == notOurFormat);
   }
   EXPECT_EQ(ImageService::properties(files[0].file)->width, 100000);
+  // Within the limit, an overlay's cost counts the cells it decodes: 100 megapixels, 16 x 16 shown.
+  const std::string costly = dir.write(
+      "costly.heic", fixtures::grid(fixtures::withDeclaredSize(cell, 10000, 10000), 1, 1,
+                                    {.overlayWidth = 16, .overlayHeight = 16, .width = 16, .height = 16}));
+  EXPECT_GT(EncodeCost::peakBytes(costly, ImageFormat::jpeg, 75).value_or(0), 1'000'000'000u);
+  EXPECT_EQ(ImageDecoder::inspect(costly).heldCellPixels, 10048u * 10048);  // in whole blocks
 }
 
 TEST(ValidJpegs, APartlyDownloadedPhotoAndAFlatArithmeticCodedOneDecode) {

@@ -292,9 +292,10 @@ Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& opti
   const Bytes ftyp = box("ftyp", ftypPayload);
   // The grid's description (8 bytes), then the one tile all grid cells point at.
   const bool overlay = options.overlayWidth > 0, decoy = options.decoy;
+  const uint64_t width = options.width ? options.width : uint64_t(tileWidth) * uint32_t(columns),
+                 height = options.height ? options.height : uint64_t(tileHeight) * uint32_t(rows);
   Bytes gridData = {0, 0, uint8_t(rows - 1), uint8_t(columns - 1)};
-  put(gridData, uint64_t(tileWidth) * uint32_t(columns), 2);
-  put(gridData, uint64_t(tileHeight) * uint32_t(rows), 2);
+  put(gridData, width, 2), put(gridData, height, 2);
   if (overlay) {  // 32-bit fields, a transparent fill, then each cell's place
     gridData = {0, 1, 0, 0, 0, 0, 0, 0, 0, 0};
     put(gridData, options.overlayWidth, 4), put(gridData, options.overlayHeight, 4);
@@ -302,9 +303,7 @@ Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& opti
       put(gridData, uint64_t(tileWidth) * uint64_t(cell % columns), 4),
           put(gridData, uint64_t(tileHeight) * uint64_t(cell / columns), 4);
   }
-  require(rows <= 256 && columns <= 256 && tileWidth * uint32_t(columns) < 65536 &&
-              tileHeight * uint32_t(rows) < 65536,
-          "grid size");
+  require(rows <= 256 && columns <= 256 && width < 65536 && height < 65536, "grid size");
   const Bytes decoyData = {0, 0, 0, 0, 0, 1, 0, 1};
 
   auto meta = [&](uint32_t mdatStart, bool second) {
@@ -335,8 +334,7 @@ Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& opti
       ipma.insert(ipma.end(), associations.begin(), associations.end());
     }
     put(tileSize, tileWidth, 4), put(tileSize, tileHeight, 4);
-    put(gridSize, second ? 1 : uint64_t(tileWidth) * uint32_t(columns), 4);
-    put(gridSize, second ? 1 : uint64_t(tileHeight) * uint32_t(rows), 4);
+    put(gridSize, second ? 1 : width, 4), put(gridSize, second ? 1 : height, 4);
     const Bytes ipco = joined({config, box("ispe", tileSize, 0), box("ispe", gridSize, 0)});
     return box("meta",
                joined({box("hdlr", hdlr, 0), box("pitm", pitm, 0), box("iloc", iloc, 0), box("iinf", iinf, 0),

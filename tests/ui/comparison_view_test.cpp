@@ -154,8 +154,12 @@ TEST_F(ComparisonWindow, OpensInsideTheScreenIsMaximisableAndKeepsItsSizeForNext
   const QString percent = Strings::format("comparison.zoomPercentFormat", 200);
   auto* button = control<QToolButton>(view, Strings::format("comparison.zoomToFormat", percent));
   EXPECT_TRUE(button->toolTip().contains("2"));
-  button->click();
+  // One zoom of several, a radio button for screen readers, which press it.
+  QAccessibleInterface* spoken = QAccessible::queryAccessibleInterface(button);
+  EXPECT_EQ(spoken->role(), QAccessible::RadioButton);
+  spoken->actionInterface()->doAction(QAccessibleActionInterface::pressAction());
   EXPECT_EQ(view->area()->zoom(), 2.0);
+  EXPECT_TRUE(spoken->state().checked && !control<QToolButton>(view, "comparison.zoomFitName")->isChecked());
 
   const QSize chosen = (available.size() * 0.6).expandedTo(view->minimumSizeHint());
   view->resize(chosen);

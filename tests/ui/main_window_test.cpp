@@ -32,6 +32,7 @@
 #include <QToolButton>
 
 #include "api/LocalAPIController.h"
+#include "hotfolders/HotFoldersManager.h"
 #include "services/AppLanguage.h"
 #include "services/LanguageManager.h"
 #include "services/UpdateChecker.h"
@@ -43,6 +44,7 @@
 #include "ui/DropTargetView.h"
 #include "ui/ExportProfilesSettingsView.h"
 #include "ui/ExportSummaryView.h"
+#include "ui/HotFoldersSettingsView.h"
 #include "ui/ImageListModel.h"
 #include "ui/ImageListView.h"
 #include "ui/ProfileMenuView.h"
@@ -237,6 +239,12 @@ TEST_F(MainWindowTest, ARightToLeftLayoutMirrorsTheBarAndTheRowsAndKeepsNumbersW
   EXPECT_EQ(ui::formatByteCount(199000), QString(QChar(0x2066)) + "199 kB" + QChar(0x2069));
 }
 
+// Counts the times its object is shown.
+struct ShowCounter : QObject {
+  bool eventFilter(QObject*, QEvent* event) override { return (count += event->type() == QEvent::Show) < 0; }
+  int count = 0;
+};
+
 TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsBehind) {
   auto dialogs = std::make_unique<RecordingFileDialogs>();
   RecordingFileDialogs* shown = dialogs.get();
@@ -287,7 +295,20 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
   EXPECT_EQ(shown->shown.back(), written);
   sink.reset();
   QDBusConnection::disconnectFromBus("notifications");
-  QTest::keyClick(control<QToolButton>(summary, "common.close"), Qt::Key_Escape);
+
+  // A notification for screen readers, which speak it as it shows: anew for each export, the focus kept.
+  QAccessibleInterface* spoken = QAccessible::queryAccessibleInterface(summary);
+  EXPECT_EQ(spoken->role(), QAccessible::Notification);
+  window().activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(&window()));
+  QToolButton* close = control<QToolButton>(summary, "common.close");
+  close->setFocus();
+  ShowCounter shows;
+  summary->installEventFilter(&shows);
+  await(model_->exportAll(url("out")));
+  EXPECT_EQ(shows.count, 1);
+  EXPECT_EQ(QApplication::focusWidget(), close);
+  QTest::keyClick(close, Qt::Key_Escape);
   EXPECT_FALSE(summary->isVisible());
 }
 
@@ -430,12 +451,23 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
 }
 
 // In English and French, every entry of the menu bar, of its menus, of a row's menu and of the
-// profile menu has an access key of its own in its menu; a profile's "&" shows as itself.
-TEST_F(WindowEdgesTest, EveryMenuEntryHasAnAccessKeyOfItsOwn) {
+// profile menu has an access key of its own in its menu, and so has every tab of the settings and
+// every field's label among what one Alt press reaches there (a tab's page and the tabs), which
+// brings the focus to its field; a profile's "&" shows as itself.
+TEST_F(WindowEdgesTest, EveryMenuEntryAndFieldLabelHasAnAccessKeyOfItsOwn) {
   makeModel();
   model_->upsertExportProfile(profile("R&D", ImageFormat::webp, 80));
   model_->setAppliedProfileName(QString("R&D"));
   ASSERT_TRUE(settle({source("a.png")}));
+  HotFolders::save({hotFolder("Camera", dir_.filePath("in"), dir_.filePath("out"), ImageFormat::jxl),
+                    hotFolder("Scans", dir_.filePath("scans"), dir_.filePath("out"), ImageFormat::png)});
+  HotFoldersManager hotFolders;
+  LocalAPIController controller(*model_);
+  UpdateChecker checker(QUrl("http://127.0.0.1:9"), "1.0");
+  LanguageManager languages(LanguageManager::Platform{{"fr-FR"}, [](const QString&) { return true; }, [] {}});
+  const auto unique = [](QStringList keys) {
+    return !keys.contains(QString()) && keys.removeDuplicates() == 0;
+  };
   for (const char* language : {"en-US", "fr"}) {
     useLanguage(language);
     window_.reset();
@@ -447,11 +479,50 @@ TEST_F(WindowEdgesTest, EveryMenuEntryHasAnAccessKeyOfItsOwn) {
       QStringList keys;
       for (QAction* action : actions)
         if (!action->isSeparator()) keys << QKeySequence::mnemonic(action->text()).toString();
-      EXPECT_TRUE(!keys.contains(QString()) && keys.removeDuplicates() == 0)
-          << language << keys.join(' ').toStdString();
+      EXPECT_TRUE(unique(keys)) << language << keys.join(' ').toStdString();
     }
     EXPECT_EQ(QAccessible::queryAccessibleInterface(profiles)->text(QAccessible::Name), "R&D");
     EXPECT_TRUE(profiles->menu()->actions().last()->text().contains("&&")) << "not an access key";
+
+    ui::SettingsWindow settings({*model_, controller, checker, languages, nullptr}, &window());
+    settings.setAttribute(Qt::WA_DeleteOnClose, false);
+    settings.insertHotFoldersPane(new ui::HotFoldersSettingsView(hotFolders, *model_, {}));
+    QStringList tabKeys;
+    for (int tab = 0; tab < settings.tabs()->count(); ++tab)
+      tabKeys << QKeySequence::mnemonic(settings.tabs()->tabText(tab)).toString();
+    // Each page new, then with a profile and a hot folder being edited ("Add" reads "Save Changes").
+    for (const bool editing : {false, true}) {
+      if (editing)
+        for (QToolButton* edit : settings.findChildren<QToolButton*>("editButton")) edit->click();
+      for (int tab = 0; tab < settings.tabs()->count(); ++tab) {
+        const QList<QWidget*> widgets = settings.tabs()->widget(tab)->findChildren<QWidget*>();
+        QSet<QWidget*> buddies;  // a label's key reaches them; a format shown is no key
+        for (QWidget* w : widgets)
+          if (auto* label = qobject_cast<QLabel*>(w)) buddies << label->buddy();
+        QStringList keys = tabKeys;
+        for (QWidget* w : widgets) {
+          const auto* label = qobject_cast<QLabel*>(w);
+          const auto* button = qobject_cast<QAbstractButton*>(w);
+          if (w->objectName() == "enabledSwitch" || buddies.contains(w)) continue;  // rows: one text
+          if ((button && !button->text().isEmpty()) || (label && label->buddy()))
+            keys << QKeySequence::mnemonic(button ? button->text() : label->text()).toString();
+        }
+        EXPECT_TRUE(unique(keys) && keys.size() > tabKeys.size()) << language << keys.join(' ').toStdString();
+      }
+    }
+    EXPECT_TRUE(QKeySequence::mnemonic(settings.findChild<QCheckBox*>("enabledSwitch")->text()).isEmpty());
+    settings.show();
+    settings.tabs()->setCurrentIndex(2);
+    settings.activateWindow();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QApplication::activeWindow() == &settings; }));
+    auto* pane = control<ui::ExportProfilesSettingsView>(&settings);
+    QTest::keySequence(&settings, QKeySequence::mnemonic(control<QLabel>(pane, "quality.label")->text()));
+    EXPECT_EQ(QApplication::focusWidget(), pane->findChild<QSlider*>()) << language;
+    QPushButton* cancel = nullptr;
+    for (QPushButton* button : pane->findChildren<QPushButton*>())
+      if (button->text().remove('&') == Strings::text("settings.profiles.cancelEdit")) cancel = button;
+    QTest::keySequence(&settings, QKeySequence::mnemonic(cancel->text()));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !cancel->isVisible(); })) << "editing ended";  // a click shown
   }
   useLanguage({});
 }
