@@ -125,6 +125,15 @@ std::optional<QString> noneIfEmpty(const QString& value) {
   return value;
 }
 
+// A written file as a bus string can carry it: its path, or the file:// URL of its bytes when
+// they are not UTF-8.
+QString pathOrURLText(const std::string& path) {
+  const QByteArray bytes = QByteArray::fromStdString(path);
+  const QString text = QFile::decodeName(bytes);
+  if (QFile::encodeName(text) == bytes) return text;
+  return QString::fromLatin1("file://" + bytes.toPercentEncoding("/"));
+}
+
 void createFolder(const std::string& folder) {
   std::error_code error;
   std::filesystem::create_directories(folder, error);
@@ -195,7 +204,12 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
       profileName, explicitQuality, ImageFormatAppEnums::imageFormat(format), folderArgument);
   // Without a folder (a fresh install has no profile), each result goes beside its source.
   const bool besideSources = !resolved.outputDirectory || resolved.outputDirectory->isEmpty();
-  if (!besideSources) createFolder(resolved.outputDirectory->toStdString());
+  // A folder given as a URL keeps its bytes, also those that are not UTF-8.
+  const std::string outputDirectory = besideSources ? std::string()
+                                      : outputFolder
+                                          ? localPathBytes(*outputFolder)
+                                          : QFile::encodeName(*resolved.outputDirectory).toStdString();
+  if (!besideSources) createFolder(outputDirectory);
 
   // Fresh for every call, one per folder written into: files of one call never take each
   // other's names, nor an input's.
@@ -207,8 +221,7 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
   for (const std::string& path : inputs) {
     if (callerGone && callerGone()) throw CallerGoneError();
     const std::filesystem::path source = std::filesystem::absolute(path);
-    const std::string folder =
-        besideSources ? source.parent_path().string() : resolved.outputDirectory->toStdString();
+    const std::string folder = besideSources ? source.parent_path().string() : outputDirectory;
     auto allocator = allocators.try_emplace(folder, folder, inputs).first;
     // The name in bytes, so that one that is not UTF-8 keeps them.
     const std::string base = source.filename().stem().string();
@@ -223,7 +236,7 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
                                   ExportProfileResolver::merged(options, resolved.sizing));
     if (result.skipped) continue;
     if (!result.destination) throw CompressionFailedError(source.filename().string(), result.error);
-    outputs.append(QFile::decodeName(QByteArray::fromStdString(*result.destination)));
+    outputs.append(pathOrURLText(*result.destination));
   }
   return outputs;
 }

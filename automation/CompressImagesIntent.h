@@ -110,7 +110,8 @@ struct CompressImagesIntent {
   // Resolves the settings (explicit values, then the named or default profile), makes the
   // output folder with its parents, and compresses the files in order with names kept apart
   // within this call, never replacing one of `files` (such a name gets the next number);
-  // returns the written files' paths in the order of `files`. With no folder given and none
+  // returns the written files' paths in the order of `files` (the file:// URL of a path that
+  // is not UTF-8, which no bus string can carry). With no folder given and none
   // in the profile, each result is written beside its source, under a name that no file
   // there has yet ("photo.png" to PNG gives "photo-2.png", or "photo-3.png" when that exists).
   // Throws, before touching anything: EmptyFileListError, ProfileNotFoundError, FileError

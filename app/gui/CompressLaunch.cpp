@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QTimer>
@@ -41,18 +42,28 @@ Outcome compressInProcess(const QStringList& files) {
   }
 }
 
+// A written file's path as the file system has it; the compress action gives a file:// URL
+// for a path that is not UTF-8.
+QByteArray localBytes(const QString& output) {
+  if (!output.startsWith(QLatin1String("file:"))) return QFile::encodeName(output);
+  return QByteArray::fromPercentEncoding(QUrl(output).path(QUrl::FullyEncoded).toLatin1());
+}
+
 // The file manager's window on the written files, selected (org.freedesktop.FileManager1);
 // without that service, the first file's folder opened by the desktop's default.
 void showInFolder(const QDBusConnection& bus, const QStringList& outputs) {
   QStringList uris;
-  for (const QString& output : outputs) uris.append(QUrl::fromLocalFile(output).toString(QUrl::FullyEncoded));
+  for (const QString& output : outputs)
+    uris.append(QString::fromLatin1("file://" + localBytes(output).toPercentEncoding("/")));
   QDBusMessage call = QDBusMessage::createMethodCall(
       QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
       QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
   call << uris << QString();
   if (bus.call(call, QDBus::Block, 10000).type() == QDBusMessage::ReplyMessage) return;
-  QProcess::startDetached(QStringLiteral("xdg-open"),
-                          {QUrl::fromLocalFile(QFileInfo(outputs.first()).path()).toString()});
+  const QByteArray first = localBytes(outputs.first());
+  QProcess::startDetached(
+      QStringLiteral("xdg-open"),
+      {QString::fromLatin1("file://" + first.left(first.lastIndexOf('/') + 1).toPercentEncoding("/"))});
 }
 
 }  // namespace
@@ -95,7 +106,8 @@ class NotificationAnswer : public QObject {
 
 int runCompressLaunch(const QStringList& files) {
   QStringList paths;
-  for (const QString& file : files) paths.append(QFileInfo(file).absoluteFilePath());
+  for (const QString& file : files)
+    paths.append(file.startsWith(QLatin1String("file:")) ? file : QFileInfo(file).absoluteFilePath());
 
   const QDBusConnection bus = QDBusConnection::sessionBus();
   Outcome outcome;
@@ -107,7 +119,7 @@ int runCompressLaunch(const QStringList& files) {
     outcome = compressInProcess(paths);
   }
 
-  for (const QString& output : outcome.outputs) std::printf("%s\n", output.toLocal8Bit().constData());
+  for (const QString& output : outcome.outputs) std::printf("%s\n", localBytes(output).constData());
   std::fflush(stdout);
 
   const QString summary =
@@ -116,7 +128,9 @@ int runCompressLaunch(const QStringList& files) {
       outcome.error
           ? *outcome.error
           : Strings::format("intents.notification.doneFormat",
-                            outcome.outputs.isEmpty() ? QString() : QFileInfo(outcome.outputs[0]).path());
+                            outcome.outputs.isEmpty()
+                                ? QString()
+                                : QFileInfo(QFile::decodeName(localBytes(outcome.outputs[0]))).path());
   QStringList actions;
   if (!outcome.error && !outcome.outputs.isEmpty() && DesktopNotification::supportsActions(bus))
     actions = {kShowInFolder, Strings::text("intents.notification.showInFolder")};

@@ -13,6 +13,7 @@
 
 namespace quillane {
 
+// `files`: absolute paths or file:// URLs.
 int runCompressLaunch(const QStringList& files);
 
 }  // namespace quillane

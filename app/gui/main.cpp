@@ -155,9 +155,10 @@ int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     quillane::QuillaneApp::describeApplication();
     quillane::LanguageManager::installLookupReadOnly();
-    QStringList paths;
-    for (const QUrl& file : arguments.files) paths.append(file.toLocalFile());
-    return quillane::runCompressLaunch(paths);
+    // As URLs, whose escapes keep the bytes of a name that is not UTF-8.
+    QStringList files;
+    for (const QUrl& file : arguments.files) files.append(file.toString(QUrl::FullyEncoded));
+    return quillane::runCompressLaunch(files);
   }
 
   const bool service = arguments.mode == Mode::service;

@@ -186,11 +186,17 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
   // A name that is not UTF-8 reaches it as a URL's escapes, and its output keeps the bytes.
   const std::string odd = QFile::encodeName(temp_.filePath("in/sub/caf")).toStdString() + "\xe9";
   testing::writeBytes(odd + ".png", fixtures::png(testing::makeImage(40, 30, testing::Pattern::photo, 7)));
-  const QByteArray url = "file://" + QByteArray::fromStdString(odd + ".png").toPercentEncoding("/");
-  EXPECT_EQ(
-      CompressImagesIntent::fromArguments({QString::fromLatin1(url)}, "jpeg", 30, {}, {}).perform().size(),
-      1);
+  const auto url = [](const std::string& path) {
+    return QString::fromLatin1("file://" + QByteArray::fromStdString(path).toPercentEncoding("/"));
+  };
+  // The answer names the written file the same way, and so does a folder of such a name.
+  EXPECT_EQ(CompressImagesIntent::fromArguments({url(odd + ".png")}, "jpeg", 30, {}, {}).perform(),
+            QStringList{url(odd + ".jpg")});
+  EXPECT_EQ(CompressImagesIntent::fromArguments({url(odd + ".png")}, "jpeg", 30, {}, url(odd)).perform(),
+            QStringList{url(odd + "/caf\xe9.jpg")});
   EXPECT_EQ(::unlink((odd + ".jpg").c_str()), 0) << "no output under the source's own bytes";
+  EXPECT_EQ(::unlink((odd + "/caf\xe9.jpg").c_str()), 0);
+  ::rmdir(odd.c_str());
   ::unlink((odd + ".png").c_str());  // a name the temporary folder's clean-up can't read
 }
 
