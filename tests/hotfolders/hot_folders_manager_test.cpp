@@ -118,8 +118,8 @@ TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredSuccessesAndTheErrors
   // A pause stops it, a mount change does not undo the pause, and the setting stays on.
   manager.setPaused(true);
   EXPECT_FALSE(manager.isRunning(hotFolder.id));
-  manager.applyWatchers();
-  EXPECT_FALSE(manager.isRunning(hotFolder.id));
+  ASSERT_TRUE(QTest::qWaitFor([check = manager.applyWatchers()] { return check.isFinished(); }, 10000));
+  EXPECT_EQ(manager.status(hotFolder.id).state, State::disabled);
   EXPECT_TRUE(HotFolders::load().at(1).isEnabled);
   manager.setPaused(false);
   settle(manager, hotFolder.id, State::watching);
