@@ -91,7 +91,8 @@ class ApiSandbox : public ::testing::Test {
 };
 
 // A real BatchViewModel behind a real server on 127.0.0.1 and an encoder whose sizes tell
-// what was asked: ten bytes per quality point plus the format's number, made once the gate is open.
+// what was asked: ten bytes per quality point plus the format's number, made once the gate is
+// open; at quality 13 it fails.
 class RouterFixture : public ApiSandbox {
  protected:
   void SetUp() override {
@@ -100,6 +101,7 @@ class RouterFixture : public ApiSandbox {
     BatchViewModel::Options options;
     options.encoder = [this](std::span<const uint8_t>, ImageFormat format, double quality) {
       if (gate_.try_acquire_for(std::chrono::seconds(10))) gate_.release();
+      if (quality == 13) throw std::runtime_error("unlucky");
       return std::vector<uint8_t>(size_t(quality * 10) + size_t(format), 0x5A);
     };
     options.debounce = std::chrono::milliseconds(20);

@@ -311,6 +311,11 @@ TEST_F(RouterTest, ImportReportsEachFailureInOrderListsNewIdsAndImagesDescribeTh
   EXPECT_TRUE(json(set)["state"] == "encoding" && json(set)["compressedSizeBytes"].isUndefined()) << set.body;
   ASSERT_TRUE(waitUntilSettled());
   EXPECT_EQ(json(call("GET", "/v1/images"))[0]["compressedSizeBytes"].toInteger(), 401);
+  call("POST", "/v1/images/" + id + "/quality", R"({"quality":13})");
+  ASSERT_TRUE(waitUntilSettled());
+  const QJsonObject broken = json(call("GET", "/v1/images"))[0].toObject();
+  EXPECT_TRUE(broken["state"] == "failed" && !broken["error"].toString().isEmpty())
+      << QJsonDocument(broken).toJson().toStdString();
 
   for (const char* clear : {"{}", R"({"quality":null})"}) {
     call("POST", "/v1/images/" + id + "/quality", R"({"quality":12})");
