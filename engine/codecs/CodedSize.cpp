@@ -191,6 +191,19 @@ void scanAv1(Input data, Coded& coded) {
   }
 }
 
+// A box's header, read from `in`, which then stands at its payload: its type, and its size, a
+// 64-bit one where the 32-bit field says 1, and `rest` where it says 0 (to the end).
+struct BoxHeader {
+  Input type;
+  uint64_t size;
+};
+BoxHeader readBoxHeader(ByteReader& in, uint64_t rest) {
+  const uint64_t size = in.read(4);
+  const Input type = in.take(4);
+  const uint64_t large = size == 1 ? in.read(8) : size;
+  return {type, large == 0 ? rest : large};
+}
+
 struct Box {
   const uint8_t* type;
   Input payload;
@@ -202,14 +215,10 @@ std::vector<Box> boxesOf(Input data) {
   ByteReader in{data};
   while (data.size() - in.at >= 8) {
     const size_t start = in.at;
-    uint64_t size = in.read(4);
-    const uint8_t* type = data.data() + in.at;
-    in.read(4);
-    if (size == 1) size = in.read(8);
-    if (size == 0) size = data.size() - start;
+    const auto [type, size] = readBoxHeader(in, data.size() - start);
     const size_t headerBytes = in.at - start;
     if (!in.ok || size < headerBytes || size > data.size() - start) break;
-    boxes.push_back({type, in.take(size - headerBytes)});
+    boxes.push_back({type.data(), in.take(size - headerBytes)});
   }
   return boxes;
 }
@@ -292,8 +301,7 @@ void readIref(Input payload, std::map<uint32_t, Item>& items) {
   ByteReader in{payload, 4};
   std::set<uint32_t> derived;
   while (in.at < payload.size()) {
-    if (in.read(4) == 1) in.read(8);  // the reference's box size, which libheif passes over
-    const Input type = in.take(4);
+    const Input type = readBoxHeader(in, 0).type;  // its size libheif passes over
     if (in.ok && !std::memcmp(type.data(), "uuid", 4)) in.take(16);
     if (!in.ok) return;  // libheif refuses the file
     const uint32_t from = uint32_t(in.read(idBytes));
@@ -505,13 +513,9 @@ std::vector<uint8_t> metaPayload(ByteSource& file) {
   for (uint64_t at = 0; end - at >= 8;) {
     const std::vector<uint8_t> header = file.readAt(at, 16);
     ByteReader in{header};
-    uint64_t size = in.read(4);
-    const bool meta = header.size() >= 8 && std::memcmp(header.data() + 4, "meta", 4) == 0;
-    in.read(4);
-    if (size == 1) size = in.read(8);
-    if (size == 0) size = end - at;
+    const auto [type, size] = readBoxHeader(in, end - at);
     if (!in.ok || size < in.at || size > end - at) break;
-    if (meta) {
+    if (!std::memcmp(type.data(), "meta", 4)) {
       // libheif reads the last, a reader of the first would check other items than it decodes.
       if (found) fail("item information given twice");
       if (size - in.at > kMaxMetaBytes) fail("item information larger than any picture needs");
