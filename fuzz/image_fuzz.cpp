@@ -35,9 +35,15 @@ namespace ImageService = quillane::ImageService;
 const quillane::ImageFormat kFormat =
     *quillane::ImageFormats::fromRawValue(QUILLANE_STRINGIFY(QUILLANE_FUZZ_FORMAT));
 
-// Pictures above this are refused here rather than decoded: the size limits are the bomb
-// tests' subject, and a fuzzer that allocates gigabytes finds nothing faster.
+// Pictures above this, themselves or the cells they are made of, are refused here rather than
+// decoded: the size limits are the bomb tests' subject, and a fuzzer that allocates gigabytes
+// finds nothing faster.
 constexpr uint64_t kMaxFuzzPixels = 16u << 20;
+
+bool fuzzable(const ImageService::Properties& props) {
+  return uint64_t(props.width) * uint64_t(props.height) <= kMaxFuzzPixels &&
+         props.cellPixels <= kMaxFuzzPixels;
+}
 
 [[noreturn]] void fail(const char* what) {
   std::fprintf(stderr, "image_fuzz: %s\n", what);
@@ -89,14 +95,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (quillane::ImageFormats::detect(bytes) != kFormat) return 0;
   auto props = ImageService::properties(bytes);
   if (props && (props->width <= 0 || props->height <= 0)) fail("properties with an empty size");
-  if (props && uint64_t(props->width) * uint64_t(props->height) > kMaxFuzzPixels) return 0;
+  if (props && !fuzzable(*props)) return 0;
 
   for (int bound : {1, 64}) checkThumbnail(ImageService::thumbnail(bytes, bound), bound);
   // And read as inspection reads a file.
   PiecewiseSource piecewise(bytes);
   const auto read = ImageService::properties(kFormat, piecewise);
   if (read && (read->width <= 0 || read->height <= 0)) fail("properties with an empty size");
-  if (!read || uint64_t(read->width) * uint64_t(read->height) <= kMaxFuzzPixels) {
+  if (!read || fuzzable(*read)) {
     ImageService::thumbnailPeakBytes(kFormat, piecewise, 64);
     checkThumbnail(ImageService::thumbnail(kFormat, piecewise, 64), 64);
   }

@@ -60,6 +60,11 @@ int main(int argc, char** argv) {
        }},
       {"heic/grid",
        [&] { return fixtures::grid(fixtures::heic(cell, {.quality = 40, .alpha = false}), 2, 1); }},
+      {"heic/overlay",  // of cells larger than itself
+       [&] {
+         return fixtures::grid(fixtures::heic(cell, {.quality = 40, .alpha = false}), 2, 1,
+                               {.overlayWidth = 24, .overlayHeight = 16, .width = 24, .height = 16});
+       }},
       {"avif/plain", [&] { return fixtures::avif(photo, {.quantizer = 40, .irotAngle = 1}); }},
       {"avif/ten_bit",
        [&] { return fixtures::avif(wide, {.quantizer = 40, .depth = 10, .icc = fixtures::srgbICC()}); }},

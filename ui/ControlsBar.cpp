@@ -15,6 +15,7 @@
 #include "ui/ExportHistoryView.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
+#include "ui/PopupButton.h"
 #include "ui/ProfileMenuView.h"
 #include "ui/QualityControls.h"
 #include "ui/RowRules.h"
@@ -88,7 +89,7 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   exportStack_->addWidget(progressGroup_);
   layout->addBarWidget(exportSlot_);
 
-  history_ = new QToolButton(this);
+  history_ = new PopupButton(this);
   history_->setAutoRaise(true);
   history_->setIcon(Icons::icon("clock.arrow.circlepath"));
   history_->setIconSize(QSize(18, 18));

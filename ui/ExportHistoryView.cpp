@@ -28,6 +28,7 @@ ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWid
   if (popup) setAttribute(Qt::WA_DeleteOnClose);
   setFrameShape(QFrame::StyledPanel);
   setFixedSize(popupWidth, popupHeight);
+  setAccessibleName(Strings::text("history.title"));
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(12, 10, 12, 10);
   layout->setSpacing(6);

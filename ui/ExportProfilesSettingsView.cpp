@@ -200,13 +200,14 @@ void ExportProfilesSettingsView::refreshForm() {
 }
 
 void ExportProfilesSettingsView::rebuildList() {
-  while (QLayoutItem* item = rows_->takeAt(0)) {
-    if (QWidget* w = item->widget()) w->deleteLater();
-    delete item;
-  }
-  const auto& profiles = viewModel_.exportProfiles();
-  existing_->setVisible(!profiles.empty());
-  for (const ExportProfile& profile : profiles) {
+  rebuildRows(
+      rows_, [this] { addRows(); }, name_);
+  existing_->setVisible(!viewModel_.exportProfiles().empty());
+  orderTabStops(this);
+}
+
+void ExportProfilesSettingsView::addRows() {
+  for (const ExportProfile& profile : viewModel_.exportProfiles()) {
     auto* row = new QWidget(existing_);
     auto* layout = new QHBoxLayout(row);
     layout->setContentsMargins(0, 2, 0, 2);
@@ -243,7 +244,6 @@ void ExportProfilesSettingsView::rebuildList() {
     layout->addWidget(remove);
     rows_->addWidget(row);
   }
-  orderTabStops(this);
 }
 
 }  // namespace quillane::ui

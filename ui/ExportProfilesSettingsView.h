@@ -55,6 +55,7 @@ class ExportProfilesSettingsView : public QWidget {
 
  private:
   void rebuildList();
+  void addRows();  // a row for each profile, with its edit and delete buttons
   void refreshForm();
 
   BatchViewModel& viewModel_;

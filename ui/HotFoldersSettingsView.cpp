@@ -319,11 +319,15 @@ void HotFoldersSettingsView::rebuildProfileMenu() {
 }
 
 void HotFoldersSettingsView::rebuildList() {
-  clearLayout(rows_);
   progressWidgets_.clear();
   statusLabels_.clear();
+  rebuildRows(
+      rows_,
+      [this] {
+        for (const HotFolder& hotFolder : manager_.hotFolders()) rows_->addWidget(makeRow(hotFolder));
+      },
+      name_);
   existing_->setVisible(!manager_.hotFolders().empty());
-  for (const HotFolder& hotFolder : manager_.hotFolders()) rows_->addWidget(makeRow(hotFolder));
   orderTabStops(this);
   refreshProgress();
   refreshStatus();

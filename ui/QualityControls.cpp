@@ -196,6 +196,9 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
   setAttribute(Qt::WA_DeleteOnClose);
   setFrameShape(QFrame::StyledPanel);
   setMinimumWidth(240);
+  // What screen readers say as the keys come into it, as they do for the size popup.
+  setAccessibleName(Strings::text("quality.overrideTitle"));
+  setAccessibleDescription(image_->fileName());
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(14, 12, 14, 12);
   layout->setSpacing(8);

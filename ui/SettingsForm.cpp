@@ -1,5 +1,6 @@
 #include "ui/SettingsForm.h"
 
+#include <QApplication>
 #include <QComboBox>
 #include <QHBoxLayout>
 #include <QHelpEvent>
@@ -12,6 +13,8 @@
 #include <QStyle>
 #include <QToolButton>
 #include <QToolTip>
+#include <QVBoxLayout>
+#include <algorithm>
 
 #include "services/Strings.h"
 #include "ui/Icons.h"
@@ -132,6 +135,38 @@ void collectTabStops(QLayout* layout, QList<QWidget*>& stops) {
   }
 }
 }  // namespace
+
+void rebuildRows(QVBoxLayout* rows, const std::function<void()>& build, QWidget* fallback) {
+  int focusRow = -1;
+  QString focusControl;
+  if (QWidget* focus = QApplication::focusWidget()) {
+    for (int i = 0; i < rows->count(); ++i) {
+      QWidget* row = rows->itemAt(i)->widget();
+      if (row && row->isAncestorOf(focus)) {
+        focusRow = i;
+        focusControl = focus->objectName();
+      }
+    }
+  }
+  while (QLayoutItem* item = rows->takeAt(0)) {
+    if (QWidget* row = item->widget()) {
+      row->hide();
+      row->deleteLater();
+    }
+    delete item;
+  }
+  build();
+  if (focusRow < 0) return;
+  QWidget* target = fallback;
+  if (rows->count() > 0 && !focusControl.isEmpty()) {
+    QWidget* row = rows->itemAt(std::min(focusRow, rows->count() - 1))->widget();
+    if (auto* same = row ? row->findChild<QWidget*>(focusControl) : nullptr) {
+      row->show();  // now, not when its layout would: the focus comes to a control that shows
+      target = same;
+    }
+  }
+  if (target) target->setFocus(Qt::OtherFocusReason);
+}
 
 void nameComboBox(QComboBox* box, const char* key) {
   box->setAccessibleName(Strings::text(key));

@@ -19,6 +19,7 @@ class QPushButton;
 class QSlider;
 class QComboBox;
 class QToolButton;
+class QVBoxLayout;
 class QWidget;
 
 namespace quillane::ui {
@@ -76,6 +77,12 @@ FormButtons makeFormButtons(QWidget* form);
 // An icon-only button of a list's row that does `key`'s text, shown in its tooltip and read by
 // screen readers, with `rowName` (which row it acts on) as its description.
 QToolButton* makeRowButton(QWidget* row, const QIcon& icon, const char* key, const QString& rowName);
+
+// Replaces the rows of `rows` with those `build` adds: the old ones go once the event that made
+// them is handled (a row's own button may be its cause). Were the keys on a row's control, they go
+// to that control of the row now in its place (the next one, when a row was deleted), else of the
+// last row, else to `fallback`: a keyboard's place is not lost with the row it was on.
+void rebuildRows(QVBoxLayout* rows, const std::function<void()>& build, QWidget* fallback);
 
 // Names `box` by `key`'s text, for screen readers, also as its description: on Linux they hear
 // a combo box's current text as its name.

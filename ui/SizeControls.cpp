@@ -21,6 +21,7 @@
 #include "services/Strings.h"
 #include "ui/Icons.h"
 #include "ui/Mnemonics.h"
+#include "ui/PopupButton.h"
 #include "ui/SettingsForm.h"
 #include "ui/UiText.h"
 
@@ -160,7 +161,7 @@ SizeButtonView::SizeButtonView(BatchViewModel& viewModel, QWidget* parent)
   layout->setContentsMargins(0, 0, 0, 0);
   // An icon only, named by tooltip and for screen readers, as import is, so that the bar holds
   // on one line in the longer languages too.
-  button_ = new QToolButton(this);
+  button_ = new PopupButton(this);
   button_->setAutoRaise(true);
   button_->setIcon(Icons::icon("arrow.down.right.and.arrow.up.left"));
   button_->setIconSize(QSize(18, 18));

@@ -636,7 +636,8 @@ QStringList tabStops(QWidget* first) {
   return names;
 }
 
-// Every control of the window, its popups and the settings has a name, and so has every Tab stop;
+// Every control of the window, its popups and the settings has a name, and so has every Tab stop
+// and every popup, and the bar's buttons that open one are buttons with a popup, not check boxes;
 // the profiles' rows come before the form under them, and Escape closes the settings. The bar's
 // and the profile form's format menus are one choice each; choosing the current format again
 // keeps it chosen and still recomputes.
@@ -651,7 +652,16 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
   for (QWidget* popup : QApplication::topLevelWidgets()) {
     if (popup->isVisible() && popup != &window()) {
       EXPECT_EQ(unnamedControls(popup), "");
+      EXPECT_NE(QAccessible::queryAccessibleInterface(popup)->text(QAccessible::Name), "") << "popup";
     }
+  }
+  // The bar's buttons that open a popup are such buttons, the size one too while drawn checked.
+  model_->setCompressionOptions({.maxWidth = 1600, .maxHeight = 1600});
+  for (const char* key : {"size.label", "history.title"}) {
+    QAccessibleInterface* button =
+        QAccessible::queryAccessibleInterface(control<QToolButton>(&window(), key));
+    EXPECT_TRUE(button->role() == QAccessible::Button && button->state().hasPopup && !button->state().checked)
+        << key;
   }
 
   RecordingFileDialogs dialogs;

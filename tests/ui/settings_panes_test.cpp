@@ -15,6 +15,7 @@
 #include <QSlider>
 #include <QSpinBox>
 #include <QTcpServer>
+#include <QToolButton>
 
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"
@@ -52,7 +53,6 @@ TEST_F(ProfilePaneTest, ANameOfSpacesCannotBeSavedEditingUpdatesInPlaceAndDeleti
   EXPECT_EQ(saved.destinationFolder, QString("/tmp/chosen"));
 
   // Editing updates in place; deleting the edited profile returns the form to adding.
-  const ExportProfile a = saved;
   const ExportProfile b = profile("B", ImageFormat::avif, 80.5);
   model_->upsertExportProfile(b);
   pane.startEditing(b);
@@ -69,10 +69,23 @@ TEST_F(ProfilePaneTest, ANameOfSpacesCannotBeSavedEditingUpdatesInPlaceAndDeleti
   model_->applyExportProfile(model_->exportProfiles()[1]);
   EXPECT_EQ(model_->compressionOptions().maxBytes, 1'500'000);
 
+  // By the keys, which go on to the row now in the deleted one's place, and then to the form.
+  pane.show();
+  pane.activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(&pane));
+  const auto deleteButton = [&] {
+    for (QToolButton* button : pane.findChildren<QToolButton*>("deleteButton"))
+      if (button->isVisible()) return button;  // not one of the rows being replaced
+    return static_cast<QToolButton*>(nullptr);
+  };
   pane.startEditing(model_->exportProfiles()[1]);
-  pane.deleteProfile(a);
-  EXPECT_EQ(name->text(), "B renamed");  // another profile: the form stays
-  pane.deleteProfile(model_->exportProfiles()[0]);
+  deleteButton()->setFocus();
+  QTest::keyClick(deleteButton(), Qt::Key_Space);  // the first profile's
+  EXPECT_EQ(name->text(), "B renamed");            // another profile: the form stays
+  QWidget* focus = QApplication::focusWidget();
+  ASSERT_TRUE(focus == deleteButton() && focus->accessibleDescription() == "B renamed");
+  QTest::keyClick(focus, Qt::Key_Space);
+  EXPECT_EQ(QApplication::focusWidget(), name);
   EXPECT_NO_THROW(control<QPushButton>(&pane, "settings.profiles.save")) << "adding again";
 }
 
