@@ -12,6 +12,7 @@
 #include <QCoreApplication>
 #include <QStringList>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -22,6 +23,7 @@
 #include "app/cli/CompressArguments.h"
 #include "app/cli/InspectCommands.h"
 #include "automation/CompressScriptCommand.h"
+#include "engine/FileIO.h"
 #include "services/LanguageManager.h"
 
 namespace {
@@ -176,6 +178,12 @@ int runAnalyze(const QByteArrayList& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Started without a standard output (`>&-`), the records can't be written: told at the end.
+  for (int fd : FileIO::openClosedStandardDescriptors())
+    if (fd == 1) outputErrno = EBADF;
+  // A reader that went away (a closed pipe) is a failed write, told by the exit status, not a
+  // signal that ends the tool.
+  std::signal(SIGPIPE, SIG_IGN);
   // Answered before anything is set up: scripts and package checks call it often.
   if (argc == 2 && std::string_view(argv[1]) == "--version") {
     std::printf("quillane-cli %s\n", kAppVersion);

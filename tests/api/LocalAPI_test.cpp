@@ -171,6 +171,7 @@ TEST_F(RouterTest, RefusalsNameWhatWasWrong) {
       {"POST", "/v1/settings", R"({"profile":"Web"})", 404, "No profile named 'Web'"},
       {"POST", "/v1/images/" + id + "/quality", "not json", 400,
        R"(Expected JSON body: {\"quality\": Double?} (omit\/null to follow the global slider))"},
+      {"POST", "/v1/images/" + id + "/quality", R"({"quality":0})", 400, range},
       // The lookup comes first: a bad body for an unknown id is a 404 echoing the segment.
       {"POST", "/v1/images/" + unknownID + "/quality", "not json", 404,
        "No image with id '" + unknownID + "'"},
@@ -366,6 +367,7 @@ TEST_F(RouterTest, ExportWaitsForBytesWritesIntoTheFolderThePathOrTheProfilesAnd
   EXPECT_EQ(both[1]["destination"].toString().toStdString(), out + "/two.png");
   EXPECT_EQ(call("DELETE", "/v1/images/" + ids[1]).body, R"({"removed":true})");
   EXPECT_EQ(call("POST", "/v1/clear", "ignored body").body, R"({"cleared":1})");
+  EXPECT_TRUE(model_->images().empty());
 }
 
 }  // namespace

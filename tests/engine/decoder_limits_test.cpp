@@ -155,6 +155,12 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
   Bytes unknownCell = fixtures::grid(cell, 2, 2, {.overlayWidth = 128, .overlayHeight = 128});
   std::search(unknownCell.begin(), unknownCell.end(), std::begin("hvc1"), std::end("hvc1") - 1)[3] = '2';
   files.push_back({"overlay of an unknown item", unknownCell, codedLargerThanDeclared});
+  // The same listing its cells in a box of a 64-bit size, which libheif reads.
+  Bytes listedAtLength =
+      fixtures::grid(cell, 2, 2, {.overlayWidth = 128, .overlayHeight = 128, .largeReference = true});
+  std::search(listedAtLength.begin(), listedAtLength.end(), std::begin("hvc1"), std::end("hvc1") - 1)[3] =
+      '2';
+  files.push_back({"overlay of an unknown item, listed at length", listedAtLength, codedLargerThanDeclared});
   // The same with its list of cells counted one too many: libheif reads the four up to the end.
   std::search(unknownCell.begin(), unknownCell.end(), std::begin("dimg"), std::end("dimg") - 1)[7] = 5;
   files.push_back({"overlay of an unknown item, miscounted", unknownCell, codedLargerThanDeclared});

@@ -18,7 +18,7 @@ const QByteArray requiredOnly =
 
 TEST_F(HotFolderRecordsTest, AbsentOrNullOptionalsReadAsNoSettingsAndAllFieldsRoundTrip) {
   QByteArray withNull = requiredOnly;
-  withNull.replace("\"isEnabled\"", "\"profileName\":null,\"quality\":null,\"isEnabled\"");
+  withNull.replace("\"isEnabled\"", "\"profileName\":null,\"format\":null,\"quality\":null,\"isEnabled\"");
   for (const QByteArray& bytes : {requiredOnly, withNull}) {
     writeStoreFile(QStringLiteral("hotFolders.json"), bytes);
     const HotFolderList folders = HotFolders::load();

@@ -305,8 +305,8 @@ TEST_F(HotFolderWatcherTest, SteadyStreamIsScannedWhileItLasts) {
   EXPECT_LT(written, 500) << "no scan while the stream lasted";
 }
 
-// Someone else's file in the destination is never replaced, a source's own earlier output is,
-// and an output moved into a watched folder is never taken back.
+// Someone else's file in the destination is never replaced, a source's own earlier output is
+// (while it is still the one written), and an output moved into a watched folder is never taken back.
 TEST_F(HotFolderWatcherTest, OnlyTheFoldersOwnOutputsAreReplacedAndNoneIsTakenBack) {
   ASSERT_TRUE(QDir().mkpath(destination_));
   const std::string theirs = QFile::encodeName(destination_ + "/userfile.jpg").toStdString();
@@ -322,22 +322,30 @@ TEST_F(HotFolderWatcherTest, OnlyTheFoldersOwnOutputsAreReplacedAndNoneIsTakenBa
   watcher->scanOnce();
   ASSERT_EQ(reports_.lines().size(), 2u);
   EXPECT_EQ(outputs(), (QStringList{"userfile-2.jpg", "userfile.jpg"}));
-
-  ASSERT_TRUE(QFile::rename(destination_ + "/userfile-2.jpg", source_ + "/moved.jpg"));
+  // Until someone else's file takes its place: that one is theirs.
+  const std::string taken = QFile::encodeName(destination_ + "/userfile-2.jpg").toStdString();
+  writeBytes(taken, {'m', 'i', 'n', 'e'});
+  putImage(QStringLiteral("userfile.png"), 3);
+  backdate("userfile.png", 20);
   watcher->scanOnce();
-  EXPECT_EQ(reports_.lines().size(), 2u);
+  EXPECT_EQ(readBytes(taken), (std::vector<uint8_t>{'m', 'i', 'n', 'e'}));
+  EXPECT_EQ(outputs(), (QStringList{"userfile-2.jpg", "userfile-3.jpg", "userfile.jpg"}));
+
+  ASSERT_TRUE(QFile::rename(destination_ + "/userfile-3.jpg", source_ + "/moved.jpg"));
+  watcher->scanOnce();
+  EXPECT_EQ(reports_.lines().size(), 3u);
 
   // Nor once its source is deleted first and forgotten (the folder still lists a file).
-  ASSERT_TRUE(QFile::rename(source_ + "/moved.jpg", destination_ + "/userfile-2.jpg"));
+  ASSERT_TRUE(QFile::rename(source_ + "/moved.jpg", destination_ + "/userfile-3.jpg"));
   ASSERT_TRUE(QFile::remove(source_ + "/userfile.png"));
   writeBytes(pathOf("notes.txt"), {'h', 'i'});
   watcher->scanOnce();
   ASSERT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
   ASSERT_EQ(
-      ::link(QFile::encodeName(destination_ + "/userfile-2.jpg").constData(), pathOf("linked.jpg").c_str()),
+      ::link(QFile::encodeName(destination_ + "/userfile-3.jpg").constData(), pathOf("linked.jpg").c_str()),
       0);
   watcher->scanOnce();
-  EXPECT_EQ(reports_.lines().size(), 2u);
+  EXPECT_EQ(reports_.lines().size(), 3u);
 }
 
 // A writer that pauses with its file open, or a file cut short before the watch began, is not

@@ -209,8 +209,9 @@ class ExportProfileResolverTest : public StoreFolderTest {
 TEST_F(ExportProfileResolverTest, ExplicitValuesWinOneByOneAndTheProfileFillsTheRest) {
   expect(ExportProfileResolver::resolve(QStringLiteral("wEB"), std::nullopt, std::nullopt, std::nullopt),
          ImageFormat::webp, 80, QStringLiteral("/srv/web"));
-  expect(ExportProfileResolver::resolve(QStringLiteral("Web"), 40.0, std::nullopt, QStringLiteral("/out")),
-         ImageFormat::webp, 40, QStringLiteral("/out"));
+  expect(
+      ExportProfileResolver::resolve(QStringLiteral("Web"), 40.0, ImageFormat::png, QStringLiteral("/out")),
+      ImageFormat::png, 40, QStringLiteral("/out"));
   expect(ExportProfileResolver::resolve(std::nullopt, std::nullopt, ImageFormat::png, std::nullopt),
          ImageFormat::png, 75, std::nullopt);
   ExportProfileList list = ExportProfiles::load();
@@ -222,8 +223,8 @@ TEST_F(ExportProfileResolverTest, ExplicitValuesWinOneByOneAndTheProfileFillsThe
   // Given size options win over the profile's one by one.
   const CompressionOptions profile{.maxWidth = 1600, .maxHeight = 1200, .maxBytes = 500000};
   EXPECT_EQ(ExportProfileResolver::merged({}, profile), profile);
-  EXPECT_EQ(ExportProfileResolver::merged({.maxHeight = 300, .skipLarger = true}, profile),
-            (CompressionOptions{.maxWidth = 1600, .maxHeight = 300, .maxBytes = 500000, .skipLarger = true}));
+  EXPECT_EQ(ExportProfileResolver::merged({.maxWidth = 800, .maxHeight = 300, .skipLarger = true}, profile),
+            (CompressionOptions{.maxWidth = 800, .maxHeight = 300, .maxBytes = 500000, .skipLarger = true}));
   EXPECT_TRUE(ExportProfileResolver::merged({}, {.skipLarger = true}).skipLarger);
   list = ExportProfiles::load();
   list[0].sizing = profile;
@@ -272,6 +273,8 @@ TEST(ExportRecordJSON, WritesTheStoredFormsWithDatesFrom2001) {
   EXPECT_TRUE(ExportHistory::toJson(r).write().ends_with(R"("date":-1})"));
   r.date = utc("2024-03-01T12:00:00.250+01:00");
   EXPECT_TRUE(ExportHistory::toJson(r).write().ends_with(R"("date":730983600.25})"));
+  // A new record is dated from the same 2001 origin.
+  EXPECT_NEAR(ExportHistory::now(), JsonForms::secondsSince2001(QDateTime::currentDateTimeUtc()), 60);
 }
 
 TEST_F(StoreFolderTest, HistoryRoundTripsAndEveryFieldIsRequired) {
