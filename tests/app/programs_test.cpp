@@ -180,6 +180,10 @@ TEST_F(CommandLineTool, InspectAndAnalyzeDescribeEachFileInOrder) {
     EXPECT_EQ(plan["quality"].toDouble(), 90);
     EXPECT_EQ(plan.contains("modeQuality"), plan["mode"] == "lossy") << format.toStdString();
   }
+  // Out of range, as compress takes it: the nearest end, with a warning.
+  ProgramRun high = run({"analyze", "--quality", "250", png});
+  EXPECT_EQ(high.json()[0].toObject()["plans"].toObject()["png"].toObject()["quality"].toDouble(), 100);
+  EXPECT_EQ(high.err, "quillane-cli: quality 250 is outside 1 to 100: 100 is used\n");
 }
 
 TEST(CompressArguments, OptionsBecomeTheCommandsArgumentsAndFallbacksAreTold) {
