@@ -492,6 +492,7 @@ TEST_F(WindowEdgesTest, EveryMenuEntryAndFieldLabelHasAnAccessKeyOfItsOwn) {
     }
     EXPECT_EQ(QAccessible::queryAccessibleInterface(profiles)->text(QAccessible::Name), "R&D");
     EXPECT_TRUE(profiles->menu()->actions().last()->text().contains("&&")) << "not an access key";
+    EXPECT_TRUE(profiles->menu()->actions().last()->isChecked()) << "the applied one, for screen readers too";
 
     ui::SettingsWindow settings({*model_, controller, checker, languages, nullptr}, &window());
     settings.setAttribute(Qt::WA_DeleteOnClose, false);
