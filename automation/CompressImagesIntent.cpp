@@ -12,6 +12,7 @@
 
 #include "automation/CompressScriptCommand.h"
 #include "batch/ExportFilenameAllocator.h"
+#include "batch/ImportedImage.h"
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
 #include "engine/ImageCompressor.h"
@@ -105,15 +106,6 @@ QString localPath(const QString& pathOrURL) {
   return pathOrURL;
 }
 
-// The same path as the file system's bytes. A URL's escapes are undone byte by byte, so that a
-// name that is not UTF-8 ("caf%E9.png", the only way a bus string can carry it) names its file.
-std::string localPathBytes(const QString& pathOrURL) {
-  if (!pathOrURL.startsWith(QLatin1String("file:"))) return QFile::encodeName(pathOrURL).toStdString();
-  const QUrl url(pathOrURL);
-  if (!url.isLocalFile()) return QFile::encodeName(url.toLocalFile()).toStdString();
-  return QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1()).toStdString();
-}
-
 // Refuses a path argument that is not absolute once a file:// URL is read.
 void requireAbsolute(const char* argument, const QString& pathOrURL) {
   if (!QDir::isAbsolutePath(localPath(pathOrURL)))
@@ -131,7 +123,7 @@ QString pathOrURLText(const std::string& path) {
   const QByteArray bytes = QByteArray::fromStdString(path);
   const QString text = QFile::decodeName(bytes);
   if (QFile::encodeName(text) == bytes) return text;
-  return QString::fromLatin1("file://" + bytes.toPercentEncoding("/"));
+  return localFileURL(path).toString(QUrl::FullyEncoded);
 }
 
 void createFolder(const std::string& folder) {
@@ -142,6 +134,11 @@ void createFolder(const std::string& folder) {
 }
 
 }  // namespace
+
+std::string localPathBytes(const QString& pathOrURL) {
+  if (!pathOrURL.startsWith(QLatin1String("file:"))) return QFile::encodeName(pathOrURL).toStdString();
+  return localFilePath(QUrl(pathOrURL));
+}
 
 CompressImagesIntent CompressImagesIntent::fromArguments(const QStringList& files, const QString& format,
                                                          int quality, const QString& profileName,

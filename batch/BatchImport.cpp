@@ -2,6 +2,8 @@
 // at most one file per processor; results are buffered and delivered in URL order on the
 // GUI thread, so rows appear in the order the user chose whatever finished first.
 
+#include <sys/stat.h>
+
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -47,6 +49,9 @@ const QString kSettingsFile = QStringLiteral("batchSettings.json");
 // that is one of the six (damaged, then). Reads the file's first bytes: a worker thread.
 std::optional<QString> foreignFormat(const std::string& path) {
   if (ImageFormats::detect(path)) return std::nullopt;
+  // A pipe would hold the opening until a writer came: only a regular file is looked at.
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
   QFile file(QFile::decodeName(path.c_str()));
   if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
   const QByteArray head = file.read(16);

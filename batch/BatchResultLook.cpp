@@ -35,7 +35,7 @@ void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image)
     QObject::disconnect(*stale);
   });
   const int costMB = CompressionCost::measureCostMB(
-      image->width(), image->height(),
+      image->width(), image->height(), image->heldCellPixels(),
       uint64_t(std::max<int64_t>(image->originalSizeBytes(), 0)) + uint64_t(result.size()));
   std::weak_ptr<ImportedImage> weakImage = image;
   CompressionBudget* memory = options_.memoryBudget;

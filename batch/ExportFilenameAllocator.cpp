@@ -14,9 +14,17 @@ QByteArray caseKey(const std::string& name) {
   return bytes.toLower();
 }
 
+// The longest name a Linux file system takes (NAME_MAX). A longer one (a long name given a
+// longer extension, or a number) loses the end of its base name, never part of a character.
+constexpr size_t kMaxNameBytes = 255;
+
 std::string candidate(const std::string& base, int n, const std::string& extension) {
-  std::string name = n < 2 ? base : base + "-" + std::to_string(n);
-  return extension.empty() ? name : name + "." + extension;
+  std::string suffix = n < 2 ? std::string() : "-" + std::to_string(n);
+  if (!extension.empty()) suffix += "." + extension;
+  if (base.size() + suffix.size() <= kMaxNameBytes) return base + suffix;
+  size_t length = suffix.size() < kMaxNameBytes ? kMaxNameBytes - suffix.size() : 0;
+  while (length > 0 && (static_cast<unsigned char>(base[length]) & 0xC0) == 0x80) --length;
+  return base.substr(0, length) + suffix;
 }
 
 }  // namespace

@@ -28,7 +28,8 @@ class ExportFilenameAllocator {
 
   // baseName + "." + fileExtension when that is new to this run and not an input, else the
   // first free baseName + "-" + n + "." + fileExtension for n = 2, 3, ...; case as given. An
-  // empty extension gives names without a dot.
+  // empty extension gives names without a dot. A name is at most 255 bytes: a longer base
+  // name is cut short, at a character's boundary.
   QString filename(const QString& baseName, const QString& fileExtension);
   // The same in bytes, for names that are not valid UTF-8; they come back byte for byte.
   std::string filename(const std::string& baseName, const std::string& fileExtension);

@@ -23,8 +23,10 @@ int fileCostMB(const std::string& path, ImageFormat format, double quality) {
   return peak ? std::max(megabytes(*peak), 1) : std::numeric_limits<int>::max();
 }
 
-int measureCostMB(int width, int height, uint64_t fileBytes) {
-  const uint64_t bytes = PerceptualDistance::peakBytes(width, height) + fileBytes + (8u << 20);
+int measureCostMB(int width, int height, uint64_t cellPixels, uint64_t fileBytes) {
+  // The source's cells at a HEIC decode's 12 bytes a pixel, as the encode's cost counts them.
+  const uint64_t bytes =
+      PerceptualDistance::peakBytes(width, height) + cellPixels * 12 + fileBytes + (8u << 20);
   return std::max(megabytes(bytes), 1);
 }
 
@@ -32,7 +34,8 @@ int measuredFileCostMB(const std::string& path, ImageFormat format, double quali
   const auto header = ImageDecoder::readHeader(path);
   if (!header) return std::numeric_limits<int>::max();
   const uint64_t file = uint64_t(std::max<int64_t>(ImageDecoder::fileSize(path), 0));
-  return std::max(fileCostMB(path, format, quality), measureCostMB(header->width, header->height, file * 2));
+  return std::max(fileCostMB(path, format, quality),
+                  measureCostMB(header->width, header->height, header->heldCellPixels, file * 2));
 }
 
 int previewCostMB(std::span<const uint8_t> bytes, int maxPixelSize) {

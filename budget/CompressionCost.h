@@ -25,8 +25,9 @@ int fileCostMB(const std::string& path, ImageFormat format, double quality);
 
 // The working memory of measuring how a result looks (PerceptualDistance::between) for a
 // `width` x `height` picture whose source and result files take `fileBytes` together: the
-// distance's peak, the files and 8 MB.
-int measureCostMB(int width, int height, uint64_t fileBytes);
+// distance's peak, the cells the source's decode holds beside it (`cellPixels`,
+// ImageService::Properties::heldCellPixels), the files and 8 MB.
+int measureCostMB(int width, int height, uint64_t cellPixels, uint64_t fileBytes);
 
 // The larger of fileCostMB and measureCostMB for the file at `path`: what a compression that
 // measures its result claims (the one follows the other).

@@ -166,6 +166,21 @@ std::vector<uint8_t> readHead(const std::string& path, size_t headBytes) {
   return readRegular(path, {}, headBytes, true);
 }
 
+std::vector<int> openClosedStandardDescriptors() {
+  std::vector<int> closed;
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (::fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+    closed.push_back(fd);
+    // The lowest free number, which is `fd` itself: those below it are open by now.
+    const int null = ::open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY);
+    if (null >= 0 && null != fd) {
+      ::dup2(null, fd);
+      ::close(null);
+    }
+  }
+  return closed;
+}
+
 unsigned permissionsFor(const std::string& source) {
   struct stat st {};
   if (::stat(source.c_str(), &st) != 0) return 0666;

@@ -67,6 +67,13 @@ std::vector<uint8_t> readHead(const std::string& path, size_t headBytes);
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
                          unsigned permissions = 0666);
 
+// Opens /dev/null on each of the standard descriptors 0, 1 and 2 that the program was started
+// without (`prog 2>&-`), so that no descriptor opened later (a bus connection, a file being
+// read or written) takes that number, to be written to as standard output or swapped for
+// /dev/null while a codec library's messages are silenced. Call first thing in main, before
+// any thread. Gives the numbers of those that were closed.
+std::vector<int> openClosedStandardDescriptors();
+
 // The permissions for a file made from `source`: read and write for its owner, and for the
 // group and others no more than `source` gives them (never execute). 0666 when `source`
 // can't be looked at.

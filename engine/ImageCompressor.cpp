@@ -31,6 +31,15 @@
 namespace quillane {
 namespace {
 
+// The path without its "." steps ("/out/./a.jpg" is "/out/a.jpg", as a caller's "--to ."
+// gives it); ".." stays, since through a link it need not lead back where it came from.
+std::filesystem::path withoutDotSteps(const std::filesystem::path& path) {
+  std::filesystem::path kept;
+  for (const std::filesystem::path& step : path)
+    if (step != ".") kept /= step;
+  return kept;
+}
+
 using Bytes = std::vector<uint8_t>;
 
 bool isNative(ImageFormat format) {
@@ -428,8 +437,7 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
     const std::string name = destinationFilename
                                  ? *destinationFilename
                                  : baseName(path) + "." + std::string(ImageFormats::fileExtension(format));
-    const std::string destination =
-        std::filesystem::absolute(std::filesystem::path(directory) / name).string();
+    const std::string destination = withoutDotSteps(std::filesystem::absolute(directory) / name).string();
     FileIO::writeFileAtomically(destination, compressed, FileIO::permissionsFor(path));
     const auto written = int64_t(compressed.size());
     result.originalSizeBytes = original;

@@ -28,7 +28,9 @@ struct Properties {
   std::optional<int> orientation;  // EXIF 1...8 where the file states one that the decoder won't apply
   int frameCount = 1;
   // A picture its decoder makes of cells decoded whole (a HEIF grid or overlay): the pixels of
-  // all its cells, and of the most held at once beside the picture (codecs::DerivedCells).
+  // all its cells, and of the most held at once beside the picture (codecs::DerivedCells), at
+  // most kMaxPixels, as cells above that together are refused before decoding: a sum with the
+  // picture's own pixels stays far within 64 bits.
   uint64_t cellPixels = 0, heldCellPixels = 0;
   // The most pixels its decoder takes at its depth, when fewer than kMaxPixels.
   uint64_t maxPixels = kMaxPixels;

@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QStandardPaths>
@@ -58,6 +59,8 @@ void save(const JsonValue& value, const QString& filename) {
 }
 
 std::optional<QJsonDocument> load(const QString& filename) {
+  // Only a regular file is read: opening a pipe put in its place would wait for a writer.
+  if (!QFileInfo(path(filename)).isFile()) return std::nullopt;
   QFile file(path(filename));
   if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
   const QByteArray bytes = file.readAll();

@@ -1,6 +1,5 @@
 #include "ui/ExportSummaryView.h"
 
-#include <QAccessibleWidget>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
@@ -13,6 +12,7 @@
 #include <QVariantMap>
 
 #include "services/Strings.h"
+#include "ui/Accessible.h"
 #include "ui/Icons.h"
 #include "ui/UiText.h"
 
@@ -28,20 +28,14 @@ constexpr int kMaxNames = 8;
 // Screen readers speak a notification when it comes to show (on Linux, AT-SPI's
 // "object:state-changed:showing", which Qt sends as the widget is shown), with its name and
 // description; Qt's bridge drops an Alert event.
-QAccessibleInterface* summaryAccessible(const QString& className, QObject* object) {
-  if (className == QLatin1String(ExportSummaryView::staticMetaObject.className()) && object->isWidgetType())
-    return new QAccessibleWidget(static_cast<QWidget*>(object), QAccessible::Notification);
-  return nullptr;
-}
+struct SummaryAccessible : QAccessibleWidget {
+  explicit SummaryAccessible(QWidget* widget) : QAccessibleWidget(widget, QAccessible::Notification) {}
+};
 }  // namespace
 
 ExportSummaryView::ExportSummaryView(std::function<void(const QList<QUrl>&)> showInFolder, QWidget* parent)
     : QFrame(parent), showFiles_(std::move(showInFolder)) {
-  static const bool factoryInstalled = [] {
-    QAccessible::installFactory(summaryAccessible);
-    return true;
-  }();
-  (void)factoryInstalled;
+  useAccessibleInterface<ExportSummaryView, SummaryAccessible>();
   setObjectName(QStringLiteral("exportSummary"));
   setFrameShape(QFrame::StyledPanel);
   setAutoFillBackground(true);

@@ -1,5 +1,6 @@
 #include "ui/HotFoldersSettingsView.h"
 
+#include <QActionGroup>
 #include <QCheckBox>
 #include <QDir>
 #include <QFormLayout>
@@ -308,9 +309,14 @@ void HotFoldersSettingsView::rebuildProfileMenu() {
   profileButton_->setText(Mnemonics::literal(newProfileName_.value_or(noProfile)));
   profileButton_->setAccessibleDescription(newProfileName_.value_or(noProfile));
   profileMenu_->clear();
-  auto add = [this](const QString& label, const std::optional<QString>& name) {
+  // The chosen one checked, one of several, as the profile menu of the window checks its own.
+  qDeleteAll(profileMenu_->findChildren<QActionGroup*>(Qt::FindDirectChildrenOnly));
+  auto* choices = new QActionGroup(profileMenu_);
+  auto add = [this, choices](const QString& label, const std::optional<QString>& name) {
     QAction* action = profileMenu_->addAction(label);
-    if (name == newProfileName_) action->setIcon(Icons::icon("checkmark"));
+    action->setCheckable(true);
+    action->setChecked(name == newProfileName_);
+    choices->addAction(action);
     connect(action, &QAction::triggered, this, [this, name] { setNewProfileName(name); });
   };
   add(noProfile, std::nullopt);

@@ -72,8 +72,12 @@ QVariant ImageListModel::data(const QModelIndex& index, int role) const {
       QStringList parts{image->fileName(), RowRules::metaText(*image), RowRules::shapeText(*image)};
       for (const RowRules::Note& note : RowRules::notes(*image, viewModel_.outputFormat()))
         parts << note.text;
+      // The spinner as a word, and a failed encode's reason (the tooltip of its block) in place of
+      // its retry link, which is the menu's entry.
+      if (summary.kind == RowRules::SizeSummary::Kind::spinner) parts << Strings::text("comparison.encoding");
       if (summary.kind == RowRules::SizeSummary::Kind::lines)
-        parts << summary.firstLine << summary.secondLine << RowRules::look(*image).word;
+        parts << summary.firstLine << (summary.secondIsRetry ? summary.help : summary.secondLine)
+              << RowRules::look(*image).word;
       if (image->exportError()) parts << *image->exportError();
       parts.removeAll(QString());
       return parts.join(QStringLiteral(", "));

@@ -10,6 +10,7 @@
 #include <QPainter>
 #include <QPointer>
 #include <QToolTip>
+#include <tuple>
 
 #include "batch/BatchViewModel.h"
 #include "services/Strings.h"
@@ -207,6 +208,15 @@ void ImageListView::keyPressEvent(QKeyEvent* event) {
       if (image) activate(index, RowHit::thumbnail);
       if (failure) activate(index, RowHit::failureRetry);
       return;
+    case Qt::Key_Up:
+    case Qt::Key_Down:
+      // Alt with an arrow moves the row, as dragging it does.
+      if ((event->modifiers() & ~Qt::KeypadModifier) != Qt::AltModifier) {
+        QListView::keyPressEvent(event);
+      } else if (image) {
+        moveRow(index, event->key() == Qt::Key_Up ? -1 : 1);
+      }
+      return;
     case Qt::Key_Menu:
       break;
     case Qt::Key_F10:
@@ -257,9 +267,30 @@ QMenu* ImageListView::rowMenu(const QModelIndex& index) {
   add(RowHit::exportButton, Strings::text("row.menu.export"));
   if (image->exportError()) add(RowHit::warning, Strings::text("row.retryExport"));
   menu->addSeparator();
+  const int at = index.row() - model_->imageRowOffset();
+  for (const auto& [key, by, arrow] :
+       {std::tuple("row.menu.moveUp", -1, Qt::Key_Up), std::tuple("row.menu.moveDown", 1, Qt::Key_Down)}) {
+    QAction* action = menu->addAction(Strings::text(key));
+    action->setShortcut(QKeySequence(Qt::ALT | arrow));  // the list's own key, shown
+    action->setEnabled(at + by >= 0 && at + by < int(viewModel_.images().size()));
+    connect(action, &QAction::triggered, this, [this, row, by = by] {
+      if (row.isValid()) moveRow(row, by);
+    });
+  }
+  menu->addSeparator();
   add(RowHit::remove, Strings::text("row.menu.remove"));
   Mnemonics::assign(menu);
   return menu;
+}
+
+void ImageListView::moveRow(const QModelIndex& index, int by) {
+  const int from = index.row() - model_->imageRowOffset();
+  const int to = from + by;
+  if (model_->kind(index.row()) != ImageListModel::RowKind::image || to < 0 ||
+      to >= int(viewModel_.images().size()))
+    return;
+  viewModel_.moveImage(from, to);
+  setCurrentIndex(model_->index(model_->rowOfImage(to)));
 }
 
 void ImageListView::leaveEvent(QEvent* event) {

@@ -74,6 +74,9 @@ class ImageListView : public QListView {
   void startRowDrag(const QModelIndex& index);
   // The batch index before which a dragged row would land, from a viewport point.
   int insertionIndex(const QPoint& pos) const;
+  // Moves the image of row `index` `by` places in the batch (-1: up), as a drag would, the row
+  // staying the current one; nothing past either end.
+  void moveRow(const QModelIndex& index, int by);
   void updateSpinnerTimer();
 
   BatchViewModel& viewModel_;

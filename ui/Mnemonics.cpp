@@ -39,6 +39,18 @@ bool usable(QChar c) {
   return script == QChar::Script_Latin || script == QChar::Script_Cyrillic || script == QChar::Script_Greek;
 }
 
+// Where in `text` a key could go, on a letter not in `taken`, best first: the first letters of
+// words, then the others.
+QList<qsizetype> keyPlaces(const QString& text, const QString& taken) {
+  QList<qsizetype> places;
+  for (const bool wordStarts : {true, false})
+    for (qsizetype i = 0; i < text.size(); ++i)
+      if (usable(text[i]) && !taken.contains(text[i].toLower()) &&
+          (i == 0 || !text[i - 1].isLetterOrNumber()) == wordStarts)
+        places << i;
+  return places;
+}
+
 // The text `current` is keyed from. A text this file did not write is the object's own, "&" and
 // all; one it wrote comes from the text it remembers.
 QString plainText(const QObject* holder, const QString& current, Memory memory = kOwnText) {
@@ -127,17 +139,11 @@ void setTextOf(QWidget* holder, const QString& text) {
     static_cast<QAbstractButton*>(holder)->setText(text);
 }
 
-// The letters `text` could be keyed on, not in `taken`, each once: those starting a word first.
+// The letters `text` could be keyed on, not in `taken`, each once and best first.
 QString candidates(const QString& text, const QString& taken) {
   QString letters;
-  for (const bool wordStartsOnly : {true, false}) {
-    for (qsizetype i = 0; i < text.size(); ++i) {
-      const QChar c = text[i].toLower();
-      if (!usable(text[i]) || taken.contains(c) || letters.contains(c)) continue;
-      if (wordStartsOnly && i > 0 && text[i - 1].isLetterOrNumber()) continue;
-      letters += c;
-    }
-  }
+  for (const qsizetype i : keyPlaces(text, taken))
+    if (!letters.contains(text[i].toLower())) letters += text[i].toLower();
   return letters;
 }
 
@@ -183,16 +189,8 @@ QList<QChar> matchLetters(const QStringList& options) {
 }  // namespace
 
 QString withAccessKey(const QString& text, QString& taken) {
-  qsizetype pick = -1;
-  for (const bool wordStartsOnly : {true, false}) {
-    for (qsizetype i = 0; i < text.size() && pick < 0; ++i) {
-      const QChar c = text[i];
-      if (!usable(c) || taken.contains(c.toLower())) continue;
-      if (wordStartsOnly && i > 0 && text[i - 1].isLetterOrNumber()) continue;
-      pick = i;
-    }
-    if (pick >= 0) break;
-  }
+  const QList<qsizetype> places = keyPlaces(text, taken);
+  const qsizetype pick = places.isEmpty() ? -1 : places.first();
   QString keyed;
   keyed.reserve(text.size() + 4);
   for (qsizetype i = 0; i < text.size(); ++i) {

@@ -1,5 +1,6 @@
 #include "ui/ProfileMenuView.h"
 
+#include <QActionGroup>
 #include <QHBoxLayout>
 #include <QMenu>
 #include <QPushButton>
@@ -7,7 +8,6 @@
 #include "batch/BatchViewModel.h"
 #include "records/ExportProfile.h"
 #include "services/Strings.h"
-#include "ui/Icons.h"
 #include "ui/Mnemonics.h"
 #include "ui/QualityControls.h"
 
@@ -51,9 +51,16 @@ void ExportProfileMenuView::rebuildMenu() {
   connect(none, &QAction::triggered, this, [this] { viewModel_.setAppliedProfileName(std::nullopt); });
   menu_->addSeparator();
   const auto& applied = viewModel_.appliedProfileName();
+  // The applied one checked, as the format menus' choice is: screen readers say so, where they
+  // would say nothing of a checkmark drawn as its icon.
+  qDeleteAll(menu_->findChildren<QActionGroup*>(Qt::FindDirectChildrenOnly));
+  auto* choices = new QActionGroup(menu_);
+  choices->setExclusive(true);
   for (const ExportProfile& profile : viewModel_.exportProfiles()) {
     QAction* action = menu_->addAction(profile.name);
-    if (applied && *applied == profile.name) action->setIcon(Icons::icon("checkmark"));
+    action->setCheckable(true);
+    action->setChecked(applied && *applied == profile.name);
+    choices->addAction(action);
     const QUuid id = profile.id;
     connect(action, &QAction::triggered, this, [this, id] {
       for (const ExportProfile& p : viewModel_.exportProfiles())

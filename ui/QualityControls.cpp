@@ -260,6 +260,9 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
   connect(image_.get(), &ImportedImage::qualityOverrideChanged, this, &QualityOverridePopup::refresh);
   connect(&viewModel_, &BatchViewModel::qualityChanged, this, &QualityOverridePopup::refresh);
   refresh();
+  // Alt with a letter reaches the size options and the links, as in the size popup.
+  QString taken;
+  Mnemonics::assignControls(this, taken);
 }
 
 double QualityOverridePopup::displayedQuality() const {
@@ -292,7 +295,7 @@ void QualityOverridePopup::refresh() {
     slider_->setValue(qualityReadout(displayedQuality()));
   }
   const bool custom = image_->qualityOverride().has_value();
-  revert_->setText(Strings::format("quality.revertFormat", qualityReadout(viewModel_.quality())));
+  Mnemonics::setText(revert_, Strings::format("quality.revertFormat", qualityReadout(viewModel_.quality())));
   revert_->setVisible(custom);
   following_->setVisible(!custom);
   const CompressionOptions sizing = image_->sizingOverride().value_or(viewModel_.compressionOptions());

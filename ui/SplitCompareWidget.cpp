@@ -14,6 +14,7 @@
 
 #include "batch/BatchViewModel.h"
 #include "services/Strings.h"
+#include "ui/Accessible.h"
 #include "ui/ComparisonGeometry.h"
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
@@ -97,12 +98,6 @@ class DividerAccessible : public QAccessibleWidget, public QAccessibleValueInter
   SplitCompareWidget* area() const { return static_cast<SplitCompareWidget*>(widget()); }
 };
 
-QAccessibleInterface* dividerAccessible(const QString& className, QObject* object) {
-  if (className == QLatin1String(SplitCompareWidget::staticMetaObject.className()) && object->isWidgetType())
-    return new DividerAccessible(static_cast<QWidget*>(object));
-  return nullptr;
-}
-
 QImage checkerTile(bool dark, double dpr) {
   const int cell = 8;
   QImage tile(QSize(2 * cell, 2 * cell) * dpr, QImage::Format_RGB32);
@@ -123,11 +118,7 @@ QImage checkerTile(bool dark, double dpr) {
 SplitCompareWidget::SplitCompareWidget(BatchViewModel& viewModel, std::shared_ptr<ImportedImage> image,
                                        QWidget* parent)
     : QWidget(parent), viewModel_(viewModel), image_(std::move(image)) {
-  static const bool factoryInstalled = [] {
-    QAccessible::installFactory(dividerAccessible);
-    return true;
-  }();
-  (void)factoryInstalled;
+  useAccessibleInterface<SplitCompareWidget, DividerAccessible>();
   thumbnail_ = toQImage(image_->thumbnail());
   picture_ = QSize(std::max(image_->width(), 1), std::max(image_->height(), 1));
   centre_ = QPointF(picture_.width() / 2.0, picture_.height() / 2.0);

@@ -11,7 +11,9 @@
 #include <QByteArrayList>
 #include <QCoreApplication>
 #include <QStringList>
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -22,6 +24,7 @@
 #include "app/cli/CompressArguments.h"
 #include "app/cli/InspectCommands.h"
 #include "automation/CompressScriptCommand.h"
+#include "engine/FileIO.h"
 #include "services/LanguageManager.h"
 
 namespace {
@@ -50,7 +53,8 @@ const char kHelp[] =
     "      format, the encoding plan at quality Q (plans: mode, modeQuality or\n"
     "      nearLosslessLevel, effort, quality, alternative and alternativeQuality,\n"
     "      dithering, prefersLossless).\n"
-    "      --quality Q   perceptual quality from 1 to 100 (default 75)\n"
+    "      --quality Q   perceptual quality from 1 to 100 (default 75); one outside the\n"
+    "                    range is taken as 1 or 100, with a warning\n"
     "\n"
     "  compress FILE... [--to DIR] [--format NAME] [--quality Q] [--profile NAME]\n"
     "           [--max-width W] [--max-height H] [--max-bytes SIZE] [--skip-larger]\n"
@@ -167,7 +171,10 @@ int runAnalyze(const QByteArrayList& arguments) {
   if (line.options.count("quality")) {
     const std::optional<double> number = cli::finiteNumber(line.options["quality"]);
     if (!number) return usageError("--quality needs a number");
-    quality = *number;
+    quality = std::clamp(*number, 1.0, 100.0);
+    if (quality != *number)
+      std::fprintf(stderr, "quillane-cli: quality %s is outside 1 to 100: %s is used\n",
+                   line.options["quality"].constData(), quality == 1 ? "1" : "100");
   }
   printJson(cli::analyze(paths(line.files), quality).writeSorted());
   return 0;
@@ -176,6 +183,12 @@ int runAnalyze(const QByteArrayList& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Started without a standard output (`>&-`), the records can't be written: told at the end.
+  for (int fd : FileIO::openClosedStandardDescriptors())
+    if (fd == 1) outputErrno = EBADF;
+  // A reader that went away (a closed pipe) is a failed write, told by the exit status, not a
+  // signal that ends the tool.
+  std::signal(SIGPIPE, SIG_IGN);
   // Answered before anything is set up: scripts and package checks call it often.
   if (argc == 2 && std::string_view(argv[1]) == "--version") {
     std::printf("quillane-cli %s\n", kAppVersion);

@@ -3,7 +3,6 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QTimer>
@@ -14,6 +13,7 @@
 #include "automation/CompressImagesIntent.h"
 #include "automation/DesktopNotification.h"
 #include "automation/QuillaneBusClient.h"
+#include "batch/ImportedImage.h"
 #include "services/Strings.h"
 
 namespace quillane {
@@ -42,28 +42,21 @@ Outcome compressInProcess(const QStringList& files) {
   }
 }
 
-// A written file's path as the file system has it; the compress action gives a file:// URL
-// for a path that is not UTF-8.
-QByteArray localBytes(const QString& output) {
-  if (!output.startsWith(QLatin1String("file:"))) return QFile::encodeName(output);
-  return QByteArray::fromPercentEncoding(QUrl(output).path(QUrl::FullyEncoded).toLatin1());
-}
-
 // The file manager's window on the written files, selected (org.freedesktop.FileManager1);
 // without that service, the first file's folder opened by the desktop's default.
 void showInFolder(const QDBusConnection& bus, const QStringList& outputs) {
   QStringList uris;
+  // The compress action gives a written file whose path is not UTF-8 as its URL.
   for (const QString& output : outputs)
-    uris.append(QString::fromLatin1("file://" + localBytes(output).toPercentEncoding("/")));
+    uris.append(localFileURL(localPathBytes(output)).toString(QUrl::FullyEncoded));
   QDBusMessage call = QDBusMessage::createMethodCall(
       QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
       QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
   call << uris << QString();
   if (bus.call(call, QDBus::Block, 10000).type() == QDBusMessage::ReplyMessage) return;
-  const QByteArray first = localBytes(outputs.first());
-  QProcess::startDetached(
-      QStringLiteral("xdg-open"),
-      {QString::fromLatin1("file://" + first.left(first.lastIndexOf('/') + 1).toPercentEncoding("/"))});
+  const std::string first = localPathBytes(outputs.first());
+  QProcess::startDetached(QStringLiteral("xdg-open"),
+                          {localFileURL(first.substr(0, first.rfind('/') + 1)).toString(QUrl::FullyEncoded)});
 }
 
 }  // namespace
@@ -119,18 +112,16 @@ int runCompressLaunch(const QStringList& files) {
     outcome = compressInProcess(paths);
   }
 
-  for (const QString& output : outcome.outputs) std::printf("%s\n", localBytes(output).constData());
+  for (const QString& output : outcome.outputs) std::printf("%s\n", localPathBytes(output).c_str());
   std::fflush(stdout);
 
   const QString summary =
       outcome.error ? Strings::text("intents.notification.failed") : Strings::text("intents.compress.title");
+  const QString folder = outcome.outputs.isEmpty()
+                             ? QString()
+                             : QFileInfo(QString::fromStdString(localPathBytes(outcome.outputs[0]))).path();
   const QString body =
-      outcome.error
-          ? *outcome.error
-          : Strings::format("intents.notification.doneFormat",
-                            outcome.outputs.isEmpty()
-                                ? QString()
-                                : QFileInfo(QFile::decodeName(localBytes(outcome.outputs[0]))).path());
+      outcome.error ? *outcome.error : Strings::format("intents.notification.doneFormat", folder);
   QStringList actions;
   if (!outcome.error && !outcome.outputs.isEmpty() && DesktopNotification::supportsActions(bus))
     actions = {kShowInFolder, Strings::text("intents.notification.showInFolder")};

@@ -39,6 +39,7 @@
 #include "app/gui/QuillaneApp.h"
 #include "automation/QuillaneBusClient.h"
 #include "automation/QuillaneBusService.h"
+#include "engine/FileIO.h"
 #include "services/LanguageManager.h"
 #include "services/Strings.h"
 
@@ -127,6 +128,7 @@ void quitOnTerminationSignals(QObject* owner) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  quillane::FileIO::openClosedStandardDescriptors();
   const quillane::LaunchArguments arguments = quillane::LaunchArguments::parse(argc, argv, workingFolder());
   using Mode = quillane::LaunchArguments::Mode;
 

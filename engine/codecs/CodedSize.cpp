@@ -81,6 +81,18 @@ struct Size {
   uint64_t width = 0, height = 0;
 };
 
+// Whether `size` fits within `bound` either way round: some writers declare a size after the
+// item's rotation, which is the same memory.
+bool fitsWithin(Size size, Size bound) {
+  return (size.width <= bound.width && size.height <= bound.height) ||
+         (size.width <= bound.height && size.height <= bound.width);
+}
+
+// `size` in whole blocks of `block` pixels.
+Size roundedUp(Size size, uint64_t block) {
+  return {(size.width + block - 1) / block * block, (size.height + block - 1) / block * block};
+}
+
 // The luma size of an HEVC sequence parameter set (the whole NAL unit, header included).
 std::optional<Size> spsSize(Input nal) {
   if (nal.size() < 3) return std::nullopt;
@@ -191,6 +203,19 @@ void scanAv1(Input data, Coded& coded) {
   }
 }
 
+// A box's header, read from `in`, which then stands at its payload: its type, and its size, a
+// 64-bit one where the 32-bit field says 1, and `rest` where it says 0 (to the end).
+struct BoxHeader {
+  Input type;
+  uint64_t size;
+};
+BoxHeader readBoxHeader(ByteReader& in, uint64_t rest) {
+  const uint64_t size = in.read(4);
+  const Input type = in.take(4);
+  const uint64_t large = size == 1 ? in.read(8) : size;
+  return {type, large == 0 ? rest : large};
+}
+
 struct Box {
   const uint8_t* type;
   Input payload;
@@ -202,14 +227,10 @@ std::vector<Box> boxesOf(Input data) {
   ByteReader in{data};
   while (data.size() - in.at >= 8) {
     const size_t start = in.at;
-    uint64_t size = in.read(4);
-    const uint8_t* type = data.data() + in.at;
-    in.read(4);
-    if (size == 1) size = in.read(8);
-    if (size == 0) size = data.size() - start;
+    const auto [type, size] = readBoxHeader(in, data.size() - start);
     const size_t headerBytes = in.at - start;
     if (!in.ok || size < headerBytes || size > data.size() - start) break;
-    boxes.push_back({type, in.take(size - headerBytes)});
+    boxes.push_back({type.data(), in.take(size - headerBytes)});
   }
   return boxes;
 }
@@ -292,8 +313,7 @@ void readIref(Input payload, std::map<uint32_t, Item>& items) {
   ByteReader in{payload, 4};
   std::set<uint32_t> derived;
   while (in.at < payload.size()) {
-    if (in.read(4) == 1) in.read(8);  // the reference's box size, which libheif passes over
-    const Input type = in.take(4);
+    const Input type = readBoxHeader(in, 0).type;  // its size libheif passes over
     if (in.ok && !std::memcmp(type.data(), "uuid", 4)) in.take(16);
     if (!in.ok) return;  // libheif refuses the file
     const uint32_t from = uint32_t(in.read(idBytes));
@@ -424,9 +444,7 @@ class CellCounter {
     if (item == list_.items.end()) return 0;
     const std::optional<Size> size = declaredSize(item->second, list_.properties);
     if (!size) return 0;
-    const uint64_t block = isDerived(item->second) ? 1 : 64;
-    const uint64_t width = (size->width + block - 1) / block * block,
-                   height = (size->height + block - 1) / block * block;
+    const auto [width, height] = roundedUp(*size, isDerived(item->second) ? 1 : 64);
     return width != 0 && height > UINT64_MAX / width ? UINT64_MAX : width * height;
   }
 
@@ -459,26 +477,21 @@ std::optional<Input> itemData(const Item& item, ByteSource& file, Input idat, st
   return Input(joined);
 }
 
-// Coded sizes are whole blocks (up to 64 pixels) that the declared size may crop. Some writers
-// declare the size after the item's rotation: either way round is the same memory.
+// Coded sizes are whole blocks (up to 64 pixels) that the declared size may crop.
 void checkWithin(const Coded& coded, uint64_t width, uint64_t height) {
-  auto within = [&](uint64_t w, uint64_t h) {
-    return coded.largest.width <= (w + 63) / 64 * 64 && coded.largest.height <= (h + 63) / 64 * 64;
-  };
-  if (!within(width, height) && !within(height, width))
+  if (!fitsWithin(coded.largest, roundedUp({width, height}, 64)))
     fail("coded picture larger than the size its file declares");
 }
 
 // A grid's or an overlay's picture is the size its own data gives, which the decoder allocates
 // (libheif draws an overlay on a canvas of that size): no larger than its declared size
-// ("ispe"), either way round.
+// ("ispe").
 void checkDerived(const Item& item, bool overlay, ByteSource& file, Input idat,
                   const std::vector<Box>& properties) {
-  const Box* ispe = propertyOf(item, properties, "ispe");
   // Without a declared size libheif takes the one the data names, whatever it is, for a cell of
   // another grid or overlay too.
-  if (!ispe || ispe->payload.size() < 12)
-    fail(overlay ? "overlay without a declared size" : "grid picture without a declared size");
+  const std::optional<Size> declared = declaredSize(item, properties);
+  if (!declared) fail(overlay ? "overlay without a declared size" : "grid picture without a declared size");
   std::vector<uint8_t> joined;
   const auto data = itemData(item, file, idat, joined);
   if (!data) return;  // the decoder refuses it
@@ -486,10 +499,10 @@ void checkDerived(const Item& item, bool overlay, ByteSource& file, Input idat,
   derived.read(1);
   const uint64_t fieldBytes = (derived.read(1) & 1) ? 4 : 2;
   derived.read(overlay ? 8 : 2);  // the canvas's fill colour, or a grid's rows and columns less one
-  const uint64_t width = derived.read(fieldBytes), height = derived.read(fieldBytes);
-  ByteReader declared{ispe->payload, 4};
-  const uint64_t w = declared.read(4), h = declared.read(4);
-  if (derived.ok && !((width <= w && height <= h) || (width <= h && height <= w)))
+  Size size;
+  size.width = derived.read(fieldBytes);
+  size.height = derived.read(fieldBytes);
+  if (derived.ok && !fitsWithin(size, *declared))
     fail(overlay ? "overlay larger than the size its file declares"
                  : "grid picture larger than the size its file declares");
 }
@@ -505,13 +518,9 @@ std::vector<uint8_t> metaPayload(ByteSource& file) {
   for (uint64_t at = 0; end - at >= 8;) {
     const std::vector<uint8_t> header = file.readAt(at, 16);
     ByteReader in{header};
-    uint64_t size = in.read(4);
-    const bool meta = header.size() >= 8 && std::memcmp(header.data() + 4, "meta", 4) == 0;
-    in.read(4);
-    if (size == 1) size = in.read(8);
-    if (size == 0) size = end - at;
+    const auto [type, size] = readBoxHeader(in, end - at);
     if (!in.ok || size < in.at || size > end - at) break;
-    if (meta) {
+    if (!std::memcmp(type.data(), "meta", 4)) {
       // libheif reads the last, a reader of the first would check other items than it decodes.
       if (found) fail("item information given twice");
       if (size - in.at > kMaxMetaBytes) fail("item information larger than any picture needs");
@@ -570,9 +579,7 @@ void checkCodedSizes(ByteSource& file) {
         const std::optional<Size> declared = declaredSize(item, properties);
         for (const uint32_t cellId : item.cells) {
           const std::optional<Size> cell = declaredSize(items.at(cellId), properties);
-          if (!declared || !cell ||
-              !((cell->width <= declared->width && cell->height <= declared->height) ||
-                (cell->width <= declared->height && cell->height <= declared->width)))
+          if (!declared || !cell || !fitsWithin(*cell, *declared))
             fail("derived picture larger than the size its file declares");
         }
       } else {

@@ -136,7 +136,7 @@ std::optional<Properties> heifProperties(ByteSource& source) {
   props.height = heif_image_handle_get_height(opened->primary.get());
   props.frameCount = std::max(1, heif_context_get_number_of_top_level_images(opened->context.get()));
   props.cellPixels = cells.all;
-  props.heldCellPixels = cells.heldAtOnce;
+  props.heldCellPixels = std::min(cells.heldAtOnce, kMaxPixels);
   props.maxPixels = maxPixels(opened->primary.get());
   if (props.width <= 0 || props.height <= 0) return std::nullopt;
   return props;

@@ -10,6 +10,7 @@
 // running instance or on its own.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <QDBusConnectionInterface>
 #include <QDBusInterface>
@@ -135,6 +136,26 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
   ProgramRun full = run({"compress", "in/odd.png", "--to", "out"}, "/dev/full");
   EXPECT_EQ(full.exitCode, 3);
   EXPECT_TRUE(full.err.startsWith("quillane-cli: standard output: ")) << full.err.toStdString();
+  ProgramRun closed = run({}, {}, "exec \"$Q\" inspect in/odd.png >&-");
+  EXPECT_EQ(closed.exitCode, 3);
+  EXPECT_EQ(closed.err, "quillane-cli: standard output: Bad file descriptor\n");
+  // A reader that has gone: the tool is not killed by SIGPIPE.
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  ::close(ends[0]);
+  QProcess gone;
+  gone.setChildProcessModifier([&] {
+    ::signal(SIGPIPE, SIG_DFL);  // as a shell starts it
+    ::dup2(ends[1], 1);
+  });
+  gone.setProcessEnvironment(testing::sandboxEnvironment(dir_.path()));
+  gone.setWorkingDirectory(dir_.path());
+  gone.start(program_, {"inspect", "in/odd.png"});
+  ASSERT_TRUE(gone.waitForFinished(60000));
+  ::close(ends[1]);
+  EXPECT_EQ(gone.exitStatus(), QProcess::NormalExit);
+  EXPECT_EQ(gone.exitCode(), 3);
+  EXPECT_EQ(gone.readAllStandardError(), "quillane-cli: standard output: Broken pipe\n");
 
   ProgramRun blocked = run({"compress", "in/odd.png", "--to", "in/odd.png/sub"});
   EXPECT_EQ(blocked.exitCode, 6);
@@ -159,6 +180,10 @@ TEST_F(CommandLineTool, InspectAndAnalyzeDescribeEachFileInOrder) {
     EXPECT_EQ(plan["quality"].toDouble(), 90);
     EXPECT_EQ(plan.contains("modeQuality"), plan["mode"] == "lossy") << format.toStdString();
   }
+  // Out of range, as compress takes it: the nearest end, with a warning.
+  ProgramRun high = run({"analyze", "--quality", "250", png});
+  EXPECT_EQ(high.json()[0].toObject()["plans"].toObject()["png"].toObject()["quality"].toDouble(), 100);
+  EXPECT_EQ(high.err, "quillane-cli: quality 250 is outside 1 to 100: 100 is used\n");
 }
 
 TEST(CompressArguments, OptionsBecomeTheCommandsArgumentsAndFallbacksAreTold) {
@@ -312,11 +337,13 @@ class DesktopBus : public ::testing::Test {
     processes_.clear();
   }
 
-  // Starts the program for good and waits until it owns the name.
-  void startInstance(const QStringList& arguments, const QProcessEnvironment& env) {
+  // Starts the program for good and waits until it owns the name; `closeStderr` starts it
+  // without a standard error, as `2>&-` does.
+  void startInstance(const QStringList& arguments, const QProcessEnvironment& env, bool closeStderr = false) {
     auto process = std::make_unique<QProcess>();
     process->setProcessEnvironment(env);
     process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    if (closeStderr) process->setChildProcessModifier([] { ::close(2); });
     process->start(program_, arguments);
     ASSERT_TRUE(process->waitForStarted(10000));
     ASSERT_TRUE(QTest::qWaitFor([&] { return owned() || process->state() != QProcess::Running; }, 60000));
@@ -495,10 +522,14 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
   EXPECT_TRUE(alone.err.contains("Images compressées enregistrées dans")) << alone.err.toStdString();
 
   testing::saveDefaultProfile(path("instanceData"), "webp", path("viaInstance"));
-  startInstance({"--service"}, environment("instanceData"));
+  startInstance({"--service"}, environment("instanceData"), true);
   testing::ProgramRun forwarded = run({"--compress", "in/a.png"}, environment());
   EXPECT_EQ(forwarded.exitCode, 0) << forwarded.err.toStdString();
   EXPECT_EQ(forwarded.out.trimmed(), path("viaInstance/a.webp").toUtf8());
+  // Started without a standard error, the instance keeps that number for /dev/null: its bus
+  // connection, which took it otherwise, was swapped for /dev/null by every silenced decode.
+  EXPECT_EQ(QFileInfo(QString("/proc/%1/fd/2").arg(processes_.back()->processId())).symLinkTarget(),
+            "/dev/null");
 
   const auto notifications = standIn("org.freedesktop.Notifications");
   const auto fileManager = standIn("org.freedesktop.FileManager1");

@@ -1,6 +1,7 @@
 // The model over the real engine: a generated PNG is inspected, encoded and exported, and files
 // that are no image land in the failure list with the reason. A name that is not UTF-8 is read,
 // exported and restored after a restart as the very same file.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QDir>
@@ -31,9 +32,11 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   o.inspector = nullptr;
   o.measureResults = true;
   auto& model = makeModel(o);
+  const QUrl pipe = QUrl::fromLocalFile(dir_.filePath("pipe.png"));  // not waited on
+  ASSERT_EQ(::mkfifo(QFile::encodeName(pipe.toLocalFile()).constData(), 0600), 0);
   import({QUrl::fromLocalFile(dir_.filePath("pattern.png")), source("anim.gif", "GIF89a\x01\0\x01\0junk"),
           source("scan.bmp", "BM\x36\0\0\0junk"), source("notes.png", "this is not an image"),
-          source("broken.png", "\x89PNG\r\n\x1a\n\0\0"), latin1URL});
+          source("broken.png", "\x89PNG\r\n\x1a\n\0\0"), latin1URL, pipe});
   ASSERT_EQ(model.images().size(), 2u);
   auto image = model.images()[0];
   EXPECT_EQ(std::tuple(image->width(), image->height(), image->originalFormat()),
@@ -46,6 +49,7 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   EXPECT_EQ(told, (QStringList{
                       "0 GIF est un format que Quillane ne lit pas.",
                       "0 BMP est un format que Quillane ne lit pas.", "0 Quillane ne lit pas ce format.",
+                      "1 " + QString::fromStdString(ImageProcessingError::decodingFailed().description()),
                       "1 " + QString::fromStdString(ImageProcessingError::decodingFailed().description())}));
 
   ASSERT_TRUE(waitIdle(20000));

@@ -166,6 +166,9 @@ TEST(ExportFilenameAllocator, ClashesIgnoreCaseNumberFromTwoAndSkipNamesTaken) {
       {{{"Été", "JPG"}, {"été", "jpg"}}, {"Été.JPG", "été-2.jpg"}},
       {{{"a-2", "png"}, {"a", "png"}, {"a", "png"}, {"A-3", "png"}},
        {"a-2.png", "a.png", "a-3.png", "A-3-2.png"}},
+      // Within 255 bytes, a character never cut in two.
+      {{{QString(251, 'n'), "webp"}, {QString(251, 'n'), "webp"}, {QString(126, u'é'), "webp"}},
+       {QString(250, 'n') + ".webp", QString(248, 'n') + "-2.webp", QString(125, u'é') + ".webp"}},
   };
   for (const auto& [requests, expected] : cases) {
     ExportFilenameAllocator allocator;

@@ -152,9 +152,9 @@ TEST(Compress, WritesUnderTheSourceNameOrTheGivenOneAndKeepsTheOriginalOnlyWhenT
   EXPECT_EQ(result.compressedSizeBytes, int64_t(written.size()));
   EXPECT_DOUBLE_EQ(*result.ratio, 1.0 - double(written.size()) / double(result.originalSizeBytes));
 
-  auto named = compress(source, dir.file("out") + "/", ImageFormat::jpeg, 75, std::string("Chosen-2.jpg"));
+  auto named = compress(source, dir.file("out") + "/./", ImageFormat::jpeg, 75, std::string("Chosen-2.jpg"));
   ASSERT_TRUE(named.succeeded());
-  EXPECT_EQ(fs::path(*named.destination).filename(), "Chosen-2.jpg");
+  EXPECT_EQ(named.destination, dir.file("out/Chosen-2.jpg"));  // the folder "." steps dropped
   EXPECT_TRUE(fs::is_regular_file(*named.destination));
 
   auto kept =

@@ -151,13 +151,18 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
   files.push_back({"overlay on a larger canvas",
                    fixtures::grid(cell, 2, 2, {.overlayWidth = 8000, .overlayHeight = 8000}),
                    codedLargerThanDeclared});
-  // An honest overlay whose first cell is of an unknown type: libheif asserted on it.
-  Bytes unknownCell = fixtures::grid(cell, 2, 2, {.overlayWidth = 128, .overlayHeight = 128});
-  std::search(unknownCell.begin(), unknownCell.end(), std::begin("hvc1"), std::end("hvc1") - 1)[3] = '2';
-  files.push_back({"overlay of an unknown item", unknownCell, codedLargerThanDeclared});
-  // The same with its list of cells counted one too many: libheif reads the four up to the end.
-  std::search(unknownCell.begin(), unknownCell.end(), std::begin("dimg"), std::end("dimg") - 1)[7] = 5;
-  files.push_back({"overlay of an unknown item, miscounted", unknownCell, codedLargerThanDeclared});
+  // An honest overlay whose first cell is of an unknown type: libheif asserted on it. Its list of
+  // cells in a box of a 64-bit size, and counted one too many, libheif reads too (the four to the end).
+  for (const int large : {0, 1}) {
+    const std::string name =
+        large ? "overlay of an unknown item, listed at length" : "overlay of an unknown item";
+    Bytes file = fixtures::grid(cell, 2, 2,
+                                {.overlayWidth = 128, .overlayHeight = 128, .largeReference = bool(large)});
+    std::search(file.begin(), file.end(), std::begin("hvc1"), std::end("hvc1") - 1)[3] = '2';
+    files.push_back({name, file, codedLargerThanDeclared});
+    std::search(file.begin(), file.end(), std::begin("dimg"), std::end("dimg") - 1)[7 + 8 * large] = 5;
+    files.push_back({name + ", miscounted", file, codedLargerThanDeclared});
+  }
   // Cells decoded whole however little of them the picture shows: 64 x 64 cells declared
   // 12000 x 12000 (24000 x 24000), four times 144 megapixels in an overlay of 16 x 16 and one
   // of 576 in a grid of 16 x 16, each within the limit alone. Without the limit libheif's work

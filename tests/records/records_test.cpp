@@ -85,6 +85,10 @@ TEST_F(JSONFileStoreTest, MissingAndCorruptFilesReadAsNothing) {
     writeStoreFile(QStringLiteral("bad.json"), bytes);
     EXPECT_FALSE(JSONFileStore::load(QStringLiteral("bad.json"))) << bytes.toHex().toStdString();
   }
+  // A pipe in a file's place is not waited on.
+  ASSERT_EQ(::mkfifo(QFile::encodeName(JSONFileStore::path(QStringLiteral("pipe.json"))).constData(), 0600),
+            0);
+  EXPECT_FALSE(JSONFileStore::load(QStringLiteral("pipe.json")));
 }
 
 // A save is dropped without a word where its folder cannot be made, and a save that cannot be

@@ -138,6 +138,7 @@ struct GridOptions {
   bool secondMeta = false;  // a second "meta" box follows, the same but declaring the grid 1 x 1
   // Above 0: the picture's declared size (and a grid's own), in place of its cells' together.
   uint32_t width = 0, height = 0;
+  bool largeReference = false;  // the cells' reference ("dimg") in a box of a 64-bit size
 };
 Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& options = {});
 // `file` (a HEIC or AVIF) with every "ispe" box, and the track header of an image sequence,

@@ -306,6 +306,12 @@ Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& opti
   require(rows <= 256 && columns <= 256 && width < 65536 && height < 65536, "grid size");
   const Bytes decoyData = {0, 0, 0, 0, 0, 1, 0, 1};
 
+  auto reference = [&](const Bytes& dimg) {
+    if (!options.largeReference) return box("dimg", dimg);
+    Bytes large = {0, 0, 0, 1, 'd', 'i', 'm', 'g'};
+    put(large, 16 + dimg.size(), 8);
+    return joined({large, dimg});
+  };
   auto meta = [&](uint32_t mdatStart, bool second) {
     Bytes hdlr = {0, 0, 0, 0, 'p', 'i', 'c', 't'}, pitm, iinf, dimg, ipma, tileSize, gridSize;
     Bytes iloc = {0x44, 0x00};  // 4-byte offsets and lengths, no base offset
@@ -338,7 +344,7 @@ Bytes grid(const Bytes& tileFile, int columns, int rows, const GridOptions& opti
     const Bytes ipco = joined({config, box("ispe", tileSize, 0), box("ispe", gridSize, 0)});
     return box("meta",
                joined({box("hdlr", hdlr, 0), box("pitm", pitm, 0), box("iloc", iloc, 0), box("iinf", iinf, 0),
-                       box("iref", box("dimg", dimg), 0),
+                       box("iref", reference(dimg), 0),
                        box("iprp", joined({box("ipco", ipco), box("ipma", ipma, 0)}))}),
                0);
   };

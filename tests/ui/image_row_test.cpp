@@ -81,6 +81,7 @@ TEST_F(ImageRowTest, ExportFollowsTheBytesAndFailedEncodesAndExportsRetryFromThe
   model_->scheduleEncode(image, true);  // encoding again, the old bytes are kept
   ASSERT_TRUE(image->encodeState().isEncoding());
   EXPECT_TRUE(delegate(list()).isEnabled(rowOf(image), RowHit::exportButton));
+  EXPECT_TRUE(spoken(list(), rowOf(image).row()).contains(Strings::text("comparison.encoding")));
   ASSERT_TRUE(waitIdle());
 
   auto bad = importOne("bad.png", 1000, {100, 100, ImageFormat::png, 1, -1, true});
@@ -88,6 +89,8 @@ TEST_F(ImageRowTest, ExportFollowsTheBytesAndFailedEncodesAndExportsRetryFromThe
   EXPECT_FALSE(delegate(list()).isEnabled(rowOf(bad), RowHit::exportButton));
   const SizeSummary summary = ui::RowRules::sizeSummary(*bad, ImageFormat::jpeg);
   EXPECT_TRUE(summary.secondIsRetry);
+  EXPECT_TRUE(spoken(list(), rowOf(bad).row()).endsWith(", " + bad->encodeState().message))
+      << "why, not Retry";
   list().activate(rowOf(bad), RowHit::summaryRetry);
   EXPECT_TRUE(bad->encodeState().isEncoding());
   ASSERT_TRUE(waitIdle());
@@ -163,8 +166,10 @@ TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAClickMakesNoOverrideAn
   ASSERT_TRUE(waitIdle());
   model_->setQuality(72.6);  // from the local API while the popup is open
   EXPECT_TRUE(control<QLabel>(&popup, QString("30"))->isVisible());  // the readout
-  control<QPushButton>(&popup, Strings::format("quality.revertFormat", 72))->click();
-  EXPECT_FALSE(image->qualityOverride().has_value());
+  // By its access key, as the popup's other controls have theirs.
+  QPushButton* revert = control<QPushButton>(&popup, Strings::format("quality.revertFormat", 72));
+  QTest::keySequence(&popup, QKeySequence::mnemonic(revert->text()));
+  EXPECT_TRUE(QTest::qWaitFor([&] { return !image->qualityOverride().has_value(); }));  // a click shown
   EXPECT_TRUE(control<QLabel>(&popup, "quality.followingGlobal")->isVisible());
   EXPECT_EQ(slider->value(), 72);
   ASSERT_TRUE(waitIdle());

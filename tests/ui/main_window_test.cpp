@@ -313,8 +313,9 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
 }
 
 // Ctrl+Z takes a removal back through the Edit menu's action, named after the step it takes
-// back, and Ctrl+Shift+Z removes again. A double click on a row's remove button removes only the
-// row under the first press; an open quality popup moves with its row when a row above it goes.
+// back, and Ctrl+Shift+Z removes again; Alt with an arrow moves a row. A double click on a row's remove
+// button removes only the row under the first press; an open quality popup moves with its row when a row
+// above it goes.
 TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenReadersAndDoneOnce) {
   window();
   ASSERT_TRUE(settle({url("missing.png"), source("a.png"), source("b.png"), source("c.png"), source("d.png"),
@@ -342,6 +343,13 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
   ASSERT_EQ(names(), (QStringList{"a.png", "b.png", "c.png", "d.png", "e.png"}));
   QTest::keyClick(&list, Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
   ASSERT_EQ(names(), (QStringList{"a.png", "c.png", "d.png", "e.png"}));
+  // Alt+Down and Alt+Up move the current row as a drag does, the keys staying on it.
+  list.setCurrentIndex(list.listModel().index(list.listModel().rowOfImage(0)));
+  QTest::keyClick(&list, Qt::Key_Down, Qt::AltModifier);
+  EXPECT_EQ(names(), (QStringList{"c.png", "a.png", "d.png", "e.png"}));
+  QTest::keyClick(&list, Qt::Key_Up, Qt::AltModifier);
+  QTest::keyClick(&list, Qt::Key_Up, Qt::AltModifier);  // at the top: no further
+  ASSERT_EQ(names(), (QStringList{"a.png", "c.png", "d.png", "e.png"}));
   QTest::keyClick(&list, Qt::Key_F10);  // the menu bar's first menu
   EXPECT_TRUE(window().menuBar()->actions()[0]->menu()->isVisible());
   window().menuBar()->actions()[0]->menu()->close();
@@ -360,7 +368,8 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
   QStringList labels;
   for (QAction* action : menu->actions())
     if (!action->isSeparator()) labels << action->text();
-  EXPECT_EQ(labels.size(), 4) << labels.join('|').toStdString();  // compare, quality, export, remove
+  // compare, quality, export, move up and down, remove
+  EXPECT_EQ(labels.size(), 6) << labels.join('|').toStdString();
   menu->actions().last()->trigger();
   EXPECT_EQ(names(), (QStringList{"c.png", "d.png", "e.png"}));
   std::unique_ptr<QMenu> failureMenu(list.rowMenu(list.listModel().index(1)));
@@ -483,6 +492,7 @@ TEST_F(WindowEdgesTest, EveryMenuEntryAndFieldLabelHasAnAccessKeyOfItsOwn) {
     }
     EXPECT_EQ(QAccessible::queryAccessibleInterface(profiles)->text(QAccessible::Name), "R&D");
     EXPECT_TRUE(profiles->menu()->actions().last()->text().contains("&&")) << "not an access key";
+    EXPECT_TRUE(profiles->menu()->actions().last()->isChecked()) << "the applied one, for screen readers too";
 
     ui::SettingsWindow settings({*model_, controller, checker, languages, nullptr}, &window());
     settings.setAttribute(Qt::WA_DeleteOnClose, false);

@@ -235,7 +235,8 @@ TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersAndAProfileReplac
   pane().setNewProfileName(QString("Web"));
   EXPECT_TRUE(control<QPushButton>(&pane(), "format.label")->isHidden());
   QPushButton* profileButton = control<QPushButton>(&pane(), "settings.hotFolders.profileField");
-  EXPECT_TRUE(profileButton->isVisibleTo(&pane()) && profileButton->text() == "Web");
+  EXPECT_TRUE(profileButton->isVisibleTo(&pane()) && profileButton->text() == "Web" &&
+              profileButton->menu()->actions().last()->isChecked());
   pane().setNewProfileName(std::nullopt);
   EXPECT_FALSE(control<QPushButton>(&pane(), "format.label")->isHidden());
   pane().setNewProfileName(QString("Web"));
