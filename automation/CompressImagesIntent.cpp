@@ -121,7 +121,7 @@ std::optional<QString> noneIfEmpty(const QString& value) {
 // they are not UTF-8.
 QString pathOrURLText(const std::string& path) {
   const QByteArray bytes = QByteArray::fromStdString(path);
-  const QString text = QFile::decodeName(bytes);
+  QString text = QFile::decodeName(bytes);
   if (QFile::encodeName(text) == bytes) return text;
   return localFileURL(path).toString(QUrl::FullyEncoded);
 }

@@ -61,7 +61,7 @@ QString plainText(const QObject* holder, const QString& current, Memory memory =
 // `current` with a key not in `taken`, keyed again from its plain text.
 QString rekey(QObject* holder, const QString& current, QString& taken, Memory memory = kOwnText) {
   const QString plain = plainText(holder, current, memory);
-  const QString keyed = withAccessKey(plain, taken);
+  QString keyed = withAccessKey(plain, taken);
   holder->setProperty(memory.plain, plain);
   holder->setProperty(memory.keyed, keyed);
   return keyed;
