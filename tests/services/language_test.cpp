@@ -126,7 +126,9 @@ TEST_F(SettingsFileTest, AFileOrLockThatCantBeReadSafelyGivesTheDefaultsAndStays
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path.constData(), sizeof address.sun_path - 1);
     const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    return ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);  // the socket's file stays
+    return bound;
   };
   const std::vector<std::pair<const char*, std::function<bool()>>> cases = {
       {"pipe", [&] { return ::mkfifo(conf, 0600) == 0; }},
