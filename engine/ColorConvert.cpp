@@ -1,6 +1,7 @@
 #include "engine/ColorConvert.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <memory>
 
@@ -134,25 +135,26 @@ void cmykToRGBInPlace(DecodedImage& image, bool inverted, const std::vector<uint
   image.colorSpace = ColorSpace::sRGB();
 }
 
-bool convertRGBInPlace(DecodedImage& image, const std::vector<uint8_t>& from,
-                       const std::vector<uint8_t>& to) {
+UnboundedConversion::UnboundedConversion(const std::vector<uint8_t>& from, const std::vector<uint8_t>& to) {
   CmsProfilePtr source = openProfile(&from, cmsSigRgbData);
   CmsProfilePtr target = openProfile(&to, cmsSigRgbData);
-  if (!source || !target || image.empty()) return false;
-  const bool wide = image.bitsPerComponent == 16;
-  const cmsUInt32Number format = wide ? TYPE_RGBA_16 : TYPE_RGBA_8;
-  CmsTransformPtr transform(cmsCreateTransform(source.get(), format, target.get(), format,
-                                               INTENT_RELATIVE_COLORIMETRIC,
-                                               cmsFLAGS_COPY_ALPHA | cmsFLAGS_NOCACHE));
-  if (!transform) return false;
-  void* pixels = wide ? static_cast<void*>(image.pixels16.data()) : image.pixels8.data();
-  const size_t rowSamples = size_t(image.width) * 4;
-  for (int y = 0; y < image.height; ++y) {
-    void* row = wide ? static_cast<void*>(static_cast<uint16_t*>(pixels) + size_t(y) * rowSamples)
-                     : static_cast<void*>(static_cast<uint8_t*>(pixels) + size_t(y) * rowSamples);
-    cmsDoTransform(transform.get(), row, row, cmsUInt32Number(image.width));
+  // Float in and out: lcms2 then keeps values outside 0...1 through the matrices and curves.
+  if (source && target)
+    transform_ = cmsCreateTransform(source.get(), TYPE_RGBA_FLT, target.get(), TYPE_RGBA_FLT,
+                                    INTENT_RELATIVE_COLORIMETRIC, cmsFLAGS_COPY_ALPHA | cmsFLAGS_NOCACHE);
+}
+
+UnboundedConversion::~UnboundedConversion() {
+  if (transform_) cmsDeleteTransform(transform_);
+}
+
+void UnboundedConversion::convert(const float* rgba, uint16_t* out, size_t pixels) {
+  converted_.resize(pixels * 4);
+  cmsDoTransform(transform_, rgba, converted_.data(), cmsUInt32Number(pixels));
+  for (size_t i = 0; i < pixels * 4; ++i) {
+    const float v = converted_[i];  // NaN fails both comparisons and ends at 0
+    out[i] = v >= 1.0f ? uint16_t(65535) : v > 0.0f ? uint16_t(std::lround(v * 65535.0f)) : uint16_t(0);
   }
-  return true;
 }
 
 ColorSpace rgbSpace(std::vector<uint8_t> icc) {

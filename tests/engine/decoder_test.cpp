@@ -174,8 +174,8 @@ TEST(Thumbnails, ThumbnailsMadeWhileReadingMatchTheFullDecodeReduced) {
       << "never enlarged";
 }
 
-// An RGB profile whose tone curve is a table (gamma 1.8 sampled), which JPEG XL can't describe
-// by code points.
+// An RGB profile of Display P3's primaries whose tone curve is a table (gamma 1.8 sampled),
+// which JPEG XL can't describe by code points.
 fixtures::Bytes tabulatedCurveICC() {
   std::vector<cmsUInt16Number> table(1024);
   for (size_t i = 0; i < table.size(); ++i)
@@ -184,7 +184,7 @@ fixtures::Bytes tabulatedCurveICC() {
       cmsBuildTabulatedToneCurve16(nullptr, cmsUInt32Number(table.size()), table.data()));
   cmsToneCurve* curves[3] = {curve.get(), curve.get(), curve.get()};
   const cmsCIExyY white{0.3127, 0.3290, 1.0};
-  const cmsCIExyYTRIPLE primaries{{0.64, 0.33, 1.0}, {0.30, 0.60, 1.0}, {0.15, 0.06, 1.0}};
+  const cmsCIExyYTRIPLE primaries{{0.680, 0.320, 1.0}, {0.265, 0.690, 1.0}, {0.150, 0.060, 1.0}};
   CmsProfilePtr profile(cmsCreateRGBProfile(&white, &primaries, curves));
   cmsUInt32Number size = 0;
   cmsSaveProfileToMem(profile.get(), nullptr, &size);
@@ -196,6 +196,10 @@ fixtures::Bytes tabulatedCurveICC() {
 TEST(ColourProfiles, ALossyJpegXlKeepsItsTabulatedCurveProfileAndItsColours) {
   const fixtures::Bytes icc = tabulatedCurveICC();
   DecodedImage source = testing::makeImage(64, 48, testing::Pattern::photo, 5);
+  // A quarter of pure red, outside sRGB's gamut, through which libjxl hands the picture over.
+  for (int y = 0; y < 24; ++y)
+    for (int x = 0; x < 32; ++x)
+      std::copy_n("\xff\0\0", 3, &source.pixels8[(size_t(y) * 64 + size_t(x)) * 4]);
   const auto file = fixtures::jxl(source, {.lossless = false, .icc = icc});
   const DecodedImage decoded = ImageService::decodeFirstFrame(file);
   ASSERT_TRUE(decoded.colorSpace.icc);
