@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <memory>
 
 #include "engine/LcmsHandles.h"
@@ -198,6 +199,61 @@ ColorSpace fromCodePoints(int primaries, int transfer) {
   std::vector<uint8_t> icc(size);
   if (!cmsSaveProfileToMem(profile.get(), icc.data(), &size)) return ColorSpace::sRGB();
   return ColorSpace::fromICC(std::move(icc));
+}
+
+namespace {
+
+constexpr int kTransferPQ = 16, kTransferHLG = 18, kTransferSRGB = 13;
+
+// Light of a PQ or HLG signal (0...1), relative to the reference white of 203 cd/m2 (ITU-R
+// BT.2408). HLG is shown as on a display of 1000 cd/m2, its system gamma of 1.2 applied to
+// each component.
+double relativeLight(int transfer, double signal) {
+  if (transfer == kTransferPQ) {
+    const double m1 = 2610.0 / 16384, m2 = 2523.0 / 4096 * 128;
+    const double c1 = 3424.0 / 4096, c2 = 2413.0 / 4096 * 32, c3 = 2392.0 / 4096 * 32;
+    const double e = std::pow(signal, 1 / m2);
+    return 10000.0 / 203.0 * std::pow(std::max(e - c1, 0.0) / (c2 - c3 * e), 1 / m1);
+  }
+  const double a = 0.17883277, b = 1 - 4 * a, c = 0.5 - a * std::log(4 * a);
+  const double scene = signal <= 0.5 ? signal * signal / 3 : (std::exp((signal - c) / a) + b) / 12;
+  return 1000.0 / 203.0 * std::pow(scene, 1.2);
+}
+
+// Linear light up to the knee stays as it is; above it, a curve that meets it smoothly and
+// approaches white: the reference white lands at 0.91, 1000 cd/m2 within a step of white.
+double rolledOff(double light) {
+  constexpr double knee = 0.75;
+  if (light <= knee) return light;
+  return knee + (1 - knee) * (1 - std::exp(-(light - knee) / (1 - knee)));
+}
+
+double srgbEncoded(double linear) {
+  return linear <= 0.0031308 ? 12.92 * linear : 1.055 * std::pow(linear, 1 / 2.4) - 0.055;
+}
+
+template <class T>
+void recodeColour(SampleVector<T>& samples, int transfer) {
+  constexpr size_t levels = size_t(std::numeric_limits<T>::max()) + 1;
+  std::vector<T> table(levels);
+  for (size_t v = 0; v < levels; ++v)
+    table[v] = T(std::lround(srgbEncoded(rolledOff(relativeLight(transfer, double(v) / (levels - 1)))) *
+                             double(levels - 1)));
+  for (size_t i = 0; i < samples.size(); ++i)
+    if (i % 4 != 3) samples[i] = table[samples[i]];
+}
+
+}  // namespace
+
+void applyCodePoints(DecodedImage& image, int primaries, int transfer) {
+  if (transfer == kTransferPQ || transfer == kTransferHLG) {
+    if (image.bitsPerComponent == 16)
+      recodeColour(image.pixels16, transfer);
+    else
+      recodeColour(image.pixels8, transfer);
+    transfer = kTransferSRGB;
+  }
+  image.colorSpace = fromCodePoints(primaries, transfer);
 }
 
 }  // namespace quillane::ColorConvert

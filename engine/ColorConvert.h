@@ -51,4 +51,11 @@ ColorSpace rgbSpace(std::vector<uint8_t> icc);
 // linear, gamma 2.2 and 2.8); sRGB for anything else.
 ColorSpace fromCodePoints(int primaries, int transfer);
 
+// Gives RGB pixels decoded from coded primaries and transfer their colour space, as
+// fromCodePoints does. High dynamic range transfers (PQ and HLG), which no profile of an 8-bit
+// picture can carry, are first re-coded for a standard display: the reference white of
+// 203 cd/m2 close to white, brighter light rolled off below it, and the sRGB curve with the
+// picture's own primaries.
+void applyCodePoints(DecodedImage& image, int primaries, int transfer);
+
 }  // namespace quillane::ColorConvert
