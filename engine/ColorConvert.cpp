@@ -1,7 +1,9 @@
 #include "engine/ColorConvert.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <memory>
 
 #include "engine/LcmsHandles.h"
@@ -134,25 +136,26 @@ void cmykToRGBInPlace(DecodedImage& image, bool inverted, const std::vector<uint
   image.colorSpace = ColorSpace::sRGB();
 }
 
-bool convertRGBInPlace(DecodedImage& image, const std::vector<uint8_t>& from,
-                       const std::vector<uint8_t>& to) {
+UnboundedConversion::UnboundedConversion(const std::vector<uint8_t>& from, const std::vector<uint8_t>& to) {
   CmsProfilePtr source = openProfile(&from, cmsSigRgbData);
   CmsProfilePtr target = openProfile(&to, cmsSigRgbData);
-  if (!source || !target || image.empty()) return false;
-  const bool wide = image.bitsPerComponent == 16;
-  const cmsUInt32Number format = wide ? TYPE_RGBA_16 : TYPE_RGBA_8;
-  CmsTransformPtr transform(cmsCreateTransform(source.get(), format, target.get(), format,
-                                               INTENT_RELATIVE_COLORIMETRIC,
-                                               cmsFLAGS_COPY_ALPHA | cmsFLAGS_NOCACHE));
-  if (!transform) return false;
-  void* pixels = wide ? static_cast<void*>(image.pixels16.data()) : image.pixels8.data();
-  const size_t rowSamples = size_t(image.width) * 4;
-  for (int y = 0; y < image.height; ++y) {
-    void* row = wide ? static_cast<void*>(static_cast<uint16_t*>(pixels) + size_t(y) * rowSamples)
-                     : static_cast<void*>(static_cast<uint8_t*>(pixels) + size_t(y) * rowSamples);
-    cmsDoTransform(transform.get(), row, row, cmsUInt32Number(image.width));
+  // Float in and out: lcms2 then keeps values outside 0...1 through the matrices and curves.
+  if (source && target)
+    transform_ = cmsCreateTransform(source.get(), TYPE_RGBA_FLT, target.get(), TYPE_RGBA_FLT,
+                                    INTENT_RELATIVE_COLORIMETRIC, cmsFLAGS_COPY_ALPHA | cmsFLAGS_NOCACHE);
+}
+
+UnboundedConversion::~UnboundedConversion() {
+  if (transform_) cmsDeleteTransform(transform_);
+}
+
+void UnboundedConversion::convert(const float* rgba, uint16_t* out, size_t pixels) {
+  converted_.resize(pixels * 4);
+  cmsDoTransform(transform_, rgba, converted_.data(), cmsUInt32Number(pixels));
+  for (size_t i = 0; i < pixels * 4; ++i) {
+    const float v = converted_[i];  // NaN fails both comparisons and ends at 0
+    out[i] = v >= 1.0f ? uint16_t(65535) : v > 0.0f ? uint16_t(std::lround(v * 65535.0f)) : uint16_t(0);
   }
-  return true;
 }
 
 ColorSpace rgbSpace(std::vector<uint8_t> icc) {
@@ -196,6 +199,61 @@ ColorSpace fromCodePoints(int primaries, int transfer) {
   std::vector<uint8_t> icc(size);
   if (!cmsSaveProfileToMem(profile.get(), icc.data(), &size)) return ColorSpace::sRGB();
   return ColorSpace::fromICC(std::move(icc));
+}
+
+namespace {
+
+constexpr int kTransferPQ = 16, kTransferHLG = 18, kTransferSRGB = 13;
+
+// Light of a PQ or HLG signal (0...1), relative to the reference white of 203 cd/m2 (ITU-R
+// BT.2408). HLG is shown as on a display of 1000 cd/m2, its system gamma of 1.2 applied to
+// each component.
+double relativeLight(int transfer, double signal) {
+  if (transfer == kTransferPQ) {
+    const double m1 = 2610.0 / 16384, m2 = 2523.0 / 4096 * 128;
+    const double c1 = 3424.0 / 4096, c2 = 2413.0 / 4096 * 32, c3 = 2392.0 / 4096 * 32;
+    const double e = std::pow(signal, 1 / m2);
+    return 10000.0 / 203.0 * std::pow(std::max(e - c1, 0.0) / (c2 - c3 * e), 1 / m1);
+  }
+  const double a = 0.17883277, b = 1 - 4 * a, c = 0.5 - a * std::log(4 * a);
+  const double scene = signal <= 0.5 ? signal * signal / 3 : (std::exp((signal - c) / a) + b) / 12;
+  return 1000.0 / 203.0 * std::pow(scene, 1.2);
+}
+
+// Linear light up to the knee stays as it is; above it, a curve that meets it smoothly and
+// approaches white: the reference white lands at 0.91, 1000 cd/m2 within a step of white.
+double rolledOff(double light) {
+  constexpr double knee = 0.75;
+  if (light <= knee) return light;
+  return knee + (1 - knee) * (1 - std::exp(-(light - knee) / (1 - knee)));
+}
+
+double srgbEncoded(double linear) {
+  return linear <= 0.0031308 ? 12.92 * linear : 1.055 * std::pow(linear, 1 / 2.4) - 0.055;
+}
+
+template <class T>
+void recodeColour(SampleVector<T>& samples, int transfer) {
+  constexpr size_t levels = size_t(std::numeric_limits<T>::max()) + 1;
+  std::vector<T> table(levels);
+  for (size_t v = 0; v < levels; ++v)
+    table[v] = T(std::lround(srgbEncoded(rolledOff(relativeLight(transfer, double(v) / (levels - 1)))) *
+                             double(levels - 1)));
+  for (size_t i = 0; i < samples.size(); ++i)
+    if (i % 4 != 3) samples[i] = table[samples[i]];
+}
+
+}  // namespace
+
+void applyCodePoints(DecodedImage& image, int primaries, int transfer) {
+  if (transfer == kTransferPQ || transfer == kTransferHLG) {
+    if (image.bitsPerComponent == 16)
+      recodeColour(image.pixels16, transfer);
+    else
+      recodeColour(image.pixels8, transfer);
+    transfer = kTransferSRGB;
+  }
+  image.colorSpace = fromCodePoints(primaries, transfer);
 }
 
 }  // namespace quillane::ColorConvert

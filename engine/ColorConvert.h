@@ -23,9 +23,23 @@ void expandGreyInPlace(DecodedImage& image, int channels, const std::vector<uint
 // The result is sRGB.
 void cmykToRGBInPlace(DecodedImage& image, bool inverted, const std::vector<uint8_t>* profile);
 
-// Converts RGBA pixels (8 or 16 bits, alpha copied) from the RGB profile `from` to the RGB
-// profile `to`, in place. False, with the pixels untouched, when lcms2 can't use a profile.
-bool convertRGBInPlace(DecodedImage& image, const std::vector<uint8_t>& from, const std::vector<uint8_t>& to);
+// A conversion of RGBA pixels of unbounded floats (as libjxl gives a lossy picture, whose
+// colours outside its profile's gamut lie below 0 or above 1) from the RGB profile `from` to
+// 16-bit samples in the RGB profile `to`, clamped only there; alpha is copied. Empty when
+// lcms2 can't use a profile.
+class UnboundedConversion {
+ public:
+  UnboundedConversion(const std::vector<uint8_t>& from, const std::vector<uint8_t>& to);
+  ~UnboundedConversion();
+  UnboundedConversion(const UnboundedConversion&) = delete;
+  UnboundedConversion& operator=(const UnboundedConversion&) = delete;
+  explicit operator bool() const { return transform_ != nullptr; }
+  void convert(const float* rgba, uint16_t* out, size_t pixels);
+
+ private:
+  void* transform_ = nullptr;
+  std::vector<float> converted_;
+};
 
 // The colour space of RGB pixels tagged with `icc`: ColorSpace::fromICC for an RGB profile;
 // untagged sRGB for no profile, an unreadable one, or one of another colour model.
@@ -36,5 +50,12 @@ ColorSpace rgbSpace(std::vector<uint8_t> icc);
 // for other known primaries (BT.2020, DCI-P3, Display P3) and transfers (sRGB, BT.709,
 // linear, gamma 2.2 and 2.8); sRGB for anything else.
 ColorSpace fromCodePoints(int primaries, int transfer);
+
+// Gives RGB pixels decoded from coded primaries and transfer their colour space, as
+// fromCodePoints does. High dynamic range transfers (PQ and HLG), which no profile of an 8-bit
+// picture can carry, are first re-coded for a standard display: the reference white of
+// 203 cd/m2 close to white, brighter light rolled off below it, and the sRGB curve with the
+// picture's own primaries.
+void applyCodePoints(DecodedImage& image, int primaries, int transfer);
 
 }  // namespace quillane::ColorConvert

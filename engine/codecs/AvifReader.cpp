@@ -240,8 +240,7 @@ DecodedImage decodeAvif(ByteSource& source, int minLongSide) {
     image.colorSpace =
         ColorConvert::rgbSpace(std::vector<uint8_t>(frame->icc.data, frame->icc.data + frame->icc.size));
   else
-    image.colorSpace =
-        ColorConvert::fromCodePoints(int(frame->colorPrimaries), int(frame->transferCharacteristics));
+    ColorConvert::applyCodePoints(image, int(frame->colorPrimaries), int(frame->transferCharacteristics));
   return image;
 }
 

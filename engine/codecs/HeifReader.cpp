@@ -71,24 +71,28 @@ std::optional<Opened> open(ByteSource& source) {
   return opened;
 }
 
-ColorSpace colorSpaceOf(heif_image_handle* handle) {
+// Gives `image`, decoded from `handle`, its colour space (and, for a high dynamic range
+// transfer, the samples that go with it).
+void applyColorSpace(heif_image_handle* handle, DecodedImage& image) {
+  image.colorSpace = ColorSpace::sRGB();
   switch (heif_image_handle_get_color_profile_type(handle)) {
     case heif_color_profile_type_prof:
     case heif_color_profile_type_rICC: {
       std::vector<uint8_t> icc(heif_image_handle_get_raw_color_profile_size(handle));
-      if (icc.empty() || heif_image_handle_get_raw_color_profile(handle, icc.data()).code != heif_error_Ok)
-        return ColorSpace::sRGB();
-      return ColorConvert::rgbSpace(std::move(icc));
+      if (!icc.empty() && heif_image_handle_get_raw_color_profile(handle, icc.data()).code == heif_error_Ok)
+        image.colorSpace = ColorConvert::rgbSpace(std::move(icc));
+      return;
     }
     case heif_color_profile_type_nclx: {
       heif_color_profile_nclx* raw = nullptr;
       const heif_error error = heif_image_handle_get_nclx_color_profile(handle, &raw);
       NclxPtr nclx(raw);  // owned even when handed back together with an error
-      if (error.code != heif_error_Ok || !nclx) return ColorSpace::sRGB();
-      return ColorConvert::fromCodePoints(int(nclx->color_primaries), int(nclx->transfer_characteristics));
+      if (error.code == heif_error_Ok && nclx)
+        ColorConvert::applyCodePoints(image, int(nclx->color_primaries), int(nclx->transfer_characteristics));
+      return;
     }
     default:
-      return ColorSpace::sRGB();
+      return;
   }
 }
 
@@ -266,7 +270,7 @@ std::optional<DecodedImage> decodeReduced(heif_image_handle* handle, int minLong
           alpha ? uint8_t(std::lround(sums.alpha(size_t(ox), count) / planes[3]->max * 255)) : uint8_t(0xFF);
     }
   }
-  image.colorSpace = colorSpaceOf(handle);
+  applyColorSpace(handle, image);
   return image;
 }
 
@@ -342,7 +346,7 @@ DecodedImage decodeHeif(ByteSource& source, int minLongSide) {
                                                                            : AlphaInfo::straight;
   DecodedImage image = allocateImage(width, height, wide ? 16 : 8, alphaInfo);
   copyPixels(plane, stride, alpha ? 4 : 3, bits, image);
-  image.colorSpace = colorSpaceOf(handle);
+  applyColorSpace(handle, image);
   return image;
 }
 

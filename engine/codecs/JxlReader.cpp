@@ -117,6 +117,28 @@ struct Reducer {
   }
 };
 
+// A lossy picture whose own profile libjxl 0.7 can't produce (a tabulated curve, say) comes in
+// linear sRGB, where the colours outside sRGB's gamut fall below 0 or above 1: it is taken as
+// floats and converted to its own profile before anything is clamped, then handed on as 16-bit
+// samples, into the picture or to the reducer.
+struct ProfileConversion {
+  std::optional<ColorConvert::UnboundedConversion> conversion;
+  std::vector<uint16_t> samples;
+  DecodedImage* image = nullptr;
+  Reducer* reducer = nullptr;
+
+  static void onPixels(void* opaque, size_t x, size_t y, size_t count, const void* pixels) {
+    auto* self = static_cast<ProfileConversion*>(opaque);
+    self->samples.resize(count * 4);
+    self->conversion->convert(static_cast<const float*>(pixels), self->samples.data(), count);
+    if (self->reducer) return Reducer::onPixels(self->reducer, x, y, count, self->samples.data());
+    DecodedImage& image = *self->image;
+    if (y >= size_t(image.height) || x + count > size_t(image.width)) return;
+    std::copy(self->samples.begin(), self->samples.end(),
+              image.pixels16.begin() + std::ptrdiff_t((y * size_t(image.width) + x) * 4));
+  }
+};
+
 }  // namespace
 
 std::optional<Properties> jxlProperties(Input bytes) {
@@ -198,6 +220,7 @@ DecodedImage decodeJxl(ByteSource& source, int minLongSide) {
   bool haveInfo = false;
   std::vector<uint8_t> icc, originalICC;
   bool xyb = false;
+  ProfileConversion converting;
   DecodedImage image;
   JxlPixelFormat format{4, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
   for (;;) {
@@ -219,13 +242,23 @@ DecodedImage decodeJxl(ByteSource& source, int minLongSide) {
       case JXL_DEC_COLOR_ENCODING:
         icc = iccProfile(decoder.get(), JXL_COLOR_PROFILE_TARGET_DATA);
         if (xyb) originalICC = iccProfile(decoder.get(), JXL_COLOR_PROFILE_TARGET_ORIGINAL);
+        if (format.num_channels == 4 && !originalICC.empty() && originalICC != icc) {
+          converting.conversion.emplace(icc, originalICC);
+          if (*converting.conversion) {
+            format.data_type = JXL_TYPE_FLOAT;
+            icc = std::move(originalICC);
+          } else {
+            converting.conversion.reset();
+          }
+        }
         break;
       case JXL_DEC_NEED_IMAGE_OUT_BUFFER: {
         if (!haveInfo) fail("JxlDecoderProcessInput: no basic info");
         AlphaInfo alpha = info.alpha_bits == 0       ? AlphaInfo::none
                           : info.alpha_premultiplied ? AlphaInfo::premultiplied
                                                      : AlphaInfo::straight;
-        bool wide = format.data_type == JXL_TYPE_UINT16;
+        const bool converts = converting.conversion.has_value();
+        bool wide = format.data_type != JXL_TYPE_UINT8;
         // Only a lossy picture: libjxl 0.7 decodes a lossless one into a full-size buffer of
         // its own for a callback, which would cost more than this reader's (measured: 23.6
         // instead of 15.7 bytes a pixel).
@@ -240,12 +273,22 @@ DecodedImage decodeJxl(ByteSource& source, int minLongSide) {
           reducer.sums.emplace(reducer.outWidth * reducer.outHeight, reducer.channels - 1,
                                alpha == AlphaInfo::straight);
           image = allocateImage(int(reducer.outWidth), int(reducer.outHeight), wide ? 16 : 8, alpha);
-          if (JxlDecoderSetImageOutCallback(decoder.get(), &format, &Reducer::onPixels, &reducer) !=
-              JXL_DEC_SUCCESS)
+          converting.reducer = &reducer;
+          if ((converts ? JxlDecoderSetImageOutCallback(decoder.get(), &format, &ProfileConversion::onPixels,
+                                                        &converting)
+                        : JxlDecoderSetImageOutCallback(decoder.get(), &format, &Reducer::onPixels,
+                                                        &reducer)) != JXL_DEC_SUCCESS)
             fail("JxlDecoderSetImageOutCallback");
           break;
         }
         image = allocateImage(int(info.xsize), int(info.ysize), wide ? 16 : 8, alpha);
+        if (converts) {
+          converting.image = &image;
+          if (JxlDecoderSetImageOutCallback(decoder.get(), &format, &ProfileConversion::onPixels,
+                                            &converting) != JXL_DEC_SUCCESS)
+            fail("JxlDecoderSetImageOutCallback");
+          break;
+        }
         void* buffer = wide ? static_cast<void*>(image.pixels16.data()) : image.pixels8.data();
         size_t capacity = image.pixelCount() * 4 * (wide ? 2 : 1);
         size_t needed = 0;
@@ -261,12 +304,6 @@ DecodedImage decodeJxl(ByteSource& source, int minLongSide) {
         if (format.num_channels == 2) {
           ColorConvert::expandGreyInPlace(image, 2, &icc);
         } else {
-          // libjxl gives an XYB picture whose profile it can't describe by code points (a
-          // tabulated curve, say) in linear sRGB: it goes back into the source's own profile,
-          // which every output keeps.
-          if (xyb && !originalICC.empty() && originalICC != icc &&
-              ColorConvert::convertRGBInPlace(image, icc, originalICC))
-            icc = std::move(originalICC);
           image.colorSpace = ColorConvert::rgbSpace(std::move(icc));
         }
         return image;  // the first frame is all we need

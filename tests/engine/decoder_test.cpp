@@ -174,8 +174,8 @@ TEST(Thumbnails, ThumbnailsMadeWhileReadingMatchTheFullDecodeReduced) {
       << "never enlarged";
 }
 
-// An RGB profile whose tone curve is a table (gamma 1.8 sampled), which JPEG XL can't describe
-// by code points.
+// An RGB profile of Display P3's primaries whose tone curve is a table (gamma 1.8 sampled),
+// which JPEG XL can't describe by code points.
 fixtures::Bytes tabulatedCurveICC() {
   std::vector<cmsUInt16Number> table(1024);
   for (size_t i = 0; i < table.size(); ++i)
@@ -184,7 +184,7 @@ fixtures::Bytes tabulatedCurveICC() {
       cmsBuildTabulatedToneCurve16(nullptr, cmsUInt32Number(table.size()), table.data()));
   cmsToneCurve* curves[3] = {curve.get(), curve.get(), curve.get()};
   const cmsCIExyY white{0.3127, 0.3290, 1.0};
-  const cmsCIExyYTRIPLE primaries{{0.64, 0.33, 1.0}, {0.30, 0.60, 1.0}, {0.15, 0.06, 1.0}};
+  const cmsCIExyYTRIPLE primaries{{0.680, 0.320, 1.0}, {0.265, 0.690, 1.0}, {0.150, 0.060, 1.0}};
   CmsProfilePtr profile(cmsCreateRGBProfile(&white, &primaries, curves));
   cmsUInt32Number size = 0;
   cmsSaveProfileToMem(profile.get(), nullptr, &size);
@@ -196,6 +196,10 @@ fixtures::Bytes tabulatedCurveICC() {
 TEST(ColourProfiles, ALossyJpegXlKeepsItsTabulatedCurveProfileAndItsColours) {
   const fixtures::Bytes icc = tabulatedCurveICC();
   DecodedImage source = testing::makeImage(64, 48, testing::Pattern::photo, 5);
+  // A quarter of pure red, outside sRGB's gamut, through which libjxl hands the picture over.
+  for (int y = 0; y < 24; ++y)
+    for (int x = 0; x < 32; ++x)
+      std::copy_n("\xff\0\0", 3, &source.pixels8[(size_t(y) * 64 + size_t(x)) * 4]);
   const auto file = fixtures::jxl(source, {.lossless = false, .icc = icc});
   const DecodedImage decoded = ImageService::decodeFirstFrame(file);
   ASSERT_TRUE(decoded.colorSpace.icc);
@@ -203,6 +207,34 @@ TEST(ColourProfiles, ALossyJpegXlKeepsItsTabulatedCurveProfileAndItsColours) {
   EXPECT_EQ(decoded.bitsPerComponent, 16);
   // Under the one profile, the samples themselves are the colours.
   EXPECT_LT(testing::meanColourError(Resample::toEightBit(decoded), source), 3.0);
+}
+
+// High dynamic range AVIFs come out as a standard display shows them: the reference white of
+// 203 cd/m2 near white, brighter light brighter still, 10 cd/m2 a dark grey (its light relative
+// to white, sRGB-coded, is 0.245).
+TEST(ColourProfiles, PQAndHLGPicturesAreShownForAStandardDisplay) {
+  struct Case {
+    int primaries, transfer;
+    std::array<double, 4> signals;  // 10, 203 and 1000 cd/m2, and black
+  };
+  for (const Case& c : {Case{1, 16, {0.3085, 0.5806, 0.7518, 0}}, Case{9, 18, {0.2536, 0.75, 1.0, 0}}}) {
+    DecodedImage source = fixtures::quadrants(64, 48, 16);
+    for (size_t i = 0; i < source.pixels16.size(); ++i) {
+      const size_t pixel = i / 4, x = pixel % 64, y = pixel / 64;
+      if (i % 4 != 3)
+        source.pixels16[i] = uint16_t(std::lround(c.signals[(y >= 24 ? 2 : 0) + (x >= 32)] * 65535));
+    }
+    const DecodedImage decoded = ImageService::decodeFirstFrame(fixtures::avif(
+        source,
+        {.quantizer = 0, .depth = 10, .alpha = false, .primaries = c.primaries, .transfer = c.transfer}));
+    ASSERT_EQ(decoded.bitsPerComponent, 16);
+    EXPECT_EQ(decoded.colorSpace.isSRGB, c.primaries == 1) << "the primaries stay, the curve is sRGB's";
+    const auto level = [&](size_t x, size_t y) { return decoded.pixels16[(y * 64 + x) * 4 + 1] / 65535.0; };
+    EXPECT_NEAR(level(16, 12), 0.245, 0.03) << c.transfer;
+    EXPECT_GT(level(48, 12), 0.9) << c.transfer;
+    EXPECT_GT(level(16, 36), level(48, 12) + 0.02) << c.transfer;
+    EXPECT_LT(level(48, 36), 0.01) << c.transfer;
+  }
 }
 
 void expectNear(std::array<int, 4> got, std::array<int, 3> want, int tolerance, const char* what) {

@@ -116,7 +116,8 @@ struct AvifOptions {
   int irotAngle = -1;  // quarter turns anticlockwise; -1: no irot box
   int imirMode = -1;   // 0 top and bottom exchanged, 1 left and right; -1: none
   Bytes icc{};
-  int frames = 1;  // above 1: a sequence of the same picture
+  int frames = 1;                   // above 1: a sequence of the same picture
+  int primaries = 2, transfer = 2;  // H.273 code points of the nclx box (2: unspecified)
 };
 Bytes avif(const DecodedImage& image, const AvifOptions& options = {});  // aom, 4:4:4, fastest
 

@@ -174,6 +174,8 @@ Bytes avif(const DecodedImage& image, const AvifOptions& options) {
   if (options.imirMode >= 0)
     picture->transformFlags |= AVIF_TRANSFORM_IMIR, picture->imir.mode = uint8_t(options.imirMode);
   if (!options.icc.empty()) avifImageSetProfileICC(picture.get(), options.icc.data(), options.icc.size());
+  picture->colorPrimaries = avifColorPrimaries(options.primaries);
+  picture->transferCharacteristics = avifTransferCharacteristics(options.transfer);
   CHandle<avifEncoder, avifEncoderDestroy> encoder(avifEncoderCreate());
   encoder->codecChoice = AVIF_CODEC_CHOICE_AOM;
   encoder->speed = AVIF_SPEED_FASTEST;
