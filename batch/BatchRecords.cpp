@@ -97,6 +97,14 @@ bool moveToTrash(QFile& file) {
   QFile::remove(QStringLiteral("info/") + QFileInfo(original).fileName() + QStringLiteral(".trashinfo"));
   return false;
 }
+
+// Why the file at `path` could not be taken away: its folder's refusal of a change where it
+// has one (a read-only volume, no permission), else an input/output error.
+int removalError(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const std::string folder = slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+  return ::access(folder.c_str(), W_OK | X_OK) == 0 ? EIO : errno;
+}
 }  // namespace
 
 void BatchViewModel::undoExport(const ExportRecord& record) {
@@ -113,9 +121,11 @@ void BatchViewModel::undoExport(const ExportRecord& record) {
       QFile file(name);
       const bool folder = S_ISDIR(st.st_mode);
       const bool qtCanNameIt = QFile::encodeName(name).toStdString() == path;
-      const bool removed = !folder && (qtCanNameIt ? moveToTrash(file) : ::unlink(path.c_str()) == 0);
-      if (!removed) {
-        const std::string reason = std::strerror(folder ? EISDIR : EIO);
+      int failure = folder ? EISDIR : 0;
+      if (!folder && !(qtCanNameIt ? moveToTrash(file) : ::unlink(path.c_str()) == 0))
+        failure = qtCanNameIt ? removalError(path) : errno;
+      if (failure != 0) {
+        const std::string reason = std::strerror(failure);
         setExportError(QString::fromStdString(
             Localization::format("export.deleteFailedFormat", "Impossible de supprimer « %@ » : %@",
                                  {record.destinationURL.fileName().toStdString(), reason})));

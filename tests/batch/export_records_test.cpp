@@ -4,6 +4,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QSignalSpy>
+#include <cstring>
 
 #include "batch/ExportFilenameAllocator.h"
 #include "tests/batch/batch_test_support.h"
@@ -128,6 +129,17 @@ TEST_F(ExportTest, UndoRespectsSupersedingRecordsAndKeepsARecordWhoseFileWontGo)
   model.undoExport(model.exportHistory()[0]);
   EXPECT_EQ(model.exportHistory().size(), 1u);
   EXPECT_TRUE(model.exportError().value_or("").contains("a.jpg"));
+  // A folder that refuses the change says so (nothing refuses root, who skips this).
+  QDir(target).removeRecursively();
+  exportIt();
+  QFile::setPermissions(outFolder(), QFile::ReadOwner | QFile::ExeOwner);
+  if (::geteuid() != 0) {
+    model.undoExport(model.exportHistory()[0]);
+    EXPECT_TRUE(model.exportError().value_or("").contains(std::strerror(EACCES)));
+  }
+  QFile::setPermissions(outFolder(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+  QFile::remove(target);
+  model.undoExport(model.exportHistory()[0]);
 
   // A file the user deleted meanwhile: the record just goes, with no message.
   model.setExportError(std::nullopt);
