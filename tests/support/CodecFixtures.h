@@ -126,7 +126,8 @@ struct JxlOptions {
   bool lossless = true;
   int orientation = 1;  // in the codestream header
   Bytes icc{};
-  int frames = 1;  // above 1: an animation of the same picture
+  int frames = 1;    // above 1: an animation of the same picture
+  int transfer = 0;  // above 0, in place of a profile: BT.2100 primaries with this H.273 transfer
 };
 Bytes jxl(const DecodedImage& image, const JxlOptions& options = {});  // low effort, 8 or 16 bits
 
