@@ -19,9 +19,8 @@ inline constexpr const char* enabledKey = "localAPIEnabled";
 inline constexpr const char* portKey = "localAPIPort";
 inline constexpr const char* tokenKey = "localAPIToken";
 
-// The application's settings store, SettingsFile::store(): QSettings(NativeFormat, UserScope,
-// "Quillane", "Quillane"), an INI file at $XDG_CONFIG_HOME/Quillane/Quillane.conf. Tests
-// redirect it with QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, folder).
+// The application's settings store, SettingsFile::store(): an INI file at
+// $XDG_CONFIG_HOME/Quillane/Quillane.conf.
 std::unique_ptr<QSettings> store();
 // SettingsFile::save(): writes `settings` to disk and restricts its file to mode 0600.
 void saveSecurely(QSettings& settings);

@@ -15,7 +15,7 @@
 
 #include <QCoreApplication>
 #include <QEventLoop>
-#include <QSettings>
+#include <QFile>
 #include <QTemporaryDir>
 #include <QThread>
 #include <algorithm>
@@ -60,7 +60,7 @@ struct Stack {
   std::atomic<int> port{0};
 
   explicit Stack(bool guarded = true) {
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir.filePath("config"));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(dir.filePath("config")));
     JSONFileStore::setFolderForTesting(dir.filePath("data"));
     token = LocalAPISettings::token().toStdString();
     BatchViewModel::Options options;

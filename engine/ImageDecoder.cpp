@@ -64,6 +64,10 @@ LightDecodedImage inspect(const std::string& path) {
     if (format) file.emplace(path);
   } catch (const ImageProcessingError&) {
     throw;
+  } catch (const FileIO::NotARegularFile& e) {
+    throw ImageProcessingError::decodingFailed(e.what());  // as readSource refuses it
+  } catch (const FileError&) {
+    throw;  // missing or unreadable: the system's reason, as every front end's read gives it
   } catch (const std::exception&) {
     throw ImageProcessingError::decodingFailed("unreadable file: " + path);
   }

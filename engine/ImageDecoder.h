@@ -62,7 +62,9 @@ std::vector<uint8_t> readSource(const std::string& path);
 uint64_t maxSourceBytes(const std::optional<ImageService::Properties>& header);
 
 // Reads headers and makes a thumbnail within kInspectionMemory; never decodes the full picture
-// where the codec can decode at a reduced scale. Throws ImageProcessingError::decodingFailed.
+// where the codec can decode at a reduced scale. Throws FileError with the system's reason for
+// a file that can't be opened or read (missing, not permitted), else
+// ImageProcessingError::decodingFailed (a folder, pipe, device or socket among them).
 LightDecodedImage inspect(const std::string& path);
 
 // What inspect(path) takes at its peak besides the process's own memory, from the file's first

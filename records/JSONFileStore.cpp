@@ -2,7 +2,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QStandardPaths>
@@ -17,6 +16,10 @@ namespace {
 
 Mutex overrideMutex;
 std::optional<QString> folderOverride GUARDED_BY(overrideMutex);
+
+// Far beyond any file written here (the memory of a hot folder of a million files); a larger
+// one is not read into memory.
+constexpr uint64_t kMaxBytes = 512ull << 20;
 
 const QString& realFolder() {
   static const QString folder =
@@ -59,14 +62,20 @@ void save(const JsonValue& value, const QString& filename) {
 }
 
 std::optional<QJsonDocument> load(const QString& filename) {
-  // Only a regular file is read: opening a pipe put in its place would wait for a writer.
-  if (!QFileInfo(path(filename)).isFile()) return std::nullopt;
-  QFile file(path(filename));
-  if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
-  const QByteArray bytes = file.readAll();
-  if (file.error() != QFileDevice::NoError) return std::nullopt;
+  std::vector<uint8_t> bytes;
+  try {
+    // Only a regular file, opened without waiting (a pipe in its place would wait for a
+    // writer), and one of a size its JSON can be parsed in.
+    bytes = FileIO::readFile(QFile::encodeName(path(filename)).toStdString(),
+                             [](std::span<const uint8_t>, uint64_t size) {
+                               if (size > kMaxBytes) throw FileError({}, "larger than any state file");
+                             });
+  } catch (const QuillaneError&) {
+    return std::nullopt;
+  }
   QJsonParseError error;
-  QJsonDocument document = QJsonDocument::fromJson(bytes, &error);
+  QJsonDocument document = QJsonDocument::fromJson(
+      QByteArray::fromRawData(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size())), &error);
   if (error.error != QJsonParseError::NoError || document.isNull()) return std::nullopt;
   return document;
 }

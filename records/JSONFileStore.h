@@ -32,8 +32,9 @@ QString path(const QString& filename);
 // failure; a reader sees the old file or the new one, never part of one.
 void save(const JsonValue& value, const QString& filename);
 
-// The parsed document of folder()/filename; nothing when the file is missing, unreadable
-// or not valid JSON.
+// The parsed document of folder()/filename; nothing when the file is missing, unreadable,
+// no regular file (a pipe, folder, device or socket, or a link to one: never waited on),
+// larger than 512 MiB or not valid JSON.
 std::optional<QJsonDocument> load(const QString& filename);
 
 // The list in folder()/filename with every element decoded by `decodeOne`; empty when the

@@ -3,14 +3,52 @@
 #include <sys/stat.h>
 
 #include <QFile>
+#include <QStandardPaths>
+#include <cerrno>
+
+#include "engine/Errors.h"
+#include "engine/FileIO.h"
 
 namespace quillane::SettingsFile {
 
+namespace {
+
+// Far above the few kilobytes the program writes; a larger file is not read into memory.
+constexpr uint64_t kMaxBytes = 1 << 20;
+
+// Whether the settings file `file` and Qt's lock file beside it can be used as they are.
+bool usable(const QString& file) {
+  const QByteArray name = QFile::encodeName(file);
+  struct stat st {};
+  if (::stat(name.constData(), &st) == 0 || errno != ENOENT) {
+    try {
+      FileIO::readFile(name.toStdString(), [](std::span<const uint8_t>, uint64_t size) {
+        if (size > kMaxBytes) throw FileError({}, "too large");
+      });
+    } catch (const QuillaneError&) {
+      return false;
+    }
+  }
+  // QLockFile opens an existing lock to see whether it is stale, and removes a stale one.
+  const QByteArray lock = name + ".lock";
+  return ::lstat(lock.constData(), &st) != 0 ? errno == ENOENT : S_ISREG(st.st_mode);
+}
+
+}  // namespace
+
+QString path() {
+  return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
+         QStringLiteral("/Quillane/Quillane.conf");
+}
+
 std::unique_ptr<QSettings> store() {
-  // On Linux the native format is INI; unlike IniFormat, whose files end in ".ini", it names
-  // the file Quillane.conf.
-  return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
-                                     QStringLiteral("Quillane"), QStringLiteral("Quillane"));
+  // On Linux the native format is INI. Given as a file, the settings are read from that file
+  // alone, not also from the organisation's ($XDG_CONFIG_HOME/Quillane.conf) and the
+  // system's, which would each need the same care.
+  const QString file = path();
+  if (usable(file)) return std::make_unique<QSettings>(file, QSettings::NativeFormat);
+  // A file under a device is never there, and its folder can't be made: no read, no write.
+  return std::make_unique<QSettings>(QStringLiteral("/dev/null/Quillane.conf"), QSettings::NativeFormat);
 }
 
 void save(QSettings& settings) {

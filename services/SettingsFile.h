@@ -1,7 +1,7 @@
 #pragma once
-// The application's settings file ($XDG_CONFIG_HOME/Quillane/Quillane.conf, INI form,
-// organisation and application "Quillane"), as the services read and write it. The file
-// also holds the local API's token, so every write leaves it readable by its owner only.
+// The application's settings file ($XDG_CONFIG_HOME/Quillane/Quillane.conf, INI form), as the
+// services read and write it. The file also holds the local API's token, so every write
+// leaves it readable by its owner only.
 //
 // GUI thread only (instances are made per call and not shared).
 
@@ -10,6 +10,14 @@
 
 namespace quillane::SettingsFile {
 
+// $XDG_CONFIG_HOME/Quillane/Quillane.conf, read from the environment at each call.
+QString path();
+
+// The settings in path(). A file there that could not be read safely (a pipe, folder, device
+// or socket, a link to one, a file that can't be opened or is far larger than any we write),
+// or a lock file beside it that is no regular file, gives the defaults: nothing is read from
+// it and nothing written over it. Qt's reader would otherwise wait on a pipe, or take a huge
+// file into memory, and its lock wait forever on a pipe or folder in the lock's place.
 std::unique_ptr<QSettings> store();
 
 // Writes `settings` to disk and restricts its file to mode 0600.

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -75,11 +76,14 @@ class ApiSandbox : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(dir_.isValid());
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir_.filePath("config"));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(dir_.filePath("config")));
     JSONFileStore::setFolderForTesting(dir_.filePath("data"));
   }
   // After the fixtures' members, which may still save state as they go.
-  ~ApiSandbox() override { JSONFileStore::setFolderForTesting(QString()); }
+  ~ApiSandbox() override {
+    JSONFileStore::setFolderForTesting(QString());
+    qputenv("XDG_CONFIG_HOME", savedConfig_);
+  }
   // GET /v1/status on `port` with `token` (by default the stored one, made if there is none).
   static int statusCode(int port, const std::optional<std::string>& token = std::nullopt) {
     std::string request =
@@ -88,6 +92,7 @@ class ApiSandbox : public ::testing::Test {
   }
 
   QTemporaryDir dir_;
+  const QByteArray savedConfig_ = qgetenv("XDG_CONFIG_HOME");
 };
 
 // A real BatchViewModel behind a real server on 127.0.0.1 and an encoder whose sizes tell

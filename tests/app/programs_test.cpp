@@ -170,6 +170,9 @@ TEST_F(CommandLineTool, InspectAndAnalyzeDescribeEachFileInOrder) {
   EXPECT_TRUE(files[0].toObject()["format"] == "png" && files[0].toObject()["pixelWidth"] == 48)
       << inspected.out.toStdString();
   EXPECT_EQ(files[1].toObject().keys(), (QStringList{"error", "path"}));
+  // A missing file is told as compress tells it, not as a picture that can't be decoded.
+  const QJsonArray compressed = run({"compress", "in/missing.png", "--to", "out"}).json();
+  EXPECT_EQ(files[1].toObject()["error"], compressed[0].toObject()["error"]) << inspected.out.toStdString();
 
   ProgramRun analyzed = run({"analyze", "--quality", "90", png});
   ASSERT_EQ(analyzed.exitCode, 0);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <QDir>
+#include <cstring>
 
 #include "engine/ImageFormat.h"
 #include "tests/batch/batch_test_support.h"
@@ -36,21 +37,23 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   ASSERT_EQ(::mkfifo(QFile::encodeName(pipe.toLocalFile()).constData(), 0600), 0);
   import({QUrl::fromLocalFile(dir_.filePath("pattern.png")), source("anim.gif", "GIF89a\x01\0\x01\0junk"),
           source("scan.bmp", "BM\x36\0\0\0junk"), source("notes.png", "this is not an image"),
-          source("broken.png", "\x89PNG\r\n\x1a\n\0\0"), latin1URL, pipe});
+          source("broken.png", "\x89PNG\r\n\x1a\n\0\0"), latin1URL, pipe,
+          QUrl::fromLocalFile(dir_.filePath("gone.png"))});
   ASSERT_EQ(model.images().size(), 2u);
   auto image = model.images()[0];
   EXPECT_EQ(std::tuple(image->width(), image->height(), image->originalFormat()),
             std::tuple(64, 48, ImageFormat::png));
   // A format Quillane doesn't read says so, by name for the common ones, and offers no retry; a
-  // damaged file of one of the six keeps "could not decode" and its retry.
+  // damaged file of one of the six keeps "could not decode" and its retry, a missing one says so.
   QStringList told;
   for (const ImportFailure& failure : model.importFailures())
     told << QString("%1 %2").arg(failure.canRetry).arg(failure.message);
-  EXPECT_EQ(told, (QStringList{
-                      "0 GIF est un format que Quillane ne lit pas.",
-                      "0 BMP est un format que Quillane ne lit pas.", "0 Quillane ne lit pas ce format.",
-                      "1 " + QString::fromStdString(ImageProcessingError::decodingFailed().description()),
-                      "1 " + QString::fromStdString(ImageProcessingError::decodingFailed().description())}));
+  EXPECT_EQ(told,
+            (QStringList{"0 GIF est un format que Quillane ne lit pas.",
+                         "0 BMP est un format que Quillane ne lit pas.", "0 Quillane ne lit pas ce format.",
+                         "1 " + QString::fromStdString(ImageProcessingError::decodingFailed().description()),
+                         "1 " + QString::fromStdString(ImageProcessingError::decodingFailed().description()),
+                         "1 " + QString::fromLocal8Bit(std::strerror(ENOENT))}));
 
   ASSERT_TRUE(waitIdle(20000));
   ASSERT_TRUE(image->encodeState().isReady()) << image->encodeState().message.toStdString();

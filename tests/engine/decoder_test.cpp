@@ -237,6 +237,25 @@ TEST(ColourProfiles, PQAndHLGPicturesAreShownForAStandardDisplay) {
   }
 }
 
+// A PNG without iCCP describes its colours by gAMA: a gamma of 1/2.2 is how files state sRGB,
+// any other curve is kept (a grey picture goes to sRGB through it).
+TEST(ColourProfiles, APngGammaWithoutAProfileIsHonoured) {
+  DecodedImage mid = fixtures::quadrants(32, 16);
+  for (size_t i = 0; i < mid.pixels8.size(); ++i)
+    if (i % 4 != 3) mid.pixels8[i] = 128;
+  for (const bool grey : {false, true})
+    for (const uint32_t gamma : {45455u, 100000u}) {
+      const DecodedImage decoded =
+          ImageService::decodeFirstFrame(fixtures::png(mid, {.grey = grey, .alpha = false, .gamma = gamma}));
+      const bool srgbCurve = gamma == 45455u;
+      EXPECT_EQ(decoded.colorSpace.isSRGB, srgbCurve || grey) << grey << " " << gamma;
+      // Linear light of a half is 188 in sRGB.
+      if (grey) {
+        EXPECT_NEAR(pixelAt(decoded, 4, 4)[1], srgbCurve ? 128 : 188, 1) << gamma;
+      }
+    }
+}
+
 void expectNear(std::array<int, 4> got, std::array<int, 3> want, int tolerance, const char* what) {
   for (size_t c = 0; c < 3; ++c) EXPECT_NEAR(got[c], want[c], tolerance) << what << " channel " << c;
 }

@@ -85,10 +85,11 @@ TEST_F(JSONFileStoreTest, MissingAndCorruptFilesReadAsNothing) {
     writeStoreFile(QStringLiteral("bad.json"), bytes);
     EXPECT_FALSE(JSONFileStore::load(QStringLiteral("bad.json"))) << bytes.toHex().toStdString();
   }
-  // A pipe in a file's place is not waited on.
-  ASSERT_EQ(::mkfifo(QFile::encodeName(JSONFileStore::path(QStringLiteral("pipe.json"))).constData(), 0600),
-            0);
-  EXPECT_FALSE(JSONFileStore::load(QStringLiteral("pipe.json")));
+  // A pipe in a file's place is not waited on, nor a device read.
+  const auto at = [](const char* name) { return QFile::encodeName(JSONFileStore::path(name)); };
+  ASSERT_EQ(::mkfifo(at("pipe.json"), 0600), 0);
+  ASSERT_EQ(::symlink("/dev/zero", at("zero.json")), 0);
+  for (const char* name : {"pipe.json", "zero.json"}) EXPECT_FALSE(JSONFileStore::load(name)) << name;
 }
 
 // A save is dropped without a word where its folder cannot be made, and a save that cannot be

@@ -5,6 +5,10 @@
 // the code looks up exists in all fifteen tables, the tables agree on their keys, and format
 // strings keep English's placeholders; and the lookup chain that LanguageManager installs.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <QDir>
 #include <QDirIterator>
@@ -14,6 +18,8 @@
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <cstring>
+#include <functional>
 
 #include "engine/Localization.h"
 #include "services/AppLanguage.h"
@@ -32,7 +38,6 @@ class SettingsTest : public ::testing::Test {
     ASSERT_TRUE(dir_.isValid());
     saved_ = qgetenv("XDG_CONFIG_HOME");
     qputenv("XDG_CONFIG_HOME", dir_.path().toUtf8());
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir_.path());
     qunsetenv("XCTestConfigurationFilePath");  // under a test host nothing would be written
   }
   void TearDown() override { qputenv("XDG_CONFIG_HOME", saved_); }
@@ -40,6 +45,11 @@ class SettingsTest : public ::testing::Test {
   static void store(const QStringList& value) { SettingsFile::store()->setValue("AppleLanguages", value); }
   static QStringList stored() { return SettingsFile::store()->value("AppleLanguages").toStringList(); }
   QString settingsPath() const { return dir_.path() + "/Quillane/Quillane.conf"; }
+  void writeSettings(const QByteArray& bytes) const {
+    QFile file(settingsPath());
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(bytes);
+  }
 
   LanguageManager::Platform platform(QStringList system) {
     return {std::move(system),
@@ -56,6 +66,7 @@ class SettingsTest : public ::testing::Test {
   int quits_ = 0;
 };
 using LanguageManagerTest = SettingsTest;
+using SettingsFileTest = SettingsTest;
 using BackgroundSettingsTest = SettingsTest;
 
 TEST_F(LanguageManagerTest, OnlyAnExactStoredRawValueIsAnOverride) {
@@ -103,6 +114,47 @@ TEST_F(LanguageManagerTest, ConfirmPersistsSelectsAndQuitsEvenIfTheRelaunchFails
   EXPECT_EQ(std::pair(started_.size(), quits_), std::pair(qsizetype(1), 1));
   // Following the system again on a supported system leaves the choice absent.
   EXPECT_EQ(LanguageManager(platform({"de-DE"})).selectedLanguage(), std::nullopt);
+}
+
+// A settings file or lock that can't be read safely gives the defaults, and is neither waited
+// on, read into memory nor written over: a pipe, a folder, a link to a device, a socket, a file
+// far larger than ours holding a key at its end; the lock a pipe or a folder.
+TEST_F(SettingsFileTest, AFileOrLockThatCantBeReadSafelyGivesTheDefaultsAndStays) {
+  const QByteArray conf = QFile::encodeName(settingsPath()), lock = conf + ".lock";
+  const auto socketAt = [](const QByteArray& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.constData(), sizeof address.sun_path - 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);  // the socket's file stays
+    return bound;
+  };
+  const std::vector<std::pair<const char*, std::function<bool()>>> cases = {
+      {"pipe", [&] { return ::mkfifo(conf, 0600) == 0; }},
+      {"folder", [&] { return ::mkdir(conf, 0700) == 0; }},
+      {"device", [&] { return ::symlink("/dev/zero", conf) == 0; }},
+      {"socket", [&] { return socketAt(conf); }},
+      {"huge",
+       [&] {
+         writeSettings(QByteArray(2 << 20, '\n') + "AppleLanguages=de\n");
+         return true;
+       }},
+      {"lock pipe", [&] { return writeSettings("AppleLanguages=de\n"), ::mkfifo(lock, 0600) == 0; }},
+      {"lock folder", [&] { return writeSettings("AppleLanguages=de\n"), ::mkdir(lock, 0700) == 0; }},
+  };
+  for (const auto& [name, make] : cases) {
+    QDir(dir_.path() + "/Quillane").removeRecursively();
+    QDir().mkpath(dir_.path() + "/Quillane");
+    ASSERT_TRUE(make()) << name;
+    struct stat before {
+    }, after{};
+    ::lstat(conf, &before);
+    EXPECT_FALSE(SettingsFile::store()->contains("AppleLanguages")) << name;
+    store({"fr"});
+    ::lstat(conf, &after);
+    EXPECT_EQ(std::pair(after.st_ino, after.st_size), std::pair(before.st_ino, before.st_size)) << name;
+  }
 }
 
 TEST_F(BackgroundSettingsTest, SwitchesAreOffUntilSetAndStartAtLoginWritesAValidAutostartEntry) {

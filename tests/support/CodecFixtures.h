@@ -69,6 +69,7 @@ struct PngOptions {
   ExifLayout exifLayout{};
   bool exifAfterData = false;
   bool interlaced = false;  // Adam7
+  uint32_t gamma = 0;       // gAMA, times 100000; 0: none
 };
 // Written chunk by chunk with zlib, 8 or 16 bits as `image` is.
 Bytes png(const DecodedImage& image, const PngOptions& options = {});
