@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -49,6 +50,12 @@ BatchExporter::BatchExporter(Recorder recorder, QObject* parent)
 }
 
 BatchExporter::~BatchExporter() { pool_->waitForDone(); }
+
+void BatchExporter::finish() {
+  pool_->waitForDone();
+  // Each job's end is a queued call to this object, posted before its thread let go.
+  QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+}
 
 QString BatchExporter::notEncodedDescription(const ImportedImage& image, ImageFormat format) {
   if (image.encodeState().isFailed()) return image.encodeState().message;

@@ -68,6 +68,10 @@ class BatchExporter : public QObject {
   // Waits for the job being written: a file is never left half done.
   ~BatchExporter() override;
 
+  // Waits for every export asked so far and settles each at once (rows, history, summary), as
+  // its end would through the event loop: the process is about to end.
+  void finish();
+
   // Writes every image's compressedData into `folder`, names kept apart within the run, with
   // the extension of `format`; no name is one of `sourcePaths` (file system bytes). An image
   // without data is an outcome with its error and writes nothing. One outcome per image, in

@@ -76,6 +76,11 @@ BatchViewModel::~BatchViewModel() {
   inspectPool_->waitForDone();
 }
 
+void BatchViewModel::finishWrites() {
+  exporter_->finish();
+  if (settingsSave_.isActive()) persistSettings();
+}
+
 std::shared_ptr<ImportedImage> BatchViewModel::image(const QUuid& id) const {
   auto it =
       std::find_if(images_.begin(), images_.end(), [&](const auto& image) { return image->id() == id; });

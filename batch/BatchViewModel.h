@@ -208,6 +208,9 @@ class BatchViewModel : public QObject {
   // Saves the output format, the global quality and the size options to batchSettings.json (also done by
   // itself half a second after a change); they are read back at start-up with the session.
   void persistSettings();
+  // Before the process ends without the event loop: writes the exports asked so far and records
+  // them in the history, and saves settings still waiting to be saved.
+  void finishWrites();
 
   // ---- Profiles ----
   const ExportProfileList& exportProfiles() const { return exportProfiles_; }

@@ -163,6 +163,33 @@ ColorSpace rgbSpace(std::vector<uint8_t> icc) {
   return ColorSpace::fromICC(std::move(icc));
 }
 
+std::vector<uint8_t> profileOfPngChunks(bool grey, int gamma, const int* chromaticities) {
+  // x, y of the white point and of the primaries, as sRGB has them.
+  static constexpr double kSRGB[8] = {0.3127, 0.3290, 0.64, 0.33, 0.30, 0.60, 0.15, 0.06};
+  const double exponent = gamma > 0 ? 100000.0 / gamma : 0;
+  if (gamma > 0 && (exponent < 0.2 || exponent > 10)) return {};
+  const bool srgbCurve = gamma <= 0 || std::abs(exponent - 2.2) <= 0.1;
+  double xy[8];
+  bool srgbPrimaries = true;
+  for (int i = 0; i < 8; ++i) {
+    xy[i] = chromaticities ? chromaticities[i] / 100000.0 : kSRGB[i];
+    srgbPrimaries = srgbPrimaries && std::abs(xy[i] - kSRGB[i]) <= 0.005;
+  }
+  if (srgbCurve && (srgbPrimaries || grey)) return {};
+  ToneCurvePtr curve(srgbCurve ? transferCurve(13) : cmsBuildGamma(nullptr, exponent));
+  if (!curve) return {};
+  cmsToneCurve* curves[3] = {curve.get(), curve.get(), curve.get()};
+  const cmsCIExyY white{xy[0], xy[1], 1.0};
+  const cmsCIExyYTRIPLE primaries{{xy[2], xy[3], 1.0}, {xy[4], xy[5], 1.0}, {xy[6], xy[7], 1.0}};
+  CmsProfilePtr profile(grey ? cmsCreateGrayProfile(cmsD50_xyY(), curve.get())
+                             : cmsCreateRGBProfile(&white, &primaries, curves));
+  cmsUInt32Number size = 0;
+  if (!profile || !cmsSaveProfileToMem(profile.get(), nullptr, &size) || size == 0) return {};
+  std::vector<uint8_t> icc(size);
+  if (!cmsSaveProfileToMem(profile.get(), icc.data(), &size)) return {};
+  return icc;
+}
+
 ColorSpace fromCodePoints(int primaries, int transfer) {
   cmsCIExyYTRIPLE xy;
   cmsCIExyY white = {0.3127, 0.3290, 1.0};  // D65

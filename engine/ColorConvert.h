@@ -45,6 +45,12 @@ class UnboundedConversion {
 // untagged sRGB for no profile, an unreadable one, or one of another colour model.
 ColorSpace rgbSpace(std::vector<uint8_t> icc);
 
+// The profile that a PNG's gAMA and cHRM chunks describe, for a grey or an RGB picture: the
+// file's gamma times 100000 (0 when absent) and its white point and primaries (x, y of white,
+// red, green and blue, times 100000; null when absent). Empty when they describe sRGB as files
+// commonly state it (a gamma of 1/2.2 stands for sRGB's curve), or nothing usable.
+std::vector<uint8_t> profileOfPngChunks(bool grey, int gamma, const int* chromaticities);
+
 // The colour space of coded primaries and transfer (ITU-T H.273 code points). sRGB for
 // BT.709 / unspecified primaries with a gamma-like transfer; an ICC profile made with lcms2
 // for other known primaries (BT.2020, DCI-P3, Display P3) and transfers (sRGB, BT.709,

@@ -64,6 +64,7 @@ QuillaneApp::~QuillaneApp() {
 }
 
 void QuillaneApp::stopServices() {
+  viewModel_->finishWrites();
   hotFoldersManager_.reset();
   apiController_->stop();
 }

@@ -39,8 +39,9 @@ class QuillaneApp : public QObject {
 
   BatchViewModel& viewModel() { return *viewModel_; }
   LocalAPIController& apiController() { return *apiController_; }
-  // Stops the hot folders (waiting for the files they are writing) and the local API server,
-  // so that the process may end at once: the batch's own encodes write nothing.
+  // Finishes the batch's exports and pending settings save, stops the hot folders (waiting for
+  // the files they are writing) and the local API server, so that the process may end at once:
+  // the batch's own encodes write nothing.
   void stopServices();
   // Null until the first createMainWindow().
   HotFoldersManager* hotFoldersManager() { return hotFoldersManager_.get(); }

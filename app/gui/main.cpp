@@ -217,9 +217,9 @@ int main(int argc, char** argv) {
   quitOnTerminationSignals(application.get());
   const int status = application->exec();
   // Running encodes are abandoned at quit. They cannot be interrupted inside the codec
-  // libraries and write nothing, and the batch, history and settings are already on disk
-  // (each is written when it changes): what serves or writes files is stopped, and the
-  // process ends without waiting for the encodes.
+  // libraries and write nothing, and the batch, history and settings are on disk (each is
+  // written when it changes; an export under way is finished and recorded first): what serves
+  // or writes files is stopped, and the process ends without waiting for the encodes.
   session.stopForQuit();
   std::fflush(nullptr);
   ::_exit(status);

@@ -48,6 +48,12 @@ struct PngJob {
   Reduction reduction;
   png_uint_32 factor;
   png_uint_32 outWidth, outHeight;
+  // The colours' description besides iCCP: an sRGB chunk, gAMA, cHRM (times 100000; a gamma
+  // of 0 and no chromaticities where absent).
+  bool srgbChunk;
+  png_fixed_point gamma;
+  bool hasChromaticities;
+  png_fixed_point chromaticities[8];  // white, red, green, blue: x and y of each
   // Called by decodeWithLibpng itself, never from inside libpng. All are noexcept.
   void* context;
   void (*iccFound)(void* context, const uint8_t* data, size_t size) noexcept;
@@ -126,6 +132,11 @@ bool decodeWithLibpng(PngJob& job) {
   png_uint_32 profileLength = 0;
   if (png_get_iCCP(png, info, &name, &compression, &profile, &profileLength) && profile && job.iccFound)
     job.iccFound(job.context, profile, profileLength);
+  job.srgbChunk = png_get_valid(png, info, PNG_INFO_sRGB) != 0;
+  if (!png_get_gAMA_fixed(png, info, &job.gamma)) job.gamma = 0;
+  png_fixed_point* c = job.chromaticities;
+  job.hasChromaticities =
+      png_get_cHRM_fixed(png, info, &c[0], &c[1], &c[2], &c[3], &c[4], &c[5], &c[6], &c[7]) != 0;
 
   bool tRNS = png_get_valid(png, info, PNG_INFO_tRNS) != 0;
   job.alpha = (job.colorType & PNG_COLOR_MASK_ALPHA) != 0 || tRNS;
@@ -380,6 +391,9 @@ DecodedImage decodePng(ByteSource& source, int minLongSide) {
     fail(job.tooLarge ? kTooLarge : "libpng: damaged or truncated PNG");
   }
   DecodedImage& image = target.image;
+  if (target.icc.empty() && !job.srgbChunk)
+    target.icc = ColorConvert::profileOfPngChunks(job.channels == 2, job.gamma,
+                                                  job.hasChromaticities ? job.chromaticities : nullptr);
   if (job.channels == 2)
     ColorConvert::expandGreyInPlace(image, 2, &target.icc);
   else

@@ -209,24 +209,30 @@ TEST(ColourProfiles, ALossyJpegXlKeepsItsTabulatedCurveProfileAndItsColours) {
   EXPECT_LT(testing::meanColourError(Resample::toEightBit(decoded), source), 3.0);
 }
 
-// High dynamic range AVIFs come out as a standard display shows them: the reference white of
+// High dynamic range AVIFs and JPEG XLs come out as a standard display shows them: the reference white of
 // 203 cd/m2 near white, brighter light brighter still, 10 cd/m2 a dark grey (its light relative
 // to white, sRGB-coded, is 0.245).
 TEST(ColourProfiles, PQAndHLGPicturesAreShownForAStandardDisplay) {
   struct Case {
+    bool jxl;
     int primaries, transfer;
     std::array<double, 4> signals;  // 10, 203 and 1000 cd/m2, and black
   };
-  for (const Case& c : {Case{1, 16, {0.3085, 0.5806, 0.7518, 0}}, Case{9, 18, {0.2536, 0.75, 1.0, 0}}}) {
+  const std::array<double, 4> pq{0.3085, 0.5806, 0.7518, 0}, hlg{0.2536, 0.75, 1.0, 0};
+  for (const Case& c : {Case{false, 1, 16, pq}, Case{false, 9, 18, hlg}, Case{true, 9, 16, pq}}) {
     DecodedImage source = fixtures::quadrants(64, 48, 16);
     for (size_t i = 0; i < source.pixels16.size(); ++i) {
       const size_t pixel = i / 4, x = pixel % 64, y = pixel / 64;
       if (i % 4 != 3)
         source.pixels16[i] = uint16_t(std::lround(c.signals[(y >= 24 ? 2 : 0) + (x >= 32)] * 65535));
     }
-    const DecodedImage decoded = ImageService::decodeFirstFrame(fixtures::avif(
-        source,
-        {.quantizer = 0, .depth = 10, .alpha = false, .primaries = c.primaries, .transfer = c.transfer}));
+    const DecodedImage decoded =
+        ImageService::decodeFirstFrame(c.jxl ? fixtures::jxl(source, {.transfer = c.transfer})
+                                             : fixtures::avif(source, {.quantizer = 0,
+                                                                       .depth = 10,
+                                                                       .alpha = false,
+                                                                       .primaries = c.primaries,
+                                                                       .transfer = c.transfer}));
     ASSERT_EQ(decoded.bitsPerComponent, 16);
     EXPECT_EQ(decoded.colorSpace.isSRGB, c.primaries == 1) << "the primaries stay, the curve is sRGB's";
     const auto level = [&](size_t x, size_t y) { return decoded.pixels16[(y * 64 + x) * 4 + 1] / 65535.0; };
@@ -235,6 +241,25 @@ TEST(ColourProfiles, PQAndHLGPicturesAreShownForAStandardDisplay) {
     EXPECT_GT(level(16, 36), level(48, 12) + 0.02) << c.transfer;
     EXPECT_LT(level(48, 36), 0.01) << c.transfer;
   }
+}
+
+// A PNG without iCCP describes its colours by gAMA: a gamma of 1/2.2 is how files state sRGB,
+// any other curve is kept (a grey picture goes to sRGB through it).
+TEST(ColourProfiles, APngGammaWithoutAProfileIsHonoured) {
+  DecodedImage mid = fixtures::quadrants(32, 16);
+  for (size_t i = 0; i < mid.pixels8.size(); ++i)
+    if (i % 4 != 3) mid.pixels8[i] = 128;
+  for (const bool grey : {false, true})
+    for (const uint32_t gamma : {45455u, 100000u}) {
+      const DecodedImage decoded =
+          ImageService::decodeFirstFrame(fixtures::png(mid, {.grey = grey, .alpha = false, .gamma = gamma}));
+      const bool srgbCurve = gamma == 45455u;
+      EXPECT_EQ(decoded.colorSpace.isSRGB, srgbCurve || grey) << grey << " " << gamma;
+      // Linear light of a half is 188 in sRGB.
+      if (grey) {
+        EXPECT_NEAR(pixelAt(decoded, 4, 4)[1], srgbCurve ? 128 : 188, 1) << gamma;
+      }
+    }
 }
 
 void expectNear(std::array<int, 4> got, std::array<int, 3> want, int tolerance, const char* what) {

@@ -301,6 +301,11 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
     iccp.insert(iccp.end(), z.begin(), z.end());
     chunk(out, "iCCP", iccp);
   }
+  if (options.gamma) {
+    Bytes gama;
+    put32be(gama, options.gamma);
+    chunk(out, "gAMA", gama);
+  }
   if (options.orientation && !options.exifAfterData)
     chunk(out, "eXIf", exifBlock(*options.orientation, false, options.exifLayout));
 

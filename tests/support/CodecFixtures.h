@@ -69,6 +69,7 @@ struct PngOptions {
   ExifLayout exifLayout{};
   bool exifAfterData = false;
   bool interlaced = false;  // Adam7
+  uint32_t gamma = 0;       // gAMA, times 100000; 0: none
 };
 // Written chunk by chunk with zlib, 8 or 16 bits as `image` is.
 Bytes png(const DecodedImage& image, const PngOptions& options = {});
@@ -125,7 +126,8 @@ struct JxlOptions {
   bool lossless = true;
   int orientation = 1;  // in the codestream header
   Bytes icc{};
-  int frames = 1;  // above 1: an animation of the same picture
+  int frames = 1;    // above 1: an animation of the same picture
+  int transfer = 0;  // above 0, in place of a profile: BT.2100 primaries with this H.273 transfer
 };
 Bytes jxl(const DecodedImage& image, const JxlOptions& options = {});  // low effort, 8 or 16 bits
 

@@ -208,6 +208,8 @@ Bytes jxl(const DecodedImage& image, const JxlOptions& options) {
   require(JxlEncoderSetBasicInfo(encoder.get(), &info) == JXL_ENC_SUCCESS, "JxlEncoderSetBasicInfo");
   JxlColorEncoding srgb;
   JxlColorEncodingSetToSRGB(&srgb, JXL_FALSE);
+  if (options.transfer > 0)
+    srgb.primaries = JXL_PRIMARIES_2100, srgb.transfer_function = JxlTransferFunction(options.transfer);
   require((options.icc.empty() ? JxlEncoderSetColorEncoding(encoder.get(), &srgb)
                                : JxlEncoderSetICCProfile(encoder.get(), options.icc.data(),
                                                          options.icc.size())) == JXL_ENC_SUCCESS,
