@@ -226,8 +226,9 @@ std::optional<uint64_t> jxlReducedDecodeBytes(ByteSource& source) {
     // libjxl holds the whole frame as 4-byte samples (integers or floats), and more while it
     // converts; a lossless picture's RGBA comes on top (measured: 15.7 bytes a pixel for 8-bit
     // RGB), a lossy one is averaged down as it comes (14.2 bytes a pixel).
-    if (xyb) return pixels * (channels * 4 + 3) + (4u << 20);
-    return pixels * (channels * 4 + (info.bits_per_sample > 8 ? 8 : 4) + 4) + (4u << 20);
+    // In floating point: a header may name up to 2^60 pixels.
+    const uint64_t perPixel = xyb ? channels * 4 + 3 : channels * 4 + (info.bits_per_sample > 8 ? 8 : 4) + 4;
+    return estimatedBytes(double(pixels) * double(perPixel) + double(4u << 20));
   } catch (const std::exception&) {
     return std::nullopt;
   }
