@@ -147,6 +147,7 @@ TEST(Thumbnails, ThumbnailsMadeWhileReadingMatchTheFullDecodeReduced) {
       fixtures::heic(photo, {.alpha = false}), fixtures::grid(fixtures::heic(photo, {.alpha = false}), 2, 2),
       fixtures::avif(photo), fixtures::avif(photo, {.depth = 10, .irotAngle = 1}),
       fixtures::grid(fixtures::avif(photo, {.alpha = false}), 2, 2),
+      fixtures::avif(photo, {.crop = {64, 32, 128, 96}}),
       fixtures::jxl(photo, {.lossless = false, .orientation = 6}), fixtures::png(picture),
       fixtures::png(wide, {.interlaced = true}),
       fixtures::png(picture, {.palette = true, .interlaced = true}), fixtures::webp(picture),
@@ -169,7 +170,16 @@ TEST(Thumbnails, ThumbnailsMadeWhileReadingMatchTheFullDecodeReduced) {
       EXPECT_LT(difference / double(full.pixels8.size()), 2.0);
     }
   }
-  EXPECT_EQ(fixtures::quadrantAt(ImageService::decodeFirstFrame(files[8]), Corner::bottomRight), 3);
+  EXPECT_EQ(fixtures::quadrantAt(ImageService::decodeFirstFrame(files[9]), Corner::bottomRight), 3);
+  // An AVIF's clean aperture is the picture: the rest of the coded one is not shown.
+  const auto clapped =
+      fixtures::avif(fixtures::quadrants(64, 48), {.alpha = false, .crop = {16, 12, 32, 24}});
+  EXPECT_EQ(ImageService::properties(clapped)->width, 32);
+  const DecodedImage shown = ImageService::decodeFirstFrame(clapped);
+  ASSERT_EQ(shown.width, 32);
+  ASSERT_EQ(shown.height, 24);
+  EXPECT_EQ(fixtures::quadrantAt(shown, Corner::topRight), 1);
+  EXPECT_EQ(fixtures::quadrantAt(shown, Corner::bottomLeft), 2);
   EXPECT_EQ(ImageDecoder::loadPreview(fixtures::webp(fixtures::quadrants(40, 20)), 256)->width, 40)
       << "never enlarged";
 }

@@ -176,6 +176,14 @@ Bytes avif(const DecodedImage& image, const AvifOptions& options) {
   if (!options.icc.empty()) avifImageSetProfileICC(picture.get(), options.icc.data(), options.icc.size());
   picture->colorPrimaries = avifColorPrimaries(options.primaries);
   picture->transferCharacteristics = avifTransferCharacteristics(options.transfer);
+  if (options.crop[2] > 0) {
+    const avifCropRect rect{options.crop[0], options.crop[1], options.crop[2], options.crop[3]};
+    avifDiagnostics diagnostics{};
+    require(avifCleanApertureBoxConvertCropRect(&picture->clap, &rect, picture->width, picture->height,
+                                                picture->yuvFormat, &diagnostics),
+            "avifCleanApertureBoxConvertCropRect");
+    picture->transformFlags |= AVIF_TRANSFORM_CLAP;
+  }
   CHandle<avifEncoder, avifEncoderDestroy> encoder(avifEncoderCreate());
   encoder->codecChoice = AVIF_CODEC_CHOICE_AOM;
   encoder->speed = AVIF_SPEED_FASTEST;
