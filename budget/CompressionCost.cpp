@@ -25,8 +25,9 @@ int fileCostMB(const std::string& path, ImageFormat format, double quality) {
 
 int measureCostMB(int width, int height, uint64_t cellPixels, uint64_t fileBytes) {
   // The source's cells at a HEIC decode's 12 bytes a pixel, as the encode's cost counts them.
-  const uint64_t bytes =
-      PerceptualDistance::peakBytes(width, height) + cellPixels * 12 + fileBytes + (8u << 20);
+  using EncodeCost::addBytes;
+  const uint64_t bytes = addBytes(addBytes(PerceptualDistance::peakBytes(width, height), cellPixels * 12),
+                                  addBytes(fileBytes, 8u << 20));
   return std::max(megabytes(bytes), 1);
 }
 
@@ -45,7 +46,8 @@ int previewCostMB(std::span<const uint8_t> bytes, int maxPixelSize) {
 }
 
 int megabytes(uint64_t bytes) {
-  return int(std::min<uint64_t>((bytes + (1u << 20) - 1) >> 20, std::numeric_limits<int32_t>::max()));
+  const uint64_t rounded = (bytes >> 20) + ((bytes & ((1u << 20) - 1)) != 0);
+  return int(std::min<uint64_t>(rounded, std::numeric_limits<int32_t>::max()));
 }
 
 }  // namespace quillane::CompressionCost

@@ -17,13 +17,17 @@ using ContentClass = ImageCharacteristics::ContentClass;
 
 constexpr uint64_t kMB = 1'000'000;
 
+// `bytesPerPixel` times `pixels`, rounded up; the most there is where that passes 64 bits.
+uint64_t bytesFor(double bytesPerPixel, uint64_t pixels) {
+  const double bytes = std::ceil(bytesPerPixel * double(pixels));
+  return bytes < 0x1p64 ? uint64_t(bytes) : UINT64_MAX;
+}
+
 // Bytes a pixel and fixed bytes: one encoding's peak, its picture included.
 struct Figure {
   double bytesPerPixel;
   uint64_t fixedBytes;
-  uint64_t at(uint64_t pixels) const {
-    return uint64_t(std::ceil(bytesPerPixel * double(pixels))) + fixedBytes;
-  }
+  uint64_t at(uint64_t pixels) const { return bytesFor(bytesPerPixel, pixels) + fixedBytes; }
 };
 
 // Measured by bench/encode_peak.cpp on generated pictures of 1 and 4 megapixels, called as the
@@ -120,13 +124,15 @@ double decodeBytesPerPixel(ImageFormat format) {
 bool isGraphic(ContentClass c) { return c == ContentClass::flatGraphic || c == ContentClass::screenText; }
 
 uint64_t cost(const Measured& m, uint64_t pixels, bool graphic, bool alpha) {
-  const uint64_t extra = alpha ? uint64_t(std::ceil(m.alphaBytesPerPixel * double(pixels))) : 0;
+  const uint64_t extra = alpha ? bytesFor(m.alphaBytesPerPixel, pixels) : 0;
   return (graphic ? m.graphic : m.photo).at(pixels) + extra;
 }
 
 }  // namespace
 
-uint64_t allowance(uint64_t pixels) { return std::max(pixels * kBytesPerPixel, kSmallPictureBytes); }
+uint64_t allowance(uint64_t pixels) {
+  return std::max(std::min(pixels, UINT64_MAX / kBytesPerPixel) * kBytesPerPixel, kSmallPictureBytes);
+}
 
 uint64_t encodingBytes(ImageFormat format, const EncodingPlan::Mode& mode, int effort, int width, int height,
                        bool graphic, bool alpha) {
@@ -158,6 +164,11 @@ bool fitsInMemory(uint64_t bytes) { return bytes <= usableMemoryBytes(); }
 
 uint64_t peakBytes(const Source& source, ImageFormat target, double quality) {
   const uint64_t pixels = uint64_t(std::max(source.width, 0)) * uint64_t(std::max(source.height, 0));
+  // A header no decoder takes (up to 2^62 pixels) never fits: the most there is, as for a
+  // header that can't be read. Below the limits every figure here stays far within 64 bits.
+  if (source.width > kMaxDimension || source.height > kMaxDimension || pixels > kMaxPixels ||
+      source.cellPixels > kMaxPixels)
+    return UINT64_MAX;
   // The costliest plan the strategy makes for any content of this size: every class, with
   // and without alpha, flat or not, with many colours or few, noisy or clean.
   uint64_t encoding = 0;
@@ -188,8 +199,8 @@ uint64_t peakBytes(const Source& source, ImageFormat target, double quality) {
   // JPEG took 20 bytes a pixel, an 18-megapixel photo 36).
   if (target == ImageFormat::jxl && source.format == ImageFormat::jpeg && quality >= 90)
     encoding = std::max(encoding, pixels * 4 + kTranscode.at(pixels));
-  const uint64_t decode = uint64_t(decodeBytesPerPixel(source.format) * double(pixels + source.cellPixels));
-  return source.fileBytes + std::max(decode, encoding);
+  const uint64_t decode = bytesFor(decodeBytesPerPixel(source.format), pixels + source.cellPixels);
+  return addBytes(source.fileBytes, std::max(decode, encoding));
 }
 
 std::optional<uint64_t> peakBytes(const std::string& path, ImageFormat target, double quality) {

@@ -22,6 +22,10 @@ namespace quillane::EncodeCost {
 // it, and strip by strip above), HEIC and AVIF at 4:4:4 (25 to 26) and lossless WebP of a photograph (36)
 // have none, and claim what they take.
 inline constexpr uint64_t kBytesPerPixel = 16;
+
+// a + b, or UINT64_MAX where that passes 64 bits: a cost that can't be held stays one.
+inline uint64_t addBytes(uint64_t a, uint64_t b) { return a > UINT64_MAX - b ? UINT64_MAX : a + b; }
+
 inline constexpr uint64_t kSmallPictureBytes = 1536ull << 20;
 uint64_t allowance(uint64_t pixels);
 
@@ -61,6 +65,8 @@ struct Source {
 // beyond the process's own memory: the file's bytes, the decode, the picture, and the
 // costliest plan the strategy can make for any content of that size (both encodings where
 // two compete). Never below what the encode takes by more than a quarter (the bench checks).
+// UINT64_MAX for a source beyond the decoders' limits (kMaxDimension, kMaxPixels), which
+// never fits.
 uint64_t peakBytes(const Source& source, ImageFormat target, double quality);
 
 // The same for the file at `path`, from its size and the header in its first bytes

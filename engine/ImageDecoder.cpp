@@ -28,7 +28,10 @@ uint64_t maxSourceBytes(const std::optional<ImageService::Properties>& header) {
   // An animation holds many frames of its size, which its first bytes don't count: it is
   // taken up to 1 GiB, minutes of honest animation, and only its first frame is decoded.
   constexpr uint64_t kAnimationAllowance = 1ull << 30;
-  if (!header || header->width <= 0 || header->height <= 0) return kMetadataAllowance;
+  // A picture no decoder takes is refused once read, whatever its header's size says: taken
+  // as one whose header wasn't found.
+  if (!header || header->width <= 0 || header->height <= 0 || ImageService::beyondLimits(*header))
+    return kMetadataAllowance;
   // 8 bytes a pixel is 16-bit RGBA stored uncompressed, the most any of the six formats
   // needs for a pixel; real files are far smaller.
   const uint64_t still = uint64_t(header->width) * uint64_t(header->height) * 8 + kMetadataAllowance;
@@ -76,9 +79,7 @@ LightDecodedImage inspect(const std::string& path) {
   if (!props || props->width <= 0 || props->height <= 0)
     throw ImageProcessingError::decodingFailed("no image properties: " + path);
   // What can never be encoded is refused at import, not after it.
-  if (props->width > kMaxDimension || props->height > kMaxDimension ||
-      uint64_t(props->width) * uint64_t(props->height) > std::min(kMaxPixels, props->maxPixels) ||
-      props->cellPixels > kMaxPixels)
+  if (ImageService::beyondLimits(*props))
     throw ImageProcessingError::decodingFailed("picture larger than the accepted maximum: " + path);
   LightDecodedImage light{*format, props->width, props->height, fileSize(path), props->frameCount, {}};
   light.heldCellPixels = props->heldCellPixels;

@@ -109,6 +109,13 @@ DecodedImage decodeFirstFrame(std::span<const uint8_t> bytes) {
   }
 }
 
+bool beyondLimits(const Properties& props) {
+  return props.width > kMaxDimension || props.height > kMaxDimension ||
+         uint64_t(std::max(props.width, 0)) * uint64_t(std::max(props.height, 0)) >
+             std::min(kMaxPixels, props.maxPixels) ||
+         props.cellPixels > kMaxPixels;
+}
+
 std::optional<uint64_t> thumbnailPeakBytes(std::span<const uint8_t> bytes, int maxPixelSize) {
   auto format = formatOf(bytes);
   if (!format || maxPixelSize <= 0) return std::nullopt;

@@ -36,6 +36,10 @@ struct Properties {
   uint64_t maxPixels = kMaxPixels;
 };
 
+// Whether no decoder takes the picture `props` describes: a side above kMaxDimension, more
+// pixels than kMaxPixels (or its maxPixels), or cells that add up past kMaxPixels.
+bool beyondLimits(const Properties& props);
+
 // Header-only read of image 0. Nothing when the bytes are not a readable image of the six
 // formats or the header is damaged.
 std::optional<Properties> properties(std::span<const uint8_t> bytes);

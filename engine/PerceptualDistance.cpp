@@ -228,7 +228,8 @@ uint64_t peakBytes(int width, int height) {
   const uint64_t pixels = uint64_t(std::max(width, 0)) * uint64_t(std::max(height, 0));
   const uint64_t tile = uint64_t(kTile + 2 * kContext) * uint64_t(kTile + 2 * kContext);
   const uint64_t compared = pixels <= kWholePixelLimit ? pixels : tile;
-  return pixels * 8 + compared * 260;
+  // A header may name up to 2^62 pixels: the most there is where the figure passes 64 bits.
+  return pixels > (UINT64_MAX - compared * 260) / 8 ? UINT64_MAX : pixels * 8 + compared * 260;
 }
 
 }  // namespace quillane::PerceptualDistance

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -79,11 +80,45 @@ std::optional<int> orientationOf(const avifImage* image) {
   return orientationFromRotationMirror(rotated ? image->irot.angle : 0, mirrored ? image->imir.mode : -1);
 }
 
-// `frame` averaged down by a whole factor, to a longer side between minLongSide and twice
-// that, as a 4:4:4 picture (grey stays grey) of the same depth, matrix and range: libavif
-// then converts the small picture to RGB, and the full picture is never held as RGBA.
-AvifImagePtr reduced(const avifImage* frame, int minLongSide) {
-  const int width = int(frame->width), height = int(frame->height);
+// The part of the coded picture that is shown: its clean aperture (clap), as other readers
+// crop it, or the whole picture when it has none or one that breaks the rules.
+avifCropRect shownRect(const avifImage* image) {
+  const avifCropRect whole{0, 0, image->width, image->height};
+  if (!(image->transformFlags & AVIF_TRANSFORM_CLAP)) return whole;
+  avifCropRect rect{};
+  avifDiagnostics diagnostics{};
+  if (!avifCropRectConvertCleanApertureBox(&rect, &image->clap, image->width, image->height, image->yuvFormat,
+                                           &diagnostics) ||
+      rect.width == 0 || rect.height == 0 || rect.x > image->width - rect.width ||
+      rect.y > image->height - rect.height)
+    return whole;
+  return rect;
+}
+
+// Keeps the `rect` of `image`'s samples, moved to the start of its buffer.
+template <class Sample>
+void cropSamples(SampleVector<Sample>& samples, size_t width, const avifCropRect& rect) {
+  const size_t rowSamples = size_t(rect.width) * 4;
+  for (size_t y = 0; y < rect.height; ++y)
+    std::memmove(samples.data() + y * rowSamples, samples.data() + ((rect.y + y) * width + rect.x) * 4,
+                 rowSamples * sizeof(Sample));
+  samples.resize(rowSamples * rect.height);
+}
+
+void crop(DecodedImage& image, const avifCropRect& rect) {
+  if (image.bitsPerComponent == 16)
+    cropSamples(image.pixels16, size_t(image.width), rect);
+  else
+    cropSamples(image.pixels8, size_t(image.width), rect);
+  image.width = int(rect.width), image.height = int(rect.height);
+}
+
+// The `shown` part of `frame` averaged down by a whole factor, to a longer side between
+// minLongSide and twice that, as a 4:4:4 picture (grey stays grey) of the same depth, matrix
+// and range: libavif then converts the small picture to RGB, and the full picture is never
+// held as RGBA.
+AvifImagePtr reduced(const avifImage* frame, const avifCropRect& shown, int minLongSide) {
+  const int width = int(shown.width), height = int(shown.height);
   const int factor = std::max(1, std::max(width, height) / minLongSide);
   const uint32_t outWidth = uint32_t((width + factor - 1) / factor),
                  outHeight = uint32_t((height + factor - 1) / factor);
@@ -119,9 +154,9 @@ AvifImagePtr reduced(const avifImage* frame, int minLongSide) {
         {frame->alphaPlane, frame->alphaRowBytes, 0, 0, small->alphaPlane, small->alphaRowBytes});
   for (const Source& plane : planes)
     if (!plane.data || !plane.out) fail("avifDecoderNextImage: missing plane");
-  auto sample = [wide](const Source& plane, int x, int y) -> unsigned {
-    const uint8_t* row = plane.data + size_t(y >> plane.shiftY) * plane.rowBytes;
-    const size_t at = size_t(x >> plane.shiftX);
+  auto sample = [wide, &shown](const Source& plane, int x, int y) -> unsigned {
+    const uint8_t* row = plane.data + size_t((y + int(shown.y)) >> plane.shiftY) * plane.rowBytes;
+    const size_t at = size_t((x + int(shown.x)) >> plane.shiftX);
     return wide ? reinterpret_cast<const uint16_t*>(row)[at] : row[at];
   };
   auto put = [wide](const Source& plane, uint32_t x, uint32_t y, double value) {
@@ -165,8 +200,9 @@ std::optional<Properties> avifProperties(ByteSource& source) {
   AvifDecoderPtr decoder = parse(source);
   if (!decoder || !decoder->image) return std::nullopt;
   Properties props;
-  props.width = int(decoder->image->width);
-  props.height = int(decoder->image->height);
+  const avifCropRect shown = shownRect(decoder->image);
+  props.width = int(shown.width);
+  props.height = int(shown.height);
   props.frameCount = std::max(1, decoder->imageCount);
   props.orientation = orientationOf(decoder->image);
   if (props.width <= 0 || props.height <= 0) return std::nullopt;
@@ -222,7 +258,8 @@ DecodedImage decodeAvif(ByteSource& source, int minLongSide) {
     QuietStderr quiet;
     if (avifDecoderNextImage(decoder.get()) != AVIF_RESULT_OK) fail("avifDecoderNextImage");
   }
-  AvifImagePtr small = minLongSide > 0 ? reduced(decoder->image, minLongSide) : nullptr;
+  const avifCropRect shown = shownRect(decoder->image);
+  AvifImagePtr small = minLongSide > 0 ? reduced(decoder->image, shown, minLongSide) : nullptr;
   const avifImage* frame = small ? small.get() : decoder->image;
   bool alpha = frame->alphaPlane != nullptr;
   int bits = frame->depth > 8 ? 16 : 8;
@@ -236,6 +273,7 @@ DecodedImage decodeAvif(ByteSource& source, int minLongSide) {
   rgb.rowBytes = uint32_t(image.width) * 4 * uint32_t(bits / 8);
   rgb.pixels = bits == 16 ? reinterpret_cast<uint8_t*>(image.pixels16.data()) : image.pixels8.data();
   if (avifImageYUVToRGB(frame, &rgb) != AVIF_RESULT_OK) fail("avifImageYUVToRGB");
+  if (!small && (shown.width != frame->width || shown.height != frame->height)) crop(image, shown);
   if (frame->icc.size > 0)
     image.colorSpace =
         ColorConvert::rgbSpace(std::vector<uint8_t>(frame->icc.data, frame->icc.data + frame->icc.size));

@@ -73,6 +73,33 @@ std::vector<uint8_t> iccProfile(JxlDecoder* decoder, JxlColorProfileTarget targe
   return icc;
 }
 
+// H.273 code points; a transfer of 0 for none.
+struct CodePoints {
+  int primaries = 0, transfer = 0;
+};
+
+// The primaries and transfer of RGB samples coded for high dynamic range (PQ or HLG), whose
+// profile would describe them relative to a display of 10000 cd/m2; none for any other
+// picture, or primaries with no code point.
+CodePoints highDynamicRangeOf(JxlDecoder* decoder) {
+  JxlPixelFormat unused{4, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
+  JxlColorEncoding encoding;
+  if (JxlDecoderGetColorAsEncodedProfile(decoder, &unused, JXL_COLOR_PROFILE_TARGET_DATA, &encoding) !=
+          JXL_DEC_SUCCESS ||
+      encoding.color_space != JXL_COLOR_SPACE_RGB ||
+      (encoding.transfer_function != JXL_TRANSFER_FUNCTION_PQ &&
+       encoding.transfer_function != JXL_TRANSFER_FUNCTION_HLG))
+    return {};
+  const bool d65 = encoding.white_point == JXL_WHITE_POINT_D65;
+  int primaries = 0;
+  if (encoding.primaries == JXL_PRIMARIES_SRGB && d65) primaries = 1;
+  if (encoding.primaries == JXL_PRIMARIES_2100 && d65) primaries = 9;
+  if (encoding.primaries == JXL_PRIMARIES_P3)
+    primaries = d65 ? 12 : encoding.white_point == JXL_WHITE_POINT_DCI ? 11 : 0;
+  if (primaries == 0) return {};
+  return {primaries, int(encoding.transfer_function)};
+}
+
 // A picture averaged down by a whole factor while libjxl hands over its pixels, group by group
 // in any order, so that no full-size output buffer exists (measured for a lossy picture: 14.2
 // bytes a pixel instead of 22): per output pixel, the sums of the samples under it.
@@ -199,8 +226,9 @@ std::optional<uint64_t> jxlReducedDecodeBytes(ByteSource& source) {
     // libjxl holds the whole frame as 4-byte samples (integers or floats), and more while it
     // converts; a lossless picture's RGBA comes on top (measured: 15.7 bytes a pixel for 8-bit
     // RGB), a lossy one is averaged down as it comes (14.2 bytes a pixel).
-    if (xyb) return pixels * (channels * 4 + 3) + (4u << 20);
-    return pixels * (channels * 4 + (info.bits_per_sample > 8 ? 8 : 4) + 4) + (4u << 20);
+    // In floating point: a header may name up to 2^60 pixels.
+    const uint64_t perPixel = xyb ? channels * 4 + 3 : channels * 4 + (info.bits_per_sample > 8 ? 8 : 4) + 4;
+    return estimatedBytes(double(pixels) * double(perPixel) + double(4u << 20));
   } catch (const std::exception&) {
     return std::nullopt;
   }
@@ -221,6 +249,7 @@ DecodedImage decodeJxl(ByteSource& source, int minLongSide) {
   std::vector<uint8_t> icc, originalICC;
   bool xyb = false;
   ProfileConversion converting;
+  CodePoints highDynamicRange;
   DecodedImage image;
   JxlPixelFormat format{4, JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
   for (;;) {
@@ -240,6 +269,7 @@ DecodedImage decodeJxl(ByteSource& source, int minLongSide) {
         break;
       }
       case JXL_DEC_COLOR_ENCODING:
+        highDynamicRange = highDynamicRangeOf(decoder.get());
         icc = iccProfile(decoder.get(), JXL_COLOR_PROFILE_TARGET_DATA);
         if (xyb) originalICC = iccProfile(decoder.get(), JXL_COLOR_PROFILE_TARGET_ORIGINAL);
         if (format.num_channels == 4 && !originalICC.empty() && originalICC != icc) {
@@ -304,7 +334,10 @@ DecodedImage decodeJxl(ByteSource& source, int minLongSide) {
         if (format.num_channels == 2) {
           ColorConvert::expandGreyInPlace(image, 2, &icc);
         } else {
-          image.colorSpace = ColorConvert::rgbSpace(std::move(icc));
+          if (highDynamicRange.transfer)
+            ColorConvert::applyCodePoints(image, highDynamicRange.primaries, highDynamicRange.transfer);
+          else
+            image.colorSpace = ColorConvert::rgbSpace(std::move(icc));
         }
         return image;  // the first frame is all we need
       }

@@ -291,23 +291,27 @@ TEST_F(Bombs, ThousandsOfScansAreRefusedWithinACPULimit) {
 
 TEST_F(Bombs, WhatIsNotARegularImageFileOrIsLargerThanItsPixelsIsRefusedWithoutReadingIt) {
   const std::string fifo = dir.file("pipe.png"), socketPath = dir.file("socket.png"),
-                    sparse = dir.file("sparse.png"), sparsePng = dir.file("sparse-picture.png");
+                    sparse = dir.file("sparse.png"), sparsePng = dir.file("sparse-picture.png"),
+                    hugePng = dir.file("huge-picture.png");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   int sock = socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
   ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  // 3 GB that start as no image, and a valid 64 x 64 PNG followed by 3 GB of holes: refused
-  // from the first bytes or the header, never read whole.
+  // 3 GB that start as no image, a valid 64 x 64 PNG followed by 3 GB of holes, and a PNG header
+  // of the largest size it states (2^62 pixels, whose 8 bytes a pixel pass 64 bits) followed by
+  // 3 GB: refused from the first bytes or the header, never read whole.
   testing::writeBytes(sparse, {'h', 'e', 'l', 'l', 'o'});
   testing::writeBytes(sparsePng, fixtures::png(fixtures::quadrants(64, 64)));
-  for (const std::string& path : {sparse, sparsePng}) ASSERT_EQ(truncate(path.c_str(), 3ll << 30), 0);
+  testing::writeBytes(hugePng, fixtures::starvedPng(0x7FFFFFFF, 0x7FFFFFFF, 8, 64, false));
+  for (const std::string& path : {sparse, sparsePng, hugePng})
+    ASSERT_EQ(truncate(path.c_str(), 3ll << 30), 0);
 
   for (const std::string& path : {fifo, socketPath, sparse, std::string("/dev/zero"), dir.path(),
-                                  dir.write("empty.png", {}), sparsePng}) {
+                                  dir.write("empty.png", {}), sparsePng, hugePng}) {
     SCOPED_TRACE(path);
-    const bool image = path == sparsePng, regular = image || path == sparse;
+    const bool image = path == sparsePng || path == hugePng, regular = image || path == sparse;
     // Under an alarm and 1 GB: a read that blocks or grows without end kills the child.
     expectInChild(RLIMIT_AS, kOneGigabyte, [&] {
       alarm(10);

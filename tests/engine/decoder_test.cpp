@@ -147,6 +147,7 @@ TEST(Thumbnails, ThumbnailsMadeWhileReadingMatchTheFullDecodeReduced) {
       fixtures::heic(photo, {.alpha = false}), fixtures::grid(fixtures::heic(photo, {.alpha = false}), 2, 2),
       fixtures::avif(photo), fixtures::avif(photo, {.depth = 10, .irotAngle = 1}),
       fixtures::grid(fixtures::avif(photo, {.alpha = false}), 2, 2),
+      fixtures::avif(photo, {.crop = {64, 32, 128, 96}}),
       fixtures::jxl(photo, {.lossless = false, .orientation = 6}), fixtures::png(picture),
       fixtures::png(wide, {.interlaced = true}),
       fixtures::png(picture, {.palette = true, .interlaced = true}), fixtures::webp(picture),
@@ -169,7 +170,16 @@ TEST(Thumbnails, ThumbnailsMadeWhileReadingMatchTheFullDecodeReduced) {
       EXPECT_LT(difference / double(full.pixels8.size()), 2.0);
     }
   }
-  EXPECT_EQ(fixtures::quadrantAt(ImageService::decodeFirstFrame(files[8]), Corner::bottomRight), 3);
+  EXPECT_EQ(fixtures::quadrantAt(ImageService::decodeFirstFrame(files[9]), Corner::bottomRight), 3);
+  // An AVIF's clean aperture is the picture: the rest of the coded one is not shown.
+  const auto clapped =
+      fixtures::avif(fixtures::quadrants(64, 48), {.alpha = false, .crop = {16, 12, 32, 24}});
+  EXPECT_EQ(ImageService::properties(clapped)->width, 32);
+  const DecodedImage shown = ImageService::decodeFirstFrame(clapped);
+  ASSERT_EQ(shown.width, 32);
+  ASSERT_EQ(shown.height, 24);
+  EXPECT_EQ(fixtures::quadrantAt(shown, Corner::topRight), 1);
+  EXPECT_EQ(fixtures::quadrantAt(shown, Corner::bottomLeft), 2);
   EXPECT_EQ(ImageDecoder::loadPreview(fixtures::webp(fixtures::quadrants(40, 20)), 256)->width, 40)
       << "never enlarged";
 }
@@ -209,24 +219,30 @@ TEST(ColourProfiles, ALossyJpegXlKeepsItsTabulatedCurveProfileAndItsColours) {
   EXPECT_LT(testing::meanColourError(Resample::toEightBit(decoded), source), 3.0);
 }
 
-// High dynamic range AVIFs come out as a standard display shows them: the reference white of
+// High dynamic range AVIFs and JPEG XLs come out as a standard display shows them: the reference white of
 // 203 cd/m2 near white, brighter light brighter still, 10 cd/m2 a dark grey (its light relative
 // to white, sRGB-coded, is 0.245).
 TEST(ColourProfiles, PQAndHLGPicturesAreShownForAStandardDisplay) {
   struct Case {
+    bool jxl;
     int primaries, transfer;
     std::array<double, 4> signals;  // 10, 203 and 1000 cd/m2, and black
   };
-  for (const Case& c : {Case{1, 16, {0.3085, 0.5806, 0.7518, 0}}, Case{9, 18, {0.2536, 0.75, 1.0, 0}}}) {
+  const std::array<double, 4> pq{0.3085, 0.5806, 0.7518, 0}, hlg{0.2536, 0.75, 1.0, 0};
+  for (const Case& c : {Case{false, 1, 16, pq}, Case{false, 9, 18, hlg}, Case{true, 9, 16, pq}}) {
     DecodedImage source = fixtures::quadrants(64, 48, 16);
     for (size_t i = 0; i < source.pixels16.size(); ++i) {
       const size_t pixel = i / 4, x = pixel % 64, y = pixel / 64;
       if (i % 4 != 3)
         source.pixels16[i] = uint16_t(std::lround(c.signals[(y >= 24 ? 2 : 0) + (x >= 32)] * 65535));
     }
-    const DecodedImage decoded = ImageService::decodeFirstFrame(fixtures::avif(
-        source,
-        {.quantizer = 0, .depth = 10, .alpha = false, .primaries = c.primaries, .transfer = c.transfer}));
+    const DecodedImage decoded =
+        ImageService::decodeFirstFrame(c.jxl ? fixtures::jxl(source, {.transfer = c.transfer})
+                                             : fixtures::avif(source, {.quantizer = 0,
+                                                                       .depth = 10,
+                                                                       .alpha = false,
+                                                                       .primaries = c.primaries,
+                                                                       .transfer = c.transfer}));
     ASSERT_EQ(decoded.bitsPerComponent, 16);
     EXPECT_EQ(decoded.colorSpace.isSRGB, c.primaries == 1) << "the primaries stay, the curve is sRGB's";
     const auto level = [&](size_t x, size_t y) { return decoded.pixels16[(y * 64 + x) * 4 + 1] / 65535.0; };

@@ -4,6 +4,7 @@
 // animation; and small files that lie about what they hold, for the tests, the fuzz seeds and
 // bench/make_hostile_files. Writers throw std::runtime_error when a library refuses.
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -119,6 +120,7 @@ struct AvifOptions {
   Bytes icc{};
   int frames = 1;                   // above 1: a sequence of the same picture
   int primaries = 2, transfer = 2;  // H.273 code points of the nclx box (2: unspecified)
+  std::array<uint32_t, 4> crop{};   // x, y, width, height of a clean aperture (clap); width 0: none
 };
 Bytes avif(const DecodedImage& image, const AvifOptions& options = {});  // aom, 4:4:4, fastest
 
@@ -126,7 +128,8 @@ struct JxlOptions {
   bool lossless = true;
   int orientation = 1;  // in the codestream header
   Bytes icc{};
-  int frames = 1;  // above 1: an animation of the same picture
+  int frames = 1;    // above 1: an animation of the same picture
+  int transfer = 0;  // above 0, in place of a profile: BT.2100 primaries with this H.273 transfer
 };
 Bytes jxl(const DecodedImage& image, const JxlOptions& options = {});  // low effort, 8 or 16 bits
 

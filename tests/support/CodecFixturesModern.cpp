@@ -176,6 +176,14 @@ Bytes avif(const DecodedImage& image, const AvifOptions& options) {
   if (!options.icc.empty()) avifImageSetProfileICC(picture.get(), options.icc.data(), options.icc.size());
   picture->colorPrimaries = avifColorPrimaries(options.primaries);
   picture->transferCharacteristics = avifTransferCharacteristics(options.transfer);
+  if (options.crop[2] > 0) {
+    const avifCropRect rect{options.crop[0], options.crop[1], options.crop[2], options.crop[3]};
+    avifDiagnostics diagnostics{};
+    require(avifCleanApertureBoxConvertCropRect(&picture->clap, &rect, picture->width, picture->height,
+                                                picture->yuvFormat, &diagnostics),
+            "avifCleanApertureBoxConvertCropRect");
+    picture->transformFlags |= AVIF_TRANSFORM_CLAP;
+  }
   CHandle<avifEncoder, avifEncoderDestroy> encoder(avifEncoderCreate());
   encoder->codecChoice = AVIF_CODEC_CHOICE_AOM;
   encoder->speed = AVIF_SPEED_FASTEST;
@@ -208,6 +216,8 @@ Bytes jxl(const DecodedImage& image, const JxlOptions& options) {
   require(JxlEncoderSetBasicInfo(encoder.get(), &info) == JXL_ENC_SUCCESS, "JxlEncoderSetBasicInfo");
   JxlColorEncoding srgb;
   JxlColorEncodingSetToSRGB(&srgb, JXL_FALSE);
+  if (options.transfer > 0)
+    srgb.primaries = JXL_PRIMARIES_2100, srgb.transfer_function = JxlTransferFunction(options.transfer);
   require((options.icc.empty() ? JxlEncoderSetColorEncoding(encoder.get(), &srgb)
                                : JxlEncoderSetICCProfile(encoder.get(), options.icc.data(),
                                                          options.icc.size())) == JXL_ENC_SUCCESS,
