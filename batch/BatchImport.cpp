@@ -35,6 +35,7 @@ struct BatchViewModel::InspectionRun {
   QList<QUrl> urls;
   InspectionResult onResult;
   std::function<void()> onFinished;
+  quint64 clearCount = 0;  // the model's at the start: a Clear All since ends the run
   int nextToStart = 0;
   int nextToDeliver = 0;
   std::map<int, Outcome> buffer;
@@ -152,6 +153,7 @@ void BatchViewModel::inspectConcurrently(const QList<QUrl>& urls, InspectionResu
   run->urls = urls;
   run->onResult = std::move(onResult);
   run->onFinished = std::move(onFinished);
+  run->clearCount = clearCount_;
   const int width = std::min(options_.processorCount, int(urls.size()));
   run->nextToStart = width;
   for (int index = 0; index < width; ++index) startInspection(run, index);
@@ -195,6 +197,10 @@ void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int inde
     memory->release(costMB);
     return outcome;
   }).then(this, [this, run, index](const Outcome& outcome) {
+    if (run->clearCount != clearCount_) {  // cleared: nothing more of it is started or shown
+      if (auto finished = std::exchange(run->onFinished, nullptr)) finished();
+      return;
+    }
     run->buffer[index] = outcome;
     if (run->nextToStart < run->urls.size()) startInspection(run, run->nextToStart++);
     // A slow early file holds back the delivery of later ones, never their inspection.

@@ -30,10 +30,15 @@ void BatchViewModel::restoreImages(const ImagePlacements& placements, const Impo
     images_.insert(at, image);
     restored.push_back(image);
   }
-  if (!failures.empty()) {
-    importFailures_.insert(importFailures_.end(), failures.begin(), failures.end());
-    emit importFailuresChanged();
+  bool failuresBack = false;
+  for (const ImportFailure& failure : failures) {  // one row a file, the latest kept
+    if (std::any_of(importFailures_.begin(), importFailures_.end(),
+                    [&](const ImportFailure& row) { return row.url == failure.url; }))
+      continue;
+    importFailures_.push_back(failure);
+    failuresBack = true;
   }
+  if (failuresBack) emit importFailuresChanged();
   if (restored.empty()) return;
   emit imagesChanged();
   // The settings may have changed meanwhile: each comes back encoded as they are now.

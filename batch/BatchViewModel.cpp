@@ -180,6 +180,7 @@ void BatchViewModel::clearAll() {
   ImagePlacements removed;
   for (size_t i = 0; i < images_.size(); ++i) removed.emplace_back(int(i), images_[i]);
   const ImportFailureList failures = importFailures_;
+  ++clearCount_;  // the imports under way end too
   scheduler_->forgetAll();
   images_.clear();
   importFailures_.clear();

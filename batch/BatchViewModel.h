@@ -181,7 +181,8 @@ class BatchViewModel : public QObject {
   void removeImage(const std::shared_ptr<ImportedImage>& image);
   // Moves the image at `from` to index `to` (after removal), then saves the session.
   void moveImage(int from, int to);
-  // Empties the batch and the failures and saves the (empty) session.
+  // Empties the batch and the failures and saves the (empty) session. The imports under way
+  // end: files they have not shown yet never appear.
   void clearAll();
 
   // ---- Export ----
@@ -320,6 +321,7 @@ class BatchViewModel : public QObject {
   std::optional<QString> exportError_;
   bool isEncoding_ = false;
   ImportFailureList importFailures_;
+  quint64 clearCount_ = 0;  // Clear Alls so far: an import started before the last one is over
   ExportRecordList exportHistory_;
   ExportProfileList exportProfiles_;
   std::optional<QUrl> lastAppliedProfileFolder_;

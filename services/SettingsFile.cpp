@@ -4,6 +4,7 @@
 
 #include <QFile>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 #include <cerrno>
 
 #include "engine/Errors.h"
@@ -47,8 +48,13 @@ std::unique_ptr<QSettings> store() {
   // system's, which would each need the same care.
   const QString file = path();
   if (usable(file)) return std::make_unique<QSettings>(file, QSettings::NativeFormat);
-  // A file under a device is never there, and its folder can't be made: no read, no write.
-  return std::make_unique<QSettings>(QStringLiteral("/dev/null/Quillane.conf"), QSettings::NativeFormat);
+  // A private file for this run, removed at exit, so that what is set still holds until then
+  // (the local API's token above all). Without one, a file under a device: never there, and
+  // its folder can't be made.
+  static const QTemporaryDir run;
+  return std::make_unique<QSettings>(run.isValid() ? run.filePath(QStringLiteral("Quillane.conf"))
+                                                   : QStringLiteral("/dev/null/Quillane.conf"),
+                                     QSettings::NativeFormat);
 }
 
 void save(QSettings& settings) {

@@ -16,8 +16,9 @@ QString path();
 // The settings in path(). A file there that could not be read safely (a pipe, folder, device
 // or socket, a link to one, a file that can't be opened or is far larger than any we write),
 // or a lock file beside it that is no regular file, gives the defaults: nothing is read from
-// it and nothing written over it. Qt's reader would otherwise wait on a pipe, or take a huge
-// file into memory, and its lock wait forever on a pipe or folder in the lock's place.
+// it and nothing written over it, and what is set holds until the process ends. Qt's reader would otherwise
+// wait on a pipe, or take a huge file into memory, and its lock wait forever on a pipe or folder in the
+// lock's place.
 std::unique_ptr<QSettings> store();
 
 // Writes `settings` to disk and restricts its file to mode 0600.

@@ -123,7 +123,9 @@ ImageComparisonView::ImageComparisonView(BatchViewModel& viewModel, std::shared_
 
   auto* close = new QToolButton(this);
   close->setAutoRaise(true);
-  close->setIcon(Icons::tinted("xmark.circle.fill", Icons::secondaryColor(palette())));
+  Icons::followPalette(close, [close] {
+    close->setIcon(Icons::tinted("xmark.circle.fill", Icons::secondaryColor(close->palette())));
+  });
   close->setIconSize(QSize(20, 20));
   close->setToolTip(Strings::text("comparison.close"));
   close->setAccessibleName(Strings::text("comparison.close"));

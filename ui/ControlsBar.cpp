@@ -57,7 +57,10 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
 
   layout->addStretch();
 
-  clearAll_ = new QPushButton(Icons::tinted("trash", Icons::redColor(palette())), QString(), this);
+  clearAll_ = new QPushButton(this);
+  Icons::followPalette(clearAll_, [this] {
+    clearAll_->setIcon(Icons::tinted("trash", Icons::redColor(clearAll_->palette())));
+  });
   clearAll_->setAccessibleName(Strings::text("common.clearAll"));
   clearAll_->setToolTip(Strings::text("controls.clearAllHelp"));
   connect(clearAll_, &QPushButton::clicked, this, [this] { viewModel_.clearAll(); });
@@ -67,10 +70,12 @@ ControlsBar::ControlsBar(BatchViewModel& viewModel, QWidget* parent)
   // wide as the wider of the two, so that encoding starting or ending moves nothing.
   exportSlot_ = new QWidget(this);
   exportStack_ = new QStackedLayout(exportSlot_);
-  export_ =
-      new QPushButton(Icons::tinted("square.and.arrow.down", palette().color(QPalette::HighlightedText)),
-                      Strings::text("menu.exportAll"), exportSlot_);
+  export_ = new QPushButton(Strings::text("menu.exportAll"), exportSlot_);
   makeProminent(export_);
+  Icons::followPalette(export_, [this] {
+    export_->setIcon(
+        Icons::tinted("square.and.arrow.down", export_->palette().color(QPalette::HighlightedText)));
+  });
   export_->setToolTip(Strings::text("controls.exportAllHelp"));
   connect(export_, &QPushButton::clicked, this, [this] { viewModel_.promptExportAll(); });
   progressGroup_ = new QWidget(exportSlot_);

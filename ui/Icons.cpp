@@ -1,5 +1,7 @@
 #include "ui/Icons.h"
 
+#include <QApplication>
+#include <QEvent>
 #include <QFile>
 #include <QGuiApplication>
 #include <QHash>
@@ -144,10 +146,39 @@ QColor secondaryColor(const QPalette& palette) {
   return c;
 }
 
+namespace {
+class PaletteFollower : public QObject {
+ public:
+  PaletteFollower(QWidget* widget, std::function<void()> apply) : QObject(widget), apply_(std::move(apply)) {
+    widget->installEventFilter(this);
+  }
+  bool eventFilter(QObject*, QEvent* event) override {
+    // Every widget hears of the change in turn: the parents' palettes are new once all have.
+    if (event->type() == QEvent::PaletteChange) QMetaObject::invokeMethod(this, apply_, Qt::QueuedConnection);
+    return false;
+  }
+
+ private:
+  std::function<void()> apply_;
+};
+}  // namespace
+
+void followPalette(QWidget* widget, std::function<void()> apply) {
+  apply();
+  new PaletteFollower(widget, std::move(apply));
+}
+
 void makeSecondary(QLabel* label) {
-  QPalette palette = label->palette();
-  palette.setColor(QPalette::WindowText, secondaryColor(palette));
-  label->setPalette(palette);
+  followPalette(label, [label] {
+    const QWidget* parent = label->parentWidget();
+    const QColor secondary = secondaryColor(parent ? parent->palette() : QApplication::palette(label));
+    QPalette palette = label->palette();
+    if (palette.isBrushSet(QPalette::Active, QPalette::WindowText) &&
+        palette.color(QPalette::WindowText) == secondary)
+      return;  // as it is: setting it again would be heard as a change
+    palette.setColor(QPalette::WindowText, secondary);
+    label->setPalette(palette);
+  });
 }
 
 QColor accentColor(const QPalette& palette) { return palette.color(QPalette::Highlight); }

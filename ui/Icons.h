@@ -10,8 +10,10 @@
 #include <QIcon>
 #include <QPixmap>
 #include <QString>
+#include <functional>
 
 class QLabel;
+class QWidget;
 
 namespace quillane::ui::Icons {
 
@@ -35,8 +37,13 @@ QIcon applicationIcon();
 
 // Colours by role (secondary text, accent, warning...), from the current palette where it has one.
 QColor secondaryColor(const QPalette& palette);
-// Sets a label's text colour to secondaryColor() of its own palette.
+// Sets a label's text colour to secondaryColor() of its parent's palette, and again whenever
+// the palette changes.
 void makeSecondary(QLabel* label);
+// Runs `apply` now, and again whenever `widget`'s palette changes (the desktop switched between
+// light and dark while the program runs), once every widget has its new palette: for what was
+// drawn or set in colours of the palette, which would otherwise keep the old ones.
+void followPalette(QWidget* widget, std::function<void()> apply);
 QColor accentColor(const QPalette& palette);
 QColor orangeColor();
 QColor greenColor(const QPalette& palette);

@@ -3,7 +3,7 @@
 //
 // Exit status: 0 when the verb ran (single files may still have failed: they stand in the
 // JSON), 6 when the compress command as a whole failed, 2 for a command line that can't be
-// read, 3 when standard output could not take the JSON.
+// read, 3 when standard output could not take what it prints.
 //
 // Arguments are taken as bytes from argv, not through QString: file names that are not valid
 // UTF-8 reach the engine, and the JSON, byte for byte.
@@ -110,17 +110,25 @@ const char kHelp[] =
     "Exit status: 0 when the verb ran, even if some files failed (see their \"error\");\n"
     "6 when compress failed as a whole (no files, no output folder, unknown profile, a folder\n"
     "that can't be made or written, named in the message), with the reason on stderr and no\n"
-    "file touched; 2 for an unknown verb or option; 3 when the JSON could not be written to\n"
-    "standard output (a full disk, a closed pipe), with the reason on stderr.\n";
+    "file touched; 2 for an unknown verb or option; 3 when what it prints (the JSON, this\n"
+    "text, the version) could not be written to standard output (a full disk, a closed\n"
+    "pipe), with the reason on stderr.\n";
 
 // Standard output is checked once, at the end: a failed write (a full disk, a closed pipe)
 // is an error of its own, since the records are lost.
 int outputErrno = 0;  // the first failure of a write to standard output
 
-void printJson(const std::string& json) {
-  if ((std::fwrite(json.data(), 1, json.size(), stdout) != json.size() || std::fputc('\n', stdout) == EOF) &&
+// Writes `text` to standard output, noting the reason of the first failure: a buffer flushed
+// on the way may fail while the whole text is still taken.
+void print(std::string_view text) {
+  if ((std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::ferror(stdout)) &&
       !outputErrno)
-    outputErrno = errno;
+    outputErrno = errno ? errno : EIO;
+}
+
+void printJson(const std::string& json) {
+  print(json);
+  print("\n");
 }
 
 int finish(int status) {
@@ -191,8 +199,8 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   // Answered before anything is set up: scripts and package checks call it often.
   if (argc == 2 && std::string_view(argv[1]) == "--version") {
-    std::printf("quillane-cli %s\n", kAppVersion);
-    return 0;
+    print(std::string("quillane-cli ") + kAppVersion + "\n");
+    return finish(0);
   }
   QCoreApplication app(argc, argv);
   QCoreApplication::setOrganizationName("Quillane");
@@ -203,7 +211,7 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) arguments.append(QByteArray(argv[i]));
   auto isHelp = [](const QByteArray& a) { return a == "--help" || a == "-h"; };
   if (arguments.isEmpty() || isHelp(arguments.first()) || arguments.first() == "help") {
-    std::fputs(kHelp, stdout);
+    print(kHelp);
     return finish(0);
   }
   const QByteArray verb = arguments.takeFirst();
@@ -211,7 +219,7 @@ int main(int argc, char** argv) {
   for (const QByteArray& argument : arguments) {
     if (argument == "--") break;
     if (isHelp(argument)) {
-      std::fputs(kHelp, stdout);
+      print(kHelp);
       return finish(0);
     }
   }

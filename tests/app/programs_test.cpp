@@ -136,6 +136,10 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
   ProgramRun full = run({"compress", "in/odd.png", "--to", "out"}, "/dev/full");
   EXPECT_EQ(full.exitCode, 3);
   EXPECT_TRUE(full.err.startsWith("quillane-cli: standard output: ")) << full.err.toStdString();
+  // The help and the version too, with the write's own reason.
+  for (const char* option : {"--help", "--version"})
+    EXPECT_EQ(run({option}, "/dev/full").err, "quillane-cli: standard output: No space left on device\n")
+        << option;
   ProgramRun closed = run({}, {}, "exec \"$Q\" inspect in/odd.png >&-");
   EXPECT_EQ(closed.exitCode, 3);
   EXPECT_EQ(closed.err, "quillane-cli: standard output: Bad file descriptor\n");

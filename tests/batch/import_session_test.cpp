@@ -130,10 +130,15 @@ TEST_F(UndoTest, EveryRemovalKindAndAQualityChangeComeBackAsTheyWereAndEncoded) 
   inspectAs("broken.png", {.fail = true});  // a failure row comes back with Clear All's undo too
   import({source("broken.png")});
   ASSERT_EQ(model.importFailures().size(), 1u);
+  inspectAs("late.png", {.gated = true});
+  const QFuture<void> late = model.importFiles({source("late.png")});  // under way at Clear All
   model.clearAll();
+  import({source("broken.png")});  // fails again meanwhile
   ASSERT_EQ(changes_.size(), 2u) << "replaying announced nothing";
   changes_[1].undo();
-  EXPECT_EQ(names(), (QStringList{"a.png", "c.png"}));
+  openGate();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return late.isFinished(); }, 5000));
+  EXPECT_EQ(names(), (QStringList{"a.png", "c.png"})) << "Clear All ended the import";
   EXPECT_EQ(model.importFailures().size(), 1u);
   EXPECT_TRUE(QTest::qWaitFor([&] { return model.images().size() == 2 && !model.isEncoding(); }, 5000));
 

@@ -116,9 +116,9 @@ TEST_F(LanguageManagerTest, ConfirmPersistsSelectsAndQuitsEvenIfTheRelaunchFails
   EXPECT_EQ(LanguageManager(platform({"de-DE"})).selectedLanguage(), std::nullopt);
 }
 
-// A settings file or lock that can't be read safely gives the defaults, and is neither waited
-// on, read into memory nor written over: a pipe, a folder, a link to a device, a socket, a file
-// far larger than ours holding a key at its end; the lock a pipe or a folder.
+// A settings file or lock that can't be read safely gives the defaults, held for the run, and
+// is neither waited on, read into memory nor written over: a pipe, a folder, a link to a device, a socket, a
+// file far larger than ours holding a key at its end; the lock a pipe or a folder.
 TEST_F(SettingsFileTest, AFileOrLockThatCantBeReadSafelyGivesTheDefaultsAndStays) {
   const QByteArray conf = QFile::encodeName(settingsPath()), lock = conf + ".lock";
   const auto socketAt = [](const QByteArray& path) {
@@ -152,8 +152,10 @@ TEST_F(SettingsFileTest, AFileOrLockThatCantBeReadSafelyGivesTheDefaultsAndStays
     ::lstat(conf, &before);
     EXPECT_FALSE(SettingsFile::store()->contains("AppleLanguages")) << name;
     store({"fr"});
+    EXPECT_EQ(stored(), QStringList{"fr"}) << name << ": held for the run";
     ::lstat(conf, &after);
     EXPECT_EQ(std::pair(after.st_ino, after.st_size), std::pair(before.st_ino, before.st_size)) << name;
+    SettingsFile::store()->remove("AppleLanguages");
   }
 }
 

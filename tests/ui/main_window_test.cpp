@@ -147,6 +147,19 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
   EXPECT_FALSE(model_->appliedProfileName().has_value());
   EXPECT_EQ(model_->quality(), 60);
   EXPECT_EQ(model_->outputFormat(), ImageFormat::webp);
+
+  // The desktop turns dark while the window is open: the bar's dimmed texts turn light too.
+  const QPalette light = QApplication::palette();
+  QPalette dark(QColor(0x3a, 0x3a, 0x3e), QColor(0x2b, 0x2b, 0x2e));
+  dark.setColor(QPalette::WindowText, Qt::white);
+  QApplication::setPalette(dark);
+  const QList<QLabel*> labels = bar().findChildren<QLabel*>();
+  EXPECT_TRUE(QTest::qWaitFor([&] {
+    return std::all_of(labels.begin(), labels.end(), [](QLabel* label) {
+      return label->palette().color(QPalette::WindowText).rgb() == 0xffffffff;
+    });
+  }));
+  QApplication::setPalette(light);
 }
 
 TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARestartKeepsThem) {
