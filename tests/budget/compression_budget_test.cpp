@@ -120,6 +120,7 @@ TEST(CompressionCostTest, TheLargestHeadersAndFilesCostTheMostThereIs) {
       }
   EXPECT_EQ(CompressionCost::measureCostMB(INT32_MAX, INT32_MAX, 0, 0), INT32_MAX);
   EXPECT_EQ(CompressionCost::measureCostMB(64, 64, 0, UINT64_MAX - 1), INT32_MAX);
+  EXPECT_EQ(CompressionCost::measureCostMB(64, 64, 1ull << 62, 0), INT32_MAX);  // 12 bytes a cell pixel
   EXPECT_EQ(CompressionCost::megabytes(UINT64_MAX), INT32_MAX);
 }
 
