@@ -158,6 +158,23 @@ void UnboundedConversion::convert(const float* rgba, uint16_t* out, size_t pixel
   }
 }
 
+void toSRGBInPlace(DecodedImage& image) {
+  if (image.colorSpace.isSRGB || !image.colorSpace.icc || image.empty()) return;
+  CmsProfilePtr source = openProfile(image.colorSpace.icc.get(), cmsSigRgbData);
+  if (!source) return;
+  const bool wide = image.bitsPerComponent == 16;
+  const cmsUInt32Number format = wide ? TYPE_RGBA_16 : TYPE_RGBA_8;
+  CmsTransformPtr transform = transformToSRGB(source.get(), format, format, cmsFLAGS_COPY_ALPHA);
+  if (!transform) return;
+  const size_t rowSamples = size_t(image.width) * 4;
+  for (size_t y = 0; y < size_t(image.height); ++y) {
+    void* row = wide ? static_cast<void*>(image.pixels16.data() + y * rowSamples)
+                     : static_cast<void*>(image.pixels8.data() + y * rowSamples);
+    cmsDoTransform(transform.get(), row, row, cmsUInt32Number(image.width));
+  }
+  image.colorSpace = ColorSpace::sRGB();
+}
+
 ColorSpace rgbSpace(std::vector<uint8_t> icc) {
   if (!openProfile(&icc, cmsSigRgbData)) return ColorSpace::sRGB();
   return ColorSpace::fromICC(std::move(icc));

@@ -41,6 +41,10 @@ class UnboundedConversion {
   std::vector<float> converted_;
 };
 
+// Converts RGBA pixels (8 or 16 bits, alpha copied) in an RGB profile to sRGB, for a display
+// taken to be sRGB. Untagged and sRGB pictures, and profiles lcms2 can't use, stay as they are.
+void toSRGBInPlace(DecodedImage& image);
+
 // The colour space of RGB pixels tagged with `icc`: ColorSpace::fromICC for an RGB profile;
 // untagged sRGB for no profile, an unreadable one, or one of another colour model.
 ColorSpace rgbSpace(std::vector<uint8_t> icc);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "engine/ColorConvert.h"
 #include "engine/Errors.h"
 #include "engine/ImageFormat.h"
 #include "engine/Resample.h"
@@ -61,6 +62,8 @@ DecodedImage finishThumbnail(DecodedImage image, const std::optional<Properties>
   image = Resample::fitWithin(image, maxPixelSize);
   int orientation = props && props->orientation ? *props->orientation : 1;
   if (orientation >= 2 && orientation <= 8) image = Resample::orient(image, orientation);
+  // Thumbnails are only ever shown, and the desktop takes pixels as sRGB.
+  ColorConvert::toSRGBInPlace(image);
   return image;
 }
 

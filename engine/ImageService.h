@@ -55,7 +55,8 @@ DecodedImage decodeFirstFrame(std::span<const uint8_t> bytes);
 std::optional<uint64_t> thumbnailPeakBytes(std::span<const uint8_t> bytes, int maxPixelSize);
 
 // An 8-bit picture of image 0 of at most `maxPixelSize` on the longer side, orientation
-// applied, decoded at a reduced scale where the codec can (JPEG DCT scaling). Nothing on failure.
+// applied, in sRGB (it is for display), decoded at a reduced scale where the codec can (JPEG DCT
+// scaling). Nothing on failure.
 std::optional<DecodedImage> thumbnail(std::span<const uint8_t> bytes, int maxPixelSize);
 
 // properties(), thumbnailPeakBytes() and thumbnail() over `source`, holding bytes of

@@ -173,6 +173,10 @@ std::optional<Properties> jxlProperties(Input bytes) {
   return jxlProperties(source);
 }
 
+namespace {
+constexpr int kMaxCountedFrames = 1 << 20;
+}  // namespace
+
 std::optional<Properties> jxlProperties(ByteSource& source) {
   QuietStderr quiet;
   try {
@@ -192,7 +196,13 @@ std::optional<Properties> jxlProperties(ByteSource& source) {
         animated = info.have_animation != 0;
         if (!animated) return props;
       } else if (status == JXL_DEC_FRAME) {
-        ++frames;  // frames are skipped, not decoded: no image buffer was asked for
+        // Frames are skipped, not decoded: no image buffer was asked for. Counted up to the
+        // most a PNG's count is taken as: walking the frames of an animation of a gigabyte in
+        // headers of some 20 bytes took minutes.
+        if (++frames == kMaxCountedFrames && props) {
+          props->frameCount = frames;
+          return props;
+        }
       } else if (status != JXL_DEC_NEED_MORE_INPUT || !feed.more(decoder.get())) {
         // Success, or a damaged tail after the header: what was read stands.
         if (props && animated) props->frameCount = std::max(1, frames);

@@ -203,6 +203,10 @@ fixtures::Bytes tabulatedCurveICC() {
   return icc;
 }
 
+void expectNear(std::array<int, 4> got, std::array<int, 3> want, int tolerance, const char* what) {
+  for (size_t c = 0; c < 3; ++c) EXPECT_NEAR(got[c], want[c], tolerance) << what << " channel " << c;
+}
+
 TEST(ColourProfiles, ALossyJpegXlKeepsItsTabulatedCurveProfileAndItsColours) {
   const fixtures::Bytes icc = tabulatedCurveICC();
   DecodedImage source = testing::makeImage(64, 48, testing::Pattern::photo, 5);
@@ -217,6 +221,31 @@ TEST(ColourProfiles, ALossyJpegXlKeepsItsTabulatedCurveProfileAndItsColours) {
   EXPECT_EQ(decoded.bitsPerComponent, 16);
   // Under the one profile, the samples themselves are the colours.
   EXPECT_LT(testing::meanColourError(Resample::toEightBit(decoded), source), 3.0);
+}
+
+// Thumbnails and previews are only shown, on a desktop that takes pixels as sRGB: a Display P3
+// picture's come converted, in every container that carries the profile.
+TEST(ColourProfiles, ThumbnailsOfOtherProfilesAreShownInSRGB) {
+  const fixtures::Bytes icc = fixtures::displayP3ICC();
+  DecodedImage source = fixtures::quadrants(32, 16);
+  for (size_t i = 0; i < source.pixels8.size(); i += 4) std::copy_n("\xc8\x64\x32", 3, &source.pixels8[i]);
+  uint8_t expected[4] = {};
+  {
+    CmsProfilePtr p3(cmsOpenProfileFromMem(icc.data(), cmsUInt32Number(icc.size()))),
+        srgb(cmsCreate_sRGBProfile());
+    CmsTransformPtr transform(
+        cmsCreateTransform(p3.get(), TYPE_RGBA_8, srgb.get(), TYPE_RGBA_8, INTENT_RELATIVE_COLORIMETRIC, 0));
+    cmsDoTransform(transform.get(), source.pixels8.data(), expected, 1);
+  }
+  ASSERT_GT(std::abs(int(expected[0]) - 200), 5) << "the two spaces must tell apart";
+  for (const auto& file :
+       {fixtures::png(source, {.alpha = false, .icc = icc}), fixtures::jpeg(source, {.icc = icc}),
+        fixtures::webp(source, {.lossless = true, .icc = icc})}) {
+    const auto thumb = ImageService::thumbnail(file, 8);
+    ASSERT_TRUE(thumb);
+    EXPECT_TRUE(thumb->colorSpace.isSRGB);
+    expectNear(pixelAt(*thumb, 2, 2), {expected[0], expected[1], expected[2]}, 2, "thumbnail");
+  }
 }
 
 // High dynamic range AVIFs and JPEG XLs come out as a standard display shows them: the reference white of
@@ -270,10 +299,6 @@ TEST(ColourProfiles, APngGammaWithoutAProfileIsHonoured) {
         EXPECT_NEAR(pixelAt(decoded, 4, 4)[1], srgbCurve ? 128 : 188, 1) << gamma;
       }
     }
-}
-
-void expectNear(std::array<int, 4> got, std::array<int, 3> want, int tolerance, const char* what) {
-  for (size_t c = 0; c < 3; ++c) EXPECT_NEAR(got[c], want[c], tolerance) << what << " channel " << c;
 }
 
 TEST(ColourModels, GreySourcesBecomeRGB) {
