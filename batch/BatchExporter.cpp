@@ -68,7 +68,7 @@ void BatchExporter::apply(const std::shared_ptr<ImportedImage>& image, const Fil
   if (result.destination) image->lastExportDestination_ = result.destination;
   image->setExportError(result.error);
   if (result.error || !result.destination) {
-    ++summary.failureCount;
+    summary.addFailure(result.error.value_or(genericError()));
     return;
   }
   written.push_back({image, *result.destination, size, format});
@@ -140,7 +140,7 @@ QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
           } else if (!results[i].destination && !results[i].error) {
             outcome.errorDescription =
                 image->exportError() ? *image->exportError() : notEncodedDescription(*image, format);
-            ++summary.failureCount;
+            summary.addFailure(*outcome.errorDescription);
           } else {
             apply(image, results[i], data ? data->size() : 0, format, written, summary);
             if (results[i].error)
@@ -162,7 +162,7 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
   if (!image->compressedData()) {
     image->setExportError(notEncodedDescription(*image, format));
     ExportSummary summary;
-    summary.failureCount = 1;
+    summary.addFailure(*image->exportError());
     emit finished(summary);
     return QtFuture::makeReadyFuture(false);
   }
