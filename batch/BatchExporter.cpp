@@ -68,7 +68,7 @@ void BatchExporter::apply(const std::shared_ptr<ImportedImage>& image, const Fil
   if (result.destination) image->lastExportDestination_ = result.destination;
   image->setExportError(result.error);
   if (result.error || !result.destination) {
-    ++summary.failureCount;
+    summary.addFailure(result.error.value_or(genericError()));
     return;
   }
   written.push_back({image, *result.destination, size, format});
@@ -140,7 +140,7 @@ QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
           } else if (!results[i].destination && !results[i].error) {
             outcome.errorDescription =
                 image->exportError() ? *image->exportError() : notEncodedDescription(*image, format);
-            ++summary.failureCount;
+            summary.addFailure(*outcome.errorDescription);
           } else {
             apply(image, results[i], data ? data->size() : 0, format, written, summary);
             if (results[i].error)
@@ -162,7 +162,7 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
   if (!image->compressedData()) {
     image->setExportError(notEncodedDescription(*image, format));
     ExportSummary summary;
-    summary.failureCount = 1;
+    summary.addFailure(*image->exportError());
     emit finished(summary);
     return QtFuture::makeReadyFuture(false);
   }
@@ -171,13 +171,20 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
     FileResult result;
     try {
       QUrl destination = url;
-      if (url.isLocalFile()) {
-        // A destination that is a source of the batch gets the next free name beside it.
-        const QFileInfo info(url.toLocalFile());
-        ExportFilenameAllocator allocator(QFile::encodeName(info.path()).toStdString(), sourcePaths);
-        if (allocator.isInput(QFile::encodeName(info.filePath()).toStdString()))
-          destination = QUrl::fromLocalFile(
-              info.dir().filePath(allocator.filename(info.completeBaseName(), info.suffix())));
+      // A destination that is a source of the batch gets the next free name beside it. Paths
+      // in the file system's bytes: a name that is not UTF-8 is compared and kept as it is.
+      const std::string path = localFilePath(url);
+      const size_t slash = path.rfind('/');
+      if (slash != std::string::npos) {
+        const std::string folder = path.substr(0, slash), name = path.substr(slash + 1);
+        ExportFilenameAllocator allocator(folder.empty() ? "/" : folder, sourcePaths);
+        if (allocator.isInput(path)) {
+          const size_t dot = name.rfind('.');
+          const bool extension = dot != std::string::npos && dot > 0;
+          destination = localFileURL(folder + '/' +
+                                     allocator.filename(extension ? name.substr(0, dot) : name,
+                                                        extension ? name.substr(dot + 1) : std::string()));
+        }
       }
       result.destination = destination;
       result.error = write(destination, data, source, result.replaced);

@@ -47,7 +47,13 @@ struct ExportSummary {
   QStringList replacedNames;  // file names of the files written over, in the order written
   int keptOriginalCount = 0;  // results not smaller than their source: nothing written
   int failureCount = 0;
-  QList<QUrl> written;  // the files written, in the order written
+  QStringList failureReasons;  // the failures' messages, each once, in the order met
+  QList<QUrl> written;         // the files written, in the order written
+
+  void addFailure(const QString& reason) {
+    ++failureCount;
+    if (!failureReasons.contains(reason)) failureReasons.append(reason);
+  }
 };
 
 class BatchExporter : public QObject {

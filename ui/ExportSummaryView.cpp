@@ -42,10 +42,8 @@ ExportSummaryView::ExportSummaryView(std::function<void(const QList<QUrl>&)> sho
   setBackgroundRole(QPalette::AlternateBase);
   auto* layout = new QHBoxLayout(this);
   layout->setContentsMargins(12, 6, 6, 6);
-  auto* icon = new QLabel(this);
-  icon->setPixmap(
-      Icons::pixmap("square.and.arrow.down", 16, Icons::greenColor(palette()), devicePixelRatioF()));
-  layout->addWidget(icon, 0, Qt::AlignTop);
+  icon_ = new QLabel(this);
+  layout->addWidget(icon_, 0, Qt::AlignTop);
   text_ = new QLabel(this);
   text_->setWordWrap(true);
   text_->setTextInteractionFlags(Qt::TextSelectableByMouse);
@@ -81,7 +79,13 @@ QStringList ExportSummaryView::lines(const ExportSummary& summary) {
   }
   if (summary.keptOriginalCount > 0)
     lines << Strings::format("export.summary.keptFormat", summary.keptOriginalCount);
-  if (summary.failureCount > 0) lines << Strings::format("export.summary.failedFormat", summary.failureCount);
+  if (summary.failureCount > 0) {
+    // Why, where every failure has the one reason (a folder that can't be written); else each
+    // row tells its own.
+    QString failed = Strings::format("export.summary.failedFormat", summary.failureCount);
+    if (summary.failureReasons.size() == 1) failed += QStringLiteral(" · ") + summary.failureReasons[0];
+    lines << failed;
+  }
   return lines;
 }
 
@@ -89,6 +93,11 @@ void ExportSummaryView::present(const ExportSummary& summary, bool notify) {
   const QStringList shown = lines(summary);
   if (shown.isEmpty()) return;
   written_ = summary.written;
+  // Nothing written is no success: the warning sign then, not the green one.
+  icon_->setPixmap(
+      summary.writtenCount == 0 && summary.failureCount > 0
+          ? Icons::pixmap("exclamationmark.triangle.fill", 16, Icons::orangeColor(), devicePixelRatioF())
+          : Icons::pixmap("square.and.arrow.down", 16, Icons::greenColor(palette()), devicePixelRatioF()));
   text_->setText(shown.join(QLatin1Char('\n')));
   setAccessibleName(Strings::text("export.summary.title"));
   setAccessibleDescription(shown.join(QLatin1Char('\n')));

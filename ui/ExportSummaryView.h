@@ -46,6 +46,7 @@ class ExportSummaryView : public QFrame {
   void sendNotification(const QStringList& lines);
 
   std::function<void(const QList<QUrl>&)> showFiles_;
+  QLabel* icon_;
   QLabel* text_;
   QPushButton* showInFolder_;
   QToolButton* close_;

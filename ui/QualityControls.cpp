@@ -305,9 +305,12 @@ void QualityOverridePopup::refresh() {
 }
 
 void QualityOverridePopup::popUp(const QRect& anchor) {
-  adjustSize();
+  // As large as it asks, within the screen (adjustSize() would hold it to two thirds of the
+  // screen, cutting its longer lines on a small screen or at a large scale).
+  const QScreen* screen = QGuiApplication::screenAt(anchor.center());
+  resize(screen ? sizeHint().boundedTo(screen->availableGeometry().size()) : sizeHint());
   QPoint pos(anchor.center().x() - width() / 2, anchor.bottom() + 4);
-  if (const QScreen* screen = QGuiApplication::screenAt(anchor.center())) {
+  if (screen) {
     const QRect area = screen->availableGeometry();
     pos.setX(std::clamp(pos.x(), area.left(), std::max(area.left(), area.right() - width())));
     if (pos.y() + height() > area.bottom()) pos.setY(anchor.top() - height() - 4);

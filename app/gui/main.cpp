@@ -41,6 +41,7 @@
 #include "automation/QuillaneBusService.h"
 #include "engine/FileIO.h"
 #include "services/LanguageManager.h"
+#include "services/SettingsFile.h"
 #include "services/Strings.h"
 
 namespace {
@@ -233,6 +234,7 @@ int main(int argc, char** argv) {
   // written when it changes; an export under way is finished and recorded first): what serves
   // or writes files is stopped, and the process ends without waiting for the encodes.
   session.stopForQuit();
+  quillane::SettingsFile::removeRunFile();
   std::fflush(nullptr);
   ::_exit(status);
 }

@@ -550,9 +550,12 @@ void everyLanguage() {
            "lang-" + code + "-empty");
     }
     ui::ExportSummaryView summary([](const QList<QUrl>&) {});
-    summary.present(
-        {4, 3'000'000, {"mountain-lake-at-dawn.jpg"}, 1, 2, {QUrl::fromLocalFile(stage.path("out/a.jpg"))}},
-        false);
+    ExportSummary staged;
+    staged.writtenCount = 4, staged.bytesSaved = 3'000'000, staged.keptOriginalCount = 1,
+    staged.failureCount = 2;
+    staged.replacedNames = {"mountain-lake-at-dawn.jpg"};
+    staged.written = {QUrl::fromLocalFile(stage.path("out/a.jpg"))};
+    summary.present(staged, false);
     summary.resize(780, summary.heightForWidth(780));
     summary.show();
     save(&summary, "lang-" + code + "-summary");

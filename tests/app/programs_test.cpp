@@ -610,6 +610,9 @@ TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpen
   // Showing a window would end the background instance (and the launch that could not hand over).
   QProcessEnvironment env = environment();
   env.insert("QUILLANE_QUIT_WHEN_SHOWN", "1");
+  // A settings lock that can't be used: the settings of the run are in a private file, gone at quit.
+  env.insert("TMPDIR", path("tmp"));
+  ASSERT_TRUE(QDir().mkpath(path("tmp")) && QDir().mkpath(path("config/Quillane/Quillane.conf.lock")));
   startInstance({"--background"}, env);
   EXPECT_EQ(run({"--background"}, env).exitCode, 0);  // one is enough
 
@@ -624,6 +627,7 @@ TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpen
   EXPECT_EQ(later.exitCode, 0) << later.err.toStdString();
   ASSERT_TRUE(processes_.front()->waitForFinished(60000)) << "the background instance showed no window";
   EXPECT_EQ(processes_.front()->exitCode(), 0);
+  EXPECT_TRUE(QDir(path("tmp")).isEmpty()) << "the run's private settings stayed";
 
   startInstance({"--background"}, bare);
   const testing::ProgramRun handedTo = run({"in/b.png"}, env);

@@ -1,6 +1,6 @@
-// In every language, no text of the bar, of a failed row's Retry, of a settings tab or of its title is cut at
-// the windows' minimum sizes (ClippedText, in CTest with the label `slow`); and the tray menu's entries do
-// what they say.
+// In every language, no text of the bar, of a failed row's Retry, of the quality popup, of a settings tab or
+// of its title is cut at the windows' minimum sizes (ClippedText, in CTest with the label `slow`); and the
+// tray menu's entries do what they say.
 #include <QAbstractButton>
 #include <QComboBox>
 #include <QLabel>
@@ -19,6 +19,7 @@
 #include "ui/ControlsBar.h"
 #include "ui/HotFoldersSettingsView.h"
 #include "ui/ImageRowDelegate.h"
+#include "ui/QualityControls.h"
 #include "ui/SettingsWindow.h"
 
 namespace quillane::uitest {
@@ -86,6 +87,8 @@ TEST_F(ClippedText, NoTextOfTheBarOrATabIsCutInAnyLanguageAtMinimumSize) {
     window.show();
     QCoreApplication::processEvents();
     EXPECT_EQ(clippedTexts(window.controlsBar()), QStringList());
+    window.showQualityOverride(model_->images()[0], QRect(window.mapToGlobal(QPoint(700, 80)), QSize(1, 1)));
+    EXPECT_EQ(clippedTexts(window.findChild<ui::QualityOverridePopup*>()), QStringList()) << "quality popup";
     const ui::ImageListView& list = *window.findChild<ui::ImageListView*>();
     for (int row = 0; row < list.listModel().rowCount(); ++row) {
       const QModelIndex index = list.listModel().index(row);
@@ -107,6 +110,15 @@ TEST_F(ClippedText, NoTextOfTheBarOrATabIsCutInAnyLanguageAtMinimumSize) {
       EXPECT_EQ(clippedTexts(settings.tabs()->currentWidget()), QStringList()) << "tab " << i;
     }
   }
+  // A line wider than two thirds of the screen still fits in the popup.
+  const auto letters = size_t(620 / QFontMetrics(QApplication::font()).horizontalAdvance('M'));
+  Localization::setLookup([letters](const std::string& key) {
+    return key == "size.skipLargerToggle" ? std::string(letters, 'M') : key;
+  });
+  ui::MainWindow window(*model_);
+  window.show();
+  window.showQualityOverride(model_->images()[0], QRect(window.mapToGlobal(QPoint(100, 80)), QSize(1, 1)));
+  EXPECT_EQ(clippedTexts(window.findChild<ui::QualityOverridePopup*>()).size(), 0);
   useLanguage({});
   openGate();
 }

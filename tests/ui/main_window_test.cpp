@@ -280,8 +280,11 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
   ASSERT_TRUE(QTest::qWaitForWindowActive(&front));
   await(model_->exportAll(url("out")));
   auto* summary = control<ui::ExportSummaryView>(&window());
-  // Two written at quality 75 (750 bytes each) from 5750-byte sources; the failure counted.
-  const QString text = "Fichiers exportés : 2 · espace gagné : 10 kB\nRemplacés : a.jpg\nÉchecs : 1";
+  // Two written at quality 75 (750 bytes each) from 5750-byte sources; the failure counted, with
+  // its reason where it is the only one.
+  const QString text =
+      "Fichiers exportés : 2 · espace gagné : 10 kB\nRemplacés : a.jpg\nÉchecs : 1 · Échec de "
+      "l'encodage au format WebP.";
   ASSERT_TRUE(control<QLabel>(summary, text)->isVisible());
   const QList<QUrl> written{url("out/a.jpg"), url("out/b.jpg")};
   control<QPushButton>(summary, "intents.notification.showInFolder")->click();
