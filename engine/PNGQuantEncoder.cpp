@@ -123,7 +123,11 @@ Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
   if (rgba.width <= 0 || rgba.height <= 0 ||
       rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
     throw pngFailed("size check");
-  if (const std::optional<Quantized> exact = exactPalette(rgba))
+  // Below this quality libimagequant may still merge colours, so that a byte budget can
+  // shrink such a picture.
+  constexpr double kExactPaletteQuality = 50;
+  if (const std::optional<Quantized> exact =
+          plan.quality >= kExactPaletteQuality ? exactPalette(rgba) : std::nullopt)
     return PNGWriter::writeIndexedPNG(rgba.width, rgba.height, exact->indices, exact->palette,
                                       ColorProfile::embeddableICC(rgba.colorSpace));
   LiqAttrPtr attr(liq_attr_create());
