@@ -153,6 +153,18 @@ int main(int argc, char** argv) {
   }
   raiseDescriptorLimit();
 
+  // Quillane reads local files only: another URL is told on stderr and the rest go on.
+  if (!arguments.notLocal.isEmpty()) {
+    quillane::QuillaneApp::describeApplication();
+    quillane::LanguageManager::installLookupReadOnly();
+    for (const QByteArray& url : arguments.notLocal) {
+      const QString message =
+          quillane::Strings::format("launch.error.notLocalFileFormat", QString::fromLocal8Bit(url));
+      std::fprintf(stderr, "quillane: %s\n", message.toLocal8Bit().constData());
+    }
+    if (arguments.mode == Mode::compress && arguments.files.isEmpty()) return 1;
+  }
+
   if (arguments.mode == Mode::compress) {
     // No window and no display needed.
     QCoreApplication application(argc, argv);
