@@ -171,13 +171,20 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
     FileResult result;
     try {
       QUrl destination = url;
-      if (url.isLocalFile()) {
-        // A destination that is a source of the batch gets the next free name beside it.
-        const QFileInfo info(url.toLocalFile());
-        ExportFilenameAllocator allocator(QFile::encodeName(info.path()).toStdString(), sourcePaths);
-        if (allocator.isInput(QFile::encodeName(info.filePath()).toStdString()))
-          destination = QUrl::fromLocalFile(
-              info.dir().filePath(allocator.filename(info.completeBaseName(), info.suffix())));
+      // A destination that is a source of the batch gets the next free name beside it. Paths
+      // in the file system's bytes: a name that is not UTF-8 is compared and kept as it is.
+      const std::string path = localFilePath(url);
+      const size_t slash = path.rfind('/');
+      if (slash != std::string::npos) {
+        const std::string folder = path.substr(0, slash), name = path.substr(slash + 1);
+        ExportFilenameAllocator allocator(folder.empty() ? "/" : folder, sourcePaths);
+        if (allocator.isInput(path)) {
+          const size_t dot = name.rfind('.');
+          const bool extension = dot != std::string::npos && dot > 0;
+          destination = localFileURL(folder + '/' +
+                                     allocator.filename(extension ? name.substr(0, dot) : name,
+                                                        extension ? name.substr(dot + 1) : std::string()));
+        }
       }
       result.destination = destination;
       result.error = write(destination, data, source, result.replaced);

@@ -26,8 +26,9 @@ int fileCostMB(const std::string& path, ImageFormat format, double quality) {
 int measureCostMB(int width, int height, uint64_t cellPixels, uint64_t fileBytes) {
   // The source's cells at a HEIC decode's 12 bytes a pixel, as the encode's cost counts them.
   using EncodeCost::addBytes;
-  const uint64_t bytes = addBytes(addBytes(PerceptualDistance::peakBytes(width, height), cellPixels * 12),
-                                  addBytes(fileBytes, 8u << 20));
+  const uint64_t cells = std::min(cellPixels, UINT64_MAX / 12) * 12;
+  const uint64_t bytes =
+      addBytes(addBytes(PerceptualDistance::peakBytes(width, height), cells), addBytes(fileBytes, 8u << 20));
   return std::max(megabytes(bytes), 1);
 }
 

@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <atomic>
 #include <cerrno>
 
 #include "engine/Errors.h"
@@ -35,6 +36,14 @@ bool usable(const QString& file) {
   return ::lstat(lock.constData(), &st) != 0 ? errno == ENOENT : S_ISREG(st.st_mode);
 }
 
+// The folder of the private file store() falls back to, made on first use.
+std::atomic<bool> runFolderMade{false};
+QTemporaryDir& runFolder() {
+  static QTemporaryDir folder;
+  runFolderMade = true;
+  return folder;
+}
+
 }  // namespace
 
 QString path() {
@@ -51,10 +60,14 @@ std::unique_ptr<QSettings> store() {
   // A private file for this run, removed at exit, so that what is set still holds until then
   // (the local API's token above all). Without one, a file under a device: never there, and
   // its folder can't be made.
-  static const QTemporaryDir run;
+  const QTemporaryDir& run = runFolder();
   return std::make_unique<QSettings>(run.isValid() ? run.filePath(QStringLiteral("Quillane.conf"))
                                                    : QStringLiteral("/dev/null/Quillane.conf"),
                                      QSettings::NativeFormat);
+}
+
+void removeRunFile() {
+  if (runFolderMade) runFolder().remove();
 }
 
 void save(QSettings& settings) {

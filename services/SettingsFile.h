@@ -21,6 +21,10 @@ QString path();
 // lock's place.
 std::unique_ptr<QSettings> store();
 
+// Removes the private file store() fell back to for this run, if any, as its end would: for a
+// process that ends without running its static destructors (_exit).
+void removeRunFile();
+
 // Writes `settings` to disk and restricts its file to mode 0600.
 void save(QSettings& settings);
 

@@ -3,7 +3,7 @@
 // may carry a file URL and answers asynchronously, on any thread; the answers are gathered
 // under a lock into slots by position, and the completion gets the filled slots in order on
 // the GUI thread once every provider has answered, whatever order the answers came in.
-// Folders are passed on like files: the import expands them.
+// Folders are passed on like files: the import lists each as a file it could not read.
 
 #include <QList>
 #include <QUrl>

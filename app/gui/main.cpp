@@ -41,6 +41,7 @@
 #include "automation/QuillaneBusService.h"
 #include "engine/FileIO.h"
 #include "services/LanguageManager.h"
+#include "services/SettingsFile.h"
 #include "services/Strings.h"
 
 namespace {
@@ -152,6 +153,18 @@ int main(int argc, char** argv) {
   }
   raiseDescriptorLimit();
 
+  // Quillane reads local files only: another URL is told on stderr and the rest go on.
+  if (!arguments.notLocal.isEmpty()) {
+    quillane::QuillaneApp::describeApplication();
+    quillane::LanguageManager::installLookupReadOnly();
+    for (const QByteArray& url : arguments.notLocal) {
+      const QString message =
+          quillane::Strings::format("launch.error.notLocalFileFormat", QString::fromLocal8Bit(url));
+      std::fprintf(stderr, "quillane: %s\n", message.toLocal8Bit().constData());
+    }
+    if (arguments.mode == Mode::compress && arguments.files.isEmpty()) return 1;
+  }
+
   if (arguments.mode == Mode::compress) {
     // No window and no display needed.
     QCoreApplication application(argc, argv);
@@ -221,6 +234,7 @@ int main(int argc, char** argv) {
   // written when it changes; an export under way is finished and recorded first): what serves
   // or writes files is stopped, and the process ends without waiting for the encodes.
   session.stopForQuit();
+  quillane::SettingsFile::removeRunFile();
   std::fflush(nullptr);
   ::_exit(status);
 }

@@ -24,7 +24,8 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   const QByteArray latin1Name = QFile::encodeName(dir_.path()) + "/caf\xe9.png";
   writeBytes(latin1Name.toStdString(), png);
   const std::string latin1Output = QFile::encodeName(dir_.path()).toStdString() + "/out/caf\xe9.jpg";
-  const UnlinkAtExit oddNames{{latin1Name.toStdString(), latin1Output}};
+  const std::string latin1Beside = QFile::encodeName(dir_.path()).toStdString() + "/caf\xe9-2.png";
+  const UnlinkAtExit oddNames{{latin1Name.toStdString(), latin1Output, latin1Beside}};
   const QUrl latin1URL = QUrl::fromEncoded("file://" + latin1Name.toPercentEncoding("/"));
 
   auto o = options();
@@ -76,6 +77,10 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   model.undoExport(ExportHistory::load()[0]);
   EXPECT_FALSE(model.exportError()) << model.exportError()->toStdString();
   EXPECT_NE(::access(latin1Output.c_str(), F_OK), 0) << "removed";
+  // Saved alone onto its own source by that name's bytes, it goes beside it.
+  ASSERT_TRUE(await(model.exportSingle(model.images()[1], latin1URL)));
+  EXPECT_EQ(localFilePath(*model.images()[1]->lastExportDestination()), latin1Beside);
+  EXPECT_EQ(readBytes(latin1Name.toStdString()), png);
 
   auto& restarted = restart(o);
   ASSERT_EQ(restarted.images().size(), 2u);

@@ -112,6 +112,7 @@ TEST(CompressionCostTest, TheLargestHeadersAndFilesCostTheMostThereIs) {
       CompressionCost::encodeCostMB({ImageFormat::webp, 16383, 16383, 1ull << 62}, ImageFormat::webp, 75),
       INT32_MAX);
   EXPECT_EQ(CompressionCost::measureCostMB(INT32_MAX, INT32_MAX, 0, 0), INT32_MAX);
+  EXPECT_EQ(CompressionCost::measureCostMB(64, 64, 1ull << 62, 0), INT32_MAX);  // 12 bytes a cell pixel
   EXPECT_EQ(CompressionCost::megabytes(UINT64_MAX), INT32_MAX);
 }
 
