@@ -180,6 +180,21 @@ int main(int argc, char** argv) {
 
   const bool service = arguments.mode == Mode::service;
   const bool background = arguments.mode == Mode::background;
+  if (!service && !background && !hasDisplay()) {
+    // No display to show a window on (a shell of another session, a service): the files can
+    // still go to a running instance's window; otherwise the launch says why it can't open one,
+    // where Qt would abort.
+    QCoreApplication application(argc, argv);
+    quillane::QuillaneApp::describeApplication();
+    quillane::LanguageManager::installLookupReadOnly();
+    const QDBusConnection connection = QDBusConnection::sessionBus();
+    if (quillane::QuillaneBusClient::isRunning(connection) &&
+        !quillane::QuillaneBusClient::openOrActivate(connection, arguments.files))
+      return 0;
+    std::fprintf(stderr, "quillane: %s\n",
+                 quillane::Strings::text("launch.error.noDisplay").toLocal8Bit().constData());
+    return 1;
+  }
   const bool canShowWindow = !(service || background) || hasDisplay();
   waitForReplacedInstance();
   std::unique_ptr<QCoreApplication> application;

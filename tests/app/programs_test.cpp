@@ -595,6 +595,10 @@ TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpen
   EXPECT_TRUE(wrong.out.isEmpty());
   EXPECT_TRUE(wrong.err.contains("--frobnicate") && wrong.err.contains("quillane --compress"))
       << wrong.err.toStdString();
+  // With no instance to hand over to, a window launch says it has no display (Qt would abort).
+  const testing::ProgramRun noWindow = run({"in/a.png"}, bare);
+  EXPECT_EQ(noWindow.exitCode, 1);
+  EXPECT_TRUE(noWindow.err.contains("WAYLAND_DISPLAY")) << noWindow.err.toStdString();
   EXPECT_FALSE(owned());
 
   QDir().mkpath(path("hot/in"));
@@ -622,8 +626,9 @@ TEST_F(DesktopBus, InTheBackgroundHotFoldersRunWithNoWindowUntilALaterLaunchOpen
       << entries("hot/out").join(' ').toStdString();
   EXPECT_EQ(processes_.front()->state(), QProcess::Running);
 
+  // A launch from a shell without a display hands its files over all the same.
   image("b.png");
-  const testing::ProgramRun later = run({"in/b.png"}, env);
+  const testing::ProgramRun later = run({"in/b.png"}, bare);
   EXPECT_EQ(later.exitCode, 0) << later.err.toStdString();
   ASSERT_TRUE(processes_.front()->waitForFinished(60000)) << "the background instance showed no window";
   EXPECT_EQ(processes_.front()->exitCode(), 0);
