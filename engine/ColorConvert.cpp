@@ -1,6 +1,7 @@
 #include "engine/ColorConvert.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -249,19 +250,32 @@ namespace {
 
 constexpr int kTransferPQ = 16, kTransferHLG = 18, kTransferSRGB = 13;
 
-// Light of a PQ or HLG signal (0...1), relative to the reference white of 203 cd/m2 (ITU-R
-// BT.2408). HLG is shown as on a display of 1000 cd/m2, its system gamma of 1.2 applied to
-// each component.
-double relativeLight(int transfer, double signal) {
-  if (transfer == kTransferPQ) {
-    const double m1 = 2610.0 / 16384, m2 = 2523.0 / 4096 * 128;
-    const double c1 = 3424.0 / 4096, c2 = 2413.0 / 4096 * 32, c3 = 2392.0 / 4096 * 32;
-    const double e = std::pow(signal, 1 / m2);
-    return 10000.0 / 203.0 * std::pow(std::max(e - c1, 0.0) / (c2 - c3 * e), 1 / m1);
-  }
+// Light of a PQ signal (0...1), relative to the reference white of 203 cd/m2 (ITU-R BT.2408).
+double pqLight(double signal) {
+  const double m1 = 2610.0 / 16384, m2 = 2523.0 / 4096 * 128;
+  const double c1 = 3424.0 / 4096, c2 = 2413.0 / 4096 * 32, c3 = 2392.0 / 4096 * 32;
+  const double e = std::pow(signal, 1 / m2);
+  return 10000.0 / 203.0 * std::pow(std::max(e - c1, 0.0) / (c2 - c3 * e), 1 / m1);
+}
+
+// Scene light of an HLG signal (0...1), 0...1.
+double hlgScene(double signal) {
   const double a = 0.17883277, b = 1 - 4 * a, c = 0.5 - a * std::log(4 * a);
-  const double scene = signal <= 0.5 ? signal * signal / 3 : (std::exp((signal - c) / a) + b) / 12;
-  return 1000.0 / 203.0 * std::pow(scene, 1.2);
+  return signal <= 0.5 ? signal * signal / 3 : (std::exp((signal - c) / a) + b) / 12;
+}
+
+// The luminance of linear RGB in the primaries of a code point, as fromCodePoints takes them.
+std::array<double, 3> luminanceWeights(int primaries) {
+  switch (primaries) {
+    case 9:
+      return {0.2627, 0.6780, 0.0593};  // BT.2020
+    case 11:
+      return {0.2095, 0.7216, 0.0689};  // DCI-P3
+    case 12:
+      return {0.2290, 0.6917, 0.0793};  // Display P3
+    default:
+      return {0.2126, 0.7152, 0.0722};  // BT.709, as sRGB
+  }
 }
 
 // Linear light up to the knee stays as it is; above it, a curve that meets it smoothly and
@@ -277,14 +291,32 @@ double srgbEncoded(double linear) {
 }
 
 template <class T>
-void recodeColour(SampleVector<T>& samples, int transfer) {
+void recodeColour(SampleVector<T>& samples, int transfer, int primaries) {
   constexpr size_t levels = size_t(std::numeric_limits<T>::max()) + 1;
-  std::vector<T> table(levels);
-  for (size_t v = 0; v < levels; ++v)
-    table[v] = T(std::lround(srgbEncoded(rolledOff(relativeLight(transfer, double(v) / (levels - 1)))) *
-                             double(levels - 1)));
-  for (size_t i = 0; i < samples.size(); ++i)
-    if (i % 4 != 3) samples[i] = table[samples[i]];
+  const double top = double(levels - 1);
+  if (transfer == kTransferPQ) {
+    std::vector<T> table(levels);
+    for (size_t v = 0; v < levels; ++v)
+      table[v] = T(std::lround(srgbEncoded(rolledOff(pqLight(double(v) / top))) * top));
+    for (size_t i = 0; i < samples.size(); ++i)
+      if (i % 4 != 3) samples[i] = table[samples[i]];
+    return;
+  }
+  // HLG is shown as on a display of 1000 cd/m2 (ITU-R BT.2100): the system gamma of 1.2
+  // scales each pixel's scene light by its luminance to the power 0.2, which keeps its hue.
+  std::vector<double> scene(levels);
+  for (size_t v = 0; v < levels; ++v) scene[v] = hlgScene(double(v) / top);
+  constexpr size_t steps = 65535;
+  std::vector<T> encoded(steps + 1);
+  for (size_t v = 0; v <= steps; ++v) encoded[v] = T(std::lround(srgbEncoded(double(v) / steps) * top));
+  const std::array<double, 3> weights = luminanceWeights(primaries);
+  for (size_t i = 0; i + 3 < samples.size(); i += 4) {
+    const double light[3] = {scene[samples[i]], scene[samples[i + 1]], scene[samples[i + 2]]};
+    const double luminance = weights[0] * light[0] + weights[1] * light[1] + weights[2] * light[2];
+    const double gain = luminance > 0 ? 1000.0 / 203.0 * std::pow(luminance, 0.2) : 0.0;
+    for (size_t c = 0; c < 3; ++c)
+      samples[i + c] = encoded[size_t(std::lround(rolledOff(light[c] * gain) * steps))];
+  }
 }
 
 }  // namespace
@@ -292,9 +324,9 @@ void recodeColour(SampleVector<T>& samples, int transfer) {
 void applyCodePoints(DecodedImage& image, int primaries, int transfer) {
   if (transfer == kTransferPQ || transfer == kTransferHLG) {
     if (image.bitsPerComponent == 16)
-      recodeColour(image.pixels16, transfer);
+      recodeColour(image.pixels16, transfer, primaries);
     else
-      recodeColour(image.pixels8, transfer);
+      recodeColour(image.pixels8, transfer, primaries);
     transfer = kTransferSRGB;
   }
   image.colorSpace = fromCodePoints(primaries, transfer);

@@ -75,7 +75,9 @@ namespace PNGQuantEncoder {
 // Palette PNG through libimagequant, falling back to encodeLossless; truecolour when the
 // plan prefers lossless.
 Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan);
-// The palette path alone (also the plan's lossy alternative). Throws encodingFailed("PNG").
+// The palette path alone (also the plan's lossy alternative): from quality 50, a picture of at
+// most 256 colours gets its own palette, exactly; libimagequant quantizes the others. Throws
+// encodingFailed("PNG").
 Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan);
 // Truecolour PNG with per-row filter choice. Throws ZlibError.
 Bytes encodeLossless(const RGBABuffer& rgba, const EncodingPlan& plan);

@@ -6,8 +6,11 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
+#include <unordered_map>
 
 #include "engine/CHandle.h"
 #include "engine/Cancellation.h"
@@ -71,6 +74,34 @@ Quantized quantize(liq_attr* attr, const uint8_t* pixels, int width, int height,
   return out;
 }
 
+// The picture's own palette, in the order its colours first appear, when it has at most 256
+// colours: it is then exact whatever the quality, where libimagequant would merge colours
+// that its quality allows (a gentle ramp of 14 greys became 2 at quality 90).
+std::optional<Quantized> exactPalette(const RGBABuffer& rgba) {
+  const size_t count = size_t(rgba.width) * size_t(rgba.height);
+  std::unordered_map<uint32_t, uint8_t> indexOf;
+  Quantized out;
+  out.indices.resize(count);
+  uint32_t last = 0;
+  uint8_t lastIndex = 0;
+  for (size_t i = 0; i < count; ++i) {
+    if ((i & 0xFFFF) == 0) Cancellation::check();
+    uint32_t colour;
+    std::memcpy(&colour, &rgba.pixels[i * 4], 4);
+    if (i == 0 || colour != last) {
+      const auto [it, added] = indexOf.try_emplace(colour, uint8_t(indexOf.size()));
+      if (added) {
+        if (indexOf.size() > 256) return std::nullopt;
+        const uint8_t* p = &rgba.pixels[i * 4];
+        out.palette.push_back({p[0], p[1], p[2], p[3]});
+      }
+      last = colour, lastIndex = it->second;
+    }
+    out.indices[i] = lastIndex;
+  }
+  return out;
+}
+
 // The row of `pixels` at `y` with `channels` bytes a pixel (alpha dropped when 3).
 void fillRow(const RGBABuffer& rgba, int y, int channels, uint8_t* row) {
   const uint8_t* src = rgba.pixels.data() + size_t(y) * size_t(rgba.width) * 4;
@@ -92,6 +123,13 @@ Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
   if (rgba.width <= 0 || rgba.height <= 0 ||
       rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
     throw pngFailed("size check");
+  // Below this quality libimagequant may still merge colours, so that a byte budget can
+  // shrink such a picture.
+  constexpr double kExactPaletteQuality = 50;
+  if (const std::optional<Quantized> exact =
+          plan.quality >= kExactPaletteQuality ? exactPalette(rgba) : std::nullopt)
+    return PNGWriter::writeIndexedPNG(rgba.width, rgba.height, exact->indices, exact->palette,
+                                      ColorProfile::embeddableICC(rgba.colorSpace));
   LiqAttrPtr attr(liq_attr_create());
   if (!attr) throw pngFailed("liq_attr_create");
   // A minimum of 0 means libimagequant never refuses an image for missing the target.

@@ -40,6 +40,7 @@
 #include "automation/QuillaneBusClient.h"
 #include "automation/QuillaneBusService.h"
 #include "engine/FileIO.h"
+#include "services/BaseDirectories.h"
 #include "services/LanguageManager.h"
 #include "services/SettingsFile.h"
 #include "services/Strings.h"
@@ -129,6 +130,7 @@ void quitOnTerminationSignals(QObject* owner) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  quillane::BaseDirectories::settle();
   quillane::FileIO::openClosedStandardDescriptors();
   const quillane::LaunchArguments arguments = quillane::LaunchArguments::parse(argc, argv, workingFolder());
   using Mode = quillane::LaunchArguments::Mode;
@@ -152,6 +154,18 @@ int main(int argc, char** argv) {
     return 2;
   }
   raiseDescriptorLimit();
+
+  // Quillane reads local files only: another URL is told on stderr and the rest go on.
+  if (!arguments.notLocal.isEmpty()) {
+    quillane::QuillaneApp::describeApplication();
+    quillane::LanguageManager::installLookupReadOnly();
+    for (const QByteArray& url : arguments.notLocal) {
+      const QString message =
+          quillane::Strings::format("launch.error.notLocalFileFormat", QString::fromLocal8Bit(url));
+      std::fprintf(stderr, "quillane: %s\n", message.toLocal8Bit().constData());
+    }
+    if (arguments.mode == Mode::compress && arguments.files.isEmpty()) return 1;
+  }
 
   if (arguments.mode == Mode::compress) {
     // No window and no display needed.

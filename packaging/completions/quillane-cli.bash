@@ -18,7 +18,7 @@ _quillane_cli() {
       compopt -o filenames 2>/dev/null || true
       COMPREPLY=($(compgen -d -- "$cur"))
       return ;;
-    --quality | --profile)
+    --quality | --profile | --max-width | --max-height | --max-bytes)
       COMPREPLY=()
       return ;;
   esac
@@ -32,7 +32,7 @@ _quillane_cli() {
     local options="--help"
     case $verb in
       analyze) options+=" --quality" ;;
-      compress) options+=" --to --format --quality --profile" ;;
+      compress) options+=" --to --format --quality --profile --max-width --max-height --max-bytes --skip-larger" ;;
     esac
     COMPREPLY=($(compgen -W "$options" -- "$cur"))
     return

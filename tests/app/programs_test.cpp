@@ -450,10 +450,13 @@ TEST_F(DesktopBus, ACallStartsTheProgramIsAnsweredWithTheFilesOrANamedErrorAndAL
 TEST_F(DesktopBus, ASecondLaunchAndTheAPIFeedOneBatchThatARestartFindsAgainAndQuitEndsAtOnce) {
   startInstance({}, environmentWithAPI());
   image("b.png");
-  image("a.jpg");
-  // Relative paths are the second launch's own; it ends at once, its files in the first's batch.
-  testing::ProgramRun second = run({"in/b.png", "in/a.jpg"}, environment());
+  // Relative paths are the second launch's own, and a file URL (a launcher's %U) names its
+  // file; another URL is told and left out. The launch ends at once, its files in the first's batch.
+  const QString spaced = QUrl::fromLocalFile(image("a 1.jpg")).toString(QUrl::FullyEncoded);
+  testing::ProgramRun second = run({"in/b.png", spaced, "https://example.com/x.png"}, environment());
   EXPECT_EQ(second.exitCode, 0) << second.err.toStdString();
+  EXPECT_TRUE(spaced.contains("%20") && second.err.contains("https://example.com/x.png"))
+      << second.err.toStdString();
   EXPECT_EQ(run({}, environment()).exitCode, 0);  // only raises the window
   ASSERT_EQ(waitForReadyImages(2).size(), 2);
   const QJsonObject paths{{"paths", QJsonArray{image("c.jpg")}}};
@@ -464,7 +467,7 @@ TEST_F(DesktopBus, ASecondLaunchAndTheAPIFeedOneBatchThatARestartFindsAgainAndQu
   QJsonArray before = waitForReadyImages(3);
   QStringList names;
   for (const auto& row : before) names << row.toObject()["name"].toString();
-  ASSERT_EQ(names, (QStringList{"b.png", "a.jpg", "c.jpg"}));
+  ASSERT_EQ(names, (QStringList{"b.png", "a 1.jpg", "c.jpg"}));
 
   ASSERT_EQ(api("POST", "/v1/settings", R"({"quality":60,"format":"webp"})").status, 200);
   const auto exported = api("POST", "/v1/export",
@@ -543,6 +546,8 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
   testing::ProgramRun failed = run({"--compress", "in/gone.png"}, environment());
   // With no file, the action is the plain launch: the running instance's window comes up.
   EXPECT_EQ(run({"--compress"}, environment()).exitCode, 0);
+  // Only a URL of another machine: told on stderr, and nothing is compressed or notified.
+  EXPECT_EQ(run({"--compress", "smb://server/x.png"}, environment()).exitCode, 1);
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_TRUE(failed.err.isEmpty()) << failed.err.toStdString();
   ASSERT_EQ(notifications->calls("Notify").size(), 1);

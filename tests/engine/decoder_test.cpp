@@ -280,6 +280,14 @@ TEST(ColourProfiles, PQAndHLGPicturesAreShownForAStandardDisplay) {
     EXPECT_GT(level(16, 36), level(48, 12) + 0.02) << c.transfer;
     EXPECT_LT(level(48, 36), 0.01) << c.transfer;
   }
+  // HLG's system gamma goes by a pixel's luminance, not by each component: a blue of the
+  // reference white's signal is shown well below white (0.96 by component).
+  DecodedImage blue = fixtures::quadrants(8, 8, 16);
+  for (size_t i = 0; i < blue.pixels16.size(); ++i)
+    if (i % 4 != 3) blue.pixels16[i] = i % 4 == 2 ? 49151 : 0;
+  const DecodedImage shown = ImageService::decodeFirstFrame(
+      fixtures::avif(blue, {.quantizer = 0, .depth = 10, .alpha = false, .primaries = 9, .transfer = 18}));
+  EXPECT_NEAR(shown.pixels16[2] / 65535.0, 0.78, 0.03);
 }
 
 // A PNG without iCCP describes its colours by gAMA: a gamma of 1/2.2 is how files state sRGB,

@@ -121,6 +121,12 @@ TEST(PngPalette, IndexedFileDecodesWithValidChunksInOrderAndCloseToTheSource) {
     ASSERT_TRUE(back);
     EXPECT_LE(worstVisibleDifference(logo.pixels, *back), quality > 50 ? 8 : 128) << quality;
   }
+  // A gentle ramp of 14 greys has its own palette, exactly: the quantizer merged it into 2.
+  RGBABuffer ramp = logo;
+  for (size_t i = 0; i < ramp.pixels.size(); ++i)
+    ramp.pixels[i] = i % 4 == 3 ? 255 : uint8_t(102 + i / 4 % 48 * 14 / 48);
+  ramp.hasAlpha = false;
+  EXPECT_EQ(decodePNG(PNGQuantEncoder::encodePalette(ramp, makePlan(Mode::lossy(80)))), ramp.pixels);
 }
 
 // Whether the mode and the alpha plane's quality are honoured, the round trips below show.
