@@ -7,6 +7,7 @@
 #include <QSet>
 #include <QTranslator>
 #include <memory>
+#include <vector>
 
 #include "engine/Localization.h"
 #include "services/SettingsFile.h"
@@ -31,23 +32,28 @@ AppLanguage resolveActiveLanguage(const QStringList& stored, const QStringList& 
 
 // Numbers, sizes and times in the chosen language's notation, and Qt's own texts (file
 // dialogs, message box buttons, shortcut names) from Debian's Qt translations, beside the
-// application's tables. A language without a Qt catalogue keeps Qt's English.
+// application's tables. A language without a Qt catalogue keeps Qt's English. Portugal's
+// catalogue is Qt 4's, without the buttons and most of the file dialog of Qt 6: Brazil's
+// fills in what it lacks.
 void useLocaleOf(AppLanguage language) {
   const QLocale locale(AppLanguages::rawValue(language));
   QLocale::setDefault(locale);
   QCoreApplication* application = QCoreApplication::instance();
   if (!application) return;
-  static QTranslator* installed = nullptr;
-  if (installed) {
-    QCoreApplication::removeTranslator(installed);
-    delete installed;
-    installed = nullptr;
-  }
-  auto translator = std::make_unique<QTranslator>();
+  // Never destroyed: the application may be gone by then.
+  static auto& installed = *new std::vector<std::unique_ptr<QTranslator>>;
+  for (const auto& translator : installed) QCoreApplication::removeTranslator(translator.get());
+  installed.clear();
+  QList<QLocale> catalogues;
+  if (language == AppLanguage::ptPT) catalogues.append(QLocale(AppLanguages::rawValue(AppLanguage::ptBR)));
+  catalogues.append(locale);  // installed last, so asked first
   const QString folder = QLibraryInfo::path(QLibraryInfo::TranslationsPath);
-  if (translator->load(locale, QStringLiteral("qt"), QStringLiteral("_"), folder) &&
-      QCoreApplication::installTranslator(translator.get()))
-    installed = translator.release();
+  for (const QLocale& catalogue : catalogues) {
+    auto translator = std::make_unique<QTranslator>();
+    if (translator->load(catalogue, QStringLiteral("qt"), QStringLiteral("_"), folder) &&
+        QCoreApplication::installTranslator(translator.get()))
+      installed.push_back(std::move(translator));
+  }
 }
 
 }  // namespace

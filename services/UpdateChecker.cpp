@@ -82,6 +82,11 @@ void UpdateChecker::checkNow() {
   request.setRawHeader("Pragma", "no-cache");
   request.setTransferTimeout(kTimeoutMs);
   QNetworkReply* reply = network_.get(request);
+  connect(reply, &QNetworkReply::downloadProgress, reply, [reply](qint64 received, qint64) {
+    if (received <= kMaxDocumentBytes) return;
+    reply->setProperty("tooLong", true);
+    reply->abort();
+  });
   connect(reply, &QNetworkReply::finished, this, [this, reply] { handleReply(reply); });
 }
 
@@ -112,6 +117,10 @@ QString UpdateChecker::failureText(QNetworkReply::NetworkError error) {
 
 void UpdateChecker::handleReply(QNetworkReply* reply) {
   reply->deleteLater();
+  if (reply->property("tooLong").toBool()) {
+    setState(State::failed(Strings::text("settings.updates.unreadableResponse")));
+    return;
+  }
   const QNetworkReply::NetworkError error = reply->error();
   // The status code is not looked at: a server that answered with an error status (Qt turns
   // each into an error of its own, 400 into ProtocolInvalidOperationError, 407 into a proxy

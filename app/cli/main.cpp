@@ -25,6 +25,7 @@
 #include "app/cli/InspectCommands.h"
 #include "automation/CompressScriptCommand.h"
 #include "engine/FileIO.h"
+#include "services/BaseDirectories.h"
 #include "services/LanguageManager.h"
 
 namespace {
@@ -191,6 +192,7 @@ int runAnalyze(const QByteArrayList& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  BaseDirectories::settle();
   // Started without a standard output (`>&-`), the records can't be written: told at the end.
   for (int fd : FileIO::openClosedStandardDescriptors())
     if (fd == 1) outputErrno = EBADF;

@@ -40,6 +40,7 @@
 #include "automation/QuillaneBusClient.h"
 #include "automation/QuillaneBusService.h"
 #include "engine/FileIO.h"
+#include "services/BaseDirectories.h"
 #include "services/LanguageManager.h"
 #include "services/SettingsFile.h"
 #include "services/Strings.h"
@@ -129,6 +130,7 @@ void quitOnTerminationSignals(QObject* owner) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  quillane::BaseDirectories::settle();
   quillane::FileIO::openClosedStandardDescriptors();
   const quillane::LaunchArguments arguments = quillane::LaunchArguments::parse(argc, argv, workingFolder());
   using Mode = quillane::LaunchArguments::Mode;

@@ -5,6 +5,7 @@
 // the code looks up exists in all fifteen tables, the tables agree on their keys, and format
 // strings keep English's placeholders; and the lookup chain that LanguageManager installs.
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +23,7 @@
 #include "engine/Localization.h"
 #include "services/AppLanguage.h"
 #include "services/BackgroundSettings.h"
+#include "services/BaseDirectories.h"
 #include "services/LanguageManager.h"
 #include "services/SettingsFile.h"
 #include "services/StringTables.h"
@@ -135,6 +137,23 @@ TEST_F(SettingsFileTest, AFileOrLockThatCantBeReadSafelyGivesTheDefaultsAndStays
     EXPECT_EQ(QFileInfo(settingsPath()).size(), size) << name;
     SettingsFile::store()->remove("AppleLanguages");
   }
+}
+
+// A relative XDG folder is ignored rather than taken from the working folder, and without
+// HOME the home is the user's own, not the root folder.
+TEST_F(SettingsFileTest, RelativeBaseDirectoriesAreIgnoredAndAMissingHomeIsTheUsers) {
+  const QByteArray home = qgetenv("HOME"), data = qgetenv("XDG_DATA_HOME");
+  qputenv("XDG_CONFIG_HOME", "relative/config");
+  qputenv("XDG_DATA_HOME", dir_.path().toUtf8());
+  qunsetenv("HOME");
+  BaseDirectories::settle();
+  EXPECT_FALSE(qEnvironmentVariableIsSet("XDG_CONFIG_HOME"));
+  EXPECT_EQ(qgetenv("XDG_DATA_HOME"), dir_.path().toUtf8());
+  const QByteArray own = ::getpwuid(::getuid())->pw_dir;
+  EXPECT_EQ(qgetenv("HOME"), own);
+  EXPECT_EQ(SettingsFile::path(), QFile::decodeName(own) + "/.config/Quillane/Quillane.conf");
+  qputenv("HOME", home);
+  qputenv("XDG_DATA_HOME", data);
 }
 
 TEST_F(BackgroundSettingsTest, SwitchesAreOffUntilSetAndStartAtLoginWritesAValidAutostartEntry) {

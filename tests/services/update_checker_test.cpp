@@ -90,6 +90,9 @@ TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOfferedAndTransportErrors
       {404, "<html>Not found</html>", "1.0", unreadable},
       {200, R"({"version":2.0,"url":"https://example.org/"})", "1.0", unreadable},
       {200, "", "1.0", unreadable},
+      // A document of 1 MB is no version document, whatever it ends with.
+      {200, QByteArray(1 << 20, ' ') + R"({"version":"9.0","url":"https://example.org/"})", "1.0",
+       unreadable},
       {200, R"({"version":"9.0","url":"http://example.org/"})", "1.0", insecure},
       {200, R"({"version":"9.0","url":"HTTPS://example.org/"})", "1.0",
        State::updateAvailable("9.0", QUrl("HTTPS://example.org/"))},

@@ -53,6 +53,10 @@ TEST(ChosenLanguage, SetsTheLocaleAndQtsOwnTexts) {
   EXPECT_EQ(QLocale().toString(QTime(19, 11), QLocale::ShortFormat), "19:11");
   EXPECT_EQ(QCoreApplication::translate("QPlatformTheme", "Cancel"), "Abbrechen");
   EXPECT_EQ(QKeySequence(Qt::CTRL | Qt::Key_O).toString(QKeySequence::NativeText), "Strg+O");
+  // Portugal's own words where its catalogue has them, the buttons from Brazil's.
+  install("pt-PT");
+  EXPECT_EQ(QCoreApplication::translate("QPlatformTheme", "Cancel"), "Cancelar");
+  EXPECT_EQ(QCoreApplication::translate("QFileDialog", "File &name:"), "&Nome do Ficheiro:");
   install("en-US");
   EXPECT_EQ(formatByteCount(1'300'000), "1.3 MB");
   EXPECT_EQ(QCoreApplication::translate("QPlatformTheme", "Cancel"), "Cancel");
