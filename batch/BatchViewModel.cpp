@@ -297,7 +297,33 @@ QFuture<std::vector<ExportOutcome>> BatchViewModel::exportAll(const QUrl& folder
 }
 
 QFuture<bool> BatchViewModel::exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url) {
-  return exporter_->exportSingle(image, url, outputFormat_, sourcePaths());
+  // Bytes of the settings before a change would be written under the new format's name: the
+  // file waits for this image's result at the current settings.
+  const auto replacing = [this, image] {
+    return image && image->compressedData() && this->image(image->id()) &&
+           (hasPendingRecompute_ || image->encodeState().isEncoding());
+  };
+  if (!replacing()) return exporter_->exportSingle(image, url, outputFormat_, sourcePaths());
+  auto promise = std::make_shared<QPromise<bool>>();
+  promise->start();
+  auto* poll = new QTimer(this);
+  poll->setInterval(50);
+  connect(poll, &QTimer::timeout, this, [this, poll, promise, replacing, image, url] {
+    if (replacing()) return;
+    poll->stop();
+    poll->deleteLater();
+    if (!this->image(image->id())) {  // it left the batch meanwhile: nothing is written
+      promise->addResult(false);
+      promise->finish();
+      return;
+    }
+    exporter_->exportSingle(image, url, outputFormat_, sourcePaths()).then([promise](bool written) {
+      promise->addResult(written);
+      promise->finish();
+    });
+  });
+  poll->start();
+  return promise->future();
 }
 
 QFuture<bool> BatchViewModel::writeExport(const std::shared_ptr<ImportedImage>& image, const QByteArray& data,

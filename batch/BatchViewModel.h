@@ -196,7 +196,9 @@ class BatchViewModel : public QObject {
   QFuture<std::vector<ExportOutcome>> exportAll(const QUrl& folder);
   // Writes one image to the file `url`, or, when `url` is the source of an image of the
   // batch, to the next free name beside it ("photo-2.jpg"); the row's lastExportDestination
-  // tells which. False (with the row's exportError set) on failure.
+  // tells which. False (with the row's exportError set) on failure. While the image's result is
+  // being replaced after a change of settings, it waits for the new one (false, writing
+  // nothing, if the image leaves the batch meanwhile).
   QFuture<bool> exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url);
   // Atomic write of `data` to `url`, recorded in the history on success; the row's
   // exportError tells a failure. Also the retry of a failed export (lastExportDestination).

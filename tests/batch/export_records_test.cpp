@@ -95,6 +95,10 @@ TEST_F(ExportTest, ExportNeverReplacesASourceReplacesOtherFilesWholeAndAPlantedL
   EXPECT_EQ(QDir(outFolder()).entryList(QDir::Files | QDir::Hidden),
             (QStringList{"a-2.jpg", "a.jpg", "c.jpg", "other.jpg"}))
       << "no temporary left";
+  // Saved while a new quality is encoded, a row writes that result, not the bytes before it.
+  model.setQuality(40);
+  EXPECT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(other))));
+  EXPECT_EQ(contentOf(other), QByteArray(400, 'x'));
 
   // An image still busy is reported as an encoding failure and writes nothing.
   import({source("slow.png", "slow")});
