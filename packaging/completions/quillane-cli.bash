@@ -3,6 +3,12 @@
 
 _quillane_cli() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}
+  # --name=VALUE: bash splits it at "=", so that the option is one word further back.
+  if [[ $cur == = ]]; then
+    cur=""
+  elif [[ $prev == = ]] && ((COMP_CWORD > 1)); then
+    prev=${COMP_WORDS[COMP_CWORD-2]}
+  fi
   local verbs="inspect analyze compress" verb="" i
   for ((i = 1; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
