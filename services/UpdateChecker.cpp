@@ -1,7 +1,9 @@
 #include "services/UpdateChecker.h"
 
+#include <QHostAddress>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QNetworkProxyFactory>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <algorithm>
@@ -23,6 +25,18 @@ namespace quillane {
 
 namespace {
 
+// The desktop's proxy (http_proxy and https_proxy, or the desktop's settings through
+// libproxy), as a browser would take it; Qt goes direct unless told. Never for this machine.
+class DesktopProxies : public QNetworkProxyFactory {
+ public:
+  QList<QNetworkProxy> queryProxy(const QNetworkProxyQuery& query) override {
+    const QHostAddress address(query.peerHostName());
+    if (address.isLoopback() || query.peerHostName() == QLatin1String("localhost"))
+      return {QNetworkProxy::NoProxy};
+    return systemProxyForQuery(query);
+  }
+};
+
 const QString kEnabledKey = QStringLiteral("updateCheckEnabled");
 
 // Each piece a signed base-10 integer within 64 bits; a piece that is anything else is dropped.
@@ -42,7 +56,9 @@ UpdateChecker::UpdateChecker(QObject* parent)
 UpdateChecker::UpdateChecker(const QUrl& baseUrl, const QString& currentVersion, QObject* parent)
     : QObject(parent),
       versionCheckUrl_(baseUrl.resolved(QUrl(QStringLiteral("/version.json")))),
-      currentVersion_(currentVersion.isEmpty() ? QStringLiteral("0") : currentVersion) {}
+      currentVersion_(currentVersion.isEmpty() ? QStringLiteral("0") : currentVersion) {
+  network_.setProxyFactory(new DesktopProxies);  // the manager owns it
+}
 
 QString UpdateChecker::currentAppVersion() { return QString::fromLatin1(kAppVersion); }
 

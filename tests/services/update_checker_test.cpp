@@ -105,6 +105,13 @@ TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOfferedAndTransportErrors
   EXPECT_TRUE(server_.lastRequest().startsWith("GET /version.json HTTP/1.1\r\n"));
   EXPECT_TRUE(server_.lastRequest().toLower().contains("cache-control: no-cache"));
 
+  // The desktop's proxy carries the request: here the test's server, for a host that does not exist.
+  server_.respond(200, R"({"version":"9.0","url":"https://example.org/"})");
+  qputenv("http_proxy", server_.baseUrl().toString().toUtf8());
+  EXPECT_EQ(check("1.0", QUrl("http://updates.invalid")), nine);
+  qunsetenv("http_proxy");
+  EXPECT_TRUE(server_.lastRequest().startsWith("GET http://updates.invalid/version.json HTTP/1.1\r\n"));
+
   // No server: a sentence of the string tables, never Qt's English error.
   QTcpServer closed;
   ASSERT_TRUE(closed.listen(QHostAddress::LocalHost, 0));
