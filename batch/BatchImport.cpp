@@ -11,6 +11,8 @@
 #include <QPromise>
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
+#include <cerrno>
+#include <cstring>
 
 #include "batch/BatchSupport.h"
 #include "batch/BatchViewModel.h"
@@ -188,9 +190,14 @@ void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int inde
     } catch (...) {
       outcome.error = batchdetail::describeCurrentException(
           QString::fromStdString(ImageProcessingError::decodingFailed().description()));
-      // A file that reads but is none of the six formats is said to be so, and not retried.
+      // A file that reads but is none of the six formats is said to be so, and not retried; so
+      // is a folder, which the import does not enter.
+      struct stat st {};
       if (const auto foreign = foreignFormat(path)) {
         outcome.error = *foreign;
+        outcome.canRetry = false;
+      } else if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        outcome.error = QString::fromLocal8Bit(std::strerror(EISDIR));
         outcome.canRetry = false;
       }
     }

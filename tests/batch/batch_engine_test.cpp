@@ -39,13 +39,14 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   import({QUrl::fromLocalFile(dir_.filePath("pattern.png")), source("anim.gif", "GIF89a\x01\0\x01\0junk"),
           source("scan.bmp", "BM\x36\0\0\0junk"), source("notes.png", "this is not an image"),
           source("broken.png", "\x89PNG\r\n\x1a\n\0\0"), latin1URL, pipe,
-          QUrl::fromLocalFile(dir_.filePath("gone.png"))});
+          QUrl::fromLocalFile(dir_.filePath("gone.png")), QUrl::fromLocalFile(outFolder())});
   ASSERT_EQ(model.images().size(), 2u);
   auto image = model.images()[0];
   EXPECT_EQ(std::tuple(image->width(), image->height(), image->originalFormat()),
             std::tuple(64, 48, ImageFormat::png));
   // A format Quillane doesn't read says so, by name for the common ones, and offers no retry; a
-  // damaged file of one of the six keeps "could not decode" and its retry, a missing one says so.
+  // damaged file of one of the six keeps "could not decode" and its retry, a missing one says so,
+  // and so does a folder, without a retry.
   QStringList told;
   for (const ImportFailure& failure : model.importFailures())
     told << QString("%1 %2").arg(failure.canRetry).arg(failure.message);
@@ -54,7 +55,8 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
                          "0 BMP est un format que Quillane ne lit pas.", "0 Quillane ne lit pas ce format.",
                          "1 " + QString::fromStdString(ImageProcessingError::decodingFailed().description()),
                          "1 " + QString::fromStdString(ImageProcessingError::decodingFailed().description()),
-                         "1 " + QString::fromLocal8Bit(std::strerror(ENOENT))}));
+                         "1 " + QString::fromLocal8Bit(std::strerror(ENOENT)),
+                         "0 " + QString::fromLocal8Bit(std::strerror(EISDIR))}));
 
   ASSERT_TRUE(waitIdle(20000));
   ASSERT_TRUE(image->encodeState().isReady()) << image->encodeState().message.toStdString();
