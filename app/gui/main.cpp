@@ -37,6 +37,7 @@
 #include "app/gui/DesktopSession.h"
 #include "app/gui/LaunchArguments.h"
 #include "app/gui/QuillaneApp.h"
+#include "app/gui/StartupNotification.h"
 #include "automation/QuillaneBusClient.h"
 #include "automation/QuillaneBusService.h"
 #include "engine/FileIO.h"
@@ -197,6 +198,8 @@ int main(int argc, char** argv) {
   }
   const bool canShowWindow = !(service || background) || hasDisplay();
   waitForReplacedInstance();
+  // Qt takes the launcher's startup id out of the environment as its X11 connection opens.
+  const QByteArray startupId = qgetenv("DESKTOP_STARTUP_ID");
   std::unique_ptr<QCoreApplication> application;
   if (canShowWindow)
     application = std::make_unique<QApplication>(argc, argv);
@@ -221,7 +224,11 @@ int main(int argc, char** argv) {
     // One process owns the batch: hand over to it. Only if it can't be reached does this
     // launch carry on alone.
     const auto error = quillane::QuillaneBusClient::openOrActivate(connection, arguments.files);
-    if (!error) return 0;
+    if (!error) {
+      // This launch shows no window of its own: its launcher's busy pointer ends here.
+      quillane::StartupNotification::complete(startupId);
+      return 0;
+    }
     // An instance without a display gives its name up to a launch that has one: take over.
     if (!waitUntilNameIsFree(connection) || !bus.publish(connection))
       std::fprintf(stderr, "quillane: the running instance did not answer: %s\n",
