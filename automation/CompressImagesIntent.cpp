@@ -100,14 +100,17 @@ std::string CallerGoneError::description() const {
 
 namespace {
 
-// A file:// URL's local path; anything else is taken as a path as it is.
+// A path argument's file as a path: a file URL as the file it names, read as the launch reads
+// one.
 QString localPath(const QString& pathOrURL) {
-  if (pathOrURL.startsWith(QLatin1String("file:"))) return QUrl(pathOrURL).toLocalFile();
-  return pathOrURL;
+  return QFile::decodeName(QByteArray::fromStdString(localPathBytes(pathOrURL)));
 }
 
-// Refuses a path argument that is not absolute once a file:// URL is read.
+// Refuses a path argument that is not absolute once a file URL is read, and a URL of another
+// scheme or machine, which names no file here.
 void requireAbsolute(const char* argument, const QString& pathOrURL) {
+  if (isURLText(pathOrURL.toStdString()) && !localFileOfURL(pathOrURL.toUtf8()))
+    throw InvalidIntentArgumentError(argument, pathOrURL.toStdString());
   if (!QDir::isAbsolutePath(localPath(pathOrURL)))
     throw RelativePathArgumentError(argument, pathOrURL.toStdString());
 }
@@ -136,8 +139,9 @@ void createFolder(const std::string& folder) {
 }  // namespace
 
 std::string localPathBytes(const QString& pathOrURL) {
-  if (!pathOrURL.startsWith(QLatin1String("file:"))) return QFile::encodeName(pathOrURL).toStdString();
-  return localFilePath(QUrl(pathOrURL));
+  if (!isURLText(pathOrURL.toStdString())) return QFile::encodeName(pathOrURL).toStdString();
+  const std::optional<QUrl> file = localFileOfURL(pathOrURL.toUtf8());
+  return file ? localFilePath(*file) : std::string();
 }
 
 CompressImagesIntent CompressImagesIntent::fromArguments(const QStringList& files, const QString& format,
@@ -218,6 +222,12 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
   for (const std::string& path : inputs) {
     if (callerGone && callerGone()) throw CallerGoneError();
     const std::filesystem::path source = std::filesystem::absolute(path);
+    // A folder is not entered: said so, as the window's import says it.
+    std::error_code error;
+    if (std::filesystem::is_directory(source, error)) {
+      const std::filesystem::path named = source.has_filename() ? source : source.parent_path();
+      throw CompressionFailedError(named.filename().string(), std::strerror(EISDIR));
+    }
     const std::string folder = besideSources ? source.parent_path().string() : outputDirectory;
     auto allocator = allocators.try_emplace(folder, folder, inputs).first;
     // The name in bytes, so that one that is not UTF-8 keeps them.

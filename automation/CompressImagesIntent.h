@@ -121,9 +121,9 @@ struct CompressImagesIntent {
   QStringList perform(const std::function<bool()>& callerGone = {}) const;
 };
 
-// A path, or a file:// URL, as the file system's bytes: a URL's escapes are undone byte by byte,
-// so that a name that is not UTF-8 ("caf%E9.png", the only way a bus string can carry it) names
-// its file (localFilePath).
+// A path, or a file URL (isURLText, localFileOfURL), as the file system's bytes: a URL's escapes are undone
+// byte by byte, so that a name that is not UTF-8 ("caf%E9.png", the only way a bus string can carry it) names
+// its file (localFilePath). Empty for a URL of another scheme or machine.
 std::string localPathBytes(const QString& pathOrURL);
 
 }  // namespace quillane

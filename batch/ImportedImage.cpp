@@ -1,6 +1,7 @@
 #include "batch/ImportedImage.h"
 
 #include <QFileInfo>
+#include <cctype>
 
 namespace quillane {
 
@@ -11,6 +12,22 @@ std::string localFilePath(const QUrl& url) {
 
 QUrl localFileURL(const std::string& path) {
   return QUrl::fromEncoded("file://" + QByteArray::fromStdString(path).toPercentEncoding("/"));
+}
+
+bool isURLText(std::string_view argument) {
+  if (argument.starts_with("file:/")) return true;
+  const size_t colon = argument.find("://");
+  if (colon == std::string_view::npos || colon == 0 || !std::isalpha(uchar(argument[0]))) return false;
+  for (char c : argument.substr(0, colon))
+    if (!std::isalnum(uchar(c)) && c != '+' && c != '-' && c != '.') return false;
+  return true;
+}
+
+std::optional<QUrl> localFileOfURL(const QByteArray& argument) {
+  const QUrl url = QUrl::fromEncoded(argument);
+  if (!url.isValid() || !url.isLocalFile() || url.path().isEmpty()) return std::nullopt;
+  if (!url.host().isEmpty() && url.host() != QLatin1String("localhost")) return std::nullopt;
+  return QUrl::fromEncoded("file://" + url.path(QUrl::FullyEncoded).toLatin1());
 }
 
 const char* EncodeState::name() const {

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "engine/DecodedImage.h"
 #include "engine/ImageCompressor.h"
@@ -62,6 +63,13 @@ struct ImportFailure {
 std::string localFilePath(const QUrl& url);
 // The file URL of a path given as the file system's bytes, the reverse of localFilePath.
 QUrl localFileURL(const std::string& path);
+// Whether a file argument is written as a URL: a scheme (a letter, then letters, digits, "+",
+// "-" or ".") and "://", or "file:" and a path.
+bool isURLText(std::string_view argument);
+// A URL argument as the local file it names (file: of no host or "localhost", in any case);
+// nothing for another scheme or host. Its escapes are kept, so that a name that is not UTF-8
+// keeps its bytes.
+std::optional<QUrl> localFileOfURL(const QByteArray& argument);
 
 // What the latest result is beside the settings it was asked with: the quality encoded at
 // (lower than asked under a byte budget), its size in pixels (smaller when fitted), and,

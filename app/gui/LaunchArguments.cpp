@@ -1,10 +1,10 @@
 #include "app/gui/LaunchArguments.h"
 
 #include <array>
-#include <cctype>
 #include <optional>
 #include <string_view>
 
+#include "batch/ImportedImage.h"
 #include "services/Strings.h"
 
 namespace quillane {
@@ -37,26 +37,6 @@ QUrl fileURL(const QByteArray& argument, const QByteArray& workingFolder) {
   return QUrl::fromEncoded("file://" + path.toPercentEncoding("/"));
 }
 
-// Whether an argument is written as a URL: a scheme (a letter, then letters, digits, "+", "-"
-// or ".") and "://", or "file:" and a path.
-bool isURL(std::string_view argument) {
-  if (argument.starts_with("file:/")) return true;
-  const size_t colon = argument.find("://");
-  if (colon == std::string_view::npos || colon == 0 || !std::isalpha(uchar(argument[0]))) return false;
-  for (char c : argument.substr(0, colon))
-    if (!std::isalnum(uchar(c)) && c != '+' && c != '-' && c != '.') return false;
-  return true;
-}
-
-// A URL argument as the local file it names; nothing for another scheme or host. Its
-// escapes are kept, so that a name that is not UTF-8 keeps its bytes.
-std::optional<QUrl> localFile(const QByteArray& argument) {
-  const QUrl url = QUrl::fromEncoded(argument);
-  if (!url.isValid() || !url.isLocalFile() || url.path().isEmpty()) return std::nullopt;
-  if (!url.host().isEmpty() && url.host() != QLatin1String("localhost")) return std::nullopt;
-  return QUrl::fromEncoded("file://" + url.path(QUrl::FullyEncoded).toLatin1());
-}
-
 }  // namespace
 
 LaunchArguments LaunchArguments::parse(int argc, const char* const* argv, const QByteArray& workingFolder) {
@@ -67,9 +47,9 @@ LaunchArguments LaunchArguments::parse(int argc, const char* const* argv, const 
     const std::string_view argument(argv[i]);
     if (optionsEnded || argument.empty() || argument[0] != '-' || argument == "-") {
       const QByteArray bytes(argv[i]);
-      if (!isURL(argument)) {
+      if (!isURLText(argument)) {
         result.files.append(fileURL(bytes, workingFolder));
-      } else if (const std::optional<QUrl> file = localFile(bytes)) {
+      } else if (const std::optional<QUrl> file = localFileOfURL(bytes)) {
         result.files.append(*file);
       } else {
         result.notLocal.append(bytes);

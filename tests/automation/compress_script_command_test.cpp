@@ -13,6 +13,8 @@
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <QUrl>
+#include <cerrno>
+#include <cstring>
 
 #include "automation/CompressImagesIntent.h"
 #include "automation/CompressScriptCommand.h"
@@ -224,6 +226,9 @@ TEST_F(CompressCommand, DesktopActionRefusalsAreNamedBusErrorsAndKeepWhatWasWrit
       // Relative to wherever the service runs (often /): never taken.
       {{"in/a.png"}, e, invalid, "Chemin relatif refusé pour files : in/a.png"},
       {{a}, {{"outputFolder", "out/e"}}, invalid, "outputFolder : out/e"},
+      // A URL names a local file or none: another machine's is not taken as ours.
+      {{"file://elsewhere" + a}, e, invalid, "files : file://elsewhere/"},
+      {{"https://example.org/a.png"}, e, invalid, "files : https://example.org/a.png"},
       {{a}, with({{"profile", "Nope"}}), bus + "ProfileNotFound", "Profil introuvable : Nope"},
       {{a}, {{"outputFolder", out("blocker/sub")}}, bus + "OutputFolder", "blocker/sub"},
       {{a, temp_.filePath("in/gone.png"), b},
@@ -234,6 +239,10 @@ TEST_F(CompressCommand, DesktopActionRefusalsAreNamedBusErrorsAndKeepWhatWasWrit
        {{"outputFolder", out("bad")}},
        bus + "CompressionFailed",
        "notes.png : Impossible de décoder"},
+      {{temp_.filePath("in/sub/")},
+       {{"outputFolder", out("bad")}},
+       bus + "CompressionFailed",
+       "de sub : " + QString::fromLocal8Bit(std::strerror(EISDIR))},
       {{a}, with({{"maxWidth", "wide"}}), invalid, "maxWidth"},
       {{a}, with({{"colour", 1}}), invalid, "colour"},
       {{a}, with({{"quality", "high"}}), invalid, "quality : high"},
@@ -258,6 +267,13 @@ TEST_F(CompressCommand, DesktopActionRefusalsAreNamedBusErrorsAndKeepWhatWasWrit
             bus + "CallerGone");
   EXPECT_EQ(QuillaneBusService::errorFor(std::make_exception_ptr(std::bad_alloc())).first,
             "org.freedesktop.DBus.Error.Failed");
+
+  // A file URL is read as the launch reads it, in any case and of this machine by name.
+  EXPECT_EQ(CompressImagesIntent::fromOptions({"FILE://localhost" + a}, {{"outputFolder", out("url")}})
+                .perform()
+                .join(",")
+                .toStdString(),
+            out("url/a.jpg").toStdString());
 
   // A JPEG at 95 grows at 100: kept, and left out of the outputs.
   EXPECT_TRUE(
