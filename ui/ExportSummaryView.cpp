@@ -22,6 +22,8 @@ namespace {
 const QString kService = QStringLiteral("org.freedesktop.Notifications");
 const QString kPath = QStringLiteral("/org/freedesktop/Notifications");
 const QString kShowAction = QStringLiteral("show-in-folder");
+// The action of a click on the notification itself.
+const QString kDefaultAction = QStringLiteral("default");
 // More names than this are cut short: the banner is a summary, the history has them all.
 constexpr int kMaxNames = 8;
 
@@ -125,6 +127,7 @@ void ExportSummaryView::sendNotification(const QStringList& lines) {
   QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, kService, QStringLiteral("Notify"));
   QStringList actions;
   if (!written_.isEmpty()) actions = {kShowAction, Strings::text("intents.notification.showInFolder")};
+  actions << kDefaultAction << QStringLiteral("Quillane");
   QVariantMap hints;
   hints.insert(QStringLiteral("desktop-entry"), QStringLiteral("com.quillane.Quillane"));
   // app_name, replaces_id (the last summary's), app_icon, summary, body, actions, hints, expire_timeout
@@ -132,9 +135,12 @@ void ExportSummaryView::sendNotification(const QStringList& lines) {
        << Strings::text("export.summary.title") << lines.join(QLatin1Char('\n')) << actions << hints
        << int(-1);
   // Listening before the notification exists, so that no answer is missed.
-  if (!listening_)
+  if (!listening_) {
     listening_ = bus.connect(kService, kPath, kService, QStringLiteral("ActionInvoked"), this,
                              SLOT(notificationAction(uint, QString)));
+    bus.connect(kService, kPath, kService, QStringLiteral("ActivationToken"), this,
+                SLOT(notificationActivationToken(uint, QString)));
+  }
   // Asynchronous: a slow or missing service never holds the window.
   auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call), this);
   connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* done) {
@@ -145,8 +151,20 @@ void ExportSummaryView::sendNotification(const QStringList& lines) {
 }
 
 void ExportSummaryView::notificationAction(uint id, const QString& action) {
-  if (id != 0 && id == notificationId_ && action == kShowAction && !written_.isEmpty() && showFiles_)
-    showFiles_(written_);
+  if (id == 0 || id != notificationId_) return;
+  if (action == kShowAction && !written_.isEmpty() && showFiles_) showFiles_(written_);
+  if (action == kDefaultAction) {
+    QWidget* shown = window();
+    shown->show();
+    shown->setWindowState((shown->windowState() & ~Qt::WindowMinimized) | Qt::WindowActive);
+    shown->raise();
+    shown->activateWindow();
+  }
+}
+
+void ExportSummaryView::notificationActivationToken(uint id, const QString& token) {
+  // Sent just before the action it allows: Wayland lets a window come forward with it.
+  if (id != 0 && id == notificationId_ && !token.isEmpty()) qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
 }
 
 }  // namespace quillane::ui

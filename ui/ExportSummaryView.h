@@ -4,7 +4,8 @@
 // original and the failures, with "Show in Folder" and a close button, both reached by Tab
 // (Escape closes it too). It blocks nothing and stays until closed or replaced by the next
 // export's. When the window is not the active one, the same news goes out as a desktop
-// notification (org.freedesktop.Notifications) whose "Show in Folder" action does the same.
+// notification (org.freedesktop.Notifications) whose "Show in Folder" action does the same,
+// and a click on which brings the window forward.
 // Screen readers meet it as a notification, named by its title and described by its lines, and
 // speak it as each export's summary comes to show.
 //
@@ -41,6 +42,8 @@ class ExportSummaryView : public QFrame {
  private slots:
   // The notification service's ActionInvoked signal.
   void notificationAction(uint id, const QString& action);
+  // Its ActivationToken signal, the window system's leave to come forward for the action.
+  void notificationActivationToken(uint id, const QString& token);
 
  private:
   void sendNotification(const QStringList& lines);

@@ -309,6 +309,13 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
   EXPECT_TRUE(QTest::qWaitFor([&] { return shown->shown.size() >= 2 || !service.send(chosen); }, 10000));
   ASSERT_GE(shown->shown.size(), 2);
   EXPECT_EQ(shown->shown.back(), written);
+  // A click on the notification itself brings the window forward.
+  EXPECT_TRUE(sink->calls("Notify")[ours].value(5).toStringList().contains("default"));
+  QDBusMessage clicked = QDBusMessage::createSignal("/org/freedesktop/Notifications",
+                                                    "org.freedesktop.Notifications", "ActionInvoked");
+  clicked << uint(ours + 1) << QString("default");
+  ASSERT_TRUE(service.send(clicked));
+  EXPECT_TRUE(QTest::qWaitForWindowActive(&window()));
   sink.reset();
   QDBusConnection::disconnectFromBus("notifications");
 
