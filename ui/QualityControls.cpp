@@ -1,6 +1,7 @@
 #include "ui/QualityControls.h"
 
 #include <QActionGroup>
+#include <QApplication>
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -59,16 +60,23 @@ QPushButton* makeLinkButton(const QString& text, QWidget* parent) {
 }
 
 void makeProminent(QPushButton* button) {
-  QPalette palette = button->palette();
-  // A disabled prominent button looks like any disabled button: the colours of that group are
-  // taken before the accent overwrites every group, or it would keep white text on the accent.
-  const QColor disabledButton = palette.color(QPalette::Disabled, QPalette::Button);
-  const QColor disabledText = palette.color(QPalette::Disabled, QPalette::ButtonText);
-  palette.setColor(QPalette::Button, palette.color(QPalette::Highlight));
-  palette.setColor(QPalette::ButtonText, palette.color(QPalette::HighlightedText));
-  palette.setColor(QPalette::Disabled, QPalette::Button, disabledButton);
-  palette.setColor(QPalette::Disabled, QPalette::ButtonText, disabledText);
-  button->setPalette(palette);
+  // Again on a switch between light and dark: from the parent's palette, as the button would
+  // have it without the accent, since the accent set on the button stays otherwise.
+  Icons::followPalette(button, [button] {
+    const QWidget* parent = button->parentWidget();
+    const QPalette base = parent ? parent->palette() : QApplication::palette(button);
+    QPalette palette = button->palette();
+    palette.setColor(QPalette::Button, base.color(QPalette::Highlight));
+    palette.setColor(QPalette::ButtonText, base.color(QPalette::HighlightedText));
+    // A disabled prominent button looks like any disabled button: the colours of that group are
+    // the parent's, or it would keep white text on the accent.
+    palette.setColor(QPalette::Disabled, QPalette::Button, base.color(QPalette::Disabled, QPalette::Button));
+    palette.setColor(QPalette::Disabled, QPalette::ButtonText,
+                     base.color(QPalette::Disabled, QPalette::ButtonText));
+    // As it is: setting it again would change the palette again, without end.
+    if (button->testAttribute(Qt::WA_SetPalette) && palette == button->palette()) return;
+    button->setPalette(palette);
+  });
   button->setAutoDefault(false);
 }
 

@@ -148,16 +148,20 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
   EXPECT_EQ(model_->quality(), 60);
   EXPECT_EQ(model_->outputFormat(), ImageFormat::webp);
 
-  // The desktop turns dark while the window is open: the bar's dimmed texts turn light too.
+  // The desktop turns dark while the window is open: the bar's dimmed texts turn light too, and
+  // Export takes the dark accent.
   const QPalette light = QApplication::palette();
   QPalette dark(QColor(0x3a, 0x3a, 0x3e), QColor(0x2b, 0x2b, 0x2e));
   dark.setColor(QPalette::WindowText, Qt::white);
+  dark.setColor(QPalette::Highlight, QColor(0x0a, 0x84, 0xff));
   QApplication::setPalette(dark);
   const QList<QLabel*> labels = bar().findChildren<QLabel*>();
   EXPECT_TRUE(QTest::qWaitFor([&] {
-    return std::all_of(labels.begin(), labels.end(), [](QLabel* label) {
-      return label->palette().color(QPalette::WindowText).rgb() == 0xffffffff;
-    });
+    return std::all_of(labels.begin(), labels.end(),
+                       [](QLabel* label) {
+                         return label->palette().color(QPalette::WindowText).rgb() == 0xffffffff;
+                       }) &&
+           exportButton()->palette().color(QPalette::Button) == dark.color(QPalette::Highlight);
   }));
   QApplication::setPalette(light);
 }
