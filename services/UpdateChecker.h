@@ -43,7 +43,7 @@ class UpdateChecker : public QObject {
   static constexpr int kTimeoutMs = 15000;
   // The document is two short keys: an answer longer than this is no version document, and is
   // not taken into memory whole (a server that never stops sending can't fill it).
-  static constexpr qint64 kMaxDocumentBytes = 64 * 1024;
+  static constexpr qint64 kMaxDocumentBytes = qint64{64} * 1024;
 
   // Checks https://QUILLANE_UPDATE_HOST/version.json against the version of this build.
   explicit UpdateChecker(QObject* parent = nullptr);

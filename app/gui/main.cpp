@@ -30,6 +30,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "QuillaneVersion.h"
@@ -128,6 +129,52 @@ void quitOnTerminationSignals(QObject* owner) {
   ::sigaction(SIGINT, &action, nullptr);
 }
 
+// The launches that open no window: URLs that are not local files are told, --compress runs
+// alone, and a launch without a display hands its files to a running window. Their status, or
+// nothing where the launch goes on to the window.
+std::optional<int> runWithoutWindow(const quillane::LaunchArguments& arguments, int& argc, char** argv) {
+  using Mode = quillane::LaunchArguments::Mode;
+  // Quillane reads local files only: another URL is told on stderr and the rest go on.
+  if (!arguments.notLocal.isEmpty()) {
+    quillane::QuillaneApp::describeApplication();
+    quillane::LanguageManager::installLookupReadOnly();
+    for (const QByteArray& url : arguments.notLocal) {
+      const QString message =
+          quillane::Strings::format("launch.error.notLocalFileFormat", QString::fromLocal8Bit(url));
+      std::fprintf(stderr, "quillane: %s\n", message.toLocal8Bit().constData());
+    }
+    if (arguments.mode == Mode::compress && arguments.files.isEmpty()) return 1;
+  }
+
+  if (arguments.mode == Mode::compress) {
+    // No window and no display needed.
+    QCoreApplication application(argc, argv);
+    quillane::QuillaneApp::describeApplication();
+    quillane::LanguageManager::installLookupReadOnly();
+    // As URLs, whose escapes keep the bytes of a name that is not UTF-8.
+    QStringList files;
+    for (const QUrl& file : arguments.files) files.append(file.toString(QUrl::FullyEncoded));
+    return quillane::runCompressLaunch(files);
+  }
+
+  if (arguments.mode != Mode::service && arguments.mode != Mode::background && !hasDisplay()) {
+    // No display to show a window on (a shell of another session, a service): the files can
+    // still go to a running instance's window; otherwise the launch says why it can't open one,
+    // where Qt would abort.
+    QCoreApplication application(argc, argv);
+    quillane::QuillaneApp::describeApplication();
+    quillane::LanguageManager::installLookupReadOnly();
+    const QDBusConnection connection = QDBusConnection::sessionBus();
+    if (quillane::QuillaneBusClient::isRunning(connection) &&
+        !quillane::QuillaneBusClient::openOrActivate(connection, arguments.files))
+      return 0;
+    std::fprintf(stderr, "quillane: %s\n",
+                 quillane::Strings::text("launch.error.noDisplay").toLocal8Bit().constData());
+    return 1;
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -156,46 +203,10 @@ int main(int argc, char** argv) {
   }
   raiseDescriptorLimit();
 
-  // Quillane reads local files only: another URL is told on stderr and the rest go on.
-  if (!arguments.notLocal.isEmpty()) {
-    quillane::QuillaneApp::describeApplication();
-    quillane::LanguageManager::installLookupReadOnly();
-    for (const QByteArray& url : arguments.notLocal) {
-      const QString message =
-          quillane::Strings::format("launch.error.notLocalFileFormat", QString::fromLocal8Bit(url));
-      std::fprintf(stderr, "quillane: %s\n", message.toLocal8Bit().constData());
-    }
-    if (arguments.mode == Mode::compress && arguments.files.isEmpty()) return 1;
-  }
-
-  if (arguments.mode == Mode::compress) {
-    // No window and no display needed.
-    QCoreApplication application(argc, argv);
-    quillane::QuillaneApp::describeApplication();
-    quillane::LanguageManager::installLookupReadOnly();
-    // As URLs, whose escapes keep the bytes of a name that is not UTF-8.
-    QStringList files;
-    for (const QUrl& file : arguments.files) files.append(file.toString(QUrl::FullyEncoded));
-    return quillane::runCompressLaunch(files);
-  }
+  if (const std::optional<int> status = runWithoutWindow(arguments, argc, argv)) return *status;
 
   const bool service = arguments.mode == Mode::service;
   const bool background = arguments.mode == Mode::background;
-  if (!service && !background && !hasDisplay()) {
-    // No display to show a window on (a shell of another session, a service): the files can
-    // still go to a running instance's window; otherwise the launch says why it can't open one,
-    // where Qt would abort.
-    QCoreApplication application(argc, argv);
-    quillane::QuillaneApp::describeApplication();
-    quillane::LanguageManager::installLookupReadOnly();
-    const QDBusConnection connection = QDBusConnection::sessionBus();
-    if (quillane::QuillaneBusClient::isRunning(connection) &&
-        !quillane::QuillaneBusClient::openOrActivate(connection, arguments.files))
-      return 0;
-    std::fprintf(stderr, "quillane: %s\n",
-                 quillane::Strings::text("launch.error.noDisplay").toLocal8Bit().constData());
-    return 1;
-  }
   const bool canShowWindow = !(service || background) || hasDisplay();
   waitForReplacedInstance();
   // Qt takes the launcher's startup id out of the environment as its X11 connection opens.

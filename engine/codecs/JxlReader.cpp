@@ -256,7 +256,7 @@ DecodedImage decodeJxl(ByteSource& source, int minLongSide) {
   JxlDecoderPtr decoder = makeDecoder(feed, JXL_DEC_BASIC_INFO | JXL_DEC_COLOR_ENCODING | JXL_DEC_FULL_IMAGE);
   JxlBasicInfo info{};
   bool haveInfo = false;
-  std::vector<uint8_t> icc, originalICC;
+  std::vector<uint8_t> icc;
   bool xyb = false;
   ProfileConversion converting;
   CodePoints highDynamicRange;
@@ -278,9 +278,10 @@ DecodedImage decodeJxl(ByteSource& source, int minLongSide) {
         format = {grey ? 2u : 4u, wide ? JXL_TYPE_UINT16 : JXL_TYPE_UINT8, JXL_NATIVE_ENDIAN, 0};
         break;
       }
-      case JXL_DEC_COLOR_ENCODING:
+      case JXL_DEC_COLOR_ENCODING: {
         highDynamicRange = highDynamicRangeOf(decoder.get());
         icc = iccProfile(decoder.get(), JXL_COLOR_PROFILE_TARGET_DATA);
+        std::vector<uint8_t> originalICC;
         if (xyb) originalICC = iccProfile(decoder.get(), JXL_COLOR_PROFILE_TARGET_ORIGINAL);
         if (format.num_channels == 4 && !originalICC.empty() && originalICC != icc) {
           converting.conversion.emplace(icc, originalICC);
@@ -292,6 +293,7 @@ DecodedImage decodeJxl(ByteSource& source, int minLongSide) {
           }
         }
         break;
+      }
       case JXL_DEC_NEED_IMAGE_OUT_BUFFER: {
         if (!haveInfo) fail("JxlDecoderProcessInput: no basic info");
         AlphaInfo alpha = info.alpha_bits == 0       ? AlphaInfo::none
