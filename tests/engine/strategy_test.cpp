@@ -1,7 +1,6 @@
-// What the analyzer measures of a picture, the encoding the strategy plans from it, and the
-// cost model that keeps encodes within the allowance: plans that stay inside it, claims that
-// cover every plan, and writers that give a consumed picture back without changing a byte of
-// what they write.
+// What the analyzer measures of a picture, the encoding the strategy plans from it, the cost model
+// that keeps encodes within the allowance, and writers that give a consumed picture back without
+// changing a byte of what they write.
 
 #include <gtest/gtest.h>
 
@@ -149,8 +148,7 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   EXPECT_EQ(png(5.99, false, 70).alternative, Mode::lossless());
   EXPECT_EQ(png(6.0, true, 90).alternative, Mode::lossy(90)) << "lossless main: the palette competes";
 
-  // A lossless WebP is left out only where gradients, size and a modest lossy quality all say
-  // it loses.
+  // A lossless WebP is left out only where gradients, size and a modest lossy quality all say it loses.
   const auto mayWin = [](int width, double gradients, Mode lossy) {
     auto c = picture(ContentClass::screenText, width, 128);
     c.gradientFraction = gradients;
@@ -275,23 +273,20 @@ TEST(PageRelease, GivesBackOnlyWholePagesInsideTheRange) {
 TEST(ConsumingEncoders, WriteTheSameBytes) {
   const DecodedImage photo = testing::texturedPhoto(800, 500);
   const DecodedImage withAlpha = testing::makeImage(800, 500, testing::Pattern::flatLogo, 1, true);
-  for (const ImageFormat format : {ImageFormat::jpeg, ImageFormat::heic, ImageFormat::avif}) {
+  const EncodingPlan lossy = testing::makePlan(EncodingPlan::Mode::lossy(80));
+  for (const ImageFormat format : {ImageFormat::jpeg, ImageFormat::heic, ImageFormat::avif})
     for (const DecodedImage* source : {&photo, &withAlpha}) {
       const bool alpha = source->alpha != AlphaInfo::none;
-      const EncodingPlan plan = testing::makePlan(EncodingPlan::Mode::lossy(80));
-      DecodedImage copy = *source;
-      EXPECT_EQ(NativeImageIOEncoder::encode(std::move(copy), alpha, format, plan),
-                NativeImageIOEncoder::encode(*source, alpha, format, plan))
+      EXPECT_EQ(NativeImageIOEncoder::encode(DecodedImage(*source), alpha, format, lossy),
+                NativeImageIOEncoder::encode(*source, alpha, format, lossy))
           << ImageFormats::label(format) << (alpha ? " with alpha" : "");
     }
-  }
   // JPEG XL: the opaque photo lossy (its samples copied without alpha), the logo lossless.
   for (const auto& [source, mode] : {std::pair{&photo, EncodingPlan::Mode::lossy(80)},
                                      std::pair{&withAlpha, EncodingPlan::Mode::lossless()}}) {
     const RGBABuffer rgba(*source);
     const EncodingPlan plan = testing::makePlan(mode, 0);
-    RGBABuffer copy = rgba;
-    EXPECT_EQ(JXLEncoder::encode(std::move(copy), rgba.hasAlpha, plan),
+    EXPECT_EQ(JXLEncoder::encode(RGBABuffer(rgba), rgba.hasAlpha, plan),
               JXLEncoder::encode(rgba, rgba.hasAlpha, plan));
   }
 }
