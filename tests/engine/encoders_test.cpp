@@ -387,25 +387,22 @@ std::string heicLayout(const Bytes& file) {
 }
 
 DecodedImage heifDecode(const Bytes& file) {
-  DecodedImage out;
+  const auto ok = [](heif_error e) { EXPECT_EQ(e.code, heif_error_Ok) << e.message; };
   CHandle<heif_context, heif_context_free> context(heif_context_alloc());
-  EXPECT_EQ(heif_context_read_from_memory_without_copy(context.get(), file.data(), file.size(), nullptr).code,
-            heif_error_Ok);
+  ok(heif_context_read_from_memory_without_copy(context.get(), file.data(), file.size(), nullptr));
   heif_image_handle* rawHandle = nullptr;
-  EXPECT_EQ(heif_context_get_primary_image_handle(context.get(), &rawHandle).code, heif_error_Ok);
+  ok(heif_context_get_primary_image_handle(context.get(), &rawHandle));
   CHandle<heif_image_handle, heif_image_handle_release> handle(rawHandle);
   heif_image* raw = nullptr;
-  EXPECT_EQ(
-      heif_decode_image(rawHandle, &raw, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr).code,
-      heif_error_Ok);
+  ok(heif_decode_image(rawHandle, &raw, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr));
   CHandle<heif_image, heif_image_release> rgba(raw);
-  int stride = 0;
-  const uint8_t* plane = heif_image_get_plane_readonly(raw, heif_channel_interleaved, &stride);
+  DecodedImage out;
   out.width = heif_image_get_width(raw, heif_channel_interleaved);
   out.height = heif_image_get_height(raw, heif_channel_interleaved);
-  for (int y = 0; y < out.height; ++y)
-    out.pixels8.insert(out.pixels8.end(), plane + size_t(y) * size_t(stride),
-                       plane + size_t(y) * size_t(stride) + size_t(out.width) * 4);
+  int stride = 0;
+  const uint8_t* row = heif_image_get_plane_readonly(raw, heif_channel_interleaved, &stride);
+  for (int y = 0; y < out.height; ++y, row += stride)
+    out.pixels8.insert(out.pixels8.end(), row, row + size_t(out.width) * 4);
   return out;
 }
 
