@@ -1,7 +1,6 @@
 #pragma once
-// Helpers for the local API tests: blocking socket clients run off the GUI thread while the
-// GUI thread keeps its event loop turning (the router needs it); a log of listener states;
-// a settings sandbox, and a real BatchViewModel behind a real server with a fast fake encoder.
+// Blocking clients run off the GUI thread while its loop turns (the router needs it), a log of listener
+// states, a settings sandbox, and a real BatchViewModel behind a real server with a fast fake encoder.
 
 #include <gtest/gtest.h>
 
@@ -14,11 +13,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <atomic>
-#include <chrono>
 #include <future>
 #include <mutex>
 #include <semaphore>
-#include <vector>
 
 #include "api/LocalAPIRouter.h"
 #include "api/LocalAPIServer.h"
@@ -84,11 +81,9 @@ class ApiSandbox : public ::testing::Test {
     JSONFileStore::setFolderForTesting(QString());
     qputenv("XDG_CONFIG_HOME", savedConfig_);
   }
-  // GET /v1/status on `port` with `token` (by default the stored one, made if there is none).
-  static int statusCode(int port, const std::optional<std::string>& token = std::nullopt) {
-    std::string request =
-        buildRequest("GET", "/v1/status", token ? token : LocalAPISettings::token().toStdString());
-    return offThread([&] { return httpExchange(port, request); }).status;
+  // GET /v1/status on `port` with `token`.
+  static int statusCode(int port, const std::string& token) {
+    return offThread([&] { return httpExchange(port, buildRequest("GET", "/v1/status", token)); }).status;
   }
 
   QTemporaryDir dir_;
