@@ -49,13 +49,12 @@ class StateLog {
   // Waits for the `index`-th state (0-based); a failed one with port 0 if none came.
   LocalAPIListenerState waitFor(size_t index) {
     LocalAPIListenerState found{LocalAPIListenerState::Kind::failed, "no state reported", 0};
-    (void)QTest::qWaitFor(
-        [&] {
-          std::lock_guard lock(mutex_);
-          if (index < states_.size()) found = states_[index];
-          return index < states_.size();
-        },
-        10000);
+    const auto arrived = [&] {
+      std::lock_guard lock(mutex_);
+      if (index < states_.size()) found = states_[index];
+      return index < states_.size();
+    };
+    (void)QTest::qWaitFor(arrived, 10000);
     return found;
   }
   void clear() {
@@ -160,14 +159,13 @@ class RouterFixture : public ApiSandbox {
   }
 
   bool waitUntilSettled() {
-    return QTest::qWaitFor(
-        [&] {
-          if (model_->isEncoding() || model_->hasPendingRecompute()) return false;
-          for (const auto& image : model_->images())
-            if (image->encodeState().isEncoding()) return false;
-          return true;
-        },
-        30000);
+    const auto settled = [&] {
+      if (model_->isEncoding() || model_->hasPendingRecompute()) return false;
+      for (const auto& image : model_->images())
+        if (image->encodeState().isEncoding()) return false;
+      return true;
+    };
+    return QTest::qWaitFor(settled, 30000);
   }
 
   std::string token_;
