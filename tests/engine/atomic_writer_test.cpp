@@ -1,6 +1,4 @@
-// The one atomic writer: a link planted at the destination is replaced, not followed, and
-// nothing else that is not a file is; the longest names a folder takes work; a private
-// output stays private; temporaries left by a killed writer go once nobody holds them.
+// The one atomic writer, against whatever is already at or beside its destination.
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -10,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <string>
 
@@ -51,19 +50,16 @@ TEST_F(AtomicWriter, ReplacesALinkAtTheDestinationAndTakesTheLongestNames) {
   EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 3) << "no temporary left";
 }
 
-// A pipe, a socket, a folder or a device where the file was to go is not ours: each is
-// refused and left as it was (as root, /dev/null was once replaced by a regular file). A failure
-// names the folder or the destination: the reason alone ("No such file or directory") would not
-// say which.
+// A pipe, a socket, a folder or a device where the file was to go is not ours: each is refused and left as it
+// was (as root, /dev/null was once replaced by a regular file). A failure names the folder or the
+// destination: the reason alone ("No such file or directory") would not say which.
 TEST_F(AtomicWriter, OnlyAFileOrALinkIsReplacedAndAFailureNamesItsPlace) {
   ASSERT_EQ(::mkfifo((dir_ + "/pipe.jpg").c_str(), 0644), 0);
   fs::create_directories(dir_ + "/folder.jpg/inside");  // a folder in the file's place, even for root
   const int sock = ::socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  const std::string socketPath = dir_ + "/socket.jpg";
-  ASSERT_LT(socketPath.size(), sizeof address.sun_path);
-  std::copy(socketPath.begin(), socketPath.end(), address.sun_path);
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", (dir_ + "/socket.jpg").c_str());
   ASSERT_EQ(::bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   std::vector<std::string> names = {"pipe.jpg", "folder.jpg", "socket.jpg"};
   if (::mknod((dir_ + "/null.jpg").c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0) names.push_back("null.jpg");

@@ -1,9 +1,8 @@
-// Bad input. Truncated files of every format fail with decodingFailed (or decode), never
-// crash, hang or print; files whose headers or boxes say they cannot be read are refused
-// before any pixel memory. Small files that claim huge pictures, or huge work, and inputs that
-// are not files at all each run in a child process under the limit they are about (1 GB of
-// address space, a CPU-time limit, an alarm), so that a regression is an exit code, not a
-// machine out of memory or a hung test.
+// Bad input. Truncated files of every format fail with decodingFailed (or decode), never crash, hang or
+// print; files whose headers or boxes say they cannot be read are refused before any pixel memory. Small
+// files that claim huge pictures, or huge work, and inputs that are not files at all each run in a child
+// process under the limit they are about (1 GB of address space, CPU time, an alarm), so that a regression
+// is an exit code, not a machine out of memory or a hung test.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -40,9 +39,8 @@ namespace {
 
 using fixtures::Bytes;
 
-// Flipped, dropped and repeated bytes of the same kinds of files are the image_fuzz_* tests'
-// subject (fuzz/); here every cut in the headers: only decodingFailed may escape any reading
-// entry point, and every reader stays silent.
+// Flipped, dropped and repeated bytes are the image_fuzz_* tests' subject (fuzz/); here every cut in the
+// headers: only decodingFailed may escape any reading entry point, and every reader stays silent.
 TEST(DamagedFiles, TruncatedFilesOnlyEverFailCleanlyAndSilently) {
   const DecodedImage picture = testing::makeImage(40, 28, testing::Pattern::photo, 7, true);
   const std::pair<const char*, Bytes> samples[] = {
@@ -63,10 +61,9 @@ TEST(DamagedFiles, TruncatedFilesOnlyEverFailCleanlyAndSilently) {
   for (const auto& [name, file] : samples) {
     EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(file)) << name;
     // Every byte of the first 64 (headers), then 40 places spread over the rest.
-    std::vector<size_t> cuts;
+    std::vector<size_t> cuts = {file.size() - 1};
     for (size_t n = 0; n < std::min<size_t>(64, file.size()); ++n) cuts.push_back(n);
     for (int i = 1; i < 40; ++i) cuts.push_back(file.size() * size_t(i) / 40);
-    cuts.push_back(file.size() - 1);
     for (size_t n : cuts) {
       SCOPED_TRACE(std::string(name) + " cut at " + std::to_string(n));
       const std::span<const uint8_t> cut = std::span(file).first(n);
@@ -89,15 +86,12 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
   struct Refused {
     std::string name;
     Bytes file;
-    Why why;
+    Why why = codedLargerThanDeclared;
   };
   Bytes jpeg = fixtures::jpeg(fixtures::quadrants(8, 8));
-  for (size_t i = 2; i + 9 < jpeg.size(); ++i)
-    if (jpeg[i] == 0xFF && jpeg[i + 1] == 0xC0) {  // SOF0: length, precision, height, width
-      jpeg[i + 5] = jpeg[i + 7] = 0xEA;
-      jpeg[i + 6] = jpeg[i + 8] = 0x60;
-      break;
-    }
+  const uint8_t sof0[] = {0xFF, 0xC0};  // then length, precision, height, width
+  const auto sof = std::search(jpeg.begin(), jpeg.end(), std::begin(sof0), std::end(sof0));
+  sof[5] = sof[7] = 0xEA, sof[6] = sof[8] = 0x60;
   std::vector<Refused> files = {
       // Their headers read, but such pictures can never be encoded.
       {"100000 x 100000", fixtures::starvedPng(100'000, 100'000, 8, 1000, false), tooLarge},
@@ -111,9 +105,8 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
       {"BMP",
        {'B', 'M', 58, 0, 0, 0, 0, 0, 0, 0, 54, 0, 0, 0, 40, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 24, 0},
        notOurFormat}};
-  // HEIC and AVIF files that declare 12 x 16 for a picture coded at 256 x 256: the same lie at
-  // 16384 x 16384 took 900 MB to inspect. Honest files of odd sizes read: their coded pictures
-  // are whole blocks larger.
+  // HEIC and AVIF files that declare 12 x 16 for a picture coded at 256 x 256: the same lie at 16384 x 16384
+  // took 900 MB to inspect. Honest files of odd sizes read: their coded pictures are whole blocks larger.
   using Writer = std::function<Bytes(const DecodedImage&)>;
   const std::pair<const char*, Writer> writers[] = {
       {"HEVC", [](const DecodedImage& i) { return fixtures::heic(i, {.quality = 40, .alpha = false}); }},
@@ -130,8 +123,7 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
        }}};
   for (const auto& [name, write] : writers) {
     EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(write(fixtures::quadrants(37, 21)))) << name;
-    files.push_back({name, fixtures::withDeclaredSize(write(fixtures::quadrants(256, 256)), 12, 16),
-                     codedLargerThanDeclared});
+    files.push_back({name, fixtures::withDeclaredSize(write(fixtures::quadrants(256, 256)), 12, 16)});
   }
   // Grids that declare 12 x 16 for honest cells that make 128 x 128.
   const Bytes cell = fixtures::heic(fixtures::quadrants(64, 64), {.quality = 40, .alpha = false});
@@ -143,14 +135,13 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
         grid[at + 11] = 12, grid[at + 15] = 16;
     return grid;
   };
-  files.push_back({"grid of honest cells", understated(false), codedLargerThanDeclared});
+  files.push_back({"grid of honest cells", understated(false)});
   // An overlay of honest cells on a canvas of 8000 x 8000, declared 128 x 128: libheif
   // drew it at 8000 x 8000 (at 30000 x 30000 it crashed).
   EXPECT_NO_THROW(ImageDecoder::decodeCGImageSource(
       fixtures::grid(cell, 2, 2, {.overlayWidth = 128, .overlayHeight = 128})));
   files.push_back({"overlay on a larger canvas",
-                   fixtures::grid(cell, 2, 2, {.overlayWidth = 8000, .overlayHeight = 8000}),
-                   codedLargerThanDeclared});
+                   fixtures::grid(cell, 2, 2, {.overlayWidth = 8000, .overlayHeight = 8000})});
   // An honest overlay whose first cell is of an unknown type: libheif asserted on it. Its list of
   // cells in a box of a 64-bit size, and counted one too many, libheif reads too (the four to the end).
   for (const int large : {0, 1}) {
@@ -159,9 +150,9 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
     Bytes file = fixtures::grid(cell, 2, 2,
                                 {.overlayWidth = 128, .overlayHeight = 128, .largeReference = bool(large)});
     std::search(file.begin(), file.end(), std::begin("hvc1"), std::end("hvc1") - 1)[3] = '2';
-    files.push_back({name, file, codedLargerThanDeclared});
+    files.push_back({name, file});
     std::search(file.begin(), file.end(), std::begin("dimg"), std::end("dimg") - 1)[7 + 8 * large] = 5;
-    files.push_back({name + ", miscounted", file, codedLargerThanDeclared});
+    files.push_back({name + ", miscounted", file});
   }
   // Cells decoded whole however little of them the picture shows: 64 x 64 cells declared
   // 12000 x 12000 (24000 x 24000), four times 144 megapixels in an overlay of 16 x 16 and one
@@ -176,24 +167,21 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
       {"grid of a cell beyond the limit",
        fixtures::grid(fixtures::withDeclaredSize(cell, 24000, 24000), 1, 1, {.width = 16, .height = 16}),
        tooLarge});
-  // 16384 x 16384 at 10 bits (by its configuration), 2 GiB as 16-bit RGBA: libheif sizes that
-  // in an int.
+  // 16384 x 16384 at 10 bits (by its configuration), 2 GiB as 16-bit RGBA: libheif sizes that in an int.
   Bytes deep = fixtures::withDeclaredSize(
       fixtures::heic(fixtures::quadrants(64, 64), {.quality = 40, .alpha = false}), 16384, 16384);
   std::search(deep.begin(), deep.end(), std::begin("hvcC"), std::end("hvcC") - 1)[4 + 17] |= 2;
   files.push_back({"16-bit picture of 268 megapixels", deep, tooLarge});
   // Located a second time, at a 1 x 1 grid: libheif reads the first location, so a reader that
   // kept the last would check the wrong grid.
-  files.push_back({"grid located twice", understated(true), codedLargerThanDeclared});
+  files.push_back({"grid located twice", understated(true)});
   // Followed by the same item information declaring it 1 x 1: libheif reads the last.
-  files.push_back(
-      {"grid described twice", fixtures::grid(cell, 2, 2, {.secondMeta = true}), codedLargerThanDeclared});
+  files.push_back({"grid described twice", fixtures::grid(cell, 2, 2, {.secondMeta = true})});
   // Its item locations claiming 2-byte base offsets, a size libheif reads as none: a reader
   // that took 2 bytes would miss the grid's data and so its size.
   Bytes grid = understated(false);
-  const auto iloc = std::search(grid.begin(), grid.end(), std::begin("iloc"), std::end("iloc") - 1);
-  iloc[9] = 0x20;
-  files.push_back({"grid located in fields of an unknown size", grid, codedLargerThanDeclared});
+  std::search(grid.begin(), grid.end(), std::begin("iloc"), std::end("iloc") - 1)[9] = 0x20;
+  files.push_back({"grid located in fields of an unknown size", grid});
 
   testing::TempDir dir;
   for (const auto& [name, file, why] : files) {
@@ -247,10 +235,9 @@ constexpr rlim_t kOneGigabyte = 1ull << 30;
 // the end: each copy walks every block of the picture again.
 Bytes scanBomb(int size, int copies) {
   Bytes file = fixtures::jpeg(fixtures::quadrants(size, size), {.quality = 80, .progressive = true});
-  size_t lastScan = 0;
-  for (size_t i = 0; i + 1 < file.size(); ++i)
-    if (file[i] == 0xFF && file[i + 1] == 0xDA) lastScan = i;
-  const Bytes scan(file.begin() + std::ptrdiff_t(lastScan), file.end() - 2);  // up to EOI
+  const uint8_t sos[] = {0xFF, 0xDA};
+  const Bytes scan(std::find_end(file.begin(), file.end(), std::begin(sos), std::end(sos)),
+                   file.end() - 2);  // up to EOI
   Bytes bomb(file.begin(), file.end() - 2);
   for (int i = 0; i < copies; ++i) bomb.insert(bomb.end(), scan.begin(), scan.end());
   bomb.insert(bomb.end(), {0xFF, 0xD9});
@@ -273,8 +260,7 @@ void expectInChild(int resource, rlim_t limit, const std::function<bool()>& body
   EXPECT_EXIT((setrlimit(resource, &r), alarm(120), _exit(body() ? 0 : 1)), ::testing::ExitedWithCode(0), "");
 }
 
-class Bombs : public ::testing::Test {
- protected:
+struct Bombs : ::testing::Test {
   testing::TempDir dir;
 };
 
@@ -387,10 +373,9 @@ TEST_F(Bombs, TextChunksAreNeverInflated) {
 
 // Bytes this process has read from files and pipes so far.
 uint64_t bytesRead() {
-  std::ifstream io("/proc/self/io");
-  std::string key;
+  std::string key;  // "rchar:", the first line's
   uint64_t rchar = 0;
-  io >> key >> rchar;
+  std::ifstream("/proc/self/io") >> key >> rchar;
   return rchar;
 }
 
@@ -454,19 +439,19 @@ TEST_F(Bombs, InspectionStaysUnderOneGigabyteAndReadsWhatItNeeds) {
   }
 }
 
-// Every codec with a hook stops on a raised flag with Cancelled, never with a failure that a
-// fallback would take for its cue (the sanitizer build checks that nothing it held leaks), and
-// works again once the scope has ended. A flag raised while libjxl is at work (a newer result
-// while its distance is measured, a quit during an encode) ends the call with a result or the
-// cancellation error, wherever in the call it lands: libjxl aborts the process on a failed work
-// item in some of its passes.
+// Every codec with a hook stops on a raised flag with Cancelled, never with a failure that a fallback would
+// take for its cue (the sanitizer build checks that nothing it held leaks), and works again once the scope
+// has ended. A flag raised while libjxl is at work (a newer result while its distance is measured, a quit
+// during an encode) ends the call with a result or the cancellation error, wherever in the call it lands:
+// libjxl aborts the process on a failed work item in some of its passes.
 TEST(Cancellation, ARaisedFlagStopsEachHookedCodecAndNeverAbortsLibjxlWhereverItLands) {
   using Mode = EncodingPlan::Mode;
   const DecodedImage photo = testing::makeImage(400, 300, testing::Pattern::photo, 6);
   const Bytes png = fixtures::png(photo), jpeg = fixtures::jpeg(photo, {.progressive = true}),
               jxl = fixtures::jxl(photo, {.lossless = false}), webp = fixtures::webp(photo);
   const RGBABuffer rgba = testing::makeBuffer(400, 300, testing::Pattern::photo, 6, true);
-  const ImageCharacteristics withAlpha{.hasAlpha = true};
+  const EncodingPlan lossy = testing::makePlan(Mode::lossy(80)),
+                     lossless = testing::makePlan(Mode::lossless());
   const auto decode = [](const Bytes& file) {
     return [&file] { return !ImageDecoder::decodeCGImageSource(file).image.empty(); };
   };
@@ -478,16 +463,12 @@ TEST(Cancellation, ARaisedFlagStopsEachHookedCodecAndNeverAbortsLibjxlWhereverIt
       {"PNG decode", decode(png)},
       {"JPEG decode", decode(jpeg)},
       {"WebP decode", decode(webp)},
-      {"WebP lossy",
-       [&] { return !WebPEncoder::encode(rgba, testing::makePlan(Mode::lossy(80)), withAlpha).empty(); }},
-      {"WebP lossless",
-       [&] { return !WebPEncoder::encode(rgba, testing::makePlan(Mode::lossless()), withAlpha).empty(); }},
-      {"PNG palette",
-       [&] { return !PNGQuantEncoder::encodePalette(rgba, testing::makePlan(Mode::lossy(80))).empty(); }},
+      {"WebP lossy", [&] { return !WebPEncoder::encode(rgba, lossy, {.hasAlpha = true}).empty(); }},
+      {"WebP lossless", [&] { return !WebPEncoder::encode(rgba, lossless, {.hasAlpha = true}).empty(); }},
+      {"PNG palette", [&] { return !PNGQuantEncoder::encodePalette(rgba, lossy).empty(); }},
       // The palette's failure must not fall back to truecolour once cancelled.
-      {"PNG", [&] { return !PNGQuantEncoder::encode(rgba, testing::makePlan(Mode::lossy(80))).empty(); }},
-      {"PNG truecolour",
-       [&] { return !PNGQuantEncoder::encodeLossless(rgba, testing::makePlan(Mode::lossless())).empty(); }},
+      {"PNG", [&] { return !PNGQuantEncoder::encode(rgba, lossy).empty(); }},
+      {"PNG truecolour", [&] { return !PNGQuantEncoder::encodeLossless(rgba, lossless).empty(); }},
   };
   std::atomic<bool> raised{true};
   for (const auto& [name, call] : calls) {
@@ -530,10 +511,9 @@ TEST(Cancellation, ARaisedFlagStopsEachHookedCodecAndNeverAbortsLibjxlWhereverIt
   EXPECT_TRUE(ImageDecoder::decodeCGImageSource(noisy).image.pixels8 == *reference);
 }
 
-// WebP's lossless main encoding with a lossy try first: a flat graphic (half flat, half a gentle
-// ramp) at quality 70, where the lossless one cannot win. engine_tests links with
-// --wrap=WebPEncode, so that each call's mode is seen and the lossy one can be made to fail or
-// be cancelled from inside libwebp.
+// WebP's lossless main encoding with a lossy try first: a flat graphic (half flat, half a gentle ramp) at
+// quality 70, where the lossless one cannot win. engine_tests links with --wrap=WebPEncode, so that each
+// call's mode is seen and the lossy one can be made to fail or be cancelled from inside libwebp.
 struct WebPEncodeSpy {
   std::vector<int> lossless{};                 // config->lossless of each call
   Cancellation::Flag* raiseOnLossy = nullptr;  // raised as the lossy encode starts

@@ -23,38 +23,21 @@ using testing::pixelAt;
 
 constexpr int kW = 48, kH = 32;
 
-// The picture is the quadrants() picture of kW x kH shown under `orientation`: each
-// displayed corner (top left, top right, bottom left, bottom right) shows the stored quarter
-// of this table.
+// The picture is the quadrants() picture of kW x kH shown under `orientation`: its corners, in Corner order
+// (0 top left, 1 top right, 2 bottom left, 3 bottom right), show the stored quarters this table lists.
 void expectUpright(const DecodedImage& image, int orientation) {
-  using C = Corner;
-  const Corner seen[9][4] = {
-      {},
-      {C::topLeft, C::topRight, C::bottomLeft, C::bottomRight},
-      {C::topRight, C::topLeft, C::bottomRight, C::bottomLeft},
-      {C::bottomRight, C::bottomLeft, C::topRight, C::topLeft},
-      {C::bottomLeft, C::bottomRight, C::topLeft, C::topRight},
-      {C::topLeft, C::bottomLeft, C::topRight, C::bottomRight},
-      {C::bottomLeft, C::topLeft, C::bottomRight, C::topRight},
-      {C::bottomRight, C::topRight, C::bottomLeft, C::topLeft},
-      {C::topRight, C::bottomRight, C::topLeft, C::bottomLeft},
-  };
+  const char* const seen[9] = {"", "0123", "1032", "3210", "2301", "0213", "2031", "3120", "1302"};
   const bool quarter = orientation >= 5;
   ASSERT_EQ(image.width, quarter ? kH : kW);
   ASSERT_EQ(image.height, quarter ? kW : kH);
   for (int i = 0; i < 4; ++i)
-    EXPECT_EQ(fixtures::quadrantAt(image, Corner(i)), int(seen[orientation][i]))
+    EXPECT_EQ(fixtures::quadrantAt(image, Corner(i)), seen[orientation][i] - '0')
         << "orientation " << orientation << ", displayed corner " << i;
 }
 
 TEST(Orientation, EachContainerIsTurnedOnceWhereverItStoresTheOrientation) {
   const auto picture = fixtures::quadrants(kW, kH);
-  struct Case {
-    std::string name;
-    fixtures::Bytes file;
-    int orientation;
-  };
-  std::vector<Case> cases = {
+  std::vector<std::tuple<std::string, fixtures::Bytes, int>> cases = {
       // eXIf after the image data: the header probe must still find it.
       {"png", fixtures::png(picture, {.orientation = 6, .exifAfterData = true}), 6},
       {"webp", fixtures::webp(picture, {.orientation = 3}), 3},
@@ -83,25 +66,23 @@ TEST(Orientation, EachContainerIsTurnedOnceWhereverItStoresTheOrientation) {
     EXPECT_EQ(outside->orientation, std::nullopt) << layout.type;
   }
   testing::TempDir dir;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const bool heic = c.name == "heic", quarter = c.orientation >= 5;
-    auto props = ImageService::properties(c.file);
+  for (const auto& [name, file, orientation] : cases) {
+    SCOPED_TRACE(name);
+    const bool heic = name == "heic", quarter = orientation >= 5;
+    auto props = ImageService::properties(file);
     ASSERT_TRUE(props);
     // Stated for the pipeline to apply, except where libheif already did (and reports the turned size).
-    EXPECT_EQ(props->orientation, heic ? std::nullopt : std::optional(c.orientation));
+    EXPECT_EQ(props->orientation, heic ? std::nullopt : std::optional(orientation));
     EXPECT_EQ(props->width, heic && quarter ? kH : kW);
-    expectUpright(decodeCGImageSource(c.file).image, c.orientation);
-    auto thumb = ImageService::thumbnail(c.file, 256);
-    ASSERT_TRUE(thumb);
-    expectUpright(*thumb, c.orientation);
-    // Inspection reports the size as shown, and its thumbnail upright; the content, not the
-    // name, decides the format.
-    const auto light = ImageDecoder::inspect(dir.write("picture.png", c.file));
-    EXPECT_EQ(light.format, ImageFormats::detect(c.file));
+    expectUpright(decodeCGImageSource(file).image, orientation);
+    expectUpright(ImageService::thumbnail(file, 256).value_or(DecodedImage{}), orientation);  // none: 0 x 0
+    // Inspection reports the size as shown, and its thumbnail upright; the content, not the name, decides
+    // the format.
+    const auto light = ImageDecoder::inspect(dir.write("picture.png", file));
+    EXPECT_EQ(light.format, ImageFormats::detect(file));
     EXPECT_EQ(light.pixelWidth, quarter ? kH : kW);
     EXPECT_EQ(light.pixelHeight, quarter ? kW : kH);
-    expectUpright(light.thumbnail, c.orientation);
+    expectUpright(light.thumbnail, orientation);
   }
 }
 
@@ -159,14 +140,13 @@ TEST(Thumbnails, ThumbnailsMadeWhileReadingMatchTheFullDecodeReduced) {
     for (int size : {64, 100, 300}) {
       SCOPED_TRACE(::testing::Message() << ImageFormats::rawValue(*ImageFormats::detect(file)) << " "
                                         << whole.width << " wide, thumbnail of " << size);
-      auto thumb = ImageService::thumbnail(file, size);
-      ASSERT_TRUE(thumb);
+      const DecodedImage thumb = ImageService::thumbnail(file, size).value_or(DecodedImage{});  // none: 0 x 0
       const DecodedImage full = Resample::fitWithin(whole, size);
-      ASSERT_EQ(thumb->width, full.width);
-      ASSERT_EQ(thumb->height, full.height);
+      ASSERT_EQ(thumb.width, full.width);
+      ASSERT_EQ(thumb.height, full.height);
       double difference = 0;
       for (size_t i = 0; i < full.pixels8.size(); ++i)
-        difference += std::abs(int(thumb->pixels8[i]) - int(full.pixels8[i]));
+        difference += std::abs(int(thumb.pixels8[i]) - int(full.pixels8[i]));
       EXPECT_LT(difference / double(full.pixels8.size()), 2.0);
     }
   }
@@ -227,16 +207,13 @@ TEST(ColourProfiles, ALossyJpegXlKeepsItsTabulatedCurveProfileAndItsColours) {
 // picture's come converted, in every container that carries the profile.
 TEST(ColourProfiles, ThumbnailsOfOtherProfilesAreShownInSRGB) {
   const fixtures::Bytes icc = fixtures::displayP3ICC();
-  DecodedImage source = fixtures::quadrants(32, 16);
-  for (size_t i = 0; i < source.pixels8.size(); i += 4) std::copy_n("\xc8\x64\x32", 3, &source.pixels8[i]);
+  const DecodedImage source = testing::solid(32, 16, 200, 100, 50);
   uint8_t expected[4] = {};
-  {
-    CmsProfilePtr p3(cmsOpenProfileFromMem(icc.data(), cmsUInt32Number(icc.size()))),
-        srgb(cmsCreate_sRGBProfile());
-    CmsTransformPtr transform(
-        cmsCreateTransform(p3.get(), TYPE_RGBA_8, srgb.get(), TYPE_RGBA_8, INTENT_RELATIVE_COLORIMETRIC, 0));
-    cmsDoTransform(transform.get(), source.pixels8.data(), expected, 1);
-  }
+  CmsProfilePtr p3(cmsOpenProfileFromMem(icc.data(), cmsUInt32Number(icc.size()))),
+      srgb(cmsCreate_sRGBProfile());
+  CmsTransformPtr transform(
+      cmsCreateTransform(p3.get(), TYPE_RGBA_8, srgb.get(), TYPE_RGBA_8, INTENT_RELATIVE_COLORIMETRIC, 0));
+  cmsDoTransform(transform.get(), source.pixels8.data(), expected, 1);
   ASSERT_GT(std::abs(int(expected[0]) - 200), 5) << "the two spaces must tell apart";
   for (const auto& file :
        {fixtures::png(source, {.alpha = false, .icc = icc}), fixtures::jpeg(source, {.icc = icc}),
@@ -265,13 +242,10 @@ TEST(ColourProfiles, PQAndHLGPicturesAreShownForAStandardDisplay) {
       if (i % 4 != 3)
         source.pixels16[i] = uint16_t(std::lround(c.signals[(y >= 24 ? 2 : 0) + (x >= 32)] * 65535));
     }
-    const DecodedImage decoded =
-        ImageService::decodeFirstFrame(c.jxl ? fixtures::jxl(source, {.transfer = c.transfer})
-                                             : fixtures::avif(source, {.quantizer = 0,
-                                                                       .depth = 10,
-                                                                       .alpha = false,
-                                                                       .primaries = c.primaries,
-                                                                       .transfer = c.transfer}));
+    const fixtures::AvifOptions hdr{
+        .quantizer = 0, .depth = 10, .alpha = false, .primaries = c.primaries, .transfer = c.transfer};
+    const DecodedImage decoded = ImageService::decodeFirstFrame(
+        c.jxl ? fixtures::jxl(source, {.transfer = c.transfer}) : fixtures::avif(source, hdr));
     ASSERT_EQ(decoded.bitsPerComponent, 16);
     EXPECT_EQ(decoded.colorSpace.isSRGB, c.primaries == 1) << "the primaries stay, the curve is sRGB's";
     const auto level = [&](size_t x, size_t y) { return decoded.pixels16[(y * 64 + x) * 4 + 1] / 65535.0; };
@@ -293,9 +267,7 @@ TEST(ColourProfiles, PQAndHLGPicturesAreShownForAStandardDisplay) {
 // A PNG without iCCP describes its colours by gAMA: a gamma of 1/2.2 is how files state sRGB,
 // any other curve is kept (a grey picture goes to sRGB through it).
 TEST(ColourProfiles, APngGammaWithoutAProfileIsHonoured) {
-  DecodedImage mid = fixtures::quadrants(32, 16);
-  for (size_t i = 0; i < mid.pixels8.size(); ++i)
-    if (i % 4 != 3) mid.pixels8[i] = 128;
+  const DecodedImage mid = testing::solid(32, 16, 128, 128, 128);
   for (const bool grey : {false, true})
     for (const uint32_t gamma : {45455u, 100000u}) {
       const DecodedImage decoded =
@@ -377,12 +349,9 @@ TEST(Thumbnails, TransparentPixelsLeaveNoDarkFringe) {
   // Red at alpha 255 next to transparent black, in squares of 2 x 2 pixels (which 4:2:0 chroma
   // keeps apart): the average must stay pure red at half alpha, not turn dark red, from PNG
   // rows and from the readers that average as they decode, through lossy coding.
-  DecodedImage image = fixtures::quadrants(64, 64, 8, true);
-  for (size_t i = 0; i < image.pixels8.size(); i += 4) {
-    bool on = (i / 4 % 64 / 2 + i / 4 / 64 / 2) % 2 == 0;
-    image.pixels8[i] = image.pixels8[i + 3] = on ? 255 : 0;
-    image.pixels8[i + 1] = image.pixels8[i + 2] = 0;
-  }
+  DecodedImage image = testing::solid(64, 64, 0, 0, 0, 0);
+  for (size_t i = 0; i < image.pixels8.size(); i += 4)
+    if ((i / 4 % 64 / 2 + i / 4 / 64 / 2) % 2 == 0) image.pixels8[i] = image.pixels8[i + 3] = 255;
   for (const auto& file : {fixtures::png(image), fixtures::heic(image), fixtures::avif(image),
                            fixtures::jxl(image, {.lossless = false})}) {
     const bool png = ImageFormats::detect(file) == ImageFormat::png;

@@ -17,7 +17,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-DecodedImage image8(int width, int height, AlphaInfo alpha, Bytes pixels) {
+DecodedImage image8(int width, int height, AlphaInfo alpha, const Bytes& pixels) {
   DecodedImage image;
   image.width = width, image.height = height, image.alpha = alpha;
   image.pixels8.assign(pixels.begin(), pixels.end());
@@ -34,11 +34,9 @@ DecodedImage image16(int width, int height, AlphaInfo alpha, std::array<uint16_t
 }
 
 DecodedImage numbered(int w, int h) {
-  DecodedImage image;
-  image.width = w, image.height = h, image.alpha = AlphaInfo::straight;
-  for (int i = 0; i < w * h; ++i)
-    image.pixels8.insert(image.pixels8.end(), {uint8_t(4 * i), uint8_t(8 * i), 0, 255});
-  return image;
+  Bytes pixels;
+  for (int i = 0; i < w * h; ++i) pixels.insert(pixels.end(), {uint8_t(4 * i), uint8_t(8 * i), 0, 255});
+  return image8(w, h, AlphaInfo::straight, pixels);
 }
 
 TEST(Downscale, AveragesTheAreaEachNewPixelCoversIntoEightBitsAndNoSideRoundsToNothing) {
@@ -76,13 +74,9 @@ TEST(RotationMirror, EveryCombinationIsItsExifOrientationAndEveryTurnIsExact) {
       EXPECT_EQ(codecs::orientationFromRotationMirror(turns, mode), expected[turns][mode + 1])
           << "turns " << turns << ", mirror " << mode;
   const DecodedImage source = numbered(5, 3);
+  const int inverse[9] = {0, 1, 2, 3, 4, 5, 8, 7, 6};
   for (int o = 2; o <= 8; ++o)
-    EXPECT_EQ(Resample::orient(Resample::orient(source, o), o == 6   ? 8
-                                                            : o == 8 ? 6
-                                                                     : o)
-                  .pixels8,
-              source.pixels8)
-        << "orientation " << o;
+    EXPECT_EQ(Resample::orient(Resample::orient(source, o), inverse[o]).pixels8, source.pixels8) << o;
 }
 
 TEST(FitBox, KeepsProportionsInEitherBoxAndNeverEnlarges) {
@@ -93,9 +87,8 @@ TEST(FitBox, KeepsProportionsInEitherBoxAndNeverEnlarges) {
   EXPECT_TRUE(same(Resample::fittedSize(4000, 3000, 0, 300), S{400, 300}));        // one side bound
   EXPECT_TRUE(same(Resample::fittedSize(4000, 30, 100, 0), S{100, 1}));            // never below 1
   EXPECT_TRUE(same(Resample::fittedSize(800, 600, 1600, 1200), S{800, 600}));      // fits already
-  DecodedImage small = numbered(8, 4);
-  DecodedImage kept = Resample::fitBox(small, 100, 100);
-  EXPECT_EQ(kept.pixels8, small.pixels8);
+  const DecodedImage small = numbered(8, 4);
+  EXPECT_EQ(Resample::fitBox(small, 100, 100).pixels8, small.pixels8);
 }
 
 TEST(FitBox, AveragesInLinearLightAndLetsNoTransparentColourBleed) {
@@ -123,11 +116,9 @@ TEST(FitBox, AveragesInLinearLightAndLetsNoTransparentColourBleed) {
 }
 
 TEST(Exif, RejectsNonsense) {
-  EXPECT_FALSE(Exif::orientation(fixtures::exifBlock(0)));
-  EXPECT_FALSE(Exif::orientation(fixtures::exifBlock(9)));
-  Bytes truncated = fixtures::exifBlock(6);
-  truncated.resize(12);
-  EXPECT_FALSE(Exif::orientation(truncated));
+  for (const int outside : {0, 9}) EXPECT_FALSE(Exif::orientation(fixtures::exifBlock(outside))) << outside;
+  const Bytes six = fixtures::exifBlock(6);
+  EXPECT_FALSE(Exif::orientation(Bytes(six.begin(), six.begin() + 12))) << "truncated";
   EXPECT_FALSE(Exif::orientation(Bytes(40, 0xFF)));
 }
 
