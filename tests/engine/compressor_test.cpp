@@ -1,8 +1,6 @@
-// The compression pipeline end to end on real files: the JPEG to JPEG XL repackaging and its
-// fallback, the result records, failures that leave nothing behind, and the options (fitting
-// within a box, the byte budget, keeping a smaller original); and the perceptual distance
-// between a source and its result: libjxl's number as butteraugli_main gives it for a reference
-// pair, the tiles of large pictures against the whole, and files decoded as the encoder reads them.
+// The compression pipeline end to end on real files: JPEG XL repackaging, result records, failures
+// that leave nothing behind, fitting, the byte budget, keeping a smaller original; and the
+// perceptual distance between a source and its result.
 
 #include <gtest/gtest.h>
 
@@ -19,21 +17,20 @@
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
 
-namespace quillane {
+namespace quillane::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using Bytes = std::vector<uint8_t>;
 using ImageCompressor::compress;
 using ImageCompressor::encodeData;
 
 Bytes photoJpeg(int w = 64, int h = 48, std::optional<int> orientation = {}) {
-  return fixtures::jpeg(testing::makeImage(w, h, testing::Pattern::photo, 9), {.orientation = orientation});
+  return fixtures::jpeg(makeImage(w, h, Pattern::photo, 9), {.orientation = orientation});
 }
 
 TEST(EncodeData, WideGamutProfileReachesEveryFormatAndSRGBAddsNone) {
-  const DecodedImage pictures[] = {testing::makeImage(32, 24, testing::Pattern::photo, 3),
-                                   testing::makeImage(32, 24, testing::Pattern::flatLogo, 1, true)};
+  const DecodedImage pictures[] = {makeImage(32, 24, Pattern::photo, 3),
+                                   makeImage(32, 24, Pattern::flatLogo, 1, true)};
   const Bytes srgb = fixtures::srgbICC();
   // The large profile needs several JPEG markers.
   for (const Bytes& icc : {fixtures::displayP3ICC(), fixtures::displayP3ICC(true), srgb})
@@ -45,36 +42,31 @@ TEST(EncodeData, WideGamutProfileReachesEveryFormatAndSRGBAddsNone) {
         EXPECT_EQ(written.colorSpace.isSRGB, icc == srgb);
         // JPEG XL signals sRGB and known spaces in its header: its reader makes a profile of them.
         if (format == ImageFormat::jxl) continue;
-        if (icc == srgb) {
-          EXPECT_FALSE(written.colorSpace.icc);
-        } else {
-          ASSERT_TRUE(written.colorSpace.icc);
-          EXPECT_EQ(*written.colorSpace.icc, icc);
-        }
+        const auto& kept = written.colorSpace.icc;
+        EXPECT_EQ(kept ? std::optional(*kept) : std::nullopt,
+                  icc == srgb ? std::nullopt : std::optional(icc));
       }
 }
 
 TEST(EncodeData, EveryFormatRunsTheWholePipelineBakesTheOrientationAndTakesTinyPictures) {
   Bytes jpeg = photoJpeg(41, 23, 6);  // a quarter turn: shown 23 wide, 41 high
-  Bytes tiny = fixtures::png(testing::makeImage(1, 1, testing::Pattern::photo, 1, true));
+  Bytes tiny = fixtures::png(makeImage(1, 1, Pattern::photo, 1, true));
   for (ImageFormat format : ImageFormats::allCases) {
     SCOPED_TRACE(ImageFormats::label(format));
     Bytes out = encodeData(jpeg, format, 85);
     EXPECT_EQ(ImageFormats::detect(out), format);
     auto props = ImageService::properties(out);
     ASSERT_TRUE(props);
-    EXPECT_EQ(props->width, 23);
-    EXPECT_EQ(props->height, 41);
-    EXPECT_EQ(props->orientation.value_or(1), 1);
+    EXPECT_EQ(std::tuple(props->width, props->height, props->orientation.value_or(1)), std::tuple(23, 41, 1));
     EXPECT_EQ(ImageService::properties(encodeData(tiny, format, 75))->width, 1);
   }
-  Bytes png = fixtures::png(testing::makeImage(30, 20, testing::Pattern::screenshot, 2));
+  Bytes png = fixtures::png(makeImage(30, 20, Pattern::screenshot, 2));
   EXPECT_NE(encodeData(png, ImageFormat::png, 75), png) << "PNG to PNG is re-encoded, never copied";
 }
 
 TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
   Bytes jpeg = photoJpeg();
-  auto at90 = testing::decodeJXL(encodeData(jpeg, ImageFormat::jxl, 90));
+  auto at90 = decodeJXL(encodeData(jpeg, ImageFormat::jxl, 90));
   ASSERT_TRUE(at90);
   EXPECT_EQ(at90->reconstructedJPEG, jpeg);
 
@@ -82,13 +74,12 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
   // fallback stays silent: the command-line tool's stderr carries only its own messages.
   Bytes cmyk(size_t(32 * 16 * 4), 0);
   for (size_t i = 0; i < cmyk.size(); i += 4) cmyk[i] = uint8_t(i % 200);
-  const std::pair<Bytes, double> fromPixels[] = {
-      {jpeg, 89.9},
-      {fixtures::cmykJpeg(32, 16, cmyk), 95},
-      {fixtures::png(testing::makeImage(32, 16, testing::Pattern::photo)), 95}};
+  const std::pair<Bytes, double> fromPixels[] = {{jpeg, 89.9},
+                                                 {fixtures::cmykJpeg(32, 16, cmyk), 95},
+                                                 {fixtures::png(makeImage(32, 16, Pattern::photo)), 95}};
   for (const auto& [source, quality] : fromPixels) {
     ::testing::internal::CaptureStderr();
-    auto out = testing::decodeJXL(encodeData(source, ImageFormat::jxl, quality));
+    auto out = decodeJXL(encodeData(source, ImageFormat::jxl, quality));
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
     ASSERT_TRUE(out);
     EXPECT_TRUE(out->reconstructedJPEG.empty());
@@ -101,9 +92,9 @@ TEST(EncodeData, JpegToJxlIsRepackagedFromNinetyAndOtherwiseEncodedFromPixels) {
 // screenshot with a smooth gradient (JPEG XL: estimated at five times its lossless bytes; WebP:
 // a flat graphic of few colours, where lossless competes at 90).
 TEST(EncodeData, GraphicIsTheSmallerOfItsLossyAndLosslessEncodings) {
-  for (const ImageFormat format : {ImageFormat::jxl, ImageFormat::webp}) {
+  for (const ImageFormat format : {ImageFormat::jxl, ImageFormat::webp})
     for (const bool gradient : {false, true}) {
-      DecodedImage picture = testing::makeImage(160, 120, testing::Pattern::screenshot, 3);
+      DecodedImage picture = makeImage(160, 120, Pattern::screenshot, 3);
       for (size_t p = 0; gradient && format == ImageFormat::jxl && p < size_t{160} * 60; ++p) {
         picture.pixels8[p * 4] = uint8_t(p % 160);
         picture.pixels8[p * 4 + 1] = uint8_t(p / 160 * 2);
@@ -126,18 +117,17 @@ TEST(EncodeData, GraphicIsTheSmallerOfItsLossyAndLosslessEncodings) {
                   EncodingStrategy::losslessWebPJudgedQuickly(characteristics) == gradient);
       EXPECT_EQ(encodeData(fixtures::png(picture), format, 90).size(), std::min(size(lossy), size(lossless)));
     }
-  }
 }
 
 // Written under the source's name or the given one, replacing an old file; with skipLarger, the
 // original is kept where the result is not smaller: a photo saved at JPEG quality 30 grows at
 // quality 100, and shrinks at quality 40 in WebP.
 TEST(Compress, WritesUnderTheSourceNameOrTheGivenOneAndKeepsTheOriginalOnlyWhenTheResultIsNotSmaller) {
-  testing::TempDir dir;
+  TempDir dir;
   const std::string source =
-      dir.write("holiday.photo.jpg", fixtures::jpeg(testing::texturedPhoto(160, 120), {.quality = 30}));
+      dir.write("holiday.photo.jpg", fixtures::jpeg(texturedPhoto(160, 120), {.quality = 30}));
   fs::create_directory(dir.file("out"));
-  testing::writeBytes(dir.file("out/holiday.photo.webp"), {'o', 'l', 'd'});
+  writeBytes(dir.file("out/holiday.photo.webp"), {'o', 'l', 'd'});
 
   auto result =
       compress(source, dir.file("out"), ImageFormat::webp, 40, std::nullopt, false, {.skipLarger = true});
@@ -147,7 +137,7 @@ TEST(Compress, WritesUnderTheSourceNameOrTheGivenOneAndKeepsTheOriginalOnlyWhenT
   EXPECT_EQ(result.originalSizeBytes, ImageCompressor::fileSize(source));
   EXPECT_EQ(result.pixelWidth, 160);
   EXPECT_EQ(result.quality, 40);
-  Bytes written = testing::readBytes(*result.destination);
+  Bytes written = readBytes(*result.destination);
   EXPECT_EQ(ImageFormats::detect(written), ImageFormat::webp);
   EXPECT_EQ(result.compressedSizeBytes, int64_t(written.size()));
   EXPECT_DOUBLE_EQ(*result.ratio, 1.0 - double(written.size()) / double(result.originalSizeBytes));
@@ -170,11 +160,11 @@ TEST(Compress, WritesUnderTheSourceNameOrTheGivenOneAndKeepsTheOriginalOnlyWhenT
 // Corrupt, missing and empty sources, and a byte budget no quality meets, give their true size
 // and reason, and write nothing.
 TEST(Compress, AFailureGivesTheTrueSizeAndItsReasonAndWritesNothing) {
-  testing::TempDir dir;
+  TempDir dir;
   Bytes corrupt = photoJpeg();
   corrupt.resize(200);
   fs::create_directory(dir.file("out"));
-  const Bytes big = fixtures::png(testing::texturedPhoto(200, 150));
+  const Bytes big = fixtures::png(texturedPhoto(200, 150));
   const std::tuple<std::string, int64_t, int64_t> sources[] = {
       {dir.write("broken.jpg", corrupt), 200, 0},
       {dir.write("empty.png", {}), 0, 0},
@@ -224,29 +214,27 @@ TEST(FitOption, ScalesTheUprightPictureIntoTheBoxAndKeepsAlpha) {
     Bytes source;
     int maxWidth, maxHeight, width, height;
   };
-  const DecodedImage photo = testing::makeImage(120, 80, testing::Pattern::photo, 3);
+  const DecodedImage photo = makeImage(120, 80, Pattern::photo, 3);
   const Case cases[] = {
-      {fixtures::jpeg(photo), 400, 300, 120, 80},  // never enlarged
-      {fixtures::jpeg(testing::makeImage(80, 120, testing::Pattern::photo)), 0, 60, 40, 60},  // height only
-      {fixtures::jpeg(photo, {.orientation = 6}), 40, 90, 40, 60},  // stored 120 x 80, shown 80 x 120
+      {fixtures::jpeg(photo), 400, 300, 120, 80},                           // never enlarged
+      {fixtures::jpeg(makeImage(80, 120, Pattern::photo)), 0, 60, 40, 60},  // height only
+      {fixtures::jpeg(photo, {.orientation = 6}), 40, 90, 40, 60},          // stored 120 x 80, shown 80 x 120
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::to_string(c.width) + " x " + std::to_string(c.height));
     auto out = ImageCompressor::encode(c.source, ImageFormat::webp, 80,
                                        {.maxWidth = c.maxWidth, .maxHeight = c.maxHeight});
-    EXPECT_EQ(out.width, c.width);
-    EXPECT_EQ(out.height, c.height);
+    EXPECT_EQ(std::pair(out.width, out.height), std::pair(c.width, c.height));
     EXPECT_EQ(out.fitted, c.width != 120 && c.height != 120);
     auto props = ImageService::properties(out.bytes);
     ASSERT_TRUE(props);
-    EXPECT_EQ(props->width, c.width);
-    EXPECT_EQ(props->height, c.height);
+    EXPECT_EQ(std::pair(props->width, props->height), std::pair(c.width, c.height));
   }
   // A picture inside the box gives the very bytes it gives without the option.
   EXPECT_EQ(ImageCompressor::encode(cases[0].source, ImageFormat::jpeg, 70, {.maxWidth = 500}).bytes,
             encodeData(cases[0].source, ImageFormat::jpeg, 70));
 
-  const Bytes logo = fixtures::png(testing::makeImage(64, 64, testing::Pattern::flatLogo, 1, true));
+  const Bytes logo = fixtures::png(makeImage(64, 64, Pattern::flatLogo, 1, true));
   for (ImageFormat format : {ImageFormat::png, ImageFormat::avif}) {
     auto decoded =
         ImageService::decodeFirstFrame(ImageCompressor::encode(logo, format, 90, {.maxWidth = 32}).bytes);
@@ -256,7 +244,7 @@ TEST(FitOption, ScalesTheUprightPictureIntoTheBoxAndKeepsAlpha) {
 }
 
 TEST(BudgetOption, EveryFormatLandsUnderTheBudgetAndCloseToItForAPhoto) {
-  const Bytes source = fixtures::png(testing::texturedPhoto(256, 192));
+  const Bytes source = fixtures::png(texturedPhoto(256, 192));
   for (ImageFormat format : ImageFormats::allCases) {
     SCOPED_TRACE(ImageFormats::label(format));
     const size_t plain = encodeData(source, format, 90).size();
@@ -265,9 +253,8 @@ TEST(BudgetOption, EveryFormatLandsUnderTheBudgetAndCloseToItForAPhoto) {
     EXPECT_LE(int64_t(out.bytes.size()), budget);
     EXPECT_LT(out.quality, 90);
     EXPECT_LE(out.encodes, 8);
-    if (format != ImageFormat::png) {
-      EXPECT_GE(double(out.bytes.size()), 0.7 * double(budget));
-    }
+    EXPECT_TRUE(format == ImageFormat::png || double(out.bytes.size()) >= 0.7 * double(budget))
+        << out.bytes.size();
     // The plan at the quality found is the one encoded: the same call without a budget agrees.
     EXPECT_EQ(out.bytes, encodeData(source, format, out.quality));
     // The highest quality that fits, unless the search stopped within 5 % under the budget.
@@ -296,13 +283,13 @@ RGBABuffer posterized(const RGBABuffer& picture) {
 }
 
 TEST(PerceptualDistance, MatchesButteraugliMainAndTilesAgreeWithTheWhole) {
-  const RGBABuffer small = testing::makeBuffer(320, 240, testing::Pattern::photo, 7);
+  const RGBABuffer small = makeBuffer(320, 240, Pattern::photo, 7);
   // `butteraugli_main a.ppm b.ppm --pnorm 3` of this pair (libjxl 0.7), written as PPM.
   constexpr double kToolThreeNorm = 1.993080;
   EXPECT_NEAR(butteraugli(small, posterized(small)), kToolThreeNorm, 0.02 * kToolThreeNorm);
   EXPECT_EQ(butteraugli(small, small), 0.0);
 
-  const RGBABuffer source = testing::makeBuffer(1280, 1024, testing::Pattern::photo, 3);
+  const RGBABuffer source = makeBuffer(1280, 1024, Pattern::photo, 3);
   const RGBABuffer distorted = posterized(source);
   const double whole = butteraugli(source, distorted);
   // Every tile, their margins giving each the context it has in the whole picture.
@@ -313,8 +300,7 @@ TEST(PerceptualDistance, MatchesButteraugliMainAndTilesAgreeWithTheWhole) {
 
 TEST(PerceptualDistance, ComparesFilesAsTheEncoderReadsThem) {
   // A lower quality looks further from its source.
-  const auto photo =
-      fixtures::jpeg(testing::makeImage(256, 192, testing::Pattern::photo, 5), {.quality = 98});
+  const auto photo = fixtures::jpeg(makeImage(256, 192, Pattern::photo, 5), {.quality = 98});
   const double fine = between(photo, ImageCompressor::encodeData(photo, ImageFormat::jpeg, 92));
   const double coarse = between(photo, ImageCompressor::encodeData(photo, ImageFormat::jpeg, 20));
   EXPECT_GT(fine, 0.0);
@@ -322,13 +308,13 @@ TEST(PerceptualDistance, ComparesFilesAsTheEncoderReadsThem) {
 
   // A transparent logo written as JPEG is flattened on white by the writer: compared over
   // white too, it is close, not the distance of its transparent parts over black.
-  const auto logo = fixtures::png(testing::makeImage(192, 192, testing::Pattern::flatLogo, 2, true));
+  const auto logo = fixtures::png(makeImage(192, 192, Pattern::flatLogo, 2, true));
   EXPECT_LT(between(logo, ImageCompressor::encodeData(logo, ImageFormat::jpeg, 90)), 2.0);
 
   // Pictures of different sizes are no pair.
-  const auto other = fixtures::jpeg(testing::makeImage(128, 96, testing::Pattern::photo, 5));
+  const auto other = fixtures::jpeg(makeImage(128, 96, Pattern::photo, 5));
   EXPECT_THROW(between(photo, other), ImageProcessingError);
 }
 
 }  // namespace
-}  // namespace quillane
+}  // namespace quillane::testing

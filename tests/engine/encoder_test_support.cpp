@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <utility>
 
 #include "engine/Cancellation.h"
@@ -16,8 +15,7 @@
 namespace quillane::testing {
 
 std::optional<Bytes> decodePNG(std::span<const uint8_t> png) {
-  png_image image;
-  std::memset(&image, 0, sizeof image);
+  png_image image{};
   image.version = PNG_IMAGE_VERSION;
   if (!png_image_begin_read_from_memory(&image, png.data(), png.size())) return std::nullopt;
   image.format = PNG_FORMAT_RGBA;

@@ -1,7 +1,6 @@
 #pragma once
-// Readers for what the WebP, JPEG XL and PNG encoders write, built on the libraries' own
-// decoders, so that a round trip does not go through the system's own reading code; and how
-// a call fails.
+// Readers for what the WebP, JPEG XL and PNG encoders write, built on the libraries' own decoders, so that a
+// round trip does not go through the system's own reading code; and how a call fails.
 
 #include <array>
 #include <cstdint>

@@ -1,10 +1,7 @@
-// The PNG, WebP and JPEG XL encoders, checked with the libraries' own decoders: exact lossless
-// round trips, close lossy ones, the palette writer's chunks and JPEG repackaging. Then the
-// JPEG, HEIC and AVIF path: what reaches the writers (opaque copy over white or black, alpha
-// kept or dropped, 16-bit and premultiplied sources), the one quality number, silence on
-// stderr, failures, and the chroma layout the writers choose from the picture, read back from
-// each file's own headers, with the files read by our readers and by libheif's own colour
-// conversion (the JPEG reader is libjpeg-turbo itself).
+// The PNG, WebP and JPEG XL encoders, checked with the libraries' own decoders; then the JPEG,
+// HEIC and AVIF path: what reaches the writers, the one quality number, failures, and the chroma
+// layout chosen from the picture, read from each file's headers and through libheif's own colour
+// conversion as well as our readers (the JPEG reader is libjpeg-turbo itself).
 
 #include "engine/Encoders.h"
 
@@ -46,37 +43,23 @@ int worstVisibleDifference(std::span<const uint8_t> source, std::span<const uint
 }
 
 TEST(LosslessEncoders, RoundTripExactly) {
-  using RoundTrip = std::function<std::optional<Bytes>(const RGBABuffer&, int)>;
-  const std::pair<const char*, RoundTrip> encoders[] = {
-      {"PNG",
-       [](const RGBABuffer& rgba, int effort) {
-         return decodePNG(PNGQuantEncoder::encodeLossless(rgba, makePlan(Mode::lossless(), effort)));
-       }},
-      {"WebP",
-       [](const RGBABuffer& rgba, int effort) {
-         return decodeWebP(WebPEncoder::encode(rgba, makePlan(Mode::lossless(), effort),
-                                               {.contentClass = Class::photo, .hasAlpha = rgba.hasAlpha}));
-       }},
-      {"JPEG XL", [](const RGBABuffer& rgba, int effort) -> std::optional<Bytes> {
-         const auto decoded =
-             decodeJXL(JXLEncoder::encode(rgba, rgba.hasAlpha, makePlan(Mode::lossless(), effort)));
-         if (!decoded) return std::nullopt;
-         EXPECT_TRUE(decoded->usesOriginalProfile);
-         EXPECT_EQ(decoded->extraChannels, rgba.hasAlpha ? 1u : 0u);
-         return decoded->rgba;
-       }}};
   // Flat screenshot areas make the predictors tie; the photo brings every filter into play.
-  for (const auto& [name, roundTrip] : encoders)
-    for (bool alpha : {false, true})
-      for (auto [w, h] : {std::pair{1, 1}, {17, 3}, {33, 22}})
-        for (int effort : {0, 2})
-          for (Pattern pattern : {Pattern::photo, Pattern::screenshot}) {
-            const RGBABuffer rgba = makeBuffer(w, h, pattern, 3, alpha);
-            const auto back = roundTrip(rgba, effort);
-            ASSERT_TRUE(back) << name << " " << w << "x" << h;
-            EXPECT_EQ(*back, rgba.pixels)
-                << name << " " << w << "x" << h << " alpha " << alpha << " effort " << effort;
-          }
+  for (bool alpha : {false, true})
+    for (auto [w, h] : {std::pair{1, 1}, {17, 3}, {33, 22}})
+      for (int effort : {0, 2})
+        for (Pattern pattern : {Pattern::photo, Pattern::screenshot}) {
+          SCOPED_TRACE(::testing::Message() << w << "x" << h << " alpha " << alpha << " effort " << effort);
+          const RGBABuffer rgba = makeBuffer(w, h, pattern, 3, alpha);
+          const EncodingPlan plan = makePlan(Mode::lossless(), effort);
+          EXPECT_EQ(decodePNG(PNGQuantEncoder::encodeLossless(rgba, plan)), rgba.pixels) << "PNG";
+          const ImageCharacteristics photo{.contentClass = Class::photo, .hasAlpha = alpha};
+          EXPECT_EQ(decodeWebP(WebPEncoder::encode(rgba, plan, photo)), rgba.pixels) << "WebP";
+          const auto jxl = decodeJXL(JXLEncoder::encode(rgba, alpha, plan));
+          ASSERT_TRUE(jxl);
+          EXPECT_EQ(jxl->rgba, rgba.pixels);
+          EXPECT_TRUE(jxl->usesOriginalProfile);
+          EXPECT_EQ(jxl->extraChannels, alpha ? 1u : 0u);
+        }
 }
 
 // The type of each chunk of a PNG file in file order, "bad CRC" for a chunk whose CRC is wrong.
@@ -103,11 +86,8 @@ TEST(PngPalette, IndexedFileDecodesWithValidChunksInOrderAndCloseToTheSource) {
   const auto icc = ImageService::decodeFirstFrame(file).colorSpace.icc;
   ASSERT_TRUE(icc);
   EXPECT_EQ(*icc, profile);
-  const auto decoded = decodePNG(file);
-  ASSERT_TRUE(decoded);
-  const Bytes expected = {255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0,
-                          255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0};
-  EXPECT_EQ(*decoded, expected);
+  EXPECT_EQ(decodePNG(file), (Bytes{255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0,
+                                    255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0}));
   // An opaque palette needs no tRNS, and an empty profile no iCCP.
   const std::vector<PNGWriter::PaletteEntry> opaque = {{1, 2, 3, 255}, {4, 5, 6, 255}, {7, 8, 9, 255}};
   EXPECT_EQ(pngChunks(PNGWriter::writeIndexedPNG(3, 2, indices, opaque, Bytes{})),
@@ -193,17 +173,16 @@ TEST(JxlEncode, LossyIsCloseInXYBAndALargeOutputDrainsWhole) {
   EXPECT_EQ(lossless->rgba, noise.pixels);
 }
 
-// Above 8 megapixels a lossy picture goes in as strips, each replacing its rows; consumed,
-// each strip's rows go back to the system once libjxl holds them. Every row must come out
-// where it was, with its alpha: no row may differ from its source by more than lossy coding
-// does on average.
+// Above 8 megapixels a lossy picture goes in as strips, each replacing its rows; consumed, each strip's rows
+// go back to the system once libjxl holds them. Every row must come out where it was, with its alpha: no row
+// may differ from its source by more than lossy coding does on average.
 TEST(JxlEncode, LossyStripsLandInTheirRows) {
   constexpr int width = 8200, height = 1001;  // rows not a multiple of the strip's
   ASSERT_LT(JXLEncoder::lossyStripRows(width, height, 90), height);
   for (const bool alpha : {false, true}) {
-    RGBABuffer rgba = makeBuffer(width, height, alpha ? Pattern::flatLogo : Pattern::photo, 3, alpha);
-    const RGBABuffer source = rgba;
-    const auto decoded = decodeJXL(JXLEncoder::encode(std::move(rgba), alpha, makePlan(Mode::lossy(90), 0)));
+    const RGBABuffer source = makeBuffer(width, height, alpha ? Pattern::flatLogo : Pattern::photo, 3, alpha);
+    const auto decoded =
+        decodeJXL(JXLEncoder::encode(RGBABuffer(source), alpha, makePlan(Mode::lossy(90), 0)));
     ASSERT_TRUE(decoded);
     ASSERT_EQ(decoded->rgba.size(), source.pixels.size());
     const size_t rowBytes = size_t(width) * 4;
@@ -215,20 +194,16 @@ TEST(JxlEncode, LossyStripsLandInTheirRows) {
       ASSERT_LE(double(sum) / double(count), 4.0) << "row " << y << " alpha " << alpha;
     }
   }
-  // At low qualities, where only pictures above 24 megapixels go in strips, libjxl would add a
-  // progressive DC of its own, coded for the whole picture in every cropped frame: the strips
-  // then weighed 8 to 35 times their rows encoded alone (with rows of garbage along their edges
-  // when the library's memory held some).
+  // At low qualities, where only pictures above 24 megapixels go in strips, libjxl would add a progressive DC
+  // of its own, coded for the whole picture in every cropped frame: the strips then weighed 8 to 35 times
+  // their rows encoded alone (with rows of garbage along their edges when the library's memory held some).
   constexpr int wide = 24020;
   const int rows = JXLEncoder::lossyStripRows(wide, height, 40);
   ASSERT_LT(rows, height);
-  const size_t strips =
-      JXLEncoder::encode(makeBuffer(wide, height, Pattern::photo, 3), false, makePlan(Mode::lossy(40), 0))
-          .size();
-  const size_t oneStrip =
-      JXLEncoder::encode(makeBuffer(wide, rows, Pattern::photo, 3), false, makePlan(Mode::lossy(40), 0))
-          .size();
-  EXPECT_LE(double(strips), 1.5 * double(oneStrip) * height / rows);
+  const auto bytes = [plan = makePlan(Mode::lossy(40), 0)](int h) {
+    return double(JXLEncoder::encode(makeBuffer(wide, h, Pattern::photo, 3), false, plan).size());
+  };
+  EXPECT_LE(bytes(height), 1.5 * bytes(rows) * height / rows);
 }
 
 TEST(JxlTranscode, ReconstructsTheJPEGByteForByte) {
@@ -271,16 +246,6 @@ DecodedImage decode8(const Bytes& file) {
   return img;
 }
 
-// The file's header, as libavif reads it.
-CHandle<avifDecoder, avifDecoderDestroy> parsedAvif(const Bytes& file) {
-  CHandle<avifDecoder, avifDecoderDestroy> decoder(avifDecoderCreate());
-  EXPECT_EQ(avifDecoderSetIOMemory(decoder.get(), file.data(), file.size()), AVIF_RESULT_OK);
-  EXPECT_EQ(avifDecoderParse(decoder.get()), AVIF_RESULT_OK);
-  return decoder;
-}
-
-const ImageFormat kNative[] = {ImageFormat::jpeg, ImageFormat::heic, ImageFormat::avif};
-
 TEST(OpaqueCopy, CompositesEveryKindOfAlphaOverWhiteOrBlack) {
   // Red at alpha 128 (straight): over white (255, 127, 127), over black (128, 0, 0).
   DecodedImage straight = solid(2, 1, 255, 0, 0, 128);
@@ -297,9 +262,7 @@ TEST(OpaqueCopy, CompositesEveryKindOfAlphaOverWhiteOrBlack) {
     EXPECT_EQ(white->alpha, AlphaInfo::none);
     EXPECT_EQ(white->colorSpace.icc, source->colorSpace.icc);
     const auto w = pixelAt(*white, 1, 0), b = pixelAt(*black, 1, 0);
-    EXPECT_NEAR(w[0], 255, 1);
-    EXPECT_NEAR(w[1], 127, 1);
-    EXPECT_NEAR(w[2], 127, 1);
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(w[c], c ? 127 : 255, 1) << c;
     EXPECT_EQ(w[3], 255);
     EXPECT_NEAR(b[0], 128, 1);
     EXPECT_EQ(b[1], 0);
@@ -338,14 +301,13 @@ TEST(NativeQuality, LossyAvifNeverBecomesLosslessAndJpegQualityMovesOneWay) {
 
 // Alpha is kept only when the picture has it, JPEG flattens over white, and 16-bit and
 // premultiplied sources are written faithfully.
-TEST(NativeEncoder, AlphaDepthAndPremultipliedColourReachTheFile) {
+TEST(NativeEncoder, AlphaDepthPremultipliedColourAndTheEdgesOfAnOddHeicReachTheFile) {
   const DecodedImage logo = makeImage(64, 48, Pattern::flatLogo, 1, true),
                      deep = fixtures::quadrants(40, 30, 16, true);
   DecodedImage premultiplied = makeImage(40, 30, Pattern::photo, 2, true);
-  for (size_t i = 0; i < premultiplied.pixels8.size(); i += 4)
-    for (int c = 0; c < 3; ++c)
-      premultiplied.pixels8[i + c] =
-          uint8_t((premultiplied.pixels8[i + c] * premultiplied.pixels8[i + 3] + 127) / 255);
+  auto& samples = premultiplied.pixels8;
+  for (size_t i = 0; i < samples.size(); ++i)
+    if (i % 4 != 3) samples[i] = uint8_t((samples[i] * samples[i / 4 * 4 + 3] + 127) / 255);
   premultiplied.alpha = AlphaInfo::premultiplied;
   const DecodedImage expectedStraight = NativeImageIOEncoder::straightEightBit(premultiplied);
   DecodedImage jpeg = decode8(encode(logo, true, ImageFormat::jpeg, lossyPlan(90)));
@@ -368,11 +330,8 @@ TEST(NativeEncoder, AlphaDepthAndPremultipliedColourReachTheFile) {
     DecodedImage round = decode8(encode(premultiplied, true, format, lossyPlan(95)));
     EXPECT_LT(meanColourError(round, expectedStraight), 6.0);
   }
-}
-
-// The HEIC writer makes x265's colour planes itself: every sample of an odd-sized picture,
-// its last row and column too, comes back in its colour and alpha, subsampled or not.
-TEST(NativeEncoder, HeicPlanesKeepEveryEdgeOfAnOddPicture) {
+  // The HEIC writer makes x265's colour planes itself: every sample of an odd-sized picture,
+  // its last row and column too, comes back in its colour and alpha, subsampled or not.
   for (const double quality : {75.0, 92.0})
     for (const uint8_t alpha : {uint8_t(255), uint8_t(128)}) {
       const DecodedImage source = solid(35, 19, 200, 40, 90, alpha);
@@ -385,11 +344,11 @@ TEST(NativeEncoder, HeicPlanesKeepEveryEdgeOfAnOddPicture) {
 TEST(NativeEncoder, FailsWithTheFormatLabelAndWritesNothingToStandardError) {
   ::testing::internal::CaptureStderr();
   DecodedImage img = makeImage(64, 64, Pattern::photo, 5, true);
-  for (ImageFormat format : kNative) encode(img, true, format, lossyPlan(60));
-  const EncodingPlan lossless = makePlan(Mode::lossless());
-  for (ImageFormat format : kNative)
-    EXPECT_EQ(failureOf([&] { encode(img, false, format, lossless); }),
+  for (ImageFormat format : {ImageFormat::jpeg, ImageFormat::heic, ImageFormat::avif}) {
+    encode(img, true, format, lossyPlan(60));
+    EXPECT_EQ(failureOf([&] { encode(img, false, format, makePlan(Mode::lossless())); }),
               "encoding failed: " + std::string(ImageFormats::label(format)));
+  }
   EXPECT_EQ(
       failureOf([&] { encode(solid(70000, 1, 0, 0, 0, 255), false, ImageFormat::jpeg, lossyPlan(75)); }),
       "encoding failed: JPEG");
@@ -402,10 +361,8 @@ TEST(NativeEncoder, FailsWithTheFormatLabelAndWritesNothingToStandardError) {
 // Dark-on-white "code": letter-sized cells of one-pixel strokes in four syntax colours.
 DecodedImage colouredText(int w, int h) {
   static const uint8_t kInk[4][3] = {{190, 20, 30}, {20, 60, 200}, {0, 128, 40}, {140, 0, 160}};
-  DecodedImage img;
-  img.width = w, img.height = h;
-  img.pixels8.assign(size_t(w) * size_t(h) * 4, 255);
-  for (int y = 0; y < h; ++y) {
+  DecodedImage img = solid(w, h, 255, 255, 255);
+  for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) {
       const int cellX = x / 7, cellY = y / 14, cx = x % 7, cy = y % 14;
       const unsigned hash = unsigned(cellX * 7919 + cellY * 104729) * 2654435761u;
@@ -413,11 +370,9 @@ DecodedImage colouredText(int w, int h) {
                           ((cx == 0 && (hash & 1)) || (cx == 4 && (hash & 2)) || (cy == 2 && (hash & 4)) ||
                            (cy == 6 && (hash & 8)) || (cy == 10 && (hash & 16)));
       if (!stroke || (cellX / 6 + cellY) % 3 == 2) continue;  // gaps between words
-      uint8_t* p = &img.pixels8[(size_t(y) * size_t(w) + size_t(x)) * 4];
-      const uint8_t* ink = kInk[(cellX / 6 + cellY * 3) % 4];
-      p[0] = ink[0], p[1] = ink[1], p[2] = ink[2];
+      std::copy_n(kInk[(cellX / 6 + cellY * 3) % 4], 3,
+                  &img.pixels8[(size_t(y) * size_t(w) + size_t(x)) * 4]);
     }
-  }
   return img;
 }
 
@@ -432,25 +387,22 @@ std::string heicLayout(const Bytes& file) {
 }
 
 DecodedImage heifDecode(const Bytes& file) {
-  DecodedImage out;
+  const auto ok = [](heif_error e) { EXPECT_EQ(e.code, heif_error_Ok) << e.message; };
   CHandle<heif_context, heif_context_free> context(heif_context_alloc());
-  EXPECT_EQ(heif_context_read_from_memory_without_copy(context.get(), file.data(), file.size(), nullptr).code,
-            heif_error_Ok);
+  ok(heif_context_read_from_memory_without_copy(context.get(), file.data(), file.size(), nullptr));
   heif_image_handle* rawHandle = nullptr;
-  EXPECT_EQ(heif_context_get_primary_image_handle(context.get(), &rawHandle).code, heif_error_Ok);
+  ok(heif_context_get_primary_image_handle(context.get(), &rawHandle));
   CHandle<heif_image_handle, heif_image_handle_release> handle(rawHandle);
   heif_image* raw = nullptr;
-  EXPECT_EQ(
-      heif_decode_image(rawHandle, &raw, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr).code,
-      heif_error_Ok);
+  ok(heif_decode_image(rawHandle, &raw, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr));
   CHandle<heif_image, heif_image_release> rgba(raw);
-  int stride = 0;
-  const uint8_t* plane = heif_image_get_plane_readonly(raw, heif_channel_interleaved, &stride);
+  DecodedImage out;
   out.width = heif_image_get_width(raw, heif_channel_interleaved);
   out.height = heif_image_get_height(raw, heif_channel_interleaved);
-  for (int y = 0; y < out.height; ++y)
-    out.pixels8.insert(out.pixels8.end(), plane + size_t(y) * size_t(stride),
-                       plane + size_t(y) * size_t(stride) + size_t(out.width) * 4);
+  int stride = 0;
+  const uint8_t* row = heif_image_get_plane_readonly(raw, heif_channel_interleaved, &stride);
+  for (int y = 0; y < out.height; ++y, row += stride)
+    out.pixels8.insert(out.pixels8.end(), row, row + size_t(out.width) * 4);
   return out;
 }
 
@@ -465,12 +417,11 @@ TEST(ChromaLayout, VisibleColouredTextKeepsFullChromaAndAPhotoIsSubsampledInEver
   struct {
     const char* name;
     DecodedImage picture;
-    const char* layout;
     double maxError;  // mean absolute error per colour sample a decoder may show at quality 75
     bool photo;
   } const cases[] = {
-      {"coloured text", colouredText(320, 200), "444", 7.0, false},
-      {"smooth photo", makeImage(320, 200, Pattern::photo, 3), "420", 3.0, true},
+      {"coloured text", colouredText(320, 200), 7.0, false},
+      {"smooth photo", makeImage(320, 200, Pattern::photo, 3), 3.0, true},
   };
   ASSERT_TRUE(heif_have_decoder_for_format(heif_compression_AV1));
   for (const auto& c : cases) {
@@ -482,14 +433,15 @@ TEST(ChromaLayout, VisibleColouredTextKeepsFullChromaAndAPhotoIsSubsampledInEver
                 jpeg = encode(c.picture, false, ImageFormat::jpeg, plan);
     // The AVIF's own description of its planes; and, for an sRGB picture, sRGB named (primaries
     // 1, transfer 13, matrix 6) with no profile, so that every reader shows the same colours.
-    const auto avifHeader = parsedAvif(avif);
-    const avifImage* header = avifHeader->image;
+    CHandle<avifDecoder, avifDecoderDestroy> parsed(avifDecoderCreate());
+    ASSERT_EQ(avifDecoderSetIOMemory(parsed.get(), avif.data(), avif.size()), AVIF_RESULT_OK);
+    ASSERT_EQ(avifDecoderParse(parsed.get()), AVIF_RESULT_OK);
+    const avifImage* header = parsed->image;
     EXPECT_EQ((std::vector<int>{int(header->yuvFormat), int(header->colorPrimaries),
                                 int(header->transferCharacteristics), int(header->matrixCoefficients),
                                 int(header->icc.size)}),
               (std::vector<int>{c.photo ? AVIF_PIXEL_FORMAT_YUV420 : AVIF_PIXEL_FORMAT_YUV444, 1, 13, 6, 0}));
-    EXPECT_EQ(heicLayout(heic), c.layout);
-    EXPECT_EQ(jpegLayout(jpeg), c.layout);
+    EXPECT_EQ(heicLayout(heic) + " " + jpegLayout(jpeg), c.photo ? "420 420" : "444 444");
     // The own AVIF reader is libavif's colour conversion; libheif's is the independent one.
     const std::pair<const char*, DecodedImage> seen[] = {
         {"own reader AVIF", ImageService::decodeFirstFrame(avif)},

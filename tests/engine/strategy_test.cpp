@@ -1,7 +1,6 @@
-// What the analyzer measures of a picture, the encoding the strategy plans from it, and the
-// cost model that keeps encodes within the allowance: plans that stay inside it, claims that
-// cover every plan, and writers that give a consumed picture back without changing a byte of
-// what they write.
+// What the analyzer measures of a picture, the encoding the strategy plans from it, the cost model
+// that keeps encodes within the allowance, and writers that give a consumed picture back without
+// changing a byte of what they write.
 
 #include <gtest/gtest.h>
 
@@ -17,7 +16,7 @@
 #include "tests/support/CodecFixtures.h"
 #include "tests/support/TestImages.h"
 
-namespace quillane {
+namespace quillane::testing {
 namespace {
 
 using ContentClass = ImageCharacteristics::ContentClass;
@@ -29,14 +28,10 @@ void set(RGBABuffer& buffer, int x, int y, Color color, uint8_t alpha = 255) {
   p[0] = color[0], p[1] = color[1], p[2] = color[2], p[3] = alpha;
 }
 
-RGBABuffer solid(int width, int height, Color c) {
-  return RGBABuffer(testing::solid(width, height, c[0], c[1], c[2]));
-}
-
 double luma(Color c) { return 0.299 * c[0] + 0.587 * c[1] + 0.114 * c[2]; }
 
 TEST(ImageAnalyzerSampling, TinyPicturesAreFlatAndThreeByThreeSamplesOnlyTheCentre) {
-  RGBABuffer tiny = solid(2, 2, {0, 0, 0});
+  RGBABuffer tiny(solid(2, 2, 0, 0, 0));
   set(tiny, 1, 1, {255, 255, 255}, 0);
   tiny.hasAlpha = true;
   ImageCharacteristics c = ImageAnalyzer::analyze(tiny);
@@ -44,7 +39,7 @@ TEST(ImageAnalyzerSampling, TinyPicturesAreFlatAndThreeByThreeSamplesOnlyTheCent
   EXPECT_EQ(c.distinctColorCount, 1);
   EXPECT_TRUE(c.hasAlpha);
 
-  RGBABuffer buffer = solid(3, 3, {0, 0, 0});
+  RGBABuffer buffer(solid(3, 3, 0, 0, 0));
   for (int i = 0; i < 9; ++i) set(buffer, i % 3, i / 3, {uint8_t(i * 30), 7, 7}, i == 4 ? 255 : 128);
   c = ImageAnalyzer::analyze(buffer);
   EXPECT_EQ(c.distinctColorCount, 1);
@@ -69,7 +64,7 @@ TEST(ImageAnalyzerLumaStep, ThresholdsAreHitExactly) {
   };
   for (const auto& k : cases) {
     SCOPED_TRACE(k.name);
-    RGBABuffer buffer = solid(3, 3, k.ring);
+    RGBABuffer buffer(solid(3, 3, k.ring[0], k.ring[1], k.ring[2]));
     set(buffer, 1, 1, k.centre);
     const ImageCharacteristics c = ImageAnalyzer::analyze(buffer);
     EXPECT_EQ(c.flatFraction, k.flat ? 1.0 : 0.0);
@@ -83,7 +78,7 @@ TEST(ImageAnalyzerLumaStep, ThresholdsAreHitExactly) {
 // A 500 x 500 black picture with `dots` single pixels of distinct colours on a grid of
 // sample positions, three apart: mostly flat, with hard edges around each dot.
 RGBABuffer dottedPicture(int dots) {
-  RGBABuffer buffer = solid(500, 500, {0, 0, 0});
+  RGBABuffer buffer(solid(500, 500, 0, 0, 0));
   for (int i = 0; i < dots; ++i) {
     const int x = 1 + 3 * (i % 166), y = 1 + 3 * (i / 166);
     set(buffer, x, y, {uint8_t(i % 256), uint8_t(40 + i / 256), 200});
@@ -149,8 +144,7 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   EXPECT_EQ(png(5.99, false, 70).alternative, Mode::lossless());
   EXPECT_EQ(png(6.0, true, 90).alternative, Mode::lossy(90)) << "lossless main: the palette competes";
 
-  // A lossless WebP is left out only where gradients, size and a modest lossy quality all say
-  // it loses.
+  // A lossless WebP is left out only where gradients, size and a modest lossy quality all say it loses.
   const auto mayWin = [](int width, double gradients, Mode lossy) {
     auto c = picture(ContentClass::screenText, width, 128);
     c.gradientFraction = gradients;
@@ -253,9 +247,8 @@ TEST(EncodeCost, PlansFitTheAllowanceAndTheClaimCoversThem) {
 }
 
 TEST(EncodeCost, AFileIsClaimedFromItsHeaderAndSize) {
-  testing::TempDir dir;
-  const std::string path =
-      dir.write("photo.jpg", fixtures::jpeg(testing::makeImage(640, 480, testing::Pattern::photo)));
+  TempDir dir;
+  const std::string path = dir.write("photo.jpg", fixtures::jpeg(makeImage(640, 480, Pattern::photo)));
   EXPECT_EQ(EncodeCost::peakBytes(path, ImageFormat::avif, 75),
             EncodeCost::peakBytes({ImageFormat::jpeg, 640, 480, uint64_t(ImageDecoder::fileSize(path))},
                                   ImageFormat::avif, 75));
@@ -273,28 +266,25 @@ TEST(PageRelease, GivesBackOnlyWholePagesInsideTheRange) {
 // Writers that consume their picture write the same bytes as when they only read it; the
 // pictures are large enough that rows really go back while the library still works.
 TEST(ConsumingEncoders, WriteTheSameBytes) {
-  const DecodedImage photo = testing::texturedPhoto(800, 500);
-  const DecodedImage withAlpha = testing::makeImage(800, 500, testing::Pattern::flatLogo, 1, true);
-  for (const ImageFormat format : {ImageFormat::jpeg, ImageFormat::heic, ImageFormat::avif}) {
+  const DecodedImage photo = texturedPhoto(800, 500);
+  const DecodedImage withAlpha = makeImage(800, 500, Pattern::flatLogo, 1, true);
+  const EncodingPlan lossy = makePlan(EncodingPlan::Mode::lossy(80));
+  for (const ImageFormat format : {ImageFormat::jpeg, ImageFormat::heic, ImageFormat::avif})
     for (const DecodedImage* source : {&photo, &withAlpha}) {
       const bool alpha = source->alpha != AlphaInfo::none;
-      const EncodingPlan plan = testing::makePlan(EncodingPlan::Mode::lossy(80));
-      DecodedImage copy = *source;
-      EXPECT_EQ(NativeImageIOEncoder::encode(std::move(copy), alpha, format, plan),
-                NativeImageIOEncoder::encode(*source, alpha, format, plan))
+      EXPECT_EQ(NativeImageIOEncoder::encode(DecodedImage(*source), alpha, format, lossy),
+                NativeImageIOEncoder::encode(*source, alpha, format, lossy))
           << ImageFormats::label(format) << (alpha ? " with alpha" : "");
     }
-  }
   // JPEG XL: the opaque photo lossy (its samples copied without alpha), the logo lossless.
   for (const auto& [source, mode] : {std::pair{&photo, EncodingPlan::Mode::lossy(80)},
                                      std::pair{&withAlpha, EncodingPlan::Mode::lossless()}}) {
     const RGBABuffer rgba(*source);
-    const EncodingPlan plan = testing::makePlan(mode, 0);
-    RGBABuffer copy = rgba;
-    EXPECT_EQ(JXLEncoder::encode(std::move(copy), rgba.hasAlpha, plan),
+    const EncodingPlan plan = makePlan(mode, 0);
+    EXPECT_EQ(JXLEncoder::encode(RGBABuffer(rgba), rgba.hasAlpha, plan),
               JXLEncoder::encode(rgba, rgba.hasAlpha, plan));
   }
 }
 
 }  // namespace
-}  // namespace quillane
+}  // namespace quillane::testing
