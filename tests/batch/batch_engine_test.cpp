@@ -4,13 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <QDir>
 #include <cstring>
 
 #include "engine/ImageFormat.h"
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/CodecFixtures.h"
-#include "tests/support/TestImages.h"
 
 namespace quillane::testing {
 namespace {

@@ -1,11 +1,10 @@
 #pragma once
-// Fakes at the two engine seams of BatchViewModel and a sandboxed fixture. The fake encoder
-// answers with (quality x 10) bytes, so a result's size tells the quality it was made at;
-// sources whose content begins with "slow" wait for the gate to open, "spin" ones until their
-// work is cancelled (Cancellation.h), and "bad" ones throw.
-// The fake inspector answers from a table by file name: by default a 100 x 100 PNG if the file
-// exists, a decoding failure otherwise. A source whose first line is a file name of the table
-// is encoded as that entry says.
+// Fakes at the engine seams of BatchViewModel and a sandboxed fixture. The fake encoder answers
+// with (quality x 10) bytes, so a result's size tells its quality; sources whose content begins
+// with "slow" wait for the gate to open, "spin" ones until their work is cancelled, and "bad" ones
+// throw. The fake inspector answers from a table by file name (by default a 100 x 100 PNG if the
+// file exists, a decoding failure otherwise); a source whose first line names an entry of the
+// table is encoded as that entry says.
 
 #include <gtest/gtest.h>
 
@@ -17,6 +16,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThreadPool>
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -80,10 +80,7 @@ class BatchFixture : public ::testing::Test {
       const FakeFile entry = files_.count(name) ? files_[name] : FakeFile{};
       if (entry.gated) gate_.wait_for(lock, std::chrono::seconds(10), [this] { return gateOpen_; });
       lock.unlock();
-      const auto counted = qScopeGuard([this] {
-        std::lock_guard countLock(mutex_);
-        ++inspected_;
-      });
+      const auto counted = qScopeGuard([this] { ++inspected_; });
       if (entry.fail || !QFile::exists(file)) throw ImageProcessingError::decodingFailed("fake: " + path);
       ImageDecoder::LightDecodedImage decoded{entry.format,       entry.width,      entry.height,
                                               QFile(file).size(), entry.frameCount, {}};
@@ -127,7 +124,7 @@ class BatchFixture : public ::testing::Test {
     std::unique_lock lock(mutex_);
     const std::string source(data.begin(), data.end());
     calls_.push_back({source, format, quality});
-    maxEncoding_ = std::max(maxEncoding_, ++encoding_);
+    ++encoding_;
     // Bounded, so that a broken test cannot hang the run.
     if (source.starts_with("slow"))
       gate_.wait_for(lock, std::chrono::seconds(10), [this] { return gateOpen_; });
@@ -148,10 +145,6 @@ class BatchFixture : public ::testing::Test {
   std::vector<Call> calls() {
     std::lock_guard lock(mutex_);
     return calls_;
-  }
-  int encodingNow() {
-    std::lock_guard lock(mutex_);
-    return encoding_;
   }
 
   // Writes a source file whose content is `content` and gives its URL.
@@ -206,14 +199,6 @@ class BatchFixture : public ::testing::Test {
     model_->findChild<QThreadPool*>(QStringLiteral("encodePool"))->waitForDone();
     QCoreApplication::sendPostedEvents();
   }
-  bool waitForInspections(int count) {
-    return QTest::qWaitFor(
-        [&] {
-          std::lock_guard lock(mutex_);
-          return inspected_ == count;
-        },
-        2000);
-  }
   bool waitForCalls(size_t count) {
     return QTest::qWaitFor([&] { return calls().size() == count; }, 2000);
   }
@@ -232,8 +217,8 @@ class BatchFixture : public ::testing::Test {
   std::vector<Call> calls_;
   std::map<std::string, FakeFile> files_;  // by file name
   bool thumbnails_ = false;                // the inspector makes a thumbnail
-  int encoding_ = 0, maxEncoding_ = 0;
-  int inspected_ = 0;  // inspections that have returned or thrown
+  std::atomic<int> encoding_ = 0;          // encodes under way
+  std::atomic<int> inspected_ = 0;         // inspections that have returned or thrown
   bool sawCancellation_ = false;
 };
 

@@ -1,10 +1,7 @@
 // The encode scheduler: debounce, budgets, watchdog, generations, passthrough.
-#include <QSignalSpy>
-
 #include "budget/CompressionBudget.h"
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/CodecFixtures.h"
-#include "tests/support/TestImages.h"
 
 namespace quillane::testing {
 namespace {
@@ -58,7 +55,7 @@ TEST_F(SchedulerTest, TimeoutsAndCancelledWaitersGiveTheirPermitsBackAndTheWorkG
   import({source("next.png", "next")});  // the slot came back, although the slow work runs on
   ASSERT_TRUE(waitIdle());
   EXPECT_TRUE(model.images()[1]->encodeState().isReady());
-  EXPECT_EQ(encodingNow(), 1);
+  EXPECT_EQ(encoding_.load(), 1);
   EXPECT_EQ(calls().size(), 2u) << "b is never encoded";
   // The work a watchdog gave up on sees the flag and ends instead of running on for its ten seconds.
   import({source("spin.png", "spin")});

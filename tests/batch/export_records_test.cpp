@@ -1,26 +1,23 @@
 // Export and the names it gives, history with undo, and the model's profile operations.
 #include <unistd.h>
 
-#include <QDir>
-#include <QFileInfo>
-#include <QSignalSpy>
 #include <cstring>
 
 #include "batch/ExportFilenameAllocator.h"
 #include "tests/batch/batch_test_support.h"
-#include "tests/support/TestImages.h"
 
 namespace quillane::testing {
 namespace {
 
-class ExportTest : public BatchFixture {
- protected:
-  static QStringList destinationNames(const std::vector<ExportOutcome>& outcomes) {
-    QStringList names;
-    for (const auto& outcome : outcomes) names << outcome.destinationURL.value_or(QUrl()).fileName();
-    return names;
-  }
-};
+using ExportTest = BatchFixture;
+
+// Each outcome's file name, or its failure's message.
+QStringList destinationNames(const std::vector<ExportOutcome>& outcomes) {
+  QStringList names;
+  for (const auto& outcome : outcomes)
+    names << outcome.destinationURL.value_or(QUrl()).fileName() + outcome.errorDescription.value_or("");
+  return names;
+}
 
 TEST_F(ExportTest, NamesAreKeptApartIgnoringCaseAndFailuresDoNotStopOthers) {
   auto& model = readyModel({"a.png", "A.jpg", "bad.png", "a.webp"});
@@ -31,12 +28,9 @@ TEST_F(ExportTest, NamesAreKeptApartIgnoringCaseAndFailuresDoNotStopOthers) {
   auto exported = model.exportAll(QUrl::fromLocalFile(outFolder()));
   model.finishWrites();  // as at quit: written and recorded with no event loop
   ASSERT_TRUE(exported.isFinished());
-  const auto outcomes = exported.result();
-  QStringList got;  // a name, or the failure's message
-  for (const auto& outcome : outcomes)
-    got << outcome.destinationURL.value_or(QUrl()).fileName() + outcome.errorDescription.value_or("");
-  EXPECT_EQ(got, (QStringList{"a.png", "A-2.png", QString::fromUtf8("Impossible de décoder l'image source."),
-                              "a-3.png"}));
+  EXPECT_EQ(destinationNames(exported.result()),
+            (QStringList{"a.png", "A-2.png", QString::fromUtf8("Impossible de décoder l'image source."),
+                         "a-3.png"}));
   EXPECT_EQ(contentOf(outFolder() + "/A-2.png"), QByteArray(750, 'x'));
 
   ASSERT_EQ(model.exportHistory().size(), 3u);  // newest first, in one save

@@ -1,12 +1,10 @@
 // Import pipeline and session persistence, and taking changes back: each removal kind and a
 // quality change announce what undoes them, and undoing puts the batch back as it was, in its
 // order, encoded again.
-#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 
 #include "tests/batch/batch_test_support.h"
-#include "tests/support/TestImages.h"
 
 namespace quillane::testing {
 namespace {
@@ -24,7 +22,7 @@ TEST_F(ImportTest, RowsArriveInURLOrderWhateverFinishesFirst) {
   const QList<QUrl> urls = {source("a.png"), source("b.png"), source("c.png"), source("d.png"),
                             QUrl::fromLocalFile(dir_.filePath("missing.png"))};
   QFuture<void> done = model.importFiles(urls);
-  ASSERT_TRUE(waitForInspections(4));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return inspected_ == 4; }, 2000));
   QCoreApplication::sendPostedEvents();
   EXPECT_TRUE(model.images().empty()) << "all but a are inspected, but a holds back every later delivery";
   openGate();

@@ -94,20 +94,16 @@ TEST(CompressionCostTest, BudgetFollowsTheMachineAndCostsFollowPixels) {
   EXPECT_EQ(CompressionCost::megabytes((1u << 20) + 1), 2);
 }
 
-// The largest sizes a header can state, and the largest files, cost the most there is: never a
-// small figure that wrapped.
+// Never a small figure that wrapped.
 TEST(CompressionCostTest, TheLargestHeadersAndFilesCostTheMostThereIs) {
-  const struct {
-    ImageFormat format;
-    int width, height;
-  } largest[] = {{ImageFormat::jpeg, 65535, 65535},
-                 {ImageFormat::png, INT32_MAX, 1},
-                 {ImageFormat::png, INT32_MAX, INT32_MAX},
-                 {ImageFormat::jxl, 1 << 30, 1 << 30}};
-  for (const auto& c : largest)
+  const std::tuple<ImageFormat, int, int> largest[] = {{ImageFormat::jpeg, 65535, 65535},
+                                                       {ImageFormat::png, INT32_MAX, 1},
+                                                       {ImageFormat::png, INT32_MAX, INT32_MAX},
+                                                       {ImageFormat::jxl, 1 << 30, 1 << 30}};
+  for (const auto& [format, width, height] : largest)
     for (const ImageFormat target : ImageFormats::allCases)
-      EXPECT_EQ(CompressionCost::encodeCostMB({c.format, c.width, c.height, 0}, target, 75), INT32_MAX)
-          << c.width << " x " << c.height << " to " << int(target);
+      EXPECT_EQ(CompressionCost::encodeCostMB({format, width, height, 0}, target, 75), INT32_MAX)
+          << width << " x " << height << " to " << int(target);
   EXPECT_EQ(
       CompressionCost::encodeCostMB({ImageFormat::webp, 16383, 16383, 1ull << 62}, ImageFormat::webp, 75),
       INT32_MAX);

@@ -14,6 +14,7 @@
 #include <mutex>
 
 #include "hotfolders/HotFolder.h"
+#include "hotfolders/HotFolderProcessedStore.h"
 #include "hotfolders/HotFolderWatcher.h"
 #include "tests/records/records_test_support.h"
 #include "tests/support/CodecFixtures.h"
@@ -83,15 +84,20 @@ class HotFolderSandbox : public StoreFolderTest {
     ASSERT_TRUE(QDir().mkpath(source_));
   }
 
-  HotFolder folder() const {
-    return {
-        QUuid::createUuid(), "Shots", source_, destination_, std::nullopt, ImageFormat::jpeg, 70, true, {}};
+  // A folder "Shots" of the sandbox's source and destination, or of those given.
+  HotFolder folder(const QString& source = {}, const QString& destination = {}) const {
+    const QString in = source.isEmpty() ? source_ : source;
+    const QString out = destination.isEmpty() ? destination_ : destination;
+    return {QUuid::createUuid(), "Shots", in, out, std::nullopt, ImageFormat::jpeg, 70, true, {}};
   }
-  // A small JPEG named `name`; `oldDate` backdates it a minute, as a copy that keeps dates
-  // does, so that it needs no stability wait.
-  void putImage(const QString& name, uint32_t seed = 1, bool oldDate = true, int side = 48) const {
+  static HotFolderProcessedMap memory(const HotFolder& folder) {
+    return HotFolderProcessedStore::folderState(folder.idText());
+  }
+  // A small JPEG named `name`, dated `age` seconds ago: by default a minute, as a copy that keeps
+  // dates leaves it, so that it needs no stability wait.
+  void putImage(const QString& name, uint32_t seed = 1, int age = 60, int side = 48) const {
     writeBytes(pathOf(name), jpegBytes(seed, side));
-    if (oldDate) backdate(name, 60);
+    if (age) backdate(name, age);
   }
   void backdate(const QString& name, int seconds) const {
     struct stat st {};

@@ -2,7 +2,6 @@
 // run (debounce, start, stop, polling), which files they take (stability, memory), and what
 // they write and report.
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <QFileInfo>
@@ -10,7 +9,6 @@
 
 #include "engine/ImageFormat.h"
 #include "engine/ImageService.h"
-#include "hotfolders/HotFolderProcessedStore.h"
 #include "records/ExportProfile.h"
 #include "tests/hotfolders/hot_folder_test_support.h"
 #include "tests/support/ManualClock.h"
@@ -61,11 +59,10 @@ TEST_F(HotFolderWatcherTest, FirstScanTakesWhatIsThereAndABurstOfEntriesGivesOne
   for (const HotFolderActivity& line : reports_.lines())
     EXPECT_FALSE(line.error) << line.error->toStdString();
   EXPECT_EQ(outputs().size(), 55);
-  EXPECT_EQ(HotFolderProcessedStore::folderState(watcher->hotFolder().idText()).size(), 55);
+  EXPECT_EQ(memory(watcher->hotFolder()).size(), 55);
 }
 
-// The debounce runs on the test's clock: however much time passes, a stopped watcher's pending
-// scan never comes and a request after the stop queues none; started again, it scans.
+// However much time passes on the test's clock, the stopped watcher scans nothing; started again, it does.
 TEST_F(HotFolderWatcherTest, StopCancelsThePendingScanAndLaterRequestsQueueNothing) {
   putImage(QStringLiteral("a.jpg"));
   auto watcher = watch(folder(), {.startTimer = clock_.starter()});
@@ -84,8 +81,7 @@ TEST_F(HotFolderWatcherTest, StopCancelsThePendingScanAndLaterRequestsQueueNothi
   EXPECT_EQ(reports_.lines().size(), 1u) << "the clock drives the debounce";
 }
 
-// What escapes the watcher's thread (here the volume check) is reported once as a line about
-// the folder, and the thread's loop goes on serving requests.
+// Here the volume check throws: it is said once, as a line about the folder.
 TEST_F(HotFolderWatcherTest, WhatEscapesTheWatchersThreadIsReportedAndItsLoopGoesOn) {
   HotFolderWatcher watcher(folder(), {}, [](const QString&) -> bool { throw std::bad_alloc(); });
   reports_.attach(watcher);
@@ -98,7 +94,7 @@ TEST_F(HotFolderWatcherTest, WhatEscapesTheWatchersThreadIsReportedAndItsLoopGoe
 }
 
 TEST_F(HotFolderWatcherTest, StabilityNeedsAnOldDateOrASizeThatHoldsStill) {
-  putImage(QStringLiteral("fresh.jpg"), 1, false);
+  putImage(QStringLiteral("fresh.jpg"), 1, 0);
   const std::string fresh = pathOf("fresh.jpg"), gone = pathOf("gone.jpg");
   const int64_t size = QFileInfo(QFile::decodeName(fresh.c_str())).size();
   const double now = double(::time(nullptr) - 978307200);
@@ -131,8 +127,7 @@ TEST_F(HotFolderWatcherTest, MemoryAcrossRestartsTakesOnlyChangedAndRenamedFiles
   taken.sort();
   EXPECT_EQ(taken, (QStringList{"change.jpg", "renamed.jpg"}));
   EXPECT_EQ(reports_.scanTotals(), (std::vector<int>{3, 2}));
-  EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).keys(),
-            (QStringList{"change.jpg", "keep.jpg", "renamed.jpg"}));
+  EXPECT_EQ(memory(hotFolder).keys(), (QStringList{"change.jpg", "keep.jpg", "renamed.jpg"}));
 
   // An empty listing (an unmounted volume's mount point) keeps the memory, or every file would
   // be compressed again once the volume is back; a listing with files prunes it.
@@ -142,14 +137,13 @@ TEST_F(HotFolderWatcherTest, MemoryAcrossRestartsTakesOnlyChangedAndRenamedFiles
   ASSERT_TRUE(QDir().rename(source_, away));
   ASSERT_TRUE(QDir().mkpath(source_));
   watcher->scanOnce();
-  EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).size(), 3);
+  EXPECT_EQ(memory(hotFolder).size(), 3);
   ASSERT_TRUE(QDir(source_).removeRecursively());
   ASSERT_TRUE(QDir().rename(away, source_));
   ASSERT_EQ(::unlink(pathOf("keep.jpg").c_str()), 0);
   watcher->scanOnce();
   EXPECT_EQ(reports_.lines().size(), 5u) << "nothing taken again";
-  EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).keys(),
-            (QStringList{"change.jpg", "renamed.jpg"}));
+  EXPECT_EQ(memory(hotFolder).keys(), (QStringList{"change.jpg", "renamed.jpg"}));
 }
 
 // Outputs are named in sorted order, each success is on disk by the time its line is reported
@@ -176,8 +170,7 @@ TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderStoresEachBeforeItsLin
   auto watcher = watch(hotFolder);
   QStringList notYetStored;
   watcher->onActivity = [&, report = watcher->onActivity](const HotFolderActivity& line) {
-    if (HotFolderProcessedStore::folderState(hotFolder.idText()).size() <= qsizetype(reports_.lines().size()))
-      notYetStored << line.sourceFileName;
+    if (memory(hotFolder).size() <= qsizetype(reports_.lines().size())) notYetStored << line.sourceFileName;
     report(line);
   };
   watcher->scanOnce();
@@ -207,8 +200,7 @@ TEST_F(HotFolderWatcherTest, DestinationThatCannotBeMadeFailsEachFileAndEachScan
   putImage(QStringLiteral("a.jpg"));
   putImage(QStringLiteral("b.jpg"), 2);
   writeBytes(QFile::encodeName(temp_.path() + "/file").toStdString(), {'x'});
-  HotFolder hotFolder = folder();
-  hotFolder.destinationFolder = temp_.path() + "/file/out";
+  const HotFolder hotFolder = folder({}, temp_.path() + "/file/out");
   scanned(hotFolder, 2);
   // Each file's error is said once; the second scan tried both again.
   EXPECT_EQ(reports_.scanTotals(), (std::vector<int>{2, 2}));
@@ -216,7 +208,7 @@ TEST_F(HotFolderWatcherTest, DestinationThatCannotBeMadeFailsEachFileAndEachScan
   for (const HotFolderActivity& line : reports_.lines())
     EXPECT_TRUE(line.error && !line.error->isEmpty() && !line.destinationURL)
         << line.sourceFileName.toStdString();
-  EXPECT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
+  EXPECT_TRUE(memory(hotFolder).isEmpty());
   EXPECT_EQ(QDir(source_).entryList(QDir::Files), (QStringList{"a.jpg", "b.jpg"}));  // sources untouched
 }
 
@@ -232,7 +224,7 @@ TEST_F(HotFolderWatcherTest, MissingProfileReportsTheFolderOnceAndAKeptOriginalW
   EXPECT_TRUE(reports_.lines()[0].sourceFileName.isEmpty());
   EXPECT_TRUE(reports_.lines()[0].error && reports_.lines()[0].error->contains("Gone"));
   EXPECT_FALSE(QDir(destination_).exists());
-  EXPECT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
+  EXPECT_TRUE(memory(hotFolder).isEmpty());
 
   // Recreating the profile resumes the folder; its format, quality and fit apply, under the
   // folder's own fit where it sets one.
@@ -291,8 +283,7 @@ TEST_F(HotFolderWatcherTest, FolderThatGoesAwayIsWaitedForAndWatchedAgainWhenItC
             (std::vector<State>{State::watching, State::waitingForFolder, State::watching}));
 }
 
-// Files every 20 ms hold back a 10 s trailing debounce for ever; the longest delay still lets
-// a scan through while they keep coming.
+// Files every 20 ms would hold back a 10 s debounce for ever; the longest delay lets a scan through.
 TEST_F(HotFolderWatcherTest, SteadyStreamIsScannedWhileItLasts) {
   watch(folder(), {.debounce = 10s, .longestDelay = 300ms})->start();
   ASSERT_TRUE(reports_.waitForState(State::watching));
@@ -317,16 +308,14 @@ TEST_F(HotFolderWatcherTest, OnlyTheFoldersOwnOutputsAreReplacedAndNoneIsTakenBa
   EXPECT_EQ(readBytes(theirs), (std::vector<uint8_t>{'m', 'i', 'n', 'e'}));
   EXPECT_EQ(outputs(), (QStringList{"userfile-2.jpg", "userfile.jpg"}));
 
-  putImage(QStringLiteral("userfile.png"), 2);  // changed: its own output is replaced
-  backdate("userfile.png", 30);
+  putImage(QStringLiteral("userfile.png"), 2, 30);  // changed: its own output is replaced
   watcher->scanOnce();
   ASSERT_EQ(reports_.lines().size(), 2u);
   EXPECT_EQ(outputs(), (QStringList{"userfile-2.jpg", "userfile.jpg"}));
   // Until someone else's file takes its place: that one is theirs.
   const std::string taken = QFile::encodeName(destination_ + "/userfile-2.jpg").toStdString();
   writeBytes(taken, {'m', 'i', 'n', 'e'});
-  putImage(QStringLiteral("userfile.png"), 3);
-  backdate("userfile.png", 20);
+  putImage(QStringLiteral("userfile.png"), 3, 20);
   watcher->scanOnce();
   EXPECT_EQ(readBytes(taken), (std::vector<uint8_t>{'m', 'i', 'n', 'e'}));
   EXPECT_EQ(outputs(), (QStringList{"userfile-2.jpg", "userfile-3.jpg", "userfile.jpg"}));
@@ -340,7 +329,7 @@ TEST_F(HotFolderWatcherTest, OnlyTheFoldersOwnOutputsAreReplacedAndNoneIsTakenBa
   ASSERT_TRUE(QFile::remove(source_ + "/userfile.png"));
   writeBytes(pathOf("notes.txt"), {'h', 'i'});
   watcher->scanOnce();
-  ASSERT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
+  ASSERT_TRUE(memory(hotFolder).isEmpty());
   ASSERT_EQ(
       ::link(QFile::encodeName(destination_ + "/userfile-3.jpg").constData(), pathOf("linked.jpg").c_str()),
       0);
@@ -356,8 +345,7 @@ TEST_F(HotFolderWatcherTest, AFileStillOpenOrCutShortIsTakenOnlyWhole) {
   const std::vector<uint8_t> png = fixtures::png(makeImage(64, 64, Pattern::photo, 4));
   writeBytes(pathOf("cut.jpg"), {jpeg.begin(), jpeg.begin() + std::ptrdiff_t(jpeg.size() / 2)});
   writeBytes(pathOf("cut.png"), {png.begin(), png.begin() + std::ptrdiff_t(png.size() - 20)});
-  backdate("cut.jpg", 60);
-  backdate("cut.png", 60);
+  for (const char* name : {"cut.jpg", "cut.png"}) backdate(name, 60);
   auto watcher = watch(folder());
   watcher->start();
   ASSERT_TRUE(reports_.waitForState(State::watching));
@@ -381,7 +369,7 @@ TEST_F(HotFolderWatcherTest, AFileStillOpenOrCutShortIsTakenOnlyWhole) {
   writeBytes(pathOf("cut.jpg"), jpeg);
   writeBytes(pathOf("cut.png"), png);
   ASSERT_TRUE(reports_.waitForLines(4));
-  const HotFolderProcessedMap stored = HotFolderProcessedStore::folderState(watcher->hotFolder().idText());
+  const HotFolderProcessedMap stored = memory(watcher->hotFolder());
   EXPECT_EQ(stored.value("open.webp").sizeBytes, int64_t(webp.size()));
   EXPECT_EQ(stored.value("cut.jpg").sizeBytes, int64_t(jpeg.size()));
   EXPECT_EQ(stored.value("cut.png").sizeBytes, int64_t(png.size()));

@@ -10,7 +10,6 @@
 #include <memory>
 
 #include "engine/ImageFormat.h"
-#include "hotfolders/HotFolderProcessedStore.h"
 #include "hotfolders/HotFoldersManager.h"
 #include "tests/hotfolders/hot_folder_test_support.h"
 
@@ -50,8 +49,7 @@ BindMount bindMount(const QString& from, const QString& onto) {
 TEST_F(HotFoldersManagerTest, VolumeMountedOnTheFolderIsFollowedAndItsUnmountDropsNoMemory) {
   const QString mountPoint = temp_.path() + "/volume", device = temp_.path() + "/device";
   ASSERT_TRUE(QDir().mkpath(mountPoint) && QDir().mkpath(device));
-  HotFolder hotFolder = folder();
-  hotFolder.sourceFolder = mountPoint;
+  const HotFolder hotFolder = folder(mountPoint);
   HotFolders::save({hotFolder});
   HotFoldersManager manager;  // watches the empty mount point
   source_ = device;
@@ -60,18 +58,14 @@ TEST_F(HotFoldersManagerTest, VolumeMountedOnTheFolderIsFollowedAndItsUnmountDro
   BindMount mount = bindMount(device, mountPoint);
   if (!mount) GTEST_SKIP() << "no right to mount here";
   // The scan's last step is its one write of the store: wait for it, not only for the line.
-  ASSERT_TRUE(QTest::qWaitFor(
-      [&] {
-        return doneLines(manager) == 1 &&
-               HotFolderProcessedStore::folderState(hotFolder.idText()).size() == 1;
-      },
-      60000));
+  ASSERT_TRUE(
+      QTest::qWaitFor([&] { return doneLines(manager) == 1 && memory(hotFolder).size() == 1; }, 60000));
 
   // Unmounted: the empty mount point is not watched, so its scan can't forget a.jpg.
   mount.reset();
   ASSERT_TRUE(QTest::qWaitFor([&] { return errorLines(manager) == 1; }, 10000));
   EXPECT_FALSE(manager.isRunning(hotFolder.id));
-  EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).keys(), QStringList{"a.jpg"});
+  EXPECT_EQ(memory(hotFolder).keys(), QStringList{"a.jpg"});
 
   // Mounted again: it runs, and only the new file is compressed.
   putImage("b.jpg", 2);
@@ -86,10 +80,9 @@ TEST_F(HotFoldersManagerTest, VolumeMountedOnTheFolderIsFollowedAndItsUnmountDro
 // any volume asks), and starts when it appears. A scan reports progress only while it runs; a
 // pause stops the folders; removing one drops its memory, not its files.
 TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredSuccessesAndTheErrorsApart) {
-  for (int i = 0; i < 101; ++i) putImage(QStringLiteral("p%1.jpg").arg(i), i, true, 8);
-  HotFolder gone = folder();
+  for (int i = 0; i < 101; ++i) putImage(QStringLiteral("p%1.jpg").arg(i), i, 60, 8);
+  HotFolder gone = folder(temp_.path() + "/missing");
   gone.name = "Gone";
-  gone.sourceFolder = temp_.path() + "/missing";
   HotFoldersManager manager({.retryInterval = std::chrono::milliseconds(50)});
   manager.upsert(gone);
   settle(manager, gone.id, State::waitingForFolder);
@@ -102,11 +95,7 @@ TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredSuccessesAndTheErrors
   manager.upsert(hotFolder);
   // The scan's last step is its one write of the store.
   ASSERT_TRUE(QTest::qWaitFor(
-      [&] {
-        return HotFolderProcessedStore::folderState(hotFolder.idText()).size() == 101 &&
-               !manager.progress(hotFolder.id);
-      },
-      60000));
+      [&] { return memory(hotFolder).size() == 101 && !manager.progress(hotFolder.id); }, 60000));
   ASSERT_TRUE(QTest::qWaitFor([&] { return doneLines(manager) == 100; }, 10000));
   EXPECT_TRUE(sawProgress);
   EXPECT_EQ(errorLines(manager), 1);
@@ -129,7 +118,7 @@ TEST_F(HotFoldersManagerTest, ActivityKeepsTheNewestHundredSuccessesAndTheErrors
   EXPECT_TRUE(manager.isRunning(hotFolder.id));
   manager.remove(hotFolder);
   EXPECT_FALSE(manager.isRunning(hotFolder.id));
-  EXPECT_TRUE(HotFolderProcessedStore::folderState(hotFolder.idText()).isEmpty());
+  EXPECT_TRUE(memory(hotFolder).isEmpty());
   EXPECT_EQ(outputs().size(), 101);
   EXPECT_EQ(HotFolders::load(), HotFolderList{gone});
 }
@@ -143,15 +132,11 @@ TEST_F(HotFoldersManagerTest, FoldersThatFeedThemselvesOrEachOtherAreRefusedEven
   ASSERT_TRUE(QDir().mkpath(a) && QDir().mkpath(b + "/sub") && QDir().mkpath(selfOut));
   for (const auto& [target, name] : {std::pair(b, link), std::pair(selfOut, selfIn)})
     ASSERT_EQ(::symlink(QFile::encodeName(target).constData(), QFile::encodeName(name).constData()), 0);
-  HotFolder first = folder(), second = folder(), alone = folder(), self = folder();
+  // First writes inside b, Second's source, through the link, to a folder not made yet.
+  HotFolder first = folder(a, link + "/sub/new"), second = folder(b, temp_.path() + "/elsewhere");
+  HotFolder alone = folder(), self = folder(selfIn, selfOut);
   first.name = "First";
-  first.sourceFolder = a;
-  first.destinationFolder = link + "/sub/new";  // inside b, through the link, not made yet
   second.name = "Second";
-  second.sourceFolder = b;
-  second.destinationFolder = temp_.path() + "/elsewhere";
-  self.sourceFolder = selfIn;
-  self.destinationFolder = selfOut;
   HotFolders::save({first, second, alone, self});
   HotFoldersManager manager;
   settle(manager, alone.id, State::watching);
@@ -184,9 +169,7 @@ TEST_F(HotFoldersManagerTest, FoldersThatFeedThemselvesOrEachOtherAreRefusedEven
 // The same when the folders appear after the check: the one that appears is checked again.
 TEST_F(HotFoldersManagerTest, FoldersThatComeToFeedEachOtherAreRefusedWhenOneAppears) {
   const QString x = temp_.path() + "/x", y = temp_.path() + "/y";
-  HotFolder first = folder(), second = folder();
-  std::tie(first.sourceFolder, first.destinationFolder) = std::pair(x, y + "/out");
-  std::tie(second.sourceFolder, second.destinationFolder) = std::pair(y, x);
+  const HotFolder first = folder(x, y + "/out"), second = folder(y, x);
   HotFolders::save({first, second});
   HotFoldersManager manager({.retryInterval = std::chrono::milliseconds(50)});
   settle(manager, first.id, State::waitingForFolder);
@@ -196,7 +179,7 @@ TEST_F(HotFoldersManagerTest, FoldersThatComeToFeedEachOtherAreRefusedWhenOneApp
 }
 
 TEST_F(HotFoldersManagerTest, EndingDuringAScanLeavesOnlyWholeFiles) {
-  for (int i = 0; i < 20; ++i) putImage(QStringLiteral("e%1.jpg").arg(i), i, true, 600);
+  for (int i = 0; i < 20; ++i) putImage(QStringLiteral("e%1.jpg").arg(i), i, 60, 600);
   const HotFolder hotFolder = folder();
   HotFolders::save({hotFolder});
   {
@@ -213,7 +196,7 @@ TEST_F(HotFoldersManagerTest, EndingDuringAScanLeavesOnlyWholeFiles) {
               ImageFormat::jpeg);
   }
   // A stop in mid-scan still records the files that finished.
-  EXPECT_EQ(HotFolderProcessedStore::folderState(hotFolder.idText()).size(), written.size());
+  EXPECT_EQ(memory(hotFolder).size(), written.size());
 }
 
 }  // namespace

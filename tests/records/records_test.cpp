@@ -1,7 +1,5 @@
-// The records kept in the user's data folder: the store every list is saved through (its file
-// modes, damaged and failed saves, names that are not UTF-8), export profiles (their stored
-// form, upsert and the resolver that fills a command's settings from them) and the export
-// history (its stored form and which record a later export supersedes).
+// The records in the user's data folder: the store every list is saved through, export profiles
+// (stored form, upsert, the resolver that fills a command's settings) and the export history.
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -51,20 +49,15 @@ TEST_F(JSONFileStoreTest, FirstSaveCreatesTheFolderAndWritesCompactJSONOnlyItsOw
 TEST(JsonWriter, NamesThatAreNotUTF8GiveValidJSONThatGivesTheirBytesBack) {
   const auto decode = [](const QString& text) {
     std::string bytes;
-    for (char32_t c : text.toUcs4()) {
-      if (c >= 0xF780 && c <= 0xF7FF)
-        bytes += char(c - 0xF700);
-      else
-        bytes += QString::fromUcs4(&c, 1).toStdString();
-    }
+    for (char32_t c : text.toUcs4())
+      bytes += c >= 0xF780 && c <= 0xF7FF ? std::string(1, char(c - 0xF700))
+                                          : QString::fromUcs4(&c, 1).toStdString();
     return bytes;
   };
-  const std::string names[] = {"caf\xe9.jpg",
-                               "caf\xe8.jpg",
-                               "\xc3\xa9t\xc3\xa9.png" /* valid: kept */,
-                               "\xef\x9e\xa9",
-                               /* U+F7A9 */ "\xc0\x80\xed\xa0\x80\xe2\x82",
-                               "\xff/\x01"};
+  // Valid UTF-8 is kept as it is (names[2]); names[3] is U+F7A9 itself.
+  const std::string names[] = {
+      "caf\xe9.jpg", "caf\xe8.jpg", "\xc3\xa9t\xc3\xa9.png", "\xef\x9e\xa9", "\xc0\x80\xed\xa0\x80\xe2\x82",
+      "\xff/\x01"};
   std::set<std::string> written;
   for (const std::string& name : names) {
     const std::string json = JsonValue::object().set("path", name).writeSorted();
@@ -96,13 +89,11 @@ TEST_F(JSONFileStoreTest, MissingAndCorruptFilesReadAsNothing) {
 // written whole (here past a file size limit of 8 bytes) keeps the old file and no temporary one.
 TEST_F(JSONFileStoreTest, FailedSavesAreSilentAndKeepTheOldFileWhole) {
   ASSERT_TRUE(QDir().mkpath(temp_.path() + QStringLiteral("/support")));
-  QFile blocker(folder_);  // a plain file where the folder should be
-  ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
-  blocker.close();
+  ASSERT_TRUE(QFile(folder_).open(QIODevice::WriteOnly));  // a plain file where the folder should be
   JSONFileStore::save(sample, QStringLiteral("list.json"));
   EXPECT_FALSE(JSONFileStore::load(QStringLiteral("list.json")));
 
-  ASSERT_TRUE(blocker.remove());
+  ASSERT_TRUE(QFile::remove(folder_));
   writeStoreFile(QStringLiteral("list.json"), "[\"old\"]");
   rlimit limit{};
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
@@ -203,27 +194,22 @@ class ExportProfileResolverTest : public StoreFolderTest {
     web.destinationFolder = QStringLiteral("/srv/web");
     ExportProfiles::save({web, profile(idB, "Archive", ImageFormat::jxl, 95)});
   }
-  using R = ExportProfileResolver::Resolved;
-  static void expect(const R& r, ImageFormat format, double quality, const std::optional<QString>& folder) {
-    EXPECT_EQ(r.format, format);
-    EXPECT_EQ(r.quality, quality);
-    EXPECT_EQ(r.outputDirectory, folder);
+  static void expect(const ExportProfileResolver::Resolved& r, ImageFormat format, double quality,
+                     const std::optional<QString>& folder) {
+    EXPECT_EQ(std::tuple(r.format, r.quality, r.outputDirectory), std::tuple(format, quality, folder));
   }
 };
+using ExportProfileResolver::resolve;
+constexpr auto none = std::nullopt;
 
 TEST_F(ExportProfileResolverTest, ExplicitValuesWinOneByOneAndTheProfileFillsTheRest) {
-  expect(ExportProfileResolver::resolve(QStringLiteral("wEB"), std::nullopt, std::nullopt, std::nullopt),
-         ImageFormat::webp, 80, QStringLiteral("/srv/web"));
-  expect(
-      ExportProfileResolver::resolve(QStringLiteral("Web"), 40.0, ImageFormat::png, QStringLiteral("/out")),
-      ImageFormat::png, 40, QStringLiteral("/out"));
-  expect(ExportProfileResolver::resolve(std::nullopt, std::nullopt, ImageFormat::png, std::nullopt),
-         ImageFormat::png, 75, std::nullopt);
+  expect(resolve("wEB", none, none, none), ImageFormat::webp, 80, "/srv/web");
+  expect(resolve("Web", 40.0, ImageFormat::png, "/out"), ImageFormat::png, 40, "/out");
+  expect(resolve(none, none, ImageFormat::png, none), ImageFormat::png, 75, none);
   ExportProfileList list = ExportProfiles::load();
   list[1].isDefault = true;
   ExportProfiles::save(list);
-  expect(ExportProfileResolver::resolve(std::nullopt, 10.0, std::nullopt, std::nullopt), ImageFormat::jxl, 10,
-         std::nullopt);
+  expect(resolve(none, 10.0, none, none), ImageFormat::jxl, 10, none);
 
   // Given size options win over the profile's one by one.
   const CompressionOptions profile{.maxWidth = 1600, .maxHeight = 1200, .maxBytes = 500000};
@@ -234,23 +220,19 @@ TEST_F(ExportProfileResolverTest, ExplicitValuesWinOneByOneAndTheProfileFillsThe
   list = ExportProfiles::load();
   list[0].sizing = profile;
   ExportProfiles::save(list);
-  EXPECT_EQ(ExportProfileResolver::resolve(QStringLiteral("web"), 1.0, std::nullopt, std::nullopt).sizing,
-            profile);
+  EXPECT_EQ(resolve("web", 1.0, none, none).sizing, profile);
 }
 
 TEST_F(ExportProfileResolverTest, UnknownNameThrowsAndADamagedFileMeansNoProfiles) {
   try {
-    ExportProfileResolver::resolve(QStringLiteral(" Web"), 50.0, ImageFormat::png, std::nullopt);
+    resolve(" Web", 50.0, ImageFormat::png, none);
     ADD_FAILURE() << "names are not trimmed";
   } catch (const ProfileNotFoundError& e) {
     EXPECT_EQ(e.description(), "Profil introuvable :  Web");
   }
   writeStoreFile(QString::fromLatin1(ExportProfiles::fileName), "{oops");
-  expect(ExportProfileResolver::resolve(std::nullopt, std::nullopt, std::nullopt, std::nullopt),
-         ImageFormat::jpeg, 75, std::nullopt);
-  EXPECT_THROW(
-      ExportProfileResolver::resolve(QStringLiteral("Web"), std::nullopt, std::nullopt, std::nullopt),
-      ProfileNotFoundError);
+  expect(resolve(none, none, none, none), ImageFormat::jpeg, 75, none);
+  EXPECT_THROW(resolve("Web", none, none, none), ProfileNotFoundError);
 }
 
 double utc(const char* iso) {
@@ -258,12 +240,8 @@ double utc(const char* iso) {
 }
 
 ExportRecord record(const char* id, const char* destination, const char* iso) {
-  return ExportRecord{QUuid::fromString(QString::fromLatin1(id)),
-                      QStringLiteral("a.png"),
-                      QUrl::fromLocalFile(QString::fromUtf8(destination)),
-                      ImageFormat::heic,
-                      1234,
-                      utc(iso)};
+  const QUrl url = QUrl::fromLocalFile(QString::fromUtf8(destination));
+  return {QUuid::fromString(QString::fromLatin1(id)), "a.png", url, ImageFormat::heic, 1234, utc(iso)};
 }
 
 TEST(ExportRecordJSON, WritesTheStoredFormsWithDatesFrom2001) {

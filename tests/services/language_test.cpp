@@ -1,9 +1,6 @@
-// The user's settings against a real settings file and a real autostart folder in a temporary
-// home: LanguageManager's launch rules, relaunch through fakes, and the matching of locale tags
-// to tables; the background switches, whose autostart entry is checked by the desktop's own
-// validator where it is installed. Then the string tables against the source tree: every key
-// the code looks up exists in all fifteen tables, the tables agree on their keys, and format
-// strings keep English's placeholders; and the lookup chain that LanguageManager installs.
+// The user's settings in a temporary home (language choice, relaunch through fakes, the settings
+// file, the background switches and their autostart entry), then the string tables against the
+// source tree and the lookup chain that LanguageManager installs.
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -139,8 +136,7 @@ TEST_F(SettingsFileTest, AFileOrLockThatCantBeReadSafelyGivesTheDefaultsAndStays
   }
 }
 
-// A relative XDG folder is ignored rather than taken from the working folder, and without
-// HOME the home is the user's own, not the root folder.
+// Not a folder under the working folder, and not the root folder as the home.
 TEST_F(SettingsFileTest, RelativeBaseDirectoriesAreIgnoredAndAMissingHomeIsTheUsers) {
   const QByteArray home = qgetenv("HOME"), data = qgetenv("XDG_DATA_HOME");
   qputenv("XDG_CONFIG_HOME", "relative/config");
@@ -214,12 +210,10 @@ QMap<QString, QString> keysUsedInCode() {
     QDirIterator it(sourceRoot() + QLatin1Char('/') + QLatin1String(folder), {"*.cpp", "*.h"}, QDir::Files,
                     QDirIterator::Subdirectories);
     while (it.hasNext()) {
-      QString path = it.next();
-      QFile file(path);
+      QFile file(it.next());
       if (!file.open(QIODevice::ReadOnly)) continue;
-      const QString source = QString::fromUtf8(file.readAll());
-      for (auto match = call.globalMatch(source); match.hasNext();)
-        keys.insert(match.next().captured(1), path);
+      for (auto match = call.globalMatch(QString::fromUtf8(file.readAll())); match.hasNext();)
+        keys.insert(match.next().captured(1), file.fileName());
     }
   }
   return keys;

@@ -74,12 +74,7 @@ TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOfferedAndTransportErrors
   const State unreadable = State::failed(Strings::text("settings.updates.unreadableResponse"));
   const State insecure = State::failed(Strings::text("settings.updates.invalidRemoteFile"));
   const State nine = State::updateAvailable("9.0", QUrl("https://example.org/"));
-  struct Case {
-    int status;
-    QByteArray body;
-    QString current;
-    State expected;
-  } const cases[] = {
+  const std::tuple<int, QByteArray, QString, State> cases[] = {
       {200, R"({"version":"1.4.2","url":"https://example.org/download"})", "1.4.1",
        State::updateAvailable("1.4.2", QUrl("https://example.org/download"))},
       {200, R"({"version":"1.4","url":"https://example.org/"})", "1.4.0", State::upToDate()},
@@ -97,10 +92,10 @@ TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOfferedAndTransportErrors
       {200, R"({"version":"9.0","url":"HTTPS://example.org/"})", "1.0",
        State::updateAvailable("9.0", QUrl("HTTPS://example.org/"))},
   };
-  for (const Case& c : cases) {
-    server_.respond(c.status, c.body);
-    EXPECT_EQ(check(c.current), c.expected)
-        << c.status << " " << c.body.toStdString() << " at " << c.current.toStdString();
+  for (const auto& [status, body, current, expected] : cases) {
+    server_.respond(status, body);
+    EXPECT_EQ(check(current), expected)
+        << status << " " << body.toStdString() << " at " << current.toStdString();
   }
   EXPECT_TRUE(server_.lastRequest().startsWith("GET /version.json HTTP/1.1\r\n"));
   EXPECT_TRUE(server_.lastRequest().toLower().contains("cache-control: no-cache"));
@@ -123,20 +118,13 @@ TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOfferedAndTransportErrors
 }
 
 TEST(UpdateCheckerIsNewer, ComparesNumericPiecesPaddedWithZeros) {
-  struct Case {
-    const char* a;
-    const char* b;
-    bool newer;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, const char*, bool> cases[] = {
       {"1.10", "1.9", true},     {"1.2.0", "1.2", false},
       {"1..2", "1.1", true},     {"1.beta.3", "1.2", true},
       {"1.2-rc1", "1.1", false}, {"+2", "1", true},
       {" 1", "0", false},        {"99999999999999999999.1", "1.2", false},  // overflow dropped
   };
-  for (const Case& c : cases)
-    EXPECT_EQ(UpdateChecker::isNewer(QString::fromUtf8(c.a), QString::fromUtf8(c.b)), c.newer)
-        << c.a << " vs " << c.b;
+  for (const auto& [a, b, newer] : cases) EXPECT_EQ(UpdateChecker::isNewer(a, b), newer) << a << " vs " << b;
 }
 
 }  // namespace
