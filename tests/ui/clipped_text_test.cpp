@@ -1,6 +1,5 @@
-// In every language, no text of the bar, of a failed row's Retry, of the quality popup, of a settings tab or
-// of its title is cut at the windows' minimum sizes (ClippedText, in CTest with the label `slow`); and the
-// tray menu's entries do what they say.
+// In every language no text of the bar, a failed row's Retry, the quality popup, a settings tab or its title
+// is cut at the windows' minimum sizes (labelled `slow` in CTest); the tray menu's entries do what they say.
 #include <QAbstractButton>
 #include <QComboBox>
 #include <QLabel>
@@ -10,9 +9,7 @@
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"
 #include "hotfolders/HotFoldersManager.h"
-#include "services/AppLanguage.h"
 #include "services/LanguageManager.h"
-#include "services/Strings.h"
 #include "services/UpdateChecker.h"
 #include "tests/ui/ui_test_support.h"
 #include "ui/BackgroundTrayMenu.h"
@@ -25,8 +22,7 @@
 namespace quillane::uitest {
 namespace {
 
-// Widgets in `root` whose text does not fit: labels and buttons narrower than their text
-// needs (word-wrapping and elided labels excepted). Names them for the failure message.
+// The labels (not wrapping or elided ones), buttons and combo boxes in `root` narrower than their text needs.
 QStringList clippedTexts(QWidget* root) {
   QStringList clipped;
   const auto check = [&](QWidget* w, const QString& text) {
@@ -38,11 +34,9 @@ QStringList clippedTexts(QWidget* root) {
                      .arg(w->width())
                      .arg(needed);
   };
-  for (QLabel* label : root->findChildren<QLabel*>()) {
-    if (label->wordWrap() || label->text().isEmpty()) continue;
-    if (label->sizePolicy().horizontalPolicy() == QSizePolicy::Ignored) continue;  // elided on purpose
-    check(label, label->text());
-  }
+  for (QLabel* label : root->findChildren<QLabel*>())  // an Ignored width: elided on purpose
+    if (!label->wordWrap() && label->sizePolicy().horizontalPolicy() != QSizePolicy::Ignored)
+      check(label, label->text());
   for (QAbstractButton* button : root->findChildren<QAbstractButton*>()) check(button, button->text());
   for (QComboBox* combo : root->findChildren<QComboBox*>()) check(combo, combo->currentText());
   return clipped;
@@ -67,10 +61,9 @@ TEST_F(ClippedText, NoTextOfTheBarOrATabIsCutInAnyLanguageAtMinimumSize) {
   ASSERT_TRUE(settle({source("mountain-lake-at-dawn.jpg", 2'400'000), source("logo.png", 18'000),
                       source("broken.avif", 50'000, {.failEncode = true}), url("notes.txt")}));
   import({source("slow-panorama.png", 5'000'000)});
-  QDir(dir_.path()).mkpath("out");
-  EXPECT_TRUE(await(model_->exportSingle(model_->images()[0], url("out/a.jpg"))));
+  EXPECT_TRUE(await(model_->exportSingle(model_->images()[0], QUrl::fromLocalFile(outFolder() + "/a.jpg"))));
   EXPECT_EQ(model_->exportHistory().size(), 1u);
-  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true));
+  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80.5, outFolder(), true));
   model_->upsertExportProfile(profile("Archive", ImageFormat::jxl, 95));
   LocalAPISettings::setEnabled(true);
   LocalAPISettings::setPort(0);

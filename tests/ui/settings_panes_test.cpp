@@ -1,7 +1,5 @@
-// The settings panes against real objects: the profile form's rules, the API pane's port and
-// token rules, the language pane's pending choice; and the hot folders tab against a real
-// manager: the form's rules (name, folders that resolve to one, profile against explicit
-// settings), the enabled switch, and the two log sections.
+// The settings panes against real objects: the profile form, the API pane's port and token, the language
+// pane's pending choice, and the hot folders' form, switches and logs over a real manager.
 #include <unistd.h>
 
 #include <QCheckBox>
@@ -11,7 +9,6 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
-#include <QScopeGuard>
 #include <QSlider>
 #include <QSpinBox>
 #include <QTcpServer>
@@ -20,7 +17,6 @@
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"
 #include "hotfolders/HotFoldersManager.h"
-#include "records/ExportProfile.h"
 #include "services/LanguageManager.h"
 #include "tests/ui/ui_test_support.h"
 #include "ui/ExportProfilesSettingsView.h"
