@@ -27,9 +27,8 @@ DecodedImage texturedPhoto(int w, int h, uint32_t seed) {
   const float weight[5] = {0.5f, 0.25f, 0.13f, 0.08f, 0.05f};
   std::vector<std::vector<float>> grids;
   for (int n : cells) {
-    std::vector<float> g(size_t(n + 1) * size_t(n + 1) * 3);
-    for (float& v : g) v = unit(rng);
-    grids.push_back(std::move(g));
+    grids.emplace_back(size_t(n + 1) * size_t(n + 1) * 3);
+    for (float& v : grids.back()) v = unit(rng);
   }
   for (int y = 0; y < h; ++y) {
     for (int x = 0; x < w; ++x) {
