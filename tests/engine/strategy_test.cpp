@@ -106,12 +106,9 @@ TEST(ImageAnalyzerColors, CountsUpToSaturation) {
 
 ImageCharacteristics picture(ContentClass cls, int64_t width, int height = 1, double noise = 0,
                              double flat = 0.5, bool saturated = false) {
-  return {.width = int(width),
-          .height = height,
-          .contentClass = cls,
-          .colorCountSaturated = saturated,
-          .flatFraction = flat,
-          .noiseLevel = noise};
+  ImageCharacteristics c{.width = int(width), .height = height, .contentClass = cls};
+  c.colorCountSaturated = saturated, c.flatFraction = flat, c.noiseLevel = noise;
+  return c;
 }
 
 TEST(EncodingStrategy, QualityIsClampedToOneAndNearLosslessIsAWebPModeOnly) {
