@@ -109,8 +109,9 @@ class HotFolderSandbox : public StoreFolderTest {
   static std::vector<uint8_t> jpegBytes(uint32_t seed, int side = 48) {
     return fixtures::jpeg(makeImage(side, side, Pattern::photo, seed), {.quality = 90});
   }
-  std::string pathOf(const QString& name) const {
-    return QFile::encodeName(source_ + '/' + name).toStdString();
+  // The path of `name` in the source folder, or in `folder`.
+  std::string pathOf(const QString& name, const QString& folder = {}) const {
+    return QFile::encodeName((folder.isEmpty() ? source_ : folder) + '/' + name).toStdString();
   }
   QStringList outputs() const { return QDir(destination_).entryList(QDir::Files | QDir::Hidden, QDir::Name); }
 

@@ -192,8 +192,7 @@ TEST_F(HotFoldersManagerTest, EndingDuringAScanLeavesOnlyWholeFiles) {
   EXPECT_LT(written.size(), 20 + 1);
   for (const QString& name : written) {
     EXPECT_FALSE(name.startsWith('.')) << name.toStdString();
-    EXPECT_EQ(ImageFormats::detect(QFile::encodeName(destination_ + '/' + name).toStdString()),
-              ImageFormat::jpeg);
+    EXPECT_EQ(ImageFormats::detect(pathOf(name, destination_)), ImageFormat::jpeg);
   }
   // A stop in mid-scan still records the files that finished.
   EXPECT_EQ(memory(hotFolder).size(), written.size());

@@ -56,8 +56,7 @@ class UpdateCheckerTest : public ::testing::Test {
  protected:
   void SetUp() override { QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy); }
 
-  // Runs one check at version `current` against `base` (by default the test's server): it is
-  // `checking` at once, and settles within 10 s.
+  // One check at version `current` against `base` (the test's server by default), once settled.
   UpdateChecker::State check(const QString& current, const std::optional<QUrl>& base = std::nullopt) {
     UpdateChecker checker(base.value_or(server_.baseUrl()), current);
     checker.checkNow();
