@@ -1,10 +1,5 @@
 // In every language no text of the bar, a failed row's Retry, the quality popup, a settings tab or its title
 // is cut at the windows' minimum sizes (labelled `slow` in CTest); the tray menu's entries do what they say.
-#include <QAbstractButton>
-#include <QComboBox>
-#include <QLabel>
-#include <QTabBar>
-#include <QTabWidget>
 
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"

@@ -1,8 +1,5 @@
 // The comparison window: zoom, pan and divider by mouse, wheel and keys, both halves in
 // register, its size on screen and across openings, and the result side following the quality.
-#include <QAccessibleValueInterface>
-#include <QScreen>
-#include <QWheelEvent>
 
 #include "services/SettingsFile.h"
 #include "tests/support/TestImages.h"

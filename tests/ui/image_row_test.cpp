@@ -1,10 +1,4 @@
-// What an image row shows and does (the window's painted list and its rules), and the per-image quality
-// popup.
-#include <QCheckBox>
-#include <QLabel>
-#include <QMenu>
-#include <QPushButton>
-#include <QSlider>
+// What an image row shows and does (the window's painted list and its rules); the per-image quality popup.
 
 #include "tests/ui/ui_test_support.h"
 #include "ui/QualityControls.h"

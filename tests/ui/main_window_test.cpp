@@ -1,31 +1,7 @@
 // The main window against a real model: the bar, export and its summary, drops, the rows by mouse and keys,
 // the comparison window, the file dialogs, and a name and an access key for every control.
-#include <QAbstractItemView>
-#include <QAbstractSpinBox>
-#include <QAction>
-#include <QCheckBox>
-#include <QComboBox>
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QDoubleSpinBox>
-#include <QDropEvent>
-#include <QFileDialog>
-#include <QLabel>
-#include <QLineEdit>
-#include <QMenu>
-#include <QMenuBar>
-#include <QMimeData>
-#include <QProgressBar>
-#include <QPushButton>
-#include <QScreen>
-#include <QScrollBar>
-#include <QSlider>
-#include <QSpinBox>
-#include <QStyleOptionButton>
-#include <QTabBar>
-#include <QTabWidget>
-#include <QTimer>
-#include <QToolButton>
 
 #include "api/LocalAPIController.h"
 #include "hotfolders/HotFoldersManager.h"

@@ -2,17 +2,7 @@
 // pane's pending choice, and the hot folders' form, switches and logs over a real manager.
 #include <unistd.h>
 
-#include <QCheckBox>
-#include <QComboBox>
-#include <QDoubleSpinBox>
-#include <QGroupBox>
-#include <QLabel>
-#include <QLineEdit>
-#include <QPushButton>
-#include <QSlider>
-#include <QSpinBox>
 #include <QTcpServer>
-#include <QToolButton>
 
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"

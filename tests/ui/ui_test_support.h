@@ -2,9 +2,7 @@
 // Fixtures for the window tests: the batch fixture's model, fakes and sandbox; the inspector
 // makes thumbnails, and a sized encode scales the file's box into the options' one.
 
-#include <QAccessible>
-#include <QApplication>
-#include <QMouseEvent>
+#include <QtWidgets>  // the whole module: the tests' precompiled header holds it anyway
 
 #include "engine/Localization.h"
 #include "hotfolders/HotFolder.h"
