@@ -16,16 +16,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class ControllerTest : public testing::ApiSandbox {
- protected:
-  static unsigned fileMode() {
+using ControllerTest = testing::ApiSandbox;
+
+TEST_F(ControllerTest, TheTokenHasItsFormAndIsKeptInAFileOnlyItsOwnerCanRead) {
+  const auto fileMode = [] {
     struct stat info {};
     ::stat(QFile::encodeName(LocalAPISettings::store()->fileName()).constData(), &info);
     return info.st_mode & 0777;
-  }
-};
-
-TEST_F(ControllerTest, TheTokenHasItsFormAndIsKeptInAFileOnlyItsOwnerCanRead) {
+  };
   QString first = LocalAPISettings::token();
   EXPECT_TRUE(QRegularExpression("^qlne_[A-Za-z0-9_-]{43}$").match(first).hasMatch()) << first.toStdString();
   EXPECT_EQ(LocalAPISettings::token(), first);

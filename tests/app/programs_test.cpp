@@ -230,7 +230,6 @@ TEST(CompressArguments, OptionsBecomeTheCommandsArgumentsAndFallbacksAreTold) {
 }
 
 using namespace std::chrono_literals;
-using testing::BusStandIn;
 
 const QString kService = "com.quillane.Quillane";
 const QString kPath = "/com/quillane/Quillane";
@@ -342,12 +341,6 @@ class DesktopBus : public ::testing::Test {
 
   testing::ProgramRun run(const QStringList& arguments, const QProcessEnvironment& env) {
     return testing::runToEnd(program_, arguments, env, dir_.path());
-  }
-  // A desktop service on this test's bus.
-  std::unique_ptr<BusStandIn> standIn(const QString& service) {
-    auto standIn = std::make_unique<BusStandIn>(*bus_, service, "/" + QString(service).replace('.', '/'));
-    EXPECT_TRUE(standIn->registered()) << service.toStdString();
-    return standIn;
   }
 
   template <class... Arguments>
@@ -508,8 +501,9 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
   EXPECT_EQ(QFileInfo(QString("/proc/%1/fd/2").arg(processes_.back()->processId())).symLinkTarget(),
             "/dev/null");
 
-  const auto notifications = standIn("org.freedesktop.Notifications");
-  const auto fileManager = standIn("org.freedesktop.FileManager1");
+  testing::BusStandIn notifications(*bus_, "org.freedesktop.Notifications", "/org/freedesktop/Notifications");
+  testing::BusStandIn fileManager(*bus_, "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1");
+  ASSERT_TRUE(notifications.registered() && fileManager.registered());
   testing::ProgramRun failed = run({"--compress", "in/gone.png"}, environment());
   // With no file, the action is the plain launch: the running instance's window comes up.
   EXPECT_EQ(run({"--compress"}, environment()).exitCode, 0);
@@ -517,8 +511,8 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
   EXPECT_EQ(run({"--compress", "smb://server/x.png"}, environment()).exitCode, 1);
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_TRUE(failed.err.isEmpty()) << failed.err.toStdString();
-  ASSERT_EQ(notifications->calls("Notify").size(), 1);
-  const QVariantList notify = notifications->calls("Notify")[0];
+  ASSERT_EQ(notifications.calls("Notify").size(), 1);
+  const QVariantList notify = notifications.calls("Notify")[0];
   EXPECT_EQ(notify.value(0), "Quillane");
   EXPECT_EQ(notify.value(3), "Échec de la compression");
   EXPECT_TRUE(notify.value(4).toString().startsWith("Échec de la compression de gone.png"))
@@ -530,16 +524,16 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
   launch.setProcessEnvironment(environment());
   launch.setWorkingDirectory(dir_.path());
   launch.start(program_, {"--compress", "in/a.png"});
-  ASSERT_TRUE(QTest::qWaitFor([&] { return notifications->calls("Notify").size() == 2; }, 60000));
-  EXPECT_EQ(notifications->calls("Notify")[1].value(5).toStringList().value(0), "show-in-folder");
+  ASSERT_TRUE(QTest::qWaitFor([&] { return notifications.calls("Notify").size() == 2; }, 60000));
+  EXPECT_EQ(notifications.calls("Notify")[1].value(5).toStringList().value(0), "show-in-folder");
   QDBusMessage chosen = QDBusMessage::createSignal("/org/freedesktop/Notifications",
                                                    "org.freedesktop.Notifications", "ActionInvoked");
   chosen << uint(2) << QString("show-in-folder");
   ASSERT_TRUE(bus_->send(chosen));
   EXPECT_TRUE(launch.waitForFinished(60000));
   EXPECT_EQ(launch.exitCode(), 0);
-  ASSERT_EQ(fileManager->calls("ShowItems").size(), 1);
-  EXPECT_EQ(fileManager->calls("ShowItems")[0].value(0).toStringList(),
+  ASSERT_EQ(fileManager.calls("ShowItems").size(), 1);
+  EXPECT_EQ(fileManager.calls("ShowItems")[0].value(0).toStringList(),
             QStringList{QUrl::fromLocalFile(path("viaInstance/a.webp")).toString()});
 }
 
