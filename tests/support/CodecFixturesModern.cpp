@@ -131,13 +131,10 @@ Bytes heic(const DecodedImage& image, const HeifOptions& options) {
           "heif_context_encode_image");
   CHandle<heif_image_handle, heif_image_handle_release> handle(rawHandle);
   if (options.thumbnailSide > 0) {
-    const auto opaque = picture(false);
-    CHandle<heif_encoding_options, heif_encoding_options_free> upright(heif_encoding_options_alloc());
-    heif_image_handle* rawThumb = nullptr;
-    require(heif_context_encode_thumbnail(context.get(), opaque.get(), handle.get(), encoder.get(),
-                                          upright.get(), options.thumbnailSide, &rawThumb),
+    // The default options: unrotated, whatever the picture's orientation.
+    require(heif_context_encode_thumbnail(context.get(), picture(false).get(), handle.get(), encoder.get(),
+                                          nullptr, options.thumbnailSide, nullptr),
             "heif_context_encode_thumbnail");
-    if (rawThumb) heif_image_handle_release(rawThumb);
   }
   if (options.exifOrientation) {
     Bytes exif = exifBlock(*options.exifOrientation);

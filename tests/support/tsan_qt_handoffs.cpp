@@ -103,10 +103,9 @@ std::function<void(Arguments...)> handedOff(std::function<void(Arguments...)> ta
 
 }  // namespace
 
-// WRAP(symbol, type, (parameters)) declares Qt's function (REAL(symbol)) and begins the wrapper
-// the linker calls in its place: tests/CMakeLists.txt wraps every symbol that follows "WRAP(" in
-// this file. Most wrappers only publish before the call or take up after it, and pass the
-// arguments on as they came: PUBLISHING_WRAP and TAKING_UP_WRAP are those whole.
+// WRAP(symbol, type, (parameters)) declares Qt's function REAL(symbol) and begins its wrapper;
+// tests/CMakeLists.txt wraps each symbol that follows "WRAP(" here. PUBLISHING_WRAP and
+// TAKING_UP_WRAP are whole wrappers that only publish before the call or take up after it.
 #define REAL(name) __real_##name
 #define WRAP(name, type, parameters) \
   type REAL(name) parameters;        \
