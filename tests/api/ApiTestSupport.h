@@ -89,9 +89,8 @@ class ApiSandbox : public ::testing::Test {
   const QByteArray savedConfig_ = qgetenv("XDG_CONFIG_HOME");
 };
 
-// A real BatchViewModel behind a real server on 127.0.0.1 and an encoder whose sizes tell
-// what was asked: ten bytes per quality point plus the format's number, made once the gate is
-// open; at quality 13 it fails.
+// A real BatchViewModel behind a real server on 127.0.0.1 and an encoder whose sizes tell what was asked: ten
+// bytes per quality point plus the format's number, made once the gate is open; at quality 13 it fails.
 class RouterFixture : public ApiSandbox {
  protected:
   void SetUp() override {

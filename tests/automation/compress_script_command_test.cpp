@@ -106,11 +106,10 @@ TEST_F(CompressCommand, SizeOptionsTakeNumbersOrSizeTextsRefuseTheWrongKindAndRe
   EXPECT_TRUE(QDir(out("kept")).isEmpty());
 }
 
-// Files run side by side, a large one first so that the small ones behind it finish before
-// it: the records still follow the arguments, each with its own file and how it looks beside
-// its source, and the names are the ones sequential compression gives, apart ignoring case
-// within one command only. A file of the same name from before is replaced; a format is named
-// in any case.
+// Files run side by side, a large one first so that the small ones behind it finish before it: the records
+// still follow the arguments, each with its own file and how it looks beside its source, and the names are
+// the ones sequential compression gives, apart ignoring case within one command only. A file of the same name
+// from before is replaced; a format is named in any case.
 TEST_F(CompressCommand, ParallelFilesKeepTheOrderAndNamesOfTheArgumentsWithinOneCommand) {
   const QString large = temp_.filePath("in/p.png");
   testing::writeBytes(large.toStdString(),

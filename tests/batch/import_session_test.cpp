@@ -1,6 +1,5 @@
-// Import pipeline and session persistence, and taking changes back: each removal kind and a
-// quality change announce what undoes them, and undoing puts the batch back as it was, in its
-// order, encoded again.
+// Import pipeline and session persistence, and taking changes back: undoing a removal or a
+// quality change puts the batch back as it was, in its order, encoded again.
 #include <QJsonArray>
 #include <QJsonDocument>
 

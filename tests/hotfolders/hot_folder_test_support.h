@@ -1,7 +1,6 @@
 #pragma once
-// A sandbox for hot-folder tests: the records tests' store folder, a source and a destination
-// folder beside it, small real JPEGs, and a thread-safe log of what a watcher reports with
-// bounded waits on it.
+// A sandbox for hot-folder tests: the records tests' store folder, source and destination folders
+// beside it, small real JPEGs, and a thread-safe log of what a watcher reports, with bounded waits.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

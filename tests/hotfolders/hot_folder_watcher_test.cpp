@@ -1,6 +1,5 @@
-// HotFolderWatcher with real inotify on temporary folders and real compressions: when scans
-// run (debounce, start, stop, polling), which files they take (stability, memory), and what
-// they write and report.
+// HotFolderWatcher with real inotify and real compressions: when scans run (debounce, start, stop,
+// polling), which files they take (stability, memory), and what they write and report.
 
 #include <unistd.h>
 

@@ -1,6 +1,5 @@
-// HotFoldersManager on the test's event loop with real watchers: the rules of which folders
-// run and what is reported once, the activity cap, progress only while a scan runs, and a
-// clean end while a scan is under way.
+// HotFoldersManager with real watchers: which folders run, what is said once, the activity cap,
+// progress only while a scan runs, and a clean end in the middle of a scan.
 
 #include <sys/mount.h>
 #include <unistd.h>

@@ -28,7 +28,6 @@ namespace {
 
 using ui::DesktopFileDialogs;
 using Kind = DesktopFileDialogs::FolderKind;
-using WindowEdgesTest = WindowFixture;
 
 // Records the files shown in the file manager and the parents of the folder chooser, which chooses nothing.
 class RecordingFileDialogs : public DesktopFileDialogs {
@@ -48,7 +47,9 @@ class MainWindowTest : public WindowFixture {
   QAction* exportAction() { return window().menuBar()->actions()[0]->menu()->actions()[1]; }  // File > Export
   QPushButton* exportButton() { return control<QPushButton>(&bar(), "menu.exportAll"); }
   bool exportEnabled() { return exportButton()->isEnabled() && exportAction()->isEnabled(); }
+  bool activated() { return window().activateWindow(), QTest::qWaitForWindowActive(&window()); }
 };
+using WindowEdgesTest = MainWindowTest;
 
 // Export waits for the pending recompute and for encoding, and the slider for its release.
 TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
@@ -278,8 +279,7 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
 
   // A notification for screen readers, which speak it as it shows: anew for each export, the focus kept.
   EXPECT_EQ(QAccessible::queryAccessibleInterface(summary)->role(), QAccessible::Notification);
-  window().activateWindow();
-  ASSERT_TRUE(QTest::qWaitForWindowActive(&window()));
+  ASSERT_TRUE(activated());
   QToolButton* close = control<QToolButton>(summary, "common.close");
   close->setFocus();
   ShowCounter shows;
@@ -297,8 +297,7 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
   window();
   ASSERT_TRUE(settle({url("missing.png"), source("a.png"), source("b.png"), source("c.png"), source("d.png"),
                       source("e.png")}));
-  window().activateWindow();
-  ASSERT_TRUE(QTest::qWaitForWindowActive(&window()));
+  ASSERT_TRUE(activated());
   ui::ImageListView& list = *imageList();
   EXPECT_TRUE(list.focusPolicy() & Qt::TabFocus);
   std::vector<std::shared_ptr<ImportedImage>> compared;
@@ -363,8 +362,7 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
 
   // The comparison window opened and closed above: its queued deactivation would close the popup.
   QCoreApplication::processEvents();
-  window().activateWindow();
-  ASSERT_TRUE(QTest::qWaitForWindowActive(&window()));
+  ASSERT_TRUE(activated());
   auto e = model_->images()[1];
   list.activate(list.listModel().index(list.listModel().rowOfImage(1)), ui::RowHit::quality);
   const QPointer popup = control<ui::QualityOverridePopup>(&window());
@@ -421,9 +419,7 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
         EXPECT_GE((button->width() - textWidth) / 2, arrow) << applied.value_or("none").toStdString();
       }
       if (size.width() == 960) {
-        ui::ControlsBar& bar = *window().controlsBar();
-        EXPECT_LT(bar.height(), 2 * control<QPushButton>(&bar, "menu.exportAll")->sizeHint().height())
-            << "one line";
+        EXPECT_LT(bar().height(), 2 * exportButton()->sizeHint().height()) << "one line";
       }
       openGate();
       ASSERT_TRUE(waitIdle());
@@ -623,7 +619,7 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
   window();
   ASSERT_TRUE(settle({source("a.png")}));
   await(model_->exportAll(QUrl::fromLocalFile(dir_.path())));
-  window().controlsBar()->showHistory();
+  bar().showHistory();
   EXPECT_EQ(QApplication::focusWidget()->objectName(), "showButton") << "the newest export's first button";
   window().showQualityOverride(model_->images()[0], QRect(10, 10, 20, 20));
   EXPECT_EQ(unnamedControls(&window()), "");
@@ -635,8 +631,7 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
   // The bar's buttons that open a popup are such buttons, the size one too while drawn checked.
   model_->setCompressionOptions({.maxWidth = 1600, .maxHeight = 1600});
   for (const char* key : {"size.label", "history.title"}) {
-    QAccessibleInterface* button =
-        QAccessible::queryAccessibleInterface(control<QToolButton>(&window(), key));
+    QAccessibleInterface* button = QAccessible::queryAccessibleInterface(control<QToolButton>(&bar(), key));
     EXPECT_TRUE(button->role() == QAccessible::Button && button->state().hasPopup && !button->state().checked)
         << key;
   }
@@ -661,15 +656,14 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
   ASSERT_TRUE(QTest::qWaitFor([&] { return QApplication::activeWindow() == &settings; }));
   QTest::keyClick(settings.focusWidget(), Qt::Key_Escape);
   EXPECT_FALSE(settings.isVisible());
-  EXPECT_FALSE(
-      tabStops(control<QPushButton>(window().controlsBar(), "controls.importLabel")).contains(QString()));
+  EXPECT_FALSE(tabStops(control<QPushButton>(&bar(), "controls.importLabel")).contains(QString()));
   // The profile form's folder chooser stands over the settings window, not the main window.
   auto* pane = control<ui::ExportProfilesSettingsView>(&settings);
   pane->chooseFolder();
   EXPECT_EQ(dialogs.parents, std::vector<QWidget*>{&settings});
 
-  QMenu* bar = control<QPushButton>(control<ui::FormatPickerView>(window().controlsBar()))->menu();
-  for (QMenu* menu : {bar, pane->findChild<QMenu*>()}) {
+  QMenu* formats = control<QPushButton>(control<ui::FormatPickerView>(&bar()))->menu();
+  for (QMenu* menu : {formats, pane->findChild<QMenu*>()}) {
     ASSERT_TRUE(menu && menu->actions().size() == 6);
     const QList<QAction*> actions = menu->actions();
     actions[2]->trigger();
@@ -678,7 +672,7 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
     actions[3]->trigger();
     EXPECT_TRUE(actions[3]->isChecked());
     EXPECT_EQ(std::count_if(actions.begin(), actions.end(), [](QAction* a) { return a->isChecked(); }), 1);
-    EXPECT_EQ(model_->hasPendingRecompute(), menu == bar);
+    EXPECT_EQ(model_->hasPendingRecompute(), menu == formats);
   }
   EXPECT_EQ(model_->outputFormat(), ImageFormat::avif);
   ASSERT_TRUE(waitIdle());

@@ -208,9 +208,8 @@ TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersAndAProfileReplac
   pane().save();
   ASSERT_EQ(manager_->hotFolders().size(), 1u);
   const HotFolder saved = manager_->hotFolders()[0];
-  EXPECT_EQ(saved.name, "Camera");
-  EXPECT_EQ(saved.format, ImageFormat::jpeg);
-  EXPECT_EQ(saved.quality, 62.0);
+  EXPECT_EQ(std::tuple(saved.name, saved.format, saved.quality),
+            std::tuple(QString("Camera"), std::optional(ImageFormat::jpeg), std::optional(62.0)));
   EXPECT_EQ(save->text(), Strings::text("settings.profiles.save"));  // the form is blank again
 
   // A profile replaces format and quality, which come back without it.
