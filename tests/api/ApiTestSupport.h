@@ -1,7 +1,6 @@
 #pragma once
-// Helpers for the local API tests: blocking socket clients run off the GUI thread while the
-// GUI thread keeps its event loop turning (the router needs it); a log of listener states;
-// a settings sandbox, and a real BatchViewModel behind a real server with a fast fake encoder.
+// Blocking clients run off the GUI thread while its loop turns (the router needs it), a log of listener
+// states, a settings sandbox, and a real BatchViewModel behind a real server with a fast fake encoder.
 
 #include <gtest/gtest.h>
 
@@ -14,11 +13,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <atomic>
-#include <chrono>
 #include <future>
 #include <mutex>
 #include <semaphore>
-#include <vector>
 
 #include "api/LocalAPIRouter.h"
 #include "api/LocalAPIServer.h"
@@ -52,13 +49,12 @@ class StateLog {
   // Waits for the `index`-th state (0-based); a failed one with port 0 if none came.
   LocalAPIListenerState waitFor(size_t index) {
     LocalAPIListenerState found{LocalAPIListenerState::Kind::failed, "no state reported", 0};
-    (void)QTest::qWaitFor(
-        [&] {
-          std::lock_guard lock(mutex_);
-          if (index < states_.size()) found = states_[index];
-          return index < states_.size();
-        },
-        10000);
+    const auto arrived = [&] {
+      std::lock_guard lock(mutex_);
+      if (index < states_.size()) found = states_[index];
+      return index < states_.size();
+    };
+    (void)QTest::qWaitFor(arrived, 10000);
     return found;
   }
   void clear() {
@@ -84,20 +80,17 @@ class ApiSandbox : public ::testing::Test {
     JSONFileStore::setFolderForTesting(QString());
     qputenv("XDG_CONFIG_HOME", savedConfig_);
   }
-  // GET /v1/status on `port` with `token` (by default the stored one, made if there is none).
-  static int statusCode(int port, const std::optional<std::string>& token = std::nullopt) {
-    std::string request =
-        buildRequest("GET", "/v1/status", token ? token : LocalAPISettings::token().toStdString());
-    return offThread([&] { return httpExchange(port, request); }).status;
+  // GET /v1/status on `port` with `token`.
+  static int statusCode(int port, const std::string& token) {
+    return offThread([&] { return httpExchange(port, buildRequest("GET", "/v1/status", token)); }).status;
   }
 
   QTemporaryDir dir_;
   const QByteArray savedConfig_ = qgetenv("XDG_CONFIG_HOME");
 };
 
-// A real BatchViewModel behind a real server on 127.0.0.1 and an encoder whose sizes tell
-// what was asked: ten bytes per quality point plus the format's number, made once the gate is
-// open; at quality 13 it fails.
+// A real BatchViewModel behind a real server on 127.0.0.1 and an encoder whose sizes tell what was asked: ten
+// bytes per quality point plus the format's number, made once the gate is open; at quality 13 it fails.
 class RouterFixture : public ApiSandbox {
  protected:
   void SetUp() override {
@@ -165,14 +158,13 @@ class RouterFixture : public ApiSandbox {
   }
 
   bool waitUntilSettled() {
-    return QTest::qWaitFor(
-        [&] {
-          if (model_->isEncoding() || model_->hasPendingRecompute()) return false;
-          for (const auto& image : model_->images())
-            if (image->encodeState().isEncoding()) return false;
-          return true;
-        },
-        30000);
+    const auto settled = [&] {
+      if (model_->isEncoding() || model_->hasPendingRecompute()) return false;
+      for (const auto& image : model_->images())
+        if (image->encodeState().isEncoding()) return false;
+      return true;
+    };
+    return QTest::qWaitFor(settled, 30000);
   }
 
   std::string token_;

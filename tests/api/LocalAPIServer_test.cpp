@@ -1,10 +1,8 @@
-// The HTTP listener over real sockets: raw bytes in, raw bytes out; its lifetime, routes that
-// answer late or never, and many connections at once. Then the request reader without
-// sockets: the head limit and the small parsers it relies on.
+// The HTTP listener over real sockets, raw bytes in and out: its lifetime, routes that answer late
+// or never, many connections at once. Then the request reader's head limit and parsers, no sockets.
 #include <QAbstractEventDispatcher>
 #include <QPromise>
 #include <QThread>
-#include <atomic>
 
 #include "api/LocalAPIRequestReader.h"
 #include "engine/Json.h"
@@ -52,13 +50,9 @@ class EchoRouter {
     JsonValue headers = JsonValue::object(), query = JsonValue::object();
     for (const auto& [name, value] : request.headers) headers.set(name, value);
     for (const auto& [name, value] : request.query) query.set(name, value);
-    return JsonValue::object()
-        .set("method", request.method)
-        .set("path", request.path)
-        .set("query", query)
-        .set("headers", headers)
-        .set("bodyLength", int64_t(request.body.size()))
-        .set("body", request.body.size() < 1000 ? request.body : std::string("(long)"));
+    JsonValue echoed = JsonValue::object().set("method", request.method).set("path", request.path);
+    echoed.set("query", query).set("headers", headers).set("bodyLength", int64_t(request.body.size()));
+    return echoed.set("body", request.body.size() < 1000 ? request.body : std::string("(long)"));
   }
   std::mutex mutex_;
   std::vector<std::shared_ptr<QPromise<LocalAPIResponse>>> pending_;
@@ -67,15 +61,14 @@ class EchoRouter {
 class ServerTest : public ::testing::Test {
  protected:
   // Starts a server with `timeout` seconds to read a request and returns its port.
-  int startServer(double timeout = 10.0, int port = 0, LocalAPIServer::Limits limits = {},
-                  LocalAPIServer::Gate gate = {}) {
+  int startServer(double timeout = 10.0, LocalAPIServer::Limits limits = {}, LocalAPIServer::Gate gate = {}) {
     server_.reset();
     log_.clear();
     server_ = std::make_unique<LocalAPIServer>(timeout, router_.router());
     server_->setLimits(limits);
     server_->setGate(std::move(gate));
     server_->setOnStateChange(log_.handler());
-    server_->start(port);
+    server_->start(0);
     auto state = log_.waitFor(0);
     EXPECT_EQ(state.kind, Kind::ready);
     return state.port;
@@ -100,7 +93,9 @@ std::string expectedResponse(int status, const std::string& reason, const std::s
          "\r\nContent-Type: application/json; charset=utf-8\r\nContent-Length: " +
          std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
 }
-const std::string malformed = expectedResponse(400, "Bad Request", R"({"error":"Malformed request"})");
+const std::string malformed = expectedResponse(400, "Bad Request", R"({"error":"Malformed request"})"),
+                  timedOut = expectedResponse(408, "Request Timeout",
+                                              R"({"error":"Request not received within 0s"})");
 
 TEST_F(ServerTest, ReadsTheHeadLenientlyFramesTheBodyByItsLengthAndClosesEvenWhenAskedToKeepAlive) {
   int port = startServer();
@@ -142,7 +137,7 @@ TEST_F(ServerTest, MalformedAndTooLargeRequestsAreAnsweredBeforeTheGate) {
       {"POST /x HTTP/1.1\r\nContent-Length: 8388608\r\n\r\nabc", true, malformed, refused},
   };
   for (bool gated : {false, true}) {
-    int port = startServer(10.0, 0, {}, [gated](const LocalAPIRequest&) {
+    int port = startServer(10.0, {}, [gated](const LocalAPIRequest&) {
       return gated ? std::optional(LocalAPIResponse::error(401, "no")) : std::nullopt;
     });
     for (const auto& c : cases) {
@@ -168,8 +163,7 @@ TEST_F(ServerTest, MalformedAndTooLargeRequestsAreAnsweredBeforeTheGate) {
 
 TEST_F(ServerTest, TheDeadlineCoversTheWholeRequest) {
   int port = startServer(0.4);  // 0.4 s truncates to 0 in the message
-  const std::string timedOut =
-      expectedResponse(408, "Request Timeout", R"({"error":"Request not received within 0s"})");
+
   for (const char* request : {"",                              // a silent client
                               "GET /x HTTP/1.1\nHost: a\n\n",  // LF alone never ends the head
                               "POST /x HTTP/1.1\r\nContent-Length: 5\r\n\r\nab"})  // a body that stops
@@ -230,7 +224,7 @@ TEST_F(ServerTest, ClientsBeyondTheCapWaitAndBufferedBytesHaveOneBudgetForAll) {
   // The heads seen, so that the third client arrives only once both places hold complete
   // headers: before that, a place whose headers were still unread would be given to it.
   auto heads = std::make_shared<std::atomic<int>>(0);
-  int port = startServer(10.0, 0, {2, size_t(1) << 20}, [heads](const LocalAPIRequest&) {
+  int port = startServer(10.0, {2, size_t(1) << 20}, [heads](const LocalAPIRequest&) {
     ++*heads;
     return std::optional<LocalAPIResponse>{};
   });
@@ -277,7 +271,7 @@ TEST_F(ServerTest, ClientsBeyondTheCapWaitAndBufferedBytesHaveOneBudgetForAll) {
 
 TEST_F(ServerTest, ClientsWithoutHeadersGiveWayAtTheCapAndHaveAShortDeadlineHoweverTheyTrickle) {
   {
-    int port = startServer(10.0, 0, {3, size_t(1) << 20, 60.0});
+    int port = startServer(10.0, {3, size_t(1) << 20, 60.0});
     RawConnection oldest(port);
     oldest.send("GET /trickling");
     RawConnection idle1(port), idle2(port);
@@ -291,47 +285,43 @@ TEST_F(ServerTest, ClientsWithoutHeadersGiveWayAtTheCapAndHaveAShortDeadlineHowe
   }
   // A header line every 50 ms keeps bytes coming, but the headers' 0.3 s are counted from
   // the start, well within the request's 30 s.
-  int port = startServer(30.0, 0, {256, size_t(1) << 20, 0.3});
+  int port = startServer(30.0, {256, size_t(1) << 20, 0.3});
   RawConnection trickler(port);
   trickler.send("GET /slow HTTP/1.1\r\n");
   std::string answer;
   for (int i = 0; i < 200 && answer.empty() && trickler.send("X-Pad: 1\r\n"); ++i)
     answer = trickler.readSome(50ms);
   answer += trickler.readResponse(5s).raw;
-  EXPECT_EQ(answer,
-            expectedResponse(408, "Request Timeout", R"({"error":"Request not received within 0s"})"));
+  EXPECT_EQ(answer, timedOut);
 }
 
 using Outcome = LocalAPIRequestReader::Outcome;
-using LocalAPIHTTP::parseDecimal;
-using LocalAPIHTTP::percentDecode;
 
 TEST(RequestReader, HeaderLimitCountsTheWholeBufferEvenWhenTheHeadIsComplete) {
   LocalAPIRequestReader reader;
-  ASSERT_EQ(
-      reader.receive("GET / HTTP/1.1\r\nX: " + std::string(LocalAPIRequestReader::headerLimit - 40, 'a')),
-      Outcome::needMore);
+  const size_t limit = LocalAPIRequestReader::headerLimit;
+  ASSERT_EQ(reader.receive("GET / HTTP/1.1\r\nX: " + std::string(limit - 40, 'a')), Outcome::needMore);
   // This chunk both completes the head and pushes the buffer past the limit.
   EXPECT_EQ(reader.receive("\r\n\r\n" + std::string(100, 'b')), Outcome::malformed);
 
   std::string head = "GET / HTTP/1.1\r\nX: ";
-  head.append(LocalAPIRequestReader::headerLimit - head.size() - 4, 'a');
+  head.append(limit - head.size() - 4, 'a');
   head += "\r\n\r\n";
   EXPECT_EQ(LocalAPIRequestReader().receive(head), Outcome::request) << "exactly at the limit";
 }
 
 TEST(RequestReader, ContentLengthAndPercentEscapesAreReadStrictly) {
-  EXPECT_EQ(parseDecimal("+5"), 5);
+  EXPECT_EQ(LocalAPIHTTP::parseDecimal("+5"), 5);
   for (const char* bad : {"", "+", "9223372036854775808", " 1", "1e3", "+-1"})
-    EXPECT_EQ(parseDecimal(bad), std::nullopt) << bad;
+    EXPECT_EQ(LocalAPIHTTP::parseDecimal(bad), std::nullopt) << bad;
   // Too big for 64 bits counts as no length at all, not as too large.
   EXPECT_EQ(
       LocalAPIRequestReader().receive("POST / HTTP/1.1\r\nContent-Length: 99999999999999999999\r\n\r\n"),
       Outcome::request);
   // Broken escapes, a cut sequence, a surrogate and an overlong "/" are refused.
-  EXPECT_EQ(percentDecode("%C3%A9t%C3%A9"), "été");
+  EXPECT_EQ(LocalAPIHTTP::percentDecode("%C3%A9t%C3%A9"), "été");
   for (const char* bad : {"100%", "%g1", "%C3", "%ED%A0%80", "%C0%AF"})
-    EXPECT_EQ(percentDecode(bad), std::nullopt) << bad;
+    EXPECT_EQ(LocalAPIHTTP::percentDecode(bad), std::nullopt) << bad;
 }
 
 }  // namespace

@@ -1,11 +1,7 @@
-// The API's settings and token in a private settings folder, and the controller that runs the
-// server on the stored port and publishes its state; then token, routing, error messages,
-// settings, profiles, import, images, per-image quality, export, removal and clearing, through
-// real requests to a real model.
+// The API's settings and token, and the controller that serves on the stored port; then every route,
+// its refusals and the token check, through real requests to a real model.
 #include <sys/stat.h>
 
-#include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QTcpServer>
@@ -20,26 +16,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class ControllerTest : public testing::ApiSandbox {
- protected:
-  LocalAPIController& make() {
-    BatchViewModel::Options options;
-    options.restoreSession = false;
-    model_ = std::make_unique<BatchViewModel>(options);
-    controller_ = std::make_unique<LocalAPIController>(*model_);
-    return *controller_;
-  }
-  static unsigned fileMode() {
+using ControllerTest = testing::ApiSandbox;
+
+TEST_F(ControllerTest, TheTokenHasItsFormAndIsKeptInAFileOnlyItsOwnerCanRead) {
+  const auto fileMode = [] {
     struct stat info {};
     ::stat(QFile::encodeName(LocalAPISettings::store()->fileName()).constData(), &info);
     return info.st_mode & 0777;
-  }
-
-  std::unique_ptr<BatchViewModel> model_;
-  std::unique_ptr<LocalAPIController> controller_;
-};
-
-TEST_F(ControllerTest, TheTokenHasItsFormAndIsKeptInAFileOnlyItsOwnerCanRead) {
+  };
   QString first = LocalAPISettings::token();
   EXPECT_TRUE(QRegularExpression("^qlne_[A-Za-z0-9_-]{43}$").match(first).hasMatch()) << first.toStdString();
   EXPECT_EQ(LocalAPISettings::token(), first);
@@ -81,7 +65,10 @@ TEST_F(ControllerTest, ReportsAFailedBindRestartsOnANewPortAndRefusesRequestsWit
   ASSERT_TRUE(blocker.listen(QHostAddress::LocalHost, 0));
   LocalAPISettings::setEnabled(true);
   LocalAPISettings::setPort(blocker.serverPort());
-  auto& controller = make();  // enabled: it starts by itself
+  BatchViewModel::Options options;
+  options.restoreSession = false;
+  BatchViewModel model(options);
+  LocalAPIController controller(model);  // enabled: it starts by itself
   ASSERT_TRUE(QTest::qWaitFor([&] { return controller.lastError().has_value(); }, 5000));
   EXPECT_FALSE(controller.isRunning());
 
@@ -110,7 +97,7 @@ TEST_F(ControllerTest, ReportsAFailedBindRestartsOnANewPortAndRefusesRequestsWit
   controller.start();
   ASSERT_TRUE(
       QTest::qWaitFor([&] { return controller.isRunning() && controller.boundPort() == second; }, 5000));
-  EXPECT_EQ(statusCode(second), 200);
+  EXPECT_EQ(statusCode(second, token), 200);
   EXPECT_FALSE(testing::RawConnection(first).connected());
 }
 
@@ -138,15 +125,11 @@ TEST_F(RouterTest, TheTokenIsCheckedBeforeAnyRoutingAndReadAtEachRequestAndRoute
   // Routes match segments exactly and never answer 405.
   for (const char* target : {"/v1/status", "/v1/status/", "//v1//status", "/v1/status?verbose=1"})
     EXPECT_EQ(call("GET", target).body, emptyStatus) << target;
-  for (auto [method, target] :
-       std::vector<std::pair<std::string, std::string>>{{"PUT", "/v1/status"},
-                                                        {"get", "/v1/status"},
-                                                        {"GET", "/V1/status"},
-                                                        {"GET", "/v1/status/extra"},
-                                                        {"GET", "/v1/images/x/quality"}}) {
-    auto response = call(method, target);
-    EXPECT_EQ(std::to_string(response.status) + response.body, "404" + error("Unknown route"))
-        << method << target;
+  for (const std::string route : {"PUT /v1/status", "get /v1/status", "GET /V1/status",
+                                  "GET /v1/status/extra", "GET /v1/images/x/quality"}) {
+    const size_t space = route.find(' ');
+    auto response = call(route.substr(0, space), route.substr(space + 1));
+    EXPECT_EQ(std::to_string(response.status) + response.body, "404" + error("Unknown route")) << route;
   }
 }
 

@@ -1,18 +1,10 @@
-// The compress command without a transport: its parameters in every accepted form, settings
-// from explicit values and profiles, names kept apart within one command, and command errors
-// that touch no file.
-
-#include <gtest/gtest.h>
+// The compress command without a transport: its parameters in every accepted form, settings from
+// explicit values and profiles, names kept apart within one command, errors that touch no file.
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <QDir>
-#include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
-#include <QUrl>
 #include <cerrno>
 #include <cstring>
 
@@ -21,9 +13,7 @@
 #include "automation/QuillaneBusService.h"
 #include "records/ExportProfile.h"
 #include "records/JSONFileStore.h"
-#include "tests/support/CodecFixtures.h"
 #include "tests/support/ProgramUnderTest.h"
-#include "tests/support/TestImages.h"
 
 namespace quillane {
 namespace {
@@ -75,17 +65,12 @@ TEST_F(CompressCommand, PathsComeFromUrlsStringsAndNestedListsInOrderAndAnything
   const std::string badParameter =
       "Paramètre direct invalide : attendait un ou plusieurs chemins de fichiers.";
   for (const QVariant& bad : {QVariant(), QVariant(42), QVariant(QVariantList{QString("a.png"), 3.5})}) {
-    try {
-      CompressScriptCommand::filePaths(bad);
-      ADD_FAILURE() << "accepted " << bad.typeName();
-    } catch (const ScriptCommandError& e) {
-      EXPECT_EQ(e.description(), badParameter);
-    }
+    const auto outcome = performDefaultImplementation(bad, {{"to", out()}});
+    EXPECT_EQ(std::tuple(outcome.json.has_value(), outcome.errorNumber, outcome.errorString),
+              std::tuple(false, 6, badParameter))
+        << bad.typeId();
   }
   EXPECT_FALSE(CompressScriptCommand::url(QVariant(3)));
-  auto number = performDefaultImplementation(QVariant(7), {{"to", out()}});
-  EXPECT_EQ(std::tuple(number.json.has_value(), number.errorNumber, number.errorString),
-            std::tuple(false, 6, badParameter));
   EXPECT_FALSE(QFileInfo::exists(out()));
 }
 
@@ -103,9 +88,8 @@ TEST_F(CompressCommand, SizeOptionsTakeNumbersOrSizeTextsRefuseTheWrongKindAndRe
   for (const QVariantMap& bad :
        {QVariantMap{{"maxWidth", 0}}, QVariantMap{{"maxHeight", true}},
         QVariantMap{{"maxWidth", QString("wide")}}, QVariantMap{{"maxBytes", QString("5q")}},
-        QVariantMap{{"maxBytes", -3}}, QVariantMap{{"skipLarger", QString("yes")}}}) {
+        QVariantMap{{"maxBytes", -3}}, QVariantMap{{"skipLarger", QString("yes")}}})
     EXPECT_THROW(compressionOptions(bad), ScriptCommandError) << bad.firstKey().toStdString();
-  }
 
   // Each file is fitted and kept within the budget at the highest quality that fits, or kept
   // as it is where it would grow (a JPEG at 95 does at 100).
@@ -117,19 +101,15 @@ TEST_F(CompressCommand, SizeOptionsTakeNumbersOrSizeTextsRefuseTheWrongKindAndRe
   EXPECT_EQ(fitted["pixelWidth"].toInt(), 20);
   EXPECT_LE(fitted["compressedSizeBytes"].toInt(), budget);
   EXPECT_LT(fitted["quality"].toDouble(), 100);
-  const QJsonObject kept =
-      run(QStringList{jpeg},
-          {{"to", out("kept")}, {"format", "jpeg"}, {"quality", 100}, {"skipLarger", true}})[0]
-          .toObject();
-  EXPECT_TRUE(kept["skipped"].toBool());
+  const QVariantMap grows{{"to", out("kept")}, {"format", "jpeg"}, {"quality", 100}, {"skipLarger", true}};
+  EXPECT_TRUE(run(QStringList{jpeg}, grows)[0].toObject()["skipped"].toBool());
   EXPECT_TRUE(QDir(out("kept")).isEmpty());
 }
 
-// Files run side by side, a large one first so that the small ones behind it finish before
-// it: the records still follow the arguments, each with its own file and how it looks beside
-// its source, and the names are the ones sequential compression gives, apart ignoring case
-// within one command only. A file of the same name from before is replaced; a format is named
-// in any case.
+// Files run side by side, a large one first so that the small ones behind it finish before it: the records
+// still follow the arguments, each with its own file and how it looks beside its source, and the names are
+// the ones sequential compression gives, apart ignoring case within one command only. A file of the same name
+// from before is replaced; a format is named in any case.
 TEST_F(CompressCommand, ParallelFilesKeepTheOrderAndNamesOfTheArgumentsWithinOneCommand) {
   const QString large = temp_.filePath("in/p.png");
   testing::writeBytes(large.toStdString(),
@@ -181,9 +161,10 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
   EXPECT_EQ(st.st_mode & 0777, 0600u);
 
   // The desktop's compress action (D-Bus) keeps to the same rule.
-  const QStringList written =
-      CompressImagesIntent::fromArguments({jpeg}, "jpeg", 30, {}, temp_.filePath("in/sub")).perform();
-  EXPECT_EQ(written, QStringList{temp_.filePath("in/sub/pic-2.jpg")});
+  const auto compress = [](const QString& file, const QString& folder) {
+    return CompressImagesIntent::fromArguments({file}, "jpeg", 30, {}, folder).perform();
+  };
+  EXPECT_EQ(compress(jpeg, temp_.filePath("in/sub")), QStringList{temp_.filePath("in/sub/pic-2.jpg")});
   EXPECT_EQ(testing::readBytes(jpeg.toStdString()), original);
   // A name that is not UTF-8 reaches it as a URL's escapes, and its output keeps the bytes.
   const std::string odd = QFile::encodeName(temp_.filePath("in/sub/caf")).toStdString() + "\xe9";
@@ -192,10 +173,8 @@ TEST_F(CompressCommand, NoInputOfTheCommandIsReplaced) {
     return QString::fromLatin1("file://" + QByteArray::fromStdString(path).toPercentEncoding("/"));
   };
   // The answer names the written file the same way, and so does a folder of such a name.
-  EXPECT_EQ(CompressImagesIntent::fromArguments({url(odd + ".png")}, "jpeg", 30, {}, {}).perform(),
-            QStringList{url(odd + ".jpg")});
-  EXPECT_EQ(CompressImagesIntent::fromArguments({url(odd + ".png")}, "jpeg", 30, {}, url(odd)).perform(),
-            QStringList{url(odd + "/caf\xe9.jpg")});
+  EXPECT_EQ(compress(url(odd + ".png"), {}), QStringList{url(odd + ".jpg")});
+  EXPECT_EQ(compress(url(odd + ".png"), url(odd)), QStringList{url(odd + "/caf\xe9.jpg")});
   EXPECT_EQ(::unlink((odd + ".jpg").c_str()), 0) << "no output under the source's own bytes";
   EXPECT_EQ(::unlink((odd + "/caf\xe9.jpg").c_str()), 0);
   ::rmdir(odd.c_str());
@@ -210,10 +189,15 @@ TEST_F(CompressCommand, DesktopActionRefusalsAreNamedBusErrorsAndKeepWhatWasWrit
   testing::writeBytes(notImage.toStdString(), {'j', 'u', 's', 't', ' ', 't', 'e', 'x', 't'});
   QFile::copy(a, out("blocker"));  // a file where a folder should be made
   const QString bus = "com.quillane.Quillane.Error.", invalid = "org.freedesktop.DBus.Error.InvalidArgs";
-  const QVariantMap e{{"outputFolder", out("e")}};
+  const QString failed = bus + "CompressionFailed";
+  const QVariantMap e{{"outputFolder", out("e")}}, bad{{"outputFolder", out("bad")}};
   const auto with = [&](QVariantMap options) {
     options.insert(e);
     return options;
+  };
+  // The files written, joined by commas.
+  const auto perform = [](const QStringList& files, const QVariantMap& options) {
+    return CompressImagesIntent::fromOptions(files, options).perform().join(",").toStdString();
   };
   const struct {
     QStringList files;
@@ -233,16 +217,10 @@ TEST_F(CompressCommand, DesktopActionRefusalsAreNamedBusErrorsAndKeepWhatWasWrit
       {{a}, {{"outputFolder", out("blocker/sub")}}, bus + "OutputFolder", "blocker/sub"},
       {{a, temp_.filePath("in/gone.png"), b},
        {{"outputFolder", out("gone")}, {"format", "png"}},
-       bus + "CompressionFailed",
+       failed,
        "Échec de la compression de gone.png"},
-      {{notImage},
-       {{"outputFolder", out("bad")}},
-       bus + "CompressionFailed",
-       "notes.png : Impossible de décoder"},
-      {{temp_.filePath("in/sub/")},
-       {{"outputFolder", out("bad")}},
-       bus + "CompressionFailed",
-       "de sub : " + QString::fromLocal8Bit(std::strerror(EISDIR))},
+      {{notImage}, bad, failed, "notes.png : Impossible de décoder"},
+      {{temp_.filePath("in/sub/")}, bad, failed, "de sub : " + QString::fromLocal8Bit(std::strerror(EISDIR))},
       {{a}, with({{"maxWidth", "wide"}}), invalid, "maxWidth"},
       {{a}, with({{"colour", 1}}), invalid, "colour"},
       {{a}, with({{"quality", "high"}}), invalid, "quality : high"},
@@ -252,7 +230,7 @@ TEST_F(CompressCommand, DesktopActionRefusalsAreNamedBusErrorsAndKeepWhatWasWrit
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text.toStdString());
     try {
-      CompressImagesIntent::fromOptions(c.files, c.options).perform();
+      perform(c.files, c.options);
       ADD_FAILURE() << "accepted";
     } catch (...) {
       const auto [name, text] = QuillaneBusService::errorFor(std::current_exception());
@@ -269,18 +247,13 @@ TEST_F(CompressCommand, DesktopActionRefusalsAreNamedBusErrorsAndKeepWhatWasWrit
             "org.freedesktop.DBus.Error.Failed");
 
   // A file URL is read as the launch reads it, in any case and of this machine by name.
-  EXPECT_EQ(CompressImagesIntent::fromOptions({"FILE://localhost" + a}, {{"outputFolder", out("url")}})
-                .perform()
-                .join(",")
-                .toStdString(),
+  EXPECT_EQ(perform({"FILE://localhost" + a}, {{"outputFolder", out("url")}}),
             out("url/a.jpg").toStdString());
 
   // A JPEG at 95 grows at 100: kept, and left out of the outputs.
-  EXPECT_TRUE(
-      CompressImagesIntent::fromOptions(
-          {b}, {{"format", "jpeg"}, {"quality", 100}, {"outputFolder", out("kept")}, {"skipLarger", true}})
-          .perform()
-          .isEmpty());
+  const QVariantMap grows{
+      {"format", "jpeg"}, {"quality", 100}, {"outputFolder", out("kept")}, {"skipLarger", true}};
+  EXPECT_EQ(perform({b}, grows), "");
   EXPECT_TRUE(QDir(out("kept")).isEmpty());
 }
 

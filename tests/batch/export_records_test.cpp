@@ -77,8 +77,7 @@ TEST_F(ExportTest, ExportNeverReplacesASourceReplacesOtherFilesWholeAndAPlantedL
       << "the link planted as c.jpg was replaced, not followed";
   EXPECT_FALSE(QFileInfo(outFolder() + "/c.jpg").isSymLink());
 
-  // A single export onto a source goes beside it, and the row tells where; onto another file,
-  // it replaces that file whole.
+  // A single export onto a source goes beside it, and the row tells where; onto another file, whole.
   ASSERT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(dir_.filePath("c.png")))));
   EXPECT_EQ(model.images()[0]->lastExportDestination(), QUrl::fromLocalFile(dir_.filePath("c-2.png")));
   EXPECT_EQ(contentOf(dir_.filePath("c.png")), "source");
@@ -113,8 +112,7 @@ TEST_F(ExportTest, UndoRespectsSupersedingRecordsAndKeepsARecordWhoseFileWontGo)
   EXPECT_TRUE(model.isRecordSuperseded(older) && !model.isRecordSuperseded(newer));
   model.undoExport(older);  // the file belongs to the newer record
   EXPECT_TRUE(QFile::exists(target));
-  // The file goes to the desktop's Trash (the one of this sandbox), where the user can still
-  // take it back.
+  // The file goes to the desktop's Trash (this sandbox's), where the user can still take it back.
   const QString dataHome = dir_.filePath("data");
   const QByteArray previousDataHome = qgetenv("XDG_DATA_HOME");
   qputenv("XDG_DATA_HOME", dataHome.toUtf8());

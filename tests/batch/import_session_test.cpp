@@ -1,6 +1,5 @@
-// Import pipeline and session persistence, and taking changes back: each removal kind and a
-// quality change announce what undoes them, and undoing puts the batch back as it was, in its
-// order, encoded again.
+// Import pipeline and session persistence, and taking changes back: undoing a removal or a
+// quality change puts the batch back as it was, in its order, encoded again.
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -97,32 +96,26 @@ TEST_F(ImportTest, EmptyCorruptOrMalformedSessionStartsEmptyAndIsLeftAlone) {
   }
 }
 
-class UndoTest : public BatchFixture {
- protected:
-  struct Change {
-    QString text, mergeKey;
-    std::function<void()> undo, redo;
-  };
-  BatchViewModel& watchedModel(const QStringList& files) {
-    auto& model = readyModel(files);
-    QObject::connect(&model, &BatchViewModel::undoableChange, &model,
-                     [this](const QString& text, const QString& key, auto undo, auto redo) {
-                       changes_.push_back({text, key, undo, redo});
-                     });
-    return model;
-  }
-  std::vector<Change> changes_;
-};
+using UndoTest = BatchFixture;
 
 TEST_F(UndoTest, EveryRemovalKindAndAQualityChangeComeBackAsTheyWereAndEncoded) {
-  auto& model = watchedModel({"a.png", "b.png", "c.png"});
+  auto& model = readyModel({"a.png", "b.png", "c.png"});
+  struct Change {
+    QString mergeKey;
+    std::function<void()> undo, redo;
+  };
+  std::vector<Change> changes;  // each step the model announced
+  QObject::connect(&model, &BatchViewModel::undoableChange, &model,
+                   [&](const QString&, const QString& key, auto undo, auto redo) {
+                     changes.push_back({key, undo, redo});
+                   });
   model.removeImage(model.images()[1]);
-  ASSERT_EQ(changes_.size(), 1u);
-  changes_[0].undo();
+  ASSERT_EQ(changes.size(), 1u);
+  changes[0].undo();
   EXPECT_EQ(names(), (QStringList{"a.png", "b.png", "c.png"}));
   EXPECT_TRUE(waitIdle());
   EXPECT_TRUE(model.images()[1]->encodeState().isReady());
-  changes_[0].redo();
+  changes[0].redo();
   EXPECT_EQ(names(), (QStringList{"a.png", "c.png"}));
 
   inspectAs("broken.png", {.fail = true});  // a failure row comes back with Clear All's undo too
@@ -132,8 +125,8 @@ TEST_F(UndoTest, EveryRemovalKindAndAQualityChangeComeBackAsTheyWereAndEncoded) 
   const QFuture<void> late = model.importFiles({source("late.png")});  // under way at Clear All
   model.clearAll();
   import({source("broken.png")});  // fails again meanwhile
-  ASSERT_EQ(changes_.size(), 2u) << "replaying announced nothing";
-  changes_[1].undo();
+  ASSERT_EQ(changes.size(), 2u) << "replaying announced nothing";
+  changes[1].undo();
   openGate();
   ASSERT_TRUE(QTest::qWaitFor([&] { return late.isFinished(); }, 5000));
   EXPECT_EQ(names(), (QStringList{"a.png", "c.png"})) << "Clear All ended the import";
@@ -145,11 +138,11 @@ TEST_F(UndoTest, EveryRemovalKindAndAQualityChangeComeBackAsTheyWereAndEncoded) 
   model.setQualityOverride(image, 40.0);
   model.setQualityOverride(image, 40.0);  // no change, no step
   model.setQualityOverride(image, 55.0);
-  ASSERT_EQ(changes_.size(), 4u);
-  EXPECT_EQ(changes_[2].mergeKey, changes_[3].mergeKey);
-  changes_[3].undo();
+  ASSERT_EQ(changes.size(), 4u);
+  EXPECT_EQ(changes[2].mergeKey, changes[3].mergeKey);
+  changes[3].undo();
   EXPECT_EQ(image->qualityOverride(), 40.0);
-  changes_[2].undo();
+  changes[2].undo();
   EXPECT_EQ(image->qualityOverride(), std::nullopt);
   EXPECT_TRUE(waitIdle());
   EXPECT_EQ(calls().back().quality, 75.0) << "encoded again with the global quality";

@@ -19,6 +19,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <string_view>
 #include <thread>
 
 #include "engine/Cancellation.h"
@@ -38,6 +39,7 @@ namespace quillane {
 namespace {
 
 using fixtures::Bytes;
+using namespace std::literals;
 
 // Flipped, dropped and repeated bytes are the image_fuzz_* tests' subject (fuzz/); here every cut in the
 // headers: only decodingFailed may escape any reading entry point, and every reader stays silent.
@@ -88,6 +90,7 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
     Bytes file;
     Why why = codedLargerThanDeclared;
   };
+  const auto bytes = [](std::string_view text) { return Bytes(text.begin(), text.end()); };
   Bytes jpeg = fixtures::jpeg(fixtures::quadrants(8, 8));
   const uint8_t sof0[] = {0xFF, 0xC0};  // then length, precision, height, width
   const auto sof = std::search(jpeg.begin(), jpeg.end(), std::begin(sof0), std::end(sof0));
@@ -97,14 +100,9 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
       {"100000 x 100000", fixtures::starvedPng(100'000, 100'000, 8, 1000, false), tooLarge},
       {"60000 x 60000 JPEG", jpeg, tooLarge},  // within libjpeg's own limit of 65500
       {"300000 x 1", fixtures::starvedPng(300'000, 1, 8, 1000, false), tooLongToEncode},
-      {"GIF",
-       {'G', 'I', 'F', '8', '9', 'a', 1, 0, 1, 0, 0,   0, 0, ',', 0,
-        0,   0,   0,   1,   0,   1,   0, 0, 2, 2, 'D', 1, 0, ';'},
-       notOurFormat},
-      {"TIFF", {'I', 'I', 0x2A, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0}, notOurFormat},
-      {"BMP",
-       {'B', 'M', 58, 0, 0, 0, 0, 0, 0, 0, 54, 0, 0, 0, 40, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 24, 0},
-       notOurFormat}};
+      {"GIF", bytes("GIF89a\1\0\1\0\0\0\0,\0\0\0\0\1\0\1\0\0\2\2D\1\0;"sv), notOurFormat},
+      {"TIFF", bytes("II*\0\x08\0\0\0\0\0\0\0\0\0"sv), notOurFormat},
+      {"BMP", bytes("BM:\0\0\0\0\0\0\0\x36\0\0\0(\0\0\0\1\0\0\0\1\0\0\0\1\0\x18\0"sv), notOurFormat}};
   // HEIC and AVIF files that declare 12 x 16 for a picture coded at 256 x 256: the same lie at 16384 x 16384
   // took 900 MB to inspect. Honest files of odd sizes read: their coded pictures are whole blocks larger.
   using Writer = std::function<Bytes(const DecodedImage&)>;
@@ -276,9 +274,7 @@ TEST_F(Bombs, ThousandsOfScansAreRefusedWithinACPULimit) {
 }
 
 TEST_F(Bombs, WhatIsNotARegularImageFileOrIsLargerThanItsPixelsIsRefusedWithoutReadingIt) {
-  const std::string fifo = dir.file("pipe.png"), socketPath = dir.file("socket.png"),
-                    sparse = dir.file("sparse.png"), sparsePng = dir.file("sparse-picture.png"),
-                    hugePng = dir.file("huge-picture.png");
+  const std::string fifo = dir.file("pipe.png"), socketPath = dir.file("socket.png");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   int sock = socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{};
@@ -288,9 +284,10 @@ TEST_F(Bombs, WhatIsNotARegularImageFileOrIsLargerThanItsPixelsIsRefusedWithoutR
   // 3 GB that start as no image, a valid 64 x 64 PNG followed by 3 GB of holes, and a PNG header
   // of the largest size it states (2^62 pixels, whose 8 bytes a pixel pass 64 bits) followed by
   // 3 GB: refused from the first bytes or the header, never read whole.
-  testing::writeBytes(sparse, {'h', 'e', 'l', 'l', 'o'});
-  testing::writeBytes(sparsePng, fixtures::png(fixtures::quadrants(64, 64)));
-  testing::writeBytes(hugePng, fixtures::starvedPng(0x7FFFFFFF, 0x7FFFFFFF, 8, 64, false));
+  const std::string sparse = dir.write("sparse.png", {'h', 'e', 'l', 'l', 'o'}),
+                    sparsePng = dir.write("sparse-picture.png", fixtures::png(fixtures::quadrants(64, 64))),
+                    hugePng = dir.write("huge-picture.png",
+                                        fixtures::starvedPng(0x7FFFFFFF, 0x7FFFFFFF, 8, 64, false));
   for (const std::string& path : {sparse, sparsePng, hugePng})
     ASSERT_EQ(truncate(path.c_str(), 3ll << 30), 0);
 

@@ -1,5 +1,4 @@
-// Reading the six formats: orientation applied exactly once, depth and alpha kept, colour
-// models and profiles, frame counts, detection by content and thumbnails.
+// The six formats' readers: orientation applied once, depth and alpha, colour, frames, detection, thumbnails.
 
 #include <gtest/gtest.h>
 
@@ -54,11 +53,10 @@ TEST(Orientation, EachContainerIsTurnedOnceWhereverItStoresTheOrientation) {
   const int types[] = {3, 4, 8, 9};
   for (int orientation = 1; orientation <= 8; ++orientation) {
     const fixtures::ExifLayout layout{types[(orientation - 1) % 4], orientation > 4};
-    cases.push_back(
-        {"jpeg " + std::to_string(orientation) + " type " + std::to_string(layout.type),
-         fixtures::jpeg(
-             picture, {.orientation = orientation, .exifLayout = layout, .xmpBeforeExif = layout.type == 4}),
-         orientation});
+    const fixtures::JpegOptions options{
+        .orientation = orientation, .exifLayout = layout, .xmpBeforeExif = layout.type == 4};
+    cases.push_back({"jpeg " + std::to_string(orientation) + " type " + std::to_string(layout.type),
+                     fixtures::jpeg(picture, options), orientation});
     // -2, or 65534 and 4294967294 unsigned: out of range in every type.
     auto outside =
         ImageService::properties(fixtures::jpeg(picture, {.orientation = -2, .exifLayout = layout}));
@@ -225,9 +223,8 @@ TEST(ColourProfiles, ThumbnailsOfOtherProfilesAreShownInSRGB) {
   }
 }
 
-// High dynamic range AVIFs and JPEG XLs come out as a standard display shows them: the reference white of
-// 203 cd/m2 near white, brighter light brighter still, 10 cd/m2 a dark grey (its light relative
-// to white, sRGB-coded, is 0.245).
+// HDR AVIFs and JPEG XLs come out as a standard display shows them: the reference white (203 cd/m2) near
+// white, brighter light brighter still, 10 cd/m2 a dark grey (relative to white, sRGB-coded: 0.245).
 TEST(ColourProfiles, PQAndHLGPicturesAreShownForAStandardDisplay) {
   struct Case {
     bool jxl;

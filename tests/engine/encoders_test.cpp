@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
 #include <span>
 #include <string>
 
@@ -271,32 +270,29 @@ TEST(OpaqueCopy, CompositesEveryKindOfAlphaOverWhiteOrBlack) {
 }
 
 TEST(NativeQuality, LossyAvifNeverBecomesLosslessAndJpegQualityMovesOneWay) {
+  using codecs::avifSettings, codecs::heifSettings, codecs::jpegSettings, codecs::writeHeic;
   EXPECT_DOUBLE_EQ(NativeImageIOEncoder::compressionQuality(ImageFormat::avif, lossyPlan(250)), 0.99);
-  EXPECT_GT(codecs::avifSettings(0.99, 1000).maxQuantizer, 0);
+  EXPECT_GT(avifSettings(0.99, 1000).maxQuantizer, 0);
   for (int i = 1; i <= 100; ++i) {
-    EXPECT_LE(codecs::jpegSettings((i - 1) / 100.0).quality, codecs::jpegSettings(i / 100.0).quality);
-    EXPECT_GE(codecs::avifSettings((i - 1) / 100.0, 1000).maxQuantizer,
-              codecs::avifSettings(i / 100.0, 1000).maxQuantizer);
+    EXPECT_LE(jpegSettings((i - 1) / 100.0).quality, jpegSettings(i / 100.0).quality);
+    EXPECT_GE(avifSettings((i - 1) / 100.0, 1000).maxQuantizer, avifSettings(i / 100.0, 1000).maxQuantizer);
   }
   // Neither aom's speed rises nor x265's smallest blocks grow as a photo shrinks (a small photo
   // costs less than a large one); screenshots keep 8-pixel blocks, and a large one never gets
   // aom's careful speed, which takes minutes on screen content.
   const size_t sizes[] = {250'000, 1'000'000, 2'000'001, 4'000'000, 12'000'000, 12'000'001, 48'000'000};
   for (size_t i = 1; i < std::size(sizes); ++i) {
-    EXPECT_LE(codecs::avifSettings(0.75, sizes[i - 1], true).speed,
-              codecs::avifSettings(0.75, sizes[i], true).speed);
-    EXPECT_LE(codecs::heifSettings(0.75, true, sizes[i - 1]).minBlock,
-              codecs::heifSettings(0.75, true, sizes[i]).minBlock);
-    EXPECT_EQ(codecs::heifSettings(0.75, false, sizes[i]).minBlock, 8);
+    EXPECT_LE(avifSettings(0.75, sizes[i - 1], true).speed, avifSettings(0.75, sizes[i], true).speed);
+    EXPECT_LE(heifSettings(0.75, true, sizes[i - 1]).minBlock, heifSettings(0.75, true, sizes[i]).minBlock);
+    EXPECT_EQ(heifSettings(0.75, false, sizes[i]).minBlock, 8);
   }
-  EXPECT_GT(codecs::avifSettings(0.75, 12'000'000).speed, codecs::avifSettings(0.75, 12'000'000, true).speed);
-  EXPECT_EQ(codecs::heifSettings(0.75, true, 12'000'000).minBlock, 16);
+  EXPECT_GT(avifSettings(0.75, 12'000'000).speed, avifSettings(0.75, 12'000'000, true).speed);
+  EXPECT_EQ(heifSettings(0.75, true, 12'000'000).minBlock, 16);
   // Continuous tone searched down to 8-pixel blocks gets a weaker psy-rd, and x265 gets it.
-  auto full = codecs::heifSettings(0.75, true, 250'000, true), gentle = full;
+  auto full = heifSettings(0.75, true, 250'000, true), gentle = full;
   full.psyRd = 1.0;
   const DecodedImage photo = makeImage(256, 192, Pattern::photo, 3);
-  EXPECT_NE(codecs::writeHeic(photo, false, gentle, std::nullopt),
-            codecs::writeHeic(photo, false, full, std::nullopt));
+  EXPECT_NE(writeHeic(photo, false, gentle, std::nullopt), writeHeic(photo, false, full, std::nullopt));
 }
 
 // Alpha is kept only when the picture has it, JPEG flattens over white, and 16-bit and

@@ -1,5 +1,4 @@
-// Downscaling, the irot/imir to EXIF mapping, EXIF parsing, and the conversion of decoded
-// pictures to the encoders' straight 8-bit RGBA.
+// Downscaling, irot/imir as EXIF orientations, EXIF parsing, and decoded pictures as straight 8-bit RGBA.
 
 #include "engine/Resample.h"
 

@@ -106,21 +106,17 @@ TEST(ImageAnalyzerColors, CountsUpToSaturation) {
 
 ImageCharacteristics picture(ContentClass cls, int64_t width, int height = 1, double noise = 0,
                              double flat = 0.5, bool saturated = false) {
-  return {.width = int(width),
-          .height = height,
-          .contentClass = cls,
-          .colorCountSaturated = saturated,
-          .flatFraction = flat,
-          .noiseLevel = noise};
+  ImageCharacteristics c{.width = int(width), .height = height, .contentClass = cls};
+  c.colorCountSaturated = saturated, c.flatFraction = flat, c.noiseLevel = noise;
+  return c;
 }
 
 TEST(EncodingStrategy, QualityIsClampedToOneAndNearLosslessIsAWebPModeOnly) {
+  using EncodingStrategy::plan;
   const auto noisy = picture(ContentClass::noisyPhoto, 100, 100, 12, 0, true);
-  EXPECT_EQ(EncodingStrategy::plan(noisy, ImageFormat::png, 3).quality, 1);
-  EXPECT_EQ(
-      EncodingStrategy::plan(noisy, ImageFormat::jpeg, std::numeric_limits<double>::quiet_NaN()).quality, 1);
-  EXPECT_EQ(EncodingStrategy::plan(picture(ContentClass::photo, 10), ImageFormat::jpeg, 0).mode,
-            Mode::lossy(1));
+  EXPECT_EQ(plan(noisy, ImageFormat::png, 3).quality, 1);
+  EXPECT_EQ(plan(noisy, ImageFormat::jpeg, std::numeric_limits<double>::quiet_NaN()).quality, 1);
+  EXPECT_EQ(plan(picture(ContentClass::photo, 10), ImageFormat::jpeg, 0).mode, Mode::lossy(1));
 
   const auto text = [](double flat) { return picture(ContentClass::screenText, 100, 100, 0, flat); };
   EXPECT_EQ(EncodingStrategy::mode(text(0.9), ImageFormat::webp, 85), Mode::nearLossless(60));
@@ -130,16 +126,14 @@ TEST(EncodingStrategy, QualityIsClampedToOneAndNearLosslessIsAWebPModeOnly) {
 }
 
 TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
+  using EncodingStrategy::plan;
   for (ImageFormat format : {ImageFormat::webp, ImageFormat::jxl}) {
-    EXPECT_EQ(EncodingStrategy::plan(picture(ContentClass::flatGraphic, 100), format, 70).alternative,
-              Mode::lossy(70));
-    EXPECT_EQ(EncodingStrategy::plan(picture(ContentClass::illustration, 100), format, 70).alternative,
-              Mode::lossless());
-    EXPECT_FALSE(EncodingStrategy::plan(picture(ContentClass::photo, 100), format, 70).alternative);
+    EXPECT_EQ(plan(picture(ContentClass::flatGraphic, 100), format, 70).alternative, Mode::lossy(70));
+    EXPECT_EQ(plan(picture(ContentClass::illustration, 100), format, 70).alternative, Mode::lossless());
+    EXPECT_FALSE(plan(picture(ContentClass::photo, 100), format, 70).alternative);
   }
   const auto png = [](double noise, bool saturated, double p) {
-    return EncodingStrategy::plan(picture(ContentClass::photo, 100, 1, noise, 0, saturated), ImageFormat::png,
-                                  p);
+    return plan(picture(ContentClass::photo, 100, 1, noise, 0, saturated), ImageFormat::png, p);
   };
   EXPECT_EQ(png(5.99, false, 70).alternative, Mode::lossless());
   EXPECT_EQ(png(6.0, true, 90).alternative, Mode::lossy(90)) << "lossless main: the palette competes";
@@ -179,7 +173,7 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
   const auto continuous = [](ContentClass cls, int colours, bool saturated) {
     auto c = picture(cls, 2000, 1500, 0, 0, saturated);
     c.distinctColorCount = colours;
-    return EncodingStrategy::plan(c, ImageFormat::avif, 75).continuousTone;
+    return plan(c, ImageFormat::avif, 75).continuousTone;
   };
   EXPECT_TRUE(continuous(ContentClass::photo, 16'384, true));
   EXPECT_TRUE(continuous(ContentClass::illustration, 4'097, false));

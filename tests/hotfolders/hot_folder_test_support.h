@@ -1,7 +1,6 @@
 #pragma once
-// A sandbox for hot-folder tests: the records tests' store folder, a source and a destination
-// folder beside it, small real JPEGs, and a thread-safe log of what a watcher reports with
-// bounded waits on it.
+// A sandbox for hot-folder tests: the records tests' store folder, source and destination folders
+// beside it, small real JPEGs, and a thread-safe log of what a watcher reports, with bounded waits.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -109,8 +108,9 @@ class HotFolderSandbox : public StoreFolderTest {
   static std::vector<uint8_t> jpegBytes(uint32_t seed, int side = 48) {
     return fixtures::jpeg(makeImage(side, side, Pattern::photo, seed), {.quality = 90});
   }
-  std::string pathOf(const QString& name) const {
-    return QFile::encodeName(source_ + '/' + name).toStdString();
+  // The path of `name` in the source folder, or in `folder`.
+  std::string pathOf(const QString& name, const QString& folder = {}) const {
+    return QFile::encodeName((folder.isEmpty() ? source_ : folder) + '/' + name).toStdString();
   }
   QStringList outputs() const { return QDir(destination_).entryList(QDir::Files | QDir::Hidden, QDir::Name); }
 

@@ -1,6 +1,5 @@
-// HotFolderWatcher with real inotify on temporary folders and real compressions: when scans
-// run (debounce, start, stop, polling), which files they take (stability, memory), and what
-// they write and report.
+// HotFolderWatcher with real inotify and real compressions: when scans run (debounce, start, stop,
+// polling), which files they take (stability, memory), and what they write and report.
 
 #include <unistd.h>
 
@@ -164,8 +163,8 @@ TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderStoresEachBeforeItsLin
   writeBytes(pathOf("sub/inner.jpg"), jpegBytes(4));
   // "a.jpg" in the destination is a hard link to a source of this scan: it is passed over.
   ASSERT_TRUE(QDir().mkpath(destination_));
-  const QByteArray linked = QFile::encodeName(destination_ + "/a.jpg");
-  ASSERT_EQ(::link(pathOf("a.jpeg").c_str(), linked.constData()), 0);
+  const std::string linked = pathOf("a.jpg", destination_);
+  ASSERT_EQ(::link(pathOf("a.jpeg").c_str(), linked.c_str()), 0);
   const HotFolder hotFolder = folder();
   auto watcher = watch(hotFolder);
   QStringList notYetStored;
@@ -184,7 +183,7 @@ TEST_F(HotFolderWatcherTest, ScanNamesOutputsInSortedOrderStoresEachBeforeItsLin
   EXPECT_EQ(written, (QStringList{"a.jpeg a-2.jpg", "a.png a-3.jpg", "a.webp a-4.jpg", odd, odd}));
   for (const char* byte : {"\xE9", "\xE8"})
     EXPECT_EQ(::access((destination + byte + ".jpg").c_str(), F_OK), 0);
-  EXPECT_EQ(readBytes(linked.toStdString()), jpegBytes(1));
+  EXPECT_EQ(readBytes(linked), jpegBytes(1));
   EXPECT_EQ(reports_.progress(),
             (std::vector<HotFolderProgress>{{0, 5}, {1, 5}, {2, 5}, {3, 5}, {4, 5}, {5, 5}}));
   EXPECT_TRUE(notYetStored.isEmpty()) << notYetStored.join(' ').toStdString();
@@ -235,8 +234,7 @@ TEST_F(HotFolderWatcherTest, MissingProfileReportsTheFolderOnceAndAKeptOriginalW
   scanned(hotFolder);
   ASSERT_EQ(reports_.lines().size(), 2u);
   EXPECT_EQ(outputs(), QStringList{"a.webp"});
-  const auto header =
-      ImageService::properties(readBytes(QFile::encodeName(destination_ + "/a.webp").toStdString()));
+  const auto header = ImageService::properties(readBytes(pathOf("a.webp", destination_)));
   ASSERT_TRUE(header);
   EXPECT_EQ(std::pair(header->width, header->height), std::pair(12, 12));
 
@@ -300,7 +298,7 @@ TEST_F(HotFolderWatcherTest, SteadyStreamIsScannedWhileItLasts) {
 // (while it is still the one written), and an output moved into a watched folder is never taken back.
 TEST_F(HotFolderWatcherTest, OnlyTheFoldersOwnOutputsAreReplacedAndNoneIsTakenBack) {
   ASSERT_TRUE(QDir().mkpath(destination_));
-  const std::string theirs = QFile::encodeName(destination_ + "/userfile.jpg").toStdString();
+  const std::string theirs = pathOf("userfile.jpg", destination_);
   writeBytes(theirs, {'m', 'i', 'n', 'e'});
   putImage(QStringLiteral("userfile.png"));  // JPEG bytes whatever the name
   const HotFolder hotFolder = folder();
@@ -313,7 +311,7 @@ TEST_F(HotFolderWatcherTest, OnlyTheFoldersOwnOutputsAreReplacedAndNoneIsTakenBa
   ASSERT_EQ(reports_.lines().size(), 2u);
   EXPECT_EQ(outputs(), (QStringList{"userfile-2.jpg", "userfile.jpg"}));
   // Until someone else's file takes its place: that one is theirs.
-  const std::string taken = QFile::encodeName(destination_ + "/userfile-2.jpg").toStdString();
+  const std::string taken = pathOf("userfile-2.jpg", destination_);
   writeBytes(taken, {'m', 'i', 'n', 'e'});
   putImage(QStringLiteral("userfile.png"), 3, 20);
   watcher->scanOnce();
@@ -330,9 +328,7 @@ TEST_F(HotFolderWatcherTest, OnlyTheFoldersOwnOutputsAreReplacedAndNoneIsTakenBa
   writeBytes(pathOf("notes.txt"), {'h', 'i'});
   watcher->scanOnce();
   ASSERT_TRUE(memory(hotFolder).isEmpty());
-  ASSERT_EQ(
-      ::link(QFile::encodeName(destination_ + "/userfile-3.jpg").constData(), pathOf("linked.jpg").c_str()),
-      0);
+  ASSERT_EQ(::link(pathOf("userfile-3.jpg", destination_).c_str(), pathOf("linked.jpg").c_str()), 0);
   watcher->scanOnce();
   EXPECT_EQ(reports_.lines().size(), 3u);
 }

@@ -1,6 +1,5 @@
-// HotFoldersManager on the test's event loop with real watchers: the rules of which folders
-// run and what is reported once, the activity cap, progress only while a scan runs, and a
-// clean end while a scan is under way.
+// HotFoldersManager with real watchers: which folders run, what is said once, the activity cap,
+// progress only while a scan runs, and a clean end in the middle of a scan.
 
 #include <sys/mount.h>
 #include <unistd.h>
@@ -192,8 +191,7 @@ TEST_F(HotFoldersManagerTest, EndingDuringAScanLeavesOnlyWholeFiles) {
   EXPECT_LT(written.size(), 20 + 1);
   for (const QString& name : written) {
     EXPECT_FALSE(name.startsWith('.')) << name.toStdString();
-    EXPECT_EQ(ImageFormats::detect(QFile::encodeName(destination_ + '/' + name).toStdString()),
-              ImageFormat::jpeg);
+    EXPECT_EQ(ImageFormats::detect(pathOf(name, destination_)), ImageFormat::jpeg);
   }
   // A stop in mid-scan still records the files that finished.
   EXPECT_EQ(memory(hotFolder).size(), written.size());

@@ -133,12 +133,11 @@ TEST(ExportProfileJSON, WritesTheStoredFormsAndReadsThemBackWithOptionalFieldsMi
       R"({"id":"1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C","name":"B","format":"jpeg","quality":75,"isDefault":false}])");
   EXPECT_EQ(decode(json), (ExportProfileList{p, profile(idB, "B")}));
   // Optional fields may be missing or null.
-  const auto list =
+  EXPECT_EQ(
       decode(R"([{"id":"0b8f3a6e-1c2d-4e5f-8a9b-0c1d2e3f4a5b","name":"A","format":"png","quality":90},
     {"id":"1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C","name":"B","format":"jxl","quality":40,
-     "destinationFolder":null,"isDefault":null,"unknownKey":[1],"maxWidth":0,"maxHeight":-5,"maxBytes":null}])");
-  EXPECT_EQ(list, (ExportProfileList{profile(idA, "A", ImageFormat::png, 90),
-                                     profile(idB, "B", ImageFormat::jxl, 40)}));
+     "destinationFolder":null,"isDefault":null,"unknownKey":[1],"maxWidth":0,"maxHeight":-5,"maxBytes":null}])"),
+      (ExportProfileList{profile(idA, "A", ImageFormat::png, 90), profile(idB, "B", ImageFormat::jxl, 40)}));
 }
 
 TEST(ExportProfileJSON, OneBadEntryFailsTheWholeFile) {

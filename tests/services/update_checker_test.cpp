@@ -16,57 +16,44 @@ namespace {
 
 using Kind = UpdateChecker::State::Kind;
 
-// Serves one fixed answer to every request and keeps the last request's head.
-class VersionServer {
- public:
-  VersionServer() {
-    server_.listen(QHostAddress::LocalHost, 0);
+// The test's server gives one fixed answer to every request and keeps the last request's head.
+class UpdateCheckerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
+    ASSERT_TRUE(server_.listen(QHostAddress::LocalHost, 0));
     QObject::connect(&server_, &QTcpServer::newConnection, [this] {
-      while (QTcpSocket* socket = server_.nextPendingConnection()) serve(socket);
+      while (QTcpSocket* socket = server_.nextPendingConnection()) {
+        QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
+          QByteArray head = socket->property("head").toByteArray() + socket->readAll();
+          socket->setProperty("head", head);
+          if (!head.contains("\r\n\r\n")) return;
+          lastRequest_ = head;
+          socket->write(response_);
+          socket->disconnectFromHost();
+        });
+      }
     });
   }
-
   void respond(int status, const QByteArray& body) {
     response_ = "HTTP/1.1 " + QByteArray::number(status) + " Status\r\nContent-Type: application/json" +
                 "\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\nConnection: close\r\n\r\n" +
                 body;
   }
   QUrl baseUrl() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(server_.serverPort())); }
-  const QByteArray& lastRequest() const { return lastRequest_; }
 
- private:
-  void serve(QTcpSocket* socket) {
-    QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-    QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
-      QByteArray head = socket->property("head").toByteArray() + socket->readAll();
-      socket->setProperty("head", head);
-      if (!head.contains("\r\n\r\n")) return;
-      lastRequest_ = head;
-      socket->write(response_);
-      socket->disconnectFromHost();
-    });
-  }
-
-  QTcpServer server_;
-  QByteArray response_;
-  QByteArray lastRequest_;
-};
-
-class UpdateCheckerTest : public ::testing::Test {
- protected:
-  void SetUp() override { QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy); }
-
-  // Runs one check at version `current` against `base` (by default the test's server): it is
-  // `checking` at once, and settles within 10 s.
+  // One check at version `current` against `base` (the test's server by default), once settled.
   UpdateChecker::State check(const QString& current, const std::optional<QUrl>& base = std::nullopt) {
-    UpdateChecker checker(base.value_or(server_.baseUrl()), current);
+    UpdateChecker checker(base.value_or(baseUrl()), current);
     checker.checkNow();
     EXPECT_EQ(checker.state().kind, Kind::checking);
     EXPECT_TRUE(QTest::qWaitFor([&] { return checker.state().kind != Kind::checking; }, 10000));
     return checker.state();
   }
 
-  VersionServer server_;
+  QTcpServer server_;
+  QByteArray response_, lastRequest_;
 };
 
 TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOfferedAndTransportErrorsAreNamed) {
@@ -93,19 +80,19 @@ TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOfferedAndTransportErrors
        State::updateAvailable("9.0", QUrl("HTTPS://example.org/"))},
   };
   for (const auto& [status, body, current, expected] : cases) {
-    server_.respond(status, body);
+    respond(status, body);
     EXPECT_EQ(check(current), expected)
         << status << " " << body.toStdString() << " at " << current.toStdString();
   }
-  EXPECT_TRUE(server_.lastRequest().startsWith("GET /version.json HTTP/1.1\r\n"));
-  EXPECT_TRUE(server_.lastRequest().toLower().contains("cache-control: no-cache"));
+  EXPECT_TRUE(lastRequest_.startsWith("GET /version.json HTTP/1.1\r\n"));
+  EXPECT_TRUE(lastRequest_.toLower().contains("cache-control: no-cache"));
 
   // The desktop's proxy carries the request: here the test's server, for a host that does not exist.
-  server_.respond(200, R"({"version":"9.0","url":"https://example.org/"})");
-  qputenv("http_proxy", server_.baseUrl().toString().toUtf8());
+  respond(200, R"({"version":"9.0","url":"https://example.org/"})");
+  qputenv("http_proxy", baseUrl().toString().toUtf8());
   EXPECT_EQ(check("1.0", QUrl("http://updates.invalid")), nine);
   qunsetenv("http_proxy");
-  EXPECT_TRUE(server_.lastRequest().startsWith("GET http://updates.invalid/version.json HTTP/1.1\r\n"));
+  EXPECT_TRUE(lastRequest_.startsWith("GET http://updates.invalid/version.json HTTP/1.1\r\n"));
 
   // No server: a sentence of the string tables, never Qt's English error.
   QTcpServer closed;

@@ -46,15 +46,12 @@ class BusStandIn : public QDBusVirtualObject {
   // signal on this connection (an action chosen) is sure the caller gets the reply first.
   bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
     QMutexLocker lock(&mutex_);
-    if (message.member() == "Notify") {
-      uint number = 1;
-      for (const Call& call : calls_) number += call.member == "Notify";
-      connection.send(message.createReply(QVariant::fromValue(number)));
-    } else if (message.member() == "GetCapabilities") {
-      connection.send(message.createReply(QStringList{"actions", "body"}));
-    } else {
-      connection.send(message.createReply());
-    }
+    QDBusMessage reply = message.createReply();
+    uint number = 1;
+    for (const Call& call : calls_) number += call.member == "Notify";
+    if (message.member() == "Notify") reply << QVariant::fromValue(number);
+    if (message.member() == "GetCapabilities") reply << QStringList{"actions", "body"};
+    connection.send(reply);
     calls_.append({message.member(), message.arguments()});
     return true;
   }

@@ -44,22 +44,19 @@ DecodedImage quadrants(int width, int height, int bitsPerComponent, bool alpha) 
   DecodedImage image;
   image.width = width, image.height = height, image.bitsPerComponent = bitsPerComponent;
   image.alpha = alpha ? AlphaInfo::straight : AlphaInfo::none;
-  if (bitsPerComponent == 16)
-    image.pixels16.resize(image.pixelCount() * 4);
-  else
-    image.pixels8.resize(image.pixelCount() * 4);
+  image.pixels8.resize(image.pixelCount() * 4);
   for (int y = 0; y < height; ++y)
     for (int x = 0; x < width; ++x) {
       int q = (y >= height / 2 ? 2 : 0) + (x >= width / 2 ? 1 : 0);
       size_t i = (size_t(y) * size_t(width) + size_t(x)) * 4;
-      for (size_t c = 0; c < 4; ++c) {
-        uint8_t v = c < 3 ? kColours[q][c] : alpha && q == 0 ? 128 : 255;
-        if (bitsPerComponent == 16)
-          image.pixels16[i + c] = uint16_t(v * 257);
-        else
-          image.pixels8[i + c] = v;
-      }
+      for (size_t c = 0; c < 4; ++c)
+        image.pixels8[i + c] = c < 3 ? kColours[q][c] : alpha && q == 0 ? 128 : 255;
     }
+  if (bitsPerComponent == 16) {
+    image.pixels16.assign(image.pixels8.begin(), image.pixels8.end());
+    for (uint16_t& v : image.pixels16) v = uint16_t(v * 257);
+    image.pixels8 = {};
+  }
   return image;
 }
 

@@ -1,7 +1,6 @@
 #pragma once
-// Test files of the six formats, written in code with the codec libraries themselves (no
-// binary fixtures), carrying orientation, ICC profiles, alpha, 16 bits, grey, CMYK or
-// animation; and small files that lie about what they hold, for the tests, the fuzz seeds and
+// Test files of the six formats, written in code with the codec libraries (no binary fixtures),
+// and small files that lie about what they hold, for the tests, the fuzz seeds and
 // bench/make_hostile_files. Writers throw std::runtime_error when a library refuses.
 
 #include <array>

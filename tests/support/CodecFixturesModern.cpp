@@ -29,7 +29,10 @@ Bytes eightBit(const DecodedImage& image) {
   return out;
 }
 
-Bytes takeWebPData(WebPData& data) {
+Bytes assembled(WebPMux* mux) {
+  WebPData data;
+  WebPDataInit(&data);
+  require(WebPMuxAssemble(mux, &data) == WEBP_MUX_OK, "WebPMuxAssemble");
   Bytes out(data.bytes, data.bytes + data.size);
   WebPDataClear(&data);
   return out;
@@ -66,10 +69,7 @@ Bytes webp(const DecodedImage& image, const WebPOptions& options) {
   WebPData iccData{options.icc.data(), options.icc.size()}, exifData{exif.data(), exif.size()};
   if (!options.icc.empty()) require(WebPMuxSetChunk(mux.get(), "ICCP", &iccData, 1) == WEBP_MUX_OK, "ICCP");
   if (!exif.empty()) require(WebPMuxSetChunk(mux.get(), "EXIF", &exifData, 1) == WEBP_MUX_OK, "EXIF");
-  WebPData assembled;
-  WebPDataInit(&assembled);
-  require(WebPMuxAssemble(mux.get(), &assembled) == WEBP_MUX_OK, "WebPMuxAssemble");
-  return takeWebPData(assembled);
+  return assembled(mux.get());
 }
 
 Bytes animatedWebp(const std::vector<DecodedImage>& frames, int canvasWidth, int canvasHeight) {
@@ -84,14 +84,11 @@ Bytes animatedWebp(const std::vector<DecodedImage>& frames, int canvasWidth, int
     require(WebPMuxPushFrame(mux.get(), &info, 1) == WEBP_MUX_OK, "WebPMuxPushFrame");
   }
   const WebPMuxAnimParams params{0, 0};
-  WebPData data;
-  WebPDataInit(&data);
   require(WebPMuxSetCanvasSize(mux.get(), canvasWidth ? canvasWidth : frames[0].width,
                                canvasHeight ? canvasHeight : frames[0].height) == WEBP_MUX_OK &&
-              WebPMuxSetAnimationParams(mux.get(), &params) == WEBP_MUX_OK &&
-              WebPMuxAssemble(mux.get(), &data) == WEBP_MUX_OK,
-          "WebPMuxAssemble");
-  return takeWebPData(data);
+              WebPMuxSetAnimationParams(mux.get(), &params) == WEBP_MUX_OK,
+          "WebPMuxSetAnimationParams");
+  return assembled(mux.get());
 }
 
 Bytes heic(const DecodedImage& image, const HeifOptions& options) {
@@ -131,13 +128,10 @@ Bytes heic(const DecodedImage& image, const HeifOptions& options) {
           "heif_context_encode_image");
   CHandle<heif_image_handle, heif_image_handle_release> handle(rawHandle);
   if (options.thumbnailSide > 0) {
-    const auto opaque = picture(false);
-    CHandle<heif_encoding_options, heif_encoding_options_free> upright(heif_encoding_options_alloc());
-    heif_image_handle* rawThumb = nullptr;
-    require(heif_context_encode_thumbnail(context.get(), opaque.get(), handle.get(), encoder.get(),
-                                          upright.get(), options.thumbnailSide, &rawThumb),
+    // The default options: unrotated, whatever the picture's orientation.
+    require(heif_context_encode_thumbnail(context.get(), picture(false).get(), handle.get(), encoder.get(),
+                                          nullptr, options.thumbnailSide, nullptr),
             "heif_context_encode_thumbnail");
-    if (rawThumb) heif_image_handle_release(rawThumb);
   }
   if (options.exifOrientation) {
     Bytes exif = exifBlock(*options.exifOrientation);

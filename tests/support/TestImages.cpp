@@ -27,9 +27,8 @@ DecodedImage texturedPhoto(int w, int h, uint32_t seed) {
   const float weight[5] = {0.5f, 0.25f, 0.13f, 0.08f, 0.05f};
   std::vector<std::vector<float>> grids;
   for (int n : cells) {
-    std::vector<float> g(size_t(n + 1) * size_t(n + 1) * 3);
-    for (float& v : g) v = unit(rng);
-    grids.push_back(std::move(g));
+    grids.emplace_back(size_t(n + 1) * size_t(n + 1) * 3);
+    for (float& v : grids.back()) v = unit(rng);
   }
   for (int y = 0; y < h; ++y) {
     for (int x = 0; x < w; ++x) {
@@ -91,16 +90,13 @@ DecodedImage makeImage(int width, int height, Pattern pattern, uint32_t seed, bo
           bool text = (y % 18) < 10 && (x % 9) < 6 && ((x / 9 + y / 18 + int(seed)) % 5) != 0 && x > 20 &&
                       x < width - 20;
           bool bar = y < height / 12;
-          const uint8_t* c = text ? palette[2] : bar ? palette[0] : palette[3];
-          p[0] = c[0], p[1] = c[1], p[2] = c[2];
+          std::copy_n(palette[text ? 2 : bar ? 0 : 3], 3, p);
           break;
         }
         case Pattern::flatLogo: {
-          double dx = fx - 0.5, dy = fy - 0.5;
-          double r = std::sqrt(dx * dx + dy * dy);
+          double dx = fx - 0.5, dy = fy - 0.5, r = std::sqrt(dx * dx + dy * dy);
           int band = r < 0.2 ? 0 : r < 0.35 ? 1 : r < 0.45 ? 2 : 3;
-          const uint8_t* c = palette[band];
-          p[0] = c[0], p[1] = c[1], p[2] = c[2];
+          std::copy_n(palette[band], 3, p);
           if (withAlpha && band == 3) p[3] = 0, p[0] = p[1] = p[2] = 0;
           break;
         }

@@ -48,23 +48,12 @@ void sayNumber(uintptr_t value, unsigned base = 10) {
 void printStackAndDie(int signal, siginfo_t* info, void*) {
   char thread[17] = {};
   ::prctl(PR_GET_NAME, thread, 0, 0, 0);
-  say("\n*** Fatal signal ");
-  sayNumber(uintptr_t(signal));
-  say(" (");
-  say(sigabbrev_np(signal) ? sigabbrev_np(signal) : "?");
-  say(")");
+  say("\n*** Fatal signal "), sayNumber(uintptr_t(signal)), say(" (");
+  say(sigabbrev_np(signal) ? sigabbrev_np(signal) : "?"), say(")");
   // The address a fault touched: near zero, a null pointer; elsewhere, memory already given back.
-  if (signal != SIGABRT && info) {
-    say(" at ");
-    sayNumber(reinterpret_cast<uintptr_t>(info->si_addr), 16);
-  }
-  say(" in thread ");
-  sayNumber(uintptr_t(::syscall(SYS_gettid)));
-  say(" \"");
-  say(thread);
-  say("\" of process ");
-  sayNumber(uintptr_t(::getpid()));
-  say("; its stack, innermost first:\n");
+  if (signal != SIGABRT && info) say(" at "), sayNumber(reinterpret_cast<uintptr_t>(info->si_addr), 16);
+  say(" in thread "), sayNumber(uintptr_t(::syscall(SYS_gettid))), say(" \""), say(thread);
+  say("\" of process "), sayNumber(uintptr_t(::getpid())), say("; its stack, innermost first:\n");
   void* frames[128];
   ::backtrace_symbols_fd(frames, ::backtrace(frames, 128), STDERR_FILENO);
   say("*** end of stack (addr2line -Cfpe FILE 0xOFFSET names a frame)\n");

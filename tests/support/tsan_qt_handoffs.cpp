@@ -25,6 +25,10 @@ namespace {
 char handOff;
 void publish() { __tsan_release(&handOff); }
 void takeUp() { __tsan_acquire(&handOff); }
+// A take-up as the scope ends, after the value a wrapper returns is computed.
+struct TakeUpOnReturn {
+  ~TakeUpOnReturn() { takeUp(); }
+};
 
 // Each event is taken up before it is delivered, whichever thread delivers it.
 bool beforeDelivery(void**) {
@@ -87,26 +91,41 @@ QtPrivate::QSlotObjectBase* handedOff(QtPrivate::QSlotObjectBase* slot) {
   return slot ? new HandedOffSlot(slot) : nullptr;
 }
 
-std::function<void()> handedOff(std::function<void()> task) {
-  return [task = std::move(task)] {
+// A pool's function or a future's continuation, called between a take-up and a publication.
+template <class... Arguments>
+std::function<void(Arguments...)> handedOff(std::function<void(Arguments...)> task) {
+  return [task = std::move(task)](Arguments... arguments) {
     takeUp();
-    task();
+    task(arguments...);
     publish();
   };
 }
 
 }  // namespace
 
+// WRAP(symbol, type, (parameters)) declares Qt's function REAL(symbol) and begins its wrapper;
+// tests/CMakeLists.txt wraps each symbol that follows "WRAP(" here. PUBLISHING_WRAP and
+// TAKING_UP_WRAP are whole wrappers that only publish before the call or take up after it.
 #define REAL(name) __real_##name
-#define WRAP(name) __wrap_##name
+#define WRAP(name, type, parameters) \
+  type REAL(name) parameters;        \
+  type __wrap_##name parameters
+#define PUBLISHING_WRAP(name, type, parameters, arguments) \
+  WRAP(name, type, parameters) {                           \
+    publish();                                             \
+    return REAL(name) arguments;                           \
+  }
+#define TAKING_UP_WRAP(name, type, parameters, arguments) \
+  WRAP(name, type, parameters) {                          \
+    const TakeUpOnReturn takeUpOnReturn;                  \
+    return REAL(name) arguments;                          \
+  }
 
 extern "C" {
 
 // QMetaObject::invokeMethodImpl(QObject*, QtPrivate::QSlotObjectBase*, Qt::ConnectionType, void*)
-bool REAL(_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPv)(
-    QObject*, QtPrivate::QSlotObjectBase*, Qt::ConnectionType, void*);
-bool WRAP(_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPv)(
-    QObject* object, QtPrivate::QSlotObjectBase* slot, Qt::ConnectionType type, void* ret) {
+WRAP(_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPv, bool,
+     (QObject * object, QtPrivate::QSlotObjectBase* slot, Qt::ConnectionType type, void* ret)) {
   QtPrivate::QSlotObjectBase* wrapper = handedOff(slot);
   publish();
   return REAL(
@@ -116,15 +135,12 @@ bool WRAP(_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectB
 
 // QObject::connectImpl(const QObject*, void**, const QObject*, void**, QtPrivate::QSlotObjectBase*,
 // Qt::ConnectionType, const int*, const QMetaObject*): a connection to a function or a lambda.
-QMetaObject::Connection REAL(
-    _ZN7QObject11connectImplEPKS_PPvS1_S3_PN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPKiPK11QMetaObject)(
-    const QObject*, void**, const QObject*, void**, QtPrivate::QSlotObjectBase*, Qt::ConnectionType,
-    const int*, const QMetaObject*);
-QMetaObject::Connection WRAP(
-    _ZN7QObject11connectImplEPKS_PPvS1_S3_PN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPKiPK11QMetaObject)(
-    const QObject* sender, void** signal, const QObject* receiver, void** slotPointer,
-    QtPrivate::QSlotObjectBase* slot, Qt::ConnectionType type, const int* types,
-    const QMetaObject* senderMeta) {
+WRAP(
+    _ZN7QObject11connectImplEPKS_PPvS1_S3_PN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPKiPK11QMetaObject,
+    QMetaObject::Connection,
+    (const QObject* sender, void** signal, const QObject* receiver, void** slotPointer,
+     QtPrivate::QSlotObjectBase* slot, Qt::ConnectionType type, const int* types,
+     const QMetaObject* senderMeta)) {
   QtPrivate::QSlotObjectBase* wrapper = handedOff(slot);
   publish();
   return REAL(
@@ -134,48 +150,29 @@ QMetaObject::Connection WRAP(
 
 // QThread::wait(QDeadlineTimer): what the thread did before it ended (its `finished` slots
 // included) comes before what follows the wait.
-bool REAL(_ZN7QThread4waitE14QDeadlineTimer)(QThread*, QDeadlineTimer);
-bool WRAP(_ZN7QThread4waitE14QDeadlineTimer)(QThread* thread, QDeadlineTimer deadline) {
-  const bool ended = REAL(_ZN7QThread4waitE14QDeadlineTimer)(thread, deadline);
-  takeUp();
-  return ended;
-}
+TAKING_UP_WRAP(_ZN7QThread4waitE14QDeadlineTimer, bool, (QThread * thread, QDeadlineTimer deadline),
+               (thread, deadline))
 
 // The three QMetaObject::activate overloads: a signal, which may be queued to another thread.
-void REAL(_ZN11QMetaObject8activateEP7QObjectPKS_iPPv)(QObject*, const QMetaObject*, int, void**);
-void WRAP(_ZN11QMetaObject8activateEP7QObjectPKS_iPPv)(QObject* sender, const QMetaObject* meta, int index,
-                                                       void** argv) {
-  publish();
-  REAL(_ZN11QMetaObject8activateEP7QObjectPKS_iPPv)(sender, meta, index, argv);
-}
-void REAL(_ZN11QMetaObject8activateEP7QObjectiPPv)(QObject*, int, void**);
-void WRAP(_ZN11QMetaObject8activateEP7QObjectiPPv)(QObject* sender, int index, void** argv) {
-  publish();
-  REAL(_ZN11QMetaObject8activateEP7QObjectiPPv)(sender, index, argv);
-}
-void REAL(_ZN11QMetaObject8activateEP7QObjectiiPPv)(QObject*, int, int, void**);
-void WRAP(_ZN11QMetaObject8activateEP7QObjectiiPPv)(QObject* sender, int offset, int index, void** argv) {
-  publish();
-  REAL(_ZN11QMetaObject8activateEP7QObjectiiPPv)(sender, offset, index, argv);
-}
+PUBLISHING_WRAP(_ZN11QMetaObject8activateEP7QObjectPKS_iPPv, void,
+                (QObject * sender, const QMetaObject* meta, int index, void** argv),
+                (sender, meta, index, argv))
+PUBLISHING_WRAP(_ZN11QMetaObject8activateEP7QObjectiPPv, void, (QObject * sender, int index, void** argv),
+                (sender, index, argv))
+PUBLISHING_WRAP(_ZN11QMetaObject8activateEP7QObjectiiPPv, void,
+                (QObject * sender, int offset, int index, void** argv), (sender, offset, index, argv))
 
 // QCoreApplication::postEvent(QObject*, QEvent*, int)
-void REAL(_ZN16QCoreApplication9postEventEP7QObjectP6QEventi)(QObject*, QEvent*, int);
-void WRAP(_ZN16QCoreApplication9postEventEP7QObjectP6QEventi)(QObject* receiver, QEvent* event,
-                                                              int priority) {
-  publish();
-  REAL(_ZN16QCoreApplication9postEventEP7QObjectP6QEventi)(receiver, event, priority);
-}
+PUBLISHING_WRAP(_ZN16QCoreApplication9postEventEP7QObjectP6QEventi, void,
+                (QObject * receiver, QEvent* event, int priority), (receiver, event, priority))
 
 // QThreadPool::start and tryStart, of a runnable and of a function.
-void REAL(_ZN11QThreadPool5startEP9QRunnablei)(QThreadPool*, QRunnable*, int);
-void WRAP(_ZN11QThreadPool5startEP9QRunnablei)(QThreadPool* pool, QRunnable* task, int priority) {
+WRAP(_ZN11QThreadPool5startEP9QRunnablei, void, (QThreadPool * pool, QRunnable* task, int priority)) {
   auto* wrapper = new HandedOff(task);
   publish();
   REAL(_ZN11QThreadPool5startEP9QRunnablei)(pool, wrapper, priority);
 }
-bool REAL(_ZN11QThreadPool8tryStartEP9QRunnable)(QThreadPool*, QRunnable*);
-bool WRAP(_ZN11QThreadPool8tryStartEP9QRunnable)(QThreadPool* pool, QRunnable* task) {
+WRAP(_ZN11QThreadPool8tryStartEP9QRunnable, bool, (QThreadPool * pool, QRunnable* task)) {
   auto* wrapper = new HandedOff(task);
   publish();
   if (REAL(_ZN11QThreadPool8tryStartEP9QRunnable)(pool, wrapper)) return true;
@@ -183,104 +180,57 @@ bool WRAP(_ZN11QThreadPool8tryStartEP9QRunnable)(QThreadPool* pool, QRunnable* t
   delete wrapper;
   return false;
 }
-void REAL(_ZN11QThreadPool5startESt8functionIFvvEEi)(QThreadPool*, std::function<void()>, int);
-void WRAP(_ZN11QThreadPool5startESt8functionIFvvEEi)(QThreadPool* pool, std::function<void()> task,
-                                                     int priority) {
+WRAP(_ZN11QThreadPool5startESt8functionIFvvEEi, void,
+     (QThreadPool * pool, std::function<void()> task, int priority)) {
   std::function<void()> wrapper = handedOff(std::move(task));
   publish();
   REAL(_ZN11QThreadPool5startESt8functionIFvvEEi)(pool, std::move(wrapper), priority);
 }
-bool REAL(_ZN11QThreadPool8tryStartESt8functionIFvvEE)(QThreadPool*, std::function<void()>);
-bool WRAP(_ZN11QThreadPool8tryStartESt8functionIFvvEE)(QThreadPool* pool, std::function<void()> task) {
+WRAP(_ZN11QThreadPool8tryStartESt8functionIFvvEE, bool, (QThreadPool * pool, std::function<void()> task)) {
   std::function<void()> wrapper = handedOff(std::move(task));
   publish();
   return REAL(_ZN11QThreadPool8tryStartESt8functionIFvvEE)(pool, std::move(wrapper));
 }
 // QThreadPool::waitForDone(int)
-bool REAL(_ZN11QThreadPool11waitForDoneEi)(QThreadPool*, int);
-bool WRAP(_ZN11QThreadPool11waitForDoneEi)(QThreadPool* pool, int msecs) {
-  const bool done = REAL(_ZN11QThreadPool11waitForDoneEi)(pool, msecs);
-  takeUp();
-  return done;
-}
+TAKING_UP_WRAP(_ZN11QThreadPool11waitForDoneEi, bool, (QThreadPool * pool, int msecs), (pool, msecs))
 
 // A future's end, and the waits for it.
-void REAL(_ZN20QFutureInterfaceBase14reportFinishedEv)(QFutureInterfaceBase*);
-void WRAP(_ZN20QFutureInterfaceBase14reportFinishedEv)(QFutureInterfaceBase* future) {
-  publish();
-  REAL(_ZN20QFutureInterfaceBase14reportFinishedEv)(future);
-}
-void REAL(_ZN20QFutureInterfaceBase15waitForFinishedEv)(QFutureInterfaceBase*);
-void WRAP(_ZN20QFutureInterfaceBase15waitForFinishedEv)(QFutureInterfaceBase* future) {
-  REAL(_ZN20QFutureInterfaceBase15waitForFinishedEv)(future);
-  takeUp();
-}
-void REAL(_ZN20QFutureInterfaceBase13waitForResultEi)(QFutureInterfaceBase*, int);
-void WRAP(_ZN20QFutureInterfaceBase13waitForResultEi)(QFutureInterfaceBase* future, int index) {
-  REAL(_ZN20QFutureInterfaceBase13waitForResultEi)(future, index);
-  takeUp();
-}
+PUBLISHING_WRAP(_ZN20QFutureInterfaceBase14reportFinishedEv, void, (QFutureInterfaceBase * future), (future))
+TAKING_UP_WRAP(_ZN20QFutureInterfaceBase15waitForFinishedEv, void, (QFutureInterfaceBase * future), (future))
+TAKING_UP_WRAP(_ZN20QFutureInterfaceBase13waitForResultEi, void, (QFutureInterfaceBase * future, int index),
+               (future, index))
 
 // QFutureInterfaceBase::setContinuation, with and without the continuation's own data: the
 // continuation runs on the thread that ends the future, or at once if it has ended.
 using Continuation = std::function<void(const QFutureInterfaceBase&)>;
-Continuation handedOffContinuation(Continuation continuation) {
-  Continuation wrapper = [continuation = std::move(continuation)](const QFutureInterfaceBase& future) {
-    takeUp();
-    continuation(future);
-    publish();
-  };
+WRAP(_ZN20QFutureInterfaceBase15setContinuationESt8functionIFvRKS_EE, void,
+     (QFutureInterfaceBase * future, Continuation continuation)) {
+  Continuation wrapper = handedOff(std::move(continuation));
   publish();
-  return wrapper;
+  REAL(_ZN20QFutureInterfaceBase15setContinuationESt8functionIFvRKS_EE)(future, std::move(wrapper));
 }
-void REAL(_ZN20QFutureInterfaceBase15setContinuationESt8functionIFvRKS_EE)(QFutureInterfaceBase*,
-                                                                           Continuation);
-void WRAP(_ZN20QFutureInterfaceBase15setContinuationESt8functionIFvRKS_EE)(QFutureInterfaceBase* future,
-                                                                           Continuation continuation) {
-  REAL(_ZN20QFutureInterfaceBase15setContinuationESt8functionIFvRKS_EE)
-  (future, handedOffContinuation(std::move(continuation)));
-}
-void REAL(_ZN20QFutureInterfaceBase15setContinuationESt8functionIFvRKS_EEP27QFutureInterfaceBasePrivate)(
-    QFutureInterfaceBase*, Continuation, QFutureInterfaceBasePrivate*);
-void WRAP(_ZN20QFutureInterfaceBase15setContinuationESt8functionIFvRKS_EEP27QFutureInterfaceBasePrivate)(
-    QFutureInterfaceBase* future, Continuation continuation, QFutureInterfaceBasePrivate* data) {
+WRAP(_ZN20QFutureInterfaceBase15setContinuationESt8functionIFvRKS_EEP27QFutureInterfaceBasePrivate, void,
+     (QFutureInterfaceBase * future, Continuation continuation, QFutureInterfaceBasePrivate* data)) {
+  Continuation wrapper = handedOff(std::move(continuation));
+  publish();
   REAL(_ZN20QFutureInterfaceBase15setContinuationESt8functionIFvRKS_EEP27QFutureInterfaceBasePrivate)
-  (future, handedOffContinuation(std::move(continuation)), data);
+  (future, std::move(wrapper), data);
 }
 
 // QFutureInterfaceBase::derefT(): the last holder of a future's results, on any thread, drops
 // them after every other holder has let go.
-bool REAL(_ZNK20QFutureInterfaceBase6derefTEv)(const QFutureInterfaceBase*);
-bool WRAP(_ZNK20QFutureInterfaceBase6derefTEv)(const QFutureInterfaceBase* future) {
+WRAP(_ZNK20QFutureInterfaceBase6derefTEv, bool, (const QFutureInterfaceBase* future)) {
   publish();
-  const bool held = REAL(_ZNK20QFutureInterfaceBase6derefTEv)(future);
-  takeUp();
-  return held;
+  const TakeUpOnReturn takeUpOnReturn;
+  return REAL(_ZNK20QFutureInterfaceBase6derefTEv)(future);
 }
 
 // QSemaphore::release, acquire and the two tryAcquire.
-void REAL(_ZN10QSemaphore7releaseEi)(QSemaphore*, int);
-void WRAP(_ZN10QSemaphore7releaseEi)(QSemaphore* semaphore, int n) {
-  publish();
-  REAL(_ZN10QSemaphore7releaseEi)(semaphore, n);
-}
-void REAL(_ZN10QSemaphore7acquireEi)(QSemaphore*, int);
-void WRAP(_ZN10QSemaphore7acquireEi)(QSemaphore* semaphore, int n) {
-  REAL(_ZN10QSemaphore7acquireEi)(semaphore, n);
-  takeUp();
-}
-bool REAL(_ZN10QSemaphore10tryAcquireEi)(QSemaphore*, int);
-bool WRAP(_ZN10QSemaphore10tryAcquireEi)(QSemaphore* semaphore, int n) {
-  const bool acquired = REAL(_ZN10QSemaphore10tryAcquireEi)(semaphore, n);
-  takeUp();
-  return acquired;
-}
-bool REAL(_ZN10QSemaphore10tryAcquireEii)(QSemaphore*, int, int);
-bool WRAP(_ZN10QSemaphore10tryAcquireEii)(QSemaphore* semaphore, int n, int timeout) {
-  const bool acquired = REAL(_ZN10QSemaphore10tryAcquireEii)(semaphore, n, timeout);
-  takeUp();
-  return acquired;
-}
+PUBLISHING_WRAP(_ZN10QSemaphore7releaseEi, void, (QSemaphore * semaphore, int n), (semaphore, n))
+TAKING_UP_WRAP(_ZN10QSemaphore7acquireEi, void, (QSemaphore * semaphore, int n), (semaphore, n))
+TAKING_UP_WRAP(_ZN10QSemaphore10tryAcquireEi, bool, (QSemaphore * semaphore, int n), (semaphore, n))
+TAKING_UP_WRAP(_ZN10QSemaphore10tryAcquireEii, bool, (QSemaphore * semaphore, int n, int timeout),
+               (semaphore, n, timeout))
 
 }  // extern "C"
 

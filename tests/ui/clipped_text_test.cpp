@@ -1,18 +1,10 @@
-// In every language, no text of the bar, of a failed row's Retry, of the quality popup, of a settings tab or
-// of its title is cut at the windows' minimum sizes (ClippedText, in CTest with the label `slow`); and the
-// tray menu's entries do what they say.
-#include <QAbstractButton>
-#include <QComboBox>
-#include <QLabel>
-#include <QTabBar>
-#include <QTabWidget>
+// In every language no text of the bar, a failed row's Retry, the quality popup, a settings tab or its title
+// is cut at the windows' minimum sizes (labelled `slow` in CTest); the tray menu's entries do what they say.
 
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"
 #include "hotfolders/HotFoldersManager.h"
-#include "services/AppLanguage.h"
 #include "services/LanguageManager.h"
-#include "services/Strings.h"
 #include "services/UpdateChecker.h"
 #include "tests/ui/ui_test_support.h"
 #include "ui/BackgroundTrayMenu.h"
@@ -25,8 +17,7 @@
 namespace quillane::uitest {
 namespace {
 
-// Widgets in `root` whose text does not fit: labels and buttons narrower than their text
-// needs (word-wrapping and elided labels excepted). Names them for the failure message.
+// The labels (not wrapping or elided ones), buttons and combo boxes in `root` narrower than their text needs.
 QStringList clippedTexts(QWidget* root) {
   QStringList clipped;
   const auto check = [&](QWidget* w, const QString& text) {
@@ -38,11 +29,9 @@ QStringList clippedTexts(QWidget* root) {
                      .arg(w->width())
                      .arg(needed);
   };
-  for (QLabel* label : root->findChildren<QLabel*>()) {
-    if (label->wordWrap() || label->text().isEmpty()) continue;
-    if (label->sizePolicy().horizontalPolicy() == QSizePolicy::Ignored) continue;  // elided on purpose
-    check(label, label->text());
-  }
+  for (QLabel* label : root->findChildren<QLabel*>())  // an Ignored width: elided on purpose
+    if (!label->wordWrap() && label->sizePolicy().horizontalPolicy() != QSizePolicy::Ignored)
+      check(label, label->text());
   for (QAbstractButton* button : root->findChildren<QAbstractButton*>()) check(button, button->text());
   for (QComboBox* combo : root->findChildren<QComboBox*>()) check(combo, combo->currentText());
   return clipped;
@@ -67,10 +56,9 @@ TEST_F(ClippedText, NoTextOfTheBarOrATabIsCutInAnyLanguageAtMinimumSize) {
   ASSERT_TRUE(settle({source("mountain-lake-at-dawn.jpg", 2'400'000), source("logo.png", 18'000),
                       source("broken.avif", 50'000, {.failEncode = true}), url("notes.txt")}));
   import({source("slow-panorama.png", 5'000'000)});
-  QDir(dir_.path()).mkpath("out");
-  EXPECT_TRUE(await(model_->exportSingle(model_->images()[0], url("out/a.jpg"))));
+  EXPECT_TRUE(await(model_->exportSingle(model_->images()[0], QUrl::fromLocalFile(outFolder() + "/a.jpg"))));
   EXPECT_EQ(model_->exportHistory().size(), 1u);
-  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80.5, dir_.filePath("out"), true));
+  model_->upsertExportProfile(profile("Web", ImageFormat::webp, 80.5, outFolder(), true));
   model_->upsertExportProfile(profile("Archive", ImageFormat::jxl, 95));
   LocalAPISettings::setEnabled(true);
   LocalAPISettings::setPort(0);
@@ -90,14 +78,10 @@ TEST_F(ClippedText, NoTextOfTheBarOrATabIsCutInAnyLanguageAtMinimumSize) {
     window.showQualityOverride(model_->images()[0], QRect(window.mapToGlobal(QPoint(700, 80)), QSize(1, 1)));
     EXPECT_EQ(clippedTexts(window.findChild<ui::QualityOverridePopup*>()), QStringList()) << "quality popup";
     const ui::ImageListView& list = *window.findChild<ui::ImageListView*>();
-    for (int row = 0; row < list.listModel().rowCount(); ++row) {
-      const QModelIndex index = list.listModel().index(row);
-      const auto image = list.listModel().imageAt(row);
-      if (!image || !image->encodeState().isFailed()) continue;
-      EXPECT_GE(delegate(list).partRect(list.visualRect(index), index, ui::RowHit::summaryRetry).width(),
-                QFontMetricsF(ui::smallFont(QApplication::font()))
-                    .horizontalAdvance(Strings::text("common.retry")));
-    }
+    const QModelIndex failed = list.listModel().index(list.listModel().rowOfImage(2));  // broken.avif
+    EXPECT_GE(
+        delegate(list).partRect(list.visualRect(failed), failed, ui::RowHit::summaryRetry).width(),
+        QFontMetricsF(ui::smallFont(QApplication::font())).horizontalAdvance(Strings::text("common.retry")));
     ui::SettingsWindow settings({*model_, controller, checker, languages, nullptr});
     settings.setAttribute(Qt::WA_DeleteOnClose, false);
     settings.insertHotFoldersPane(new ui::HotFoldersSettingsView(*manager, *model_, {}));
@@ -129,8 +113,7 @@ TEST_F(TrayMenu, PausesAndResumesTheFoldersAndOpensTheWindow) {
   ui::BackgroundTrayMenu menu(
       *manager, [&] { ++opened; }, [] {});
   menu.findChild<QAction*>("trayPause")->trigger();
-  EXPECT_TRUE(manager->isPaused());
-  EXPECT_NE(menu.toolTipText(), QString());
+  EXPECT_TRUE(manager->isPaused() && !menu.toolTipText().isEmpty());
   menu.findChild<QAction*>("trayPause")->trigger();
   EXPECT_FALSE(manager->isPaused());
   menu.findChild<QAction*>("trayOpen")->trigger();

@@ -1,10 +1,5 @@
 // The comparison window: zoom, pan and divider by mouse, wheel and keys, both halves in
 // register, its size on screen and across openings, and the result side following the quality.
-#include <QAccessible>
-#include <QAccessibleValueInterface>
-#include <QApplication>
-#include <QScreen>
-#include <QWheelEvent>
 
 #include "services/SettingsFile.h"
 #include "tests/support/TestImages.h"
@@ -29,8 +24,7 @@ QImage blocks(int width, int height, int block) {
 
 class ComparisonArea : public UiFixture {
  protected:
-  // An area over a 1600 x 1200 picture whose two sides show one picture: the original from a
-  // half-size preview, the result at full resolution.
+  // A 400 x 300 area over a 1600 x 1200 picture: the original from a half-size preview, the result in full.
   ui::SplitCompareWidget& area() {
     makeModel();
     import({source("a.png", 100000, {1600, 1200})});
@@ -42,8 +36,7 @@ class ComparisonArea : public UiFixture {
     area_->setCompressedPreview(ui::SidePictures{full, full});
     return *area_;
   }
-  // The area's pixels with the divider at `fraction`, inside a margin that leaves out the
-  // badges and the divider's handle at either edge.
+  // The area's pixels with the divider at `fraction`, less a margin for the badges and the divider's handle.
   QImage render(double fraction) {
     area_->setSliderFraction(fraction);
     return area_->grab().toImage().copy(QRect(60, 70, 280, 160));
@@ -87,8 +80,7 @@ TEST_F(ComparisonArea, ZoomKeysWheelAndDragKeepBothHalvesShowingTheSameRegion) {
   EXPECT_DOUBLE_EQ(a.centre().x(), 1600 - a.width() / 2.0 / (4.0 / a.devicePixelRatioF()))
       << "the right edge";
 
-  // Whatever the zoom and the pan, the original (from its half-size preview) and the result
-  // cover each other exactly.
+  // At any zoom and pan the original (from its half-size preview) and the result cover each other exactly.
   for (const double zoom : {4.0, 2.0, 1.0}) {
     a.setZoom(zoom);
     a.panBy({-37, 23});
@@ -191,10 +183,8 @@ TEST_F(ComparisonWindow, TheResultSideFollowsAQualityChangeAtFullResolution) {
   ASSERT_TRUE(QTest::qWaitFor([&] { return area->hasFullResolution(); }, 20000));
   // The middle of the area: the picture alone, away from the badges.
   const auto picture = [area] {
-    return area
-        ->grab(area->rect().adjusted(area->width() / 4, area->height() / 4, -area->width() / 4,
-                                     -area->height() / 4))
-        .toImage();
+    const int x = area->width() / 4, y = area->height() / 4;
+    return area->grab(area->rect().adjusted(x, y, -x, -y)).toImage();
   };
   const QImage sharp = picture();
 

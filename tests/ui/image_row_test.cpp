@@ -1,15 +1,6 @@
-// What an image row shows and does, through the painted list and its rules, and the
-// per-image quality popup.
-#include <QApplication>
-#include <QCheckBox>
-#include <QLabel>
-#include <QMenu>
-#include <QPushButton>
-#include <QSlider>
+// What an image row shows and does (the window's painted list and its rules); the per-image quality popup.
 
 #include "tests/ui/ui_test_support.h"
-#include "ui/ImageListModel.h"
-#include "ui/ImageListView.h"
 #include "ui/QualityControls.h"
 #include "ui/RowRules.h"
 #include "ui/SizeControls.h"
@@ -18,10 +9,9 @@ namespace quillane::uitest {
 namespace {
 
 using ui::RowHit;
-using ui::RowRules::SizeSummary;
 using ui::RowRules::Tone;
 
-class ImageRowTest : public UiFixture {
+class ImageRowTest : public WindowFixture {
  protected:
   std::shared_ptr<ImportedImage> importOne(const QString& name, int64_t bytes, FakeFile file) {
     if (!model_) makeModel();
@@ -29,24 +19,12 @@ class ImageRowTest : public UiFixture {
     EXPECT_TRUE(waitIdle());
     return model_->images().back();
   }
-  ui::ImageListView& list() {
-    if (!list_) {
-      list_ = std::make_unique<ui::ImageListView>(*model_);
-      list_->resize(700, 400);
-      list_->show();
-    }
-    return *list_;
-  }
+  ui::ImageListView& list() { return *imageList(); }
   QModelIndex rowOf(const std::shared_ptr<ImportedImage>& image) {
     for (int row = 0; row < list().listModel().rowCount(); ++row)
       if (list().listModel().imageAt(row) == image) return list().listModel().index(row);
     return {};
   }
-  void TearDown() override {
-    list_.reset();
-    UiFixture::TearDown();
-  }
-  std::unique_ptr<ui::ImageListView> list_;
 };
 
 TEST_F(ImageRowTest, AnAnimatedImageInItsOwnFormatIsPassedThroughAndAStillOneNever) {
@@ -66,7 +44,7 @@ TEST_F(ImageRowTest, AnAnimatedImageInItsOwnFormatIsPassedThroughAndAStillOneNev
   useLanguage("en-US");
   model_->setCompressionOptions({.maxWidth = 100, .skipLarger = true});
   ASSERT_TRUE(waitIdle());
-  const SizeSummary kept = ui::RowRules::sizeSummary(*grown, ImageFormat::jpeg);
+  const auto kept = ui::RowRules::sizeSummary(*grown, ImageFormat::jpeg);
   EXPECT_EQ(std::pair(kept.firstLine, kept.secondLine),
             std::pair(QString("1 kB"), QString("kept the original")));
   EXPECT_EQ(ui::RowRules::shapeText(*grown), "kept the original");
@@ -87,8 +65,7 @@ TEST_F(ImageRowTest, ExportFollowsTheBytesAndFailedEncodesAndExportsRetryFromThe
   auto bad = importOne("bad.png", 1000, {100, 100, ImageFormat::png, 1, -1, true});
   ASSERT_TRUE(bad->encodeState().isFailed());
   EXPECT_FALSE(delegate(list()).isEnabled(rowOf(bad), RowHit::exportButton));
-  const SizeSummary summary = ui::RowRules::sizeSummary(*bad, ImageFormat::jpeg);
-  EXPECT_TRUE(summary.secondIsRetry);
+  EXPECT_TRUE(ui::RowRules::sizeSummary(*bad, ImageFormat::jpeg).secondIsRetry);
   EXPECT_TRUE(spoken(list(), rowOf(bad).row()).endsWith(", " + bad->encodeState().message))
       << "why, not Retry";
   list().activate(rowOf(bad), RowHit::summaryRetry);

@@ -1,39 +1,10 @@
-// The main window against a real model: what the bar shows when, the disabled states of
-// export, the menu commands, the export alert, drops and row reordering; then what a user meets
-// in the window's corners: a double click on a row button, the exclusive format menus, the
-// comparison window, the file dialogs' start folders and filter, and a name for every control.
-#include <QAbstractItemView>
-#include <QAbstractSpinBox>
-#include <QAction>
-#include <QApplication>
-#include <QCheckBox>
-#include <QComboBox>
+// The main window against a real model: the bar, export and its summary, drops, the rows by mouse and keys,
+// the comparison window, the file dialogs, and a name and an access key for every control.
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QDoubleSpinBox>
-#include <QDropEvent>
-#include <QFileDialog>
-#include <QLabel>
-#include <QLineEdit>
-#include <QMenu>
-#include <QMenuBar>
-#include <QMimeData>
-#include <QProgressBar>
-#include <QPushButton>
-#include <QScopeGuard>
-#include <QScreen>
-#include <QScrollBar>
-#include <QSlider>
-#include <QSpinBox>
-#include <QStyleOptionButton>
-#include <QTabBar>
-#include <QTabWidget>
-#include <QTimer>
-#include <QToolButton>
 
 #include "api/LocalAPIController.h"
 #include "hotfolders/HotFoldersManager.h"
-#include "services/AppLanguage.h"
 #include "services/LanguageManager.h"
 #include "services/UpdateChecker.h"
 #include "tests/support/BusStandIn.h"
@@ -45,8 +16,6 @@
 #include "ui/ExportProfilesSettingsView.h"
 #include "ui/ExportSummaryView.h"
 #include "ui/HotFoldersSettingsView.h"
-#include "ui/ImageListModel.h"
-#include "ui/ImageListView.h"
 #include "ui/ProfileMenuView.h"
 #include "ui/QualityControls.h"
 #include "ui/RowRules.h"
@@ -57,14 +26,10 @@
 namespace quillane::uitest {
 namespace {
 
-using ui::ControlsBar;
 using ui::DesktopFileDialogs;
-using ui::MainWindow;
 using Kind = DesktopFileDialogs::FolderKind;
-using WindowEdgesTest = WindowFixture;
 
-// Records the files shown in the file manager and the windows the folder chooser (which
-// chooses nothing) is asked to stand over.
+// Records the files shown in the file manager and the parents of the folder chooser, which chooses nothing.
 class RecordingFileDialogs : public DesktopFileDialogs {
  public:
   void showFilesInFileManager(const QList<QUrl>& files) override { shown << files; }
@@ -78,11 +43,13 @@ class RecordingFileDialogs : public DesktopFileDialogs {
 
 class MainWindowTest : public WindowFixture {
  protected:
-  ControlsBar& bar() { return *window().controlsBar(); }
+  ui::ControlsBar& bar() { return *window().controlsBar(); }
   QAction* exportAction() { return window().menuBar()->actions()[0]->menu()->actions()[1]; }  // File > Export
   QPushButton* exportButton() { return control<QPushButton>(&bar(), "menu.exportAll"); }
   bool exportEnabled() { return exportButton()->isEnabled() && exportAction()->isEnabled(); }
+  bool activated() { return window().activateWindow(), QTest::qWaitForWindowActive(&window()); }
 };
+using WindowEdgesTest = MainWindowTest;
 
 // Export waits for the pending recompute and for encoding, and the slider for its release.
 TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
@@ -111,14 +78,12 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
 
   // During the debounce nothing encodes yet, and export is already off.
   model_->setQuality(40);
-  ASSERT_TRUE(model_->hasPendingRecompute());
-  ASSERT_FALSE(model_->isEncoding());
+  ASSERT_TRUE(model_->hasPendingRecompute() && !model_->isEncoding());
   EXPECT_FALSE(exportEnabled());
   ASSERT_TRUE(waitIdle());
   EXPECT_TRUE(exportEnabled());
 
-  // While the slider is held its value applies, and the batch holds its encodes until the
-  // release (the scheduler's test shows how).
+  // While the slider is held its value applies; the batch holds its encodes until the release.
   slider->setSliderDown(true);
   slider->setValue(30);
   EXPECT_TRUE(model_->quality() == 30 && model_->isQualitySliderEditing());
@@ -133,8 +98,7 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
   EXPECT_EQ(std::pair(progress->value(), progress->maximum()), std::pair(2, 4));
   openGate();
   ASSERT_TRUE(waitIdle());
-  EXPECT_TRUE(exportEnabled());
-  EXPECT_FALSE(progress->isVisible());
+  EXPECT_TRUE(exportEnabled() && !progress->isVisible());
 
   // The profile menu comes with a profile; choosing none after one keeps the profile's settings.
   model_->upsertExportProfile(profile("Web", ImageFormat::webp, 60));
@@ -145,22 +109,18 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
   EXPECT_EQ(profiles->text(), "Web");
   profiles->menu()->actions()[0]->trigger();
   EXPECT_FALSE(model_->appliedProfileName().has_value());
-  EXPECT_EQ(model_->quality(), 60);
-  EXPECT_EQ(model_->outputFormat(), ImageFormat::webp);
+  EXPECT_EQ(std::pair(model_->quality(), model_->outputFormat()), std::pair(60.0, ImageFormat::webp));
 
-  // The desktop turns dark while the window is open: the bar's dimmed texts turn light too, and
-  // Export takes the dark accent.
+  // Turning dark with the window open: the bar's dimmed texts turn light and Export takes the dark accent.
   const QPalette light = QApplication::palette();
   QPalette dark(QColor(0x3a, 0x3a, 0x3e), QColor(0x2b, 0x2b, 0x2e));
   dark.setColor(QPalette::WindowText, Qt::white);
   dark.setColor(QPalette::Highlight, QColor(0x0a, 0x84, 0xff));
   QApplication::setPalette(dark);
-  const QList<QLabel*> labels = bar().findChildren<QLabel*>();
   EXPECT_TRUE(QTest::qWaitFor([&] {
-    return std::all_of(labels.begin(), labels.end(),
-                       [](QLabel* label) {
-                         return label->palette().color(QPalette::WindowText).rgb() == 0xffffffff;
-                       }) &&
+    return std::ranges::all_of(
+               bar().findChildren<QLabel*>(),
+               [](QLabel* l) { return l->palette().color(QPalette::WindowText).rgb() == 0xffffffff; }) &&
            exportButton()->palette().color(QPalette::Button) == dark.color(QPalette::Highlight);
   }));
   QApplication::setPalette(light);
@@ -191,24 +151,21 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   EXPECT_EQ(model_->compressionOptions(), chosen);
   EXPECT_TRUE(size->isChecked());
   ASSERT_TRUE(waitIdle());
-  const auto image = model_->images()[0];
-  EXPECT_EQ(ui::RowRules::shapeText(*image), "fitted to 1600 × 1200 · at quality 62 to fit 500 kB");
+  EXPECT_EQ(ui::RowRules::shapeText(*model_->images()[0]),
+            "fitted to 1600 × 1200 · at quality 62 to fit 500 kB");
   EXPECT_TRUE(spoken(*imageList(), 0).contains("fitted to 1600 × 1200"));
 
   // Kept with the format and quality, and shown again by the control after a restart.
   window_.reset();
   model_->persistSettings();
-  auto o = options();
-  o.restoreSession = true;
-  model_ = std::make_unique<BatchViewModel>(o);
+  restart(options());
   EXPECT_EQ(model_->compressionOptions(), chosen);
   control<QToolButton>(&bar(), "size.label")->click();
   EXPECT_EQ(control<ui::SizeOptionsEditor>(&bar())->options(), chosen);
   useLanguage({});
 }
 
-// Files dropped on the drop area come in the drag's order; a row dropped on the lower half of
-// another lands after it, in the model too.
+// Dropped files come in the drag's order; a row dropped on the lower half of another lands after it.
 TEST_F(MainWindowTest, DropsImportFilesInDragOrderAndMoveRows) {
   window();
   const QUrl b = source("b.png"), a = source("a.png");
@@ -263,13 +220,11 @@ struct ShowCounter : QObject {
 };
 
 TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsBehind) {
-  auto dialogs = std::make_unique<RecordingFileDialogs>();
-  RecordingFileDialogs* shown = dialogs.get();
-  window().setFileDialogs(std::move(dialogs));
+  auto* shown = new RecordingFileDialogs;
+  window().setFileDialogs(std::unique_ptr<DesktopFileDialogs>(shown));
   ASSERT_TRUE(
       settle({source("a.png", 5750), source("b.png", 5750), source("c.png", 5750, {.failEncode = true})}));
-  QDir(dir_.path()).mkdir("out");
-  ASSERT_TRUE(QFile::copy(dir_.filePath("a.png"), dir_.filePath("out/a.jpg")));
+  ASSERT_TRUE(QFile::copy(dir_.filePath("a.png"), outFolder() + "/a.jpg"));
 
   // The desktop's notification service, on a connection of its own.
   QDBusConnection service = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "notifications");
@@ -304,30 +259,27 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
         return ours < notes.size();
       },
       5000));
-  EXPECT_EQ(sink->calls("Notify")[ours].value(5).toStringList().value(0), "show-in-folder");
-  QDBusMessage chosen = QDBusMessage::createSignal("/org/freedesktop/Notifications",
-                                                   "org.freedesktop.Notifications", "ActionInvoked");
-  chosen << uint(ours + 1) << QString("show-in-folder");
+  const QStringList actions = sink->calls("Notify")[ours].value(5).toStringList();
+  EXPECT_TRUE(actions.value(0) == "show-in-folder" && actions.contains("default"))
+      << actions.join(' ').toStdString();
+  const auto invoke = [&](const char* action) {
+    QDBusMessage message = QDBusMessage::createSignal("/org/freedesktop/Notifications",
+                                                      "org.freedesktop.Notifications", "ActionInvoked");
+    return service.send(message << uint(ours + 1) << QString(action));
+  };
   // The click may reach the window before the reply that gave the notification its number (they
   // come on two connections), and is then not yet ours: click until it is.
-  EXPECT_TRUE(QTest::qWaitFor([&] { return shown->shown.size() >= 2 || !service.send(chosen); }, 10000));
+  EXPECT_TRUE(QTest::qWaitFor([&] { return shown->shown.size() >= 2 || !invoke("show-in-folder"); }, 10000));
   ASSERT_GE(shown->shown.size(), 2);
   EXPECT_EQ(shown->shown.back(), written);
-  // A click on the notification itself brings the window forward.
-  EXPECT_TRUE(sink->calls("Notify")[ours].value(5).toStringList().contains("default"));
-  QDBusMessage clicked = QDBusMessage::createSignal("/org/freedesktop/Notifications",
-                                                    "org.freedesktop.Notifications", "ActionInvoked");
-  clicked << uint(ours + 1) << QString("default");
-  ASSERT_TRUE(service.send(clicked));
+  ASSERT_TRUE(invoke("default"));  // a click on the notification itself brings the window forward
   EXPECT_TRUE(QTest::qWaitForWindowActive(&window()));
   sink.reset();
   QDBusConnection::disconnectFromBus("notifications");
 
   // A notification for screen readers, which speak it as it shows: anew for each export, the focus kept.
-  QAccessibleInterface* spoken = QAccessible::queryAccessibleInterface(summary);
-  EXPECT_EQ(spoken->role(), QAccessible::Notification);
-  window().activateWindow();
-  ASSERT_TRUE(QTest::qWaitForWindowActive(&window()));
+  EXPECT_EQ(QAccessible::queryAccessibleInterface(summary)->role(), QAccessible::Notification);
+  ASSERT_TRUE(activated());
   QToolButton* close = control<QToolButton>(summary, "common.close");
   close->setFocus();
   ShowCounter shows;
@@ -339,16 +291,13 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
   EXPECT_FALSE(summary->isVisible());
 }
 
-// Ctrl+Z takes a removal back through the Edit menu's action, named after the step it takes
-// back, and Ctrl+Shift+Z removes again; Alt with an arrow moves a row. A double click on a row's remove
-// button removes only the row under the first press; an open quality popup moves with its row when a row
-// above it goes.
+// Ctrl+Z takes a removal back through the Edit menu's action, named after that step; Alt and an arrow move a
+// row; a double click on a row's remove button removes one row; an open quality popup moves with its row.
 TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenReadersAndDoneOnce) {
   window();
   ASSERT_TRUE(settle({url("missing.png"), source("a.png"), source("b.png"), source("c.png"), source("d.png"),
                       source("e.png")}));
-  window().activateWindow();
-  ASSERT_TRUE(QTest::qWaitForWindowActive(&window()));
+  ASSERT_TRUE(activated());
   ui::ImageListView& list = *imageList();
   EXPECT_TRUE(list.focusPolicy() & Qt::TabFocus);
   std::vector<std::shared_ptr<ImportedImage>> compared;
@@ -413,8 +362,7 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
 
   // The comparison window opened and closed above: its queued deactivation would close the popup.
   QCoreApplication::processEvents();
-  window().activateWindow();
-  ASSERT_TRUE(QTest::qWaitForWindowActive(&window()));
+  ASSERT_TRUE(activated());
   auto e = model_->images()[1];
   list.activate(list.listModel().index(list.listModel().rowOfImage(1)), ui::RowHit::quality);
   const QPointer popup = control<ui::QualityOverridePopup>(&window());
@@ -431,9 +379,8 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
   EXPECT_TRUE(QTest::qWaitFor([&] { return !popup; }));
 }
 
-// The list's top stays where it is while encoding starts and ends and when a profile appears,
-// at the default size and the minimum one; at the default size the bar is one line in every
-// language.
+// The list's top stays put while encoding starts and ends and a profile comes and goes, at the default and
+// the minimum size; at the default size the bar is one line in every language.
 TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
   const QString longName = "Archive quality for the printer downstairs";
   makeModel();
@@ -472,9 +419,7 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
         EXPECT_GE((button->width() - textWidth) / 2, arrow) << applied.value_or("none").toStdString();
       }
       if (size.width() == 960) {
-        ui::ControlsBar& bar = *window().controlsBar();
-        EXPECT_LT(bar.height(), 2 * control<QPushButton>(&bar, "menu.exportAll")->sizeHint().height())
-            << "one line";
+        EXPECT_LT(bar().height(), 2 * exportButton()->sizeHint().height()) << "one line";
       }
       openGate();
       ASSERT_TRUE(waitIdle());
@@ -486,9 +431,8 @@ TEST_F(WindowEdgesTest, TheListDoesNotMoveWhateverTheBarShows) {
   useLanguage({});
 }
 
-// In English and French, every entry of the menu bar, of its menus, of a row's menu and of the
-// profile menu has an access key of its own in its menu, and so has every tab of the settings and
-// every field's label among what one Alt press reaches there (a tab's page and the tabs), which
+// In English and French, every entry of the menus (bar, row, profiles) has an access key of its own, and so
+// has every settings tab and field label among what one Alt press reaches (a page and the tabs), which
 // brings the focus to its field; a profile's "&" shows as itself.
 TEST_F(WindowEdgesTest, EveryMenuEntryAndFieldLabelHasAnAccessKeyOfItsOwn) {
   makeModel();
@@ -555,9 +499,7 @@ TEST_F(WindowEdgesTest, EveryMenuEntryAndFieldLabelHasAnAccessKeyOfItsOwn) {
     auto* pane = control<ui::ExportProfilesSettingsView>(&settings);
     QTest::keySequence(&settings, QKeySequence::mnemonic(control<QLabel>(pane, "quality.label")->text()));
     EXPECT_EQ(QApplication::focusWidget(), pane->findChild<QSlider*>()) << language;
-    QPushButton* cancel = nullptr;
-    for (QPushButton* button : pane->findChildren<QPushButton*>())
-      if (button->text().remove('&') == Strings::text("settings.profiles.cancelEdit")) cancel = button;
+    QPushButton* cancel = control<QPushButton>(pane, "settings.profiles.cancelEdit");
     QTest::keySequence(&settings, QKeySequence::mnemonic(cancel->text()));
     EXPECT_TRUE(QTest::qWaitFor([&] { return !cancel->isVisible(); })) << "editing ended";  // a click shown
   }
@@ -580,14 +522,13 @@ TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQ
   EXPECT_TRUE(ui::compressedCaption(*image).text.startsWith(ui::formatByteCount(700)));
 
   // A 1000 x 6000 portrait: both badges keep their whole size line.
-  const QStringList original = view->area()->badgeText(true).detailLines;
-  const QStringList result = view->area()->badgeText(false).detailLines;
-  EXPECT_TRUE(original.join(' ').contains("1000") && original.join(' ').contains("6000") &&
-              original.join(' ').contains(ui::formatByteCount(100000)))
-      << original.join('|').toStdString();
-  EXPECT_TRUE(result.join(' ').contains(ui::formatByteCount(700))) << result.join('|').toStdString();
-  for (const QString& line : original + result)
-    EXPECT_FALSE(line.contains(QChar(0x2026))) << line.toStdString();
+  const QString original = view->area()->badgeText(true).detailLines.join('|');
+  const QString result = view->area()->badgeText(false).detailLines.join('|');
+  EXPECT_TRUE(original.contains("1000") && original.contains("6000") &&
+              original.contains(ui::formatByteCount(100000)) && !original.contains(QChar(0x2026)))
+      << original.toStdString();
+  EXPECT_TRUE(result.contains(ui::formatByteCount(700)) && !result.contains(QChar(0x2026)))
+      << result.toStdString();
 
   model_->removeImage(image);  // the comparison goes with its image
   EXPECT_TRUE(QTest::qWaitFor([&] { return window().findChildren<ui::ImageComparisonView*>().isEmpty(); }));
@@ -632,8 +573,7 @@ TEST_F(WindowEdgesTest, TheWindowOpensInsideTheScreen) {
                                     << frame.height() << " in " << area.width() << "x" << area.height();
 }
 
-// The controls under `root` that a screen reader could only name by guessing: no accessible
-// name, no text of their own, and no label that names them as its buddy.
+// The controls under `root` with no accessible name, no text of their own and no label whose buddy they are.
 std::string unnamedControls(QWidget* root) {
   QSet<QWidget*> labelled;
   for (QLabel* label : root->findChildren<QLabel*>())
@@ -644,8 +584,7 @@ std::string unnamedControls(QWidget* root) {
                          qobject_cast<QComboBox*>(w) || qobject_cast<QLineEdit*>(w) ||
                          qobject_cast<QAbstractSpinBox*>(w) || qobject_cast<QAbstractItemView*>(w) ||
                          qobject_cast<QProgressBar*>(w);
-    // Scroll bars, Qt's own parts ("qt_menubar_ext_button"), and the editors inside a spin box
-    // or a combo box, are named by their owner.
+    // Scroll bars, Qt's parts ("qt_menubar_ext_button"), a spin or combo box's editor: named by their owner.
     if (!control || qobject_cast<QScrollBar*>(w) || w->objectName().startsWith("qt_") ||
         qobject_cast<QAbstractSpinBox*>(w->parentWidget()) || qobject_cast<QComboBox*>(w->parentWidget()) ||
         w->inherits("QComboBoxListView"))
@@ -673,30 +612,26 @@ QStringList tabStops(QWidget* first) {
   return names;
 }
 
-// Every control of the window, its popups and the settings has a name, and so has every Tab stop
-// and every popup, and the bar's buttons that open one are buttons with a popup, not check boxes;
-// the profiles' rows come before the form under them, and Escape closes the settings. The bar's
-// and the profile form's format menus are one choice each; choosing the current format again
-// keeps it chosen and still recomputes.
+// Every control, Tab stop and popup of the window and the settings has a name; the bar's buttons that open a
+// popup say so, not checked; the profiles' rows come before their form; Escape closes the settings. Each
+// format menu is one choice; choosing the current format again keeps it chosen and still recomputes.
 TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoice) {
   window();
   ASSERT_TRUE(settle({source("a.png")}));
   await(model_->exportAll(QUrl::fromLocalFile(dir_.path())));
-  window().controlsBar()->showHistory();
+  bar().showHistory();
   EXPECT_EQ(QApplication::focusWidget()->objectName(), "showButton") << "the newest export's first button";
   window().showQualityOverride(model_->images()[0], QRect(10, 10, 20, 20));
   EXPECT_EQ(unnamedControls(&window()), "");
-  for (QWidget* popup : QApplication::topLevelWidgets()) {
+  for (QWidget* popup : QApplication::topLevelWidgets())
     if (popup->isVisible() && popup != &window()) {
       EXPECT_EQ(unnamedControls(popup), "");
       EXPECT_NE(QAccessible::queryAccessibleInterface(popup)->text(QAccessible::Name), "") << "popup";
     }
-  }
   // The bar's buttons that open a popup are such buttons, the size one too while drawn checked.
   model_->setCompressionOptions({.maxWidth = 1600, .maxHeight = 1600});
   for (const char* key : {"size.label", "history.title"}) {
-    QAccessibleInterface* button =
-        QAccessible::queryAccessibleInterface(control<QToolButton>(&window(), key));
+    QAccessibleInterface* button = QAccessible::queryAccessibleInterface(control<QToolButton>(&bar(), key));
     EXPECT_TRUE(button->role() == QAccessible::Button && button->state().hasPopup && !button->state().checked)
         << key;
   }
@@ -721,15 +656,14 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
   ASSERT_TRUE(QTest::qWaitFor([&] { return QApplication::activeWindow() == &settings; }));
   QTest::keyClick(settings.focusWidget(), Qt::Key_Escape);
   EXPECT_FALSE(settings.isVisible());
-  EXPECT_FALSE(
-      tabStops(control<QPushButton>(window().controlsBar(), "controls.importLabel")).contains(QString()));
+  EXPECT_FALSE(tabStops(control<QPushButton>(&bar(), "controls.importLabel")).contains(QString()));
   // The profile form's folder chooser stands over the settings window, not the main window.
   auto* pane = control<ui::ExportProfilesSettingsView>(&settings);
   pane->chooseFolder();
   EXPECT_EQ(dialogs.parents, std::vector<QWidget*>{&settings});
 
-  QMenu* bar = control<QPushButton>(control<ui::FormatPickerView>(window().controlsBar()))->menu();
-  for (QMenu* menu : {bar, pane->findChild<QMenu*>()}) {
+  QMenu* formats = control<QPushButton>(control<ui::FormatPickerView>(&bar()))->menu();
+  for (QMenu* menu : {formats, pane->findChild<QMenu*>()}) {
     ASSERT_TRUE(menu && menu->actions().size() == 6);
     const QList<QAction*> actions = menu->actions();
     actions[2]->trigger();
@@ -738,7 +672,7 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
     actions[3]->trigger();
     EXPECT_TRUE(actions[3]->isChecked());
     EXPECT_EQ(std::count_if(actions.begin(), actions.end(), [](QAction* a) { return a->isChecked(); }), 1);
-    EXPECT_EQ(model_->hasPendingRecompute(), menu == bar);
+    EXPECT_EQ(model_->hasPendingRecompute(), menu == formats);
   }
   EXPECT_EQ(model_->outputFormat(), ImageFormat::avif);
   ASSERT_TRUE(waitIdle());

@@ -1,26 +1,12 @@
-// The settings panes against real objects: the profile form's rules, the API pane's port and
-// token rules, the language pane's pending choice; and the hot folders tab against a real
-// manager: the form's rules (name, folders that resolve to one, profile against explicit
-// settings), the enabled switch, and the two log sections.
+// The settings panes against real objects: the profile form, the API pane's port and token, the language
+// pane's pending choice, and the hot folders' form, switches and logs over a real manager.
 #include <unistd.h>
 
-#include <QCheckBox>
-#include <QComboBox>
-#include <QDoubleSpinBox>
-#include <QGroupBox>
-#include <QLabel>
-#include <QLineEdit>
-#include <QPushButton>
-#include <QScopeGuard>
-#include <QSlider>
-#include <QSpinBox>
 #include <QTcpServer>
-#include <QToolButton>
 
 #include "api/LocalAPIController.h"
 #include "api/LocalAPISettings.h"
 #include "hotfolders/HotFoldersManager.h"
-#include "records/ExportProfile.h"
 #include "services/LanguageManager.h"
 #include "tests/ui/ui_test_support.h"
 #include "ui/ExportProfilesSettingsView.h"
@@ -222,9 +208,8 @@ TEST_F(HotFoldersPaneTest, FormNeedsANameAndTwoDifferentFoldersAndAProfileReplac
   pane().save();
   ASSERT_EQ(manager_->hotFolders().size(), 1u);
   const HotFolder saved = manager_->hotFolders()[0];
-  EXPECT_EQ(saved.name, "Camera");
-  EXPECT_EQ(saved.format, ImageFormat::jpeg);
-  EXPECT_EQ(saved.quality, 62.0);
+  EXPECT_EQ(std::tuple(saved.name, saved.format, saved.quality),
+            std::tuple(QString("Camera"), std::optional(ImageFormat::jpeg), std::optional(62.0)));
   EXPECT_EQ(save->text(), Strings::text("settings.profiles.save"));  // the form is blank again
 
   // A profile replaces format and quality, which come back without it.

@@ -2,9 +2,7 @@
 // Fixtures for the window tests: the batch fixture's model, fakes and sandbox; the inspector
 // makes thumbnails, and a sized encode scales the file's box into the options' one.
 
-#include <QAccessible>
-#include <QApplication>
-#include <QMouseEvent>
+#include <QtWidgets>  // the whole module: the tests' precompiled header holds it anyway
 
 #include "engine/Localization.h"
 #include "hotfolders/HotFolder.h"
@@ -52,14 +50,9 @@ class UiFixture : public testing::BatchFixture {
       double scale = 1;
       if (sizing.maxWidth > 0) scale = std::min(scale, double(sizing.maxWidth) / file.width);
       if (sizing.maxHeight > 0) scale = std::min(scale, double(sizing.maxHeight) / file.height);
-      ImageCompressor::Encoded encoded;
-      encoded.quality = sizing.maxBytes > 0 ? std::min(quality, 62.0) : quality;
-      encoded.width = std::max(1, int(file.width * scale));
-      encoded.height = std::max(1, int(file.height * scale));
-      encoded.fitted = scale < 1;
-      encoded.bytes = encode(data, format, encoded.quality);
-      encoded.encodes = 1;
-      return encoded;
+      const double q = sizing.maxBytes > 0 ? std::min(quality, 62.0) : quality;
+      const int width = std::max(1, int(file.width * scale)), height = std::max(1, int(file.height * scale));
+      return ImageCompressor::Encoded{encode(data, format, q), q, width, height, scale < 1, 1};  // one encode
     };
     o.measureResults = true;
     o.debounce = std::chrono::milliseconds(60);

@@ -1,5 +1,4 @@
-// Texts and measures computed for display: file sizes, the size change, the comparison area,
-// and the order of dropped files.
+// Texts and measures computed for display: sizes, the size change, the comparison area, dropped files' order.
 #include <gtest/gtest.h>
 
 #include <QKeySequence>
@@ -122,18 +121,15 @@ TEST(ComparisonGeometry, TheWindowOpensForThePictureWithinTheScreenAtAnyScale) {
 }
 
 // A provider that answers when the test says, so that the answers come in any order.
-class HeldProvider : public DropItemProvider {
- public:
+struct HeldProvider : DropItemProvider {
   explicit HeldProvider(QVariant item, bool file = true) : item_(std::move(item)), file_(file) {}
   bool hasFileURL() const override { return file_; }
-  bool loaded = false;
   void loadItem(std::function<void(const QVariant&)> answer) override {
     loaded = true;
     answer_ = std::move(answer);
   }
   void answer() const { answer_(item_); }
-
- private:
+  bool loaded = false;
   QVariant item_;
   bool file_;
   std::function<void(const QVariant&)> answer_;
