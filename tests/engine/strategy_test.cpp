@@ -136,6 +136,7 @@ TEST(EncodingStrategy, LossyAndLosslessCompeteWhereTheClassAllows) {
     return plan(picture(ContentClass::photo, 100, 1, noise, 0, saturated), ImageFormat::png, p);
   };
   EXPECT_EQ(png(5.99, false, 70).alternative, Mode::lossless());
+  EXPECT_FALSE(png(6.0, false, 70).alternative) << "from a noise of 6, lossless is not tried";
   EXPECT_EQ(png(6.0, true, 90).alternative, Mode::lossy(90)) << "lossless main: the palette competes";
 
   // A lossless WebP is left out only where gradients, size and a modest lossy quality all say it loses.
