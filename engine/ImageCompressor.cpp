@@ -410,7 +410,7 @@ std::string byteCountText(int64_t bytes) {
   };
   if (bytes >= 1000000) return scaled(double(bytes) / 1e6, "MB");
   if (bytes >= 1000) return scaled(double(bytes) / 1e3, "kB");
-  return std::to_string(bytes) + " bytes";
+  return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
 }
 
 ImageCompressionResult compress(const std::string& path, const std::string& directory, ImageFormat format,

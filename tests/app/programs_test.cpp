@@ -526,7 +526,7 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
                                                    "org.freedesktop.Notifications", "ActionInvoked");
   chosen << uint(2) << QString("show-in-folder");
   ASSERT_TRUE(bus_->send(chosen));
-  EXPECT_TRUE(launch.waitForFinished(60000) && launch.exitCode() == 0);
+  EXPECT_TRUE(launch.waitForFinished(60000) && launch.exitCode() == 0) << launch.exitCode();
   ASSERT_EQ(fileManager.calls("ShowItems").size(), 1);
   EXPECT_EQ(fileManager.calls("ShowItems")[0].value(0).toStringList(),
             QStringList{QUrl::fromLocalFile(path("viaInstance/a.webp")).toString()});

@@ -136,7 +136,7 @@ TEST_F(SettingsFileTest, AFileOrLockThatCantBeReadSafelyGivesTheDefaultsAndStays
   }
 }
 
-// Not a folder under the working folder, and not the root folder as the home.
+// Taken as they are, a relative XDG folder would be under the working folder and a missing HOME the root.
 TEST_F(SettingsFileTest, RelativeBaseDirectoriesAreIgnoredAndAMissingHomeIsTheUsers) {
   const QByteArray home = qgetenv("HOME"), data = qgetenv("XDG_DATA_HOME");
   qputenv("XDG_CONFIG_HOME", "relative/config");

@@ -107,6 +107,7 @@ TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOfferedAndTransportErrors
 TEST(UpdateCheckerIsNewer, ComparesNumericPiecesPaddedWithZeros) {
   const std::tuple<const char*, const char*, bool> cases[] = {
       {"1.10", "1.9", true},     {"1.2.0", "1.2", false},
+      {"1.2.1", "1.2", true},    {"1.2", "1.2.1", false},
       {"1..2", "1.1", true},     {"1.beta.3", "1.2", true},
       {"1.2-rc1", "1.1", false}, {"+2", "1", true},
       {" 1", "0", false},        {"99999999999999999999.1", "1.2", false},  // overflow dropped

@@ -29,7 +29,10 @@ Bytes eightBit(const DecodedImage& image) {
   return out;
 }
 
-Bytes takeWebPData(WebPData& data) {
+Bytes assembled(WebPMux* mux) {
+  WebPData data;
+  WebPDataInit(&data);
+  require(WebPMuxAssemble(mux, &data) == WEBP_MUX_OK, "WebPMuxAssemble");
   Bytes out(data.bytes, data.bytes + data.size);
   WebPDataClear(&data);
   return out;
@@ -66,10 +69,7 @@ Bytes webp(const DecodedImage& image, const WebPOptions& options) {
   WebPData iccData{options.icc.data(), options.icc.size()}, exifData{exif.data(), exif.size()};
   if (!options.icc.empty()) require(WebPMuxSetChunk(mux.get(), "ICCP", &iccData, 1) == WEBP_MUX_OK, "ICCP");
   if (!exif.empty()) require(WebPMuxSetChunk(mux.get(), "EXIF", &exifData, 1) == WEBP_MUX_OK, "EXIF");
-  WebPData assembled;
-  WebPDataInit(&assembled);
-  require(WebPMuxAssemble(mux.get(), &assembled) == WEBP_MUX_OK, "WebPMuxAssemble");
-  return takeWebPData(assembled);
+  return assembled(mux.get());
 }
 
 Bytes animatedWebp(const std::vector<DecodedImage>& frames, int canvasWidth, int canvasHeight) {
@@ -84,14 +84,11 @@ Bytes animatedWebp(const std::vector<DecodedImage>& frames, int canvasWidth, int
     require(WebPMuxPushFrame(mux.get(), &info, 1) == WEBP_MUX_OK, "WebPMuxPushFrame");
   }
   const WebPMuxAnimParams params{0, 0};
-  WebPData data;
-  WebPDataInit(&data);
   require(WebPMuxSetCanvasSize(mux.get(), canvasWidth ? canvasWidth : frames[0].width,
                                canvasHeight ? canvasHeight : frames[0].height) == WEBP_MUX_OK &&
-              WebPMuxSetAnimationParams(mux.get(), &params) == WEBP_MUX_OK &&
-              WebPMuxAssemble(mux.get(), &data) == WEBP_MUX_OK,
-          "WebPMuxAssemble");
-  return takeWebPData(data);
+              WebPMuxSetAnimationParams(mux.get(), &params) == WEBP_MUX_OK,
+          "WebPMuxSetAnimationParams");
+  return assembled(mux.get());
 }
 
 Bytes heic(const DecodedImage& image, const HeifOptions& options) {
