@@ -154,8 +154,7 @@ TEST_F(ServerTest, MalformedAndTooLargeRequestsAreAnsweredBeforeTheGate) {
     RawConnection connection(port);
     std::string line = "X-Filler: " + std::string(1000, 'a') + "\r\n";
     connection.send("GET /x HTTP/1.1\r\n");
-    for (int i = 0; i < 1100 && connection.send(line); ++i) {
-    }
+    for (int i = 0; i < 1100 && connection.send(line); ++i) continue;
     return connection.readResponse(10s);
   });
   EXPECT_EQ(response.body, R"({"error":"Malformed request"})");

@@ -331,11 +331,10 @@ TEST_F(RouterTest, ExportWaitsForBytesWritesIntoTheFolderThePathOrTheProfilesAnd
   // One image to a path of its own; a write that fails is reported in the answer.
   const std::string route = "/v1/images/" + ids[0] + "/export",
                     target = dir_.filePath("renamed.bin").toStdString();
+  const std::string toTarget = R"({"path":")" + target + R"("})";
   EXPECT_EQ(call("POST", route, R"({"path":")" + target + R"(","folder":5})").status, 400)
       << "a wrong type anywhere invalidates the shared body";
-  EXPECT_EQ(
-      json(call("POST", route, R"({"path":")" + target + R"("})"))["destination"].toString().toStdString(),
-      target);
+  EXPECT_EQ(json(call("POST", route, toTarget))["destination"].toString().toStdString(), target);
   EXPECT_EQ(QFileInfo(QString::fromStdString(target)).size(), 751);
   auto failedWrite = call("POST", route, R"({"path":"/nonexistent-dir/x.jpg"})");
   EXPECT_TRUE(json(failedWrite)["error"].isString() && json(failedWrite)["destination"].isUndefined())
