@@ -6,6 +6,7 @@
 #include "tests/ui/ui_test_support.h"
 #include "ui/ComparisonView.h"
 #include "ui/RowRules.h"
+#include "ui/UiText.h"
 
 namespace quillane::uitest {
 namespace {
@@ -118,6 +119,16 @@ TEST_F(ComparisonArea, TheDividerFollowsTheMouseAndTheKeysAndIsASliderForScreenR
   EXPECT_EQ(accessible->valueInterface()->currentValue().toInt(), 100);
   accessible->valueInterface()->setCurrentValue(25);
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.25);
+}
+
+// A badge too narrow for its size line breaks it at its " · " rather than cutting its end off.
+TEST_F(ComparisonArea, ABadgeTooNarrowForItsSizeLineBreaksIt) {
+  ui::SplitCompareWidget& a = area();
+  a.resize(300, 100);
+  const QStringList lines = a.badgeText(true).detailLines;
+  EXPECT_TRUE(lines.size() == 2 && lines[1] == ui::formatByteCount(100000) &&
+              !lines[0].contains(QChar(0x2026)))
+      << lines.join('|').toStdString();
 }
 
 class ComparisonWindow : public UiFixture {
