@@ -94,7 +94,9 @@ TEST(RefusedFiles, AreRefusedFromWhatTheyDeclareBeforeAnyPixelMemory) {
   Bytes jpeg = fixtures::jpeg(fixtures::quadrants(8, 8));
   const uint8_t sof0[] = {0xFF, 0xC0};  // then length, precision, height, width
   const auto sof = std::search(jpeg.begin(), jpeg.end(), std::begin(sof0), std::end(sof0));
-  sof[5] = sof[7] = 0xEA, sof[6] = sof[8] = 0x60;
+  ASSERT_LT(sof + 9, jpeg.end());
+  sof[5] = sof[7] = 0xEA;  // 0xEA60 = 60000, high byte first
+  sof[6] = sof[8] = 0x60;
   std::vector<Refused> files = {
       // Their headers read, but such pictures can never be encoded.
       {"100000 x 100000", fixtures::starvedPng(100'000, 100'000, 8, 1000, false), tooLarge},
