@@ -6,6 +6,7 @@
 #include <QNetworkProxyFactory>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QTimer>
 #include <algorithm>
 #include <cstdint>
 #include <optional>
@@ -51,12 +52,14 @@ std::vector<int64_t> versionNumbers(const QString& version) {
 
 UpdateChecker::UpdateChecker(QObject* parent)
     : UpdateChecker(QUrl(QStringLiteral("https://") + QStringLiteral(QUILLANE_UPDATE_HOST)),
-                    currentAppVersion(), parent) {}
+                    currentAppVersion(), kDeadlineMs, parent) {}
 
-UpdateChecker::UpdateChecker(const QUrl& baseUrl, const QString& currentVersion, QObject* parent)
+UpdateChecker::UpdateChecker(const QUrl& baseUrl, const QString& currentVersion, int deadlineMs,
+                             QObject* parent)
     : QObject(parent),
       versionCheckUrl_(baseUrl.resolved(QUrl(QStringLiteral("/version.json")))),
-      currentVersion_(currentVersion.isEmpty() ? QStringLiteral("0") : currentVersion) {
+      currentVersion_(currentVersion.isEmpty() ? QStringLiteral("0") : currentVersion),
+      deadlineMs_(deadlineMs) {
   network_.setProxyFactory(new DesktopProxies);  // the manager owns it
 }
 
@@ -103,6 +106,8 @@ void UpdateChecker::checkNow() {
     reply->setProperty("tooLong", true);
     reply->abort();
   });
+  // The transfer time-out counts only silence: a byte every few seconds would keep it waiting.
+  QTimer::singleShot(deadlineMs_, reply, [reply] { reply->abort(); });
   connect(reply, &QNetworkReply::finished, this, [this, reply] { handleReply(reply); });
 }
 
@@ -112,8 +117,8 @@ QString UpdateChecker::failureText(QNetworkReply::NetworkError error) {
   switch (error) {
     case QNetworkReply::OperationCanceledError:
     case QNetworkReply::TimeoutError:
-      // The transfer time-out aborts the reply, which Qt reports as a cancellation; nothing
-      // else here cancels a request.
+      // The transfer time-out and the deadline abort the reply, which Qt reports as a
+      // cancellation; nothing else here cancels a request.
       return Strings::text("settings.updates.timedOut");
     case QNetworkReply::HostNotFoundError:
       return Strings::text("settings.updates.errorHostNotFound");
@@ -144,8 +149,6 @@ void UpdateChecker::handleReply(QNetworkReply* reply) {
   const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
   const bool answered = status >= 400 && error != QNetworkReply::OperationCanceledError;
   if (error != QNetworkReply::NoError && !answered) {
-    // The transfer time-out aborts the reply, which Qt reports as a cancellation; nothing
-    // else here cancels a request.
     setState(State::failed(failureText(error)));
     return;
   }

@@ -39,8 +39,10 @@ class UpdateChecker : public QObject {
     bool operator==(const State&) const = default;
   };
 
-  // The request gives up after this long without progress.
+  // The request gives up after this long without progress,
   static constexpr int kTimeoutMs = 15000;
+  // and the whole check after this long, however a server trickles its answer.
+  static constexpr int kDeadlineMs = 60000;
   // The document is two short keys: an answer longer than this is no version document, and is
   // not taken into memory whole (a server that never stops sending can't fill it).
   static constexpr qint64 kMaxDocumentBytes = qint64{64} * 1024;
@@ -48,8 +50,9 @@ class UpdateChecker : public QObject {
   // Checks https://QUILLANE_UPDATE_HOST/version.json against the version of this build.
   explicit UpdateChecker(QObject* parent = nullptr);
   // Checks `baseUrl` + "/version.json" against `currentVersion` (tests serve the document
-  // from 127.0.0.1). An empty `currentVersion` counts as "0".
-  UpdateChecker(const QUrl& baseUrl, const QString& currentVersion, QObject* parent = nullptr);
+  // from 127.0.0.1, and may give a shorter deadline). An empty `currentVersion` counts as "0".
+  UpdateChecker(const QUrl& baseUrl, const QString& currentVersion, int deadlineMs = kDeadlineMs,
+                QObject* parent = nullptr);
 
   const State& state() const { return state_; }
 
@@ -84,6 +87,7 @@ class UpdateChecker : public QObject {
   QNetworkAccessManager network_;
   QUrl versionCheckUrl_;
   QString currentVersion_;
+  int deadlineMs_;
   State state_;
 };
 

@@ -7,6 +7,7 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
+#include <QTimer>
 
 #include "services/Strings.h"
 #include "services/UpdateChecker.h"
@@ -30,6 +31,12 @@ class UpdateCheckerTest : public ::testing::Test {
           socket->setProperty("head", head);
           if (!head.contains("\r\n\r\n")) return;
           lastRequest_ = head;
+          if (dripping_) {  // the head at once, then a byte of the body every 100 ms
+            socket->write(response_.left(response_.indexOf("\r\n\r\n") + 4));
+            auto* drip = new QTimer(socket);
+            QObject::connect(drip, &QTimer::timeout, socket, [socket] { socket->write(" "); });
+            return drip->start(100);
+          }
           socket->write(response_);
           socket->disconnectFromHost();
         });
@@ -44,8 +51,9 @@ class UpdateCheckerTest : public ::testing::Test {
   QUrl baseUrl() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(server_.serverPort())); }
 
   // One check at version `current` against `base` (the test's server by default), once settled.
-  UpdateChecker::State check(const QString& current, const std::optional<QUrl>& base = std::nullopt) {
-    UpdateChecker checker(base.value_or(baseUrl()), current);
+  UpdateChecker::State check(const QString& current, const std::optional<QUrl>& base = std::nullopt,
+                             int deadlineMs = UpdateChecker::kDeadlineMs) {
+    UpdateChecker checker(base.value_or(baseUrl()), current, deadlineMs);
     checker.checkNow();
     EXPECT_EQ(checker.state().kind, Kind::checking);
     EXPECT_TRUE(QTest::qWaitFor([&] { return checker.state().kind != Kind::checking; }, 10000));
@@ -54,6 +62,7 @@ class UpdateCheckerTest : public ::testing::Test {
 
   QTcpServer server_;
   QByteArray response_, lastRequest_;
+  bool dripping_ = false;
 };
 
 TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOfferedAndTransportErrorsAreNamed) {
@@ -102,6 +111,11 @@ TEST_F(UpdateCheckerTest, TheDocumentAloneDecidesWhatIsOfferedAndTransportErrors
   EXPECT_EQ(check("1.0", nobody), State::failed(Strings::text("settings.updates.errorConnection")));
   EXPECT_EQ(UpdateChecker::failureText(QNetworkReply::HostNotFoundError),
             Strings::text("settings.updates.errorHostNotFound"));
+
+  // A byte every 100 ms is never the silence the transfer time-out waits for: the deadline ends it.
+  dripping_ = true;
+  respond(200, QByteArray(1000, ' '));
+  EXPECT_EQ(check("1.0", std::nullopt, 500), State::failed(Strings::text("settings.updates.timedOut")));
 }
 
 TEST(UpdateCheckerIsNewer, ComparesNumericPiecesPaddedWithZeros) {

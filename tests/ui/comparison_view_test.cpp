@@ -92,8 +92,6 @@ TEST_F(ComparisonArea, ZoomKeysWheelAndDragKeepBothHalvesShowingTheSameRegion) {
 TEST_F(ComparisonArea, TheDividerFollowsTheMouseAndTheKeysAndIsASliderForScreenReaders) {
   ui::SplitCompareWidget& a = area();
   sendMouse(&a, QEvent::MouseButtonPress, {100, 150});
-  sendMouse(&a, QEvent::MouseMove, {-30, 150});
-  EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.0);
   sendMouse(&a, QEvent::MouseMove, {200, 150});  // the picture fills the area: its middle
   sendMouse(&a, QEvent::MouseButtonRelease, {200, 150});
   EXPECT_DOUBLE_EQ(a.sliderFraction(), 0.5);

@@ -1,11 +1,9 @@
 // Texts and measures computed for display: sizes, the size change, the comparison area, dropped files' order.
 #include <gtest/gtest.h>
 
-#include <QKeySequence>
 #include <QLocale>
 #include <QMimeData>
 #include <QTest>
-#include <QTime>
 #include <thread>
 
 #include "engine/Localization.h"
@@ -49,9 +47,7 @@ TEST(ChosenLanguage, SetsTheLocaleAndQtsOwnTexts) {
   };
   install("de-DE");
   EXPECT_EQ(formatByteCount(1'300'000), "1,3 MB");
-  EXPECT_EQ(QLocale().toString(QTime(19, 11), QLocale::ShortFormat), "19:11");
   EXPECT_EQ(QCoreApplication::translate("QPlatformTheme", "Cancel"), "Abbrechen");
-  EXPECT_EQ(QKeySequence(Qt::CTRL | Qt::Key_O).toString(QKeySequence::NativeText), "Strg+O");
   // Portugal's own words where its catalogue has them, the buttons from Brazil's.
   install("pt-PT");
   EXPECT_EQ(QCoreApplication::translate("QPlatformTheme", "Cancel"), "Cancelar");
