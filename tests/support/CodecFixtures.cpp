@@ -303,8 +303,7 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
     put32be(gama, options.gamma);
     chunk(out, "gAMA", gama);
   }
-  if (options.orientation && !options.exifAfterData)
-    chunk(out, "eXIf", exifBlock(*options.orientation, false, options.exifLayout));
+  if (options.orientation && !options.exifAfterData) chunk(out, "eXIf", exifBlock(*options.orientation));
 
   std::map<uint32_t, uint8_t> indexOf;
   Bytes plte, trns, raw;
@@ -336,8 +335,7 @@ Bytes png(const DecodedImage& image, const PngOptions& options) {
     }
   if (palette) chunk(out, "PLTE", plte), chunk(out, "tRNS", trns);
   chunk(out, "IDAT", deflated(raw));
-  if (options.orientation && options.exifAfterData)
-    chunk(out, "eXIf", exifBlock(*options.orientation, false, options.exifLayout));
+  if (options.orientation && options.exifAfterData) chunk(out, "eXIf", exifBlock(*options.orientation));
   chunk(out, "IEND", {});
   return out;
 }

@@ -66,7 +66,6 @@ struct PngOptions {
   bool palette = false;  // colour type 3 with tRNS, from the first 256 distinct colours
   Bytes icc{};
   std::optional<int> orientation{};  // eXIf
-  ExifLayout exifLayout{};
   bool exifAfterData = false;
   bool interlaced = false;  // Adam7
   uint32_t gamma = 0;       // gAMA, times 100000; 0: none
@@ -89,11 +88,9 @@ Bytes withTextChunks(const Bytes& png, int chunks, size_t inflatedBytes);
 Bytes blackPng(uint32_t width, uint32_t height, bool interlaced = false);
 
 struct WebPOptions {
-  bool lossless = false;
-  float quality = 90;
+  bool lossless = false;  // otherwise at quality 90
   Bytes icc{};
   std::optional<int> orientation{};
-  ExifLayout exifLayout{};
 };
 Bytes webp(const DecodedImage& image, const WebPOptions& options = {});
 // Lossless animation of 8-bit frames, 100 ms each, on a canvas of the first frame's size unless

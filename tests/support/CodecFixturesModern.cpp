@@ -53,10 +53,10 @@ uint32_t read32(const Bytes& in, size_t at) {
 Bytes webp(const DecodedImage& image, const WebPOptions& options) {
   Bytes rgba = eightBit(image);
   uint8_t* encoded = nullptr;
-  size_t size = options.lossless ? WebPEncodeLosslessRGBA(rgba.data(), image.width, image.height,
-                                                          image.width * 4, &encoded)
-                                 : WebPEncodeRGBA(rgba.data(), image.width, image.height, image.width * 4,
-                                                  options.quality, &encoded);
+  size_t size =
+      options.lossless
+          ? WebPEncodeLosslessRGBA(rgba.data(), image.width, image.height, image.width * 4, &encoded)
+          : WebPEncodeRGBA(rgba.data(), image.width, image.height, image.width * 4, 90, &encoded);
   require(size > 0, "WebPEncodeRGBA");
   Bytes file(encoded, encoded + size);
   WebPFree(encoded);
@@ -65,7 +65,7 @@ Bytes webp(const DecodedImage& image, const WebPOptions& options) {
   WebPData source{file.data(), file.size()};
   CHandle<WebPMux, WebPMuxDelete> mux(WebPMuxCreate(&source, 1));
   require(mux != nullptr, "WebPMuxCreate");
-  Bytes exif = options.orientation ? exifBlock(*options.orientation, false, options.exifLayout) : Bytes();
+  Bytes exif = options.orientation ? exifBlock(*options.orientation) : Bytes();
   WebPData iccData{options.icc.data(), options.icc.size()}, exifData{exif.data(), exif.size()};
   if (!options.icc.empty()) require(WebPMuxSetChunk(mux.get(), "ICCP", &iccData, 1) == WEBP_MUX_OK, "ICCP");
   if (!exif.empty()) require(WebPMuxSetChunk(mux.get(), "EXIF", &exifData, 1) == WEBP_MUX_OK, "EXIF");
