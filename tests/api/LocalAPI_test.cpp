@@ -113,8 +113,7 @@ TEST_F(RouterTest, TheTokenIsCheckedBeforeAnyRoutingAndReadAtEachRequestAndRoute
        {std::string(), "Authorization: bearer " + token_ + "\r\n",
         "Authorization: Bearer  " + token_ + "\r\n", "Authorization: Bearer " + token_ + "x\r\n"}) {
     auto response = raw("GET /no/such/route HTTP/1.1\r\n" + authorization + "\r\n");
-    EXPECT_EQ(response.statusLine, "HTTP/1.1 401 Unauthorized") << authorization;
-    EXPECT_EQ(response.body, unauthorized) << authorization;
+    EXPECT_EQ(std::to_string(response.status) + response.body, "401" + unauthorized) << authorization;
   }
   EXPECT_EQ(raw("GET /v1/status HTTP/1.1\r\nAUTHORIZATION: Bearer " + token_ + "\r\n\r\n").status, 200);
   LocalAPISettings::setToken(QString());  // a new token is made at the next read

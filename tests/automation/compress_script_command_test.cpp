@@ -76,7 +76,6 @@ TEST_F(CompressCommand, PathsComeFromUrlsStringsAndNestedListsInOrderAndAnything
 
 TEST_F(CompressCommand, SizeOptionsTakeNumbersOrSizeTextsRefuseTheWrongKindAndReachEachFile) {
   using CompressScriptCommand::compressionOptions;
-  EXPECT_EQ(compressionOptions({}), CompressionOptions{});
   const CompressionOptions given = compressionOptions({{"maxWidth", 1600},
                                                        {"maxHeight", qlonglong(1200)},
                                                        {"maxBytes", QString("1.5M")},

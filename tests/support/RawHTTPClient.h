@@ -24,8 +24,7 @@ namespace quillane::testing {
 struct RawHTTPResponse {
   std::string raw;  // every byte received until the server closed (or the wait ended)
   bool closedByServer = false;
-  std::string statusLine;  // "HTTP/1.1 200 OK"
-  int status = 0;
+  int status = 0;  // of the status line, "HTTP/1.1 200 OK"
   std::string body;
 };
 
@@ -65,8 +64,7 @@ class RawConnection {
   void shutdownWrite() {
     if (fd_ >= 0) ::shutdown(fd_, SHUT_WR);
   }
-  // Reads until the server closes or `timeout` passes, and splits what came into status line
-  // and body.
+  // Reads until the server closes or `timeout` passes, and splits what came into status and body.
   RawHTTPResponse readResponse(std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
     RawHTTPResponse response;
     for (const auto deadline = Clock::now() + timeout; fd_ >= 0 && !response.closedByServer;) {
@@ -79,8 +77,8 @@ class RawConnection {
     const size_t headEnd = response.raw.find("\r\n\r\n");
     if (headEnd == std::string::npos) return response;
     response.body = response.raw.substr(headEnd + 4);
-    response.statusLine = response.raw.substr(0, response.raw.find("\r\n"));
-    if (response.statusLine.size() >= 12) response.status = std::atoi(response.statusLine.c_str() + 9);
+    const std::string statusLine = response.raw.substr(0, response.raw.find("\r\n"));
+    if (statusLine.size() >= 12) response.status = std::atoi(statusLine.c_str() + 9);
     return response;
   }
   // Bytes available within `timeout`, without waiting for the close; empty if none came.
