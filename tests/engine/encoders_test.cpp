@@ -290,12 +290,10 @@ TEST(NativeEncoder, AlphaDepthPremultipliedColourAndTheEdgesOfAnOddHeicReachTheF
   premultiplied.alpha = AlphaInfo::premultiplied;
   const DecodedImage expectedStraight = NativeImageIOEncoder::straightEightBit(premultiplied);
   DecodedImage jpeg = decode8(encode(logo, true, ImageFormat::jpeg, lossyPlan(90)));
-  EXPECT_EQ(jpeg.alpha, AlphaInfo::none);
   for (int c = 0; c < 3; ++c) EXPECT_GE(pixelAt(jpeg, 1, 1)[c], 250);  // transparent black in the source
   for (ImageFormat format : {ImageFormat::heic, ImageFormat::avif}) {
     SCOPED_TRACE(ImageFormats::label(format));
     DecodedImage withAlpha = decode8(encode(logo, true, format, lossyPlan(80)));
-    EXPECT_TRUE(withAlpha.hasAlphaChannel());
     EXPECT_LE(pixelAt(withAlpha, 1, 1)[3], 8);
     EXPECT_GE(pixelAt(withAlpha, 32, 24)[3], 247);
 
