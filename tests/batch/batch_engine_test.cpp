@@ -79,7 +79,6 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   // Saved alone onto its own source by that name's bytes, it goes beside it.
   ASSERT_TRUE(await(model.exportSingle(model.images()[1], latin1URL)));
   EXPECT_EQ(localFilePath(*model.images()[1]->lastExportDestination()), latin1Beside);
-  EXPECT_EQ(readBytes(latin1Name.toStdString()), png);
 
   auto& restarted = restart(o);
   ASSERT_EQ(restarted.images().size(), 2u);
