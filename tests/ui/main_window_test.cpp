@@ -511,7 +511,6 @@ TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQ
   QTest::keyClick(view, Qt::Key_Minus, Qt::ControlModifier);
   ASSERT_TRUE(waitIdle());
   EXPECT_TRUE(view->isVisible());
-  EXPECT_TRUE(ui::compressedCaption(*image).text.startsWith(ui::formatByteCount(700)));
 
   // A 1000 x 6000 portrait: both badges keep their whole size line.
   const QString original = view->area()->badgeText(true).detailLines.join('|');
@@ -519,7 +518,7 @@ TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQ
   EXPECT_TRUE(original.contains("1000") && original.contains("6000") &&
               original.contains(ui::formatByteCount(100000)) && !original.contains(QChar(0x2026)))
       << original.toStdString();
-  EXPECT_TRUE(result.contains(ui::formatByteCount(700)) && !result.contains(QChar(0x2026)))
+  EXPECT_TRUE(result.startsWith(ui::formatByteCount(700)) && !result.contains(QChar(0x2026)))
       << result.toStdString();
 
   model_->removeImage(image);  // the comparison goes with its image
