@@ -65,7 +65,6 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   const auto outcomes = await(model.exportAll(QUrl::fromLocalFile(outFolder())));
   ASSERT_TRUE(outcomes.at(0).destinationURL);
   const auto written = readBytes(outcomes[0].destinationURL->toLocalFile().toStdString());
-  EXPECT_EQ(ImageFormats::detect(written), ImageFormat::jpeg);
   EXPECT_EQ(int64_t(written.size()), image->encodeState().sizeBytes);
   // The output keeps the source name's bytes, as the command line does.
   ASSERT_TRUE(outcomes.at(1).destinationURL);
