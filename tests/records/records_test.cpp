@@ -163,7 +163,6 @@ TEST(ExportProfileJSON, OneBadEntryFailsTheWholeFile) {
 TEST(ExportProfileList, UpsertReplacesByIdThenByNameIgnoringCaseElseAppendsAndKeepsOneDefault) {
   ExportProfileList list{profile(idA, "web"), profile(idB, "Print")};
   ExportProfiles::upsert(list, profile(idC, "Mail"));
-  ASSERT_EQ(list.size(), 3u);
   const QUuid fresh = QUuid::createUuid();
   ExportProfiles::upsert(list, profile(fresh, "  Web\n", ImageFormat::png));
   ASSERT_EQ(list.size(), 3u);
