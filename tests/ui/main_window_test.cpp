@@ -103,6 +103,7 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
   QList<QAction*> entries = profiles->menu()->actions();
   ASSERT_EQ(entries.size(), 3);  // none, divider, Web
   entries[2]->trigger();
+  EXPECT_EQ(profiles->text(), "Web");  // the title follows a choice made once the bar is up
   profiles->menu()->actions()[0]->trigger();
   EXPECT_FALSE(model_->appliedProfileName().has_value());
   EXPECT_EQ(std::pair(model_->quality(), model_->outputFormat()), std::pair(60.0, ImageFormat::webp));
