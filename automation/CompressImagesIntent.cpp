@@ -4,7 +4,6 @@
 #include <QFile>
 #include <QUrl>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <map>
 #include <system_error>
@@ -133,7 +132,7 @@ void createFolder(const std::string& folder) {
   std::error_code error;
   std::filesystem::create_directories(folder, error);
   if (error || !std::filesystem::is_directory(folder))
-    throw FileError(folder, error ? error.message() : std::strerror(ENOTDIR));
+    throw FileError(folder, Localization::systemError(error ? error.value() : ENOTDIR));
 }
 
 }  // namespace
@@ -226,7 +225,7 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
     std::error_code error;
     if (std::filesystem::is_directory(source, error)) {
       const std::filesystem::path named = source.has_filename() ? source : source.parent_path();
-      throw CompressionFailedError(named.filename().string(), std::strerror(EISDIR));
+      throw CompressionFailedError(named.filename().string(), Localization::systemError(EISDIR));
     }
     const std::string folder = besideSources ? source.parent_path().string() : outputDirectory;
     auto allocator = allocators.try_emplace(folder, folder, inputs).first;

@@ -9,7 +9,6 @@
 #include <QUrl>
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <functional>
@@ -121,11 +120,11 @@ std::optional<QString> profileName(const QVariantMap& arguments) {
 void prepareFolder(const std::string& folder) {
   std::error_code error;
   std::filesystem::create_directories(folder, error);
-  if (error) throw ScriptCommandError::folderUnusable(folder, error.message());
+  if (error) throw ScriptCommandError::folderUnusable(folder, Localization::systemError(error.value()));
   if (!std::filesystem::is_directory(folder))
-    throw ScriptCommandError::folderUnusable(folder, std::strerror(ENOTDIR));
+    throw ScriptCommandError::folderUnusable(folder, Localization::systemError(ENOTDIR));
   if (::access(folder.c_str(), W_OK | X_OK) != 0)
-    throw ScriptCommandError::folderUnusable(folder, std::strerror(errno));
+    throw ScriptCommandError::folderUnusable(folder, Localization::systemError(errno));
 }
 
 // The file's last component without its extension, in bytes: "a/photo.tar.png" gives "photo.tar".

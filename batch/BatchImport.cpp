@@ -12,7 +12,6 @@
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
 #include <cerrno>
-#include <cstring>
 
 #include "batch/BatchSupport.h"
 #include "batch/BatchViewModel.h"
@@ -197,7 +196,7 @@ void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int inde
         outcome.error = *foreign;
         outcome.canRetry = false;
       } else if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-        outcome.error = QString::fromLocal8Bit(std::strerror(EISDIR));
+        outcome.error = QString::fromStdString(Localization::systemError(EISDIR));
         outcome.canRetry = false;
       }
     }

@@ -10,7 +10,6 @@
 #include <QFileInfo>
 #include <QStandardPaths>
 #include <cerrno>
-#include <cstring>
 
 #include "batch/BatchViewModel.h"
 #include "engine/Localization.h"
@@ -125,7 +124,7 @@ void BatchViewModel::undoExport(const ExportRecord& record) {
       if (!folder && !(qtCanNameIt ? moveToTrash(file) : ::unlink(path.c_str()) == 0))
         failure = qtCanNameIt ? removalError(path) : errno;
       if (failure != 0) {
-        const std::string reason = std::strerror(failure);
+        const std::string reason = Localization::systemError(failure);
         setExportError(QString::fromStdString(
             Localization::format("export.deleteFailedFormat", "Impossible de supprimer « %@ » : %@",
                                  {record.destinationURL.fileName().toStdString(), reason})));

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "engine/FileIO.h"
+#include "engine/Localization.h"
 
 namespace quillane {
 
@@ -35,7 +36,7 @@ bool MemorySource::seek(uint64_t position) noexcept {
 
 FileSource::FileSource(const std::string& path) : buffer_(64 << 10) {
   fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd_ < 0) throw FileError(path, std::strerror(errno));
+  if (fd_ < 0) throw FileError(path, Localization::systemError(errno));
   struct stat st {};
   if (::fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) {
     ::close(fd_);

@@ -52,7 +52,7 @@ class ZlibError : public QuillaneError {
   std::string description() const override;
 };
 
-// A file could not be read or written; `message` is the system's text (strerror).
+// A file could not be read or written; `message` is the system's text (Localization::systemError).
 // The text of a failure that has no text of its own.
 std::string genericErrorText();
 // What a user is told of `error`: its own description, else the generic text.

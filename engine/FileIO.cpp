@@ -15,6 +15,7 @@
 #include <unordered_map>
 
 #include "engine/Errors.h"
+#include "engine/Localization.h"
 #include "engine/ThreadAnnotations.h"
 
 namespace quillane::FileIO {
@@ -25,7 +26,9 @@ struct Fd {
     if (fd >= 0) ::close(fd);
   }
 };
-[[noreturn]] void fail(const std::string& path, int err) { throw FileError(path, std::strerror(err)); }
+[[noreturn]] void fail(const std::string& path, int err) {
+  throw FileError(path, Localization::systemError(err));
+}
 
 std::string folderOf(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -189,7 +192,9 @@ unsigned permissionsFor(const std::string& source) {
 
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, unsigned permissions) {
   const std::string folder = folderOf(path);
-  auto failIn = [&](const std::string& place, int err) { throw WriteError(path, place, std::strerror(err)); };
+  auto failIn = [&](const std::string& place, int err) {
+    throw WriteError(path, place, Localization::systemError(err));
+  };
   const unsigned existing = checkDestination(path);
   removeLeftoverTemporaries(folder);
   std::string tmpl;

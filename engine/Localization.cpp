@@ -1,14 +1,32 @@
 #include "engine/Localization.h"
 
+#include <cstring>
+
 namespace quillane::Localization {
 namespace {
 Lookup& currentLookup() {
   static Lookup lookup;
   return lookup;
 }
+Lookup& currentSystemMessages() {
+  static Lookup translate;
+  return translate;
+}
 }  // namespace
 
 void setLookup(Lookup lookup) { currentLookup() = std::move(lookup); }
+
+void setSystemMessages(Lookup translate) { currentSystemMessages() = std::move(translate); }
+
+std::string systemError(int error) {
+  // strerror() would answer in the desktop's language (Qt sets the locale from it).
+  const char* description = ::strerrordesc_np(error);
+  std::string english = description ? description : "Unknown error " + std::to_string(error);
+  const Lookup& translate = currentSystemMessages();
+  if (!translate) return english;
+  std::string translated = translate(english);
+  return translated.empty() ? english : translated;
+}
 
 std::string text(const std::string& key, std::string_view fallback) {
   const Lookup& lookup = currentLookup();

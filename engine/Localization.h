@@ -22,6 +22,15 @@ std::string text(const std::string& key, std::string_view fallback);
 // Replaces the first "%@" of `format` by `arg` (and "%1$@"-style numbered forms in order).
 std::string formatArgs(std::string_view format, std::initializer_list<std::string_view> args);
 
+// The C library's description of the error number `error` ("No space left on device"), in the
+// language of the tables where the installed translation has it, else in English: never in the
+// desktop's language when the application speaks another.
+std::string systemError(int error);
+
+// Installs the translation of the C library's English descriptions (the identity when none is
+// installed), as setLookup() installs the tables.
+void setSystemMessages(Lookup translate);
+
 // text() followed by formatArgs(): for keys that end in "Format".
 std::string format(const std::string& key, std::string_view fallback,
                    std::initializer_list<std::string_view> args);

@@ -12,6 +12,7 @@
 #include "engine/Localization.h"
 #include "services/SettingsFile.h"
 #include "services/StringTables.h"
+#include "services/SystemMessages.h"
 
 namespace quillane {
 
@@ -28,6 +29,12 @@ AppLanguage resolveActiveLanguage(const QStringList& stored, const QStringList& 
   for (const QString& tag : candidates)
     if (std::optional<AppLanguage> match = AppLanguages::bestMatch(tag)) return *match;
   return AppLanguage::enUS;
+}
+
+// The tables of `language`, and the C library's translation of its error descriptions.
+void installTextsOf(AppLanguage language) {
+  Localization::setLookup(StringTables::lookupFor(language));
+  Localization::setSystemMessages(SystemMessages::translatorFor(language));
 }
 
 // Numbers, sizes and times in the chosen language's notation, and Qt's own texts (file
@@ -90,8 +97,7 @@ LanguageManager& LanguageManager::shared() {
 }
 
 void LanguageManager::installLookupReadOnly() {
-  Localization::setLookup(
-      StringTables::lookupFor(resolveActiveLanguage(storedLanguages(), QLocale::system().uiLanguages())));
+  installTextsOf(resolveActiveLanguage(storedLanguages(), QLocale::system().uiLanguages()));
 }
 
 LanguageManager::LanguageManager(Platform platform, QObject* parent)
@@ -118,7 +124,7 @@ void LanguageManager::setSelectedLanguage(std::optional<AppLanguage> language) {
 }
 
 void LanguageManager::installLookup() const {
-  Localization::setLookup(StringTables::lookupFor(activeLanguage_));
+  installTextsOf(activeLanguage_);
   useLocaleOf(activeLanguage_);
 }
 

@@ -15,8 +15,13 @@
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <cerrno>
+#include <fstream>
 #include <functional>
+#include <iterator>
 
+#include "engine/Errors.h"
+#include "engine/FileIO.h"
 #include "engine/Localization.h"
 #include "services/AppLanguage.h"
 #include "services/BackgroundSettings.h"
@@ -25,6 +30,7 @@
 #include "services/SettingsFile.h"
 #include "services/StringTables.h"
 #include "services/Strings.h"
+#include "services/SystemMessages.h"
 
 namespace quillane {
 namespace {
@@ -80,6 +86,12 @@ TEST_F(LanguageManagerTest, OnlyAnExactStoredRawValueIsAnOverride) {
   store({"nl"});
   EXPECT_EQ(LanguageManager(platform({"fr-FR"})).selectedLanguage(), AppLanguage::enUS);
   EXPECT_EQ(stored(), QStringList{"en-US"});
+
+  // The override reaches the C library's texts too.
+  store({"pt-BR"});
+  LanguageManager::installLookupReadOnly();
+  EXPECT_EQ(Localization::systemError(ENOSPC), "Não há espaço disponível no dispositivo");
+  Localization::setLookup({}), Localization::setSystemMessages({});
 }
 
 TEST_F(LanguageManagerTest, AnUnsupportedSystemStoresEnglishForTheNextLaunchAndASupportedOneNothing) {
@@ -271,6 +283,38 @@ TEST(InstalledLookup, ChosenTableThenCallersDefaultAndArgumentsInTheTablesOrder)
   // The UI helpers' default is the French table, then the key.
   Localization::setLookup({});
   EXPECT_EQ(Strings::text("settings.language.title"), QStringLiteral("Langue"));
+}
+
+TEST(InstalledLookup, SystemErrorsSpeakTheChosenLanguageWhereTheCLibraryHasItElseEnglish) {
+  // The test process keeps its own locale: the chosen language alone decides.
+  const std::pair<AppLanguage, std::string> cases[] = {
+      {AppLanguage::fr, "Aucun espace disponible sur le périphérique"},
+      {AppLanguage::ptBR, "Não há espaço disponível no dispositivo"},
+      {AppLanguage::zhHans, "设备上没有空间"},
+      {AppLanguage::hi, "No space left on device"},  // the C library has no Hindi
+      {AppLanguage::enGB, "No space left on device"},
+  };
+  for (const auto& [language, expected] : cases) {
+    Localization::setSystemMessages(SystemMessages::translatorFor(language));
+    EXPECT_EQ(Localization::systemError(ENOSPC), expected) << AppLanguages::rawValue(language).toStdString();
+  }
+  // As a file error from the engine reads it.
+  Localization::setSystemMessages(SystemMessages::translatorFor(AppLanguage::de));
+  try {
+    FileIO::readFile("/nonexistent/a.png");
+    ADD_FAILURE() << "read a missing file";
+  } catch (const FileError& error) {
+    EXPECT_STREQ(error.what(), "/nonexistent/a.png: Datei oder Verzeichnis nicht gefunden");
+  }
+  Localization::setSystemMessages({});
+  EXPECT_EQ(Localization::systemError(ENOSPC), "No space left on device");
+
+  // A catalogue cut short, or one that is no catalogue, gives no translation rather than a part.
+  std::ifstream file("/usr/share/locale/fr/LC_MESSAGES/libc.mo", std::ios::binary);
+  const std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  EXPECT_GT(SystemMessages::parseCatalogue(bytes).size(), 100u);
+  EXPECT_TRUE(SystemMessages::parseCatalogue(bytes.substr(0, bytes.size() / 2)).empty());
+  EXPECT_TRUE(SystemMessages::parseCatalogue("\x95\x04\x12\xde" + bytes.substr(4)).empty());
 }
 
 }  // namespace
