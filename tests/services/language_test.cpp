@@ -15,7 +15,9 @@
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -309,12 +311,23 @@ TEST(InstalledLookup, SystemErrorsSpeakTheChosenLanguageWhereTheCLibraryHasItEls
   Localization::setSystemMessages({});
   EXPECT_EQ(Localization::systemError(ENOSPC), "No space left on device");
 
-  // A catalogue cut short, or one that is no catalogue, gives no translation rather than a part.
+  // The catalogue as a big-endian machine writes it reads the same; one cut short, or whose words
+  // are in the other order than its magic says, gives no translation rather than a part.
   std::ifstream file("/usr/share/locale/fr/LC_MESSAGES/libc.mo", std::ios::binary);
-  const std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  EXPECT_GT(SystemMessages::parseCatalogue(bytes).size(), 100u);
+  std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  const auto translations = SystemMessages::parseCatalogue(bytes);
+  EXPECT_GT(translations.size(), 100u);
   EXPECT_TRUE(SystemMessages::parseCatalogue(bytes.substr(0, bytes.size() / 2)).empty());
-  EXPECT_TRUE(SystemMessages::parseCatalogue("\x95\x04\x12\xde" + bytes.substr(4)).empty());
+  const std::string swappedMagic = "\x95\x04\x12\xde" + bytes.substr(4);
+  EXPECT_TRUE(SystemMessages::parseCatalogue(swappedMagic).empty());
+  // Its header: magic, revision, count, the offsets of the English and the translated tables...
+  uint32_t header[7];
+  std::memcpy(header, bytes.data(), sizeof header);
+  auto swapWords = [&](size_t from, size_t words) {
+    for (size_t at = from; at < from + words * 4; at += 4) std::reverse(&bytes[at], &bytes[at + 4]);
+  };
+  swapWords(0, 7), swapWords(header[3], header[2] * 2), swapWords(header[4], header[2] * 2);
+  EXPECT_EQ(SystemMessages::parseCatalogue(bytes), translations);
 }
 
 }  // namespace
