@@ -326,7 +326,7 @@ TEST(InstalledLookup, SystemErrorsSpeakTheChosenLanguageWhereTheCLibraryHasItEls
   auto swapWords = [&](size_t from, size_t words) {
     for (size_t at = from; at < from + words * 4; at += 4) std::reverse(&bytes[at], &bytes[at + 4]);
   };
-  swapWords(0, 7), swapWords(header[3], header[2] * 2), swapWords(header[4], header[2] * 2);
+  swapWords(0, 7), swapWords(header[3], size_t{header[2]} * 2), swapWords(header[4], size_t{header[2]} * 2);
   EXPECT_EQ(SystemMessages::parseCatalogue(bytes), translations);
 }
 
