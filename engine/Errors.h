@@ -52,12 +52,12 @@ class ZlibError : public QuillaneError {
   std::string description() const override;
 };
 
-// A file could not be read or written; `message` is the system's text (Localization::systemError).
 // The text of a failure that has no text of its own.
 std::string genericErrorText();
 // What a user is told of `error`: its own description, else the generic text.
 std::string describe(const std::exception& error);
 
+// A file could not be read or written; `message` is the system's text (Localization::systemError).
 class FileError : public QuillaneError {
  public:
   FileError(std::string path, std::string message)
