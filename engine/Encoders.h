@@ -72,14 +72,15 @@ int lossyStripRows(int width, int height, double quality);
 }  // namespace JXLEncoder
 
 namespace PNGQuantEncoder {
-// Palette PNG through libimagequant, falling back to encodeLossless; truecolour when the
-// plan prefers lossless.
+// Palette PNG through libimagequant, falling back to encodeLossless; encodeLossless alone when
+// the plan prefers lossless.
 Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan);
 // The palette path alone (also the plan's lossy alternative): from quality 50, a picture of at
 // most 256 colours gets its own palette, exactly; libimagequant quantizes the others. Throws
 // encodingFailed("PNG").
 Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan);
-// Truecolour PNG with per-row filter choice. Throws ZlibError.
+// Lossless PNG: truecolour with a filter chosen per row, or the picture's own palette where it
+// has at most 256 colours and that is smaller. Throws ZlibError.
 Bytes encodeLossless(const RGBABuffer& rgba, const EncodingPlan& plan);
 }  // namespace PNGQuantEncoder
 

@@ -116,6 +116,47 @@ void fillRow(const RGBABuffer& rgba, int y, int channels, uint8_t* row) {
   }
 }
 
+Bytes encodeTruecolour(const RGBABuffer& rgba, const EncodingPlan& plan) {
+  const int channels = rgba.hasAlpha ? 4 : 3;
+  const size_t rowLength = size_t(rgba.width) * size_t(channels);
+  const size_t bpp = size_t(channels);
+
+  Bytes file(PNGWriter::pngSignature.begin(), PNGWriter::pngSignature.end());
+  PNGWriter::appendIHDR(file, rgba.width, rgba.height, rgba.hasAlpha ? 6 : 2);
+  PNGWriter::appendICCProfileIfPresent(file, ColorProfile::embeddableICC(rgba.colorSpace));
+
+  Bytes current(rowLength), previous(rowLength, 0), candidate(rowLength), best(rowLength);
+  Bytes raw;
+  raw.reserve(size_t(rgba.height) * (rowLength + 1));
+  for (int y = 0; y < rgba.height; ++y) {
+    if ((y & 63) == 0) Cancellation::check();
+    fillRow(rgba, y, channels, current.data());
+    PNGWriter::Filter chosen = PNGWriter::Filter::paeth;
+    if (plan.effort == 0) {
+      // The largest images skip the five-way trial.
+      PNGWriter::apply(chosen, current.data(), previous.data(), rowLength, bpp, best.data());
+    } else {
+      int64_t bestScore = INT64_MAX;
+      for (PNGWriter::Filter filter : PNGWriter::allFilters) {
+        const int64_t score =
+            PNGWriter::apply(filter, current.data(), previous.data(), rowLength, bpp, candidate.data());
+        if (score < bestScore) {  // strictly lower: a tie keeps the earlier filter
+          bestScore = score;
+          chosen = filter;
+          std::swap(best, candidate);
+        }
+      }
+    }
+    raw.push_back(uint8_t(chosen));
+    raw.insert(raw.end(), best.begin(), best.end());
+    std::swap(previous, current);  // filters always see the unfiltered previous row
+  }
+
+  PNGWriter::appendPNGChunk(file, "IDAT", PNGWriter::zlibCompress(raw));
+  PNGWriter::appendPNGChunk(file, "IEND", {});
+  return file;
+}
+
 }  // namespace
 
 Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
@@ -156,44 +197,17 @@ Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan) {
 }
 
 Bytes encodeLossless(const RGBABuffer& rgba, const EncodingPlan& plan) {
-  const int channels = rgba.hasAlpha ? 4 : 3;
-  const size_t rowLength = size_t(rgba.width) * size_t(channels);
-  const size_t bpp = size_t(channels);
-
-  Bytes file(PNGWriter::pngSignature.begin(), PNGWriter::pngSignature.end());
-  PNGWriter::appendIHDR(file, rgba.width, rgba.height, rgba.hasAlpha ? 6 : 2);
-  PNGWriter::appendICCProfileIfPresent(file, ColorProfile::embeddableICC(rgba.colorSpace));
-
-  Bytes current(rowLength), previous(rowLength, 0), candidate(rowLength), best(rowLength);
-  Bytes raw;
-  raw.reserve(size_t(rgba.height) * (rowLength + 1));
-  for (int y = 0; y < rgba.height; ++y) {
-    if ((y & 63) == 0) Cancellation::check();
-    fillRow(rgba, y, channels, current.data());
-    PNGWriter::Filter chosen = PNGWriter::Filter::paeth;
-    if (plan.effort == 0) {
-      // The largest images skip the five-way trial.
-      PNGWriter::apply(chosen, current.data(), previous.data(), rowLength, bpp, best.data());
-    } else {
-      int64_t bestScore = INT64_MAX;
-      for (PNGWriter::Filter filter : PNGWriter::allFilters) {
-        const int64_t score =
-            PNGWriter::apply(filter, current.data(), previous.data(), rowLength, bpp, candidate.data());
-        if (score < bestScore) {  // strictly lower: a tie keeps the earlier filter
-          bestScore = score;
-          chosen = filter;
-          std::swap(best, candidate);
-        }
-      }
-    }
-    raw.push_back(uint8_t(chosen));
-    raw.insert(raw.end(), best.begin(), best.end());
-    std::swap(previous, current);  // filters always see the unfiltered previous row
+  // A picture of at most 256 colours loses nothing in its own palette either, which takes a byte
+  // a pixel or less where truecolour takes three or four; truecolour's row filters still win on
+  // smooth ramps. Both compete, but on the largest pictures, which take the palette.
+  std::optional<Bytes> indexed;
+  if (const std::optional<Quantized> exact = exactPalette(rgba)) {
+    indexed = PNGWriter::writeIndexedPNG(rgba.width, rgba.height, exact->indices, exact->palette,
+                                         ColorProfile::embeddableICC(rgba.colorSpace));
+    if (plan.effort == 0) return std::move(*indexed);
   }
-
-  PNGWriter::appendPNGChunk(file, "IDAT", PNGWriter::zlibCompress(raw));
-  PNGWriter::appendPNGChunk(file, "IEND", {});
-  return file;
+  Bytes truecolour = encodeTruecolour(rgba, plan);
+  return indexed && indexed->size() <= truecolour.size() ? std::move(*indexed) : std::move(truecolour);
 }
 
 }  // namespace quillane::PNGQuantEncoder

@@ -49,12 +49,12 @@ void appendPNGChunk(Bytes& data, std::string_view type, std::span<const uint8_t>
   appendUInt32BE(data, uint32_t(crc));
 }
 
-void appendIHDR(Bytes& data, int width, int height, uint8_t colourType) {
+void appendIHDR(Bytes& data, int width, int height, uint8_t colourType, uint8_t bitDepth) {
   Bytes payload;
   payload.reserve(13);
   appendUInt32BE(payload, uint32_t(width));
   appendUInt32BE(payload, uint32_t(height));
-  payload.push_back(8);           // bit depth
+  payload.push_back(bitDepth);
   payload.push_back(colourType);  // 2 RGB, 3 palette, 6 RGBA
   payload.push_back(0);           // compression method
   payload.push_back(0);           // filter method
@@ -109,34 +109,49 @@ void appendICCProfileIfPresent(Bytes& data, const std::optional<Bytes>& profile)
 
 Bytes writeIndexedPNG(int width, int height, std::span<const uint8_t> indices,
                       std::span<const PaletteEntry> palette, const std::optional<Bytes>& iccProfile) {
-  Bytes file(pngSignature.begin(), pngSignature.end());
-  appendIHDR(file, width, height, 3);
-  appendICCProfileIfPresent(file, iccProfile);
+  // The translucent entries go first, so that tRNS stops at the last of them: the opaque ones
+  // after it need no alpha of their own.
+  std::array<uint8_t, 256> slot{};
+  std::vector<PaletteEntry> ordered;
+  ordered.reserve(palette.size());
+  for (const bool translucent : {true, false})
+    for (size_t i = 0; i < palette.size() && i < slot.size(); ++i)
+      if ((palette[i].a != 255) == translucent) {
+        slot[i] = uint8_t(ordered.size());
+        ordered.push_back(palette[i]);
+      }
+  // An index takes the fewest bits its palette allows, several to a byte: most flat pictures
+  // have a few colours, and fewer bytes usually deflate to fewer. Not always: up to the size that
+  // gets zlib's best level, a byte a pixel competes, and the smaller stream is written.
+  const auto deflated = [&](uint8_t depth) {
+    const size_t w = size_t(width), h = size_t(height), perByte = 8 / depth;
+    const size_t rowBytes = (w + perByte - 1) / perByte;
+    Bytes raw(h * (rowBytes + 1), 0);  // each row's filter byte 0: palette indices don't predict well
+    for (size_t y = 0; y < h; ++y) {
+      uint8_t* row = &raw[y * (rowBytes + 1) + 1];
+      const uint8_t* source = indices.data() + y * w;
+      for (size_t x = 0; x < w; ++x)  // the first pixel in the highest bits
+        row[x / perByte] |= uint8_t(slot[source[x]] << (8 - depth - (x % perByte) * depth));
+    }
+    return zlibCompress(raw);
+  };
+  uint8_t depth = ordered.size() <= 2 ? 1 : ordered.size() <= 4 ? 2 : ordered.size() <= 16 ? 4 : 8;
+  Bytes idat = deflated(depth);
+  if (depth < 8 && size_t(width) * size_t(height) <= kBestLevelLimit / 4)
+    if (Bytes bytewise = deflated(8); bytewise.size() < idat.size()) idat = std::move(bytewise), depth = 8;
 
-  Bytes plte;
-  plte.reserve(palette.size() * 3);
-  bool translucent = false;
-  for (const PaletteEntry& e : palette) {
+  Bytes file(pngSignature.begin(), pngSignature.end());
+  appendIHDR(file, width, height, 3, depth);
+  appendICCProfileIfPresent(file, iccProfile);
+  Bytes plte, trns;
+  plte.reserve(ordered.size() * 3);
+  for (const PaletteEntry& e : ordered) {
     plte.insert(plte.end(), {e.r, e.g, e.b});
-    translucent = translucent || e.a != 255;
+    if (e.a != 255) trns.push_back(e.a);
   }
   appendPNGChunk(file, "PLTE", plte);
-  if (translucent) {
-    // The whole palette's alphas, trailing 255s included.
-    Bytes trns;
-    trns.reserve(palette.size());
-    for (const PaletteEntry& e : palette) trns.push_back(e.a);
-    appendPNGChunk(file, "tRNS", trns);
-  }
-
-  const size_t w = size_t(width), h = size_t(height);
-  Bytes raw;
-  raw.reserve(h * (w + 1));
-  for (size_t y = 0; y < h; ++y) {
-    raw.push_back(uint8_t(Filter::none));  // palette indices don't predict well; never filtered
-    raw.insert(raw.end(), indices.begin() + ptrdiff_t(y * w), indices.begin() + ptrdiff_t((y + 1) * w));
-  }
-  appendPNGChunk(file, "IDAT", zlibCompress(raw));
+  if (!trns.empty()) appendPNGChunk(file, "tRNS", trns);
+  appendPNGChunk(file, "IDAT", idat);
   appendPNGChunk(file, "IEND", {});
   return file;
 }

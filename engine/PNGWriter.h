@@ -22,7 +22,8 @@ struct PaletteEntry {
   uint8_t r, g, b, a;
 };
 
-// Throws ZlibError.
+// At 1, 2, 4 or 8 bits an index, the fewest that hold the palette (of at most 256 entries),
+// translucent entries first. Throws ZlibError.
 Bytes writeIndexedPNG(int width, int height, std::span<const uint8_t> indices,
                       std::span<const PaletteEntry> palette, const std::optional<Bytes>& iccProfile);
 // Level 9 up to 2 MiB of input, 6 above. Throws ZlibError.
@@ -34,7 +35,7 @@ int64_t apply(Filter filter, const uint8_t* row, const uint8_t* previous, size_t
 void appendUInt32BE(Bytes& data, uint32_t value);
 // `type` must be four ASCII letters.
 void appendPNGChunk(Bytes& data, std::string_view type, std::span<const uint8_t> payload);
-void appendIHDR(Bytes& data, int width, int height, uint8_t colourType);
+void appendIHDR(Bytes& data, int width, int height, uint8_t colourType, uint8_t bitDepth = 8);
 // Nothing for an absent or empty profile. Throws ZlibError.
 void appendICCProfileIfPresent(Bytes& data, const std::optional<Bytes>& profile);
 

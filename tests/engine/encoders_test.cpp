@@ -59,22 +59,7 @@ TEST(LosslessEncoders, RoundTripExactly) {
         }
 }
 
-TEST(PngPalette, IndexedFileDecodesWithValidChunksInOrderAndCloseToTheSource) {
-  const std::vector<PNGWriter::PaletteEntry> palette = {{255, 0, 0, 255}, {0, 255, 0, 128}, {0, 0, 255, 0}};
-  const std::vector<uint8_t> indices = {0, 1, 2, 0, 1, 2};
-  const Bytes profile = fixtures::displayP3ICC();
-  const Bytes file = PNGWriter::writeIndexedPNG(3, 2, indices, palette, profile);
-  const auto icc = ImageService::decodeFirstFrame(file).colorSpace.icc;
-  ASSERT_TRUE(icc);
-  EXPECT_EQ(*icc, profile);
-  EXPECT_EQ(decodePNG(file), (Bytes{255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0,
-                                    255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0}));
-  // An opaque palette needs no tRNS, and an empty profile no iCCP.
-  const std::vector<PNGWriter::PaletteEntry> opaque = {{1, 2, 3, 255}, {4, 5, 6, 255}, {7, 8, 9, 255}};
-  const Bytes plain = PNGWriter::writeIndexedPNG(3, 2, indices, opaque, Bytes{});
-  for (const char* type : {"tRNS", "iCCP"})
-    EXPECT_EQ(std::search(plain.begin(), plain.end(), type, type + 4), plain.end()) << type;
-
+TEST(PngPalette, TheQuantizerComesCloseAndAFewColoursAreKeptExactly) {
   // The quantizer's palette of a logo decodes close to it, transparency included; a minimum of 0
   // means even quality 1 gives a file.
   const RGBABuffer logo = makeBuffer(48, 40, Pattern::flatLogo, 1, true);
@@ -89,6 +74,60 @@ TEST(PngPalette, IndexedFileDecodesWithValidChunksInOrderAndCloseToTheSource) {
     ramp.pixels[i] = i % 4 == 3 ? 255 : uint8_t(102 + i / 4 % 48 * 14 / 48);
   ramp.hasAlpha = false;
   EXPECT_EQ(decodePNG(PNGQuantEncoder::encodePalette(ramp, makePlan(Mode::lossy(80)))), ramp.pixels);
+}
+
+// Indices of 1, 2, 4 and 8 bits, in rows that end inside a byte, with translucent entries anywhere
+// in the palette: every pixel comes back, tRNS holds the translucent entries alone (none for an
+// opaque palette) and iCCP the profile given. Up to half a megapixel a byte an index competes with
+// the packed ones; above, the fewest bits are written.
+TEST(PngPalette, EveryIndexWidthDecodesExactlyWithTheShortestChunks) {
+  const Bytes profile = fixtures::displayP3ICC();
+  const std::pair<size_t, int> depthOf[] = {{2, 1}, {3, 2}, {4, 2}, {5, 4}, {16, 4}, {17, 8}, {256, 8}};
+  for (const auto& [colours, depth] : depthOf)
+    for (const auto& [w, h] : {std::pair{13, 5}, {1001, 600}}) {
+      SCOPED_TRACE(::testing::Message() << colours << " colours, " << w << " x " << h);
+      std::vector<PNGWriter::PaletteEntry> palette;
+      size_t translucent = 0;
+      for (size_t i = 0; i < colours; ++i) {
+        const uint8_t alpha = i % 3 == 1 && colours != 4 ? uint8_t(i * 7 % 250) : 255;
+        translucent += alpha != 255;
+        palette.push_back({uint8_t(i), uint8_t(255 - i), uint8_t(i * 5), alpha});
+      }
+      std::vector<uint8_t> indices(size_t(w) * size_t(h));
+      Bytes expected;
+      for (size_t i = 0; i < indices.size(); ++i) {
+        indices[i] = uint8_t((i * 31 + i / size_t(w) * 17 + i % 7) % colours);
+        const PNGWriter::PaletteEntry& e = palette[indices[i]];
+        expected.insert(expected.end(), {e.r, e.g, e.b, e.a});
+      }
+      const std::optional<Bytes> icc = w < 1000 ? std::optional(profile) : std::nullopt;
+      const Bytes file = PNGWriter::writeIndexedPNG(w, h, indices, palette, icc);
+      EXPECT_EQ(decodePNG(file), expected);
+      const auto read = ImageService::decodeFirstFrame(file).colorSpace.icc;
+      EXPECT_EQ(read ? std::optional(*read) : std::nullopt, icc);
+      EXPECT_TRUE(w < 1000 || file[24] == depth) << int(file[24]);
+      const auto trns = std::search(file.begin(), file.end(), "tRNS", "tRNS" + 4);
+      EXPECT_EQ(trns == file.end() ? 0 : size_t(trns[-1]), translucent);  // the chunk's length's low byte
+    }
+}
+
+// A lossless PNG of a picture of few colours is its own palette, pixel for pixel; truecolour
+// still wins a smooth ramp, where its row filters predict each pixel from the last.
+TEST(PngLossless, FewColoursTakeThePaletteUnlessTruecolourIsSmaller) {
+  const RGBABuffer logo = makeBuffer(300, 200, Pattern::flatLogo, 1, true);
+  const Bytes file = PNGQuantEncoder::encodeLossless(logo, makePlan(Mode::lossless()));
+  EXPECT_EQ(file[25], 3);  // colour type: palette
+  EXPECT_EQ(decodePNG(file), logo.pixels);
+
+  RGBABuffer ramp = makeBuffer(1024, 64, Pattern::photo);
+  for (size_t i = 0; i < ramp.pixels.size(); ++i)
+    ramp.pixels[i] = i % 4 == 3 ? 255 : uint8_t(i / 4 % 1024 / 4);
+  const Bytes fast = PNGQuantEncoder::encodeLossless(ramp, makePlan(Mode::lossless(), 0));
+  const Bytes best = PNGQuantEncoder::encodeLossless(ramp, makePlan(Mode::lossless()));
+  EXPECT_EQ(fast[25], 3) << "the largest pictures take the palette without a trial";
+  EXPECT_EQ(best[25], 2);
+  EXPECT_LT(best.size(), fast.size());
+  EXPECT_EQ(decodePNG(best), ramp.pixels);
 }
 
 // Whether the mode and the alpha plane's quality are honoured, the round trips below show.
