@@ -14,6 +14,7 @@
 #include <cmath>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "engine/CHandle.h"
 #include "engine/ImageService.h"
@@ -106,7 +107,8 @@ TEST(PngPalette, EveryIndexWidthDecodesExactlyWithTheShortestChunks) {
       const auto read = ImageService::decodeFirstFrame(file).colorSpace.icc;
       EXPECT_EQ(read ? std::optional(*read) : std::nullopt, icc);
       EXPECT_TRUE(w < 1000 || file[24] == depth) << int(file[24]);
-      const auto trns = std::search(file.begin(), file.end(), "tRNS", "tRNS" + 4);
+      const std::string_view tRNS = "tRNS";
+      const auto trns = std::search(file.begin(), file.end(), tRNS.begin(), tRNS.end());
       EXPECT_EQ(trns == file.end() ? 0 : size_t(trns[-1]), translucent);  // the chunk's length's low byte
     }
 }
