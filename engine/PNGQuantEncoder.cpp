@@ -102,28 +102,45 @@ std::optional<Quantized> exactPalette(const RGBABuffer& rgba) {
   return out;
 }
 
-// The row of `pixels` at `y` with `channels` bytes a pixel (alpha dropped when 3).
+// Whether every pixel's red, green and blue are alike, as a grey picture's are.
+bool isGrey(const RGBABuffer& rgba) {
+  const size_t end = size_t(rgba.width) * size_t(rgba.height) * 4;
+  for (size_t i = 0; i < end; i += 4)
+    if (rgba.pixels[i] != rgba.pixels[i + 1] || rgba.pixels[i] != rgba.pixels[i + 2]) return false;
+  return true;
+}
+
+// The row of `pixels` at `y` with `channels` bytes a pixel: RGBA, RGB, grey and alpha, or grey.
 void fillRow(const RGBABuffer& rgba, int y, int channels, uint8_t* row) {
   const uint8_t* src = rgba.pixels.data() + size_t(y) * size_t(rgba.width) * 4;
   if (channels == 4) {
     std::copy(src, src + size_t(rgba.width) * 4, row);
     return;
   }
-  for (int x = 0; x < rgba.width; ++x, src += 4, row += 3) {
-    row[0] = src[0];
-    row[1] = src[1];
-    row[2] = src[2];
+  for (int x = 0; x < rgba.width; ++x, src += 4) {
+    *row++ = src[0];
+    if (channels == 3) {
+      *row++ = src[1];
+      *row++ = src[2];
+    } else if (channels == 2) {
+      *row++ = src[3];
+    }
   }
 }
 
+// Truecolour, or grey (with alpha or without) for a grey picture in sRGB: a third of the bytes to
+// filter. A picture of another profile stays RGB, as grey PNGs carry grey profiles only.
 Bytes encodeTruecolour(const RGBABuffer& rgba, const EncodingPlan& plan) {
-  const int channels = rgba.hasAlpha ? 4 : 3;
+  const std::optional<Bytes> icc = ColorProfile::embeddableICC(rgba.colorSpace);
+  const bool grey = !icc && isGrey(rgba);
+  const int channels = (grey ? 1 : 3) + (rgba.hasAlpha ? 1 : 0);
   const size_t rowLength = size_t(rgba.width) * size_t(channels);
   const size_t bpp = size_t(channels);
 
   Bytes file(PNGWriter::pngSignature.begin(), PNGWriter::pngSignature.end());
-  PNGWriter::appendIHDR(file, rgba.width, rgba.height, rgba.hasAlpha ? 6 : 2);
-  PNGWriter::appendICCProfileIfPresent(file, ColorProfile::embeddableICC(rgba.colorSpace));
+  static constexpr uint8_t kColourType[5] = {0, 0, 4, 2, 6};  // by channels: grey, grey and alpha, RGB, RGBA
+  PNGWriter::appendIHDR(file, rgba.width, rgba.height, kColourType[channels]);
+  PNGWriter::appendICCProfileIfPresent(file, icc);
 
   Bytes current(rowLength), previous(rowLength, 0), candidate(rowLength), best(rowLength);
   Bytes raw;
@@ -152,9 +169,22 @@ Bytes encodeTruecolour(const RGBABuffer& rgba, const EncodingPlan& plan) {
     std::swap(previous, current);  // filters always see the unfiltered previous row
   }
 
-  PNGWriter::appendPNGChunk(file, "IDAT", PNGWriter::zlibCompress(raw));
+  PNGWriter::appendPNGChunk(file, "IDAT",
+                            PNGWriter::zlibCompress(raw, {.filteredRows = true, .quick = plan.photographic}));
   PNGWriter::appendPNGChunk(file, "IEND", {});
   return file;
+}
+
+// A picture of at most 256 colours loses nothing in its own palette either, which takes a byte
+// a pixel or less where truecolour takes three or four; truecolour's row filters still win on
+// smooth ramps and grey photographs. Both compete, but on the largest pictures, which take the
+// palette.
+Bytes paletteOrTruecolour(const RGBABuffer& rgba, const EncodingPlan& plan, const Quantized& exact) {
+  Bytes indexed = PNGWriter::writeIndexedPNG(rgba.width, rgba.height, exact.indices, exact.palette,
+                                             ColorProfile::embeddableICC(rgba.colorSpace));
+  if (plan.effort == 0) return indexed;
+  Bytes truecolour = encodeTruecolour(rgba, plan);
+  return indexed.size() <= truecolour.size() ? indexed : truecolour;
 }
 
 }  // namespace
@@ -168,9 +198,12 @@ Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
   // shrink such a picture.
   constexpr double kExactPaletteQuality = 50;
   if (const std::optional<Quantized> exact =
-          plan.quality >= kExactPaletteQuality ? exactPalette(rgba) : std::nullopt)
+          plan.quality >= kExactPaletteQuality ? exactPalette(rgba) : std::nullopt) {
+    // Exact either way: a grey photograph's filtered grey takes far fewer bytes than its palette.
+    if (isGrey(rgba)) return paletteOrTruecolour(rgba, plan, *exact);
     return PNGWriter::writeIndexedPNG(rgba.width, rgba.height, exact->indices, exact->palette,
                                       ColorProfile::embeddableICC(rgba.colorSpace));
+  }
   LiqAttrPtr attr(liq_attr_create());
   if (!attr) throw pngFailed("liq_attr_create");
   // A minimum of 0 means libimagequant never refuses an image for missing the target.
@@ -197,17 +230,9 @@ Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan) {
 }
 
 Bytes encodeLossless(const RGBABuffer& rgba, const EncodingPlan& plan) {
-  // A picture of at most 256 colours loses nothing in its own palette either, which takes a byte
-  // a pixel or less where truecolour takes three or four; truecolour's row filters still win on
-  // smooth ramps. Both compete, but on the largest pictures, which take the palette.
-  std::optional<Bytes> indexed;
-  if (const std::optional<Quantized> exact = exactPalette(rgba)) {
-    indexed = PNGWriter::writeIndexedPNG(rgba.width, rgba.height, exact->indices, exact->palette,
-                                         ColorProfile::embeddableICC(rgba.colorSpace));
-    if (plan.effort == 0) return std::move(*indexed);
-  }
-  Bytes truecolour = encodeTruecolour(rgba, plan);
-  return indexed && indexed->size() <= truecolour.size() ? std::move(*indexed) : std::move(truecolour);
+  if (const std::optional<Quantized> exact = exactPalette(rgba))
+    return paletteOrTruecolour(rgba, plan, *exact);
+  return encodeTruecolour(rgba, plan);
 }
 
 }  // namespace quillane::PNGQuantEncoder

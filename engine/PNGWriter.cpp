@@ -62,7 +62,7 @@ void appendIHDR(Bytes& data, int width, int height, uint8_t colourType, uint8_t 
   appendPNGChunk(data, "IHDR", payload);
 }
 
-Bytes zlibCompress(std::span<const uint8_t> data) {
+Bytes zlibCompress(std::span<const uint8_t> data, Deflate how) {
   // Deflated in blocks of 4 MiB so that a cancelled call stops between them.
   constexpr size_t kBlock = 4'194'304;
   struct Stream {
@@ -72,8 +72,9 @@ Bytes zlibCompress(std::span<const uint8_t> data) {
       if (open) deflateEnd(&z);
     }
   } stream;
-  const int level = data.size() <= kBestLevelLimit ? 9 : 6;
-  if (const int status = deflateInit(&stream.z, level); status != Z_OK)
+  const int level = data.size() <= kBestLevelLimit && !how.quick ? 9 : 6;
+  const int strategy = how.filteredRows ? Z_FILTERED : Z_DEFAULT_STRATEGY;
+  if (const int status = deflateInit2(&stream.z, level, Z_DEFLATED, 15, 8, strategy); status != Z_OK)
     throw ZlibError("deflateInit failed with status " + std::to_string(status));
   stream.open = true;
   Bytes out(compressBound(uLong(data.size())));

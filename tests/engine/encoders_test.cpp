@@ -113,9 +113,11 @@ TEST(PngPalette, EveryIndexWidthDecodesExactlyWithTheShortestChunks) {
     }
 }
 
-// A lossless PNG of a picture of few colours is its own palette, pixel for pixel; truecolour
-// still wins a smooth ramp, where its row filters predict each pixel from the last.
-TEST(PngLossless, FewColoursTakeThePaletteUnlessTruecolourIsSmaller) {
+// A lossless PNG of a picture of few colours is its own palette, pixel for pixel; truecolour still
+// wins a smooth ramp, where its row filters predict each pixel from the last. A grey picture is
+// written grey, with its alpha or without (so is the palette path's exact palette of one), but
+// under a profile other than sRGB, which a grey PNG cannot carry.
+TEST(PngLossless, FewColoursTakeThePaletteUnlessTruecolourOrGreyIsSmaller) {
   const RGBABuffer logo = makeBuffer(300, 200, Pattern::flatLogo, 1, true);
   const Bytes file = PNGQuantEncoder::encodeLossless(logo, makePlan(Mode::lossless()));
   EXPECT_EQ(file[25], 3);  // colour type: palette
@@ -127,9 +129,19 @@ TEST(PngLossless, FewColoursTakeThePaletteUnlessTruecolourIsSmaller) {
   const Bytes fast = PNGQuantEncoder::encodeLossless(ramp, makePlan(Mode::lossless(), 0));
   const Bytes best = PNGQuantEncoder::encodeLossless(ramp, makePlan(Mode::lossless()));
   EXPECT_EQ(fast[25], 3) << "the largest pictures take the palette without a trial";
-  EXPECT_EQ(best[25], 2);
+  EXPECT_EQ(best[25], 0);
   EXPECT_LT(best.size(), fast.size());
   EXPECT_EQ(decodePNG(best), ramp.pixels);
+  EXPECT_EQ(PNGQuantEncoder::encodePalette(ramp, makePlan(Mode::lossy(75))), best);
+  ramp.colorSpace = ColorSpace::fromICC(fixtures::displayP3ICC());
+  EXPECT_EQ(PNGQuantEncoder::encodeLossless(ramp, makePlan(Mode::lossless()))[25], 2);
+
+  ramp.colorSpace = ColorSpace::sRGB();
+  ramp.hasAlpha = true;
+  for (size_t i = 3; i < ramp.pixels.size(); i += 4) ramp.pixels[i] = uint8_t(i / 4 / 1024 * 4);
+  const Bytes translucent = PNGQuantEncoder::encodeLossless(ramp, makePlan(Mode::lossless()));
+  EXPECT_EQ(translucent[25], 4);
+  EXPECT_EQ(decodePNG(translucent), ramp.pixels);
 }
 
 // Whether the mode and the alpha plane's quality are honoured, the round trips below show.
