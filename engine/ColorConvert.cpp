@@ -319,10 +319,31 @@ void recodeColour(SampleVector<T>& samples, int transfer, int primaries) {
   }
 }
 
+// Divides each colour sample by its pixel's alpha. A fully transparent pixel keeps its zeros.
+template <class T>
+void unpremultiply(SampleVector<T>& samples) {
+  constexpr uint32_t top = std::numeric_limits<T>::max();
+  for (size_t i = 0; i + 3 < samples.size(); i += 4) {
+    const uint32_t alpha = samples[i + 3];
+    if (alpha == 0 || alpha == top) continue;
+    for (size_t c = 0; c < 3; ++c)
+      samples[i + c] = T(std::min(top, (uint32_t(samples[i + c]) * top + alpha / 2) / alpha));
+  }
+}
+
 }  // namespace
 
 void applyCodePoints(DecodedImage& image, int primaries, int transfer) {
   if (transfer == kTransferPQ || transfer == kTransferHLG) {
+    // The curves are of the colour itself: premultiplied, a translucent pixel would be re-coded as
+    // the darker colour it holds.
+    if (image.alpha == AlphaInfo::premultiplied) {
+      if (image.bitsPerComponent == 16)
+        unpremultiply(image.pixels16);
+      else
+        unpremultiply(image.pixels8);
+      image.alpha = AlphaInfo::straight;
+    }
     if (image.bitsPerComponent == 16)
       recodeColour(image.pixels16, transfer, primaries);
     else

@@ -5,6 +5,7 @@
 #include <array>
 #include <cmath>
 
+#include "engine/ColorConvert.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageService.h"
 #include "engine/LcmsHandles.h"
@@ -257,6 +258,16 @@ TEST(ColourProfiles, PQAndHLGPicturesAreShownForAStandardDisplay) {
   const DecodedImage shown = ImageService::decodeFirstFrame(
       fixtures::avif(blue, {.quantizer = 0, .depth = 10, .alpha = false, .primaries = 9, .transfer = 18}));
   EXPECT_NEAR(shown.pixels16[2] / 65535.0, 0.78, 0.03);
+
+  // A premultiplied picture (HEIF may hold one) is re-coded by its colours, not by the darker
+  // samples it holds: a half transparent pixel comes out as its opaque twin, straight.
+  DecodedImage twins = testing::solid(2, 1, 148, 148, 148);  // 203 cd/m2
+  std::fill_n(twins.pixels8.begin() + 4, 3, uint8_t(74));
+  twins.pixels8[7] = 128;
+  twins.alpha = AlphaInfo::premultiplied;
+  ColorConvert::applyCodePoints(twins, 9, 16);
+  EXPECT_EQ(twins.alpha, AlphaInfo::straight);
+  EXPECT_NEAR(twins.pixels8[4], twins.pixels8[0], 3);
 }
 
 // A PNG without iCCP describes its colours by gAMA: a gamma of 1/2.2 is how files state sRGB,
