@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "engine/CHandle.h"
 #include "engine/Cancellation.h"
@@ -178,10 +179,11 @@ Bytes encodeTruecolour(const RGBABuffer& rgba, const EncodingPlan& plan) {
 // A picture of at most 256 colours loses nothing in its own palette either, which takes a byte
 // a pixel or less where truecolour takes three or four; truecolour's row filters still win on
 // smooth ramps and grey photographs. Both compete, but on the largest pictures, which take the
-// palette.
-Bytes paletteOrTruecolour(const RGBABuffer& rgba, const EncodingPlan& plan, const Quantized& exact) {
+// palette. The indices go before truecolour starts, which then takes no more memory than alone.
+Bytes paletteOrTruecolour(const RGBABuffer& rgba, const EncodingPlan& plan, Quantized exact) {
   Bytes indexed = PNGWriter::writeIndexedPNG(rgba.width, rgba.height, exact.indices, exact.palette,
                                              ColorProfile::embeddableICC(rgba.colorSpace));
+  exact = {};
   if (plan.effort == 0) return indexed;
   Bytes truecolour = encodeTruecolour(rgba, plan);
   return indexed.size() <= truecolour.size() ? indexed : truecolour;
@@ -197,10 +199,10 @@ Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
   // Below this quality libimagequant may still merge colours, so that a byte budget can
   // shrink such a picture.
   constexpr double kExactPaletteQuality = 50;
-  if (const std::optional<Quantized> exact =
+  if (std::optional<Quantized> exact =
           plan.quality >= kExactPaletteQuality ? exactPalette(rgba) : std::nullopt) {
     // Exact either way: a grey photograph's filtered grey takes far fewer bytes than its palette.
-    if (isGrey(rgba)) return paletteOrTruecolour(rgba, plan, *exact);
+    if (isGrey(rgba)) return paletteOrTruecolour(rgba, plan, std::move(*exact));
     return PNGWriter::writeIndexedPNG(rgba.width, rgba.height, exact->indices, exact->palette,
                                       ColorProfile::embeddableICC(rgba.colorSpace));
   }
@@ -230,8 +232,8 @@ Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan) {
 }
 
 Bytes encodeLossless(const RGBABuffer& rgba, const EncodingPlan& plan) {
-  if (const std::optional<Quantized> exact = exactPalette(rgba))
-    return paletteOrTruecolour(rgba, plan, *exact);
+  if (std::optional<Quantized> exact = exactPalette(rgba))
+    return paletteOrTruecolour(rgba, plan, std::move(*exact));
   return encodeTruecolour(rgba, plan);
 }
 
