@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <QFutureWatcher>
 #include <QHostAddress>
 #include <QSocketNotifier>
 #include <algorithm>
@@ -195,9 +196,18 @@ void LocalAPIConnection::settle(LocalAPIRequestReader::Outcome outcome) {
     closeNow();
     return;
   }
-  future.then(this, [this](const LocalAPIResponse& response) { respond(response); }).onCanceled(this, [this] {
-    closeNow();
+  // A watcher rather than then(): the router's promise is kept on the GUI thread, and Qt 6.4 may run
+  // a continuation twice that is attached here while the promise finishes there.
+  auto* watcher = new QFutureWatcher<LocalAPIResponse>(this);
+  connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher] {
+    watcher->deleteLater();
+    const QFuture<LocalAPIResponse> answered = watcher->future();
+    if (answered.isCanceled() || answered.resultCount() == 0)
+      closeNow();
+    else
+      respond(answered.result());
   });
+  watcher->setFuture(future);
 }
 
 void LocalAPIConnection::respond(const LocalAPIResponse& response) {

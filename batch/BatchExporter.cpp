@@ -7,10 +7,10 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QThreadPool>
-#include <QtConcurrent/QtConcurrentRun>
 
 #include "batch/BatchSupport.h"
 #include "batch/ExportFilenameAllocator.h"
+#include "batch/PoolTask.h"
 #include "engine/Errors.h"
 #include "engine/FileIO.h"
 
@@ -125,35 +125,36 @@ QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
     }
     return results;
   };
-  return QtConcurrent::run(pool_.get(), std::move(job))
-      .then(this, [this, images = std::move(images), format](const std::vector<FileResult>& results) {
-        std::vector<ExportOutcome> outcomes;
-        std::vector<Written> written;
-        ExportSummary summary;
-        for (size_t i = 0; i < images.size(); ++i) {
-          const auto& image = images[i];
-          ExportOutcome outcome{image, std::nullopt, std::nullopt};
-          const std::optional<QByteArray>& data = image->compressedData();
-          if (data && image->resultShape() && image->resultShape()->keptOriginal) {
-            outcome.keptOriginal = true;
-            ++summary.keptOriginalCount;
-          } else if (!results[i].destination && !results[i].error) {
-            outcome.errorDescription =
-                image->exportError() ? *image->exportError() : notEncodedDescription(*image, format);
-            summary.addFailure(*outcome.errorDescription);
-          } else {
-            apply(image, results[i], data ? data->size() : 0, format, written, summary);
-            if (results[i].error)
-              outcome.errorDescription = results[i].error;
-            else
-              outcome.destinationURL = results[i].destination;
-          }
-          outcomes.push_back(std::move(outcome));
-        }
-        if (!written.empty()) recorder_(written);
-        emit finished(summary);
-        return outcomes;
-      });
+  return PoolTask::run(pool_.get(), this, std::move(job),
+                       [this, images = std::move(images), format](const std::vector<FileResult>& results) {
+                         std::vector<ExportOutcome> outcomes;
+                         std::vector<Written> written;
+                         ExportSummary summary;
+                         for (size_t i = 0; i < images.size(); ++i) {
+                           const auto& image = images[i];
+                           ExportOutcome outcome{image, std::nullopt, std::nullopt};
+                           const std::optional<QByteArray>& data = image->compressedData();
+                           if (data && image->resultShape() && image->resultShape()->keptOriginal) {
+                             outcome.keptOriginal = true;
+                             ++summary.keptOriginalCount;
+                           } else if (!results[i].destination && !results[i].error) {
+                             outcome.errorDescription = image->exportError()
+                                                            ? *image->exportError()
+                                                            : notEncodedDescription(*image, format);
+                             summary.addFailure(*outcome.errorDescription);
+                           } else {
+                             apply(image, results[i], data ? data->size() : 0, format, written, summary);
+                             if (results[i].error)
+                               outcome.errorDescription = results[i].error;
+                             else
+                               outcome.destinationURL = results[i].destination;
+                           }
+                           outcomes.push_back(std::move(outcome));
+                         }
+                         if (!written.empty()) recorder_(written);
+                         emit finished(summary);
+                         return outcomes;
+                       });
 }
 
 QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& image, const QUrl& url,
@@ -213,15 +214,15 @@ QFuture<bool> BatchExporter::writeExport(const std::shared_ptr<ImportedImage>& i
 
 QFuture<bool> BatchExporter::writeOne(const std::shared_ptr<ImportedImage>& image, ImageFormat format,
                                       qint64 size, std::function<FileResult()> job) {
-  return QtConcurrent::run(pool_.get(), std::move(job))
-      .then(this, [this, image, format, size](const FileResult& result) {
-        std::vector<Written> written;
-        ExportSummary summary;
-        apply(image, result, size, format, written, summary);
-        if (!written.empty()) recorder_(written);
-        emit finished(summary);
-        return !result.error;
-      });
+  return PoolTask::run(pool_.get(), this, std::move(job),
+                       [this, image, format, size](const FileResult& result) {
+                         std::vector<Written> written;
+                         ExportSummary summary;
+                         apply(image, result, size, format, written, summary);
+                         if (!written.empty()) recorder_(written);
+                         emit finished(summary);
+                         return !result.error;
+                       });
 }
 
 }  // namespace quillane

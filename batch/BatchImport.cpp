@@ -10,11 +10,11 @@
 #include <QJsonObject>
 #include <QPromise>
 #include <QThreadPool>
-#include <QtConcurrent/QtConcurrentRun>
 #include <cerrno>
 
 #include "batch/BatchSupport.h"
 #include "batch/BatchViewModel.h"
+#include "batch/PoolTask.h"
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
 #include "engine/Errors.h"
@@ -166,65 +166,71 @@ void BatchViewModel::startInspection(const std::shared_ptr<InspectionRun>& run, 
   // waits for running encodes to give memory back, but ahead of the queued ones: an import
   // must not sit behind a queue of long encodes, and inspections are short.
   const std::string path = localFilePath(run->urls[index]);
-  QtConcurrent::run(inspectPool_.get(), [path] {
-    try {
-      return CompressionCost::megabytes(ImageDecoder::inspectionPeakBytes(path));
-    } catch (...) {
-      return CompressionCost::megabytes(ImageDecoder::kInspectionMemory);  // the most it may take
-    }
-  }).then(this, [this, run, index, path](int costMB) {
-    memoryBudget_->waitAhead(costMB, this,
-                             [this, run, index, path, costMB] { inspect(run, index, path, costMB); });
-  });
+  PoolTask::run(
+      inspectPool_.get(), this,
+      [path] {
+        try {
+          return CompressionCost::megabytes(ImageDecoder::inspectionPeakBytes(path));
+        } catch (...) {
+          return CompressionCost::megabytes(ImageDecoder::kInspectionMemory);  // the most it may take
+        }
+      },
+      [this, run, index, path](int costMB) {
+        memoryBudget_->waitAhead(costMB, this,
+                                 [this, run, index, path, costMB] { inspect(run, index, path, costMB); });
+      });
 }
 
 void BatchViewModel::inspect(const std::shared_ptr<InspectionRun>& run, int index, const std::string& path,
                              int costMB) {
   using Outcome = InspectionRun::Outcome;
   Inspector inspector = options_.inspector;
-  QtConcurrent::run(inspectPool_.get(), [inspector, path, memory = memoryBudget_, costMB]() -> Outcome {
-    Outcome outcome;
-    try {
-      outcome.decoded = inspector(path);
-    } catch (...) {
-      outcome.error = batchdetail::describeCurrentException(
-          QString::fromStdString(ImageProcessingError::decodingFailed().description()));
-      // A file that reads but is none of the six formats is said to be so, and not retried; so
-      // is a folder, which the import does not enter.
-      struct stat st {};
-      if (const auto foreign = foreignFormat(path)) {
-        outcome.error = *foreign;
-        outcome.canRetry = false;
-      } else if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-        outcome.error = QString::fromStdString(Localization::systemError(EISDIR));
-        outcome.canRetry = false;
-      }
-    }
-    memory->release(costMB);
-    return outcome;
-  }).then(this, [this, run, index](const Outcome& outcome) {
-    if (run->clearCount != clearCount_) {  // cleared: nothing more of it is started or shown
-      if (auto finished = std::exchange(run->onFinished, nullptr)) finished();
-      return;
-    }
-    run->buffer[index] = outcome;
-    if (run->nextToStart < run->urls.size()) startInspection(run, run->nextToStart++);
-    // A slow early file holds back the delivery of later ones, never their inspection.
-    while (true) {
-      auto it = run->buffer.find(run->nextToDeliver);
-      if (it == run->buffer.end()) break;
-      const Outcome ready = std::move(it->second);
-      run->buffer.erase(it);
-      const int delivered = run->nextToDeliver++;
-      run->onResult(delivered, run->urls[delivered], ready.decoded ? &*ready.decoded : nullptr, ready.error,
-                    ready.canRetry);
-    }
-    if (run->nextToDeliver == run->urls.size() && run->onFinished) {
-      auto finished = std::move(run->onFinished);
-      run->onFinished = nullptr;
-      finished();
-    }
-  });
+  PoolTask::run(
+      inspectPool_.get(), this,
+      [inspector, path, memory = memoryBudget_, costMB]() -> Outcome {
+        Outcome outcome;
+        try {
+          outcome.decoded = inspector(path);
+        } catch (...) {
+          outcome.error = batchdetail::describeCurrentException(
+              QString::fromStdString(ImageProcessingError::decodingFailed().description()));
+          // A file that reads but is none of the six formats is said to be so, and not retried; so
+          // is a folder, which the import does not enter.
+          struct stat st {};
+          if (const auto foreign = foreignFormat(path)) {
+            outcome.error = *foreign;
+            outcome.canRetry = false;
+          } else if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+            outcome.error = QString::fromStdString(Localization::systemError(EISDIR));
+            outcome.canRetry = false;
+          }
+        }
+        memory->release(costMB);
+        return outcome;
+      },
+      [this, run, index](const Outcome& outcome) {
+        if (run->clearCount != clearCount_) {  // cleared: nothing more of it is started or shown
+          if (auto finished = std::exchange(run->onFinished, nullptr)) finished();
+          return;
+        }
+        run->buffer[index] = outcome;
+        if (run->nextToStart < run->urls.size()) startInspection(run, run->nextToStart++);
+        // A slow early file holds back the delivery of later ones, never their inspection.
+        while (true) {
+          auto it = run->buffer.find(run->nextToDeliver);
+          if (it == run->buffer.end()) break;
+          const Outcome ready = std::move(it->second);
+          run->buffer.erase(it);
+          const int delivered = run->nextToDeliver++;
+          run->onResult(delivered, run->urls[delivered], ready.decoded ? &*ready.decoded : nullptr,
+                        ready.error, ready.canRetry);
+        }
+        if (run->nextToDeliver == run->urls.size() && run->onFinished) {
+          auto finished = std::move(run->onFinished);
+          run->onFinished = nullptr;
+          finished();
+        }
+      });
 }
 
 void BatchViewModel::recordImportFailure(const QUrl& url, const QString& message, bool canRetry) {

@@ -5,10 +5,10 @@
 
 #include <QMetaObject>
 #include <QThreadPool>
-#include <QtConcurrent/QtConcurrentRun>
 #include <atomic>
 
 #include "batch/EncodeScheduler.h"
+#include "batch/PoolTask.h"
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
 #include "engine/Cancellation.h"
@@ -47,40 +47,43 @@ void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image)
         processorSlots_->release(1);
         return;
       }
-      QtConcurrent::run(pool_.get(), [reader = options_.reader, path = alive->sourceFilePath(), result,
-                                      cancel, memory, costMB] {
-        Look look;
-        Cancellation::Scope scope(cancel.get());
-        const std::span<const uint8_t> resultBytes(reinterpret_cast<const uint8_t*>(result.constData()),
-                                                   size_t(result.size()));
-        try {
-          const std::vector<uint8_t> source = reader(path);
-          look.butteraugli = PerceptualDistance::between(source, resultBytes);
-        } catch (...) {
-          // no number rather than one that can't be trusted
-        }
-        // A newer result raising the flag during the decode ends it with Cancelled, which the
-        // preview's own fallbacks let through: caught here, or the slot and memory would never
-        // come back.
-        try {
-          if (!cancel->load()) {
-            if (auto thumbnail = ImageDecoder::loadPreview(resultBytes, ImageDecoder::kThumbnailSize))
-              look.thumbnail = std::move(*thumbnail);
-          }
-        } catch (...) {
-          // no thumbnail: the row keeps the one it has
-        }
-        memory->release(costMB);  // the work has ended, whatever becomes of its result
-        return look;
-      }).then(this, [this, weakImage, result, stale](Look look) {
-        processorSlots_->release(1);
-        QObject::disconnect(*stale);
-        auto shown = weakImage.lock();
-        // Implicit sharing: the same data pointer means the row still shows this result.
-        if (!shown || !shown->compressedData() || shown->compressedData()->constData() != result.constData())
-          return;
-        shown->setResultLook(look.butteraugli, std::move(look.thumbnail));
-      });
+      PoolTask::run(
+          pool_.get(), this,
+          [reader = options_.reader, path = alive->sourceFilePath(), result, cancel, memory, costMB] {
+            Look look;
+            Cancellation::Scope scope(cancel.get());
+            const std::span<const uint8_t> resultBytes(reinterpret_cast<const uint8_t*>(result.constData()),
+                                                       size_t(result.size()));
+            try {
+              const std::vector<uint8_t> source = reader(path);
+              look.butteraugli = PerceptualDistance::between(source, resultBytes);
+            } catch (...) {
+              // no number rather than one that can't be trusted
+            }
+            // A newer result raising the flag during the decode ends it with Cancelled, which the
+            // preview's own fallbacks let through: caught here, or the slot and memory would never
+            // come back.
+            try {
+              if (!cancel->load()) {
+                if (auto thumbnail = ImageDecoder::loadPreview(resultBytes, ImageDecoder::kThumbnailSize))
+                  look.thumbnail = std::move(*thumbnail);
+              }
+            } catch (...) {
+              // no thumbnail: the row keeps the one it has
+            }
+            memory->release(costMB);  // the work has ended, whatever becomes of its result
+            return look;
+          },
+          [this, weakImage, result, stale](Look look) {
+            processorSlots_->release(1);
+            QObject::disconnect(*stale);
+            auto shown = weakImage.lock();
+            // Implicit sharing: the same data pointer means the row still shows this result.
+            if (!shown || !shown->compressedData() ||
+                shown->compressedData()->constData() != result.constData())
+              return;
+            shown->setResultLook(look.butteraugli, std::move(look.thumbnail));
+          });
     });
   });
 }

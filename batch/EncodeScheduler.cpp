@@ -2,12 +2,12 @@
 
 #include <QPointer>
 #include <QThreadPool>
-#include <QtConcurrent/QtConcurrentRun>
 #include <algorithm>
 #include <atomic>
 #include <optional>
 
 #include "batch/BatchSupport.h"
+#include "batch/PoolTask.h"
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
 #include "engine/Cancellation.h"
@@ -186,8 +186,8 @@ void EncodeScheduler::encode(const std::shared_ptr<Task>& task, std::function<vo
   // less than the full one before it, so no preview bound of its own applies.
   const bool wantsThumbnail = image->thumbnail().empty();
   const std::string path = image->sourceFilePath();
-  QtConcurrent::run(
-      pool_.get(),
+  PoolTask::run(
+      pool_.get(), this,
       [workEnded, reader = options_.reader, encoder = options_.encoder, sizedEncoder = options_.sizedEncoder,
        sizing, path, format, quality, label, cancel, wantsThumbnail, memory = options_.memoryBudget,
        costMB = task->costMB]() -> Result {
@@ -217,8 +217,8 @@ void EncodeScheduler::encode(const std::shared_ptr<Task>& task, std::function<vo
         memory->release(costMB);
         *workEnded = true;
         return result;
-      })
-      .then(this, [race, settle](const Result& result) {
+      },
+      [race, settle](const Result& result) {
         delete race->watchdog.data();
         settle(result);
       });
@@ -258,26 +258,29 @@ void EncodeScheduler::schedulePassthrough(const std::shared_ptr<ImportedImage>& 
   tasks_[id] = task;
 
   std::weak_ptr<ImportedImage> weakImage = image;
-  QtConcurrent::run(pool_.get(), [reader = options_.reader, path = image->sourceFilePath()]() -> QByteArray {
-    try {
-      const std::vector<uint8_t> bytes = reader(path);
-      return QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
-    } catch (...) {
-      return {};
-    }
-  }).then(this, [this, weakImage, generation](const QByteArray& bytes) {
-    auto row = weakImage.lock();
-    if (!row || row->encodeGeneration_ != generation) return;
-    if (!bytes.isEmpty()) {
-      row->resultShape_.reset();
-      row->setCompressedData(bytes);
-      row->setEncodeState(EncodeState::ready(bytes.size()));
-    } else {
-      row->setEncodeState(
-          EncodeState::failed(QString::fromStdString(ImageProcessingError::decodingFailed().description())));
-    }
-    emit encodeSettled();
-  });
+  PoolTask::run(
+      pool_.get(), this,
+      [reader = options_.reader, path = image->sourceFilePath()]() -> QByteArray {
+        try {
+          const std::vector<uint8_t> bytes = reader(path);
+          return QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
+        } catch (...) {
+          return {};
+        }
+      },
+      [this, weakImage, generation](const QByteArray& bytes) {
+        auto row = weakImage.lock();
+        if (!row || row->encodeGeneration_ != generation) return;
+        if (!bytes.isEmpty()) {
+          row->resultShape_.reset();
+          row->setCompressedData(bytes);
+          row->setEncodeState(EncodeState::ready(bytes.size()));
+        } else {
+          row->setEncodeState(EncodeState::failed(
+              QString::fromStdString(ImageProcessingError::decodingFailed().description())));
+        }
+        emit encodeSettled();
+      });
 }
 
 }  // namespace quillane

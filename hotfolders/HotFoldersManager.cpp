@@ -1,10 +1,10 @@
 #include "hotfolders/HotFoldersManager.h"
 
 #include <QDateTime>
-#include <QtConcurrent/QtConcurrentRun>
 #include <algorithm>
 #include <utility>
 
+#include "batch/PoolTask.h"
 #include "engine/Errors.h"
 #include "engine/Localization.h"
 #include "hotfolders/HotFolderProcessedStore.h"
@@ -116,7 +116,7 @@ QFuture<void> HotFoldersManager::applyWatchers() {
   unstartedHotFolderIDs_.intersect(enabledIDs);
 
   const int generation = ++checkGeneration_;
-  QFuture<std::map<QUuid, QString>> checked = QtConcurrent::run(&checks_, [enabled] {
+  auto check = [enabled] {
     try {
       return HotFolders::refusals(enabled);
     } catch (...) {
@@ -126,8 +126,8 @@ QFuture<void> HotFoldersManager::applyWatchers() {
       for (const HotFolder& folder : enabled) all[folder.id] = QString::fromStdString(genericErrorText());
       return all;
     }
-  });
-  return checked.then(this, [this, generation](const std::map<QUuid, QString>& refusals) {
+  };
+  return PoolTask::run(&checks_, this, check, [this, generation](const std::map<QUuid, QString>& refusals) {
     if (generation == checkGeneration_) applyChecked(refusals);
   });
 }

@@ -1,4 +1,5 @@
 // The encode scheduler: debounce, budgets, watchdog, generations, passthrough.
+#include "batch/PoolTask.h"
 #include "budget/CompressionBudget.h"
 #include "tests/batch/batch_test_support.h"
 #include "tests/support/CodecFixtures.h"
@@ -149,6 +150,36 @@ TEST_F(SchedulerTest, AnimatedSourceInItsOwnFormatPassesThroughAndOutranksAnOlde
   model.setQuality(10);  // quality does not apply to a passthrough
   ASSERT_TRUE(waitIdle());
   EXPECT_EQ(calls().size(), 1u);
+}
+
+// Pool work comes back once, on the context's thread, however fast it ends (the continuation is in
+// place before the work is queued); an exception reaches the returned future and skips `done`.
+TEST(PoolTask, ResultsComeBackOnceOnTheContextsThreadAndExceptionsReachTheFuture) {
+  QThreadPool pool;
+  QObject context;
+  int calls = 0, sum = 0;
+  std::vector<QFuture<int>> doubled;
+  doubled.reserve(500);
+  for (int i = 0; i < 500; ++i)
+    doubled.push_back(PoolTask::run(
+        &pool, &context, [i] { return i; },
+        [&](int value) {
+          EXPECT_EQ(QThread::currentThread(), context.thread());
+          ++calls, sum += value;
+          return value * 2;
+        }));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return calls == 500; }, 10000)) << calls;
+  pool.waitForDone();
+  QCoreApplication::processEvents();
+  EXPECT_EQ(calls, 500);
+  EXPECT_EQ(sum, 500 * 499 / 2);
+  EXPECT_EQ(doubled[7].result(), 14);
+
+  QFuture<void> failed = PoolTask::run(
+      &pool, &context, []() -> int { throw std::runtime_error("no"); }, [&](int) { ++calls; });
+  ASSERT_TRUE(QTest::qWaitFor([&] { return failed.isFinished(); }, 10000));
+  EXPECT_THROW(failed.waitForFinished(), std::runtime_error);
+  EXPECT_EQ(calls, 500);
 }
 
 }  // namespace
