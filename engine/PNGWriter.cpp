@@ -17,6 +17,11 @@ namespace {
 // than it saves bytes, so the default level takes over.
 constexpr size_t kBestLevelLimit = 2'097'152;
 
+// Up to this many pixels a palette's indices are also deflated a byte each, in case that comes
+// out smaller than packed: above it, zlib's best level on few distinct bytes takes too long (a
+// two-colour 1.6 MP picture took a second more).
+constexpr size_t kIndexTrialPixels = 524'288;
+
 // The score counts each filtered byte as a signed value without its sign, the usual
 // "minimum sum of absolute differences" heuristic.
 inline int64_t byteScore(uint8_t v) { return v < 128 ? v : 256 - v; }
@@ -55,7 +60,7 @@ void appendIHDR(Bytes& data, int width, int height, uint8_t colourType, uint8_t 
   appendUInt32BE(payload, uint32_t(width));
   appendUInt32BE(payload, uint32_t(height));
   payload.push_back(bitDepth);
-  payload.push_back(colourType);  // 2 RGB, 3 palette, 6 RGBA
+  payload.push_back(colourType);  // 0 grey, 2 RGB, 3 palette, 4 grey and alpha, 6 RGBA
   payload.push_back(0);           // compression method
   payload.push_back(0);           // filter method
   payload.push_back(0);           // no interlace
@@ -122,8 +127,8 @@ Bytes writeIndexedPNG(int width, int height, std::span<const uint8_t> indices,
         ordered.push_back(palette[i]);
       }
   // An index takes the fewest bits its palette allows, several to a byte: most flat pictures
-  // have a few colours, and fewer bytes usually deflate to fewer. Not always: up to the size that
-  // gets zlib's best level, a byte a pixel competes, and the smaller stream is written.
+  // have a few colours, and fewer bytes usually deflate to fewer. Not always: up to
+  // kIndexTrialPixels, a byte a pixel competes, and the smaller stream is written.
   const auto deflated = [&](uint8_t depth) {
     const size_t w = size_t(width), h = size_t(height), perByte = 8 / depth;
     const size_t rowBytes = (w + perByte - 1) / perByte;
@@ -138,7 +143,7 @@ Bytes writeIndexedPNG(int width, int height, std::span<const uint8_t> indices,
   };
   uint8_t depth = ordered.size() <= 2 ? 1 : ordered.size() <= 4 ? 2 : ordered.size() <= 16 ? 4 : 8;
   Bytes idat = deflated(depth);
-  if (depth < 8 && size_t(width) * size_t(height) <= kBestLevelLimit / 4)
+  if (depth < 8 && size_t(width) * size_t(height) <= kIndexTrialPixels)
     if (Bytes bytewise = deflated(8); bytewise.size() < idat.size()) idat = std::move(bytewise), depth = 8;
 
   Bytes file(pngSignature.begin(), pngSignature.end());
