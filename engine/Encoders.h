@@ -75,10 +75,13 @@ namespace PNGQuantEncoder {
 // Palette PNG through libimagequant, falling back to encodeLossless; encodeLossless alone when
 // the plan prefers lossless.
 Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan);
-// The palette path alone (also the plan's lossy alternative): from quality 50, a picture of at
+// The palette path alone: from quality 50, a picture of at
 // most 256 colours gets its own palette, exactly; libimagequant quantizes the others. Throws
 // encodingFailed("PNG").
 Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan);
+// The lossy competitor of a lossless PNG: libimagequant's palette, or nothing (no bytes) where
+// the picture has one of its own, which encodeLossless has tried already.
+Bytes encodeLossyAlternative(const RGBABuffer& rgba, const EncodingPlan& plan);
 // Lossless PNG: truecolour with a filter chosen per row, or the picture's own palette where it
 // has at most 256 colours and that is smaller. Throws ZlibError.
 Bytes encodeLossless(const RGBABuffer& rgba, const EncodingPlan& plan);

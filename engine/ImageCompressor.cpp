@@ -55,7 +55,8 @@ struct Pictures {
 };
 
 // One encoding of the plan, with `mode` as the plan's mode (the main encoding or the
-// alternative). For PNG the lossy alternative is the palette as if lossless weren't preferred.
+// alternative). For PNG the lossy alternative is a quantized palette, or nothing where the
+// lossless encoding has tried the picture's own.
 // The `last` encoding of the plan consumes the picture where its encoder can (JPEG, HEIC,
 // AVIF, JPEG XL): its memory goes back as the library takes its own copy.
 Bytes encodeOnce(Pictures& pictures, ImageFormat format, const EncodingPlan& plan,
@@ -80,9 +81,7 @@ Bytes encodeOnce(Pictures& pictures, ImageFormat format, const EncodingPlan& pla
       if (!alternative) return PNGQuantEncoder::encode(pictures.rgba, plan);
       if (mode.kind == EncodingPlan::Mode::Kind::lossless)
         return PNGQuantEncoder::encodeLossless(pictures.rgba, plan);
-      p = plan;
-      p.prefersLossless = false;
-      return PNGQuantEncoder::encode(pictures.rgba, p);
+      return PNGQuantEncoder::encodeLossyAlternative(pictures.rgba, plan);
   }
   throw ImageProcessingError::encodingFailed(std::string(ImageFormats::label(format)), "unknown format");
 }
@@ -378,7 +377,7 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
     } catch (const std::exception&) {
       return main;  // a failed competitor leaves the main encoding standing
     }
-    return second.size() < main.size() ? second : main;
+    return !second.empty() && second.size() < main.size() ? second : main;
   };
 
   const auto budget = uint64_t(std::max<int64_t>(options.maxBytes, 0));

@@ -189,23 +189,18 @@ Bytes paletteOrTruecolour(const RGBABuffer& rgba, const EncodingPlan& plan, Quan
   return indexed.size() <= truecolour.size() ? indexed : truecolour;
 }
 
-}  // namespace
+// Below this quality libimagequant may still merge colours, so that a byte budget can shrink a
+// picture of few colours.
+constexpr double kExactPaletteQuality = 50;
 
-Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
+void checkSize(const RGBABuffer& rgba) {
   // Width and height are ints already, so they fit libimagequant's signed 32-bit sizes.
   if (rgba.width <= 0 || rgba.height <= 0 ||
       rgba.pixels.size() < size_t(rgba.width) * size_t(rgba.height) * 4)
     throw pngFailed("size check");
-  // Below this quality libimagequant may still merge colours, so that a byte budget can
-  // shrink such a picture.
-  constexpr double kExactPaletteQuality = 50;
-  if (std::optional<Quantized> exact =
-          plan.quality >= kExactPaletteQuality ? exactPalette(rgba) : std::nullopt) {
-    // Exact either way: a grey photograph's filtered grey takes far fewer bytes than its palette.
-    if (isGrey(rgba)) return paletteOrTruecolour(rgba, plan, std::move(*exact));
-    return PNGWriter::writeIndexedPNG(rgba.width, rgba.height, exact->indices, exact->palette,
-                                      ColorProfile::embeddableICC(rgba.colorSpace));
-  }
+}
+
+Bytes quantizedPalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
   LiqAttrPtr attr(liq_attr_create());
   if (!attr) throw pngFailed("liq_attr_create");
   // A minimum of 0 means libimagequant never refuses an image for missing the target.
@@ -217,6 +212,26 @@ Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
   const Quantized q = quantize(attr.get(), rgba.pixels.data(), rgba.width, rgba.height, plan.dithering);
   return PNGWriter::writeIndexedPNG(rgba.width, rgba.height, q.indices, q.palette,
                                     ColorProfile::embeddableICC(rgba.colorSpace));
+}
+
+}  // namespace
+
+Bytes encodePalette(const RGBABuffer& rgba, const EncodingPlan& plan) {
+  checkSize(rgba);
+  if (std::optional<Quantized> exact =
+          plan.quality >= kExactPaletteQuality ? exactPalette(rgba) : std::nullopt) {
+    // Exact either way: a grey photograph's filtered grey takes far fewer bytes than its palette.
+    if (isGrey(rgba)) return paletteOrTruecolour(rgba, plan, std::move(*exact));
+    return PNGWriter::writeIndexedPNG(rgba.width, rgba.height, exact->indices, exact->palette,
+                                      ColorProfile::embeddableICC(rgba.colorSpace));
+  }
+  return quantizedPalette(rgba, plan);
+}
+
+Bytes encodeLossyAlternative(const RGBABuffer& rgba, const EncodingPlan& plan) {
+  checkSize(rgba);
+  if (plan.quality >= kExactPaletteQuality && exactPalette(rgba)) return {};
+  return quantizedPalette(rgba, plan);
 }
 
 Bytes encode(const RGBABuffer& rgba, const EncodingPlan& plan) {

@@ -116,6 +116,10 @@ TEST(EncodeData, GraphicIsTheSmallerOfItsLossyAndLosslessEncodings) {
                   EncodingStrategy::losslessWebPJudgedQuickly(characteristics) == gradient);
       EXPECT_EQ(encodeData(fixtures::png(picture), format, 90).size(), std::min(size(lossy), size(lossless)));
     }
+  // A PNG of few colours at 95 is its lossless palette: the lossy competitor has nothing to add.
+  const DecodedImage logo = makeImage(64, 64, Pattern::flatLogo, 1, true);
+  EXPECT_EQ(ImageService::decodeFirstFrame(encodeData(fixtures::png(logo), ImageFormat::png, 95)).pixels8,
+            RGBABuffer(logo).pixels);
 }
 
 // Written under the source's name or the given one, replacing an old file; with skipLarger, the

@@ -122,6 +122,8 @@ TEST(PngLossless, FewColoursTakeThePaletteUnlessTruecolourOrGreyIsSmaller) {
   const Bytes file = PNGQuantEncoder::encodeLossless(logo, makePlan(Mode::lossless()));
   EXPECT_EQ(file[25], 3);  // colour type: palette
   EXPECT_EQ(decodePNG(file), logo.pixels);
+  EXPECT_TRUE(PNGQuantEncoder::encodeLossyAlternative(logo, makePlan(Mode::lossy(95))).empty())
+      << "as the lossless file's competitor, the palette path would only repeat its palette";
 
   RGBABuffer ramp = makeBuffer(1024, 64, Pattern::photo);
   for (size_t i = 0; i < ramp.pixels.size(); ++i)
@@ -142,6 +144,7 @@ TEST(PngLossless, FewColoursTakeThePaletteUnlessTruecolourOrGreyIsSmaller) {
   const Bytes translucent = PNGQuantEncoder::encodeLossless(ramp, makePlan(Mode::lossless()));
   EXPECT_EQ(translucent[25], 4);
   EXPECT_EQ(decodePNG(translucent), ramp.pixels);
+  EXPECT_EQ(PNGQuantEncoder::encodeLossyAlternative(ramp, makePlan(Mode::lossy(95)))[25], 3) << "quantized";
 }
 
 // Whether the mode and the alpha plane's quality are honoured, the round trips below show.
