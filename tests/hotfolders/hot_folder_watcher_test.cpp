@@ -323,6 +323,25 @@ TEST_F(HotFolderWatcherTest, OnlyTheFoldersOwnOutputsAreReplacedAndNoneIsTakenBa
   ASSERT_EQ(::link(pathOf("userfile-3.jpg", destination_).c_str(), pathOf("linked.jpg").c_str()), 0);
   watcher->scanOnce();
   EXPECT_EQ(reports_.lines().size(), 3u);
+
+  // Nor one that arrives while the scan runs, under a name given out and not yet written: at
+  // the first line, the last file has not started.
+  const int count = HotFolderWatcher::concurrencyLimit() + 1;
+  for (int i = 0; i < count; ++i) putImage(QStringLiteral("late%1.png").arg(i), i);
+  const std::string late = pathOf(QStringLiteral("late%1.jpg").arg(count - 1), destination_);
+  watcher->onActivity = [&, report = watcher->onActivity](const HotFolderActivity& line) {
+    if (::access(late.c_str(), F_OK) != 0) writeBytes(late, {'m', 'i', 'n', 'e'});
+    report(line);
+  };
+  watcher->scanOnce();
+  EXPECT_EQ(readBytes(late), (std::vector<uint8_t>{'m', 'i', 'n', 'e'}));
+  const QString written = QStringLiteral("late%1-2.jpg").arg(count - 1);
+  EXPECT_TRUE(QFileInfo::exists(destination_ + '/' + written));
+  EXPECT_EQ(memory(hotFolder)
+                .value(QStringLiteral("late%1.png").arg(count - 1))
+                .output.value_or(HotFolderProcessedEntry::Output{})
+                .name,
+            written);
 }
 
 // A writer that pauses with its file open, or a file cut short before the watch began, is not
