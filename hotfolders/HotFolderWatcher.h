@@ -156,8 +156,8 @@ class HotFolderWatcher {
   std::unique_ptr<QThread> thread_;
   Loop* loop_;  // lives on thread_; deleted once thread_ has ended
 
-  // Names of the files written and not closed since the watch began, as inotify tells; the
-  // watcher's thread reads its events first when it asks.
+  // Names of the files written and not closed since the watch began (or since events were
+  // lost), as inotify tells; the watcher's thread reads its events first when it asks.
   std::set<std::string> namesBeingWritten();
 
   mutable Mutex stateLock_;  // never held across a call out
