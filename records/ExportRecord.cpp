@@ -22,12 +22,22 @@ double now() {
   return sinceEpoch - double(JsonForms::secondsFrom1970To2001);
 }
 
+namespace {
+// The file a destination names. Two URLs of one path may escape different characters: the
+// batch's names have "(" or "+" percent-encoded, a file dialog's URL keeps them as they are.
+QByteArray fileOf(const QUrl& url) {
+  if (!url.isLocalFile()) return url.toEncoded();
+  return QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1());
+}
+}  // namespace
+
 bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& record) {
   // The list is newest first: of two exports within one clock tick, the earlier entry is the later export.
   const auto self =
       std::find_if(history.begin(), history.end(), [&](const auto& e) { return e.id == record.id; });
+  const QByteArray file = fileOf(record.destinationURL);
   for (auto it = history.begin(); it != history.end(); ++it) {
-    if (it->id == record.id || it->destinationURL != record.destinationURL) continue;
+    if (it->id == record.id || fileOf(it->destinationURL) != file) continue;
     if (it->date > record.date || (it->date == record.date && it < self)) return true;
   }
   return false;
