@@ -182,9 +182,15 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
         if (allocator.isInput(path)) {
           const size_t dot = name.rfind('.');
           const bool extension = dot != std::string::npos && dot > 0;
-          destination = localFileURL(folder + '/' +
-                                     allocator.filename(extension ? name.substr(0, dot) : name,
-                                                        extension ? name.substr(dot + 1) : std::string()));
+          const std::string base = extension ? name.substr(0, dot) : name;
+          const std::string suffix = extension ? name.substr(dot + 1) : std::string();
+          // A free name: the user agreed to replace the source's name, not whatever is beside it.
+          std::string beside;
+          struct stat st {};
+          do {
+            beside = folder + '/' + allocator.filename(base, suffix);
+          } while (::lstat(beside.c_str(), &st) == 0);
+          destination = localFileURL(beside);
         }
       }
       result.destination = destination;

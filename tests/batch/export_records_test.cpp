@@ -73,11 +73,13 @@ TEST_F(ExportTest, ExportNeverReplacesASourceOrAHardLinkToItAndReplacesOtherFile
       << "a hard link to a source is that source";
   EXPECT_EQ(contentOf(outFolder() + "/a.jpg"), "source");
 
-  // A single export onto a source goes beside it, and the row tells where; onto another file, it
-  // replaces it whole, and saved while a new quality is encoded, with that result.
+  // A single export onto a source goes beside it, to a free name, and the row tells where; onto
+  // another file, it replaces it whole, and saved while a new quality is encoded, with that result.
+  source("c-2.png", "user's");
   ASSERT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(dir_.filePath("c.png")))));
-  EXPECT_EQ(model.images()[0]->lastExportDestination(), QUrl::fromLocalFile(dir_.filePath("c-2.png")));
+  EXPECT_EQ(model.images()[0]->lastExportDestination(), QUrl::fromLocalFile(dir_.filePath("c-3.png")));
   EXPECT_EQ(contentOf(dir_.filePath("c.png")), "source");
+  EXPECT_EQ(contentOf(dir_.filePath("c-2.png")), "user's");
   const QString other = outFolder() + "/other.jpg";
   writeBytes(other.toStdString(), std::vector<uint8_t>(5000, 'o'));
   model.setQuality(40);
