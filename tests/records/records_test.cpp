@@ -237,7 +237,7 @@ double utc(const char* iso) {
 
 ExportRecord record(const char* id, const char* destination, const char* iso) {
   const QUrl url = QUrl::fromLocalFile(QString::fromUtf8(destination));
-  return {QUuid::fromString(QString::fromLatin1(id)), "a.png", url, ImageFormat::heic, 1234, utc(iso)};
+  return {QUuid::fromString(QString::fromLatin1(id)), "a.png", url, ImageFormat::heic, 1234, utc(iso), {}};
 }
 
 TEST(ExportRecordJSON, WritesTheStoredFormsWithDatesFrom2001) {
