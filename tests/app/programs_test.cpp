@@ -462,10 +462,12 @@ TEST_F(DesktopBus, ASecondLaunchAndTheAPIFeedOneBatchThatARestartFindsAgainAndQu
 TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutcome) {
   const QString a = image("a.png");
   image("sub/c.jpg");
-  ASSERT_TRUE(QFile::copy(a, path("in/sub/c-2.jpg")));  // someone else's file of that name
+  ASSERT_TRUE(QFile::copy(a, path("in/sub/c-2.jpg")));      // someone else's file of that name
+  ASSERT_TRUE(QFile::link("moved.jpg", path("in/a.jpg")));  // and their link that leads nowhere
   testing::ProgramRun alone = run({"--compress", "in/a.png", "in/sub/c.jpg"}, environment("data", false));
   EXPECT_EQ(alone.exitCode, 0) << alone.err.toStdString();
-  EXPECT_EQ(alone.out, (path("in/a.jpg") + "\n" + path("in/sub/c-3.jpg") + "\n").toUtf8());
+  EXPECT_EQ(alone.out, (path("in/a-2.jpg") + "\n" + path("in/sub/c-3.jpg") + "\n").toUtf8());
+  EXPECT_EQ(QFileInfo(path("in/a.jpg")).symLinkTarget(), path("in/moved.jpg"));
   EXPECT_EQ(entries("in/sub"), QStringList({"c-2.jpg", "c-3.jpg", "c.jpg"}));
   EXPECT_EQ(testing::fileStart(path("in/sub/c-2.jpg")), "\x89PNG");  // still theirs
   EXPECT_TRUE(alone.err.contains("Images compressées enregistrées dans")) << alone.err.toStdString();
