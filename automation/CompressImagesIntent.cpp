@@ -232,8 +232,10 @@ QStringList CompressImagesIntent::perform(const std::function<bool()>& callerGon
     // The name in bytes, so that one that is not UTF-8 keeps them.
     const std::string base = source.filename().stem().string();
     std::string name = allocator->second.filename(base, std::string(extension));
-    // Beside the sources nothing is replaced: a name already taken on disk is passed over.
-    while (besideSources && std::filesystem::exists(std::filesystem::path(folder) / name))
+    // Beside the sources nothing is replaced: a name already taken on disk is passed over, a
+    // link that leads nowhere too (the entry is the user's, whatever it points at).
+    while (besideSources && std::filesystem::exists(
+                                std::filesystem::symlink_status(std::filesystem::path(folder) / name, error)))
       name = allocator->second.filename(base, std::string(extension));
     const CompressionBudget::Claim claim = CompressionBudget::process().claim(
         CompressionCost::fileCostMB(path, resolved.format, resolved.quality));

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -191,8 +192,45 @@ unsigned permissionsFor(const std::string& source) {
   return 0600 | (unsigned(st.st_mode) & 066);
 }
 
+namespace {
+
+// The writes under way, and whether the process is ending (see stopWritesForExit).
+Mutex writesMutex;
+std::condition_variable_any writesChanged;
+int writesUnderWay GUARDED_BY(writesMutex) = 0;
+bool writesStopped GUARDED_BY(writesMutex) = false;
+
+// Counts one write from before its temporary exists to after its rename; waits for good once
+// the process is ending.
+class WriteUnderWay {
+ public:
+  WriteUnderWay() {
+    MutexLock lock(writesMutex);
+    while (writesStopped) writesChanged.wait(writesMutex);
+    ++writesUnderWay;
+  }
+  ~WriteUnderWay() {
+    {
+      MutexLock lock(writesMutex);
+      --writesUnderWay;
+    }
+    writesChanged.notify_all();
+  }
+  WriteUnderWay(const WriteUnderWay&) = delete;
+  WriteUnderWay& operator=(const WriteUnderWay&) = delete;
+};
+
+}  // namespace
+
+void stopWritesForExit() {
+  MutexLock lock(writesMutex);
+  writesStopped = true;
+  while (writesUnderWay > 0) writesChanged.wait(writesMutex);
+}
+
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, unsigned permissions,
                          const ReplaceCheck& mayReplace) {
+  const WriteUnderWay underWay;
   const std::string folder = folderOf(path);
   auto failIn = [&](const std::string& place, int err) {
     throw WriteError(path, place, Localization::systemError(err));

@@ -75,6 +75,12 @@ using ReplaceCheck = std::function<bool(const struct stat& existing)>;
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, unsigned permissions = 0666,
                          const ReplaceCheck& mayReplace = {});
 
+// For a process about to end (a signal, a quit): waits for the writes under way to finish,
+// each leaving its whole file under its name or nothing, and holds every later one back for
+// good, so that ending then leaves no temporary in a user's folder. Any thread but one that
+// is writing.
+void stopWritesForExit();
+
 // Opens /dev/null on each of the standard descriptors 0, 1 and 2 that the program was started
 // without (`prog 2>&-`), so that no descriptor opened later (a bus connection, a file being
 // read or written) takes that number, to be written to as standard output or swapped for

@@ -4,7 +4,9 @@
 // test (so that tests side by side never meet on one name; the bus starts it from the build's
 // activation file): Compress called from here, a second launch handing its files over, the local API
 // across a restart, and `quillane --compress` through a running instance or alone.
+#include <poll.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <QDBusConnectionInterface>
@@ -138,6 +140,27 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
   ProgramRun blocked = run({"compress", "in/odd.png", "--to", "in/odd.png/sub"});
   EXPECT_EQ(blocked.exitCode, 6);
   EXPECT_TRUE(blocked.err.startsWith("in/odd.png/sub: ")) << blocked.err.toStdString();
+}
+
+// Ctrl+C in the middle of a write ends the tool as the signal does, once that file is whole under its name:
+// no temporary is left in the folder.
+TEST_F(CommandLineTool, InterruptedWhileWritingItLeavesTheWholeFileAndNoTemporary) {
+  testing::writeBytes(path("in/noise.png").toStdString(),
+                      fixtures::png(testing::makeImage(3000, 2000, testing::Pattern::noisyPhoto)));
+  ASSERT_TRUE(QDir(dir_.path()).mkdir("out"));
+  const int watch = ::inotify_init1(IN_CLOEXEC);
+  ASSERT_GE(::inotify_add_watch(watch, QFile::encodeName(path("out")).constData(), IN_CREATE), 0);
+  QProcess tool;
+  tool.setProcessEnvironment(testing::sandboxEnvironment(dir_.path()));
+  tool.setWorkingDirectory(dir_.path());
+  tool.start(program_, {"compress", "in/noise.png", "--format", "png", "--quality", "100", "--to", "out"});
+  pollfd ready{watch, POLLIN, 0};
+  ASSERT_EQ(::poll(&ready, 1, 120000), 1) << "nothing was written";
+  ::kill(pid_t(tool.processId()), SIGINT);  // the temporary exists: the write is under way
+  ::close(watch);
+  ASSERT_TRUE(tool.waitForFinished(60000));
+  EXPECT_EQ(tool.exitStatus(), QProcess::CrashExit);
+  EXPECT_EQ(QDir(path("out")).entryList(QDir::Files | QDir::Hidden), QStringList{"noise.png"});
 }
 
 TEST_F(CommandLineTool, InspectAndAnalyzeDescribeEachFileInOrder) {
@@ -462,10 +485,12 @@ TEST_F(DesktopBus, ASecondLaunchAndTheAPIFeedOneBatchThatARestartFindsAgainAndQu
 TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutcome) {
   const QString a = image("a.png");
   image("sub/c.jpg");
-  ASSERT_TRUE(QFile::copy(a, path("in/sub/c-2.jpg")));  // someone else's file of that name
+  ASSERT_TRUE(QFile::copy(a, path("in/sub/c-2.jpg")));      // someone else's file of that name
+  ASSERT_TRUE(QFile::link("moved.jpg", path("in/a.jpg")));  // and their link that leads nowhere
   testing::ProgramRun alone = run({"--compress", "in/a.png", "in/sub/c.jpg"}, environment("data", false));
   EXPECT_EQ(alone.exitCode, 0) << alone.err.toStdString();
-  EXPECT_EQ(alone.out, (path("in/a.jpg") + "\n" + path("in/sub/c-3.jpg") + "\n").toUtf8());
+  EXPECT_EQ(alone.out, (path("in/a-2.jpg") + "\n" + path("in/sub/c-3.jpg") + "\n").toUtf8());
+  EXPECT_EQ(QFileInfo(path("in/a.jpg")).symLinkTarget(), path("in/moved.jpg"));
   EXPECT_EQ(entries("in/sub"), QStringList({"c-2.jpg", "c-3.jpg", "c.jpg"}));
   EXPECT_EQ(testing::fileStart(path("in/sub/c-2.jpg")), "\x89PNG");  // still theirs
   EXPECT_TRUE(alone.err.contains("Images compressées enregistrées dans")) << alone.err.toStdString();
