@@ -41,6 +41,7 @@
 #include "app/gui/StartupNotification.h"
 #include "automation/QuillaneBusClient.h"
 #include "automation/QuillaneBusService.h"
+#include "automation/TerminationSignals.h"
 #include "engine/FileIO.h"
 #include "services/BaseDirectories.h"
 #include "services/LanguageManager.h"
@@ -147,6 +148,7 @@ std::optional<int> runWithoutWindow(const quillane::LaunchArguments& arguments, 
   }
 
   if (arguments.mode == Mode::compress) {
+    quillane::TerminationSignals::endOnceWritesAreWhole();
     // No window and no display needed.
     QCoreApplication application(argc, argv);
     quillane::QuillaneApp::describeApplication();

@@ -518,6 +518,17 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
   EXPECT_EQ(entries("in/sub"), QStringList({"c-2.jpg", "c-3.jpg", "c.jpg"}));
   EXPECT_EQ(testing::fileStart(path("in/sub/c-2.jpg")), "\x89PNG");  // still theirs
   EXPECT_TRUE(alone.err.contains("Images compressées enregistrées dans")) << alone.err.toStdString();
+  // Ctrl+C in the middle of a write ends it once that file is whole: no temporary is left behind.
+  writeNoise(path("in/noise.png"));
+  testing::saveDefaultProfile(path("lossless"), "png", path("out"), 100);
+  QProcess interrupted;
+  interrupted.setProcessEnvironment(environment("lossless", false));
+  ASSERT_TRUE(startAndAwaitAWrite(path("out"), [&] {
+    interrupted.start(program_, {"--compress", path("in/noise.png")});
+  }));
+  ::kill(pid_t(interrupted.processId()), SIGINT);
+  ASSERT_TRUE(interrupted.waitForFinished(60000));
+  EXPECT_EQ(entries("out"), QStringList{"noise.png"});
 
   testing::saveDefaultProfile(path("instanceData"), "webp", path("viaInstance"));
   startInstance({"--service"}, environment("instanceData"), true);
