@@ -19,15 +19,17 @@ namespace quillane {
 namespace {
 
 // The atomic write of `data` to `url`, on the worker thread, no more readable than `source`.
-// `replaced` tells whether a file of that name was there before.
+// `replaced` tells whether a file of that name was there before, `file` what was written.
 std::optional<QString> write(const QUrl& url, const QByteArray& data, const std::string& source,
-                             bool& replaced) {
+                             bool& replaced, std::optional<ExportedFile>& file) {
   const std::string path = localFilePath(url);
   if (path.empty())
     return QString::fromStdString(FileError(url.toString().toStdString(), "not a local file").description());
-  struct stat before {};
-  replaced = ::lstat(path.c_str(), &before) == 0;
-  return batchdetail::writeFileAtomically(path, data, FileIO::permissionsFor(source));
+  struct stat st {};
+  replaced = ::lstat(path.c_str(), &st) == 0;
+  std::optional<QString> error = batchdetail::writeFileAtomically(path, data, FileIO::permissionsFor(source));
+  if (!error && ::lstat(path.c_str(), &st) == 0) file = ExportHistory::exportedFile(st);
+  return error;
 }
 
 // The source's file name without its extension, in the file system's bytes.
@@ -71,7 +73,7 @@ void BatchExporter::apply(const std::shared_ptr<ImportedImage>& image, const Fil
     summary.addFailure(result.error.value_or(genericError()));
     return;
   }
-  written.push_back({image, *result.destination, size, format});
+  written.push_back({image, *result.destination, size, format, result.file});
   ++summary.writtenCount;
   summary.bytesSaved += image->originalSizeBytes() - size;
   summary.written.append(*result.destination);
@@ -115,8 +117,8 @@ QFuture<std::vector<ExportOutcome>> BatchExporter::exportAll(
       for (size_t i = 0; i < items.size(); ++i) {
         if (!items[i].data || items[i].keptOriginal) continue;
         results[i].destination = destinationFor(allocator.filename(items[i].baseName, extension));
-        results[i].error =
-            write(*results[i].destination, *items[i].data, items[i].source, results[i].replaced);
+        results[i].error = write(*results[i].destination, *items[i].data, items[i].source,
+                                 results[i].replaced, results[i].file);
       }
     } catch (...) {
       // Out of memory or worse: every file not yet written fails, and the program goes on.
@@ -182,13 +184,19 @@ QFuture<bool> BatchExporter::exportSingle(const std::shared_ptr<ImportedImage>& 
         if (allocator.isInput(path)) {
           const size_t dot = name.rfind('.');
           const bool extension = dot != std::string::npos && dot > 0;
-          destination = localFileURL(folder + '/' +
-                                     allocator.filename(extension ? name.substr(0, dot) : name,
-                                                        extension ? name.substr(dot + 1) : std::string()));
+          const std::string base = extension ? name.substr(0, dot) : name;
+          const std::string suffix = extension ? name.substr(dot + 1) : std::string();
+          // A free name: the user agreed to replace the source's name, not whatever is beside it.
+          std::string beside;
+          struct stat st {};
+          do {
+            beside = folder + '/' + allocator.filename(base, suffix);
+          } while (::lstat(beside.c_str(), &st) == 0);
+          destination = localFileURL(beside);
         }
       }
       result.destination = destination;
-      result.error = write(destination, data, source, result.replaced);
+      result.error = write(destination, data, source, result.replaced, result.file);
     } catch (...) {
       result.error = genericError();
     }
@@ -201,9 +209,10 @@ QFuture<bool> BatchExporter::writeExport(const std::shared_ptr<ImportedImage>& i
                                          const QUrl& url, ImageFormat format) {
   if (!image) return QtFuture::makeReadyFuture(false);
   auto job = [url, data, source = image->sourceFilePath()] {
-    FileResult result{url, std::nullopt};
+    FileResult result;
+    result.destination = url;
     try {
-      result.error = write(url, data, source, result.replaced);
+      result.error = write(url, data, source, result.replaced, result.file);
     } catch (...) {
       result.error = genericError();
     }

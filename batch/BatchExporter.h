@@ -27,6 +27,7 @@
 
 #include "batch/ImportedImage.h"
 #include "engine/ImageFormat.h"
+#include "records/ExportRecord.h"
 
 class QThreadPool;
 
@@ -66,6 +67,7 @@ class BatchExporter : public QObject {
     QUrl destination;
     qint64 sizeBytes = 0;
     ImageFormat format = ImageFormat::jpeg;
+    std::optional<ExportedFile> file;  // as the write left it
   };
   // Called on the GUI thread once per job that wrote something, files in the order written.
   using Recorder = std::function<void(const std::vector<Written>&)>;
@@ -107,7 +109,8 @@ class BatchExporter : public QObject {
   struct FileResult {
     std::optional<QUrl> destination;  // set when a write was attempted
     std::optional<QString> error;
-    bool replaced = false;  // a file of that name was there before the write
+    bool replaced = false;             // a file of that name was there before the write
+    std::optional<ExportedFile> file;  // the file written
   };
   // Sets the row's export state from `result`; a success goes into `written` and `summary`.
   static void apply(const std::shared_ptr<ImportedImage>& image, const FileResult& result, qint64 size,

@@ -74,6 +74,7 @@ void BatchViewModel::recordExports(const std::vector<BatchExporter::Written>& wr
     record.format = file.format;
     record.sizeBytes = file.sizeBytes;
     record.date = ExportHistory::now();
+    record.file = file.file;
     history.insert(history.begin(), std::move(record));
   }
   setExportHistory(std::move(history));
@@ -107,18 +108,21 @@ int removalError(const std::string& path) {
 }  // namespace
 
 void BatchViewModel::undoExport(const ExportRecord& record) {
-  // A superseded record's file belongs to the newer export: only the record goes.
+  // A superseded record's file belongs to the newer export, and one changed or put in its place
+  // since to the user: only the record goes.
   if (!isRecordSuperseded(record)) {
     const std::string path = localFilePath(record.destinationURL);
     const QString name = QFile::decodeName(QByteArray::fromStdString(path));
     struct stat st {};
-    if (!path.empty() && ::lstat(path.c_str(), &st) == 0) {
+    const bool exists = !path.empty() && ::lstat(path.c_str(), &st) == 0;
+    const bool folder = exists && S_ISDIR(st.st_mode);
+    const bool written = !record.file || *record.file == ExportHistory::exportedFile(st);
+    if (folder || (exists && written)) {
       // To the desktop's Trash, not deleted: an undo of an export can itself be taken back
       // from the file manager. A name that is not UTF-8 can't be handed to Qt's Trash: that
       // file is deleted by its bytes.
       // A folder in its place is not what was exported: it stays where it is.
       QFile file(name);
-      const bool folder = S_ISDIR(st.st_mode);
       const bool qtCanNameIt = QFile::encodeName(name).toStdString() == path;
       int failure = folder ? EISDIR : 0;
       if (!folder && !(qtCanNameIt ? moveToTrash(file) : ::unlink(path.c_str()) == 0))

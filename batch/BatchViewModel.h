@@ -234,8 +234,9 @@ class BatchViewModel : public QObject {
   const ExportRecordList& exportHistory() const { return exportHistory_; }
   // True when another record has the same destination and a strictly later date.
   bool isRecordSuperseded(const ExportRecord& record) const;
-  // Moves the record's file to the desktop's Trash (unless a later export owns it) and removes
-  // the record. A failed move sets exportError and keeps the record.
+  // Moves the record's file to the desktop's Trash (unless a later export owns it, or it was
+  // changed or replaced since it was written) and removes the record. A failed move sets
+  // exportError and keeps the record.
   void undoExport(const ExportRecord& record);
   // Empties the history; files stay.
   void clearExportHistory();

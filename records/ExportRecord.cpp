@@ -1,5 +1,7 @@
 #include "records/ExportRecord.h"
 
+#include <sys/stat.h>
+
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <algorithm>
@@ -22,15 +24,31 @@ double now() {
   return sinceEpoch - double(JsonForms::secondsFrom1970To2001);
 }
 
+namespace {
+// The file a destination names. Two URLs of one path may escape different characters: the
+// batch's names have "(" or "+" percent-encoded, a file dialog's URL keeps them as they are.
+QByteArray fileOf(const QUrl& url) {
+  if (!url.isLocalFile()) return url.toEncoded();
+  return QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1());
+}
+}  // namespace
+
 bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& record) {
   // The list is newest first: of two exports within one clock tick, the earlier entry is the later export.
   const auto self =
       std::find_if(history.begin(), history.end(), [&](const auto& e) { return e.id == record.id; });
+  const QByteArray file = fileOf(record.destinationURL);
   for (auto it = history.begin(); it != history.end(); ++it) {
-    if (it->id == record.id || it->destinationURL != record.destinationURL) continue;
+    if (it->id == record.id || fileOf(it->destinationURL) != file) continue;
     if (it->date > record.date || (it->date == record.date && it < self)) return true;
   }
   return false;
+}
+
+ExportedFile exportedFile(const struct stat& st) {
+  const double date = double(int64_t(st.st_mtim.tv_sec) - JsonForms::secondsFrom1970To2001) +
+                      double(st.st_mtim.tv_nsec) * 1e-9;
+  return {quint64(st.st_dev), quint64(st.st_ino), qint64(st.st_size), date};
 }
 
 JsonValue toJson(const ExportRecord& record) {
@@ -41,6 +59,14 @@ JsonValue toJson(const ExportRecord& record) {
   object.set("format", JsonForms::format(record.format));
   object.set("sizeBytes", JsonForms::integer(record.sizeBytes));
   object.set("date", JsonValue(record.date));
+  if (record.file) {
+    JsonValue file = JsonValue::object();
+    file.set("device", JsonForms::integer(qint64(record.file->device)));
+    file.set("inode", JsonForms::integer(qint64(record.file->inode)));
+    file.set("sizeBytes", JsonForms::integer(record.file->sizeBytes));
+    file.set("modificationDate", JsonValue(record.file->modificationDate));
+    object.set("file", std::move(file));
+  }
   return object;
 }
 
@@ -54,6 +80,16 @@ ExportRecord fromJson(const QJsonObject& object) {
   record.format = JsonForms::requireFormat(object, QStringLiteral("format"));
   record.sizeBytes = JsonForms::requireInteger(object, QStringLiteral("sizeBytes"));
   record.date = JsonForms::requireDateSeconds(object, QStringLiteral("date"));
+  const QJsonValue file = object.value(QStringLiteral("file"));
+  if (file.isObject()) {
+    const QJsonObject fields = file.toObject();
+    record.file = ExportedFile{quint64(JsonForms::requireInteger(fields, QStringLiteral("device"))),
+                               quint64(JsonForms::requireInteger(fields, QStringLiteral("inode"))),
+                               JsonForms::requireInteger(fields, QStringLiteral("sizeBytes")),
+                               JsonForms::requireDouble(fields, QStringLiteral("modificationDate"))};
+  } else if (!file.isUndefined() && !file.isNull()) {
+    throw JsonForms::DecodingError("file is not an object");
+  }
   return record;
 }
 

@@ -16,7 +16,19 @@
 class QJsonDocument;
 class QJsonObject;
 
+struct stat;
+
 namespace quillane {
+
+// The file an export wrote, as it left it. A freed inode is soon another file's: the four
+// together tell that file from one changed or put in its place since.
+struct ExportedFile {
+  quint64 device = 0;
+  quint64 inode = 0;
+  qint64 sizeBytes = 0;
+  double modificationDate = 0;  // seconds since 2001-01-01 00:00:00 UTC, as the file system has it
+  bool operator==(const ExportedFile&) const = default;
+};
 
 struct ExportRecord {
   QUuid id;
@@ -28,6 +40,8 @@ struct ExportRecord {
   // Seconds since 2001-01-01 00:00:00 UTC at the system clock's precision (what the file holds),
   // so that two exports within one millisecond still have an order by date.
   double date = 0;
+  // What was written there; unknown in the records of earlier versions.
+  std::optional<ExportedFile> file;
 
   // The date for display, to the millisecond.
   QDateTime dateTime() const;
@@ -48,7 +62,10 @@ double now();
 // overwrote the file, which is no longer this record's.
 bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& record);
 
-// JSON coding; every field is required. fromJson() throws JsonForms::DecodingError.
+// What an entry's lstat says of the file, for ExportRecord::file.
+ExportedFile exportedFile(const struct stat& st);
+
+// JSON coding; every field is required but `file`. fromJson() throws JsonForms::DecodingError.
 JsonValue toJson(const ExportRecord& record);
 JsonValue toJson(const ExportRecordList& history);
 ExportRecord fromJson(const QJsonObject& object);

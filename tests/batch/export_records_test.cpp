@@ -73,11 +73,13 @@ TEST_F(ExportTest, ExportNeverReplacesASourceOrAHardLinkToItAndReplacesOtherFile
       << "a hard link to a source is that source";
   EXPECT_EQ(contentOf(outFolder() + "/a.jpg"), "source");
 
-  // A single export onto a source goes beside it, and the row tells where; onto another file, it
-  // replaces it whole, and saved while a new quality is encoded, with that result.
+  // A single export onto a source goes beside it, to a free name, and the row tells where; onto
+  // another file, it replaces it whole, and saved while a new quality is encoded, with that result.
+  source("c-2.png", "user's");
   ASSERT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(dir_.filePath("c.png")))));
-  EXPECT_EQ(model.images()[0]->lastExportDestination(), QUrl::fromLocalFile(dir_.filePath("c-2.png")));
+  EXPECT_EQ(model.images()[0]->lastExportDestination(), QUrl::fromLocalFile(dir_.filePath("c-3.png")));
   EXPECT_EQ(contentOf(dir_.filePath("c.png")), "source");
+  EXPECT_EQ(contentOf(dir_.filePath("c-2.png")), "user's");
   const QString other = outFolder() + "/other.jpg";
   writeBytes(other.toStdString(), std::vector<uint8_t>(5000, 'o'));
   model.setQuality(40);
@@ -107,10 +109,21 @@ TEST_F(ExportTest, UndoRespectsSupersedingRecordsAndKeepsARecordWhoseFileWontGo)
   const QByteArray previousDataHome = qgetenv("XDG_DATA_HOME");
   qputenv("XDG_DATA_HOME", dataHome.toUtf8());
   model.undoExport(newer);
-  qputenv("XDG_DATA_HOME", previousDataHome);
   EXPECT_FALSE(QFile::exists(target));
   EXPECT_TRUE(QFile::exists(dataHome + "/Trash/files/a.jpg"));
   EXPECT_TRUE(ExportHistory::load().empty());
+  // A file edited since, or another put in its place, is the user's: only the record goes.
+  for (const bool inPlace : {true, false}) {
+    exportIt();
+    const QByteArray edited = contentOf(target) + (inPlace ? "!" : "");
+    const QString other = outFolder() + "/edited.jpg";
+    writeBytes((inPlace ? target : other).toStdString(), std::vector<uint8_t>(edited.begin(), edited.end()));
+    ASSERT_TRUE(inPlace || ::rename(other.toLocal8Bit().constData(), target.toLocal8Bit().constData()) == 0);
+    model.undoExport(ExportHistory::load().at(0));  // as read back at a later start
+    EXPECT_EQ(contentOf(target), edited) << inPlace;
+    EXPECT_TRUE(model.exportHistory().empty());
+  }
+  qputenv("XDG_DATA_HOME", previousDataHome);
 
   exportIt();
   QFile::remove(target);

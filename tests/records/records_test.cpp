@@ -237,7 +237,7 @@ double utc(const char* iso) {
 
 ExportRecord record(const char* id, const char* destination, const char* iso) {
   const QUrl url = QUrl::fromLocalFile(QString::fromUtf8(destination));
-  return {QUuid::fromString(QString::fromLatin1(id)), "a.png", url, ImageFormat::heic, 1234, utc(iso)};
+  return {QUuid::fromString(QString::fromLatin1(id)), "a.png", url, ImageFormat::heic, 1234, utc(iso), {}};
 }
 
 TEST(ExportRecordJSON, WritesTheStoredFormsWithDatesFrom2001) {
@@ -273,9 +273,10 @@ TEST_F(StoreFolderTest, HistoryRoundTripsAndEveryFieldIsRequired) {
 }
 
 TEST_F(StoreFolderTest, ALaterExportToTheSameFileSupersedesAndTiesGoByOrderOfExport) {
-  const auto older = record("11111111-0000-0000-0000-000000000000", "/o/a.jpg", "2024-01-01T10:00:00Z");
-  const auto newer = record("22222222-0000-0000-0000-000000000000", "/o/a.jpg", "2024-01-01T10:00:00.001Z");
-  const auto sameTime = record("33333333-0000-0000-0000-000000000000", "/o/a.jpg", "2024-01-01T10:00:00Z");
+  const auto older = record("11111111-0000-0000-0000-000000000000", "/o/a (1).jpg", "2024-01-01T10:00:00Z");
+  auto newer = record("22222222-0000-0000-0000-000000000000", "/o/a (1).jpg", "2024-01-01T10:00:00.001Z");
+  const auto sameTime =
+      record("33333333-0000-0000-0000-000000000000", "/o/a (1).jpg", "2024-01-01T10:00:00Z");
   const auto elsewhere = record("44444444-0000-0000-0000-000000000000", "/o/b.jpg", "2025-01-01T10:00:00Z");
   auto sameIDLater = older;
   sameIDLater.date = utc("2030-01-01T00:00:00Z");
@@ -286,6 +287,9 @@ TEST_F(StoreFolderTest, ALaterExportToTheSameFileSupersedesAndTiesGoByOrderOfExp
   EXPECT_FALSE(ExportHistory::isRecordSuperseded({sameTime, older}, sameTime));
   EXPECT_FALSE(ExportHistory::isRecordSuperseded({elsewhere, older}, older));
   EXPECT_FALSE(ExportHistory::isRecordSuperseded({sameIDLater, older}, older));
+  // The same file, as the batch's export names it ("(" escaped) and as a file dialog does.
+  newer.destinationURL = QUrl::fromEncoded("file:///o/a%20%281%29.jpg");
+  EXPECT_TRUE(ExportHistory::isRecordSuperseded({newer, older}, older));
 
   // Dates are seconds since 2001 at a double's precision: two exports 300 µs apart, listed in
   // the wrong order, are told apart by date alone, after a save and load too.
