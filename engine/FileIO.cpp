@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <string_view>
@@ -227,7 +228,8 @@ void stopWritesForExit() {
   while (writesUnderWay > 0) writesChanged.wait(writesMutex);
 }
 
-void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, unsigned permissions) {
+void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, unsigned permissions,
+                         const ReplaceCheck& mayReplace) {
   const WriteUnderWay underWay;
   const std::string folder = folderOf(path);
   auto failIn = [&](const std::string& place, int err) {
@@ -263,7 +265,27 @@ void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes
     throw;
   }
   // Renamed while still open, so that the lock marks it as owned until it has its name.
-  if (::rename(tmpl.c_str(), path.c_str()) != 0) cleanup(path, errno);
+  if (!mayReplace) {
+    if (::rename(tmpl.c_str(), path.c_str()) != 0) cleanup(path, errno);
+  } else {
+    for (;;) {
+      struct stat st {};
+      if (::lstat(path.c_str(), &st) == 0) {
+        if (!mayReplace(st)) {
+          ::unlink(tmpl.c_str());
+          throw DestinationTaken(path);
+        }
+        if (::rename(tmpl.c_str(), path.c_str()) != 0) cleanup(path, errno);
+        break;
+      }
+      if (::renameat2(AT_FDCWD, tmpl.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) break;
+      if (errno == EEXIST) continue;  // a file came in that instant: ask about it
+      // A file system that can't refuse a replacement by itself: the check above stands.
+      if (errno != EINVAL && errno != ENOSYS) cleanup(path, errno);
+      if (::rename(tmpl.c_str(), path.c_str()) != 0) cleanup(path, errno);
+      break;
+    }
+  }
   // The data was synced above: a late error of close() could only be about what is already
   // on disk, and the file has its name.
   ::close(f.fd);

@@ -1,6 +1,8 @@
 #pragma once
 // Whole-file reading and atomic writing, for the engine's one-shot callers.
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -64,8 +66,14 @@ std::vector<uint8_t> readHead(const std::string& path, size_t headBytes);
 // that no process holds, which only a killed or crashed writer leaves (those on a file system
 // without locks, once they are a day old). The temporary is removed on every failure. `path`
 // is file system bytes. Any thread. Throws WriteError.
-void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
-                         unsigned permissions = 0666);
+//
+// A caller that may replace only some files passes `mayReplace`: it is shown what is at `path`
+// (lstat) just before the rename, and a false answer refuses with DestinationTaken. A `path`
+// that is free then is taken only while it is still free, so that a file that appears in that
+// instant is not replaced either.
+using ReplaceCheck = std::function<bool(const struct stat& existing)>;
+void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, unsigned permissions = 0666,
+                         const ReplaceCheck& mayReplace = {});
 
 // For a process about to end (a signal, a quit): waits for the writes under way to finish,
 // each leaving its whole file under its name or nothing, and holds every later one back for
@@ -91,6 +99,13 @@ class DestinationNotAFile : public WriteError {
  public:
   explicit DestinationNotAFile(const std::string& path)
       : WriteError(path, path, "exists and is not a regular file; left as it is") {}
+};
+
+// A file that `mayReplace` refused was at the destination; it is left as it is.
+class DestinationTaken : public WriteError {
+ public:
+  explicit DestinationTaken(const std::string& path)
+      : WriteError(path, path, "another file has this name; left as it is") {}
 };
 
 inline constexpr char temporaryPrefix[] = ".quillane-";

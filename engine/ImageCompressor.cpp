@@ -414,7 +414,8 @@ std::string byteCountText(int64_t bytes) {
 
 ImageCompressionResult compress(const std::string& path, const std::string& directory, ImageFormat format,
                                 double quality, const std::optional<std::string>& destinationFilename,
-                                bool measure, const CompressionOptions& options) {
+                                bool measure, const CompressionOptions& options,
+                                const FileIO::ReplaceCheck& mayReplace) {
   ImageCompressionResult result;
   result.path = path;
   try {
@@ -437,7 +438,7 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
                                  ? *destinationFilename
                                  : baseName(path) + "." + std::string(ImageFormats::fileExtension(format));
     const std::string destination = withoutDotSteps(std::filesystem::absolute(directory) / name).string();
-    FileIO::writeFileAtomically(destination, compressed, FileIO::permissionsFor(path));
+    FileIO::writeFileAtomically(destination, compressed, FileIO::permissionsFor(path), mayReplace);
     const auto written = int64_t(compressed.size());
     result.originalSizeBytes = original;
     result.compressedSizeBytes = written;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "engine/Errors.h"
+#include "engine/FileIO.h"
 #include "engine/ImageFormat.h"
 
 namespace quillane {
@@ -91,10 +92,12 @@ std::optional<int64_t> parseByteCount(std::string_view text);
 // source's base name with the format's extension), replacing a file of that name. With
 // `measure`, the written result's distance to its source follows (absent where it can't be
 // measured, which fails nothing). Under `options.skipLarger` a result not smaller than its
-// source is not written and the result says so. Never throws.
+// source is not written and the result says so. `mayReplace` limits what the write may replace
+// (FileIO::writeFileAtomically); a file it refuses makes the result's error. Never throws.
 ImageCompressionResult compress(const std::string& path, const std::string& directory, ImageFormat format,
                                 double quality, const std::optional<std::string>& destinationFilename,
-                                bool measure = false, const CompressionOptions& options = {});
+                                bool measure = false, const CompressionOptions& options = {},
+                                const FileIO::ReplaceCheck& mayReplace = {});
 
 // Size attribute of the file, 0 when unreadable.
 int64_t fileSize(const std::string& path);

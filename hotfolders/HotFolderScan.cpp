@@ -105,6 +105,7 @@ struct HotFolderWatcher::Candidate {
   int64_t size;
   double modificationDate;
   std::string destinationFilename;
+  std::optional<HotFolderProcessedEntry::Output> ownOutput;  // written at an earlier scan
 };
 
 struct HotFolderWatcher::Settings {
@@ -112,6 +113,58 @@ struct HotFolderWatcher::Settings {
   ImageFormat format;
   double quality;
   CompressionOptions sizing;
+};
+
+// Each name is the allocator's next whose file in the destination is free, or is the source's
+// own earlier output: someone else's file (a file of the user's, another source's output) is
+// passed over. The scan names its files first; a worker whose name was taken while it compressed
+// asks again. The files of the scan are its inputs: a name in the destination that is one of
+// them (a hard link, say) is passed over too, so that no output replaces a source it has yet to
+// read.
+class HotFolderWatcher::OutputNames {
+ public:
+  OutputNames(QString hotFolderID, const Settings& settings, const std::vector<Candidate>& candidates)
+      : hotFolderID_(std::move(hotFolderID)),
+        folder_(QFile::encodeName(settings.destination).toStdString() + '/'),
+        extension_(ImageFormats::fileExtension(settings.format)),
+        allocator_(folder_, inputPaths(candidates)) {}
+
+  std::string next(const Candidate& candidate) {
+    const std::string base = candidate.fileName.substr(0, candidate.fileName.rfind('.'));
+    MutexLock lock(mutex_);
+    for (;;) {
+      std::string name = allocator_.filename(base, extension_);
+      struct stat st {};
+      if (::lstat((folder_ + name).c_str(), &st) != 0 || isOwn(candidate.ownOutput, name, st)) return name;
+    }
+  }
+
+  // Whether `existing`, named `name`, is the candidate's own output as the memory has it now,
+  // just before it is replaced: a scan that overlaps this one (the folder's previous watcher,
+  // after an edit) may have written it meanwhile.
+  bool isOwnNow(const Candidate& candidate, const std::string& name, const struct stat& existing) const {
+    return isOwn(HotFolderProcessedStore::folderState(hotFolderID_).value(candidate.key).output, name,
+                 existing);
+  }
+
+ private:
+  static bool isOwn(const std::optional<HotFolderProcessedEntry::Output>& own, const std::string& name,
+                    const struct stat& existing) {
+    return own && HotFolderProcessedStore::fileNameOf(own->name) == name &&
+           own->identity == identityOf(existing);
+  }
+
+  static std::vector<std::string> inputPaths(const std::vector<Candidate>& candidates) {
+    std::vector<std::string> paths;
+    paths.reserve(candidates.size());
+    for (const Candidate& candidate : candidates) paths.push_back(candidate.path);
+    return paths;
+  }
+
+  const QString hotFolderID_;
+  const std::string folder_, extension_;
+  Mutex mutex_;
+  ExportFilenameAllocator allocator_ GUARDED_BY(mutex_);
 };
 
 std::vector<bool> HotFolderWatcher::isStableOnDisk(const std::vector<ListedFile>& files) {
@@ -154,8 +207,9 @@ void HotFolderWatcher::scanSteps() {
   if (!settings) return;
   if (!stale.isEmpty()) HotFolderProcessedStore::pruneProcessedState(id, stale);
   QDir().mkpath(settings->destination);  // on failure each file fails and says so
-  name(candidates, *settings, known);
-  compressAll(candidates, *settings);
+  OutputNames names(id, *settings, candidates);
+  name(candidates, names);
+  compressAll(candidates, *settings, names);
 }
 
 // The files that are images, not known unchanged to the store, not written by a hot folder,
@@ -190,7 +244,8 @@ std::vector<HotFolderWatcher::Candidate> HotFolderWatcher::pick(const HotFolderP
                           path,
                           file.size,
                           file.modificationDate,
-                          {}});
+                          {},
+                          entry != known.constEnd() ? entry->output : std::nullopt});
     listed.push_back({path, file.size, file.modificationDate});
     formats.push_back(*format);
   }
@@ -247,42 +302,21 @@ void HotFolderWatcher::reportFolderError(const QString& message) {
 }
 
 // Sorts the candidates as a file manager does ("2.png" before "10.png") and gives each an
-// output name of its own: a name whose file in the destination this folder did not write for
-// that same source (someone else's file, another source's output) is passed over.
-void HotFolderWatcher::name(std::vector<Candidate>& candidates, const Settings& settings,
-                            const HotFolderProcessedMap& known) const {
+// output name of its own.
+void HotFolderWatcher::name(std::vector<Candidate>& candidates, OutputNames& names) const {
   QCollator collator{QLocale()};
   collator.setNumericMode(true);
   std::stable_sort(candidates.begin(), candidates.end(), [&](const Candidate& a, const Candidate& b) {
     return collator.compare(a.name, b.name) < 0;
   });
-  // The files of this scan are its inputs: a name in the destination that is one of them (a
-  // hard link, say) is passed over, so that no output replaces a source it has yet to read.
-  std::vector<std::string> inputPaths;
-  inputPaths.reserve(candidates.size());
-  for (const Candidate& candidate : candidates) inputPaths.push_back(candidate.path);
-  const std::string folder = QFile::encodeName(settings.destination).toStdString() + '/';
-  ExportFilenameAllocator allocator(folder, inputPaths);
-  const std::string extension(ImageFormats::fileExtension(settings.format));
-  for (Candidate& candidate : candidates) {
-    const std::optional<HotFolderProcessedEntry::Output> ownOutput = known.value(candidate.key).output;
-    const std::string base = candidate.fileName.substr(0, candidate.fileName.rfind('.'));
-    for (;;) {
-      candidate.destinationFilename = allocator.filename(base, extension);
-      struct stat st {};
-      if (::lstat((folder + candidate.destinationFilename).c_str(), &st) != 0) break;  // free
-      if (ownOutput &&
-          HotFolderProcessedStore::fileNameOf(ownOutput->name) == candidate.destinationFilename &&
-          ownOutput->identity == identityOf(st))
-        break;  // this source's own earlier output
-    }
-  }
+  for (Candidate& candidate : candidates) candidate.destinationFilename = names.next(candidate);
 }
 
 // Compresses in sorted order, at most concurrencyLimit() files at a time, each claiming its
 // cost from the process's compression budget, and each recorded as it ends. A stop lets no
 // further file start.
-void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, const Settings& settings) {
+void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, const Settings& settings,
+                                   OutputNames& names) {
   const int total = int(candidates.size());
   int completed = 0;  // under reportLock_
   {
@@ -302,10 +336,21 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
           try {
             const CompressionBudget::Claim claim = CompressionBudget::process().claim(
                 CompressionCost::fileCostMB(candidate.path, settings.format, settings.quality));
-            record(candidate,
-                   ImageCompressor::compress(candidate.path, destination, settings.format, settings.quality,
-                                             candidate.destinationFilename, false, settings.sizing),
-                   completed, total);
+            // A file that took the name while this one was compressed stays: the next free name
+            // is written instead, compressed again.
+            ImageCompressionResult result;
+            for (std::string name = candidate.destinationFilename;;) {
+              bool taken = false;
+              result =
+                  ImageCompressor::compress(candidate.path, destination, settings.format, settings.quality,
+                                            name, false, settings.sizing, [&](const struct stat& existing) {
+                                              taken = !names.isOwnNow(candidate, name, existing);
+                                              return !taken;
+                                            });
+              if (!taken) break;
+              name = names.next(candidate);
+            }
+            record(candidate, result, completed, total);
           } catch (...) {
             // Out of memory before the file's outcome was told: it fails, and the scan goes on.
             // Nothing escapes, the making of the failure's text included: an escape would end
@@ -337,7 +382,9 @@ void HotFolderWatcher::record(const Candidate& candidate, const ImageCompression
     HotFolderProcessedEntry entry{candidate.size, candidate.modificationDate, std::nullopt};
     struct stat st {};
     if (result.destination && ::stat(result.destination->c_str(), &st) == 0) {
-      entry.output = {HotFolderProcessedStore::nameKey(candidate.destinationFilename), identityOf(st)};
+      const std::string& written = *result.destination;
+      entry.output = {HotFolderProcessedStore::nameKey(written.substr(written.rfind('/') + 1)),
+                      identityOf(st)};
     }
     HotFolderProcessedStore::update(
         hotFolder_.idText(), [&](HotFolderProcessedMap& files) { files.insert(candidate.key, entry); });

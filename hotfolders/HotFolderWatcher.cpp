@@ -156,8 +156,11 @@ class HotFolderWatcher::Loop : public QObject {
       MutexLock lock(watcher_.stateLock_);
       for (ssize_t at = 0; at < n;) {
         const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-        // An overflowed event queue lost entry events: a scan finds out what they were.
+        // An overflowed event queue lost entry events: a scan finds out what they were. It may
+        // have lost the close of a file marked as being written, which would then wait for ever:
+        // the marks start afresh, as when the watch began.
         changed = changed || (event->mask & (kEntryEvents | IN_Q_OVERFLOW));
+        if (event->mask & IN_Q_OVERFLOW) watcher_.writing_.clear();
         gone = gone || (event->mask & kGoneEvents);
         if (event->len > 0 && !(event->mask & IN_ISDIR)) {
           if (event->mask & IN_MODIFY) {

@@ -131,17 +131,17 @@ class HotFolderWatcher {
   static std::vector<bool> isStableOnDisk(const std::vector<ListedFile>& files);
 
  private:
-  class Loop;        // on the watcher's thread: its descriptor, notifier and timers
-  struct Candidate;  // one file a scan compresses
-  struct Settings;   // a scan's resolved destination, format and quality
+  class Loop;         // on the watcher's thread: its descriptor, notifier and timers
+  struct Candidate;   // one file a scan compresses
+  struct Settings;    // a scan's resolved destination, format and quality
+  class OutputNames;  // a scan's output names, given out as it names and writes its files
 
   // The scan's steps (HotFolderScan.cpp).
   void scanSteps();
   std::vector<Candidate> pick(const HotFolderProcessedMap& known, QStringList& staleNames);
   std::optional<Settings> resolveSettings();
-  void name(std::vector<Candidate>& candidates, const Settings& settings,
-            const HotFolderProcessedMap& known) const;
-  void compressAll(const std::vector<Candidate>& candidates, const Settings& settings);
+  void name(std::vector<Candidate>& candidates, OutputNames& names) const;
+  void compressAll(const std::vector<Candidate>& candidates, const Settings& settings, OutputNames& names);
   void record(const Candidate& candidate, const ImageCompressionResult& result, int& completed, int total);
   void reportFolderError(const QString& message);
   // Says that something escaped a step (memory running out, say), if even that can be said.
@@ -156,8 +156,8 @@ class HotFolderWatcher {
   std::unique_ptr<QThread> thread_;
   Loop* loop_;  // lives on thread_; deleted once thread_ has ended
 
-  // Names of the files written and not closed since the watch began, as inotify tells; the
-  // watcher's thread reads its events first when it asks.
+  // Names of the files written and not closed since the watch began (or since events were
+  // lost), as inotify tells; the watcher's thread reads its events first when it asks.
   std::set<std::string> namesBeingWritten();
 
   mutable Mutex stateLock_;  // never held across a call out
