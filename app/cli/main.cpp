@@ -8,9 +8,6 @@
 // Arguments are taken as bytes from argv, not through QString: file names that are not valid
 // UTF-8 reach the engine, and the JSON, byte for byte.
 
-#include <pthread.h>
-#include <unistd.h>
-
 #include <QByteArrayList>
 #include <QCoreApplication>
 #include <QStringList>
@@ -22,12 +19,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include "QuillaneVersion.h"
 #include "app/cli/CompressArguments.h"
 #include "app/cli/InspectCommands.h"
 #include "automation/CompressScriptCommand.h"
+#include "automation/TerminationSignals.h"
 #include "engine/FileIO.h"
 #include "services/BaseDirectories.h"
 #include "services/LanguageManager.h"
@@ -195,34 +192,6 @@ int runAnalyze(const QByteArrayList& arguments) {
   return 0;
 }
 
-// Ctrl+C, SIGTERM and SIGHUP end the tool as they would have, but only once the files being
-// written are whole under their names: ended in the middle of one, it would leave its temporary
-// in the user's folder. One thread of its own takes them, before any other thread exists (every
-// later one inherits the block); a signal the tool was started to ignore (`nohup`, a background
-// job of a script) stays ignored. A second signal while writes finish ends the tool at once.
-void endOnTerminationSignalsOnceWritesAreWhole() {
-  sigset_t endings;
-  ::sigemptyset(&endings);
-  for (const int ending : {SIGINT, SIGTERM, SIGHUP}) {
-    struct sigaction current {};
-    if (::sigaction(ending, nullptr, &current) == 0 && current.sa_handler != SIG_IGN)
-      ::sigaddset(&endings, ending);
-  }
-  if (::pthread_sigmask(SIG_BLOCK, &endings, nullptr) != 0) return;
-  std::thread([endings] {
-    int received = 0;
-    while (::sigwait(&endings, &received) != 0) {
-    }
-    for (const int ending : {SIGINT, SIGTERM, SIGHUP})
-      if (::sigismember(&endings, ending) == 1) std::signal(ending, SIG_DFL);
-    ::pthread_sigmask(SIG_UNBLOCK, &endings, nullptr);
-    FileIO::stopWritesForExit();
-    // Ended by the signal, as a shell expects of an interrupted command.
-    ::raise(received);
-    ::_exit(128 + received);
-  }).detach();
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -233,7 +202,7 @@ int main(int argc, char** argv) {
   // A reader that went away (a closed pipe) is a failed write, told by the exit status, not a
   // signal that ends the tool.
   std::signal(SIGPIPE, SIG_IGN);
-  endOnTerminationSignalsOnceWritesAreWhole();
+  TerminationSignals::endOnceWritesAreWhole();
   // Answered before anything is set up: scripts and package checks call it often.
   if (argc == 2 && std::string_view(argv[1]) == "--version") {
     print(std::string("quillane-cli ") + kAppVersion + "\n");

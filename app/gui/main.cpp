@@ -41,6 +41,7 @@
 #include "app/gui/StartupNotification.h"
 #include "automation/QuillaneBusClient.h"
 #include "automation/QuillaneBusService.h"
+#include "automation/TerminationSignals.h"
 #include "engine/FileIO.h"
 #include "services/BaseDirectories.h"
 #include "services/LanguageManager.h"
@@ -147,6 +148,7 @@ std::optional<int> runWithoutWindow(const quillane::LaunchArguments& arguments, 
   }
 
   if (arguments.mode == Mode::compress) {
+    quillane::TerminationSignals::endOnceWritesAreWhole();
     // No window and no display needed.
     QCoreApplication application(argc, argv);
     quillane::QuillaneApp::describeApplication();
@@ -267,9 +269,11 @@ int main(int argc, char** argv) {
   // Running encodes are abandoned at quit. They cannot be interrupted inside the codec
   // libraries and write nothing, and the batch, history and settings are on disk (each is
   // written when it changes; an export under way is finished and recorded first): what serves
-  // or writes files is stopped, and the process ends without waiting for the encodes.
+  // or writes files is stopped, and the process ends without waiting for the encodes. A file
+  // still being written (a bus call's, which runs on to its next file) is let become whole.
   session.stopForQuit();
   quillane::SettingsFile::removeRunFile();
+  quillane::FileIO::stopWritesForExit();
   std::fflush(nullptr);
   ::_exit(status);
 }

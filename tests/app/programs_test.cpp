@@ -28,6 +28,23 @@ namespace {
 
 using testing::ProgramRun;
 
+// A picture of noise whose result takes a while to write.
+void writeNoise(const QString& file) {
+  testing::writeBytes(file.toStdString(),
+                      fixtures::png(testing::makeImage(3000, 2000, testing::Pattern::noisyPhoto)));
+}
+
+// Runs `start`, then waits until a file appears in `folder`: a temporary, so a write is under way.
+bool startAndAwaitAWrite(const QString& folder, const std::function<void()>& start) {
+  const int watch = ::inotify_init1(IN_CLOEXEC);
+  const bool watching = ::inotify_add_watch(watch, QFile::encodeName(folder).constData(), IN_CREATE) >= 0;
+  start();
+  pollfd ready{watch, POLLIN, 0};
+  const bool written = watching && ::poll(&ready, 1, 120000) == 1;
+  ::close(watch);
+  return written;
+}
+
 class CommandLineTool : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -145,19 +162,15 @@ TEST_F(CommandLineTool, OddNamesLostOutputAndUnusableFolders) {
 // Ctrl+C in the middle of a write ends the tool as the signal does, once that file is whole under its name:
 // no temporary is left in the folder.
 TEST_F(CommandLineTool, InterruptedWhileWritingItLeavesTheWholeFileAndNoTemporary) {
-  testing::writeBytes(path("in/noise.png").toStdString(),
-                      fixtures::png(testing::makeImage(3000, 2000, testing::Pattern::noisyPhoto)));
+  writeNoise(path("in/noise.png"));
   ASSERT_TRUE(QDir(dir_.path()).mkdir("out"));
-  const int watch = ::inotify_init1(IN_CLOEXEC);
-  ASSERT_GE(::inotify_add_watch(watch, QFile::encodeName(path("out")).constData(), IN_CREATE), 0);
   QProcess tool;
   tool.setProcessEnvironment(testing::sandboxEnvironment(dir_.path()));
   tool.setWorkingDirectory(dir_.path());
-  tool.start(program_, {"compress", "in/noise.png", "--format", "png", "--quality", "100", "--to", "out"});
-  pollfd ready{watch, POLLIN, 0};
-  ASSERT_EQ(::poll(&ready, 1, 120000), 1) << "nothing was written";
-  ::kill(pid_t(tool.processId()), SIGINT);  // the temporary exists: the write is under way
-  ::close(watch);
+  ASSERT_TRUE(startAndAwaitAWrite(path("out"), [&] {
+    tool.start(program_, {"compress", "in/noise.png", "--format", "png", "--quality", "100", "--to", "out"});
+  }));
+  ::kill(pid_t(tool.processId()), SIGINT);
   ASSERT_TRUE(tool.waitForFinished(60000));
   EXPECT_EQ(tool.exitStatus(), QProcess::CrashExit);
   EXPECT_EQ(QDir(path("out")).entryList(QDir::Files | QDir::Hidden), QStringList{"noise.png"});
@@ -427,6 +440,17 @@ TEST_F(DesktopBus, ACallStartsTheProgramIsAnsweredWithTheFilesOrANamedErrorAndAL
   ASSERT_EQ(after.type(), QDBusMessage::ReplyMessage) << after.errorMessage().toStdString();
   EXPECT_LT(entries("out/first").size(), 30) << "stopped before its next file";
   for (int i = 0; i < 31; ++i) EXPECT_FALSE(QFileInfo::exists(path(QString("out/q%1").arg(i)))) << i;
+
+  // Ended (SIGTERM quits as the Quit command does) while a call writes, the program lets that file become
+  // whole first: no temporary is left behind.
+  writeNoise(path("in/noise.png"));
+  ASSERT_TRUE(startAndAwaitAWrite(path("out"), [&] {
+    QDBusInterface(kService, kPath, "com.quillane.Quillane", *bus_)
+        .asyncCall("Compress", QStringList{path("in/noise.png")}, "png", 100, "", path("out"));
+  }));
+  ::kill(pid_t(bus_->interface()->servicePid(kService).value()), SIGTERM);
+  EXPECT_TRUE(QTest::qWaitFor([&] { return !owned(); }, 10000));
+  EXPECT_EQ(entries("out"), QStringList{"noise.png"});
 }
 
 // A second launch and the local API feed one batch; settings through the API; after a restart the rows
@@ -494,6 +518,17 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
   EXPECT_EQ(entries("in/sub"), QStringList({"c-2.jpg", "c-3.jpg", "c.jpg"}));
   EXPECT_EQ(testing::fileStart(path("in/sub/c-2.jpg")), "\x89PNG");  // still theirs
   EXPECT_TRUE(alone.err.contains("Images compressées enregistrées dans")) << alone.err.toStdString();
+  // Ctrl+C in the middle of a write ends it once that file is whole: no temporary is left behind.
+  writeNoise(path("in/noise.png"));
+  testing::saveDefaultProfile(path("lossless"), "png", path("out"), 100);
+  QProcess interrupted;
+  interrupted.setProcessEnvironment(environment("lossless", false));
+  ASSERT_TRUE(startAndAwaitAWrite(path("out"), [&] {
+    interrupted.start(program_, {"--compress", path("in/noise.png")});
+  }));
+  ::kill(pid_t(interrupted.processId()), SIGINT);
+  ASSERT_TRUE(interrupted.waitForFinished(60000));
+  EXPECT_EQ(entries("out"), QStringList{"noise.png"});
 
   testing::saveDefaultProfile(path("instanceData"), "webp", path("viaInstance"));
   startInstance({"--service"}, environment("instanceData"), true);

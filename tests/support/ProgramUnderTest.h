@@ -80,11 +80,13 @@ inline QString writeSmallImage(const QString& path, Pattern pattern = Pattern::p
 }
 
 // The user's export profiles in `dataHome`: one, the default, writing `format` into `folder`.
-inline void saveDefaultProfile(const QString& dataHome, const QString& format, const QString& folder) {
+inline void saveDefaultProfile(const QString& dataHome, const QString& format, const QString& folder,
+                               int quality = 70) {
   writeFile(dataHome + "/Quillane/exportProfiles.json",
             QString(R"([{"id": "6F9619FF-8B86-D011-B42D-00C04FC964FF", "name": "Web", "format": "%1",
-                         "quality": 70, "destinationFolder": "%2", "isDefault": true}])")
+                         "quality": %3, "destinationFolder": "%2", "isDefault": true}])")
                 .arg(format, QUrl::fromLocalFile(folder).toString())
+                .arg(quality)
                 .toUtf8());
 }
 

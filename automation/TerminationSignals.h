@@ -1,0 +1,16 @@
+#pragma once
+// How the processes that compress files for a caller end when they are told to (quillane-cli
+// compress, quillane --compress): Ctrl+C, SIGTERM and SIGHUP end them as they would have, but only
+// once the files being written are whole under their names. Ended in the middle of one, a process
+// would leave its temporary in the user's folder.
+
+namespace quillane::TerminationSignals {
+
+// One thread of its own takes the three signals from here on; call it before any other thread
+// exists, since each later one inherits their block. A signal the process was started to ignore
+// (`nohup`, a background job of a script) stays ignored. On one of the others it waits for the
+// writes under way (FileIO::stopWritesForExit) and ends by that signal; a second signal meanwhile
+// ends it at once.
+void endOnceWritesAreWhole();
+
+}  // namespace quillane::TerminationSignals
