@@ -78,6 +78,19 @@ struct Snapshot {
   std::optional<CompressionOptions> sizingOverride;
 };
 
+// One row of importSession.json, as decodeSession reads it.
+JsonValue sessionEntry(const Snapshot& row) {
+  JsonValue entry = JsonValue::object();
+  entry.set("sourceURL", JsonForms::fileURL(row.sourceURL));
+  if (row.qualityOverride) entry.set("qualityOverride", *row.qualityOverride);
+  if (row.sizingOverride) {
+    JsonValue sizing = JsonValue::object();
+    JsonForms::setSizeOptions(sizing, *row.sizingOverride);
+    entry.set("sizingOverride", std::move(sizing));
+  }
+  return entry;
+}
+
 // A list of {"sourceURL": file URL text, "qualityOverride": number?, "sizingOverride": the
 // size options' object?}. Any malformed entry makes the whole file count as empty.
 std::vector<Snapshot> decodeSession(const QJsonDocument& document) {
@@ -262,17 +275,9 @@ void BatchViewModel::dismissImportFailure(const QUuid& id) {
 
 void BatchViewModel::persistImportSession() {
   JsonValue list = JsonValue::array();
-  for (const auto& image : images_) {
-    JsonValue entry = JsonValue::object();
-    entry.set("sourceURL", JsonForms::fileURL(image->sourceURL()));
-    if (image->qualityOverride()) entry.set("qualityOverride", *image->qualityOverride());
-    if (image->sizingOverride()) {
-      JsonValue sizing = JsonValue::object();
-      JsonForms::setSizeOptions(sizing, *image->sizingOverride());
-      entry.set("sizingOverride", std::move(sizing));
-    }
-    list.push(std::move(entry));
-  }
+  for (const auto& image : images_)
+    list.push(sessionEntry({image->sourceURL(), image->qualityOverride(), image->sizingOverride()}));
+  for (const auto& [index, entry] : unrestored_) list.push(entry);
   JSONFileStore::save(list, kSessionFile);
 }
 
@@ -310,11 +315,15 @@ void BatchViewModel::restoreSession() {
     return;
   }
   QList<QUrl> urls;
-  for (const Snapshot& snapshot : snapshots) urls.push_back(snapshot.sourceURL);
+  for (const Snapshot& snapshot : snapshots) {
+    unrestored_.emplace(int(urls.size()), sessionEntry(snapshot));
+    urls.push_back(snapshot.sourceURL);
+  }
   inspectConcurrently(
       urls,
       [this, snapshots](int index, const QUrl& url, const ImageDecoder::LightDecodedImage* decoded,
                         const QString& error, bool canRetry) {
+        unrestored_.erase(index);
         if (!decoded) {
           // A moved or deleted file: listed with the chance to retry, dropped from the session.
           recordImportFailure(url, error, canRetry);

@@ -180,7 +180,8 @@ void BatchViewModel::clearAll() {
   ImagePlacements removed;
   for (size_t i = 0; i < images_.size(); ++i) removed.emplace_back(int(i), images_[i]);
   const ImportFailureList failures = importFailures_;
-  ++clearCount_;  // the imports under way end too
+  ++clearCount_;  // the imports under way end too, a restore with the rows it has not shown
+  unrestored_.clear();
   scheduler_->forgetAll();
   images_.clear();
   importFailures_.clear();

@@ -37,6 +37,7 @@
 #include "engine/ImageCompressor.h"
 #include "engine/ImageDecoder.h"
 #include "engine/ImageFormat.h"
+#include "engine/Json.h"
 #include "records/ExportProfile.h"
 #include "records/ExportRecord.h"
 
@@ -206,7 +207,8 @@ class BatchViewModel : public QObject {
                             const QUrl& url);
 
   // ---- Session ----
-  // Saves the list of source URLs and overrides to importSession.json.
+  // Saves the list of source URLs and overrides to importSession.json, followed, while the
+  // session is being restored, by the saved rows not back yet.
   void persistImportSession();
   // Saves the output format, the global quality and the size options to batchSettings.json (also done by
   // itself half a second after a change); they are read back at start-up with the session.
@@ -325,6 +327,9 @@ class BatchViewModel : public QObject {
   bool isEncoding_ = false;
   ImportFailureList importFailures_;
   quint64 clearCount_ = 0;  // Clear Alls so far: an import started before the last one is over
+  // The saved rows that the restore under way has not shown yet, by their place in the saved
+  // list: each save meanwhile keeps them after the rows shown.
+  std::map<int, JsonValue> unrestored_;
   ExportRecordList exportHistory_;
   ExportProfileList exportProfiles_;
   std::optional<QUrl> lastAppliedProfileFolder_;
