@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonObject>
+#include <QSet>
 #include <set>
 
 #include "engine/Localization.h"
@@ -121,7 +122,18 @@ std::map<QUuid, QString> refusals(const HotFolderList& enabled) {
   return refused;
 }
 
-HotFolderList load() { return JSONFileStore::loadList(QString::fromLatin1(fileName), &fromJson); }
+HotFolderList load() {
+  HotFolderList folders = JSONFileStore::loadList(QString::fromLatin1(fileName), &fromJson);
+  // A list edited by hand may repeat an entry's id in a copy since changed. Each folder's watcher,
+  // state and memory go by its id, so the copy would stop the original: it gets an id of its
+  // own, made from the entry's place, so that it is the same at each load until the list is saved.
+  QSet<QUuid> seen;
+  for (size_t i = 0; i < folders.size(); ++i) {
+    if (seen.contains(folders[i].id)) folders[i].id = QUuid::createUuidV5(folders[i].id, QString::number(i));
+    seen.insert(folders[i].id);
+  }
+  return folders;
+}
 
 void save(const HotFolderList& folders) {
   JSONFileStore::save(JsonForms::encodeArray(folders, &toJson), QString::fromLatin1(fileName));

@@ -83,7 +83,8 @@ bool isSameFolder(const QString& a, const QString& b);
 // bind mounts count. Reads the file system; any thread.
 std::map<QUuid, QString> refusals(const HotFolderList& enabled);
 
-// hotFolders.json in the store's folder; empty when missing or when any entry is bad.
+// hotFolders.json in the store's folder; empty when missing or when any entry is bad. An entry
+// whose id repeats an earlier one's is given another, the same at each load.
 HotFolderList load();
 // Rewrites hotFolders.json; silent on failure.
 void save(const HotFolderList& folders);

@@ -33,6 +33,15 @@ TEST_F(HotFolderRecordsTest, AbsentOrNullOptionalsReadAsNoSettingsAndAllFieldsRo
   folder.sizing = {.maxHeight = 900, .maxBytes = 500000, .skipLarger = true};
   HotFolders::save({folder});
   EXPECT_EQ(HotFolders::load(), HotFolderList{folder});
+
+  // An entry copied by hand repeats its id: the copy gets one of its own, the same at each load.
+  writeStoreFile("hotFolders.json",
+                 "[" + requiredOnly.mid(1, requiredOnly.size() - 2) + "," + requiredOnly.mid(1));
+  const HotFolderList copied = HotFolders::load();
+  ASSERT_EQ(copied.size(), 2u);
+  EXPECT_EQ(copied[0].idText(), "6F9619FF-8B86-D011-B42D-00C04FC964FF");
+  EXPECT_NE(copied[1].id, copied[0].id);
+  EXPECT_EQ(HotFolders::load(), copied);
 }
 
 // A list with one entry that lacks a required key reads as no folders; a damaged memory reads
