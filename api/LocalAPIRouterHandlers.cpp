@@ -51,9 +51,16 @@ std::optional<LocalAPIResponse> relativePath(const char* key, const QString& pat
   return LocalAPIResponse::error(400, std::string(key) + " must be an absolute path: " + path.toStdString());
 }
 
-QString absolutePath(const QString& path) { return QDir::cleanPath(QFileInfo(path).absoluteFilePath()); }
+// An absolute path without its "." steps and repeated slashes. ".." stays, since through a link it
+// need not lead back where it came from: "/photos/link/../out" is where the system says it is.
+QString withoutDotSteps(const QString& path) {
+  QStringList kept;
+  for (const QString& step : path.split(QLatin1Char('/'), Qt::SkipEmptyParts))
+    if (step != QLatin1String(".")) kept << step;
+  return QLatin1Char('/') + kept.join(QLatin1Char('/'));
+}
 
-QUrl fileURL(const QString& path) { return QUrl::fromLocalFile(absolutePath(path)); }
+QUrl fileURL(const QString& path) { return QUrl::fromLocalFile(withoutDotSteps(path)); }
 
 // Runs `continuation` on the GUI thread once `future` has finished, however it finished.
 void whenFinished(QObject* context, const QFuture<void>& future, std::function<void()> continuation) {
@@ -272,7 +279,7 @@ LocalAPIResponse LocalAPIRouter::upsertProfile(const LocalAPIRequest& request) {
   profile.name = trimmed;
   profile.format = *parsedFormat;
   profile.quality = quality;
-  if (destinationFolder) profile.destinationFolder = absolutePath(*destinationFolder);
+  if (destinationFolder) profile.destinationFolder = withoutDotSteps(*destinationFolder);
   viewModel_.upsertExportProfile(profile);
   return LocalAPIResponse::json(200, profileDTO(profile));
 }

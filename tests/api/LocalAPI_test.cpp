@@ -323,14 +323,17 @@ TEST_F(RouterTest, ExportWaitsForBytesWritesIntoTheFolderThePathOrTheProfilesAnd
   EXPECT_EQ(results[0].toObject()["compressedSizeBytes"].toInteger(), 751);
   EXPECT_EQ(QFileInfo(QString::fromStdString(out + "/two.jpg")).size(), 751);
 
-  // One image to a path of its own; a write that fails is reported in the answer.
+  // One image to a path of its own, as the system reads it (through a link, ".." is the parent of the
+  // link's target); a write that fails is reported in the answer.
+  ASSERT_TRUE(QDir(dir_.path()).mkpath("deep/sub") &&
+              QFile::link(dir_.filePath("deep/sub"), dir_.filePath("link")));
   const std::string route = "/v1/images/" + ids[0] + "/export",
-                    target = dir_.filePath("renamed.bin").toStdString();
+                    target = dir_.filePath("link/../renamed.bin").toStdString();
   const std::string toTarget = R"({"path":")" + target + R"("})";
   EXPECT_EQ(call("POST", route, R"({"path":")" + target + R"(","folder":5})").status, 400)
       << "a wrong type anywhere invalidates the shared body";
   EXPECT_EQ(json(call("POST", route, toTarget))["destination"].toString().toStdString(), target);
-  EXPECT_EQ(QFileInfo(QString::fromStdString(target)).size(), 751);
+  EXPECT_EQ(QFileInfo(dir_.filePath("deep/renamed.bin")).size(), 751);
   auto failedWrite = call("POST", route, R"({"path":"/nonexistent-dir/x.jpg"})");
   EXPECT_TRUE(json(failedWrite)["error"].isString() && json(failedWrite)["destination"].isUndefined())
       << failedWrite.body;
