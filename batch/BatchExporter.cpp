@@ -26,8 +26,10 @@ std::optional<QString> write(const QUrl& url, const QByteArray& data, const std:
   if (path.empty())
     return QString::fromStdString(FileError(url.toString().toStdString(), "not a local file").description());
   struct stat st {};
+  // A source gone since its import may have been private: its output is, having nothing to go by.
+  const unsigned permissions = ::stat(source.c_str(), &st) == 0 ? FileIO::permissionsFor(source) : 0600;
   replaced = ::lstat(path.c_str(), &st) == 0;
-  std::optional<QString> error = batchdetail::writeFileAtomically(path, data, FileIO::permissionsFor(source));
+  std::optional<QString> error = batchdetail::writeFileAtomically(path, data, permissions);
   if (!error && ::lstat(path.c_str(), &st) == 0) file = ExportHistory::exportedFile(st);
   return error;
 }

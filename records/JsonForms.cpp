@@ -43,7 +43,12 @@ bool isCanonicalUUID(const QString& text) {
 
 QString localPathFromURLText(const QString& key, const QString& text) {
   const QUrl url(text, QUrl::StrictMode);
-  if (url.isValid() && url.isLocalFile()) return url.toLocalFile();
+  // A whole path of this machine: "file:a.jpg" would name a file of whatever folder the program
+  // was started in, and "file://host/a.jpg" another machine's, which the reader takes for
+  // "//host/a.jpg" here.
+  const bool here = url.host().isEmpty() || url.host() == QLatin1String("localhost");
+  if (url.isValid() && url.isLocalFile() && here && url.path().startsWith(QLatin1Char('/')))
+    return url.path(QUrl::FullyDecoded);
   if (text.startsWith(QLatin1Char('/'))) return text;
   fail(key, "not a file URL");
 }

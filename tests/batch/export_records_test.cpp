@@ -85,6 +85,11 @@ TEST_F(ExportTest, ExportNeverReplacesASourceOrAHardLinkToItAndReplacesOtherFile
   model.setQuality(40);
   EXPECT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(other))));
   EXPECT_EQ(contentOf(other), QByteArray(400, 'x'));
+  // No more readable than its source, also one that is gone since its import.
+  QFile::setPermissions(dir_.filePath("c.png"), QFile::ReadOwner | QFile::WriteOwner);
+  QFile::remove(dir_.filePath("c.png"));
+  ASSERT_TRUE(await(model.exportSingle(model.images()[1], QUrl::fromLocalFile(outFolder() + "/c.jpg"))));
+  EXPECT_EQ(QFile::permissions(outFolder() + "/c.jpg") & (QFile::ReadGroup | QFile::ReadOther), 0);
 
   // An image still busy is reported as an encoding failure and writes nothing.
   import({source("slow.png", "slow")});

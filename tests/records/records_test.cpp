@@ -149,6 +149,7 @@ TEST(ExportProfileJSON, OneBadEntryFailsTheWholeFile) {
       R"({"id":"1C9E4B7F-2D3E-4F60-9BAC-1D2E3F405B6C","name":"B","format":"png"})",
       good + R"(,"isDefault":1})",
       good + R"(,"destinationFolder":"https://example.invalid/x"})",
+      good + R"(,"destinationFolder":"file:Pictures"})",
       good + R"(,"maxWidth":"1600"})",
       good + R"(,"maxBytes":1.5})",
       good + R"(,"skipLarger":1})",
@@ -268,6 +269,12 @@ TEST_F(StoreFolderTest, HistoryRoundTripsAndEveryFieldIsRequired) {
   QJsonObject fractional = stored;
   fractional[QStringLiteral("sizeBytes")] = 12.5;
   EXPECT_FALSE(ExportHistory::listFromJson(QJsonDocument(QJsonArray{fractional})));
+  // A file of the working folder, or of another machine, is no file an export wrote.
+  for (const char* elsewhere : {"file:a.jpg", "file://server/x/a.jpg"}) {
+    QJsonObject object = stored;
+    object[QStringLiteral("destinationURL")] = elsewhere;
+    EXPECT_FALSE(ExportHistory::listFromJson(QJsonDocument(QJsonArray{object}))) << elsewhere;
+  }
   writeStoreFile(QString::fromLatin1(ExportHistory::fileName), "[null]");
   EXPECT_TRUE(ExportHistory::load().empty());
 }
