@@ -251,6 +251,9 @@ std::vector<HotFolderWatcher::Candidate> HotFolderWatcher::pick(const HotFolderP
   }
   const std::vector<bool> stable = isStableOnDisk(listed);
   for (size_t i = candidates.size(); i-- > 0;) {
+    // Each check reads a whole file: the first scan of a large folder reads them all, and a quit
+    // or an edit of the folder does not wait for that.
+    if (isStopped()) return {};
     // A file cut short is taken at its next close or change, which starts another scan.
     if (!stable[i] || !FileCompleteness::isComplete(candidates[i].path, formats[i]))
       candidates.erase(candidates.begin() + std::ptrdiff_t(i));
