@@ -158,9 +158,10 @@ void HotFoldersManager::applyChecked(const std::map<QUuid, QString>& refusals) {
       QMetaObject::invokeMethod(
           this, [this, activity] { record(activity); }, Qt::QueuedConnection);
     };
-    watcher->onProgress = [this, id](int completed, int total) {
+    watcher->onProgress = [this, id, serial](int completed, int total) {
       QMetaObject::invokeMethod(
-          this, [this, id, completed, total] { updateProgress(id, completed, total); }, Qt::QueuedConnection);
+          this, [this, id, serial, completed, total] { updateProgress(id, serial, completed, total); },
+          Qt::QueuedConnection);
     };
     watcher->onState = [this, id, serial](HotFolderWatcher::State state) {
       QMetaObject::invokeMethod(
@@ -234,8 +235,10 @@ void HotFoldersManager::record(const HotFolderActivity& activity) {
   emit recentActivityChanged();
 }
 
-void HotFoldersManager::updateProgress(const QUuid& hotFolderID, int completed, int total) {
-  if (watchers_.count(hotFolderID) && completed < total) {
+// The progress of a replaced watcher's scan, which runs on to the end of its files in flight and
+// then stops short of its total, is not the folder's: it would stay on show.
+void HotFoldersManager::updateProgress(const QUuid& hotFolderID, quint64 serial, int completed, int total) {
+  if (watchers_.count(hotFolderID) && serials_.value(hotFolderID) == serial && completed < total) {
     progress_.insert(hotFolderID, {completed, total});
   } else if (!progress_.remove(hotFolderID)) {
     return;

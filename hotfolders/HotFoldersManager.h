@@ -90,7 +90,7 @@ class HotFoldersManager : public QObject {
   void setStatus(const QUuid& hotFolderID, const Status& status);
   void noteCouldNotStart(const HotFolder& hotFolder, const QString& message);
   void record(const HotFolderActivity& activity);
-  void updateProgress(const QUuid& hotFolderID, int completed, int total);
+  void updateProgress(const QUuid& hotFolderID, quint64 serial, int completed, int total);
   void retire(const QUuid& hotFolderID);
 
   const HotFolderWatcher::Timing timing_;

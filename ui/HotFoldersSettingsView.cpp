@@ -191,8 +191,7 @@ HotFoldersSettingsView::HotFoldersSettingsView(HotFoldersManager& manager, Batch
 }
 
 bool HotFoldersSettingsView::isFormValid() const {
-  return !name_->text().trimmed().isEmpty() && newSourceFolder_ && newDestinationFolder_ &&
-         !HotFolders::isSameFolder(*newSourceFolder_, *newDestinationFolder_);
+  return !name_->text().trimmed().isEmpty() && newSourceFolder_ && newDestinationFolder_ && !sameFolders_;
 }
 
 void HotFoldersSettingsView::save() {
@@ -218,6 +217,9 @@ void HotFoldersSettingsView::startEditing(const HotFolder& hotFolder) {
   name_->setText(hotFolder.name);
   newSourceFolder_ = hotFolder.sourceFolder;
   newDestinationFolder_ = hotFolder.destinationFolder;
+  // A saved pair was checked when it was chosen, and the manager checks it again: the form asks
+  // nothing of a folder that may be on a mount that no longer answers.
+  sameFolders_ = QDir::cleanPath(hotFolder.sourceFolder) == QDir::cleanPath(hotFolder.destinationFolder);
   newProfileName_ = hotFolder.profileName;
   newFormat_ = hotFolder.format.value_or(ImageFormat::jpeg);
   isEnabled_->setChecked(hotFolder.isEnabled);
@@ -230,6 +232,7 @@ void HotFoldersSettingsView::resetForm() {
   name_->clear();
   newSourceFolder_.reset();
   newDestinationFolder_.reset();
+  sameFolders_ = false;
   newProfileName_.reset();
   newFormat_ = ImageFormat::jpeg;
   isEnabled_->setChecked(true);
@@ -240,13 +243,22 @@ void HotFoldersSettingsView::resetForm() {
 void HotFoldersSettingsView::chooseSource() {
   if (!chooseFolder_) return;
   if (auto folder = chooseFolder_(newSourceFolder_)) newSourceFolder_ = *folder;
+  checkFolders();
   refreshForm();
 }
 
 void HotFoldersSettingsView::chooseDestination() {
   if (!chooseFolder_) return;
   if (auto folder = chooseFolder_(newDestinationFolder_)) newDestinationFolder_ = *folder;
+  checkFolders();
   refreshForm();
+}
+
+// Once a folder is chosen, as the chooser has just read it: a refresh of the form (each move of
+// the quality slider) never waits on the file system.
+void HotFoldersSettingsView::checkFolders() {
+  sameFolders_ = newSourceFolder_ && newDestinationFolder_ &&
+                 HotFolders::isSameFolder(*newSourceFolder_, *newDestinationFolder_);
 }
 
 void HotFoldersSettingsView::setNewProfileName(const std::optional<QString>& name) {
@@ -282,8 +294,7 @@ void HotFoldersSettingsView::refreshForm() {
   const QString none = Strings::text("settings.profiles.folderNone");
   sourceLabel_->setText(newSourceFolder_ ? pathText(*newSourceFolder_) : none);
   destinationLabel_->setText(newDestinationFolder_ ? pathText(*newDestinationFolder_) : none);
-  sameFolderWarning_->setVisible(newSourceFolder_ && newDestinationFolder_ &&
-                                 HotFolders::isSameFolder(*newSourceFolder_, *newDestinationFolder_));
+  sameFolderWarning_->setVisible(sameFolders_);
   rebuildProfileMenu();
   // Format and quality belong to the form only while no profile is chosen; they keep their
   // values meanwhile.

@@ -71,6 +71,7 @@ class HotFoldersSettingsView : public QWidget {
   void rebuildActivity();
   void rebuildProfileMenu();
   void refreshForm();
+  void checkFolders();
   QWidget* makeRow(const HotFolder& hotFolder);
   QWidget* makeActivityLine(const HotFolderActivity& line, bool errorOnly, QWidget* parent);
 
@@ -81,6 +82,7 @@ class HotFoldersSettingsView : public QWidget {
   std::optional<QUuid> editingID_;
   std::optional<QString> newSourceFolder_;
   std::optional<QString> newDestinationFolder_;
+  bool sameFolders_ = false;  // the two chosen folders are one
   std::optional<QString> newProfileName_;
   ImageFormat newFormat_ = ImageFormat::jpeg;
   double newQuality_ = 75;

@@ -34,6 +34,7 @@ std::optional<std::string> parse(const QByteArrayList& arguments, const QByteArr
     if (equals >= 0) {
       value = name.mid(equals + 1);
       name = name.left(equals);
+      if (flags.contains(name)) return "option --" + name.toStdString() + " takes no value";
     } else {
       if (!known.contains(name)) return "unknown option --" + name.toStdString();
       if (i + 1 >= arguments.size()) return "option --" + name.toStdString() + " needs a value";

@@ -249,6 +249,7 @@ TEST(CompressArguments, OptionsBecomeTheCommandsArgumentsAndFallbacksAreTold) {
       {{"--to", "file://elsewhere/out"}, "--to: not a local file URL: file://elsewhere/out"},
       {{"--colour", "red"}, "unknown option --colour"},
       {{"--colour=red"}, "unknown option --colour"},
+      {{"--skip-larger=yes"}, "option --skip-larger takes no value"},
       {{"a.png", "--to"}, "option --to needs a value"},
   };
   for (const auto& [line, error] : refused)

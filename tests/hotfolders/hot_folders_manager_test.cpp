@@ -177,6 +177,25 @@ TEST_F(HotFoldersManagerTest, FoldersThatComeToFeedEachOtherAreRefusedWhenOneApp
   settle(manager, second.id, State::refused);
 }
 
+// The scan of a folder edited meanwhile ends with the files it had begun; what it says of its
+// progress is not the new watcher's, whose folder has nothing to do.
+TEST_F(HotFoldersManagerTest, AnEditDuringAScanLeavesNoProgressOfTheOldScanBehind) {
+  const int busy = HotFolderWatcher::concurrencyLimit();
+  const std::vector<uint8_t> big = jpegBytes(1, 3000);
+  for (int i = 0; i < busy; ++i) writeBytes(pathOf(QStringLiteral("a%1.jpg").arg(i)), big);
+  putImage("b.jpg");  // not begun by the time of the edit
+  HotFolder hotFolder = folder();
+  HotFolders::save({hotFolder});
+  HotFoldersManager manager;
+  ASSERT_TRUE(QTest::qWaitFor([&] { return manager.progress(hotFolder.id).has_value(); }, 60000));
+  hotFolder.sourceFolder = temp_.path() + "/elsewhere";
+  ASSERT_TRUE(QDir().mkpath(hotFolder.sourceFolder));
+  manager.upsert(hotFolder);
+  settle(manager, hotFolder.id, State::watching);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return doneLines(manager) >= busy; }, 60000));
+  EXPECT_FALSE(manager.progress(hotFolder.id));
+}
+
 TEST_F(HotFoldersManagerTest, EndingDuringAScanLeavesOnlyWholeFiles) {
   for (int i = 0; i < 20; ++i) putImage(QStringLiteral("e%1.jpg").arg(i), i, 60, 600);
   const HotFolder hotFolder = folder();
