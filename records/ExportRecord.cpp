@@ -48,7 +48,7 @@ bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& rec
 ExportedFile exportedFile(const struct stat& st) {
   const double date = double(int64_t(st.st_mtim.tv_sec) - JsonForms::secondsFrom1970To2001) +
                       double(st.st_mtim.tv_nsec) * 1e-9;
-  return {quint64(st.st_dev), quint64(st.st_ino), qint64(st.st_size), date};
+  return {quint64(st.st_ino), qint64(st.st_size), date};
 }
 
 JsonValue toJson(const ExportRecord& record) {
@@ -61,7 +61,6 @@ JsonValue toJson(const ExportRecord& record) {
   object.set("date", JsonValue(record.date));
   if (record.file) {
     JsonValue file = JsonValue::object();
-    file.set("device", JsonForms::integer(qint64(record.file->device)));
     file.set("inode", JsonForms::integer(qint64(record.file->inode)));
     file.set("sizeBytes", JsonForms::integer(record.file->sizeBytes));
     file.set("modificationDate", JsonValue(record.file->modificationDate));
@@ -83,8 +82,7 @@ ExportRecord fromJson(const QJsonObject& object) {
   const QJsonValue file = object.value(QStringLiteral("file"));
   if (file.isObject()) {
     const QJsonObject fields = file.toObject();
-    record.file = ExportedFile{quint64(JsonForms::requireInteger(fields, QStringLiteral("device"))),
-                               quint64(JsonForms::requireInteger(fields, QStringLiteral("inode"))),
+    record.file = ExportedFile{quint64(JsonForms::requireInteger(fields, QStringLiteral("inode"))),
                                JsonForms::requireInteger(fields, QStringLiteral("sizeBytes")),
                                JsonForms::requireDouble(fields, QStringLiteral("modificationDate"))};
   } else if (!file.isUndefined() && !file.isNull()) {

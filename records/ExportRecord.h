@@ -20,10 +20,10 @@ struct stat;
 
 namespace quillane {
 
-// The file an export wrote, as it left it. A freed inode is soon another file's: the four
-// together tell that file from one changed or put in its place since.
+// The file an export wrote, as it left it. A freed inode is soon another file's: the three
+// together tell that file from one changed or put in its place since. Not its device, whose
+// number may change from boot to boot (a btrfs subvolume's does) or as a disk is plugged in.
 struct ExportedFile {
-  quint64 device = 0;
   quint64 inode = 0;
   qint64 sizeBytes = 0;
   double modificationDate = 0;  // seconds since 2001-01-01 00:00:00 UTC, as the file system has it
