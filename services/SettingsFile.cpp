@@ -1,8 +1,12 @@
 #include "services/SettingsFile.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <atomic>
@@ -71,10 +75,15 @@ void removeRunFile() {
 }
 
 void save(QSettings& settings) {
-  settings.sync();
   // QSettings rewrites the file through a temporary file that keeps the mode of the file it
-  // replaces; the first write creates it with the umask's mode, so tighten it every time.
-  QByteArray path = QFile::encodeName(settings.fileName());
+  // replaces. The first write would create it with the umask's mode, readable by others until a
+  // chmod after it: an empty private file made first gives the first write its mode too.
+  const QByteArray path = QFile::encodeName(settings.fileName());
+  QDir().mkpath(QFileInfo(settings.fileName()).absolutePath());
+  if (const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
+      fd >= 0)
+    ::close(fd);
+  settings.sync();
   ::chmod(path.constData(), S_IRUSR | S_IWUSR);
 }
 
