@@ -326,7 +326,6 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
     MutexLock lock(reportLock_);
     if (onProgress) onProgress(0, total);
   }
-  const std::string destination = QFile::encodeName(settings.destination).toStdString();
   std::atomic<size_t> next{0};
   QSemaphore finished;
   // The workers use this frame: it is left only once every one that started has ended.
@@ -337,23 +336,7 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
         for (size_t index; !isStopped() && (index = next++) < candidates.size();) {
           const Candidate& candidate = candidates[index];
           try {
-            const CompressionBudget::Claim claim = CompressionBudget::process().claim(
-                CompressionCost::fileCostMB(candidate.path, settings.format, settings.quality));
-            // A file that took the name while this one was compressed stays: the next free name
-            // is written instead, compressed again.
-            ImageCompressionResult result;
-            for (std::string name = candidate.destinationFilename;;) {
-              bool taken = false;
-              result =
-                  ImageCompressor::compress(candidate.path, destination, settings.format, settings.quality,
-                                            name, false, settings.sizing, [&](const struct stat& existing) {
-                                              taken = !names.isOwnNow(candidate, name, existing);
-                                              return !taken;
-                                            });
-              if (!taken) break;
-              name = names.next(candidate);
-            }
-            record(candidate, result, completed, total);
+            record(candidate, compressOne(candidate, settings, names), completed, total);
           } catch (...) {
             // Out of memory before the file's outcome was told: it fails, and the scan goes on.
             // Nothing escapes, the making of the failure's text included: an escape would end
@@ -373,6 +356,26 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
     // the workers that could start take every file
   }
   finished.acquire(started);
+}
+
+// One file, under its claim on the compression budget. A file that took its name while it was
+// compressed stays: the next free name is written instead, compressed again.
+ImageCompressionResult HotFolderWatcher::compressOne(const Candidate& candidate, const Settings& settings,
+                                                     OutputNames& names) {
+  const CompressionBudget::Claim claim = CompressionBudget::process().claim(
+      CompressionCost::fileCostMB(candidate.path, settings.format, settings.quality));
+  const std::string destination = QFile::encodeName(settings.destination).toStdString();
+  for (std::string name = candidate.destinationFilename;;) {
+    bool taken = false;
+    ImageCompressionResult result =
+        ImageCompressor::compress(candidate.path, destination, settings.format, settings.quality, name, false,
+                                  settings.sizing, [&](const struct stat& existing) {
+                                    taken = !names.isOwnNow(candidate, name, existing);
+                                    return !taken;
+                                  });
+    if (!taken) return result;
+    name = names.next(candidate);
+  }
 }
 
 // A success is stored at once, with the identity of what it wrote, so that a crash redoes

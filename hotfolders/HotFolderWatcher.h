@@ -142,6 +142,8 @@ class HotFolderWatcher {
   std::optional<Settings> resolveSettings();
   void name(std::vector<Candidate>& candidates, OutputNames& names) const;
   void compressAll(const std::vector<Candidate>& candidates, const Settings& settings, OutputNames& names);
+  ImageCompressionResult compressOne(const Candidate& candidate, const Settings& settings,
+                                     OutputNames& names);
   void record(const Candidate& candidate, const ImageCompressionResult& result, int& completed, int total);
   void reportFolderError(const QString& message);
   // Says that something escaped a step (memory running out, say), if even that can be said.
