@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "budget/CompressionBudget.h"
 #include "engine/ImageFormat.h"
 #include "hotfolders/HotFoldersManager.h"
 #include "tests/hotfolders/hot_folder_test_support.h"
@@ -187,12 +188,14 @@ TEST_F(HotFoldersManagerTest, AnEditDuringAScanLeavesNoProgressOfTheOldScanBehin
   HotFolder hotFolder = folder();
   HotFolders::save({hotFolder});
   HotFoldersManager manager;
-  ASSERT_TRUE(QTest::qWaitFor([&] { return manager.progress(hotFolder.id).has_value(); }, 60000));
+  // A file begun (its claim on the budget held) is finished after the edit, and says so.
+  const CompressionBudget& budget = CompressionBudget::process();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return budget.availablePermits() < budget.limit(); }, 60000));
   hotFolder.sourceFolder = temp_.path() + "/elsewhere";
   ASSERT_TRUE(QDir().mkpath(hotFolder.sourceFolder));
   manager.upsert(hotFolder);
   settle(manager, hotFolder.id, State::watching);
-  ASSERT_TRUE(QTest::qWaitFor([&] { return doneLines(manager) >= busy; }, 60000));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return doneLines(manager) >= 1; }, 60000));
   EXPECT_FALSE(manager.progress(hotFolder.id));
 }
 
