@@ -131,6 +131,14 @@ TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAClickMakesNoOverrideAn
   EXPECT_FALSE(image->qualityOverride().has_value());
   slider->setSliderDown(false);  // released
   EXPECT_EQ(image->qualityOverride(), 40);
+  // A turn of the wheel over the slider, and a value a screen reader sets, are edits of their own.
+  const QPointF middle(slider->width() / 2.0, slider->height() / 2.0);
+  QWheelEvent wheel(middle, slider->mapToGlobal(middle), {}, {0, 120}, Qt::NoButton, Qt::NoModifier,
+                    Qt::NoScrollPhase, false);
+  QApplication::sendEvent(slider, &wheel);
+  EXPECT_TRUE(slider->value() > 40 && image->qualityOverride() == slider->value()) << slider->value();
+  QAccessible::queryAccessibleInterface(slider)->valueInterface()->setCurrentValue(55);
+  EXPECT_EQ(image->qualityOverride(), 55);
   ASSERT_TRUE(waitIdle());
 
   // Revert follows the global quality again.
