@@ -96,6 +96,17 @@ TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRowAndAFormatNotReadOffersNo
   list().activate(list().listModel().index(1), RowHit::failureDismiss);
   ASSERT_EQ(model_->importFailures().size(), 2u);
   EXPECT_EQ(model_->importFailures()[0].id, second);
+
+  // The keys keep their place as failures come and go: on their image while one is added, and
+  // Delete goes on to the next failure, as it does from image to image.
+  list().setCurrentIndex(list().listModel().index(list().listModel().rowOfImage(0)));
+  ASSERT_TRUE(settle({url("missing3.png")}));
+  EXPECT_TRUE(list().listModel().imageAt(list().currentIndex().row()) == model_->images()[0]);
+  list().setCurrentIndex(list().listModel().index(1));
+  QTest::keyClick(&list(), Qt::Key_Delete);
+  QTest::keyClick(&list(), Qt::Key_Delete);
+  ASSERT_EQ(model_->importFailures().size(), 1u);
+  EXPECT_EQ(model_->importFailures()[0].url, url("missing3.png"));
 }
 
 TEST_F(ImageRowTest, TheRowSaysWhenItHasItsOwnQualityAndWhenJPEGWhitensItsTransparency) {
