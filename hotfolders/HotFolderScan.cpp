@@ -28,26 +28,23 @@
 #include "hotfolders/HotFolderProcessedStore.h"
 #include "hotfolders/HotFolderWatcher.h"
 #include "records/ExportProfileResolver.h"
+#include "records/JsonForms.h"
 
 namespace quillane {
 namespace {
 
-constexpr int64_t kSecondsFrom1970To2001 = 978307200;
 constexpr double kStableAge = 2.0;
 constexpr std::chrono::milliseconds kStabilityWait{300};
-
-double secondsSince2001(const timespec& time) {
-  return double(int64_t(time.tv_sec) - kSecondsFrom1970To2001) + double(time.tv_nsec) * 1e-9;
-}
 
 double nowSince2001() {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
-  return secondsSince2001(now);
+  return JsonForms::secondsSince2001(now);
 }
 
 HotFolderProcessedEntry::Identity identityOf(const struct stat& st) {
-  return {uint64_t(st.st_dev), uint64_t(st.st_ino), int64_t(st.st_size), secondsSince2001(st.st_mtim)};
+  return {uint64_t(st.st_dev), uint64_t(st.st_ino), int64_t(st.st_size),
+          JsonForms::secondsSince2001(st.st_mtim)};
 }
 
 struct FolderEntry {
@@ -68,7 +65,8 @@ std::optional<std::vector<FolderEntry>> listFolder(const QString& folder) {
     struct stat st {};
     if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode))
       continue;
-    files.push_back({entry->d_name, int64_t(st.st_size), secondsSince2001(st.st_mtim), identityOf(st)});
+    files.push_back(
+        {entry->d_name, int64_t(st.st_size), JsonForms::secondsSince2001(st.st_mtim), identityOf(st)});
   }
   ::closedir(dir);
   return files;

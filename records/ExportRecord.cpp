@@ -46,9 +46,7 @@ bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& rec
 }
 
 ExportedFile exportedFile(const struct stat& st) {
-  const double date = double(int64_t(st.st_mtim.tv_sec) - JsonForms::secondsFrom1970To2001) +
-                      double(st.st_mtim.tv_nsec) * 1e-9;
-  return {quint64(st.st_ino), qint64(st.st_size), date};
+  return {quint64(st.st_ino), qint64(st.st_size), JsonForms::secondsSince2001(st.st_mtim)};
 }
 
 JsonValue toJson(const ExportRecord& record) {

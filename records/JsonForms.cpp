@@ -65,6 +65,10 @@ double secondsSince2001(const QDateTime& when) {
   return double(when.toMSecsSinceEpoch() - referenceDateMSecs) / 1000.0;
 }
 
+double secondsSince2001(const timespec& time) {
+  return double(qint64(time.tv_sec) - secondsFrom1970To2001) + double(time.tv_nsec) * 1e-9;
+}
+
 QDateTime dateFromSecondsSince2001(double seconds) {
   return QDateTime::fromMSecsSinceEpoch(std::llround(seconds * 1000.0) + referenceDateMSecs, Qt::UTC);
 }

@@ -13,6 +13,7 @@
 #include <QString>
 #include <QUrl>
 #include <QUuid>
+#include <ctime>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -37,6 +38,7 @@ class DecodingError : public std::runtime_error {
 QString uuidText(const QUuid& id);              // "6F9619FF-8B86-D011-B42D-00C04FC964FF"
 QString fileURLText(const QString& localPath);  // "file:///home/a/My%20Pictures"
 double secondsSince2001(const QDateTime& when);
+double secondsSince2001(const timespec& time);       // a file date from stat, nanoseconds kept
 QDateTime dateFromSecondsSince2001(double seconds);  // UTC, millisecond precision
 inline constexpr qint64 secondsFrom1970To2001 = 978307200;
 

@@ -48,6 +48,17 @@ QTemporaryDir& runFolder() {
   return folder;
 }
 
+// The private file of this run; without one, a file under a device: never there, and its folder
+// can't be made.
+QString runFile() {
+  const QTemporaryDir& run = runFolder();
+  return run.isValid() ? run.filePath(QStringLiteral("Quillane.conf"))
+                       : QStringLiteral("/dev/null/Quillane.conf");
+}
+
+// Set once a write of path() has failed: the settings of the run are held in its private file since.
+std::atomic<bool> heldForRun{false};
+
 }  // namespace
 
 QString path() {
@@ -60,14 +71,10 @@ std::unique_ptr<QSettings> store() {
   // alone, not also from the organisation's ($XDG_CONFIG_HOME/Quillane.conf) and the
   // system's, which would each need the same care.
   const QString file = path();
-  if (usable(file)) return std::make_unique<QSettings>(file, QSettings::NativeFormat);
+  if (!heldForRun && usable(file)) return std::make_unique<QSettings>(file, QSettings::NativeFormat);
   // A private file for this run, removed at exit, so that what is set still holds until then
-  // (the local API's token above all). Without one, a file under a device: never there, and
-  // its folder can't be made.
-  const QTemporaryDir& run = runFolder();
-  return std::make_unique<QSettings>(run.isValid() ? run.filePath(QStringLiteral("Quillane.conf"))
-                                                   : QStringLiteral("/dev/null/Quillane.conf"),
-                                     QSettings::NativeFormat);
+  // (the local API's token above all).
+  return std::make_unique<QSettings>(runFile(), QSettings::NativeFormat);
 }
 
 void removeRunFile() {
@@ -85,6 +92,15 @@ void save(QSettings& settings) {
     ::close(fd);
   settings.sync();
   ::chmod(path.constData(), S_IRUSR | S_IWUSR);
+  // A file that can't be written (a read-only or full disk) would forget what was just set at the
+  // next read, the local API's token too, so that each request would make a token of its own: the
+  // settings as they now stand are held for the run instead, and the file is left as it is.
+  if (settings.status() != QSettings::AccessError || settings.fileName() == runFile()) return;
+  QSettings run(runFile(), QSettings::NativeFormat);
+  run.clear();
+  for (const QString& key : settings.allKeys()) run.setValue(key, settings.value(key));
+  run.sync();
+  heldForRun = true;
 }
 
 bool boolValue(const QSettings& settings, QAnyStringView key) {

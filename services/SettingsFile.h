@@ -25,7 +25,9 @@ std::unique_ptr<QSettings> store();
 // process that ends without running its static destructors (_exit).
 void removeRunFile();
 
-// Writes `settings` to disk and restricts its file to mode 0600.
+// Writes `settings` to disk and restricts its file to mode 0600. Where the file can't be written
+// (a read-only or full disk), what `settings` holds is kept for the run as above, and the file
+// is left as it is.
 void save(QSettings& settings);
 
 // A switch read strictly: only "true", "1", "yes" and "on" (in any case) are true; anything

@@ -7,6 +7,7 @@
 #include <QProcess>
 #include <QTimer>
 #include <QUrl>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 
@@ -112,6 +113,9 @@ int runCompressLaunch(const QStringList& files) {
     outcome = compressInProcess(paths);
   }
 
+  // A reader that stops early (`| head -1`) must not end the action before it reports: the files
+  // are written by now, and the notification is the outcome the user waits for.
+  std::signal(SIGPIPE, SIG_IGN);
   for (const QString& output : outcome.outputs) std::printf("%s\n", localPathBytes(output).c_str());
   std::fflush(stdout);
 

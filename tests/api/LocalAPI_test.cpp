@@ -1,6 +1,7 @@
 // The API's settings and token, and the controller that serves on the stored port; then every route,
 // its refusals and the token check, through real requests to a real model.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <QFileInfo>
 #include <QRegularExpression>
@@ -34,6 +35,20 @@ TEST_F(ControllerTest, TheTokenHasItsFormAndIsKeptInAFileOnlyItsOwnerCanRead) {
   LocalAPISettings::setToken(QString());
   QString second = LocalAPISettings::token();
   EXPECT_TRUE(second != first && !second.isEmpty());
+
+  // A settings folder that can't be written (a read-only or full disk) holds the token made for the run,
+  // where each read made a new one. Root writes anywhere: the check runs as another user.
+  const QByteArray folder = QFile::encodeName(QFileInfo(LocalAPISettings::store()->fileName()).path());
+  ASSERT_TRUE(QFile::remove(LocalAPISettings::store()->fileName()));
+  ASSERT_EQ(::chmod(QFile::encodeName(dir_.path()), 0755) | ::chmod(folder, 0555), 0);
+  EXPECT_EXIT(
+      {
+        if (::geteuid() == 0 && ::setresuid(65534, 65534, 65534) != 0) _exit(2);
+        const QString made = LocalAPISettings::token();
+        _exit(!made.isEmpty() && LocalAPISettings::token() == made ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+  ::chmod(folder, 0755);
 }
 
 // Values written by hand: a switch is on only for a true value, and a token is one string.

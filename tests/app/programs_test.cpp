@@ -559,11 +559,12 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
       << notify.value(4).toString().toStdString();
   EXPECT_EQ(notify.value(5).toStringList(), QStringList());  // nothing to show in a folder
 
-  // The outcome's "Show in folder" shows the written file in the file manager.
+  // The outcome's "Show in folder" shows the written file in the file manager, even with the list
+  // of written files piped to a reader that has gone.
   QProcess launch;
   launch.setProcessEnvironment(environment());
   launch.setWorkingDirectory(dir_.path());
-  launch.start(program_, {"--compress", "in/a.png"});
+  launch.start("bash", {"-c", "set -o pipefail; \"$0\" --compress in/a.png | true", program_});
   ASSERT_TRUE(QTest::qWaitFor([&] { return notifications.calls("Notify").size() == 2; }, 60000));
   EXPECT_EQ(notifications.calls("Notify")[1].value(5).toStringList().value(0), "show-in-folder");
   QDBusMessage chosen = QDBusMessage::createSignal("/org/freedesktop/Notifications",
