@@ -26,6 +26,11 @@ Bytes encode(const DecodedImage& image, bool hasAlpha, ImageFormat format, const
 Bytes encode(DecodedImage&& image, bool hasAlpha, ImageFormat format, const EncodingPlan& plan);
 // The 8-bit opaque copy handed to the writers; nothing when it can't be made.
 std::optional<DecodedImage> opaqueCopy(const DecodedImage& image, bool overWhite);
+// Makes the colour of each fully transparent pixel of a picture of straight alpha (8 or 16
+// bits) black, as an RGBABuffer has it. No one sees that colour, but HEIC and AVIF code it like
+// any other, and their 4:2:0 chroma and transform carry it into the visible pixels beside it.
+// Other pictures are left as they are.
+void clearTransparentColour(DecodedImage& image);
 }  // namespace NativeImageIOEncoder
 
 namespace WebPEncoder {

@@ -303,6 +303,9 @@ Encoded encodeSource(std::span<const uint8_t> fileData, Bytes* owned, ImageForma
   } else {
     pictures.rgba = RGBABuffer(std::move(source.image));
   }
+  // HEIC and AVIF keep alpha, and would code whatever colour the source hides under it.
+  if (keepDecoded && format != ImageFormat::jpeg && pictures.rgba.hasAlpha)
+    NativeImageIOEncoder::clearTransparentColour(pictures.decoded);
   const ImageCharacteristics characteristics = ImageAnalyzer::analyze(pictures.rgba);
   const EncodingPlan plan = EncodingStrategy::plan(characteristics, format, quality);
   // An encoding the machine cannot hold is refused before it starts, not when its memory is gone.

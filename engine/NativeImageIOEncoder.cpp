@@ -62,7 +62,22 @@ bool isNativeFormat(ImageFormat format) {
   return format == ImageFormat::jpeg || format == ImageFormat::heic || format == ImageFormat::avif;
 }
 
+// clearTransparentColour over 8- or 16-bit samples.
+template <class Sample>
+void clearTransparent(SampleVector<Sample>& samples) {
+  for (size_t i = 0; i < samples.size(); i += 4)
+    if (samples[i + 3] == 0) std::fill_n(&samples[i], 3, Sample(0));
+}
+
 }  // namespace
+
+void clearTransparentColour(DecodedImage& image) {
+  if (image.alpha != AlphaInfo::straight || !hasValidPixels(image)) return;
+  if (image.bitsPerComponent == 16)
+    clearTransparent(image.pixels16);
+  else
+    clearTransparent(image.pixels8);
+}
 
 std::optional<DecodedImage> opaqueCopy(const DecodedImage& image, bool overWhite) {
   if (!hasValidPixels(image)) return std::nullopt;

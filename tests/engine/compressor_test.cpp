@@ -122,6 +122,37 @@ TEST(EncodeData, GraphicIsTheSmallerOfItsLossyAndLosslessEncodings) {
             RGBABuffer(logo).pixels);
 }
 
+// What lies under fully transparent pixels is never seen, in any format that keeps alpha: HEIC and
+// AVIF code that colour like any other, and their 4:2:0 chroma and transform would carry it into
+// the visible pixels beside it (a grey logo on transparent magenta got a magenta fringe), at 8 bits
+// and at 16.
+TEST(EncodeData, TheColourUnderTransparentPixelsNeverShowsBesideThem) {
+  DecodedImage picture = solid(48, 32, 200, 200, 200);  // the right half transparent magenta
+  for (size_t p = 0; p < picture.pixelCount(); ++p)
+    if (p % 48 >= 23) std::copy_n(std::begin({255, 0, 255, 0}), 4, &picture.pixels8[p * 4]);
+  DecodedImage deep = picture;
+  deep.bitsPerComponent = 16;
+  deep.pixels16.resize(picture.pixels8.size());
+  std::transform(picture.pixels8.begin(), picture.pixels8.end(), deep.pixels16.begin(),
+                 [](uint8_t v) { return uint16_t(v * 257); });
+  for (const DecodedImage* source : {&picture, &deep})
+    for (ImageFormat format : ImageFormats::allCases) {
+      if (format == ImageFormat::jpeg) continue;
+      SCOPED_TRACE(std::string(ImageFormats::label(format)) + " " + std::to_string(source->bitsPerComponent));
+      const DecodedImage back =
+          ImageService::decodeFirstFrame(encodeData(fixtures::png(*source), format, 75));
+      int alphaError = 0, colourError = 0;
+      for (int y = 0; y < 32; ++y)
+        for (int x = 0; x < 48; ++x) {
+          const auto seen = pixelAt(back, x, y);
+          alphaError = std::max(alphaError, std::abs(seen[3] - (x < 23 ? 255 : 0)));
+          for (int c = 0; c < 3 && x < 23; ++c) colourError = std::max(colourError, std::abs(seen[c] - 200));
+        }
+      EXPECT_LE(alphaError, 4);
+      EXPECT_LE(colourError, 6);
+    }
+}
+
 // Written under the source's name or the given one, replacing an old file; with skipLarger, the
 // original is kept where the result is not smaller: a photo saved at JPEG quality 30 grows at
 // quality 100, and shrinks at quality 40 in WebP.
