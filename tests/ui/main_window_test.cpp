@@ -158,6 +158,11 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   restart(options());
   control<QToolButton>(&bar(), "size.label")->click();
   EXPECT_EQ(control<ui::SizeOptionsEditor>(&bar())->options(), chosen);
+
+  // A budget finer than the field's tenth (the local API's "1.25M") stays as it is through another edit.
+  model_->setCompressionOptions({.maxBytes = 1'250'000});
+  control<QCheckBox>(&bar(), "size.skipLargerToggle")->setChecked(true);
+  EXPECT_EQ(model_->compressionOptions(), (CompressionOptions{.maxBytes = 1'250'000, .skipLarger = true}));
   useLanguage({});
 }
 
