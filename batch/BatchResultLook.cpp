@@ -26,9 +26,10 @@ struct Look {
 void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image) {
   if (!options_.measureResults || !image || !image->compressedData()) return;
   const QByteArray result = *image->compressedData();
-  // A newer result makes this measure worthless: its change raises the flag, which libjxl's
-  // work polls.
+  // A newer result makes this measure worthless, and so does the row leaving the batch: each
+  // raises the flag, which libjxl's work polls.
   auto cancel = std::make_shared<Cancellation::Flag>(false);
+  measures_[image->id()] = cancel;
   auto stale = std::make_shared<QMetaObject::Connection>();
   *stale = connect(image.get(), &ImportedImage::compressedDataChanged, this, [cancel, stale] {
     cancel->store(true);

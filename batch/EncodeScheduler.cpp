@@ -69,6 +69,10 @@ void EncodeScheduler::forget(const QUuid& id) {
   cancel(id);
   tasks_.erase(id);
   pendingReEncode_.erase(id);
+  if (const auto measure = measures_.find(id); measure != measures_.end()) {
+    measure->second->store(true);
+    measures_.erase(measure);
+  }
   // A running encode of it (active_) ends by itself and clears its own entry.
 }
 
@@ -76,6 +80,8 @@ void EncodeScheduler::forgetAll() {
   for (auto& entry : tasks_) cancel(entry.first);
   tasks_.clear();
   pendingReEncode_.clear();
+  for (auto& entry : measures_) entry.second->store(true);
+  measures_.clear();
 }
 
 void EncodeScheduler::schedule(const std::shared_ptr<ImportedImage>& image, bool debounce) {
@@ -240,7 +246,7 @@ void EncodeScheduler::finish(const std::shared_ptr<ImportedImage>& image, uint64
     image->setCompressedData(result.bytes);
     image->resultShape_ = result.shape;
     image->setEncodeState(EncodeState::ready(size));
-    measureResult(image);
+    if (tasks_.count(image->id())) measureResult(image);  // not for a row that left the batch
   } else {
     image->setCompressedData(std::nullopt);
     image->resultShape_.reset();

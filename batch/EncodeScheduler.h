@@ -23,6 +23,7 @@
 
 #include "batch/ImportedImage.h"
 #include "batch/TimerStarter.h"
+#include "engine/Cancellation.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
 
@@ -74,8 +75,9 @@ class EncodeScheduler : public QObject {
   // image already encoding is marked and encoded again, with the settings of that moment, when
   // the running encode ends.
   void schedule(const std::shared_ptr<ImportedImage>& image, bool debounce);
-  // The image left the batch: its queued or debounced encode never runs, and a running one
-  // ends by itself and changes nothing visible.
+  // The image left the batch: its queued or debounced encode never runs, a running one ends by
+  // itself and changes nothing visible, and no look is measured for it (a row brought back is
+  // encoded anew, which measures again).
   void forget(const QUuid& id);
   void forgetAll();
 
@@ -104,6 +106,9 @@ class EncodeScheduler : public QObject {
   std::map<QUuid, std::shared_ptr<Task>> tasks_;  // the latest task of each image
   std::set<QUuid> active_;                        // images whose encode is running
   std::set<QUuid> pendingReEncode_;               // ... and that changed meanwhile
+  // The flag of each image's latest measure (ImportedImage::resultLookChanged), raised when the
+  // image is forgotten.
+  std::map<QUuid, std::shared_ptr<Cancellation::Flag>> measures_;
   std::unique_ptr<CompressionBudget> processorSlots_;
   std::unique_ptr<QThreadPool> pool_;  // a child named "encodePool"
 };

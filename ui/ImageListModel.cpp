@@ -17,7 +17,7 @@ ImageListModel::ImageListModel(BatchViewModel& viewModel, QObject* parent)
     shownIDs_.push_back(image->id());
     watch(image);
   }
-  shownFailures_ = int(viewModel_.importFailures().size());
+  for (const ImportFailure& failure : viewModel_.importFailures()) shownFailures_.push_back(failure.id);
   for (size_t i = 0; i < shownIDs_.size(); ++i) rowOfID_.insert(shownIDs_[i], int(i));
   connect(&viewModel_, &BatchViewModel::imagesChanged, this, &ImageListModel::onImagesChanged);
   connect(&viewModel_, &BatchViewModel::importFailuresChanged, this, &ImageListModel::onFailuresChanged);
@@ -27,7 +27,9 @@ ImageListModel::ImageListModel(BatchViewModel& viewModel, QObject* parent)
   });
 }
 
-int ImageListModel::imageRowOffset() const { return shownFailures_ > 0 ? shownFailures_ + 1 : 0; }
+int ImageListModel::imageRowOffset() const {
+  return shownFailures_.empty() ? 0 : int(shownFailures_.size()) + 1;
+}
 
 int ImageListModel::rowCount(const QModelIndex& parent) const {
   if (parent.isValid()) return 0;
@@ -35,9 +37,9 @@ int ImageListModel::rowCount(const QModelIndex& parent) const {
 }
 
 ImageListModel::RowKind ImageListModel::kind(int row) const {
-  if (shownFailures_ > 0) {
+  if (!shownFailures_.empty()) {
     if (row == 0) return RowKind::failuresHeader;
-    if (row <= shownFailures_) return RowKind::failure;
+    if (row <= int(shownFailures_.size())) return RowKind::failure;
   }
   return RowKind::image;
 }
@@ -169,10 +171,43 @@ void ImageListModel::onImagesChanged() {
   }
 }
 
+// A failure added at the end or taken away is announced as such, and so is the section coming or
+// going with its header, so that the current row (the keyboard's place, and a screen reader's)
+// stays on its failure or image; anything else resets. Failure i is row i + 1.
 void ImageListModel::onFailuresChanged() {
-  beginResetModel();
-  shownFailures_ = int(viewModel_.importFailures().size());
-  endResetModel();
+  std::vector<QUuid> ids;
+  for (const ImportFailure& failure : viewModel_.importFailures()) ids.push_back(failure.id);
+  if (ids == shownFailures_) return;
+  const int before = int(shownFailures_.size()), after = int(ids.size());
+  size_t same = 0;
+  while (same < ids.size() && same < shownFailures_.size() && ids[same] == shownFailures_[same]) ++same;
+  const auto insert = [&](int first, int last) {
+    beginInsertRows({}, first, last);
+    shownFailures_ = std::move(ids);
+    endInsertRows();
+  };
+  const auto remove = [&](int first, int last) {
+    beginRemoveRows({}, first, last);
+    shownFailures_ = std::move(ids);
+    endRemoveRows();
+  };
+  if (before == 0) {
+    insert(0, after);
+  } else if (after == 0) {
+    remove(0, before);
+  } else if (after == before + 1 && same == shownFailures_.size()) {
+    insert(after, after);
+  } else if (after + 1 == before &&
+             std::equal(ids.begin() + long(same), ids.end(), shownFailures_.begin() + long(same) + 1)) {
+    remove(int(same) + 1, int(same) + 1);
+  } else if (after == before) {
+    shownFailures_ = std::move(ids);  // a failure told again in its place, with its new message
+    emit dataChanged(index(1), index(after));
+  } else {
+    beginResetModel();
+    shownFailures_ = std::move(ids);
+    endResetModel();
+  }
 }
 
 namespace {

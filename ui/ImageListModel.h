@@ -54,8 +54,8 @@ class ImageListModel : public QAbstractListModel {
   void imageChanged(const QUuid& id);
 
   BatchViewModel& viewModel_;
-  std::vector<QUuid> shownIDs_;  // the images as last announced to the view
-  int shownFailures_ = 0;
+  std::vector<QUuid> shownIDs_;       // the images as last announced to the view
+  std::vector<QUuid> shownFailures_;  // the failures' ids, as last announced
   QHash<QUuid, int> rowOfID_;
   mutable QHash<QUuid, QPixmap> thumbnails_;
   mutable QHash<QUuid, QPixmap> resultThumbnails_;

@@ -256,12 +256,10 @@ QualityOverridePopup::QualityOverridePopup(BatchViewModel& viewModel, std::share
   });
   connect(slider_, &QSlider::sliderPressed, this, [this] { editingChanged(true); });
   connect(slider_, &QSlider::sliderReleased, this, [this] { editingChanged(false); });
-  // Keys and clicks on the groove are whole edits of their own.
-  connect(slider_, &QSlider::actionTriggered, this, [this](int action) {
-    if (slider_->isSliderDown() || action == QAbstractSlider::SliderMove ||
-        action == QAbstractSlider::SliderNoAction)
-      return;
-    draftQuality_ = slider_->sliderPosition();
+  // Keys, clicks on the groove, the wheel and a screen reader's value are whole edits of their own.
+  connect(slider_, &QSlider::valueChanged, this, [this](int value) {
+    if (slider_->isSliderDown()) return;
+    draftQuality_ = value;
     editingChanged(false);
   });
   connect(revert_, &QPushButton::clicked, this, &QualityOverridePopup::revertToGlobal);

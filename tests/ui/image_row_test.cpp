@@ -96,6 +96,17 @@ TEST_F(ImageRowTest, DismissTouchesOnlyItsOwnFailureRowAndAFormatNotReadOffersNo
   list().activate(list().listModel().index(1), RowHit::failureDismiss);
   ASSERT_EQ(model_->importFailures().size(), 2u);
   EXPECT_EQ(model_->importFailures()[0].id, second);
+
+  // The keys keep their place as failures come and go: on their image while one is added, and
+  // Delete goes on to the next failure, as it does from image to image.
+  list().setCurrentIndex(list().listModel().index(list().listModel().rowOfImage(0)));
+  ASSERT_TRUE(settle({url("missing3.png")}));
+  EXPECT_TRUE(list().listModel().imageAt(list().currentIndex().row()) == model_->images()[0]);
+  list().setCurrentIndex(list().listModel().index(1));
+  QTest::keyClick(&list(), Qt::Key_Delete);
+  QTest::keyClick(&list(), Qt::Key_Delete);
+  ASSERT_EQ(model_->importFailures().size(), 1u);
+  EXPECT_EQ(model_->importFailures()[0].url, url("missing3.png"));
 }
 
 TEST_F(ImageRowTest, TheRowSaysWhenItHasItsOwnQualityAndWhenJPEGWhitensItsTransparency) {
@@ -131,6 +142,14 @@ TEST_F(QualityPopupTest, ADragChangesNothingUntilReleasedAClickMakesNoOverrideAn
   EXPECT_FALSE(image->qualityOverride().has_value());
   slider->setSliderDown(false);  // released
   EXPECT_EQ(image->qualityOverride(), 40);
+  // A turn of the wheel over the slider, and a value a screen reader sets, are edits of their own.
+  const QPointF middle(slider->width() / 2.0, slider->height() / 2.0);
+  QWheelEvent wheel(middle, slider->mapToGlobal(middle), {}, {0, 120}, Qt::NoButton, Qt::NoModifier,
+                    Qt::NoScrollPhase, false);
+  QApplication::sendEvent(slider, &wheel);
+  EXPECT_TRUE(slider->value() > 40 && image->qualityOverride() == slider->value()) << slider->value();
+  QAccessible::queryAccessibleInterface(slider)->valueInterface()->setCurrentValue(55);
+  EXPECT_EQ(image->qualityOverride(), 55);
   ASSERT_TRUE(waitIdle());
 
   // Revert follows the global quality again.
