@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <optional>
+#include <utility>
 
 #include "batch/BatchSupport.h"
 #include "batch/PoolTask.h"
@@ -246,8 +247,12 @@ void EncodeScheduler::encode(const std::shared_ptr<Task>& task, std::function<vo
                 ResultShape{encoded.quality, encoded.width, encoded.height, false, quality, sizing};
           } else {
             bytes = encoder(source, format, quality);
-            if (auto header = ImageService::properties(bytes))
+            // A JPEG repackaged as JPEG XL keeps its orientation in the header: the shape is the
+            // picture as shown.
+            if (auto header = ImageService::properties(bytes)) {
+              if (header->orientation.value_or(1) >= 5) std::swap(header->width, header->height);
               result.shape = ResultShape{quality, header->width, header->height, false, quality, sizing};
+            }
           }
           if (result.shape) result.shape->keptOriginal = sizing.skipLarger && bytes.size() >= source.size();
           result.bytes = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
