@@ -30,7 +30,12 @@ std::vector<std::string> pathSegments(const std::string& path) {
 }  // namespace
 
 LocalAPIRouter::LocalAPIRouter(BatchViewModel& viewModel, QObject* parent)
-    : QObject(parent), viewModel_(viewModel) {}
+    : QObject(parent), viewModel_(viewModel) {
+  checks_.setObjectName(QStringLiteral("com.quillane.Quillane.apiFileChecks"));
+  // As many as the server serves requests at once: those stuck on a dead volume never hold up the
+  // checks of another.
+  checks_.setMaxThreadCount(LocalAPIServer::Limits().maxConnections);
+}
 
 LocalAPIServer::Router LocalAPIRouter::serverRouter() {
   QPointer<LocalAPIRouter> self(this);
@@ -104,7 +109,7 @@ void LocalAPIRouter::route(const LocalAPIRequest& request, const std::vector<std
   if (m == "POST" && n == 1 && s[0] == "export") return exportAll(request, reply);
   if (m == "POST" && n == 1 && s[0] == "clear") return reply(clearAll());
   if (m == "GET" && n == 1 && s[0] == "profiles") return reply(profilesList());
-  if (m == "POST" && n == 1 && s[0] == "profiles") return reply(upsertProfile(request));
+  if (m == "POST" && n == 1 && s[0] == "profiles") return upsertProfile(request, reply);
   if (m == "DELETE" && n == 2 && s[0] == "profiles") return reply(deleteProfile(s[1]));
   if (m == "POST" && n == 3 && s[0] == "images" && s[2] == "quality")
     return reply(updateQuality(s[1], request));

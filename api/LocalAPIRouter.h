@@ -6,10 +6,15 @@
 //
 // Built once by LocalAPIController and kept across server restarts. GUI thread only; the
 // server reaches it through serverRouter(), which hops to the GUI thread first. Handlers
-// that wait (import, the two exports) give the GUI thread up while they wait.
+// that wait (import, the two exports) give the GUI thread up while they wait, and those that
+// look at files named in the request (import, the export to a folder, a profile's folder) do
+// so on a pool of their own: a volume that no longer answers holds up its request, never the
+// window.
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
+#include <QThreadPool>
 #include <functional>
 #include <optional>
 #include <string>
@@ -17,6 +22,7 @@
 
 #include "api/LocalAPIRequest.h"
 #include "api/LocalAPIServer.h"
+#include "engine/ImageFormat.h"
 
 namespace quillane {
 
@@ -54,11 +60,18 @@ class LocalAPIRouter : public QObject {
   LocalAPIResponse status() const;
   LocalAPIResponse imagesList() const;
   void importFiles(const LocalAPIRequest& request, const Reply& reply);
+  // `found`: whether each of `paths` is absolute and names something that exists.
+  void importExisting(const QStringList& paths, const std::vector<bool>& found, const Reply& reply);
   LocalAPIResponse updateSettings(const LocalAPIRequest& request);
   void exportAll(const LocalAPIRequest& request, const Reply& reply);
+  // `isFolder`: whether `folder` names a folder.
+  void exportInto(const QString& folder, bool isFolder, double wait, const Reply& reply);
   LocalAPIResponse clearAll();
   LocalAPIResponse profilesList() const;
-  LocalAPIResponse upsertProfile(const LocalAPIRequest& request);
+  void upsertProfile(const LocalAPIRequest& request, const Reply& reply);
+  // Replaces the profile named `trimmed` in any case, or adds one.
+  LocalAPIResponse storeProfile(const QString& trimmed, ImageFormat format, double quality,
+                                const std::optional<QString>& destinationFolder);
   LocalAPIResponse deleteProfile(const std::string& segment);
   LocalAPIResponse updateQuality(const std::string& idSegment, const LocalAPIRequest& request);
   void exportSingleImage(const std::string& idSegment, const LocalAPIRequest& request, const Reply& reply);
@@ -68,6 +81,9 @@ class LocalAPIRouter : public QObject {
   const ExportProfile* findProfile(const QString& name) const;
 
   BatchViewModel& viewModel_;
+  // The checks of the files a request names. Its destruction waits for them; a check's answer
+  // after the router is gone goes nowhere.
+  QThreadPool checks_;
 };
 
 }  // namespace quillane

@@ -11,6 +11,7 @@
 #include "api/LocalAPIRequestReader.h"
 #include "api/LocalAPIRouter.h"
 #include "batch/BatchViewModel.h"
+#include "batch/PoolTask.h"
 #include "engine/DecodedImage.h"
 #include "engine/ImageCompressor.h"
 #include "engine/Json.h"
@@ -99,16 +100,29 @@ void LocalAPIRouter::importFiles(const LocalAPIRequest& request, const Reply& re
     reply(badBody("{\"paths\": [String]}"));
     return;
   }
+  // A folder passes this test and fails inspection like any unreadable file.
+  const auto exists = [paths] {
+    std::vector<bool> found;
+    for (const QString& path : paths) found.push_back(QDir::isAbsolutePath(path) && QFileInfo::exists(path));
+    return found;
+  };
+  PoolTask::run(&checks_, this, exists, [this, paths, reply](const std::vector<bool>& found) {
+    importExisting(paths, found, reply);
+  });
+}
+
+void LocalAPIRouter::importExisting(const QStringList& paths, const std::vector<bool>& found,
+                                    const Reply& reply) {
   std::set<QUuid> imagesBefore;
   for (const auto& image : viewModel_.images()) imagesBefore.insert(image->id());
 
   auto failed = std::make_shared<JsonValue>(JsonValue::array());
   QList<QUrl> urls;
-  for (const QString& path : paths) {
-    // A folder passes this test and fails inspection like any unreadable file.
+  for (qsizetype i = 0; i < paths.size(); ++i) {
+    const QString& path = paths[i];
     if (!QDir::isAbsolutePath(path)) {
       failed->push(JsonValue::object().set("error", "Path must be absolute").set("path", path.toStdString()));
-    } else if (QFileInfo::exists(path)) {
+    } else if (found[size_t(i)]) {
       urls.push_back(fileURL(path));
     } else {
       failed->push(JsonValue::object().set("error", "File not found").set("path", path.toStdString()));
@@ -224,11 +238,17 @@ void LocalAPIRouter::exportAll(const LocalAPIRequest& request, const Reply& repl
   }
   if (!folder) return reply(badBody(expected));
   if (auto refusal = relativePath("folder", *folder)) return reply(*refusal);
-  if (!isDirectory(*folder)) {
-    return reply(LocalAPIResponse::error(400, "folder does not exist: " + folder->toStdString()));
+  const double wait = body->waitTimeoutSeconds.value_or(defaultWaitTimeoutSeconds);
+  PoolTask::run(
+      &checks_, this, [path = *folder] { return isDirectory(path); },
+      [this, path = *folder, wait, reply](bool isFolder) { exportInto(path, isFolder, wait, reply); });
+}
+
+void LocalAPIRouter::exportInto(const QString& folder, bool isFolder, double wait, const Reply& reply) {
+  if (!isFolder) {
+    return reply(LocalAPIResponse::error(400, "folder does not exist: " + folder.toStdString()));
   }
-  QUrl destination = fileURL(*folder);
-  double wait = body->waitTimeoutSeconds.value_or(defaultWaitTimeoutSeconds);
+  QUrl destination = fileURL(folder);
   whenFinished(this, viewModel_.waitForEncodingToFinish(wait), [this, destination, reply] {
     viewModel_.exportAll(destination).then(this, [reply](const std::vector<ExportOutcome>& outcomes) {
       JsonValue results = JsonValue::array();
@@ -244,7 +264,7 @@ LocalAPIResponse LocalAPIRouter::profilesList() const {
   return LocalAPIResponse::json(200, list);
 }
 
-LocalAPIResponse LocalAPIRouter::upsertProfile(const LocalAPIRequest& request) {
+void LocalAPIRouter::upsertProfile(const LocalAPIRequest& request, const Reply& reply) {
   auto object = parseObject(request.body);
   QString name, format;
   double quality = 0;
@@ -252,21 +272,28 @@ LocalAPIResponse LocalAPIRouter::upsertProfile(const LocalAPIRequest& request) {
   if (!object || !requiredString(*object, "name", name) || !requiredString(*object, "format", format) ||
       !requiredDouble(*object, "quality", quality) ||
       !optionalString(*object, "destinationFolder", destinationFolder)) {
-    return badBody(
-        "{\"name\": String, \"format\": String, \"quality\": Double, \"destinationFolder\": String?}");
+    return reply(badBody(
+        "{\"name\": String, \"format\": String, \"quality\": Double, \"destinationFolder\": String?}"));
   }
   QString trimmed = name.trimmed();
-  if (trimmed.isEmpty()) return LocalAPIResponse::error(400, "name must not be empty");
+  if (trimmed.isEmpty()) return reply(LocalAPIResponse::error(400, "name must not be empty"));
   auto parsedFormat = ImageFormats::fromRawValue(format.toStdString());
-  if (!parsedFormat) return LocalAPIResponse::error(400, unknownFormatMessage(format));
-  if (!inQualityRange(quality)) return qualityOutOfRange();
-  if (destinationFolder) {
-    if (auto refusal = relativePath("destinationFolder", *destinationFolder)) return *refusal;
-  }
-  if (destinationFolder && !isDirectory(*destinationFolder)) {
-    return LocalAPIResponse::error(400,
-                                   "destinationFolder does not exist: " + destinationFolder->toStdString());
-  }
+  if (!parsedFormat) return reply(LocalAPIResponse::error(400, unknownFormatMessage(format)));
+  if (!inQualityRange(quality)) return reply(qualityOutOfRange());
+  if (!destinationFolder) return reply(storeProfile(trimmed, *parsedFormat, quality, destinationFolder));
+  if (auto refusal = relativePath("destinationFolder", *destinationFolder)) return reply(*refusal);
+  PoolTask::run(
+      &checks_, this, [path = *destinationFolder] { return isDirectory(path); },
+      [this, trimmed, parsed = *parsedFormat, quality, path = *destinationFolder, reply](bool isFolder) {
+        if (!isFolder)
+          return reply(
+              LocalAPIResponse::error(400, "destinationFolder does not exist: " + path.toStdString()));
+        reply(storeProfile(trimmed, parsed, quality, path));
+      });
+}
+
+LocalAPIResponse LocalAPIRouter::storeProfile(const QString& trimmed, ImageFormat format, double quality,
+                                              const std::optional<QString>& destinationFolder) {
   ExportProfile profile;
   if (const ExportProfile* existing = findProfile(trimmed)) {
     profile.id = existing->id;
@@ -277,7 +304,7 @@ LocalAPIResponse LocalAPIRouter::upsertProfile(const LocalAPIRequest& request) {
   }
   // A matched profile is replaced whole: no folder in the request clears the stored one.
   profile.name = trimmed;
-  profile.format = *parsedFormat;
+  profile.format = format;
   profile.quality = quality;
   if (destinationFolder) profile.destinationFolder = withoutDotSteps(*destinationFolder);
   viewModel_.upsertExportProfile(profile);

@@ -166,7 +166,11 @@ void BatchViewModel::inspectConcurrently(const QList<QUrl>& urls, InspectionResu
   auto run = std::make_shared<InspectionRun>();
   run->urls = urls;
   run->onResult = std::move(onResult);
-  run->onFinished = std::move(onFinished);
+  ++importsUnderWay_;
+  run->onFinished = [this, finished = std::move(onFinished)] {
+    --importsUnderWay_;
+    finished();
+  };
   run->clearCount = clearCount_;
   const int width = std::min(options_.processorCount, int(urls.size()));
   run->nextToStart = width;

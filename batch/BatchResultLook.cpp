@@ -23,20 +23,21 @@ struct Look {
 };
 }  // namespace
 
-void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image) {
+void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image,
+                                    const EncodeCost::Source& figures) {
   if (!options_.measureResults || !image || !image->compressedData()) return;
   const QByteArray result = *image->compressedData();
-  // A newer result makes this measure worthless: its change raises the flag, which libjxl's
-  // work polls.
+  // A newer result makes this measure worthless, and so does the row leaving the batch: each
+  // raises the flag, which libjxl's work polls.
   auto cancel = std::make_shared<Cancellation::Flag>(false);
+  measures_[image->id()] = cancel;
   auto stale = std::make_shared<QMetaObject::Connection>();
   *stale = connect(image.get(), &ImportedImage::compressedDataChanged, this, [cancel, stale] {
     cancel->store(true);
     QObject::disconnect(*stale);
   });
-  const int costMB = CompressionCost::measureCostMB(
-      image->width(), image->height(), image->heldCellPixels(),
-      uint64_t(std::max<int64_t>(image->originalSizeBytes(), 0)) + uint64_t(result.size()));
+  const int costMB = CompressionCost::measureCostMB(figures.width, figures.height, figures.cellPixels,
+                                                    figures.fileBytes + uint64_t(result.size()));
   std::weak_ptr<ImportedImage> weakImage = image;
   CompressionBudget* memory = options_.memoryBudget;
   processorSlots_->wait(1, this, [this, weakImage, result, cancel, stale, costMB, memory] {

@@ -176,7 +176,8 @@ void BatchViewModel::moveImage(int from, int to) {
 }
 
 void BatchViewModel::clearAll() {
-  if (images_.empty() && importFailures_.empty()) return;
+  // An import that has shown nothing yet (the session's restore at start-up) ends too.
+  if (images_.empty() && importFailures_.empty() && importsUnderWay_ == 0) return;
   ImagePlacements removed;
   for (size_t i = 0; i < images_.size(); ++i) removed.emplace_back(int(i), images_[i]);
   const ImportFailureList failures = importFailures_;
@@ -190,6 +191,7 @@ void BatchViewModel::clearAll() {
   setIsEncoding(false);
   setHasPendingRecompute(false);
   persistImportSession();
+  if (removed.empty() && failures.empty()) return;  // nothing shown, nothing to take back
   announceUndoable(
       QString::fromStdString(Localization::text("undo.clearAll", "Tout effacer")), {},
       [this, removed, failures] { restoreImages(removed, failures); }, [this] { clearAll(); });

@@ -326,7 +326,8 @@ class BatchViewModel : public QObject {
   std::optional<QString> exportError_;
   bool isEncoding_ = false;
   ImportFailureList importFailures_;
-  quint64 clearCount_ = 0;  // Clear Alls so far: an import started before the last one is over
+  quint64 clearCount_ = 0;   // Clear Alls so far: an import started before the last one is over
+  int importsUnderWay_ = 0;  // imports and the session's restore not finished yet
   // The saved rows that the restore under way has not shown yet, by their place in the saved
   // list: each save meanwhile keeps them after the rows shown.
   std::map<int, JsonValue> unrestored_;

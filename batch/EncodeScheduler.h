@@ -23,6 +23,8 @@
 
 #include "batch/ImportedImage.h"
 #include "batch/TimerStarter.h"
+#include "engine/Cancellation.h"
+#include "engine/EncodeCost.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
 
@@ -74,8 +76,9 @@ class EncodeScheduler : public QObject {
   // image already encoding is marked and encoded again, with the settings of that moment, when
   // the running encode ends.
   void schedule(const std::shared_ptr<ImportedImage>& image, bool debounce);
-  // The image left the batch: its queued or debounced encode never runs, and a running one
-  // ends by itself and changes nothing visible.
+  // The image left the batch: its queued or debounced encode never runs, a running one ends by
+  // itself and changes nothing visible, and no look is measured for it (a row brought back is
+  // encoded anew, which measures again).
   void forget(const QUuid& id);
   void forgetAll();
 
@@ -96,14 +99,20 @@ class EncodeScheduler : public QObject {
   void finish(const std::shared_ptr<ImportedImage>& image, uint64_t generation, const Result& result);
   void cancel(const QUuid& id);
   // After an encode: the result's distance and thumbnail (ImportedImage::resultLookChanged),
-  // on the pool within the same slots and budget; dropped once a newer result replaces it.
-  void measureResult(const std::shared_ptr<ImportedImage>& image);
+  // on the pool within the same slots and budget, claimed for a source of `figures`; dropped
+  // once a newer result replaces it.
+  void measureResult(const std::shared_ptr<ImportedImage>& image, const EncodeCost::Source& figures);
+  // The source as the image's import found it: what its encodes claim for until one reads it.
+  static EncodeCost::Source importedFigures(const ImportedImage& image);
 
   Options options_;
   SettingsSource settings_;
   std::map<QUuid, std::shared_ptr<Task>> tasks_;  // the latest task of each image
   std::set<QUuid> active_;                        // images whose encode is running
   std::set<QUuid> pendingReEncode_;               // ... and that changed meanwhile
+  // The flag of each image's latest measure (ImportedImage::resultLookChanged), raised when the
+  // image is forgotten.
+  std::map<QUuid, std::shared_ptr<Cancellation::Flag>> measures_;
   std::unique_ptr<CompressionBudget> processorSlots_;
   std::unique_ptr<QThreadPool> pool_;  // a child named "encodePool"
 };

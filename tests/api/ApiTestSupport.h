@@ -1,8 +1,14 @@
 #pragma once
 // Blocking clients run off the GUI thread while its loop turns (the router needs it), a log of listener
-// states, a settings sandbox, and a real BatchViewModel behind a real server with a fast fake encoder.
+// states, a settings sandbox, a real BatchViewModel behind a real server with a fast fake encoder, and a
+// volume that stops answering.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fuse.h>
+#include <poll.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <QDir>
 #include <QFile>
@@ -16,6 +22,7 @@
 #include <future>
 #include <mutex>
 #include <semaphore>
+#include <thread>
 
 #include "api/LocalAPIRouter.h"
 #include "api/LocalAPIServer.h"
@@ -65,6 +72,76 @@ class StateLog {
  private:
   std::mutex mutex_;
   std::vector<LocalAPIListenerState> states_;
+};
+
+// A FUSE volume on `mountPoint` that answers nothing once mounted, as a network volume whose server went
+// away: a look-up there waits until release() (or ten seconds, so that a test of a thread it froze
+// ends), then finds nothing. Needs the right to mount (root in a container, say): mounted() is false
+// elsewhere.
+class StalledVolume {
+ public:
+  explicit StalledVolume(const QString& mountPoint) : mountPoint_(QFile::encodeName(mountPoint)) {
+    fd_ = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    const std::string options = "fd=" + std::to_string(fd_) + ",rootmode=40000,user_id=0,group_id=0";
+    mounted_ = fd_ >= 0 && ::mount("quillane-test", mountPoint_.constData(), "fuse", MS_NOSUID | MS_NODEV,
+                                   options.c_str()) == 0;
+    if (mounted_) thread_ = std::thread([this] { serve(); });
+  }
+  ~StalledVolume() {
+    release();
+    if (mounted_) ::umount2(mountPoint_.constData(), MNT_DETACH);
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+    if (fd_ >= 0) ::close(fd_);
+  }
+  bool mounted() const { return mounted_; }
+  // The look-ups waiting for an answer.
+  int holding() const { return released_ ? 0 : held_.load(); }
+  void release() { released_ = true; }
+
+ private:
+  void serve() {
+    std::vector<char> buffer(FUSE_MIN_READ_BUFFER + (1 << 20));
+    std::vector<uint64_t> waiting;
+    auto answer = [this](uint64_t unique, int error, const void* body = nullptr, size_t size = 0) {
+      fuse_out_header head{uint32_t(sizeof head + size), error, unique};
+      std::string out(reinterpret_cast<const char*>(&head), sizeof head);
+      out.append(static_cast<const char*>(body), size);
+      (void)!::write(fd_, out.data(), out.size());
+    };
+    auto deadline = std::chrono::steady_clock::time_point::max();
+    for (pollfd ready{fd_, POLLIN, 0}; !stop_;) {
+      if (std::chrono::steady_clock::now() > deadline) released_ = true;
+      if (released_) {
+        for (uint64_t unique : waiting) answer(unique, -ENOENT);
+        waiting.clear();
+      }
+      if (::poll(&ready, 1, 20) <= 0) continue;
+      const ssize_t size = ::read(fd_, buffer.data(), buffer.size());
+      if (size < ssize_t(sizeof(fuse_in_header))) continue;
+      const auto* in = reinterpret_cast<const fuse_in_header*>(buffer.data());
+      if (in->opcode == FUSE_INIT) {
+        fuse_init_out init{};
+        init.major = FUSE_KERNEL_VERSION;
+        init.minor = std::min<uint32_t>(reinterpret_cast<const fuse_init_in*>(in + 1)->minor,
+                                        FUSE_KERNEL_MINOR_VERSION);
+        init.max_write = 4096;
+        init.flags = FUSE_PARALLEL_DIROPS;  // look-ups in one folder wait side by side
+        answer(in->unique, 0, &init, sizeof init);
+      } else if (in->opcode != FUSE_FORGET && in->opcode != FUSE_BATCH_FORGET &&
+                 in->opcode != FUSE_INTERRUPT) {
+        waiting.push_back(in->unique);
+        if (held_++ == 0) deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      }
+    }
+  }
+
+  QByteArray mountPoint_;
+  int fd_ = -1;
+  bool mounted_ = false;
+  std::atomic<int> held_{0};
+  std::atomic<bool> released_{false}, stop_{false};
+  std::thread thread_;
 };
 
 // Private settings and state folders in a temporary folder.

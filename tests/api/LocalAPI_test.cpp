@@ -319,6 +319,42 @@ TEST_F(RouterTest, ImportReportsEachFailureInOrderListsNewIdsAndImagesDescribeTh
   }
 }
 
+// Paths on a volume that no longer answers (a network volume whose server went away) hold up the
+// requests that name them, never the window; once it answers, the answers are those for no file.
+TEST_F(RouterTest, AVolumeThatNoLongerAnswersHoldsUpOnlyTheRequestsThatNameIt) {
+  const std::string volumePath = folder("volume");
+  testing::StalledVolume volume(QString::fromStdString(volumePath));
+  if (!volume.mounted()) GTEST_SKIP() << "no right to mount here";
+  const std::string file = volumePath + "/a.jpg", out = volumePath + "/out", kept = volumePath + "/kept";
+  const auto send = [&](const std::string& target, const std::string& body) {
+    return std::async(std::launch::async,
+                      [port = port_, request = testing::buildRequest("POST", target, token_, body)] {
+                        return testing::httpExchange(port, request);
+                      });
+  };
+  auto imported = send("/v1/import", R"({"paths":[")" + file + R"(",")" + writeJPEG("good.jpg") + R"("]})");
+  auto exported = send("/v1/export", R"({"folder":")" + out + R"("})");
+  auto profile = send("/v1/profiles",
+                      R"({"name":"a","format":"png","quality":5,"destinationFolder":")" + kept + R"("})");
+  ASSERT_TRUE(QTest::qWaitFor([&] { return volume.holding() == 3; }, 10000)) << volume.holding();
+  EXPECT_EQ(call("GET", "/v1/status").status, 200);
+  EXPECT_EQ(volume.holding(), 3);
+
+  volume.release();
+  const auto answer = [](std::future<testing::RawHTTPResponse>& future) {
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }, 10000));
+    return json(future.get());
+  };
+  const QJsonObject importAnswer = answer(imported).object();
+  const QJsonObject notFound{{"error", "File not found"}, {"path", QString::fromStdString(file)}};
+  EXPECT_EQ(importAnswer["failed"].toArray(), QJsonArray{notFound});
+  EXPECT_EQ(importAnswer["imported"].toArray().size(), 1);
+  EXPECT_EQ(answer(exported)["error"].toString().toStdString(), "folder does not exist: " + out);
+  EXPECT_EQ(answer(profile)["error"].toString().toStdString(), "destinationFolder does not exist: " + kept);
+  EXPECT_TRUE(model_->exportProfiles().empty());
+}
+
 TEST_F(RouterTest, ExportWaitsForBytesWritesIntoTheFolderThePathOrTheProfilesAndAppliesTheProfile) {
   gate_.acquire();
   const std::string one = writeJPEG("one.jpg", 1);

@@ -152,6 +152,78 @@ TEST_F(SchedulerTest, AnimatedSourceInItsOwnFormatPassesThroughAndOutranksAnOlde
   EXPECT_EQ(calls().size(), 1u);
 }
 
+// A source replaced since its import by a larger picture is claimed at what it now holds, by its
+// next encode and by that encode's measure, not at the figures of its import.
+TEST_F(SchedulerTest, ASourceReplacedByALargerPictureIsClaimedAtWhatItNowHolds) {
+  auto o = options();
+  o.memoryBudgetMB = 0;  // the process's, which the test can read
+  o.measureResults = true;
+  auto freePermits = std::make_shared<std::vector<int>>();  // at each read and encode, under mutex_
+  const auto note = [this, freePermits] {
+    std::lock_guard lock(mutex_);
+    freePermits->push_back(CompressionBudget::process().availablePermits());
+  };
+  o.reader = [note](const std::string& path) {
+    note();
+    return FileIO::readFile(path);
+  };
+  o.encoder = [this, note](std::span<const uint8_t> data, ImageFormat format, double quality) {
+    note();
+    return encode(data, format, quality);
+  };
+  auto& model = makeModel(o);
+  import({source("a.png")});
+  ASSERT_TRUE(waitIdle());
+  const auto noted = [&] {
+    std::lock_guard lock(mutex_);
+    return freePermits->size();
+  };
+  ASSERT_TRUE(QTest::qWaitFor([&] { return noted() == 3; }, 5000));  // read, encode, measure's read
+  drainEncodes();
+
+  // 504 megapixels in its header, whose decode stops where its data does.
+  writeBytes(path("a.png"), fixtures::starvedPng(24000, 21000, 8, 40 << 10, true));
+  QSignalSpy measured(model.images()[0].get(), &ImportedImage::resultLookChanged);
+  model.setQuality(50);
+  ASSERT_TRUE(measured.wait(5000));
+  std::lock_guard lock(mutex_);
+  EXPECT_EQ(std::vector(freePermits->end() - 2, freePermits->end()), std::vector({0, 0}))
+      << "encode, measure";
+}
+
+// A row that leaves the batch (by Clear All, whose undo brings it back encoded anew) is not measured,
+// neither after the encode it was in the middle of nor by a measure already queued.
+TEST_F(SchedulerTest, ClearedRowsAreNotMeasuredAfterTheirEncodeNorByAQueuedMeasure) {
+  auto o = options();
+  o.processorCount = 1;
+  o.measureResults = true;
+  auto reads = std::make_shared<std::map<QString, int>>();  // by file name, under mutex_
+  o.reader = [this, reads](const std::string& path) {
+    std::unique_lock lock(mutex_);
+    ++(*reads)[QFileInfo(QString::fromStdString(path)).fileName()];
+    lock.unlock();
+    return FileIO::readFile(path);
+  };
+  auto& model = makeModel(o);
+  import({source("a.png", "slow"), source("s.png", "slow")});
+  // Closed again once a is encoded: s, next for the one slot, waits at it, and a's measure behind s.
+  ImportedImage* a = model.images()[0].get();
+  QObject::connect(a, &ImportedImage::encodeStateChanged, a, [this, a] {
+    std::lock_guard lock(mutex_);
+    if (a->encodeState().isReady()) gateOpen_ = false;
+  });
+  openGate();
+  ASSERT_TRUE(waitForCalls(2));
+  const ImageList cleared = model.images();  // kept, as the undo of Clear All keeps them
+  model.clearAll();
+  import({source("b.png", "b")});
+  QSignalSpy measured(model.images()[0].get(), &ImportedImage::resultLookChanged);
+  openGate();
+  ASSERT_TRUE(measured.wait(5000));
+  std::lock_guard lock(mutex_);
+  EXPECT_EQ(*reads, (std::map<QString, int>{{"a.png", 1}, {"b.png", 2}, {"s.png", 1}}));
+}
+
 // Pool work comes back once, on the context's thread, however fast it ends (the continuation is in
 // place before the work is queued); an exception reaches the returned future and skips `done`.
 TEST(PoolTask, ResultsComeBackOnceOnTheContextsThreadAndExceptionsReachTheFuture) {

@@ -95,6 +95,27 @@ TEST_F(ImportTest, SessionMirrorsTheListAndARestartRestoresItInOrder) {
   EXPECT_EQ(readSession(), QByteArray("[]"));
 }
 
+// Cleared before any saved row is back (through the local API, as the program starts), the
+// session stays cleared: its rows neither come in afterwards nor are saved again.
+TEST_F(ImportTest, ClearAllBeforeTheSessionIsBackEndsItsRestore) {
+  makeModel();
+  import({source("a.png"), source("b.png")});
+  inspectAs("a.png", {.gated = true});
+  auto o = options();
+  o.restoreSession = true;
+  auto& model = makeModel(o);
+  QSignalSpy restored(&model, &BatchViewModel::sessionRestored),
+      undoable(&model, &BatchViewModel::undoableChange);
+  const int before = inspected_;
+  ASSERT_TRUE(QTest::qWaitFor([&] { return inspected_ > before; }, 2000)) << "b is in, held back by a";
+  model.clearAll();
+  openGate();
+  ASSERT_TRUE(restored.wait(5000));
+  EXPECT_TRUE(model.images().empty());
+  EXPECT_EQ(readSession(), QByteArray("[]"));
+  EXPECT_TRUE(undoable.isEmpty()) << "nothing shown, nothing to take back";
+}
+
 TEST_F(ImportTest, EmptyCorruptOrMalformedSessionStartsEmptyAndIsLeftAlone) {
   // An empty list (the session after clearAll) is as good as none: the next start begins empty.
   ASSERT_TRUE(QDir().mkpath(JSONFileStore::folder()));
