@@ -85,8 +85,9 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
 }
 
 TEST_F(BatchEngineTest, AResultNotSmallerUnderSkipLargerKeepsTheOriginalAndTheExportLeavesItOut) {
-  // Re-encoded at quality 90, a JPEG of quality 95 shrinks and one of quality 20 grows.
-  writeBytes(path("fine.jpg"), fixtures::jpeg(texturedPhoto(320, 240), {.quality = 95}));
+  // Re-encoded at quality 90, a JPEG of quality 95 shrinks and one of quality 20 grows. The first is
+  // a phone's photo: stored landscape, turned by its orientation.
+  writeBytes(path("fine.jpg"), fixtures::jpeg(texturedPhoto(320, 240), {.quality = 95, .orientation = 6}));
   writeBytes(path("coarse.jpg"), fixtures::jpeg(texturedPhoto(320, 240, 9), {.quality = 20}));
   auto o = options();
   o.reader = nullptr;
@@ -109,6 +110,13 @@ TEST_F(BatchEngineTest, AResultNotSmallerUnderSkipLargerKeepsTheOriginalAndTheEx
   EXPECT_EQ(QDir(outFolder()).entryList(QDir::Files), QStringList{"fine.jpg"});
   EXPECT_FALSE(images[1]->exportError());
   EXPECT_EQ(ExportHistory::load().size(), 1u);
+
+  // Repackaged as JPEG XL, the photo keeps its orientation in the file: its result is upright.
+  model.setOutputFormat(ImageFormat::jxl);
+  ASSERT_TRUE(waitIdle(20000));
+  ASSERT_TRUE(images[0]->resultShape());
+  EXPECT_EQ(std::pair(images[0]->resultShape()->width, images[0]->resultShape()->height),
+            std::pair(240, 320));
 }
 
 }  // namespace
