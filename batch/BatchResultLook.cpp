@@ -23,7 +23,8 @@ struct Look {
 };
 }  // namespace
 
-void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image) {
+void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image,
+                                    const EncodeCost::Source& figures) {
   if (!options_.measureResults || !image || !image->compressedData()) return;
   const QByteArray result = *image->compressedData();
   // A newer result makes this measure worthless, and so does the row leaving the batch: each
@@ -35,9 +36,8 @@ void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image)
     cancel->store(true);
     QObject::disconnect(*stale);
   });
-  const int costMB = CompressionCost::measureCostMB(
-      image->width(), image->height(), image->heldCellPixels(),
-      uint64_t(std::max<int64_t>(image->originalSizeBytes(), 0)) + uint64_t(result.size()));
+  const int costMB = CompressionCost::measureCostMB(figures.width, figures.height, figures.cellPixels,
+                                                    figures.fileBytes + uint64_t(result.size()));
   std::weak_ptr<ImportedImage> weakImage = image;
   CompressionBudget* memory = options_.memoryBudget;
   processorSlots_->wait(1, this, [this, weakImage, result, cancel, stale, costMB, memory] {

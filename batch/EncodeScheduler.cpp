@@ -36,7 +36,29 @@ struct EncodeScheduler::Result {
   std::optional<ResultShape> shape;
   QString error;
   std::optional<DecodedImage> thumbnail;  // asked for when the row has none
+  // The source as its header gives it, where it does: what its measure claims from.
+  std::optional<EncodeCost::Source> source;
+  // Above 0, nothing was encoded: the source holds more than was claimed for it (the file was
+  // replaced since its import), and the encode is to claim this much instead.
+  int reclaimMB = 0;
 };
+
+namespace {
+
+// The figures of the source in `bytes` as its header gives them; nothing where it has none.
+std::optional<EncodeCost::Source> sourceFigures(std::span<const uint8_t> bytes) {
+  const auto format = ImageFormats::detect(bytes);
+  const auto header = format ? ImageService::properties(bytes) : std::nullopt;
+  if (!header) return std::nullopt;
+  return EncodeCost::Source{*format, header->width, header->height, bytes.size(), header->heldCellPixels};
+}
+
+}  // namespace
+
+EncodeCost::Source EncodeScheduler::importedFigures(const ImportedImage& image) {
+  return {image.originalFormat(), image.width(), image.height(),
+          uint64_t(std::max<int64_t>(image.originalSizeBytes(), 0)), image.heldCellPixels()};
+}
 
 EncodeScheduler::EncodeScheduler(Options options, SettingsSource settings, QObject* parent)
     : QObject(parent), options_(std::move(options)), settings_(std::move(settings)) {
@@ -104,10 +126,7 @@ void EncodeScheduler::schedule(const std::shared_ptr<ImportedImage>& image, bool
   auto task = std::make_shared<Task>();
   task->image = image;
   task->settings = settings;
-  task->costMB = CompressionCost::encodeCostMB(
-      {image->originalFormat(), image->width(), image->height(),
-       uint64_t(std::max<int64_t>(image->originalSizeBytes(), 0)), image->heldCellPixels()},
-      settings.format, settings.quality);
+  task->costMB = CompressionCost::encodeCostMB(importedFigures(*image), settings.format, settings.quality);
   tasks_[id] = task;
 
   if (!debounce) {
@@ -164,9 +183,16 @@ void EncodeScheduler::encode(const std::shared_ptr<Task>& task, std::function<vo
   const uint64_t generation = ++image->encodeGeneration_;
   auto race = std::make_shared<EncodeRace>();
   auto workEnded = std::make_shared<std::atomic<bool>>(false);  // set on the pool thread
-  auto settle = [this, race, image, generation, done = std::move(done)](const Result& result) {
+  auto settle = [this, race, task, image, generation, done = std::move(done)](const Result& result) {
     if (race->settled) return;
     race->settled = true;
+    if (result.reclaimMB > 0) {
+      // Encoded once the slot and the memory the source now takes are free again.
+      task->costMB = result.reclaimMB;
+      done();
+      if (!task->cancelled) start(task);
+      return;
+    }
     finish(image, generation, result);
     done();
   };
@@ -202,6 +228,17 @@ void EncodeScheduler::encode(const std::shared_ptr<Task>& task, std::function<vo
         Cancellation::Scope scope(cancel.get());
         try {
           const std::vector<uint8_t> source = reader(path);
+          result.source = sourceFigures(source);
+          // The claim was made from the figures of the row's import: a larger picture put in the
+          // file's place since is not decoded under it.
+          const int needMB =
+              result.source ? CompressionCost::encodeCostMB(*result.source, format, quality) : 0;
+          if (memory->clamp(needMB) > memory->clamp(costMB)) {
+            result.reclaimMB = needMB;
+            memory->release(costMB);
+            *workEnded = true;
+            return result;
+          }
           std::vector<uint8_t> bytes;
           if (sizing.fits() || sizing.maxBytes > 0) {
             ImageCompressor::Encoded encoded = sizedEncoder(source, format, quality, sizing);
@@ -246,7 +283,8 @@ void EncodeScheduler::finish(const std::shared_ptr<ImportedImage>& image, uint64
     image->setCompressedData(result.bytes);
     image->resultShape_ = result.shape;
     image->setEncodeState(EncodeState::ready(size));
-    if (tasks_.count(image->id())) measureResult(image);  // not for a row that left the batch
+    // Not for a row that left the batch; from the source as the encode read it.
+    if (tasks_.count(image->id())) measureResult(image, result.source.value_or(importedFigures(*image)));
   } else {
     image->setCompressedData(std::nullopt);
     image->resultShape_.reset();

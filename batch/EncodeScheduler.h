@@ -24,6 +24,7 @@
 #include "batch/ImportedImage.h"
 #include "batch/TimerStarter.h"
 #include "engine/Cancellation.h"
+#include "engine/EncodeCost.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
 
@@ -98,8 +99,11 @@ class EncodeScheduler : public QObject {
   void finish(const std::shared_ptr<ImportedImage>& image, uint64_t generation, const Result& result);
   void cancel(const QUuid& id);
   // After an encode: the result's distance and thumbnail (ImportedImage::resultLookChanged),
-  // on the pool within the same slots and budget; dropped once a newer result replaces it.
-  void measureResult(const std::shared_ptr<ImportedImage>& image);
+  // on the pool within the same slots and budget, claimed for a source of `figures`; dropped
+  // once a newer result replaces it.
+  void measureResult(const std::shared_ptr<ImportedImage>& image, const EncodeCost::Source& figures);
+  // The source as the image's import found it: what its encodes claim for until one reads it.
+  static EncodeCost::Source importedFigures(const ImportedImage& image);
 
   Options options_;
   SettingsSource settings_;

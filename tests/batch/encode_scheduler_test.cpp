@@ -152,6 +152,45 @@ TEST_F(SchedulerTest, AnimatedSourceInItsOwnFormatPassesThroughAndOutranksAnOlde
   EXPECT_EQ(calls().size(), 1u);
 }
 
+// A source replaced since its import by a larger picture is claimed at what it now holds, by its
+// next encode and by that encode's measure, not at the figures of its import.
+TEST_F(SchedulerTest, ASourceReplacedByALargerPictureIsClaimedAtWhatItNowHolds) {
+  auto o = options();
+  o.memoryBudgetMB = 0;  // the process's, which the test can read
+  o.measureResults = true;
+  auto freePermits = std::make_shared<std::vector<int>>();  // at each read and encode, under mutex_
+  const auto note = [this, freePermits] {
+    std::lock_guard lock(mutex_);
+    freePermits->push_back(CompressionBudget::process().availablePermits());
+  };
+  o.reader = [note](const std::string& path) {
+    note();
+    return FileIO::readFile(path);
+  };
+  o.encoder = [this, note](std::span<const uint8_t> data, ImageFormat format, double quality) {
+    note();
+    return encode(data, format, quality);
+  };
+  auto& model = makeModel(o);
+  import({source("a.png")});
+  ASSERT_TRUE(waitIdle());
+  const auto noted = [&] {
+    std::lock_guard lock(mutex_);
+    return freePermits->size();
+  };
+  ASSERT_TRUE(QTest::qWaitFor([&] { return noted() == 3; }, 5000));  // read, encode, measure's read
+  drainEncodes();
+
+  // 504 megapixels in its header, whose decode stops where its data does.
+  writeBytes(path("a.png"), fixtures::starvedPng(24000, 21000, 8, 40 << 10, true));
+  QSignalSpy measured(model.images()[0].get(), &ImportedImage::resultLookChanged);
+  model.setQuality(50);
+  ASSERT_TRUE(measured.wait(5000));
+  std::lock_guard lock(mutex_);
+  EXPECT_EQ(std::vector(freePermits->end() - 2, freePermits->end()), std::vector({0, 0}))
+      << "encode, measure";
+}
+
 // A row that leaves the batch (by Clear All, whose undo brings it back encoded anew) is not measured,
 // neither after the encode it was in the middle of nor by a measure already queued.
 TEST_F(SchedulerTest, ClearedRowsAreNotMeasuredAfterTheirEncodeNorByAQueuedMeasure) {
