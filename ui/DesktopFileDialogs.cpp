@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
 #include <QDesktopServices>
 #include <QDir>
 #include <QFileDialog>
@@ -121,10 +122,18 @@ void DesktopFileDialogs::showFilesInFileManager(const QList<QUrl>& files) {
       QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
       QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
   call << uris << QString();
-  const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 3000);
-  if (reply.type() == QDBusMessage::ReplyMessage) return;
-  // Without a file manager service, open the folder that holds the first file.
-  QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(files.first().toLocalFile()).absolutePath()));
+  // Not waited for: a file manager that takes its time to start never holds the window. Only
+  // where there is none (the call refused, not merely unanswered yet) does the folder that holds
+  // the first file open instead, so that a late file manager's window does not come with another.
+  const QUrl folder = QUrl::fromLocalFile(QFileInfo(files.first().toLocalFile()).absolutePath());
+  auto* answer = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(call),
+                                             QCoreApplication::instance());
+  QObject::connect(answer, &QDBusPendingCallWatcher::finished, answer,
+                   [folder](QDBusPendingCallWatcher* done) {
+                     if (done->isError() && done->error().type() != QDBusError::NoReply)
+                       QDesktopServices::openUrl(folder);
+                     done->deleteLater();
+                   });
 }
 
 }  // namespace quillane::ui

@@ -77,12 +77,13 @@ void ExportHistoryView::rebuild() {
   clear_->setVisible(!history.empty());
   empty_->setVisible(history.empty());
   scroll_->setVisible(!history.empty());
-  for (const ExportRecord& record : history) rows_->addWidget(makeRow(record));
+  const QSet<QUuid> superseded = ExportHistory::supersededIDs(history);
+  for (const ExportRecord& record : history)
+    rows_->addWidget(makeRow(record, superseded.contains(record.id)));
   rows_->addStretch(1);
 }
 
-QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
-  const bool superseded = viewModel_.isRecordSuperseded(record);
+QWidget* ExportHistoryView::makeRow(const ExportRecord& record, bool superseded) {
   auto* row = new QWidget(rowsHost_);
   auto* layout = new QHBoxLayout(row);
   layout->setContentsMargins(4, 4, 4, 4);

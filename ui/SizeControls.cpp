@@ -102,8 +102,12 @@ SizeOptionsEditor::SizeOptionsEditor(QWidget* parent) : QWidget(parent) {
     });
   for (QSpinBox* side : {width_, height_})
     connect(side, &QSpinBox::valueChanged, this, &SizeOptionsEditor::edited);
-  connect(amount_, &QDoubleSpinBox::valueChanged, this, &SizeOptionsEditor::edited);
-  connect(unit_, &QComboBox::currentIndexChanged, this, &SizeOptionsEditor::edited);
+  const auto budgetEdited = [this] {
+    givenBytes_ = 0;
+    edited();
+  };
+  connect(amount_, &QDoubleSpinBox::valueChanged, this, budgetEdited);
+  connect(unit_, &QComboBox::currentIndexChanged, this, budgetEdited);
   refreshEnabled();
 }
 
@@ -112,7 +116,9 @@ CompressionOptions SizeOptionsEditor::options() const {
   if (fit_->isChecked()) options.maxWidth = width_->value(), options.maxHeight = height_->value();
   if (budget_->isChecked())
     options.maxBytes =
-        std::max<int64_t>(1, std::llround(amount_->value() * double(unit_->currentData().toLongLong())));
+        givenBytes_ > 0 ? givenBytes_
+                        : std::max<int64_t>(
+                              1, std::llround(amount_->value() * double(unit_->currentData().toLongLong())));
   options.skipLarger = skipLarger_->isChecked();
   return options;
 }
@@ -124,6 +130,7 @@ void SizeOptionsEditor::setOptions(const CompressionOptions& options) {
   fit_->setChecked(options.fits());
   if (options.fits()) width_->setValue(options.maxWidth), height_->setValue(options.maxHeight);
   budget_->setChecked(options.maxBytes > 0);
+  givenBytes_ = options.maxBytes;
   if (options.maxBytes > 0) {
     const int64_t unit = options.maxBytes >= kMega ? kMega : kKilo;
     unit_->setCurrentIndex(unit == kMega ? 1 : 0);

@@ -51,6 +51,9 @@ class SizeOptionsEditor : public QWidget {
   QDoubleSpinBox* amount_;
   QComboBox* unit_;
   QCheckBox* skipLarger_;
+  // The budget as setOptions gave it, which the fields show only to a tenth of their unit: kept
+  // until the user edits them, so that an edit of another option does not round it.
+  int64_t givenBytes_ = 0;
 };
 
 // "fit 1600 x 1200 · at most 500 kB · skip larger", or "Off": the options in a line.

@@ -8,6 +8,7 @@
 #include <QDBusVirtualObject>
 #include <QMutex>
 #include <QThread>
+#include <utility>
 
 namespace quillane::testing {
 
@@ -41,6 +42,17 @@ class BusStandIn : public QDBusVirtualObject {
     return found;
   }
 
+  // From hold() to release(), calls are kept unanswered: a service that takes its time.
+  void hold() {
+    QMutexLocker lock(&mutex_);
+    held_ = true;
+  }
+  void release() {
+    QMutexLocker lock(&mutex_);
+    held_ = false;
+    for (const QDBusMessage& reply : std::exchange(heldReplies_, {})) connection_.send(reply);
+  }
+
   QString introspect(const QString&) const override { return {}; }
   // A call is kept once its reply is on its way: a test that has seen it and then sends a
   // signal on this connection (an action chosen) is sure the caller gets the reply first.
@@ -51,7 +63,10 @@ class BusStandIn : public QDBusVirtualObject {
     for (const Call& call : calls_) number += call.member == "Notify";
     if (message.member() == "Notify") reply << QVariant::fromValue(number);
     if (message.member() == "GetCapabilities") reply << QStringList{"actions", "body"};
-    connection.send(reply);
+    if (held_)
+      heldReplies_ << reply;
+    else
+      connection.send(reply);
     calls_.append({message.member(), message.arguments()});
     return true;
   }
@@ -61,6 +76,8 @@ class BusStandIn : public QDBusVirtualObject {
   QString service_, path_;
   QThread thread_;
   bool registered_ = false;
+  bool held_ = false;
+  QList<QDBusMessage> heldReplies_;
   mutable QMutex mutex_;
   QList<Call> calls_;
 };

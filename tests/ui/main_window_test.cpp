@@ -158,6 +158,11 @@ TEST_F(MainWindowTest, TheSizeControlSetsTheOptionsTheRowsSayWhatTheyDidAndARest
   restart(options());
   control<QToolButton>(&bar(), "size.label")->click();
   EXPECT_EQ(control<ui::SizeOptionsEditor>(&bar())->options(), chosen);
+
+  // A budget finer than the field's tenth (the local API's "1.25M") stays as it is through another edit.
+  model_->setCompressionOptions({.maxBytes = 1'250'000});
+  control<QCheckBox>(&bar(), "size.skipLargerToggle")->setChecked(true);
+  EXPECT_EQ(model_->compressionOptions(), (CompressionOptions{.maxBytes = 1'250'000, .skipLarger = true}));
   useLanguage({});
 }
 
@@ -556,6 +561,37 @@ TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindElseHomeAndOfferTh
   EXPECT_EQ(DesktopFileDialogs::startFolder(Kind::exportFolder), QDir::homePath());
 }
 
+// Records what the desktop is asked to open, as the handler of file URLs.
+class OpenedURLs : public QObject {
+  Q_OBJECT
+ public:
+  OpenedURLs() { QDesktopServices::setUrlHandler("file", this, "open"); }
+  ~OpenedURLs() override { QDesktopServices::unsetUrlHandler("file"); }
+  QList<QUrl> urls;
+ public slots:
+  void open(const QUrl& url) { urls << url; }
+};
+
+// Show in Folder asks the file manager and goes on: one slow to start neither holds the window nor gets
+// the folder opened beside its own window.
+TEST_F(WindowEdgesTest, ShowInFolderDoesNotWaitForTheFileManager) {
+  QDBusConnection service = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "fileManager");
+  if (!service.isConnected()) GTEST_SKIP() << "no session bus";
+  auto fileManager = std::make_unique<testing::BusStandIn>(service, "org.freedesktop.FileManager1",
+                                                           "/org/freedesktop/FileManager1");
+  ASSERT_TRUE(fileManager->registered());
+  OpenedURLs opened;
+  fileManager->hold();
+  const QUrl file = source("a.png");
+  DesktopFileDialogs().showFilesInFileManager({file});
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !fileManager->calls("ShowItems").isEmpty(); }));
+  EXPECT_EQ(fileManager->calls("ShowItems")[0].value(0).toStringList(), QStringList{file.toString()});
+  EXPECT_EQ(opened.urls, QList<QUrl>());
+  fileManager->release();
+  fileManager.reset();
+  QDBusConnection::disconnectFromBus("fileManager");
+}
+
 // The offscreen screen (800 x 800) is narrower than the window's usual size, and at a scale
 // factor of 2 (ui.MainWindowAtScale2) smaller than its minimum: it opens inside it all the same.
 TEST_F(WindowEdgesTest, TheWindowOpensInsideTheScreen) {
@@ -672,3 +708,5 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
 
 }  // namespace
 }  // namespace quillane::uitest
+
+#include "main_window_test.moc"
