@@ -316,6 +316,7 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
   EXPECT_TRUE(edit[0]->text().contains("Retrait de l'image")) << edit[0]->text().toStdString();
   QTest::keyClick(&list, Qt::Key_Z, Qt::ControlModifier);
   ASSERT_EQ(names(), (QStringList{"a.png", "b.png", "c.png", "d.png", "e.png"}));
+  EXPECT_TRUE(list.listModel().imageAt(list.currentIndex().row()) == model_->images()[2]) << "still on c";
   QTest::keyClick(&list, Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
   ASSERT_EQ(names(), (QStringList{"a.png", "c.png", "d.png", "e.png"}));
   // Alt+Down and Alt+Up move the current row as a drag does, the keys staying on it.
