@@ -81,7 +81,7 @@ void BatchViewModel::recordExports(const std::vector<BatchExporter::Written>& wr
 }
 
 bool BatchViewModel::isRecordSuperseded(const ExportRecord& record) const {
-  return ExportHistory::isRecordSuperseded(exportHistory_, record);
+  return ExportHistory::supersededIDs(exportHistory_).contains(record.id);
 }
 
 namespace {

@@ -2,9 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <QHash>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <algorithm>
 #include <chrono>
 
 #include "records/JSONFileStore.h"
@@ -33,16 +33,22 @@ QByteArray fileOf(const QUrl& url) {
 }
 }  // namespace
 
-bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& record) {
-  // The list is newest first: of two exports within one clock tick, the earlier entry is the later export.
-  const auto self =
-      std::find_if(history.begin(), history.end(), [&](const auto& e) { return e.id == record.id; });
-  const QByteArray file = fileOf(record.destinationURL);
-  for (auto it = history.begin(); it != history.end(); ++it) {
-    if (it->id == record.id || fileOf(it->destinationURL) != file) continue;
-    if (it->date > record.date || (it->date == record.date && it < self)) return true;
+QSet<QUuid> supersededIDs(const ExportRecordList& history) {
+  // One pass for the newest entry of each file, so that a long history costs its length and not
+  // its square: a later date, and of two equal ones (two exports within one clock tick) the one
+  // nearer the front of the list, newest first, wins.
+  std::vector<QByteArray> files;
+  files.reserve(history.size());
+  QHash<QByteArray, const ExportRecord*> newest;
+  for (const ExportRecord& record : history) {
+    files.push_back(fileOf(record.destinationURL));
+    const ExportRecord*& top = newest[files.back()];
+    if (!top || record.date > top->date) top = &record;
   }
-  return false;
+  QSet<QUuid> superseded;
+  for (size_t i = 0; i < history.size(); ++i)
+    if (newest.value(files[i])->id != history[i].id) superseded.insert(history[i].id);
+  return superseded;
 }
 
 ExportedFile exportedFile(const struct stat& st) {

@@ -4,6 +4,7 @@
 // belongs to BatchViewModel (GUI thread), which saves it after each change.
 
 #include <QDateTime>
+#include <QSet>
 #include <QString>
 #include <QUrl>
 #include <QUuid>
@@ -57,10 +58,10 @@ inline constexpr char fileName[] = "exportHistory.json";
 // The system clock now, in seconds since 2001-01-01 00:00:00 UTC.
 double now();
 
-// True when another entry (another id) has the same destination and a later date, or the
-// same date and a place nearer the front of `history` (newest first): a newer export
-// overwrote the file, which is no longer this record's.
-bool isRecordSuperseded(const ExportRecordList& history, const ExportRecord& record);
+// The ids of the entries whose file a newer export overwrote, which is no longer theirs: another
+// entry (another id) has the same destination and a later date, or the same date and a place
+// nearer the front of `history` (newest first).
+QSet<QUuid> supersededIDs(const ExportRecordList& history);
 
 // What an entry's lstat says of the file, for ExportRecord::file.
 ExportedFile exportedFile(const struct stat& st);

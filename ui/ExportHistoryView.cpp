@@ -74,19 +74,20 @@ void ExportHistoryView::rebuild() {
   clear_->setVisible(!history.empty());
   empty_->setVisible(history.empty());
   scroll_->setVisible(!history.empty());
+  const QSet<QUuid> superseded = ExportHistory::supersededIDs(history);
   // A row's button that has the keys (its export just taken back) hands them to the same button of
   // the row in its place.
   rebuildRows(
       rows_,
-      [this, &history] {
-        for (const ExportRecord& record : history) rows_->addWidget(makeRow(record));
+      [this, &history, &superseded] {
+        for (const ExportRecord& record : history)
+          rows_->addWidget(makeRow(record, superseded.contains(record.id)));
       },
       nullptr);
   rows_->addStretch(1);
 }
 
-QWidget* ExportHistoryView::makeRow(const ExportRecord& record) {
-  const bool superseded = viewModel_.isRecordSuperseded(record);
+QWidget* ExportHistoryView::makeRow(const ExportRecord& record, bool superseded) {
   auto* row = new QWidget(rowsHost_);
   auto* layout = new QHBoxLayout(row);
   layout->setContentsMargins(4, 4, 4, 4);

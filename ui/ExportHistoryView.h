@@ -32,7 +32,7 @@ class ExportHistoryView : public QFrame {
 
  private:
   void rebuild();
-  QWidget* makeRow(const ExportRecord& record);
+  QWidget* makeRow(const ExportRecord& record, bool superseded);
 
   BatchViewModel& viewModel_;
   QPushButton* clear_;

@@ -110,10 +110,11 @@ DecodedImage decodeFirstFrame(const WebPDemuxer* demux, bool alpha, int minLongS
       uint64_t(frame.x_offset) + uint64_t(frame.width) > canvasWidth ||
       uint64_t(frame.y_offset) + uint64_t(frame.height) > canvasHeight)
     fail("WebPDemuxGetFrame: frame outside the canvas");
-  DecodedImage image =
-      allocateImage(int(canvasWidth), int(canvasHeight), 8, alpha ? AlphaInfo::straight : AlphaInfo::none);
-  if (uint32_t(frame.width) != canvasWidth || uint32_t(frame.height) != canvasHeight)
-    std::fill(image.pixels8.begin(), image.pixels8.end(), uint8_t(0));  // transparent around the frame
+  // Around a frame smaller than the canvas the picture is transparent, opaque frames or not.
+  const bool coversCanvas = uint32_t(frame.width) == canvasWidth && uint32_t(frame.height) == canvasHeight;
+  DecodedImage image = allocateImage(int(canvasWidth), int(canvasHeight), 8,
+                                     alpha || !coversCanvas ? AlphaInfo::straight : AlphaInfo::none);
+  if (!coversCanvas) std::fill(image.pixels8.begin(), image.pixels8.end(), uint8_t(0));
   const size_t stride = size_t(canvasWidth) * 4;
   const size_t start = size_t(frame.y_offset) * stride + size_t(frame.x_offset) * 4;
   decodeInto(bitstream, image.pixels8.data() + start, int(stride), image.pixels8.size() - start, 0, 0);

@@ -343,6 +343,13 @@ TEST(Frames, AnimationsReportTheirCountAndDecodeTheFirstFrame) {
                               testing::solid(16, 16, 0, 0, 255)}));
   EXPECT_EQ(decoded.frameCount, 3);
   expectNear(pixelAt(decoded.image, 8, 8), {0, 255, 0}, 0, "first frame");
+  // An opaque first frame smaller than the canvas is drawn on it transparent, as libwebp's own
+  // player draws it, not black.
+  const DecodedImage framed =
+      decodeCGImageSource(fixtures::animatedWebp({testing::solid(8, 8, 0, 255, 0)}, 16, 12)).image;
+  ASSERT_TRUE(framed.hasAlphaChannel());
+  EXPECT_EQ(pixelAt(framed, 4, 4), (std::array<int, 4>{0, 255, 0, 255}));
+  EXPECT_EQ(pixelAt(framed, 12, 10)[3], 0);
 
   auto picture = fixtures::quadrants(16, 16);
   EXPECT_EQ(ImageService::properties(fixtures::jxl(picture, {.frames = 4}))->frameCount, 4);

@@ -287,16 +287,15 @@ TEST_F(StoreFolderTest, ALaterExportToTheSameFileSupersedesAndTiesGoByOrderOfExp
   const auto elsewhere = record("44444444-0000-0000-0000-000000000000", "/o/b.jpg", "2025-01-01T10:00:00Z");
   auto sameIDLater = older;
   sameIDLater.date = utc("2030-01-01T00:00:00Z");
-  EXPECT_TRUE(ExportHistory::isRecordSuperseded({newer, older}, older));
-  EXPECT_FALSE(ExportHistory::isRecordSuperseded({newer, older}, newer));
+  using IDs = QSet<QUuid>;
+  EXPECT_EQ(ExportHistory::supersededIDs({newer, older}), IDs{older.id});
   // Two exports within one millisecond: the list, newest first, tells which came last.
-  EXPECT_TRUE(ExportHistory::isRecordSuperseded({sameTime, older}, older));
-  EXPECT_FALSE(ExportHistory::isRecordSuperseded({sameTime, older}, sameTime));
-  EXPECT_FALSE(ExportHistory::isRecordSuperseded({elsewhere, older}, older));
-  EXPECT_FALSE(ExportHistory::isRecordSuperseded({sameIDLater, older}, older));
+  EXPECT_EQ(ExportHistory::supersededIDs({sameTime, older}), IDs{older.id});
+  EXPECT_EQ(ExportHistory::supersededIDs({elsewhere, older}), IDs{});
+  EXPECT_EQ(ExportHistory::supersededIDs({sameIDLater, older}), IDs{});
   // The same file, as the batch's export names it ("(" escaped) and as a file dialog does.
   newer.destinationURL = QUrl::fromEncoded("file:///o/a%20%281%29.jpg");
-  EXPECT_TRUE(ExportHistory::isRecordSuperseded({newer, older}, older));
+  EXPECT_EQ(ExportHistory::supersededIDs({newer, older}), IDs{older.id});
 
   // Dates are seconds since 2001 at a double's precision: two exports 300 µs apart, listed in
   // the wrong order, are told apart by date alone, after a save and load too.
@@ -305,8 +304,7 @@ TEST_F(StoreFolderTest, ALaterExportToTheSameFileSupersedesAndTiesGoByOrderOfExp
   list[1].date = 725882400.0004;
   ExportHistory::save(list);
   ASSERT_EQ(ExportHistory::load(), list);
-  EXPECT_TRUE(ExportHistory::isRecordSuperseded(list, list[0]));
-  EXPECT_FALSE(ExportHistory::isRecordSuperseded(list, list[1]));
+  EXPECT_EQ(ExportHistory::supersededIDs(list), IDs{list[0].id});
 }
 
 }  // namespace
