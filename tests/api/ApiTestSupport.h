@@ -76,8 +76,7 @@ class StateLog {
 
 // A FUSE volume on `mountPoint` that answers nothing once mounted, as a network volume whose server went
 // away: a look-up there waits until release() (or ten seconds, so that a test of a thread it froze
-// ends), then finds nothing. Needs the right to mount (root in a container, say): mounted() is false
-// elsewhere.
+// ends), then fails. Needs the right to mount (root in a container, say): mounted() is false elsewhere.
 class StalledVolume {
  public:
   explicit StalledVolume(const QString& mountPoint) : mountPoint_(QFile::encodeName(mountPoint)) {
@@ -89,9 +88,8 @@ class StalledVolume {
   }
   ~StalledVolume() {
     release();
-    if (mounted_) ::umount2(mountPoint_.constData(), MNT_DETACH);
-    stop_ = true;
     if (thread_.joinable()) thread_.join();
+    if (mounted_) ::umount2(mountPoint_.constData(), MNT_DETACH);
     if (fd_ >= 0) ::close(fd_);
   }
   bool mounted() const { return mounted_; }
@@ -102,45 +100,36 @@ class StalledVolume {
  private:
   void serve() {
     std::vector<char> buffer(FUSE_MIN_READ_BUFFER + (1 << 20));
-    std::vector<uint64_t> waiting;
-    auto answer = [this](uint64_t unique, int error, const void* body = nullptr, size_t size = 0) {
-      fuse_out_header head{uint32_t(sizeof head + size), error, unique};
-      std::string out(reinterpret_cast<const char*>(&head), sizeof head);
-      out.append(static_cast<const char*>(body), size);
-      (void)!::write(fd_, out.data(), out.size());
-    };
     auto deadline = std::chrono::steady_clock::time_point::max();
-    for (pollfd ready{fd_, POLLIN, 0}; !stop_;) {
+    for (pollfd ready{fd_, POLLIN, 0}; !released_;) {
       if (std::chrono::steady_clock::now() > deadline) released_ = true;
-      if (released_) {
-        for (uint64_t unique : waiting) answer(unique, -ENOENT);
-        waiting.clear();
-      }
-      if (::poll(&ready, 1, 20) <= 0) continue;
-      const ssize_t size = ::read(fd_, buffer.data(), buffer.size());
-      if (size < ssize_t(sizeof(fuse_in_header))) continue;
+      if (::poll(&ready, 1, 20) <= 0 ||
+          ::read(fd_, buffer.data(), buffer.size()) < ssize_t(sizeof(fuse_in_header)))
+        continue;
       const auto* in = reinterpret_cast<const fuse_in_header*>(buffer.data());
       if (in->opcode == FUSE_INIT) {
-        fuse_init_out init{};
-        init.major = FUSE_KERNEL_VERSION;
-        init.minor = std::min<uint32_t>(reinterpret_cast<const fuse_init_in*>(in + 1)->minor,
-                                        FUSE_KERNEL_MINOR_VERSION);
-        init.max_write = 4096;
-        init.flags = FUSE_PARALLEL_DIROPS;  // look-ups in one folder wait side by side
-        answer(in->unique, 0, &init, sizeof init);
-      } else if (in->opcode != FUSE_FORGET && in->opcode != FUSE_BATCH_FORGET &&
-                 in->opcode != FUSE_INTERRUPT) {
-        waiting.push_back(in->unique);
-        if (held_++ == 0) deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        struct {
+          fuse_out_header head;
+          fuse_init_out init;
+        } out{{sizeof out, 0, in->unique}, {}};
+        out.init.major = FUSE_KERNEL_VERSION;
+        out.init.minor = std::min<uint32_t>(reinterpret_cast<const fuse_init_in*>(in + 1)->minor,
+                                            FUSE_KERNEL_MINOR_VERSION);
+        out.init.max_write = 4096;
+        out.init.flags = FUSE_PARALLEL_DIROPS;  // look-ups in one folder wait side by side
+        (void)!::write(fd_, &out, sizeof out);
+      } else if (in->opcode == FUSE_LOOKUP && held_++ == 0) {
+        deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
       }
     }
+    ::close(std::exchange(fd_, -1));  // what waits fails, as on a volume that is gone
   }
 
   QByteArray mountPoint_;
   int fd_ = -1;
   bool mounted_ = false;
   std::atomic<int> held_{0};
-  std::atomic<bool> released_{false}, stop_{false};
+  std::atomic<bool> released_{false};
   std::thread thread_;
 };
 
