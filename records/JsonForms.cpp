@@ -58,7 +58,10 @@ QString localPathFromURLText(const QString& key, const QString& text) {
 QString uuidText(const QUuid& id) { return id.toString(QUuid::WithoutBraces).toUpper(); }
 
 QString fileURLText(const QString& localPath) {
-  return QUrl::fromLocalFile(localPath).toString(QUrl::FullyEncoded);
+  // Not QUrl::fromLocalFile, which takes the "srv" of "//srv/out" (here the folder "/srv/out")
+  // for a machine's name, that the readers refuse, and drops all of "///srv/out": the path as it
+  // stands, every byte but the unreserved ones and "/" escaped.
+  return QStringLiteral("file://") + QString::fromLatin1(localPath.toUtf8().toPercentEncoding("/"));
 }
 
 double secondsSince2001(const QDateTime& when) {

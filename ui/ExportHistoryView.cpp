@@ -19,6 +19,7 @@
 #include "ui/Icons.h"
 #include "ui/ImageRowDelegate.h"
 #include "ui/QualityControls.h"
+#include "ui/SettingsForm.h"
 #include "ui/UiText.h"
 
 namespace quillane::ui {
@@ -69,17 +70,20 @@ ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWid
 }
 
 void ExportHistoryView::rebuild() {
-  while (QLayoutItem* item = rows_->takeAt(0)) {
-    if (QWidget* w = item->widget()) w->deleteLater();
-    delete item;
-  }
   const auto& history = viewModel_.exportHistory();
   clear_->setVisible(!history.empty());
   empty_->setVisible(history.empty());
   scroll_->setVisible(!history.empty());
   const QSet<QUuid> superseded = ExportHistory::supersededIDs(history);
-  for (const ExportRecord& record : history)
-    rows_->addWidget(makeRow(record, superseded.contains(record.id)));
+  // A row's button that has the keys (its export just taken back) hands them to the same button of
+  // the row in its place.
+  rebuildRows(
+      rows_,
+      [this, &history, &superseded] {
+        for (const ExportRecord& record : history)
+          rows_->addWidget(makeRow(record, superseded.contains(record.id)));
+      },
+      nullptr);
   rows_->addStretch(1);
 }
 

@@ -121,8 +121,9 @@ void ImageListModel::imageChanged(const QUuid& id) {
   emit dataChanged(i, i);
 }
 
-// Appends and single removals are announced as such, so that the view keeps its scroll
-// position while a large import streams in; anything else resets.
+// Appends, a single insertion (a removal taken back) and a single removal are announced as such,
+// so that the view keeps its scroll position while a large import streams in and its current row
+// (the keyboard's place) where it was; anything else resets.
 void ImageListModel::onImagesChanged() {
   const ImageList& images = viewModel_.images();
   std::vector<QUuid> ids;
@@ -150,6 +151,13 @@ void ImageListModel::onImagesChanged() {
     while (i < ids.size() && ids[i] == shownIDs_[i]) ++i;
     if (std::equal(ids.begin() + long(i), ids.end(), shownIDs_.begin() + long(i) + 1)) removedAt = int(i);
   }
+  int insertedAt = -1;
+  if (!appended && ids.size() == shownIDs_.size() + 1) {
+    size_t i = 0;
+    while (i < shownIDs_.size() && ids[i] == shownIDs_[i]) ++i;
+    if (std::equal(shownIDs_.begin() + long(i), shownIDs_.end(), ids.begin() + long(i) + 1))
+      insertedAt = int(i);
+  }
 
   auto adopt = [&] {
     shownIDs_ = ids;
@@ -158,6 +166,10 @@ void ImageListModel::onImagesChanged() {
   };
   if (appended) {
     beginInsertRows({}, offset + int(shownIDs_.size()), offset + int(ids.size()) - 1);
+    adopt();
+    endInsertRows();
+  } else if (insertedAt >= 0) {
+    beginInsertRows({}, offset + insertedAt, offset + insertedAt);
     adopt();
     endInsertRows();
   } else if (removedAt >= 0) {

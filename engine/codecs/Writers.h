@@ -34,8 +34,9 @@ enum class ChromaLayout { automatic, subsampled, full };
 
 // Share of a picture's 2x2 blocks where chroma averaging (4:2:0) would move some pixel's Cb or
 // Cr by more than `step` on the 0...255 scale: its sharp colour edges. BT.601 chroma, measured
-// on a sampled grid (at most about 200,000 blocks whatever the size), weighted by alpha when
-// alpha is kept; fully transparent blocks are not counted.
+// on a sampled grid (at most about 200,000 blocks whatever the size) of blocks at even and of
+// blocks at odd coordinates, the larger share counting, weighted by alpha when alpha is kept;
+// fully transparent blocks are not counted.
 inline constexpr int kChromaEdgeStep = 32;
 double chromaEdgeShare(const DecodedImage& image, bool keepAlpha, int step = kChromaEdgeStep);
 // The layout a writer uses: `layout` itself unless automatic, else full where at least a

@@ -447,6 +447,11 @@ std::string jpegLayout(const Bytes& file) {
 }
 
 TEST(ChromaLayout, VisibleColouredTextKeepsFullChromaAndAPhotoIsSubsampledInEveryDecoder) {
+  // Text scaled up by two with its pixels doubled has every edge between two 2 x 2 blocks.
+  const DecodedImage small = colouredText(160, 100);
+  DecodedImage doubled = solid(320, 200, 0, 0, 0);
+  for (size_t p = 0; p < doubled.pixelCount(); ++p)
+    std::copy_n(&small.pixels8[(p / 640 * 160 + p % 320 / 2) * 4], 4, &doubled.pixels8[p * 4]);
   struct {
     const char* name;
     DecodedImage picture;
@@ -454,6 +459,7 @@ TEST(ChromaLayout, VisibleColouredTextKeepsFullChromaAndAPhotoIsSubsampledInEver
     bool photo;
   } const cases[] = {
       {"coloured text", colouredText(320, 200), 7.0, false},
+      {"coloured text, pixels doubled", doubled, 7.0, false},
       {"smooth photo", makeImage(320, 200, Pattern::photo, 3), 3.0, true},
   };
   ASSERT_TRUE(heif_have_decoder_for_format(heif_compression_AV1));

@@ -316,6 +316,7 @@ TEST_F(WindowEdgesTest, EveryRowActionIsReachableFromTheKeyboardNamedForScreenRe
   EXPECT_TRUE(edit[0]->text().contains("Retrait de l'image")) << edit[0]->text().toStdString();
   QTest::keyClick(&list, Qt::Key_Z, Qt::ControlModifier);
   ASSERT_EQ(names(), (QStringList{"a.png", "b.png", "c.png", "d.png", "e.png"}));
+  EXPECT_TRUE(list.listModel().imageAt(list.currentIndex().row()) == model_->images()[2]) << "still on c";
   QTest::keyClick(&list, Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
   ASSERT_EQ(names(), (QStringList{"a.png", "c.png", "d.png", "e.png"}));
   // Alt+Down and Alt+Up move the current row as a drag does, the keys staying on it.
@@ -647,8 +648,16 @@ TEST_F(WindowEdgesTest, EveryControlHasANameAndEachFormatMenuIsOneExclusiveChoic
   window();
   ASSERT_TRUE(settle({source("a.png")}));
   await(model_->exportAll(QUrl::fromLocalFile(dir_.path())));
+  await(model_->exportAll(QUrl::fromLocalFile(dir_.path())));
   bar().showHistory();
   EXPECT_EQ(QApplication::focusWidget()->objectName(), "showButton") << "the newest export's first button";
+  // Taken back from the keys, it hands them to the same button of the row in its place.
+  QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+  const QPointer<QWidget> undo = QApplication::focusWidget();
+  QTest::keyClick(undo, Qt::Key_Space);
+  ASSERT_EQ(model_->exportHistory().size(), 1u);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !undo; }));
+  EXPECT_TRUE(QApplication::focusWidget() && QApplication::focusWidget()->objectName() == "undoButton");
   window().showQualityOverride(model_->images()[0], QRect(10, 10, 20, 20));
   EXPECT_EQ(unnamedControls(&window()), "");
   for (QWidget* popup : QApplication::topLevelWidgets())
