@@ -57,7 +57,31 @@ QString autostartEntryPath() {
          QStringLiteral("/autostart/com.quillane.Quillane.desktop");
 }
 
-bool startsAtLogin() { return QFileInfo::exists(autostartEntryPath()); }
+bool startsAtLogin() {
+  // The desktop's own settings turn an entry off in place rather than remove it: GNOME's with
+  // X-GNOME-Autostart-enabled=false, others with Hidden=true. An entry that can't be read (a folder
+  // in its place) starts nothing either.
+  std::vector<uint8_t> bytes;
+  try {
+    bytes = FileIO::readFile(QFile::encodeName(autostartEntryPath()).toStdString(),
+                             [](std::span<const uint8_t>, uint64_t size) {
+                               if (size > (1u << 20)) throw FileError({}, "larger than a desktop entry");
+                             });
+  } catch (const QuillaneError&) {
+    return false;
+  }
+  const QString text =
+      QString::fromUtf8(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
+  for (const QString& line : text.split(QLatin1Char('\n'))) {
+    if (line.startsWith(QLatin1Char('[')) && line.trimmed() != QLatin1String("[Desktop Entry]")) break;
+    const QString key = line.section(QLatin1Char('='), 0, 0).trimmed();
+    const QString value = line.section(QLatin1Char('='), 1).trimmed();
+    if ((key == QLatin1String("Hidden") && value == QLatin1String("true")) ||
+        (key == QLatin1String("X-GNOME-Autostart-enabled") && value == QLatin1String("false")))
+      return false;
+  }
+  return true;
+}
 
 QString autostartEntry(const QString& program) {
   return QStringLiteral(

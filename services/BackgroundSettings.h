@@ -6,7 +6,8 @@
 //   "backgroundNoticeShown"     set once the first "keeps running" notification was shown
 //   Start at login              the XDG autostart entry
 //                               $XDG_CONFIG_HOME/autostart/com.quillane.Quillane.desktop,
-//                               which runs `quillane --background`; present means on
+//                               which runs `quillane --background`; present means on, unless
+//                               the desktop's settings turned it off in it
 //
 // GUI thread only (settings are read and written per call).
 
@@ -22,7 +23,8 @@ bool takeFirstBackgroundNotice();
 
 // Where the autostart entry lives.
 QString autostartEntryPath();
-// Whether the autostart entry exists.
+// Whether the autostart entry exists, can be read, and is not turned off in it (Hidden=true,
+// X-GNOME-Autostart-enabled=false).
 bool startsAtLogin();
 // Writes the entry (atomically, running `program` with --background) or deletes it. False
 // when it could not be written or removed; the state is then what startsAtLogin() says.

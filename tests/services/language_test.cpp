@@ -190,6 +190,16 @@ TEST_F(BackgroundSettingsTest, TheFirstNoticeIsGivenOnceAndStartAtLoginWritesAVa
     EXPECT_EQ(validate.exitCode(), 0) << validate.readAll().toStdString();
   }
 
+  // The desktop's own settings turn an entry off in place: the switch shows it off.
+  entry.close();
+  for (const auto& [on, off] : {std::pair("Autostart-enabled=true", "Autostart-enabled=false"),
+                                std::pair("NoDisplay=true", "NoDisplay=true\nHidden=true")}) {
+    ASSERT_TRUE(entry.open(QIODevice::WriteOnly) &&
+                entry.write(BackgroundSettings::autostartEntry("quillane").toUtf8().replace(on, off)) > 0);
+    entry.close();
+    EXPECT_FALSE(BackgroundSettings::startsAtLogin()) << off;
+  }
+
   ASSERT_TRUE(BackgroundSettings::setStartsAtLogin(false, {}));
   EXPECT_FALSE(QFile::exists(path));
   EXPECT_TRUE(BackgroundSettings::setStartsAtLogin(false, {}));  // nothing to remove
