@@ -41,7 +41,12 @@ void setEnabled(bool enabled) {
   saveSecurely(*settings);
 }
 
-int storedPort() { return store()->value(portKey, 0).toInt(); }
+int storedPort() {
+  // A port no server can listen on (written by hand) reads as none: the listener would take
+  // 65535 for 70000, and a port of its own choosing for -5, where the pane showed the number.
+  const int port = store()->value(portKey, 0).toInt();
+  return port >= 1 && port <= 65535 ? port : 0;
+}
 
 int effectivePort() {
   int port = storedPort();

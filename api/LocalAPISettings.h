@@ -28,7 +28,7 @@ void saveSecurely(QSettings& settings);
 // "localAPIEnabled"; false when absent.
 bool isEnabled();
 void setEnabled(bool enabled);
-// "localAPIPort" as stored; 0 when absent (0 stands for defaultPort).
+// "localAPIPort" as stored; 0 when absent or outside 1 to 65535 (0 stands for defaultPort).
 int storedPort();
 // The port to listen on: the stored one, or defaultPort for 0.
 int effectivePort();

@@ -295,7 +295,8 @@ void EncodeScheduler::finish(const std::shared_ptr<ImportedImage>& image, uint64
 
 void EncodeScheduler::schedulePassthrough(const std::shared_ptr<ImportedImage>& image) {
   // An animated source kept in its own format is exported as it came: nothing is encoded, no
-  // slot or memory is taken, and quality does not apply.
+  // slot is taken, and quality does not apply. Its file is read whole (an animation may take
+  // up to 1 GiB) and copied for the row, and that much memory is claimed as an encode's is.
   const QUuid id = image->id();
   pendingReEncode_.erase(id);
   cancel(id);
@@ -304,32 +305,44 @@ void EncodeScheduler::schedulePassthrough(const std::shared_ptr<ImportedImage>& 
   emit encodeStarted();
   auto task = std::make_shared<Task>();
   task->image = image;
+  task->costMB = CompressionCost::megabytes(2 * uint64_t(std::max<int64_t>(image->originalSizeBytes(), 0)));
   tasks_[id] = task;
 
-  std::weak_ptr<ImportedImage> weakImage = image;
-  PoolTask::run(
-      pool_.get(), this,
-      [reader = options_.reader, path = image->sourceFilePath()]() -> QByteArray {
-        try {
-          const std::vector<uint8_t> bytes = reader(path);
-          return QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
-        } catch (...) {
-          return {};
-        }
-      },
-      [this, weakImage, generation](const QByteArray& bytes) {
-        auto row = weakImage.lock();
-        if (!row || row->encodeGeneration_ != generation) return;
-        if (!bytes.isEmpty()) {
-          row->resultShape_.reset();
-          row->setCompressedData(bytes);
-          row->setEncodeState(EncodeState::ready(bytes.size()));
-        } else {
-          row->setEncodeState(EncodeState::failed(
-              QString::fromStdString(ImageProcessingError::decodingFailed().description())));
-        }
-        emit encodeSettled();
-      });
+  CompressionBudget* memory = options_.memoryBudget;
+  memory->wait(task->costMB, this, [this, task, memory, generation] {
+    if (task->cancelled) {
+      memory->release(task->costMB);
+      return;
+    }
+    std::weak_ptr<ImportedImage> weakImage = task->image;
+    PoolTask::run(
+        pool_.get(), this,
+        [reader = options_.reader, path = task->image->sourceFilePath(), memory,
+         costMB = task->costMB]() -> QByteArray {
+          QByteArray copy;
+          try {
+            const std::vector<uint8_t> bytes = reader(path);
+            copy = QByteArray(reinterpret_cast<const char*>(bytes.data()), qsizetype(bytes.size()));
+          } catch (...) {
+            copy = {};  // no result: the row fails
+          }
+          memory->release(costMB);
+          return copy;
+        },
+        [this, weakImage, generation](const QByteArray& bytes) {
+          auto row = weakImage.lock();
+          if (!row || row->encodeGeneration_ != generation) return;
+          if (!bytes.isEmpty()) {
+            row->resultShape_.reset();
+            row->setCompressedData(bytes);
+            row->setEncodeState(EncodeState::ready(bytes.size()));
+          } else {
+            row->setEncodeState(EncodeState::failed(
+                QString::fromStdString(ImageProcessingError::decodingFailed().description())));
+          }
+          emit encodeSettled();
+        });
+  });
 }
 
 }  // namespace quillane

@@ -21,7 +21,13 @@ namespace {
 const QString kAppleLanguagesKey = QStringLiteral("AppleLanguages");
 const char* const kTestHostVariable = "XCTestConfigurationFilePath";
 
-QStringList storedLanguages() { return SettingsFile::store()->value(kAppleLanguagesKey).toStringList(); }
+// The stored list without empty entries: a value emptied by hand ("AppleLanguages=") reads as a list
+// of one empty entry, which would count as a choice of no language the tables serve.
+QStringList storedLanguages() {
+  QStringList languages = SettingsFile::store()->value(kAppleLanguagesKey).toStringList();
+  languages.removeIf([](const QString& tag) { return tag.trimmed().isEmpty(); });
+  return languages;
+}
 
 // The table of this run: the first language of the list in force that a table serves.
 AppLanguage resolveActiveLanguage(const QStringList& stored, const QStringList& system) {

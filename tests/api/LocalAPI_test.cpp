@@ -69,6 +69,11 @@ TEST_F(ControllerTest, HandWrittenSettingsAreReadStrictly) {
     }
   write("localAPIToken=abc,def\n");
   EXPECT_EQ(LocalAPISettings::token(), QStringLiteral("abc,def"));
+  // A port no server can listen on is the default one, not a port of the listener's choosing.
+  for (const char* port : {"-5", "70000"}) {
+    write(QByteArray("localAPIPort=") + port + "\n");
+    EXPECT_EQ(LocalAPISettings::effectivePort(), LocalAPISettings::defaultPort) << port;
+  }
 }
 
 // Enabled by hand in the settings file, with no token yet: a client that reads the token from

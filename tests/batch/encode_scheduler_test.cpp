@@ -135,7 +135,15 @@ TEST_F(SchedulerTest, ChangesDuringAnEncodeRunOneMoreEncodeAfterItAndOverridesWi
 }
 
 TEST_F(SchedulerTest, AnimatedSourceInItsOwnFormatPassesThroughAndOutranksAnOlderEncode) {
-  auto& model = makeModel();
+  auto o = options();
+  o.memoryBudgetMB = 0;                                     // the process's, which the test can read
+  auto heldAtRead = std::make_shared<std::atomic<int>>(0);  // permits taken at the latest read
+  o.reader = [heldAtRead](const std::string& path) {
+    const CompressionBudget& budget = CompressionBudget::process();
+    heldAtRead->store(budget.limit() - budget.availablePermits());
+    return FileIO::readFile(path);
+  };
+  auto& model = makeModel(o);
   inspectAs("anim.webp", {64, 64, ImageFormat::webp, 2});
   import({source("anim.webp", "slow-animated")});  // to JPEG first: the gated encoder
   auto anim = model.images()[0];
@@ -150,6 +158,13 @@ TEST_F(SchedulerTest, AnimatedSourceInItsOwnFormatPassesThroughAndOutranksAnOlde
   model.setQuality(10);  // quality does not apply to a passthrough
   ASSERT_TRUE(waitIdle());
   EXPECT_EQ(calls().size(), 1u);
+
+  // The file is read whole and copied for the row (an animation may be 1 GiB): that is claimed.
+  inspectAs("big.webp", {64, 64, ImageFormat::webp, 2});
+  import({source("big.webp", QByteArray(3 << 20, 'b'))});
+  ASSERT_TRUE(waitIdle());
+  EXPECT_EQ(model.images()[1]->encodeState(), EncodeState::ready(3 << 20));
+  EXPECT_EQ(heldAtRead->load(), 6);
 }
 
 // A source replaced since its import by a larger picture is claimed at what it now holds, by its

@@ -85,6 +85,11 @@ TEST_F(LanguageManagerTest, OnlyAnExactStoredRawValueIsAnOverride) {
   EXPECT_EQ(mexican.selectedLanguage(), std::nullopt);
   EXPECT_EQ(mexican.activeLanguage(), AppLanguage::esLatam);
   EXPECT_EQ(stored(), QStringList{"es-MX"});
+  // A value emptied by hand is no choice: the system's language is followed, and English is not stored.
+  ASSERT_TRUE(writeSettings("[General]\nAppleLanguages=\n"));
+  LanguageManager emptied(platform({"fr-FR"}));
+  EXPECT_EQ(std::pair(emptied.selectedLanguage(), emptied.activeLanguage()),
+            std::pair(std::optional<AppLanguage>(), AppLanguage::fr));
   store({"nl"});
   EXPECT_EQ(LanguageManager(platform({"fr-FR"})).selectedLanguage(), AppLanguage::enUS);
   EXPECT_EQ(stored(), QStringList{"en-US"});
