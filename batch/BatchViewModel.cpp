@@ -291,8 +291,24 @@ void BatchViewModel::promptExportAll() {
       Localization::text("export.chooseFolder.message", "Choisissez le dossier de destination des images."));
   const std::optional<QUrl> folder =
       fileDialogs_->chooseExportFolder(lastAppliedProfileFolder_, prompt, message);
+  if (!folder || folder->isEmpty()) return;
   // Failures show in the rows through their exportError; the outcomes are not needed here.
-  if (folder && !folder->isEmpty()) exportAll(*folder);
+  if (!hasPendingRecompute_ && !isEncoding_) {
+    exportAll(*folder);
+    return;
+  }
+  // The settings changed while the dialog was up (the local API, files handed over by a second
+  // launch): the export waits for what they make, so that no row's bytes of the former settings
+  // go out under the new format's name.
+  auto* poll = new QTimer(this);
+  poll->setInterval(50);
+  connect(poll, &QTimer::timeout, this, [this, poll, chosen = *folder] {
+    if (hasPendingRecompute_ || isEncoding_) return;
+    poll->stop();
+    poll->deleteLater();
+    exportAll(chosen);
+  });
+  poll->start();
 }
 
 QFuture<std::vector<ExportOutcome>> BatchViewModel::exportAll(const QUrl& folder) {

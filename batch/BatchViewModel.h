@@ -190,7 +190,7 @@ class BatchViewModel : public QObject {
   // The writes run on the exporter's worker thread, one export after another; each future
   // finishes on the GUI thread once the rows' export state and the history are up to date.
   // Asks for a folder through the installed FileDialogs, starting in the folder of the
-  // last applied profile, and exports all into it.
+  // last applied profile, and exports all into it once what the settings make is encoded.
   void promptExportAll();
   // Writes every image's compressedData into `folder`, names kept apart within the run,
   // with the extension of the current output format. One outcome per image, in batch order.

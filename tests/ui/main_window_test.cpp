@@ -79,6 +79,22 @@ TEST_F(MainWindowTest, WhatTheBarShowsAndExportFollowTheBatchAndItsProfiles) {
   EXPECT_FALSE(exportEnabled());
   ASSERT_TRUE(waitIdle());
   EXPECT_TRUE(exportEnabled());
+  // Settings changed while its folder dialog is up (by the local API) are the ones exported.
+  struct ChangedMeanwhile : DesktopFileDialogs {
+    std::function<void()> change;
+    QString folder;
+    std::optional<QUrl> chooseExportFolder(const std::optional<QUrl>&, const QString&,
+                                           const QString&) override {
+      change();
+      return QUrl::fromLocalFile(folder);
+    }
+  };
+  auto* dialogs = new ChangedMeanwhile;
+  dialogs->folder = outFolder();
+  dialogs->change = [&] { model_->setOutputFormat(ImageFormat::webp), model_->setQuality(50); };
+  window().setFileDialogs(std::unique_ptr<DesktopFileDialogs>(dialogs));
+  exportAction()->trigger();
+  EXPECT_TRUE(QTest::qWaitFor([&] { return QFileInfo(outFolder() + "/one.webp").size() == 500; }));
 
   // While the slider is held its value applies; the batch holds its encodes until the release.
   slider->setSliderDown(true);
