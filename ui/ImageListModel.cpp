@@ -121,9 +121,9 @@ void ImageListModel::imageChanged(const QUuid& id) {
   emit dataChanged(i, i);
 }
 
-// Appends, a single insertion (a removal taken back) and a single removal are announced as such,
-// so that the view keeps its scroll position while a large import streams in and its current row
-// (the keyboard's place) where it was; anything else resets.
+// Appends, a single insertion (a removal taken back), a single removal and a single move (a row
+// dragged) are announced as such, so that the view keeps its scroll position while a large import
+// streams in and its current row (the keyboard's place) where it was; anything else resets.
 void ImageListModel::onImagesChanged() {
   const ImageList& images = viewModel_.images();
   std::vector<QUuid> ids;
@@ -159,6 +159,21 @@ void ImageListModel::onImagesChanged() {
       insertedAt = int(i);
   }
 
+  // A row taken from `movedFrom` and put at `movedTo`, the others in their order.
+  int movedFrom = -1, movedTo = -1;
+  if (ids.size() == shownIDs_.size() && ids != shownIDs_) {
+    size_t first = 0, last = ids.size() - 1;
+    while (ids[first] == shownIDs_[first]) ++first;
+    while (ids[last] == shownIDs_[last]) --last;
+    if (ids[last] == shownIDs_[first] &&
+        std::equal(ids.begin() + long(first), ids.begin() + long(last), shownIDs_.begin() + long(first) + 1))
+      movedFrom = int(first), movedTo = int(last);
+    else if (ids[first] == shownIDs_[last] &&
+             std::equal(shownIDs_.begin() + long(first), shownIDs_.begin() + long(last),
+                        ids.begin() + long(first) + 1))
+      movedFrom = int(last), movedTo = int(first);
+  }
+
   auto adopt = [&] {
     shownIDs_ = ids;
     rowOfID_.clear();
@@ -172,6 +187,12 @@ void ImageListModel::onImagesChanged() {
     beginInsertRows({}, offset + insertedAt, offset + insertedAt);
     adopt();
     endInsertRows();
+  } else if (movedFrom >= 0) {
+    // Qt counts the destination before the move: past the row itself when it goes down.
+    const int destination = offset + movedTo + (movedTo > movedFrom ? 1 : 0);
+    beginMoveRows({}, offset + movedFrom, offset + movedFrom, {}, destination);
+    adopt();
+    endMoveRows();
   } else if (removedAt >= 0) {
     beginRemoveRows({}, offset + removedAt, offset + removedAt);
     adopt();

@@ -210,8 +210,10 @@ TEST_F(MainWindowTest, DropsImportFilesInDragOrderAndMoveRows) {
   const QRect rowC = list->visualRect(list->listModel().index(2));
   QMimeData row;
   row.setData(ui::ImageListView::rowMimeType, model_->images()[0]->id().toByteArray());
+  list->setCurrentIndex(list->listModel().index(0));  // as the press that starts the drag does
   drop(list->viewport(), {rowC.center().x(), rowC.bottom() - 3}, row, Qt::MoveAction);
   EXPECT_EQ(names(), (QStringList{"a.png", "c.png", "b.png"}));
+  EXPECT_EQ(list->currentIndex().row(), 2) << "the moved row stays the current one";
 }
 
 TEST_F(MainWindowTest, ARightToLeftLayoutMirrorsTheBarAndTheRowsAndKeepsNumbersWithTheirUnits) {
