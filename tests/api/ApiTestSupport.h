@@ -84,6 +84,9 @@ class StalledVolume {
     const std::string options = "fd=" + std::to_string(fd_) + ",rootmode=40000,user_id=0,group_id=0";
     mounted_ = fd_ >= 0 && ::mount("quillane-test", mountPoint_.constData(), "fuse", MS_NOSUID | MS_NODEV,
                                    options.c_str()) == 0;
+    // The kernel's first request is answered before any look-up: one made before the answer takes
+    // the folder's lock (parallel look-ups not agreed yet) and holds up the look-ups behind it.
+    if (mounted_) answerInit();
     if (mounted_) thread_ = std::thread([this] { serve(); });
   }
   ~StalledVolume() {
@@ -98,6 +101,22 @@ class StalledVolume {
   void release() { released_ = true; }
 
  private:
+  void answerInit() {
+    std::vector<char> buffer(FUSE_MIN_READ_BUFFER);
+    const auto* in = reinterpret_cast<const fuse_in_header*>(buffer.data());
+    if (::read(fd_, buffer.data(), buffer.size()) < ssize_t(sizeof *in) || in->opcode != FUSE_INIT) return;
+    struct {
+      fuse_out_header head;
+      fuse_init_out init;
+    } out{{sizeof out, 0, in->unique}, {}};
+    out.init.major = FUSE_KERNEL_VERSION;
+    out.init.minor =
+        std::min<uint32_t>(reinterpret_cast<const fuse_init_in*>(in + 1)->minor, FUSE_KERNEL_MINOR_VERSION);
+    out.init.max_write = 4096;
+    out.init.flags = FUSE_PARALLEL_DIROPS;  // look-ups in one folder wait side by side
+    (void)!::write(fd_, &out, sizeof out);
+  }
+
   void serve() {
     std::vector<char> buffer(FUSE_MIN_READ_BUFFER + (1 << 20));
     auto deadline = std::chrono::steady_clock::time_point::max();
@@ -107,20 +126,8 @@ class StalledVolume {
           ::read(fd_, buffer.data(), buffer.size()) < ssize_t(sizeof(fuse_in_header)))
         continue;
       const auto* in = reinterpret_cast<const fuse_in_header*>(buffer.data());
-      if (in->opcode == FUSE_INIT) {
-        struct {
-          fuse_out_header head;
-          fuse_init_out init;
-        } out{{sizeof out, 0, in->unique}, {}};
-        out.init.major = FUSE_KERNEL_VERSION;
-        out.init.minor = std::min<uint32_t>(reinterpret_cast<const fuse_init_in*>(in + 1)->minor,
-                                            FUSE_KERNEL_MINOR_VERSION);
-        out.init.max_write = 4096;
-        out.init.flags = FUSE_PARALLEL_DIROPS;  // look-ups in one folder wait side by side
-        (void)!::write(fd_, &out, sizeof out);
-      } else if (in->opcode == FUSE_LOOKUP && held_++ == 0) {
+      if (in->opcode == FUSE_LOOKUP && held_++ == 0)
         deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-      }
     }
     ::close(std::exchange(fd_, -1));  // what waits fails, as on a volume that is gone
   }
