@@ -1,8 +1,8 @@
 #pragma once
 // A desktop service stood in for on a D-Bus connection: it answers every call to its path and
 // keeps each one. Notify is answered with the notification's number (from 1), GetCapabilities
-// with "actions" and "body". It answers on a thread of its own, so that it serves a program the
-// test is waiting for; its name and path go with it.
+// with "actions", "body" and "body-markup". It answers on a thread of its own, so that it serves a program
+// the test is waiting for; its name and path go with it.
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
@@ -62,7 +62,7 @@ class BusStandIn : public QDBusVirtualObject {
     uint number = 1;
     for (const Call& call : calls_) number += call.member == "Notify";
     if (message.member() == "Notify") reply << QVariant::fromValue(number);
-    if (message.member() == "GetCapabilities") reply << QStringList{"actions", "body"};
+    if (message.member() == "GetCapabilities") reply << QStringList{"actions", "body", "body-markup"};
     if (held_)
       heldReplies_ << reply;
     else
