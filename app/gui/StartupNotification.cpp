@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace quillane::StartupNotification {
 
@@ -29,13 +30,8 @@ QByteArray removeMessage(const QByteArray& id) {
   message += '\0';
   return message;
 }
-}  // namespace
 
-void complete(const QByteArray& id) {
-  if (id.isEmpty() || !qGuiApp) return;
-  auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
-  xcb_connection_t* connection = x11 ? x11->connection() : nullptr;
-  if (!connection) return;
+void send(xcb_connection_t* connection, const QByteArray& id) {
   const QByteArray message = removeMessage(id);
   const xcb_atom_t begin = atom(connection, "_NET_STARTUP_INFO_BEGIN");
   const xcb_atom_t more = atom(connection, "_NET_STARTUP_INFO");
@@ -52,7 +48,24 @@ void complete(const QByteArray& id) {
     xcb_send_event(connection, 0, root, XCB_EVENT_MASK_PROPERTY_CHANGE,
                    reinterpret_cast<const char*>(&event));
   }
-  xcb_flush(connection);
+  // A round trip: the launch ends right after, and a connection that closes at once has its last
+  // requests dropped unread.
+  std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
+}
+}  // namespace
+
+void complete(const QByteArray& id) {
+  if (id.isEmpty()) return;
+  if (qGuiApp) {
+    auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    if (x11 && x11->connection()) send(x11->connection(), id);
+    return;
+  }
+  // No GUI (the compress action): a connection of its own to the launcher's display.
+  if (qEnvironmentVariableIsEmpty("DISPLAY")) return;
+  const std::unique_ptr<xcb_connection_t, decltype(&xcb_disconnect)> own(xcb_connect(nullptr, nullptr),
+                                                                         &xcb_disconnect);
+  if (!xcb_connection_has_error(own.get())) send(own.get(), id);
 }
 
 }  // namespace quillane::StartupNotification

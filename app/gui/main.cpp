@@ -149,7 +149,9 @@ std::optional<int> runWithoutWindow(const quillane::LaunchArguments& arguments, 
 
   if (arguments.mode == Mode::compress) {
     quillane::TerminationSignals::endOnceWritesAreWhole();
-    // No window and no display needed.
+    // No window and no display needed; the launcher's busy pointer ends as the work begins, the
+    // outcome comes as a notification.
+    quillane::StartupNotification::complete(qgetenv("DESKTOP_STARTUP_ID"));
     QCoreApplication application(argc, argv);
     quillane::QuillaneApp::describeApplication();
     quillane::LanguageManager::installLookupReadOnly();

@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/inotify.h>
 #include <unistd.h>
+#include <xcb/xcb.h>
 
 #include <QDBusConnectionInterface>
 #include <QDBusInterface>
@@ -544,7 +545,39 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
   testing::BusStandIn notifications(*bus_, "org.freedesktop.Notifications", "/org/freedesktop/Notifications");
   testing::BusStandIn fileManager(*bus_, "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1");
   ASSERT_TRUE(notifications.registered() && fileManager.registered());
-  testing::ProgramRun failed = run({"--compress", "in/R&D <draft>.png"}, environment());
+  // Launched from a menu on X11: the launcher's busy pointer ends though no window shows. An X
+  // display of its own, whose root window's messages a client of the test sees.
+  QProcess xvfb;
+  xvfb.start("Xvfb", {"-displayfd", "1", "-nolisten", "tcp"});
+  ASSERT_TRUE(xvfb.waitForReadyRead(20000)) << "Xvfb did not start";
+  const QByteArray display = ":" + xvfb.readLine().trimmed();
+  const std::unique_ptr<xcb_connection_t, decltype(&xcb_disconnect)> x(xcb_connect(display, nullptr),
+                                                                       &xcb_disconnect);
+  ASSERT_FALSE(xcb_connection_has_error(x.get()));
+  const uint32_t events = XCB_EVENT_MASK_PROPERTY_CHANGE;
+  xcb_change_window_attributes(x.get(), xcb_setup_roots_iterator(xcb_get_setup(x.get())).data->root,
+                               XCB_CW_EVENT_MASK, &events);
+  xcb_flush(x.get());
+  QProcessEnvironment launched = environment();
+  launched.insert("DISPLAY", display);
+  launched.insert("DESKTOP_STARTUP_ID", "files-42-host-quillane_TIME7");
+  testing::ProgramRun failed = run({"--compress", "in/R&D <draft>.png"}, launched);
+  QByteArray told;
+  EXPECT_TRUE(QTest::qWaitFor(
+      [&] {
+        while (auto* event = xcb_poll_for_event(x.get())) {
+          if ((event->response_type & 0x7f) == XCB_CLIENT_MESSAGE)
+            told.append(reinterpret_cast<const char*>(
+                            reinterpret_cast<xcb_client_message_event_t*>(event)->data.data8),
+                        20);
+          std::free(event);
+        }
+        return told.contains('\0');
+      },
+      5000));
+  EXPECT_EQ(told.left(told.indexOf('\0')), "remove: ID=files-42-host-quillane_TIME7");
+  xvfb.terminate();
+  xvfb.waitForFinished();
   // With no file, the action is the plain launch: the running instance's window comes up.
   EXPECT_EQ(run({"--compress"}, environment()).exitCode, 0);
   // Only a URL of another machine: told on stderr, and nothing is compressed or notified.
