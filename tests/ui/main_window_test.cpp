@@ -550,7 +550,7 @@ TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQ
   EXPECT_TRUE(QTest::qWaitFor([&] { return window().findChildren<ui::ImageComparisonView*>().isEmpty(); }));
 }
 
-TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindElseHomeAndOfferTheSixFormats) {
+TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindOfferTheSixFormatsAndSaveUnderTheFormatsName) {
   DesktopFileDialogs dialogs;
   DesktopFileDialogs::rememberFolder(Kind::import, dir_.filePath("no-such-folder"));
   DesktopFileDialogs::rememberFolder(Kind::exportFolder, {});
@@ -578,6 +578,31 @@ TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindElseHomeAndOfferTh
   // The next import starts where the last one was; export keeps its own folder.
   EXPECT_EQ(DesktopFileDialogs::startFolder(Kind::import), QDir(dir_.path()).absolutePath());
   EXPECT_EQ(DesktopFileDialogs::startFolder(Kind::exportFolder), QDir::homePath());
+
+  // A JPEG saved as "photo.png" is named "photo.jpg"; that one exists, so the dialog shows it again and
+  // asks before it is replaced.
+  ASSERT_TRUE(QFile::copy(dir_.filePath("picked.png"), dir_.filePath("photo.jpg")));
+  QStringList shown;  // the names each dialog and question came up with
+  QTimer answer;
+  QObject::connect(&answer, &QTimer::timeout, [&] {
+    answer.start();  // anew, for it to answer the question its own answer brings up
+    if (auto* question = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+      shown << question->text();
+      question->button(QMessageBox::Yes)->click();
+    } else if (auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget())) {
+      shown << dialog->findChild<QLineEdit*>("fileNameEdit")->text();
+      if (shown.size() == 1)
+        dialog->findChild<QLineEdit*>("fileNameEdit")->setText(dir_.filePath("photo.png"));
+      QMetaObject::invokeMethod(dialog, "accept");
+    }
+  });
+  answer.start(10);
+  EXPECT_EQ(dialogs.chooseSaveFile("a.jpg", ImageFormat::jpeg), url("photo.jpg"));
+  ASSERT_EQ(shown.size(), 3);
+  EXPECT_TRUE(shown[1] == "photo.jpg" && shown[2].contains("photo.jpg")) << shown.join('|').toStdString();
+  for (const auto& [typed, saved] : {std::pair("/x/a.JPEG", "/x/a.JPEG"), std::pair("/x/a.HEIF", "/x/a.jpg"),
+                                     std::pair("/x/a.v2", "/x/a.v2.jpg"), std::pair("/x/a", "/x/a.jpg")})
+    EXPECT_EQ(DesktopFileDialogs::withFormatExtension(typed, ImageFormat::jpeg), saved);
 }
 
 // Records what the desktop is asked to open, as the handler of file URLs.
