@@ -41,6 +41,17 @@ class RecordingFileDialogs : public DesktopFileDialogs {
   std::vector<QWidget*> parents;
 };
 
+// The desktop's `service` at `path`, stood in for on a connection of its own to the session bus, which goes
+// with it; none without a session bus.
+std::shared_ptr<testing::BusStandIn> desktopService(const QString& service, const QString& path) {
+  const QDBusConnection connection = QDBusConnection::connectToBus(QDBusConnection::SessionBus, service);
+  if (!connection.isConnected()) return nullptr;
+  return {new testing::BusStandIn(connection, service, path), [service](testing::BusStandIn* standIn) {
+            delete standIn;
+            QDBusConnection::disconnectFromBus(service);
+          }};
+}
+
 class MainWindowTest : public WindowFixture {
  protected:
   ui::ControlsBar& bar() { return *window().controlsBar(); }
@@ -245,11 +256,8 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
       settle({source("a.png", 5750), source("b.png", 5750), source("c.png", 5750, {.failEncode = true})}));
   ASSERT_TRUE(QFile::copy(dir_.filePath("a.png"), outFolder() + "/a.jpg"));
 
-  // The desktop's notification service, on a connection of its own.
-  QDBusConnection service = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "notifications");
-  if (!service.isConnected()) GTEST_SKIP() << "no session bus";
-  auto sink = std::make_unique<testing::BusStandIn>(service, "org.freedesktop.Notifications",
-                                                    "/org/freedesktop/Notifications");
+  auto sink = desktopService("org.freedesktop.Notifications", "/org/freedesktop/Notifications");
+  if (!sink) GTEST_SKIP() << "no session bus";
   ASSERT_TRUE(sink->registered());
 
   // Another of the program's windows in front is the user here: no notification. Then elsewhere.
@@ -291,7 +299,8 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
   const auto invoke = [&](const char* action) {
     QDBusMessage message = QDBusMessage::createSignal("/org/freedesktop/Notifications",
                                                       "org.freedesktop.Notifications", "ActionInvoked");
-    return service.send(message << uint(ours + 1) << QString(action));
+    return QDBusConnection("org.freedesktop.Notifications")
+        .send(message << uint(ours + 1) << QString(action));
   };
   // The click may reach the window before the reply that gave the notification its number (they
   // come on two connections), and is then not yet ours: click until it is.
@@ -301,7 +310,6 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
   ASSERT_TRUE(invoke("default"));  // a click on the notification itself brings the window forward
   EXPECT_TRUE(QTest::qWaitForWindowActive(&window()));
   sink.reset();
-  QDBusConnection::disconnectFromBus("notifications");
 
   // A notification for screen readers, which speak it as it shows: anew for each export, the focus kept.
   EXPECT_EQ(QAccessible::queryAccessibleInterface(summary)->role(), QAccessible::Notification);
@@ -626,10 +634,8 @@ class OpenedURLs : public QObject {
 // Show in Folder asks the file manager and goes on: one slow to start neither holds the window nor gets
 // the folder opened beside its own window.
 TEST_F(WindowEdgesTest, ShowInFolderDoesNotWaitForTheFileManager) {
-  QDBusConnection service = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "fileManager");
-  if (!service.isConnected()) GTEST_SKIP() << "no session bus";
-  auto fileManager = std::make_unique<testing::BusStandIn>(service, "org.freedesktop.FileManager1",
-                                                           "/org/freedesktop/FileManager1");
+  auto fileManager = desktopService("org.freedesktop.FileManager1", "/org/freedesktop/FileManager1");
+  if (!fileManager) GTEST_SKIP() << "no session bus";
   ASSERT_TRUE(fileManager->registered());
   OpenedURLs opened;
   fileManager->hold();
@@ -639,8 +645,6 @@ TEST_F(WindowEdgesTest, ShowInFolderDoesNotWaitForTheFileManager) {
   EXPECT_EQ(fileManager->calls("ShowItems")[0].value(0).toStringList(), QStringList{file.toString()});
   EXPECT_EQ(opened.urls, QList<QUrl>());
   fileManager->release();
-  fileManager.reset();
-  QDBusConnection::disconnectFromBus("fileManager");
 }
 
 // The offscreen screen (800 x 800) is narrower than the window's usual size, and at a scale
