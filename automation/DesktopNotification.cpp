@@ -6,7 +6,6 @@
 
 namespace quillane::DesktopNotification {
 
-namespace {
 QStringList capabilities(const QDBusConnection& connection) {
   if (!connection.isConnected()) return {};
   const QDBusMessage call = QDBusMessage::createMethodCall(
@@ -16,10 +15,9 @@ QStringList capabilities(const QDBusConnection& connection) {
   return reply.type() == QDBusMessage::ReplyMessage ? reply.arguments().value(0).toStringList()
                                                     : QStringList();
 }
-}  // namespace
 
 std::optional<uint> notify(const QDBusConnection& connection, const QString& summary, const QString& body,
-                           const QStringList& actions) {
+                           const QStringList& actions, const std::optional<QStringList>& served) {
   if (!connection.isConnected()) return std::nullopt;
   QDBusMessage call = QDBusMessage::createMethodCall(
       QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("/org/freedesktop/Notifications"),
@@ -29,7 +27,7 @@ std::optional<uint> notify(const QDBusConnection& connection, const QString& sum
   // app_name, replaces_id, app_icon, summary, body, actions, hints, expire_timeout (-1: the server's)
   // A service that reads the body as markup would take "a<b>.png" or "R&D" in a file's name for
   // markup, and show it wrongly or not at all.
-  const bool markup = capabilities(connection).contains(QStringLiteral("body-markup"));
+  const bool markup = (served ? *served : capabilities(connection)).contains(QStringLiteral("body-markup"));
   call << QStringLiteral("Quillane") << uint(0) << QStringLiteral("com.quillane.Quillane") << summary
        << (markup ? body.toHtmlEscaped() : body) << actions << hints << int(-1);
   // Without a notification service the bus answers at once with ServiceUnknown (no
@@ -37,10 +35,6 @@ std::optional<uint> notify(const QDBusConnection& connection, const QString& sum
   const QDBusMessage reply = connection.call(call, QDBus::Block, 5000);
   if (reply.type() != QDBusMessage::ReplyMessage) return std::nullopt;
   return reply.arguments().value(0).toUInt();
-}
-
-bool supportsActions(const QDBusConnection& connection) {
-  return capabilities(connection).contains(QStringLiteral("actions"));
 }
 
 }  // namespace quillane::DesktopNotification

@@ -5,7 +5,9 @@
 
 #include <QMetaObject>
 #include <QThreadPool>
+#include <algorithm>
 #include <atomic>
+#include <utility>
 
 #include "batch/EncodeScheduler.h"
 #include "batch/PoolTask.h"
@@ -27,6 +29,14 @@ void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image,
                                     const EncodeCost::Source& figures) {
   if (!options_.measureResults || !image || !image->compressedData()) return;
   const QByteArray result = *image->compressedData();
+  // Butteraugli compares pictures of one size: a result fitted to a smaller one has no distance,
+  // and its source is not even read for it. Only the result's thumbnail is made then. Sides in
+  // either order: a source's figures are as stored, a result's upright.
+  const auto sides = [](int width, int height) {
+    return std::pair(std::min(width, height), std::max(width, height));
+  };
+  const auto& shape = image->resultShape();
+  const bool resized = shape && sides(shape->width, shape->height) != sides(figures.width, figures.height);
   // A newer result makes this measure worthless, and so does the row leaving the batch: each
   // raises the flag, which libjxl's work polls.
   auto cancel = std::make_shared<Cancellation::Flag>(false);
@@ -40,8 +50,8 @@ void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image,
                                                     figures.fileBytes + uint64_t(result.size()));
   std::weak_ptr<ImportedImage> weakImage = image;
   CompressionBudget* memory = options_.memoryBudget;
-  processorSlots_->wait(1, this, [this, weakImage, result, cancel, stale, costMB, memory] {
-    memory->wait(costMB, this, [this, weakImage, result, cancel, stale, costMB, memory] {
+  processorSlots_->wait(1, this, [this, weakImage, result, resized, cancel, stale, costMB, memory] {
+    memory->wait(costMB, this, [this, weakImage, result, resized, cancel, stale, costMB, memory] {
       auto alive = weakImage.lock();
       if (!alive || cancel->load()) {
         memory->release(costMB);
@@ -50,14 +60,14 @@ void EncodeScheduler::measureResult(const std::shared_ptr<ImportedImage>& image,
       }
       PoolTask::run(
           pool_.get(), this,
-          [reader = options_.reader, path = alive->sourceFilePath(), result, cancel, memory, costMB] {
+          [reader = options_.reader, path = alive->sourceFilePath(), result, resized, cancel, memory,
+           costMB] {
             Look look;
             Cancellation::Scope scope(cancel.get());
             const std::span<const uint8_t> resultBytes(reinterpret_cast<const uint8_t*>(result.constData()),
                                                        size_t(result.size()));
             try {
-              const std::vector<uint8_t> source = reader(path);
-              look.butteraugli = PerceptualDistance::between(source, resultBytes);
+              if (!resized) look.butteraugli = PerceptualDistance::between(reader(path), resultBytes);
             } catch (...) {
               // no number rather than one that can't be trusted
             }

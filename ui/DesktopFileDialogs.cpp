@@ -40,6 +40,18 @@ void rememberChoice(DesktopFileDialogs::FolderKind kind, const QUrl& chosen, boo
   DesktopFileDialogs::rememberFolder(kind, chosenIsFolder ? path : QFileInfo(path).absolutePath());
 }
 
+// The extensions each format's files go by, in any case; the usual one first.
+QStringList extensionsOf(ImageFormat format) {
+  switch (format) {
+    case ImageFormat::jpeg:
+      return {QStringLiteral("jpg"), QStringLiteral("jpeg"), QStringLiteral("jpe")};
+    case ImageFormat::heic:
+      return {QStringLiteral("heic"), QStringLiteral("heif"), QStringLiteral("hif")};
+    default:
+      return {QString::fromUtf8(std::string(ImageFormats::fileExtension(format)))};
+  }
+}
+
 }  // namespace
 
 QString DesktopFileDialogs::startFolder(FolderKind kind) {
@@ -59,6 +71,16 @@ QString DesktopFileDialogs::importFilter() {
   static const QString patterns =
       QStringLiteral("*.png *.jpg *.jpeg *.jpe *.heic *.heif *.hif *.avif *.webp *.jxl");
   return QStringLiteral("%1 (%2)").arg(Strings::text("import.filterLabel"), patterns);
+}
+
+QString DesktopFileDialogs::withFormatExtension(const QString& path, ImageFormat format) {
+  const QString extension = QFileInfo(path).suffix().toLower();
+  if (extensionsOf(format).contains(extension)) return path;
+  const QString own = extensionsOf(format).first();
+  for (ImageFormat other : ImageFormats::allCases)
+    if (!extension.isEmpty() && extensionsOf(other).contains(extension))
+      return path.left(path.size() - extension.size()) + own;
+  return path + QLatin1Char('.') + own;
 }
 
 QList<QUrl> DesktopFileDialogs::chooseFilesToImport() {
@@ -92,9 +114,20 @@ std::optional<QUrl> DesktopFileDialogs::chooseSaveFile(const QString& suggestedN
   dialog.selectFile(suggestedName);
   dialog.setMimeTypeFilters({QString::fromUtf8(std::string(ImageFormats::mimeType(format)))});
   dialog.setDefaultSuffix(QString::fromUtf8(std::string(ImageFormats::fileExtension(format))));
-  if (dialog.exec() != QDialog::Accepted || dialog.selectedUrls().isEmpty()) return std::nullopt;
-  rememberChoice(FolderKind::exportFolder, dialog.selectedUrls().first(), false);
-  return dialog.selectedUrls().first();
+  // The dialog asked about replacing the name as typed: a name changed to one that exists (a link
+  // too, even a dangling one) is shown again, and the dialog asks about that one.
+  for (;;) {
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedUrls().isEmpty()) return std::nullopt;
+    const QUrl chosen = dialog.selectedUrls().first();
+    if (!chosen.isLocalFile()) return chosen;
+    const QString path = withFormatExtension(chosen.toLocalFile(), format);
+    const QFileInfo existing(path);
+    if (path == chosen.toLocalFile() || !(existing.exists() || existing.isSymLink())) {
+      rememberChoice(FolderKind::exportFolder, chosen, false);
+      return QUrl::fromLocalFile(path);
+    }
+    dialog.selectFile(path);
+  }
 }
 
 std::optional<QUrl> DesktopFileDialogs::chooseFolder(const std::optional<QUrl>& startFolder,

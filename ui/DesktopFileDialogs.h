@@ -33,6 +33,8 @@ class DesktopFileDialogs : public FileDialogs {
   virtual void showFilesInFileManager(const QList<QUrl>& files);
 
   // The save dialog of one image: `suggestedName` in the last export folder, only `format` allowed.
+  // The chosen file carries the format's extension (withFormatExtension); where that changes the
+  // name to one that exists, the dialog opens again on it, so that nothing is replaced unasked.
   virtual std::optional<QUrl> chooseSaveFile(const QString& suggestedName, ImageFormat format);
   // A folder for a profile or a hot folder, over `parent` (else the active window); may create
   // folders.
@@ -43,6 +45,9 @@ class DesktopFileDialogs : public FileDialogs {
   static void rememberFolder(FolderKind kind, const QString& folder);
   // The import filter: the six formats that can be imported, under a translated label.
   static QString importFilter();
+  // `path` named for `format`: kept where its extension is one of the format's ("jpeg" for JPEG),
+  // another format's extension replaced by the format's, the format's added to any other name.
+  static QString withFormatExtension(const QString& path, ImageFormat format);
 
  private:
   QPointer<QWidget> window_;

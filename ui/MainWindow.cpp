@@ -92,9 +92,11 @@ MainWindow::MainWindow(BatchViewModel& viewModel, QWidget* parent)
   summary_ = new ExportSummaryView(
       [this](const QList<QUrl>& files) { fileDialogs_->showFilesInFileManager(files); }, central);
   layout->addWidget(summary_);
-  // What an export did; a desktop notification as well when the window is not in front.
-  connect(&viewModel_, &BatchViewModel::exportFinished, this,
-          [this](const ExportSummary& summary) { summary_->present(summary, !isActiveWindow()); });
+  // What an export did; a desktop notification as well when the user is elsewhere: none of the
+  // program's windows (this one, the comparison, the settings) is in front.
+  connect(&viewModel_, &BatchViewModel::exportFinished, this, [this](const ExportSummary& summary) {
+    summary_->present(summary, !QApplication::activeWindow());
+  });
 
   stack_ = new QStackedWidget(central);
   drop_ = new DropTargetView(

@@ -126,12 +126,13 @@ int runCompressLaunch(const QStringList& files) {
                              : QFileInfo(QString::fromStdString(localPathBytes(outcome.outputs[0]))).path();
   const QString body =
       outcome.error ? *outcome.error : Strings::format("intents.notification.doneFormat", folder);
+  const QStringList served = DesktopNotification::capabilities(bus);
   QStringList actions;
-  if (!outcome.error && !outcome.outputs.isEmpty() && DesktopNotification::supportsActions(bus))
+  if (!outcome.error && !outcome.outputs.isEmpty() && served.contains(QStringLiteral("actions")))
     actions = {kShowInFolder, Strings::text("intents.notification.showInFolder")};
   // Listening before the notification exists, so that no answer is missed.
   NotificationAnswer answer(bus);
-  const std::optional<uint> id = DesktopNotification::notify(bus, summary, body, actions);
+  const std::optional<uint> id = DesktopNotification::notify(bus, summary, body, actions, served);
   if (!id) {
     std::fprintf(stderr, "quillane: %s: %s\n", summary.toLocal8Bit().constData(),
                  body.toLocal8Bit().constData());

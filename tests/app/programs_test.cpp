@@ -601,6 +601,7 @@ TEST_F(DesktopBus, CompressCommandWorksAloneOrThroughAnInstanceAndReportsTheOutc
   launch.start("bash", {"-c", "set -o pipefail; \"$0\" --compress in/a.png | true", program_});
   ASSERT_TRUE(QTest::qWaitFor([&] { return notifications.calls("Notify").size() == 2; }, 60000));
   EXPECT_EQ(notifications.calls("Notify")[1].value(5).toStringList().value(0), "show-in-folder");
+  EXPECT_EQ(notifications.calls("GetCapabilities").size(), 2) << "once for each outcome";
   QDBusMessage chosen = QDBusMessage::createSignal("/org/freedesktop/Notifications",
                                                    "org.freedesktop.Notifications", "ActionInvoked");
   chosen << uint(2) << QString("show-in-folder");

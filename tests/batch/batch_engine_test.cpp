@@ -27,8 +27,9 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   const QUrl latin1URL = QUrl::fromEncoded("file://" + latin1Name.toPercentEncoding("/"));
 
   auto o = options();
-  o.reader = nullptr;  // the real seams
-  o.encoder = nullptr;
+  auto reads = std::make_shared<std::atomic<int>>(0);
+  o.reader = [reads](const std::string& file) { return ++*reads, ImageDecoder::readSource(file); };
+  o.encoder = nullptr;  // the real seams
   o.inspector = nullptr;
   o.measureResults = true;
   auto& model = makeModel(o);
@@ -78,6 +79,19 @@ TEST_F(BatchEngineTest, RealFilesAreInspectedEncodedAndExported) {
   // Saved alone onto its own source by that name's bytes, it goes beside it.
   ASSERT_TRUE(await(model.exportSingle(model.images()[1], latin1URL)));
   EXPECT_EQ(localFilePath(*model.images()[1]->lastExportDestination()), latin1Beside);
+
+  // Fitted to a smaller size, a result has no distance to its source, which is not read for one; its
+  // thumbnail comes all the same.
+  const int readBefore = *reads;
+  model.setCompressionOptions({.maxWidth = 32});
+  ASSERT_TRUE(QTest::qWaitFor(
+      [&] {
+        return std::ranges::all_of(model.images(),
+                                   [](auto& row) { return row->resultThumbnail().width == 32; });
+      },
+      20000));
+  EXPECT_FALSE(image->butteraugli() || model.images()[1]->butteraugli());
+  EXPECT_EQ(*reads - readBefore, 2) << "the encodes' reads alone";
 
   auto& restarted = restart(o);
   ASSERT_EQ(restarted.images().size(), 2u);

@@ -41,6 +41,17 @@ class RecordingFileDialogs : public DesktopFileDialogs {
   std::vector<QWidget*> parents;
 };
 
+// The desktop's `service` at `path`, stood in for on a connection of its own to the session bus, which goes
+// with it; none without a session bus.
+std::shared_ptr<testing::BusStandIn> desktopService(const QString& service, const QString& path) {
+  const QDBusConnection connection = QDBusConnection::connectToBus(QDBusConnection::SessionBus, service);
+  if (!connection.isConnected()) return nullptr;
+  return {new testing::BusStandIn(connection, service, path), [service](testing::BusStandIn* standIn) {
+            delete standIn;
+            QDBusConnection::disconnectFromBus(service);
+          }};
+}
+
 class MainWindowTest : public WindowFixture {
  protected:
   ui::ControlsBar& bar() { return *window().controlsBar(); }
@@ -245,19 +256,21 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
       settle({source("a.png", 5750), source("b.png", 5750), source("c.png", 5750, {.failEncode = true})}));
   ASSERT_TRUE(QFile::copy(dir_.filePath("a.png"), outFolder() + "/a.jpg"));
 
-  // The desktop's notification service, on a connection of its own.
-  QDBusConnection service = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "notifications");
-  if (!service.isConnected()) GTEST_SKIP() << "no session bus";
-  auto sink = std::make_unique<testing::BusStandIn>(service, "org.freedesktop.Notifications",
-                                                    "/org/freedesktop/Notifications");
+  auto sink = desktopService("org.freedesktop.Notifications", "/org/freedesktop/Notifications");
+  if (!sink) GTEST_SKIP() << "no session bus";
   ASSERT_TRUE(sink->registered());
 
+  // Another of the program's windows in front is the user here: no notification. Then elsewhere.
   QWidget front;
   front.show();
   front.activateWindow();
   ASSERT_TRUE(QTest::qWaitForWindowActive(&front));
-  await(model_->exportAll(url("out")));
+  await(model_->exportAll(QUrl::fromLocalFile(dir_.path())));
   auto* summary = control<ui::ExportSummaryView>(&window());
+  const QString unnotified = summary->accessibleDescription();
+  front.hide();
+  ASSERT_TRUE(QTest::qWaitFor([] { return !QApplication::activeWindow(); }));
+  await(model_->exportAll(url("out")));
   // Two written at quality 75 (750 bytes each) from 5750-byte sources; the failure counted, with
   // its reason where it is the only one.
   const QString text =
@@ -278,13 +291,16 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
         return ours < notes.size();
       },
       5000));
+  EXPECT_FALSE(
+      std::ranges::count(sink->calls("Notify"), QVariant(unnotified), [](auto& n) { return n.value(4); }));
   const QStringList actions = sink->calls("Notify")[ours].value(5).toStringList();
   EXPECT_TRUE(actions.value(0) == "show-in-folder" && actions.contains("default"))
       << actions.join(' ').toStdString();
   const auto invoke = [&](const char* action) {
     QDBusMessage message = QDBusMessage::createSignal("/org/freedesktop/Notifications",
                                                       "org.freedesktop.Notifications", "ActionInvoked");
-    return service.send(message << uint(ours + 1) << QString(action));
+    return QDBusConnection("org.freedesktop.Notifications")
+        .send(message << uint(ours + 1) << QString(action));
   };
   // The click may reach the window before the reply that gave the notification its number (they
   // come on two connections), and is then not yet ours: click until it is.
@@ -294,7 +310,6 @@ TEST_F(MainWindowTest, AnExportEndsWithASummaryAndANotificationWhileTheWindowIsB
   ASSERT_TRUE(invoke("default"));  // a click on the notification itself brings the window forward
   EXPECT_TRUE(QTest::qWaitForWindowActive(&window()));
   sink.reset();
-  QDBusConnection::disconnectFromBus("notifications");
 
   // A notification for screen readers, which speak it as it shows: anew for each export, the focus kept.
   EXPECT_EQ(QAccessible::queryAccessibleInterface(summary)->role(), QAccessible::Notification);
@@ -550,7 +565,7 @@ TEST_F(WindowEdgesTest, TheComparisonStaysOpenAndFollowsWhileCtrlMinusLowersTheQ
   EXPECT_TRUE(QTest::qWaitFor([&] { return window().findChildren<ui::ImageComparisonView*>().isEmpty(); }));
 }
 
-TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindElseHomeAndOfferTheSixFormats) {
+TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindOfferTheSixFormatsAndSaveUnderTheFormatsName) {
   DesktopFileDialogs dialogs;
   DesktopFileDialogs::rememberFolder(Kind::import, dir_.filePath("no-such-folder"));
   DesktopFileDialogs::rememberFolder(Kind::exportFolder, {});
@@ -578,6 +593,31 @@ TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindElseHomeAndOfferTh
   // The next import starts where the last one was; export keeps its own folder.
   EXPECT_EQ(DesktopFileDialogs::startFolder(Kind::import), QDir(dir_.path()).absolutePath());
   EXPECT_EQ(DesktopFileDialogs::startFolder(Kind::exportFolder), QDir::homePath());
+
+  // A JPEG saved as "photo.png" is named "photo.jpg"; that one exists, so the dialog shows it again and
+  // asks before it is replaced.
+  ASSERT_TRUE(QFile::copy(dir_.filePath("picked.png"), dir_.filePath("photo.jpg")));
+  QStringList shown;  // the names each dialog and question came up with
+  QTimer answer;
+  QObject::connect(&answer, &QTimer::timeout, [&] {
+    answer.start();  // anew, for it to answer the question its own answer brings up
+    if (auto* question = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+      shown << question->text();
+      question->button(QMessageBox::Yes)->click();
+    } else if (auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget())) {
+      shown << dialog->findChild<QLineEdit*>("fileNameEdit")->text();
+      if (shown.size() == 1)
+        dialog->findChild<QLineEdit*>("fileNameEdit")->setText(dir_.filePath("photo.png"));
+      QMetaObject::invokeMethod(dialog, "accept");
+    }
+  });
+  answer.start(10);
+  EXPECT_EQ(dialogs.chooseSaveFile("a.jpg", ImageFormat::jpeg), url("photo.jpg"));
+  ASSERT_EQ(shown.size(), 3);
+  EXPECT_TRUE(shown[1] == "photo.jpg" && shown[2].contains("photo.jpg")) << shown.join('|').toStdString();
+  for (const auto& [typed, saved] : {std::pair("/x/a.JPEG", "/x/a.JPEG"), std::pair("/x/a.HEIF", "/x/a.jpg"),
+                                     std::pair("/x/a.v2", "/x/a.v2.jpg"), std::pair("/x/a", "/x/a.jpg")})
+    EXPECT_EQ(DesktopFileDialogs::withFormatExtension(typed, ImageFormat::jpeg), saved);
 }
 
 // Records what the desktop is asked to open, as the handler of file URLs.
@@ -594,10 +634,8 @@ class OpenedURLs : public QObject {
 // Show in Folder asks the file manager and goes on: one slow to start neither holds the window nor gets
 // the folder opened beside its own window.
 TEST_F(WindowEdgesTest, ShowInFolderDoesNotWaitForTheFileManager) {
-  QDBusConnection service = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "fileManager");
-  if (!service.isConnected()) GTEST_SKIP() << "no session bus";
-  auto fileManager = std::make_unique<testing::BusStandIn>(service, "org.freedesktop.FileManager1",
-                                                           "/org/freedesktop/FileManager1");
+  auto fileManager = desktopService("org.freedesktop.FileManager1", "/org/freedesktop/FileManager1");
+  if (!fileManager) GTEST_SKIP() << "no session bus";
   ASSERT_TRUE(fileManager->registered());
   OpenedURLs opened;
   fileManager->hold();
@@ -607,8 +645,6 @@ TEST_F(WindowEdgesTest, ShowInFolderDoesNotWaitForTheFileManager) {
   EXPECT_EQ(fileManager->calls("ShowItems")[0].value(0).toStringList(), QStringList{file.toString()});
   EXPECT_EQ(opened.urls, QList<QUrl>());
   fileManager->release();
-  fileManager.reset();
-  QDBusConnection::disconnectFromBus("fileManager");
 }
 
 // The offscreen screen (800 x 800) is narrower than the window's usual size, and at a scale
