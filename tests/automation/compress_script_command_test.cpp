@@ -11,7 +11,6 @@
 #include "automation/CompressImagesIntent.h"
 #include "automation/CompressScriptCommand.h"
 #include "automation/QuillaneBusService.h"
-#include "records/ExportProfile.h"
 #include "records/JSONFileStore.h"
 #include "tests/support/ProgramUnderTest.h"
 
@@ -239,16 +238,6 @@ TEST_F(CompressCommand, DesktopActionRefusalsAreNamedBusErrorsAndKeepWhatWasWrit
       {"format", "jpeg"}, {"quality", 100}, {"outputFolder", out("kept")}, {"skipLarger", true}};
   EXPECT_EQ(perform({b}, grows), "");
   EXPECT_TRUE(QDir(out("kept")).isEmpty());
-}
-
-TEST_F(CompressCommand, ProfilesFillWhatIsNotGivenExplicitly) {
-  ExportProfile web{QUuid::createUuid(), "Web", ImageFormat::webp, 40, out("web"), false, {}};
-  ExportProfile fallback{QUuid::createUuid(), "Default", ImageFormat::png, 80, out("default"), true, {}};
-  ExportProfiles::save({web, fallback});
-  QString file = source("p.png");
-
-  EXPECT_EQ(destinations(run(QStringList{file}, {})), QStringList{"default/p.png"});
-  EXPECT_EQ(destinations(run(QStringList{file}, {{"profile", "wEB"}})), QStringList{"web/p.webp"});
 }
 
 }  // namespace
