@@ -1,5 +1,6 @@
 #include "ui/ExportHistoryView.h"
 
+#include <QApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QGraphicsOpacityEffect>
@@ -10,6 +11,8 @@
 #include <QPushButton>
 #include <QScreen>
 #include <QScrollArea>
+#include <QScrollBar>
+#include <QSpacerItem>
 #include <QToolButton>
 #include <QVBoxLayout>
 
@@ -23,6 +26,10 @@
 #include "ui/UiText.h"
 
 namespace quillane::ui {
+namespace {
+// Rows made at a time: a few popups' worth.
+constexpr int kRowBatch = 30;
+}  // namespace
 
 ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWidget* parent)
     : QFrame(parent, popup ? Qt::Popup : Qt::Widget), viewModel_(viewModel) {
@@ -65,6 +72,12 @@ ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWid
   scroll_->setWidget(rowsHost_);
   layout->addWidget(scroll_, 1);
 
+  connect(scroll_->verticalScrollBar(), &QScrollBar::valueChanged, this, &ExportHistoryView::fillView);
+  // The keys reaching one of the last rows made bring the next ones, for Tab to go on to them.
+  connect(qApp, &QApplication::focusChanged, this, [this](QWidget*, QWidget* now) {
+    const int row = rest_ && now && rowsHost_->isAncestorOf(now) ? rows_->indexOf(now->parentWidget()) : -1;
+    if (row >= 0 && row >= made_ - 2) addRows(made_ + kRowBatch);
+  });
   connect(&viewModel_, &BatchViewModel::exportHistoryChanged, this, &ExportHistoryView::rebuild);
   rebuild();
 }
@@ -74,17 +87,49 @@ void ExportHistoryView::rebuild() {
   clear_->setVisible(!history.empty());
   empty_->setVisible(history.empty());
   scroll_->setVisible(!history.empty());
-  const QSet<QUuid> superseded = ExportHistory::supersededIDs(history);
-  // A row's button that has the keys (its export just taken back) hands them to the same button of
-  // the row in its place.
+  superseded_ = ExportHistory::supersededIDs(history);
+  // As many rows as there were (the keys may be on the last of them), a batch at least. A row's
+  // button that has the keys (its export just taken back) hands them to the same button of the row
+  // in its place.
+  // The layout is remade whole: no row is added to it meanwhile, as the keys or the scroll bar move.
+  const int count = std::max(made_, kRowBatch);
+  rest_ = nullptr;
   rebuildRows(
       rows_,
-      [this, &history, &superseded] {
-        for (const ExportRecord& record : history)
-          rows_->addWidget(makeRow(record, superseded.contains(record.id)));
+      [this, count] {
+        made_ = 0;
+        addRows(count);
       },
       nullptr);
+  rest_ = new QSpacerItem(0, 0, QSizePolicy::Minimum, QSizePolicy::Fixed);
+  rows_->addItem(rest_);
   rows_->addStretch(1);
+  addRows(made_);
+}
+
+void ExportHistoryView::addRows(int count) {
+  const auto& history = viewModel_.exportHistory();
+  count = std::min(count, int(history.size()));
+  for (; made_ < count; ++made_) {
+    const ExportRecord& record = history[size_t(made_)];
+    QWidget* row = makeRow(record, superseded_.contains(record.id));
+    if (rowStep_ == 0) {
+      row->ensurePolished();
+      rowStep_ = row->sizeHint().height() + rows_->spacing();
+    }
+    rows_->insertWidget(made_, row);
+    row->show();  // now, not when the layout would: Tab goes on to it, and it has its height
+  }
+  if (rest_) {
+    rest_->changeSize(0, (int(history.size()) - made_) * rowStep_, QSizePolicy::Minimum, QSizePolicy::Fixed);
+    rows_->invalidate();
+  }
+}
+
+void ExportHistoryView::fillView() {
+  if (!rest_ || rowStep_ == 0) return;
+  const int shown = (scroll_->verticalScrollBar()->value() + scroll_->viewport()->height()) / rowStep_ + 1;
+  if (shown > made_) addRows(shown + kRowBatch);
 }
 
 QWidget* ExportHistoryView::makeRow(const ExportRecord& record, bool superseded) {

@@ -620,6 +620,38 @@ TEST_F(WindowEdgesTest, DialogsStartInTheLastFolderOfTheirKindOfferTheSixFormats
     EXPECT_EQ(DesktopFileDialogs::withFormatExtension(typed, ImageFormat::jpeg), saved);
 }
 
+// A long history makes its rows as they come into view or within reach of Tab; its scroll bar tells the
+// whole length from the start.
+TEST_F(WindowEdgesTest, ALongHistoryMakesItsRowsAsTheyAreReached) {
+  ExportRecordList history;
+  for (int i = 0; i < 200; ++i)
+    history.push_back({QUuid::createUuid(), QString("%1.png").arg(i), url(QString("out/%1.jpg").arg(i)),
+                       ImageFormat::jpeg, 1000, ExportHistory::now() - i, std::nullopt});
+  ExportHistory::save(history);
+  makeModel();
+  const auto made = [](QWidget* view) { return view->findChildren<QWidget*>("undoButton"); };
+  ui::ExportHistoryView tabbed(*model_, false);
+  tabbed.show();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(&tabbed));
+  const QList<QWidget*> first = made(&tabbed);
+  ASSERT_LT(first.size(), 200);
+  first.back()->setFocus();
+  QTest::keyClick(first.back(), Qt::Key_Tab);
+  EXPECT_EQ(QApplication::focusWidget()->accessibleDescription(), QString("%1.png").arg(first.size()));
+
+  ui::ExportHistoryView scrolled(*model_, false);
+  scrolled.show();
+  QScrollBar* bar = scrolled.findChild<QScrollArea*>()->verticalScrollBar();
+  const int length = bar->maximum();
+  bar->setValue(length);
+  EXPECT_EQ(made(&scrolled).size(), 200);
+  QCoreApplication::processEvents();
+  EXPECT_EQ(bar->maximum(), length);
+  const QWidget* last = made(&scrolled).back();
+  EXPECT_TRUE(last->visibleRegion().boundingRect().height() > 0 &&
+              last->accessibleDescription() == "199.png");
+}
+
 // Records what the desktop is asked to open, as the handler of file URLs.
 class OpenedURLs : public QObject {
   Q_OBJECT
