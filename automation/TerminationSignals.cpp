@@ -27,7 +27,7 @@ void endOnceWritesAreWhole() {
     for (const int ending : {SIGINT, SIGTERM, SIGHUP})
       if (::sigismember(&endings, ending) == 1) std::signal(ending, SIG_DFL);
     ::pthread_sigmask(SIG_UNBLOCK, &endings, nullptr);
-    FileIO::stopWritesForExit();
+    FileIO::stopWritesForExit(std::chrono::steady_clock::now() + endingBound);
     // Ended by the signal, as a shell expects of an interrupted command.
     ::raise(received);
     ::_exit(128 + received);

@@ -222,10 +222,13 @@ class WriteUnderWay {
 
 }  // namespace
 
-void stopWritesForExit() {
+bool stopWritesForExit(std::chrono::steady_clock::time_point deadline) {
   MutexLock lock(writesMutex);
   writesStopped = true;
-  while (writesUnderWay > 0) writesChanged.wait(writesMutex);
+  while (writesUnderWay > 0)
+    if (writesChanged.wait_until(writesMutex, deadline) == std::cv_status::timeout)
+      return writesUnderWay == 0;
+  return true;
 }
 
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, unsigned permissions,

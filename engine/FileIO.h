@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -75,11 +76,14 @@ using ReplaceCheck = std::function<bool(const struct stat& existing)>;
 void writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes, unsigned permissions = 0666,
                          const ReplaceCheck& mayReplace = {});
 
-// For a process about to end (a signal, a quit): waits for the writes under way to finish,
-// each leaving its whole file under its name or nothing, and holds every later one back for
-// good, so that ending then leaves no temporary in a user's folder. Any thread but one that
-// is writing.
-void stopWritesForExit();
+// For a process about to end (a signal, a quit): waits, until `deadline` at most, for the writes
+// under way to finish, each leaving its whole file under its name or nothing, and holds every
+// later one back for good, so that ending then leaves no temporary in a user's folder. A write
+// still under way at the deadline is stuck on a volume that stopped answering (a network server
+// gone, a stick pulled): ending then leaves at most its temporary, which the next write into that
+// folder removes once no process holds it. False when writes are still under way. Any thread
+// but one that is writing.
+bool stopWritesForExit(std::chrono::steady_clock::time_point deadline);
 
 // Opens /dev/null on each of the standard descriptors 0, 1 and 2 that the program was started
 // without (`prog 2>&-`), so that no descriptor opened later (a bus connection, a file being

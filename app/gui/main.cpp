@@ -26,6 +26,7 @@
 #include <QStringList>
 #include <QTimer>
 #include <QUrl>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -275,7 +276,7 @@ int main(int argc, char** argv) {
   // still being written (a bus call's, which runs on to its next file) is let become whole.
   session.stopForQuit();
   quillane::SettingsFile::removeRunFile();
-  quillane::FileIO::stopWritesForExit();
+  quillane::FileIO::stopWritesForExit(std::chrono::steady_clock::time_point::max());
   std::fflush(nullptr);
   ::_exit(status);
 }

@@ -1,14 +1,9 @@
 #pragma once
 // Blocking clients run off the GUI thread while its loop turns (the router needs it), a log of listener
 // states, a settings sandbox, a real BatchViewModel behind a real server with a fast fake encoder, and a
-// volume that stops answering.
+// volume that stops answering (StalledVolume.h).
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fuse.h>
-#include <poll.h>
-#include <sys/mount.h>
-#include <unistd.h>
 
 #include <QDir>
 #include <QFile>
@@ -22,7 +17,6 @@
 #include <future>
 #include <mutex>
 #include <semaphore>
-#include <thread>
 
 #include "api/LocalAPIRouter.h"
 #include "api/LocalAPIServer.h"
@@ -31,6 +25,7 @@
 #include "engine/codecs/Writers.h"
 #include "records/JSONFileStore.h"
 #include "tests/support/RawHTTPClient.h"
+#include "tests/support/StalledVolume.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane::testing {
@@ -72,72 +67,6 @@ class StateLog {
  private:
   std::mutex mutex_;
   std::vector<LocalAPIListenerState> states_;
-};
-
-// A FUSE volume on `mountPoint` that answers nothing once mounted, as a network volume whose server went
-// away: a look-up there waits until release() (or ten seconds, so that a test of a thread it froze
-// ends), then fails. Needs the right to mount (root in a container, say): mounted() is false elsewhere.
-class StalledVolume {
- public:
-  explicit StalledVolume(const QString& mountPoint) : mountPoint_(QFile::encodeName(mountPoint)) {
-    fd_ = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
-    const std::string options = "fd=" + std::to_string(fd_) + ",rootmode=40000,user_id=0,group_id=0";
-    mounted_ = fd_ >= 0 && ::mount("quillane-test", mountPoint_.constData(), "fuse", MS_NOSUID | MS_NODEV,
-                                   options.c_str()) == 0;
-    // The kernel's first request is answered before any look-up: one made before the answer takes
-    // the folder's lock (parallel look-ups not agreed yet) and holds up the look-ups behind it.
-    if (mounted_) answerInit();
-    if (mounted_) thread_ = std::thread([this] { serve(); });
-  }
-  ~StalledVolume() {
-    release();
-    if (thread_.joinable()) thread_.join();
-    if (mounted_) ::umount2(mountPoint_.constData(), MNT_DETACH);
-    if (fd_ >= 0) ::close(fd_);
-  }
-  bool mounted() const { return mounted_; }
-  // The look-ups waiting for an answer.
-  int holding() const { return released_ ? 0 : held_.load(); }
-  void release() { released_ = true; }
-
- private:
-  void answerInit() {
-    std::vector<char> buffer(FUSE_MIN_READ_BUFFER);
-    const auto* in = reinterpret_cast<const fuse_in_header*>(buffer.data());
-    if (::read(fd_, buffer.data(), buffer.size()) < ssize_t(sizeof *in) || in->opcode != FUSE_INIT) return;
-    struct {
-      fuse_out_header head;
-      fuse_init_out init;
-    } out{{sizeof out, 0, in->unique}, {}};
-    out.init.major = FUSE_KERNEL_VERSION;
-    out.init.minor =
-        std::min<uint32_t>(reinterpret_cast<const fuse_init_in*>(in + 1)->minor, FUSE_KERNEL_MINOR_VERSION);
-    out.init.max_write = 4096;
-    out.init.flags = FUSE_PARALLEL_DIROPS;  // look-ups in one folder wait side by side
-    (void)!::write(fd_, &out, sizeof out);
-  }
-
-  void serve() {
-    std::vector<char> buffer(FUSE_MIN_READ_BUFFER + (1 << 20));
-    auto deadline = std::chrono::steady_clock::time_point::max();
-    for (pollfd ready{fd_, POLLIN, 0}; !released_;) {
-      if (std::chrono::steady_clock::now() > deadline) released_ = true;
-      if (::poll(&ready, 1, 20) <= 0 ||
-          ::read(fd_, buffer.data(), buffer.size()) < ssize_t(sizeof(fuse_in_header)))
-        continue;
-      const auto* in = reinterpret_cast<const fuse_in_header*>(buffer.data());
-      if (in->opcode == FUSE_LOOKUP && held_++ == 0)
-        deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    }
-    ::close(std::exchange(fd_, -1));  // what waits fails, as on a volume that is gone
-  }
-
-  QByteArray mountPoint_;
-  int fd_ = -1;
-  bool mounted_ = false;
-  std::atomic<int> held_{0};
-  std::atomic<bool> released_{false};
-  std::thread thread_;
 };
 
 // Private settings and state folders in a temporary folder.

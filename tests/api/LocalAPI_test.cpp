@@ -328,7 +328,7 @@ TEST_F(RouterTest, ImportReportsEachFailureInOrderListsNewIdsAndImagesDescribeTh
 // requests that name them, never the window; once it answers, the answers are those for no file.
 TEST_F(RouterTest, AVolumeThatNoLongerAnswersHoldsUpOnlyTheRequestsThatNameIt) {
   const std::string volumePath = folder("volume");
-  testing::StalledVolume volume(QString::fromStdString(volumePath));
+  testing::StalledVolume volume(volumePath);
   if (!volume.mounted()) GTEST_SKIP() << "no right to mount here";
   const std::string file = volumePath + "/a.jpg", out = volumePath + "/out", kept = volumePath + "/kept";
   const auto send = [&](const std::string& target, const std::string& body) {

@@ -1,19 +1,26 @@
 // The one atomic writer, against whatever is already at or beside its destination.
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "engine/Errors.h"
 #include "engine/FileIO.h"
+#include "tests/support/StalledVolume.h"
 #include "tests/support/TestImages.h"
 
 namespace quillane {
@@ -123,6 +130,45 @@ TEST_F(AtomicWriter, TemporariesNobodyHoldsAreRemovedAndThoseOfARunningWriterKep
   EXPECT_TRUE(fs::exists(justMade)) << "it may not be locked yet";
   EXPECT_TRUE(fs::exists(foreign)) << "only the writer's own form";
   ::close(holder);
+}
+
+// A process that is ending waits for a write stuck on a volume that stopped answering only until its
+// deadline: it would never end otherwise.
+TEST_F(AtomicWriter, AnEndingProcessWaitsForAStuckWriteOnlyUntilItsDeadline) {
+  ASSERT_TRUE(fs::create_directory(dir_ + "/volume"));
+  testing::StalledVolume volume(dir_ + "/volume", testing::StalledVolume::Server::gone);
+  if (!volume.mounted()) GTEST_SKIP() << "no right to mount here";
+  int go[2];
+  ASSERT_EQ(::pipe(go), 0);
+  // In a process of its own, as stopping the writes is for good.
+  const pid_t child = ::fork();
+  if (child == 0) {
+    std::thread([this] {
+      try {
+        write("volume/a.png", "a");
+      } catch (const FileError&) {
+      }
+    }).detach();
+    char byte;
+    (void)!::read(go[0], &byte, 1);
+    ::_exit(FileIO::stopWritesForExit(std::chrono::steady_clock::now() + std::chrono::milliseconds(200)) ? 1
+                                                                                                         : 2);
+  }
+  // Under way once it waits for the volume.
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (volume.holding() == 0 && std::chrono::steady_clock::now() < limit)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_GT(volume.holding(), 0);
+  const int ended = int(::syscall(SYS_pidfd_open, child, 0));
+  (void)!::write(go[1], "g", 1);
+  pollfd exited{ended, POLLIN, 0};
+  const bool endedInTime = ::poll(&exited, 1, 5000) == 1;
+  EXPECT_TRUE(endedInTime) << "waited for the volume";
+  if (!endedInTime) ::kill(child, SIGKILL);  // it holds the volume's device too, so it never fails
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << status;
+  for (const int fd : {go[0], go[1], ended}) ::close(fd);
 }
 
 }  // namespace
