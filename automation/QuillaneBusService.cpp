@@ -119,10 +119,7 @@ QuillaneBusService::QuillaneBusService(Handlers handlers, QObject* parent)
 }
 
 QuillaneBusService::~QuillaneBusService() {
-  if (published_) {
-    connection_.interface()->unregisterService(serviceName);
-    connection_.unregisterObject(objectPath);
-  }
+  withdraw();
   pool_.clear();
   pool_.waitForDone();
 }
@@ -141,6 +138,12 @@ bool QuillaneBusService::publish(QDBusConnection connection) {
   connection_ = connection;
   published_ = true;
   return true;
+}
+
+void QuillaneBusService::withdraw() {
+  if (!std::exchange(published_, false)) return;
+  connection_.interface()->unregisterService(serviceName);
+  connection_.unregisterObject(objectPath);
 }
 
 QString QuillaneBusService::introspect(const QString& path) const {

@@ -56,6 +56,9 @@ class QuillaneBusService : public QDBusVirtualObject {
   // when the bus is not connected or another process owns the name; the object is then
   // withdrawn again.
   bool publish(QDBusConnection connection);
+  // Gives the name and the object up, for a process that is ending: a launch from then on starts
+  // an instance of its own. The calls under way are still answered.
+  void withdraw();
 
   // Compress calls received and not yet answered. Any thread.
   int pendingCompressCalls() const { return pending_.load(); }

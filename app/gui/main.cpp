@@ -33,6 +33,7 @@
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <thread>
 
 #include "QuillaneVersion.h"
 #include "app/gui/CompressLaunch.h"
@@ -129,6 +130,16 @@ void quitOnTerminationSignals(QObject* owner) {
   action.sa_flags = SA_RESTART;
   ::sigaction(SIGTERM, &action, nullptr);
   ::sigaction(SIGINT, &action, nullptr);
+}
+
+// Ends the process with `status` at `deadline`, whatever its other threads are doing then: a thread
+// stuck on a volume that stopped answering ends with it (on a FUSE volume whose server took its request
+// and never answers, only once the server answers or goes, with the bus name given up already).
+void endBy(std::chrono::steady_clock::time_point deadline, int status) {
+  std::thread([deadline, status] {
+    std::this_thread::sleep_until(deadline);
+    ::_exit(status);
+  }).detach();
 }
 
 // The launches that open no window: URLs that are not local files are told, --compress runs
@@ -269,14 +280,20 @@ int main(int argc, char** argv) {
   }
   quitOnTerminationSignals(application.get());
   const int status = application->exec();
-  // Running encodes are abandoned at quit. They cannot be interrupted inside the codec
-  // libraries and write nothing, and the batch, history and settings are on disk (each is
-  // written when it changes; an export under way is finished and recorded first): what serves
-  // or writes files is stopped, and the process ends without waiting for the encodes. A file
-  // still being written (a bus call's, which runs on to its next file) is let become whole.
+  // Quitting, in this order. The bus name goes first: a launch from here on starts an instance of
+  // its own and is never handed to this one, which is ending. Running encodes are abandoned: they
+  // cannot be interrupted inside the codec libraries and write nothing, and the batch, history and
+  // settings are on disk (each is written when it changes; an export under way is finished and
+  // recorded first). What serves or writes files is stopped, and a file still being written (a bus
+  // call's, which runs on to its next file) is let become whole, all within endingBound: work stuck
+  // on a volume that stopped answering would never end, and the process ends without it, leaving at
+  // most the temporary of a write cut off there (records are made only of files written whole).
+  bus.withdraw();
+  const auto deadline = std::chrono::steady_clock::now() + quillane::TerminationSignals::endingBound;
+  endBy(deadline, status);
   session.stopForQuit();
   quillane::SettingsFile::removeRunFile();
-  quillane::FileIO::stopWritesForExit(std::chrono::steady_clock::time_point::max());
+  quillane::FileIO::stopWritesForExit(deadline);
   std::fflush(nullptr);
   ::_exit(status);
 }

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <xcb/xcb.h>
 
@@ -23,6 +24,7 @@
 #include "tests/support/BusStandIn.h"
 #include "tests/support/ProgramUnderTest.h"
 #include "tests/support/RawHTTPClient.h"
+#include "tests/support/StalledVolume.h"
 
 namespace quillane {
 namespace {
@@ -450,8 +452,12 @@ TEST_F(DesktopBus, ACallStartsTheProgramIsAnsweredWithTheFilesOrANamedErrorAndAL
     QDBusInterface(kService, kPath, "com.quillane.Quillane", *bus_)
         .asyncCall("Compress", QStringList{path("in/noise.png")}, "png", 100, "", path("out"));
   }));
-  ::kill(pid_t(bus_->interface()->servicePid(kService).value()), SIGTERM);
-  EXPECT_TRUE(QTest::qWaitFor([&] { return !owned(); }, 10000));
+  const auto pid = pid_t(bus_->interface()->servicePid(kService).value());
+  const int process = int(::syscall(SYS_pidfd_open, pid, 0));
+  ::kill(pid, SIGTERM);
+  pollfd ended{process, POLLIN, 0};
+  EXPECT_EQ(::poll(&ended, 1, 10000), 1);
+  ::close(process);
   EXPECT_EQ(entries("out"), QStringList{"noise.png"});
 }
 
@@ -484,6 +490,15 @@ TEST_F(DesktopBus, ASecondLaunchAndTheAPIFeedOneBatchThatARestartFindsAgainAndQu
   };
   ASSERT_TRUE(QTest::qWaitFor(saved, 10000));
   stopInstances();
+  // A hot folder on a volume that is not mounted yet.
+  ASSERT_TRUE(QDir(dir_.path()).mkdir("volume"));
+  testing::writeFile(
+      path("data/Quillane/hotFolders.json"),
+      QString(R"([{"id": "0F6F2D3E-7C4B-4C55-9D6E-2F3A4B5C6D7E", "name": "Far", "format": "webp",
+      "sourceFolder": "%1", "destinationFolder": "%2", "quality": 70, "isEnabled": true}])")
+          .arg(QUrl::fromLocalFile(path("volume/in")).toString(),
+               QUrl::fromLocalFile(path("volume/out")).toString())
+          .toUtf8());
   startInstance({}, environmentWithAPI());
   EXPECT_EQ(readyNames(3), batch);
   const QJsonDocument status = json(api("GET", "/v1/status"));
@@ -491,7 +506,8 @@ TEST_F(DesktopBus, ASecondLaunchAndTheAPIFeedOneBatchThatARestartFindsAgainAndQu
               status["appVersion"] != "unknown");
 
   // Quitting abandons running encodes: a large HEIC encode of noise (over ten seconds here, where
-  // an AVIF one of the photo pattern ends within one) does not keep the process alive.
+  // an AVIF one of the photo pattern ends within one) does not keep the process alive. Nor does a check
+  // of a hot folder on a volume that stopped answering, and the name is free for a next launch at once.
   const QString large = path("large.jpg");
   testing::writeBytes(large.toStdString(),
                       fixtures::jpeg(testing::makeImage(6000, 4000, testing::Pattern::noisyPhoto, 7)));
@@ -500,9 +516,21 @@ TEST_F(DesktopBus, ASecondLaunchAndTheAPIFeedOneBatchThatARestartFindsAgainAndQu
   ASSERT_TRUE(QTest::qWaitFor(
       [&] { return json(api("GET", "/v1/images")).array().at(3)["state"] == "encoding"; }, 60000))
       << "the encode never started";
+  // Its volume comes, and its server is gone: the check of the hot folder that the mount starts waits.
+  testing::StalledVolume volume(path("volume").toStdString(), testing::StalledVolume::Server::gone);
+  if (volume.mounted()) {
+    ASSERT_TRUE(QTest::qWaitFor([&] { return volume.holding() > 0; }, 10000));
+  }
   processes_.front()->terminate();  // SIGTERM quits as the Quit command does
-  ASSERT_TRUE(processes_.front()->waitForFinished(5000)) << "still waiting for the encode";
+  if (volume.mounted()) {
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !owned(); }, 2000) &&
+                processes_.front()->state() == QProcess::Running)
+        << "the name was held until the end";
+  }
+  ASSERT_TRUE(QTest::qWaitFor([&] { return processes_.front()->state() == QProcess::NotRunning; }, 9000))
+      << "still waiting for the encode or the volume";
   EXPECT_EQ(processes_.front()->exitStatus(), QProcess::NormalExit);
+  EXPECT_TRUE(!volume.mounted() || volume.holding() > 0) << "ended only once the volume answered";
 }
 
 // A fresh install has no profile: alone, the action writes beside each source, never over a
