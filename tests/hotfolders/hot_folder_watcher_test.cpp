@@ -206,6 +206,19 @@ TEST_F(HotFolderWatcherTest, DestinationThatCannotBeMadeFailsEachFileAndEachScan
   EXPECT_EQ(QDir(source_).entryList(QDir::Files), (QStringList{"a.jpg", "b.jpg"}));  // sources untouched
 }
 
+// A data folder that can't be written (a full or read-only disk; here a plain file in its place)
+// loses nothing of this run: a file compressed once is not compressed again into a second output.
+TEST_F(HotFolderWatcherTest, MemoryThatCannotBeSavedStillHoldsForTheRun) {
+  ASSERT_TRUE(QDir().mkpath(temp_.path() + QStringLiteral("/support")));
+  ASSERT_TRUE(QFile(folder_).open(QIODevice::WriteOnly));
+  putImage(QStringLiteral("a.jpg"));
+  auto watcher = scanned(folder());
+  putImage(QStringLiteral("b.jpg"), 2);
+  watcher->scanOnce();
+  EXPECT_EQ(reports_.lines().size(), 2u);
+  EXPECT_EQ(outputs(), (QStringList{"a.jpg", "b.jpg"}));
+}
+
 // A missing profile is said once for the folder, and nothing is compressed until it is back; a
 // result not smaller than its source writes nothing, its line says the original was kept, and
 // the file is not taken again at the next scan.
