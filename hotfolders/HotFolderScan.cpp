@@ -402,6 +402,7 @@ void HotFolderWatcher::record(const Candidate& candidate, const ImageCompression
   bool repeated = false;
   if (result.error) {
     line.error = QString::fromStdString(*result.error);
+    unwritten_ = unwritten_ || result.unwritten;
     const ReportedFailure failure{candidate.size, candidate.modificationDate, *line.error};
     const auto previous = reportedFailures_.find(candidate.fileName);
     repeated = previous != reportedFailures_.end() && previous->second == failure;

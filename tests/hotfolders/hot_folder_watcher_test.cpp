@@ -1,6 +1,7 @@
 // HotFolderWatcher with real inotify and real compressions: when scans run (debounce, start, stop,
 // polling), which files they take (stability, memory), and what they write and report.
 
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <QFileInfo>
@@ -204,6 +205,31 @@ TEST_F(HotFolderWatcherTest, DestinationThatCannotBeMadeFailsEachFileAndEachScan
         << line.sourceFileName.toStdString();
   EXPECT_TRUE(memory(hotFolder).isEmpty());
   EXPECT_EQ(QDir(source_).entryList(QDir::Files), (QStringList{"a.jpg", "b.jpg"}));  // sources untouched
+}
+
+// A destination on a full volume (a tmpfs of 16 KiB, filled) fails the file with the folder and
+// the system's reason, leaves no temporary there, and the file is taken once there is room again,
+// with no new file to start a scan. Needs the right to mount: skipped elsewhere.
+TEST_F(HotFolderWatcherTest, FullDestinationIsTriedAgainUntilThereIsRoom) {
+  ASSERT_TRUE(QDir().mkpath(destination_));
+  const QByteArray mountPoint = QFile::encodeName(destination_);
+  if (::mount("tmpfs", mountPoint.constData(), "tmpfs", MS_NOSUID | MS_NODEV, "size=16k") != 0)
+    GTEST_SKIP() << "no right to mount here";
+  const std::unique_ptr<const QByteArray, void (*)(const QByteArray*)> unmount(
+      &mountPoint, [](const QByteArray* path) { ::umount2(path->constData(), MNT_DETACH); });
+  const std::string pad = pathOf("pad", destination_);
+  writeBytes(pad, std::vector<uint8_t>(16 << 10, 0));
+  putImage(QStringLiteral("a.jpg"));
+  watch(folder(), {.rewriteInterval = 100ms})->start();
+  ASSERT_TRUE(reports_.waitForLines(1));
+  const std::optional<QString> error = reports_.lines()[0].error;
+  EXPECT_EQ(error.value_or(""), destination_ + ": No space left on device");
+  EXPECT_EQ(outputs(), QStringList{"pad"});
+
+  ASSERT_EQ(::unlink(pad.c_str()), 0);
+  ASSERT_TRUE(reports_.waitForLines(2)) << "said once however often it was tried";
+  EXPECT_FALSE(reports_.lines()[1].error);
+  EXPECT_EQ(outputs(), QStringList{"a.jpg"});
 }
 
 // A data folder that can't be written (a full or read-only disk; here a plain file in its place)
