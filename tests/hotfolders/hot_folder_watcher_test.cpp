@@ -207,26 +207,28 @@ TEST_F(HotFolderWatcherTest, DestinationThatCannotBeMadeFailsEachFileAndEachScan
   EXPECT_EQ(QDir(source_).entryList(QDir::Files), (QStringList{"a.jpg", "b.jpg"}));  // sources untouched
 }
 
-// A destination on a full volume (a tmpfs of 16 KiB, filled) fails the file with the folder and
-// the system's reason, leaves no temporary there, and the file is taken once there is room again,
-// with no new file to start a scan. Needs the right to mount: skipped elsewhere.
+// A destination on a full volume (a tmpfs of three inodes, all taken) fails the file with the
+// folder and the system's reason, not with the folder it could not make, leaves nothing there, and
+// the file is taken once there is room again, with no new file to start a scan. Needs the right
+// to mount: skipped elsewhere.
 TEST_F(HotFolderWatcherTest, FullDestinationIsTriedAgainUntilThereIsRoom) {
-  ASSERT_TRUE(QDir().mkpath(destination_));
-  const QByteArray mountPoint = QFile::encodeName(destination_);
-  if (::mount("tmpfs", mountPoint.constData(), "tmpfs", MS_NOSUID | MS_NODEV, "size=16k") != 0)
+  const QString volume = temp_.path() + QStringLiteral("/volume");
+  ASSERT_TRUE(QDir().mkpath(volume));
+  const QByteArray mountPoint = QFile::encodeName(volume);
+  if (::mount("tmpfs", mountPoint.constData(), "tmpfs", MS_NOSUID | MS_NODEV, "nr_inodes=3") != 0)
     GTEST_SKIP() << "no right to mount here";
   const std::unique_ptr<const QByteArray, void (*)(const QByteArray*)> unmount(
       &mountPoint, [](const QByteArray* path) { ::umount2(path->constData(), MNT_DETACH); });
-  const std::string pad = pathOf("pad", destination_);
-  writeBytes(pad, std::vector<uint8_t>(16 << 10, 0));
+  for (const char* pad : {"pad1", "pad2"}) writeBytes(pathOf(pad, volume), {'x'});
+  destination_ = volume + QStringLiteral("/out");
   putImage(QStringLiteral("a.jpg"));
   watch(folder(), {.rewriteInterval = 100ms})->start();
   ASSERT_TRUE(reports_.waitForLines(1));
-  const std::optional<QString> error = reports_.lines()[0].error;
-  EXPECT_EQ(error.value_or(""), destination_ + ": No space left on device");
-  EXPECT_EQ(outputs(), QStringList{"pad"});
+  EXPECT_EQ(reports_.lines()[0].error.value_or(""), destination_ + ": No space left on device");
+  EXPECT_EQ(QDir(volume).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+            (QStringList{"pad1", "pad2"}));
 
-  ASSERT_EQ(::unlink(pad.c_str()), 0);
+  for (const char* pad : {"pad1", "pad2"}) ASSERT_EQ(::unlink(pathOf(pad, volume).c_str()), 0);
   ASSERT_TRUE(reports_.waitForLines(2)) << "said once however often it was tried";
   EXPECT_FALSE(reports_.lines()[1].error);
   EXPECT_EQ(outputs(), QStringList{"a.jpg"});
