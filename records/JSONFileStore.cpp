@@ -7,6 +7,8 @@
 #include <QStandardPaths>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "engine/Errors.h"
 #include "engine/FileIO.h"
@@ -60,9 +62,10 @@ void setFolderForTesting(const QString& folder) {
 
 QString path(const QString& filename) { return folder() + QLatin1Char('/') + filename; }
 
-void save(const JsonValue& value, const QString& filename) {
-  const std::string text = value.write();
-  const QString dir = folder(), file = dir + QLatin1Char('/') + filename;
+namespace {
+
+// Writes `text` to `file` in `dir`, and keeps it for load() if it can't be.
+void saveText(const QString& dir, const QString& file, const std::string& text) {
   uint64_t number = 0;
   {
     MutexLock lock(savesMutex);
@@ -89,6 +92,25 @@ void save(const JsonValue& value, const QString& filename) {
   } else {
     saved.unwritten = text;
   }
+}
+
+}  // namespace
+
+void save(const JsonValue& value, const QString& filename) {
+  const QString dir = folder();
+  saveText(dir, dir + QLatin1Char('/') + filename, value.write());
+}
+
+void saveUnwritten() {
+  const QString dir = folder();
+  std::vector<std::pair<QString, std::string>> held;
+  {
+    MutexLock lock(savesMutex);
+    for (const auto& [file, saved] : saves)
+      if (saved.unwritten && file.startsWith(dir + QLatin1Char('/')))
+        held.emplace_back(file, *saved.unwritten);
+  }
+  for (const auto& [file, text] : held) saveText(dir, file, text);
 }
 
 std::optional<QJsonDocument> load(const QString& filename) {

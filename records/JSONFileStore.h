@@ -34,6 +34,11 @@ QString path(const QString& filename);
 // the new one, never part of one.
 void save(const JsonValue& value, const QString& filename);
 
+// Writes again each file of folder() whose last save failed, as a process ends: a disk that
+// was full may have room by then, and the next start reads what this run last saved. Those
+// that fail again stay as they are.
+void saveUnwritten();
+
 // The parsed document of folder()/filename (or of its last save, if that failed); nothing
 // when the file is missing, unreadable, no regular file (a pipe, folder, device or socket, or
 // a link to one: never waited on), larger than 512 MiB or not valid JSON.

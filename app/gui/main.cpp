@@ -43,6 +43,7 @@
 #include "automation/QuillaneBusService.h"
 #include "automation/TerminationSignals.h"
 #include "engine/FileIO.h"
+#include "records/JSONFileStore.h"
 #include "services/BaseDirectories.h"
 #include "services/LanguageManager.h"
 #include "services/SettingsFile.h"
@@ -272,8 +273,10 @@ int main(int argc, char** argv) {
   // libraries and write nothing, and the batch, history and settings are on disk (each is
   // written when it changes; an export under way is finished and recorded first): what serves
   // or writes files is stopped, and the process ends without waiting for the encodes. A file
-  // still being written (a bus call's, which runs on to its next file) is let become whole.
+  // still being written (a bus call's, which runs on to its next file) is let become whole. A
+  // state file that a full disk refused is tried once more.
   session.stopForQuit();
+  quillane::JSONFileStore::saveUnwritten();
   quillane::SettingsFile::removeRunFile();
   quillane::FileIO::stopWritesForExit();
   std::fflush(nullptr);
