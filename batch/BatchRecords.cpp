@@ -2,6 +2,7 @@
 // assignment; a failed save is silent and the list in memory stays the truth for this run.
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <QDateTime>
@@ -87,23 +88,36 @@ bool BatchViewModel::isRecordSuperseded(const ExportRecord& record) const {
 namespace {
 // QFile::moveToTrash, guarded against Qt 6.4's fallback: where the home Trash can't be set up
 // (no data folder yet) it "succeeds" by moving the file into ./files of the working folder.
-// The data folder is made first, and a file that still lands there is put back.
+// The data folder is made first, and a file that still lands there is put back. So is one whose
+// entry in the Trash (its .trashinfo) came out empty, since Qt does not check that write: on a
+// full disk the file went to the Trash where no file manager could put it back.
 bool moveToTrash(QFile& file) {
   QDir().mkpath(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation));
   const QString original = file.fileName();
   if (!file.moveToTrash()) return false;
-  if (QFileInfo(file.fileName()).isAbsolute()) return true;
+  const QFileInfo trashed(file.fileName());
+  const QString info =
+      trashed.isAbsolute() ? trashed.path() + QStringLiteral("/../info/") : QStringLiteral("info/");
+  if (trashed.isAbsolute() && QFileInfo(info + trashed.fileName() + QStringLiteral(".trashinfo")).size() > 0)
+    return true;
   QFile::rename(file.fileName(), original);
-  QFile::remove(QStringLiteral("info/") + QFileInfo(original).fileName() + QStringLiteral(".trashinfo"));
+  QFile::remove(info + trashed.fileName() + QStringLiteral(".trashinfo"));
   return false;
 }
 
 // Why the file at `path` could not be taken away: its folder's refusal of a change where it
-// has one (a read-only volume, no permission), else an input/output error.
+// has one (a read-only volume, no permission), a volume with no room left (for the Trash's
+// entry), else an input/output error.
 int removalError(const std::string& path) {
   const size_t slash = path.rfind('/');
   const std::string folder = slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-  return ::access(folder.c_str(), W_OK | X_OK) == 0 ? EIO : errno;
+  if (::access(folder.c_str(), W_OK | X_OK) != 0) return errno;
+  // Some volumes give no counts at all (btrfs has no inode count): zeros there say nothing.
+  struct statvfs volume {};
+  const bool full =
+      ::statvfs(folder.c_str(), &volume) == 0 &&
+      ((volume.f_blocks > 0 && volume.f_bavail == 0) || (volume.f_files > 0 && volume.f_favail == 0));
+  return full ? ENOSPC : EIO;
 }
 }  // namespace
 

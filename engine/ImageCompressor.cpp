@@ -441,7 +441,12 @@ ImageCompressionResult compress(const std::string& path, const std::string& dire
                                  ? *destinationFilename
                                  : baseName(path) + "." + std::string(ImageFormats::fileExtension(format));
     const std::string destination = withoutDotSteps(std::filesystem::absolute(directory) / name).string();
-    FileIO::writeFileAtomically(destination, compressed, FileIO::permissionsFor(path), mayReplace);
+    try {
+      FileIO::writeFileAtomically(destination, compressed, FileIO::permissionsFor(path), mayReplace);
+    } catch (const FileIO::WriteError&) {
+      result.unwritten = true;
+      throw;
+    }
     const auto written = int64_t(compressed.size());
     result.originalSizeBytes = original;
     result.compressedSizeBytes = written;

@@ -52,6 +52,9 @@ struct ImageCompressionResult {
   std::optional<int> pixelWidth;  // the result's size in pixels
   std::optional<int> pixelHeight;
   std::optional<std::string> skipped;  // why the original was kept and nothing written
+  // The result was made but its destination refused it (full, read-only, gone): a later try
+  // may write it where one of a source that can't be read would fail again.
+  bool unwritten = false;
 
   bool succeeded() const { return !error.has_value(); }
   // {"butteraugli":..,"compressedSizeBytes":..,"destination":..,"originalSizeBytes":..,"path":..,"ratio":..}

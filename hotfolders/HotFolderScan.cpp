@@ -15,6 +15,7 @@
 #include <QThreadPool>
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <set>
 #include <thread>
 
@@ -22,8 +23,10 @@
 #include "budget/CompressionBudget.h"
 #include "budget/CompressionCost.h"
 #include "engine/Errors.h"
+#include "engine/FileIO.h"
 #include "engine/ImageCompressor.h"
 #include "engine/ImageFormat.h"
+#include "engine/Localization.h"
 #include "hotfolders/FileCompleteness.h"
 #include "hotfolders/HotFolderProcessedStore.h"
 #include "hotfolders/HotFolderWatcher.h"
@@ -111,6 +114,7 @@ struct HotFolderWatcher::Settings {
   ImageFormat format;
   double quality;
   CompressionOptions sizing;
+  std::optional<std::string> unusable{};  // why the destination can't be made: each file's error
 };
 
 // Each name is the allocator's next whose file in the destination is free, or is the source's
@@ -201,10 +205,17 @@ void HotFolderWatcher::scanSteps() {
   }
   // Nothing compressed and the stale names kept, so that recreating the profile resumes the
   // folder where it stood.
-  const std::optional<Settings> settings = resolveSettings();
+  std::optional<Settings> settings = resolveSettings();
   if (!settings) return;
   if (!stale.isEmpty()) HotFolderProcessedStore::pruneProcessedState(id, stale);
-  QDir().mkpath(settings->destination);  // on failure each file fails and says so
+  // On failure each file fails with the reason (a read-only or full volume), not with the
+  // missing folder that follows from it, and nothing is compressed for nothing.
+  const std::string destination = QFile::encodeName(settings->destination).toStdString();
+  std::error_code made;
+  std::filesystem::create_directories(destination, made);
+  if (made)
+    settings->unusable =
+        FileIO::WriteError(destination, destination, Localization::systemError(made.value())).description();
   OutputNames names(id, *settings, candidates);
   name(candidates, names);
   compressAll(candidates, *settings, names);
@@ -360,6 +371,14 @@ void HotFolderWatcher::compressAll(const std::vector<Candidate>& candidates, con
 // compressed stays: the next free name is written instead, compressed again.
 ImageCompressionResult HotFolderWatcher::compressOne(const Candidate& candidate, const Settings& settings,
                                                      OutputNames& names) {
+  if (settings.unusable) {
+    ImageCompressionResult failed;
+    failed.path = candidate.path;
+    failed.originalSizeBytes = candidate.size;
+    failed.error = settings.unusable;
+    failed.unwritten = true;
+    return failed;
+  }
   const CompressionBudget::Claim claim = CompressionBudget::process().claim(
       CompressionCost::fileCostMB(candidate.path, settings.format, settings.quality));
   const std::string destination = QFile::encodeName(settings.destination).toStdString();
@@ -402,6 +421,7 @@ void HotFolderWatcher::record(const Candidate& candidate, const ImageCompression
   bool repeated = false;
   if (result.error) {
     line.error = QString::fromStdString(*result.error);
+    unwritten_ = unwritten_ || result.unwritten;
     const ReportedFailure failure{candidate.size, candidate.modificationDate, *line.error};
     const auto previous = reportedFailures_.find(candidate.fileName);
     repeated = previous != reportedFailures_.end() && previous->second == failure;

@@ -65,6 +65,8 @@ class HotFolderWatcher::Loop : public QObject {
         startTimer_(watcher.timing_.startTimer ? watcher.timing_.startTimer : &startQTimer) {
     connect(&poll_, &QTimer::timeout, this, [this] { scanIfRunning(); });  // a poll is not debounced
     connect(&retry_, &QTimer::timeout, this, [this] { guarded([this] { open(); }); });
+    rewrite_.setSingleShot(true);
+    connect(&rewrite_, &QTimer::timeout, this, [this] { scanIfRunning(); });
   }
 
   // Runs `step` as one of the loop's events. What escapes it (memory running out, say) is said
@@ -142,6 +144,7 @@ class HotFolderWatcher::Loop : public QObject {
   void stop() {
     closeWatch();
     retry_.stop();
+    rewrite_.stop();
   }
 
   // Drains the descriptor; an entry change asks for a scan, the folder going away ends the
@@ -180,8 +183,23 @@ class HotFolderWatcher::Loop : public QObject {
   }
 
  private:
+  // A scan whose results the destination refused (full, read-only) is followed by another,
+  // later and later while they keep failing: no event may come once there is room again.
   void scanIfRunning() {
-    if (!watcher_.isStopped()) watcher_.scanOnce();
+    if (watcher_.isStopped()) return;
+    {
+      MutexLock lock(watcher_.reportLock_);
+      watcher_.unwritten_ = false;
+    }
+    watcher_.scanOnce();
+    MutexLock lock(watcher_.reportLock_);
+    if (!watcher_.unwritten_) {
+      rewrite_.stop();
+      rewriteDelay_ = watcher_.timing_.rewriteInterval;
+    } else if (!rewrite_.isActive()) {
+      rewrite_.start(rewriteDelay_);
+      rewriteDelay_ = std::min(rewriteDelay_ * 2, watcher_.timing_.rewriteInterval * 32);
+    }
   }
 
   void wait() {
@@ -204,7 +222,8 @@ class HotFolderWatcher::Loop : public QObject {
   int fd_ = -1;
   QSocketNotifier* notifier_ = nullptr;
   QPointer<QObject> debounce_;  // the pending scan's timer, null once it has fired or stopped
-  QTimer poll_{this}, retry_{this};
+  QTimer poll_{this}, retry_{this}, rewrite_{this};
+  std::chrono::milliseconds rewriteDelay_ = watcher_.timing_.rewriteInterval;
   uint64_t device_ = 0, inode_ = 0;
   bool wasMountRoot_ = false;  // for the life of the watcher: then only a volume's root will do
   Clock::time_point firstRequest_;

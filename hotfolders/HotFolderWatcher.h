@@ -55,6 +55,9 @@ struct HotFolderWatcherTiming {
   // Replaces the 30 s interval and turns polling on whatever the volume.
   std::optional<std::chrono::milliseconds> pollInterval{};
   std::chrono::milliseconds retryInterval{2000};  // while waiting for the folder
+  // After a scan whose results its destination refused (full, read-only), the wait before the
+  // next; doubled while they keep failing, up to 32 times, so no disk is hammered.
+  std::chrono::milliseconds rewriteInterval{30000};
   // Starts the debounce on the watcher's thread; empty: a QTimer. A test passes a clock of its
   // own to say when the debounce has passed.
   TimerStarter startTimer{};
@@ -176,6 +179,7 @@ class HotFolderWatcher {
   };
   std::map<std::string, ReportedFailure> reportedFailures_ GUARDED_BY(reportLock_);  // by file name (bytes)
   std::optional<QString> reportedFolderError_ GUARDED_BY(reportLock_);
+  bool unwritten_ GUARDED_BY(reportLock_) = false;  // a result of this scan was refused by its destination
 };
 
 }  // namespace quillane

@@ -45,6 +45,7 @@
 #include "automation/QuillaneBusService.h"
 #include "automation/TerminationSignals.h"
 #include "engine/FileIO.h"
+#include "records/JSONFileStore.h"
 #include "services/BaseDirectories.h"
 #include "services/LanguageManager.h"
 #include "services/SettingsFile.h"
@@ -284,14 +285,16 @@ int main(int argc, char** argv) {
   // its own and is never handed to this one, which is ending. Running encodes are abandoned: they
   // cannot be interrupted inside the codec libraries and write nothing, and the batch, history and
   // settings are on disk (each is written when it changes; an export under way is finished and
-  // recorded first). What serves or writes files is stopped, and a file still being written (a bus
-  // call's, which runs on to its next file) is let become whole, all within endingBound: work stuck
-  // on a volume that stopped answering would never end, and the process ends without it, leaving at
-  // most the temporary of a write cut off there (records are made only of files written whole).
+  // recorded first). What serves or writes files is stopped, a file still being written (a bus call's,
+  // which runs on to its next file) is let become whole and a state file that a full disk refused is
+  // tried once more, all within endingBound: work stuck on a volume that stopped answering would never
+  // end, and the process ends without it, leaving at most the temporary of a write cut off there
+  // (records are made only of files written whole).
   bus.withdraw();
   const auto deadline = std::chrono::steady_clock::now() + quillane::TerminationSignals::endingBound;
   endBy(deadline, status);
   session.stopForQuit();
+  quillane::JSONFileStore::saveUnwritten();
   quillane::SettingsFile::removeRunFile();
   quillane::FileIO::stopWritesForExit(deadline);
   std::fflush(nullptr);

@@ -1,4 +1,5 @@
 // Export and the names it gives, history with undo, and the model's profile operations.
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <QJsonDocument>
@@ -137,6 +138,28 @@ TEST_F(ExportTest, UndoRespectsSupersedingRecordsAndKeepsARecordWhoseFileWontGo)
     model.undoExport(ExportHistory::load().at(0));  // as read back at a later start
     EXPECT_EQ(contentOf(target), edited) << inPlace;
     EXPECT_TRUE(model.exportHistory().empty());
+  }
+  // A full volume (a tmpfs of 64 KiB, filled): Qt moves the file to its Trash with an empty entry
+  // there that no file manager can put back, and says it did; the file stays and so does its record.
+  const QString volume = dir_.filePath("volume");
+  const QByteArray mountPoint = QFile::encodeName(volume);
+  QDir().mkpath(volume);
+  if (::mount("tmpfs", mountPoint.constData(), "tmpfs", MS_NOSUID | MS_NODEV, "size=64k") == 0) {
+    const std::unique_ptr<const QByteArray, void (*)(const QByteArray*)> unmount(
+        &mountPoint, [](const QByteArray* path) { ::umount2(path->constData(), MNT_DETACH); });
+    qputenv("XDG_DATA_HOME", QFile::encodeName(volume + "/data"));
+    ASSERT_TRUE(await(model.exportSingle(model.images()[0], QUrl::fromLocalFile(volume + "/a.jpg"))));
+    const QByteArray exported = contentOf(volume + "/a.jpg");
+    QFile pad(volume + "/pad");
+    ASSERT_TRUE(pad.open(QIODevice::WriteOnly));
+    pad.write(QByteArray(64 << 10, 0));  // as much as fits
+    pad.close();
+    model.undoExport(model.exportHistory()[0]);
+    EXPECT_EQ(contentOf(volume + "/a.jpg"), exported);
+    EXPECT_EQ(model.exportHistory().size(), 1u);
+    EXPECT_TRUE(model.exportError().value_or("").contains(std::strerror(ENOSPC)));
+    model.clearExportHistory();
+    model.setExportError(std::nullopt);
   }
   qputenv("XDG_DATA_HOME", previousDataHome);
 

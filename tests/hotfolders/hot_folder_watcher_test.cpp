@@ -1,6 +1,7 @@
 // HotFolderWatcher with real inotify and real compressions: when scans run (debounce, start, stop,
 // polling), which files they take (stability, memory), and what they write and report.
 
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <QFileInfo>
@@ -204,6 +205,46 @@ TEST_F(HotFolderWatcherTest, DestinationThatCannotBeMadeFailsEachFileAndEachScan
         << line.sourceFileName.toStdString();
   EXPECT_TRUE(memory(hotFolder).isEmpty());
   EXPECT_EQ(QDir(source_).entryList(QDir::Files), (QStringList{"a.jpg", "b.jpg"}));  // sources untouched
+}
+
+// A destination on a full volume (a tmpfs of three inodes, all taken) fails the file with the
+// folder and the system's reason, not with the folder it could not make, leaves nothing there, and
+// the file is taken once there is room again, with no new file to start a scan. Needs the right
+// to mount: skipped elsewhere.
+TEST_F(HotFolderWatcherTest, FullDestinationIsTriedAgainUntilThereIsRoom) {
+  const QString volume = temp_.path() + QStringLiteral("/volume");
+  ASSERT_TRUE(QDir().mkpath(volume));
+  const QByteArray mountPoint = QFile::encodeName(volume);
+  if (::mount("tmpfs", mountPoint.constData(), "tmpfs", MS_NOSUID | MS_NODEV, "nr_inodes=3") != 0)
+    GTEST_SKIP() << "no right to mount here";
+  const std::unique_ptr<const QByteArray, void (*)(const QByteArray*)> unmount(
+      &mountPoint, [](const QByteArray* path) { ::umount2(path->constData(), MNT_DETACH); });
+  for (const char* pad : {"pad1", "pad2"}) writeBytes(pathOf(pad, volume), {'x'});
+  destination_ = volume + QStringLiteral("/out");
+  putImage(QStringLiteral("a.jpg"));
+  watch(folder(), {.rewriteInterval = 100ms})->start();
+  ASSERT_TRUE(reports_.waitForLines(1));
+  EXPECT_EQ(reports_.lines()[0].error.value_or(""), destination_ + ": No space left on device");
+  EXPECT_EQ(QDir(volume).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+            (QStringList{"pad1", "pad2"}));
+
+  for (const char* pad : {"pad1", "pad2"}) ASSERT_EQ(::unlink(pathOf(pad, volume).c_str()), 0);
+  ASSERT_TRUE(reports_.waitForLines(2)) << "said once however often it was tried";
+  EXPECT_FALSE(reports_.lines()[1].error);
+  EXPECT_EQ(outputs(), QStringList{"a.jpg"});
+}
+
+// A data folder that can't be written (a full or read-only disk; here a plain file in its place)
+// loses nothing of this run: a file compressed once is not compressed again into a second output.
+TEST_F(HotFolderWatcherTest, MemoryThatCannotBeSavedStillHoldsForTheRun) {
+  ASSERT_TRUE(QDir().mkpath(temp_.path() + QStringLiteral("/support")));
+  ASSERT_TRUE(QFile(folder_).open(QIODevice::WriteOnly));
+  putImage(QStringLiteral("a.jpg"));
+  auto watcher = scanned(folder());
+  putImage(QStringLiteral("b.jpg"), 2);
+  watcher->scanOnce();
+  EXPECT_EQ(reports_.lines().size(), 2u);
+  EXPECT_EQ(outputs(), (QStringList{"a.jpg", "b.jpg"}));
 }
 
 // A missing profile is said once for the folder, and nothing is compressed until it is back; a
