@@ -64,9 +64,12 @@ QuillaneApp::~QuillaneApp() {
 }
 
 void QuillaneApp::stopServices() {
+  // The local API's port goes first, as the bus name does: the export or the hot-folder check waited
+  // for next may be stuck on a volume that stopped answering, and a next instance must be able to
+  // listen there meanwhile.
+  apiController_->stop();
   viewModel_->finishWrites();
   hotFoldersManager_.reset();
-  apiController_->stop();
 }
 
 HotFoldersManager& QuillaneApp::startHotFolders() {

@@ -39,8 +39,8 @@ class QuillaneApp : public QObject {
 
   BatchViewModel& viewModel() { return *viewModel_; }
   LocalAPIController& apiController() { return *apiController_; }
-  // Finishes the batch's exports and pending settings save, stops the hot folders (waiting for
-  // the files they are writing) and the local API server, so that the process may end at once:
+  // Stops the local API server, finishes the batch's exports and pending settings save, and stops
+  // the hot folders (waiting for the files they are writing), so that the process may end at once:
   // the batch's own encodes write nothing.
   void stopServices();
   // Null until the first createMainWindow().

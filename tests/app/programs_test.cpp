@@ -15,6 +15,7 @@
 #include <QDBusInterface>
 #include <QJsonObject>
 #include <QStandardPaths>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 #include <algorithm>
@@ -526,6 +527,11 @@ TEST_F(DesktopBus, ASecondLaunchAndTheAPIFeedOneBatchThatARestartFindsAgainAndQu
     EXPECT_TRUE(QTest::qWaitFor([&] { return !owned(); }, 2000) &&
                 processes_.front()->state() == QProcess::Running)
         << "the name was held until the end";
+    QTcpServer next;  // nor is the local API's port: a next instance listens there
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return next.listen(QHostAddress::LocalHost, quint16(apiPort_)); }, 2000) &&
+        processes_.front()->state() == QProcess::Running)
+        << "the port was held until the end";
   }
   ASSERT_TRUE(QTest::qWaitFor([&] { return processes_.front()->state() == QProcess::NotRunning; }, 9000))
       << "still waiting for the encode or the volume";
