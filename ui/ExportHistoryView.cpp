@@ -82,6 +82,13 @@ ExportHistoryView::ExportHistoryView(BatchViewModel& viewModel, bool popup, QWid
   rebuild();
 }
 
+// The focus leaves the rows, and the scroll bar may move, while the widgets are taken down, when
+// this is no longer an ExportHistoryView: neither may reach it then.
+ExportHistoryView::~ExportHistoryView() {
+  disconnect(qApp, nullptr, this, nullptr);
+  scroll_->verticalScrollBar()->disconnect(this);
+}
+
 void ExportHistoryView::rebuild() {
   const auto& history = viewModel_.exportHistory();
   clear_->setVisible(!history.empty());

@@ -32,6 +32,7 @@ class ExportHistoryView : public QFrame {
 
   // As a popup with `popup`, else as a plain widget (screenshots).
   ExportHistoryView(BatchViewModel& viewModel, bool popup, QWidget* parent = nullptr);
+  ~ExportHistoryView() override;
 
   void popUp(const QRect& anchor);
 
